@@ -1,0 +1,56 @@
+# The commands a person types; the presets in CMakePresets.json do the work.
+
+JOBS ?= $(shell nproc)
+
+.PHONY: run test test-asan test-tsan bench lint install deps help
+
+help:
+	@echo "make run    build, start a master on this machine and show what it finds"
+	@echo "make test   build and run every test, plain and under the sanitizers"
+	@echo "make bench  build and run the benchmarks, print the table"
+	@echo "make test-tsan  run the threaded tests under ThreadSanitizer"
+	@echo "make lint   check the sources with clang-tidy and cppcheck"
+	@echo "make install DESTDIR=...   install a release build"
+
+# Installs the Debian packages that are missing; does nothing when none is.
+deps:
+	@packaging/install-dependencies.sh
+
+run: deps
+	cmake --preset release
+	cmake --build --preset release --parallel $(JOBS)
+	@packaging/run-here.sh build/release
+
+test: deps
+	cmake --preset dev
+	cmake --build --preset dev --parallel $(JOBS)
+	ctest --preset dev --parallel $(JOBS)
+	$(MAKE) test-asan
+
+test-asan: deps
+	cmake --preset asan
+	cmake --build --preset asan --parallel $(JOBS)
+	ctest --preset asan --parallel $(JOBS)
+
+# What is threaded and free of the ORB, under ThreadSanitizer.
+test-tsan: deps
+	cmake --preset tsan
+	cmake --build --preset tsan --parallel $(JOBS) --target unit_ozf_sync unit_ozf_log unit_ozf_plugin
+	build/tsan/bin/unit_ozf_sync
+	build/tsan/bin/unit_ozf_log
+	build/tsan/bin/unit_ozf_plugin
+
+bench: deps
+	cmake --preset bench
+	cmake --build --preset bench --parallel $(JOBS)
+	@bench/run.sh build/bench
+
+lint: deps
+	@packaging/install-dependencies.sh lint
+	cmake --preset dev
+	@packaging/lint.sh build/dev
+
+install: deps
+	cmake --preset release
+	cmake --build --preset release --parallel $(JOBS)
+	DESTDIR=$(DESTDIR) cmake --install build/release

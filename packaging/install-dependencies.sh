@@ -1,0 +1,32 @@
+#!/bin/sh
+# Installs the Debian packages that the build, the tests and the tools need,
+# as far as they are missing. With the argument "lint" also what lint needs.
+set -eu
+
+packages="g++ cmake ninja-build pkg-config
+libomniorb4-dev omniidl libace-dev libxerces-c-dev libspdlog-dev libssl-dev
+libcli11-dev nlohmann-json3-dev tao-pegtl-dev libmount-dev libudev-dev libsystemd-dev
+libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev tcl-combat strace iproute2 scdoc"
+[ "${1:-}" = lint ] && packages="$packages clang-tidy cppcheck"
+
+missing=""
+for package in $packages; do
+  status=$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null || true)
+  [ "$status" = installed ] || missing="$missing $package"
+done
+[ -n "$missing" ] || exit 0
+
+if [ "$(id -u)" = 0 ]; then
+  as_root=""
+elif command -v sudo >/dev/null; then
+  as_root=sudo
+else
+  echo "These Debian packages are missing, and only root can install them:$missing" >&2
+  exit 1
+fi
+
+echo "Installing:$missing"
+export DEBIAN_FRONTEND=noninteractive
+$as_root apt-get update -qq
+# shellcheck disable=SC2086
+$as_root apt-get install -y -qq --no-install-recommends $missing >/dev/null

@@ -1,0 +1,10 @@
+#!/bin/sh
+# Checks the sources with clang-tidy and cppcheck. Usage: lint.sh <build directory>
+set -eu
+build=$1
+sources=$(git ls-files 'ozf/*.cpp' 'discovery/*.cpp' 'explorers/*.cpp' 'host/*.cpp' 'tools/*.cpp')
+# shellcheck disable=SC2086
+cppcheck --quiet --std=c++20 --enable=warning,performance,portability --inline-suppr \
+  --error-exitcode=1 --suppress=unknownMacro --suppress=missingInclude -I . $sources
+# shellcheck disable=SC2086
+clang-tidy --quiet -p "$build" $sources
