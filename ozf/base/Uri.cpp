@@ -1,0 +1,212 @@
+#include "ozf/base/Uri.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <openssl/evp.h>
+#include <stdexcept>
+#include <string_view>
+
+namespace Quillon::Tessarine::Ozf
+{
+namespace
+{
+
+constexpr std::size_t LONGEST_KEY = 100;
+constexpr std::size_t KEPT_OF_LONG_KEY = 60;
+constexpr std::size_t HASH_BYTES = 16;
+
+// Independent of the process's locale, unlike <cctype>.
+bool isAlpha(char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); }
+
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+void appendEscape(std::string& text, char c)
+{
+  constexpr std::string_view HEX = "0123456789ABCDEF";
+  auto const byte = static_cast<unsigned char>(c);
+  text += '%';
+  text += HEX[byte >> 4];
+  text += HEX[byte & 0xF];
+}
+
+bool isPrintableAscii(char c) { return c >= 0x20 && c < 0x7F; }
+
+std::string encodeShown(std::string_view text)
+{
+  std::string result;
+  result.reserve(text.size());
+  for (;;)
+  {
+    // Most names end here: records are read by the hundred thousand.
+    auto const plain = std::find_if_not(text.begin(), text.end(), isPrintableAscii);
+    result.append(text.begin(), plain);
+    text.remove_prefix(static_cast<std::size_t>(plain - text.begin()));
+    if (text.empty())
+      return result;
+
+    char32_t point = 0;
+    std::size_t const length = decodeUtf8(text, point);
+    bool const control = point < 0x20 || (point >= 0x7F && point < 0xA0);
+    std::string_view const part = text.substr(0, std::max<std::size_t>(length, 1));
+    if (length != 0 && !control)
+      result += part;
+    else
+      std::for_each(part.begin(), part.end(), [&](char c) { appendEscape(result, c); });
+    text.remove_prefix(part.size());
+  }
+}
+
+std::string hashOf(std::string const& key)
+{
+  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+  unsigned length = 0;
+  if (EVP_Digest(key.data(), key.size(), digest.data(), &length, EVP_sha256(), nullptr) != 1 ||
+      length < HASH_BYTES)
+    throw std::runtime_error("SHA-256 is not available");
+  constexpr std::string_view HEX = "0123456789abcdef";
+  std::string result;
+  for (std::size_t i = 0; i < HASH_BYTES; ++i)
+  {
+    result += HEX[digest[i] >> 4];
+    result += HEX[digest[i] & 0xF];
+  }
+  return result;
+}
+
+std::string encodeFileKey(std::string_view text, bool isPattern)
+{
+  constexpr std::string_view UNTOUCHED = "._~-*";
+  std::string key;
+  key.reserve(text.size());
+  for (char const c : encodeShown(text))
+  {
+    bool const leadingDot = c == '.' && key.empty();
+    if (isAlpha(c) || isDigit(c) || (UNTOUCHED.find(c) != std::string_view::npos && !leadingDot))
+      key += c;
+    else
+      appendEscape(key, c);
+  }
+  if (key.size() <= LONGEST_KEY)
+    return key;
+  if (auto const star = key.find('*'); isPattern && star != std::string::npos)
+    return key.substr(0, std::min(star, KEPT_OF_LONG_KEY)) + '*';
+  return key.substr(0, KEPT_OF_LONG_KEY) + '~' + hashOf(key);
+}
+
+bool isPort(std::string_view text)
+{
+  unsigned value = 0;
+  auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  return !text.empty() && error == std::errc{} && end == text.data() + text.size() &&
+         value <= 65535;
+}
+
+// Splits "host", "host:port", "[address]" or "[address]:port". False when text
+// is none of them; what has an empty host or port is none either, since it
+// could not be put together again as it was.
+bool splitHost(std::string_view text, std::string_view& host, std::string_view& port)
+{
+  std::size_t end = 0;
+  if (text.starts_with('['))
+  {
+    end = text.find(']');
+    if (end == std::string_view::npos || end == 1)
+      return false;
+    ++end;
+  }
+  else
+    end = std::min(text.find(':'), text.size());
+  host = text.substr(0, end);
+  std::string_view const rest = text.substr(end);
+  port = rest.empty() ? rest : rest.substr(1);
+  return !host.empty() && (rest.empty() || (rest.front() == ':' && isPort(port)));
+}
+
+} // namespace
+
+bool UriAuthority::setAuthority(std::string const& text, char const* userInfo, char const* host,
+                                int port)
+{
+  std::string_view const whole(text);
+  auto const at = whole.find('@');
+  m_hasUserInfo = at != std::string_view::npos;
+  std::string_view const hostAndPort = m_hasUserInfo ? whole.substr(at + 1) : whole;
+  std::string_view hostPart;
+  std::string_view portPart;
+  if (splitHost(hostAndPort, hostPart, portPart) && hostPart.find('@') == std::string_view::npos)
+  {
+    m_userInfo = m_hasUserInfo ? whole.substr(0, at) : std::string_view();
+    m_host = hostPart;
+    m_port = portPart;
+  }
+  else
+  {
+    m_hasUserInfo = false;
+    m_userInfo.clear();
+    m_host = text;
+    m_port.clear();
+  }
+
+  if (userInfo != nullptr)
+  {
+    m_hasUserInfo = true;
+    m_userInfo = userInfo;
+  }
+  if (host != nullptr)
+    m_host = host;
+  if (port >= 0)
+    m_port = std::to_string(port);
+  return !m_userInfo.empty() || !m_host.empty() || !m_port.empty();
+}
+
+std::string UriAuthority::getUriEncoding(int component) const
+{
+  std::string whole;
+  if (m_hasUserInfo)
+    whole = m_userInfo + '@';
+  whole += m_host;
+  if (!m_port.empty())
+    whole += ':' + m_port;
+  return Uri::percentEncode(whole, component);
+}
+
+Uri::Uri(std::string const& text)
+{
+  std::string_view rest(text);
+  auto const colon = rest.find(':');
+  if (colon != std::string_view::npos && colon != 0 && isAlpha(rest.front()))
+  {
+    std::string_view const name = rest.substr(0, colon);
+    if (std::all_of(name.begin(), name.end(),
+                    [](char c)
+                    { return isAlpha(c) || isDigit(c) || c == '+' || c == '-' || c == '.'; }))
+    {
+      m_scheme = UriScheme(std::string(name));
+      rest.remove_prefix(colon + 1);
+    }
+  }
+  if (rest.starts_with("//"))
+  {
+    rest.remove_prefix(2);
+    std::size_t const end = std::min(rest.find_first_of("/?#"), rest.size());
+    m_authority.setAuthority(std::string(rest.substr(0, end)));
+    rest.remove_prefix(end);
+  }
+  m_path = rest;
+}
+
+std::string Uri::percentEncode(std::string const& text, int component)
+{
+  switch (component)
+  {
+  case URI_FILE_KEY:
+    return encodeFileKey(text, false);
+  case URI_FILE_PATTERN:
+    return encodeFileKey(text, true);
+  default:
+    return encodeShown(text);
+  }
+}
+
+} // namespace Quillon::Tessarine::Ozf

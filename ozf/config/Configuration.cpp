@@ -1,0 +1,211 @@
+#include "ozf/config/Configuration.h"
+
+#include "ozf/base/OzfString.h"
+#include "ozf/base/SystemError.h"
+#include "ozf/config/ConfigurationValues.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace Quillon::Tessarine::Ozf
+{
+
+namespace
+{
+
+constexpr std::size_t MAX_FILE_SIZE = 16 * 1024 * 1024;
+
+constexpr std::string_view WHITE_SPACE = " \t";
+
+std::string_view trimmed(std::string_view text)
+{
+  auto const first = text.find_first_not_of(WHITE_SPACE);
+  if (first == std::string_view::npos)
+    return {};
+  return text.substr(first, text.find_last_not_of(WHITE_SPACE) - first + 1);
+}
+
+// What is wrong with the characters of a line; empty when nothing is.
+std::string characterMistake(std::string_view line)
+{
+  std::size_t length = 0;
+  for (std::size_t at = 0; at < line.size(); at += length)
+  {
+    char32_t codePoint = 0;
+    length = decodeUtf8(line.substr(at), codePoint);
+    char const* mistake = nullptr;
+    if (length == 0)
+      mistake = "bytes that are not UTF-8";
+    else if (codePoint == 0)
+      mistake = "a NUL byte";
+    else if ((codePoint < 0x20 && codePoint != '\t') || codePoint == 0x7f)
+      mistake = "a control character";
+    if (mistake != nullptr)
+      return mistake + (" at byte " + std::to_string(at + 1)) + " of this line";
+  }
+  return {};
+}
+
+// Opens path only when it is a regular file: to open a device may act on it,
+// and to read from a pipe may last for ever. Returns 0, an errno value, or -1
+// when it is something else.
+int openRegular(std::string const& path, UniqueFd& fd)
+{
+  struct stat status = {};
+  if (stat(path.c_str(), &status) != 0)
+    return errno;
+  if (!S_ISREG(status.st_mode))
+    return -1;
+  fd.reset(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  if (!fd.valid() || fstat(fd.get(), &status) != 0)
+    return errno;
+  return S_ISREG(status.st_mode) ? 0 : -1;
+}
+
+} // namespace
+
+std::string ConfigurationProblem::text() const
+{
+  return line > 0 ? file + ":" + std::to_string(line) + ": " + message : file + ": " + message;
+}
+
+Configuration Configuration::read(std::string const& path)
+{
+  Configuration result;
+  result.m_path = path;
+
+  UniqueFd fd;
+  std::string text;
+  int error = openRegular(path, fd);
+  if (error == 0)
+    error = readAll(fd.get(), text, MAX_FILE_SIZE);
+
+  result.m_missing = error == ENOENT;
+  if (error == -1)
+    result.addProblem(0, "not a regular file");
+  else if (error == EFBIG)
+    result.addProblem(0, "larger than 16 MiB");
+  else if (error != 0)
+    result.addProblem(0, "cannot be read: " + errorText(error));
+  else
+  {
+    result.m_readable = true;
+    result.parse(text);
+  }
+  return result;
+}
+
+void Configuration::parse(std::string const& text)
+{
+  constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
+  std::string_view rest = text;
+  if (rest.starts_with(BYTE_ORDER_MARK))
+    rest.remove_prefix(BYTE_ORDER_MARK.size());
+
+  for (int number = 1; !rest.empty(); ++number)
+  {
+    auto const end = rest.find('\n');
+    std::string_view line = rest.substr(0, end);
+    rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
+    if (line.ends_with('\r'))
+      line.remove_suffix(1);
+    parseLine(line, number);
+  }
+}
+
+void Configuration::parseLine(std::string_view line, int number)
+{
+  if (std::string mistake = characterMistake(line); !mistake.empty())
+  {
+    addProblem(number, std::move(mistake));
+    return;
+  }
+  line = trimmed(line);
+  if (line.empty() || line.front() == '#')
+    return;
+
+  auto const equals = line.find('=');
+  if (equals == std::string_view::npos)
+  {
+    addProblem(number, "no '=' in this line; accepted is KEY = VALUE");
+    return;
+  }
+  std::string_view const key = trimmed(line.substr(0, equals));
+  if (key.empty())
+    addProblem(number, "no key before '='; accepted is KEY = VALUE");
+  else if (key.find_first_of(WHITE_SPACE) != std::string_view::npos)
+    addProblem(number, "white space inside the key; accepted is KEY = VALUE");
+  else
+    m_entries[std::string(key)].push_back({std::string(trimmed(line.substr(equals + 1))), number});
+}
+
+void Configuration::addProblem(int line, std::string message)
+{
+  m_problems.push_back({m_path, line, std::move(message)});
+}
+
+Configuration Configuration::with(std::string const& key, std::string const& value) const
+{
+  Configuration result = *this;
+  result.m_entries[key] = {{value, NO_LINE}};
+  return result;
+}
+
+std::string const* Configuration::find(std::string const& key) const
+{
+  auto const entry = m_entries.find(key);
+  return entry == m_entries.end() ? nullptr : &entry->second.back().value;
+}
+
+std::string const* Configuration::findNamed(std::string const& prefix,
+                                            std::string const& name) const
+{
+  Entry const* last = nullptr;
+  for (auto entry = m_entries.lower_bound(prefix);
+       entry != m_entries.end() && entry->first.starts_with(prefix); ++entry)
+  {
+    if (equalIgnoringCase(std::string_view(entry->first).substr(prefix.size()), name) &&
+        (last == nullptr || last->line < entry->second.back().line))
+      last = &entry->second.back();
+  }
+  return last == nullptr ? nullptr : &last->value;
+}
+
+std::vector<std::string> Configuration::list(std::string const& key) const
+{
+  std::vector<std::string> values;
+  if (auto const entry = m_entries.find(key); entry != m_entries.end())
+    for (auto const& one : entry->second)
+      values.push_back(one.value);
+  return values;
+}
+
+bool Configuration::getBoolean(std::string const& key, bool defaultValue, bool& value) const
+{
+  std::string const* const text = find(key);
+  if (text == nullptr)
+  {
+    value = defaultValue;
+    return true;
+  }
+  auto const parsed = parseBoolean(*text);
+  value = parsed.value_or(value);
+  return parsed.has_value();
+}
+
+bool Configuration::getInteger(std::string const& key, long defaultValue, long low, long high,
+                               long& value) const
+{
+  std::string const* const text = find(key);
+  if (text == nullptr)
+  {
+    value = defaultValue;
+    return true;
+  }
+  auto const parsed = parseInteger(*text, low, high);
+  value = parsed.value_or(value);
+  return parsed.has_value();
+}
+
+} // namespace Quillon::Tessarine::Ozf

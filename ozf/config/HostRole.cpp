@@ -1,0 +1,179 @@
+#include "ozf/config/HostRole.h"
+
+#include "ozf/base/OzfHostname.h"
+#include "ozf/base/SystemError.h"
+#include "ozf/config/AsciiCase.h"
+#include "ozf/config/Configuration.h"
+#include "ozf/config/IpAddress.h"
+#include "ozf/log/FrameworkLogger.h"
+
+#include <algorithm>
+#include <ifaddrs.h>
+#include <memory>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <vector>
+
+namespace Quillon::Tessarine::Ozf
+{
+
+namespace
+{
+
+constexpr char SOURCE[] = "HostRole";
+
+constexpr char HOST_ADDRESS[] = "HOST_ADDRESS.";
+constexpr char DISCOVERY_SERVICE[] = "DiscoveryService";
+constexpr unsigned short DISCOVERY_PORT = 27511;
+
+std::string withoutFinalDot(std::string name)
+{
+  if (name.size() > 1 && name.ends_with('.'))
+    name.pop_back();
+  return name;
+}
+
+std::string const* staticAddress(Configuration const& configuration, std::string const& host)
+{
+  std::string const name = withoutFinalDot(host);
+  std::string const* const address = configuration.findNamed(HOST_ADDRESS, name);
+  return address != nullptr ? address : configuration.findNamed(HOST_ADDRESS, name + '.');
+}
+
+bool isShortFormOf(std::string const& shortName, std::string const& longName)
+{
+  return shortName.find('.') == std::string::npos &&
+         equalIgnoringCase(shortName, longName.substr(0, longName.find('.')));
+}
+
+bool sameHostName(Configuration const& configuration, std::string const& own,
+                  std::string const& server)
+{
+  if (equalIgnoringCase(own, server))
+    return true;
+  // The digits before an address's first dot are no host's short name.
+  if (IpAddress::fromText(own) || IpAddress::fromText(server))
+    return false;
+  if (!isShortFormOf(own, server) && !isShortFormOf(server, own))
+    return false;
+  std::string const* const ownAddress = staticAddress(configuration, own);
+  std::string const* const serverAddress = staticAddress(configuration, server);
+  return ownAddress == nullptr || serverAddress == nullptr ||
+         IpAddress::fromText(*ownAddress) == IpAddress::fromText(*serverAddress);
+}
+
+std::vector<IpAddress> resolve(std::string const& host)
+{
+  if (auto const address = IpAddress::fromText(host))
+    return {*address};
+
+  addrinfo hints = {};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  if (int const error = getaddrinfo(host.c_str(), nullptr, &hints, &found); error != 0)
+  {
+    OZF_LOG(getFrameworkLogger(), 4, SOURCE, "IsRunningOnMasterServer",
+            "Cannot resolve the master's name " << host << ": " << gai_strerror(error));
+    return {};
+  }
+  std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> const owner(found, freeaddrinfo);
+  std::vector<IpAddress> addresses;
+  for (addrinfo const* one = found; one != nullptr; one = one->ai_next)
+    if (auto const address = IpAddress::fromSocket(one->ai_addr))
+      addresses.push_back(*address);
+  return addresses;
+}
+
+bool isOnAnInterface(std::vector<IpAddress> const& addresses)
+{
+  if (std::any_of(addresses.begin(), addresses.end(),
+                  [](IpAddress const& address) { return address.isLoopback(); }))
+    return true;
+
+  ifaddrs* found = nullptr;
+  if (getifaddrs(&found) != 0)
+  {
+    OZF_LOG(getFrameworkLogger(), 1, SOURCE, "IsRunningOnMasterServer",
+            "Cannot list this host's addresses: " << errorText(errno));
+    return false;
+  }
+  std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> const owner(found, freeifaddrs);
+  for (ifaddrs const* one = found; one != nullptr; one = one->ifa_next)
+  {
+    auto const own = IpAddress::fromSocket(one->ifa_addr);
+    if (own && std::find(addresses.begin(), addresses.end(), *own) != addresses.end())
+      return true;
+  }
+  return false;
+}
+
+bool isOwnAddress(Configuration const& configuration, std::vector<IpAddress> const& addresses)
+{
+  auto const bound = configuration.list("ORB_BIND");
+  if (bound.empty())
+    return isOnAnInterface(addresses);
+  for (auto const& text : bound)
+  {
+    auto const own = IpAddress::fromText(text);
+    if (own && own->isWildcard())
+      return isOnAnInterface(addresses);
+    if (own && std::find(addresses.begin(), addresses.end(), *own) != addresses.end())
+      return true;
+  }
+  return false;
+}
+
+unsigned short portOfServicesDatabase(std::string const& service)
+{
+  std::vector<char> buffer(1024);
+  servent entry = {};
+  servent* found = nullptr;
+  int error = 0;
+  while ((error = getservbyname_r(service.c_str(), "tcp", &entry, buffer.data(), buffer.size(),
+                                  &found)) == ERANGE)
+    buffer.resize(buffer.size() * 2);
+  return error == 0 && found != nullptr ? ntohs(static_cast<unsigned short>(found->s_port)) : 0;
+}
+
+} // namespace
+
+int IsRunningOnMasterServer()
+{
+  auto const configuration = getConfiguration();
+  std::string const* const configured = configuration->find("SERVER");
+  if (configured == nullptr || configured->empty())
+    return 1;
+  std::string const server = withoutFinalDot(*configured);
+
+  OzfHostname local;
+  if (local.setLocal() &&
+      sameHostName(*configuration, withoutFinalDot(local.exportNarrow()), server))
+    return 0;
+  return isOwnAddress(*configuration, resolve(getHostAddress(server))) ? 0 : 1;
+}
+
+std::string getHostAddress(std::string const& host)
+{
+  auto const configuration = getConfiguration();
+  std::string const* const address = staticAddress(*configuration, host);
+  return address != nullptr && !address->empty() ? *address : host;
+}
+
+unsigned short getServicePort(std::string const& service)
+{
+  auto const configuration = getConfiguration();
+  std::string const key = "ORB_PORT." + service;
+  long port = 0;
+  if (!configuration->getInteger(key, 0, 1, 65535, port))
+    OZF_LOG(getFrameworkLogger(), 1, SOURCE, "getServicePort",
+            key << " is \"" << *configuration->find(key)
+                << "\"; accepted: whole numbers from 1 to 65535");
+  if (port != 0)
+    return static_cast<unsigned short>(port);
+  if (unsigned short const known = portOfServicesDatabase(service); known != 0)
+    return known;
+  return service == DISCOVERY_SERVICE ? DISCOVERY_PORT : 0;
+}
+
+} // namespace Quillon::Tessarine::Ozf

@@ -1,0 +1,41 @@
+// Which part this host plays, and the addresses of hosts.
+
+#pragma once
+
+#include "ozf/base/Export.h"
+
+#include <string>
+
+namespace Quillon::Tessarine::Ozf
+{
+
+// 0 when this host is the master: its own name, or one of its addresses, is
+// that of SERVER. Non-zero otherwise, also when SERVER is not configured. May
+// ask the system's resolver and so block for its time-out.
+//
+// Names are the same when they differ in letter case or in a dot at the end
+// only, or when one of them is short (has no dot) and is the first label of
+// the other; a short and a long name for which HOST_ADDRESS gives two
+// different addresses are two hosts all the same.
+//
+// Failing that, the addresses of SERVER (HOST_ADDRESS first, else the system's
+// resolver) are compared with this host's own:
+// - With ORB_BIND they are exactly the addresses given there. Several hosts
+//   may share one machine then, each on addresses of its own, so neither the
+//   machine's interfaces nor 127.0.0.1, which every machine has, tell them
+//   apart. 0.0.0.0 and :: stand for all interfaces, as without ORB_BIND.
+// - Without it they are those of the machine's interfaces, and every loopback
+//   address, since those lead nowhere else.
+OZF_EXPORT int IsRunningOnMasterServer();
+
+// The address to use for a host: the value of HOST_ADDRESS.<name> when there
+// is one, else the name itself, to be resolved by the system. Names are
+// compared without regard to case.
+OZF_EXPORT std::string getHostAddress(std::string const& host);
+
+// The port of a service: the value of ORB_PORT.<service>, else the system's
+// services database (TCP), else 27511 for "DiscoveryService", else 0. A value
+// that is no port is reported at level 1 and passed over.
+OZF_EXPORT unsigned short getServicePort(std::string const& service);
+
+} // namespace Quillon::Tessarine::Ozf

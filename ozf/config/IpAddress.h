@@ -1,0 +1,37 @@
+// Numeric network addresses.
+
+#pragma once
+
+#include <array>
+#include <optional>
+#include <string>
+
+struct sockaddr;
+
+namespace Quillon::Tessarine::Ozf
+{
+
+// An IPv4 address is kept in its IPv6 form ::ffff:a.b.c.d, so that both forms
+// of one address are equal. Interface scopes are not kept.
+class IpAddress
+{
+public:
+  // Text is a dotted quad or an IPv6 address, the latter with or without a
+  // scope ("fe80::1%eth0").
+  static std::optional<IpAddress> fromText(std::string const& text);
+
+  // Nothing for families other than IPv4 and IPv6.
+  static std::optional<IpAddress> fromSocket(sockaddr const* address);
+
+  bool isLoopback() const noexcept;
+  bool isWildcard() const noexcept;
+
+  bool operator==(IpAddress const&) const = default;
+
+private:
+  bool isIpv4() const noexcept;
+
+  std::array<unsigned char, 16> m_bytes{};
+};
+
+} // namespace Quillon::Tessarine::Ozf

@@ -1,0 +1,107 @@
+// Log lines.
+//
+// Levels: 1 errors and notable events, 4 detail, 6 fine detail. A logger of
+// level N admits lines of level N and below; 0 admits none.
+
+#pragma once
+
+#include "ozf/base/Export.h"
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+
+namespace Quillon::Tessarine::Ozf
+{
+
+// One line as the sinks get it.
+struct LogLine
+{
+  int originator;
+  int level;
+  std::string operation; // "DBDiscovery::persist"
+  std::string text;      // the message and " (Source:line)"
+};
+
+// A logger belongs to one originator number. Any thread may use it.
+class OZF_EXPORT OzfLogger
+{
+public:
+  bool admits(int level) const noexcept { return level <= getLevel(); }
+  int getLevel() const noexcept;
+  int originator() const noexcept { return m_originator; }
+
+  // Writes a line whatever its level. Line breaks and control characters of
+  // the text, and bytes that are not UTF-8, are written as \xNN, so that one
+  // line stays one line. What cannot be written is noted on standard error.
+  void write(int level, char const* operation, std::string const& text) noexcept;
+
+private:
+  friend class LoggerFactory;
+  explicit OzfLogger(int originator) : m_originator(originator) {}
+
+  int const m_originator;
+};
+
+// Where lines go. The level and the sinks are the process's, not a logger's.
+class OZF_EXPORT LoggerFactory
+{
+public:
+  // The logger of that originator, made on first use and never destroyed.
+  static OzfLogger* getLogger(int originator);
+
+  // 1 at first.
+  static void setLevel(int level) noexcept;
+  static int getLevel() noexcept;
+
+  // Lines go to standard error at first. setFile sends them to a rotating
+  // file (10 MiB, five old ones); returns false, with the reason, when it
+  // cannot be opened, and changes nothing. setSyslog sends them to syslog
+  // under the program name given.
+  static void setStderr();
+  static bool setFile(std::string const& path, std::string& reason);
+  static void setSyslog(std::string const& program);
+
+  // For tests: every line also goes to the observer, under the lock of the
+  // factory, so the observer must not log; an empty function ends that.
+  using Observer = std::function<void(LogLine const&)>;
+  static void setObserver(Observer observer);
+
+  // Pushes out what is buffered.
+  static void flush();
+};
+
+// Notes entry into and exit from an operation at level 6.
+class OZF_EXPORT TraceScope
+{
+public:
+  TraceScope(OzfLogger* logger, char const* operation);
+  ~TraceScope();
+  TraceScope(TraceScope const&) = delete;
+  TraceScope& operator=(TraceScope const&) = delete;
+
+private:
+  OzfLogger* m_logger;
+  char const* m_operation;
+};
+
+} // namespace Quillon::Tessarine::Ozf
+
+// Writes a line when logger (an OzfLogger*) admits level; only then is the
+// text built. text is a chain of stream insertions without the first stream:
+//   OZF_LOG(getOzfLogger(), 1, "DiscDB", "DBDiscovery::load", "Unable to open " << path);
+// The source's name and the line number are added as " (DiscDB:42)".
+#define OZF_LOG(logger, level, source, operation, text)                                           \
+  do                                                                                              \
+  {                                                                                               \
+    ::Quillon::Tessarine::Ozf::OzfLogger* const ozfLogLogger = (logger);                          \
+    if (ozfLogLogger->admits(level))                                                              \
+    {                                                                                             \
+      std::ostringstream ozfLogText;                                                              \
+      ozfLogText << text << " (" << (source) << ":" << __LINE__ << ")";                           \
+      ozfLogLogger->write((level), (operation), ozfLogText.str());                                \
+    }                                                                                             \
+  } while (false)

@@ -1,0 +1,343 @@
+// Two mutexes. One guards the count and is held while the CORBA ORB comes up
+// and goes down, which upcalls never do; going down waits for upcalls. These
+// may publish and withdraw names, so the table of names has a mutex of its
+// own, taken after the other where both are.
+
+#include "ozf/orb/CorbaProcess.h"
+
+#include "ozf/base/SystemError.h"
+#include "ozf/config/Configuration.h"
+#include "ozf/log/Assertion.h"
+#include "ozf/log/FrameworkLogger.h"
+#include "ozf/orb/ListenCheck.h"
+
+#include <omniORB4/callDescriptor.h>
+#include <omniORB4/omniInterceptors.h>
+#include <omniORB4/omniORB.h>
+
+#include <ace/ACE.h>
+#include <ace/ARGV.h>
+#include <ace/Init_ACE.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
+
+#include <atomic>
+#include <ctime>
+#include <map>
+#include <mutex>
+#include <new>
+#include <vector>
+
+namespace Quillon::Tessarine::Ozf
+{
+
+namespace
+{
+
+constexpr char SOURCE[] = "CorbaProcess";
+
+// Descriptors that connections leave to files and to calls going out.
+constexpr rlim_t RESERVED_DESCRIPTORS = 64;
+
+struct Published
+{
+  CorbaProcess const* owner;
+  PortableServer::Servant servant;
+};
+
+struct Shared
+{
+  std::mutex lifeMutex;
+  long users = 0;
+  CORBA::ORB_var orb;
+  unsigned short port = 0;
+
+  std::mutex namesMutex;
+  std::map<std::string, Published> names;
+};
+
+Shared& shared()
+{
+  static Shared state;
+  return state;
+}
+
+void raiseDescriptorLimit()
+{
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= limit.rlim_max)
+    return;
+  limit.rlim_cur = limit.rlim_max;
+  if (setrlimit(RLIMIT_NOFILE, &limit) != 0)
+    OZF_LOG(getFrameworkLogger(), 1, SOURCE, "CorbaProcess::acquire",
+            "Unable to raise the limit of open files: " << errorText(errno));
+}
+
+void logOfOrb(char const* text)
+{
+  std::string line = text;
+  while (!line.empty() && (line.back() == '\n' || line.back() == ' '))
+    line.pop_back();
+  OZF_LOG(getFrameworkLogger(), 1, SOURCE, "omniORB", line);
+}
+
+// New descriptors get the lowest free number, so one that is close to the
+// limit tells that nearly all are in use.
+bool descriptorsRunShort()
+{
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
+    return false;
+  UniqueFd const probe(eventfd(0, EFD_CLOEXEC));
+  return !probe.valid() || static_cast<rlim_t>(probe.get()) + RESERVED_DESCRIPTORS > limit.rlim_cur;
+}
+
+CORBA::Boolean acceptConnection(omni::omniInterceptors::serverAcceptConnection_T::info_T& info)
+{
+  if (!descriptorsRunShort())
+    return true;
+  info.reject = true;
+  info.why = "too many open files";
+  // One line a second: the cause is likely to be a flood.
+  static std::atomic<std::time_t> lastLine{0};
+  std::time_t const now = std::time(nullptr);
+  if (lastLine.exchange(now) != now)
+    OZF_LOG(getFrameworkLogger(), 1, SOURCE, "CorbaProcess::acceptConnection",
+            "Refused a connection from " << info.peeraddress() << ", too many open files");
+  return true;
+}
+
+// Around every call on a servant: the ORB answers CORBA exceptions in their
+// own right, all others would reach the caller as UNKNOWN.
+void guardCall(omniCallDescriptor* call, omniServant* servant)
+{
+  char const* const operation = call->op() == nullptr ? "" : call->op();
+  try
+  {
+    call->interceptedCall(servant);
+  }
+  catch (AssertionFailure const&)
+  {
+    // Logged where it failed.
+    throw CORBA::INTERNAL(0, CORBA::COMPLETED_MAYBE);
+  }
+  catch (std::bad_alloc const&)
+  {
+    OZF_LOG(getFrameworkLogger(), 1, SOURCE, "CorbaProcess::guardCall",
+            "Out of memory in a call of " << operation);
+    throw CORBA::NO_MEMORY(0, CORBA::COMPLETED_MAYBE);
+  }
+  catch (std::exception const& exception)
+  {
+    OZF_LOG(getFrameworkLogger(), 1, SOURCE, "CorbaProcess::guardCall",
+            "Caught exception in a call of " << operation << ": " << exception.what());
+    throw CORBA::INTERNAL(0, CORBA::COMPLETED_MAYBE);
+  }
+}
+
+CORBA::ORB_ptr startOrb(std::vector<std::string> const& endPoints, std::string const& arguments)
+{
+  // A file that configures every program of the host must not reconfigure this
+  // one. Options given here come last and win.
+  std::string const line = "-ORBconfigFile /dev/null " + arguments;
+  ACE_ARGV argv(line.c_str(), false);
+  int argc = argv.argc();
+
+  struct Option
+  {
+    char const* name;
+    char const* value;
+  };
+  std::vector<Option> options = {
+      {"traceLevel", "1"},
+      // Limits of calls.
+      {"clientCallTimeOutPeriod", "30000"},
+      {"clientConnectTimeOutPeriod", "10000"},
+      {"serverCallTimeOutPeriod", "30000"},
+      {"giopMaxMsgSize", "4194304"},
+      {"maxGIOPConnectionPerServer", "100"},
+      // A slow or silent peer costs a thread of its own, not one of a pool.
+      {"threadPerConnectionPolicy", "1"},
+      {"threadPerConnectionUpperLimit", "500"},
+      {"threadPerConnectionLowerLimit", "400"},
+      {"maxServerThreadPoolSize", "100"},
+      {"inConScanPeriod", "30"},
+      {"outConScanPeriod", "120"},
+      {"scanGranularity", "5"},
+      // References are made without a look-up of the host's name.
+      {"resolveNamesForTransportRules", "0"},
+      {"endPointPublish", "addr"},
+  };
+  for (auto const& endPoint : endPoints)
+    options.push_back({"endPoint", endPoint.c_str()});
+  options.push_back({nullptr, nullptr});
+
+  omniORB::setLogFunction(logOfOrb);
+  static_assert(sizeof(Option) == sizeof(char const* [2]));
+  CORBA::ORB_var orb = CORBA::ORB_init(argc, argv.argv(), "omniORB4",
+                                       reinterpret_cast<char const*(*)[2]>(options.data()));
+
+  auto* const interceptors = omniORB::getInterceptors();
+  interceptors->serverAcceptConnection.add(acceptConnection);
+  interceptors->invokeLocalCall.add(guardCall);
+  return orb._retn();
+}
+
+// Creating the root POA is what opens the sockets.
+void startServing(CORBA::ORB_ptr orb)
+{
+  CORBA::Object_var object = orb->resolve_initial_references("RootPOA");
+  PortableServer::POA_var root = PortableServer::POA::_narrow(object);
+  PortableServer::POAManager_var(root->the_POAManager())->activate();
+  object = orb->resolve_initial_references("omniINSPOA");
+  PortableServer::POA_var named = PortableServer::POA::_narrow(object);
+  PortableServer::POAManager_var(named->the_POAManager())->activate();
+}
+
+PortableServer::POA_ptr namedPoa(CORBA::ORB_ptr orb)
+{
+  CORBA::Object_var object = orb->resolve_initial_references("omniINSPOA");
+  return PortableServer::POA::_narrow(object);
+}
+
+void deactivateName(CORBA::ORB_ptr orb, std::string const& name)
+{
+  try
+  {
+    PortableServer::POA_var poa = namedPoa(orb);
+    PortableServer::ObjectId_var id = PortableServer::string_to_ObjectId(name.c_str());
+    poa->deactivate_object(id);
+  }
+  catch (PortableServer::POA::ObjectNotActive const&)
+  {
+  }
+  catch (CORBA::SystemException const& exception)
+  {
+    OZF_LOG(getFrameworkLogger(), 1, SOURCE, "CorbaProcess::withdraw",
+            "Unable to withdraw " << name << ": " << corbaExceptionText(exception));
+  }
+}
+
+template <class Condition>
+void withdrawWhere(CORBA::ORB_ptr orb, Condition condition)
+{
+  Shared& state = shared();
+  std::lock_guard guard(state.namesMutex);
+  for (auto i = state.names.begin(); i != state.names.end();)
+  {
+    if (condition(i->second))
+    {
+      deactivateName(orb, i->first);
+      i = state.names.erase(i);
+    }
+    else
+      ++i;
+  }
+}
+
+void destroyOrb(CORBA::ORB_ptr orb) noexcept
+{
+  try
+  {
+    orb->destroy();
+  }
+  catch (CORBA::Exception const& exception)
+  {
+    OZF_LOG(getFrameworkLogger(), 1, SOURCE, "CorbaProcess::release",
+            "Caught CORBA exception taking the ORB down: " << corbaExceptionText(exception));
+  }
+}
+
+} // namespace
+
+bool CorbaProcess::acquire(std::string const& name, unsigned short port,
+                           std::string const& arguments)
+{
+  constexpr char OPERATION[] = "CorbaProcess::acquire";
+  // ACE stays up until the process ends: its singletons go with it.
+  static int const aceUp = ACE::init();
+  if (aceUp < 0)
+    OZF_LOG(getFrameworkLogger(), 1, SOURCE, OPERATION, "Unable to initialise ACE");
+
+  Shared& state = shared();
+  std::lock_guard guard(state.lifeMutex);
+  if (state.users == 0)
+  {
+    raiseDescriptorLimit();
+    auto addresses = getConfiguration()->list("ORB_BIND");
+    // What serves no one else need not be reached by others.
+    if (addresses.empty() && port == 0)
+      addresses.push_back("127.0.0.1");
+
+    std::string error;
+    if (!canListen(addresses, port, error))
+    {
+      OZF_LOG(getFrameworkLogger(), 1, SOURCE, OPERATION, error);
+      return false;
+    }
+    try
+    {
+      state.orb = startOrb(makeEndPoints(addresses, port), arguments);
+      startServing(state.orb);
+      state.port = port;
+    }
+    catch (CORBA::Exception const& exception)
+    {
+      OZF_LOG(getFrameworkLogger(), 1, SOURCE, OPERATION,
+              "Caught CORBA exception starting the ORB for " << name << " on port " << port << ": "
+                                                             << corbaExceptionText(exception));
+      if (!CORBA::is_nil(state.orb))
+        destroyOrb(state.orb);
+      state.orb = CORBA::ORB::_nil();
+      return false;
+    }
+  }
+  else if (port != 0 && port != state.port)
+  {
+    OZF_LOG(getFrameworkLogger(), 1, SOURCE, OPERATION,
+            "Unable to listen on port " << port << " for " << name
+                                        << ": the process's ORB is up without it");
+    return false;
+  }
+  ++state.users;
+  m_user = true;
+  m_orb = CORBA::ORB::_duplicate(state.orb);
+  m_port = state.port;
+  return true;
+}
+
+void CorbaProcess::release() noexcept
+{
+  if (!m_user)
+    return;
+  m_user = false;
+  Shared& state = shared();
+  std::lock_guard guard(state.lifeMutex);
+  withdrawWhere(m_orb, [this](Published const& published) { return published.owner == this; });
+  if (--state.users == 0)
+  {
+    destroyOrb(state.orb);
+    state.orb = CORBA::ORB::_nil();
+    state.port = 0;
+  }
+}
+
+void CorbaProcess::publish(std::string const& name, PortableServer::Servant servant)
+{
+  Shared& state = shared();
+  std::lock_guard guard(state.namesMutex);
+  if (state.names.erase(name) != 0)
+    deactivateName(m_orb, name);
+  PortableServer::POA_var poa = namedPoa(m_orb);
+  PortableServer::ObjectId_var id = PortableServer::string_to_ObjectId(name.c_str());
+  poa->activate_object_with_id(id, servant);
+  state.names[name] = {this, servant};
+}
+
+void CorbaProcess::withdraw(PortableServer::Servant servant)
+{
+  withdrawWhere(m_orb, [this, servant](Published const& published)
+                { return published.owner == this && published.servant == servant; });
+}
+
+} // namespace Quillon::Tessarine::Ozf

@@ -1,0 +1,44 @@
+// Counted objects.
+//
+// An object is born with a count of one, which belongs to whoever made it.
+// AutoDereference(T*) takes that reference over; AutoDereference<T>::retain
+// adds one. The object is destroyed when the count falls to zero.
+
+#pragma once
+
+#include "ozf/base/Export.h"
+
+#include <atomic>
+
+namespace Quillon::Tessarine::Ozf
+{
+
+class OZFBlockUntil;
+
+class OZF_EXPORT OZFRefCounted
+{
+public:
+  // Both may be called from any thread. addReference on a const object is
+  // allowed: the count is not part of the value. Both return the count as they
+  // left it; after removeReference returned 0 the object is gone.
+  long addReference() const noexcept;
+  long removeReference() const noexcept;
+
+  // The count at this moment; for tests and log lines only.
+  long referenceCount() const noexcept;
+
+  OZFRefCounted(OZFRefCounted const&) = delete;
+  OZFRefCounted& operator=(OZFRefCounted const&) = delete;
+
+protected:
+  OZFRefCounted() = default;
+  virtual ~OZFRefCounted();
+
+private:
+  friend class OZFBlockUntil;
+
+  mutable std::atomic<long> m_references{1};
+  std::atomic<OZFBlockUntil*> m_barrier{nullptr};
+};
+
+} // namespace Quillon::Tessarine::Ozf

@@ -1,0 +1,93 @@
+// The parser behind every document, set up to refuse what an outsider could
+// use against us.
+
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <xercesc/framework/MemoryManager.hpp>
+#include <xercesc/framework/MemBufInputSource.hpp>
+#include <xercesc/parsers/SAXParser.hpp>
+#include <xercesc/sax/HandlerBase.hpp>
+#include <xercesc/sax/Locator.hpp>
+#include <xercesc/util/SecurityManager.hpp>
+
+namespace Quillon::Tessarine::Ozf
+{
+
+// Ends a parse; it never leaves the parse operations of the documents.
+class DocumentRefused
+{
+public:
+  // locator may be null: the place is then left out.
+  DocumentRefused(xercesc::Locator const* locator, std::string_view reason);
+
+  std::string const& text() const noexcept { return m_text; }
+
+private:
+  std::string m_text;
+};
+
+// "line 3, column 17: reason"
+std::string describeAt(XMLFileLoc line, XMLFileLoc column, std::string_view reason);
+
+// The memory of one parser, which knows how much of it is held. A parser keeps
+// what its documents made it grow to: two megabytes of element names that are
+// all different leave a hundred megabytes behind.
+class ParserMemory : public xercesc::MemoryManager
+{
+public:
+  void* allocate(XMLSize_t size) override;
+  void deallocate(void* block) override;
+  xercesc::MemoryManager* getExceptionMemoryManager() override;
+
+  std::size_t held() const noexcept { return m_held; }
+
+private:
+  std::size_t m_held = 0;
+};
+
+// Usable again after every kind of end, exceptions of handlers included. It
+// belongs to one parse at a time. The memory is a base since it must outlive
+// the parser's own.
+class HardenedParser : private ParserMemory, public xercesc::SAXParser
+{
+public:
+  HardenedParser();
+
+  // Whether it has grown so much that a new one is better than this one.
+  bool overgrown() const noexcept;
+
+  // Feeds the text to handler, which is document and error handler in one.
+  void parseText(std::string_view text, xercesc::HandlerBase& handler);
+  void parseSource(xercesc::InputSource const& source, xercesc::HandlerBase& handler);
+
+private:
+  void doctypeDecl(xercesc::DTDElementDecl const& declaration, XMLCh const* publicId,
+                   XMLCh const* systemId, bool hasInternalSubset, bool hasExternalSubset) override;
+  void endDocument() override;
+
+  xercesc::SecurityManager m_security;
+  xercesc::HandlerBase m_dtdHandler;
+  xercesc::MemBufInputSource m_text;
+};
+
+// Lends the calling thread one of its parsers for a scope. A thread keeps at
+// most as many as its parses were ever nested, and none that is overgrown.
+class ParserLease
+{
+public:
+  ParserLease();
+  ~ParserLease();
+  ParserLease(ParserLease const&) = delete;
+  ParserLease& operator=(ParserLease const&) = delete;
+
+  HardenedParser& operator*() noexcept { return *m_parser; }
+
+private:
+  std::unique_ptr<HardenedParser> m_parser;
+};
+
+} // namespace Quillon::Tessarine::Ozf

@@ -1,0 +1,187 @@
+#include "ozf/xml/XmlDocumentInterface.h"
+
+#include "ozf/xml/HardenedParser.h"
+
+#include <memory>
+#include <utility>
+#include <xercesc/sax/SAXException.hpp>
+#include <xercesc/sax/SAXParseException.hpp>
+#include <xercesc/util/OutOfMemoryException.hpp>
+#include <xercesc/util/PlatformUtils.hpp>
+#include <xercesc/util/XMLException.hpp>
+
+namespace Quillon::Tessarine::Ozf
+{
+
+namespace
+{
+
+std::string narrow(XMLCh const* text)
+{
+  return text == nullptr ? std::string() : OzfString(std::u16string_view(text)).str();
+}
+
+std::string describe(xercesc::SAXParseException const& exception)
+{
+  return describeAt(exception.getLineNumber(), exception.getColumnNumber(),
+                    narrow(exception.getMessage()));
+}
+
+} // namespace
+
+// One parse. It lives on the stack of parse() and installs itself, so that it
+// is gone however the parse ends, and a handler may parse with the same object.
+struct XmlDocumentInterface::Run
+{
+  explicit Run(XmlDocumentInterface& owner)
+      : m_owner(owner), m_outer(std::exchange(owner.m_run, this))
+  {
+  }
+  ~Run() { m_owner.m_run = m_outer; }
+  Run(Run const&) = delete;
+  Run& operator=(Run const&) = delete;
+
+  // What is wrong first is what is told.
+  void fail(std::string text)
+  {
+    if (error.empty())
+      error = std::move(text);
+  }
+
+  std::unique_ptr<XmlObjParseContext> context;
+  xercesc::Locator const* locator = nullptr;
+  std::string error;
+  int depth = 0;
+  bool complete = false;
+
+private:
+  XmlDocumentInterface& m_owner;
+  Run* m_outer;
+};
+
+XmlDocumentInterface::XmlDocumentInterface() = default;
+
+XmlDocumentInterface::~XmlDocumentInterface() = default;
+
+XmlObjParseContext* XmlDocumentInterface::getObjParseContext(XMLCh const* rootTag)
+{
+  return new XmlObjParseContext(rootTag, nullptr);
+}
+
+bool XmlDocumentInterface::parseBuffer(char const* text)
+{
+  return parseBuffer(text == nullptr ? std::string_view() : std::string_view(text));
+}
+
+bool XmlDocumentInterface::parseBuffer(std::string_view text)
+{
+  return run([&](HardenedParser& parser) { parser.parseText(text, *this); });
+}
+
+bool XmlDocumentInterface::parse(xercesc::InputSource const& source)
+{
+  return run([&](HardenedParser& parser) { parser.parseSource(source, *this); });
+}
+
+template <class Feed>
+bool XmlDocumentInterface::run(Feed feed)
+{
+  ParserLease parser;
+  Run run(*this);
+  try
+  {
+    feed(*parser);
+  }
+  catch (DocumentRefused const& refusal)
+  {
+    run.fail(refusal.text());
+  }
+  catch (xercesc::SAXParseException const& exception)
+  {
+    run.fail(describe(exception));
+  }
+  catch (xercesc::SAXException const& exception)
+  {
+    run.fail(narrow(exception.getMessage()));
+  }
+  catch (xercesc::XMLException const& exception)
+  {
+    run.fail(narrow(exception.getMessage()));
+  }
+  catch (xercesc::OutOfMemoryException const&)
+  {
+    run.fail("out of memory");
+  }
+  if (!run.complete)
+    run.fail("the text ends before the document does");
+  m_lastError = std::move(run.error);
+  return m_lastError.empty();
+}
+
+void XmlDocumentInterface::startElement(XMLCh const* name, AttributeList& attributes)
+{
+  Run& run = *m_run;
+  if (run.depth == MAX_DEPTH)
+    throw DocumentRefused(run.locator,
+                          "elements nest more than " + std::to_string(MAX_DEPTH) + " deep");
+  if (run.context == nullptr)
+  {
+    run.context.reset(getObjParseContext(name));
+    if (run.context == nullptr)
+      throw DocumentRefused(run.locator, "unexpected document element " + narrow(name));
+  }
+  else
+    run.context->enter();
+  ++run.depth;
+  xmlStartElement(run.context.get(), name, attributes);
+}
+
+void XmlDocumentInterface::endElement(XMLCh const* name)
+{
+  Run& run = *m_run;
+  xmlEndElement(run.context.get(), name);
+  if (--run.depth > 0)
+    run.context->leave();
+  else
+    run.complete = true;
+}
+
+void XmlDocumentInterface::characters(XMLCh const* chars, XMLSize_t length)
+{
+  xmlCharacters(m_run->context.get(), chars, length);
+}
+
+void XmlDocumentInterface::ignorableWhitespace(XMLCh const* chars, XMLSize_t length)
+{
+  characters(chars, length);
+}
+
+void XmlDocumentInterface::setDocumentLocator(xercesc::Locator const* locator)
+{
+  m_run->locator = locator;
+}
+
+void XmlDocumentInterface::fatalError(xercesc::SAXParseException const& exception)
+{
+  m_run->fail(describe(exception));
+}
+
+void XmlDocumentInterface::error(xercesc::SAXParseException const& exception)
+{
+  m_run->fail(describe(exception));
+}
+
+// A warning that stops the parse shows in the document that never ends.
+void XmlDocumentInterface::warning(xercesc::SAXParseException const&) {}
+
+void initializeXml()
+{
+  static bool const ready = []
+  {
+    xercesc::XMLPlatformUtils::Initialize();
+    return true;
+  }();
+  static_cast<void>(ready);
+}
+
+} // namespace Quillon::Tessarine::Ozf
