@@ -1,0 +1,23 @@
+#include "discovery/CombiningIterator.h"
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+
+CombiningIterator::CombiningIterator(
+    AuthorityType type, std::string const& subject, std::string const& authority,
+    std::vector<AutoDereference<DiscoveryIterator>> const& children)
+    : DiscoveryIterator(type, subject, authority), m_children(children)
+{
+}
+
+Discovery* CombiningIterator::getNext()
+{
+  for (; m_current < m_children.size(); ++m_current)
+  {
+    if (Discovery* const discovery = m_children[m_current]->getNext())
+      return discovery;
+  }
+  return nullptr;
+}
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -1,0 +1,218 @@
+#include "discovery/DiscDB.h"
+
+#include "discovery/DiscDBDiscovery.h"
+#include "discovery/DiscoveryLog.h"
+#include "ozf/base/OzfPathname.h"
+#include "ozf/base/SystemError.h"
+#include "ozf/base/Wildcard.h"
+#include "ozf/config/ProductRoot.h"
+
+#include <ace/Singleton.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+namespace
+{
+
+constexpr char SOURCE[] = "DiscDB";
+
+struct DirectoryCloser
+{
+  void operator()(DIR* directory) const { ::closedir(directory); }
+};
+
+// A link that leads nowhere counts as there: it deserves its log line.
+bool isAbsent(std::string const& path)
+{
+  struct stat status
+  {
+  };
+  return ::lstat(path.c_str(), &status) != 0 && errno == ENOENT;
+}
+
+} // namespace
+
+DiscoveryDBCreator::DiscoveryDBCreator() : m_directory(getDefaultDatabasePath()) {}
+
+void DiscoveryDBCreator::init(std::string const& name)
+{
+  OZF_ASSERT(!m_init, "SHOULD_NOT_GET_HERE", SOURCE, "DiscoveryDBCreator::init");
+  m_directory = OzfPathname::makeFilename(getDefaultDatabasePath(), name).str();
+  setupDB();
+  m_init = true;
+}
+
+void DiscoveryDBCreator::setupDB()
+{
+  constexpr char OPERATION[] = "DiscoveryDBCreator::setupDB";
+  if (int const error = mkdirpath(m_directory, 0755); error != 0)
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Unable to create directory path " << m_directory << ", error " << error);
+
+  CleanupLock const lock(m_directory.c_str(), CleanupLock::EXCLUSIVE);
+  if (!lock.isLocked())
+    return;
+  std::unique_ptr<DIR, DirectoryCloser> const directory(::opendir(m_directory.c_str()));
+  if (!directory)
+    return;
+  while (dirent const* const entry = ::readdir(directory.get()))
+  {
+    if (wildcardcmp("*.updating", entry->d_name) != 0)
+      continue;
+    OzfPathname const path = OzfPathname::makeFilename(m_directory, entry->d_name);
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Deleting temporary file " << path.str());
+    ::unlink(path.c_str());
+  }
+}
+
+DiscoveryIterator* DiscoveryDBCreator::getIterator(DiscoveryQuery) const
+{
+  OZF_ASSERT(m_init, "m_init", SOURCE, "DiscoveryDBCreator::getIterator");
+  return new DBDiscoveryIterator(m_directory.c_str());
+}
+
+Discovery* DiscoveryDBCreator::newDiscovery(DiscoveryQuery query)
+{
+  OZF_ASSERT(m_init, "m_init", SOURCE, "DiscoveryDBCreator::newDiscovery");
+  // Only the directory of the payload's path counts until it is persisted.
+  auto data = std::make_unique<DBCollectionData>(OzfPathname(m_directory + '/'));
+  return new DBDiscovery(OzfPathname(m_directory), data.release(), query);
+}
+
+Discovery* DiscoveryDBCreator::getDiscovery(char const* metadataFileName) const
+{
+  return getDiscovery(metadataFileName, false);
+}
+
+Discovery* DiscoveryDBCreator::getDiscovery(char const* metadataFileName, bool mayBeAbsent) const
+{
+  constexpr char OPERATION[] = "DiscoveryDBCreator::getDiscovery";
+  OzfPathname const path = OzfPathname::makeFilename(m_directory, metadataFileName);
+
+  // Held until the discovery is loaded, and while it is destroyed if it is not.
+  MetadataGuard const guard(path.str());
+  AutoDereference<DBDiscovery> discovery;
+  for (int round = 0; round < REPLACED_LIMIT; ++round)
+  {
+    int const fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    if (fd < 0)
+    {
+      if (!mayBeAbsent || errno != ENOENT || !isAbsent(path.str()))
+        OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Unable to open " << path.str());
+      return nullptr;
+    }
+    HeldFile lock(new ACE_File_Lock(fd, false));
+    bool const waited = lock->tryacquire_read(0, 0, 1) != 0;
+    if (waited && waitReadLock(*lock) != 0)
+      break;
+
+    std::string dataPath = path.str();
+    dataPath.replace(dataPath.size() - 3, 3, "dat");
+    auto data = std::make_unique<DBCollectionData>(OzfPathname(std::move(dataPath)));
+    discovery.reset(new DBDiscovery(lock.release(), data.release(), DQ_DISCOVERY_DATA, path));
+    bool const loaded = discovery->load();
+    // Deleted while we waited for the lock? A new file may be in its place.
+    if ((waited || !loaded) && !isFileAt(fd, path.c_str()))
+      continue;
+    if (!loaded)
+    {
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, path.str() << " could not be loaded");
+      return nullptr;
+    }
+    if (!isExpired(discovery.get()))
+      return discovery.release();
+
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, metadataFileName << " has expired");
+    switch (discovery->expire())
+    {
+    case DS_SUCCESS:
+      return nullptr;
+    case DS_NONE_FOUND:
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+              metadataFileName << " was modified during the expire and should not be expired");
+      return discovery.release();
+    case DS_LOGIC_ERROR:
+      if (!isFileAt(fd, path.c_str()))
+        continue;
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, metadataFileName << " could not be expired");
+      return nullptr;
+    default:
+      assertionFailed("SHOULD_NOT_GET_HERE", OPERATION, SOURCE, __LINE__);
+    }
+  }
+  OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Unable to lock " << path.str());
+  return nullptr;
+}
+
+DiscoveryDBCreator* getDiscoveryDBDatabase()
+{
+  return ACE_Singleton<DiscoveryDBCreator, ACE_Recursive_Thread_Mutex>::instance();
+}
+
+DBDiscoveryIterator::DBDiscoveryIterator(char const* dir)
+    : DiscoveryIterator(AT_ANYANDALL, "*", "*"), m_dirName(dir)
+{
+}
+
+DBDiscoveryIterator::~DBDiscoveryIterator() { close(); }
+
+void DBDiscoveryIterator::close()
+{
+  if (m_directory != nullptr)
+    ::closedir(m_directory);
+  m_directory = nullptr;
+  m_exhausted = true;
+}
+
+Discovery* DBDiscoveryIterator::getNext()
+{
+  if (m_exhausted)
+    return nullptr;
+  if (m_pattern.empty())
+  {
+    AuthorityType const type = getAuthorityType();
+    m_pattern = (type == AT_ANYANDALL ? "*" : std::to_string(static_cast<int>(type))) + ' ' +
+                getAuthorityFilter() + ' ' + getSubjectFilter() + ".xml";
+    if (m_pattern.find('*') == std::string::npos)
+    {
+      m_exhausted = true;
+      return fetch(m_pattern.c_str(), true);
+    }
+    m_directory = ::opendir(m_dirName.c_str());
+    if (m_directory == nullptr)
+    {
+      OZF_LOG(getOzfLogger(), 1, SOURCE, "DBDiscoveryIterator::getNext",
+              "Unable to open directory " << m_dirName << ": " << errorText(errno));
+      m_exhausted = true;
+      return nullptr;
+    }
+  }
+
+  while (dirent const* const entry = ::readdir(m_directory))
+  {
+    if (wildcardcmp(m_pattern, entry->d_name) != 0)
+      continue;
+    if (Discovery* const discovery = fetch(entry->d_name, false))
+      return discovery;
+  }
+  close();
+  return nullptr;
+}
+
+Discovery* DBDiscoveryIterator::fetch(char const* name, bool mayBeAbsent) const
+{
+  AutoDereference<Discovery> discovery(getDiscoveryDBDatabase()->getDiscovery(name, mayBeAbsent));
+  if (discovery && discovery->getAuthority()->getType() == AT_REMOTEPULL &&
+      getAuthorityType() != AT_REMOTEPULL)
+    return nullptr;
+  return discovery.release();
+}
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -1,0 +1,85 @@
+// The local discovery database: a directory with a metadata file and a payload
+// file for each discovery. docs/database.md describes the format.
+
+#pragma once
+
+#include "discovery/DiscData.h"
+#include "ozf/sync/OzfLockable.h"
+
+#include <dirent.h>
+
+#include <string>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+
+// Makes discoveries and iterators of one store. Both results carry one
+// reference for the caller.
+class TQ_EXPORT DiscoveryCreator : public virtual OzfLockable
+{
+public:
+  ~DiscoveryCreator() override = default;
+  virtual DiscoveryIterator* getIterator(DiscoveryQuery query) const = 0;
+  virtual Discovery* newDiscovery(DiscoveryQuery query) = 0;
+};
+
+// The creator of the file database. After init any number of threads may use
+// it: the directory is fixed then, and nothing else is kept.
+class TQ_EXPORT DiscoveryDBCreator : public DiscoveryCreator
+{
+public:
+  DiscoveryDBCreator();
+
+  // Settles the directory, the default one joined with name, makes it and
+  // cleans it. Once, before anything else; a second call fails an assertion.
+  void init(std::string const& name);
+
+  // Makes the directory and deletes the temporary files that writers left,
+  // unless a writer is at work.
+  void setupDB();
+
+  // The query kind does not filter. Asserts that init has run.
+  DiscoveryIterator* getIterator(DiscoveryQuery query) const override;
+  Discovery* newDiscovery(DiscoveryQuery query) override;
+
+  // The stored discovery whose metadata file has that name, with one reference
+  // for the caller; null, with a log line, when it cannot be opened, locked or
+  // loaded, or is expired (it is then deleted). Waits for a writer's lock.
+  Discovery* getDiscovery(char const* metadataFileName) const;
+
+  // The same; with mayBeAbsent a file that is not there is no log line worth.
+  Discovery* getDiscovery(char const* metadataFileName, bool mayBeAbsent) const;
+
+  std::string const& getDirectory() const noexcept { return m_directory; }
+  bool isInitialized() const noexcept { return m_init; }
+
+private:
+  std::string m_directory;
+  bool m_init = false;
+};
+
+// The process's one creator, made on first use.
+TQ_EXPORT DiscoveryDBCreator* getDiscoveryDBDatabase();
+
+// Walks the directory in the file system's order. A filter without wildcards
+// and with a type names one file, which is opened without a walk. Discoveries
+// of type AT_REMOTEPULL are returned only to an iterator of that type.
+class TQ_EXPORT DBDiscoveryIterator : public virtual DiscoveryIterator
+{
+public:
+  explicit DBDiscoveryIterator(char const* dir);
+  ~DBDiscoveryIterator() override;
+
+  Discovery* getNext() override;
+
+private:
+  Discovery* fetch(char const* name, bool mayBeAbsent) const;
+  void close();
+
+  std::string m_dirName;
+  DIR* m_directory = nullptr; // open from the first getNext that walks to the end
+  std::string m_pattern;      // empty until the first getNext
+  bool m_exhausted = false;
+};
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -1,0 +1,290 @@
+#include "discovery/DiscDBCollection.h"
+
+#include "discovery/DiscoveryLog.h"
+#include "ozf/base/SystemError.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <optional>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+namespace
+{
+
+constexpr char SOURCE[] = "DiscDB";
+constexpr std::uint16_t LAST_CANDIDATE = 999;
+
+} // namespace
+
+DBCollectionData::DBCollectionData(OzfPathname const& path) : m_path(path) {}
+
+DBCollectionData::~DBCollectionData()
+{
+  if (m_handle == ACE_INVALID_HANDLE)
+    return;
+  switch (m_mode)
+  {
+  case OM_UPDATE:
+    cleanup();
+    return;
+  case OM_READ:
+    break;
+  default:
+    // Nothing may leave a destructor; the assertion has been logged.
+    try
+    {
+      assertionFailed("SHOULD_NOT_GET_HERE", "DBCollectionData::~DBCollectionData", SOURCE,
+                      __LINE__);
+    }
+    catch (AssertionFailure const&)
+    {
+    }
+    break;
+  }
+  ::close(m_handle);
+}
+
+void DBCollectionData::openUnder(HeldFile const& metadataLock, OzfPathname const& metadataPath)
+{
+  m_metadataLock = &metadataLock;
+  m_metadataPath = &metadataPath;
+}
+
+int DBCollectionData::open(OpenMode mode, char const*)
+{
+  abandon();
+  m_mode = mode;
+  return mode == OM_UPDATE ? openTemporary() : openPayload();
+}
+
+void DBCollectionData::abandon()
+{
+  if (m_handle == ACE_INVALID_HANDLE)
+    return;
+  if (m_mode == OM_UPDATE)
+  {
+    cleanup();
+    return;
+  }
+  ::close(m_handle);
+  m_handle = ACE_INVALID_HANDLE;
+}
+
+// Under the guard; false, with a log line, when the metadata file cannot be
+// locked or is the stored one no more.
+bool DBCollectionData::lockMetadata() const
+{
+  constexpr char OPERATION[] = "DBCollectionData::open";
+  if (waitReadLock(**m_metadataLock) != 0)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Unable to lock " << m_metadataPath->str());
+    return false;
+  }
+  if (isFileAt((*m_metadataLock)->get_handle(), m_metadataPath->c_str()))
+    return true;
+  OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Was deleted: " << m_metadataPath->str());
+  return false;
+}
+
+bool DBCollectionData::openPayload()
+{
+  constexpr char OPERATION[] = "DBCollectionData::open";
+  std::optional<MetadataGuard> guard;
+  if (m_metadataLock != nullptr && *m_metadataLock)
+  {
+    guard.emplace(m_metadataPath->str());
+    if (!lockMetadata())
+      return false;
+  }
+  OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION, "Opening collection file: " << m_path.str());
+
+  // Without O_NONBLOCK a FIFO in the payload's place would block us for good.
+  UniqueFd fd(::open(m_path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  struct stat status
+  {
+  };
+  if (fd.valid() && ::fstat(fd.get(), &status) == 0)
+  {
+    if (S_ISREG(status.st_mode))
+    {
+      m_handle = fd.release();
+      return true;
+    }
+    errno = EINVAL;
+  }
+  int const error = errno;
+  OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Last error" << error);
+  OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, m_path.str() << ": " << errorText(error));
+  return false;
+}
+
+bool DBCollectionData::openTemporary()
+{
+  constexpr char OPERATION[] = "DBCollectionData::open";
+  std::string const directory = m_path.directory();
+  for (std::uint16_t candidate = 0;; ++candidate)
+  {
+    m_cleanupLock = std::make_unique<CleanupLock>(directory.c_str(), CleanupLock::SHARED);
+    OzfPathname path =
+        OzfPathname::makeFilename(directory, std::to_string(candidate) + ".updating");
+    if (candidate > 0)
+      OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION,
+              "Attempting collecation data file " << path.str());
+    m_handle = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (m_handle != ACE_INVALID_HANDLE)
+    {
+      m_path = std::move(path);
+      return true;
+    }
+    int const error = errno;
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Last error" << error);
+    if (candidate + 1 > LAST_CANDIDATE)
+    {
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, path.str() << ": " << errorText(error));
+      m_cleanupLock.reset();
+      return false;
+    }
+  }
+}
+
+long DBCollectionData::readCollection(unsigned long len, void* buf) const
+{
+  OZF_ASSERT(m_handle != ACE_INVALID_HANDLE, "ACE_INVALID_HANDLE != m_handle", SOURCE,
+             "DBCollectionData::readCollection");
+  return ::read(m_handle, buf, len);
+}
+
+long DBCollectionData::writeCollection(unsigned long len, void const* buf) const
+{
+  constexpr char OPERATION[] = "DBCollectionData::writeCollection";
+  OZF_ASSERT(m_handle != ACE_INVALID_HANDLE, "ACE_INVALID_HANDLE != m_handle", SOURCE, OPERATION);
+  auto const* next = static_cast<char const*>(buf);
+  while (len > 0)
+  {
+    ssize_t const count = ::write(m_handle, next, len);
+    if (count < 0 && errno == EINTR)
+      continue;
+    if (count <= 0)
+    {
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+              "Unable to write " << m_path.str() << ": " << errorText(errno));
+      return 0;
+    }
+    next += count;
+    len -= static_cast<unsigned long>(count);
+  }
+  return 1;
+}
+
+bool DBCollectionData::flush()
+{
+  constexpr char OPERATION[] = "DBCollectionData::flush";
+  OZF_ASSERT(m_handle == ACE_INVALID_HANDLE || m_mode == OM_UPDATE, "OM_UPDATE == m_mode", SOURCE,
+             OPERATION);
+  if (m_handle == ACE_INVALID_HANDLE && open(OM_UPDATE, "") == 0)
+    return false;
+  OZF_ASSERT(m_handle != ACE_INVALID_HANDLE, "ACE_INVALID_HANDLE != m_handle", SOURCE, OPERATION);
+
+  // Many file systems find out here that the disk is full. A bad descriptor is
+  // the matter of the close, which complains and goes on.
+  if (::fdatasync(m_handle) != 0 && errno != EBADF)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Unable to flush " << m_path.str() << ": " << errorText(errno));
+    return false;
+  }
+  m_directory.reset(::open(m_path.directory().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (m_directory.valid())
+    return true;
+  OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+          "Unable to open " << m_path.directory() << ": " << errorText(errno));
+  return false;
+}
+
+bool DBCollectionData::persist(OzfPathname const& target)
+{
+  constexpr char OPERATION[] = "DBCollectionData::persist";
+  if (m_handle == ACE_INVALID_HANDLE && open(OM_UPDATE, "") == 0)
+    return false;
+  OZF_ASSERT(m_handle != ACE_INVALID_HANDLE, "ACE_INVALID_HANDLE != m_handle", SOURCE, OPERATION);
+  OZF_ASSERT(m_mode == OM_UPDATE, "OM_UPDATE == m_mode", SOURCE, OPERATION);
+  closeHandle(OPERATION);
+
+  if (::unlink(target.c_str()) != 0)
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Unable to delete " << target.str());
+  else
+    OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION, "Deleted file: " << target.str());
+
+  if (::rename(m_path.c_str(), target.c_str()) != 0)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Unable to rename " << m_path.str() << " to " << target.str());
+    m_directory.reset();
+    return false;
+  }
+  OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+          "Successfully renamed " << m_path.str() << " to " << target.str());
+  m_cleanupLock.reset();
+  m_path = target;
+  flushDirectory(target.directory());
+  return true;
+}
+
+// Makes the names in the directory durable, where the file system can do it.
+// Both files are in place by now, so a failure is told and costs nothing.
+void DBCollectionData::flushDirectory(std::string const& directory)
+{
+  if (!m_directory.valid())
+    return;
+  if (::fsync(m_directory.get()) != 0 && errno != EINVAL && errno != ENOTSUP)
+    OZF_LOG(getOzfLogger(), 1, SOURCE, "DBCollectionData::persist",
+            "Unable to flush " << directory << ": " << errorText(errno));
+  m_directory.reset();
+}
+
+bool DBCollectionData::cleanup()
+{
+  constexpr char OPERATION[] = "DBCollectionData::cleanup";
+  if (m_handle == ACE_INVALID_HANDLE)
+    return true;
+  closeHandle(OPERATION);
+  m_directory.reset();
+  if (m_mode != OM_UPDATE) // what is open is no temporary file
+    return true;
+  if (::unlink(m_path.c_str()) != 0)
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Unable to delete " << m_path.str());
+  else
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Deleted file: " << m_path.str());
+  m_cleanupLock.reset();
+  return true;
+}
+
+void DBCollectionData::closeHandle(char const* operation)
+{
+  if (::close(m_handle) != 0)
+    OZF_LOG(getOzfLogger(), 1, SOURCE, operation,
+            "Unable to close collection file: " << m_path.str() << " Last error: " << errno);
+  m_handle = ACE_INVALID_HANDLE;
+}
+
+bool DBCollectionData::expire() const
+{
+  constexpr char OPERATION[] = "DBCollectionData::expire";
+  OZF_ASSERT(m_handle == ACE_INVALID_HANDLE, "ACE_INVALID_HANDLE == m_handle", SOURCE, OPERATION);
+  if (::access(m_path.c_str(), F_OK) != 0)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Collection data did not exist " << m_path.str());
+    return true;
+  }
+  if (::unlink(m_path.c_str()) != 0)
+    return false;
+  OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION, "Deleted colllection: " << m_path.str());
+  return true;
+}
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -1,0 +1,85 @@
+// A discovery in the file database.
+
+#pragma once
+
+#include "discovery/DiscDBCollection.h"
+#include "discovery/DiscData.h"
+#include "ozf/base/OzfPathname.h"
+
+#include <ace/File_Lock.h>
+
+#include <sys/types.h>
+
+#include <iosfwd>
+#include <string>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+
+// A metadata document has some 500 bytes; what is larger than this is none.
+inline constexpr off_t LARGEST_METADATA = 1024 * 1024;
+
+// Either new, made for a producer who fills, opens and persists it, or stored,
+// with its metadata file held open under a read lock until it is destroyed or
+// expires. Used by one thread at a time.
+class TQ_EXPORT DBDiscovery : public Discovery
+{
+public:
+  // Stored: takes the lock, which holds the opened metadata file, and the
+  // payload over. path is the metadata file's.
+  DBDiscovery(ACE_File_Lock* lock, DBCollectionData* data, DiscoveryQuery query,
+              OzfPathname const& path);
+  // New, to be written into the directory.
+  DBDiscovery(OzfPathname const& dir, DBCollectionData* data, DiscoveryQuery query);
+  ~DBDiscovery() override;
+
+  DiscoveryStatus persist() override;
+  DiscoveryStatus open(OpenMode mode, char const* name) override;
+  void setAuthority(Authority* authority) override;
+  void setSubject(Subject* subject) override;
+  void setAttributes(CollectionAttributes* attributes) override;
+
+  // The text that was loaded, byte for byte, as long as no part was replaced.
+  std::ostream& writeXml(std::ostream& os, XmlStr::Encoding encoding) const override;
+
+  // Reads and parses the metadata file held, or the text.
+  bool load();
+  bool load(char const* text);
+
+  // Whether this discovery may replace the stored one of the same name: there
+  // is none that counts, or its priority is not higher. Asserts that it is no
+  // stored discovery itself.
+  bool canOverride();
+
+  // Rewrites the file in place so that a crash at any moment leaves a
+  // readable document.
+  static bool writeMetadata(int fd, std::string const& text);
+
+  // Deletes a stored discovery if it is still expired: DS_SUCCESS, or
+  // DS_NONE_FOUND when it was refreshed meanwhile, or DS_LOGIC_ERROR.
+  DiscoveryStatus expire();
+
+  // "2 hostA hostB.xml" and "2 hostA hostB.dat".
+  void generateMetabaseFileName(std::ostringstream& os) const;
+  void generatecollectionBaseFileName(std::ostringstream& os) const;
+
+private:
+  bool loadInternal();
+  bool canOverride(OzfPathname const& path, std::string& seen);
+  bool priorityAllows(std::string& stored) const;
+  bool renderDocument(OzfPathname const& path, std::string& document) const;
+  DiscoveryStatus persistFiles(DBCollectionData& data, OzfPathname const& path,
+                               OzfPathname const& dataPath);
+  DiscoveryStatus replaceFiles(int fd, std::string const& seen, std::string const& document,
+                               DBCollectionData& data, OzfPathname const& path,
+                               OzfPathname const& dataPath) const;
+  bool upgradeLock();
+  DiscoveryStatus expireLocked();
+
+  HeldFile m_fileLock;    // null when no file is held
+  std::string m_metadata; // empty when a producer set the parts
+  OzfPathname m_directory;
+  OzfPathname m_heldPath; // of the metadata file held; guards its closing
+};
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc

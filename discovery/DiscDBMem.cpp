@@ -1,0 +1,133 @@
+#include "discovery/DiscDBMem.h"
+
+#include "discovery/DiscoveryLog.h"
+#include "ozf/orb/Corba.h"
+
+#include <ace/Recursive_Thread_Mutex.h>
+#include <ace/Singleton.h>
+
+#include <algorithm>
+#include <limits>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+
+namespace
+{
+
+constexpr char SOURCE[] = "DiscDB";
+
+} // namespace
+
+MemCollectionData::MemCollectionData(AutoDereference<ExplorerQuery> const& query,
+                                     DiscoveryQuery kind)
+    : m_stream(std::ios::in | std::ios::out | std::ios::binary), m_kind(kind), m_query(query)
+{
+}
+
+int MemCollectionData::open(OpenMode mode, char const* name)
+{
+  constexpr char OPERATION[] = "MemCollectionData::open";
+  if (mode == OM_UPDATE)
+    return 1;
+
+  auto* const explorer = dynamic_cast<ExplorerPull*>(m_query->getEntry()->getExplorer());
+  OZF_ASSERT(explorer != nullptr, "NULL != exp", SOURCE, OPERATION);
+  OZF_ASSERT(name != nullptr, "filterParmaetersXml", SOURCE, OPERATION);
+
+  // Explorers are plug-ins: what one throws is its failure, not the caller's.
+  bool produced = false;
+  try
+  {
+    produced =
+        explorer->collectionRequested(m_kind, *m_query->getAuthority(), *m_query->getSubject(),
+                                      m_query->getContext(), name, this);
+  }
+  catch (AssertionFailure const&)
+  {
+    throw;
+  }
+  catch (CORBA::Exception const& exception)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Explorer " << explorer->getExplorerName()
+                        << " failed: " << corbaExceptionText(exception));
+  }
+  catch (std::exception const& exception)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Explorer " << explorer->getExplorerName() << " failed: " << exception.what());
+  }
+  m_query->getEntry()->noteRun(OzfObjTime::now(), produced ? DS_SUCCESS : DS_OPEN_FAILED);
+  m_stream.clear();
+  m_stream.seekg(0);
+  return produced ? 1 : 0;
+}
+
+long MemCollectionData::readCollection(unsigned long len, void* buf) const
+{
+  auto const wanted = std::min<unsigned long>(len, std::numeric_limits<long>::max());
+  // The end is no failure: more may be written and then read.
+  m_stream.clear();
+  m_stream.read(static_cast<char*>(buf), static_cast<std::streamsize>(wanted));
+  return static_cast<long>(m_stream.gcount());
+}
+
+long MemCollectionData::writeCollection(unsigned long len, void const* buf) const
+{
+  m_stream.clear();
+  m_stream.write(static_cast<char const*>(buf), static_cast<std::streamsize>(len));
+  return m_stream.good() ? 1 : 0;
+}
+
+MemDiscovery::MemDiscovery(CollectionData* data, DiscoveryQuery query) : Discovery(data, query) {}
+
+DiscoveryStatus MemDiscovery::open(OpenMode mode, char const* name)
+{
+  return getCollectionData()->open(mode, name) != 0 ? DS_SUCCESS : DS_OPEN_FAILED;
+}
+
+DiscoveryStatus MemDiscovery::persist() { return DS_SUCCESS; }
+
+MemDiscoveryIterator::MemDiscoveryIterator(ExplorerQuerySet const& queries, DiscoveryQuery kind)
+    : DiscoveryIterator(AT_ANYANDALL, "", ""), m_queries(queries), m_kind(kind)
+{
+}
+
+Discovery* MemDiscoveryIterator::getNext()
+{
+  if (!m_started)
+  {
+    m_cursor = m_queries.begin();
+    m_started = true;
+  }
+  if (m_cursor == m_queries.end())
+    return nullptr;
+
+  AutoDereference<ExplorerQuery> const& query = *m_cursor;
+  AutoDereference<Discovery> discovery(getDiscoveryMemDatbase()->newDiscovery(query, m_kind));
+  OZF_ASSERT(discovery, "NULL != discovery", SOURCE, "MemDiscoveryIterator::getNext");
+  discovery->setSubject(new Subject(*query->getSubject()));
+  discovery->setAuthority(new Authority(*query->getAuthority()));
+  ++m_cursor;
+  return discovery.release();
+}
+
+Discovery* DiscoveryMemCreator::newDiscovery(AutoDereference<ExplorerQuery> const& query,
+                                             DiscoveryQuery kind)
+{
+  return new MemDiscovery(new MemCollectionData(query, kind), kind);
+}
+
+DiscoveryIterator* DiscoveryMemCreator::getIterator(ExplorerQuerySet const& queries,
+                                                    DiscoveryQuery kind) const
+{
+  return new MemDiscoveryIterator(queries, kind);
+}
+
+DiscoveryMemCreator* getDiscoveryMemDatbase()
+{
+  return ACE_Singleton<DiscoveryMemCreator, ACE_Recursive_Thread_Mutex>::instance();
+}
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc

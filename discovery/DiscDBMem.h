@@ -1,0 +1,65 @@
+// Discoveries that are never stored: their payload is produced by a pull
+// explorer at the moment it is opened for reading.
+
+#pragma once
+
+#include "discovery/DiscData.h"
+#include "discovery/DiscoveryRepositoryEntries.h"
+#include "ozf/sync/OzfLockable.h"
+
+#include <sstream>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+
+class TQ_EXPORT MemCollectionData : public CollectionData
+{
+public:
+  MemCollectionData(AutoDereference<ExplorerQuery> const& query, DiscoveryQuery kind);
+
+  // For reading: asks the explorer, on this thread, to write into this object;
+  // name is the filter parameters text and must not be null. A second open
+  // asks again and appends. For update: nothing, true.
+  int open(OpenMode mode, char const* name) override;
+  long readCollection(unsigned long len, void* buf) const override;
+  long writeCollection(unsigned long len, void const* buf) const override;
+
+private:
+  mutable std::stringstream m_stream;
+  DiscoveryQuery m_kind;
+  AutoDereference<ExplorerQuery> m_query;
+};
+
+class TQ_EXPORT MemDiscovery : public Discovery
+{
+public:
+  MemDiscovery(CollectionData* data, DiscoveryQuery query);
+  DiscoveryStatus open(OpenMode mode, char const* name) override;
+  DiscoveryStatus persist() override; // nothing to do: DS_SUCCESS
+};
+
+class TQ_EXPORT MemDiscoveryIterator : public virtual DiscoveryIterator
+{
+public:
+  MemDiscoveryIterator(ExplorerQuerySet const& queries, DiscoveryQuery kind);
+  Discovery* getNext() override;
+
+private:
+  ExplorerQuerySet m_queries;
+  DiscoveryQuery m_kind;
+  bool m_started = false;
+  ExplorerQuerySet::const_iterator m_cursor;
+};
+
+// Both results carry one reference for the caller.
+class TQ_EXPORT DiscoveryMemCreator : public virtual OzfLockable
+{
+public:
+  Discovery* newDiscovery(AutoDereference<ExplorerQuery> const& query, DiscoveryQuery kind);
+  DiscoveryIterator* getIterator(ExplorerQuerySet const& queries, DiscoveryQuery kind) const;
+};
+
+// The process's one creator, made on first use.
+TQ_EXPORT DiscoveryMemCreator* getDiscoveryMemDatbase();
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc

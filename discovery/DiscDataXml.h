@@ -1,0 +1,50 @@
+// What the readers of the metadata document remember. For DiscDataXml.cpp and
+// its tests.
+
+#pragma once
+
+#include "discovery/DiscData.h"
+
+#include <memory>
+#include <vector>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+
+// Where in the document the reader is.
+enum class MetadataNode
+{
+  DOCUMENT,
+  AUTHORITY,
+  SUBJECT,
+  ATTRIBUTES,
+  PRIORITY,
+  DISCOVERY_TIME,
+  EXPIRES_TIME,
+  SIGNATURE,
+  IGNORED // unknown at its place, or skipped, with everything in it
+};
+
+// Of a Discovery that is being read.
+class TQ_EXPORT DiscoveryDocContext : public XmlObjParseContext
+{
+public:
+  using XmlObjParseContext::XmlObjParseContext;
+
+  std::vector<MetadataNode> m_nodes;
+  std::unique_ptr<XmlObjParseContext> m_subContext; // of the description being read
+  XmlInterface* m_subInterface = nullptr;           // that description; not owned
+};
+
+// Of a Description that is being read.
+class TQ_EXPORT DescriptionContext : public XmlObjParseContext
+{
+public:
+  using XmlObjParseContext::XmlObjParseContext;
+
+  AutoDereference<StatusMsg> m_status; // being read
+  std::unique_ptr<XmlObjParseContext> m_subContext;
+  int m_ignored = 0; // depth inside an element that is ignored
+};
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -1,0 +1,152 @@
+#include "discovery/DiscoveryFramework.h"
+
+#include "discovery/DiscDB.h"
+#include "discovery/DiscoveryLog.h"
+#include "discovery/DiscoveryRepository.h"
+#include "discovery/DiscoveryService_i.h"
+#include "ozf/orb/Orb.h"
+
+#include <ace/ACE.h>
+#include <ace/Init_ACE.h>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+
+namespace
+{
+
+constexpr char SOURCE[] = "DiscoveryFramework";
+
+// Takes one step of the way down; false, with a line, when the ORB objects.
+template <class Step>
+bool attempt(char const* operation, Step&& step)
+{
+  try
+  {
+    step();
+    return true;
+  }
+  catch (CORBA::Exception const& exception)
+  {
+    OZF_LOG(
+        getOzfLogger(), 1, SOURCE, operation,
+        "Caught corba exception shutting down, Corba exception: " << corbaExceptionText(exception));
+    return false;
+  }
+}
+
+} // namespace
+
+DiscoveryFramework::DiscoveryFramework(char const* name, DiscoveryServiceType type, Orb* orb,
+                                       bool ownAce)
+    : m_ownAce(ownAce), m_name(name), m_type(type), m_orb(orb)
+{
+}
+
+DiscoveryFramework::~DiscoveryFramework() = default;
+
+Orb* DiscoveryFramework::getOrb() const
+{
+  OZF_ASSERT(m_orb != nullptr, "0 != m_orb", SOURCE, "DiscoveryFramework::getOrb");
+  return m_orb;
+}
+
+std::string DiscoveryFramework::getOrbServiceName() const { return getOrb()->name(); }
+
+void DiscoveryFramework::init(std::list<std::string> const* explorers)
+{
+  if (m_ownAce)
+    ACE::init();
+
+  DiscoveryRepository& repository = getDiscoveryRepository();
+  repository.setDiscoveryFramework(this);
+  repository.limitExplorerPlugins(explorers);
+  if (m_type != DST_NONE)
+  {
+    OZF_ASSERT(getOrb()->isEvictorEnabled(), "m_orb->isEvictorEnabled()", SOURCE,
+               "DiscoveryFramework::init");
+    // A service that is up already only counts the call.
+    if (!m_served)
+      activate();
+  }
+  ++m_init;
+}
+
+void DiscoveryFramework::activate()
+{
+  m_served = std::make_unique<Served>();
+  try
+  {
+    CORBA::Object_var const root = m_orb->resolveInitialReference("RootPOA");
+    m_served->rootPOA = PortableServer::POA::_narrow(root);
+    m_served->servant = new Remote::DiscoveryService_i;
+    m_served->reference = m_orb->activateObject(m_served->servant.in());
+    getDiscoveryDBDatabase()->init(m_name);
+    m_orb->advertiseObject("DiscoveryService", m_served->reference);
+    getDiscoveryRepository().loadExplorers();
+  }
+  catch (CORBA::Exception const& exception)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, "DiscoveryFramework::init",
+            "Caught corba exception activating DiscoveryService servant, Corba exception: "
+                << corbaExceptionText(exception));
+    // Nobody will call fini for an init that failed.
+    m_orb->destroyObjectRef(m_served->reference);
+    m_served.reset();
+    throw;
+  }
+}
+
+void DiscoveryFramework::shutdown()
+{
+  OZF_ASSERT(!m_shutdown, "!m_shutdown", SOURCE, "DiscoveryFramework::shutdown");
+  m_shutdown = true;
+
+  // A step that fails must not keep the next from being taken.
+  constexpr char const* OPERATION = "DiscoveryFramework::shutdown";
+  if (m_served)
+    attempt(OPERATION,
+            [this]
+            {
+              m_orb->destroyObjectRef(m_served->reference);
+              m_served->reference = CORBA::Object::_nil();
+              m_served->servant = nullptr;
+            });
+  if (m_orb != nullptr && m_orb->isEvictorEnabled())
+    attempt(OPERATION, [this] { m_orb->getEvictor().shutdown(); });
+  if (m_served)
+    attempt(OPERATION,
+            [this]
+            {
+              // Waits for the calls in progress on the objects of this POA: left
+              // to itself the ORB would finish this on a thread of its own, which
+              // must not meet the destruction of the POA.
+              PortableServer::POAManager_var const manager = m_served->rootPOA->the_POAManager();
+              manager->deactivate(true, true);
+            });
+  getDiscoveryRepository().shutdown();
+}
+
+void DiscoveryFramework::fini()
+{
+  constexpr char const* OPERATION = "DiscoveryFramework::fini";
+  OZF_ASSERT(m_shutdown, "m_shutdown", SOURCE, OPERATION);
+  OZF_ASSERT(m_init != 0, "m_init", SOURCE, OPERATION);
+
+  // What remote callers hold goes with the POA; if it stays there is no point
+  // in waiting for it.
+  bool released = true;
+  if (m_served)
+  {
+    released = attempt(OPERATION, [this] { m_served->rootPOA->destroy(false, true); });
+    m_served.reset();
+  }
+  if (--m_init > 0)
+    return;
+  if (m_type != DST_NONE && released)
+    getDiscoveryRepository().fini();
+  if (m_ownAce)
+    ACE::fini();
+}
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -1,0 +1,234 @@
+// The hub of the service: the registry of explorers and parsers, the creation
+// of discoveries, queries, and the two timers.
+//
+// Its operations may be called from any thread. The recursive lock guards the
+// registry, the parsers and the plug-in limit; it is held while a registration
+// is written to the cache and while parsers are loaded. Queries and timers do
+// not take it: they work on snapshots of the sets.
+
+#pragma once
+
+#include "discovery/DiscoveryRepositoryEntries.h"
+#include "ozf/base/OzfHostname.h"
+#include "ozf/sync/OZFBlockUntil.h"
+#include "ozf/sync/OzfLockable.h"
+
+#include <DiscoveryServiceC.h>
+
+#include <atomic>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+
+namespace Quillon::Tessarine::Ozf
+{
+class Orb;
+}
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+
+class DiscoveryFramework;
+
+class TQ_EXPORT DiscoveryRepository : public virtual DiscoveryFactory, protected virtual OzfLockable
+{
+public:
+  class DiscoveryTimerBase;
+  class ExplorerPushTimer;
+  class ExplorerRegisterTimer;
+
+  DiscoveryRepository();
+  ~DiscoveryRepository() override;
+
+  // Creation and queries.
+
+  void newDiscovery(AutoDereference<Discovery>& discovery, DiscoveryQuery query,
+                    Subject const& subject, Authority const& authority,
+                    CollectionAttributes const& attributes) const override;
+
+  // The discoveries whose names match the patterns ('*' is the wildcard), with
+  // one reference for the caller. On the master's generic service: matching
+  // pull explorers (never for AT_REMOTEPULL), then the database. Elsewhere the
+  // master is asked, which blocks for the request time-out at worst. Null,
+  // with a log line, when nothing could be queried.
+  virtual DiscoveryIterator* queryDiscoveries(DiscoveryQuery query, std::string const& subject,
+                                              std::string const& authority, AuthorityType type);
+
+  // Discoveries to be produced by the first pull explorer that matches both
+  // patterns and by every entry after it in the set's order; null when none
+  // matches.
+  DiscoveryIterator* findPullExplorer(DiscoveryQuery query, ExplorerSet const& pullExplorers,
+                                      std::string const& subject, std::string const& authority);
+
+  // The roles of this process.
+
+  virtual bool isMaster() const;
+  virtual bool isGenericDS() const;
+  virtual bool isGenericDSOnMaster() const;
+  virtual unsigned getDSType() const;
+
+  // The configured master's name; left empty, with a log line, when there is
+  // none.
+  virtual void getMasterServerName(OzfHostname& master) const;
+
+  // Timers and explorers.
+
+  // Moves the next firing of the push timer to a random delay of up to 59
+  // seconds; nothing without a push timer.
+  virtual void triggerPushTimer();
+
+  // A new authority with the local host's name and type AT_EXTSRC; the
+  // caller's.
+  virtual Authority* getLocalAuthority() const;
+
+  virtual void startExplorers(ExplorerSet explorers, EngineContext const& context);
+  virtual void stopExplorers(ExplorerSet const& explorers);
+  virtual void startPushTimer();
+  virtual void startRegisterTimer();
+
+  // Asks the master's service; null with a log line on every failure. At most
+  // 20 calls may be in progress in the process.
+  virtual DiscoveryIterator* queryRemoteDiscoveries(DiscoveryQuery query,
+                                                    std::string const& subject,
+                                                    std::string const& authority,
+                                                    AuthorityType type);
+
+  // The registry.
+  //
+  // Its lock is always taken before the plug-in loader's, never after it: a
+  // plug-in's entry point registers while the loader holds its own.
+
+  // Take subject and authority over (a null authority means the local one) and
+  // add a reference to the explorer. A push registration must be of higher
+  // priority than an entry of the same identity in either set to replace it; a
+  // pull registration replaces an entry of the same priority too. The loser is
+  // dropped silently. fromCache keeps a registration that was read from the
+  // pull-explorer cache from being written there again.
+  void registerExplorer(Subject const* subject, ExplorerPush const* explorer,
+                        unsigned const& priority, Authority const* authority);
+  void registerExplorer(Subject const* subject, ExplorerPull const* explorer,
+                        unsigned const& priority, Authority const* authority, bool fromCache);
+
+  // Keeps the first parser of a name; adds a reference.
+  void registerExplorerParser(OzfString const& name, ExplorerDataParser const* parser);
+
+  // The parser of that name, null when there is none. The first call loads the
+  // parsers of all plug-ins.
+  AutoDereference<ExplorerDataParser> getRegisteredExplorerParser(OzfString const& name);
+
+  // Restricts plug-in loading to the libraries named; null or empty lifts it.
+  void limitExplorerPlugins(std::list<std::string> const* names);
+  std::list<std::string> getExplorerPluginLimit() const;
+
+  // Loads the plug-ins, starts the explorers and the timer of this role.
+  void loadExplorers();
+  void loadExplorerParsers();
+
+  // Writes one pull registration into the local database, failures are logged.
+  void persistToDisk(AutoDereference<ExplorerWrapper>& entry);
+
+  // Registers what the pull-explorer cache holds.
+  void loadPullExplorerCache();
+
+  static bool stringContainsWildcard(std::string const& text);
+
+  // The registry as it stands; a snapshot does not change.
+  using Snapshot = std::shared_ptr<ExplorerSet const>;
+  Snapshot getPushExplorers() const;
+  Snapshot getPullExplorers() const;
+
+  // The framework, with a counted reference; the accessors assert that there
+  // is one. Set it before other threads use the repository, and null only when
+  // none does any more: reading it takes no lock. A new framework makes a
+  // repository that was shut down usable again.
+  void setDiscoveryFramework(DiscoveryFramework const* framework);
+  Orb* getOrb() const;
+  Orb* findOrb() const noexcept; // null when there is no framework or no ORB
+  std::string getOrbServiceName() const;
+  std::string getDSName() const;
+
+  // Other hosts.
+
+  // A reference to the discovery service of the host, the caller's; nil with a
+  // log line when it cannot be had. Blocks for the request time-out at worst.
+  Remote::DiscoveryService_ptr connectToRemoteDiscoveryService(OzfHostname const& host,
+                                                               char const* serviceName) const;
+
+  // The names of the hosts whose volumes or file systems are known.
+  std::set<OzfString> getDiscoveredClientList();
+
+  // The end.
+
+  // Once for each framework: stops timers, waiting for a pass in progress, and explorers, and
+  // empties the registry.
+  void shutdown();
+  bool isShuttingDown() const noexcept { return m_shuttingDown; }
+
+  // After shutdown: waits for every object registered with the repository's
+  // barrier.
+  void fini();
+  OZFBlockUntil& getBarrier() noexcept { return m_barrier; }
+
+private:
+  // A set of registrations and the snapshot that readers share until the next
+  // change. The mutex is held for the time of a copy at most; nothing else is
+  // locked under it.
+  class Registrations
+  {
+  public:
+    Snapshot snapshot() const;
+    // An entry of the same identity, null when there is none.
+    AutoDereference<ExplorerWrapper> find(AutoDereference<ExplorerWrapper> const& entry) const;
+    // False when an entry that competes with this one is still there.
+    bool insert(AutoDereference<ExplorerWrapper> const& entry);
+    std::size_t size() const;
+    // Takes the entry itself out.
+    void erase(AutoDereference<ExplorerWrapper> const& entry);
+    void clear();
+
+  private:
+    // The set's order is none that a search could rely on: between an entry of
+    // type AT_REMOTEPULL and those it competes with, others may lie. But all
+    // entries of one identity have one subject.
+    struct SubjectOrder
+    {
+      bool operator()(Subject const* a, Subject const* b) const { return *b > *a; }
+    };
+    std::multimap<Subject const*, ExplorerSet::iterator, SubjectOrder> m_bySubject;
+
+    mutable std::mutex m_mutex;
+    ExplorerSet m_entries;
+    mutable Snapshot m_snapshot;
+  };
+
+  // Whether the newcomer may take the place of the entry found.
+  using Wins = bool (*)(unsigned newcomer, unsigned present);
+  bool makeRoom(AutoDereference<ExplorerWrapper> const& newcomer, Wins wins);
+
+  bool readCollection(Discovery& discovery, std::string& text) const;
+
+  Registrations m_pushExplorers;
+  Registrations m_pullExplorers;
+  AutoDereference<DiscoveryFramework> m_discoveryFramework;
+  std::atomic<bool> m_shuttingDown{false};
+  std::mutex m_timersMutex; // the two pointers below
+  AutoDereference<ExplorerPushTimer> m_pushTimer;
+  AutoDereference<ExplorerRegisterTimer> m_registerTimer;
+  OZFBlockUntil m_barrier;
+  bool m_parsersLoaded = false;
+  std::map<OzfString, AutoDereference<ExplorerDataParser>> m_parsers;
+  std::list<std::string> m_pluginLimit;
+};
+
+// The process's one repository, made on first use.
+TQ_EXPORT DiscoveryRepository& getDiscoveryRepository();
+
+// A reference to the discovery service that serviceName publishes on the host;
+// the caller's; nil with a log line when it cannot be had.
+TQ_EXPORT Remote::DiscoveryService_ptr connectToRemoteDS(OzfHostname const& host, Orb* orb,
+                                                         char const* serviceName);
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc

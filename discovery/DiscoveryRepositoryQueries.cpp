@@ -1,0 +1,196 @@
+// The read side: queries, and the registrations kept in the database.
+
+#include "discovery/CombiningIterator.h"
+#include "discovery/DiscDB.h"
+#include "discovery/DiscDBMem.h"
+#include "discovery/DiscoveryLog.h"
+#include "discovery/DiscoveryLoopGuard.h"
+#include "discovery/DiscoveryRepository.h"
+#include "discovery/ExplorerRemotePull.h"
+#include "discovery/RemoteDB.h"
+#include "discovery/XMLHelper.h"
+#include "ozf/orb/Corba.h"
+
+#include <algorithm>
+#include <sstream>
+#include <vector>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+
+namespace
+{
+
+constexpr char SOURCE[] = "DiscoveryRepository";
+
+// A cache record is a few hundred bytes; anything near this is not ours.
+constexpr std::size_t MAX_CACHE_RECORD = 1 << 20;
+
+LoopCounter& remoteQueriesInProgress()
+{
+  static LoopCounter counter;
+  return counter;
+}
+
+} // namespace
+
+DiscoveryIterator* DiscoveryRepository::queryDiscoveries(DiscoveryQuery query,
+                                                         std::string const& subject,
+                                                         std::string const& authority,
+                                                         AuthorityType type)
+{
+  constexpr char const* OPERATION = "DiscoveryRepository::queryDiscoveries";
+  OZF_ASSERT(m_discoveryFramework, "m_discoveryFramework", SOURCE, OPERATION);
+  if (!isGenericDSOnMaster())
+    return queryRemoteDiscoveries(query, subject, authority, type);
+
+  std::vector<AutoDereference<DiscoveryIterator>> iterators;
+  if (type != AT_REMOTEPULL)
+  {
+    AutoDereference<DiscoveryIterator> pulled(
+        findPullExplorer(query, *getPullExplorers(), subject, authority));
+    if (pulled)
+      iterators.push_back(std::move(pulled));
+  }
+
+  // Before its directory is settled the database has nothing to iterate over.
+  AutoDereference<DiscoveryIterator> stored;
+  if (getDiscoveryDBDatabase()->isInitialized())
+    stored.reset(getDiscoveryDBDatabase()->getIterator(query));
+  if (!stored)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "No database iterator found");
+    return nullptr;
+  }
+  stored->setAuthority(authority, type);
+  stored->setSubject(subject);
+  iterators.push_back(std::move(stored));
+  return new CombiningIterator(type, subject, authority, iterators);
+}
+
+DiscoveryIterator* DiscoveryRepository::findPullExplorer(DiscoveryQuery query,
+                                                         ExplorerSet const& pullExplorers,
+                                                         std::string const& subject,
+                                                         std::string const& authority)
+{
+  AutoDereference<ExplorerIdentity> const identity(new ExplorerIdentity(authority, subject));
+  auto entry = std::find_if(pullExplorers.begin(), pullExplorers.end(),
+                            [&](auto const& candidate) { return identity->matches(*candidate); });
+  if (entry == pullExplorers.end())
+    return nullptr;
+
+  // Every entry after the first match is taken as it comes: callers rely on
+  // being given the tail of the set.
+  ExplorerQuerySet queries;
+  for (; entry != pullExplorers.end(); ++entry)
+    queries.insert(AutoDereference<ExplorerQuery>(new ExplorerQuery(*entry)));
+
+  AutoDereference<DiscoveryIterator> iterator(
+      getDiscoveryMemDatbase()->getIterator(queries, query));
+  OZF_ASSERT(dynamic_cast<MemDiscoveryIterator*>(iterator.get()) != nullptr, "discIter", SOURCE,
+             "DiscoveryRepository::findPullExplorer");
+  return iterator.release();
+}
+
+DiscoveryIterator* DiscoveryRepository::queryRemoteDiscoveries(DiscoveryQuery query,
+                                                               std::string const& subject,
+                                                               std::string const& authority,
+                                                               AuthorityType type)
+{
+  constexpr char const* OPERATION = "DiscoveryRepository::queryRemoteDiscoveries";
+  OzfHostname master;
+  getMasterServerName(master);
+  if (master.empty())
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Cannot find master server name, abort connecting to master discovery service");
+    return nullptr;
+  }
+
+  LoopGuard const inProgress(remoteQueriesInProgress());
+  if (inProgress.exceeded())
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Hostname detected as remote and/or master, but appears to be connecting back to "
+            "self, RemoteHost: "
+                << master.exportNarrow());
+    return nullptr;
+  }
+
+  try
+  {
+    Remote::DiscoveryService_var const service =
+        connectToRemoteDiscoveryService(master, "DiscoveryService");
+    if (CORBA::is_nil(service))
+    {
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to connect to discovery service");
+      return nullptr;
+    }
+    Remote::DiscoveryIterator_var const iterator =
+        service->queryDiscoveries(query, type, subject.c_str(), authority.c_str());
+    AutoDereference<RemoteDiscoveryIterator> discoveries(
+        new RemoteDiscoveryIterator(type, subject, authority, iterator));
+    if (discoveries->failure().empty())
+      return discoveries.release();
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Failed to query remote discoveries: " << discoveries->failure());
+    return nullptr;
+  }
+  catch (CORBA::Exception const& exception)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Failed to query remote discoveries: " << corbaExceptionText(exception));
+    return nullptr;
+  }
+}
+
+bool DiscoveryRepository::readCollection(Discovery& discovery, std::string& text) const
+{
+  CollectionData* const data = discovery.getCollectionData();
+  if (data == nullptr || !data->open(OM_READ, ""))
+    return false;
+  char buffer[1024];
+  long count;
+  while ((count = data->readCollection(sizeof buffer, buffer)) > 0)
+  {
+    text.append(buffer, static_cast<std::size_t>(count));
+    if (text.size() > MAX_CACHE_RECORD)
+      return false;
+  }
+  return count == 0;
+}
+
+void DiscoveryRepository::loadPullExplorerCache()
+{
+  AutoDereference<DiscoveryIterator> const records(
+      queryDiscoveries(DQ_DISCOVERY_DATA, "*", "*", AT_REMOTEPULL));
+  if (!records)
+    return;
+
+  for (;;)
+  {
+    AutoDereference<Discovery> const record(records->getNext());
+    if (!record)
+      return;
+    std::string text;
+    if (!readCollection(*record, text))
+      continue;
+
+    std::stringstream xml(text);
+    OzfString serviceName;
+    OzfString sourceHost;
+    unsigned priority = 0;
+    AuthorityType originType = AT_ANYANDALL;
+    if (XMLHelper::parse(xml, serviceName, sourceHost, priority, originType) != 0)
+      continue;
+
+    OzfString const& subject = record->getSubject()->getName();
+    OzfString const& authority = record->getAuthority()->getName();
+    AutoDereference<RemoteExplorerPull> const explorer(
+        new RemoteExplorerPull(serviceName, sourceHost, subject, authority, originType));
+    registerExplorer(new Subject(subject.str()), explorer.get(), priority,
+                     new Authority(authority.str(), record->getAuthority()->getType()), true);
+  }
+}
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -1,0 +1,112 @@
+// The refresh of all clients, and the list of them.
+
+#include "discovery/DiscoveryRepositoryRefresh.h"
+
+#include "discovery/DiscoveryLog.h"
+#include "discovery/DiscoveryRepository.h"
+#include "discovery/Researcher.h"
+#include "ozf/orb/Corba.h"
+
+#include <ace/Recursive_Thread_Mutex.h>
+#include <ace/Singleton.h>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+
+namespace
+{
+
+constexpr char SOURCE[] = "DiscoveryRepository";
+
+void addClients(char const* authority, char const* noneFound, std::set<OzfString>& clients)
+{
+  AutoDereference<AuthSubIterator> const discoveries =
+      getAuthSubIterator(DQ_FILTER_DATA, "*", authority, AT_ANYANDALL);
+  if (!discoveries)
+  {
+    OZF_LOG(getOzfLogger(), 4, SOURCE, "Researcher::getDiscoveredClientList", noneFound);
+    return;
+  }
+  // Every step opens a payload, which may lie on a host that does not answer.
+  while (!getDiscoveryRepository().isShuttingDown())
+  {
+    AutoDereference<CollectionItemIterator> const items(
+        discoveries->getNextCollectionItemIterator(nullptr));
+    if (!items)
+      return;
+    clients.insert(items->getSubject().getName());
+  }
+}
+
+} // namespace
+
+std::set<OzfString> DiscoveryRepository::getDiscoveredClientList()
+{
+  std::set<OzfString> clients;
+  addClients("volume", "No windows clients found", clients);
+  addClients("filesystem", "No unix clients found", clients);
+  return clients;
+}
+
+RefreshDiscoveryTask::RefreshDiscoveryTask() { thr_mgr(&m_threads); }
+
+int RefreshDiscoveryTask::ozfsvc()
+{
+  constexpr char const* OPERATION = "RefreshDiscoveryTask::ozfsvc";
+  DiscoveryRepository& repository = getDiscoveryRepository();
+  for (OzfString const& client : repository.getDiscoveredClientList())
+  {
+    if (repository.isShuttingDown())
+    {
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "tqdisco shutting down, aborting refresh task");
+      return 0;
+    }
+    OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION, "Restarting push timers on client: " << client);
+    try
+    {
+      OzfHostname host;
+      host.setHostname(client.str());
+      Remote::DiscoveryService_var const service =
+          repository.connectToRemoteDiscoveryService(host, "DiscoveryService");
+      if (CORBA::is_nil(service))
+      {
+        OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+                "Failed to connect to client discovery service");
+        continue;
+      }
+      service->restartLocalPushTimer();
+    }
+    catch (CORBA::Exception const& exception)
+    {
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+              "Caught CORBA exception connecting to remote service");
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, corbaExceptionText(exception));
+      return 0;
+    }
+  }
+  return 0;
+}
+
+bool DiscoveriesThreadMgr::restartAllPushTimers()
+{
+  std::lock_guard guard(m_mutex);
+  // The end of the service has waited for the task, or is about to.
+  if (m_task.running() || getDiscoveryRepository().isShuttingDown())
+    return false;
+  // Collects the thread of the run before, which has ended.
+  m_task.wait();
+  return m_task.activate() == 0;
+}
+
+void DiscoveriesThreadMgr::waitForRefresh()
+{
+  std::lock_guard guard(m_mutex);
+  m_task.wait();
+}
+
+DiscoveriesThreadMgr& getDiscoveriesThreadMgr()
+{
+  return *ACE_Singleton<DiscoveriesThreadMgr, ACE_Recursive_Thread_Mutex>::instance();
+}
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -1,0 +1,87 @@
+// The links to other hosts.
+
+#include "discovery/DiscoveryLog.h"
+#include "discovery/DiscoveryLoopGuard.h"
+#include "discovery/DiscoveryRepository.h"
+#include "ozf/config/ConfigurationProvider.h"
+#include "ozf/orb/Orb.h"
+#include "ozf/plugin/EngineContext.h"
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+
+namespace
+{
+
+constexpr char SOURCE[] = "DiscoveryRepository";
+
+LoopCounter& connectionsInProgress()
+{
+  static LoopCounter counter;
+  return counter;
+}
+
+} // namespace
+
+void DiscoveryRepository::getMasterServerName(OzfHostname& master) const
+{
+  master = OzfHostname();
+  EngineContext const context;
+  auto const* const holder = getEngineSingleton<ConfigurationProviderHolder>(context);
+  std::string name;
+  if (holder->getMetadataProvider().getValue({MetadataIdentifier::CONFIGURATION_KEY, "SERVER"},
+                                             name) &&
+      master.setHostname(name))
+    return;
+  // The line carries another class's tag; log readers look for it.
+  OZF_LOG(getOzfLogger(), 1, SOURCE, "RemoteCollectionData::getMasterServerName",
+          "Unable to obtain master server name");
+}
+
+Remote::DiscoveryService_ptr
+DiscoveryRepository::connectToRemoteDiscoveryService(OzfHostname const& host,
+                                                     char const* serviceName) const
+{
+  return connectToRemoteDS(host, getOrb(), serviceName);
+}
+
+Remote::DiscoveryService_ptr connectToRemoteDS(OzfHostname const& host, Orb* orb,
+                                               char const* serviceName)
+{
+  constexpr char const* OPERATION = "connectToRemoteDS";
+  LoopGuard const inProgress(connectionsInProgress());
+  OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION, "Host: " << host.exportNarrow());
+  OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION, "Service: " << serviceName);
+  if (inProgress.exceeded())
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Hostname detected as remote and/or master, but appears to be connecting back to "
+            "self, RemoteHost: "
+                << host.exportNarrow());
+    return Remote::DiscoveryService::_nil();
+  }
+
+  try
+  {
+    CORBA::Object_var const object =
+        orb->resolveObject(host, serviceName, "DiscoveryService", ACE_Time_Value::zero);
+    if (CORBA::is_nil(object))
+    {
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+              "Failed to connect to remote discovery service");
+      return Remote::DiscoveryService::_nil();
+    }
+    Remote::DiscoveryService_var service = Remote::DiscoveryService::_narrow(object);
+    if (CORBA::is_nil(service))
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+              "Failed to connect to remote discovery service ( narrow failed )");
+    return service._retn();
+  }
+  catch (CORBA::Exception const&)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to connect to remote discovery service.");
+    return Remote::DiscoveryService::_nil();
+  }
+}
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc

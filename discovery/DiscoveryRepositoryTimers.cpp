@@ -1,0 +1,297 @@
+// The push timer and the register timer.
+
+#include "discovery/DiscoveryRepositoryTimers.h"
+
+#include "discovery/DiscoveryLog.h"
+#include "discovery/ExplorerCall.h"
+#include "ozf/orb/Orb.h"
+#include "ozf/sync/AceReactor.h"
+
+#include <ace/Reactor.h>
+
+#include <cstdlib>
+#include <limits>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+
+namespace
+{
+
+constexpr char SOURCE[] = "DiscoveryRepository";
+
+constexpr int PUSH_PERIOD = 5;      // seconds
+constexpr int REGISTER_RETRY = 300; // seconds
+constexpr int REGISTER_DELAY_RANGE = 300;
+constexpr int TRIGGERED_PUSH_RANGE = 60;
+
+// A number in [0, range) that the leading digits of the host's name decide:
+// every host whose name does not begin with digits gets the same one.
+int randomDelay(int range)
+{
+  OzfHostname local;
+  local.setLocal();
+  srand(static_cast<unsigned>(strtol(local.exportNarrow().c_str(), nullptr, 10)));
+  return rand() % range;
+}
+
+OzfObjTime wholeSeconds(PollingInterval seconds)
+{
+  constexpr PollingInterval MOST = std::numeric_limits<std::int64_t>::max();
+  return OzfObjTime(static_cast<std::int64_t>(seconds < MOST ? seconds : MOST));
+}
+
+// Makes the reactor's thread known to the ORB before it calls out. False, with
+// the line given, when there is no ORB or no core.
+bool enterOrb(DiscoveryRepository const& repository, char const* operation,
+              char const* noCoreMessage)
+{
+  Orb* const orb = repository.findOrb();
+  if (orb == nullptr)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, operation, "Cannot get instance of ORB");
+    return false;
+  }
+  OrbCore* const core = orb->getOrbCore();
+  if (core == nullptr)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, operation, noCoreMessage);
+    return false;
+  }
+  core->lf_strategy().set_upcall_thread(core->leader_follower());
+  return true;
+}
+
+} // namespace
+
+// ---- what both timers share ----
+
+DiscoveryRepository::DiscoveryTimerBase::~DiscoveryTimerBase() = default;
+
+void DiscoveryRepository::DiscoveryTimerBase::schedule(ACE_Time_Value const& delay)
+{
+  LockableGuard lockableGuard(*this);
+  OZF_ASSERT(lockableGuard.locked(), "lockableGuard.locked()", SOURCE,
+             "DiscoveryTimerBase::schedule");
+  if (m_shutDown)
+    return;
+  // A firing that re-arms itself while it is triggered must not leave two.
+  cancel();
+  m_reactor = getAceReactor();
+  if (m_reactor == nullptr || m_reactor->schedule_timer(this, nullptr, delay) == -1)
+    OZF_LOG(getOzfLogger(), 1, SOURCE, "DiscoveryTimerBase::schedule",
+            "Unable to schedule a timer");
+}
+
+void DiscoveryRepository::DiscoveryTimerBase::cancel()
+{
+  LockableGuard lockableGuard(*this);
+  OZF_ASSERT(lockableGuard.locked(), "lockableGuard.locked()", SOURCE,
+             "DiscoveryTimerBase::cancel");
+  constexpr int DONT_CALL_HANDLE_CLOSE = 1;
+  if (m_reactor != nullptr)
+    m_reactor->cancel_timer(this, DONT_CALL_HANDLE_CLOSE);
+}
+
+void DiscoveryRepository::DiscoveryTimerBase::shutdown()
+{
+  LockableGuard lockableGuard(*this);
+  OZF_ASSERT(lockableGuard.locked(), "lockableGuard.locked()", SOURCE,
+             "DiscoveryTimerBase::shutdown");
+  m_shutDown = true;
+  cancel();
+}
+
+int DiscoveryRepository::DiscoveryTimerBase::handle_timeout(ACE_Time_Value const& now, void const*)
+{
+  try
+  {
+    fire(OzfObjTime(now.sec(), now.usec()));
+  }
+  catch (...)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, "DiscoveryTimerBase::handle_timeout",
+            "A timer's firing ended early and is tried again: " << currentExceptionText());
+    schedule(retryDelay());
+  }
+  return 0;
+}
+
+// ---- the push timer ----
+
+DiscoveryRepository::ExplorerPushTimer::ExplorerPushTimer(DiscoveryRepository& repository,
+                                                          Snapshot explorers)
+    : m_repository(repository), m_explorers(std::move(explorers)), m_period(PUSH_PERIOD)
+{
+}
+
+void DiscoveryRepository::ExplorerPushTimer::fire(OzfObjTime const& fired)
+{
+  constexpr char const* OPERATION = "ExplorerPushTimer::handle_timeout";
+  if (!enterOrb(m_repository, OPERATION, "Cannot get instance of ORB"))
+    return;
+
+  for (auto const& entry : *m_explorers)
+  {
+    if (m_repository.m_shuttingDown)
+      return;
+    auto* const explorer = dynamic_cast<ExplorerPush*>(entry->getExplorer());
+    OZF_ASSERT(explorer != nullptr, "NULL != exp", SOURCE, OPERATION);
+
+    callExplorer(*explorer, SOURCE, OPERATION,
+                 [&]
+                 {
+                   OzfObjTime const now = OzfObjTime::now();
+                   OzfObjTime const interval = wholeSeconds(explorer->getPollingInterval());
+                   if (explorer->getLastExplorationTime() + interval > now)
+                     return;
+
+                   explorer->setLastExplorationTime(now);
+                   CollectionAttributes const attributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY,
+                                                         fired, interval, entry->getPriority());
+                   DiscoveryResult result{DS_SUCCESS, 0};
+                   // So it stays when the explorer throws.
+                   entry->noteRun(now, DS_LOGIC_ERROR);
+                   explorer->explore(*entry->getAuthority(), *entry->getSubject(), attributes,
+                                     entry->getContext(), &m_repository, result);
+                   entry->noteRun(now, result.discStatus);
+                 });
+  }
+  schedule(m_period);
+}
+
+// ---- the register timer ----
+
+DiscoveryRepository::ExplorerRegisterTimer::ExplorerRegisterTimer(
+    DiscoveryRepository& repository, AutoDereference<DiscoveryFramework> const& framework)
+    : m_repository(repository), m_framework(framework)
+{
+}
+
+ACE_Time_Value DiscoveryRepository::ExplorerRegisterTimer::retryDelay() const
+{
+  return ACE_Time_Value(REGISTER_RETRY);
+}
+
+void DiscoveryRepository::ExplorerRegisterTimer::fire(OzfObjTime const&)
+{
+  constexpr char const* OPERATION = "ExplorerRegisterTimer::handle_timeout";
+  if (!enterOrb(m_repository, OPERATION, "Cannot get instance of ORB Core"))
+    return;
+
+  OzfHostname master;
+  m_repository.getMasterServerName(master);
+  if (master.empty())
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Cannot find master server name, cannot register explorers");
+    schedule(retryDelay());
+    return;
+  }
+
+  try
+  {
+    if (announce(master))
+      m_repository.startPushTimer();
+    else
+      schedule(retryDelay());
+  }
+  catch (CORBA::Exception const& exception)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Caught CORBA exception registering explorers with master, retrying later"
+                << corbaExceptionText(exception));
+    schedule(retryDelay());
+  }
+}
+
+bool DiscoveryRepository::ExplorerRegisterTimer::announce(OzfHostname const& master)
+{
+  constexpr char const* OPERATION = "ExplorerRegisterTimer::handle_timeout";
+  Snapshot const explorers = m_repository.getPullExplorers();
+  OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+          "Registering " << explorers->size() << " explorers with master server");
+
+  Remote::DiscoveryService_var const service =
+      m_repository.connectToRemoteDiscoveryService(master, "DiscoveryService");
+  if (CORBA::is_nil(service))
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Failed to connect to discovery service on the master, retrying later");
+    return false;
+  }
+
+  OzfHostname local;
+  local.setLocal();
+  std::string const serviceName = m_repository.getOrbServiceName();
+  {
+    // Shutting this timer down waits here for the loop to end.
+    LockableGuard lockableGuard(*this);
+    OZF_ASSERT(lockableGuard.locked(), "lockableGuard.locked()", SOURCE, OPERATION);
+    for (auto const& entry : *explorers)
+    {
+      if (m_repository.m_shuttingDown)
+        break;
+      service->registerExplorer(
+          local.exportNarrow().c_str(), serviceName.c_str(), entry->getSubject()->getName().c_str(),
+          entry->getAuthority()->getName().c_str(), entry->getAuthority()->getType(),
+          static_cast<CORBA::Short>(entry->getPriority()));
+    }
+  }
+  OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Successfully registered explorers with master");
+  return true;
+}
+
+// ---- the repository's side ----
+
+void DiscoveryRepository::startPushTimer()
+{
+  AutoDereference<ExplorerPushTimer> const timer(new ExplorerPushTimer(*this, getPushExplorers()));
+  AutoDereference<ExplorerPushTimer> previous;
+  {
+    std::lock_guard guard(m_timersMutex);
+    if (m_shuttingDown)
+      return;
+    previous = std::move(m_pushTimer);
+    m_pushTimer = timer;
+  }
+  // A timer that is only released would go on re-arming itself.
+  if (previous)
+    previous->shutdown();
+  timer->schedule(ACE_Time_Value::zero);
+}
+
+void DiscoveryRepository::startRegisterTimer()
+{
+  AutoDereference<ExplorerRegisterTimer> const timer(
+      new ExplorerRegisterTimer(*this, m_discoveryFramework));
+  AutoDereference<ExplorerRegisterTimer> previous;
+  {
+    std::lock_guard guard(m_timersMutex);
+    if (m_shuttingDown)
+      return;
+    previous = std::move(m_registerTimer);
+    m_registerTimer = timer;
+  }
+  if (previous)
+    previous->shutdown();
+  timer->schedule(ACE_Time_Value(randomDelay(REGISTER_DELAY_RANGE)));
+}
+
+void DiscoveryRepository::triggerPushTimer()
+{
+  AutoDereference<ExplorerPushTimer> timer;
+  {
+    std::lock_guard guard(m_timersMutex);
+    timer = m_pushTimer;
+  }
+  if (!timer)
+    return;
+  timer->cancel();
+  int const delay = randomDelay(TRIGGERED_PUSH_RANGE);
+  OZF_LOG(getOzfLogger(), 4, SOURCE, "DiscoveryRepository::triggerPushTimer",
+          "triggering push in " << delay << " seconds");
+  timer->schedule(ACE_Time_Value(delay));
+}
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc

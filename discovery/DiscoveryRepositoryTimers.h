@@ -1,0 +1,76 @@
+// The repository's two timers. Both are one-shot timers of the framework's
+// reactor; each re-arms itself. The reactor and the repository each hold a
+// reference, and so does a firing in progress.
+
+#pragma once
+
+#include "discovery/DiscoveryFramework.h"
+#include "discovery/DiscoveryRepository.h"
+#include "ozf/sync/OZFRefAceEvent.h"
+
+#include <ace/Time_Value.h>
+
+class ACE_Reactor;
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+
+// The timer's own lock orders schedule, cancel and shutdown, so that a timer
+// that was shut down is never scheduled again.
+class TQ_EXPORT DiscoveryRepository::DiscoveryTimerBase : public OZFRefAceEvent, public OzfLockable
+{
+public:
+  void schedule(ACE_Time_Value const& delay);
+  void cancel();
+  void shutdown();
+
+  // An exception must not reach the reactor, nor end the timer's life: it is
+  // logged, and the timer is scheduled again after its retry delay.
+  int handle_timeout(ACE_Time_Value const& now, void const* act) final;
+
+protected:
+  ~DiscoveryTimerBase() override;
+
+  // fired is the wall-clock time of the firing.
+  virtual void fire(OzfObjTime const& fired) = 0;
+  virtual ACE_Time_Value retryDelay() const = 0;
+
+private:
+  ACE_Reactor* m_reactor = nullptr; // of the last schedule
+  bool m_shutDown = false;
+};
+
+// Runs the push explorers that are due, every five seconds. Explorers that are
+// registered later are not seen until a new timer is made.
+class TQ_EXPORT DiscoveryRepository::ExplorerPushTimer : public virtual DiscoveryTimerBase
+{
+public:
+  ExplorerPushTimer(DiscoveryRepository& repository, Snapshot explorers);
+
+private:
+  void fire(OzfObjTime const& fired) override;
+  ACE_Time_Value retryDelay() const override { return m_period; }
+
+  DiscoveryRepository& m_repository;
+  Snapshot m_explorers;
+  ACE_Time_Value m_period;
+};
+
+// Announces this host's pull explorers to the master and then starts the push
+// timer; tries again every 300 seconds until that worked.
+class TQ_EXPORT DiscoveryRepository::ExplorerRegisterTimer : public virtual DiscoveryTimerBase
+{
+public:
+  ExplorerRegisterTimer(DiscoveryRepository& repository,
+                        AutoDereference<DiscoveryFramework> const& framework);
+
+private:
+  void fire(OzfObjTime const& fired) override;
+  ACE_Time_Value retryDelay() const override;
+  bool announce(OzfHostname const& master);
+
+  DiscoveryRepository& m_repository;
+  AutoDereference<DiscoveryFramework> m_framework;
+};
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc

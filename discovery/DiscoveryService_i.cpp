@@ -1,0 +1,261 @@
+#include "discovery/DiscoveryService_i.h"
+
+#include "discovery/DiscoveryLog.h"
+#include "discovery/DiscoveryRepository.h"
+#include "discovery/DiscoveryRepositoryRefresh.h"
+#include "discovery/DiscoveryService_iIterators.h"
+#include "discovery/DiscoveryService_iWriter.h"
+#include "discovery/ExplorerRemotePull.h"
+#include "ozf/orb/Orb.h"
+#include "ozf/orb/OrbService.h"
+
+#include <ace/Time_Value.h>
+
+#include <string>
+#include <string_view>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc::Remote
+{
+
+namespace
+{
+
+constexpr char SOURCE[] = "DiscoveryService_i";
+
+// Patterns may be empty.
+bool isUsablePattern(std::string_view name) { return name.size() <= MAX_WIRE_NAME; }
+
+// The name of a host or of a service on it.
+bool isUsablePlace(std::string_view name) { return !name.empty() && isUsablePattern(name); }
+
+// Activates an iterator with the evictor and starts its idle time.
+template <class Servant>
+auto publish(Servant& servant, Orb& orb)
+{
+  using Interface = typename Servant::InterfaceType;
+  CORBA::Object_var const object =
+      orb.activateEvictable(&servant, Servant::REPOSITORY_ID, servant.objectId().out());
+  try
+  {
+    typename Interface::_var_type reference = Interface::_narrow(object);
+    add2Evictor(servant.objectId().in(), orb.getEvictingPOA(), orb, ITERATOR_TIMEOUT);
+    return reference._retn();
+  }
+  catch (CORBA::Exception const&)
+  {
+    removeFromEvictor(servant.objectId(), orb);
+    throw;
+  }
+}
+
+} // namespace
+
+void add2Evictor(CORBA::OctetSeq const& objectId, PortableServer::POA* poa, Orb& orb, long timeout)
+{
+  try
+  {
+    orb.getEvictor().addObject(ACE_Time_Value(timeout), poa, objectId, CORBA::OctetSeq());
+  }
+  catch (CORBA::Exception const& exception)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, "add2Evictor",
+            "Caught CORBA exception while add2Evictor, " << corbaExceptionText(exception));
+    throw;
+  }
+}
+
+void removeFromEvictor(CORBA::OctetSeq_var& objectId, Orb& orb)
+{
+  if (objectId.operator->() == nullptr || objectId->length() == 0)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, "removeFromEvictor",
+            "Nothing to be evicted, Object ID is not valid");
+    return;
+  }
+  orb.getEvictor().removeObject(objectId.in(), true, true);
+}
+
+DiscoveryIterator_ptr DiscoveryService_i::queryDiscoveries(DiscoveryQuery queryType,
+                                                           AuthorityType authType,
+                                                           char const* subject,
+                                                           char const* authority)
+{
+  constexpr char const* OPERATION = "DiscoveryService_i::queryDiscoveries";
+  DiscoveryRepository& repository = getDiscoveryRepository();
+  AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::DiscoveryIterator> iterator;
+  if (isUsablePattern(subject) && isUsablePattern(authority))
+    iterator.reset(repository.queryDiscoveries(queryType, subject, authority, authType));
+  if (!iterator)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to create discovery iterator");
+    throw CORBA::COMM_FAILURE(0, CORBA::COMPLETED_NO);
+  }
+
+  try
+  {
+    DiscoveryIterator_i* const servant = new DiscoveryIterator_i(iterator.get());
+    PortableServer::ServantBase_var const localReference(servant);
+    return publish(*servant, *repository.getOrb());
+  }
+  catch (CORBA::Exception const& exception)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Caught CORBA exception creating object reference to discovery iterator");
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, corbaExceptionText(exception));
+    throw;
+  }
+}
+
+DiscoveryStatus DiscoveryService_i::getCollectionData(Discovery const& record, char const* filter,
+                                                      CollectionDataIterator_out iterator)
+{
+  constexpr char const* OPERATION = "DiscoveryService_i::getCollectionData";
+  iterator = CollectionDataIterator::_nil();
+  std::string const subject(record.subject);
+  std::string const authority(record.authority);
+  // The operation names exactly one discovery, which an empty name no more
+  // does than a pattern.
+  if (DiscoveryRepository::stringContainsWildcard(subject) ||
+      DiscoveryRepository::stringContainsWildcard(authority) ||
+      !areUsableNames(subject.c_str(), authority.c_str()))
+    return DS_LOGIC_ERROR;
+
+  DiscoveryRepository& repository = getDiscoveryRepository();
+  AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::DiscoveryIterator> const found(
+      repository.isGenericDSOnMaster()
+          ? repository.queryDiscoveries(record.queryType, subject, authority, record.authType)
+          : repository.findPullExplorer(record.queryType, *repository.getPullExplorers(), subject,
+                                        authority));
+  if (!found)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Null iterator returned. Fount no discoveries for subject "
+                << subject << " & authority " << authority);
+    return DS_NONE_FOUND;
+  }
+  AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::Discovery> discovery(found->getNext());
+  if (!discovery)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Fount no discoveries for subject " << subject << " & authority " << authority);
+    return DS_NONE_FOUND;
+  }
+  if (AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::Discovery>(found->getNext()))
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Fount too many matching discoveries for subject " << subject << " & authority "
+                                                               << authority);
+    return DS_LOGIC_ERROR;
+  }
+
+  try
+  {
+    CollectionDataIterator_i* const servant = new CollectionDataIterator_i(discovery);
+    PortableServer::ServantBase_var const localReference(servant);
+    if (!servant->open(filter))
+    {
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+              "Error encountered trying to open collection iterator");
+      return DS_OPEN_FAILED;
+    }
+    iterator = publish(*servant, *repository.getOrb());
+    return DS_SUCCESS;
+  }
+  catch (CORBA::Exception const& exception)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Caught CORBA exception creating object reference to collection data iterator");
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, corbaExceptionText(exception));
+    iterator = CollectionDataIterator::_nil();
+    return DS_COM_ERROR;
+  }
+}
+
+RemoteWriter_i* DiscoveryService_i::newRemoteWriter(Discovery const& record) const
+{
+  return new RemoteWriter_i(record);
+}
+
+DiscoveryResult DiscoveryService_i::putCollection(Discovery const& record, RemoteWriter_out writer)
+{
+  constexpr char const* OPERATION = "DiscoveryService_i::putCollection";
+  writer = RemoteWriter::_nil();
+  DiscoveryResult result{DS_OPEN_FAILED, 0};
+  if (!areUsableNames(record.subject.in(), record.authority.in()))
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Refused a discovery: its subject or authority is empty or too long");
+    return result;
+  }
+
+  try
+  {
+    RemoteWriter_i* const servant = newRemoteWriter(record);
+    PortableServer::ServantBase_var const localReference(servant);
+    result = servant->open();
+    if (isSuccess(result))
+    {
+      CORBA::Object_var const reference =
+          getDiscoveryRepository().getOrb()->activateObject(servant);
+      servant->setReference(reference);
+      writer = RemoteWriter::_narrow(reference);
+    }
+  }
+  catch (CORBA::Exception const& exception)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Caught CORBA exception creating object reference to remote writer");
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, corbaExceptionText(exception));
+    writer = RemoteWriter::_nil();
+    result.discStatus = DS_COM_ERROR;
+  }
+  return result;
+}
+
+void DiscoveryService_i::registerExplorer(char const* sourceHost, char const* sourceServiceName,
+                                          char const* subject, char const* authority,
+                                          AuthorityType authType, CORBA::Short priority)
+{
+  constexpr char const* OPERATION = "DiscoveryService_i::registerExplorer";
+  if (!isUsablePlace(sourceHost) || !isUsablePlace(sourceServiceName) ||
+      !areUsableNames(subject, authority))
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Refused the registration of an explorer: a name is empty or too long");
+    // The caller is not told: an exception would keep it from ever starting its
+    // push explorers.
+    return;
+  }
+  OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+          "Registered explorer: " << sourceHost << " " << sourceServiceName << " " << subject << " "
+                                  << authority << " " << priority);
+  AutoDereference<RemoteExplorerPull> const explorer(
+      new RemoteExplorerPull(sourceServiceName, sourceHost, subject, authority, authType));
+  // The wire has 16 bits; a negative priority becomes a very high one.
+  auto const wide = static_cast<unsigned>(static_cast<int>(priority));
+  getDiscoveryRepository().registerExplorer(new Subject(subject), explorer.get(), wide,
+                                            new Authority(authority, authType), false);
+}
+
+CORBA::Boolean DiscoveryService_i::terminate()
+{
+  constexpr char const* OPERATION = "DiscoveryService_i::terminate";
+  OrbService* const service = OrbService::Instance();
+  if (service == nullptr)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Unable to retrieve the OrbService instance");
+    return false;
+  }
+  service->stopByEvent(false);
+  return true;
+}
+
+void DiscoveryService_i::restartLocalPushTimer() { getDiscoveryRepository().triggerPushTimer(); }
+
+CORBA::Boolean DiscoveryService_i::restartAllPushTimers()
+{
+  return getDiscoveryRepository().isGenericDSOnMaster() &&
+         getDiscoveriesThreadMgr().restartAllPushTimers();
+}
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc::Remote

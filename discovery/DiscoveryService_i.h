@@ -1,0 +1,60 @@
+// The servant behind the name "DiscoveryService", and the helpers that tie
+// short-lived servants to the evictor.
+//
+// What comes from the network is checked before it is used: names that are
+// empty where one is needed, or longer than MAX_WIRE_NAME bytes, are answered with
+// a status or BAD_PARAM.
+
+#pragma once
+
+#include "discovery/Export.h"
+#include "discovery/RemoteDBWire.h"
+#include "ozf/orb/Corba.h"
+
+#include <DiscoveryServiceC.h>
+
+namespace Quillon::Tessarine::Ozf
+{
+class Orb;
+}
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc::Remote
+{
+
+class RemoteWriter_i;
+
+// Seconds of idleness after which a paged iterator is dropped.
+inline constexpr long ITERATOR_TIMEOUT = 300;
+
+// Starts the idle time, in seconds, of a servant in the ORB's evictor. Logs
+// and passes on CORBA exceptions.
+TQ_EXPORT void add2Evictor(CORBA::OctetSeq const& objectId, PortableServer::POA* poa, Orb& orb,
+                           long timeout);
+
+// Takes a servant out of the evictor, and drops it when no call is in progress
+// on it. An id that is not set is logged.
+TQ_EXPORT void removeFromEvictor(CORBA::OctetSeq_var& objectId, Orb& orb);
+
+// Keeps no state: everything is in the repository. Any number of threads.
+class TQ_EXPORT DiscoveryService_i
+    : public POA_Quillon::Tessarine::Ozf::DiscoverySvc::Remote::DiscoveryService
+{
+public:
+  DiscoveryIterator_ptr queryDiscoveries(DiscoveryQuery queryType, AuthorityType authType,
+                                         char const* subject, char const* authority) override;
+  DiscoveryStatus getCollectionData(Discovery const& record, char const* filter,
+                                    CollectionDataIterator_out iterator) override;
+  DiscoveryResult putCollection(Discovery const& record, RemoteWriter_out writer) override;
+  void registerExplorer(char const* sourceHost, char const* sourceServiceName, char const* subject,
+                        char const* authority, AuthorityType authType,
+                        CORBA::Short priority) override;
+  CORBA::Boolean terminate() override;
+  void restartLocalPushTimer() override;
+  CORBA::Boolean restartAllPushTimers() override;
+
+protected:
+  // A new writer for the record, with one reference for the caller.
+  virtual RemoteWriter_i* newRemoteWriter(Discovery const& record) const;
+};
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc::Remote

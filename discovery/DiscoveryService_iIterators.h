@@ -1,0 +1,99 @@
+// The paged iterators that remote callers drain and release.
+
+#pragma once
+
+#include "discovery/DiscData.h"
+#include "discovery/Export.h"
+#include "ozf/orb/Corba.h"
+
+#include <DiscoveryServiceC.h>
+
+#include <mutex>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc::Remote
+{
+
+// The size of a page, in bytes, beyond which it is handed out although the
+// caller asked for more: a page must pass the ORB's message limit, and its
+// size comes from the network. A short page is not the end, so nothing is lost.
+inline constexpr long MAX_PAGE_BYTES = 1L << 20;
+
+// A servant that the evictor may drop; knows its object id.
+template <class Skeleton, class Interface>
+class EvictableServant : public Skeleton
+{
+public:
+  // The id is set when the servant is activated; until then it is empty.
+  CORBA::OctetSeq_var& objectId() noexcept { return m_objectId; }
+
+  using InterfaceType = Interface;
+
+protected:
+  // Each servant is meant for one caller at a time, but what arrives from the
+  // network does not have to keep to it.
+  std::mutex& oneCaller() noexcept { return m_oneCaller; }
+
+private:
+  CORBA::OctetSeq_var m_objectId;
+  std::mutex m_oneCaller;
+};
+
+// Pages through a local iterator. Used by one caller at a time.
+class TQ_EXPORT DiscoveryIterator_i
+    : public EvictableServant<POA_Quillon::Tessarine::Ozf::DiscoverySvc::Remote::DiscoveryIterator,
+                              DiscoveryIterator>
+{
+public:
+  static constexpr char const* REPOSITORY_ID =
+      "IDL:Quillon/Tessarine/Ozf/DiscoverySvc/Remote/DiscoveryIterator:1.0";
+
+  // Adds a reference to the iterator.
+  explicit DiscoveryIterator_i(Quillon::Tessarine::Ozf::DiscoverySvc::DiscoveryIterator* iterator);
+
+  CORBA::Long pageSize() override;
+  void pageSize(CORBA::Long size) override;
+
+  // Up to pageSize + 1 records, one more than the attribute says: callers
+  // count on it. None when pageSize is negative.
+  DiscoverySeq* getNextPage() override;
+
+  void release() override;
+
+private:
+  AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::DiscoveryIterator> m_discoveryIterator;
+  CORBA::Long m_pageSize;
+  OzfString m_localHost;
+};
+
+// Pages through the payload of one discovery. Used by one caller at a time.
+class TQ_EXPORT CollectionDataIterator_i
+    : public EvictableServant<
+          POA_Quillon::Tessarine::Ozf::DiscoverySvc::Remote::CollectionDataIterator,
+          CollectionDataIterator>
+{
+public:
+  static constexpr char const* REPOSITORY_ID =
+      "IDL:Quillon/Tessarine/Ozf/DiscoverySvc/Remote/CollectionDataIterator:1.0";
+
+  // Adds a reference to the discovery.
+  explicit CollectionDataIterator_i(
+      AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::Discovery>& discovery);
+
+  CORBA::Long pageSize() override;
+  void pageSize(CORBA::Long size) override;
+
+  // Up to pageSize bytes; none at the end, on a read error, or when pageSize
+  // is not positive.
+  CollectionDataSeq* getNextPage() override;
+
+  void release() override;
+
+  // Opens the payload for reading.
+  virtual bool open(char const* filter);
+
+private:
+  AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::Discovery> m_discovery;
+  CORBA::Long m_pageSize;
+};
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc::Remote

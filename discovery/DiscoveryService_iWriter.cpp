@@ -1,0 +1,79 @@
+#include "discovery/DiscoveryService_iWriter.h"
+
+#include "discovery/DiscoveryLog.h"
+#include "discovery/DiscoveryRepository.h"
+#include "discovery/RemoteDBWire.h"
+#include "ozf/orb/Orb.h"
+
+#include <memory>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc::Remote
+{
+
+namespace
+{
+constexpr char SOURCE[] = "DiscoveryService_i";
+}
+
+RemoteWriter_i::RemoteWriter_i(Discovery const& record) : m_record(record) {}
+
+void RemoteWriter_i::setReference(CORBA::Object_ptr reference)
+{
+  m_reference = CORBA::Object::_duplicate(reference);
+}
+
+DiscoveryRepository& RemoteWriter_i::getDiscoveryRepository() const
+{
+  return Quillon::Tessarine::Ozf::DiscoverySvc::getDiscoveryRepository();
+}
+
+DiscoveryResult RemoteWriter_i::open()
+{
+  std::unique_ptr<CollectionAttributes> const attributes(fromWire(m_record.attributes));
+  Authority const authority(m_record.authority.in(), m_record.authType);
+  Subject const subject(m_record.subject.in());
+  getDiscoveryRepository().newDiscovery(m_discovery, m_record.queryType, subject, authority,
+                                        *attributes);
+  getDiscoveryRepository().getBarrier().add(*m_discovery);
+  return {m_discovery->open(OM_UPDATE, ""), 0};
+}
+
+void RemoteWriter_i::requireNotClosed() const
+{
+  if (m_closed)
+    throw CORBA::OBJECT_NOT_EXIST(0, CORBA::COMPLETED_NO);
+}
+
+CORBA::Boolean RemoteWriter_i::put(CollectionDataSeq const& data)
+{
+  constexpr char const* OPERATION = "RemoteWriter_i::put";
+  std::lock_guard const guard(m_oneCaller);
+  requireNotClosed();
+  OZF_ASSERT(m_discovery, "NULL != m_discovery", SOURCE, OPERATION);
+  bool const written =
+      m_discovery->getCollectionData()->writeCollection(data.length(), data.get_buffer()) != 0;
+  m_incomplete = m_incomplete || !written;
+  return written;
+}
+
+DiscoveryResult RemoteWriter_i::close()
+{
+  constexpr char const* OPERATION = "RemoteWriter_i::close";
+  std::lock_guard const guard(m_oneCaller);
+  requireNotClosed();
+  OZF_ASSERT(m_discovery, "NULL != m_discovery", SOURCE, OPERATION);
+  DiscoveryResult result{DS_OPEN_FAILED, 0};
+  if (m_incomplete)
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Abandoned a discovery of which a part could not be written, subject "
+                << m_record.subject.in() << " & authority " << m_record.authority.in());
+  else
+    result.discStatus = m_discovery->persist();
+  getDiscoveryRepository().getOrb()->destroyObjectRef(m_reference);
+  m_reference = CORBA::Object::_nil();
+  m_discovery.reset();
+  m_closed = true;
+  return result;
+}
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc::Remote

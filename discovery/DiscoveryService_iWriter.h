@@ -1,0 +1,58 @@
+// The servant through which a remote caller writes one discovery.
+
+#pragma once
+
+#include "discovery/DiscData.h"
+#include "discovery/Export.h"
+#include "ozf/orb/Corba.h"
+
+#include <DiscoveryServiceC.h>
+
+#include <mutex>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+class DiscoveryRepository;
+}
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc::Remote
+{
+
+// Lives from putCollection to close. What is written becomes visible only at
+// close; a writer that is never closed stays until the service stops, and its
+// discovery is never stored. Used by one caller at a time.
+class TQ_EXPORT RemoteWriter_i
+    : public POA_Quillon::Tessarine::Ozf::DiscoverySvc::Remote::RemoteWriter
+{
+public:
+  // Copies the record.
+  explicit RemoteWriter_i(Discovery const& record);
+
+  // Appends at once; nothing is buffered.
+  CORBA::Boolean put(CollectionDataSeq const& data) override;
+
+  // Persists the discovery and ends the writer. After a put that failed the
+  // discovery is abandoned instead: DS_OPEN_FAILED.
+  DiscoveryResult close() override;
+
+  virtual DiscoveryRepository& getDiscoveryRepository() const;
+
+  // Creates the discovery and opens it for update.
+  virtual DiscoveryResult open();
+
+  // The writer's own reference, which close destroys; adds a reference.
+  void setReference(CORBA::Object_ptr reference);
+
+private:
+  // The ORB may let a call through that arrives while close is still ending.
+  void requireNotClosed() const;
+
+  std::mutex m_oneCaller; // callers on the network need not keep to it
+  CORBA::Object_var m_reference;
+  bool m_incomplete = false; // a put failed
+  bool m_closed = false;
+  AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::Discovery> m_discovery;
+  Discovery m_record;
+};
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc::Remote

@@ -1,0 +1,93 @@
+#include "discovery/DiscoverySvc.h"
+
+#include "discovery/DiscoveryLog.h"
+#include "ozf/config/ConfigurationProvider.h"
+#include "ozf/orb/Orb.h"
+#include "ozf/sync/AceReactor.h"
+
+#include <ace/Time_Value.h>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+
+namespace
+{
+
+constexpr char SOURCE[] = "DiscoverySvc";
+
+// Iterators that remote callers may hold at the same time.
+constexpr long EVICTOR_CAPACITY = 1024;
+
+constexpr int REQUEST_TIMEOUT = 30; // seconds
+
+} // namespace
+
+DiscoverySvc::DiscoverySvc(bool arg)
+    : OrbService("DiscoveryService", DISCOVERY_ORIGINATOR, nullptr, arg, "Discovery Service", false,
+                 EVICTOR_CAPACITY, nullptr)
+{
+}
+
+DiscoverySvc::~DiscoverySvc() = default;
+
+bool DiscoverySvc::doShouldStart()
+{
+  constexpr char const* OPERATION = "DiscoverySvc::doShouldStart";
+  MasterConfigurationReader configuration;
+  if (!configuration.read())
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to read config");
+    return true;
+  }
+  bool reportDiscoveries = true;
+  if (!configuration.getBoolean("REPORT_CLIENT_DISCOVERIES", true, reportDiscoveries) ||
+      reportDiscoveries)
+    return true;
+  OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION,
+          "Shutting down tqdisco as directed by REPORT_CLIENT_DISCOVERIES=FALSE");
+  return false;
+}
+
+int DiscoverySvc::doInit()
+{
+  setAceReactor(getOrb().getReactor());
+  getOrb().setRequestTimeout(ACE_Time_Value(REQUEST_TIMEOUT));
+  m_framework.reset(new DiscoveryFramework("", DST_GENERIC, &getOrb(), true));
+  try
+  {
+    m_framework->init(nullptr);
+    m_initialized = true;
+  }
+  catch (...)
+  {
+    // The service stays up, so that the service manager does not restart it
+    // in a loop; the framework has logged what was wrong.
+    OZF_LOG(getOzfLogger(), 1, SOURCE, "DiscoverySvc::doInit",
+            "Failed to initialize the discovery framework");
+  }
+  return 0;
+}
+
+int DiscoverySvc::doRun() { return 0; }
+
+int DiscoverySvc::doStop()
+{
+  if (m_framework)
+    m_framework->shutdown();
+  return 0;
+}
+
+int DiscoverySvc::doExit()
+{
+  if (m_framework && m_initialized)
+    m_framework->fini();
+  setAceReactor(nullptr);
+  return 0;
+}
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc
+
+extern "C" TQ_EXPORT Quillon::Tessarine::Ozf::OrbService* createOrbService(bool debug)
+{
+  return new Quillon::Tessarine::Ozf::DiscoverySvc::DiscoverySvc(debug);
+}

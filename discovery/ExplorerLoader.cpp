@@ -1,0 +1,205 @@
+#include "discovery/ExplorerLoader.h"
+
+#include "discovery/DiscoveryLog.h"
+#include "discovery/DiscoveryRepository.h"
+#include "ozf/plugin/RuntimeLoader.h"
+
+namespace
+{
+
+constexpr char EXPLORERS_ENTRY[] = "RegisterExplorers";
+constexpr char PARSERS_ENTRY[] = "RegisterExplorerParsers";
+constexpr char FILTER_DATA_ENTRY[] = "RegisterExplorerFilterDataProvider";
+
+} // namespace
+
+RegisterExplorerInterface::RegisterExplorerInterface()
+{
+  m_definitions.push_back({EXPLORERS_ENTRY, true, nullptr});
+}
+
+RegisterExplorerParserInterface::RegisterExplorerParserInterface()
+{
+  m_definitions.push_back({PARSERS_ENTRY, true, nullptr});
+}
+
+RegisterFilterDataInterface::RegisterFilterDataInterface()
+{
+  m_definitions.push_back({FILTER_DATA_ENTRY, true, nullptr});
+}
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+
+namespace
+{
+
+constexpr char SOURCE[] = "ExplorerLoader";
+constexpr char DEFAULT_LIBRARY[] = "libtqexplorer";
+
+// RTLD_LAZY | RTLD_GLOBAL
+constexpr int LOAD_MODE = 257;
+
+RegistrationEntry entryOf(SymbolResolver const& resolver)
+{
+  return reinterpret_cast<RegistrationEntry>(resolver.definitions().front().address);
+}
+
+} // namespace
+
+ExplorerLoader* ExplorerLoader::instance(EngineContext const& context)
+{
+  return new ExplorerLoader(&context);
+}
+
+ExplorerLoader::ExplorerLoader(EngineContext const* context) : m_context(context) {}
+
+ExplorerLoader::~ExplorerLoader()
+{
+  // Filter-data providers of other components may still look at theirs, so
+  // these outlive the loader.
+  static auto* const kept = new Resolvers;
+  kept->splice(kept->end(), m_filterDataInterfaces);
+}
+
+void ExplorerLoader::loadExplorers()
+{
+  constexpr char OPERATION[] = "ExplorerLoader::loadExplorers";
+  LockableGuard const lockableGuard(*this);
+  OZF_ASSERT(lockableGuard.locked(), "lockableGuard.locked()", SOURCE, OPERATION);
+  if (m_explorersLoaded)
+    return;
+  loadDefaultLibrary(m_explorerInterface, m_explorerInterface, OPERATION,
+                     "Found default explorer library, will register explorers",
+                     "Registration of uri schemes in default scheme library completed");
+  iteratePlugins(EXPLORERS);
+  m_explorersLoaded = true;
+}
+
+void ExplorerLoader::loadExplorerParsers(std::list<std::string> const* allowedPlugins)
+{
+  constexpr char OPERATION[] = "ExplorerLoader::loadExplorerParsers";
+  LockableGuard const lockableGuard(*this);
+  OZF_ASSERT(lockableGuard.locked(), "lockableGuard.locked()", SOURCE, OPERATION);
+  if (allowedPlugins != nullptr && !allowedPlugins->empty())
+    getEngineSingleton<PluginDirector>(*m_context)->setAllowedPlugins(allowedPlugins);
+  if (m_parsersLoaded)
+    return;
+  loadDefaultLibrary(m_parserInterface, m_parserInterface, OPERATION,
+                     "Found default explorer library, will register explorer parsers",
+                     "Registration of explorer parsers in default library completed");
+  iteratePlugins(EXPLORER_PARSERS);
+  m_parsersLoaded = true;
+}
+
+void ExplorerLoader::loadExplorerFilterData()
+{
+  constexpr char OPERATION[] = "ExplorerLoader::loadExplorerFilterData";
+  LockableGuard const lockableGuard(*this);
+  OZF_ASSERT(lockableGuard.locked(), "lockableGuard.locked()", SOURCE, OPERATION);
+  if (m_filterDataLoaded)
+    return;
+  // The library is loaded for its parsers, so the entry stays unresolved:
+  // filter data comes from plug-ins only.
+  loadDefaultLibrary(m_parserInterface, m_filterDataInterface, OPERATION,
+                     "Found default explorer library, will register explorer filter data",
+                     "Registration of explorer filter data in default library completed");
+  iteratePlugins(FILTER_DATA);
+  m_filterDataLoaded = true;
+}
+
+void ExplorerLoader::loadDefaultLibrary(SymbolResolver& resolver, SymbolResolver const& entry,
+                                        char const* operation, char const* foundText,
+                                        char const* completedText)
+{
+  try
+  {
+    bool found = false;
+    if (!getEngineSingleton<RuntimeLoader>(*m_context)
+             ->loadInterface(DEFAULT_LIBRARY, resolver, found, nullptr, false, LOAD_MODE) ||
+        !found)
+      return;
+    OZF_LOG(getOzfLogger(), 4, SOURCE, operation, foundText);
+    DiscoveryRepository& repository = getDiscoveryRepository();
+    if (RegistrationEntry const registrationEntry = entryOf(entry))
+    {
+      registrationEntry(&repository);
+      OZF_LOG(getOzfLogger(), 4, SOURCE, operation, completedText);
+    }
+  }
+  catch (SymbolException const& exception)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, operation,
+            "Unable to resolve symbol " << exception.what() << " in " << DEFAULT_LIBRARY);
+  }
+  catch (std::exception const& exception)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, operation,
+            "Registration in " << DEFAULT_LIBRARY << " failed: " << exception.what());
+  }
+  catch (...)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, operation,
+            "Registration in " << DEFAULT_LIBRARY << " failed for an unknown reason");
+  }
+}
+
+void ExplorerLoader::iteratePlugins(Kind kind)
+{
+  getEngineSingleton<PluginDirector>(*m_context)->iteratePluginLibraries(*this, kind);
+}
+
+// How the log lines of one kind name what is registered.
+struct ExplorerLoader::Texts
+{
+  char const* registered;
+  char const* interface;
+};
+
+void ExplorerLoader::libraryCallback(PluginDirector* director, std::string const& library,
+                                     unsigned long long kind)
+{
+  constexpr char OPERATION[] = "ExplorerLoader::libraryCallback";
+  std::unique_ptr<SymbolResolver> resolver;
+  Resolvers* resolvers = nullptr;
+  Texts texts{};
+  switch (kind)
+  {
+  case EXPLORERS:
+    resolver = std::make_unique<RegisterExplorerInterface>();
+    resolvers = &m_explorerInterfaces;
+    texts = {"explorers", "explorer interface"};
+    break;
+  case EXPLORER_PARSERS:
+    resolver = std::make_unique<RegisterExplorerParserInterface>();
+    resolvers = &m_parserInterfaces;
+    texts = {"explorer parser", "explorer parser interface"};
+    break;
+  case FILTER_DATA:
+    resolver = std::make_unique<RegisterFilterDataInterface>();
+    resolvers = &m_filterDataInterfaces;
+    texts = {"explorer filter data", "filter data interface"};
+    break;
+  default:
+    assertionFailed("SHOULD_NOT_GET_HERE", OPERATION, SOURCE, __LINE__);
+  }
+
+  std::string reportedName;
+  if (!director->loadPluginInterface(library, *resolver, reportedName))
+  {
+    OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION,
+            "Did not find the " << texts.interface << " on plugin " << reportedName);
+    return;
+  }
+  RegistrationEntry const entry = entryOf(*resolver);
+  resolvers->push_back(std::move(resolver));
+  OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION,
+          "Beginning registration of " << texts.registered << " in " << reportedName);
+  DiscoveryRepository& repository = getDiscoveryRepository();
+  if (entry != nullptr)
+    entry(&repository);
+  OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION,
+          "Registration of " << texts.registered << " in " << reportedName << " completed");
+}
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -1,0 +1,110 @@
+#include "discovery/ExplorerRemotePull.h"
+
+#include "discovery/DiscoveryLog.h"
+#include "discovery/DiscoveryRepository.h"
+#include "discovery/RemoteDB.h"
+
+#include <array>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+
+namespace
+{
+
+constexpr char SOURCE[] = "Explorer";
+constexpr char OPERATION[] = "RemotePullExplorer::collectionRequested";
+constexpr std::size_t BUFFER_SIZE = 1024;
+
+} // namespace
+
+RemoteExplorerPull::RemoteExplorerPull(OzfString const& serviceName, OzfString const& host,
+                                       OzfString const& registrationName1,
+                                       OzfString const& registrationName2, AuthorityType type)
+    : m_serviceName(serviceName),
+      m_registrationName1(registrationName1),
+      m_registrationName2(registrationName2),
+      m_authorityType(type)
+{
+  m_host.setHostname(host.str(), -1);
+}
+
+char const* RemoteExplorerPull::getExplorerName() const { return "RemotePullExplorer"; }
+
+bool RemoteExplorerPull::collectionRequested(DiscoveryQuery query, Authority const& authority,
+                                             Subject const& subject,
+                                             AutoDereference<OZFRefCounted>&,
+                                             char const* filterText, CollectionData* target)
+{
+  TraceScope const trace(getOzfLogger(), OPERATION);
+  try
+  {
+    return copyCollection(query, authority, subject, filterText, *target);
+  }
+  catch (CORBA::Exception const& exception)
+  {
+    OZF_LOG(
+        getOzfLogger(), 1, SOURCE, OPERATION,
+        "Caught CORBA Exception while querying for discoveries: " << corbaExceptionText(exception));
+  }
+  return false;
+}
+
+bool RemoteExplorerPull::copyCollection(DiscoveryQuery query, Authority const& authority,
+                                        Subject const& subject, char const* filterText,
+                                        CollectionData& target) const
+{
+  Remote::DiscoveryService_var const service =
+      getDiscoveryRepository().connectToRemoteDiscoveryService(m_host, m_serviceName.c_str());
+  if (CORBA::is_nil(service.in()))
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to connect to discovery service");
+    return false;
+  }
+
+  Remote::DiscoveryIterator_var const remote = service->queryDiscoveries(
+      query, m_authorityType, subject.getName().c_str(), authority.getName().c_str());
+  AutoDereference<RemoteDiscoveryIterator> const iterator(new RemoteDiscoveryIterator(
+      m_authorityType, subject.getName().str(), authority.getName().str(), remote.in()));
+  if (!iterator->failure().empty())
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Caught CORBA Exception while querying for discoveries: " << iterator->failure());
+    return false;
+  }
+  AutoDereference<Discovery> const found(iterator->getNext());
+  if (!found)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "No records found!");
+    return false;
+  }
+  if (AutoDereference<Discovery>(iterator->getNext()))
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Too many records found");
+    return false;
+  }
+
+  // Both messages name the other side; readers of logs know them so.
+  CollectionData& source = *found->getCollectionData();
+  if (source.open(OM_READ, filterText) == 0)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to target open collection data");
+    return false;
+  }
+  if (target.open(OM_UPDATE, "") == 0)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to source open colection data");
+    return false;
+  }
+  // The second opening takes the filter off: what is copied is everything.
+  if (source.open(OM_READ, "") == 0 || target.open(OM_UPDATE, "") == 0)
+    return false;
+
+  std::array<char, BUFFER_SIZE> buffer;
+  for (long count = source.readCollection(buffer.size(), buffer.data()); count > 0;
+       count = source.readCollection(buffer.size(), buffer.data()))
+    target.writeCollection(static_cast<unsigned long>(count), buffer.data());
+  return true;
+}
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -1,0 +1,48 @@
+// The explorer that stands for a pull explorer on another host.
+
+#pragma once
+
+#include "discovery/Explorer.h"
+#include "ozf/base/OzfHostname.h"
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+
+// Asks the discovery service of the other host and copies what it has. Keeps
+// no state between calls, so any number of threads may call it; a call blocks
+// for several request time-outs at worst.
+class TQ_EXPORT RemoteExplorerPull : public virtual ExplorerPull
+{
+public:
+  // The service and its host; the two names are kept for the registration
+  // alone; type is the authority type under which the other host is asked.
+  RemoteExplorerPull(OzfString const& serviceName, OzfString const& host,
+                     OzfString const& registrationName1, OzfString const& registrationName2,
+                     AuthorityType type);
+
+  char const* getExplorerName() const override;
+
+  // True when exactly one discovery of the other host matches and its payload
+  // was copied into target. After a failure target may be partly written.
+  bool collectionRequested(DiscoveryQuery query, Authority const& authority, Subject const& subject,
+                           AutoDereference<OZFRefCounted>& context, char const* filterText,
+                           CollectionData* target) override;
+
+  OzfString const& getServiceName() const noexcept { return m_serviceName; }
+  OzfString const& getRegistrationName1() const noexcept { return m_registrationName1; }
+  OzfString const& getRegistrationName2() const noexcept { return m_registrationName2; }
+  AuthorityType getAuthorityType() const noexcept { return m_authorityType; }
+  OzfHostname const& getHost() const noexcept { return m_host; }
+
+private:
+  bool copyCollection(DiscoveryQuery query, Authority const& authority, Subject const& subject,
+                      char const* filterText, CollectionData& target) const;
+
+  OzfString m_serviceName;
+  OzfString m_registrationName1;
+  OzfString m_registrationName2;
+  AuthorityType m_authorityType;
+  OzfHostname m_host;
+};
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -1,0 +1,177 @@
+// The master's discovery service as one more store: what is written here is
+// streamed to the master, what is read here is fetched from the host that has
+// it. Every operation that calls another host blocks for the request time-out
+// at worst. No CORBA exception escapes from here.
+
+#pragma once
+
+#include "discovery/DiscDB.h"
+#include "discovery/DiscData.h"
+#include "ozf/orb/Corba.h"
+
+#include <DiscoveryServiceC.h>
+
+#include <atomic>
+#include <deque>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+
+// Holds a remote iterator and releases it at the end, whatever comes of that.
+template <class Var, class Ptr>
+class AutoReleaseIterator
+{
+public:
+  // Takes the caller's reference over; it may be nil.
+  explicit AutoReleaseIterator(Ptr iterator) : m_iterator(iterator) {}
+
+  ~AutoReleaseIterator()
+  {
+    if (CORBA::is_nil(m_iterator.in()))
+      return;
+    try
+    {
+      m_iterator->release();
+    }
+    catch (...)
+    {
+      // The other side drops the iterator by itself when it is idle.
+    }
+  }
+  AutoReleaseIterator(AutoReleaseIterator const&) = delete;
+  AutoReleaseIterator& operator=(AutoReleaseIterator const&) = delete;
+
+  Ptr operator->() const { return m_iterator.in(); }
+
+private:
+  Var m_iterator;
+};
+
+// Makes remote discoveries. Any thread.
+class TQ_EXPORT RemoteDBCreator : public DiscoveryCreator
+{
+public:
+  RemoteDBCreator();
+
+  // Asks the platform anew whether this host is the master.
+  void setIsMaster();
+  bool isMaster() const noexcept { return m_isMaster; }
+
+  // An empty discovery of that kind, to be written; one reference for the
+  // caller.
+  Discovery* newDiscovery(DiscoveryQuery query) override;
+
+  // A discovery to be read. Takes the record over, whose names are usable
+  // (areUsableNames); one reference for the caller.
+  Discovery* newDiscovery(Remote::Discovery* record);
+
+  // Not supported: fails an assertion.
+  DiscoveryIterator* getIterator(DiscoveryQuery query) const override;
+
+private:
+  std::atomic<bool> m_isMaster{false};
+};
+
+// The process's one creator, made on first use.
+TQ_EXPORT RemoteDBCreator& getRemoteDiscoveryDatabase();
+
+// The payload of a remote discovery, used either for reading (made from a
+// record) or for writing (made from a kind). Used by one thread at a time.
+class TQ_EXPORT RemoteCollectionData : public CollectionData
+{
+public:
+  // The most that is read of one payload, in bytes. A peer that sends more is
+  // broken or hostile.
+  static constexpr std::size_t MAX_SIZE = 256UL * 1024 * 1024;
+
+  explicit RemoteCollectionData(DiscoveryQuery query);
+  explicit RemoteCollectionData(std::unique_ptr<Remote::Discovery> record);
+  ~RemoteCollectionData() override;
+
+  // For reading: fetches the whole payload from the host that the record
+  // names; name is the filter parameters text. An empty payload is a failure.
+  // For update: opens a writer on the master.
+  int open(OpenMode mode, char const* name) override;
+
+  // From what open fetched.
+  long readCollection(unsigned long len, void* buf) const override;
+
+  // Sends the bytes, at most 1,024 a call.
+  long writeCollection(unsigned long len, void const* buf) const override;
+
+private:
+  friend class RemoteDiscovery;
+
+  bool openRead(char const* filter);
+  bool openWrite();
+  bool fetch(Remote::CollectionDataIterator_ptr iterator);
+  void fillRecord(Remote::Discovery& record) const;
+  Remote::DiscoveryService_ptr connect() const;
+
+  DiscoveryQuery m_query;
+  std::unique_ptr<Remote::Discovery> m_discovery; // null when for writing
+  Subject const* m_subject = nullptr;             // the discovery's own
+  Authority const* m_authority = nullptr;
+  CollectionAttributes const* m_attributes = nullptr;
+  Remote::RemoteWriter_var m_writer; // from openWrite to persist
+  bool m_cached = false;
+  std::vector<char> m_cache;
+  mutable std::size_t m_position = 0;
+};
+
+class TQ_EXPORT RemoteDiscovery : public Discovery
+{
+public:
+  // Take the payload over, a RemoteCollectionData. The second makes subject,
+  // authority and attributes from the record.
+  RemoteDiscovery(CollectionData* data, DiscoveryQuery query);
+  RemoteDiscovery(CollectionData* data, Remote::Discovery const* record);
+
+  void setSubject(Subject* subject) override;
+  void setAuthority(Authority* authority) override;
+  void setAttributes(CollectionAttributes* attributes) override;
+
+  // DS_SUCCESS or DS_OPEN_FAILED.
+  DiscoveryStatus open(OpenMode mode, char const* name) override;
+
+  // Ends a write that open began: what the master says of it, DS_COM_ERROR
+  // when it could not be asked. Nothing is stored there before. The writer is
+  // gone afterwards, whatever the result.
+  DiscoveryStatus persist() override;
+
+private:
+  RemoteCollectionData* remoteData(char const* operation) const;
+};
+
+// The discoveries behind a remote iterator, all fetched at construction.
+class TQ_EXPORT RemoteDiscoveryIterator : public virtual DiscoveryIterator
+{
+public:
+  // The most that is fetched from one remote iterator.
+  static constexpr std::size_t MAX_RECORDS = 1'000'000;
+  static constexpr std::size_t MAX_RECORD_BYTES = std::size_t(256) << 20;
+
+  // Adds a reference of its own to remote, drains it, has it released on the
+  // other side, and drops the reference; the caller keeps its own. When that
+  // fails, failure() says why and there are no discoveries: what was fetched
+  // of an incomplete answer is dropped.
+  RemoteDiscoveryIterator(AuthorityType const& type, std::string const& subject,
+                          std::string const& authority, Remote::DiscoveryIterator_ptr remote);
+
+  // Records whose names cannot be used are passed over with a log line.
+  Discovery* getNext() override;
+
+  // The text of the failure that ended the fetch; empty when it was complete.
+  std::string const& failure() const noexcept { return m_failure; }
+
+private:
+  void fetch(Remote::DiscoveryIterator_ptr remote);
+
+  std::deque<std::unique_ptr<Remote::Discovery>> m_records;
+  std::string m_failure;
+};
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc

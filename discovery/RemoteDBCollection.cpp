@@ -1,0 +1,271 @@
+// The payload of a remote discovery; belongs to RemoteDB.
+
+#include "discovery/DiscoveryLog.h"
+#include "discovery/DiscoveryLoopGuard.h"
+#include "discovery/DiscoveryRepository.h"
+#include "discovery/RemoteDBDrain.h"
+#include "discovery/RemoteDB.h"
+#include "discovery/RemoteDBWire.h"
+#include "ozf/base/OzfHostname.h"
+#include "ozf/config/Configuration.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+
+namespace
+{
+
+constexpr char SOURCE[] = "RemoteDB";
+constexpr char SERVICE_NAME[] = "DiscoveryService";
+constexpr char PAGE_SIZE_KEY[] = "COLLECTION_PAGE_SIZE";
+constexpr std::size_t FIRST_CAPACITY = 1024;
+constexpr unsigned long CHUNK_SIZE = 1024;
+
+// A page has to fit in one message with room to spare; who asks for more gets
+// this much.
+constexpr long MAX_PAGE_SIZE = 1024L * 1024;
+
+LoopCounter& openWriteCounter()
+{
+  static LoopCounter counter;
+  return counter;
+}
+
+// Asks for pages of the configured size, when one is configured.
+void requestPageSize(Remote::CollectionDataIterator_ptr iterator)
+{
+  long pageSize = 0;
+  if (getConfiguration()->getInteger(PAGE_SIZE_KEY, 0, 1, std::numeric_limits<CORBA::Long>::max(),
+                                     pageSize) &&
+      pageSize > 0)
+    iterator->pageSize(static_cast<CORBA::Long>(std::min(pageSize, MAX_PAGE_SIZE)));
+}
+
+} // namespace
+
+RemoteCollectionData::RemoteCollectionData(DiscoveryQuery query) : m_query(query) {}
+
+RemoteCollectionData::RemoteCollectionData(std::unique_ptr<Remote::Discovery> record)
+    : m_query(record->queryType), m_discovery(std::move(record))
+{
+}
+
+RemoteCollectionData::~RemoteCollectionData() = default;
+
+int RemoteCollectionData::open(OpenMode mode, char const* name)
+{
+  switch (mode)
+  {
+  case OM_READ:
+    return openRead(name != nullptr ? name : "") ? 1 : 0;
+  case OM_UPDATE:
+    return openWrite() ? 1 : 0;
+  default:
+    assertionFailed("SHOULD_NOT_GET_HERE", "RemoteCollectionData::open", SOURCE, __LINE__);
+  }
+}
+
+Remote::DiscoveryService_ptr RemoteCollectionData::connect() const
+{
+  DiscoveryRepository const& repository = getDiscoveryRepository();
+  OzfHostname master;
+  repository.getMasterServerName(master);
+  if (master.empty())
+    return Remote::DiscoveryService::_nil();
+  return repository.connectToRemoteDiscoveryService(master, SERVICE_NAME);
+}
+
+bool RemoteCollectionData::openRead(char const* filter)
+{
+  constexpr char OPERATION[] = "RemoteCollectionData::openRead";
+  OZF_ASSERT(m_discovery != nullptr, "0 != m_discovery.ptr()", SOURCE, OPERATION);
+  m_cached = false;
+  m_position = 0;
+  try
+  {
+    OzfHostname host;
+    host.setHostname(m_discovery->sourceHost.in());
+    Remote::DiscoveryService_var const service =
+        getDiscoveryRepository().connectToRemoteDiscoveryService(
+            host, m_discovery->sourceServiceName.in());
+    if (CORBA::is_nil(service.in()))
+    {
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to connect to discovery service");
+      return false;
+    }
+    Remote::CollectionDataIterator_var iterator;
+    DiscoveryStatus const status = service->getCollectionData(*m_discovery, filter, iterator.out());
+    if (status != DS_SUCCESS)
+    {
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+              "Failed to get collection data: " << static_cast<int>(status));
+      return false;
+    }
+    m_cached = fetch(iterator._retn());
+  }
+  catch (CORBA::Exception const& exception)
+  {
+    OZF_LOG(
+        getOzfLogger(), 1, SOURCE, OPERATION,
+        "Caught CORBA Exception while reading collection data: " << corbaExceptionText(exception));
+  }
+  return m_cached;
+}
+
+bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr remote)
+{
+  constexpr char OPERATION[] = "RemoteCollectionData::openRead";
+  AutoReleaseIterator<Remote::CollectionDataIterator_var, Remote::CollectionDataIterator_ptr> const
+      iterator(remote);
+  requestPageSize(remote);
+  Remote::CollectionDataSeq_var page = iterator->getNextPage();
+  if (page->length() == 0)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Collection data returned has no data");
+    return false;
+  }
+
+  DrainLimit const limit;
+  std::size_t capacity = FIRST_CAPACITY;
+  m_cache = std::vector<char>();
+  m_cache.reserve(capacity);
+  for (; page->length() != 0; page = iterator->getNextPage())
+  {
+    std::size_t const needed = m_cache.size() + page->length();
+    if (needed > MAX_SIZE)
+    {
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+              "Collection data from " << m_discovery->sourceHost.in() << " exceeds " << MAX_SIZE
+                                      << " bytes");
+      return false;
+    }
+    if (limit.exceeded(needed))
+    {
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+              "Collection data from " << m_discovery->sourceHost.in() << " comes too slowly");
+      return false;
+    }
+    if (needed > capacity)
+    {
+      // One page may be larger than twice what is held so far.
+      capacity = std::max(2 * capacity, needed);
+      m_cache.reserve(capacity);
+    }
+    auto const* const bytes = reinterpret_cast<char const*>(page->get_buffer());
+    m_cache.insert(m_cache.end(), bytes, bytes + page->length());
+  }
+  return true;
+}
+
+long RemoteCollectionData::readCollection(unsigned long len, void* buf) const
+{
+  OZF_ASSERT(m_cached, "m_cached", SOURCE, "RemoteCollectionData::readCollection");
+  std::size_t const count = std::min<std::size_t>(len, m_cache.size() - m_position);
+  if (count != 0)
+    std::memcpy(buf, m_cache.data() + m_position, count);
+  m_position += count;
+  return static_cast<long>(count);
+}
+
+void RemoteCollectionData::fillRecord(Remote::Discovery& record) const
+{
+  constexpr char OPERATION[] = "RemoteCollectionData::openWrite";
+  OZF_ASSERT(m_subject != nullptr, "NULL != m_subject", SOURCE, OPERATION);
+  OZF_ASSERT(m_authority != nullptr, "NULL != m_authority", SOURCE, OPERATION);
+  OzfHostname local;
+  local.setLocal();
+  record.queryType = m_query;
+  record.subject = m_subject->getName().c_str();
+  record.authority = m_authority->getName().c_str();
+  record.authType = m_authority->getType();
+  toWire(m_attributes, record.attributes);
+  record.sourceHost = local.exportNarrow().c_str();
+  record.sourceServiceName = getDiscoveryRepository().getOrbServiceName().c_str();
+}
+
+bool RemoteCollectionData::openWrite()
+{
+  constexpr char OPERATION[] = "RemoteCollectionData::openWrite";
+  LoopGuard const guard(openWriteCounter());
+  try
+  {
+    Remote::DiscoveryService_var const service = connect();
+    if (CORBA::is_nil(service.in()))
+    {
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to connect to discovery service");
+      return false;
+    }
+    Remote::Discovery record;
+    fillRecord(record);
+    if (guard.exceeded())
+    {
+      OzfHostname master;
+      getDiscoveryRepository().getMasterServerName(master);
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+              "Hostname detected as remote and/or master, but appears to be connecting back to "
+              "self, RemoteHost: "
+                  << master.exportNarrow());
+      return false;
+    }
+    Remote::RemoteWriter_var writer;
+    DiscoveryResult const result = service->putCollection(record, writer.out());
+    if (!isSuccess(result))
+    {
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+              "Failed to open the collection data: " << static_cast<int>(result.discStatus));
+      return false;
+    }
+    if (CORBA::is_nil(writer.in()))
+    {
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+              "Failed to open the collection data: no writer was returned");
+      return false;
+    }
+    m_writer = writer._retn();
+    return true;
+  }
+  catch (CORBA::Exception const& exception)
+  {
+    OZF_LOG(
+        getOzfLogger(), 1, SOURCE, OPERATION,
+        "Caught CORBA Exception while saving collection data: " << corbaExceptionText(exception));
+  }
+  return false;
+}
+
+long RemoteCollectionData::writeCollection(unsigned long len, void const* buf) const
+{
+  constexpr char OPERATION[] = "RemoteCollectionData::writeCollection";
+  OZF_ASSERT(!CORBA::is_nil(m_writer.in()), "NULL != m_writer", SOURCE, OPERATION);
+  auto const* bytes = static_cast<char const*>(buf);
+  try
+  {
+    for (unsigned long left = len; left != 0;)
+    {
+      unsigned long const size = std::min(left, CHUNK_SIZE);
+      Remote::CollectionDataSeq chunk;
+      chunk.length(static_cast<CORBA::ULong>(size));
+      std::memcpy(chunk.get_buffer(), bytes, size);
+      if (!m_writer->put(chunk))
+      {
+        OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to write buffer");
+        return 0;
+      }
+      bytes += size;
+      left -= size;
+    }
+    return 1;
+  }
+  catch (CORBA::Exception const& exception)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Caught CORBA Exception during remote write: " << corbaExceptionText(exception));
+  }
+  return 0;
+}
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -1,0 +1,81 @@
+#include "discovery/RemoteDBWire.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+
+namespace
+{
+
+constexpr std::int64_t MICROSECONDS = 1'000'000;
+
+std::int64_t toMicroseconds(OzfObjTime const& time)
+{
+  return time.seconds() * MICROSECONDS + time.microseconds();
+}
+
+CORBA::ULongLong toWireSeconds(OzfObjTime const& time)
+{
+  return static_cast<CORBA::ULongLong>(std::max<std::int64_t>(time.seconds(), 0));
+}
+
+OzfObjTime fromWireSeconds(CORBA::ULongLong seconds)
+{
+  auto const last = static_cast<CORBA::ULongLong>(OzfObjTime::max().seconds());
+  return OzfObjTime(static_cast<std::int64_t>(std::min(seconds, last)));
+}
+
+CORBA::ULongLong timeToLive(CollectionAttributes const& attributes)
+{
+  if (!attributes.getValidityInterval().isZero() || attributes.getExpiresTime().isZero())
+    return toWireSeconds(attributes.getValidityInterval());
+  std::int64_t const left =
+      toMicroseconds(attributes.getExpiresTime()) - toMicroseconds(OzfObjTime::now());
+  return left <= 0 ? 0 : static_cast<CORBA::ULongLong>(left / 5 * 4 / MICROSECONDS);
+}
+
+bool isUsableLength(char const* name)
+{
+  return name != nullptr && *name != '\0' && strnlen(name, MAX_WIRE_NAME + 1) <= MAX_WIRE_NAME;
+}
+
+} // namespace
+
+void toWire(CollectionAttributes const* attributes, Remote::CollAttributes& wire)
+{
+  if (attributes == nullptr)
+  {
+    wire.colType = CT_CONFIGURATION;
+    wire.colStorage = CS_LOCALONLY;
+    wire.priority = 0;
+    wire.timeToLive = 0;
+    wire.discoveryTime = 0;
+    return;
+  }
+  wire.colType = attributes->getType();
+  wire.colStorage = attributes->getStorage();
+  wire.priority = static_cast<CORBA::Long>(attributes->getPriority());
+  wire.timeToLive = timeToLive(*attributes);
+  wire.discoveryTime = toWireSeconds(attributes->getDiscoveryTime());
+}
+
+CollectionAttributes* fromWire(Remote::CollAttributes const& wire)
+{
+  return new CollectionAttributes(
+      wire.colType, wire.colStorage, fromWireSeconds(wire.discoveryTime),
+      fromWireSeconds(wire.timeToLive), static_cast<ExplorerPriority>(wire.priority));
+}
+
+bool areUsableNames(char const* subject, char const* authority)
+{
+  if (!isUsableLength(subject) || !isUsableLength(authority))
+    return false;
+  // An authority is taken apart as one of a URI and may have no part left.
+  UriAuthority parsed;
+  parsed.setAuthority(authority, nullptr, nullptr, -1);
+  return !parsed.getUriEncoding(URI_SHOWN).empty();
+}
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc

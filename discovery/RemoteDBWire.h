@@ -1,0 +1,30 @@
+// Between the library's records and what travels: attributes and names.
+
+#pragma once
+
+#include "discovery/DiscData.h"
+
+#include <DiscoveryServiceC.h>
+
+#include <cstddef>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+
+// Fills the wire form; null attributes give zeros. Times are whole seconds.
+// timeToLive is the validity interval; a record that was read from the
+// database has none but knows its expiry, and then timeToLive is the interval
+// from which the receiver, who adds a quarter, comes to that expiry again.
+TQ_EXPORT void toWire(CollectionAttributes const* attributes, Remote::CollAttributes& wire);
+
+// New attributes, the caller's. Times beyond OzfObjTime::max() become it.
+TQ_EXPORT CollectionAttributes* fromWire(Remote::CollAttributes const& wire);
+
+// The longest name that is taken from another host, in bytes.
+inline constexpr std::size_t MAX_WIRE_NAME = 4096;
+
+// Whether a Subject and an Authority can be made of these names, which came
+// from another host: neither null, empty nor over-long.
+TQ_EXPORT bool areUsableNames(char const* subject, char const* authority);
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc

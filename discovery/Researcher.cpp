@@ -1,0 +1,258 @@
+#include "discovery/Researcher.h"
+
+#include "discovery/DiscoveryFramework.h"
+#include "discovery/DiscoveryLog.h"
+#include "discovery/DiscoveryRepository.h"
+#include "discovery/FilterParameters.h"
+#include "ozf/orb/Orb.h"
+
+#include <ace/Recursive_Thread_Mutex.h>
+#include <ace/Singleton.h>
+
+#include <atomic>
+#include <sstream>
+#include <xercesc/util/PlatformUtils.hpp>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+
+namespace
+{
+
+constexpr char SOURCE[] = "Researcher";
+
+struct OrbHolder
+{
+  std::atomic<Orb*> orb{nullptr};
+};
+
+OrbHolder& orbHolder() { return *ACE_Singleton<OrbHolder, ACE_Recursive_Thread_Mutex>::instance(); }
+
+// What makes this process a reader of discoveries.
+class DiscoveryResearcher
+{
+public:
+  DiscoveryResearcher();
+  ~DiscoveryResearcher();
+  DiscoveryResearcher(DiscoveryResearcher const&) = delete;
+  DiscoveryResearcher& operator=(DiscoveryResearcher const&) = delete;
+
+private:
+  Orb* m_orb;                    // handed in, may be null
+  std::unique_ptr<Orb> m_ownOrb; // null when one was handed in
+  AutoDereference<DiscoveryFramework> m_framework;
+};
+
+DiscoveryResearcher::DiscoveryResearcher() : m_orb(DiscoverySvc::getOrb())
+{
+  constexpr char const* OPERATION = "DiscoveryResearcher::DiscoveryResearcher";
+  Orb* orb = m_orb;
+  if (orb == nullptr)
+  {
+    // Each ORB of the process needs a name of its own.
+    static std::atomic<unsigned> researchers{0};
+    std::string const name = "researcher_" + std::to_string(++researchers);
+    OZF_LOG(getOzfLogger(), 6, SOURCE, OPERATION,
+            "DiscoveryResearcher::DiscoveryResearcher() .... new Orb(" << name << ")");
+    m_ownOrb = std::make_unique<Orb>(1, "", name, 1, 1024);
+    if (!m_ownOrb->init() || m_ownOrb->run(0) != 0)
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to start the ORB " << name);
+    orb = m_ownOrb.get();
+  }
+  m_framework.reset(new DiscoveryFramework("discovery", DST_NONE, orb, false));
+  m_framework->init(nullptr);
+}
+
+DiscoveryResearcher::~DiscoveryResearcher()
+{
+  try
+  {
+    m_framework->shutdown();
+    m_framework->fini();
+  }
+  catch (std::exception const& exception)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, "DiscoveryResearcher::~DiscoveryResearcher",
+            "Failed to shut the discovery framework down: " << exception.what());
+  }
+  // The repository outlives the ORB: it must not go on naming it.
+  getDiscoveryRepository().setDiscoveryFramework(nullptr);
+  if (m_ownOrb)
+    m_ownOrb->shutdown();
+}
+
+// Unmanaged: at exit the ORB's own singletons may be gone before this one.
+using ResearcherSingleton =
+    ACE_Unmanaged_Singleton<DiscoveryResearcher, ACE_Recursive_Thread_Mutex>;
+
+} // namespace
+
+void setOrb(Orb* orb) { orbHolder().orb = orb; }
+
+Orb* getOrb() { return orbHolder().orb; }
+
+void initDiscoveryResearch() { ResearcherSingleton::instance(); }
+
+void deinitDiscoveryResearch() { ResearcherSingleton::close(); }
+
+AutoDereference<AuthSubIterator> getAuthSubIterator(DiscoveryQuery query,
+                                                    std::string const& subject,
+                                                    std::string const& authority,
+                                                    AuthorityType type)
+{
+  static std::string const ALL = "*";
+  DiscoveryIterator* const discoveries = getDiscoveryRepository().queryDiscoveries(
+      query, subject.empty() ? ALL : subject, authority.empty() ? ALL : authority, type);
+  if (discoveries == nullptr)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, "getAuthSubIterator",
+            "Failed to get a handle to discoveries");
+    return {};
+  }
+  return AutoDereference<AuthSubIterator>(new AuthSubIterator(discoveries));
+}
+
+// ---- one discovery ----
+
+CollectionItemIterator::CollectionItemIterator(Authority const& authority, Subject const& subject,
+                                               CollectionAttributes const* attributes,
+                                               std::shared_ptr<CollectionItems const> items,
+                                               bool parsed)
+    : m_authority(authority), m_subject(subject), m_items(std::move(items)), m_parsed(parsed)
+{
+  if (attributes != nullptr)
+    m_attributes = *attributes;
+}
+
+CollectionItemIterator::CollectionItemIterator(CollectionItemIterator const& other)
+    : m_authority(other.m_authority),
+      m_subject(other.m_subject),
+      m_attributes(other.m_attributes),
+      m_items(other.m_items),
+      m_parsed(other.m_parsed),
+      m_next(other.m_next)
+{
+}
+
+CollectionItemIterator::~CollectionItemIterator() = default;
+
+CollectionItem* CollectionItemIterator::getNextCollectionItem()
+{
+  if (m_next == m_items->size())
+    return nullptr;
+  return AutoDereference<CollectionItem>((*m_items)[m_next++]).release();
+}
+
+// ---- all discoveries ----
+
+AuthSubIterator::AuthSubIterator(DiscoveryIterator* discoveries)
+    : m_discoveries(discoveries), m_items(std::make_shared<CollectionItems>())
+{
+}
+
+AuthSubIterator::~AuthSubIterator() = default;
+
+CollectionItemIterator*
+AuthSubIterator::getNextCollectionItemIterator(FilterParameters const* filter)
+{
+  constexpr char const* OPERATION = "AuthSubIterator::getNextCollectionItemIterator";
+  for (;;)
+  {
+    AutoDereference<Discovery> const discovery(m_discoveries->getNext());
+    if (!discovery)
+      return nullptr;
+    if (discovery->getAuthority() == nullptr || discovery->getSubject() == nullptr)
+    {
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+              "Ignoring a discovery without authority or subject");
+      continue;
+    }
+
+    m_authority.emplace(*discovery->getAuthority());
+    m_subject.emplace(*discovery->getSubject());
+    m_attributes.reset();
+    if (discovery->getAttributes() != nullptr)
+      m_attributes = *discovery->getAttributes();
+    m_items = std::make_shared<CollectionItems>();
+
+    bool const parsed = parseDiscovery(discovery->getCollectionData(), filter);
+    if (!parsed)
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to parse discovery");
+    return new CollectionItemIterator(*m_authority, *m_subject,
+                                      m_attributes ? &*m_attributes : nullptr, m_items, parsed);
+  }
+}
+
+bool AuthSubIterator::parseDiscovery(CollectionData* data, FilterParameters const* filter)
+{
+  constexpr char const* OPERATION = "AuthSubIterator::parseDiscovery";
+  if (data == nullptr)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Invalid collection data pointer");
+    return false;
+  }
+
+  // It travels with the request to open, so that a store that has the data
+  // from another host can let that host apply it.
+  std::ostringstream filterText;
+  if (filter != nullptr)
+    filter->writeXml(filterText, XmlStr::UTF_8);
+  if (data->open(OM_READ, filterText.str().c_str()) == 0)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to read collection data");
+    return false;
+  }
+
+  std::u16string const systemId = u"sysid";
+  std::string reason;
+  try
+  {
+    if (parse(DiscoverySetInputSource(*data, systemId.c_str())))
+      return true;
+    reason = lastError();
+  }
+  catch (AssertionFailure const&)
+  {
+    throw;
+  }
+  catch (std::exception const& exception)
+  {
+    // Of a parser that a plug-in brought.
+    reason = exception.what();
+  }
+  OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to parse the discovery stream");
+  OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION, reason);
+  return false;
+}
+
+// ---- the stream ----
+
+// The base takes memory from the XML machinery, which must be ready before.
+DiscoverySetInputSource::DiscoverySetInputSource(CollectionData& data, XMLCh const* systemId)
+    : xercesc::InputSource(systemId, (initializeXml(), xercesc::XMLPlatformUtils::fgMemoryManager)),
+      m_data(data)
+{
+}
+
+xercesc::BinInputStream* DiscoverySetInputSource::makeStream() const
+{
+  return new (getMemoryManager()) DiscoverySetBinInputStream(m_data);
+}
+
+XMLSize_t DiscoverySetBinInputStream::readBytes(XMLByte* buffer, XMLSize_t maxToRead)
+{
+  long const count = m_data->readCollection(maxToRead, buffer);
+  if (count < 0)
+  {
+    // A parser that is still being set up, as it is at the first read, leaks
+    // what it has when this raises. Without a byte there is no document anyway.
+    if (m_position == 0)
+      return 0;
+    throw xercesc::XMLPlatformUtilsException(SOURCE, 0,
+                                             xercesc::XMLExcepts::File_CouldNotReadFromFile);
+  }
+  m_position += static_cast<XMLFilePos>(count);
+  return static_cast<XMLSize_t>(count);
+}
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc
