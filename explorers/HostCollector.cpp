@@ -1,0 +1,126 @@
+#include "explorers/HostCollector.h"
+
+#include "explorers/FactFiles.h"
+
+#include <sys/utsname.h>
+
+#include <map>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers
+{
+
+namespace
+{
+
+using Values = std::map<std::string, std::string>;
+
+// The first value of each key counts.
+Values readValues(std::string const& root, std::string const& path, char separator)
+{
+  Values values;
+  if (auto const text = readFacts(root, path))
+    for (auto& [key, value] : parsePairs(*text, separator))
+      values.emplace(std::move(key), std::move(value));
+  return values;
+}
+
+std::string valueOf(Values const& values, char const* key)
+{
+  auto const found = values.find(key);
+  return found == values.end() ? "" : found->second;
+}
+
+// A value as a shell would read it.
+std::string unquoted(std::string const& value)
+{
+  std::string plain;
+  char quote = 0;
+  for (std::size_t at = 0; at < value.size(); ++at)
+  {
+    char const c = value[at];
+    if (quote == 0 && (c == '"' || c == '\''))
+      quote = c;
+    else if (c == quote)
+      quote = 0;
+    else if (c == '\\' && quote != '\'' && at + 1 < value.size())
+      plain += value[++at];
+    else
+      plain += c;
+  }
+  return plain;
+}
+
+void collectSystem(std::string const& root, HostFacts& facts)
+{
+  // The distributor's own file stands in where the administrator has removed
+  // the link in etc.
+  auto values = readValues(root, "etc/os-release", '=');
+  if (values.empty())
+    values = readValues(root, "usr/lib/os-release", '=');
+  facts.osId = unquoted(valueOf(values, "ID"));
+  facts.osVersion = unquoted(valueOf(values, "VERSION_ID"));
+  facts.osName = unquoted(valueOf(values, "PRETTY_NAME"));
+  if (facts.osName.empty())
+    facts.osName = unquoted(valueOf(values, "NAME"));
+}
+
+void collectKernel(std::string const& root, HostFacts& facts)
+{
+  facts.hostName = readFact(root, "proc/sys/kernel/hostname").value_or("");
+  facts.kernelName = readFact(root, "proc/sys/kernel/ostype").value_or("");
+  facts.kernelRelease = readFact(root, "proc/sys/kernel/osrelease").value_or("");
+  facts.kernelVersion = readFact(root, "proc/sys/kernel/version").value_or("");
+  facts.architecture = readFact(root, "proc/sys/kernel/arch").value_or("");
+
+  // Kernels before 6.1 have no such file.
+  utsname system = {};
+  if (facts.architecture.empty() && root == "/" && uname(&system) == 0)
+    facts.architecture = system.machine;
+}
+
+// /proc/stat has the same lines on every architecture, where cpuinfo differs.
+void collectProcessors(std::string const& root, HostFacts& facts)
+{
+  std::uint64_t processors = 0;
+  for (auto const& [name, value] : parsePairs(readFacts(root, "proc/stat").value_or(""), ' '))
+  {
+    if (name.rfind("cpu", 0) == 0 && parseNumber(name.substr(3)))
+      ++processors;
+    else if (name == "btime")
+    {
+      if (auto const seconds = parseNumber(value);
+          seconds && *seconds <= static_cast<std::uint64_t>(OzfObjTime::max().seconds()))
+        facts.bootTime = OzfObjTime(static_cast<std::int64_t>(*seconds));
+    }
+  }
+  if (processors != 0)
+    facts.processors = processors;
+
+  auto const values = readValues(root, "proc/cpuinfo", ':');
+  facts.processorModel = valueOf(values, "model name");
+}
+
+std::optional<std::uint64_t> kibibytes(Values const& values, char const* key)
+{
+  std::string const value = valueOf(values, key);
+  if (!value.ends_with(" kB"))
+    return std::nullopt;
+  auto const number = parseNumber(trimmed(std::string_view(value).substr(0, value.size() - 3)));
+  return number ? std::optional(saturatingProduct(*number, 1024)) : std::nullopt;
+}
+
+} // namespace
+
+HostFacts collectHost(std::string const& root)
+{
+  HostFacts facts;
+  collectSystem(root, facts);
+  collectKernel(root, facts);
+  collectProcessors(root, facts);
+  auto const memory = readValues(root, "proc/meminfo", ':');
+  facts.memory = kibibytes(memory, "MemTotal");
+  facts.swap = kibibytes(memory, "SwapTotal");
+  return facts;
+}
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers

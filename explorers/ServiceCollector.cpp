@@ -1,0 +1,54 @@
+#include "explorers/ServiceCollector.h"
+
+#include "discovery/ExplorerRemotePull.h"
+
+#include <filesystem>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers
+{
+
+namespace
+{
+
+constexpr char METADATA_SUFFIX[] = ".xml";
+
+std::optional<std::uint64_t> countStored(std::string const& directory)
+{
+  std::error_code error;
+  std::uint64_t count = 0;
+  for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
+       entry.increment(error))
+    if (entry->path().extension() == METADATA_SUFFIX)
+      ++count;
+  return error ? std::nullopt : std::optional(count);
+}
+
+ExplorerState stateOf(ExplorerWrapper const& entry, bool pull)
+{
+  return {entry.getAuthority()->getName().str(), entry.getAuthority()->getType(), pull,
+          entry.getPriority(), entry.lastRun()};
+}
+
+} // namespace
+
+ServiceState collectService(DiscoveryRepository const& repository, std::string const& directory,
+                            OzfObjTime const& start)
+{
+  ServiceState state;
+  state.master = repository.isGenericDSOnMaster();
+  state.version = TQ_VERSION;
+  state.start = start;
+  state.stored = countStored(directory);
+  auto const push = repository.getPushExplorers();
+  for (auto const& entry : *push)
+    state.explorers.push_back(stateOf(*entry, false));
+  auto const pull = repository.getPullExplorers();
+  for (auto const& entry : *pull)
+    if (dynamic_cast<RemoteExplorerPull const*>(entry->getExplorer()) != nullptr)
+      ++state.announced;
+    else
+      state.explorers.push_back(stateOf(*entry, true));
+  return state;
+}
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers

@@ -1,0 +1,41 @@
+// What the service tells of itself.
+
+#pragma once
+
+#include "discovery/DiscoveryRepository.h"
+#include "ozf/base/OzfObjTime.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers
+{
+
+struct ExplorerState
+{
+  std::string authority;
+  AuthorityType type{};
+  bool pull = false;
+  ExplorerPriority priority = 0;
+  ExplorerWrapper::Run lastRun;
+};
+
+struct ServiceState
+{
+  bool master = false;
+  std::string version;
+  OzfObjTime start;
+  std::optional<std::uint64_t> stored; // discoveries in this host's database
+  std::uint64_t announced = 0;         // pull explorers of other hosts
+  std::vector<ExplorerState> explorers;
+};
+
+// Looks at the registry and counts the metadata files of the directory, none
+// of which it opens. The database is not counted when the directory cannot be
+// read. Asserts that the repository has a framework.
+ServiceState collectService(DiscoveryRepository const& repository, std::string const& directory,
+                            OzfObjTime const& start);
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers

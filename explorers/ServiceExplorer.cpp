@@ -1,0 +1,107 @@
+#include "explorers/ServiceExplorer.h"
+
+#include "explorers/FilterDescriptions.h"
+#include "explorers/Payload.h"
+#include "ozf/base/MetadataConverter.h"
+
+#include <array>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers
+{
+
+namespace
+{
+
+using Type = OzfQuery::Type;
+using Value = std::optional<std::string>;
+
+Value toText(OzfObjTime const& time)
+{
+  std::string text;
+  if (time.isZero() || !MetadataConverter::convert(time, text, false))
+    return std::nullopt;
+  return text;
+}
+
+char const* toText(AuthorityType type)
+{
+  switch (type)
+  {
+  case AT_TQUSERVER:
+    return "server";
+  case AT_TQUCLIENT:
+    return "client";
+  case AT_EXTSRC:
+    return "external";
+  case AT_REMOTEPULL:
+    return "remotepull";
+  default:
+    return "any";
+  }
+}
+
+constexpr std::array<Fact<ServiceState>, 6> SERVICE_FACTS = {{
+    {"Kind", Type::TEXT, "service, push or pull",
+     [](ServiceState const&) -> Value { return SERVICE; }},
+    {"Role", Type::TEXT, "master or client",
+     [](ServiceState const& state) -> Value { return state.master ? "master" : "client"; }},
+    {"Version", Type::TEXT, "The version of the service",
+     [](ServiceState const& state) -> Value { return known(state.version); }},
+    {"StartTime", Type::TIME, "When the service was started",
+     [](ServiceState const& state) -> Value { return toText(state.start); }},
+    {"StoredDiscoveries", Type::NUMBER, "The discoveries in the database of the host",
+     [](ServiceState const& state) -> Value { return known(state.stored); }},
+    {"AnnouncedExplorers", Type::NUMBER, "The explorers that other hosts announced",
+     [](ServiceState const& state) -> Value { return std::to_string(state.announced); }},
+}};
+
+constexpr std::array<Fact<ExplorerState>, 5> EXPLORER_FACTS = {{
+    {"Kind", Type::TEXT, "service, push or pull",
+     [](ExplorerState const& state) -> Value { return state.pull ? "pull" : "push"; }},
+    {"Type", Type::TEXT, "The authority's type: server, client or external",
+     [](ExplorerState const& state) -> Value { return toText(state.type); }},
+    {"Priority", Type::NUMBER, "The priority of the registration",
+     [](ExplorerState const& state) -> Value { return std::to_string(state.priority); }},
+    {"LastRun", Type::TIME, "When it ran last, or was last asked",
+     [](ExplorerState const& state) -> Value { return toText(state.lastRun.time); }},
+    {"LastResult", Type::TEXT, "What came of that: success, not run, or what failed",
+     [](ExplorerState const& state) -> Value
+     { return state.lastRun.time.isZero() ? "not run" : describe(state.lastRun.status); }},
+}};
+
+std::string filterData()
+{
+  AutoDereference<OzfQuery> const query = describeFacts(serviceFacts());
+  query->merge(*describeFacts(explorerFacts()));
+  return filterDocument(*query);
+}
+
+} // namespace
+
+Facts<ServiceState> serviceFacts() { return SERVICE_FACTS; }
+Facts<ExplorerState> explorerFacts() { return EXPLORER_FACTS; }
+
+ServiceExplorer::ServiceExplorer(Collect collect)
+    : TimedExplorer(INTERVAL), m_collect(std::move(collect))
+{
+}
+
+DiscoveryStatus ServiceExplorer::run(Authority const& authority, Subject const& subject,
+                                     CollectionAttributes const& attributes,
+                                     DiscoveryFactory const& factory)
+{
+  constexpr char const* OPERATION = "ServiceExplorer::explore";
+  ServiceState const state = m_collect();
+  DiscoveredItems items(*this);
+  items.addItem(subject.getName().str(), serviceFacts(), state);
+  for (ExplorerState const& explorer : state.explorers)
+    if (explorer.authority != SERVICE)
+      items.addItem(explorer.authority, explorerFacts(), explorer);
+  auto const data =
+      store(factory, DQ_DISCOVERY_DATA, subject, authority, attributes, items.finish(), OPERATION);
+  auto const filter = store(factory, DQ_FILTER_DATA, subject, filterAuthority(authority),
+                            attributes, filterData(), OPERATION);
+  return data != DS_SUCCESS ? data : filter;
+}
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers

@@ -1,0 +1,40 @@
+// "service": the discovery service of this host, every minute.
+
+#pragma once
+
+#include "explorers/Facts.h"
+#include "explorers/ServiceCollector.h"
+#include "explorers/TimedExplorer.h"
+
+#include <functional>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers
+{
+
+inline constexpr char const* SERVICE = "service";
+
+Facts<ServiceState> serviceFacts();
+Facts<ExplorerState> explorerFacts();
+
+// Stores one item for the service, named after the subject, and one for each
+// explorer on this host but itself: that it runs shows from what it stores.
+// Both vocabularies are its filter data.
+class ServiceExplorer : public TimedExplorer
+{
+public:
+  static constexpr PollingInterval INTERVAL = 60;
+
+  using Collect = std::function<ServiceState()>;
+  explicit ServiceExplorer(Collect collect);
+
+  char const* getExplorerName() const override { return SERVICE; }
+
+private:
+  DiscoveryStatus run(Authority const& authority, Subject const& subject,
+                      CollectionAttributes const& attributes,
+                      DiscoveryFactory const& factory) override;
+
+  Collect const m_collect;
+};
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers

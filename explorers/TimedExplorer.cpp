@@ -1,0 +1,55 @@
+#include "explorers/TimedExplorer.h"
+
+#include "discovery/DiscoveryLog.h"
+
+#include <exception>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers
+{
+
+namespace
+{
+constexpr char SOURCE[] = "TimedExplorer";
+constexpr char OPERATION[] = "TimedExplorer::explore";
+} // namespace
+
+void TimedExplorer::explore(Authority const& authority, Subject const& subject,
+                            CollectionAttributes const& attributes, AutoDereference<OZFRefCounted>&,
+                            DiscoveryFactory* factory, DiscoveryResult& result)
+{
+  result.discStatus = DS_LOGIC_ERROR;
+  result.retryInterval = m_interval;
+  try
+  {
+    if (factory == nullptr)
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+              "Explorer " << getExplorerName() << " was given no way to create discoveries");
+    else
+      result.discStatus = run(authority, subject, attributes, *factory);
+  }
+  catch (std::exception const& exception)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Explorer " << getExplorerName() << " failed: " << exception.what());
+  }
+  catch (...)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Explorer " << getExplorerName() << " failed");
+  }
+  if (isSuccess(result))
+    result.retryInterval = 0;
+}
+
+OzfObjTime TimedExplorer::getLastExplorationTime()
+{
+  std::lock_guard const guard(m_mutex);
+  return m_lastExploration;
+}
+
+void TimedExplorer::setLastExplorationTime(OzfObjTime const& time)
+{
+  std::lock_guard const guard(m_mutex);
+  m_lastExploration = time;
+}
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers

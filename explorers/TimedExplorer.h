@@ -1,0 +1,40 @@
+// What the push explorers here have in common.
+
+#pragma once
+
+#include "discovery/Explorer.h"
+
+#include <mutex>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers
+{
+
+// Keeps the time of the last run and sees to it that nothing leaves explore
+// but its result. A failed run asks to be tried again after the interval.
+class TimedExplorer : public virtual ExplorerPush
+{
+public:
+  void explore(Authority const& authority, Subject const& subject,
+               CollectionAttributes const& attributes, AutoDereference<OZFRefCounted>& context,
+               DiscoveryFactory* factory, DiscoveryResult& result) final;
+
+  OzfObjTime getLastExplorationTime() final;
+  void setLastExplorationTime(OzfObjTime const& time) final;
+  PollingInterval getPollingInterval() final { return m_interval; }
+
+protected:
+  explicit TimedExplorer(PollingInterval interval) : m_interval(interval) {}
+
+  // Collects and stores; what it throws is logged and counts as
+  // DS_LOGIC_ERROR. On the push timer's thread, one run at a time.
+  virtual DiscoveryStatus run(Authority const& authority, Subject const& subject,
+                              CollectionAttributes const& attributes,
+                              DiscoveryFactory const& factory) = 0;
+
+private:
+  PollingInterval const m_interval;
+  std::mutex m_mutex;
+  OzfObjTime m_lastExploration; // guarded by m_mutex
+};
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers

@@ -1,0 +1,29 @@
+// "volume" again: what can be asked of volumes, once a day.
+
+#pragma once
+
+#include "explorers/TimedExplorer.h"
+#include "explorers/VolumeExplorer.h"
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers
+{
+
+// Filter data is pushed also where the data itself is pulled: a record does
+// not carry the kind of query over the wire, so another host can never ask a
+// pull explorer for it.
+class VolumeFilterExplorer : public TimedExplorer
+{
+public:
+  static constexpr PollingInterval INTERVAL = 86400;
+
+  VolumeFilterExplorer() : TimedExplorer(INTERVAL) {}
+
+  char const* getExplorerName() const override { return VOLUME; }
+
+private:
+  DiscoveryStatus run(Authority const& authority, Subject const& subject,
+                      CollectionAttributes const& attributes,
+                      DiscoveryFactory const& factory) override;
+};
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers
