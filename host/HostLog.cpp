@@ -1,0 +1,89 @@
+#include "host/HostLog.h"
+
+#include "ozf/config/Configuration.h"
+#include "ozf/log/Logger.h"
+
+#include <atomic>
+#include <cstdio>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace Host
+{
+
+using namespace Quillon::Tessarine::Ozf;
+
+namespace
+{
+
+constexpr char SOURCE[] = "HostLog";
+constexpr int ORIGINATOR = 2;
+constexpr std::size_t MOST_LINES = 20;
+
+std::atomic<bool> onStderr{true};
+std::mutex linesMutex;
+std::vector<std::string> startLines;
+
+void setDestination(std::string const& destination)
+{
+  std::string reason;
+  if (destination == "syslog")
+    LoggerFactory::setSyslog("tqdisco");
+  else if (destination == "stderr" || LoggerFactory::setFile(destination, reason) == false)
+    LoggerFactory::setStderr();
+  onStderr = destination == "stderr" || !reason.empty();
+  if (!reason.empty())
+    OZF_LOG(getHostLogger(), 1, SOURCE, "setUpLog",
+            "Unable to open the log file " << destination << ", using standard error: " << reason);
+}
+
+} // namespace
+
+OzfLogger* getHostLogger()
+{
+  static OzfLogger* const logger = LoggerFactory::getLogger(ORIGINATOR);
+  return logger;
+}
+
+void setUpLog(Options const& options, Configuration const& configuration)
+{
+  if (options.debug)
+  {
+    LoggerFactory::setLevel(6);
+    setDestination("stderr");
+    return;
+  }
+  long level = 1;
+  if (options.logLevel >= 0)
+    level = options.logLevel;
+  else
+    configuration.getInteger("LOG_LEVEL", 1, 0, 6, level);
+  LoggerFactory::setLevel(static_cast<int>(level));
+
+  std::string const* const file = configuration.find("LOG_FILE");
+  bool const usable = file != nullptr && (file->starts_with('/') || *file == "syslog");
+  setDestination(usable ? *file : "stderr");
+}
+
+StartReport::StartReport()
+{
+  LoggerFactory::setObserver(
+      [](LogLine const& line)
+      {
+        std::lock_guard guard(linesMutex);
+        if (line.level == 1 && !onStderr && startLines.size() < MOST_LINES)
+          startLines.push_back(line.text);
+      });
+}
+
+StartReport::~StartReport() { LoggerFactory::setObserver({}); }
+
+void StartReport::print() const
+{
+  std::lock_guard guard(linesMutex);
+  for (auto const& line : startLines)
+    std::fprintf(stderr, "tqdisco: %s\n", line.c_str());
+}
+
+} // namespace Host

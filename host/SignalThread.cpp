@@ -1,0 +1,145 @@
+#include "host/SignalThread.h"
+
+#include "host/HostLog.h"
+#include "ozf/config/Configuration.h"
+#include "ozf/config/ProductRoot.h"
+#include "ozf/log/Logger.h"
+#include "ozf/orb/OrbService.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <exception>
+#include <limits>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <system_error>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+namespace Host
+{
+
+using namespace Quillon::Tessarine::Ozf;
+
+namespace
+{
+
+constexpr char SOURCE[] = "SignalThread";
+constexpr char OPERATION[] = "SignalThread::take";
+
+sigset_t takenSignals()
+{
+  sigset_t set;
+  sigemptyset(&set);
+  for (int const signal : {SIGTERM, SIGINT, SIGHUP})
+    sigaddset(&set, signal);
+  return set;
+}
+
+// Milliseconds between two signs of life; -1 when nobody waits for them.
+int watchdogPeriod()
+{
+  std::uint64_t microseconds = 0;
+  if (sd_watchdog_enabled(0, &microseconds) <= 0)
+    return -1;
+  return static_cast<int>(std::clamp<std::uint64_t>(microseconds / 2000, 1, 3600000));
+}
+
+} // namespace
+
+void blockSignals()
+{
+  sigset_t const set = takenSignals();
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  std::signal(SIGPIPE, SIG_IGN);
+}
+
+SignalThread::SignalThread(Options const& options) : m_options(options) {}
+
+SignalThread::~SignalThread()
+{
+  if (!m_thread.joinable())
+    return;
+  std::uint64_t const one = 1;
+  [[maybe_unused]] auto const written = write(m_end.get(), &one, sizeof one);
+  m_thread.join();
+}
+
+bool SignalThread::start(std::string& error)
+{
+  sigset_t const set = takenSignals();
+  m_signals.reset(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+  int const signalFailure = errno;
+  m_end.reset(eventfd(0, EFD_CLOEXEC));
+  if (!m_signals.valid() || !m_end.valid())
+  {
+    error = "Unable to take signals: " + errorText(m_signals.valid() ? errno : signalFailure);
+    return false;
+  }
+  try
+  {
+    m_thread = std::thread([this] { loop(); });
+    return true;
+  }
+  catch (std::system_error const& failure)
+  {
+    error = std::string("Unable to start the signal thread: ") + failure.what();
+    return false;
+  }
+}
+
+void SignalThread::loop()
+{
+  int const period = watchdogPeriod();
+  pollfd waits[] = {{m_signals.get(), POLLIN, 0}, {m_end.get(), POLLIN, 0}};
+  while (waits[1].revents == 0)
+  {
+    if (poll(waits, 2, period) < 0)
+    {
+      if (errno == EINTR)
+        continue;
+      OZF_LOG(getHostLogger(), 1, SOURCE, "SignalThread::loop",
+              "Unable to wait for signals: " << errorText(errno));
+      return;
+    }
+    if (period > 0)
+      sd_notify(0, "WATCHDOG=1");
+    signalfd_siginfo info{};
+    while (read(m_signals.get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info))
+      take(static_cast<int>(info.ssi_signo));
+  }
+}
+
+void SignalThread::take(int signal)
+{
+  try
+  {
+    if (signal == SIGHUP)
+    {
+      reload();
+      return;
+    }
+    OZF_LOG(getHostLogger(), 1, SOURCE, OPERATION,
+            (m_stopping ? "Already stopping, took " : "Stopping, took ") << strsignal(signal));
+    m_stopping = true;
+    if (OrbService* const service = OrbService::Instance())
+      service->stopByEvent(false);
+  }
+  catch (std::exception const& exception)
+  {
+    OZF_LOG(getHostLogger(), 1, SOURCE, OPERATION, "Caught exception: " << exception.what());
+  }
+}
+
+void SignalThread::reload() const
+{
+  if (!reloadConfiguration())
+    OZF_LOG(getHostLogger(), 1, SOURCE, "SignalThread::reload",
+            "Unable to read " << getConfigurationPath() << ", the log has its default place");
+  setUpLog(m_options, *getConfiguration());
+  OZF_LOG(getHostLogger(), 1, SOURCE, "SignalThread::reload", "Set the log up anew");
+}
+
+} // namespace Host

@@ -1,0 +1,48 @@
+// Signals, taken by one thread.
+
+#pragma once
+
+#include "host/Options.h"
+#include "ozf/base/SystemError.h"
+
+#include <csignal>
+#include <string>
+#include <thread>
+
+namespace Host
+{
+
+// Blocks the signals that the thread takes, in the calling thread and those it
+// starts from now on, and has SIGPIPE ignored. Call it first of all.
+void blockSignals();
+
+// Stops the service on SIGTERM and SIGINT (later ones are noted and change
+// nothing), sets the log up anew on SIGHUP, and tells the service manager's
+// watchdog that the process is alive. The service is made before and destroyed
+// after the thread.
+class SignalThread
+{
+public:
+  explicit SignalThread(Options const& options);
+
+  // Ends and joins the thread.
+  ~SignalThread();
+  SignalThread(SignalThread const&) = delete;
+  SignalThread& operator=(SignalThread const&) = delete;
+
+  // False, with the reason in error, when it cannot be started.
+  bool start(std::string& error);
+
+private:
+  void loop();
+  void take(int signal);
+  void reload() const;
+
+  Options const m_options;
+  bool m_stopping = false; // the thread's own
+  Quillon::Tessarine::Ozf::UniqueFd m_signals;
+  Quillon::Tessarine::Ozf::UniqueFd m_end;
+  std::thread m_thread;
+};
+
+} // namespace Host

@@ -1,0 +1,116 @@
+// tqdisco, the service host: brings the service of this host up, runs it until
+// it is told to stop, and takes it down.
+
+#include "host/HostLog.h"
+#include "host/Options.h"
+#include "host/ServiceLibrary.h"
+#include "host/SignalThread.h"
+#include "ozf/config/Configuration.h"
+#include "ozf/config/ProductRoot.h"
+#include "ozf/log/Logger.h"
+#include "ozf/orb/OrbService.h"
+
+#include <cstdio>
+#include <exception>
+#include <optional>
+#include <sys/stat.h>
+#include <systemd/sd-daemon.h>
+
+namespace
+{
+
+using namespace Host;
+using namespace Quillon::Tessarine::Ozf;
+
+constexpr char SOURCE[] = "main";
+
+int checkConfiguration()
+{
+  std::string const path = getConfigurationPath();
+  auto const problems = Configuration::read(path).check();
+  for (auto const& problem : problems)
+    std::fprintf(stderr, "%s\n", problem.text().c_str());
+  if (!problems.empty())
+    return EXIT_USAGE;
+  std::printf("%s: no mistakes\n", path.c_str());
+  return EXIT_ORDERLY;
+}
+
+// Gone as soon as the service serves.
+std::optional<StartReport> startReport;
+
+void ready()
+{
+  startReport.reset();
+  sd_notify(0, "READY=1\nSTATUS=Serving");
+  OZF_LOG(getHostLogger(), 1, SOURCE, "main", "Started, version " TQ_VERSION);
+}
+
+void stopping() { sd_notify(0, "STOPPING=1\nSTATUS=Stopping"); }
+
+int failStart(std::string const& reason)
+{
+  OZF_LOG(getHostLogger(), 1, SOURCE, "main", reason);
+  if (startReport)
+    startReport->print();
+  sd_notify(0, "STATUS=Start failed");
+  return EXIT_START_FAILED;
+}
+
+int runService(Options const& options)
+{
+  umask(022);
+  blockSignals();
+  // The log is set up before the process's own reading of the file, which logs
+  // the mistakes that it finds.
+  setUpLog(options, Configuration::read(getConfigurationPath()));
+  startReport.emplace();
+  getConfiguration();
+
+  std::string error;
+  auto const service = createService(options.debug, error);
+  if (!service)
+    return failStart(error);
+  SignalThread signals(options);
+  if (!signals.start(error))
+    return failStart(error);
+
+  sd_notify(0, "STATUS=Starting");
+  bool started = false;
+  OrbService::Events events;
+  events.ready = ready;
+  events.stopping = stopping;
+  switch (service->main(events, started))
+  {
+  case OrbService::ORDERLY:
+    OZF_LOG(getHostLogger(), 1, SOURCE, "main",
+            (started ? "Stopped" : "Not started, as the configuration says"));
+    return EXIT_ORDERLY;
+  case OrbService::STOP_FAILED:
+    return EXIT_STOP_FAILED;
+  default:
+    return failStart("The start of " + service->getServiceName() + " failed");
+  }
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+  try
+  {
+    Options options;
+    int exitCode = EXIT_ORDERLY;
+    if (!parseOptions(argc, argv, options, exitCode))
+      return exitCode;
+    exitCode = options.checkConfiguration ? checkConfiguration() : runService(options);
+    startReport.reset();
+    LoggerFactory::flush();
+    return exitCode;
+  }
+  catch (std::exception const& exception)
+  {
+    std::fprintf(stderr, "tqdisco: %s\n", exception.what());
+    return EXIT_START_FAILED;
+  }
+}

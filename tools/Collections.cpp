@@ -1,0 +1,286 @@
+#include "tools/Collections.h"
+
+#include "discovery/FilterParameters.h"
+#include "discovery/Researcher.h"
+#include "ozf/xml/QueryExpression.h"
+#include "tools/ExitCodes.h"
+#include "tools/Format.h"
+#include "tools/Output.h"
+
+#include <cmath>
+#include <sstream>
+#include <strings.h>
+
+namespace tqdiscoctl
+{
+
+using namespace Quillon::Tessarine::Ozf;
+using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
+
+namespace
+{
+
+// Gives one discovery to the research API.
+class OneDiscovery : public virtual DiscoveryIterator
+{
+public:
+  explicit OneDiscovery(AutoDereference<Discovery> const& discovery)
+      : DiscoveryIterator(AT_ANYANDALL, "*", "*"), m_discovery(discovery)
+  {
+  }
+  Discovery* getNext() override { return m_discovery.release(); }
+
+private:
+  AutoDereference<Discovery> m_discovery;
+};
+
+// The elements that hold only text, as facts.
+class FactReader : public XmlDocumentInterface
+{
+public:
+  bool read(std::string const& text) { return parseBuffer("<facts>" + text + "</facts>"); }
+
+  // Whether there is text between elements, which no fact can hold.
+  bool mixed() const noexcept { return m_mixed; }
+  Item::Facts const& facts() const noexcept { return m_facts; }
+
+  int xmlStartElement(XmlObjParseContext* context, XMLCh const* name, AttributeList&) override
+  {
+    noteText(*context);
+    m_path.push_back(OzfString(std::u16string_view(name)).str());
+    m_leaf = true;
+    return 1;
+  }
+
+  int xmlEndElement(XmlObjParseContext* context, XMLCh const*) override
+  {
+    if (m_leaf && m_path.size() > 1)
+      m_facts.emplace_back(joined(), context->text().str());
+    else
+      noteText(*context);
+    context->clearText();
+    m_leaf = false;
+    m_path.pop_back();
+    return 1;
+  }
+
+private:
+  void noteText(XmlObjParseContext& context)
+  {
+    m_mixed = m_mixed || context.text().str().find_first_not_of(" \t\r\n") != std::string::npos;
+    context.clearText();
+  }
+
+  std::string joined() const
+  {
+    std::string text = m_path[1]; // the first is our own
+    for (std::size_t i = 2; i < m_path.size(); ++i)
+      text += '.' + m_path[i];
+    return text;
+  }
+
+  std::vector<std::string> m_path;
+  Item::Facts m_facts;
+  bool m_leaf = false;
+  bool m_mixed = false;
+};
+
+Item makeItem(DiscoveredItem const& discovered)
+{
+  Item item;
+  item.name = discovered.getName();
+  if (StatusMsg const* const status = discovered.getStatusMsg())
+    item.status = {status->code(), status->severity(), status->text().str()};
+  if (TquPolicy const* const policy = discovered.getPolicy())
+    item.policy = policy->name().str();
+  AutoDereference<ExplorerData> const data(discovered.getExplorerData());
+  if (!data)
+    return item;
+  std::ostringstream text;
+  data->writeXml(text, XmlStr::UTF_8);
+  FactReader reader;
+  if (reader.read(text.str()) && !reader.mixed())
+    item.facts = reader.facts();
+  else
+    item.text = text.str();
+  return item;
+}
+
+Collection readThrough(AutoDereference<Discovery> const& discovery, std::string const& query)
+{
+  Collection collection;
+  FilterParameters const parameters(nullptr, query.c_str());
+  AutoDereference<AuthSubIterator> const discoveries(
+      new AuthSubIterator(new OneDiscovery(discovery)));
+  AutoDereference<CollectionItemIterator> const items(
+      discoveries->getNextCollectionItemIterator(query.empty() ? nullptr : &parameters));
+  if (!items)
+    return collection;
+  collection.complete = items->isParsed();
+  OzfQuery description;
+  for (;;)
+  {
+    AutoDereference<CollectionItem> const item(items->getNextCollectionItem());
+    if (!item)
+      break;
+    if (auto const* const discovered = dynamic_cast<DiscoveredItem const*>(item.get()))
+      collection.items.push_back(makeItem(*discovered));
+    else if (auto const* const filter = dynamic_cast<FilterItem const*>(item.get()))
+      description.merge(filter->getQuery());
+  }
+  collection.attributes = description.attributes();
+  return collection;
+}
+
+bool readBytesThrough(Discovery& discovery, std::string const& query, std::string& bytes)
+{
+  std::ostringstream filter;
+  if (!query.empty())
+    FilterParameters(nullptr, query.c_str()).writeXml(filter, XmlStr::UTF_8);
+  CollectionData* const data = discovery.getCollectionData();
+  if (data == nullptr || data->open(OM_READ, filter.str().c_str()) == 0)
+    return false;
+  char buffer[65536];
+  long count;
+  while ((count = data->readCollection(sizeof buffer, buffer)) > 0)
+    bytes.append(buffer, static_cast<std::size_t>(count));
+  return count == 0;
+}
+
+} // namespace
+
+std::string const* Item::find(std::string_view fact) const
+{
+  for (auto const& [factName, value] : facts)
+    if (factName.size() == fact.size() &&
+        strncasecmp(factName.data(), fact.data(), fact.size()) == 0)
+      return &value;
+  return nullptr;
+}
+
+// The master answers for one host's explorer only while no other host's comes
+// after it, so the host that has the explorer is asked next.
+Collection readCollection(Record const& record, OzfQuery const& query)
+{
+  std::string const& text = query.getQuery().str();
+  Collection collection = readThrough(record.discovery, text);
+  if (record.onDemand())
+  {
+    if (!collection.complete && collection.items.empty())
+      if (auto const discovery = atOwningHost(record))
+        collection = readThrough(discovery, text);
+    return collection;
+  }
+  std::erase_if(collection.items,
+                [&query](Item const& item)
+                {
+                  return !query.evaluate(
+                      [&item](std::string_view name) -> std::optional<std::string>
+                      {
+                        std::string const* const value = item.find(name);
+                        return value == nullptr ? std::nullopt : std::optional(*value);
+                      });
+                });
+  return collection;
+}
+
+bool readBytes(Record const& record, std::string const& query, std::string& bytes)
+{
+  bytes.clear();
+  if (readBytesThrough(*record.discovery, query, bytes))
+    return true;
+  if (!record.onDemand())
+    return false;
+  bytes.clear();
+  auto const discovery = atOwningHost(record);
+  return discovery && readBytesThrough(*discovery, query, bytes);
+}
+
+AutoDereference<OzfQuery> describe(Record const& record)
+{
+  AutoDereference<OzfQuery> description(new OzfQuery);
+  Selection selection;
+  selection.subject = record.subject;
+  selection.authority = record.authority;
+  selection.filterData = true;
+  std::vector<Record> records;
+  if (queryRecords(selection, records, true) == EXIT_DONE)
+    for (Record const& each : records)
+      if (!each.onDemand())
+        for (auto const& attribute : readThrough(each.discovery, "").attributes)
+          description->addAttribute(attribute);
+  return description;
+}
+
+std::string formatValue(std::string const& value, OzfQuery::Attribute const* attribute)
+{
+  if (attribute != nullptr &&
+      (attribute->type == OzfQuery::Type::SIZE || attribute->type == OzfQuery::Type::DURATION))
+  {
+    auto const number = parseQueryNumber(value);
+    constexpr long double MOST = 9.2e18L;
+    if (number && std::isfinite(*number) && *number >= 0 && *number < MOST)
+      return attribute->type == OzfQuery::Type::SIZE
+                 ? formatSize(static_cast<std::uint64_t>(*number))
+                 : formatSpan(static_cast<std::int64_t>(*number));
+  }
+  return shown(value);
+}
+
+char const* typeName(OzfQuery::Type type)
+{
+  switch (type)
+  {
+  case OzfQuery::Type::TEXT:
+    return "text";
+  case OzfQuery::Type::NUMBER:
+    return "number";
+  case OzfQuery::Type::SIZE:
+    return "size";
+  case OzfQuery::Type::DURATION:
+    return "duration";
+  case OzfQuery::Type::TIME:
+    return "time";
+  case OzfQuery::Type::BOOLEAN:
+    return "boolean";
+  }
+  return "text";
+}
+
+nlohmann::json toJson(OzfQuery::Attribute const& attribute)
+{
+  return {{"name", attribute.name.str()},
+          {"type", typeName(attribute.type)},
+          {"unit", attribute.unit.str()},
+          {"description", attribute.description.str()}};
+}
+
+nlohmann::json toJson(Record const& record, Collection const& collection)
+{
+  nlohmann::json items = nlohmann::json::array();
+  for (Item const& item : collection.items)
+  {
+    nlohmann::json facts = nlohmann::json::array();
+    for (auto const& [name, value] : item.facts)
+      facts.push_back({{"name", name}, {"value", value}});
+    nlohmann::json each = {{"name", item.name}, {"facts", facts}};
+    each["status"] = nullptr;
+    if (item.status)
+      each["status"] = {{"code", item.status->code},
+                        {"severity", item.status->severity},
+                        {"text", item.status->text}};
+    each["policy"] = item.policy.empty() ? nlohmann::json() : nlohmann::json(item.policy);
+    each["text"] = item.text.empty() ? nlohmann::json() : nlohmann::json(item.text);
+    items.push_back(std::move(each));
+  }
+  nlohmann::json attributes = nlohmann::json::array();
+  for (auto const& attribute : collection.attributes)
+    attributes.push_back(toJson(attribute));
+  nlohmann::json result = toJson(record);
+  result["complete"] = collection.complete;
+  result["items"] = std::move(items);
+  result["attributes"] = std::move(attributes);
+  return result;
+}
+
+} // namespace tqdiscoctl

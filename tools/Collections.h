@@ -1,0 +1,67 @@
+// What is in a discovery, read through the research API.
+
+#pragma once
+
+#include "ozf/xml/OzfQuery.h"
+#include "tools/Records.h"
+
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tqdiscoctl
+{
+
+struct Item
+{
+  struct Status
+  {
+    unsigned code;
+    unsigned severity;
+    std::string text;
+  };
+  using Facts = std::vector<std::pair<std::string, std::string>>;
+
+  std::string name;
+  std::optional<Status> status;
+  std::string policy; // its name, empty when there is none
+  Facts facts;        // in document order; of nested elements "Outer.Inner"
+  std::string text;   // what the explorer wrote, when it is not made of elements
+
+  // Null when there is none of that name; letter case does not count.
+  std::string const* find(std::string_view fact) const;
+};
+
+struct Collection
+{
+  bool complete = false; // else it could not be read, or not to its end
+  std::vector<Item> items;
+  std::vector<Quillon::Tessarine::Ozf::OzfQuery::Attribute> attributes; // of filter data
+};
+
+// Reads the collection; query (may be empty) is sent along, and is applied
+// here to what was stored without regard to it. The text of the query has
+// been checked. Blocks as long as the hosts concerned take.
+Collection readCollection(Record const& record, Quillon::Tessarine::Ozf::OzfQuery const& query);
+
+// The bytes of the collection; false when they cannot be had.
+bool readBytes(Record const& record, std::string const& query, std::string& bytes);
+
+// How the facts of an explorer are to be shown: its description, as far as it
+// stored one for the subject.
+Quillon::Tessarine::Ozf::AutoDereference<Quillon::Tessarine::Ozf::OzfQuery>
+describe(Record const& record);
+
+// A fact's value for people: sizes and durations with units.
+std::string formatValue(std::string const& value,
+                        Quillon::Tessarine::Ozf::OzfQuery::Attribute const* attribute);
+
+// "text", "size" and so on.
+char const* typeName(Quillon::Tessarine::Ozf::OzfQuery::Type type);
+
+nlohmann::json toJson(Record const& record, Collection const& collection);
+nlohmann::json toJson(Quillon::Tessarine::Ozf::OzfQuery::Attribute const& attribute);
+
+} // namespace tqdiscoctl

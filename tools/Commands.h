@@ -1,0 +1,33 @@
+// The commands that ask a running service.
+//
+// Each function adds commands to the application. The command that the user
+// chose runs while the command line is parsed and leaves its exit code in the
+// session.
+
+#pragma once
+
+#include "tools/Connection.h"
+#include "tools/ExitCodes.h"
+
+namespace CLI
+{
+class App;
+}
+
+namespace tqdiscoctl
+{
+
+struct Session
+{
+  ConnectionOptions connection;
+  int exitCode = EXIT_DONE;
+};
+
+void addQueryCommands(CLI::App& application, Session& session);   // query, hosts
+void addShowCommands(CLI::App& application, Session& session);    // show, items, filters
+void addWatchCommand(CLI::App& application, Session& session);    // watch
+void addPutCommand(CLI::App& application, Session& session);      // put
+void addControlCommands(CLI::App& application, Session& session); // push, stop
+void addStatusCommand(CLI::App& application, Session& session);   // status
+
+} // namespace tqdiscoctl

@@ -1,0 +1,248 @@
+#include "tools/Connection.h"
+
+#include "discovery/Researcher.h"
+#include "ozf/config/Configuration.h"
+#include "ozf/config/HostRole.h"
+#include "ozf/config/ProductRoot.h"
+#include "tools/ExitCodes.h"
+#include "tools/Output.h"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <charconv>
+#include <memory>
+#include <netdb.h>
+#include <sys/socket.h>
+
+namespace tqdiscoctl
+{
+
+using namespace Quillon::Tessarine::Ozf;
+using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
+
+namespace
+{
+
+constexpr char SERVICE[] = "DiscoveryService";
+constexpr char ADVICE[] =
+    "Is tqdisco running there? \"systemctl status tqdisco\" and its log tell. "
+    "Another host or port is named with --master HOST[:PORT].";
+
+bool isPort(std::string const& text)
+{
+  unsigned port = 0;
+  auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
+  return error == std::errc() && end == text.data() + text.size() && port >= 1 && port <= 65535;
+}
+
+// The host's first address as text; reason says why there is none.
+std::string resolve(std::string const& host, std::string& reason)
+{
+  addrinfo hints = {};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  if (int const error = getaddrinfo(host.c_str(), nullptr, &hints, &found); error != 0)
+  {
+    reason = gai_strerror(error);
+    return {};
+  }
+  std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> const owner(found, freeaddrinfo);
+  char address[NI_MAXHOST];
+  if (int const error = getnameinfo(found->ai_addr, found->ai_addrlen, address, sizeof address,
+                                    nullptr, 0, NI_NUMERICHOST);
+      error != 0)
+  {
+    reason = gai_strerror(error);
+    return {};
+  }
+  return address;
+}
+
+std::string placeOf(std::string const& host)
+{
+  std::string const name = host.find(':') == std::string::npos ? host : "[" + host + "]";
+  return shown(name) + ":" + std::to_string(getServicePort(SERVICE));
+}
+
+// Why a call failed, for people.
+std::string reasonOf(CORBA::Exception const& exception)
+{
+  if (CORBA::TIMEOUT::_downcast(&exception) != nullptr)
+    return "it does not answer in time";
+  if (CORBA::TRANSIENT::_downcast(&exception) != nullptr)
+    return "nothing accepts connections there";
+  if (CORBA::COMM_FAILURE::_downcast(&exception) != nullptr)
+    return "the connection broke";
+  if (CORBA::OBJECT_NOT_EXIST::_downcast(&exception) != nullptr)
+    return "what listens there is no discovery service";
+  if (CORBA::BAD_PARAM::_downcast(&exception) != nullptr)
+    return "this cannot be a host's name";
+  return corbaExceptionText(exception);
+}
+
+} // namespace
+
+void addConnectionOptions(CLI::App& application, ConnectionOptions& options)
+{
+  application
+      .add_option("-m,--master", options.master,
+                  "The master's service; default: SERVER of the configuration")
+      ->type_name("HOST[:PORT]");
+  application.add_option("--timeout", options.timeout, "How long to wait for an answer")
+      ->check(CLI::Range(1L, 3600L))
+      ->type_name("SECONDS")
+      ->capture_default_str();
+}
+
+bool parseMaster(std::string const& text, std::string& host, std::string& port)
+{
+  host = text;
+  port.clear();
+  if (text.starts_with('['))
+  {
+    auto const end = text.find(']');
+    if (end == std::string::npos)
+      return false;
+    host = text.substr(1, end - 1);
+    std::string const rest = text.substr(end + 1);
+    if (!rest.empty() && !rest.starts_with(':'))
+      return false;
+    if (!rest.empty() && !isPort(port = rest.substr(1)))
+      return false;
+  }
+  else if (std::count(text.begin(), text.end(), ':') == 1)
+  {
+    host = text.substr(0, text.find(':'));
+    port = text.substr(text.find(':') + 1);
+    if (!isPort(port))
+      return false;
+  }
+  return !host.empty() && host.find_first_of(" \t\r\n/[]%") == std::string::npos;
+}
+
+Connection::~Connection()
+{
+  m_service = Remote::DiscoveryService::_nil();
+  if (m_research)
+    deinitDiscoveryResearch();
+  setOrb(nullptr);
+  if (m_orb)
+    m_orb->shutdown();
+}
+
+int Connection::chooseMaster()
+{
+  if (!m_options.master.empty())
+  {
+    std::string port;
+    if (!parseMaster(m_options.master, m_master, port))
+    {
+      complain("\"" + shown(m_options.master) +
+               "\" names no service; use --master HOST, HOST:PORT or [ADDRESS]:PORT");
+      return EXIT_USAGE;
+    }
+    overrideConfiguration("SERVER", m_master);
+    if (!port.empty())
+      overrideConfiguration("ORB_PORT.DiscoveryService", port);
+  }
+  else
+  {
+    auto const configuration = getConfiguration();
+    std::string const* const server = configuration->find("SERVER");
+    if (server == nullptr || server->empty())
+    {
+      complain("no master is known: " +
+               std::string(configuration->readable() ? "there is no SERVER in "
+                                                     : "cannot read the configuration ") +
+               configuration->path() + "\nName the service with --master HOST[:PORT].");
+      return EXIT_NOT_REACHABLE;
+    }
+    m_master = *server;
+  }
+  // The protocol's own pages hold eight bytes.
+  if (getConfiguration()->find("COLLECTION_PAGE_SIZE") == nullptr)
+    overrideConfiguration("COLLECTION_PAGE_SIZE", "65536");
+  m_place = placeOf(m_master);
+  return EXIT_DONE;
+}
+
+int Connection::open()
+{
+  if (int const result = chooseMaster(); result != EXIT_DONE)
+    return result;
+
+  m_orb = std::make_unique<Orb>(0, "", "tqdiscoctl", 1, 64);
+  if (!m_orb->init() || m_orb->run(0) != 0)
+  {
+    complain("cannot start the communication; --verbose shows why");
+    return EXIT_FAILED;
+  }
+  m_orb->setRequestTimeout(ACE_Time_Value(m_options.timeout));
+  setOrb(m_orb.get());
+  m_service = connect(m_master);
+  if (CORBA::is_nil(m_service))
+    return EXIT_NOT_REACHABLE;
+  learnMasterName();
+  initDiscoveryResearch();
+  m_research = true;
+  return EXIT_DONE;
+}
+
+Remote::DiscoveryService_ptr Connection::connect(std::string const& host)
+{
+  std::string const place = placeOf(host);
+  std::string reason;
+  if (resolve(getHostAddress(host), reason).empty())
+  {
+    complain("the host name \"" + shown(host) + "\" cannot be resolved: " + reason +
+             "\nGive an address, or set HOST_ADDRESS." + shown(host) + " in " +
+             getConfigurationPath() + ".");
+    return Remote::DiscoveryService::_nil();
+  }
+  try
+  {
+    OzfHostname name;
+    name.setHostname(host);
+    CORBA::Object_var const object =
+        m_orb->resolveObject(name, SERVICE, SERVICE, ACE_Time_Value(m_options.timeout));
+    Remote::DiscoveryService_var service = Remote::DiscoveryService::_narrow(object);
+    if (!CORBA::is_nil(service))
+      return service._retn();
+    reason = "what listens there is no discovery service";
+  }
+  catch (CORBA::Exception const& exception)
+  {
+    reason = reasonOf(exception);
+  }
+  complain("no discovery service at " + place + ": " + reason + "\n" + ADVICE);
+  return Remote::DiscoveryService::_nil();
+}
+
+// Records name the host that has them as the service calls itself. A user who
+// gave an address, or a port that was forwarded, may not be able to resolve
+// that name; it is the host that was reached all the same.
+void Connection::learnMasterName()
+{
+  if (m_options.master.empty())
+    return;
+  try
+  {
+    Remote::DiscoveryIterator_var const iterator =
+        m_service->queryDiscoveries(DQ_DISCOVERY_DATA, AT_ANYANDALL, "*", "*");
+    iterator->pageSize(0); // pages of one record
+    Remote::DiscoverySeq_var page = iterator->getNextPage();
+    iterator->release();
+    std::string reason;
+    std::string const address = resolve(getHostAddress(m_master), reason);
+    if (page->length() > 0 && *page[0].sourceHost.in() != '\0' && !address.empty())
+      overrideConfiguration(std::string("HOST_ADDRESS.") + page[0].sourceHost.in(), address);
+  }
+  catch (CORBA::Exception const&)
+  {
+    // What the user asked for will meet the same and say so.
+  }
+}
+
+} // namespace tqdiscoctl

@@ -1,0 +1,74 @@
+// The way to the service.
+
+#pragma once
+
+#include "ozf/base/OzfHostname.h"
+#include "ozf/orb/Orb.h"
+
+#include <DiscoveryServiceC.h>
+
+#include <string>
+
+namespace CLI
+{
+class App;
+}
+
+namespace tqdiscoctl
+{
+
+struct ConnectionOptions
+{
+  std::string master; // HOST or HOST:PORT, empty for the configuration's
+  long timeout = 30;  // seconds
+};
+
+// --master and --timeout; they may stand before and behind the command.
+void addConnectionOptions(CLI::App& application, ConnectionOptions& options);
+
+// Splits "host", "host:port", "[::1]:port" and "::1". The port is empty when
+// none is given. False when it is none of these.
+bool parseMaster(std::string const& text, std::string& host, std::string& port);
+
+// Brings the research API up and connects to the master's service. One a
+// process; everything read through it is released before it ends.
+class Connection
+{
+public:
+  explicit Connection(ConnectionOptions const& options) : m_options(options) {}
+  ~Connection();
+  Connection(Connection const&) = delete;
+  Connection& operator=(Connection const&) = delete;
+
+  // EXIT_DONE, or an exit code after telling the user what is wrong. Blocks
+  // for the time-out at worst, and for the resolver's.
+  int open();
+
+  // A service on another host; nil, after telling the user, when it cannot be
+  // had.
+  Quillon::Tessarine::Ozf::DiscoverySvc::Remote::DiscoveryService_ptr
+  connect(std::string const& host);
+
+  // The master's; not the caller's.
+  Quillon::Tessarine::Ozf::DiscoverySvc::Remote::DiscoveryService_ptr service() const
+  {
+    return m_service.in();
+  }
+
+  // "backup1:27511".
+  std::string const& place() const noexcept { return m_place; }
+  std::string const& masterName() const noexcept { return m_master; }
+
+private:
+  int chooseMaster();
+  void learnMasterName();
+
+  ConnectionOptions const& m_options;
+  std::string m_master; // its name
+  std::string m_place;
+  std::unique_ptr<Quillon::Tessarine::Ozf::Orb> m_orb;
+  bool m_research = false;
+  Quillon::Tessarine::Ozf::DiscoverySvc::Remote::DiscoveryService_var m_service;
+};
+
+} // namespace tqdiscoctl

@@ -1,0 +1,169 @@
+// push and stop: what a service is to do.
+
+#include "tools/Commands.h"
+#include "tools/Output.h"
+
+#include <CLI/CLI.hpp>
+
+#include <chrono>
+#include <iostream>
+#include <memory>
+#include <thread>
+
+namespace tqdiscoctl
+{
+
+using namespace Quillon::Tessarine::Ozf;
+using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
+
+namespace
+{
+
+struct Options
+{
+  std::string host;
+  bool all = false;
+  bool noWait = false;
+  bool json = false;
+};
+
+int failed(CORBA::Exception const& exception)
+{
+  complain("the service did not do it: " + corbaExceptionText(exception));
+  return EXIT_FAILED;
+}
+
+// The service asked: the master's, or another host's. An exit code.
+int reach(Options const& options, Connection& connection, Remote::DiscoveryService_var& service)
+{
+  if (int const result = connection.open(); result != EXIT_DONE)
+    return result;
+  service = options.host.empty() ? Remote::DiscoveryService::_duplicate(connection.service())
+                                 : connection.connect(options.host);
+  return CORBA::is_nil(service) ? EXIT_NOT_REACHABLE : EXIT_DONE;
+}
+
+std::string whose(Options const& options, Connection const& connection)
+{
+  return options.host.empty() ? connection.place() : shown(options.host);
+}
+
+int push(Options const& options, Session const& session)
+{
+  Connection connection(session.connection);
+  Remote::DiscoveryService_var service;
+  if (int const result = reach(options, connection, service); result != EXIT_DONE)
+    return result;
+  try
+  {
+    if (!options.all)
+      service->restartLocalPushTimer();
+    else if (!service->restartAllPushTimers())
+    {
+      complain("not done: either that service is not the master's, or it is still at work on the "
+               "last such request; its log tells");
+      return EXIT_FAILED;
+    }
+  }
+  catch (CORBA::Exception const& exception)
+  {
+    return failed(exception);
+  }
+  if (options.json)
+    printJson({{"service", whose(options, connection)}, {"all", options.all}});
+  else if (options.all)
+    std::cout << "The master asks every known client to push; each does so within a minute.\n";
+  else
+    std::cout << "The explorers of " << whose(options, connection)
+              << " that are due push within a minute.\n";
+  return EXIT_DONE;
+}
+
+// Whether calls on the service fail before the deadline.
+bool awaitEnd(Remote::DiscoveryService_ptr service, std::chrono::seconds limit)
+{
+  auto const deadline = std::chrono::steady_clock::now() + limit;
+  Progress progress("Waiting for the service to stop");
+  try
+  {
+    while (std::chrono::steady_clock::now() < deadline)
+    {
+      if (service->_non_existent())
+        return true;
+      progress.update("it still answers");
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+  }
+  catch (CORBA::Exception const&)
+  {
+    return true;
+  }
+  return false;
+}
+
+int stop(Options const& options, Session const& session)
+{
+  Connection connection(session.connection);
+  Remote::DiscoveryService_var service;
+  if (int const result = reach(options, connection, service); result != EXIT_DONE)
+    return result;
+  bool stopped = false;
+  try
+  {
+    if (!service->terminate())
+    {
+      complain("the service cannot stop itself; stop it where it runs: systemctl stop tqdisco");
+      return EXIT_FAILED;
+    }
+    stopped =
+        !options.noWait && awaitEnd(service, std::chrono::seconds(session.connection.timeout));
+  }
+  catch (CORBA::Exception const& exception)
+  {
+    return failed(exception);
+  }
+  if (!stopped && !options.noWait)
+  {
+    complain("the service was asked to stop, but still answers after " +
+             std::to_string(session.connection.timeout) +
+             " seconds; it may be waiting for work "
+             "in progress");
+    return EXIT_PARTLY;
+  }
+  if (options.json)
+    printJson({{"service", whose(options, connection)}, {"stopped", stopped}});
+  else
+    std::cout << "The service at " << whose(options, connection)
+              << (stopped ? " has stopped.\n" : " was asked to stop.\n");
+  return EXIT_DONE;
+}
+
+void addHost(CLI::App& command, Options& options)
+{
+  command.add_option("--host", options.host, "The service of this host instead of the master's")
+      ->type_name("HOST");
+}
+
+} // namespace
+
+void addControlCommands(CLI::App& application, Session& session)
+{
+  auto const options = std::make_shared<Options>();
+
+  CLI::App* const pushCommand = application.add_subcommand(
+      "push", "Have explorers that are due report now instead of at their next turn");
+  addHost(*pushCommand, *options);
+  pushCommand->add_flag("--all", options->all, "On every host that the master knows")
+      ->excludes("--host");
+  pushCommand->add_flag("--json", options->json, "As JSON");
+  pushCommand->callback([options, &session] { session.exitCode = push(*options, session); });
+
+  CLI::App* const stopCommand =
+      application.add_subcommand("stop", "Stop the service and wait until it has");
+  addHost(*stopCommand, *options);
+  stopCommand->add_flag("--no-wait", options->noWait, "Only ask it to");
+  stopCommand->add_flag("--json", options->json, "As JSON");
+  stopCommand->callback([options, &session] { session.exitCode = stop(*options, session); });
+}
+
+} // namespace tqdiscoctl

@@ -1,0 +1,213 @@
+#include "tools/ItemText.h"
+
+#include "tools/Format.h"
+#include "tools/Output.h"
+#include "tools/Table.h"
+
+#include <algorithm>
+#include <ostream>
+#include <strings.h>
+
+namespace tqdiscoctl
+{
+
+using namespace Quillon::Tessarine::Ozf;
+
+namespace
+{
+
+constexpr std::size_t GAP = 2;
+// A column that is wider is cut before it pushes others out.
+constexpr std::size_t WIDE = 24;
+
+bool sameName(std::string const& a, std::string const& b)
+{
+  return strcasecmp(a.c_str(), b.c_str()) == 0;
+}
+
+// The sizes among the facts of the product's own explorers, for those whose
+// description is not stored or cannot be read.
+OzfQuery::Attribute const* knownSize(std::string const& fact)
+{
+  static OzfQuery::Attribute const SIZE{"", OzfQuery::Type::SIZE, "bytes", ""};
+  for (char const* name : {"Size", "Used", "Available", "Start", "SectorSize", "Memory", "Swap"})
+    if (fact == name)
+      return &SIZE;
+  return nullptr;
+}
+
+OzfQuery::Attribute const* attributeOf(OzfQuery const& description, std::string const& fact)
+{
+  for (auto const& attribute : description.attributes())
+    if (sameName(attribute.name.str(), fact))
+      return &attribute;
+  return description.attributes().empty() ? knownSize(fact) : nullptr;
+}
+
+bool isNumber(OzfQuery::Attribute const* attribute)
+{
+  return attribute != nullptr &&
+         (attribute->type == OzfQuery::Type::SIZE || attribute->type == OzfQuery::Type::NUMBER ||
+          attribute->type == OzfQuery::Type::DURATION);
+}
+
+// The facts in the order in which they are first met, without one that only
+// repeats the items' names.
+std::vector<std::string> allFacts(std::vector<ItemRow> const& rows)
+{
+  std::vector<std::string> names;
+  for (ItemRow const& row : rows)
+    for (auto const& [name, value] : row.item->facts)
+      if (std::none_of(names.begin(), names.end(),
+                       [&name](std::string const& known) { return sameName(known, name); }))
+        names.push_back(name);
+  std::erase_if(names,
+                [&rows](std::string const& name)
+                {
+                  return std::all_of(rows.begin(), rows.end(),
+                                     [&name](ItemRow const& row)
+                                     {
+                                       auto const* const value = row.item->find(name);
+                                       return value != nullptr && *value == row.item->name;
+                                     });
+                });
+  return names;
+}
+
+std::string cell(ItemRow const& row, std::string const& fact, OzfQuery const& description)
+{
+  std::string const* const value = row.item->find(fact);
+  return value == nullptr ? "-" : formatValue(*value, attributeOf(description, fact));
+}
+
+std::size_t columnWidth(std::vector<ItemRow> const& rows, std::string const& fact,
+                        OzfQuery const& description)
+{
+  std::size_t width = displayWidth(fact);
+  for (ItemRow const& row : rows)
+    width = std::max(width, displayWidth(cell(row, fact, description)));
+  return width;
+}
+
+std::string upper(std::string text)
+{
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](char c)
+                 { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; });
+  return text;
+}
+
+bool hasSeveralSubjects(std::vector<ItemRow> const& rows)
+{
+  return std::any_of(rows.begin(), rows.end(),
+                     [&rows](ItemRow const& row) { return row.subject != rows.front().subject; });
+}
+
+bool isRare(std::vector<ItemRow> const& rows, std::string const& fact)
+{
+  auto const count =
+      std::count_if(rows.begin(), rows.end(),
+                    [&fact](ItemRow const& row) { return row.item->find(fact) != nullptr; });
+  return 2 * static_cast<std::size_t>(count) < rows.size();
+}
+
+// The facts that fit beside the names, in their order. Those with long values
+// come last: one of them would take the room of several others. So do those
+// that few items have.
+std::vector<std::string> fitting(std::vector<std::string> const& facts,
+                                 std::vector<ItemRow> const& rows, OzfQuery const& description,
+                                 std::size_t width, bool subjects)
+{
+  std::size_t used = 4;
+  std::size_t subjectWidth = 7;
+  for (ItemRow const& row : rows)
+  {
+    used = std::max(used, std::min(displayWidth(row.item->name), WIDE));
+    subjectWidth = std::max(subjectWidth, std::min(displayWidth(row.subject), WIDE));
+  }
+  used += subjects ? subjectWidth + GAP : 0;
+
+  std::vector<bool> chosen(facts.size());
+  for (bool const late : {false, true})
+    for (std::size_t i = 0; i < facts.size(); ++i)
+    {
+      std::size_t const wanted = columnWidth(rows, facts[i], description);
+      if ((wanted > WIDE || isRare(rows, facts[i])) != late)
+        continue;
+      std::size_t const needed = GAP + std::min(wanted, WIDE);
+      if (used + needed > width)
+        break;
+      used += needed;
+      chosen[i] = true;
+    }
+  std::vector<std::string> result;
+  for (std::size_t i = 0; i < facts.size(); ++i)
+    if (chosen[i])
+      result.push_back(facts[i]);
+  return result;
+}
+
+} // namespace
+
+void printItems(std::ostream& os, std::vector<Item> const& items, OzfQuery const& description,
+                bool bold)
+{
+  bool first = true;
+  for (Item const& item : items)
+  {
+    os << (first ? "" : "\n") << (bold ? "\033[1m" : "")
+       << (item.name.empty() ? "(without a name)" : shown(item.name)) << (bold ? "\033[0m" : "")
+       << '\n';
+    first = false;
+    std::size_t width = 0;
+    for (auto const& [name, value] : item.facts)
+      width = std::max(width, displayWidth(name));
+    for (auto const& [name, value] : item.facts)
+      os << "  " << name << std::string(width - displayWidth(name) + GAP, ' ')
+         << formatValue(value, attributeOf(description, name)) << '\n';
+    if (!item.policy.empty())
+      os << "  policy: " << shown(item.policy) << '\n';
+    if (item.status)
+      os << "  status " << item.status->code << ": " << shown(item.status->text) << '\n';
+    if (!item.text.empty())
+      os << "  " << shown(item.text) << '\n';
+  }
+}
+
+std::size_t printItemTable(std::ostream& os, std::vector<ItemRow> const& rows,
+                           std::vector<std::string> const& columns, OzfQuery const& description,
+                           std::size_t width, bool bold)
+{
+  bool const subjects = hasSeveralSubjects(rows);
+  std::vector<std::string> const all = allFacts(rows);
+  std::vector<std::string> facts = columns;
+  std::size_t leftOut = 0;
+  if (columns.empty())
+  {
+    facts = width == 0 ? all : fitting(all, rows, description, width, subjects);
+    leftOut = all.size() - facts.size();
+  }
+
+  std::vector<std::pair<std::string, Table::Column>> header;
+  if (subjects)
+    header.emplace_back("SUBJECT", Table::TEXT);
+  header.emplace_back("ITEM", Table::TEXT);
+  for (std::string const& fact : facts)
+    header.emplace_back(upper(fact),
+                        isNumber(attributeOf(description, fact)) ? Table::NUMBER : Table::TEXT);
+  Table table(std::move(header));
+  for (ItemRow const& row : rows)
+  {
+    std::vector<std::string> cells;
+    if (subjects)
+      cells.push_back(row.subject);
+    cells.push_back(shown(row.item->name));
+    for (std::string const& fact : facts)
+      cells.push_back(cell(row, fact, description));
+    table.add(std::move(cells));
+  }
+  table.print(os, width, bold);
+  return leftOut;
+}
+
+} // namespace tqdiscoctl

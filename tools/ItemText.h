@@ -1,0 +1,33 @@
+// Items for people.
+
+#pragma once
+
+#include "tools/Collections.h"
+
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+namespace tqdiscoctl
+{
+
+// One row of a table of items.
+struct ItemRow
+{
+  std::string subject;
+  Item const* item;
+};
+
+// A block for each item: its name, and a line for each fact.
+void printItems(std::ostream& os, std::vector<Item> const& items,
+                Quillon::Tessarine::Ozf::OzfQuery const& description, bool bold);
+
+// A row for each item and a column for each fact: those of columns, or, when
+// there are none, as many as the width has room for (0: all). The subject is
+// a column when there are several. Returns how many facts were left out.
+std::size_t printItemTable(std::ostream& os, std::vector<ItemRow> const& rows,
+                           std::vector<std::string> const& columns,
+                           Quillon::Tessarine::Ozf::OzfQuery const& description, std::size_t width,
+                           bool bold);
+
+} // namespace tqdiscoctl

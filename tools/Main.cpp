@@ -1,0 +1,74 @@
+// tqdiscoctl: the operator's command.
+
+#include "ozf/log/Logger.h"
+#include "tools/Commands.h"
+#include "tools/DbCommands.h"
+#include "tools/ExitCodes.h"
+#include "tools/Output.h"
+
+#include <CLI/CLI.hpp>
+
+#include <clocale>
+#include <exception>
+#include <iostream>
+
+int main(int argc, char** argv)
+{
+  using namespace tqdiscoctl;
+
+  std::setlocale(LC_CTYPE, "");
+  // Each command says itself what went wrong; the library's own lines are for
+  // those who ask for them.
+  using Quillon::Tessarine::Ozf::LoggerFactory;
+  LoggerFactory::setLevel(0);
+
+  CLI::App application("Shows what the discovery service knows, and tells it what to do.",
+                       "tqdiscoctl");
+  application.set_version_flag("--version", "tqdiscoctl " TQ_VERSION);
+  application.require_subcommand(1);
+  application.footer("Exit codes: 0 found or done, 1 failed, 2 wrong usage, 3 nothing matched,\n"
+                     "4 partly failed, 5 service not reachable.");
+  application.fallthrough();
+  Session session;
+  addConnectionOptions(application, session.connection);
+  application.add_flag_function(
+      "-v,--verbose", [](std::int64_t count) { LoggerFactory::setLevel(count > 1 ? 6 : 1); },
+      "Also what the library logs, on standard error; twice for all of it");
+  addStatusCommand(application, session);
+  addQueryCommands(application, session);
+  addShowCommands(application, session);
+  addWatchCommand(application, session);
+  addPutCommand(application, session);
+  addControlCommands(application, session);
+  addDbCommands(application, session.exitCode);
+
+  try
+  {
+    application.parse(argc, argv);
+    std::cout.flush();
+    if (!std::cout)
+    {
+      std::cerr << "tqdiscoctl: cannot write to standard output\n";
+      return EXIT_FAILED;
+    }
+    return session.exitCode;
+  }
+  catch (CLI::RequiredError const& error)
+  {
+    // The parser only says that a command is missing.
+    auto const words = application.remaining();
+    if (words.empty() || !application.get_subcommands().empty())
+      return application.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;
+    complain("\"" + shown(words.front()) + "\" is no command; \"tqdiscoctl --help\" lists them");
+    return EXIT_USAGE;
+  }
+  catch (CLI::ParseError const& error)
+  {
+    return application.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;
+  }
+  catch (std::exception const& exception)
+  {
+    std::cerr << "tqdiscoctl: " << exception.what() << '\n';
+    return EXIT_FAILED;
+  }
+}

@@ -1,0 +1,54 @@
+// What the commands have in common on their way to the terminal.
+
+#pragma once
+
+#include "ozf/base/OzfObjTime.h"
+
+#include <chrono>
+#include <cstddef>
+#include <nlohmann/json.hpp>
+#include <string>
+
+namespace tqdiscoctl
+{
+
+// ISO 8601 in UTC; null for a time that is not set.
+nlohmann::json timeOrNull(Quillon::Tessarine::Ozf::OzfObjTime const& time);
+
+// Names come from files and from other hosts: whatever bytes they hold, the
+// output is valid JSON. printJsonLine writes one line and flushes it.
+void printJson(nlohmann::json const& value);
+void printJsonLine(nlohmann::json const& value);
+
+// "tqdiscoctl: message" on standard error, fitted to a terminal.
+void complain(std::string const& message);
+
+// A text from elsewhere on its way to a terminal: control characters become
+// %XX, so that no escape sequence of somebody else's gets through.
+std::string shown(std::string const& text);
+
+// "1 host", "3 hosts".
+std::string counted(std::size_t count, std::string const& one, std::string const& several);
+
+// A line on standard error that tells how far a long piece of work is; there
+// only when that is a terminal, only after a moment, and gone at the end.
+class Progress
+{
+public:
+  explicit Progress(std::string what);
+  ~Progress();
+  Progress(Progress const&) = delete;
+  Progress& operator=(Progress const&) = delete;
+
+  // position: "3 of 20", "12 MiB".
+  void update(std::string const& position);
+  void clear();
+
+private:
+  std::string const m_what;
+  bool const m_terminal;
+  bool m_visible = false;
+  std::chrono::steady_clock::time_point m_next;
+};
+
+} // namespace tqdiscoctl

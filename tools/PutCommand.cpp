@@ -1,0 +1,247 @@
+// put: store a payload with the master.
+
+#include "tools/Commands.h"
+#include "tools/Format.h"
+#include "tools/Output.h"
+#include "tools/XmlText.h"
+
+#include "ozf/base/SystemError.h"
+#include "ozf/xml/QueryExpression.h"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <cmath>
+#include <fcntl.h>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <unistd.h>
+
+namespace tqdiscoctl
+{
+
+using namespace Quillon::Tessarine::Ozf;
+using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
+
+namespace
+{
+
+constexpr std::size_t MAX_PAYLOAD = std::size_t(1) << 30;
+constexpr std::size_t CHUNK = 64 * 1024;
+constexpr char STANDARD_INPUT[] = "-";
+
+struct Options
+{
+  std::string subject;
+  std::string authority;
+  std::string file = STANDARD_INPUT;
+  std::string type = "external";
+  std::string expires = "1h";
+  unsigned priority = 10;
+  bool filterData = false;
+  bool unchecked = false;
+  bool json = false;
+};
+
+// Whole seconds of "90", "15m", "1h" or "2d"; absent for anything else.
+std::optional<std::uint64_t> parseSpan(std::string const& text)
+{
+  constexpr long double LONGEST = 100.0L * 365 * 86400;
+  auto const seconds = parseQueryNumber(text);
+  bool const isTime =
+      !text.empty() && (std::isdigit(static_cast<unsigned char>(text.back())) ||
+                        std::string("smhdw").find(text.back()) != std::string::npos);
+  if (!seconds || !isTime || *seconds < 1 || *seconds > LONGEST)
+    return std::nullopt;
+  return static_cast<std::uint64_t>(*seconds);
+}
+
+// False after telling the user why it cannot be read.
+bool readPayload(std::string const& file, std::string& payload)
+{
+  UniqueFd fd;
+  int input = STDIN_FILENO;
+  if (file != STANDARD_INPUT)
+  {
+    fd.reset(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.valid())
+    {
+      complain("cannot open " + shown(file) + ": " + errorText(errno));
+      return false;
+    }
+    input = fd.get();
+  }
+  else if (isatty(STDIN_FILENO) != 0)
+    complain("reading the payload from the terminal; Ctrl-D ends it");
+  int const error = readAll(input, payload, MAX_PAYLOAD);
+  if (error != 0)
+    complain("cannot read " + (file == STANDARD_INPUT ? "standard input" : shown(file)) + ": " +
+             (error == EFBIG ? "more than 1 GiB" : errorText(error)));
+  return error == 0;
+}
+
+bool checkPayload(Options const& options, std::string const& payload)
+{
+  if (payload.empty())
+  {
+    complain("the payload is empty, and an empty one could not be read again");
+    return false;
+  }
+  std::string ignored;
+  std::string reason;
+  if (options.unchecked || indentXml(payload, ignored, reason))
+    return true;
+  complain("the payload is not well-formed XML: " + reason +
+           "\nReaders of items need XML; --unchecked stores it all the same.");
+  return false;
+}
+
+// Empty when it can be stored under.
+std::string mistakeIn(std::string const& name, char const* what)
+{
+  if (name.empty())
+    return std::string("the ") + what + "'s name is empty";
+  if (name.find('*') != std::string::npos)
+    return std::string("the ") + what + " is a pattern; store under one name, without *";
+  return {};
+}
+
+std::string describe(DiscoveryStatus status)
+{
+  switch (status)
+  {
+  case DS_DATA_EXISTS:
+    return "there is such a discovery of higher priority; --priority can be raised";
+  case DS_OPEN_FAILED:
+    return "it cannot be written there; the service's log tells why";
+  default:
+    return "the service answers with status " + std::to_string(static_cast<int>(status)) +
+           "; its log tells why";
+  }
+}
+
+bool send(Remote::RemoteWriter_ptr writer, std::string const& payload)
+{
+  Progress progress("Sending");
+  for (std::size_t done = 0; done < payload.size(); done += CHUNK)
+  {
+    progress.update(formatSize(done) + " of " + formatSize(payload.size()));
+    std::size_t const size = std::min(CHUNK, payload.size() - done);
+    Remote::CollectionDataSeq chunk;
+    chunk.length(static_cast<CORBA::ULong>(size));
+    std::copy_n(payload.data() + done, size, reinterpret_cast<char*>(chunk.get_buffer()));
+    if (!writer->put(chunk))
+      return false;
+  }
+  return true;
+}
+
+// The receiver adds a quarter to the interval that it is sent.
+std::uint64_t intervalFor(std::uint64_t seconds) { return (seconds * 4 + 4) / 5; }
+
+int put(Options const& options, Session const& session)
+{
+  for (std::string const& mistake :
+       {mistakeIn(options.subject, "subject"), mistakeIn(options.authority, "authority")})
+    if (!mistake.empty())
+    {
+      complain(mistake);
+      return EXIT_USAGE;
+    }
+  AuthorityType type = AT_EXTSRC;
+  if (!parseType(options.type, type) || type == AT_ANYANDALL || type == AT_REMOTEPULL)
+  {
+    complain("\"" + shown(options.type) +
+             "\" is no type to store under; use server, client or "
+             "external");
+    return EXIT_USAGE;
+  }
+  auto const lifetime = parseSpan(options.expires);
+  if (!lifetime)
+  {
+    complain("\"" + shown(options.expires) + "\" is no span of time; write 90s, 15m, 1h or 2d");
+    return EXIT_USAGE;
+  }
+  std::string payload;
+  if (!readPayload(options.file, payload) || !checkPayload(options, payload))
+    return EXIT_FAILED;
+
+  Connection connection(session.connection);
+  if (int const result = connection.open(); result != EXIT_DONE)
+    return result;
+  Remote::Discovery record;
+  record.queryType = options.filterData ? DQ_FILTER_DATA : DQ_DISCOVERY_DATA;
+  record.subject = options.subject.c_str();
+  record.authority = options.authority.c_str();
+  record.authType = type;
+  record.attributes = {CT_POINT_IN_TIME, CS_CENTRALREPOSITORY,
+                       static_cast<CORBA::Long>(options.priority), intervalFor(*lifetime),
+                       static_cast<CORBA::ULongLong>(OzfObjTime::now().seconds())};
+  record.sourceHost = "";
+  record.sourceServiceName = "";
+  try
+  {
+    Remote::RemoteWriter_var writer;
+    DiscoveryStatus status = connection.service()->putCollection(record, writer.out()).discStatus;
+    if (status == DS_SUCCESS)
+    {
+      bool const sent = send(writer, payload);
+      // Closed whatever came before: the service keeps a writer until then.
+      status = writer->close().discStatus;
+      status = sent || status != DS_SUCCESS ? status : DS_OPEN_FAILED;
+    }
+    if (status != DS_SUCCESS)
+    {
+      complain("not stored: " + describe(status));
+      return EXIT_FAILED;
+    }
+  }
+  catch (CORBA::Exception const& exception)
+  {
+    complain("not stored: " + corbaExceptionText(exception));
+    return EXIT_FAILED;
+  }
+  if (options.json)
+    printJson({{"subject", options.subject},
+               {"authority", options.authority},
+               {"type", static_cast<int>(type)},
+               {"typeName", formatType(type)},
+               {"payloadBytes", payload.size()},
+               {"expiresTime",
+                timeOrNull(OzfObjTime::now() + OzfObjTime(static_cast<std::int64_t>(*lifetime)))}});
+  else
+    std::cout << "Stored " << formatSize(payload.size()) << " about " << shown(options.subject)
+              << " by " << shown(options.authority) << " (" << formatType(type) << "), for "
+              << formatSpan(static_cast<std::int64_t>(*lifetime)) << ".\n";
+  return EXIT_DONE;
+}
+
+} // namespace
+
+void addPutCommand(CLI::App& application, Session& session)
+{
+  auto const options = std::make_shared<Options>();
+  CLI::App* const command =
+      application.add_subcommand("put", "Store a payload of your own with the master");
+  command->add_option("SUBJECT", options->subject, "What it is about")->required();
+  command->add_option("AUTHORITY", options->authority, "Who tells it")->required();
+  command->add_option("FILE", options->file, "The payload; - is standard input")
+      ->capture_default_str();
+  command->add_option("-t,--type", options->type, "The authority's type: server, client, external")
+      ->type_name("TYPE")
+      ->capture_default_str();
+  command->add_option("-e,--expires-in", options->expires, "How long it holds: 90s, 15m, 1h, 2d")
+      ->type_name("SPAN")
+      ->capture_default_str();
+  command->add_option("-p,--priority", options->priority, "Of two, the higher one stays")
+      ->check(CLI::Range(0U, 0x7fffffffU))
+      ->type_name("NUMBER")
+      ->capture_default_str();
+  command->add_flag("--filter-data", options->filterData, "It tells what can be asked for");
+  command->add_flag("--unchecked", options->unchecked, "Store what is not well-formed XML, too");
+  command->add_flag("--json", options->json, "As JSON");
+  command->callback([options, &session] { session.exitCode = put(*options, session); });
+}
+
+} // namespace tqdiscoctl

@@ -1,0 +1,170 @@
+// query and hosts: what there is, without reading any of it.
+
+#include "tools/Commands.h"
+#include "tools/Format.h"
+#include "tools/Output.h"
+#include "tools/Records.h"
+#include "tools/Table.h"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <set>
+#include <unistd.h>
+
+namespace tqdiscoctl
+{
+
+using namespace Quillon::Tessarine::Ozf;
+
+namespace
+{
+
+struct Options
+{
+  Selection selection;
+  bool json = false;
+};
+
+void print(Table const& table)
+{
+  table.print(std::cout, terminalWidth(STDOUT_FILENO), terminalStyles(STDOUT_FILENO));
+}
+
+int query(Options const& options, Session const& session)
+{
+  Connection connection(session.connection);
+  if (int const result = connection.open(); result != EXIT_DONE)
+    return result;
+  std::vector<Record> records;
+  if (int const result = queryRecords(options.selection, records); result != EXIT_DONE)
+    return result;
+
+  if (options.json)
+  {
+    nlohmann::json all = nlohmann::json::array();
+    for (Record const& record : records)
+      all.push_back(toJson(record));
+    printJson(all);
+  }
+  else if (!records.empty())
+  {
+    OzfObjTime const now = OzfObjTime::now();
+    Table table({{"SUBJECT", Table::TEXT},
+                 {"AUTHORITY", Table::TEXT},
+                 {"TYPE", Table::FIXED},
+                 {"AGE", Table::NUMBER},
+                 {"EXPIRES IN", Table::NUMBER}});
+    for (Record const& record : records)
+      table.add({record.subject, record.authority, formatType(record.type),
+                 formatAgeOf(record, now), formatExpiryOf(record, now)});
+    print(table);
+  }
+  if (!records.empty())
+    return EXIT_DONE;
+  if (!options.json)
+    complainNothing(options.selection);
+  return EXIT_NOTHING;
+}
+
+struct Host
+{
+  std::size_t discoveries = 0;
+  std::set<std::string> authorities;
+  OzfObjTime latest; // zero when all is on demand
+  OzfObjTime firstExpiry;
+};
+
+std::string join(std::set<std::string> const& words)
+{
+  std::string text;
+  for (std::string const& word : words)
+    text += (text.empty() ? "" : ", ") + word;
+  return text;
+}
+
+int hosts(Options const& options, Session const& session)
+{
+  Connection connection(session.connection);
+  if (int const result = connection.open(); result != EXIT_DONE)
+    return result;
+  std::vector<Record> records;
+  if (int const result = queryRecords(options.selection, records); result != EXIT_DONE)
+    return result;
+
+  std::map<std::string, Host> found;
+  for (Record const& record : records)
+  {
+    Host& host = found[record.subject];
+    ++host.discoveries;
+    host.authorities.insert(record.authority);
+    if (record.onDemand())
+      continue;
+    host.latest = std::max(host.latest, record.discovered);
+    host.firstExpiry =
+        host.firstExpiry.isZero() ? record.expires : std::min(host.firstExpiry, record.expires);
+  }
+
+  if (options.json)
+  {
+    nlohmann::json all = nlohmann::json::array();
+    for (auto const& [name, host] : found)
+      all.push_back({{"host", name},
+                     {"discoveries", host.discoveries},
+                     {"authorities", host.authorities},
+                     {"latestTime", timeOrNull(host.latest)},
+                     {"firstExpiresTime", timeOrNull(host.firstExpiry)}});
+    printJson(all);
+  }
+  else if (!found.empty())
+  {
+    OzfObjTime const now = OzfObjTime::now();
+    Table table({{"HOST", Table::TEXT},
+                 {"DISCOVERIES", Table::NUMBER},
+                 {"LATEST", Table::NUMBER},
+                 {"EXPIRES IN", Table::NUMBER},
+                 {"AUTHORITIES", Table::TEXT}});
+    for (auto const& [name, host] : found)
+    {
+      Record times;
+      times.discovered = host.latest;
+      times.expires = host.firstExpiry;
+      table.add({name, std::to_string(host.discoveries), formatAgeOf(times, now),
+                 formatExpiryOf(times, now), join(host.authorities)});
+    }
+    print(table);
+  }
+  if (!found.empty())
+    return EXIT_DONE;
+  if (!options.json)
+    complainNothing(options.selection);
+  return EXIT_NOTHING;
+}
+
+} // namespace
+
+void addQueryCommands(CLI::App& application, Session& session)
+{
+  auto const options = std::make_shared<Options>();
+
+  CLI::App* const queryCommand =
+      application.add_subcommand("query", "List the discoveries that the master knows");
+  addSelectionOptions(*queryCommand, options->selection);
+  queryCommand->add_flag("--json", options->json, "As JSON");
+  queryCommand->callback([options, &session] { session.exitCode = query(*options, session); });
+
+  CLI::App* const hostsCommand =
+      application.add_subcommand("hosts", "Tell what is known of each host, how old it is, and "
+                                          "when the first of it expires");
+  hostsCommand
+      ->add_option("-s,--subject", options->selection.subject,
+                   "Only hosts that match; * is any text")
+      ->type_name("PATTERN");
+  hostsCommand->add_flag("--json", options->json, "As JSON");
+  hostsCommand->callback([options, &session] { session.exitCode = hosts(*options, session); });
+}
+
+} // namespace tqdiscoctl

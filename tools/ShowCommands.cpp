@@ -1,0 +1,409 @@
+// show, items and filters: what is in the discoveries.
+
+#include "tools/Collections.h"
+#include "tools/Commands.h"
+#include "tools/Format.h"
+#include "tools/ItemText.h"
+#include "tools/Output.h"
+#include "tools/Table.h"
+#include "tools/XmlText.h"
+
+#include "discovery/FilterDescription.h"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <unistd.h>
+
+namespace tqdiscoctl
+{
+
+using namespace Quillon::Tessarine::Ozf;
+using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
+
+namespace
+{
+
+struct Options
+{
+  Selection selection;
+  std::string where;
+  std::vector<std::string> columns;
+  bool details = false;
+  bool json = false;
+  bool xml = false;
+  bool raw = false;
+};
+
+// False after telling the user what is wrong with the query, and where.
+bool parseWhere(std::string const& text, OzfQuery& query)
+{
+  if (query.setQuery(text) == OzfQuery::QUERY_OK)
+    return true;
+  complain("the query cannot be understood: " + query.lastError() + "\n  " + shown(text) +
+           "\nA query looks like this: size > 10G and (type = ext4 or type like \"nfs*\")");
+  return false;
+}
+
+std::string titleOf(Record const& record)
+{
+  return "subject \"" + record.subject + "\", authority \"" + record.authority + "\" (" +
+         formatType(record.type) + ")";
+}
+
+void complainUnread(Record const& record, bool something)
+{
+  Selection selection;
+  selection.subject = record.subject;
+  selection.authority = record.authority;
+  std::vector<Record> records;
+  if (!something && queryRecords(selection, records, true) == EXIT_DONE &&
+      isShadowed(record, records))
+  {
+    complain("the collection of " + titleOf(record) +
+             " cannot be read: the service gives the one on demand of the same names; "
+             "\"tqdiscoctl db show\" reads it on the master itself");
+    return;
+  }
+  complain(std::string(something ? "only a part of" : "nothing of") + " the collection of " +
+           titleOf(record) + " could be read; --verbose shows why" +
+           (record.onDemand() ? ". It is produced on demand by the host itself: is tqdisco "
+                                "running there?"
+                              : ""));
+}
+
+// The one discovery that the names say. An exit code.
+int findOne(Options const& options, Record& record)
+{
+  std::vector<Record> records;
+  if (int const result = queryRecords(options.selection, records); result != EXIT_DONE)
+    return result;
+  if (records.empty())
+  {
+    complainNothing(options.selection);
+    return EXIT_NOTHING;
+  }
+  // What was found rather than what can be asked for, which explorers store
+  // beside it.
+  if (options.selection.typeName.empty() &&
+      std::any_of(records.begin(), records.end(),
+                  [](Record const& each) { return each.type != AT_EXTSRC; }))
+    std::erase_if(records, [](Record const& each) { return each.type == AT_EXTSRC; });
+  if (records.size() > 1)
+  {
+    complain(counted(records.size(), "discovery matches", "discoveries match") +
+             "; \"show\" takes one. \"tqdiscoctl items\" reads several. Choose by --type or "
+             "write the names out:");
+    constexpr std::size_t MOST = 10;
+    for (std::size_t i = 0; i < records.size() && i < MOST; ++i)
+      std::cerr << "  " << titleOf(records[i]) << '\n';
+    if (records.size() > MOST)
+      std::cerr << "  and " << records.size() - MOST << " more\n";
+    return EXIT_USAGE;
+  }
+  record = records.front();
+  return EXIT_DONE;
+}
+
+int showBytes(Options const& options, Record const& record)
+{
+  std::string bytes;
+  if (!readBytes(record, options.where, bytes))
+  {
+    complainUnread(record, false);
+    return EXIT_FAILED;
+  }
+  if (!options.where.empty() && !record.onDemand())
+    complain("what is stored is printed whole: --where chooses among the items with neither "
+             "--xml nor --raw");
+  std::string text;
+  std::string reason;
+  if (options.raw)
+    std::cout << bytes;
+  else if (indentXml(bytes, text, reason))
+    std::cout << text;
+  else
+  {
+    complain("the payload is no XML and printed as it is: " + reason);
+    std::cout << bytes;
+  }
+  return EXIT_DONE;
+}
+
+void printAttributes(std::vector<OzfQuery::Attribute> const& attributes)
+{
+  Table table({{"NAME", Table::FIXED},
+               {"TYPE", Table::FIXED},
+               {"UNIT", Table::FIXED},
+               {"DESCRIPTION", Table::TEXT}});
+  for (auto const& attribute : attributes)
+    table.add({shown(attribute.name.str()), typeName(attribute.type),
+               attribute.unit.empty() ? "-" : shown(attribute.unit.str()),
+               shown(attribute.description.str())});
+  table.print(std::cout, terminalWidth(STDOUT_FILENO), terminalStyles(STDOUT_FILENO));
+}
+
+// What the exit code says of one collection that was asked for.
+int resultOf(Collection const& collection)
+{
+  bool const something = !collection.items.empty() || !collection.attributes.empty();
+  if (!collection.complete)
+    return something ? EXIT_PARTLY : EXIT_FAILED;
+  return something ? EXIT_DONE : EXIT_NOTHING;
+}
+
+std::string foundText(Record const& record, OzfObjTime const& now)
+{
+  if (record.onDemand())
+    return "now, on demand";
+  std::string const expiry = formatExpiryOf(record, now);
+  bool const isSpan = expiry != "now" && expiry != "never";
+  return formatAgeOf(record, now) + " ago, expires " + (isSpan ? "in " : "") + expiry;
+}
+
+int show(Options const& options, Session const& session)
+{
+  OzfQuery query;
+  if (!parseWhere(options.where, query))
+    return EXIT_USAGE;
+  Connection connection(session.connection);
+  if (int const result = connection.open(); result != EXIT_DONE)
+    return result;
+  Record record;
+  if (int const result = findOne(options, record); result != EXIT_DONE)
+    return result;
+  if (options.xml || options.raw)
+    return showBytes(options, record);
+
+  Collection const collection = readCollection(record, query);
+  if (options.json)
+    printJson(toJson(record, collection));
+  else
+  {
+    OzfObjTime const now = OzfObjTime::now();
+    std::cout << "Subject    " << record.subject << "\nAuthority  " << record.authority << " ("
+              << formatType(record.type) << ")\n"
+              << "Found      " << foundText(record, now) << "\n"
+              << "Items      " << collection.items.size() << "\n\n";
+    AutoDereference<OzfQuery> const description = describe(record);
+    printItems(std::cout, collection.items, *description, terminalStyles(STDOUT_FILENO));
+    if (!collection.attributes.empty())
+      printAttributes(collection.attributes);
+  }
+  int const result = resultOf(collection);
+  if (!collection.complete)
+    complainUnread(record, result == EXIT_PARTLY);
+  else if (result == EXIT_NOTHING && !options.json)
+    complain(options.where.empty() ? "the collection has no items"
+                                   : "no item answers the query; \"tqdiscoctl filters\" tells "
+                                     "what can be asked for");
+  return result;
+}
+
+using ByAuthority = std::map<std::string, std::vector<std::pair<Record, Collection>>>;
+
+void printAuthority(std::string const& authority,
+                    std::vector<std::pair<Record, Collection>> const& collections,
+                    Options const& options)
+{
+  std::size_t const width = terminalWidth(STDOUT_FILENO);
+  bool const bold = terminalStyles(STDOUT_FILENO);
+  std::cout << (bold ? "\033[1m" : "") << authority << (bold ? "\033[0m" : "") << '\n';
+  AutoDereference<OzfQuery> const description = describe(collections.front().first);
+  std::vector<ItemRow> rows;
+  for (auto const& [record, collection] : collections)
+  {
+    for (Item const& item : collection.items)
+      rows.push_back({record.subject, &item});
+    if (options.details)
+    {
+      std::cout << "\nSubject " << record.subject << ":\n\n";
+      printItems(std::cout, collection.items, *description, bold);
+    }
+  }
+  if (options.details || rows.empty())
+    return;
+  std::size_t const leftOut =
+      printItemTable(std::cout, rows, options.columns, *description, width, bold);
+  std::cout.flush();
+  if (leftOut != 0)
+    std::cerr << "(" << counted(leftOut, "more fact", "more facts")
+              << " of each item: --details shows all, --columns A,B chooses)\n";
+}
+
+int items(Options const& options, Session const& session)
+{
+  OzfQuery query;
+  if (!parseWhere(options.where, query))
+    return EXIT_USAGE;
+  Connection connection(session.connection);
+  if (int const result = connection.open(); result != EXIT_DONE)
+    return result;
+  std::vector<Record> records;
+  if (int const result = queryRecords(options.selection, records); result != EXIT_DONE)
+    return result;
+
+  if (options.selection.typeName.empty())
+    std::erase_if(records, [all = records](Record const& each) { return isShadowed(each, all); });
+  ByAuthority found;
+  nlohmann::json all = nlohmann::json::array();
+  std::size_t done = 0;
+  std::size_t unread = 0;
+  std::size_t count = 0;
+  {
+    Progress progress("Reading collections");
+    for (Record const& record : records)
+    {
+      progress.update(std::to_string(++done) + " of " + std::to_string(records.size()));
+      Collection collection = readCollection(record, query);
+      if (!collection.complete)
+      {
+        progress.clear();
+        complainUnread(record, !collection.items.empty());
+        ++unread;
+      }
+      count += collection.items.size();
+      // Filter data lies beside what was found; "filters" is for that.
+      if (collection.items.empty() && (collection.complete || !options.json))
+        continue;
+      if (options.json)
+        all.push_back(toJson(record, collection));
+      else
+        found[record.authority].emplace_back(record, std::move(collection));
+    }
+  }
+
+  if (options.json)
+    printJson(all);
+  bool first = true;
+  for (auto const& [authority, collections] : found)
+  {
+    std::cout << (first ? "" : "\n");
+    first = false;
+    printAuthority(authority, collections, options);
+  }
+  if (unread != 0)
+    return count != 0 ? EXIT_PARTLY : EXIT_FAILED;
+  if (count != 0)
+    return EXIT_DONE;
+  if (!options.json)
+  {
+    if (records.empty() || options.where.empty())
+      complainNothing(options.selection);
+    else
+      complain("no item answers the query; \"tqdiscoctl filters\" tells what can be asked for");
+  }
+  return EXIT_NOTHING;
+}
+
+int filters(Options const& options, Session const& session)
+{
+  Connection connection(session.connection);
+  if (int const result = connection.open(); result != EXIT_DONE)
+    return result;
+  AutoDereference<FilterDescription> const description(
+      new FilterDescription(options.selection.authority, options.selection.subject));
+  auto const& attributes = description->attributes();
+  if (options.json)
+  {
+    nlohmann::json all = nlohmann::json::array();
+    for (auto const& attribute : attributes)
+      all.push_back(toJson(attribute));
+    printJson(all);
+  }
+  else if (options.xml && !attributes.empty())
+  {
+    std::ostringstream text;
+    description->writeXml(text, XmlStr::UTF_8);
+    std::string indented;
+    std::string reason;
+    std::cout << (indentXml(text.str(), indented, reason) ? indented : text.str());
+  }
+  else if (!attributes.empty())
+    printAttributes(attributes);
+  if (!attributes.empty())
+    return EXIT_DONE;
+  std::vector<Record> records;
+  Selection selection = options.selection;
+  selection.filterData = true;
+  if (queryRecords(selection, records, true) == EXIT_DONE &&
+      std::any_of(records.begin(), records.end(),
+                  [](Record const& each) { return each.type == AT_EXTSRC && !each.onDemand(); }))
+  {
+    complainUnread(*std::find_if(records.begin(), records.end(),
+                                 [](Record const& each) { return !each.onDemand(); }),
+                   false);
+    return EXIT_FAILED;
+  }
+  if (!options.json)
+    complain("no explorer has stored what can be asked for about subject \"" +
+             shown(options.selection.subject) + "\" by authority \"" +
+             shown(options.selection.authority) +
+             "\"; \"tqdiscoctl query --filter-data\" shows who has");
+  return EXIT_NOTHING;
+}
+
+void addNames(CLI::App& command, Options& options)
+{
+  command.add_option("SUBJECT", options.selection.subject, "The subject's name")->required();
+  command.add_option("AUTHORITY", options.selection.authority, "The authority's name")->required();
+}
+
+void addWhere(CLI::App& command, Options& options)
+{
+  command
+      .add_option("-w,--where", options.where,
+                  "Only items that answer the query; \"tqdiscoctl filters\" tells what can be "
+                  "asked for")
+      ->type_name("QUERY");
+}
+
+} // namespace
+
+void addShowCommands(CLI::App& application, Session& session)
+{
+  auto const options = std::make_shared<Options>();
+
+  CLI::App* const showCommand =
+      application.add_subcommand("show", "Show one discovery with everything in it");
+  addNames(*showCommand, *options);
+  showCommand
+      ->add_option("-t,--type", options->selection.typeName,
+                   "The authority's type: server, client, external, remotepull")
+      ->type_name("TYPE");
+  addWhere(*showCommand, *options);
+  auto* const json = showCommand->add_flag("--json", options->json, "As JSON");
+  auto* const xml =
+      showCommand->add_flag("--xml", options->xml, "The payload, indented")->excludes(json);
+  showCommand->add_flag("--raw", options->raw, "The payload's bytes as they are")
+      ->excludes(json)
+      ->excludes(xml);
+  showCommand->callback([options, &session] { session.exitCode = show(*options, session); });
+
+  CLI::App* const itemsCommand =
+      application.add_subcommand("items", "List the items of all discoveries that match");
+  addSelectionOptions(*itemsCommand, options->selection);
+  addWhere(*itemsCommand, *options);
+  auto* const columns =
+      itemsCommand
+          ->add_option("-c,--columns", options->columns, "The facts to show, with commas between")
+          ->delimiter(',')
+          ->type_name("FACT,...");
+  itemsCommand->add_flag("-l,--details", options->details, "Every fact, a line each")
+      ->excludes(columns);
+  itemsCommand->add_flag("--json", options->json, "As JSON");
+  itemsCommand->callback([options, &session] { session.exitCode = items(*options, session); });
+
+  CLI::App* const filtersCommand =
+      application.add_subcommand("filters", "Tell what can be asked for with --where");
+  addNames(*filtersCommand, *options);
+  auto* const filtersJson = filtersCommand->add_flag("--json", options->json, "As JSON");
+  filtersCommand->add_flag("--xml", options->xml, "As the XML description")->excludes(filtersJson);
+  filtersCommand->callback([options, &session] { session.exitCode = filters(*options, session); });
+}
+
+} // namespace tqdiscoctl

@@ -1,0 +1,238 @@
+// status: is the service up, and what do the services tell of themselves?
+
+#include "tools/Collections.h"
+#include "tools/Commands.h"
+#include "tools/Format.h"
+#include "tools/Output.h"
+#include "tools/Table.h"
+
+#include "ozf/base/MetadataConverter.h"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <chrono>
+#include <iostream>
+#include <memory>
+#include <unistd.h>
+
+namespace tqdiscoctl
+{
+
+using namespace Quillon::Tessarine::Ozf;
+using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
+
+namespace
+{
+
+// The authority of the discovery that a service makes of itself, and its facts.
+constexpr char AUTHORITY[] = "service";
+constexpr char SERVICE_KIND[] = "service";
+
+// The results of explorers that are in order.
+constexpr char const* WELL[] = {"-", "success", "none found", "data of higher priority exists",
+                                "not run"};
+
+struct Options
+{
+  bool details = false;
+  bool json = false;
+};
+
+struct ServiceState
+{
+  Record record;
+  Item service;
+  std::vector<Item> explorers;
+  bool complete = false;
+};
+
+std::string fact(Item const& item, char const* name)
+{
+  std::string const* const value = item.find(name);
+  return value == nullptr ? "-" : shown(*value);
+}
+
+OzfObjTime timeOf(Item const& item, char const* name)
+{
+  OzfObjTime time;
+  if (std::string const* const value = item.find(name))
+    MetadataConverter::convert(*value, time, false);
+  return time;
+}
+
+bool hasFailed(Item const& explorer)
+{
+  std::string const result = fact(explorer, "LastResult");
+  return std::find(std::begin(WELL), std::end(WELL), result) == std::end(WELL);
+}
+
+std::size_t countFailed(ServiceState const& state)
+{
+  std::size_t count = 0;
+  for (Item const& explorer : state.explorers)
+    count += hasFailed(explorer) ? 1 : 0;
+  return count;
+}
+
+int readStates(std::vector<ServiceState>& states)
+{
+  Selection selection;
+  selection.authority = AUTHORITY;
+  selection.typeName = formatType(AT_TQUCLIENT);
+  std::vector<Record> records;
+  if (int const result = queryRecords(selection, records); result != EXIT_DONE)
+    return result;
+  Progress progress("Reading what the services tell");
+  for (Record const& record : records)
+  {
+    progress.update(std::to_string(states.size()) + " of " + std::to_string(records.size()));
+    Collection collection = readCollection(record, OzfQuery());
+    ServiceState state{record, {}, {}, collection.complete};
+    for (Item& item : collection.items)
+      if (fact(item, "Kind") == SERVICE_KIND)
+        state.service = std::move(item);
+      else
+        state.explorers.push_back(std::move(item));
+    states.push_back(std::move(state));
+  }
+  return EXIT_DONE;
+}
+
+nlohmann::json toJson(Item const& item)
+{
+  nlohmann::json facts = nlohmann::json::object();
+  for (auto const& [name, value] : item.facts)
+    facts[name] = value;
+  return {{"name", item.name}, {"facts", facts}};
+}
+
+nlohmann::json toJson(ServiceState const& state)
+{
+  nlohmann::json explorers = nlohmann::json::array();
+  for (Item const& explorer : state.explorers)
+    explorers.push_back(toJson(explorer));
+  nlohmann::json result = toJson(state.record);
+  result["complete"] = state.complete;
+  result["service"] = toJson(state.service);
+  result["explorers"] = std::move(explorers);
+  return result;
+}
+
+void printServices(std::vector<ServiceState> const& states, OzfObjTime const& now)
+{
+  Table table({{"HOST", Table::TEXT},
+               {"ROLE", Table::FIXED},
+               {"VERSION", Table::FIXED},
+               {"UP", Table::NUMBER},
+               {"STORED", Table::NUMBER},
+               {"EXPLORERS", Table::NUMBER},
+               {"FAILED", Table::NUMBER},
+               {"TOLD", Table::NUMBER}});
+  for (ServiceState const& state : states)
+    table.add({state.record.subject, fact(state.service, "Role"), fact(state.service, "Version"),
+               formatAge(timeOf(state.service, "StartTime"), now),
+               fact(state.service, "StoredDiscoveries"), std::to_string(state.explorers.size()),
+               std::to_string(countFailed(state)),
+               formatAge(state.record.discovered, now) + " ago"});
+  table.print(std::cout, terminalWidth(STDOUT_FILENO), terminalStyles(STDOUT_FILENO));
+}
+
+void printExplorers(std::vector<ServiceState> const& states, bool all, OzfObjTime const& now)
+{
+  Table table({{"HOST", Table::TEXT},
+               {"EXPLORER", Table::TEXT},
+               {"KIND", Table::FIXED},
+               {"TYPE", Table::FIXED},
+               {"LAST RUN", Table::NUMBER},
+               {"LAST RESULT", Table::TEXT}});
+  bool any = false;
+  for (ServiceState const& state : states)
+    for (Item const& explorer : state.explorers)
+    {
+      if (!all && !hasFailed(explorer))
+        continue;
+      OzfObjTime const run = timeOf(explorer, "LastRun");
+      table.add({state.record.subject, shown(explorer.name), fact(explorer, "Kind"),
+                 fact(explorer, "Type"), run.isZero() ? "-" : formatAge(run, now) + " ago",
+                 fact(explorer, "LastResult")});
+      any = true;
+    }
+  if (!any)
+    return;
+  std::cout << '\n';
+  table.print(std::cout, terminalWidth(STDOUT_FILENO), terminalStyles(STDOUT_FILENO));
+}
+
+int status(Options const& options, Session const& session)
+{
+  using Clock = std::chrono::steady_clock;
+  Clock::time_point const begin = Clock::now();
+  Connection connection(session.connection);
+  if (int const result = connection.open(); result != EXIT_DONE)
+    return result;
+  auto const answered =
+      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin).count();
+
+  std::vector<Record> records;
+  if (int const result = queryRecords(Selection(), records); result != EXIT_DONE)
+    return result;
+  std::vector<ServiceState> states;
+  if (int const result = readStates(states); result != EXIT_DONE)
+    return result;
+
+  std::size_t failed = 0;
+  bool complete = true;
+  for (ServiceState const& state : states)
+  {
+    failed += countFailed(state);
+    complete = complete && state.complete;
+  }
+
+  if (options.json)
+  {
+    nlohmann::json services = nlohmann::json::array();
+    for (ServiceState const& state : states)
+      services.push_back(toJson(state));
+    printJson({{"service", connection.place()},
+               {"milliseconds", answered},
+               {"discoveries", records.size()},
+               {"services", std::move(services)}});
+  }
+  else
+  {
+    std::cout << connection.place() << " is up: it answered after " << answered << " ms and knows "
+              << counted(records.size(), "discovery", "discoveries") << ".\n";
+    if (states.empty())
+      std::cout << "No service has told of itself yet; each does within minutes of its start.\n";
+    else
+    {
+      OzfObjTime const now = OzfObjTime::now();
+      std::cout << '\n';
+      printServices(states, now);
+      printExplorers(states, options.details || states.size() == 1, now);
+    }
+  }
+  std::cout.flush();
+  if (!complete)
+    complain("what some service tells of itself could not be read to its end; --verbose shows "
+             "why");
+  if (failed != 0)
+    complain(counted(failed, "explorer has", "explorers have") +
+             " failed at the last run; the log of the host's service tells why");
+  return failed == 0 && complete ? EXIT_DONE : EXIT_PARTLY;
+}
+
+} // namespace
+
+void addStatusCommand(CLI::App& application, Session& session)
+{
+  auto const options = std::make_shared<Options>();
+  CLI::App* const command = application.add_subcommand(
+      "status", "Tell whether the service is up, and what every host's service tells of itself");
+  command->add_flag("-l,--details", options->details, "Every host's explorers");
+  command->add_flag("--json", options->json, "As JSON");
+  command->callback([options, &session] { session.exitCode = status(*options, session); });
+}
+
+} // namespace tqdiscoctl

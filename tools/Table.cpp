@@ -1,0 +1,99 @@
+#include "tools/Table.h"
+
+#include "tools/Format.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <ostream>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace tqdiscoctl
+{
+
+namespace
+{
+
+constexpr std::size_t GAP = 2;
+constexpr std::size_t SMALLEST = 10;
+
+std::string pad(std::string const& text, std::size_t width, bool right)
+{
+  std::size_t const used = displayWidth(text);
+  std::string const blanks(width > used ? width - used : 0, ' ');
+  return right ? blanks + text : text + blanks;
+}
+
+} // namespace
+
+Table::Table(std::vector<std::pair<std::string, Column>> header) : m_header(std::move(header)) {}
+
+void Table::add(std::vector<std::string> cells) { m_rows.push_back(std::move(cells)); }
+
+void Table::print(std::ostream& os, std::size_t width, bool bold) const
+{
+  std::vector<std::size_t> widths;
+  for (auto const& [title, column] : m_header)
+    widths.push_back(displayWidth(title));
+  for (auto const& row : m_rows)
+    for (std::size_t i = 0; i < row.size(); ++i)
+      widths[i] = std::max(widths[i], displayWidth(row[i]));
+
+  auto const total = [&widths]
+  {
+    std::size_t sum = GAP * (widths.size() - 1);
+    for (std::size_t const each : widths)
+      sum += each;
+    return sum;
+  };
+  while (width != 0 && total() > width)
+  {
+    std::size_t widest = widths.size();
+    for (std::size_t i = 0; i < widths.size(); ++i)
+      if (m_header[i].second == TEXT && widths[i] > SMALLEST &&
+          (widest == widths.size() || widths[i] > widths[widest]))
+        widest = i;
+    if (widest == widths.size())
+      break;
+    --widths[widest];
+  }
+
+  auto const line = [&](auto const& cell)
+  {
+    std::string text;
+    for (std::size_t i = 0; i < widths.size(); ++i)
+    {
+      bool const last = i + 1 == widths.size();
+      bool const right = m_header[i].second == NUMBER;
+      std::string const cut = width == 0 ? cell(i) : cutToWidth(cell(i), widths[i]);
+      text += last && !right ? cut : pad(cut, widths[i], right);
+      if (!last)
+        text.append(GAP, ' ');
+    }
+    return text;
+  };
+
+  os << (bold ? "\033[1m" : "") << line([this](std::size_t i) { return m_header[i].first; })
+     << (bold ? "\033[0m" : "") << '\n';
+  for (auto const& row : m_rows)
+    os << line([&row](std::size_t i) { return row[i]; }) << '\n';
+}
+
+std::size_t terminalWidth(int fd)
+{
+  winsize size{};
+  if (isatty(fd) == 0)
+    return 0;
+  if (ioctl(fd, TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
+    return size.ws_col;
+  constexpr std::size_t USUAL = 80;
+  return USUAL;
+}
+
+bool terminalStyles(int fd)
+{
+  char const* const noColor = std::getenv("NO_COLOR");
+  return isatty(fd) != 0 && (noColor == nullptr || *noColor == '\0');
+}
+
+} // namespace tqdiscoctl
