@@ -1,0 +1,204 @@
+// Programs as processes of a test's own: started with arguments and
+// environment, their output collected, ended with the object at the latest.
+
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <map>
+#include <mutex>
+#include <poll.h>
+#include <string>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+class Process
+{
+public:
+  using Environment = std::map<std::string, std::string>;
+
+  // Starts the program at path with this process's environment and the
+  // additions. A program that cannot be executed exits with 127. It dies with
+  // the thread that started it at the latest.
+  Process(std::string const& path, std::vector<std::string> const& arguments,
+          Environment const& additions = {})
+  {
+    int out[2];
+    int err[2];
+    if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0)
+      std::abort();
+    std::vector<std::string> const texts = environmentWith(additions);
+    std::vector<char*> environment = pointers(texts);
+    std::vector<std::string> words{path};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<char*> argv = pointers(words);
+
+    m_pid = fork();
+    if (m_pid < 0)
+      std::abort();
+    if (m_pid == 0)
+    {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      dup2(out[1], STDOUT_FILENO);
+      dup2(err[1], STDERR_FILENO);
+      execve(path.c_str(), argv.data(), environment.data());
+      _exit(127);
+    }
+    close(out[1]);
+    close(err[1]);
+    m_reader = std::thread([this, o = out[0], e = err[0]] { collect(o, e); });
+  }
+
+  ~Process()
+  {
+    if (running())
+      sendSignal(SIGKILL);
+    wait(std::chrono::seconds(30));
+    m_reader.join();
+  }
+  Process(Process const&) = delete;
+  Process& operator=(Process const&) = delete;
+
+  pid_t pid() const { return m_pid; }
+
+  void sendSignal(int signal)
+  {
+    if (!m_reaped)
+      ::kill(m_pid, signal);
+  }
+
+  bool running() { return !reap(WNOHANG); }
+
+  // Whether the process ended before the deadline. All output is collected
+  // then, unless it left children behind that hold it open.
+  bool wait(std::chrono::milliseconds limit = std::chrono::seconds(60))
+  {
+    auto const deadline = std::chrono::steady_clock::now() + limit;
+    while (!reap(WNOHANG))
+    {
+      if (std::chrono::steady_clock::now() > deadline)
+        return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    while (!outputEnded() && std::chrono::steady_clock::now() < deadline)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return true;
+  }
+
+  // The exit code; 128 and the signal's number when a signal ended it; -1
+  // while it runs.
+  int exitCode()
+  {
+    if (!reap(WNOHANG))
+      return -1;
+    return WIFEXITED(m_status) ? WEXITSTATUS(m_status) : 128 + WTERMSIG(m_status);
+  }
+
+  // What was written so far.
+  std::string output() const { return copy(m_output); }
+  std::string errors() const { return copy(m_errors); }
+
+  // Whether text appears on standard error before the deadline.
+  bool awaitError(std::string const& text,
+                  std::chrono::milliseconds limit = std::chrono::seconds(60))
+  {
+    auto const deadline = std::chrono::steady_clock::now() + limit;
+    while (errors().find(text) == std::string::npos)
+    {
+      if (std::chrono::steady_clock::now() > deadline || (!running() && outputEnded()))
+        return errors().find(text) != std::string::npos;
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+  }
+
+private:
+  static std::vector<std::string> environmentWith(Environment const& additions)
+  {
+    std::vector<std::string> result;
+    for (char** variable = environ; *variable != nullptr; ++variable)
+    {
+      std::string const text = *variable;
+      if (additions.count(text.substr(0, text.find('='))) == 0)
+        result.push_back(text);
+    }
+    for (auto const& [name, value] : additions)
+      result.push_back(name + "=" + value);
+    return result;
+  }
+
+  static std::vector<char*> pointers(std::vector<std::string> const& texts)
+  {
+    std::vector<char*> result;
+    for (auto const& text : texts)
+      result.push_back(const_cast<char*>(text.c_str()));
+    result.push_back(nullptr);
+    return result;
+  }
+
+  bool reap(int flags)
+  {
+    if (!m_reaped && waitpid(m_pid, &m_status, flags) == m_pid)
+      m_reaped = true;
+    return m_reaped;
+  }
+
+  bool outputEnded() const
+  {
+    std::lock_guard guard(m_mutex);
+    return m_ended;
+  }
+
+  std::string copy(std::string const& text) const
+  {
+    std::lock_guard guard(m_mutex);
+    return text;
+  }
+
+  void collect(int out, int err)
+  {
+    pollfd waits[] = {{out, POLLIN, 0}, {err, POLLIN, 0}};
+    std::string* const targets[] = {&m_output, &m_errors};
+    while (waits[0].fd >= 0 || waits[1].fd >= 0)
+    {
+      poll(waits, 2, -1);
+      for (int i = 0; i < 2; ++i)
+      {
+        if (waits[i].fd < 0 || waits[i].revents == 0)
+          continue;
+        char buffer[4096];
+        ssize_t const count = read(waits[i].fd, buffer, sizeof buffer);
+        if (count > 0)
+        {
+          std::lock_guard guard(m_mutex);
+          targets[i]->append(buffer, static_cast<std::size_t>(count));
+        }
+        else if (count == 0 || errno != EINTR)
+        {
+          close(waits[i].fd);
+          waits[i].fd = -1;
+        }
+      }
+    }
+    std::lock_guard guard(m_mutex);
+    m_ended = true;
+  }
+
+  pid_t m_pid = -1;
+  int m_status = 0;
+  bool m_reaped = false;
+  std::thread m_reader;
+  mutable std::mutex m_mutex;
+  bool m_ended = false;
+  std::string m_output;
+  std::string m_errors;
+};

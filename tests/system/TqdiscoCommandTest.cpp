@@ -1,0 +1,303 @@
+// The command line of tqdisco, its exit codes and its signals.
+
+#include "tests/support/Process.h"
+#include "tests/support/TempDir.h"
+
+#include <arpa/inet.h>
+#include <filesystem>
+#include <gmock/gmock.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+namespace
+{
+
+using testing::HasSubstr;
+using testing::Not;
+
+class TqdiscoCommandTest : public testing::Test
+{
+protected:
+  TqdiscoCommandTest() { std::filesystem::create_directories(root / "etc"); }
+
+  void configure(std::string const& text) { writeText(root / "etc/tq.conf", text); }
+
+  // A configuration with which the service starts, alone and on a free port.
+  void configureService(std::string const& more = "")
+  {
+    configure("SERVER = tqtestmaster\nCLIENT_NAME = tqtestmaster\n"
+              "HOST_ADDRESS.tqtestmaster = 127.0.0.1\nORB_BIND = 127.0.0.1\n"
+              "ORB_PORT.DiscoveryService = " +
+              std::to_string(port()) + "\n" + more);
+  }
+
+  std::unique_ptr<Process> start(std::vector<std::string> const& arguments,
+                                 Process::Environment environment = {},
+                                 std::string const& program = TQ_BIN_DIR "/tqdisco")
+  {
+    environment["TESSARINE_ROOT"] = root.path();
+    return std::make_unique<Process>(program, arguments, environment);
+  }
+
+  // Runs to its end.
+  std::unique_ptr<Process> run(std::vector<std::string> const& arguments,
+                               std::string const& program = TQ_BIN_DIR "/tqdisco")
+  {
+    auto process = start(arguments, {}, program);
+    EXPECT_TRUE(process->wait()) << process->errors();
+    return process;
+  }
+
+  std::string readIfThere(std::string const& name)
+  {
+    return std::filesystem::exists(root / name) ? readText(root / name) : std::string();
+  }
+
+  // One for the whole test; free a moment ago, unless occupyPort took it.
+  unsigned short port()
+  {
+    if (m_port == 0)
+    {
+      bindPort();
+      close(m_socket);
+      m_socket = -1;
+    }
+    return m_port;
+  }
+
+  void occupyPort()
+  {
+    bindPort();
+    ASSERT_EQ(listen(m_socket, 1), 0);
+  }
+
+  ~TqdiscoCommandTest() override
+  {
+    if (m_socket >= 0)
+      close(m_socket);
+  }
+
+  TempDir root;
+
+private:
+  void bindPort()
+  {
+    m_socket = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in name{};
+    name.sin_family = AF_INET;
+    name.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof name;
+    auto* const generic = reinterpret_cast<sockaddr*>(&name);
+    if (bind(m_socket, generic, length) != 0 || getsockname(m_socket, generic, &length) != 0)
+      ADD_FAILURE() << "no port on loopback";
+    m_port = ntohs(name.sin_port);
+  }
+
+  int m_socket = -1;
+  unsigned short m_port = 0;
+};
+
+// What the service manager is told.
+class NotifySocket
+{
+public:
+  explicit NotifySocket(std::string const& path)
+      : m_fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0))
+  {
+    sockaddr_un name{};
+    name.sun_family = AF_UNIX;
+    path.copy(name.sun_path, sizeof name.sun_path - 1);
+    if (bind(m_fd, reinterpret_cast<sockaddr*>(&name), sizeof name) != 0)
+      ADD_FAILURE() << "cannot bind " << path;
+  }
+  ~NotifySocket() { close(m_fd); }
+  NotifySocket(NotifySocket const&) = delete;
+  NotifySocket& operator=(NotifySocket const&) = delete;
+
+  // Whether a message that holds text comes before the deadline.
+  bool await(std::string const& text)
+  {
+    auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (std::chrono::steady_clock::now() < deadline)
+    {
+      pollfd wait{m_fd, POLLIN, 0};
+      if (poll(&wait, 1, 1000) != 1)
+        continue;
+      char buffer[1024];
+      ssize_t const count = recv(m_fd, buffer, sizeof buffer, 0);
+      if (count > 0 &&
+          std::string(buffer, static_cast<std::size_t>(count)).find(text) != std::string::npos)
+        return true;
+    }
+    return false;
+  }
+
+private:
+  int m_fd;
+};
+
+} // namespace
+
+TEST_F(TqdiscoCommandTest, helpDocumentsOptionsAndExitCodes)
+{
+  auto const process = run({"--help"});
+  EXPECT_EQ(process->exitCode(), 0);
+  EXPECT_EQ(process->errors(), "");
+  for (char const* const part :
+       {"--check-config", "--version", "--debug", "--log-level", "TESSARINE_ROOT", "Exit status",
+        "0  stopped in order", "1  the start failed", "2  wrong usage", "3  the stop was"})
+    EXPECT_THAT(process->output(), HasSubstr(part));
+  EXPECT_THAT(process->output(), HasSubstr(root / "etc/tq.conf"));
+}
+
+TEST_F(TqdiscoCommandTest, versionIsTheProjects)
+{
+  auto const process = run({"--version"});
+  EXPECT_EQ(process->exitCode(), 0);
+  EXPECT_EQ(process->output(), "tqdisco " TQ_VERSION "\n");
+}
+
+TEST_F(TqdiscoCommandTest, wrongUsageExitsWith2AndNamesTheOption)
+{
+  auto const unknown = run({"--frobnicate"});
+  EXPECT_EQ(unknown->exitCode(), 2);
+  EXPECT_THAT(unknown->errors(), HasSubstr("--frobnicate"));
+
+  auto const level = run({"--log-level", "7"});
+  EXPECT_EQ(level->exitCode(), 2);
+  EXPECT_THAT(level->errors(), HasSubstr("--log-level"));
+
+  auto const word = run({"start"});
+  EXPECT_EQ(word->exitCode(), 2);
+  EXPECT_THAT(word->errors(), HasSubstr("start"));
+
+  EXPECT_EQ(run({"--debug", "--log-level", "4"})->exitCode(), 2);
+}
+
+TEST_F(TqdiscoCommandTest, checkConfigAcceptsAGoodConfiguration)
+{
+  configure("# the master\nSERVER = master.example\nLOG_LEVEL = 4\n");
+  auto const process = run({"--check-config"});
+  EXPECT_EQ(process->exitCode(), 0) << process->errors();
+  EXPECT_EQ(process->output(), root / "etc/tq.conf" + ": no mistakes\n");
+  EXPECT_EQ(process->errors(), "");
+}
+
+TEST_F(TqdiscoCommandTest, checkConfigReportsEveryMistakeWithFileAndLine)
+{
+  configure("SERVER = master.example\nno equals sign\nLOG_LEVEL = loud\nUNHEARD_OF = 1\n");
+  auto const process = run({"--check-config"});
+  EXPECT_EQ(process->exitCode(), 2);
+  for (char const* const line : {"etc/tq.conf:2:", "etc/tq.conf:3:", "etc/tq.conf:4:"})
+    EXPECT_THAT(process->errors(), HasSubstr(line));
+  EXPECT_THAT(process->errors(), Not(HasSubstr("etc/tq.conf:1:")));
+}
+
+TEST_F(TqdiscoCommandTest, checkConfigReportsAMissingFile)
+{
+  auto const process = run({"--check-config"});
+  EXPECT_EQ(process->exitCode(), 2);
+  EXPECT_THAT(process->errors(), HasSubstr(root / "etc/tq.conf"));
+}
+
+TEST_F(TqdiscoCommandTest, aPortInUseFailsTheStartAndSaysWhere)
+{
+  occupyPort();
+  configureService();
+  auto const process = run({});
+  EXPECT_EQ(process->exitCode(), 1);
+  EXPECT_THAT(process->errors(), HasSubstr("Unable to listen on 127.0.0.1:" +
+                                           std::to_string(port()) + ": Address already in use"));
+}
+
+TEST_F(TqdiscoCommandTest, aFailedStartIsToldOnStandardErrorAndInTheLog)
+{
+  occupyPort();
+  std::filesystem::create_directories(root / "log");
+  configureService("LOG_FILE = " + root / "log/tqdisco.log" + "\n");
+  auto const process = run({});
+  EXPECT_EQ(process->exitCode(), 1);
+  EXPECT_THAT(process->errors(), HasSubstr("Unable to listen on 127.0.0.1:"));
+  EXPECT_THAT(readText(root / "log/tqdisco.log"), HasSubstr("Unable to listen on 127.0.0.1:"));
+}
+
+TEST_F(TqdiscoCommandTest, aMissingServiceLibraryFailsTheStartAndIsNamed)
+{
+  // A copy of the program with the framework beside it and no service.
+  std::filesystem::create_directories(root / "bin");
+  std::filesystem::create_directories(root / "lib");
+  std::filesystem::copy_file(TQ_BIN_DIR "/tqdisco", root / "bin/tqdisco");
+  std::filesystem::copy_file(TQ_LIB_DIR "/libozf.so.1", root / "lib/libozf.so.1");
+  configureService();
+  auto const process = run({}, root / "bin/tqdisco");
+  EXPECT_EQ(process->exitCode(), 1) << process->errors();
+  EXPECT_THAT(process->errors(), HasSubstr("libtqdiscovery.so.1"));
+}
+
+TEST_F(TqdiscoCommandTest, aConfigurationThatSaysSoKeepsTheServiceFromStarting)
+{
+  configureService("REPORT_CLIENT_DISCOVERIES = false\n");
+  auto const process = run({});
+  EXPECT_EQ(process->exitCode(), 0) << process->errors();
+  EXPECT_THAT(process->errors(), HasSubstr("Not started"));
+}
+
+TEST_F(TqdiscoCommandTest, mistakesOfTheConfigurationAreLoggedAndDoNotStopTheStart)
+{
+  configureService("UNHEARD_OF = 1\n");
+  auto const process = start({});
+  ASSERT_TRUE(process->awaitError("Started, version " TQ_VERSION)) << process->errors();
+  EXPECT_THAT(process->errors(), HasSubstr("etc/tq.conf:6:"));
+  process->sendSignal(SIGTERM);
+  ASSERT_TRUE(process->wait()) << process->errors();
+  EXPECT_EQ(process->exitCode(), 0) << process->errors();
+}
+
+TEST_F(TqdiscoCommandTest, termAndInterruptStopTheServiceInOrder)
+{
+  for (int const signal : {SIGTERM, SIGINT})
+  {
+    configureService();
+    auto const process = start({});
+    ASSERT_TRUE(process->awaitError("Started, version")) << process->errors();
+    process->sendSignal(SIGPIPE);
+    process->sendSignal(signal);
+    process->sendSignal(SIGTERM);
+    ASSERT_TRUE(process->wait()) << process->errors();
+    EXPECT_EQ(process->exitCode(), 0) << process->errors();
+    EXPECT_THAT(process->errors(), HasSubstr("main: Stopped"));
+  }
+}
+
+TEST_F(TqdiscoCommandTest, hangUpReadsTheLogSettingsAgain)
+{
+  std::filesystem::create_directories(root / "log");
+  configureService();
+  auto const process = start({});
+  ASSERT_TRUE(process->awaitError("Started, version")) << process->errors();
+  configureService("LOG_LEVEL = 6\nLOG_FILE = " + root / "log/new.log" + "\n");
+  process->sendSignal(SIGHUP);
+  auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (readIfThere("log/new.log").find("Set the log up anew") == std::string::npos)
+  {
+    ASSERT_LT(std::chrono::steady_clock::now(), deadline);
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  process->sendSignal(SIGTERM);
+  ASSERT_TRUE(process->wait());
+  EXPECT_EQ(process->exitCode(), 0);
+}
+
+TEST_F(TqdiscoCommandTest, tellsTheServiceManagerHowItIs)
+{
+  configureService();
+  NotifySocket manager(root / "notify");
+  auto const process = start({}, {{"NOTIFY_SOCKET", root / "notify"}, {"WATCHDOG_USEC", "200000"}});
+  EXPECT_TRUE(manager.await("READY=1")) << process->errors();
+  EXPECT_TRUE(manager.await("WATCHDOG=1")) << process->errors();
+  process->sendSignal(SIGTERM);
+  EXPECT_TRUE(manager.await("STOPPING=1")) << process->errors();
+  ASSERT_TRUE(process->wait());
+  EXPECT_EQ(process->exitCode(), 0);
+}

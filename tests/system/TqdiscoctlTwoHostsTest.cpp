@@ -1,0 +1,114 @@
+// tqdiscoctl, the master's service and a client's.
+
+#include "tests/support/LiveService.h"
+
+#include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
+
+namespace
+{
+
+using namespace tqtest;
+using nlohmann::json;
+using testing::HasSubstr;
+using Words = std::vector<std::string>;
+
+std::vector<std::string> subjectsOf(json const& records)
+{
+  std::vector<std::string> subjects;
+  for (auto const& record : records)
+    subjects.push_back(record["subject"]);
+  return subjects;
+}
+
+// A client beside the master, on a loopback address of its own. Names that
+// begin like this one wait hardly at all before they announce themselves.
+class TqdiscoctlTwoHostsTest : public testing::Test
+{
+protected:
+  static constexpr char const* CLIENT = "4a";
+
+  void SetUp() override
+  {
+    std::string const addresses = "HOST_ADDRESS." + std::string(CLIENT) + " = 127.0.0.2\n";
+    m_master.configure(addresses);
+    ASSERT_TRUE(m_master.start()) << m_master.log();
+
+    namespace fs = std::filesystem;
+    fs::create_directories(m_root / "etc");
+    fs::create_directories(m_root / "lib/plugins");
+    for (auto const& folder : {m_root.path(), m_root / "lib", m_root / "lib/plugins"})
+      fs::permissions(folder, fs::perms(0755));
+    fs::copy_file(TQ_LIB_DIR "/libtqexplorer.so", m_root / "lib/libtqexplorer.so");
+    fs::permissions(m_root / "lib/libtqexplorer.so", fs::perms(0755));
+    std::string const master = LiveService::NAME;
+    writeText(m_root / "etc/tq.conf",
+              "SERVER = " + master + "\nCLIENT_NAME = " + CLIENT + "\nHOST_ADDRESS." + master +
+                  " = 127.0.0.1\n" + addresses + "ORB_BIND = 127.0.0.2\n" +
+                  "ORB_PORT.DiscoveryService = " + std::to_string(m_master.port()) + "\n");
+    m_client = std::make_unique<Process>(TQ_BIN_DIR "/tqdisco", Words{},
+                                         Process::Environment{{"TESSARINE_ROOT", m_root.path()}});
+    ASSERT_TRUE(eventually(
+        [this]
+        {
+          return run({"show", CLIENT, "service"}).exitCode == 0 &&
+                 run({"show", LiveService::NAME, "service"}).exitCode == 0;
+        },
+        std::chrono::seconds(90)))
+        << m_client->errors();
+  }
+
+  void TearDown() override
+  {
+    m_client->sendSignal(SIGTERM);
+    EXPECT_TRUE(m_client->wait());
+    EXPECT_EQ(m_master.stop(), 0) << m_master.log();
+  }
+
+  Outcome run(Words const& words) const { return m_master.tqdiscoctl(words); }
+
+  LiveService m_master{LiveService::WITH_EXPLORERS};
+  TempDir m_root;
+  std::unique_ptr<Process> m_client;
+};
+
+TEST_F(TqdiscoctlTwoHostsTest, bothHostsAreThereAndEachHasItsRole)
+{
+  json const status = json::parse(run({"status", "--json"}).output);
+  ASSERT_EQ(status["services"].size(), 2U);
+  EXPECT_EQ(status["services"][0]["subject"], CLIENT);
+  EXPECT_EQ(status["services"][0]["service"]["facts"]["Role"], "client");
+  EXPECT_EQ(status["services"][1]["service"]["facts"]["Role"], "master");
+  json const hosts = json::parse(run({"hosts", "--json"}).output);
+  EXPECT_EQ(hosts.size(), 2U);
+}
+
+// The master answers for one of them only; the other is asked itself.
+TEST_F(TqdiscoctlTwoHostsTest, volumesOfTheClientAreReadFromIt)
+{
+  Outcome const outcome = run({"show", CLIENT, "volume", "--json"});
+  EXPECT_EQ(outcome.exitCode, 0) << outcome.errors << m_master.log();
+  json const collection = json::parse(outcome.output);
+  EXPECT_EQ(collection["complete"], true);
+  EXPECT_EQ(collection["subject"], CLIENT);
+  EXPECT_THAT(m_master.log(), HasSubstr("Fount too many matching discoveries for subject 4a"));
+
+  // One record for each host, whatever the service gives beyond the match.
+  for (char const* host : {CLIENT, LiveService::NAME})
+    EXPECT_EQ(subjectsOf(json::parse(run({"query", "--subject", host, "--authority", "volume",
+                                          "--type", "client", "--json"})
+                                         .output)),
+              std::vector<std::string>{host});
+}
+
+TEST_F(TqdiscoctlTwoHostsTest, anotherHostsServicePushesAndStops)
+{
+  EXPECT_EQ(run({"push", "--host", CLIENT}).exitCode, 0);
+  EXPECT_EQ(run({"stop", "--host", CLIENT}).exitCode, 0);
+  ASSERT_TRUE(m_client->wait());
+  EXPECT_EQ(m_client->exitCode(), 0) << m_client->errors();
+  EXPECT_EQ(run({"stop", "--host", CLIENT}).exitCode, 5);
+  EXPECT_EQ(run({"status"}).exitCode, 0) << "the master goes on";
+}
+
+} // namespace

@@ -1,0 +1,155 @@
+#include "discovery/DiscoveryFramework.h"
+
+#include "discovery/DiscDB.h"
+#include "tests/support/FakeExplorers.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/Service.h"
+
+#include "ozf/log/Assertion.h"
+
+#include <gtest/gtest.h>
+
+using namespace tqtest;
+using namespace Quillon::Tessarine::Ozf;
+using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
+
+namespace
+{
+
+TEST(DiscoveryFrameworkTest, AProcessThatOnlyReadsServesNothingAndKeepsTheRepositoryOpen)
+{
+  Service host; // for its configuration; its own ORB is never brought up
+  AutoDereference<DiscoveryFramework> framework(
+    new DiscoveryFramework("discovery", DST_NONE, nullptr, false));
+  std::list<std::string> const limit{"one"};
+  framework->init(&limit);
+  EXPECT_EQ("discovery", getDiscoveryRepository().getDSName());
+  EXPECT_EQ(limit, getDiscoveryRepository().getExplorerPluginLimit());
+  EXPECT_FALSE(std::filesystem::exists(host.database())) << "no database is set up";
+
+  // fini would wait for this object if it ended the repository.
+  AutoDereference<FakePush> held(new FakePush("held"));
+  getDiscoveryRepository().getBarrier().add(*held);
+  framework->shutdown();
+  framework->fini();
+}
+
+TEST(DiscoveryFrameworkTest, ShutdownTwiceFailsTheAssertion)
+{
+  Service host;
+  AutoDereference<DiscoveryFramework> framework(
+    new DiscoveryFramework("", DST_NONE, nullptr, false));
+  framework->init(nullptr);
+  LogCapture log;
+  framework->shutdown();
+  EXPECT_THROW(framework->shutdown(), AssertionFailure);
+  EXPECT_TRUE(log.has(1, "DiscoveryFramework::shutdown", "Assertion failed: !m_shutdown"))
+    << log.text();
+}
+
+TEST(DiscoveryFrameworkTest, FiniBeforeShutdownOrOnceTooOftenFailsTheAssertion)
+{
+  Service host;
+  AutoDereference<DiscoveryFramework> framework(
+    new DiscoveryFramework("", DST_NONE, nullptr, false));
+  framework->init(nullptr);
+  LogCapture log;
+  EXPECT_THROW(framework->fini(), AssertionFailure);
+  EXPECT_TRUE(log.has(1, "DiscoveryFramework::fini", "Assertion failed: m_shutdown"));
+  framework->shutdown();
+  framework->fini();
+  EXPECT_THROW(framework->fini(), AssertionFailure);
+  EXPECT_TRUE(log.has(1, "DiscoveryFramework::fini", "Assertion failed: m_init")) << log.text();
+}
+
+TEST(DiscoveryFrameworkTest, AServiceNeedsAnOrbWithAnEvictor)
+{
+  Service host;
+  Orb withoutEvictor(0, "", "plain", 0, 0);
+  AutoDereference<DiscoveryFramework> framework(
+    new DiscoveryFramework("", DST_GENERIC, &withoutEvictor, false));
+  LogCapture log;
+  EXPECT_THROW(framework->init(nullptr), AssertionFailure);
+  EXPECT_TRUE(
+    log.has(1, "DiscoveryFramework::init", "Assertion failed: m_orb->isEvictorEnabled()"))
+    << log.text();
+}
+
+TEST(DiscoveryFrameworkTest, AskingForAnOrbThatIsNotThereFailsTheAssertion)
+{
+  AutoDereference<DiscoveryFramework> framework(
+    new DiscoveryFramework("", DST_NONE, nullptr, false));
+  LogCapture log;
+  EXPECT_THROW(framework->getOrb(), AssertionFailure);
+  EXPECT_TRUE(log.has(1, "DiscoveryFramework::getOrb", "Assertion failed: 0 != m_orb"));
+}
+
+TEST(DiscoveryFrameworkTest, AServiceIsAdvertisedAndItsDatabaseIsReady)
+{
+  Service host;
+  host.start();
+  EXPECT_TRUE(std::filesystem::is_directory(host.database()));
+  EXPECT_EQ(host.database(), getDiscoveryDBDatabase()->getDirectory());
+  Remote::DiscoveryService_var const service = host.connect();
+  ASSERT_FALSE(CORBA::is_nil(service));
+  Remote::DiscoveryIterator_var const iterator =
+    service->queryDiscoveries(DQ_DISCOVERY_DATA, AT_ANYANDALL, "*", "*");
+  EXPECT_EQ(8, iterator->pageSize());
+
+  host.stop();
+  LogCapture log;
+  EXPECT_TRUE(CORBA::is_nil(Remote::DiscoveryService_var(host.connect())));
+}
+
+TEST(DiscoveryFrameworkTest, TwoInitsNeedTwoFinis)
+{
+  Service host;
+  host.start(); // the first
+  host.framework().init(nullptr);
+  host.leaveFrameworkToTest();
+  AutoDereference<FakePush> held(new FakePush("held"));
+  getDiscoveryRepository().getBarrier().add(*held);
+  host.framework().shutdown();
+  host.framework().fini(); // returns although the barrier is closed
+  std::atomic<bool> ended{false};
+  std::thread last(
+    [&]
+    {
+      host.framework().fini();
+      ended = true;
+    });
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_FALSE(ended) << "the last fini waits for the repository's barrier";
+  held.reset();
+  last.join();
+  EXPECT_TRUE(ended);
+}
+
+TEST(DiscoveryFrameworkTest, AFailureToServeIsLoggedAndPassedOn)
+{
+  Service host;
+  LogCapture log;
+  // The ORB was never brought up.
+  EXPECT_THROW(host.framework().init(nullptr), CORBA::Exception);
+  EXPECT_NE(std::string::npos,
+            log.text().find("DiscoveryFramework::init: Caught corba exception activating "
+                            "DiscoveryService servant, Corba exception: "))
+    << log.text();
+}
+
+TEST(DiscoveryFrameworkTest, LiveIteratorsAreDestroyedAtShutdown)
+{
+  Service host;
+  host.start();
+  Remote::DiscoveryService_var const service = host.connect();
+  Remote::DiscoveryIterator_var const iterator =
+    service->queryDiscoveries(DQ_DISCOVERY_DATA, AT_ANYANDALL, "*", "*");
+  EXPECT_EQ(1u, host.orb().getEvictor().size());
+  host.leaveFrameworkToTest();
+  host.framework().shutdown();
+  EXPECT_EQ(0u, host.orb().getEvictor().size());
+  EXPECT_THROW(iterator->pageSize(), CORBA::SystemException);
+  host.framework().fini();
+}
+
+} // namespace

@@ -1,0 +1,232 @@
+#include "discovery/DiscoveryRepository.h"
+
+#include "discovery/DiscDB.h"
+#include "discovery/DiscoveryFramework.h"
+#include "discovery/DiscoveryLog.h"
+#include "discovery/ExplorerRemotePull.h"
+#include "tests/support/FakeExplorers.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
+
+#include <gtest/gtest.h>
+
+using namespace tqtest;
+
+namespace
+{
+
+using Names = std::vector<std::string>;
+
+class TestRepository : public DiscoveryRepository
+{
+public:
+  explicit TestRepository(bool onMaster)
+      : m_onMaster(onMaster), m_framework(new DiscoveryFramework("", DST_GENERIC, nullptr, false))
+  {
+    setDiscoveryFramework(m_framework.get());
+  }
+  bool isGenericDSOnMaster() const override { return m_onMaster; }
+
+private:
+  bool m_onMaster;
+  AutoDereference<DiscoveryFramework> m_framework;
+};
+
+struct DiscoveryRepositoryQueriesTest : testing::Test
+{
+  TempDir root;
+  CallList calls;
+
+  void SetUp() override
+  {
+    setenv("TESSARINE_ROOT", root.path().c_str(), 1);
+    std::filesystem::create_directories(root / "etc");
+    writeText(root / "etc/tq.conf", "CLIENT_NAME = here\n");
+  }
+
+  void pull(DiscoveryRepository& repository, std::string const& subject,
+            std::string const& authority = "a", AuthorityType type = AT_TQUCLIENT)
+  {
+    AutoDereference<FakePull> explorer(new FakePull(subject, &calls));
+    repository.registerExplorer(new Subject(subject), explorer.get(), 1,
+                                new Authority(authority, type), true);
+  }
+
+  static void store(DiscoveryRepository& repository, std::string const& subject,
+                    std::string const& authority, AuthorityType type,
+                    std::string const& payload = "<x/>")
+  {
+    AutoDereference<Discovery> discovery;
+    repository.newDiscovery(discovery, DQ_DISCOVERY_DATA, Subject(subject),
+                            Authority(authority, type),
+                            CollectionAttributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY,
+                                                 OzfObjTime::now(), OzfObjTime(3600), 1));
+    ASSERT_EQ(DS_SUCCESS, discovery->open(OM_UPDATE, ""));
+    ASSERT_TRUE(discovery->getCollectionData()->writeCollection(payload.size(), payload.data()));
+    ASSERT_EQ(DS_SUCCESS, discovery->persist());
+  }
+
+  static Names subjects(DiscoveryIterator* iterator)
+  {
+    AutoDereference<DiscoveryIterator> owner(iterator);
+    Names names;
+    while (owner)
+    {
+      AutoDereference<Discovery> discovery(owner->getNext());
+      if (!discovery)
+        break;
+      names.push_back(discovery->getSubject()->getName().str());
+    }
+    return names;
+  }
+};
+
+TEST_F(DiscoveryRepositoryQueriesTest, AQueryWithoutAFrameworkFailsTheAssertion)
+{
+  DiscoveryRepository repository;
+  LogCapture log;
+  EXPECT_THROW(repository.queryDiscoveries(DQ_DISCOVERY_DATA, "*", "*", AT_ANYANDALL),
+               AssertionFailure);
+  EXPECT_TRUE(
+      log.has(1, "DiscoveryRepository::queryDiscoveries", "Assertion failed: m_discoveryFramework"))
+      << log.text();
+}
+
+TEST_F(DiscoveryRepositoryQueriesTest, PullExplorersComeBeforeTheDatabase)
+{
+  getDiscoveryDBDatabase()->init("");
+  TestRepository repository(true);
+  store(repository, "stored", "a", AT_TQUCLIENT);
+  pull(repository, "zpulled");
+  EXPECT_EQ((Names{"zpulled", "stored"}),
+            subjects(repository.queryDiscoveries(DQ_DISCOVERY_DATA, "*", "*", AT_ANYANDALL)));
+}
+
+TEST_F(DiscoveryRepositoryQueriesTest, AQueryForRemotePullsNeverRunsAPullExplorer)
+{
+  getDiscoveryDBDatabase()->init("");
+  TestRepository repository(true);
+  pull(repository, "s");
+  store(repository, "r", "a", AT_REMOTEPULL);
+  EXPECT_EQ(Names{"r"},
+            subjects(repository.queryDiscoveries(DQ_DISCOVERY_DATA, "*", "*", AT_REMOTEPULL)));
+  EXPECT_TRUE(calls.names().empty());
+}
+
+TEST_F(DiscoveryRepositoryQueriesTest, NamesAndTypeSelectFromTheDatabase)
+{
+  getDiscoveryDBDatabase()->init("");
+  TestRepository repository(true);
+  store(repository, "web1", "a", AT_TQUCLIENT);
+  store(repository, "web2", "b", AT_TQUCLIENT);
+  store(repository, "db1", "a", AT_EXTSRC);
+  auto const query = [&](char const* subject, char const* authority, AuthorityType type)
+  {
+    auto names = subjects(repository.queryDiscoveries(DQ_DISCOVERY_DATA, subject, authority, type));
+    std::sort(names.begin(), names.end());
+    return names;
+  };
+  EXPECT_EQ((Names{"web1", "web2"}), query("web*", "*", AT_ANYANDALL));
+  EXPECT_EQ((Names{"db1", "web1"}), query("*", "a", AT_ANYANDALL));
+  EXPECT_EQ((Names{"db1"}), query("*", "*", AT_EXTSRC));
+  EXPECT_EQ((Names{"web2"}), query("web2", "b", AT_TQUCLIENT));
+  EXPECT_EQ(Names{}, query("web2", "a", AT_TQUCLIENT));
+}
+
+TEST_F(DiscoveryRepositoryQueriesTest, WithoutADatabaseThereIsNoAnswerEvenIfAPullExplorerMatched)
+{
+  TestRepository repository(true); // the database was never initialised
+  pull(repository, "s");
+  LogCapture log;
+  EXPECT_EQ(nullptr, repository.queryDiscoveries(DQ_DISCOVERY_DATA, "*", "*", AT_ANYANDALL));
+  EXPECT_TRUE(log.has(1, "DiscoveryRepository::queryDiscoveries", "No database iterator found"))
+      << log.text();
+}
+
+TEST_F(DiscoveryRepositoryQueriesTest, EveryEntryAfterTheFirstMatchIsTaken)
+{
+  TestRepository repository(true);
+  pull(repository, "a");
+  pull(repository, "b");
+  pull(repository, "c");
+  EXPECT_EQ((Names{"b", "c"}), subjects(repository.findPullExplorer(
+                                   DQ_DISCOVERY_DATA, *repository.getPullExplorers(), "b", "*")));
+}
+
+TEST_F(DiscoveryRepositoryQueriesTest, SubjectAndAuthorityMustBothMatchInTheirCase)
+{
+  TestRepository repository(true);
+  pull(repository, "s", "auth");
+  auto const find = [&](char const* subject, char const* authority)
+  {
+    return subjects(repository.findPullExplorer(DQ_DISCOVERY_DATA, *repository.getPullExplorers(),
+                                                subject, authority));
+  };
+  EXPECT_EQ(Names{"s"}, find("s", "au*"));
+  EXPECT_EQ(Names{}, find("S", "auth"));
+  EXPECT_EQ(Names{}, find("s", "other"));
+}
+
+TEST_F(DiscoveryRepositoryQueriesTest, NoMatchingPullExplorerGivesNull)
+{
+  TestRepository repository(true);
+  EXPECT_EQ(nullptr, repository.findPullExplorer(DQ_DISCOVERY_DATA, *repository.getPullExplorers(),
+                                                 "*", "*"));
+}
+
+TEST_F(DiscoveryRepositoryQueriesTest, AnEmptyMasterNameGivesNullWithoutAConnection)
+{
+  TestRepository repository(false);
+  LogCapture log;
+  EXPECT_EQ(nullptr, repository.queryDiscoveries(DQ_DISCOVERY_DATA, "*", "*", AT_ANYANDALL));
+  EXPECT_TRUE(log.has(1, "DiscoveryRepository::queryRemoteDiscoveries",
+                      "Cannot find master server name, abort connecting to master discovery "
+                      "service"))
+      << log.text();
+  EXPECT_EQ(std::string::npos, log.text().find("Host: ")) << "no connection is attempted";
+}
+
+TEST_F(DiscoveryRepositoryQueriesTest, TheCacheOfRegistrationsIsRestored)
+{
+  getDiscoveryDBDatabase()->init("");
+  {
+    TestRepository before(true);
+    AutoDereference<RemoteExplorerPull> remote(
+        new RemoteExplorerPull("DiscoveryService", "far", "s", "a", AT_TQUCLIENT));
+    before.registerExplorer(new Subject("s"), remote.get(), 7, new Authority("a", AT_TQUCLIENT),
+                            false);
+  }
+  TestRepository after(true);
+  after.loadPullExplorerCache();
+  auto const entries = after.getPullExplorers();
+  ASSERT_EQ(1u, entries->size());
+  ExplorerWrapper const& entry = **entries->begin();
+  EXPECT_EQ(7u, entry.getPriority());
+  EXPECT_EQ("s", entry.getSubject()->getName().str());
+  EXPECT_EQ("a", entry.getAuthority()->getName().str());
+  EXPECT_EQ(AT_REMOTEPULL, entry.getAuthority()->getType());
+  auto const* const explorer = dynamic_cast<RemoteExplorerPull*>(entry.getExplorer());
+  ASSERT_NE(nullptr, explorer);
+  EXPECT_EQ("far", explorer->getHost().exportNarrow());
+  EXPECT_EQ("DiscoveryService", explorer->getServiceName().str());
+  EXPECT_EQ(AT_TQUCLIENT, explorer->getAuthorityType());
+}
+
+TEST_F(DiscoveryRepositoryQueriesTest, CacheRecordsThatDoNotParseAreSkipped)
+{
+  getDiscoveryDBDatabase()->init("");
+  TestRepository repository(true);
+  store(repository, "one", "a", AT_REMOTEPULL, "not XML");
+  store(repository, "two", "a", AT_REMOTEPULL,
+        "<DiscoveredItems><SourceHost>h</SourceHost></DiscoveredItems>");
+  store(repository, "three", "a", AT_REMOTEPULL,
+        "<DiscoveredItems><SourceHost>h</SourceHost><ServiceName>s</ServiceName>"
+        "<Priority>3</Priority><OriginType>2</OriginType></DiscoveredItems>");
+  store(repository, "four", "a", AT_REMOTEPULL, std::string(2 << 20, 'x'));
+  repository.loadPullExplorerCache();
+  auto const entries = repository.getPullExplorers();
+  ASSERT_EQ(1u, entries->size());
+  EXPECT_EQ("three", (*entries->begin())->getSubject()->getName().str());
+}
+
+} // namespace

@@ -1,0 +1,527 @@
+#include "discovery/DiscoveryRepository.h"
+
+#include "discovery/DefaultExplorerDataParser.h"
+#include "discovery/DiscDB.h"
+#include "discovery/DiscDBDiscovery.h"
+#include "discovery/DiscoveryFramework.h"
+#include "discovery/DiscoveryLog.h"
+#include "discovery/ExplorerRemotePull.h"
+#include "discovery/RemoteDB.h"
+#include "tests/support/FakeExplorers.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
+
+#include <gtest/gtest.h>
+
+using namespace tqtest;
+
+namespace
+{
+
+// A repository whose role is given; it is the process's own in every other
+// respect, but not the singleton, so that tests can have several.
+class TestRepository : public DiscoveryRepository
+{
+public:
+  explicit TestRepository(bool onMaster = false) : m_onMaster(onMaster) {}
+  bool isGenericDSOnMaster() const override { return m_onMaster; }
+
+private:
+  bool m_onMaster;
+};
+
+struct DiscoveryRepositoryTest : testing::Test
+{
+  TempDir root;
+  void SetUp() override
+  {
+    setenv("TESSARINE_ROOT", root.path().c_str(), 1);
+    std::filesystem::create_directories(root / "etc");
+    writeText(root / "etc/tq.conf", "SERVER = master\nCLIENT_NAME = here\n");
+  }
+
+  static void push(DiscoveryRepository& repository, ExplorerPush* explorer, unsigned priority,
+                   std::string const& subject, std::string const& authority,
+                   AuthorityType type = AT_TQUCLIENT)
+  {
+    repository.registerExplorer(new Subject(subject), explorer, priority,
+                                new Authority(authority, type));
+  }
+  static void pull(DiscoveryRepository& repository, ExplorerPull* explorer, unsigned priority,
+                   std::string const& subject, std::string const& authority,
+                   AuthorityType type = AT_TQUCLIENT, bool fromCache = true)
+  {
+    repository.registerExplorer(new Subject(subject), explorer, priority,
+                                new Authority(authority, type), fromCache);
+  }
+  static std::vector<std::string> names(DiscoveryRepository::Snapshot const& entries)
+  {
+    std::vector<std::string> result;
+    for (auto const& entry : *entries)
+      result.push_back(entry->getExplorer()->getExplorerName());
+    return result;
+  }
+};
+
+using Names = std::vector<std::string>;
+
+TEST_F(DiscoveryRepositoryTest, PushRegistrationOfEqualPriorityKeepsTheFirst)
+{
+  TestRepository repository;
+  AutoDereference<FakePush> first(new FakePush("first"));
+  AutoDereference<FakePush> second(new FakePush("second"));
+  push(repository, first.get(), 5, "s", "a");
+  push(repository, second.get(), 5, "s", "a");
+  EXPECT_EQ(Names{"first"}, names(repository.getPushExplorers()));
+}
+
+TEST_F(DiscoveryRepositoryTest, PushRegistrationOfHigherPriorityReplaces)
+{
+  TestRepository repository;
+  AutoDereference<FakePush> first(new FakePush("first"));
+  AutoDereference<FakePush> second(new FakePush("second"));
+  push(repository, first.get(), 5, "s", "a");
+  push(repository, second.get(), 6, "S", "A");
+  EXPECT_EQ(Names{"second"}, names(repository.getPushExplorers()));
+}
+
+TEST_F(DiscoveryRepositoryTest, PullRegistrationOfEqualPriorityReplaces)
+{
+  TestRepository repository;
+  AutoDereference<FakePull> first(new FakePull("first"));
+  AutoDereference<FakePull> second(new FakePull("second"));
+  pull(repository, first.get(), 5, "s", "a");
+  pull(repository, second.get(), 5, "s", "a");
+  EXPECT_EQ(Names{"second"}, names(repository.getPullExplorers()));
+}
+
+TEST_F(DiscoveryRepositoryTest, PullRegistrationOfLowerPriorityIsDropped)
+{
+  TestRepository repository;
+  AutoDereference<FakePull> first(new FakePull("first"));
+  AutoDereference<FakePull> second(new FakePull("second"));
+  pull(repository, first.get(), 5, "s", "a");
+  pull(repository, second.get(), 4, "s", "a");
+  EXPECT_EQ(Names{"first"}, names(repository.getPullExplorers()));
+  EXPECT_EQ(1, second->referenceCount()) << "the loser's wrapper must be gone";
+}
+
+TEST_F(DiscoveryRepositoryTest, PushAndPullOfOneIdentityCompeteAcrossTheSets)
+{
+  TestRepository repository;
+  AutoDereference<FakePull> puller(new FakePull("puller"));
+  AutoDereference<FakePush> pusher(new FakePush("pusher"));
+  pull(repository, puller.get(), 5, "s", "a");
+  push(repository, pusher.get(), 5, "s", "a");
+  EXPECT_EQ(Names{}, names(repository.getPushExplorers()));
+  push(repository, pusher.get(), 6, "s", "a");
+  EXPECT_EQ(Names{"pusher"}, names(repository.getPushExplorers()));
+  EXPECT_EQ(Names{}, names(repository.getPullExplorers()));
+  pull(repository, puller.get(), 6, "s", "a");
+  EXPECT_EQ(Names{}, names(repository.getPushExplorers()));
+  EXPECT_EQ(Names{"puller"}, names(repository.getPullExplorers()));
+}
+
+TEST_F(DiscoveryRepositoryTest, RemotePullCompetesWithEveryLocalExplorerOfItsSubject)
+{
+  TestRepository repository;
+  AutoDereference<FakePull> local(new FakePull("local"));
+  AutoDereference<FakePull> remote(new FakePull("remote"));
+  pull(repository, local.get(), 5, "s", "zzz");
+  pull(repository, remote.get(), 4, "s", "aaa", AT_REMOTEPULL);
+  EXPECT_EQ(Names{"local"}, names(repository.getPullExplorers())) << "yields to higher priority";
+  pull(repository, remote.get(), 5, "s", "aaa", AT_REMOTEPULL);
+  EXPECT_EQ(Names{"remote"}, names(repository.getPullExplorers())) << "replaces at equal priority";
+}
+
+TEST_F(DiscoveryRepositoryTest, RemotePullCompetesWithAPushExplorerOfItsSubject)
+{
+  TestRepository repository;
+  AutoDereference<FakePush> local(new FakePush("local"));
+  AutoDereference<FakePull> remote(new FakePull("remote"));
+  push(repository, local.get(), 5, "s", "zzz");
+  pull(repository, remote.get(), 4, "s", "aaa", AT_REMOTEPULL);
+  EXPECT_EQ(Names{}, names(repository.getPullExplorers())) << "yields to higher priority";
+  EXPECT_EQ(Names{"local"}, names(repository.getPushExplorers()));
+  pull(repository, remote.get(), 5, "s", "aaa", AT_REMOTEPULL);
+  EXPECT_EQ(Names{"remote"}, names(repository.getPullExplorers()));
+  EXPECT_EQ(Names{}, names(repository.getPushExplorers())) << "replaced at equal priority";
+  push(repository, local.get(), 5, "s", "zzz");
+  EXPECT_EQ(Names{}, names(repository.getPushExplorers())) << "a push must be of higher priority";
+}
+
+TEST_F(DiscoveryRepositoryTest, RemotePullReplacesAllLocalExplorersOfItsSubjectThatAreNotStronger)
+{
+  for (unsigned const strongest : {5u, 6u})
+  {
+    TestRepository repository;
+    AutoDereference<FakePull> one(new FakePull("one"));
+    AutoDereference<FakePull> two(new FakePull("two"));
+    AutoDereference<FakePush> three(new FakePush("three"));
+    AutoDereference<FakePull> other(new FakePull("other"));
+    AutoDereference<FakePull> remote(new FakePull("remote"));
+    pull(repository, one.get(), strongest, "s", "a");
+    pull(repository, two.get(), 4, "s", "b");
+    push(repository, three.get(), 3, "s", "c");
+    pull(repository, other.get(), 1, "t", "a");
+    pull(repository, remote.get(), 5, "s", "m", AT_REMOTEPULL);
+    auto const pullers = names(repository.getPullExplorers());
+    if (strongest == 5)
+    {
+      EXPECT_EQ((Names{"remote", "other"}), pullers);
+      EXPECT_EQ(Names{}, names(repository.getPushExplorers()));
+    }
+    else
+    {
+      EXPECT_EQ((Names{"one", "other", "two"}), pullers);
+      EXPECT_EQ(Names{"three"}, names(repository.getPushExplorers()));
+      EXPECT_EQ(1, remote->referenceCount()) << "dropped";
+    }
+  }
+}
+
+TEST_F(DiscoveryRepositoryTest, RemotePullYieldsToAStrongerExplorerThatIsNotTheFirstOfItsSubject)
+{
+  TestRepository repository;
+  AutoDereference<FakePull> weak(new FakePull("weak"));
+  AutoDereference<FakePull> strong(new FakePull("strong"));
+  AutoDereference<FakePull> remote(new FakePull("remote"));
+  pull(repository, weak.get(), 3, "s", "a");
+  pull(repository, strong.get(), 6, "s", "b");
+  pull(repository, remote.get(), 5, "s", "m", AT_REMOTEPULL);
+  EXPECT_EQ((Names{"weak", "strong"}), names(repository.getPullExplorers()))
+      << "what is refused drives nobody out";
+}
+
+TEST_F(DiscoveryRepositoryTest, ThePullRegistrationsAreCapped)
+{
+  constexpr int CAP = 50000;
+  TestRepository repository;
+  AutoDereference<FakePull> explorer(new FakePull("x"));
+  for (int i = 0; i < CAP; ++i)
+    pull(repository, explorer.get(), 5, "s" + std::to_string(i), "a");
+  LogCapture log;
+  pull(repository, explorer.get(), 5, "late", "a");
+  EXPECT_EQ(1, log.count(1, "DiscoveryRepository::registerExplorer",
+                         "Dropped the registration of a pull explorer for subject late: there are "
+                         "50000 already"))
+      << log.text();
+  AutoDereference<FakePull> again(new FakePull("again"));
+  pull(repository, again.get(), 5, "s7", "a");
+  EXPECT_EQ(2, again->referenceCount()) << "one that replaces another needs no room";
+  EXPECT_EQ(1u, log.lines().size()) << log.text();
+  EXPECT_EQ(std::size_t(CAP), repository.getPullExplorers()->size());
+}
+
+TEST_F(DiscoveryRepositoryTest, RegistrationsOfDifferentSubjectsStandSideBySide)
+{
+  TestRepository repository;
+  AutoDereference<FakePush> one(new FakePush("one"));
+  AutoDereference<FakePush> two(new FakePush("two"));
+  push(repository, one.get(), 5, "b", "a");
+  push(repository, two.get(), 5, "A", "a");
+  EXPECT_EQ((Names{"two", "one"}), names(repository.getPushExplorers()));
+}
+
+TEST_F(DiscoveryRepositoryTest, RegistrationTakesTheSubjectAndTheAuthorityOver)
+{
+  AutoDereference<FakePush> explorer(new FakePush("x"));
+  {
+    TestRepository repository;
+    push(repository, explorer.get(), 5, "s", "a");
+    EXPECT_EQ(2, explorer->referenceCount());
+  }
+  EXPECT_EQ(1, explorer->referenceCount());
+}
+
+TEST_F(DiscoveryRepositoryTest, ANullAuthorityMeansTheLocalHost)
+{
+  OzfHostname::overrideLocal("here");
+  TestRepository repository;
+  AutoDereference<FakePush> explorer(new FakePush("x"));
+  repository.registerExplorer(new Subject("s"), explorer.get(), 1, nullptr);
+  auto const entries = repository.getPushExplorers();
+  ASSERT_EQ(1u, entries->size());
+  EXPECT_EQ("here", (*entries->begin())->getAuthority()->getName().str());
+  EXPECT_EQ(AT_EXTSRC, (*entries->begin())->getAuthority()->getType());
+}
+
+TEST_F(DiscoveryRepositoryTest, RegistrationWithoutSubjectOrExplorerFailsTheAssertion)
+{
+  TestRepository repository;
+  LogCapture log;
+  AutoDereference<FakePush> explorer(new FakePush("x"));
+  EXPECT_THROW(repository.registerExplorer(nullptr, explorer.get(), 1, nullptr), AssertionFailure);
+  EXPECT_NE(std::string::npos, log.text().find("NULL != subject")) << log.text();
+  Subject* const subject = new Subject("s");
+  EXPECT_THROW(
+      repository.registerExplorer(subject, static_cast<ExplorerPush*>(nullptr), 1, nullptr),
+      AssertionFailure);
+  EXPECT_NE(std::string::npos, log.text().find("NULL != explorer")) << log.text();
+  delete subject;
+}
+
+TEST_F(DiscoveryRepositoryTest, ASnapshotDoesNotChange)
+{
+  TestRepository repository;
+  AutoDereference<FakePush> one(new FakePush("one"));
+  push(repository, one.get(), 5, "a", "a");
+  auto const before = repository.getPushExplorers();
+  AutoDereference<FakePush> two(new FakePush("two"));
+  push(repository, two.get(), 5, "b", "a");
+  EXPECT_EQ(Names{"one"}, names(before));
+  EXPECT_EQ((Names{"one", "two"}), names(repository.getPushExplorers()));
+}
+
+TEST_F(DiscoveryRepositoryTest, ThePluginLimitIsReplacedAndLifted)
+{
+  TestRepository repository;
+  std::list<std::string> const two{"b", "a"};
+  repository.limitExplorerPlugins(&two);
+  EXPECT_EQ(two, repository.getExplorerPluginLimit());
+  std::list<std::string> const one{"c"};
+  repository.limitExplorerPlugins(&one);
+  EXPECT_EQ(one, repository.getExplorerPluginLimit());
+  repository.limitExplorerPlugins(nullptr);
+  EXPECT_TRUE(repository.getExplorerPluginLimit().empty());
+}
+
+TEST_F(DiscoveryRepositoryTest, TheFirstParserOfANameStays)
+{
+  DiscoveryRepository& repository = getDiscoveryRepository();
+  AutoDereference<DefaultExplorerDataParser> first(new DefaultExplorerDataParser);
+  AutoDereference<DefaultExplorerDataParser> second(new DefaultExplorerDataParser);
+  repository.registerExplorerParser("p", first.get());
+  repository.registerExplorerParser("p", second.get());
+  EXPECT_EQ(first.get(), repository.getRegisteredExplorerParser("p").get());
+  EXPECT_EQ(1, second->referenceCount());
+  EXPECT_TRUE(repository.getRegisteredExplorerParser("q") == nullptr);
+}
+
+TEST_F(DiscoveryRepositoryTest, TheWildcardIsTheAsterisk)
+{
+  EXPECT_TRUE(DiscoveryRepository::stringContainsWildcard("a*b"));
+  EXPECT_FALSE(DiscoveryRepository::stringContainsWildcard("a?b%"));
+  EXPECT_FALSE(DiscoveryRepository::stringContainsWildcard(""));
+}
+
+TEST_F(DiscoveryRepositoryTest, AccessorsAssertThatThereIsAFramework)
+{
+  TestRepository repository;
+  LogCapture log;
+  EXPECT_THROW(repository.getOrb(), AssertionFailure);
+  EXPECT_THROW(repository.getOrbServiceName(), AssertionFailure);
+  EXPECT_THROW(repository.getDSType(), AssertionFailure);
+  EXPECT_THROW(repository.getDSName(), AssertionFailure);
+  for (char const* const operation : {"getOrb", "getOrbServiceName", "getDSType", "getDSName"})
+    EXPECT_TRUE(log.has(1, std::string("DiscoveryRepository::") + operation,
+                        "Assertion failed: 0 != m_discoveryFramework"))
+        << log.text();
+}
+
+TEST_F(DiscoveryRepositoryTest, TheFrameworkTellsTypeAndName)
+{
+  TestRepository repository;
+  AutoDereference<DiscoveryFramework> framework(
+      new DiscoveryFramework("sub", DST_GENERIC, nullptr, false));
+  repository.setDiscoveryFramework(framework.get());
+  EXPECT_EQ(1u, repository.getDSType());
+  EXPECT_TRUE(repository.isGenericDS());
+  EXPECT_EQ("sub", repository.getDSName());
+  EXPECT_EQ(2, framework->referenceCount());
+  repository.setDiscoveryFramework(nullptr);
+  EXPECT_EQ(1, framework->referenceCount());
+}
+
+TEST_F(DiscoveryRepositoryTest, OnTheMasterNewDiscoveriesAreLocal)
+{
+  getDiscoveryDBDatabase()->init("");
+  TestRepository repository(true);
+  CollectionAttributes attributes(CT_REAL_TIME, CS_LOCALONLY, OzfObjTime(5), OzfObjTime(60), 9);
+  attributes.setSignature("sig");
+  AutoDereference<Discovery> discovery;
+  repository.newDiscovery(discovery, DQ_FILTER_DATA, Subject("s"), Authority("a", AT_EXTSRC),
+                          attributes);
+  ASSERT_NE(nullptr, dynamic_cast<DBDiscovery*>(discovery.get()));
+  EXPECT_EQ(DQ_FILTER_DATA, discovery->getQuery());
+  EXPECT_EQ("s", discovery->getSubject()->getName().str());
+  EXPECT_EQ("a", discovery->getAuthority()->getName().str());
+  EXPECT_EQ(AT_EXTSRC, discovery->getAuthority()->getType());
+  CollectionAttributes const& copy = *discovery->getAttributes();
+  EXPECT_EQ(CT_REAL_TIME, copy.getType());
+  EXPECT_EQ(CS_LOCALONLY, copy.getStorage());
+  EXPECT_EQ(OzfObjTime(5), copy.getDiscoveryTime());
+  EXPECT_EQ(OzfObjTime(60), copy.getValidityInterval());
+  EXPECT_EQ(attributes.getExpiresTime(), copy.getExpiresTime());
+  EXPECT_EQ("sig", copy.getSignature().str());
+  EXPECT_EQ(9u, copy.getPriority());
+}
+
+TEST_F(DiscoveryRepositoryTest, ElsewhereNewDiscoveriesAreRemote)
+{
+  TestRepository repository(false);
+  AutoDereference<Discovery> discovery;
+  repository.newDiscovery(
+      discovery, DQ_DISCOVERY_DATA, Subject("s"), Authority("a", AT_EXTSRC),
+      CollectionAttributes(CT_REAL_TIME, CS_LOCALONLY, OzfObjTime(), OzfObjTime(60), 9));
+  EXPECT_NE(nullptr, dynamic_cast<RemoteDiscovery*>(discovery.get()));
+}
+
+TEST_F(DiscoveryRepositoryTest, ARemoteRegistrationOnTheMasterIsCached)
+{
+  getDiscoveryDBDatabase()->init("");
+  TestRepository repository(true);
+  AutoDereference<RemoteExplorerPull> remote(
+      new RemoteExplorerPull("DiscoveryService", "far<away", "s", "a", AT_TQUCLIENT));
+  pull(repository, remote.get(), 7, "s", "a", AT_TQUCLIENT, false);
+  EXPECT_EQ("<?xml version=\"1.0\" encoding=\"UTF-8\"?><DiscoveredItems>"
+            "<SourceHost>far&lt;away</SourceHost><ServiceName>DiscoveryService</ServiceName>"
+            "<Priority>7</Priority><OriginType>2</OriginType></DiscoveredItems>\n",
+            readText(root / "db/discovery/4 a s.dat"));
+  EXPECT_NE(std::string::npos,
+            readText(root / "db/discovery/4 a s.xml").find("<Priority>7</Priority>"));
+}
+
+TEST_F(DiscoveryRepositoryTest, AnExplorerOfThisHostOrFromTheCacheIsNotCached)
+{
+  getDiscoveryDBDatabase()->init("");
+  TestRepository repository(true);
+  AutoDereference<FakePull> local(new FakePull("local"));
+  pull(repository, local.get(), 7, "s", "a", AT_TQUCLIENT, false);
+  AutoDereference<RemoteExplorerPull> remote(
+      new RemoteExplorerPull("DiscoveryService", "far", "t", "a", AT_TQUCLIENT));
+  pull(repository, remote.get(), 7, "t", "a", AT_TQUCLIENT, true);
+  EXPECT_EQ(2u, repository.getPullExplorers()->size());
+  EXPECT_FALSE(std::filesystem::exists(root / "db/discovery/4 a s.dat"));
+  EXPECT_FALSE(std::filesystem::exists(root / "db/discovery/4 a t.dat"));
+}
+
+TEST_F(DiscoveryRepositoryTest, PersistToDiskAssertsTheMastersRole)
+{
+  TestRepository repository(false);
+  AutoDereference<FakePull> local(new FakePull("local"));
+  AutoDereference<ExplorerWrapper> entry(
+      new ExplorerWrapper(local.get(), 1, new Subject("s"), new Authority("a", AT_TQUCLIENT)));
+  LogCapture log;
+  EXPECT_THROW(repository.persistToDisk(entry), AssertionFailure);
+  EXPECT_TRUE(
+      log.has(1, "DiscoveryRepository::persistToDisk", "Assertion failed: isGenericDSOnMaster()"))
+      << log.text();
+}
+
+TEST_F(DiscoveryRepositoryTest, ACacheRecordThatCannotBeWrittenIsLogged)
+{
+  getDiscoveryDBDatabase()->init("");
+  TestRepository repository(true);
+  std::filesystem::remove_all(root / "db/discovery");
+  AutoDereference<RemoteExplorerPull> remote(
+      new RemoteExplorerPull("DiscoveryService", "far", "s", "a", AT_TQUCLIENT));
+  LogCapture log;
+  pull(repository, remote.get(), 7, "s", "a", AT_TQUCLIENT, false);
+  EXPECT_TRUE(log.has(1, "DiscoveryRepository::persistToDisk", "Failed to open collection"))
+      << log.text();
+  EXPECT_EQ(1u, repository.getPullExplorers()->size()) << "the registration itself stands";
+}
+
+TEST_F(DiscoveryRepositoryTest, ACacheRecordWhoseMetadataCannotBeReplacedIsLogged)
+{
+  getDiscoveryDBDatabase()->init("");
+  TestRepository repository(true);
+  AutoDereference<RemoteExplorerPull> remote(
+      new RemoteExplorerPull("DiscoveryService", "far", "s", "a", AT_TQUCLIENT));
+  pull(repository, remote.get(), 7, "s", "a", AT_TQUCLIENT, false);
+  // The metadata cannot be replaced at persist: a directory is in its place.
+  std::filesystem::remove(root / "db/discovery/4 a s.xml");
+  std::filesystem::create_directory(root / "db/discovery/4 a s.xml");
+  LogCapture log;
+  pull(repository, remote.get(), 7, "s", "a", AT_TQUCLIENT, false);
+  EXPECT_TRUE(
+      log.has(1, "DiscoveryRepository::persistToDisk", "Failed to persist discovery record."))
+      << log.text();
+}
+
+TEST_F(DiscoveryRepositoryTest, ExplorersAreStartedAndStoppedInSetOrderAndMayThrow)
+{
+  struct Thrower : FakePush
+  {
+    using FakePush::FakePush;
+    void startExploration(EngineContext const&, Authority const&, Subject const&,
+                          AutoDereference<OZFRefCounted>&, DiscoveryFactory*) override
+    {
+      throw std::runtime_error("broken");
+    }
+  };
+  TestRepository repository;
+  CallList calls;
+  AutoDereference<FakePush> a(new FakePush("a", &calls));
+  AutoDereference<Thrower> b(new Thrower("b", &calls));
+  AutoDereference<FakePush> c(new FakePush("c", &calls));
+  push(repository, c.get(), 1, "3", "x");
+  push(repository, a.get(), 1, "1", "x");
+  push(repository, b.get(), 1, "2", "x");
+  LogCapture log;
+  repository.startExplorers(*repository.getPushExplorers(), EngineContext());
+  repository.stopExplorers(*repository.getPushExplorers());
+  EXPECT_EQ((Names{"start a", "start c", "stop a", "stop b", "stop c"}), calls.names());
+  EXPECT_TRUE(
+      log.has(1, "DiscoveryRepository::startExplorers", "Explorer b threw an exception: broken"))
+      << log.text();
+}
+
+TEST_F(DiscoveryRepositoryTest, ShutdownStopsPushThenPullAndEmptiesTheSets)
+{
+  TestRepository repository;
+  CallList calls;
+  AutoDereference<FakePull> puller(new FakePull("puller", &calls));
+  AutoDereference<FakePush> pusher(new FakePush("pusher", &calls));
+  pull(repository, puller.get(), 1, "1", "x");
+  push(repository, pusher.get(), 1, "2", "x");
+  LogCapture log;
+  repository.shutdown();
+  EXPECT_EQ((Names{"stop pusher", "stop puller"}), calls.names());
+  EXPECT_TRUE(repository.getPushExplorers()->empty());
+  EXPECT_TRUE(repository.getPullExplorers()->empty());
+  EXPECT_TRUE(
+      log.has(4, "DiscoveryRepository::shutdown", "Waiting if any explorer timer is running"));
+  EXPECT_TRUE(
+      log.has(4, "DiscoveryRepository::shutdown", "Informing explorers to stop exploration"));
+  EXPECT_EQ(1, puller->referenceCount());
+  EXPECT_EQ(1, pusher->referenceCount());
+  repository.fini();
+}
+
+TEST_F(DiscoveryRepositoryTest, ShutdownTwiceOrFiniFirstFailTheAssertion)
+{
+  TestRepository repository;
+  LogCapture log;
+  EXPECT_THROW(repository.fini(), AssertionFailure);
+  EXPECT_TRUE(log.has(1, "DiscoveryRepository::fini", "Assertion failed: m_shuttingDown"));
+  repository.shutdown();
+  EXPECT_THROW(repository.shutdown(), AssertionFailure);
+  EXPECT_TRUE(log.has(1, "DiscoveryRepository::shutdown", "Assertion failed: !m_shuttingDown"));
+}
+
+TEST_F(DiscoveryRepositoryTest, AMissingMasterNameIsLoggedOnceACallUnderItsOldTag)
+{
+  writeText(root / "etc/tq.conf", "CLIENT_NAME = here\n");
+  TestRepository repository;
+  LogCapture log;
+  for (long call = 1; call <= 2; ++call)
+  {
+    OzfHostname master;
+    repository.getMasterServerName(master);
+    EXPECT_TRUE(master.empty());
+    EXPECT_EQ(call, log.count(1, "RemoteCollectionData::getMasterServerName",
+                              "Unable to obtain master server name"));
+  }
+}
+
+TEST_F(DiscoveryRepositoryTest, TheMasterNameComesFromTheConfiguration)
+{
+  TestRepository repository;
+  OzfHostname master;
+  repository.getMasterServerName(master);
+  EXPECT_EQ("master", master.exportNarrow());
+}
+
+} // namespace

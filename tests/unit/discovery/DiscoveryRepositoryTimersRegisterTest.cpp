@@ -1,0 +1,327 @@
+// The register timer and when it is set, and the push timer's limits.
+
+#include "discovery/DiscoveryRepositoryTimers.h"
+
+#include "discovery/DiscoveryLog.h"
+#include "tests/support/FakeExplorers.h"
+#include "tests/support/RemoteService.h"
+#include "tests/support/Service.h"
+
+#include "ozf/sync/AceReactor.h"
+
+#include <ace/Reactor.h>
+#include <ace/Timer_Queue.h>
+#include <gtest/gtest.h>
+
+#include <optional>
+
+using namespace tqtest;
+
+namespace
+{
+
+constexpr char REGISTER[] = "ExplorerRegisterTimer::handle_timeout";
+
+using PushTimer = DiscoveryRepository::ExplorerPushTimer;
+using RegisterTimer = DiscoveryRepository::ExplorerRegisterTimer;
+
+// In how many seconds the reactor will call a handler that the test accepts,
+// counted up to the next whole one; nothing when it has none.
+template <class Accept>
+std::optional<long> firingOf(Accept accept)
+{
+  ACE_Timer_Queue* const queue = getAceReactor()->timer_queue();
+  ACE_Time_Value const now = queue->gettimeofday();
+  auto& entry = queue->iter();
+  for (entry.first(); !entry.isdone(); entry.next())
+  {
+    auto* const node = entry.item();
+    if (!accept(node->get_type()))
+      continue;
+    ACE_Time_Value const left = node->get_timer_value() - now;
+    return static_cast<long>(left.sec()) + (left.usec() > 0 ? 1 : 0);
+  }
+  return std::nullopt;
+}
+
+std::optional<long> firingIn(ACE_Event_Handler const& handler)
+{
+  return firingOf([&](ACE_Event_Handler const* candidate) { return candidate == &handler; });
+}
+
+// ---- the register timer ----
+
+// The master is the test service.
+class RegisterTimerTest : public RemoteServiceTest
+{
+protected:
+  RegisterTimerTest() : RemoteServiceTest("HOST_ADDRESS.closed = 127.0.0.2\n") {}
+
+  void SetUp() override
+  {
+    RemoteServiceTest::SetUp();
+    setAceReactor(m_orb->getReactor());
+    m_timer.reset(new RegisterTimer(getDiscoveryRepository(), m_framework));
+  }
+  void TearDown() override
+  {
+    m_timer->shutdown();
+    if (!getDiscoveryRepository().isShuttingDown())
+      getDiscoveryRepository().shutdown();
+    setAceReactor(nullptr);
+    RemoteServiceTest::TearDown();
+  }
+
+  void fire() { m_timer->handle_timeout(ACE_Time_Value::zero, nullptr); }
+
+  void expectRetryIn300Seconds()
+  {
+    EXPECT_EQ(2, m_timer->referenceCount()) << "the reactor holds one";
+    EXPECT_EQ(300, firingIn(*m_timer).value_or(-1));
+  }
+  void expectNoRetry()
+  {
+    EXPECT_EQ(1, m_timer->referenceCount());
+    EXPECT_FALSE(firingIn(*m_timer));
+  }
+  static bool hasPushTimer()
+  {
+    return firingOf([](ACE_Event_Handler* handler)
+                    { return dynamic_cast<PushTimer*>(handler) != nullptr; })
+        .has_value();
+  }
+  static void registerPull(std::string const& subject)
+  {
+    AutoDereference<FakePull> const explorer(new FakePull(subject));
+    getDiscoveryRepository().registerExplorer(new Subject(subject), explorer.get(), 1,
+                                              new Authority("a", AT_TQUCLIENT), false);
+  }
+
+  CallList m_calls; // outlives the test's end, which stops the explorers
+  AutoDereference<RegisterTimer> m_timer;
+};
+
+TEST_F(RegisterTimerTest, WithoutAMasterNameItIsSetForThreeHundredSeconds)
+{
+  writeText(m_root / "etc/tq.conf", "CLIENT_NAME = clienthost\n");
+  ASSERT_TRUE(reloadConfiguration());
+  fire();
+  EXPECT_TRUE(m_log.has(1, REGISTER, "Cannot find master server name, cannot register explorers"));
+  expectRetryIn300Seconds();
+  EXPECT_FALSE(hasPushTimer());
+}
+
+TEST_F(RegisterTimerTest, WithoutAConnectionItIsSetForThreeHundredSeconds)
+{
+  serveWriter();
+  m_orb->advertiseObject(SERVICE, m_service->writer); // no discovery service
+  fire();
+  EXPECT_TRUE(m_log.has(1, REGISTER,
+                        "Failed to connect to discovery service on the master, retrying later"))
+      << m_log.text();
+  expectRetryIn300Seconds();
+  EXPECT_FALSE(hasPushTimer());
+}
+
+TEST_F(RegisterTimerTest, AnExceptionOfTheMasterSetsItForThreeHundredSeconds)
+{
+  registerPull("one");
+  m_service->beforeRegister = [] { throw CORBA::NO_RESOURCES(); };
+  fire();
+  EXPECT_NE(std::string::npos,
+            m_log.text().find("1 " + std::string(REGISTER) +
+                              ": Caught CORBA exception registering explorers with master, "
+                              "retrying laterNO_RESOURCES"))
+      << m_log.text();
+  expectRetryIn300Seconds();
+  EXPECT_FALSE(hasPushTimer());
+}
+
+TEST_F(RegisterTimerTest, AFiringThatFailsOtherwiseSetsItForThreeHundredSeconds)
+{
+  struct Forgetful : DiscoveryRepository
+  {
+    void getMasterServerName(OzfHostname&) const override { throw std::runtime_error("forgotten"); }
+  };
+  Forgetful repository;
+  repository.setDiscoveryFramework(m_framework.get());
+  m_timer.reset(new RegisterTimer(repository, m_framework));
+  fire();
+  EXPECT_TRUE(m_log.has(1, "DiscoveryTimerBase::handle_timeout",
+                        "A timer's firing ended early and is tried again: forgotten"))
+      << m_log.text();
+  expectRetryIn300Seconds();
+}
+
+TEST_F(RegisterTimerTest, OnceAnnouncedItIsNotSetAgainAndThePushTimerIs)
+{
+  registerPull("one");
+  registerPull("two");
+  AutoDereference<FakePush> const pusher(new FakePush("pusher", &m_calls, 3600));
+  getDiscoveryRepository().registerExplorer(new Subject("p"), pusher.get(), 1,
+                                            new Authority("a", AT_TQUCLIENT));
+  fire();
+  EXPECT_EQ((std::vector<std::string>{"one", "two"}), m_service->registered);
+  EXPECT_TRUE(m_log.has(1, REGISTER, "Successfully registered explorers with master"));
+  expectNoRetry();
+  EXPECT_TRUE(m_calls.waitFor(
+      [](auto const& names)
+      { return std::find(names.begin(), names.end(), "explore pusher") != names.end(); },
+      std::chrono::seconds(20)));
+}
+
+TEST_F(RegisterTimerTest, TheShutdownEndsTheAnnouncementsBetweenTwoExplorers)
+{
+  registerPull("one");
+  registerPull("two");
+  registerPull("three");
+  m_service->beforeRegister = [] { getDiscoveryRepository().shutdown(); };
+  fire();
+  EXPECT_EQ(std::vector<std::string>{"one"}, m_service->registered);
+  expectNoRetry();
+  EXPECT_FALSE(hasPushTimer());
+}
+
+TEST_F(RegisterTimerTest, WithoutAnOrbItSaysSoAndIsNotSet)
+{
+  AutoDereference<DiscoveryFramework> const withoutOrb(
+      new DiscoveryFramework("", DST_NONE, nullptr, false));
+  getDiscoveryRepository().setDiscoveryFramework(withoutOrb.get());
+  fire();
+  EXPECT_EQ(1, m_log.count(1, REGISTER, "Cannot get instance of ORB")) << m_log.text();
+  expectNoRetry();
+  getDiscoveryRepository().setDiscoveryFramework(m_framework.get());
+}
+
+TEST_F(RegisterTimerTest, WithAnOrbThatIsDownItSaysSoAndIsNotSet)
+{
+  Orb down(0, "", "down", 0, 0);
+  AutoDereference<DiscoveryFramework> const withOrbDown(
+      new DiscoveryFramework("", DST_NONE, &down, false));
+  getDiscoveryRepository().setDiscoveryFramework(withOrbDown.get());
+  fire();
+  EXPECT_EQ(1, m_log.count(1, REGISTER, "Cannot get instance of ORB Core")) << m_log.text();
+  expectNoRetry();
+  getDiscoveryRepository().setDiscoveryFramework(m_framework.get());
+}
+
+TEST_F(RegisterTimerTest, TheFirstDelayDependsOnTheLeadingDigitsOfTheName)
+{
+  auto const firstDelay = [](char const* name)
+  {
+    OzfHostname::overrideLocal(name);
+    getDiscoveryRepository().startRegisterTimer();
+    return firingOf([](ACE_Event_Handler* handler)
+                    { return dynamic_cast<RegisterTimer*>(handler) != nullptr; })
+        .value_or(-1);
+  };
+  auto const drawn = [](unsigned seed)
+  {
+    srand(seed);
+    return rand() % 300;
+  };
+  EXPECT_EQ(drawn(0), firstDelay("web1"));
+  EXPECT_EQ(drawn(0), firstDelay("db2"));
+  EXPECT_EQ(drawn(17), firstDelay("17a"));
+  EXPECT_EQ(drawn(17), firstDelay("17b"));
+  EXPECT_EQ(drawn(2), firstDelay("2"));
+  EXPECT_NE(drawn(0), drawn(17));
+  EXPECT_GT(drawn(0), 60) << "drawn from the wider range";
+}
+
+// ---- the push timer ----
+
+// A push timer that the test fires itself, under a clock of the test.
+struct PushTimerTest : testing::Test
+{
+  static inline std::atomic<std::int64_t> microseconds{0};
+  static void setNow(std::int64_t seconds, std::int64_t part = 0)
+  {
+    microseconds = seconds * 1'000'000 + part;
+  }
+
+  Service host;
+  LogCapture log;
+  CallList calls;
+
+  void SetUp() override { host.start(); }
+  void TearDown() override { OzfObjTime::setClock(nullptr); }
+
+  static void useClock()
+  {
+    OzfObjTime::setClock(
+        [] { return OzfObjTime(microseconds / 1'000'000, microseconds % 1'000'000); });
+  }
+  static DiscoveryRepository::Snapshot entriesOf(Explorer const& explorer)
+  {
+    ExplorerSet set;
+    set.insert(AutoDereference<ExplorerWrapper>(
+        new ExplorerWrapper(&explorer, 1, new Subject("s"), new Authority("a", AT_TQUCLIENT))));
+    return std::make_shared<ExplorerSet const>(std::move(set));
+  }
+  static AutoDereference<PushTimer> timerFor(Explorer const& explorer)
+  {
+    return AutoDereference<PushTimer>(new PushTimer(getDiscoveryRepository(), entriesOf(explorer)));
+  }
+  // The number of explorations after one more pass.
+  std::size_t pass(PushTimer& timer)
+  {
+    timer.handle_timeout(ACE_Time_Value::zero, nullptr);
+    timer.cancel();
+    return calls.names().size();
+  }
+};
+
+TEST_F(PushTimerTest, AnExplorerIsDueWhenItsIntervalIsOverToTheMicrosecond)
+{
+  AutoDereference<FakePush> const explorer(new FakePush("x", &calls, 100));
+  auto const timer = timerFor(*explorer);
+  explorer->setLastExplorationTime(OzfObjTime(5000, 7));
+  useClock();
+  setNow(5100, 6);
+  EXPECT_EQ(0u, pass(*timer)) << "a microsecond early";
+  setNow(5100, 7);
+  EXPECT_EQ(1u, pass(*timer));
+  EXPECT_EQ(OzfObjTime(5100, 7), explorer->getLastExplorationTime());
+  EXPECT_EQ(1u, pass(*timer)) << "it has just run";
+}
+
+TEST_F(PushTimerTest, AnExplorerOfTheFutureRunsOnceItsTimeHasCome)
+{
+  AutoDereference<FakePush> const explorer(new FakePush("x", &calls, 10));
+  auto const timer = timerFor(*explorer);
+  explorer->setLastExplorationTime(OzfObjTime(9000));
+  useClock();
+  for (std::int64_t const now : {5000, 8999, 9000, 9009})
+  {
+    setNow(now);
+    EXPECT_EQ(0u, pass(*timer)) << now;
+  }
+  setNow(9010);
+  EXPECT_EQ(1u, pass(*timer));
+}
+
+TEST_F(PushTimerTest, APassSetsTheNextInFiveSeconds)
+{
+  AutoDereference<FakePush> const explorer(new FakePush("x", &calls, 100));
+  auto const timer = timerFor(*explorer);
+  timer->handle_timeout(ACE_Time_Value::zero, nullptr);
+  EXPECT_EQ(2, timer->referenceCount());
+  EXPECT_EQ(5, firingIn(*timer).value_or(-1));
+  timer->shutdown();
+}
+
+TEST_F(PushTimerTest, APassThatFailsAnAssertionSetsTheNextAllTheSame)
+{
+  AutoDereference<FakePull> const noPushExplorer(new FakePull("x", &calls));
+  auto const timer = timerFor(*noPushExplorer);
+  EXPECT_NO_THROW(timer->handle_timeout(ACE_Time_Value::zero, nullptr));
+  EXPECT_TRUE(log.has(1, "ExplorerPushTimer::handle_timeout", "Assertion failed: NULL != exp"))
+      << log.text();
+  EXPECT_EQ(2, timer->referenceCount());
+  EXPECT_EQ(5, firingIn(*timer).value_or(-1));
+  timer->shutdown();
+  EXPECT_EQ(1, timer->referenceCount());
+}
+
+} // namespace

@@ -1,0 +1,259 @@
+#include "discovery/DiscoveryService_iIterators.h"
+
+#include "discovery/DiscoveryLog.h"
+
+#include "tests/support/FakeExplorers.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/Service.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+
+using namespace tqtest;
+using namespace Quillon::Tessarine::Ozf;
+namespace Remote = Quillon::Tessarine::Ozf::DiscoverySvc::Remote;
+
+namespace
+{
+
+struct DiscoveryService_iIteratorsTest : testing::Test
+{
+  Service host;
+  Remote::DiscoveryService_var service;
+  LogCapture log;
+
+  void SetUp() override
+  {
+    host.start();
+    service = host.connect();
+    ASSERT_FALSE(CORBA::is_nil(service));
+  }
+
+  void storeMany(int count)
+  {
+    for (int i = 0; i < count; ++i)
+      ASSERT_EQ(svc::DS_SUCCESS, Service::store("s" + std::to_string(i), "a"));
+  }
+  Remote::DiscoveryIterator_var query()
+  {
+    return service->queryDiscoveries(svc::DQ_DISCOVERY_DATA, svc::AT_ANYANDALL, "*", "*");
+  }
+  Remote::CollectionDataIterator_var open(char const* subject)
+  {
+    Remote::CollectionDataIterator_var iterator;
+    EXPECT_EQ(svc::DS_SUCCESS,
+              service->getCollectionData(Service::record(subject, "a"), "", iterator.out()));
+    return iterator;
+  }
+  template <class Iterator>
+  static std::vector<unsigned> pages(Iterator& iterator, std::size_t most)
+  {
+    std::vector<unsigned> lengths;
+    while (lengths.size() < most)
+    {
+      auto* const page = iterator->getNextPage();
+      lengths.push_back(page->length());
+      delete page;
+      if (lengths.back() == 0)
+        break;
+    }
+    return lengths;
+  }
+};
+
+using Lengths = std::vector<unsigned>;
+
+TEST_F(DiscoveryService_iIteratorsTest, TwentyDiscoveriesComeInPagesOfNineNineAndTwo)
+{
+  storeMany(20);
+  auto iterator = query();
+  EXPECT_EQ(8, iterator->pageSize());
+  EXPECT_EQ((Lengths{9, 9, 2, 0}), pages(iterator, 10));
+  EXPECT_EQ((Lengths{0}), pages(iterator, 10)) << "an exhausted iterator stays empty";
+}
+
+TEST_F(DiscoveryService_iIteratorsTest, PageSizeZeroGivesOneRecordAPage)
+{
+  storeMany(3);
+  auto iterator = query();
+  iterator->pageSize(0);
+  EXPECT_EQ((Lengths{1, 1, 1, 0}), pages(iterator, 10));
+}
+
+TEST_F(DiscoveryService_iIteratorsTest, ANegativePageSizeGivesEmptyPages)
+{
+  storeMany(3);
+  auto iterator = query();
+  iterator->pageSize(-1);
+  EXPECT_EQ(-1, iterator->pageSize());
+  EXPECT_EQ((Lengths{0}), pages(iterator, 10));
+  iterator->pageSize(8);
+  EXPECT_EQ((Lengths{3, 0}), pages(iterator, 10)) << "nothing was lost";
+}
+
+TEST_F(DiscoveryService_iIteratorsTest, TheGreatestPageSizeHandsOutEverything)
+{
+  storeMany(3);
+  auto iterator = query();
+  iterator->pageSize(std::numeric_limits<CORBA::Long>::max());
+  EXPECT_EQ((Lengths{3, 0}), pages(iterator, 10));
+}
+
+TEST_F(DiscoveryService_iIteratorsTest, ARecordSaysWhatIsStored)
+{
+  ASSERT_EQ(svc::DS_SUCCESS, Service::store("subj", "auth", svc::AT_EXTSRC, "<x/>", 9));
+  auto iterator = query();
+  Remote::DiscoverySeq_var page = iterator->getNextPage();
+  ASSERT_EQ(1u, page->length());
+  Remote::Discovery const& record = page[0];
+  EXPECT_EQ(svc::DQ_UNDEFINED, record.queryType) << "whatever was stored";
+  EXPECT_STREQ("subj", record.subject);
+  EXPECT_STREQ("auth", record.authority);
+  EXPECT_EQ(svc::AT_EXTSRC, record.authType);
+  EXPECT_EQ(svc::CT_POINT_IN_TIME, record.attributes.colType);
+  EXPECT_EQ(svc::CS_CENTRALREPOSITORY, record.attributes.colStorage);
+  EXPECT_EQ(0, record.attributes.priority) << "a record read from its document has none";
+  EXPECT_EQ(1000u, record.attributes.discoveryTime);
+  EXPECT_NEAR(3600, static_cast<double>(record.attributes.timeToLive), 5);
+  EXPECT_STREQ("here", record.sourceHost);
+  EXPECT_STREQ("DiscoveryService", record.sourceServiceName);
+}
+
+TEST_F(DiscoveryService_iIteratorsTest, ThePayloadComesInPagesOfEightBytes)
+{
+  ASSERT_EQ(svc::DS_SUCCESS, Service::store("s", "a", svc::AT_TQUCLIENT, "01234567890123456789"));
+  auto iterator = open("s");
+  EXPECT_EQ(8, iterator->pageSize());
+  EXPECT_EQ((Lengths{8, 8, 4, 0}), pages(iterator, 10));
+}
+
+TEST_F(DiscoveryService_iIteratorsTest, APageSizeOfBytesIsHonouredAndBounded)
+{
+  std::string const payload(3 * Remote::MAX_PAGE_BYTES / 2, 'p');
+  ASSERT_EQ(svc::DS_SUCCESS, Service::store("s", "a", svc::AT_TQUCLIENT, payload));
+  auto iterator = open("s");
+  iterator->pageSize(7);
+  EXPECT_EQ((Lengths{7, 7}), pages(iterator, 2));
+  iterator->pageSize(std::numeric_limits<CORBA::Long>::max());
+  EXPECT_EQ((Lengths{static_cast<unsigned>(Remote::MAX_PAGE_BYTES),
+                     static_cast<unsigned>(payload.size() - 14 - Remote::MAX_PAGE_BYTES), 0}),
+            pages(iterator, 10));
+}
+
+TEST_F(DiscoveryService_iIteratorsTest, APageSizeThatIsNotPositiveGivesEmptyPayloadPages)
+{
+  ASSERT_EQ(svc::DS_SUCCESS, Service::store("s", "a", svc::AT_TQUCLIENT, "0123456789"));
+  auto iterator = open("s");
+  iterator->pageSize(-5);
+  EXPECT_EQ((Lengths{0}), pages(iterator, 10));
+  iterator->pageSize(0);
+  EXPECT_EQ((Lengths{0}), pages(iterator, 10));
+  iterator->pageSize(100);
+  EXPECT_EQ((Lengths{10, 0}), pages(iterator, 10));
+}
+
+TEST_F(DiscoveryService_iIteratorsTest, AReadErrorIsAnEmptyPageAndALogLine)
+{
+  struct Broken : svc::CollectionData
+  {
+    int open(svc::OpenMode, char const*) override { return 1; }
+    long readCollection(unsigned long, void*) const override { return -1; }
+    long writeCollection(unsigned long, void const*) const override { return 0; }
+  };
+  struct BrokenDiscovery : svc::Discovery
+  {
+    BrokenDiscovery() : Discovery(new Broken, svc::DQ_DISCOVERY_DATA) {}
+    svc::DiscoveryStatus open(svc::OpenMode, char const*) override { return svc::DS_SUCCESS; }
+    svc::DiscoveryStatus persist() override { return svc::DS_SUCCESS; }
+  };
+  AutoDereference<svc::Discovery> discovery(new BrokenDiscovery);
+  PortableServer::ServantBase_var const owner(new Remote::CollectionDataIterator_i(discovery));
+  auto& iterator = dynamic_cast<Remote::CollectionDataIterator_i&>(*owner.in());
+  ASSERT_TRUE(iterator.open(""));
+  Remote::CollectionDataSeq_var const page = iterator.getNextPage();
+  EXPECT_EQ(0u, page->length());
+  EXPECT_TRUE(
+      log.has(1, "CollectionDataIterator_i::getNextPage", "Failed to read from CollectionData"))
+      << log.text();
+}
+
+TEST_F(DiscoveryService_iIteratorsTest, ReleaseDropsTheIteratorAtOnce)
+{
+  ASSERT_EQ(svc::DS_SUCCESS, Service::store("s", "a"));
+  auto discoveries = query();
+  discoveries->release();
+  EXPECT_TRUE(log.has(4, "DiscoveryIterator_i::release", "releasing discovery iterator"));
+  EXPECT_THROW(discoveries->getNextPage(), CORBA::OBJECT_NOT_EXIST);
+
+  auto data = open("s");
+  data->release();
+  EXPECT_TRUE(
+      log.has(4, "CollectionDataIterator_i::release", "Releasing collection data iterator"));
+  EXPECT_THROW(data->getNextPage(), CORBA::OBJECT_NOT_EXIST);
+  EXPECT_EQ(0u, host.orb().getEvictor().size());
+}
+
+TEST_F(DiscoveryService_iIteratorsTest, APayloadsIteratorIsGoneAfter300IdleSeconds)
+{
+  ASSERT_EQ(svc::DS_SUCCESS, Service::store("s", "a"));
+  auto now = std::make_shared<std::chrono::steady_clock::time_point>();
+  Evictor& evictor = host.orb().getEvictor();
+  evictor.setClock([now] { return *now; });
+  auto iterator = open("s");
+  *now += std::chrono::seconds(299);
+  evictor.evictIdle();
+  EXPECT_EQ(8, iterator->pageSize()) << "the call counts as use";
+  *now += std::chrono::seconds(299);
+  evictor.evictIdle();
+  EXPECT_EQ(1u, evictor.size());
+  *now += std::chrono::seconds(2);
+  evictor.evictIdle();
+  EXPECT_THROW(iterator->getNextPage(), CORBA::OBJECT_NOT_EXIST);
+}
+
+TEST_F(DiscoveryService_iIteratorsTest, ReleaseWithoutAnIdStillDropsTheReferences)
+{
+  AutoDereference<svc::DiscoveryIterator> const local(
+      svc::getDiscoveryRepository().queryDiscoveries(svc::DQ_DISCOVERY_DATA, "*", "*",
+                                                     svc::AT_ANYANDALL));
+  PortableServer::ServantBase_var const owner(new Remote::DiscoveryIterator_i(local.get()));
+  auto& servant = dynamic_cast<Remote::DiscoveryIterator_i&>(*owner.in());
+  EXPECT_EQ(2, local->referenceCount());
+  servant.release();
+  EXPECT_TRUE(log.has(1, "removeFromEvictor", "Nothing to be evicted, Object ID is not valid"));
+  EXPECT_EQ(1, local->referenceCount());
+  EXPECT_THROW(servant.getNextPage(), AssertionFailure);
+  EXPECT_TRUE(log.has(1, "DiscoveryIterator_i::getNextPage",
+                      "Assertion failed: NULL != m_discoveryIterator"))
+      << log.text();
+}
+
+TEST_F(DiscoveryService_iIteratorsTest, AFailedAssertionReachesARemoteCallerAsInternal)
+{
+  AutoDereference<svc::DiscoveryIterator> const local(
+      svc::getDiscoveryRepository().queryDiscoveries(svc::DQ_DISCOVERY_DATA, "*", "*",
+                                                     svc::AT_ANYANDALL));
+  PortableServer::ServantBase_var const owner(new Remote::DiscoveryIterator_i(local.get()));
+  auto& servant = dynamic_cast<Remote::DiscoveryIterator_i&>(*owner.in());
+  servant.release();
+  CORBA::Object_var const object = host.orb().activateObject(&servant);
+  Remote::DiscoveryIterator_var const reference = Remote::DiscoveryIterator::_narrow(object);
+  EXPECT_THROW(reference->getNextPage(), CORBA::INTERNAL);
+  EXPECT_EQ(8, reference->pageSize()) << "the service goes on";
+}
+
+TEST_F(DiscoveryService_iIteratorsTest, APullExplorersRecordHasNoAttributesOnTheWire)
+{
+  AutoDereference<FakePull> explorer(new FakePull("p", nullptr, "<pulled/>"));
+  svc::getDiscoveryRepository().registerExplorer(new svc::Subject("s"), explorer.get(), 5,
+                                                 new svc::Authority("a", svc::AT_TQUCLIENT), true);
+  auto iterator = query();
+  Remote::DiscoverySeq_var page = iterator->getNextPage();
+  ASSERT_EQ(1u, page->length());
+  EXPECT_EQ(0, page[0].attributes.priority);
+  EXPECT_EQ(0u, page[0].attributes.timeToLive);
+  EXPECT_EQ(0u, page[0].attributes.discoveryTime);
+}
+
+} // namespace

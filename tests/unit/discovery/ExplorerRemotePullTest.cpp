@@ -1,0 +1,230 @@
+#include "discovery/ExplorerRemotePull.h"
+
+#include "tests/support/RemoteService.h"
+
+#include <gtest/gtest.h>
+
+using namespace tqtest;
+
+namespace
+{
+
+constexpr char OPERATION[] = "RemotePullExplorer::collectionRequested";
+
+// Notes how it is opened and what is written to it.
+class Target : public CollectionData
+{
+public:
+  bool mayOpen = true;
+  int opensLeft = 1000;
+  mutable std::vector<std::string> writes;
+  std::vector<std::pair<OpenMode, std::string>> opens;
+
+  int open(OpenMode mode, char const* name) override
+  {
+    opens.emplace_back(mode, name);
+    return mayOpen && opensLeft-- > 0;
+  }
+  long readCollection(unsigned long, void*) const override { return 0; }
+  long writeCollection(unsigned long len, void const* buf) const override
+  {
+    writes.emplace_back(static_cast<char const*>(buf), len);
+    return 1;
+  }
+};
+
+class ExplorerRemotePullTest : public RemoteServiceTest
+{
+protected:
+  ExplorerRemotePullTest()
+      : m_explorer(
+            new RemoteExplorerPull("DiscoveryService", "localhost", "name 3", "name 4", AT_EXTSRC))
+  {
+  }
+
+  bool request(char const* filter = "")
+  {
+    AutoDereference<OZFRefCounted> context;
+    return m_explorer->collectionRequested(DQ_DISCOVERY_DATA, Authority("volume", AT_TQUCLIENT),
+                                           Subject("hostA"), context, filter, &m_target);
+  }
+
+  bool hasText(std::string const& text) const
+  {
+    return m_log.text().find("1 " + std::string(OPERATION) + ": " + text) != std::string::npos;
+  }
+
+  AutoDereference<RemoteExplorerPull> m_explorer;
+  Target m_target;
+};
+
+} // namespace
+
+TEST_F(ExplorerRemotePullTest, KeepsWhatItWasMadeFrom)
+{
+  EXPECT_STREQ(m_explorer->getExplorerName(), "RemotePullExplorer");
+  EXPECT_EQ(m_explorer->getServiceName().str(), "DiscoveryService");
+  EXPECT_EQ(m_explorer->getHost().exportNarrow(), "localhost");
+  EXPECT_EQ(m_explorer->getRegistrationName1().str(), "name 3");
+  EXPECT_EQ(m_explorer->getRegistrationName2().str(), "name 4");
+  EXPECT_EQ(m_explorer->getAuthorityType(), AT_EXTSRC);
+}
+
+TEST_F(ExplorerRemotePullTest, CopiesThePayloadOfTheOneMatch)
+{
+  std::string const bytes(3000, 'x');
+  serveRecords({{makeRecord("hostA", "volume")}});
+  serveData({bytes});
+  EXPECT_TRUE(request("<FilterParameters/>")) << m_log.text();
+  ASSERT_EQ(m_target.writes.size(), 3U);
+  EXPECT_EQ(m_target.writes[0].size(), 1024U);
+  EXPECT_EQ(m_target.writes[1].size(), 1024U);
+  EXPECT_EQ(m_target.writes[2].size(), 952U);
+
+  ASSERT_EQ(m_service->queries.size(), 1U);
+  auto const& query = m_service->queries.front();
+  EXPECT_EQ(query.query, DQ_DISCOVERY_DATA);
+  EXPECT_EQ(query.type, AT_EXTSRC) << "its own type, not the authority's";
+  EXPECT_EQ(query.subject, "hostA");
+  EXPECT_EQ(query.authority, "volume");
+  EXPECT_NE(query.thread, std::this_thread::get_id()) << "not over a socket";
+}
+
+TEST_F(ExplorerRemotePullTest, OpensBothSidesTwiceAndTheFilterIsForTheFirst)
+{
+  serveRecords({{makeRecord()}});
+  serveData({"data"});
+  m_service->before = [this, calls = 0]() mutable
+  {
+    if (++calls == 3)
+      serveData({"data again"});
+  };
+  EXPECT_TRUE(request("<FilterParameters/>")) << m_log.text();
+  ASSERT_EQ(m_service->dataRequests.size(), 2U);
+  EXPECT_EQ(m_service->dataRequests[0].second, "<FilterParameters/>");
+  EXPECT_EQ(m_service->dataRequests[1].second, "");
+  ASSERT_EQ(m_target.opens.size(), 2U);
+  for (auto const& [mode, name] : m_target.opens)
+  {
+    EXPECT_EQ(mode, OM_UPDATE);
+    EXPECT_EQ(name, "");
+  }
+  EXPECT_EQ(m_target.writes, std::vector<std::string>{"data again"});
+}
+
+TEST_F(ExplorerRemotePullTest, PayloadOfTheBuffersSizeTakesOneWrite)
+{
+  serveRecords({{makeRecord()}});
+  serveData({std::string(1024, 'x')});
+  EXPECT_TRUE(request()) << m_log.text();
+  EXPECT_EQ(m_target.writes.size(), 1U);
+}
+
+TEST_F(ExplorerRemotePullTest, NoServiceIsAFailure)
+{
+  m_explorer.reset(new RemoteExplorerPull("NoSuchService", "localhost", "", "", AT_TQUCLIENT));
+  EXPECT_FALSE(request());
+  EXPECT_TRUE(m_log.has(1, OPERATION, "Failed to connect to discovery service")) << m_log.text();
+}
+
+TEST_F(ExplorerRemotePullTest, NoMatchIsAFailure)
+{
+  auto* const records = serveRecords({});
+  EXPECT_FALSE(request());
+  EXPECT_TRUE(m_log.has(1, OPERATION, "No records found!")) << m_log.text();
+  EXPECT_EQ(records->releases, 1);
+}
+
+TEST_F(ExplorerRemotePullTest, TwoMatchesAreAFailureAndNothingIsCopied)
+{
+  serveRecords({{makeRecord("a"), makeRecord("b")}});
+  serveData({"data"});
+  EXPECT_FALSE(request());
+  EXPECT_TRUE(m_log.has(1, OPERATION, "Too many records found")) << m_log.text();
+  EXPECT_TRUE(m_target.opens.empty());
+  EXPECT_TRUE(m_service->dataRequests.empty());
+}
+
+TEST_F(ExplorerRemotePullTest, UnreadableSourceIsReportedAsTheTarget)
+{
+  serveRecords({{makeRecord()}});
+  m_service->dataStatus = DS_NONE_FOUND;
+  EXPECT_FALSE(request());
+  EXPECT_TRUE(m_log.has(1, OPERATION, "Failed to target open collection data")) << m_log.text();
+  EXPECT_TRUE(m_target.opens.empty());
+}
+
+TEST_F(ExplorerRemotePullTest, UnwritableTargetIsReportedAsTheSource)
+{
+  serveRecords({{makeRecord()}});
+  serveData({"data"});
+  m_target.mayOpen = false;
+  EXPECT_FALSE(request());
+  EXPECT_TRUE(m_log.has(1, OPERATION, "Failed to source open colection data")) << m_log.text();
+  EXPECT_EQ(m_target.opens.size(), 1U);
+}
+
+TEST_F(ExplorerRemotePullTest, SecondOpenFailsWithoutALineOfItsOwn)
+{
+  serveRecords({{makeRecord()}});
+  serveData({"data"});
+  m_target.opensLeft = 1;
+  EXPECT_FALSE(request());
+  EXPECT_EQ(m_target.opens.size(), 2U);
+  EXPECT_TRUE(m_target.writes.empty());
+  auto const lines = m_log.lines();
+  EXPECT_TRUE(std::none_of(lines.begin(), lines.end(),
+                           [](LogLine const& line)
+                           { return line.level == 1 && line.operation == OPERATION; }))
+      << m_log.text();
+}
+
+TEST_F(ExplorerRemotePullTest, ExceptionOfTheQueryIsAFailure)
+{
+  m_service->before = [] { throw CORBA::COMM_FAILURE(); };
+  EXPECT_FALSE(request());
+  EXPECT_TRUE(hasText("Caught CORBA Exception while querying for discoveries: COMM_FAILURE"))
+      << m_log.text();
+}
+
+TEST_F(ExplorerRemotePullTest, ExceptionOfTheRecordsIsAFailure)
+{
+  auto* const records = serveRecords({{makeRecord()}});
+  records->beforePage = [] { throw CORBA::NO_RESOURCES(); };
+  EXPECT_FALSE(request());
+  EXPECT_TRUE(hasText("Caught CORBA Exception while querying for discoveries: NO_RESOURCES"))
+      << m_log.text();
+  EXPECT_FALSE(m_log.has(1, OPERATION, "No records found!"));
+}
+
+TEST_F(ExplorerRemotePullTest, ConcurrentRequestsAreIndependent)
+{
+  m_service->makeRecords = [this]
+  {
+    auto* const servant = new RecordPages;
+    servant->pages = {{makeRecord()}};
+    return activate<Remote::DiscoveryIterator>(servant);
+  };
+  m_service->makeData = [this]
+  {
+    auto* const servant = new DataPages;
+    servant->pages = {std::string(5000, 'x')};
+    return activate<Remote::CollectionDataIterator>(servant);
+  };
+  std::atomic<int> complete{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i)
+    threads.emplace_back(
+        [&]
+        {
+          Target target;
+          AutoDereference<OZFRefCounted> context;
+          if (m_explorer->collectionRequested(DQ_DISCOVERY_DATA, Authority("volume", AT_TQUCLIENT),
+                                              Subject("hostA"), context, "", &target) &&
+              target.writes.size() == 5)
+            ++complete;
+        });
+  for (auto& thread : threads)
+    thread.join();
+  EXPECT_EQ(complete, 8) << m_log.text();
+}

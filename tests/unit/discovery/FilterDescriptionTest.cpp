@@ -1,0 +1,124 @@
+#include "discovery/FilterDescription.h"
+
+#include "discovery/DiscDB.h"
+#include "discovery/DiscoveryFramework.h"
+#include "discovery/DiscoveryRepository.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+using namespace Quillon::Tessarine::Ozf;
+using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
+
+namespace
+{
+
+// This host is the master and its process the discovery service, without an
+// ORB: its own database answers.
+struct FilterDescriptionTest : testing::Test
+{
+  TempDir root;
+  AutoDereference<DiscoveryFramework> framework;
+
+  void SetUp() override
+  {
+    setenv("TESSARINE_ROOT", root.path().c_str(), 1);
+    std::filesystem::create_directories(root / "etc");
+    writeText(root / "etc/tq.conf", "CLIENT_NAME = here\nSERVER = here\n");
+    getDiscoveryDBDatabase()->init("");
+    framework.reset(new DiscoveryFramework("", DST_GENERIC, nullptr, false));
+    getDiscoveryRepository().setDiscoveryFramework(framework.get());
+  }
+  void TearDown() override { getDiscoveryRepository().setDiscoveryFramework(nullptr); }
+
+  static void store(std::string const& subject, std::string const& authority, AuthorityType type,
+                    std::string const& payload)
+  {
+    AutoDereference<Discovery> discovery;
+    getDiscoveryRepository().newDiscovery(
+        discovery, DQ_FILTER_DATA, Subject(subject), Authority(authority, type),
+        CollectionAttributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY, OzfObjTime::now(),
+                             OzfObjTime(3600), 1));
+    ASSERT_EQ(DS_SUCCESS, discovery->open(OM_UPDATE, ""));
+    ASSERT_NE(0, discovery->getCollectionData()->writeCollection(payload.size(), payload.data()));
+    ASSERT_EQ(DS_SUCCESS, discovery->persist());
+  }
+
+  static std::string description(std::string const& attributes)
+  {
+    return "<QueryDescription>" + attributes + "</QueryDescription>";
+  }
+  static std::string attribute(std::string const& name)
+  {
+    return "<Attribute Name=\"" + name + "\" Type=\"size\"/>";
+  }
+  static std::string filterData(std::string const& descriptions)
+  {
+    return "<FilterData>" + descriptions + "</FilterData>";
+  }
+
+  static std::string names(OzfQuery const& query)
+  {
+    std::vector<std::string> all; // the database has no order
+    for (auto const& one : query.attributes())
+      all.push_back(one.name.str());
+    std::sort(all.begin(), all.end());
+    std::string text;
+    for (auto const& one : all)
+      text += one + " ";
+    return text;
+  }
+};
+
+TEST_F(FilterDescriptionTest, WithoutFilterDataItIsAnEmptyQuery)
+{
+  FilterDescription const description("filesystem", "web1");
+  EXPECT_TRUE(description.attributes().empty());
+  EXPECT_EQ("", description.getQuery());
+}
+
+TEST_F(FilterDescriptionTest, AllDescriptionsThatMatchAreMerged)
+{
+  store("web1", "filesystem", AT_EXTSRC,
+        filterData(description(attribute("size") + attribute("type")) +
+                   description(attribute("free") + attribute("size"))));
+  store("web1", "host", AT_TQUCLIENT, filterData(description(attribute("name"))));
+  store("web2", "host", AT_TQUCLIENT, filterData(description(attribute("other"))));
+  EXPECT_EQ("free size type ", names(FilterDescription("filesystem", "web1")));
+  EXPECT_EQ("free name size type ", names(FilterDescription("*", "web1")));
+  EXPECT_EQ("free name other size type ", names(FilterDescription("", "")));
+  EXPECT_EQ("other ", names(FilterDescription("host", "web2")))
+      << "the authority comes first, the subject second";
+}
+
+TEST_F(FilterDescriptionTest, OtherItemsAreSkipped)
+{
+  store("web1", "host", AT_TQUCLIENT,
+        "<DiscoveredItems><DISCOVERED Name=\"a\"/></DiscoveredItems>");
+  store("web1", "filesystem", AT_EXTSRC, filterData(description(attribute("size"))));
+  EXPECT_EQ("size ", names(FilterDescription("*", "web1")));
+}
+
+TEST_F(FilterDescriptionTest, WhatIsReadBeforeAMistakeCounts)
+{
+  store("web1", "host", AT_TQUCLIENT, "<FilterData>" + description(attribute("a")) + "<Broken>");
+  store("web1", "filesystem", AT_EXTSRC, filterData(description(attribute("b"))));
+  EXPECT_EQ("a b ", names(FilterDescription("*", "web1")));
+}
+
+TEST_F(FilterDescriptionTest, WithoutAMasterToAskItIsEmpty)
+{
+  AutoDereference<DiscoveryFramework> const reader(
+      new DiscoveryFramework("discovery", DST_NONE, nullptr, false));
+  writeText(root / "etc/tq.conf", "CLIENT_NAME = here\n");
+  getDiscoveryRepository().setDiscoveryFramework(reader.get());
+  LogCapture log;
+  EXPECT_TRUE(FilterDescription("", "").attributes().empty());
+  EXPECT_TRUE(log.has(1, "getAuthSubIterator", "Failed to get a handle to discoveries"))
+      << log.text();
+}
+
+} // namespace

@@ -1,0 +1,100 @@
+#include "explorers/ServiceExplorer.h"
+
+#include "tests/unit/explorers/ExplorerStore.h"
+#include "tests/unit/explorers/ExplorerTesting.h"
+
+#include <set>
+#include <stdexcept>
+
+using namespace ExplorerTesting;
+using Explorers::ServiceExplorer;
+using Explorers::ServiceState;
+
+namespace
+{
+
+using Facts = std::map<std::string, std::string>;
+
+ServiceState sample()
+{
+  ServiceState state;
+  state.master = true;
+  state.version = "1.2";
+  state.start = OzfObjTime(1767261600);
+  state.stored = 12;
+  state.announced = 3;
+  state.explorers = {{"host", AT_TQUCLIENT, false, 10, {OzfObjTime(1767261605), DS_SUCCESS}},
+                     {"service", AT_TQUCLIENT, false, 10, {OzfObjTime(1767261605), DS_SUCCESS}},
+                     {"rack & row", AT_EXTSRC, false, 9, {OzfObjTime(1767261606), DS_COM_ERROR}},
+                     {"volume", AT_TQUCLIENT, true, 10, {}}};
+  return state;
+}
+
+} // namespace
+
+TEST(ServiceExplorer, storesTheServiceAndEveryOtherExplorer)
+{
+  Store store;
+  AutoDereference<ServiceExplorer> const explorer(new ServiceExplorer(sample));
+  EXPECT_EQ(DS_SUCCESS, explore(*explorer, AT_TQUCLIENT, &store, "client7").discStatus);
+  Document const document(store.only(AT_TQUCLIENT).payload);
+  ASSERT_TRUE(document.wellFormed) << document.lastError();
+  ASSERT_EQ(4U, document.items.size());
+  EXPECT_EQ("client7", document.items[0].name);
+  EXPECT_EQ((Facts{{"Kind", "service"},
+                   {"Role", "master"},
+                   {"Version", "1.2"},
+                   {"StartTime", "2026-01-01T10:00:00Z"},
+                   {"StoredDiscoveries", "12"},
+                   {"AnnouncedExplorers", "3"}}),
+            document.items[0].facts);
+  EXPECT_EQ("host", document.items[1].name);
+  EXPECT_EQ((Facts{{"Kind", "push"},
+                   {"Type", "client"},
+                   {"Priority", "10"},
+                   {"LastRun", "2026-01-01T10:00:05Z"},
+                   {"LastResult", "success"}}),
+            document.items[1].facts);
+  EXPECT_EQ("rack & row", document.items[2].name);
+  EXPECT_EQ("external", document.items[2].facts.at("Type"));
+  EXPECT_EQ("communication failed", document.items[2].facts.at("LastResult"));
+  EXPECT_EQ(
+      (Facts{{"Kind", "pull"}, {"Type", "client"}, {"Priority", "10"}, {"LastResult", "not run"}}),
+      document.items[3].facts);
+}
+
+TEST(ServiceExplorer, aDatabaseThatCannotBeCountedIsLeftOut)
+{
+  Store store;
+  AutoDereference<ServiceExplorer> const explorer(
+      new ServiceExplorer([] { return ServiceState(); }));
+  EXPECT_EQ(DS_SUCCESS, explore(*explorer, AT_TQUCLIENT, &store).discStatus);
+  Document const document(store.only(AT_TQUCLIENT).payload);
+  ASSERT_EQ(1U, document.items.size());
+  EXPECT_EQ((Facts{{"Kind", "service"}, {"Role", "client"}, {"AnnouncedExplorers", "0"}}),
+            document.items[0].facts);
+}
+
+TEST(ServiceExplorer, storesWhatCanBeAskedForOfBothKinds)
+{
+  Store store;
+  AutoDereference<ServiceExplorer> const explorer(new ServiceExplorer(sample));
+  explore(*explorer, AT_TQUCLIENT, &store);
+  Document const document(store.only(AT_EXTSRC).payload);
+  EXPECT_EQ("FilterData", document.root);
+  std::multiset<std::string> names;
+  for (auto const& attribute : document.attributeList)
+    names.insert(attribute.at("Name"));
+  EXPECT_EQ(1U, names.count("Kind"));
+  EXPECT_EQ(1U, names.count("Role"));
+  EXPECT_EQ(1U, names.count("LastResult"));
+}
+
+TEST(ServiceExplorer, whatCannotBeCollectedIsAFailedRun)
+{
+  Store store;
+  AutoDereference<ServiceExplorer> const explorer(
+      new ServiceExplorer([]() -> ServiceState { throw std::runtime_error("no framework"); }));
+  EXPECT_EQ(DS_LOGIC_ERROR, explore(*explorer, AT_TQUCLIENT, &store).discStatus);
+  EXPECT_TRUE(store.records().empty());
+}

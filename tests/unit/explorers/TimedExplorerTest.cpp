@@ -1,0 +1,100 @@
+#include "explorers/TimedExplorer.h"
+
+#include "tests/support/LogCapture.h"
+#include "tests/unit/explorers/ExplorerStore.h"
+
+#include <functional>
+#include <stdexcept>
+
+using namespace ExplorerTesting;
+
+namespace
+{
+
+class Example : public Explorers::TimedExplorer
+{
+public:
+  explicit Example(std::function<DiscoveryStatus()> behaviour)
+      : TimedExplorer(60), m_behaviour(std::move(behaviour))
+  {
+  }
+
+  char const* getExplorerName() const override { return "example"; }
+
+private:
+  DiscoveryStatus run(Authority const&, Subject const&, CollectionAttributes const&,
+                      DiscoveryFactory const&) override
+  {
+    return m_behaviour();
+  }
+
+  std::function<DiscoveryStatus()> m_behaviour;
+};
+
+AutoDereference<Example> example(std::function<DiscoveryStatus()> behaviour)
+{
+  return AutoDereference<Example>(new Example(std::move(behaviour)));
+}
+
+} // namespace
+
+TEST(TimedExplorer, keepsTheTimeThatItIsGiven)
+{
+  auto const explorer = example([] { return DS_SUCCESS; });
+  EXPECT_TRUE(explorer->getLastExplorationTime().isZero());
+  explorer->setLastExplorationTime(OzfObjTime(7, 8));
+  EXPECT_EQ(OzfObjTime(7, 8), explorer->getLastExplorationTime());
+  EXPECT_EQ(60U, explorer->getPollingInterval());
+}
+
+TEST(TimedExplorer, aRunThatSucceedsAsksForNoRetry)
+{
+  Store store;
+  auto const result = explore(*example([] { return DS_SUCCESS; }), AT_TQUCLIENT, &store);
+  EXPECT_EQ(DS_SUCCESS, result.discStatus);
+  EXPECT_EQ(0U, result.retryInterval);
+}
+
+TEST(TimedExplorer, aRunThatFailsReportsItsStatusAndItsInterval)
+{
+  Store store;
+  auto const result = explore(*example([] { return DS_COM_ERROR; }), AT_TQUCLIENT, &store);
+  EXPECT_EQ(DS_COM_ERROR, result.discStatus);
+  EXPECT_EQ(60U, result.retryInterval);
+}
+
+TEST(TimedExplorer, whatARunThrowsIsLoggedUnderTheExplorersName)
+{
+  Store store;
+  LogCapture const log;
+  auto const explorer =
+      example([]() -> DiscoveryStatus { throw std::runtime_error("no such thing"); });
+  EXPECT_EQ(DS_LOGIC_ERROR, explore(*explorer, AT_TQUCLIENT, &store).discStatus);
+  EXPECT_TRUE(log.has(1, "TimedExplorer::explore", "Explorer example failed: no such thing"))
+      << log.text();
+}
+
+TEST(TimedExplorer, anythingElseThatARunThrowsStaysInsideToo)
+{
+  Store store;
+  LogCapture const log;
+  auto const explorer = example([]() -> DiscoveryStatus { throw 42; });
+  EXPECT_EQ(DS_LOGIC_ERROR, explore(*explorer, AT_TQUCLIENT, &store).discStatus);
+  EXPECT_TRUE(log.has(1, "TimedExplorer::explore", "Explorer example failed")) << log.text();
+}
+
+TEST(TimedExplorer, withoutAFactoryNothingRuns)
+{
+  LogCapture const log;
+  bool ran = false;
+  auto const explorer = example(
+      [&ran]
+      {
+        ran = true;
+        return DS_SUCCESS;
+      });
+  EXPECT_EQ(DS_LOGIC_ERROR, explore(*explorer, AT_TQUCLIENT, nullptr).discStatus);
+  EXPECT_FALSE(ran);
+  EXPECT_TRUE(log.has(1, "TimedExplorer::explore",
+                      "Explorer example was given no way to create discoveries"));
+}

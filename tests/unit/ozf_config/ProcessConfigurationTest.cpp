@@ -1,0 +1,127 @@
+#include "ozf/base/OzfHostname.h"
+#include "tests/unit/ozf_config/ConfiguredHost.h"
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <thread>
+
+using namespace Quillon::Tessarine::Ozf;
+
+namespace
+{
+
+class ProcessConfigurationTest : public ConfiguredHost
+{
+};
+
+std::string localName()
+{
+  OzfHostname local;
+  local.setLocal();
+  return local.exportNarrow();
+}
+
+TEST_F(ProcessConfigurationTest, IsReadOnceUntilItIsReloaded)
+{
+  configure("SERVER = one\n");
+  auto const before = getConfiguration();
+  writeText(file(), "SERVER = two\n");
+  EXPECT_EQ(getConfiguration(), before);
+  EXPECT_TRUE(reloadConfiguration());
+  EXPECT_EQ(*getConfiguration()->find("SERVER"), "two");
+  EXPECT_EQ(*before->find("SERVER"), "one");
+}
+
+// Overrides stay for the process: the keys are no other test's.
+TEST_F(ProcessConfigurationTest, AnOverrideStandsInForTheFileAlsoAfterItIsReloaded)
+{
+  std::string const text = "ORB_PORT.Overridden = 1\nHOST_ADDRESS.Overridden = 127.0.0.1\n";
+  configure(text + "LOG_LEVEL = 4\n");
+  overrideConfiguration("ORB_PORT.Overridden", "2");
+  overrideConfiguration("HOST_ADDRESS.overridden", "127.0.0.2");
+  EXPECT_EQ(getConfiguration()->list("ORB_PORT.Overridden"), std::vector<std::string>{"2"});
+  configure(text + "LOG_LEVEL = 6\n");
+  EXPECT_EQ(*getConfiguration()->find("ORB_PORT.Overridden"), "2");
+  EXPECT_EQ(*getConfiguration()->findNamed("HOST_ADDRESS.", "OVERRIDDEN"), "127.0.0.2");
+  EXPECT_EQ(*getConfiguration()->find("LOG_LEVEL"), "6");
+}
+
+TEST_F(ProcessConfigurationTest, AnOverrideIsNoMistakeOfTheFile)
+{
+  configure("SERVER = one\n");
+  overrideConfiguration("ORB_PORT.Mistaken", "much");
+  LogCapture const log;
+  EXPECT_TRUE(reloadConfiguration());
+  EXPECT_TRUE(log.lines().empty()) << log.text();
+}
+
+TEST_F(ProcessConfigurationTest, GivesTheHostItsNameAndTakesItBack)
+{
+  std::string const systemName = localName();
+  configure("CLIENT_NAME = client7\n");
+  EXPECT_EQ(localName(), "client7");
+  configure("SERVER = one\n");
+  EXPECT_EQ(localName(), systemName);
+}
+
+TEST_F(ProcessConfigurationTest, AMissingFileIsEmptyAndToldInDetailOnly)
+{
+  LogCapture const log;
+  EXPECT_FALSE(reloadConfiguration());
+  ASSERT_NE(getConfiguration(), nullptr);
+  EXPECT_FALSE(getConfiguration()->readable());
+  EXPECT_EQ(getConfiguration()->find("SERVER"), nullptr);
+  ASSERT_EQ(log.lines().size(), 1u) << log.text();
+  EXPECT_EQ(log.lines()[0].level, 4);
+}
+
+TEST_F(ProcessConfigurationTest, LogsEveryMistakeWithFileAndLine)
+{
+  LogCapture const log;
+  configure("SERVER = one\nSERVR = two\nnonsense\n");
+  ASSERT_EQ(log.lines().size(), 2u) << log.text();
+  EXPECT_EQ(log.lines()[0].level, 1);
+  EXPECT_THAT(log.lines()[0].text, testing::HasSubstr(file() + ":2: unknown key"));
+  EXPECT_THAT(log.lines()[1].text, testing::HasSubstr(file() + ":3: no '='"));
+}
+
+TEST_F(ProcessConfigurationTest, MayBeAskedForByWhoReceivesItsLogLines)
+{
+  int asked = 0;
+  LoggerFactory::setObserver([&](LogLine const&) { asked += getConfiguration() != nullptr; });
+  configure("nonsense\n");
+  LoggerFactory::setObserver({});
+  EXPECT_EQ(asked, 1);
+}
+
+TEST_F(ProcessConfigurationTest, ReadersMeetOneOrTheOtherWhileItIsReloaded)
+{
+  configure("SERVER = one\nCLIENT_NAME = one\n");
+  std::atomic<bool> done = false;
+  std::atomic<int> mixed = 0;
+  std::atomic<int> reads = 0;
+  std::vector<std::thread> readers;
+  for (int i = 0; i < 3; ++i)
+    readers.emplace_back(
+        [&]
+        {
+          while (!done)
+          {
+            auto const configuration = getConfiguration();
+            mixed += *configuration->find("SERVER") != *configuration->find("CLIENT_NAME");
+            ++reads;
+          }
+        });
+  for (int i = 0; i < 50 || reads < 50; ++i)
+  {
+    std::string const name = "host" + std::to_string(i % 2);
+    configure("SERVER = " + name + "\nCLIENT_NAME = " + name + "\n");
+  }
+  done = true;
+  for (auto& reader : readers)
+    reader.join();
+  EXPECT_EQ(mixed, 0);
+}
+
+} // namespace

@@ -1,0 +1,300 @@
+// What hostile documents meet.
+
+#include "RecordingDocument.h"
+#include "tests/support/TempDir.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <malloc.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+using namespace Quillon::Tessarine::Ozf;
+
+namespace
+{
+
+std::string utf16(std::string const& ascii, bool bigEndian, bool mark)
+{
+  std::string text;
+  auto const append = [&](unsigned high, unsigned low)
+  {
+    text += static_cast<char>(bigEndian ? high : low);
+    text += static_cast<char>(bigEndian ? low : high);
+  };
+  if (mark)
+    append(0xFE, 0xFF);
+  for (char const c : ascii)
+    append(0, static_cast<unsigned char>(c));
+  return text;
+}
+
+void expectRefused(std::string const& text)
+{
+  RecordingDocument document;
+  EXPECT_FALSE(document.parseBuffer(text)) << text.substr(0, 200);
+  EXPECT_EQ(0U, document.lastError().find("line ")) << document.lastError();
+  RecordingDocument next;
+  EXPECT_TRUE(next.parseBuffer("<a/>")) << "the thread's parser did not survive";
+}
+
+void expectNoDeclaration(std::string const& text)
+{
+  RecordingDocument document;
+  EXPECT_FALSE(document.parseBuffer(text)) << text;
+  EXPECT_NE(std::string::npos,
+            document.lastError().find(": document type declarations are refused"))
+      << text << ": " << document.lastError();
+  EXPECT_EQ("", document.events);
+}
+
+} // namespace
+
+TEST(HardenedParser, EveryDocumentTypeDeclarationIsRefused)
+{
+  expectNoDeclaration("<!DOCTYPE a><a/>");
+  expectNoDeclaration("<?xml version='1.0'?>\n<!-- c --><!DOCTYPE a []><a/>");
+  expectNoDeclaration("<!DOCTYPE a [<!ELEMENT a ANY>]><a/>");
+  expectNoDeclaration("<!DOCTYPE a [<!ATTLIST a b CDATA 'x'>]><a/>");
+  expectNoDeclaration("<!DOCTYPE a SYSTEM 'http://127.0.0.1:9/a.dtd'><a/>");
+  expectNoDeclaration("<!DOCTYPE a PUBLIC 'p' 'http://127.0.0.1:9/a.dtd'><a/>");
+  expectNoDeclaration("<!DOCTYPE a [<!ENTITY % p SYSTEM 'http://127.0.0.1:9/p'> %p;]><a/>");
+  expectNoDeclaration("<!DOCTYPE a [<!ENTITY x 'y'>]><a>&x;</a>");
+}
+
+TEST(HardenedParser, TheRefusalSaysWhere)
+{
+  RecordingDocument document;
+  EXPECT_FALSE(document.parseBuffer("<!-- c -->\n\n<!DOCTYPE a><a/>"));
+  EXPECT_EQ(0U, document.lastError().find("line 3, column ")) << document.lastError();
+}
+
+TEST(HardenedParser, ADeclarationIsRefusedInEveryEncoding)
+{
+  expectNoDeclaration(utf16("<!DOCTYPE a><a/>", true, true));
+  expectNoDeclaration(utf16("<!DOCTYPE a><a/>", false, true));
+  expectNoDeclaration("\xEF\xBB\xBF<!DOCTYPE a><a/>");
+}
+
+TEST(HardenedParser, ABrokenDeclarationIsRefusedToo)
+{
+  for (char const* text : {"<!DOCTYPE", "<!DOCTYPE >", "<!DOCTYPE a", "<!DOCTYPE a [",
+                           "<!doctype a>", "<a><!DOCTYPE a></a>", "<a/><!DOCTYPE a>"})
+    expectRefused(text);
+}
+
+TEST(HardenedParser, AnEntityBombDoesNotGoOff)
+{
+  std::string text = "<!DOCTYPE a [<!ENTITY e0 'xxxxxxxxxx'>";
+  for (int i = 1; i < 30; ++i)
+  {
+    text += "<!ENTITY e" + std::to_string(i) + " '";
+    for (int j = 0; j < 10; ++j)
+      text += "&e" + std::to_string(i - 1) + ";";
+    text += "'>";
+  }
+  auto const start = std::chrono::steady_clock::now();
+  expectNoDeclaration(text + "]><a b='&e29;'>&e29;</a>");
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+}
+
+TEST(HardenedParser, NoFileIsOpenedForAnEntity)
+{
+  TempDir directory;
+  std::string const secret = directory / "secret";
+  writeText(secret, "<!ENTITY y 'z'>");
+  int const watch = inotify_init1(IN_NONBLOCK);
+  ASSERT_GE(watch, 0);
+  ASSERT_GE(inotify_add_watch(watch, secret.c_str(), IN_OPEN | IN_ACCESS), 0);
+
+  expectNoDeclaration("<!DOCTYPE a [<!ENTITY x SYSTEM 'file://" + secret + "'>]><a>&x;</a>");
+  expectNoDeclaration("<!DOCTYPE a [<!ENTITY x SYSTEM '" + secret + "'>]><a>&x;</a>");
+  expectNoDeclaration("<!DOCTYPE a [<!ENTITY % p SYSTEM '" + secret + "'>%p;]><a>&y;</a>");
+  expectNoDeclaration("<!DOCTYPE a SYSTEM '" + secret + "'><a>&y;</a>");
+  RecordingDocument document;
+  EXPECT_TRUE(document.parseBuffer(
+      "<a xmlns:xsi='http://www.w3.org/2001/XMLSchema-instance' xsi:schemaLocation='u " + secret +
+      "' xsi:noNamespaceSchemaLocation='" + secret + "'/>"));
+
+  char events[4096];
+  EXPECT_EQ(-1, read(watch, events, sizeof events)) << "the file was touched";
+  EXPECT_EQ("<!ENTITY y 'z'>", readText(secret));
+  EXPECT_GT(read(watch, events, sizeof events), 0) << "the watch does not watch";
+  close(watch);
+}
+
+TEST(HardenedParser, UnknownEntitiesAreErrors)
+{
+  expectRefused("<a>&nbsp;</a>");
+  expectRefused("<a b='&x;'/>");
+  expectRefused("<a>%x;&</a>");
+}
+
+TEST(HardenedParser, ReferencesToForbiddenCharactersAreErrors)
+{
+  expectRefused("<a>&#0;</a>");
+  expectRefused("<a>&#x1;</a>");
+  expectRefused("<a>&#xD800;</a>");
+  expectRefused("<a>&#xFFFF;</a>");
+  expectRefused("<a>&#x110000;</a>");
+  expectRefused("<a>&#99999999999999999999;</a>");
+}
+
+TEST(HardenedParser, EndlessNestingStopsAtTheLimit)
+{
+  std::string text;
+  for (int i = 0; i < 100000; ++i)
+    text += "<a>";
+  RecordingDocument document;
+  EXPECT_FALSE(document.parseBuffer(text));
+  EXPECT_NE(std::string::npos, document.lastError().find("elements nest more than 256 deep"));
+  EXPECT_EQ(256U * 3, document.events.size());
+  expectRefused(text);
+}
+
+TEST(HardenedParser, LargeValuesComeWhole)
+{
+  std::string const large(4 << 20, 'v');
+  RecordingDocument document;
+  ASSERT_TRUE(document.parseBuffer("<a b='" + large + "'>" + large + "</a>"));
+  EXPECT_EQ("(a b=" + large + ")" + large + "/a:0", document.events);
+}
+
+TEST(HardenedParser, ManyAttributesTakeNoQuadraticTime)
+{
+  std::string text = "<a";
+  std::string expected = "(a";
+  for (int i = 0; i < 20000; ++i)
+  {
+    text += " a" + std::to_string(i) + "=''";
+    expected += " a" + std::to_string(i) + "=";
+  }
+  auto const start = std::chrono::steady_clock::now();
+  RecordingDocument document;
+  EXPECT_TRUE(document.parseBuffer(text + "/>")) << document.lastError();
+  EXPECT_EQ(expected + ")/a:0", document.events);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+}
+
+TEST(HardenedParser, ALargeDocumentLeavesNoMemoryBehind)
+{
+  std::string text = "<r>";
+  for (int i = 0; i < 50000; ++i)
+    text += "<e" + std::to_string(i) + " a" + std::to_string(i) + "=''/>";
+  text += "</r>";
+  class Silent : public XmlDocumentInterface
+  {
+  };
+  Silent document;
+  ASSERT_TRUE(document.parseBuffer("<a/>"));
+  std::size_t const before = mallinfo2().uordblks;
+  ASSERT_TRUE(document.parseBuffer(text));
+  EXPECT_FALSE(document.parseBuffer(text + "<"));
+  EXPECT_LT(mallinfo2().uordblks, before + (2 << 20));
+}
+
+TEST(HardenedParser, AnAttributeGivenTwiceIsAnError) { expectRefused("<a b='1' b='2'/>"); }
+
+TEST(HardenedParser, EveryCutOffTextIsRefused)
+{
+  std::string const text = "<?xml version='1.0' encoding='UTF-8'?><a b='1'>x&amp;y<!-- c --><?p i?>"
+                           "<![CDATA[z]]><c/>\xC3\xA4</a>";
+  RecordingDocument whole;
+  ASSERT_TRUE(whole.parseBuffer(text)) << whole.lastError();
+  for (std::size_t length = 0; length < text.size(); ++length)
+  {
+    RecordingDocument document;
+    EXPECT_FALSE(document.parseBuffer(std::string_view(text).substr(0, length))) << length;
+    EXPECT_NE("", document.lastError());
+  }
+}
+
+TEST(HardenedParser, TextAfterTheDocumentIsRefused)
+{
+  expectRefused("<a/>x");
+  expectRefused("<a/><b/>");
+  expectRefused("<a/>&amp;");
+  expectRefused("<a/><?xml version='1.0'?>");
+}
+
+TEST(HardenedParser, NulIsRefusedBehindTheXmlDeclaration)
+{
+  std::string const prolog = "<?xml version='1.0'?>";
+  std::string const text = prolog + "<a b='1'>x<!--c--><c/></a>\n";
+  RecordingDocument whole;
+  ASSERT_TRUE(whole.parseBuffer(text));
+  for (std::size_t at = prolog.size(); at <= text.size(); ++at)
+  {
+    std::string broken = text;
+    broken.insert(at, 1, '\0');
+    RecordingDocument document;
+    EXPECT_FALSE(document.parseBuffer(std::string_view(broken))) << at;
+    EXPECT_NE("", document.lastError()) << at;
+  }
+  RecordingDocument document;
+  EXPECT_FALSE(document.parseBuffer(std::string_view("<a/>\0<b/>", 9)));
+  EXPECT_FALSE(document.parseBuffer(utf16("<a/>", false, true) + std::string(2, '\0')));
+}
+
+TEST(HardenedParser, ControlCharactersAreRefused)
+{
+  expectRefused("<a>\x01</a>");
+  expectRefused("<a b='\x1F'/>");
+  expectRefused("<a>\xEF\xBF\xBE</a>");
+}
+
+TEST(HardenedParser, BytesThatAreNotUtf8AreRefused)
+{
+  for (char const* bytes : {"\xFF", "\xC0\xAF", "\xE2\x82", "\xED\xA0\x80", "\xF4\x90\x80\x80",
+                            "\x80", "\xF8\x88\x80\x80\x80"})
+  {
+    RecordingDocument document;
+    EXPECT_FALSE(document.parseBuffer("<a>" + std::string(bytes) + "</a>"));
+    EXPECT_NE("", document.lastError());
+    EXPECT_FALSE(document.parseBuffer("<a b='" + std::string(bytes) + "'/>"));
+  }
+  expectRefused("<a/>\xFF     ");
+  expectRefused("<a/>\x80");
+  RecordingDocument next;
+  EXPECT_TRUE(next.parseBuffer("<a/>"));
+}
+
+TEST(HardenedParser, OtherEncodingsAreRead)
+{
+  for (bool const bigEndian : {false, true})
+  {
+    RecordingDocument document;
+    EXPECT_TRUE(document.parseBuffer(
+        utf16("<?xml version='1.0' encoding='UTF-16'?><a b='1'>x</a>", bigEndian, true)))
+        << document.lastError();
+    EXPECT_EQ("(a b=1)x/a:0", document.events);
+  }
+  RecordingDocument latin;
+  EXPECT_TRUE(latin.parseBuffer("<?xml version='1.0' encoding='ISO-8859-1'?><a>\xE4</a>"));
+  EXPECT_EQ("(a)\xC3\xA4/a:0", latin.events);
+  // The text itself tells that it has no wide characters.
+  RecordingDocument narrow;
+  EXPECT_TRUE(narrow.parseBuffer("<?xml version='1.0' encoding='UTF-16'?><a>\xC3\xA4</a>"));
+  EXPECT_EQ("(a)\xC3\xA4/a:0", narrow.events);
+  RecordingDocument marked;
+  EXPECT_TRUE(marked.parseBuffer("\xEF\xBB\xBF<a>\xC3\xA4</a>"));
+  EXPECT_EQ("(a)\xC3\xA4/a:0", marked.events);
+}
+
+TEST(HardenedParser, WrongEncodingNamesAreErrors)
+{
+  for (char const* name : {"no-such-encoding", "", "../../etc/passwd"})
+  {
+    RecordingDocument document;
+    EXPECT_FALSE(
+        document.parseBuffer("<?xml version='1.0' encoding='" + std::string(name) + "'?><a>x</a>"))
+        << name;
+    EXPECT_NE("", document.lastError()) << name;
+  }
+  RecordingDocument document;
+  EXPECT_FALSE(
+      document.parseBuffer(utf16("<?xml version='1.0' encoding='UTF-8'?><a/>", true, true)));
+  RecordingDocument next;
+  EXPECT_TRUE(next.parseBuffer("<a/>"));
+}

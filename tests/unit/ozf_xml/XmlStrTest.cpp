@@ -1,0 +1,141 @@
+#include "ozf/xml/XmlStr.h"
+
+#include "RecordingDocument.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+using namespace Quillon::Tessarine::Ozf;
+
+namespace
+{
+
+std::string escaped(std::string const& text, XmlStr::Encoding encoding = XmlStr::UTF_8)
+{
+  return XmlStr(OzfString(text), encoding).text();
+}
+
+constexpr auto UNKNOWN = static_cast<XmlStr::Encoding>(3);
+
+} // namespace
+
+TEST(XmlStr, MarkupCharactersBecomeEntities)
+{
+  EXPECT_EQ("a&amp;b&lt;c&gt;d&quot;e&apos;f", escaped("a&b<c>d\"e'f"));
+}
+
+TEST(XmlStr, AnEntityIsEscapedAgain) { EXPECT_EQ("&amp;amp;", escaped("&amp;")); }
+
+TEST(XmlStr, WhiteSpaceThatAReaderWouldChangeBecomesReferences)
+{
+  EXPECT_EQ("a b&#x9;c&#xA;d&#xD;e", escaped("a b\tc\nd\re"));
+}
+
+TEST(XmlStr, Utf8KeepsEveryCharacter)
+{
+  std::string const text = "\x7F \xC2\x80 \xC3\xA4 \xE2\x82\xAC \xEF\xBF\xBD \xF0\x9F\x98\x80 "
+                           "\xF4\x8F\xBF\xBF";
+  EXPECT_EQ(text, escaped(text));
+}
+
+TEST(XmlStr, Latin1KeepsWhatItHoldsAndRefersToTheRest)
+{
+  EXPECT_EQ("\x80|\xE4|\xFF|&#x100;|&#x20AC;|&#x1F600;",
+            escaped("\xC2\x80|\xC3\xA4|\xC3\xBF|\xC4\x80|\xE2\x82\xAC|\xF0\x9F\x98\x80",
+                    XmlStr::ISO_8859_1));
+}
+
+TEST(XmlStr, AsciiRefersToEverythingBeyondIt)
+{
+  EXPECT_EQ("\x7F|&#x80;|&#xE4;|&#x20AC;|&#x10FFFF;",
+            escaped("\x7F|\xC2\x80|\xC3\xA4|\xE2\x82\xAC|\xF4\x8F\xBF\xBF", XmlStr::US_ASCII));
+}
+
+TEST(XmlStr, WhatXmlCannotHoldIsReplaced)
+{
+  EXPECT_EQ("a\xEF\xBF\xBD"
+            "b",
+            escaped(std::string("a\0b", 3)));
+  EXPECT_EQ("&#xFFFD;&#xFFFD;", escaped("\x01\x1F", XmlStr::US_ASCII));
+  EXPECT_EQ("&#xFFFD;|&#xFFFD;", escaped("\xEF\xBF\xBE|\xEF\xBF\xBF", XmlStr::ISO_8859_1));
+}
+
+TEST(XmlStr, BytesThatAreNotUtf8AreReplacedOneByOne)
+{
+  EXPECT_EQ("x&#xFFFD;y", escaped("x\xFFy", XmlStr::US_ASCII));
+  EXPECT_EQ("&#xFFFD;&#xFFFD;", escaped("\xC0\xAF", XmlStr::US_ASCII));
+  EXPECT_EQ("&#xFFFD;&#xFFFD;", escaped("\xE2\x82", XmlStr::US_ASCII));
+  EXPECT_EQ("&#xFFFD;&#xFFFD;&#xFFFD;", escaped("\xED\xA0\x80", XmlStr::US_ASCII));
+}
+
+TEST(XmlStr, Utf16TextIsEscapedAlike)
+{
+  EXPECT_EQ(std::string("&lt;\xC3\xA4\xF0\x9F\x98\x80"),
+            XmlStr(std::u16string_view(u"<\u00E4\U0001F600"), XmlStr::UTF_8).text());
+  char16_t const unpaired[] = {u'a', 0xD800, u'b'};
+  EXPECT_EQ(std::string("a&#xFFFD;b"),
+            XmlStr(std::u16string_view(unpaired, 3), XmlStr::US_ASCII).text());
+}
+
+TEST(XmlStr, EmptyTextIsATextAndAnUnknownEncodingHasNone)
+{
+  EXPECT_STREQ("", XmlStr(OzfString(), XmlStr::UTF_8).text());
+  EXPECT_EQ(nullptr, XmlStr(OzfString("a"), UNKNOWN).text());
+}
+
+TEST(XmlStr, AStreamFailsWhenThereIsNoText)
+{
+  std::ostringstream good;
+  good << XmlStr(OzfString("<"), XmlStr::UTF_8);
+  EXPECT_TRUE(good.good());
+  EXPECT_EQ("&lt;", good.str());
+
+  std::ostringstream bad;
+  bad << XmlStr(OzfString("<"), UNKNOWN);
+  EXPECT_TRUE(bad.fail());
+  EXPECT_FALSE(bad.bad());
+  EXPECT_EQ("", bad.str());
+}
+
+TEST(XmlStr, PrologNamesTheEncoding)
+{
+  std::ostringstream os;
+  EXPECT_EQ(&os, &XmlStr::xmlProlog(os, XmlStr::UTF_8));
+  XmlStr::xmlProlog(os, XmlStr::ISO_8859_1, "1.1");
+  XmlStr::xmlProlog(os, XmlStr::US_ASCII);
+  EXPECT_EQ("<?xml version=\"1.0\" encoding=\"UTF-8\"?>"
+            "<?xml version=\"1.1\" encoding=\"ISO-8859-1\"?>"
+            "<?xml version=\"1.0\" encoding=\"US-ASCII\"?>",
+            os.str());
+}
+
+TEST(XmlStr, PrologOfAnUnknownEncodingFailsTheStream)
+{
+  std::ostringstream os;
+  XmlStr::xmlProlog(os, UNKNOWN);
+  EXPECT_TRUE(os.fail());
+  EXPECT_EQ("", os.str());
+}
+
+TEST(XmlStr, TagsCarryNothingBesidesTheName)
+{
+  std::ostringstream os;
+  EXPECT_EQ(&os, &XmlStr::appendStart(os, "Name"));
+  EXPECT_EQ(&os, &XmlStr::appendEnd(os, "Name"));
+  EXPECT_EQ("<Name></Name>", os.str());
+}
+
+TEST(XmlStr, WhatIsWrittenReadsBackInEveryEncoding)
+{
+  std::string const text = " a&b<c>]]>\"d\"'e'\t\r\n\xC2\x85\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80 ";
+  for (auto const encoding : {XmlStr::UTF_8, XmlStr::ISO_8859_1, XmlStr::US_ASCII})
+  {
+    std::ostringstream os;
+    XmlStr::xmlProlog(os, encoding)
+        << "<a b=\"" << XmlStr(text, encoding) << "\">" << XmlStr(text, encoding) << "</a>";
+    RecordingDocument document;
+    EXPECT_TRUE(document.parseBuffer(os.str())) << document.lastError();
+    EXPECT_EQ("(a b=" + text + ")" + text + "/a:0", document.events) << encoding;
+  }
+}
