@@ -106,19 +106,20 @@ proc eventually {condition} {
 
 # ---- services ----
 
-# A port that was free a moment ago, on each of the addresses.
+# A port that is free on each of the addresses. It lies below the ports that
+# the kernel gives to connections, and until this process ends the same port of
+# an address that no service uses marks it as taken among the tests beside it.
 proc freePort {args} {
   while 1 {
+    set port [expr {12000 + int(rand() * 20000)}]
+    if {[catch {socket -server refuse -myaddr 127.255.255.254 $port} mark]} continue
     set listeners {}
-    set port 0
     set taken [catch {
-      foreach address $args {
-        lappend listeners [socket -server refuse -myaddr $address $port]
-        set port [lindex [fconfigure [lindex $listeners end] -sockname] 2]
-      }
+      foreach address $args { lappend listeners [socket -server refuse -myaddr $address $port] }
     }]
     foreach listener $listeners { close $listener }
     if {!$taken} { return $port }
+    close $mark
   }
 }
 
@@ -127,9 +128,12 @@ proc freePort {args} {
 #   -address <address> where it listens, 127.0.0.1 when not given
 #   -port <port>       a free one when not given
 #   -hosts <dict>      addresses of other host names, none when not given
+#   -lines <text>      further lines of its configuration
+#   -install <dict>    libraries: where below its root, and the file to copy
 # Returns a reference to its discovery service.
 proc startService {name args} {
-  set options [dict merge [dict create -master $name -address 127.0.0.1 -port 0 -hosts {}] $args]
+  set options [dict merge [dict create -master $name -address 127.0.0.1 -port 0 -hosts {} \
+    -lines "" -install {}] $args]
   set address [dict get $options -address]
   set port [dict get $options -port]
   if {$port == 0} { set port [freePort $address] }
@@ -141,7 +145,14 @@ proc startService {name args} {
   dict for {host where} [dict merge [dict get $options -hosts] [dict create $name $address]] {
     append text "HOST_ADDRESS.$host = $where\n"
   }
-  writeFile $root/etc/tq.conf $text
+  writeFile $root/etc/tq.conf "$text[dict get $options -lines]\n"
+  dict for {place library} [dict get $options -install] {
+    file copy $library $root/$place
+    # Nobody else may write there, whatever the umask.
+    foreach path [list $root/$place [file dirname $root/$place]] {
+      file attributes $path -permissions 0755
+    }
+  }
 
   # The service ends with this process at the latest, however that ends.
   set program [file join $::env(TQ_BIN_DIR) tqdisco]

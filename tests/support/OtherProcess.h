@@ -18,7 +18,7 @@
 
 // Polls until the condition holds; false when it has not within the deadline.
 inline bool eventually(std::function<bool()> const& condition,
-                       std::chrono::seconds deadline = std::chrono::seconds(20))
+                       std::chrono::seconds deadline = std::chrono::seconds(60))
 {
   auto const end = std::chrono::steady_clock::now() + deadline;
   while (!condition())

@@ -9,13 +9,10 @@
 #include "ozf/config/Configuration.h"
 #include "ozf/orb/Orb.h"
 #include "ozf/sync/AceReactor.h"
+#include "tests/support/FreePort.h"
 #include "tests/support/TempDir.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <thread>
@@ -26,24 +23,9 @@ namespace tqtest
 namespace ozf = Quillon::Tessarine::Ozf;
 namespace svc = Quillon::Tessarine::Ozf::DiscoverySvc;
 
-// A port of 127.0.0.1 that was free a moment ago.
-inline unsigned short freePort()
-{
-  int const fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  if (bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
-      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0)
-    ADD_FAILURE() << "no free port";
-  close(fd);
-  return ntohs(address.sin_port);
-}
-
 // Waits for a condition, not for a time.
 template <class Condition>
-bool eventually(Condition condition, std::chrono::seconds deadline = std::chrono::seconds(20))
+bool eventually(Condition condition, std::chrono::seconds deadline = std::chrono::seconds(60))
 {
   auto const end = std::chrono::steady_clock::now() + deadline;
   while (!condition())

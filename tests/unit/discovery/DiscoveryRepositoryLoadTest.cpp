@@ -181,8 +181,8 @@ TEST_F(DiscoveryRepositoryLoadTest, AskingForAParserWhileAPluginRegistersDoesNot
   // Long enough for the second thread to take what it can.
   EXPECT_EQ(std::future_status::timeout, hasAsked.wait_for(std::chrono::milliseconds(300)));
   writeText(m_root / "go", "");
-  bool const ended = hasLoaded.wait_for(std::chrono::seconds(20)) == std::future_status::ready &&
-                     hasAsked.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+  bool const ended = hasLoaded.wait_for(std::chrono::seconds(60)) == std::future_status::ready &&
+                     hasAsked.wait_for(std::chrono::seconds(60)) == std::future_status::ready;
   if (!ended)
   {
     std::fputs("The two threads wait for each other.\n", stderr);

@@ -206,7 +206,7 @@ TEST_F(RefreshTaskTest, WaitingLastsUntilTheTaskHasEnded)
       std::async(std::launch::async, [] { getDiscoveriesThreadMgr().waitForRefresh(); });
   EXPECT_EQ(std::future_status::timeout, waiting.wait_for(std::chrono::milliseconds(200)));
   m_gate.open();
-  EXPECT_EQ(std::future_status::ready, waiting.wait_for(std::chrono::seconds(20)));
+  EXPECT_EQ(std::future_status::ready, waiting.wait_for(std::chrono::seconds(60)));
   EXPECT_EQ(2, m_service->restarts);
 }
 

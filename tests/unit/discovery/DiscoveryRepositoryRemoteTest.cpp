@@ -201,7 +201,7 @@ TEST_F(DiscoveryRepositoryRemoteTest, TheTwentyFirstRemoteQueryAtOnceIsRefused)
   m_service->before = [&]
   {
     std::unique_lock guard(mutex);
-    changed.wait_for(guard, std::chrono::seconds(20), [&] { return mayAnswer; });
+    changed.wait_for(guard, std::chrono::seconds(60), [&] { return mayAnswer; });
   };
   m_service->makeRecords = [this]
   {

@@ -167,7 +167,7 @@ TEST_F(RegisterTimerTest, OnceAnnouncedItIsNotSetAgainAndThePushTimerIs)
   EXPECT_TRUE(m_calls.waitFor(
       [](auto const& names)
       { return std::find(names.begin(), names.end(), "explore pusher") != names.end(); },
-      std::chrono::seconds(20)));
+      std::chrono::seconds(60)));
 }
 
 TEST_F(RegisterTimerTest, TheShutdownEndsTheAnnouncementsBetweenTwoExplorers)

@@ -51,7 +51,7 @@ TEST(DiscoveryRepositoryTimersTest, AnExplorerWithIntervalZeroRunsOnEveryPassOfF
   host.start();
   auto const explorations = [](std::vector<std::string> const& names)
   { return std::count(names.begin(), names.end(), "explore x") >= 2; };
-  ASSERT_TRUE(calls.waitFor(explorations, seconds(20)));
+  ASSERT_TRUE(calls.waitFor(explorations, seconds(60)));
   host.stop();
   ASSERT_GE(times.size(), 2u);
   auto const gap = times[1] - times[0];
@@ -78,7 +78,7 @@ TEST(DiscoveryRepositoryTimersTest, AnExplorationGetsTheAttributesOfTheRegistrat
   registerPush(*explorer, "s");
   OzfObjTime const before = OzfObjTime::now();
   host.start();
-  ASSERT_TRUE(calls.waitFor([](auto const& names) { return names.size() >= 2; }, seconds(20)));
+  ASSERT_TRUE(calls.waitFor([](auto const& names) { return names.size() >= 2; }, seconds(60)));
   host.stop();
   OzfObjTime const after = OzfObjTime::now();
   ASSERT_TRUE(seen);
@@ -106,7 +106,7 @@ TEST(DiscoveryRepositoryTimersTest, AnExplorerIsSkippedUntilItsLastRunPlusItsInt
   host.start();
   auto const explored = [](std::vector<std::string> const& names)
   { return std::count(names.begin(), names.end(), "explore due") == 1; };
-  ASSERT_TRUE(calls.waitFor(explored, seconds(20)));
+  ASSERT_TRUE(calls.waitFor(explored, seconds(60)));
   host.stop();
   auto const names = calls.names();
   EXPECT_EQ(0, std::count(names.begin(), names.end(), "explore future"));
@@ -126,7 +126,7 @@ TEST(DiscoveryRepositoryTimersTest, AnExplorerThatThrowsIsLoggedAndTheOthersRun)
   host.start();
   auto const explored = [](std::vector<std::string> const& names)
   { return std::count(names.begin(), names.end(), "explore sound") == 1; };
-  EXPECT_TRUE(calls.waitFor(explored, seconds(20)));
+  EXPECT_TRUE(calls.waitFor(explored, seconds(60)));
   host.stop();
   EXPECT_TRUE(log.has(1, "ExplorerPushTimer::handle_timeout",
                       "Explorer broken threw an exception: no luck"))
@@ -154,7 +154,7 @@ TEST(DiscoveryRepositoryTimersTest, ShutdownLetsTheCurrentExplorerFinishAndStart
   ASSERT_TRUE(calls.waitFor(
     [](auto const& names)
     { return std::find(names.begin(), names.end(), "explore slow") != names.end(); },
-    seconds(20)));
+    seconds(60)));
   std::thread stopper([&] { host.stop(); });
   ASSERT_TRUE(eventually([] { return getDiscoveryRepository().isShuttingDown(); }));
   {
@@ -298,7 +298,7 @@ TEST(DiscoveryRepositoryTimersTest, TheRegisterTimerAnnouncesAndThenStartsThePus
   EXPECT_TRUE(calls.waitFor(
     [](auto const& names)
     { return std::find(names.begin(), names.end(), "explore pusher") != names.end(); },
-    seconds(20)))
+    seconds(60)))
     << log.text();
   EXPECT_TRUE(log.has(1, "ExplorerRegisterTimer::handle_timeout",
                       "Registering 1 explorers with master server"));

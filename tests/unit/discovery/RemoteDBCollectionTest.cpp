@@ -347,7 +347,7 @@ TEST_F(RemoteDBCollectionTest, TheTwentyFirstWriteAtATimeIsRefused)
     std::unique_lock lock(mutex);
     ++waiting;
     changed.notify_all();
-    changed.wait_for(lock, std::chrono::seconds(20), [&] { return go; });
+    changed.wait_for(lock, std::chrono::seconds(60), [&] { return go; });
   };
 
   std::atomic<int> opened{0};
@@ -361,7 +361,7 @@ TEST_F(RemoteDBCollectionTest, TheTwentyFirstWriteAtATimeIsRefused)
         });
   {
     std::unique_lock lock(mutex);
-    EXPECT_TRUE(changed.wait_for(lock, std::chrono::seconds(20), [&] { return waiting == 20; }));
+    EXPECT_TRUE(changed.wait_for(lock, std::chrono::seconds(60), [&] { return waiting == 20; }));
   }
 
   EXPECT_EQ(writer()->open(OM_UPDATE, ""), DS_OPEN_FAILED);

@@ -5,6 +5,7 @@
 #include "ozf/config/Configuration.h"
 #include "ozf/log/Assertion.h"
 #include "ozf/orb/Orb.h"
+#include "tests/support/FreePort.h"
 #include "tests/support/TempDir.h"
 
 #include <OrbTestC.h>
@@ -23,6 +24,8 @@
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
+
+using tqtest::freePort;
 
 // Opened by the test, waited for in a servant.
 class Gate
@@ -45,7 +48,7 @@ public:
   bool awaitArrival()
   {
     std::unique_lock lock(m_mutex);
-    return m_changed.wait_for(lock, std::chrono::seconds(20), [this] { return m_arrived > 0; });
+    return m_changed.wait_for(lock, std::chrono::seconds(60), [this] { return m_arrived > 0; });
   }
 
 private:
@@ -145,15 +148,9 @@ private:
   unsigned short m_port = 0;
 };
 
-// A port that was free a moment ago.
-inline unsigned short freePort(char const* address = "127.0.0.1")
-{
-  return BoundSocket(address, false).port();
-}
-
 inline bool eventually(std::function<bool()> const& condition)
 {
-  auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   while (!condition())
   {
     if (std::chrono::steady_clock::now() > deadline)
