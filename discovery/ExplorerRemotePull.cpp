@@ -101,10 +101,10 @@ bool RemoteExplorerPull::copyCollection(DiscoveryQuery query, Authority const& a
     return false;
 
   std::array<char, BUFFER_SIZE> buffer;
-  for (long count = source.readCollection(buffer.size(), buffer.data()); count > 0;
-       count = source.readCollection(buffer.size(), buffer.data()))
+  long count = 0;
+  while ((count = source.readCollection(buffer.size(), buffer.data())) > 0)
     target.writeCollection(static_cast<unsigned long>(count), buffer.data());
-  return true;
+  return count == 0;
 }
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -7,6 +7,7 @@
 
 #include "discovery/DiscDB.h"
 #include "discovery/DiscData.h"
+#include "discovery/RemoteDBCache.h"
 #include "ozf/orb/Corba.h"
 
 #include <DiscoveryServiceC.h>
@@ -15,7 +16,6 @@
 #include <deque>
 #include <memory>
 #include <string>
-#include <vector>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
@@ -96,7 +96,7 @@ public:
   // For update: opens a writer on the master.
   int open(OpenMode mode, char const* name) override;
 
-  // From what open fetched.
+  // From what open fetched; -1 when that cannot be read any more.
   long readCollection(unsigned long len, void* buf) const override;
 
   // Sends the bytes, at most 1,024 a call.
@@ -118,7 +118,7 @@ private:
   CollectionAttributes const* m_attributes = nullptr;
   Remote::RemoteWriter_var m_writer; // from openWrite to persist
   bool m_cached = false;
-  std::vector<char> m_cache;
+  PayloadCache m_cache;
   mutable std::size_t m_position = 0;
 };
 

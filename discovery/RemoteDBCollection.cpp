@@ -22,7 +22,6 @@ namespace
 constexpr char SOURCE[] = "RemoteDB";
 constexpr char SERVICE_NAME[] = "DiscoveryService";
 constexpr char PAGE_SIZE_KEY[] = "COLLECTION_PAGE_SIZE";
-constexpr std::size_t FIRST_CAPACITY = 1024;
 constexpr unsigned long CHUNK_SIZE = 1024;
 
 // A page has to fit in one message with room to spare; who asks for more gets
@@ -85,6 +84,7 @@ bool RemoteCollectionData::openRead(char const* filter)
   OZF_ASSERT(m_discovery != nullptr, "0 != m_discovery.ptr()", SOURCE, OPERATION);
   m_cached = false;
   m_position = 0;
+  m_cache.clear();
   try
   {
     OzfHostname host;
@@ -130,9 +130,6 @@ bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr remote)
   }
 
   DrainLimit const limit;
-  std::size_t capacity = FIRST_CAPACITY;
-  m_cache = std::vector<char>();
-  m_cache.reserve(capacity);
   for (; page->length() != 0; page = iterator->getNextPage())
   {
     std::size_t const needed = m_cache.size() + page->length();
@@ -149,14 +146,8 @@ bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr remote)
               "Collection data from " << m_discovery->sourceHost.in() << " comes too slowly");
       return false;
     }
-    if (needed > capacity)
-    {
-      // One page may be larger than twice what is held so far.
-      capacity = std::max(2 * capacity, needed);
-      m_cache.reserve(capacity);
-    }
-    auto const* const bytes = reinterpret_cast<char const*>(page->get_buffer());
-    m_cache.insert(m_cache.end(), bytes, bytes + page->length());
+    if (!m_cache.append(reinterpret_cast<char const*>(page->get_buffer()), page->length()))
+      return false;
   }
   return true;
 }
@@ -164,11 +155,10 @@ bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr remote)
 long RemoteCollectionData::readCollection(unsigned long len, void* buf) const
 {
   OZF_ASSERT(m_cached, "m_cached", SOURCE, "RemoteCollectionData::readCollection");
-  std::size_t const count = std::min<std::size_t>(len, m_cache.size() - m_position);
-  if (count != 0)
-    std::memcpy(buf, m_cache.data() + m_position, count);
-  m_position += count;
-  return static_cast<long>(count);
+  long const count = m_cache.read(m_position, len, buf);
+  if (count > 0)
+    m_position += static_cast<std::size_t>(count);
+  return count;
 }
 
 void RemoteCollectionData::fillRecord(Remote::Discovery& record) const

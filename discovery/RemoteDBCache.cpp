@@ -1,0 +1,165 @@
+#include "discovery/RemoteDBCache.h"
+
+#include "discovery/DiscoveryLog.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+#include <utility>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+
+namespace
+{
+
+constexpr char SOURCE[] = "RemoteDB";
+constexpr std::size_t FIRST_CAPACITY = 1024;
+
+// A file that has no name any more. Invalid, with errno, when there is none.
+UniqueFd openNameless(std::string const& folder)
+{
+  UniqueFd fd(open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC | O_EXCL, 0600));
+  // Not every file system makes such a file in one step.
+  if (fd.valid() || (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL))
+    return fd;
+  std::string name = folder + "/tq-payload-XXXXXX";
+  fd.reset(mkostemp(name.data(), O_CLOEXEC));
+  if (fd.valid())
+    unlink(name.c_str());
+  return fd;
+}
+
+} // namespace
+
+std::vector<std::string> PayloadCache::temporaryFolders()
+{
+  std::vector<std::string> folders;
+  char const* const chosen = std::getenv("TMPDIR");
+  if (chosen != nullptr && *chosen == '/')
+    folders.emplace_back(chosen);
+  // The second is often kept in memory.
+  folders.insert(folders.end(), {"/var/tmp", "/tmp"});
+  return folders;
+}
+
+PayloadCache::PayloadCache(std::vector<std::string> folders) : m_folders(std::move(folders)) {}
+
+void PayloadCache::clear()
+{
+  m_size = 0;
+  m_memory = std::vector<char>();
+  m_file.reset();
+  m_mayUseFile = true;
+}
+
+bool PayloadCache::append(char const* bytes, std::size_t count)
+{
+  constexpr char OPERATION[] = "PayloadCache::append";
+  if (!inFile() && m_mayUseFile && m_size + count > MOST_IN_MEMORY)
+    m_mayUseFile = moveToFile();
+  if (inFile() && !appendToFile(bytes, count))
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Failed to write collection data to a temporary file, keeping it in memory: "
+                << errorText(errno));
+    if (!backToMemory())
+    {
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+              "Failed to read collection data back from the temporary file");
+      return false;
+    }
+  }
+  if (!inFile())
+    appendToMemory(bytes, count);
+  m_size += count;
+  return true;
+}
+
+void PayloadCache::appendToMemory(char const* bytes, std::size_t count)
+{
+  std::size_t const needed = m_size + count;
+  if (needed > m_memory.capacity())
+    // One piece may be larger than twice what is held so far.
+    m_memory.reserve(std::max({FIRST_CAPACITY, 2 * m_memory.capacity(), needed}));
+  m_memory.insert(m_memory.end(), bytes, bytes + count);
+}
+
+bool PayloadCache::appendToFile(char const* bytes, std::size_t count)
+{
+  for (std::size_t done = 0; done < count;)
+  {
+    ssize_t const written =
+        pwrite(m_file.get(), bytes + done, count - done, static_cast<off_t>(m_size + done));
+    if (written < 0 && errno == EINTR)
+      continue;
+    if (written <= 0)
+      return false;
+    done += static_cast<std::size_t>(written);
+  }
+  return true;
+}
+
+bool PayloadCache::moveToFile()
+{
+  constexpr char OPERATION[] = "PayloadCache::moveToFile";
+  for (std::string const& folder : m_folders)
+  {
+    m_file = openNameless(folder);
+    std::size_t const size = std::exchange(m_size, 0);
+    bool const moved = inFile() && appendToFile(m_memory.data(), size);
+    m_size = size;
+    if (moved)
+    {
+      m_memory = std::vector<char>();
+      return true;
+    }
+    OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION,
+            "No temporary file in " << folder << ": " << errorText(errno));
+    m_file.reset();
+  }
+  OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+          "No temporary file for collection data, keeping it in memory");
+  return false;
+}
+
+// What was written of the piece in hand is passed over.
+bool PayloadCache::backToMemory()
+{
+  std::vector<char> memory(m_size);
+  for (std::size_t done = 0; done < m_size;)
+  {
+    long const count = read(done, m_size - done, memory.data() + done);
+    if (count <= 0)
+      return false;
+    done += static_cast<std::size_t>(count);
+  }
+  m_memory = std::move(memory);
+  m_file.reset();
+  m_mayUseFile = false;
+  return true;
+}
+
+long PayloadCache::read(std::size_t position, std::size_t count, void* buffer) const
+{
+  std::size_t const most = position < m_size ? std::min(count, m_size - position) : 0;
+  if (most == 0)
+    return 0;
+  if (!inFile())
+  {
+    std::memcpy(buffer, m_memory.data() + position, most);
+    return static_cast<long>(most);
+  }
+  for (;;)
+  {
+    ssize_t const done = pread(m_file.get(), buffer, most, static_cast<off_t>(position));
+    if (done > 0)
+      return done;
+    if (done == 0 || errno != EINTR)
+      return -1; // it holds what was appended
+  }
+}
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -1,0 +1,58 @@
+// Where a payload from another host is kept between its fetching and its
+// reading.
+
+#pragma once
+
+#include "discovery/Export.h"
+#include "ozf/base/SystemError.h"
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+
+// A payload is fetched whole before its first byte is read, so that a failure
+// shows when it is opened. Small ones are held in memory. A large one goes to
+// a file without a name, which the system drops when it is closed, however
+// this process ends: a reader that streams it needs no more memory for it than
+// for a small one. Where no such file can be had, or the disk fills up, memory
+// has to do. Used by one thread at a time.
+class TQ_EXPORT PayloadCache
+{
+public:
+  // The most that is held in memory when there is a file for the rest.
+  static constexpr std::size_t MOST_IN_MEMORY = std::size_t(4) << 20;
+
+  // $TMPDIR, then those for files that may be large.
+  static std::vector<std::string> temporaryFolders();
+
+  // The file is made in the first of the folders that lets it.
+  explicit PayloadCache(std::vector<std::string> folders = temporaryFolders());
+
+  void clear();
+  // False, with a log line, when what was held before cannot be had any more.
+  bool append(char const* bytes, std::size_t count);
+  std::size_t size() const noexcept { return m_size; }
+
+  // Copies up to count bytes from position on and returns how many; 0 at the
+  // end, -1 when the file cannot be read.
+  long read(std::size_t position, std::size_t count, void* buffer) const;
+
+  bool inFile() const noexcept { return m_file.valid(); }
+
+private:
+  void appendToMemory(char const* bytes, std::size_t count);
+  bool appendToFile(char const* bytes, std::size_t count);
+  bool moveToFile();
+  bool backToMemory();
+
+  std::vector<std::string> m_folders;
+  std::size_t m_size = 0;
+  std::vector<char> m_memory; // empty when there is a file
+  UniqueFd m_file;
+  bool m_mayUseFile = true;
+};
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -1,0 +1,189 @@
+#include "discovery/RemoteDBCache.h"
+
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <sys/resource.h>
+#include <vector>
+
+using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
+
+namespace
+{
+
+constexpr std::size_t MOST = PayloadCache::MOST_IN_MEMORY;
+
+std::string makeBytes(std::size_t size)
+{
+  std::string bytes(size, '\0');
+  unsigned state = 1;
+  for (char& byte : bytes)
+    byte = static_cast<char>((state = state * 1103515245 + 12345) >> 16);
+  return bytes;
+}
+
+// Appends in pieces of that size.
+bool fill(PayloadCache& cache, std::string const& bytes, std::size_t piece)
+{
+  for (std::size_t done = 0; done < bytes.size(); done += piece)
+    if (!cache.append(bytes.data() + done, std::min(piece, bytes.size() - done)))
+      return false;
+  return true;
+}
+
+std::string contentOf(PayloadCache const& cache, std::size_t step = 100'000)
+{
+  std::string all;
+  std::vector<char> buffer(step);
+  for (long count; (count = cache.read(all.size(), step, buffer.data())) > 0;)
+    all.append(buffer.data(), static_cast<std::size_t>(count));
+  return all;
+}
+
+struct RemoteDBCacheTest : testing::Test
+{
+  TempDir folder;
+  LogCapture log;
+};
+
+// Lets this process write no further than that into any file.
+struct FileLimit
+{
+  explicit FileLimit(rlim_t bytes)
+  {
+    signal(SIGXFSZ, SIG_IGN);
+    getrlimit(RLIMIT_FSIZE, &before);
+    rlimit limit = before;
+    limit.rlim_cur = bytes;
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~FileLimit()
+  {
+    setrlimit(RLIMIT_FSIZE, &before);
+    signal(SIGXFSZ, SIG_DFL);
+  }
+  rlimit before{};
+};
+
+} // namespace
+
+TEST_F(RemoteDBCacheTest, ASmallPayloadStaysInMemory)
+{
+  PayloadCache cache({folder.path()});
+  std::string const bytes = makeBytes(MOST);
+  ASSERT_TRUE(fill(cache, bytes, 8192));
+  EXPECT_FALSE(cache.inFile());
+  EXPECT_EQ(cache.size(), bytes.size());
+  EXPECT_TRUE(contentOf(cache) == bytes);
+}
+
+TEST_F(RemoteDBCacheTest, ALargePayloadGoesToAFileWithoutAName)
+{
+  PayloadCache cache({folder.path()});
+  std::string const bytes = makeBytes(2 * MOST + 12345);
+  ASSERT_TRUE(fill(cache, bytes, 65536));
+  EXPECT_TRUE(cache.inFile());
+  EXPECT_TRUE(std::filesystem::is_empty(folder.path()));
+  EXPECT_EQ(cache.size(), bytes.size());
+  EXPECT_TRUE(contentOf(cache) == bytes);
+  EXPECT_TRUE(contentOf(cache, 7 * 11 * 13) == bytes);
+  EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(RemoteDBCacheTest, OnePieceMayBeLargerThanWhatMemoryHolds)
+{
+  PayloadCache cache({folder.path()});
+  std::string const bytes = makeBytes(MOST + 1);
+  ASSERT_TRUE(fill(cache, bytes, bytes.size()));
+  EXPECT_TRUE(cache.inFile());
+  EXPECT_TRUE(contentOf(cache) == bytes);
+}
+
+TEST_F(RemoteDBCacheTest, ReadingBehindTheEndGivesNothing)
+{
+  PayloadCache cache({folder.path()});
+  char byte = 0;
+  EXPECT_EQ(cache.read(0, 1, &byte), 0);
+  ASSERT_TRUE(fill(cache, "abc", 3));
+  EXPECT_EQ(cache.read(2, 1, &byte), 1);
+  EXPECT_EQ(byte, 'c');
+  EXPECT_EQ(cache.read(3, 1, &byte), 0);
+  EXPECT_EQ(cache.read(1000, 1, &byte), 0);
+}
+
+TEST_F(RemoteDBCacheTest, ClearedItIsAsNew)
+{
+  PayloadCache cache({folder.path()});
+  ASSERT_TRUE(fill(cache, makeBytes(2 * MOST), 65536));
+  ASSERT_TRUE(cache.inFile());
+  cache.clear();
+  EXPECT_FALSE(cache.inFile());
+  EXPECT_EQ(cache.size(), 0U);
+  ASSERT_TRUE(fill(cache, "small", 5));
+  EXPECT_EQ(contentOf(cache), "small");
+}
+
+TEST_F(RemoteDBCacheTest, TheNextFolderIsTakenWhenOneLetsNoFileBeMade)
+{
+  PayloadCache cache({folder / "missing", folder.path()});
+  ASSERT_TRUE(fill(cache, makeBytes(2 * MOST), 65536));
+  EXPECT_TRUE(cache.inFile());
+  EXPECT_TRUE(
+      log.has(4, "PayloadCache::moveToFile",
+              "No temporary file in " + (folder / "missing") + ": No such file or directory (2)"))
+      << log.text();
+}
+
+TEST_F(RemoteDBCacheTest, WithoutAnyFolderMemoryHoldsIt)
+{
+  PayloadCache cache({folder / "missing"});
+  std::string const bytes = makeBytes(2 * MOST);
+  ASSERT_TRUE(fill(cache, bytes, 65536));
+  EXPECT_FALSE(cache.inFile());
+  EXPECT_TRUE(contentOf(cache) == bytes);
+  EXPECT_EQ(log.count(1, "PayloadCache::moveToFile",
+                      "No temporary file for collection data, keeping it in memory"),
+            1)
+      << log.text();
+}
+
+TEST_F(RemoteDBCacheTest, AFullDiskBringsItBackToMemory)
+{
+  PayloadCache cache({folder.path()});
+  std::string const bytes = makeBytes(3 * MOST);
+  {
+    FileLimit const limit(2 * MOST + 1000); // in the middle of a piece
+    ASSERT_TRUE(fill(cache, bytes, 65536));
+  }
+  EXPECT_FALSE(cache.inFile());
+  EXPECT_TRUE(contentOf(cache) == bytes);
+  EXPECT_TRUE(log.has(1, "PayloadCache::append",
+                      "Failed to write collection data to a temporary file, keeping it in "
+                      "memory: File too large (27)"))
+      << log.text();
+}
+
+TEST_F(RemoteDBCacheTest, ADiskThatIsFullFromTheStartMakesNoFile)
+{
+  PayloadCache cache({folder.path()});
+  std::string const bytes = makeBytes(2 * MOST);
+  {
+    FileLimit const limit(1000);
+    ASSERT_TRUE(fill(cache, bytes, 65536));
+  }
+  EXPECT_FALSE(cache.inFile());
+  EXPECT_TRUE(contentOf(cache) == bytes);
+}
+
+TEST_F(RemoteDBCacheTest, TheChosenFolderComesFirst)
+{
+  setenv("TMPDIR", folder.path().c_str(), 1);
+  EXPECT_EQ(PayloadCache::temporaryFolders().front(), folder.path());
+  setenv("TMPDIR", "not/absolute", 1);
+  EXPECT_EQ(PayloadCache::temporaryFolders().front(), "/var/tmp");
+  unsetenv("TMPDIR");
+  EXPECT_EQ(PayloadCache::temporaryFolders().front(), "/var/tmp");
+}
