@@ -41,6 +41,7 @@ std::map<std::string, Rooms> const& mayInclude()
       {"explorers", library},
       {"host", allOfOzf},
       {"tools", library},
+      {"examples", library},
   };
   return table;
 }
@@ -67,7 +68,7 @@ std::vector<Source> const& sources()
   {
     std::vector<Source> found;
     fs::path const root(TQ_SOURCE_DIR);
-    for (std::string const top : {"ozf", "discovery", "explorers", "host", "tools"})
+    for (std::string const top : {"ozf", "discovery", "explorers", "host", "tools", "examples"})
     {
       for (auto const& entry : fs::recursive_directory_iterator(root / top))
       {
