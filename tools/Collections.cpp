@@ -147,6 +147,62 @@ bool readBytesThrough(Discovery& discovery, std::string const& query, std::strin
   return count == 0;
 }
 
+// Only the items that answer the query, by what is written of them.
+void keepAnswers(Collection& collection, OzfQuery const& query)
+{
+  std::erase_if(collection.items,
+                [&query](Item const& item)
+                {
+                  return !query.evaluate(
+                      [&item](std::string_view name) -> std::optional<std::string>
+                      {
+                        std::string const* const value = item.find(name);
+                        return value == nullptr ? std::nullopt : std::optional(*value);
+                      });
+                });
+}
+
+bool isAnswer(Collection const& collection)
+{
+  return collection.complete || !collection.items.empty();
+}
+
+// Tries the places that may have the collection until one gives it: the master;
+// on demand, since the master answers for one host's explorer only while no
+// other host's comes after it, the host that has the explorer; and where the
+// master could not be asked under the record's own type, the master again, for
+// users who cannot reach that host.
+//
+// What the master copies from another host is whole, whatever the query, so with
+// a query that host comes first: its explorer applies it, and may know
+// attributes that it does not write. read is told whether a query is still to
+// be applied.
+template <class Read>
+bool readAnywhere(Record const& record, bool query, Read read)
+{
+  if (!record.onDemand())
+    return read(record.discovery, query);
+  std::optional<Announcement> announcement;
+  bool const ownerFirst = query || record.restored();
+  if (ownerFirst)
+    announcement = announcementOf(record);
+  if (!announcement && !record.restored() && read(record.discovery, false))
+    return true;
+  if (!ownerFirst)
+    announcement = announcementOf(record);
+  if (!announcement)
+    return false;
+  tell("asking the service on \"" + shown(announcement->host) + "\" itself for subject \"" +
+       shown(record.subject) + "\", authority \"" + shown(record.authority) +
+       "\", which it announced to the master");
+  if (read(elsewhere(record, *announcement), false))
+    return true;
+  if (record.restored())
+    return announcement->type != AT_REMOTEPULL &&
+           read(elsewhere(record, masterAs(announcement->type)), query);
+  return query && read(record.discovery, true);
+}
+
 } // namespace
 
 std::string const* Item::find(std::string_view fact) const
@@ -158,42 +214,30 @@ std::string const* Item::find(std::string_view fact) const
   return nullptr;
 }
 
-// The master answers for one host's explorer only while no other host's comes
-// after it, so the host that has the explorer is asked next.
 Collection readCollection(Record const& record, OzfQuery const& query)
 {
   std::string const& text = query.getQuery().str();
-  Collection collection = readThrough(record.discovery, text);
-  if (record.onDemand())
-  {
-    if (!collection.complete && collection.items.empty())
-      if (auto const discovery = atOwningHost(record))
-        collection = readThrough(discovery, text);
-    return collection;
-  }
-  std::erase_if(collection.items,
-                [&query](Item const& item)
-                {
-                  return !query.evaluate(
-                      [&item](std::string_view name) -> std::optional<std::string>
-                      {
-                        std::string const* const value = item.find(name);
-                        return value == nullptr ? std::nullopt : std::optional(*value);
-                      });
-                });
+  Collection collection;
+  readAnywhere(record, !text.empty(),
+               [&](AutoDereference<Discovery> const& discovery, bool whole)
+               {
+                 collection = readThrough(discovery, text);
+                 bool const answer = isAnswer(collection);
+                 if (whole)
+                   keepAnswers(collection, query);
+                 return answer;
+               });
   return collection;
 }
 
 bool readBytes(Record const& record, std::string const& query, std::string& bytes)
 {
-  bytes.clear();
-  if (readBytesThrough(*record.discovery, query, bytes))
-    return true;
-  if (!record.onDemand())
-    return false;
-  bytes.clear();
-  auto const discovery = atOwningHost(record);
-  return discovery && readBytesThrough(*discovery, query, bytes);
+  return readAnywhere(record, !query.empty(),
+                      [&](AutoDereference<Discovery> const& discovery, bool)
+                      {
+                        bytes.clear();
+                        return readBytesThrough(*discovery, query, bytes);
+                      });
 }
 
 AutoDereference<OzfQuery> describe(Record const& record)

@@ -46,7 +46,20 @@ bool readPayload(Discovery& discovery, std::string& text)
   return count == 0;
 }
 
+// Whether the record is of the type, or was before the master started anew.
+bool isOfType(Record const& record, AuthorityType type)
+{
+  if (type == AT_ANYANDALL || type == record.type)
+    return true;
+  if (!record.restored())
+    return false;
+  auto const announcement = announcementOf(record);
+  return announcement && announcement->type == type;
+}
+
 } // namespace
+
+bool Record::restored() const noexcept { return onDemand() && type == AT_REMOTEPULL; }
 
 void addSelectionOptions(CLI::App& command, Selection& selection)
 {
@@ -99,9 +112,10 @@ int queryRecords(Selection const& selection, std::vector<Record>& records, bool 
     record.type = discovery->getAuthority()->getType();
     // The service gives more than was asked for where a pattern begins with
     // '*', and where collections are produced on demand.
-    if (!matches(subject, record.subject) || !matches(authority, record.authority) ||
-        (type != AT_ANYANDALL && type != record.type))
+    if (!matches(subject, record.subject) || !matches(authority, record.authority))
       continue;
+    // A query of this type meets what is stored alone, and no other does.
+    record.announcement = type == AT_REMOTEPULL;
     CollectionAttributes const* const attributes = discovery->getAttributes();
     if (attributes != nullptr && !attributes->getDiscoveryTime().isZero())
     {
@@ -109,6 +123,10 @@ int queryRecords(Selection const& selection, std::vector<Record>& records, bool 
       record.expires = attributes->getExpiresTime();
     }
     record.discovery = discovery;
+    // Filter data is always stored.
+    if (selection.filterData ? type != AT_ANYANDALL && type != record.type
+                             : !isOfType(record, type))
+      continue;
     records.push_back(std::move(record));
   }
   std::sort(records.begin(), records.end(),
@@ -119,17 +137,17 @@ int queryRecords(Selection const& selection, std::vector<Record>& records, bool 
   return EXIT_DONE;
 }
 
-AutoDereference<Discovery> atOwningHost(Record const& record)
+std::optional<Announcement> announcementOf(Record const& record)
 {
   Selection selection;
   selection.subject = record.subject;
   selection.authority = record.authority;
   selection.typeName = formatType(AT_REMOTEPULL);
-  std::vector<Record> registrations;
+  std::vector<Record> announcements;
   std::string text;
-  if (queryRecords(selection, registrations, true) != EXIT_DONE || registrations.size() != 1 ||
-      !readPayload(*registrations.front().discovery, text))
-    return {};
+  if (queryRecords(selection, announcements, true) != EXIT_DONE || announcements.size() != 1 ||
+      !readPayload(*announcements.front().discovery, text))
+    return std::nullopt;
 
   std::stringstream xml(text);
   OzfString service;
@@ -137,16 +155,28 @@ AutoDereference<Discovery> atOwningHost(Record const& record)
   unsigned priority = 0;
   AuthorityType type = AT_ANYANDALL;
   if (XMLHelper::parse(xml, service, host, priority, type) != 0)
-    return {};
+    return std::nullopt;
+  return Announcement{host.str(), service.str(), type};
+}
+
+AutoDereference<Discovery> elsewhere(Record const& record, Announcement const& place)
+{
   auto remote = std::make_unique<Remote::Discovery>();
   remote->queryType = DQ_UNDEFINED;
   remote->subject = record.subject.c_str();
   remote->authority = record.authority.c_str();
-  remote->authType = record.type;
+  remote->authType = place.type;
   remote->attributes = {CT_CONFIGURATION, CS_LOCALONLY, 0, 0, 0};
-  remote->sourceHost = host.c_str();
-  remote->sourceServiceName = service.c_str();
+  remote->sourceHost = place.host.c_str();
+  remote->sourceServiceName = place.service.c_str();
   return AutoDereference<Discovery>(getRemoteDiscoveryDatabase().newDiscovery(remote.release()));
+}
+
+Announcement masterAs(AuthorityType type)
+{
+  OzfHostname master;
+  getDiscoveryRepository().getMasterServerName(master);
+  return {master.exportNarrow(), "DiscoveryService", type};
 }
 
 bool isShadowed(Record const& record, std::vector<Record> const& records)
@@ -162,11 +192,15 @@ bool isShadowed(Record const& record, std::vector<Record> const& records)
 
 std::string formatAgeOf(Record const& record, OzfObjTime const& now)
 {
+  if (record.announcement)
+    return "-";
   return record.onDemand() ? "on demand" : formatAge(record.discovered, now);
 }
 
 std::string formatExpiryOf(Record const& record, OzfObjTime const& now)
 {
+  if (record.announcement)
+    return "never";
   if (record.onDemand())
     return "-";
   if (record.expires.seconds() <= now.seconds())

@@ -5,6 +5,7 @@
 #include "discovery/DiscData.h"
 
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -43,18 +44,41 @@ struct Record
   Quillon::Tessarine::Ozf::OzfObjTime expires;
   Quillon::Tessarine::Ozf::AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::Discovery>
       discovery;
+  // Stored with the master, which was told so by another host that has the
+  // explorer: the announcement itself, listed under type remotepull alone.
+  bool announcement = false;
 
-  bool onDemand() const noexcept { return discovered.isZero(); }
+  bool onDemand() const noexcept { return discovered.isZero() && !announcement; }
+
+  // On demand, and known to the master from an announcement that it read at its
+  // start. Under the type that the record then has the master gives out the
+  // announcement, not the collection.
+  bool restored() const noexcept;
 };
 
-// By subject, authority and type. An exit code: EXIT_DONE also when nothing
+// By subject, authority and type. A type takes in what was announced under it
+// and restored. An exit code: EXIT_DONE also when nothing
 // matched; any other after telling the user. quiet: without telling.
 int queryRecords(Selection const& selection, std::vector<Record>& records, bool quiet = false);
 
-// The same explorer's collection, asked of the host that announced it to the
-// master; null when none did, or when its announcement cannot be read.
+// What the host of an explorer told the master about it.
+struct Announcement
+{
+  std::string host;
+  std::string service;
+  Quillon::Tessarine::Ozf::DiscoverySvc::AuthorityType type;
+};
+
+// The announcement behind a collection on demand; nothing when there is none,
+// as of the master's own explorers, or when it cannot be read.
+std::optional<Announcement> announcementOf(Record const& record);
+
+// The record's collection as the service on that host has it under that type.
 Quillon::Tessarine::Ozf::AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::Discovery>
-atOwningHost(Record const& record);
+elsewhere(Record const& record, Announcement const& place);
+
+// The service that was connected to, for elsewhere.
+Announcement masterAs(Quillon::Tessarine::Ozf::DiscoverySvc::AuthorityType type);
 
 // Whether the service answers for a collection on demand when this one is
 // asked for: it looks at names alone, and of two matches it gives neither. So

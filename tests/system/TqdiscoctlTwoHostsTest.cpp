@@ -11,6 +11,7 @@ namespace
 using namespace tqtest;
 using nlohmann::json;
 using testing::HasSubstr;
+using testing::Not;
 using Words = std::vector<std::string>;
 
 std::vector<std::string> subjectsOf(json const& records)
@@ -99,6 +100,47 @@ TEST_F(TqdiscoctlTwoHostsTest, volumesOfTheClientAreReadFromIt)
                                           "--type", "client", "--json"})
                                          .output)),
               std::vector<std::string>{host});
+}
+
+// The master has the client's announcement from its database then, and not from
+// the client.
+TEST_F(TqdiscoctlTwoHostsTest, volumesOfTheClientAreReadAfterARestartOfTheMaster)
+{
+  ASSERT_EQ(m_master.stop(), 0) << m_master.log();
+  ASSERT_TRUE(m_master.start()) << m_master.log();
+
+  Words const volumes{"--subject", CLIENT, "--authority", "volume", "--json"};
+  auto const query = [&](Words words)
+  {
+    words.insert(words.begin(), "query");
+    words.insert(words.end(), volumes.begin(), volumes.end());
+    return json::parse(run(words).output);
+  };
+  json const records = query({"--type", "client"});
+  ASSERT_EQ(records.size(), 1U) << query({});
+  EXPECT_EQ(records[0]["onDemand"], true);
+  EXPECT_EQ(records[0]["typeName"], "remotepull");
+  EXPECT_EQ(query({"--type", "server"}), json::array());
+
+  json const collection = json::parse(run({"show", CLIENT, "volume", "--json"}).output);
+  EXPECT_EQ(collection["complete"], true);
+  EXPECT_EQ(collection["subject"], CLIENT);
+  Outcome const payload = run({"show", CLIENT, "volume", "--raw"});
+  EXPECT_EQ(payload.exitCode, 0) << payload.errors << m_master.log();
+  EXPECT_THAT(payload.output, HasSubstr("DiscoveredItems"));
+  EXPECT_THAT(payload.output, Not(HasSubstr("SourceHost")));
+
+  json const announced = query({"--type", "remotepull"});
+  ASSERT_EQ(announced.size(), 1U);
+  EXPECT_EQ(announced[0]["onDemand"], false);
+  EXPECT_EQ(announced[0]["discoveryTime"], nullptr);
+  EXPECT_THAT(run({"show", CLIENT, "volume", "--type", "remotepull", "--raw"}).output,
+              HasSubstr("<SourceHost>4a</SourceHost>"));
+
+  // A host that cannot be asked is a failure, not an empty collection.
+  m_client->sendSignal(SIGKILL);
+  ASSERT_TRUE(m_client->wait());
+  EXPECT_EQ(run({"show", CLIENT, "volume"}).exitCode, 1);
 }
 
 TEST_F(TqdiscoctlTwoHostsTest, anotherHostsServicePushesAndStops)
