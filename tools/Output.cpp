@@ -2,6 +2,7 @@
 
 #include "ozf/base/MetadataConverter.h"
 #include "ozf/base/Uri.h"
+#include "ozf/log/Logger.h"
 #include "tools/Format.h"
 #include "tools/Table.h"
 
@@ -69,6 +70,12 @@ void complain(std::string const& message)
   std::istringstream lines("tqdiscoctl: " + message);
   for (std::string line; std::getline(lines, line);)
     std::cerr << wrapped(line, terminalWidth(STDERR_FILENO)) << '\n';
+}
+
+void tell(std::string const& message)
+{
+  if (Quillon::Tessarine::Ozf::LoggerFactory::getLevel() >= 1)
+    complain(message);
 }
 
 std::string shown(std::string const& text) { return Uri::percentEncode(text, URI_SHOWN); }

@@ -23,6 +23,9 @@ void printJsonLine(nlohmann::json const& value);
 // "tqdiscoctl: message" on standard error, fitted to a terminal.
 void complain(std::string const& message);
 
+// The same for what only those want to know who gave --verbose.
+void tell(std::string const& message);
+
 // A text from elsewhere on its way to a terminal: control characters become
 // %XX, so that no escape sequence of somebody else's gets through.
 std::string shown(std::string const& text);
