@@ -1,0 +1,163 @@
+#!/bin/bash
+# Starts a fleet on loopback, a master, a media server and three clients, each
+# with a name, an address and a product root of its own; serves until Ctrl-C.
+# Usage: fleet.sh <build directory>
+set -eu
+
+build=$(cd "$1" && pwd)
+bin=$build/bin
+fleet=$(mktemp -d "${TMPDIR:-/tmp}/tessarine-fleet-XXXXXX")
+port=${PORT:-27511}
+master=4master
+# Each number is the last part of an address. Hosts whose names begin with
+# these digits wait two seconds at most before they announce themselves.
+hosts="4master:1 23media:2 95web:3 96db:4 125mail:5"
+waiting=
+
+stop()
+{
+  trap '' INT TERM
+  echo
+  echo "Stopping the fleet ..."
+  [ -z "$waiting" ] || kill "$waiting" 2>/dev/null || true
+  for host in 125mail 96db 95web 23media 4master; do "$fleet/on" "$host" stop || true; done
+  rm -rf "$fleet"
+}
+trap stop EXIT
+trap 'exit 0' INT TERM
+
+chmod 755 "$fleet"
+entries="SERVER = $master
+ORB_PORT.DiscoveryService = $port"
+for host in $hosts; do
+  entries="$entries
+HOST_ADDRESS.${host%:*} = 127.0.1.${host#*:}"
+done
+for host in $hosts; do
+  root=$fleet/${host%:*}
+  mkdir -p "$root/etc" "$root/lib/plugins" "$root/log"
+  chmod 755 "$root" "$root/lib" "$root/lib/plugins"
+  cp "$build"/lib/libtqexplorer.so "$root/lib/"
+  cat > "$root/etc/tq.conf" <<EOF
+CLIENT_NAME = ${host%:*}
+ORB_BIND = 127.0.1.${host#*:}
+LOG_LEVEL = 1
+LOG_FILE = $root/log/tqdisco.log
+$entries
+EOF
+done
+
+# What the person who plays types: "on HOST start", "on HOST tqdiscoctl ...".
+cat > "$fleet/on" <<EOF
+#!/bin/bash
+# on HOST start|stop|kill|hang|resume|log, or on HOST COMMAND ARGUMENTS
+set -eu
+fleet=$fleet
+PATH=$bin:\$PATH
+EOF
+cat >> "$fleet/on" <<'EOF'
+hosts=$(cd "$fleet" && echo */)
+if [ $# -lt 2 ] || [ ! -d "$fleet/$1" ]; then
+  echo "usage: on HOST start|stop|kill|hang|resume|log" >&2
+  echo "       on HOST tqdiscoctl ...        HOST is one of: ${hosts//\//}" >&2
+  exit 2
+fi
+export TESSARINE_ROOT=$fleet/$1
+pidfile=$TESSARINE_ROOT/pid
+log=$TESSARINE_ROOT/log/tqdisco.log
+# A process that ended may stay listed until somebody collects it.
+running()
+{
+  [ -f "$pidfile" ] && grep -q "^State:[[:space:]]*[^XZ[:space:]]" \
+    "/proc/$(cat "$pidfile")/status" 2>/dev/null
+}
+signal()
+{
+  if running; then kill "-$1" "$(cat "$pidfile")"; else echo "$host is not running" >&2; exit 1; fi
+}
+host=$1
+case $2 in
+start)
+  if running; then echo "$host is running already" >&2; exit 1; fi
+  # In a session of its own, so that Ctrl-C is for the fleet and not for it.
+  setsid tqdisco >> "$log" 2>&1 < /dev/null &
+  echo $! > "$pidfile"
+  disown
+  ;;
+stop)
+  running || exit 0
+  signal TERM
+  kill -CONT "$(cat "$pidfile")" 2>/dev/null || true # it may hang
+  for _ in $(seq 1 600); do running || exit 0; sleep 0.1; done
+  echo "$host does not stop; killing it" >&2
+  signal KILL
+  ;;
+running) running ;;
+kill) signal KILL ;;
+hang) signal STOP ;;
+resume) signal CONT ;;
+log) exec less "$log" ;;
+*) shift && exec "$@" ;;
+esac
+EOF
+chmod 755 "$fleet/on"
+
+echo "Starting a fleet on 127.0.1.1 to 127.0.1.5, port $port:"
+for host in $hosts; do
+  role=client
+  [ "${host%:*}" != "$master" ] || role="the master"
+  [ "${host%:*}" != 23media ] || role="media server"
+  printf '  %-8s 127.0.1.%s  %s\n' "${host%:*}" "${host#*:}" "$role"
+  "$fleet/on" "${host%:*}" start
+done
+
+# Whether that many services have reported, and that many hosts announced what
+# they produce on demand.
+count() { "$fleet/on" $master tqdiscoctl query --json "$@" 2>/dev/null | grep -c '"subject"'; }
+reported() { [ "$(count --authority service --type client)" = 5 ] &&
+             [ "$(count --authority volume --type remotepull)" = 4 ]; }
+for _ in $(seq 1 150); do
+  reported && break
+  for host in $hosts; do
+    if ! "$fleet/on" "${host%:*}" running; then
+      echo "${host%:*} did not start:" >&2
+      cat "$fleet/${host%:*}/log/tqdisco.log" >&2 || true
+      exit 1
+    fi
+  done
+  sleep 0.2
+done
+if ! reported; then
+  echo "The hosts have not reported within 30 seconds; their logs are in $fleet/*/log." >&2
+  tail -n 5 "$fleet"/*/log/tqdisco.log >&2
+  exit 1
+fi
+
+echo
+echo "Who is there, as the master sees it:"
+echo
+"$fleet/on" $master tqdiscoctl status
+cat <<EOF
+
+The fleet goes on. In another terminal:
+
+  cd $fleet
+  export PATH=$bin:\$PATH
+
+  tqdiscoctl --master 127.0.1.1:$port query     # what the master knows
+  ./on 95web tqdiscoctl hosts                 # the same fleet as 95web sees it
+  ./on 95web tqdiscoctl show 96db volume      # disks of 96db, through the master
+  ./on 95web tqdiscoctl --verbose show 23media volume   # asked of 23media itself
+  ./on 4master tqdiscoctl push --all          # let every host report now
+  ./on 95web hang                             # a host that does not answer
+  ./on 95web resume
+  ./on 4master stop; ./on 4master start       # a restart of the master
+  ./on 96db log                               # the logs: $fleet/HOST/log/tqdisco.log
+
+Ctrl-C stops all of it and removes $fleet.
+EOF
+while :; do
+  sleep 3600 &
+  waiting=$!
+  wait $waiting
+done
