@@ -2,10 +2,11 @@
 
 JOBS ?= $(shell nproc)
 
-.PHONY: run test test-asan test-tsan bench lint install deps help
+.PHONY: run fleet test test-asan test-tsan bench lint install deps help
 
 help:
 	@echo "make run    build, start a master on this machine and show what it finds"
+	@echo "make fleet  the same with a fleet of five hosts, to play with"
 	@echo "make test   build and run every test, plain and under the sanitizers"
 	@echo "make bench  build and run the benchmarks, print the table"
 	@echo "make test-tsan  run the threaded tests under ThreadSanitizer"
@@ -20,6 +21,11 @@ run: deps
 	cmake --preset release
 	cmake --build --preset release --parallel $(JOBS)
 	@packaging/run-here.sh build/release
+
+fleet: deps
+	cmake --preset release
+	cmake --build --preset release --parallel $(JOBS)
+	@packaging/fleet.sh build/release
 
 test: deps
 	cmake --preset dev
