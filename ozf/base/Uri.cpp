@@ -32,6 +32,14 @@ void appendEscape(std::string& text, char c)
 
 bool isPrintableAscii(char c) { return c >= 0x20 && c < 0x7F; }
 
+// Controls, and what Unicode keeps for the inside of programs: XML carries
+// neither all of the one nor all of the other.
+bool isUnprintable(char32_t c)
+{
+  return c < 0x20 || (c >= 0x7F && c < 0xA0) || (c >= 0xFDD0 && c <= 0xFDEF) ||
+         (c & 0xFFFE) == 0xFFFE;
+}
+
 std::string encodeShown(std::string_view text)
 {
   std::string result;
@@ -49,7 +57,7 @@ std::string encodeShown(std::string_view text)
     std::size_t const length = decodeUtf8(text, point);
     bool const control = point < 0x20 || (point >= 0x7F && point < 0xA0);
     std::string_view const part = text.substr(0, std::max<std::size_t>(length, 1));
-    if (length != 0 && !control)
+    if (length != 0 && !isUnprintable(point))
       result += part;
     else
       std::for_each(part.begin(), part.end(), [&](char c) { appendEscape(result, c); });

@@ -14,8 +14,9 @@ namespace Quillon::Tessarine::Ozf
 // What an encoding is for.
 //
 // Shown: every printable character stays as it is, spaces, '%', quotes and
-// other alphabets included; control characters (C0, DEL, C1) and bytes that
-// are not UTF-8 become %XX. Encoding an encoded name changes nothing.
+// other alphabets included; control characters (C0, DEL, C1), noncharacters
+// (U+FFFE and such) and bytes that are not UTF-8 become %XX. Encoding an
+// encoded name changes nothing.
 //
 // FileKey: the name as shown, then every byte outside [A-Za-z0-9._~-] becomes
 // %XX in upper case, '%' included, except that '*' stays; a leading '.' is

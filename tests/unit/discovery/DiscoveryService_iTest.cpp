@@ -277,7 +277,8 @@ TEST_F(DiscoveryService_iTest, NamesOfEveryKindCanBeWrittenAndReadBack)
        {std::string("../../etc/passwd"), std::string("a b"), std::string("%41"),
         std::string("\"quoted\" & <marked>"), std::string("\xd0\xb6\xe2\x82\xac"),
         std::string("broken\xff\xc3"), std::string("line\nbreak"), std::string(1000, 'n'),
-        std::string(".hidden"), std::string("..")})
+        std::string(".hidden"), std::string(".."), std::string("a\xef\xbf\xbe"),
+        std::string("a\xef\xbf\xbf"), std::string("\xef\xb7\x90"), std::string("a\xef\xbf\xbd")})
   {
     EXPECT_EQ(svc::DS_SUCCESS, put(Service::record(name.c_str(), name.c_str()), {"<x/>"}));
     EXPECT_EQ(svc::DS_SUCCESS, get(name.c_str(), name.c_str())) << name;
@@ -433,8 +434,8 @@ TEST_F(DiscoveryService_iTest, RestartAllPushTimersStartsTheRefreshOnTheMaster)
 {
   ASSERT_EQ(svc::DS_SUCCESS, Service::store("here", "volume"));
   EXPECT_TRUE(service->restartAllPushTimers());
-  EXPECT_TRUE(eventually(
-      [this] { return log.text().find("triggering push in ") != std::string::npos; }))
+  EXPECT_TRUE(
+      eventually([this] { return log.text().find("triggering push in ") != std::string::npos; }))
       << log.text();
   EXPECT_TRUE(log.has(4, "RefreshDiscoveryTask::ozfsvc", "Restarting push timers on client: here"))
       << log.text();

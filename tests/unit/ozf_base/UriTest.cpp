@@ -40,6 +40,8 @@ std::vector<std::string> hostileNames()
                                     "\xc0\xaf",
                                     "\xe6\x97",
                                     "\xed\xa0\x80",
+                                    "\xef\xbf\xbe",
+                                    "\xef\xbf\xbf",
                                     "\xc3\xa4\xc3\xb6\xc3\xbc",
                                     "\xe6\x97\xa5\xe6\x9c\xac",
                                     "\xf0\x9f\x92\xbe",
@@ -74,6 +76,22 @@ TEST(PercentEncodeShown, SpellsOutControlCharactersAndBrokenUtf8)
   EXPECT_EQ(shown("a\xff\xc3"), "a%FF%C3");
   EXPECT_EQ(shown("\xc0\xaf"), "%C0%AF");
   EXPECT_EQ(shown("\xe6\x97x"), "%E6%97x");
+}
+
+// XML cannot carry them all, and they mean nothing outside a program.
+TEST(PercentEncodeShown, SpellsOutNoncharacters)
+{
+  EXPECT_EQ(shown("a\xef\xbf\xbe"), "a%EF%BF%BE"); // U+FFFE
+  EXPECT_EQ(shown("\xef\xbf\xbf"
+                  "b"),
+            "%EF%BF%BFb");                              // U+FFFF
+  EXPECT_EQ(shown("\xef\xb7\x90"), "%EF%B7%90");        // U+FDD0
+  EXPECT_EQ(shown("\xef\xb7\xaf"), "%EF%B7%AF");        // U+FDEF
+  EXPECT_EQ(shown("\xf0\x9f\xbf\xbe"), "%F0%9F%BF%BE"); // U+1FFFE
+  EXPECT_EQ(shown("\xf4\x8f\xbf\xbf"), "%F4%8F%BF%BF"); // U+10FFFF
+  for (std::string const neighbour :
+       {"\xef\xbf\xbd", "\xf0\x90\x80\x80", "\xef\xb7\x8f", "\xef\xb7\xb0", "\xf0\x9f\xbf\xbd"})
+    EXPECT_EQ(shown(neighbour), neighbour);
 }
 
 TEST(PercentEncodeShown, AppliedAgainChangesNothing)
