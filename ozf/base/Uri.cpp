@@ -55,7 +55,6 @@ std::string encodeShown(std::string_view text)
 
     char32_t point = 0;
     std::size_t const length = decodeUtf8(text, point);
-    bool const control = point < 0x20 || (point >= 0x7F && point < 0xA0);
     std::string_view const part = text.substr(0, std::max<std::size_t>(length, 1));
     if (length != 0 && !isUnprintable(point))
       result += part;
@@ -82,6 +81,14 @@ std::string hashOf(std::string const& key)
   return result;
 }
 
+// Whether a key reads as if it ended in a hash already.
+bool looksHashed(std::string_view key)
+{
+  constexpr std::string_view HEX = "0123456789abcdef";
+  return key.size() == KEPT_OF_LONG_KEY + 1 + 2 * HASH_BYTES && key[KEPT_OF_LONG_KEY] == '~' &&
+         key.find_first_not_of(HEX, KEPT_OF_LONG_KEY + 1) == std::string_view::npos;
+}
+
 std::string encodeFileKey(std::string_view text, bool isPattern)
 {
   constexpr std::string_view UNTOUCHED = "._~-*";
@@ -95,7 +102,7 @@ std::string encodeFileKey(std::string_view text, bool isPattern)
     else
       appendEscape(key, c);
   }
-  if (key.size() <= LONGEST_KEY)
+  if (key.size() <= LONGEST_KEY && !looksHashed(key))
     return key;
   if (auto const star = key.find('*'); isPattern && star != std::string::npos)
     return key.substr(0, std::min(star, KEPT_OF_LONG_KEY)) + '*';

@@ -21,13 +21,13 @@ namespace Quillon::Tessarine::Ozf
 // FileKey: the name as shown, then every byte outside [A-Za-z0-9._~-] becomes
 // %XX in upper case, '%' included, except that '*' stays; a leading '.' is
 // encoded. A key of more than 100 bytes keeps its first 60 bytes, followed by
-// '~' and the first 128 bits of the SHA-256 of the whole key in lower-case hex.
-// So a key is one path component without spaces, of at most 100 bytes, never
-// "." or "..", and no other name's.
+// '~' and the first 128 bits of the SHA-256 of the whole key in lower-case hex;
+// so does a key that has this form as it is. So a key is one path component
+// without spaces, of at most 100 bytes, never "." or "..", and no other name's.
 //
 // FilePattern: the pattern of the keys of the names that a name pattern
 // matches. It is formed like a key, but a pattern cannot match a hash: one with
-// '*' that would pass 100 bytes becomes what lies before the first '*', at most
+// '*' that would be hashed becomes what lies before the first '*', at most
 // 60 bytes of it, and one '*'. That pattern is wider than the one asked for.
 enum UriComponent : int
 {

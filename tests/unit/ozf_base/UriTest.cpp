@@ -174,6 +174,27 @@ TEST(PercentEncodeFileKey, LongKeysEndInAHash)
   EXPECT_NE(key(std::string(101, 'n') + "a"), key(std::string(101, 'n') + "b"));
 }
 
+TEST(PercentEncodeFileKey, ANameSpelledLikeALongNamesKeyHasAnother)
+{
+  std::string const longKey = key(std::string(101, 'n'));
+  std::string const made = key(longKey);
+  EXPECT_NE(made, longKey);
+  EXPECT_EQ(made.substr(0, 61), longKey.substr(0, 61));
+  EXPECT_EQ(made.size(), longKey.size());
+  EXPECT_NE(key(made), made);
+  EXPECT_EQ(pattern(longKey), made) << "a name without a star is its own pattern";
+
+  for (std::string const& close :
+       {longKey + "0", longKey.substr(1), std::string(60, 'n') + "-" + std::string(32, 'a'),
+        std::string(60, 'n') + "~" + std::string(32, 'A'),
+        std::string(60, 'n') + "~" + std::string(31, 'a') + "g"})
+    EXPECT_EQ(key(close), close);
+
+  std::string const starred = "st*" + longKey.substr(3);
+  EXPECT_EQ(pattern(starred), "st*");
+  EXPECT_EQ(wildcardcmp(pattern(starred), key(starred)), 0);
+}
+
 TEST(PercentEncodeFileKey, ThirtyFourEscapesAreTooLong)
 {
   EXPECT_EQ(key(std::string(33, '/')).size(), 99u);
