@@ -19,6 +19,7 @@ public:
   // The text as captured, whatever the encoding.
   std::ostream& writeXml(std::ostream& os, XmlStr::Encoding encoding) const override;
 
+  // What the parser fills.
   std::string& text() noexcept { return m_text; }
   OzfString const& getExplorerName() const noexcept { return m_explorerName; }
 

@@ -116,8 +116,9 @@ private:
 class TQ_EXPORT CollectionAttributes : public XmlInterface
 {
 public:
-  // The expiry is now + interval + a quarter of it, counted from this moment
-  // and not from the discovery time.
+  // discoveryTime is a point in time, validityInterval an interval; other hosts
+  // learn both in whole seconds. The expiry is now + interval + a quarter of
+  // it, counted from this moment and not from the discovery time.
   CollectionAttributes(CollectionType type, CollectionStorage storage,
                        OzfObjTime const& discoveryTime, OzfObjTime const& validityInterval,
                        ExplorerPriority priority);
@@ -150,20 +151,26 @@ private:
   ExplorerPriority m_priority;
 };
 
-// The payload of a discovery. One object is used by one thread at a time.
+// The payload of a discovery. One object is used by one thread at a time. What
+// lies on another host, or is to go there, is a call away: the operations then
+// block for the request time-out at worst.
 class TQ_EXPORT CollectionData
 {
 public:
   virtual ~CollectionData() = default;
 
-  // name carries the filter parameters text of a request, or is empty.
-  // Non-zero on success.
+  // Opens it for reading from its beginning, or as a new one for writing. name
+  // carries the filter parameters text of a request, or is empty; not null.
+  // Non-zero on success; otherwise a log line says why. Opening for reading
+  // makes an explorer on demand produce the data.
   virtual int open(OpenMode mode, char const* name) = 0;
 
-  // Reads at most len bytes; the number read, 0 at the end, negative on error.
+  // After open for reading. Reads at most len bytes; the number read, 0 at the
+  // end, negative on error.
   virtual long readCollection(unsigned long len, void* buf) const = 0;
 
-  // Appends len bytes. Non-zero when all of them were written.
+  // After open for update. Appends len bytes. Non-zero when all of them were
+  // written; otherwise the discovery is not to be persisted.
   virtual long writeCollection(unsigned long len, void const* buf) const = 0;
 };
 
@@ -178,10 +185,16 @@ public:
 
   XmlObjParseContext* getObjParseContext(XMLCh const* rootTag) override;
 
-  // Makes the discovery visible in its store.
+  // After open for update and the writing: makes the discovery visible in its
+  // store, in the place of the one of the same names. DS_DATA_EXISTS when one
+  // of higher priority is there; DS_COM_ERROR when the host of the store does
+  // not answer. Readers see nothing of what was not persisted. Blocks as the
+  // payload does, and for the disk.
   virtual DiscoveryStatus persist() = 0;
 
-  // Opens the payload: DS_SUCCESS, DS_OPEN_FAILED, or what the store says.
+  // Opens the payload, as CollectionData::open: DS_SUCCESS, DS_OPEN_FAILED, or
+  // what the store says (DS_DATA_EXISTS for an update that could not be
+  // persisted).
   virtual DiscoveryStatus open(OpenMode mode, char const* name) = 0;
 
   // Each destroys the part held and takes the new one over; null is allowed,
@@ -197,7 +210,7 @@ public:
   int xmlEndElement(XmlObjParseContext* context, XMLCh const* name) override;
   std::ostream& writeXml(std::ostream& os, XmlStr::Encoding encoding) const override;
 
-  // Null when the record has no such part.
+  // Null when the record has no such part; not the caller's.
   Authority* getAuthority() const noexcept { return m_authority; }
   Subject* getSubject() const noexcept { return m_subject; }
   CollectionAttributes* getAttributes() const noexcept { return m_attributes; }
@@ -218,6 +231,8 @@ class TQ_EXPORT DiscoveryIterator : public virtual OZFRefCounted
 {
 public:
   // The next discovery, with one reference for the caller; null at the end.
+  // One that cannot be read is passed over with a log line. Reads a file where
+  // the discoveries are this host's; calls no other host.
   virtual Discovery* getNext() = 0;
 
   // Set the filters from names or patterns of names, as URI_FILE_PATTERN. A
@@ -249,6 +264,7 @@ private:
 // before now.
 TQ_EXPORT bool isExpired(Discovery const* discovery);
 
+// Whether the status is DS_SUCCESS.
 TQ_EXPORT bool isSuccess(DiscoveryResult const& result);
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -1,6 +1,10 @@
 // The hub of the service: the registry of explorers and parsers, the creation
 // of discoveries, queries, and the two timers.
 //
+// A plug-in's entry point gets it to register with: that is what
+// registerExplorer and registerExplorerParser are for. Readers of discoveries
+// use discovery/Researcher.h. The rest is the service's own.
+//
 // Its operations may be called from any thread. The recursive lock guards the
 // registry, the parsers and the plug-in limit; it is held while a registration
 // is written to the cache and while parsers are loaded. Queries and timers do
@@ -63,7 +67,10 @@ public:
   DiscoveryIterator* findPullExplorer(DiscoveryQuery query, ExplorerSet const& pullExplorers,
                                       std::string const& subject, std::string const& authority);
 
-  // The roles of this process.
+  // The roles of this process: whether the host is the master, as it was found
+  // on first use, which may ask the system's resolver; whether the process is
+  // a discovery service (type 1) or only reads (type 0). All but isMaster
+  // assert that there is a framework.
 
   virtual bool isMaster() const;
   virtual bool isGenericDS() const;
@@ -84,8 +91,16 @@ public:
   // caller's.
   virtual Authority* getLocalAuthority() const;
 
+  // Tell each explorer, on this thread; what one throws is logged.
   virtual void startExplorers(ExplorerSet explorers, EngineContext const& context);
   virtual void stopExplorers(ExplorerSet const& explorers);
+
+  // Set a new timer in the place of the present one, on the framework's
+  // reactor, and return at once; nothing once the repository shuts down. The
+  // push timer fires at once and then every 5 seconds, for the push explorers
+  // registered now. The register timer fires after up to 300 seconds, and
+  // again every 300 seconds until the master knows this host's pull explorers;
+  // then it starts the push timer.
   virtual void startPushTimer();
   virtual void startRegisterTimer();
 
@@ -123,8 +138,11 @@ public:
   void limitExplorerPlugins(std::list<std::string> const* names);
   std::list<std::string> getExplorerPluginLimit() const;
 
-  // Loads the plug-ins, starts the explorers and the timer of this role.
+  // Loads the plug-ins, starts the explorers and the timer of this role. A
+  // plug-in that cannot be loaded is logged and passed over.
   void loadExplorers();
+
+  // Loads the parsers of all plug-ins, once; nothing after that.
   void loadExplorerParsers();
 
   // Writes one pull registration into the local database, failures are logged.
@@ -133,6 +151,7 @@ public:
   // Registers what the pull-explorer cache holds.
   void loadPullExplorerCache();
 
+  // Whether there is a '*' in the text.
   static bool stringContainsWildcard(std::string const& text);
 
   // The registry as it stands; a snapshot does not change.
@@ -145,7 +164,7 @@ public:
   // none does any more: reading it takes no lock. A new framework makes a
   // repository that was shut down usable again.
   void setDiscoveryFramework(DiscoveryFramework const* framework);
-  Orb* getOrb() const;
+  Orb* getOrb() const;           // not the caller's
   Orb* findOrb() const noexcept; // null when there is no framework or no ORB
   std::string getOrbServiceName() const;
   std::string getDSName() const;

@@ -1,4 +1,5 @@
-// Symbol visibility of the library, and the namespace's way to its logger.
+// Symbol visibility of the library. Everything is compiled hidden; what other
+// libraries and programs may use is marked.
 
 #pragma once
 

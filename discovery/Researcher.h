@@ -16,6 +16,13 @@
 //
 // One iterator is used by one thread at a time. Release every iterator before
 // deinitDiscoveryResearch: it may hold references to objects of other hosts.
+//
+// What fails is answered with null or false, never with an exception, and a
+// line in the log says why: where lines go is for LoggerFactory to say.
+// Programs that are wrong, such as a query without initDiscoveryResearch, meet
+// an AssertionFailure. The master is the one that the configuration names
+// (SERVER in tq.conf). COLLECTION_PAGE_SIZE should be set there, or with
+// overrideConfiguration: without it payloads travel in pages of a few bytes.
 
 #pragma once
 
@@ -47,11 +54,15 @@ TQ_EXPORT Orb* getOrb();
 // Makes the process ready to read discoveries; nothing when it is. Without an
 // ORB set, an ORB of the API's own is brought up, on threads of its own. Not
 // for a process that runs the discovery service: that is ready already, and
-// would lose its place as this process's framework.
+// would lose its place as this process's framework. Nothing is called yet. An
+// ORB that cannot be started is a line in the log, and queries then find
+// nothing. Any thread, but not at the same time as deinitDiscoveryResearch.
 TQ_EXPORT void initDiscoveryResearch();
 
 // Takes down what initDiscoveryResearch brought up, waiting for calls in
-// progress; nothing when there is none. initDiscoveryResearch may follow.
+// progress; nothing when there is none. initDiscoveryResearch may follow. Call
+// it before main ends, when no other thread uses the API, and not in a call
+// from the ORB. Without it an ORB of the API's own is left as it is at exit.
 TQ_EXPORT void deinitDiscoveryResearch();
 
 using CollectionItems = std::vector<AutoDereference<CollectionItem>>;
@@ -135,9 +146,15 @@ private:
 };
 
 // The discoveries whose names match the patterns ('*' is the wildcard; an empty
-// pattern stands for "*"). Null, with a log line, when nothing could be
-// queried. Asserts that this process has a discovery framework. May ask the
-// master, which blocks for the request time-out at worst.
+// pattern stands for "*"), of that type unless it is AT_ANYANDALL. Names are
+// compared as shown (URI_SHOWN), letter case included; a pattern that begins
+// with '*', or one that an explorer on demand answers, may find more than it
+// says. The collections are not read yet. Null, with a log line, when nothing
+// could be queried; null is not "no discoveries", which is an iterator without
+// any. Asserts that this process has a discovery framework. Asks the master,
+// page by page, unless this process is its service; each page blocks for the
+// request time-out (30 seconds unless Orb::setRequestTimeout says otherwise)
+// at worst. Any thread.
 TQ_EXPORT AutoDereference<AuthSubIterator> getAuthSubIterator(DiscoveryQuery query,
                                                               std::string const& subject,
                                                               std::string const& authority,

@@ -74,7 +74,7 @@ public:
   static void flush();
 };
 
-// Notes entry into and exit from an operation at level 6.
+// Notes entry into and exit from an operation at level 6. operation outlives it.
 class OZF_EXPORT TraceScope
 {
 public:

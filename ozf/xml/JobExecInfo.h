@@ -14,6 +14,7 @@
 namespace Quillon::Tessarine::Ozf
 {
 
+// Not locked; once shared it does not change.
 class OZF_EXPORT JobExecInfo : public virtual OZFRefCounted
 {
 public:
@@ -27,8 +28,9 @@ public:
   std::vector<std::string> const& getArguments() const noexcept { return m_arguments; }
 
   // The arguments as one text, separated by blanks and quoted where needed, so
-  // that ACE_ARGV takes them apart again. See the source for what a command
-  // line cannot carry.
+  // that ACE_ARGV takes them apart again. One thing cannot be quoted: a reader
+  // of filter parameters replaces $NAME by the variable of that name in its
+  // own environment, if there is one.
   OzfString getCommandLine() const;
 
   ~JobExecInfo() override;
