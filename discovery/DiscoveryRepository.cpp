@@ -103,7 +103,14 @@ void DiscoveryRepository::Registrations::clear()
 // ---- construction ----
 
 DiscoveryRepository::DiscoveryRepository() = default;
-DiscoveryRepository::~DiscoveryRepository() = default;
+
+DiscoveryRepository::~DiscoveryRepository()
+{
+  // The process ends. What was not taken down by now, as after a fini that
+  // could not destroy its POA, never will be, and must not hold the end up.
+  if (!m_barrier->isOpen())
+    static_cast<void>(m_barrier.release());
+}
 
 DiscoveryRepository& getDiscoveryRepository()
 {
@@ -470,7 +477,7 @@ void DiscoveryRepository::shutdown()
 void DiscoveryRepository::fini()
 {
   OZF_ASSERT(m_shuttingDown, "m_shuttingDown", SOURCE, "DiscoveryRepository::fini");
-  m_barrier.wait();
+  m_barrier->wait();
 }
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

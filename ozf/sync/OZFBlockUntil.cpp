@@ -21,6 +21,12 @@ void OZFBlockUntil::add(OZFRefCounted& object)
   ++m_alive;
 }
 
+bool OZFBlockUntil::isOpen() const
+{
+  std::lock_guard guard(m_mutex);
+  return m_alive == 0;
+}
+
 void OZFBlockUntil::wait()
 {
   std::unique_lock lock(m_mutex);

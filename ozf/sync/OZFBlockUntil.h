@@ -27,6 +27,9 @@ public:
   // barrier; adding it a second time is a mistake and is ignored.
   void add(OZFRefCounted& object);
 
+  // Whether every object added is gone.
+  bool isOpen() const;
+
   // Blocks until the last object added is gone. Call it without references.
   void wait();
 
@@ -36,7 +39,7 @@ private:
   // Called at the end of the object's life, on any thread.
   void objectGone() noexcept;
 
-  std::mutex m_mutex;
+  mutable std::mutex m_mutex;
   std::condition_variable m_opened;
   long m_alive = 0;
 };

@@ -13,6 +13,8 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
+
 using namespace tqtest;
 
 namespace
@@ -317,6 +319,17 @@ TEST_F(DiscoveryRepositoryTest, AccessorsAssertThatThereIsAFramework)
     EXPECT_TRUE(log.has(1, std::string("DiscoveryRepository::") + operation,
                         "Assertion failed: 0 != m_discoveryFramework"))
         << log.text();
+}
+
+TEST_F(DiscoveryRepositoryTest, ItsEndDoesNotWaitForWhatIsStillAlive)
+{
+  auto repository = std::make_unique<TestRepository>();
+  AutoDereference<FakePush> held(new FakePush("held"));
+  std::unique_ptr<OZFBlockUntil> const barrier(&repository->getBarrier()); // ours afterwards
+  barrier->add(*held);
+  auto const ended = std::async(std::launch::async, [&] { repository.reset(); });
+  EXPECT_EQ(std::future_status::ready, ended.wait_for(std::chrono::seconds(60)));
+  held.reset();
 }
 
 TEST_F(DiscoveryRepositoryTest, TheFrameworkTellsTypeAndName)

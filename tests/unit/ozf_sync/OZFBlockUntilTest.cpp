@@ -33,8 +33,8 @@ std::string reported;
 TEST(OZFBlockUntil, IsOpenWhenNothingWasAdded)
 {
   OZFBlockUntil barrier;
+  EXPECT_TRUE(barrier.isOpen());
   barrier.wait();
-  SUCCEED();
 }
 
 TEST(OZFBlockUntil, OpensWithTheLastObject)
@@ -48,9 +48,11 @@ TEST(OZFBlockUntil, OpensWithTheLastObject)
   auto waited = std::async(std::launch::async, [&] { barrier.wait(); });
   first.reset();
   EXPECT_EQ(waited.wait_for(50ms), std::future_status::timeout);
+  EXPECT_FALSE(barrier.isOpen());
   second.reset();
   EXPECT_EQ(waited.wait_for(30s), std::future_status::ready);
   EXPECT_EQ(destroyed, 2);
+  EXPECT_TRUE(barrier.isOpen());
 }
 
 TEST(OZFBlockUntil, TheDestructorWaitsToo)
