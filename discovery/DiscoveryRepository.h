@@ -187,9 +187,10 @@ public:
   bool isShuttingDown() const noexcept { return m_shuttingDown; }
 
   // After shutdown: waits for every object registered with the repository's
-  // barrier.
+  // barrier. The end of the repository itself does not wait: a barrier with
+  // objects left is theirs from then on.
   void fini();
-  OZFBlockUntil& getBarrier() noexcept { return m_barrier; }
+  OZFBlockUntil& getBarrier() noexcept { return *m_barrier; }
 
 private:
   // A set of registrations and the snapshot that readers share until the next
@@ -236,7 +237,7 @@ private:
   std::mutex m_timersMutex; // the two pointers below
   AutoDereference<ExplorerPushTimer> m_pushTimer;
   AutoDereference<ExplorerRegisterTimer> m_registerTimer;
-  OZFBlockUntil m_barrier;
+  std::unique_ptr<OZFBlockUntil> m_barrier = std::make_unique<OZFBlockUntil>();
   bool m_parsersLoaded = false;
   std::map<OzfString, AutoDereference<ExplorerDataParser>> m_parsers;
   std::list<std::string> m_pluginLimit;
