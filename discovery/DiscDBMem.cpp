@@ -17,6 +17,24 @@ namespace
 
 constexpr char SOURCE[] = "DiscDB";
 
+AutoDereference<ExplorerQuery> queryOf(AutoDereference<ExplorerQuery> const& query)
+{
+  return query;
+}
+
+AutoDereference<ExplorerQuery> queryOf(AutoDereference<ExplorerWrapper> const& entry)
+{
+  return AutoDereference<ExplorerQuery>(new ExplorerQuery(entry));
+}
+
+// What gives one after the other, and null at the end.
+template <class Set>
+auto walk(std::shared_ptr<Set const> const& set, typename Set::const_iterator first)
+{
+  return [set, next = first]() mutable
+  { return next == set->end() ? AutoDereference<ExplorerQuery>() : queryOf(*next++); };
+}
+
 } // namespace
 
 MemCollectionData::MemCollectionData(AutoDereference<ExplorerQuery> const& query,
@@ -90,18 +108,23 @@ DiscoveryStatus MemDiscovery::open(OpenMode mode, char const* name)
 DiscoveryStatus MemDiscovery::persist() { return DS_SUCCESS; }
 
 MemDiscoveryIterator::MemDiscoveryIterator(ExplorerQuerySet const& queries, DiscoveryQuery kind)
-    : DiscoveryIterator(AT_ANYANDALL, "", ""), m_queries(queries), m_kind(kind)
+    : DiscoveryIterator(AT_ANYANDALL, "", ""), m_kind(kind)
+{
+  auto const copy = std::make_shared<ExplorerQuerySet const>(queries);
+  m_next = walk(copy, copy->begin());
+}
+
+MemDiscoveryIterator::MemDiscoveryIterator(ExplorerTail const& tail, DiscoveryQuery kind)
+    : DiscoveryIterator(AT_ANYANDALL, "", ""),
+      m_next(walk(tail.explorers, tail.first)),
+      m_kind(kind)
 {
 }
 
 Discovery* MemDiscoveryIterator::getNext()
 {
-  if (!m_started)
-  {
-    m_cursor = m_queries.begin();
-    m_started = true;
-  }
-  if (m_cursor == m_queries.end())
+  AutoDereference<ExplorerQuery> const query = m_next();
+  if (!query)
     return nullptr;
 
   AutoDereference<ExplorerQuery> const& query = *m_cursor;
@@ -123,6 +146,12 @@ DiscoveryIterator* DiscoveryMemCreator::getIterator(ExplorerQuerySet const& quer
                                                     DiscoveryQuery kind) const
 {
   return new MemDiscoveryIterator(queries, kind);
+}
+
+DiscoveryIterator* DiscoveryMemCreator::getIterator(ExplorerTail const& tail,
+                                                    DiscoveryQuery kind) const
+{
+  return new MemDiscoveryIterator(tail, kind);
 }
 
 DiscoveryMemCreator* getDiscoveryMemDatbase()

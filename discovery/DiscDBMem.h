@@ -7,6 +7,8 @@
 #include "discovery/DiscoveryRepositoryEntries.h"
 #include "ozf/sync/OzfLockable.h"
 
+#include <functional>
+#include <memory>
 #include <sstream>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
@@ -38,25 +40,35 @@ public:
   DiscoveryStatus persist() override; // nothing to do: DS_SUCCESS
 };
 
+// The explorers of a registry's snapshot from one of them on.
+struct ExplorerTail
+{
+  std::shared_ptr<ExplorerSet const> explorers;
+  ExplorerSet::const_iterator first;
+};
+
 class TQ_EXPORT MemDiscoveryIterator : public virtual DiscoveryIterator
 {
 public:
+  // Works on a copy of the set.
   MemDiscoveryIterator(ExplorerQuerySet const& queries, DiscoveryQuery kind);
+  // Shares the snapshot: remote callers may hold many iterators over many
+  // explorers.
+  MemDiscoveryIterator(ExplorerTail const& tail, DiscoveryQuery kind);
   Discovery* getNext() override;
 
 private:
-  ExplorerQuerySet m_queries;
+  std::function<AutoDereference<ExplorerQuery>()> m_next; // null at the end
   DiscoveryQuery m_kind;
-  bool m_started = false;
-  ExplorerQuerySet::const_iterator m_cursor;
 };
 
-// Both results carry one reference for the caller.
+// The results carry one reference for the caller.
 class TQ_EXPORT DiscoveryMemCreator : public virtual OzfLockable
 {
 public:
   Discovery* newDiscovery(AutoDereference<ExplorerQuery> const& query, DiscoveryQuery kind);
   DiscoveryIterator* getIterator(ExplorerQuerySet const& queries, DiscoveryQuery kind) const;
+  DiscoveryIterator* getIterator(ExplorerTail const& tail, DiscoveryQuery kind) const;
 };
 
 // The process's one creator, made on first use.

@@ -44,6 +44,8 @@ public:
   class ExplorerPushTimer;
   class ExplorerRegisterTimer;
 
+  using Snapshot = std::shared_ptr<ExplorerSet const>;
+
   DiscoveryRepository();
   ~DiscoveryRepository() override;
 
@@ -64,7 +66,7 @@ public:
   // Discoveries to be produced by the first pull explorer that matches both
   // patterns and by every entry after it in the set's order; null when none
   // matches.
-  DiscoveryIterator* findPullExplorer(DiscoveryQuery query, ExplorerSet const& pullExplorers,
+  DiscoveryIterator* findPullExplorer(DiscoveryQuery query, Snapshot const& pullExplorers,
                                       std::string const& subject, std::string const& authority);
 
   // The roles of this process: whether the host is the master, as it was found
@@ -155,7 +157,6 @@ public:
   static bool stringContainsWildcard(std::string const& text);
 
   // The registry as it stands; a snapshot does not change.
-  using Snapshot = std::shared_ptr<ExplorerSet const>;
   Snapshot getPushExplorers() const;
   Snapshot getPullExplorers() const;
 

@@ -48,7 +48,7 @@ DiscoveryIterator* DiscoveryRepository::queryDiscoveries(DiscoveryQuery query,
   if (type != AT_REMOTEPULL)
   {
     AutoDereference<DiscoveryIterator> pulled(
-        findPullExplorer(query, *getPullExplorers(), subject, authority));
+        findPullExplorer(query, getPullExplorers(), subject, authority));
     if (pulled)
       iterators.push_back(std::move(pulled));
   }
@@ -69,14 +69,15 @@ DiscoveryIterator* DiscoveryRepository::queryDiscoveries(DiscoveryQuery query,
 }
 
 DiscoveryIterator* DiscoveryRepository::findPullExplorer(DiscoveryQuery query,
-                                                         ExplorerSet const& pullExplorers,
+                                                         Snapshot const& pullExplorers,
                                                          std::string const& subject,
                                                          std::string const& authority)
 {
   AutoDereference<ExplorerIdentity> const identity(new ExplorerIdentity(authority, subject));
-  auto entry = std::find_if(pullExplorers.begin(), pullExplorers.end(),
-                            [&](auto const& candidate) { return identity->matches(*candidate); });
-  if (entry == pullExplorers.end())
+  auto const first =
+      std::find_if(pullExplorers->begin(), pullExplorers->end(),
+                   [&](auto const& candidate) { return identity->matches(*candidate); });
+  if (first == pullExplorers->end())
     return nullptr;
 
   // Every entry after the first match is taken as it comes: callers rely on
@@ -86,7 +87,7 @@ DiscoveryIterator* DiscoveryRepository::findPullExplorer(DiscoveryQuery query,
     queries.insert(AutoDereference<ExplorerQuery>(new ExplorerQuery(*entry)));
 
   AutoDereference<DiscoveryIterator> iterator(
-      getDiscoveryMemDatbase()->getIterator(queries, query));
+      getDiscoveryMemDatbase()->getIterator(ExplorerTail{pullExplorers, first}, query));
   OZF_ASSERT(dynamic_cast<MemDiscoveryIterator*>(iterator.get()) != nullptr, "discIter", SOURCE,
              "DiscoveryRepository::findPullExplorer");
   return iterator.release();

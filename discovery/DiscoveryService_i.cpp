@@ -124,7 +124,7 @@ DiscoveryStatus DiscoveryService_i::getCollectionData(Discovery const& record, c
   AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::DiscoveryIterator> const found(
       repository.isGenericDSOnMaster()
           ? repository.queryDiscoveries(record.queryType, subject, authority, record.authType)
-          : repository.findPullExplorer(record.queryType, *repository.getPullExplorers(), subject,
+          : repository.findPullExplorer(record.queryType, repository.getPullExplorers(), subject,
                                         authority));
   if (!found)
   {

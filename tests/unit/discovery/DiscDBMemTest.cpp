@@ -212,7 +212,7 @@ TEST_F(DiscDBMemTest, KeepsOneReferenceToTheQuery)
 TEST_F(DiscDBMemTest, IteratorOverNothingIsAtItsEnd)
 {
   AutoDereference<DiscoveryIterator> const iterator(
-      getDiscoveryMemDatbase()->getIterator({}, DQ_DISCOVERY_DATA));
+      getDiscoveryMemDatbase()->getIterator(ExplorerQuerySet{}, DQ_DISCOVERY_DATA));
   EXPECT_EQ(iterator->getNext(), nullptr);
   EXPECT_EQ(iterator->getNext(), nullptr);
 }

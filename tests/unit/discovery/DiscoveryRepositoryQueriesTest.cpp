@@ -150,7 +150,29 @@ TEST_F(DiscoveryRepositoryQueriesTest, EveryEntryAfterTheFirstMatchIsTaken)
   pull(repository, "b");
   pull(repository, "c");
   EXPECT_EQ((Names{"b", "c"}), subjects(repository.findPullExplorer(
-                                   DQ_DISCOVERY_DATA, *repository.getPullExplorers(), "b", "*")));
+                                   DQ_DISCOVERY_DATA, repository.getPullExplorers(), "b", "*")));
+}
+
+// Callers may hold a thousand iterators over as many explorers as there are.
+TEST_F(DiscoveryRepositoryQueriesTest, IteratorsOverPullExplorersShareTheSnapshot)
+{
+  TestRepository repository(true);
+  for (int i = 0; i < 100; ++i)
+    pull(repository, "s" + std::to_string(i));
+  auto const snapshot = repository.getPullExplorers();
+  AutoDereference<ExplorerWrapper> const last = *snapshot->rbegin();
+  long const before = last->referenceCount();
+  std::vector<AutoDereference<DiscoveryIterator>> iterators;
+  for (int i = 0; i < 50; ++i)
+    iterators.emplace_back(
+        repository.findPullExplorer(DQ_DISCOVERY_DATA, snapshot, "s" + std::to_string(i), "a"));
+  EXPECT_EQ(before, last->referenceCount());
+
+  pull(repository, "zz");
+  Names expected;
+  for (auto const& entry : *snapshot)
+    expected.push_back(entry->getSubject()->getName().str());
+  EXPECT_EQ(expected, subjects(iterators.front().release())) << "and see no later registration";
 }
 
 TEST_F(DiscoveryRepositoryQueriesTest, SubjectAndAuthorityMustBothMatchInTheirCase)
