@@ -54,7 +54,7 @@ TQ_EXPORT Orb* getOrb();
 // Makes the process ready to read discoveries; nothing when it is. Without an
 // ORB set, an ORB of the API's own is brought up, on threads of its own. Not
 // for a process that runs the discovery service: that is ready already, and
-// would lose its place as this process's framework. Nothing is called yet. An
+// would lose its place as this process's framework. Calls no other host yet. An
 // ORB that cannot be started is a line in the log, and queries then find
 // nothing. Any thread, but not at the same time as deinitDiscoveryResearch.
 TQ_EXPORT void initDiscoveryResearch();

@@ -210,7 +210,7 @@ int readDiscoveries(Request const& request)
   if (!discoveries)
   {
     complain("the master " + printable(request.master) +
-             " could not be asked; is its service running? The log lines above say more");
+             " could not be asked: is its service running, and does this host know its address?");
     return EXIT_FAILED;
   }
 
