@@ -6,6 +6,8 @@
 #include "discovery/DiscoveryRepository.h"
 #include "discovery/Researcher.h"
 #include "ozf/orb/Corba.h"
+#include "ozf/orb/Orb.h"
+#include "ozf/plugin/CurrentException.h"
 
 #include <ace/Recursive_Thread_Mutex.h>
 #include <ace/Singleton.h>
@@ -30,12 +32,29 @@ void addClients(char const* authority, char const* noneFound, std::set<OzfString
   // Every step opens a payload, which may lie on a host that does not answer.
   while (!getDiscoveryRepository().isShuttingDown())
   {
-    AutoDereference<CollectionItemIterator> const items(
-        discoveries->getNextCollectionItemIterator(nullptr));
-    if (!items)
-      return;
-    clients.insert(items->getSubject().getName());
+    // Or run an explorer of this host: what that throws concerns one record.
+    try
+    {
+      AutoDereference<CollectionItemIterator> const items(
+          discoveries->getNextCollectionItemIterator(nullptr));
+      if (!items)
+        return;
+      clients.insert(items->getSubject().getName());
+    }
+    catch (...)
+    {
+      OZF_LOG(getOzfLogger(), 1, SOURCE, "Researcher::getDiscoveredClientList",
+              "Passed over a record of authority " << authority << ": " << currentExceptionText());
+    }
   }
+}
+
+// The refresh calls out on a thread that the ORB did not make.
+void makeThreadKnown(DiscoveryRepository const& repository)
+{
+  Orb* const orb = repository.findOrb();
+  if (OrbCore* const core = orb == nullptr ? nullptr : orb->getOrbCore(); core != nullptr)
+    core->lf_strategy().set_upcall_thread(core->leader_follower());
 }
 
 } // namespace
@@ -54,6 +73,7 @@ int RefreshDiscoveryTask::ozfsvc()
 {
   constexpr char const* OPERATION = "RefreshDiscoveryTask::ozfsvc";
   DiscoveryRepository& repository = getDiscoveryRepository();
+  makeThreadKnown(repository);
   for (OzfString const& client : repository.getDiscoveredClientList())
   {
     if (repository.isShuttingDown())

@@ -1,5 +1,7 @@
 #include "discovery/DiscoveryRepositoryRefresh.h"
 
+#include "ozf/log/Assertion.h"
+#include "tests/support/FakeExplorers.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/RemoteService.h"
 #include "tests/support/Service.h"
@@ -8,6 +10,7 @@
 
 #include <condition_variable>
 #include <future>
+#include <omnithread.h>
 
 using namespace tqtest;
 
@@ -43,6 +46,31 @@ TEST(DiscoveryRepositoryRefreshTest, WithoutAnAnswerThereAreNoClientsAndTwoDetai
   EXPECT_EQ(Clients{}, getDiscoveryRepository().getDiscoveredClientList());
   EXPECT_EQ(1, log.count(4, CLIENT_LIST, "No windows clients found")) << log.text();
   EXPECT_EQ(1, log.count(4, CLIENT_LIST, "No unix clients found")) << log.text();
+}
+
+TEST(DiscoveryRepositoryRefreshTest, AnExplorerThatFailsAnAssertionDoesNotEndTheList)
+{
+  struct Failing : FakePull
+  {
+    using FakePull::FakePull;
+    bool collectionRequested(DiscoveryQuery, Authority const&, Subject const&,
+                             AutoDereference<OZFRefCounted>&, char const*, CollectionData*) override
+    {
+      assertionFailed("false", "Failing::collectionRequested", "RefreshTest", __LINE__);
+    }
+  };
+  Service host;
+  AutoDereference<Failing> const failing(new Failing("failing"));
+  getDiscoveryRepository().registerExplorer(new Subject("here"), failing.get(), 1,
+                                            new Authority("volume", AT_TQUCLIENT), true);
+  host.start();
+  ASSERT_EQ(DS_SUCCESS, Service::store("alpha", "volume"));
+  ASSERT_EQ(DS_SUCCESS, Service::store("zulu", "filesystem"));
+  LogCapture log;
+  EXPECT_EQ((Clients{"alpha", "zulu"}), getDiscoveryRepository().getDiscoveredClientList());
+  EXPECT_NE(std::string::npos, log.text().find("1 " + std::string(CLIENT_LIST) +
+                                               ": Passed over a record of authority volume: "))
+      << log.text();
 }
 
 TEST(DiscoveryRepositoryRefreshTest, AClientWithBothKindsOfDiscoveriesIsRefreshedOnce)
@@ -157,6 +185,21 @@ TEST_F(RefreshTaskTest, AsksTheClientsInTheOrderOfTheirNames)
     EXPECT_EQ(AT_ANYANDALL, query.type);
     EXPECT_EQ("*", query.subject);
   }
+}
+
+// A call to a client in the same process is made on the refresh's own thread,
+// which the ORB did not make.
+TEST_F(RefreshTaskTest, ItsThreadIsKnownToTheOrb)
+{
+  std::atomic<int> known{0};
+  m_service->beforeRestart = [&]
+  {
+    if (omni_thread::self() != nullptr)
+      ++known;
+  };
+  ASSERT_TRUE(getDiscoveriesThreadMgr().restartAllPushTimers());
+  getDiscoveriesThreadMgr().waitForRefresh();
+  EXPECT_EQ(2, known);
 }
 
 TEST_F(RefreshTaskTest, AnExceptionOfAClientEndsTheTask)
