@@ -5,6 +5,7 @@
 #include "discovery/DiscoveryRepository.h"
 #include "discovery/DiscoveryService_i.h"
 #include "ozf/orb/Orb.h"
+#include "ozf/plugin/CurrentException.h"
 
 #include <ace/ACE.h>
 #include <ace/Init_ACE.h>
@@ -75,6 +76,12 @@ void DiscoveryFramework::init(std::list<std::string> const* explorers)
 void DiscoveryFramework::activate()
 {
   m_served = std::make_unique<Served>();
+  // Nobody will call fini for an init that failed.
+  auto const undo = [this]
+  {
+    m_orb->destroyObjectRef(m_served->reference);
+    m_served.reset();
+  };
   try
   {
     CORBA::Object_var const root = m_orb->resolveInitialReference("RootPOA");
@@ -90,9 +97,14 @@ void DiscoveryFramework::activate()
     OZF_LOG(getOzfLogger(), 1, SOURCE, "DiscoveryFramework::init",
             "Caught corba exception activating DiscoveryService servant, Corba exception: "
                 << corbaExceptionText(exception));
-    // Nobody will call fini for an init that failed.
-    m_orb->destroyObjectRef(m_served->reference);
-    m_served.reset();
+    undo();
+    throw;
+  }
+  catch (...)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, "DiscoveryFramework::init",
+            "Unable to activate the DiscoveryService servant: " << currentExceptionText());
+    undo();
     throw;
   }
 }

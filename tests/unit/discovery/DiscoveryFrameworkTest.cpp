@@ -137,6 +137,22 @@ TEST(DiscoveryFrameworkTest, AFailureToServeIsLoggedAndPassedOn)
     << log.text();
 }
 
+TEST(DiscoveryFrameworkTest, AFailureOfAnyKindToServeIsUndone)
+{
+  Service host;
+  ASSERT_TRUE(host.orb().init());
+  ASSERT_EQ(0, host.orb().run(0));
+  getDiscoveryDBDatabase()->init("taken"); // may be set up once only
+  LogCapture log;
+  EXPECT_THROW(host.framework().init(nullptr), AssertionFailure);
+  EXPECT_NE(std::string::npos,
+            log.text().find("DiscoveryFramework::init: Unable to activate the DiscoveryService "
+                            "servant: "))
+    << log.text();
+  EXPECT_THROW(host.framework().init(nullptr), AssertionFailure)
+    << "what is left of the first attempt must not pass for a service";
+}
+
 TEST(DiscoveryFrameworkTest, LiveIteratorsAreDestroyedAtShutdown)
 {
   Service host;
