@@ -2,6 +2,7 @@
 
 #include "discovery/DiscoveryLog.h"
 #include "ozf/orb/Corba.h"
+#include "ozf/plugin/CurrentException.h"
 
 #include <ace/Recursive_Thread_Mutex.h>
 #include <ace/Singleton.h>
@@ -71,10 +72,10 @@ int MemCollectionData::open(OpenMode mode, char const* name)
             "Explorer " << explorer->getExplorerName()
                         << " failed: " << corbaExceptionText(exception));
   }
-  catch (std::exception const& exception)
+  catch (...)
   {
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
-            "Explorer " << explorer->getExplorerName() << " failed: " << exception.what());
+            "Explorer " << explorer->getExplorerName() << " failed: " << currentExceptionText());
   }
   m_query->getEntry()->noteRun(OzfObjTime::now(), produced ? DS_SUCCESS : DS_OPEN_FAILED);
   m_stream.clear();
@@ -126,13 +127,10 @@ Discovery* MemDiscoveryIterator::getNext()
   AutoDereference<ExplorerQuery> const query = m_next();
   if (!query)
     return nullptr;
-
-  AutoDereference<ExplorerQuery> const& query = *m_cursor;
   AutoDereference<Discovery> discovery(getDiscoveryMemDatbase()->newDiscovery(query, m_kind));
   OZF_ASSERT(discovery, "NULL != discovery", SOURCE, "MemDiscoveryIterator::getNext");
   discovery->setSubject(new Subject(*query->getSubject()));
   discovery->setAuthority(new Authority(*query->getAuthority()));
-  ++m_cursor;
   return discovery.release();
 }
 

@@ -82,10 +82,6 @@ DiscoveryIterator* DiscoveryRepository::findPullExplorer(DiscoveryQuery query,
 
   // Every entry after the first match is taken as it comes: callers rely on
   // being given the tail of the set.
-  ExplorerQuerySet queries;
-  for (; entry != pullExplorers.end(); ++entry)
-    queries.insert(AutoDereference<ExplorerQuery>(new ExplorerQuery(*entry)));
-
   AutoDereference<DiscoveryIterator> iterator(
       getDiscoveryMemDatbase()->getIterator(ExplorerTail{pullExplorers, first}, query));
   OZF_ASSERT(dynamic_cast<MemDiscoveryIterator*>(iterator.get()) != nullptr, "discIter", SOURCE,

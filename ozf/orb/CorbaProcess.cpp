@@ -10,6 +10,7 @@
 #include "ozf/log/Assertion.h"
 #include "ozf/log/FrameworkLogger.h"
 #include "ozf/orb/ListenCheck.h"
+#include "ozf/plugin/CurrentException.h"
 
 #include <omniORB4/callDescriptor.h>
 #include <omniORB4/omniInterceptors.h>
@@ -23,6 +24,7 @@
 
 #include <atomic>
 #include <ctime>
+#include <cxxabi.h>
 #include <map>
 #include <mutex>
 #include <new>
@@ -131,6 +133,21 @@ void guardCall(omniCallDescriptor* call, omniServant* servant)
   {
     OZF_LOG(getFrameworkLogger(), 1, SOURCE, "CorbaProcess::guardCall",
             "Caught exception in a call of " << operation << ": " << exception.what());
+    throw CORBA::INTERNAL(0, CORBA::COMPLETED_MAYBE);
+  }
+  catch (CORBA::Exception const&)
+  {
+    throw;
+  }
+  catch (abi::__forced_unwind const&)
+  {
+    // A thread that is cancelled; the C library insists on the rethrow.
+    throw;
+  }
+  catch (...)
+  {
+    OZF_LOG(getFrameworkLogger(), 1, SOURCE, "CorbaProcess::guardCall",
+            "Caught exception in a call of " << operation << ": " << currentExceptionText());
     throw CORBA::INTERNAL(0, CORBA::COMPLETED_MAYBE);
   }
 }

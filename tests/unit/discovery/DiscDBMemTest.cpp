@@ -1,6 +1,7 @@
 #include "discovery/DiscDBMem.h"
 
 #include "ozf/log/Assertion.h"
+#include "ozf/orb/Corba.h"
 #include "tests/support/LogCapture.h"
 
 #include <gtest/gtest.h>
@@ -178,6 +179,17 @@ TEST_F(DiscDBMemTest, WhatAnExplorerThrowsIsALoggedFailure)
   MemCollectionData data(makeQuery(m_explorer.get()), DQ_DISCOVERY_DATA);
   EXPECT_EQ(data.open(OM_READ, ""), 0);
   EXPECT_TRUE(log.has(1, "MemCollectionData::open", "Explorer TestPull failed: disk gone"))
+      << log.text();
+
+  m_explorer->produce = [](CollectionData&) -> bool { throw 5; };
+  EXPECT_EQ(data.open(OM_READ, ""), 0);
+  EXPECT_TRUE(log.has(1, "MemCollectionData::open",
+                      "Explorer TestPull failed: an exception of type int"))
+      << log.text();
+
+  m_explorer->produce = [](CollectionData&) -> bool { throw CORBA::NO_RESOURCES(); };
+  EXPECT_EQ(data.open(OM_READ, ""), 0);
+  EXPECT_NE(std::string::npos, log.text().find("Explorer TestPull failed: NO_RESOURCES"))
       << log.text();
 }
 

@@ -197,6 +197,7 @@ TEST(CorbaProcessTest, answersWithInternalWhenACallFailsAndServesOn)
   auto const probe = probeOf(client.orb, "Probe");
   EXPECT_THROW(probe->fail("assertion"), CORBA::INTERNAL);
   EXPECT_THROW(probe->fail("runtime"), CORBA::INTERNAL);
+  EXPECT_THROW(probe->fail("other"), CORBA::INTERNAL);
   EXPECT_THROW(probe->fail("memory"), CORBA::NO_MEMORY);
   EXPECT_THROW(probe->fail("corba"), CORBA::NO_PERMISSION);
   CORBA::String_var const answer = probe->echo("still there");

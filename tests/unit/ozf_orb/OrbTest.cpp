@@ -114,6 +114,11 @@ TEST_F(OrbObjectTest, aFailedCallIsInternalWithinTheProcessToo)
   OrbTest::Probe_var probe = OrbTest::Probe::_narrow(object);
   EXPECT_THROW(probe->fail("assertion"), CORBA::INTERNAL);
   EXPECT_THROW(probe->fail("runtime"), CORBA::INTERNAL);
+  LogCapture log(1);
+  EXPECT_THROW(probe->fail("other"), CORBA::INTERNAL);
+  EXPECT_TRUE(log.has(1, "CorbaProcess::guardCall",
+                      "Caught exception in a call of fail: an exception of type int"))
+      << log.text();
   EXPECT_EQ(echo(probe, "x"), "x");
 }
 

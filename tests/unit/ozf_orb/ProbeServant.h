@@ -75,6 +75,8 @@ public:
       OZF_ASSERT(false, "NULL != m_probe", "ProbeServant", "ProbeServant::fail");
     if (kind == "runtime")
       throw std::runtime_error("probe failed");
+    if (kind == "other")
+      throw 5;
     if (kind == "memory")
       throw std::bad_alloc();
     if (kind == "corba")
