@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <sstream>
+#include <strings.h>
 #include <vector>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
@@ -25,6 +26,14 @@ constexpr char SOURCE[] = "DiscoveryRepository";
 
 // A cache record is a few hundred bytes; anything near this is not ours.
 constexpr std::size_t MAX_CACHE_RECORD = 1 << 20;
+
+// Names of hosts differ by case in spelling only.
+bool isThisHost(OzfHostname const& host)
+{
+  OzfHostname local;
+  return local.setLocal() &&
+         strcasecmp(local.exportNarrow().c_str(), host.exportNarrow().c_str()) == 0;
+}
 
 LoopCounter& remoteQueriesInProgress()
 {
@@ -185,6 +194,16 @@ void DiscoveryRepository::loadPullExplorerCache()
     OzfString const& authority = record->getAuthority()->getName();
     AutoDereference<RemoteExplorerPull> const explorer(
         new RemoteExplorerPull(serviceName, sourceHost, subject, authority, originType));
+    // Left from the time when this host was a client: it would take the place
+    // of every explorer that this host has just registered for the subject.
+    if (isThisHost(explorer->getHost()))
+    {
+      OZF_LOG(getOzfLogger(), 1, SOURCE, "DiscoveryRepository::loadPullExplorerCache",
+              "Passed over the cached registration of subject "
+                  << subject << " and authority " << authority << ": it names this host, "
+                  << explorer->getHost().exportNarrow());
+      continue;
+    }
     registerExplorer(new Subject(subject.str()), explorer.get(), priority,
                      new Authority(authority.str(), record->getAuthority()->getType()), true);
   }

@@ -66,6 +66,31 @@ struct DiscoveryRepositoryQueriesTest : testing::Test
     ASSERT_EQ(DS_SUCCESS, discovery->persist());
   }
 
+  // As a master stores what another host registers.
+  static void cache(std::string const& host, std::string const& subject,
+                    std::string const& authority, unsigned priority)
+  {
+    TestRepository master(true);
+    AutoDereference<RemoteExplorerPull> const remote(
+        new RemoteExplorerPull("DiscoveryService", host, subject, authority, AT_TQUCLIENT));
+    master.registerExplorer(new Subject(subject), remote.get(), priority,
+                            new Authority(authority, AT_TQUCLIENT), false);
+  }
+
+  static Names payloads(DiscoveryIterator* iterator)
+  {
+    AutoDereference<DiscoveryIterator> const owner(iterator);
+    Names texts;
+    while (owner)
+    {
+      AutoDereference<Discovery> const discovery(owner->getNext());
+      if (!discovery)
+        break;
+      texts.push_back(records::payloadOf(*discovery));
+    }
+    return texts;
+  }
+
   static Names subjects(DiscoveryIterator* iterator)
   {
     AutoDereference<DiscoveryIterator> owner(iterator);
@@ -211,13 +236,7 @@ TEST_F(DiscoveryRepositoryQueriesTest, AnEmptyMasterNameGivesNullWithoutAConnect
 TEST_F(DiscoveryRepositoryQueriesTest, TheCacheOfRegistrationsIsRestored)
 {
   getDiscoveryDBDatabase()->init("");
-  {
-    TestRepository before(true);
-    AutoDereference<RemoteExplorerPull> remote(
-        new RemoteExplorerPull("DiscoveryService", "far", "s", "a", AT_TQUCLIENT));
-    before.registerExplorer(new Subject("s"), remote.get(), 7, new Authority("a", AT_TQUCLIENT),
-                            false);
-  }
+  cache("far", "s", "a", 7);
   TestRepository after(true);
   after.loadPullExplorerCache();
   auto const entries = after.getPullExplorers();
@@ -232,6 +251,54 @@ TEST_F(DiscoveryRepositoryQueriesTest, TheCacheOfRegistrationsIsRestored)
   EXPECT_EQ("far", explorer->getHost().exportNarrow());
   EXPECT_EQ("DiscoveryService", explorer->getServiceName().str());
   EXPECT_EQ(AT_TQUCLIENT, explorer->getAuthorityType());
+}
+
+// A host that was a client becomes the master of the database that it wrote to.
+TEST_F(DiscoveryRepositoryQueriesTest, ACachedRegistrationOfThisHostLeavesItsExplorersAlone)
+{
+  getDiscoveryDBDatabase()->init("");
+  OzfHostname::overrideLocal("here");
+  cache("Here", "here", "volume", 10);
+  cache("far", "far", "volume", 10);
+
+  TestRepository repository(true);
+  pull(repository, "here", "volume");
+  AutoDereference<FakePush> const pusher(new FakePush("filesystem"));
+  repository.registerExplorer(new Subject("here"), pusher.get(), 10,
+                              new Authority("filesystem", AT_TQUCLIENT));
+  LogCapture log(1);
+  repository.loadPullExplorerCache();
+
+  EXPECT_EQ(1u, repository.getPushExplorers()->size());
+  auto const entries = repository.getPullExplorers();
+  ASSERT_EQ(2u, entries->size());
+  for (auto const& entry : *entries)
+    EXPECT_EQ(entry->getSubject()->getName().str() == "far",
+              dynamic_cast<RemoteExplorerPull*>(entry->getExplorer()) != nullptr);
+  EXPECT_EQ(1, log.count(1, "DiscoveryRepository::loadPullExplorerCache",
+                         "Passed over the cached registration of subject here and authority "
+                         "volume: it names this host, Here"))
+      << log.text();
+  EXPECT_EQ(1u, log.lines().size()) << log.text();
+}
+
+// Restored entries are of type AT_REMOTEPULL, which compete by subject alone.
+TEST_F(DiscoveryRepositoryQueriesTest, OfSeveralCachedRegistrationsOfASubjectTheStrongestIsRestored)
+{
+  getDiscoveryDBDatabase()->init("");
+  cache("far", "far", "tape", 9);
+  cache("far", "far", "volume", 11);
+  cache("far", "far", "changer", 10);
+  TestRepository repository(true);
+  repository.loadPullExplorerCache();
+  auto const entries = repository.getPullExplorers();
+  ASSERT_EQ(1u, entries->size());
+  EXPECT_EQ("volume", (*entries->begin())->getAuthority()->getName().str());
+  EXPECT_EQ(11u, (*entries->begin())->getPriority());
+  EXPECT_EQ(
+      3u,
+      subjects(repository.queryDiscoveries(DQ_DISCOVERY_DATA, "far", "*", AT_REMOTEPULL)).size())
+      << "the records stay";
 }
 
 TEST_F(DiscoveryRepositoryQueriesTest, CacheRecordsThatDoNotParseAreSkipped)
