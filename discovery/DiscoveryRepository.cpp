@@ -194,10 +194,13 @@ DiscoveryRepository::Snapshot DiscoveryRepository::getPullExplorers() const
 
 bool DiscoveryRepository::makeRoom(AutoDereference<ExplorerWrapper> const& newcomer, Wins wins)
 {
+  // The pull explorers first, then the push explorers: one that beats the
+  // first and is then refused by the second has driven the first out all the
+  // same. Only a newcomer of type AT_REMOTEPULL can meet entries in both.
   for (Registrations* const registrations : {&m_pullExplorers, &m_pushExplorers})
   {
-    // A newcomer of type AT_REMOTEPULL competes with every entry of its subject.
-    // When one of them is too strong, those found before it stay as well.
+    // Such a one competes with every entry of its subject. When one of a set
+    // is too strong, those of that set found before it stay as well.
     std::vector<AutoDereference<ExplorerWrapper>> beaten;
     while (auto const present = registrations->find(newcomer))
     {

@@ -227,6 +227,7 @@ private:
 
   // Whether the newcomer may take the place of the entry found.
   using Wins = bool (*)(unsigned newcomer, unsigned present);
+  // Erases what the newcomer replaces; false when it is refused.
   bool makeRoom(AutoDereference<ExplorerWrapper> const& newcomer, Wins wins);
 
   bool readCollection(Discovery& discovery, std::string& text) const;

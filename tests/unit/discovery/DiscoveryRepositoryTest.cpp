@@ -192,7 +192,24 @@ TEST_F(DiscoveryRepositoryTest, RemotePullYieldsToAStrongerExplorerThatIsNotTheF
   pull(repository, strong.get(), 6, "s", "b");
   pull(repository, remote.get(), 5, "s", "m", AT_REMOTEPULL);
   EXPECT_EQ((Names{"weak", "strong"}), names(repository.getPullExplorers()))
-      << "what is refused drives nobody out";
+      << "what a set refuses drives nobody out of that set";
+}
+
+// The sets are gone through one after the other.
+TEST_F(DiscoveryRepositoryTest, RemotePullThatThePushSetRefusesHasDrivenOutWeakerPullExplorers)
+{
+  TestRepository repository;
+  AutoDereference<FakePull> weakPull(new FakePull("weak pull"));
+  AutoDereference<FakePush> weakPush(new FakePush("weak push"));
+  AutoDereference<FakePush> strongPush(new FakePush("strong push"));
+  AutoDereference<FakePull> remote(new FakePull("remote"));
+  pull(repository, weakPull.get(), 3, "s", "a");
+  push(repository, weakPush.get(), 3, "s", "b");
+  push(repository, strongPush.get(), 6, "s", "c");
+  pull(repository, remote.get(), 5, "s", "m", AT_REMOTEPULL);
+  EXPECT_EQ(Names{}, names(repository.getPullExplorers()));
+  EXPECT_EQ((Names{"weak push", "strong push"}), names(repository.getPushExplorers()));
+  EXPECT_EQ(1, remote->referenceCount()) << "dropped";
 }
 
 TEST_F(DiscoveryRepositoryTest, ThePullRegistrationsAreCapped)
