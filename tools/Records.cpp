@@ -190,6 +190,17 @@ bool isShadowed(Record const& record, std::vector<Record> const& records)
                                            });
 }
 
+bool isCrowdedOut(Record const& record)
+{
+  AutoDereference<DiscoveryIterator> const iterator(getDiscoveryRepository().queryDiscoveries(
+      DQ_DISCOVERY_DATA, record.subject, record.authority, record.type));
+  if (!record.onDemand() || !iterator)
+    return false;
+  AutoDereference<Discovery> const first(iterator->getNext());
+  AutoDereference<Discovery> const second(iterator->getNext());
+  return first && second;
+}
+
 std::string formatAgeOf(Record const& record, OzfObjTime const& now)
 {
   if (record.announcement)

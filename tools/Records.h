@@ -85,6 +85,11 @@ Announcement masterAs(Quillon::Tessarine::Ozf::DiscoverySvc::AuthorityType type)
 // what is stored beside a collection on demand cannot be read.
 bool isShadowed(Record const& record, std::vector<Record> const& records);
 
+// Whether the service gives nothing for the names of a collection on demand
+// because another one comes after it in the service's order: it answers with
+// all that do, and gives out a collection only where there is one.
+bool isCrowdedOut(Record const& record);
+
 // "2m 5s", "on demand".
 std::string formatAgeOf(Record const& record, Quillon::Tessarine::Ozf::OzfObjTime const& now);
 std::string formatExpiryOf(Record const& record, Quillon::Tessarine::Ozf::OzfObjTime const& now);

@@ -1,6 +1,7 @@
 // tqdiscoctl against a running service.
 
 #include "tests/support/LiveService.h"
+#include "tests/support/RemoteClient.h"
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
@@ -506,6 +507,25 @@ TEST_F(TqdiscoctlExplorersTest, volumesAreReadOnDemandAndTheQueryIsHonoured)
   json const none =
       runJson({"show", LiveService::NAME, "volume", "--type", "client", "--where", "size < 0"}, 3);
   EXPECT_THAT(none["items"], IsEmpty());
+}
+
+// The registration of a host whose name is greater stands after the master's.
+TEST_F(TqdiscoctlExplorersTest,
+       volumesOfTheMasterBehindWhichAnotherHostsStandAreMissedWithTheReason)
+{
+  {
+    client::Client other(m_service.root(), LiveService::NAME);
+    ASSERT_TRUE(other.connected());
+    other->registerExplorer("zulu", "DiscoveryService", "zulu", "volume", client::AT_TQUCLIENT, 10);
+  }
+  for (char const* const form : {"--xml", "--raw", "--json"})
+  {
+    Words const words{"show", LiveService::NAME, "volume", "--type", "client", form};
+    Outcome const outcome = run(words);
+    EXPECT_EQ(outcome.exitCode, 1);
+    EXPECT_THAT(outcome.errors, HasSubstr("another host's comes after this one"));
+    EXPECT_THAT(outcome.errors, HasSubstr("tqdiscoctl db show"));
+  }
 }
 
 TEST_F(TqdiscoctlExplorersTest, patternsMatchPullExplorersAsTheyMatchTheDatabase)
