@@ -37,6 +37,19 @@ bool RemoteExplorerPull::collectionRequested(DiscoveryQuery query, Authority con
                                              char const* filterText, CollectionData* target)
 {
   TraceScope const trace(getOzfLogger(), OPERATION);
+  // A chain that leads through several registrations meets this host again on
+  // the same thread: the ORB makes calls to its own process there.
+  static thread_local LoopCounter nested;
+  LoopGuard const depth(nested);
+  LoopGuard const inProgress(m_inProgress);
+  if (depth.exceeded() || inProgress.exceeded())
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Hostname detected as remote and/or master, but appears to be connecting back to "
+            "self, RemoteHost: "
+                << m_host.exportNarrow());
+    return false;
+  }
   try
   {
     return copyCollection(query, authority, subject, filterText, *target);

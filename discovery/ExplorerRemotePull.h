@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include "discovery/DiscoveryLoopGuard.h"
 #include "discovery/Explorer.h"
 #include "ozf/base/OzfHostname.h"
 
@@ -9,8 +10,12 @@ namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
 
 // Asks the discovery service of the other host and copies what it has. Keeps
-// no state between calls, so any number of threads may call it; a call blocks
-// for several request time-outs at worst.
+// no state between calls, so that threads may call it at the same time; a call
+// blocks for several request time-outs at worst.
+//
+// The host that it names may turn out to be this one, or one that asks this one
+// in turn: then each request causes the next before it ends. More than 20 in
+// progress are taken for that, and refused.
 class TQ_EXPORT RemoteExplorerPull : public virtual ExplorerPull
 {
 public:
@@ -43,6 +48,7 @@ private:
   OzfString m_registrationName2;
   AuthorityType m_authorityType;
   OzfHostname m_host;
+  LoopCounter m_inProgress;
 };
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

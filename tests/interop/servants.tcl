@@ -8,8 +8,12 @@
 #
 # The answers that can be set:
 #   queryDiscoveries   the records, in pages: {{record record} {record}};
-#                      "fail" raises an exception, "nil" gives no iterator
-#   getCollectionData  {status payload}; "nil" gives success without an iterator
+#                      "fail" raises an exception, "nil" gives no iterator,
+#                      "other" an object of another interface
+#   getCollectionData  {status payload}; "nil" gives success without an iterator,
+#                      "other" an object of another interface
+#   pageBytes          the length of the payload's pages
+#   vanish             an interface, whose iterators are gone after a page
 #   putCollection      a status; the writer is nil unless it is DS_SUCCESS
 #   put                0 or 1
 #   close              a status
@@ -17,7 +21,7 @@
 namespace eval servants {
   variable calls {} ;# {operation argument ... milliseconds}
   variable answers [dict create queryDiscoveries {} getCollectionData {DS_NONE_FOUND ""} \
-    putCollection DS_SUCCESS put 1 close DS_SUCCESS]
+    putCollection DS_SUCCESS put 1 close DS_SUCCESS pageBytes 700 vanish ""]
 }
 
 proc recorded {{pattern *}} {
@@ -84,6 +88,10 @@ itcl::class servants::Pages {
     servants::note $kind.getNextPage
     set page [lindex $pages 0]
     set pages [lrange $pages 1 end]
+    if {[dict get $servants::answers vanish] eq $kind} {
+      set adapter [corba::resolve_initial_references RootPOA]
+      $adapter deactivate_object [$adapter servant_to_id $this]
+    }
     return $page
   }
   public method release {} { servants::note $kind.release }
@@ -111,6 +119,7 @@ itcl::class servants::Service {
     set pages [dict get $servants::answers queryDiscoveries]
     if {$pages eq "fail"} { error "told to fail" }
     if {$pages eq "nil"} { return 0 }
+    if {$pages eq "other"} { return [servants::activate [servants::newWriter]] }
     return [servants::activate [servants::newPages DiscoveryIterator $pages]]
   }
 
@@ -120,11 +129,16 @@ itcl::class servants::Service {
     set iterator 0
     set answer [dict get $servants::answers getCollectionData]
     if {$answer eq "nil"} { return DS_SUCCESS }
+    if {$answer eq "other"} {
+      set iterator [servants::activate [servants::newWriter]]
+      return DS_SUCCESS
+    }
     lassign $answer status payload
     if {$status eq "DS_SUCCESS"} {
       set pages {}
-      for {set i 0} {$i < [string length $payload]} {incr i 700} {
-        lappend pages [string range $payload $i [expr {$i + 699}]]
+      set length [dict get $servants::answers pageBytes]
+      for {set i 0} {$i < [string length $payload]} {incr i $length} {
+        lappend pages [string range $payload $i [expr {$i + $length - 1}]]
       }
       set iterator [servants::activate [servants::newPages CollectionDataIterator $pages]]
     }

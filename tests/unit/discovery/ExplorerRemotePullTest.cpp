@@ -1,8 +1,11 @@
 #include "discovery/ExplorerRemotePull.h"
 
 #include "tests/support/RemoteService.h"
+#include "tests/support/Service.h"
 
 #include <gtest/gtest.h>
+
+#include <condition_variable>
 
 using namespace tqtest;
 
@@ -227,4 +230,102 @@ TEST_F(ExplorerRemotePullTest, ConcurrentRequestsAreIndependent)
   for (auto& thread : threads)
     thread.join();
   EXPECT_EQ(complete, 8) << m_log.text();
+}
+
+TEST_F(ExplorerRemotePullTest, TheTwentyFirstRequestAtOnceIsRefused)
+{
+  constexpr int LIMIT = 20;
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool mayAnswer = false;
+  m_service->before = [&]
+  {
+    std::unique_lock guard(mutex);
+    changed.wait_for(guard, std::chrono::seconds(60), [&] { return mayAnswer; });
+  };
+  m_service->makeRecords = [this]
+  {
+    auto* const servant = new RecordPages;
+    servant->pages = {{makeRecord()}};
+    return activate<Remote::DiscoveryIterator>(servant);
+  };
+  m_service->makeData = [this]
+  {
+    auto* const servant = new DataPages;
+    servant->pages = {"payload"};
+    return activate<Remote::CollectionDataIterator>(servant);
+  };
+  auto const requestOf = [](RemoteExplorerPull& explorer)
+  {
+    Target target;
+    AutoDereference<OZFRefCounted> context;
+    return explorer.collectionRequested(DQ_DISCOVERY_DATA, Authority("volume", AT_TQUCLIENT),
+                                        Subject("hostA"), context, "", &target);
+  };
+  std::atomic<int> complete{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < LIMIT; ++i)
+    threads.emplace_back([&] { complete += requestOf(*m_explorer) ? 1 : 0; });
+  auto const asked = [this]
+  {
+    std::lock_guard guard(m_service->mutex);
+    return m_service->queries.size();
+  };
+  EXPECT_TRUE(eventually([&] { return asked() == LIMIT; })) << m_log.text();
+  EXPECT_FALSE(hasText("Hostname detected")) << m_log.text();
+
+  EXPECT_FALSE(requestOf(*m_explorer));
+  EXPECT_EQ(1, m_log.count(1, OPERATION,
+                           "Hostname detected as remote and/or master, but appears to be "
+                           "connecting back to self, RemoteHost: localhost"))
+      << m_log.text();
+  EXPECT_EQ(std::size_t(LIMIT), asked()) << "the host was not asked";
+
+  // Another registration has its own count.
+  AutoDereference<RemoteExplorerPull> const other(
+      new RemoteExplorerPull("DiscoveryService", "localhost", "name 3", "name 4", AT_EXTSRC));
+  threads.emplace_back([&] { complete += requestOf(*other) ? 1 : 0; });
+  EXPECT_TRUE(eventually([&] { return asked() == LIMIT + 1; })) << m_log.text();
+
+  {
+    std::lock_guard guard(mutex);
+    mayAnswer = true;
+    changed.notify_all();
+  }
+  for (auto& thread : threads)
+    thread.join();
+  EXPECT_EQ(LIMIT + 1, complete) << m_log.text();
+  EXPECT_TRUE(requestOf(*m_explorer)) << "there is room again";
+}
+
+TEST_F(ExplorerRemotePullTest, AChainThroughOtherRegistrationsEndsAfterTwenty)
+{
+  // Each request makes the service ask the next registration, as a host does
+  // whose answers lead back to this one. By this address the ORB knows itself.
+  std::deque<AutoDereference<RemoteExplorerPull>> explorers;
+  for (int i = 0; i < 30; ++i)
+    explorers.emplace_back(new RemoteExplorerPull(
+        "DiscoveryService", "127.0.0.1", "name " + std::to_string(i), "name 4", AT_EXTSRC));
+  std::size_t next = 0;
+  m_service->before = [&]
+  {
+    if (++next >= explorers.size())
+      return;
+    Target target;
+    AutoDereference<OZFRefCounted> context;
+    EXPECT_FALSE(explorers[next]->collectionRequested(DQ_DISCOVERY_DATA,
+                                                      Authority("volume", AT_TQUCLIENT),
+                                                      Subject("hostA"), context, "", &target));
+  };
+  serveRecords({});
+  Target target;
+  AutoDereference<OZFRefCounted> context;
+  EXPECT_FALSE(explorers[0]->collectionRequested(DQ_DISCOVERY_DATA,
+                                                 Authority("volume", AT_TQUCLIENT),
+                                                 Subject("hostA"), context, "", &target));
+  EXPECT_EQ(1, m_log.count(1, OPERATION,
+                           "Hostname detected as remote and/or master, but appears to be "
+                           "connecting back to self, RemoteHost: 127.0.0.1"))
+      << m_log.text();
+  EXPECT_EQ(20u, m_service->queries.size());
 }
