@@ -13,6 +13,7 @@
 #include <ace/Timer_Queue.h>
 #include <gtest/gtest.h>
 
+#include <future>
 #include <optional>
 
 using namespace tqtest;
@@ -25,11 +26,12 @@ constexpr char REGISTER[] = "ExplorerRegisterTimer::handle_timeout";
 using PushTimer = DiscoveryRepository::ExplorerPushTimer;
 using RegisterTimer = DiscoveryRepository::ExplorerRegisterTimer;
 
-// In how many seconds the reactor will call a handler that the test accepts,
-// counted up to the next whole one; nothing when it has none.
+// In how many seconds the reactor will call each handler that the test accepts,
+// counted up to the next whole one.
 template <class Accept>
-std::optional<long> firingOf(Accept accept)
+std::vector<long> firingsOf(Accept accept)
 {
+  std::vector<long> firings;
   ACE_Timer_Queue* const queue = getAceReactor()->timer_queue();
   ACE_Time_Value const now = queue->gettimeofday();
   auto& entry = queue->iter();
@@ -39,15 +41,47 @@ std::optional<long> firingOf(Accept accept)
     if (!accept(node->get_type()))
       continue;
     ACE_Time_Value const left = node->get_timer_value() - now;
-    return static_cast<long>(left.sec()) + (left.usec() > 0 ? 1 : 0);
+    firings.push_back(static_cast<long>(left.sec()) + (left.usec() > 0 ? 1 : 0));
   }
-  return std::nullopt;
+  return firings;
+}
+
+// The first of them; nothing when it has none.
+template <class Accept>
+std::optional<long> firingOf(Accept accept)
+{
+  auto const firings = firingsOf(accept);
+  return firings.empty() ? std::nullopt : std::optional(firings.front());
 }
 
 std::optional<long> firingIn(ACE_Event_Handler const& handler)
 {
   return firingOf([&](ACE_Event_Handler const* candidate) { return candidate == &handler; });
 }
+
+// The same, looked at on the reactor's own thread, which runs timers meanwhile.
+class Look : public ACE_Event_Handler
+{
+public:
+  std::vector<long> pushTimers()
+  {
+    std::future<std::vector<long>> seen = m_seen.get_future();
+    EXPECT_EQ(0, getAceReactor()->notify(this));
+    return seen.wait_for(std::chrono::seconds(60)) == std::future_status::ready
+               ? seen.get()
+               : std::vector<long>();
+  }
+
+private:
+  int handle_exception(ACE_HANDLE) override
+  {
+    m_seen.set_value(firingsOf([](ACE_Event_Handler* handler)
+                               { return dynamic_cast<PushTimer*>(handler) != nullptr; }));
+    return 0;
+  }
+
+  std::promise<std::vector<long>> m_seen;
+};
 
 // ---- the register timer ----
 
@@ -168,6 +202,42 @@ TEST_F(RegisterTimerTest, OnceAnnouncedItIsNotSetAgainAndThePushTimerIs)
       [](auto const& names)
       { return std::find(names.begin(), names.end(), "explore pusher") != names.end(); },
       std::chrono::seconds(60)));
+}
+
+TEST_F(RegisterTimerTest, TriggeringThePushTimerMovesItsOneFiring)
+{
+  // A name that draws a delay which no other timer has, and which leaves a slow
+  // machine time to look.
+  unsigned digits = 1;
+  int delay = 0;
+  for (; delay < 45; ++digits)
+  {
+    srand(digits);
+    delay = rand() % 60;
+  }
+  OzfHostname::overrideLocal(std::to_string(digits - 1) + "host");
+
+  AutoDereference<FakePush> const pusher(new FakePush("pusher", &m_calls, 3600));
+  getDiscoveryRepository().registerExplorer(new Subject("p"), pusher.get(), 1,
+                                            new Authority("a", AT_TQUCLIENT));
+  getDiscoveryRepository().startPushTimer();
+  // The first pass is over when the next is set.
+  ASSERT_TRUE(
+      m_calls.waitFor([](auto const& names) { return !names.empty(); }, std::chrono::seconds(60)));
+  ASSERT_TRUE(eventually(
+      []
+      {
+        auto const firings = Look().pushTimers();
+        return firings.size() == 1 && firings.front() > 1 && firings.front() <= 5;
+      }));
+  getDiscoveryRepository().triggerPushTimer();
+  auto const firings = Look().pushTimers();
+  ASSERT_EQ(1u, firings.size());
+  EXPECT_LE(firings.front(), delay);
+  EXPECT_GT(firings.front(), delay - 30);
+  EXPECT_TRUE(m_log.has(4, "DiscoveryRepository::triggerPushTimer",
+                        "triggering push in " + std::to_string(delay) + " seconds"))
+      << m_log.text();
 }
 
 TEST_F(RegisterTimerTest, TheShutdownEndsTheAnnouncementsBetweenTwoExplorers)
