@@ -6,6 +6,7 @@
 #include "discovery/ExplorerRemotePull.h"
 #include "tests/support/FakeExplorers.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Records.h"
 #include "tests/support/TempDir.h"
 
 #include <gtest/gtest.h>
@@ -54,11 +55,10 @@ struct DiscoveryRepositoryQueriesTest : testing::Test
 
   static void store(DiscoveryRepository& repository, std::string const& subject,
                     std::string const& authority, AuthorityType type,
-                    std::string const& payload = "<x/>")
+                    std::string const& payload = "<x/>", DiscoveryQuery query = DQ_DISCOVERY_DATA)
   {
     AutoDereference<Discovery> discovery;
-    repository.newDiscovery(discovery, DQ_DISCOVERY_DATA, Subject(subject),
-                            Authority(authority, type),
+    repository.newDiscovery(discovery, query, Subject(subject), Authority(authority, type),
                             CollectionAttributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY,
                                                  OzfObjTime::now(), OzfObjTime(3600), 1));
     ASSERT_EQ(DS_SUCCESS, discovery->open(OM_UPDATE, ""));
@@ -158,6 +158,26 @@ TEST_F(DiscoveryRepositoryQueriesTest, NamesAndTypeSelectFromTheDatabase)
   EXPECT_EQ(Names{}, query("web2", "a", AT_TQUCLIENT));
 }
 
+// A file's name tells nothing of the kind of query.
+TEST_F(DiscoveryRepositoryQueriesTest, FilterDataTakesThePlaceOfDataOfTheSameNamesAndType)
+{
+  getDiscoveryDBDatabase()->init("");
+  TestRepository repository(true);
+  store(repository, "s", "a", AT_TQUCLIENT, "<data/>");
+  store(repository, "s", "a", AT_EXTSRC, "<external/>", DQ_FILTER_DATA);
+  store(repository, "s", "a", AT_TQUCLIENT, "<filter/>", DQ_FILTER_DATA);
+  for (DiscoveryQuery const kind : {DQ_DISCOVERY_DATA, DQ_FILTER_DATA})
+  {
+    EXPECT_EQ(Names{"<filter/>"},
+              payloads(repository.queryDiscoveries(kind, "s", "a", AT_TQUCLIENT)));
+    EXPECT_EQ(Names{"<external/>"},
+              payloads(repository.queryDiscoveries(kind, "s", "a", AT_EXTSRC)));
+  }
+  store(repository, "s", "a", AT_TQUCLIENT, "<data/>");
+  EXPECT_EQ(Names{"<data/>"},
+            payloads(repository.queryDiscoveries(DQ_FILTER_DATA, "s", "a", AT_TQUCLIENT)));
+}
+
 TEST_F(DiscoveryRepositoryQueriesTest, WithoutADatabaseThereIsNoAnswerEvenIfAPullExplorerMatched)
 {
   TestRepository repository(true); // the database was never initialised
@@ -206,7 +226,7 @@ TEST_F(DiscoveryRepositoryQueriesTest, SubjectAndAuthorityMustBothMatchInTheirCa
   pull(repository, "s", "auth");
   auto const find = [&](char const* subject, char const* authority)
   {
-    return subjects(repository.findPullExplorer(DQ_DISCOVERY_DATA, *repository.getPullExplorers(),
+    return subjects(repository.findPullExplorer(DQ_DISCOVERY_DATA, repository.getPullExplorers(),
                                                 subject, authority));
   };
   EXPECT_EQ(Names{"s"}, find("s", "au*"));
@@ -217,7 +237,7 @@ TEST_F(DiscoveryRepositoryQueriesTest, SubjectAndAuthorityMustBothMatchInTheirCa
 TEST_F(DiscoveryRepositoryQueriesTest, NoMatchingPullExplorerGivesNull)
 {
   TestRepository repository(true);
-  EXPECT_EQ(nullptr, repository.findPullExplorer(DQ_DISCOVERY_DATA, *repository.getPullExplorers(),
+  EXPECT_EQ(nullptr, repository.findPullExplorer(DQ_DISCOVERY_DATA, repository.getPullExplorers(),
                                                  "*", "*"));
 }
 

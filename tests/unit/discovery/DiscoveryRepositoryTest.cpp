@@ -280,6 +280,26 @@ TEST_F(DiscoveryRepositoryTest, RegistrationWithoutSubjectOrExplorerFailsTheAsse
   delete subject;
 }
 
+TEST_F(DiscoveryRepositoryTest, RegistrationWithoutAnAuthorityToBeHadFailsTheAssertion)
+{
+  struct Nameless : TestRepository
+  {
+    Authority* getLocalAuthority() const override { return nullptr; }
+  };
+  Nameless repository;
+  LogCapture log;
+  std::unique_ptr<Subject const> const subject(new Subject("s")); // not taken over
+  AutoDereference<FakePush> pusher(new FakePush("pusher"));
+  AutoDereference<FakePull> puller(new FakePull("puller"));
+  EXPECT_THROW(repository.registerExplorer(subject.get(), pusher.get(), 1, nullptr),
+               AssertionFailure);
+  EXPECT_THROW(repository.registerExplorer(subject.get(), puller.get(), 1, nullptr, false),
+               AssertionFailure);
+  EXPECT_EQ(2, log.count(1, "DiscoveryRepository::registerExplorer",
+                         "Assertion failed: NULL != authority"))
+      << log.text();
+}
+
 TEST_F(DiscoveryRepositoryTest, ASnapshotDoesNotChange)
 {
   TestRepository repository;

@@ -56,7 +56,7 @@ TEST(DiscoveryRepositoryTimersTest, AnExplorerWithIntervalZeroRunsOnEveryPassOfF
   ASSERT_GE(times.size(), 2u);
   auto const gap = times[1] - times[0];
   EXPECT_GT(gap, std::chrono::milliseconds(4900));
-  EXPECT_LT(gap, std::chrono::milliseconds(9000));
+  EXPECT_LT(gap, std::chrono::seconds(60)) << "a slow machine's five seconds";
 }
 
 TEST(DiscoveryRepositoryTimersTest, AnExplorationGetsTheAttributesOfTheRegistration)

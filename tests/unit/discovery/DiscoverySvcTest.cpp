@@ -1,6 +1,7 @@
 #include "discovery/DiscoverySvc.h"
 
 #include "discovery/DiscoveryLog.h"
+#include "discovery/DiscoveryService_i.h"
 #include "ozf/config/Configuration.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Service.h"
@@ -18,7 +19,7 @@ namespace
 class OpenedService : public svc::DiscoverySvc
 {
 public:
-  OpenedService() : DiscoverySvc(false) {}
+  explicit OpenedService(bool arg = false) : DiscoverySvc(arg) {}
   using DiscoverySvc::doExit;
   using DiscoverySvc::doInit;
   using DiscoverySvc::doRun;
@@ -50,6 +51,12 @@ TEST_F(DiscoverySvcTest, TheServiceHasItsNames)
   EXPECT_EQ("Discovery Service", service.getDescription());
   EXPECT_TRUE(service.getOrb().isEvictorEnabled());
   EXPECT_EQ(400, svc::DISCOVERY_ORIGINATOR);
+}
+
+TEST_F(DiscoverySvcTest, ItsArgumentIsHandedOnAsItIs)
+{
+  for (bool const arg : {false, true})
+    EXPECT_EQ(arg, OpenedService(arg).isDebug());
 }
 
 TEST_F(DiscoverySvcTest, AnAbsentKeyStartsTheService)
@@ -121,6 +128,16 @@ TEST_F(DiscoverySvcTest, InitPutsTheTimersOnTheOrbsReactorAndGivesCallsThirtySec
             std::filesystem::exists(root / "db/discovery/Update.lock")
               ? root / "db/discovery/Update.lock"
               : std::string("missing"));
+
+  Evictor& evictor = service.getOrb().getEvictor();
+  for (int i = 0; i < 1025; ++i)
+  {
+    PortableServer::ServantBase_var const servant(new svc::Remote::DiscoveryService_i);
+    CORBA::OctetSeq_var const id = evictor.activate(servant.in());
+    evictor.addObject(ACE_Time_Value(300), service.getOrb().getEvictingPOA(), id.in(), {});
+    EXPECT_EQ(static_cast<std::size_t>(std::min(i + 1, 1024)), evictor.size());
+  }
+
   EXPECT_EQ(0, service.doStop());
   EXPECT_EQ(0, service.doExit());
   EXPECT_EQ(nullptr, getAceReactor());
