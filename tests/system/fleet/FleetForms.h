@@ -1,0 +1,91 @@
+// The two forms in which every test of a fleet runs.
+
+#pragma once
+
+#include "tests/support/Fleet.h"
+
+#include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
+
+#include <iostream>
+
+namespace tqtest
+{
+
+enum class Form
+{
+  LOOPBACK,
+  NAMESPACES
+};
+
+class FleetTest : public testing::TestWithParam<Form>
+{
+protected:
+  using Words = FleetHost::Words;
+
+  // No fleet where the machine lacks the right to namespaces: the same test on
+  // loopback addresses stands in.
+  void SetUp() override
+  {
+    std::string reason;
+    auto network = GetParam() == Form::LOOPBACK ? makeLoopbackNetwork()
+                                                : makeNamespaceNetwork(Fleet::HOSTS, reason);
+    if (network)
+      m_fleet = std::make_unique<Fleet>(std::move(network));
+    else
+      std::cout << "Not run: " << reason << ". The same test on loopback stands in.\n";
+  }
+
+  // Every test ends with an orderly stop.
+  void TearDown() override
+  {
+    if (!m_fleet)
+      return;
+    EXPECT_THAT(m_fleet->stop(), testing::IsEmpty()) << "exit code not 0, or temporary files left";
+    if (HasFailure())
+      std::cout << m_fleet->logs();
+  }
+
+  FleetHost& host(std::string const& name) { return (*m_fleet)[name]; }
+  FleetHost& master() { return m_fleet->master(); }
+
+  // Whether the master knows a discovery of that authority about that subject.
+  bool known(std::string const& subject, std::string const& authority)
+  {
+    return master()
+               .tqdiscoctl(
+                   {"query", "--subject", subject, "--authority", authority, "--type", "client"})
+               .exitCode == 0;
+  }
+
+  // Starts a host and waits until the master has heard of it.
+  bool startAndAwait(std::string const& name, Process::Environment const& more = {})
+  {
+    host(name).launch(more);
+    return eventually([&] { return known(name, "service"); }, LONG);
+  }
+
+  // The fact "Host" of each item in the answer to "show --json": who made it.
+  static std::vector<std::string> makersIn(Outcome const& outcome)
+  {
+    std::vector<std::string> makers;
+    auto const collection = nlohmann::json::parse(outcome.output, nullptr, false);
+    if (collection.is_object())
+      for (auto const& item : collection["items"])
+        for (auto const& fact : item["facts"])
+          if (fact["name"] == "Host")
+            makers.push_back(fact["value"]);
+    return makers;
+  }
+
+  static constexpr std::chrono::seconds LONG{120};
+
+  std::unique_ptr<Fleet> m_fleet;
+};
+
+} // namespace tqtest
+
+#define TQ_FLEET_FORMS(suite)                                                                      \
+  INSTANTIATE_TEST_SUITE_P(Fleet, suite, testing::Values(Form::LOOPBACK, Form::NAMESPACES),        \
+                           [](auto const& form)                                                    \
+                           { return form.param == Form::LOOPBACK ? "loopback" : "namespaces"; })
