@@ -39,7 +39,7 @@ std::string characterMistake(std::string_view line)
       mistake = "bytes that are not UTF-8";
     else if (codePoint == 0)
       mistake = "a NUL byte";
-    else if ((codePoint < 0x20 && codePoint != '\t') || codePoint == 0x7f)
+    else if ((codePoint < 0x20 && codePoint != '\t') || (codePoint >= 0x7f && codePoint < 0xa0))
       mistake = "a control character";
     if (mistake != nullptr)
       return mistake + (" at byte " + std::to_string(at + 1)) + " of this line";

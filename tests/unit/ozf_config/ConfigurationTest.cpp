@@ -92,7 +92,8 @@ TEST_F(ConfigurationTest, EveryMistakeNamesFileAndLineAndLeavesItsLineOut)
 {
   using namespace std::string_literals;
   auto const configuration = read("A = 1\nno equals\n = 2\nB C = 3\nD = \0x\nE = \xff\n"
-                                  "F = \x1b[0m\n# \xc3\nG = a\rb\nH = \xc3\xa4\n"s);
+                                  "F = \x1b[0m\n# \xc3\nG = a\rb\nH = \xc3\xa4\n"
+                                  "I\xc2\x85 = 1\nJ = \xc2\x9b\nK = \x7f\nL = \xc2\xa0\n"s);
   std::vector<std::string> texts;
   for (auto const& problem : configuration.problems())
     texts.push_back(problem.text());
@@ -103,11 +104,15 @@ TEST_F(ConfigurationTest, EveryMistakeNamesFileAndLineAndLeavesItsLineOut)
                                  path() + ":6: bytes that are not UTF-8 at byte 5 of this line",
                                  path() + ":7: a control character at byte 5 of this line",
                                  path() + ":8: bytes that are not UTF-8 at byte 3 of this line",
-                                 path() + ":9: a control character at byte 6 of this line"));
-  for (char const* key : {"B C", "C", "D", "E", "F", "G", ""})
+                                 path() + ":9: a control character at byte 6 of this line",
+                                 path() + ":11: a control character at byte 2 of this line",
+                                 path() + ":12: a control character at byte 5 of this line",
+                                 path() + ":13: a control character at byte 5 of this line"));
+  for (char const* key : {"B C", "C", "D", "E", "F", "G", "I", "I\xc2\x85", "J", "K", ""})
     EXPECT_EQ(configuration.find(key), nullptr) << key;
   EXPECT_EQ(value(configuration, "A"), "1");
   EXPECT_EQ(value(configuration, "H"), "\xc3\xa4");
+  EXPECT_EQ(value(configuration, "L"), "\xc2\xa0");
 }
 
 void expectUnreadable(std::string const& path, std::string const& reason)
