@@ -4,7 +4,8 @@
 // belongs together, quoted and unquoted pieces side by side are one argument,
 // and inside quotes a backslash before that quote stands for the quote; every
 // other backslash is itself. So a backslash cannot be the last character in
-// quotes, and is put behind them.
+// quotes, and is put behind them. A line that begins with '#' is a comment and
+// has no arguments, so an argument that begins so is quoted.
 //
 // One thing cannot be quoted: when it is told to substitute, as the readers of
 // filter parameters tell it, ACE_ARGV replaces $NAME by the variable of that
@@ -20,7 +21,8 @@ namespace
 
 std::string quoted(std::string const& argument)
 {
-  if (!argument.empty() && argument.find_first_of(" \t\n\v\f\r\"'") == std::string::npos)
+  if (!argument.empty() && argument.front() != '#' &&
+      argument.find_first_of(" \t\n\v\f\r\"'") == std::string::npos)
     return argument;
   auto const end = argument.find_last_not_of('\\') + 1; // 0 when there are only backslashes
   std::string result = "\"";

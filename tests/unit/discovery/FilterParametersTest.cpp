@@ -75,13 +75,17 @@ TEST(FilterParametersTest, MarkupInTheQueryIsEscapedAndReadBackUnchanged)
 
 TEST(FilterParametersTest, TheJobIsReadBackWithTheSameArguments)
 {
-  Words const arguments = {"backup", "", "a b", "it's", "\"x\"", "C:\\dir\\", "C:\\a b\\", "<&>"};
-  auto const info = job(arguments);
-  FilterParameters const read(written(FilterParameters(info.get(), "q")).c_str());
-  ASSERT_NE(nullptr, read.getJobInfo());
-  EXPECT_EQ(arguments, read.getJobInfo()->getArguments());
-  EXPECT_EQ(info->getCommandLine(), read.getJobInfo()->getCommandLine());
-  EXPECT_EQ("q", read.getQueryString());
+  for (Words const& arguments :
+       {Words{"backup", "", "a b", "it's", "\"x\"", "C:\\dir\\", "C:\\a b\\", "<&>", "#"},
+        Words{"#backup", "a"}})
+  {
+    auto const info = job(arguments);
+    FilterParameters const read(written(FilterParameters(info.get(), "q")).c_str());
+    ASSERT_NE(nullptr, read.getJobInfo());
+    EXPECT_EQ(arguments, read.getJobInfo()->getArguments());
+    EXPECT_EQ(info->getCommandLine(), read.getJobInfo()->getCommandLine());
+    EXPECT_EQ("q", read.getQueryString());
+  }
 }
 
 TEST(FilterParametersTest, AReferenceToTheJobIsKept)

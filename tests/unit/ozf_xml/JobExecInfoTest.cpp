@@ -46,6 +46,8 @@ TEST(JobExecInfoTest, TheLineReadsBackAsTheSameArguments)
       {"say \"hi\"", "it's", "'", "\"", "\"\"", "''"},
       {"C:\\temp\\", "C:\\program files\\", "\\", "\\\\", "a\\ b\\\\"},
       {"\\\"", "\\'", "\"\\", "'\\", " \\\" \\"},
+      {"#"},
+      {"#first", "a#b", "#third", "# ", "\\#"},
       {"--flag=a b", "-x", "--", "$", "a$", "${HOME}", "\xC3\xA4 \xE2\x82\xAC"},
   };
   for (Words const& words : hard)
@@ -55,7 +57,7 @@ TEST(JobExecInfoTest, TheLineReadsBackAsTheSameArguments)
 TEST(JobExecInfoTest, ManyRandomArgumentsReadBackAsTheSame)
 {
   std::mt19937 random(7);
-  char const alphabet[] = "ab \t\n\"'\\-=";
+  char const alphabet[] = "ab \t\n\"'\\-=#";
   for (int round = 0; round < 5000; ++round)
   {
     Words words(1 + random() % 4);
