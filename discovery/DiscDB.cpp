@@ -13,8 +13,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <memory>
+#include <string_view>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
@@ -35,6 +38,59 @@ bool isAbsent(std::string const& path)
   {
   };
   return ::lstat(path.c_str(), &status) != 0 && errno == ENOENT;
+}
+
+// A key that was cut says no more of its name than the beginning. Its form is
+// told at Uri::percentEncode.
+bool isCutKey(std::string_view key)
+{
+  return key.size() == 93 && key[60] == '~' &&
+         key.find_first_not_of("0123456789abcdef", 61) == std::string_view::npos;
+}
+
+// Whether one of the two keys in the name of a metadata file was cut.
+bool holdsCutKey(std::string_view fileName)
+{
+  auto const first = fileName.find(' ');
+  auto const second = fileName.find(' ', first + 1);
+  auto const end = fileName.rfind(".xml");
+  if (first == std::string_view::npos || second == std::string_view::npos ||
+      end == std::string_view::npos || end < second)
+    return false;
+  return isCutKey(fileName.substr(first + 1, second - first - 1)) ||
+         isCutKey(fileName.substr(second + 1, end - second - 1));
+}
+
+// The pattern of names as shown that a pattern of keys was made of; one that
+// was cut inside an escape becomes a little wider.
+std::string patternOfNames(std::string_view keys)
+{
+  std::string pattern;
+  while (!keys.empty())
+  {
+    unsigned value = 0;
+    bool const escape = keys.front() == '%';
+    if (escape && keys.size() >= 3 &&
+        std::from_chars(keys.data() + 1, keys.data() + 3, value, 16).ptr == keys.data() + 3)
+    {
+      pattern += static_cast<char>(value);
+      keys.remove_prefix(3);
+      continue;
+    }
+    if (escape)
+      keys.remove_prefix(std::min(keys.find('*'), keys.size()));
+    else
+    {
+      pattern += keys.front();
+      keys.remove_prefix(1);
+    }
+  }
+  return pattern;
+}
+
+bool matches(std::string const& keys, OzfString const& key, OzfString const& name)
+{
+  return wildcardcmp(keys, key.str()) == 0 || wildcardcmp(patternOfNames(keys), name.str()) == 0;
 }
 
 } // namespace
@@ -197,13 +253,27 @@ Discovery* DBDiscoveryIterator::getNext()
 
   while (dirent const* const entry = ::readdir(m_directory))
   {
-    if (wildcardcmp(m_pattern, entry->d_name) != 0)
+    std::string_view const name(entry->d_name);
+    if (!name.ends_with(".xml")) // half of the entries are payloads
       continue;
-    if (Discovery* const discovery = fetch(entry->d_name, false))
-      return discovery;
+    bool const named = wildcardcmp(m_pattern, name) == 0;
+    if (!named && !holdsCutKey(name))
+      continue;
+    AutoDereference<Discovery> discovery(fetch(entry->d_name, false));
+    if (discovery && (named || answers(*discovery)))
+      return discovery.release();
   }
   close();
   return nullptr;
+}
+
+bool DBDiscoveryIterator::answers(Discovery const& discovery) const
+{
+  Authority const& authority = *discovery.getAuthority();
+  Subject const& subject = *discovery.getSubject();
+  return (getAuthorityType() == AT_ANYANDALL || getAuthorityType() == authority.getType()) &&
+         matches(getAuthorityFilter(), authority.getFileKey(), authority.getName()) &&
+         matches(getSubjectFilter(), subject.getFileKey(), subject.getName());
 }
 
 Discovery* DBDiscoveryIterator::fetch(char const* name, bool mayBeAbsent) const

@@ -61,7 +61,9 @@ private:
 // The process's one creator, made on first use.
 TQ_EXPORT DiscoveryDBCreator* getDiscoveryDBDatabase();
 
-// Walks the directory in the file system's order. A filter without wildcards
+// Walks the directory in the file system's order. Filters are compared with the
+// file names, and where a name is too long for its file name with the name
+// itself. A filter without wildcards
 // and with a type names one file, which is opened without a walk. Discoveries
 // of type AT_REMOTEPULL are returned only to an iterator of that type.
 class TQ_EXPORT DBDiscoveryIterator : public virtual DiscoveryIterator
@@ -74,6 +76,8 @@ public:
 
 private:
   Discovery* fetch(char const* name, bool mayBeAbsent) const;
+  // Whether the filters match the names themselves.
+  bool answers(Discovery const& discovery) const;
   void close();
 
   std::string m_dirName;

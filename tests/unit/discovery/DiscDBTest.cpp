@@ -489,6 +489,39 @@ TEST(DBDiscoveryIterator, LongNamesThatHoldAStarHaveFilesOfTheirOwn)
   EXPECT_EQ((Subjects{start + "1", start + "2"}), subjectsOf(*iterator)) << "as a wider pattern";
 }
 
+TEST(DBDiscoveryIterator, ALongNameIsFoundByItsPattern)
+{
+  Database const db;
+  std::string const name = "web." + std::string(120, 'x') + ".example";
+  // Nine bytes of a key for each character, so that the key is cut inside one.
+  std::string foreign = "a";
+  for (int i = 0; i < 20; ++i)
+    foreign += "\xE5\xA4\x87";
+  ASSERT_EQ(DS_SUCCESS, store(db.path(), "auth", name, 1, ""));
+  ASSERT_EQ(DS_SUCCESS, store(db.path(), "auth", foreign, 1, ""));
+  ASSERT_EQ(DS_SUCCESS, store(db.path(), foreign, "short", 1, ""));
+  auto const found = [](std::string const& authority, std::string const& subject)
+  {
+    IteratorPtr const iterator = iterate();
+    iterator->setAuthority(authority, AT_TQUCLIENT);
+    iterator->setSubject(subject);
+    return subjectsOf(*iterator);
+  };
+  EXPECT_EQ(Subjects{name}, found("auth", "web.*.example"));
+  EXPECT_EQ(Subjects{name}, found("a*", name.substr(0, 90) + "*"));
+  EXPECT_EQ(Subjects{name}, found("auth", name.substr(0, 110) + "*"));
+  EXPECT_EQ(Subjects{}, found("auth", "web.*.test"));
+  EXPECT_EQ(Subjects{}, found("other*", "web.*.example"));
+  EXPECT_EQ(Subjects{foreign}, found("auth", "a*\xE5\xA4\x87"));
+  EXPECT_EQ(Subjects{foreign}, found("auth", foreign.substr(0, 40) + "*\xE5\xA4\x87"));
+  EXPECT_EQ(Subjects{"short"}, found(foreign.substr(0, 31) + "*", "s*"));
+
+  IteratorPtr const iterator = iterate();
+  iterator->setAuthority("auth", AT_EXTSRC);
+  iterator->setSubject("web.*.example");
+  EXPECT_EQ(Subjects{}, subjectsOf(*iterator)) << "the type counts";
+}
+
 TEST(DBDiscoveryIterator, ARecordHeldCanBeRewrittenByItsHolder)
 {
   Database const db;
