@@ -1,15 +1,17 @@
 # The commands a person types; the presets in CMakePresets.json do the work.
 
 JOBS ?= $(shell nproc)
+FUZZ_SECONDS ?= 60
 
-.PHONY: run fleet test test-asan test-tsan bench lint install deps help
+.PHONY: run fleet test test-asan test-tsan fuzz bench lint install deps help
 
 help:
 	@echo "make run    build, start a master on this machine and show what it finds"
 	@echo "make fleet  the same with a fleet of five hosts, to play with"
-	@echo "make test   build and run every test, plain and under the sanitizers"
+	@echo "make test   build and run every test, plain, under the sanitizers, and by fuzzing"
 	@echo "make bench  build and run the benchmarks, print the table"
 	@echo "make test-tsan  run the threaded tests under ThreadSanitizer"
+	@echo "make fuzz FUZZ_SECONDS=...   feed the parsers made-up inputs, 60 seconds each"
 	@echo "make lint   check the sources with clang-tidy and cppcheck"
 	@echo "make install DESTDIR=...   install a release build"
 
@@ -32,6 +34,7 @@ test: deps
 	cmake --build --preset dev --parallel $(JOBS)
 	ctest --preset dev --parallel $(JOBS)
 	$(MAKE) test-asan
+	$(MAKE) fuzz
 
 test-asan: deps
 	cmake --preset asan
@@ -45,6 +48,13 @@ test-tsan: deps
 	build/tsan/bin/unit_ozf_sync
 	build/tsan/bin/unit_ozf_log
 	build/tsan/bin/unit_ozf_plugin
+
+# Made-up inputs for whatever reads what others wrote; each target that long,
+# two at a time.
+fuzz: deps
+	cmake --preset fuzz
+	cmake --build --preset fuzz --parallel $(JOBS)
+	@tests/fuzz/run.sh build/fuzz $(FUZZ_SECONDS)
 
 bench: deps
 	cmake --preset bench
