@@ -21,7 +21,7 @@ constexpr std::uint16_t LAST_CANDIDATE = 999;
 
 } // namespace
 
-DBCollectionData::DBCollectionData(OzfPathname const& path) : m_path(path) {}
+DBCollectionData::DBCollectionData(OzfPathname path) : m_path(std::move(path)) {}
 
 DBCollectionData::~DBCollectionData()
 {

@@ -20,7 +20,7 @@ class TQ_EXPORT DBCollectionData : public CollectionData
 {
 public:
   // Touches no file. For writing only the directory of path counts.
-  explicit DBCollectionData(OzfPathname const& path);
+  explicit DBCollectionData(OzfPathname path);
 
   // Abandons what was written and not persisted.
   ~DBCollectionData() override;

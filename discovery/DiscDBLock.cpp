@@ -82,10 +82,10 @@
 #include <algorithm>
 #include <array>
 #include <condition_variable>
+#include <deque>
 #include <functional>
 #include <map>
 #include <thread>
-#include <unordered_map>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
@@ -161,16 +161,18 @@ bool isFileAt(int fd, char const* path)
          open.st_ino == named.st_ino;
 }
 
+// Who has no users serves the next path: records come by the hundred thousand.
 struct MetadataGuard::Entry
 {
   std::recursive_mutex mutex;
-  long users = 0; // guards that hold or want the mutex; under the shard's mutex
+  std::string path; // this and users under the shard's mutex
+  long users = 0;   // guards that hold or want the mutex
 };
 
 struct MetadataGuard::Shard
 {
   std::mutex mutex;
-  std::unordered_map<std::string, Entry> entries;
+  std::deque<Entry> entries; // as many as were ever in use at once, which is few
 
   // Never destroyed: records may outlive every static object.
   static Shard& of(std::string const& path)
@@ -178,26 +180,41 @@ struct MetadataGuard::Shard
     static auto& shards = *new std::array<Shard, 64>;
     return shards[std::hash<std::string>{}(path) % shards.size()];
   }
+
+  // Adds a user to the path's entry.
+  Entry& use(std::string const& path)
+  {
+    std::lock_guard const lock(mutex);
+    Entry* unused = nullptr;
+    for (Entry& entry : entries)
+    {
+      if (entry.users == 0)
+        unused = &entry;
+      else if (entry.path == path)
+      {
+        ++entry.users;
+        return entry;
+      }
+    }
+    if (unused == nullptr)
+      unused = &entries.emplace_back();
+    unused->path = path;
+    unused->users = 1;
+    return *unused;
+  }
 };
 
-MetadataGuard::MetadataGuard(std::string const& path) : m_shard(Shard::of(path))
+MetadataGuard::MetadataGuard(std::string const& path)
+    : m_shard(Shard::of(path)), m_entry(m_shard.use(path))
 {
-  {
-    std::lock_guard const lock(m_shard.mutex);
-    auto const position = m_shard.entries.try_emplace(path).first;
-    m_path = &position->first;
-    m_entry = &position->second;
-    ++m_entry->users;
-  }
-  m_entry->mutex.lock();
+  m_entry.mutex.lock();
 }
 
 MetadataGuard::~MetadataGuard()
 {
-  m_entry->mutex.unlock();
+  m_entry.mutex.unlock();
   std::lock_guard const lock(m_shard.mutex);
-  if (--m_entry->users == 0)
-    m_shard.entries.erase(m_shard.entries.find(*m_path));
+  --m_entry.users;
 }
 
 // What the process holds of one directory's lock file.

@@ -60,8 +60,7 @@ private:
   struct Shard;
 
   Shard& m_shard;
-  std::string const* m_path; // the key of the entry
-  Entry* m_entry;
+  Entry& m_entry;
 };
 
 // Closes the file of a lock without unlocking it first, which the closing does

@@ -6,6 +6,7 @@
 #include "discovery/DiscData.h"
 
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
@@ -25,19 +26,8 @@ enum class MetadataNode
   IGNORED // unknown at its place, or skipped, with everything in it
 };
 
-// Of a Discovery that is being read.
-class TQ_EXPORT DiscoveryDocContext : public XmlObjParseContext
-{
-public:
-  using XmlObjParseContext::XmlObjParseContext;
-
-  std::vector<MetadataNode> m_nodes;
-  std::unique_ptr<XmlObjParseContext> m_subContext; // of the description being read
-  XmlInterface* m_subInterface = nullptr;           // that description; not owned
-};
-
 // Of a Description that is being read.
-class TQ_EXPORT DescriptionContext : public XmlObjParseContext
+class TQ_EXPORT DescriptionContext final : public XmlObjParseContext
 {
 public:
   using XmlObjParseContext::XmlObjParseContext;
@@ -45,6 +35,17 @@ public:
   AutoDereference<StatusMsg> m_status; // being read
   std::unique_ptr<XmlObjParseContext> m_subContext;
   int m_ignored = 0; // depth inside an element that is ignored
+};
+
+// Of a Discovery that is being read.
+class TQ_EXPORT DiscoveryDocContext final : public XmlObjParseContext
+{
+public:
+  using XmlObjParseContext::XmlObjParseContext;
+
+  std::vector<MetadataNode> m_nodes;
+  std::optional<DescriptionContext> m_subContext; // of the description being read
+  XmlInterface* m_subInterface = nullptr;         // that description; not owned
 };
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

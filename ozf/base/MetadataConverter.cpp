@@ -2,9 +2,10 @@
 
 #include "ozf/base/Trim.h"
 
-#include <charconv>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
+#include <limits>
 #include <optional>
 #include <string_view>
 
@@ -13,17 +14,20 @@ namespace Quillon::Tessarine::Ozf
 namespace
 {
 
-template <class Number>
-std::optional<Number> digits(std::string_view text)
+std::optional<unsigned> digits(std::string_view text)
 {
-  // from_chars would take a sign for signed numbers.
-  if (text.find_first_not_of("0123456789") != std::string_view::npos)
+  if (text.empty())
     return std::nullopt;
-  Number value{};
-  auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (error != std::errc{} || end != text.data() + text.size())
-    return std::nullopt;
-  return value;
+  std::uint64_t value = 0;
+  for (char const c : text)
+  {
+    if (c < '0' || c > '9')
+      return std::nullopt;
+    value = value * 10 + static_cast<unsigned>(c - '0');
+    if (value > std::numeric_limits<unsigned>::max())
+      return std::nullopt;
+  }
+  return static_cast<unsigned>(value);
 }
 
 // The digits after the second's point, scaled to microseconds.
@@ -31,7 +35,7 @@ std::optional<unsigned> microseconds(std::string_view text)
 {
   if (text.size() > 6)
     return std::nullopt;
-  auto value = digits<unsigned>(text);
+  auto value = digits(text);
   for (std::size_t i = text.size(); value && i < 6; ++i)
     *value *= 10;
   return value;
@@ -76,17 +80,17 @@ bool MetadataConverter::convert(std::string const& text, OzfObjTime& time, bool 
     if (FORM[i] != '.' && rest[i] != FORM[i])
       return false;
   }
-  auto const year = digits<int>(rest.substr(0, 4));
-  auto const month = digits<unsigned>(rest.substr(5, 2));
-  auto const day = digits<unsigned>(rest.substr(8, 2));
-  auto const hour = digits<int>(rest.substr(11, 2));
-  auto const minute = digits<int>(rest.substr(14, 2));
-  auto const second = digits<int>(rest.substr(17, 2));
+  auto const year = digits(rest.substr(0, 4));
+  auto const month = digits(rest.substr(5, 2));
+  auto const day = digits(rest.substr(8, 2));
+  auto const hour = digits(rest.substr(11, 2));
+  auto const minute = digits(rest.substr(14, 2));
+  auto const second = digits(rest.substr(17, 2));
   if (!year || !month || !day || !hour || !minute || !second)
     return false;
 
-  std::chrono::year_month_day const date{std::chrono::year(*year), std::chrono::month(*month),
-                                         std::chrono::day(*day)};
+  std::chrono::year_month_day const date{std::chrono::year(static_cast<int>(*year)),
+                                         std::chrono::month(*month), std::chrono::day(*day)};
   if (!date.ok() || *year < 1970 || *hour > 23 || *minute > 59 || *second > 59)
     return false;
 
@@ -107,7 +111,7 @@ bool MetadataConverter::convert(std::string const& text, OzfObjTime& time, bool 
 
 bool MetadataConverter::convert(std::string const& text, unsigned& value)
 {
-  auto const read = digits<unsigned>(text);
+  auto const read = digits(text);
   if (read)
     value = *read;
   return read.has_value();

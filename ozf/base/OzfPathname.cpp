@@ -31,7 +31,9 @@ OzfPathname OzfPathname::makeFilename(std::string const& directory, std::string 
     return OzfPathname(directory);
   if (directory.empty())
     return OzfPathname(name);
-  std::string path = directory;
+  std::string path;
+  path.reserve(directory.size() + 1 + name.size());
+  path = directory;
   while (path.size() > 1 && path.back() == '/')
     path.pop_back();
   if (path.back() != '/')

@@ -1,6 +1,8 @@
 #include "ozf/base/OzfString.h"
 
 #include <algorithm>
+#include <functional>
+#include <numeric>
 #include <ostream>
 
 namespace Quillon::Tessarine::Ozf
@@ -49,9 +51,12 @@ OzfString::OzfString(char const* text, CodePage) : m_text(text != nullptr ? text
 
 OzfString::OzfString(std::u16string_view text)
 {
-  if (std::all_of(text.begin(), text.end(), [](char16_t unit) { return unit < 0x80; }))
+  // Nearly every text is plain ASCII and becomes bytes in one go.
+  if (std::reduce(text.begin(), text.end(), char16_t{0}, std::bit_or<char16_t>()) < 0x80)
   {
-    m_text.assign(text.begin(), text.end());
+    m_text.resize(text.size());
+    std::transform(text.begin(), text.end(), m_text.begin(),
+                   [](char16_t unit) { return static_cast<char>(unit); });
     return;
   }
   m_text.reserve(text.size());

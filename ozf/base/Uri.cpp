@@ -21,6 +21,18 @@ bool isAlpha(char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); 
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
+// What a file key keeps of a name, apart from a leading '.'.
+constexpr auto KEPT_IN_KEY = []
+{
+  std::array<bool, 256> kept{};
+  for (char const c : std::string_view("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
+                                       "0123456789._~-*"))
+    kept[static_cast<unsigned char>(c)] = true;
+  return kept;
+}();
+
+bool isKeptInKey(char c) { return KEPT_IN_KEY[static_cast<unsigned char>(c)]; }
+
 void appendEscape(std::string& text, char c)
 {
   constexpr std::string_view HEX = "0123456789ABCDEF";
@@ -89,19 +101,28 @@ bool looksHashed(std::string_view key)
          key.find_first_not_of(HEX, KEPT_OF_LONG_KEY + 1) == std::string_view::npos;
 }
 
-std::string encodeFileKey(std::string_view text, bool isPattern)
+std::string escapeForKey(std::string_view text)
 {
-  constexpr std::string_view UNTOUCHED = "._~-*";
+  // Most names are keys as they are.
+  if (!text.starts_with('.') && std::all_of(text.begin(), text.end(), isKeptInKey))
+    return std::string(text);
+
   std::string key;
   key.reserve(text.size());
   for (char const c : encodeShown(text))
   {
     bool const leadingDot = c == '.' && key.empty();
-    if (isAlpha(c) || isDigit(c) || (UNTOUCHED.find(c) != std::string_view::npos && !leadingDot))
+    if (isKeptInKey(c) && !leadingDot)
       key += c;
     else
       appendEscape(key, c);
   }
+  return key;
+}
+
+std::string encodeFileKey(std::string_view text, bool isPattern)
+{
+  std::string key = escapeForKey(text);
   if (key.size() <= LONGEST_KEY && !looksHashed(key))
     return key;
   if (auto const star = key.find('*'); isPattern && star != std::string::npos)
@@ -177,6 +198,8 @@ bool UriAuthority::setAuthority(std::string const& text, char const* userInfo, c
 
 std::string UriAuthority::getUriEncoding(int component) const
 {
+  if (!m_hasUserInfo && m_port.empty())
+    return Uri::percentEncode(m_host, component);
   std::string whole;
   if (m_hasUserInfo)
     whole = m_userInfo + '@';

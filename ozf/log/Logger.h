@@ -94,14 +94,14 @@ private:
 // text built. text is a chain of stream insertions without the first stream:
 //   OZF_LOG(getOzfLogger(), 1, "DiscDB", "DBDiscovery::load", "Unable to open " << path);
 // The source's name and the line number are added as " (DiscDB:42)".
-#define OZF_LOG(logger, level, source, operation, text)                                           \
-  do                                                                                              \
-  {                                                                                               \
-    ::Quillon::Tessarine::Ozf::OzfLogger* const ozfLogLogger = (logger);                          \
-    if (ozfLogLogger->admits(level))                                                              \
-    {                                                                                             \
-      std::ostringstream ozfLogText;                                                              \
-      ozfLogText << text << " (" << (source) << ":" << __LINE__ << ")";                           \
-      ozfLogLogger->write((level), (operation), ozfLogText.str());                                \
-    }                                                                                             \
+#define OZF_LOG(logger, level, source, operation, text)                                            \
+  do                                                                                               \
+  {                                                                                                \
+    ::Quillon::Tessarine::Ozf::OzfLogger* const ozfLogLogger = (logger);                           \
+    if (ozfLogLogger->admits(level)) [[unlikely]]                                                  \
+    {                                                                                              \
+      std::ostringstream ozfLogText;                                                               \
+      ozfLogText << text << " (" << (source) << ":" << __LINE__ << ")";                            \
+      ozfLogLogger->write((level), (operation), ozfLogText.str());                                 \
+    }                                                                                              \
   } while (false)

@@ -7,11 +7,11 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <xercesc/framework/MemoryManager.hpp>
 #include <xercesc/framework/MemBufInputSource.hpp>
 #include <xercesc/parsers/SAXParser.hpp>
 #include <xercesc/sax/HandlerBase.hpp>
-#include <xercesc/sax/Locator.hpp>
 #include <xercesc/util/SecurityManager.hpp>
 
 namespace Quillon::Tessarine::Ozf
@@ -21,17 +21,13 @@ namespace Quillon::Tessarine::Ozf
 class DocumentRefused
 {
 public:
-  // locator may be null: the place is then left out.
-  DocumentRefused(xercesc::Locator const* locator, std::string_view reason);
+  explicit DocumentRefused(std::string text) : m_text(std::move(text)) {}
 
   std::string const& text() const noexcept { return m_text; }
 
 private:
   std::string m_text;
 };
-
-// "line 3, column 17: reason"
-std::string describeAt(XMLFileLoc line, XMLFileLoc column, std::string_view reason);
 
 // The memory of one parser, which knows how much of it is held. A parser keeps
 // what its documents made it grow to: two megabytes of element names that are
@@ -64,7 +60,14 @@ public:
   void parseText(std::string_view text, xercesc::HandlerBase& handler);
   void parseSource(xercesc::InputSource const& source, xercesc::HandlerBase& handler);
 
+  // "line 3, column 17: reason", for a place as the parser reports it, and for
+  // the place that the parse has come to.
+  std::string describeAt(XMLFileLoc line, XMLFileLoc column, std::string_view reason) const;
+  std::string describeHere(std::string_view reason) const;
+
 private:
+  void parseOwn(std::string_view text, xercesc::HandlerBase& handler);
+  void feed(xercesc::InputSource const& source, xercesc::HandlerBase& handler);
   void doctypeDecl(xercesc::DTDElementDecl const& declaration, XMLCh const* publicId,
                    XMLCh const* systemId, bool hasInternalSubset, bool hasExternalSubset) override;
   void endDocument() override;
@@ -72,6 +75,9 @@ private:
   xercesc::SecurityManager m_security;
   xercesc::HandlerBase m_dtdHandler;
   xercesc::MemBufInputSource m_text;
+  xercesc::MemBufInputSource m_ownText; // in m_wide
+  std::u16string m_wide;
+  std::size_t m_skipped = 0; // characters at the start that the parser did not get
 };
 
 // Lends the calling thread one of its parsers for a scope. A thread keeps at

@@ -21,10 +21,10 @@ std::string narrow(XMLCh const* text)
   return text == nullptr ? std::string() : OzfString(std::u16string_view(text)).str();
 }
 
-std::string describe(xercesc::SAXParseException const& exception)
+std::string describe(HardenedParser const& parser, xercesc::SAXParseException const& exception)
 {
-  return describeAt(exception.getLineNumber(), exception.getColumnNumber(),
-                    narrow(exception.getMessage()));
+  return parser.describeAt(exception.getLineNumber(), exception.getColumnNumber(),
+                           narrow(exception.getMessage()));
 }
 
 } // namespace
@@ -33,8 +33,8 @@ std::string describe(xercesc::SAXParseException const& exception)
 // is gone however the parse ends, and a handler may parse with the same object.
 struct XmlDocumentInterface::Run
 {
-  explicit Run(XmlDocumentInterface& owner)
-      : m_owner(owner), m_outer(std::exchange(owner.m_run, this))
+  Run(XmlDocumentInterface& owner, HardenedParser const& lent)
+      : parser(lent), m_owner(owner), m_outer(std::exchange(owner.m_run, this))
   {
   }
   ~Run() { m_owner.m_run = m_outer; }
@@ -48,8 +48,8 @@ struct XmlDocumentInterface::Run
       error = std::move(text);
   }
 
+  HardenedParser const& parser;
   std::unique_ptr<XmlObjParseContext> context;
-  xercesc::Locator const* locator = nullptr;
   std::string error;
   int depth = 0;
   bool complete = false;
@@ -87,7 +87,7 @@ template <class Feed>
 bool XmlDocumentInterface::run(Feed feed)
 {
   ParserLease parser;
-  Run run(*this);
+  Run run(*this, *parser);
   try
   {
     feed(*parser);
@@ -98,7 +98,7 @@ bool XmlDocumentInterface::run(Feed feed)
   }
   catch (xercesc::SAXParseException const& exception)
   {
-    run.fail(describe(exception));
+    run.fail(describe(*parser, exception));
   }
   catch (xercesc::SAXException const& exception)
   {
@@ -122,13 +122,13 @@ void XmlDocumentInterface::startElement(XMLCh const* name, AttributeList& attrib
 {
   Run& run = *m_run;
   if (run.depth == MAX_DEPTH)
-    throw DocumentRefused(run.locator,
-                          "elements nest more than " + std::to_string(MAX_DEPTH) + " deep");
+    throw DocumentRefused(
+        run.parser.describeHere("elements nest more than " + std::to_string(MAX_DEPTH) + " deep"));
   if (run.context == nullptr)
   {
     run.context.reset(getObjParseContext(name));
     if (run.context == nullptr)
-      throw DocumentRefused(run.locator, "unexpected document element " + narrow(name));
+      throw DocumentRefused(run.parser.describeHere("unexpected document element " + narrow(name)));
   }
   else
     run.context->enter();
@@ -156,19 +156,14 @@ void XmlDocumentInterface::ignorableWhitespace(XMLCh const* chars, XMLSize_t len
   characters(chars, length);
 }
 
-void XmlDocumentInterface::setDocumentLocator(xercesc::Locator const* locator)
-{
-  m_run->locator = locator;
-}
-
 void XmlDocumentInterface::fatalError(xercesc::SAXParseException const& exception)
 {
-  m_run->fail(describe(exception));
+  m_run->fail(describe(m_run->parser, exception));
 }
 
 void XmlDocumentInterface::error(xercesc::SAXParseException const& exception)
 {
-  m_run->fail(describe(exception));
+  m_run->fail(describe(m_run->parser, exception));
 }
 
 // A warning that stops the parse shows in the document that never ends.

@@ -56,7 +56,6 @@ private:
   void endElement(XMLCh const* name) final;
   void characters(XMLCh const* chars, XMLSize_t length) final;
   void ignorableWhitespace(XMLCh const* chars, XMLSize_t length) final;
-  void setDocumentLocator(xercesc::Locator const* locator) final;
   void fatalError(xercesc::SAXParseException const& exception) final;
   void error(xercesc::SAXParseException const& exception) final;
   void warning(xercesc::SAXParseException const& exception) final;

@@ -1,7 +1,21 @@
 #include "ozf/xml/XmlObjParseContext.h"
 
+#include <algorithm>
+
 namespace Quillon::Tessarine::Ozf
 {
+
+namespace
+{
+
+// In one pass, which ends at the NUL of a shorter name at the latest.
+bool isSame(std::u16string const& own, XMLCh const* name)
+{
+  auto const [end, other] = std::mismatch(own.begin(), own.end(), name);
+  return end == own.end() && *other == u'\0';
+}
+
+} // namespace
 
 XmlObjParseContext::XmlObjParseContext(XMLCh const* name, XmlObjParseContext const* parent)
     : m_name(name),
@@ -15,7 +29,7 @@ XmlObjParseContext::~XmlObjParseContext() = default;
 
 bool XmlObjParseContext::isEndTag(XMLCh const* name) const
 {
-  return *m_depth == m_openedAt && m_name == name;
+  return *m_depth == m_openedAt && isSame(m_name, name);
 }
 
 OzfString XmlObjParseContext::text() const { return OzfString(std::u16string_view(m_text)); }
@@ -23,16 +37,6 @@ OzfString XmlObjParseContext::text() const { return OzfString(std::u16string_vie
 void XmlObjParseContext::appendText(XMLCh const* chars, unsigned long length)
 {
   m_text.append(chars, length);
-}
-
-bool XmlObjParseContext::cmptag(XMLCh const* name, char const* tag)
-{
-  while (*tag != '\0' && *name == static_cast<unsigned char>(*tag))
-  {
-    ++name;
-    ++tag;
-  }
-  return *tag == '\0' && *name == u'\0';
 }
 
 } // namespace Quillon::Tessarine::Ozf

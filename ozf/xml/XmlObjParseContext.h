@@ -39,7 +39,15 @@ public:
   void appendText(XMLCh const* chars, unsigned long length);
 
   // Exact and case-sensitive.
-  static bool cmptag(XMLCh const* name, char const* tag);
+  static bool cmptag(XMLCh const* name, char const* tag)
+  {
+    while (*tag != '\0' && *name == static_cast<unsigned char>(*tag))
+    {
+      ++name;
+      ++tag;
+    }
+    return *tag == '\0' && *name == u'\0';
+  }
 
   // The document's depth. A context without parent starts it at 1, inside the
   // document element; the document handler enters and leaves every element

@@ -10,6 +10,7 @@
 #include <barrier>
 #include <csignal>
 #include <filesystem>
+#include <memory>
 #include <optional>
 
 using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
@@ -228,6 +229,49 @@ TEST(MetadataGuard, LetsOneThreadInAtATime)
   for (auto& thread : threads)
     thread.join();
   EXPECT_EQ(1, worst);
+}
+
+TEST(MetadataGuard, KeepsManyPathsApart)
+{
+  // So many at once that some share a place, held while others come and go.
+  constexpr int PATHS = 40;
+  std::vector<std::unique_ptr<MetadataGuard>> held;
+  for (int i = 0; i < PATHS; ++i)
+    held.push_back(std::make_unique<MetadataGuard>("held/" + std::to_string(i)));
+  for (int i = 0; i < PATHS; i += 2)
+    held[static_cast<std::size_t>(i)].reset();
+
+  std::atomic<int> taken{0};
+  std::thread passing(
+      [&]
+      {
+        for (int i = 0; i < PATHS; i += 2)
+        {
+          MetadataGuard const freed("held/" + std::to_string(i));
+          MetadataGuard const other("other/" + std::to_string(i));
+          ++taken;
+        }
+      });
+  passing.join();
+  EXPECT_EQ(PATHS / 2, taken);
+
+  std::atomic<int> entered{0};
+  std::thread waiting(
+      [&]
+      {
+        for (int i = 1; i < PATHS; i += 2)
+        {
+          MetadataGuard const guard("held/" + std::to_string(i));
+          ++entered;
+        }
+      });
+  for (int i = 1; i < PATHS; i += 2)
+  {
+    EXPECT_LE(entered, i / 2) << "the guard let a second thread in";
+    held[static_cast<std::size_t>(i)].reset();
+  }
+  waiting.join();
+  EXPECT_EQ(PATHS / 2, entered);
 }
 
 TEST(WaitingLock, SurvivesASignal)

@@ -353,7 +353,7 @@ TEST(MetadataReading, ADescriptionWithoutItsContextOrItsObjectIsAProgrammingErro
   EXPECT_THROW(record->xmlEndElement(&context, u"DiscoverySubject"), AssertionFailure);
   EXPECT_EQ(1, log.count(1, END, "Assertion failed: ctxt->m_subContext")) << log.text();
 
-  context.m_subContext = std::make_unique<DescriptionContext>(u"DiscoverySubject", &context);
+  context.m_subContext.emplace(u"DiscoverySubject", &context);
   EXPECT_THROW(record->xmlEndElement(&context, u"DiscoverySubject"), AssertionFailure);
   EXPECT_EQ(1, log.count(1, END, "Assertion failed: ctxt->m_subInterface")) << log.text();
   EXPECT_THROW(record->xmlCharacters(&context, u"x", 1), AssertionFailure);

@@ -107,13 +107,16 @@ TEST(MetadataConverter, ReadsUnsignedNumbers)
   EXPECT_EQ(value, 4294967295u);
   EXPECT_TRUE(MetadataConverter::convert("007", value));
   EXPECT_EQ(value, 7u);
+  EXPECT_TRUE(MetadataConverter::convert(std::string(30, '0') + "8", value));
+  EXPECT_EQ(value, 8u);
 }
 
 TEST(MetadataConverter, RefusesWhatIsNoUnsignedNumber)
 {
   unsigned value = 5;
   for (std::string const text :
-       {"", "x", "-1", "+1", " 1", "1 ", "4294967296", "99999999999999999999", "1.0", "0x10"})
+       {"", "x", "-1", "+1", " 1", "1 ", "4294967296", "99999999999999999999",
+        "18446744073709551617", "1.0", "0x10", "1:", "1/"})
     EXPECT_FALSE(MetadataConverter::convert(text, value)) << text;
   EXPECT_EQ(value, 5u);
 }

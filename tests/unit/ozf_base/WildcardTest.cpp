@@ -2,8 +2,36 @@
 
 #include <gtest/gtest.h>
 #include <string>
+#include <string_view>
+#include <vector>
 
 using namespace Quillon::Tessarine::Ozf;
+
+namespace
+{
+
+// The rule as it stands.
+bool matches(std::string_view pattern, std::string_view text)
+{
+  if (pattern.empty())
+    return text.empty();
+  if (pattern.front() == '*')
+    return matches(pattern.substr(1), text) || (!text.empty() && matches(pattern, text.substr(1)));
+  return !text.empty() && pattern.front() == text.front() &&
+         matches(pattern.substr(1), text.substr(1));
+}
+
+// Every text of at most length letters.
+std::vector<std::string> textsOf(std::string const& letters, std::size_t length)
+{
+  std::vector<std::string> texts = {""};
+  for (std::size_t i = 0; i < texts.size() && texts[i].size() < length; ++i)
+    for (char const letter : letters)
+      texts.push_back(std::string(texts[i]) + letter);
+  return texts;
+}
+
+} // namespace
 
 TEST(Wildcard, WithoutAStarTheTextsMustBeEqual)
 {
@@ -33,6 +61,18 @@ TEST(Wildcard, GivesUpWhatAStarTookTooEarly)
   EXPECT_EQ(wildcardcmp("a*b*c", "abxbxxcbc"), 0);
   EXPECT_NE(wildcardcmp("a*b*c", "abxbxx"), 0);
   EXPECT_EQ(wildcardcmp("*aab*", "aaaaaab"), 0);
+}
+
+TEST(Wildcard, EveryShortPatternMatchesWhatTheRuleSays)
+{
+  std::vector<std::string> const texts = textsOf("ab", 5);
+  for (std::string const& pattern : textsOf("ab*", 5))
+    for (std::string const& text : texts)
+    {
+      EXPECT_EQ(matches(pattern, text), wildcardcmp(pattern, text) == 0) << pattern << " " << text;
+      EXPECT_EQ(matches(pattern, text), wildcardcmp(pattern, text, true) == 0)
+          << pattern << " " << text;
+    }
 }
 
 TEST(Wildcard, NoOtherCharacterIsSpecial)

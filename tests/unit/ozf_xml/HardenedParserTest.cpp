@@ -9,6 +9,7 @@
 #include <malloc.h>
 #include <sys/inotify.h>
 #include <unistd.h>
+#include <vector>
 
 using namespace Quillon::Tessarine::Ozf;
 
@@ -297,4 +298,73 @@ TEST(HardenedParser, WrongEncodingNamesAreErrors)
       document.parseBuffer(utf16("<?xml version='1.0' encoding='UTF-8'?><a/>", true, true)));
   RecordingDocument next;
   EXPECT_TRUE(next.parseBuffer("<a/>"));
+}
+
+// The product's own prolog has a way of its own through the parser. A prolog
+// with single quotes says the same in as many characters and has not, so both
+// must have the same events and complain of the same places.
+TEST(HardenedParser, TheOwnPrologChangesNothing)
+{
+  std::string const own = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>";
+  std::string const other = "<?xml version='1.0' encoding='UTF-8'?>";
+  std::string const good = "<a b='1'>x&amp;y<!-- c --><?p i?><![CDATA[z]]>&#x41;&#228;\r\n<c/></a>";
+  std::vector<std::string> rests = {good, "", " ", "\n", "<", "<a", "text"};
+  rests.push_back("\n" + good);
+  rests.push_back(good + "\n<!-- c -->");
+  rests.push_back("<a>\xC3\xA4</a>");
+  rests.push_back("<a b='\xFF'/>");
+  rests.push_back("<\xC3\xA4/>");
+  rests.push_back("<a/>\xFF");
+  rests.push_back("\xEF\xBB\xBF<a/>");
+  rests.push_back(utf16("<a/>", false, false));
+  rests.push_back(utf16("<a/>", true, true));
+  rests.push_back(own + "<a/>");
+  rests.push_back(other + "<a/>");
+  rests.push_back(" " + own + "<a/>");
+  rests.push_back("<?p i?><a/>");
+  rests.push_back("<!-- c --><a/>");
+  rests.push_back("<!DOCTYPE a><a/>");
+  rests.push_back("\n\n<!DOCTYPE a><a/>");
+  rests.push_back("<!DOCTYPE a [<!ENTITY x 'y'>]><a>&x;</a>");
+  rests.push_back("<a>&x;</a>");
+  rests.push_back("<a b='1' b='2'/>");
+  rests.push_back("<a></b>");
+  rests.push_back("<a>\n  <b></a>");
+  rests.push_back("<a/><b/>");
+  rests.push_back("<a>\x01\x7F</a>");
+  rests.push_back("<a>&#0;</a>");
+  std::string nested;
+  for (int i = 0; i <= XmlDocumentInterface::MAX_DEPTH; ++i)
+    nested += "<a>";
+  rests.push_back(nested);
+  rests.push_back("<a b='" + std::string(100000, 'v') + "'></b>");
+  for (std::size_t length = 0; length < good.size(); ++length)
+  {
+    rests.push_back(good.substr(0, length));
+    rests.push_back(good.substr(0, length) + '\0' + good.substr(length));
+  }
+
+  for (std::string const& rest : rests)
+  {
+    RecordingDocument expected;
+    bool const accepted = expected.parseBuffer(std::string_view(other + rest));
+    RecordingDocument document;
+    EXPECT_EQ(accepted, document.parseBuffer(std::string_view(own + rest))) << rest;
+    EXPECT_EQ(expected.events, document.events) << rest;
+    EXPECT_EQ(expected.lastError(), document.lastError()) << rest;
+    EXPECT_EQ(accepted, document.lastError().empty()) << rest;
+  }
+}
+
+TEST(HardenedParser, ErrorsBehindTheOwnPrologCountItsCharacters)
+{
+  std::string const own = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>";
+  RecordingDocument document;
+  EXPECT_FALSE(document.parseBuffer(own + "<a></b>"));
+  EXPECT_EQ(0U, document.lastError().find("line 1, column 44: ")) << document.lastError();
+  EXPECT_FALSE(document.parseBuffer(own + "<a>\n</b>"));
+  EXPECT_EQ(0U, document.lastError().find("line 2, column 3: ")) << document.lastError();
+  // The parser is the same one.
+  EXPECT_FALSE(document.parseBuffer("<a></b>"));
+  EXPECT_EQ(0U, document.lastError().find("line 1, column 6: ")) << document.lastError();
 }
