@@ -2,7 +2,11 @@
 
 #include "discovery/DiscoveryLog.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <ostream>
+#include <string_view>
+#include <typeinfo>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
@@ -12,13 +16,17 @@ namespace
 
 constexpr char SOURCE[] = "DefaultExplorerDataParser";
 
-class DefaultExplorerParserContext : public XmlObjParseContext
+// What most explorers write of one thing fits in, or in twice as much.
+constexpr std::size_t FIRST_CAPACITY = 256;
+
+class DefaultExplorerParserContext final : public XmlObjParseContext
 {
 public:
   DefaultExplorerParserContext(OzfString const& explorerName, XMLCh const* elementName,
                                XmlObjParseContext const* parent)
       : XmlObjParseContext(elementName, parent), m_data(new DefaultExplorerData(explorerName))
   {
+    m_data->text().reserve(FIRST_CAPACITY);
   }
 
   AutoDereference<DefaultExplorerData> const& data() const noexcept { return m_data; }
@@ -26,7 +34,9 @@ public:
   // Moves the character data since the last tag into the captured text.
   void captureText()
   {
-    m_data->text() += XmlStr(text(), XmlStr::UTF_8).text();
+    if (!hasText())
+      return;
+    XmlStr::append(m_data->text(), text(), XmlStr::UTF_8);
     clearText();
   }
 
@@ -36,12 +46,25 @@ private:
 
 DefaultExplorerParserContext& ownContext(XmlObjParseContext* context, char const* operation)
 {
-  auto* const own = dynamic_cast<DefaultExplorerParserContext*>(context);
-  OZF_ASSERT(own != nullptr, "NULL != parserContext", SOURCE, operation);
-  return *own;
+  // Asked for at every tag; comparing types costs less than a cast that may fail.
+  OZF_ASSERT(context != nullptr && typeid(*context) == typeid(DefaultExplorerParserContext),
+             "NULL != parserContext", SOURCE, operation);
+  return static_cast<DefaultExplorerParserContext&>(*context);
 }
 
-std::string toUtf8(XMLCh const* text) { return OzfString(std::u16string_view(text)).str(); }
+// Names are plain ASCII nearly always, and are taken over without a copy between.
+void appendUtf8(std::string& captured, std::u16string_view text)
+{
+  if (std::any_of(text.begin(), text.end(), [](char16_t unit) { return unit >= 0x80; }))
+  {
+    captured += OzfString(text).str();
+    return;
+  }
+  std::size_t const before = captured.size();
+  captured.resize(before + text.size());
+  std::transform(text.begin(), text.end(), captured.begin() + static_cast<std::ptrdiff_t>(before),
+                 [](char16_t unit) { return static_cast<char>(unit); });
+}
 
 } // namespace
 
@@ -56,10 +79,16 @@ int DefaultExplorerDataParser::xmlStartElement(XmlObjParseContext* context, XMLC
   auto& own = ownContext(context, "DefaultExplorerDataParser::xmlStartElement");
   own.captureText();
   std::string& captured = own.data()->text();
-  captured += '<' + toUtf8(name);
+  captured += '<';
+  appendUtf8(captured, name);
   for (XMLSize_t i = 0; i < attributes.getLength(); ++i)
-    captured +=
-        " \"" + toUtf8(attributes.getName(i)) + "\"=\"" + toUtf8(attributes.getValue(i)) + '"';
+  {
+    captured += " \"";
+    appendUtf8(captured, attributes.getName(i));
+    captured += "\"=\"";
+    appendUtf8(captured, attributes.getValue(i));
+    captured += '"';
+  }
   captured += '>';
   return 1;
 }
@@ -70,7 +99,10 @@ int DefaultExplorerDataParser::xmlEndElement(XmlObjParseContext* context, XMLCh 
   own.captureText();
   if (own.isEndTag(name))
     return 0;
-  own.data()->text() += "</" + toUtf8(name) + '>';
+  std::string& captured = own.data()->text();
+  captured += "</";
+  appendUtf8(captured, name);
+  captured += '>';
   return 1;
 }
 

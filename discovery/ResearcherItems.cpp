@@ -7,9 +7,12 @@
 #include "discovery/DiscoveryRepository.h"
 #include "discovery/Researcher.h"
 
-#include <deque>
 #include <memory>
 #include <ostream>
+#include <type_traits>
+#include <typeinfo>
+#include <utility>
+#include <vector>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
@@ -31,7 +34,7 @@ constexpr char NAME[] = "Name";
 constexpr char IGNORING[] = "Ignoring Unknown Tag";
 
 // Where the reading of a document stands.
-class DiscoverySetContext : public XmlObjParseContext
+class DiscoverySetContext final : public XmlObjParseContext
 {
 public:
   using XmlObjParseContext::XmlObjParseContext;
@@ -72,12 +75,12 @@ public:
 
   AutoDereference<CollectionItem> m_subInterface;
   std::unique_ptr<XmlObjParseContext> m_subContext;
-  std::deque<Node> m_nodes;
+  std::vector<Node> m_nodes;
   int m_unknown = 0; // elements open that are in m_nodes by none of their names
 };
 
 // Where the reading of one item stands.
-class DiscoveredDataContext : public XmlObjParseContext
+class DiscoveredDataContext final : public XmlObjParseContext
 {
 public:
   using XmlObjParseContext::XmlObjParseContext;
@@ -108,15 +111,16 @@ public:
   AutoDereference<OZFRefCounted> m_object; // keeps m_subInterface alive
   XmlInterface* m_subInterface = nullptr;
   std::unique_ptr<XmlObjParseContext> m_subContext;
-  std::deque<Node> m_nodes;
+  std::vector<Node> m_nodes;
 };
 
+// Asked for at every event; comparing types costs less than a cast that may fail.
 template <class Context>
 Context& contextOf(XmlObjParseContext* context, char const* operation)
 {
-  auto* const ctxt = dynamic_cast<Context*>(context);
-  OZF_ASSERT(ctxt != nullptr, "ctxt", SOURCE, operation);
-  return *ctxt;
+  static_assert(std::is_final_v<Context>);
+  OZF_ASSERT(context != nullptr && typeid(*context) == typeid(Context), "ctxt", SOURCE, operation);
+  return static_cast<Context&>(*context);
 }
 
 // Every explorer's data can be read, if only as text: plug-ins may be missing
@@ -193,9 +197,8 @@ int AuthSubIterator::xmlEndElement(XmlObjParseContext* context, XMLCh const* nam
     ctxt.checkObject(OPERATION);
     if (ctxt.m_subInterface->xmlEndElement(ctxt.m_subContext.get(), name) != 0)
       return 1;
-    m_items->push_back(ctxt.m_subInterface);
+    m_items->push_back(std::move(ctxt.m_subInterface));
     ctxt.m_subContext.reset();
-    ctxt.m_subInterface.reset();
     ctxt.m_nodes.pop_back();
     return 1;
   }

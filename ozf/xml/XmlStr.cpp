@@ -1,5 +1,7 @@
 #include "ozf/xml/XmlStr.h"
 
+#include <algorithm>
+#include <array>
 #include <ostream>
 
 namespace Quillon::Tessarine::Ozf
@@ -82,6 +84,15 @@ void appendUtf8(std::string& out, char32_t c)
   out += static_cast<char>(0x80 | (c & 0x3F));
 }
 
+// Whether a byte is a character that stays as it is in every encoding.
+constexpr std::array<bool, 256> STAYS = []
+{
+  std::array<bool, 256> stays{};
+  for (std::size_t c = 0x20; c < 0x80; ++c)
+    stays[c] = c != '&' && c != '<' && c != '>' && c != '"' && c != '\'';
+  return stays;
+}();
+
 void appendCharacter(std::string& out, char32_t c, XmlStr::Encoding encoding, char32_t last)
 {
   if (!isXmlCharacter(c))
@@ -118,16 +129,29 @@ void appendCharacter(std::string& out, char32_t c, XmlStr::Encoding encoding, ch
 
 XmlStr::XmlStr(OzfString const& text, Encoding encoding) : m_valid(lastCharacter(encoding) != 0)
 {
-  if (!m_valid)
-    return;
+  append(m_text, text, encoding);
+}
+
+void XmlStr::append(std::string& out, OzfString const& text, Encoding encoding)
+{
   char32_t const last = lastCharacter(encoding);
+  if (last == 0)
+    return;
   std::string_view rest = text.str();
-  m_text.reserve(rest.size());
-  while (!rest.empty())
+  for (;;)
   {
+    // Nearly every text is one such run.
+    auto const end = std::find_if(rest.begin(), rest.end(),
+                                  [](char c) { return !STAYS[static_cast<unsigned char>(c)]; });
+    auto const run = static_cast<std::size_t>(end - rest.begin());
+    out.append(rest, 0, run);
+    rest.remove_prefix(run);
+    if (rest.empty())
+      return;
+
     char32_t c = REPLACEMENT;
     std::size_t const length = decodeUtf8(rest, c);
-    appendCharacter(m_text, length == 0 ? REPLACEMENT : c, encoding, last);
+    appendCharacter(out, length == 0 ? REPLACEMENT : c, encoding, last);
     rest.remove_prefix(length == 0 ? 1 : length);
   }
 }

@@ -34,6 +34,10 @@ public:
   // The escaped text; null when the encoding is none of the above.
   char const* text() const noexcept { return m_valid ? m_text.c_str() : nullptr; }
 
+  // Appends the text, escaped, to out; nothing when the encoding is none of the
+  // above.
+  static void append(std::string& out, OzfString const& text, Encoding encoding);
+
   // <?xml version="1.0" encoding="UTF-8"?> without a line break.
   static std::ostream& xmlProlog(std::ostream& os, Encoding encoding,
                                  char const* version = DEFAULT_XML_VERSION);

@@ -109,6 +109,16 @@ TEST(DefaultExplorerDataParserTest, CapturesAnInnerElementOfTheSameName)
             "a<ExplorerData \"Name\"=\"n\">b</ExplorerData>c");
 }
 
+TEST(DefaultExplorerDataParserTest, NamesAndValuesMayBeOfAnyAlphabet)
+{
+  EXPECT_EQ(capture("<gr\xC3\xB6\xC3\x9F"
+                    "e ma\xC3\x9F=\"\xE2\x82\xAC \xF0\x9F\x98\x80\">\xC3\xA4</gr\xC3\xB6\xC3\x9F"
+                    "e>"),
+            "<gr\xC3\xB6\xC3\x9F"
+            "e \"ma\xC3\x9F\"=\"\xE2\x82\xAC \xF0\x9F\x98\x80\">\xC3\xA4</gr\xC3\xB6\xC3\x9F"
+            "e>");
+}
+
 TEST(DefaultExplorerDataParserTest, AppendsAttributeValuesAsTheParserGivesThem)
 {
   EXPECT_EQ(capture("<e a=\"1 &lt; 2\"></e>"), "<e \"a\"=\"1 < 2\"></e>");

@@ -25,6 +25,27 @@ TEST(XmlStr, MarkupCharactersBecomeEntities)
   EXPECT_EQ("a&amp;b&lt;c&gt;d&quot;e&apos;f", escaped("a&b<c>d\"e'f"));
 }
 
+TEST(XmlStr, EveryOtherPrintableAsciiCharacterStaysInEveryEncoding)
+{
+  std::string text;
+  for (char c = ' '; c <= '~'; ++c)
+    if (std::string_view("&<>\"'").find(c) == std::string_view::npos)
+      text += c;
+  ASSERT_EQ(90u, text.size());
+  EXPECT_EQ(text, escaped(text));
+  EXPECT_EQ(text, escaped(text, XmlStr::ISO_8859_1));
+  EXPECT_EQ(text, escaped(text, XmlStr::US_ASCII));
+}
+
+TEST(XmlStr, AppendsBehindWhatIsThere)
+{
+  std::string out = "a<b";
+  XmlStr::append(out, OzfString("<c\xC3\xA4>"), XmlStr::US_ASCII);
+  EXPECT_EQ("a<b&lt;c&#xE4;&gt;", out);
+  XmlStr::append(out, OzfString("d"), UNKNOWN);
+  EXPECT_EQ("a<b&lt;c&#xE4;&gt;", out);
+}
+
 TEST(XmlStr, AnEntityIsEscapedAgain) { EXPECT_EQ("&amp;amp;", escaped("&amp;")); }
 
 TEST(XmlStr, WhiteSpaceThatAReaderWouldChangeBecomesReferences)
