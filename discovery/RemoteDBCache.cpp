@@ -50,7 +50,8 @@ PayloadCache::PayloadCache(std::vector<std::string> folders) : m_folders(std::mo
 void PayloadCache::clear()
 {
   m_size = 0;
-  m_memory = std::vector<char>();
+  m_capacity = 0;
+  m_blocks.clear();
   m_file.reset();
   m_mayUseFile = true;
 }
@@ -72,19 +73,47 @@ bool PayloadCache::append(char const* bytes, std::size_t count)
       return false;
     }
   }
-  if (!inFile())
+  if (inFile())
+    m_size += count;
+  else
     appendToMemory(bytes, count);
-  m_size += count;
   return true;
 }
 
 void PayloadCache::appendToMemory(char const* bytes, std::size_t count)
 {
-  std::size_t const needed = m_size + count;
-  if (needed > m_memory.capacity())
-    // One piece may be larger than twice what is held so far.
-    m_memory.reserve(std::max({FIRST_CAPACITY, 2 * m_memory.capacity(), needed}));
-  m_memory.insert(m_memory.end(), bytes, bytes + count);
+  while (count != 0)
+  {
+    if (m_size == m_capacity)
+      // One piece may be larger than all that is held so far.
+      m_capacity += m_blocks.emplace_back(std::max({FIRST_CAPACITY, m_capacity, count})).capacity;
+    Block const& last = m_blocks.back();
+    std::size_t const room = m_capacity - m_size;
+    std::size_t const part = std::min(room, count);
+    std::memcpy(last.bytes.get() + (last.capacity - room), bytes, part);
+    m_size += part;
+    bytes += part;
+    count -= part;
+  }
+}
+
+void PayloadCache::readFromMemory(std::size_t position, std::size_t count, char* buffer) const
+{
+  for (Block const& block : m_blocks)
+  {
+    if (position >= block.capacity)
+    {
+      position -= block.capacity;
+      continue;
+    }
+    std::size_t const part = std::min(count, block.capacity - position);
+    std::memcpy(buffer, block.bytes.get() + position, part);
+    position = 0;
+    buffer += part;
+    count -= part;
+    if (count == 0)
+      return;
+  }
 }
 
 bool PayloadCache::appendToFile(char const* bytes, std::size_t count)
@@ -109,11 +138,17 @@ bool PayloadCache::moveToFile()
   {
     m_file = openNameless(folder);
     std::size_t const size = std::exchange(m_size, 0);
-    bool const moved = inFile() && appendToFile(m_memory.data(), size);
-    m_size = size;
+    bool moved = inFile();
+    for (Block const& block : m_blocks)
+    {
+      std::size_t const part = std::min(block.capacity, size - m_size);
+      moved = moved && appendToFile(block.bytes.get(), part);
+      m_size += part;
+    }
     if (moved)
     {
-      m_memory = std::vector<char>();
+      m_blocks.clear();
+      m_capacity = 0;
       return true;
     }
     OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION,
@@ -128,15 +163,16 @@ bool PayloadCache::moveToFile()
 // What was written of the piece in hand is passed over.
 bool PayloadCache::backToMemory()
 {
-  std::vector<char> memory(m_size);
+  Block memory(std::max(FIRST_CAPACITY, m_size));
   for (std::size_t done = 0; done < m_size;)
   {
-    long const count = read(done, m_size - done, memory.data() + done);
+    long const count = read(done, m_size - done, memory.bytes.get() + done);
     if (count <= 0)
       return false;
     done += static_cast<std::size_t>(count);
   }
-  m_memory = std::move(memory);
+  m_capacity = memory.capacity;
+  m_blocks.push_back(std::move(memory));
   m_file.reset();
   m_mayUseFile = false;
   return true;
@@ -149,7 +185,7 @@ long PayloadCache::read(std::size_t position, std::size_t count, void* buffer) c
     return 0;
   if (!inFile())
   {
-    std::memcpy(buffer, m_memory.data() + position, most);
+    readFromMemory(position, most, static_cast<char*>(buffer));
     return static_cast<long>(most);
   }
   for (;;)

@@ -7,6 +7,7 @@
 #include "ozf/base/SystemError.h"
 
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -43,14 +44,29 @@ public:
   bool inFile() const noexcept { return m_file.valid(); }
 
 private:
+  struct Block
+  {
+    explicit Block(std::size_t size)
+        : bytes(std::make_unique_for_overwrite<char[]>(size)), capacity(size)
+    {
+    }
+
+    std::unique_ptr<char[]> bytes;
+    std::size_t capacity;
+  };
+
   void appendToMemory(char const* bytes, std::size_t count);
+  void readFromMemory(std::size_t position, std::size_t count, char* buffer) const;
   bool appendToFile(char const* bytes, std::size_t count);
   bool moveToFile();
   bool backToMemory();
 
   std::vector<std::string> m_folders;
   std::size_t m_size = 0;
-  std::vector<char> m_memory; // empty when there is a file
+  // Empty when there is a file; all full but the last. A new one doubles what
+  // there is room for, and what is held stays where it is.
+  std::vector<Block> m_blocks;
+  std::size_t m_capacity = 0; // of all blocks
   UniqueFd m_file;
   bool m_mayUseFile = true;
 };

@@ -102,6 +102,24 @@ TEST_F(RemoteDBCacheTest, OnePieceMayBeLargerThanWhatMemoryHolds)
   EXPECT_TRUE(contentOf(cache) == bytes);
 }
 
+TEST_F(RemoteDBCacheTest, ReadsBeginAndEndAnywhereInMemory)
+{
+  std::string const bytes = makeBytes(20'000);
+  for (std::size_t const piece : {1, 777, 1024, 5000})
+  {
+    PayloadCache cache({folder.path()});
+    ASSERT_TRUE(fill(cache, bytes, piece));
+    for (std::size_t position = 0; position < bytes.size(); position += 61)
+      for (std::size_t const count : {1, 1500, 9000, 20'000})
+      {
+        std::string const expected = bytes.substr(position, count);
+        std::string buffer(count, '\0');
+        ASSERT_EQ(cache.read(position, count, buffer.data()), static_cast<long>(expected.size()));
+        ASSERT_EQ(buffer.substr(0, expected.size()), expected) << piece << ' ' << position;
+      }
+  }
+}
+
 TEST_F(RemoteDBCacheTest, ReadingBehindTheEndGivesNothing)
 {
   PayloadCache cache({folder.path()});
