@@ -10,11 +10,12 @@
 
 #include "ozf/log/FrameworkLogger.h"
 
+#include <unistd.h>
+
 #include <atomic>
 #include <cstring>
 #include <map>
 #include <mutex>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -40,11 +41,9 @@ std::string keyOf(Sequence const& id)
 std::string freshKey()
 {
   static std::atomic<std::uint64_t> counter{0};
-  std::uint64_t const parts[] = {++counter, []
-                                 {
-                                   std::random_device device;
-                                   return std::uint64_t{device()} << 32 | device();
-                                 }()};
+  std::uint64_t parts[] = {++counter, 0};
+  if (::getentropy(&parts[1], sizeof parts[1]) != 0)
+    throw CORBA::NO_RESOURCES(0, CORBA::COMPLETED_NO);
   std::string key(sizeof parts, '\0');
   std::memcpy(key.data(), parts, sizeof parts);
   return key;
