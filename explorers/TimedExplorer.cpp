@@ -38,6 +38,17 @@ void TimedExplorer::explore(Authority const& authority, Subject const& subject,
   }
   if (isSuccess(result))
     result.retryInterval = 0;
+  else if (result.discStatus != DS_DATA_EXISTS && m_interval > RETRY)
+  {
+    // The master may be away. Nobody looks at the result's interval, so the
+    // next run is brought about by what this explorer says of its last.
+    result.retryInterval = RETRY;
+    std::lock_guard const guard(m_mutex);
+    OzfObjTime const interval(static_cast<std::int64_t>(m_interval - RETRY));
+    if (m_lastExploration > interval)
+      m_lastExploration = OzfObjTime(m_lastExploration.seconds() - interval.seconds(),
+                                     m_lastExploration.microseconds());
+  }
 }
 
 OzfObjTime TimedExplorer::getLastExplorationTime()

@@ -10,10 +10,15 @@ namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers
 {
 
 // Keeps the time of the last run and sees to it that nothing leaves explore
-// but its result. A failed run asks to be tried again after the interval.
+// but its result. A run that failed is due again after a minute, when the
+// interval is longer: what it had to say should not wait for a day because the
+// master was away for a moment. One that met data of higher priority waits for
+// the interval; on a client it cannot tell.
 class TimedExplorer : public virtual ExplorerPush
 {
 public:
+  static constexpr PollingInterval RETRY = 60;
+
   void explore(Authority const& authority, Subject const& subject,
                CollectionAttributes const& attributes, AutoDereference<OZFRefCounted>& context,
                DiscoveryFactory* factory, DiscoveryResult& result) final;

@@ -14,8 +14,8 @@ namespace
 class Example : public Explorers::TimedExplorer
 {
 public:
-  explicit Example(std::function<DiscoveryStatus()> behaviour)
-      : TimedExplorer(60), m_behaviour(std::move(behaviour))
+  explicit Example(std::function<DiscoveryStatus()> behaviour, PollingInterval interval = 60)
+      : TimedExplorer(interval), m_behaviour(std::move(behaviour))
   {
   }
 
@@ -61,6 +61,30 @@ TEST(TimedExplorer, aRunThatFailsReportsItsStatusAndItsInterval)
   auto const result = explore(*example([] { return DS_COM_ERROR; }), AT_TQUCLIENT, &store);
   EXPECT_EQ(DS_COM_ERROR, result.discStatus);
   EXPECT_EQ(60U, result.retryInterval);
+}
+
+TEST(TimedExplorer, aRunThatFailsIsDueAgainAfterAMinute)
+{
+  Store store;
+  for (DiscoveryStatus const status : {DS_COM_ERROR, DS_OPEN_FAILED, DS_LOGIC_ERROR})
+  {
+    AutoDereference<Example> const explorer(new Example([=] { return status; }, 86400));
+    explorer->setLastExplorationTime(OzfObjTime(1'000'000, 7));
+    EXPECT_EQ(60U, explore(*explorer, AT_TQUCLIENT, &store).retryInterval);
+    EXPECT_EQ(OzfObjTime(1'000'060, 7), explorer->getLastExplorationTime() + OzfObjTime(86400));
+  }
+}
+
+TEST(TimedExplorer, aRunThatEndsWellOrMeetsDataOfHigherPriorityIsDueAfterTheInterval)
+{
+  Store store;
+  for (DiscoveryStatus const status : {DS_SUCCESS, DS_DATA_EXISTS})
+  {
+    AutoDereference<Example> const explorer(new Example([=] { return status; }, 86400));
+    explorer->setLastExplorationTime(OzfObjTime(1'000'000));
+    explore(*explorer, AT_TQUCLIENT, &store);
+    EXPECT_EQ(OzfObjTime(1'000'000), explorer->getLastExplorationTime());
+  }
 }
 
 TEST(TimedExplorer, whatARunThrowsIsLoggedUnderTheExplorersName)
