@@ -36,11 +36,13 @@ struct Benchmark
   bool readsDatabase;
 };
 
-constexpr Benchmark BENCHMARKS[] = {{"persist", benchPersist, false},
-                                    {"enumerate", benchEnumerate, true},
-                                    {"lookup", benchLookup, true},
-                                    {"parse", benchParse, false},
-                                    {"memory", benchServiceMemory, true}};
+constexpr Benchmark BENCHMARKS[] = {
+    {"persist", benchPersist, false},    {"enumerate", benchEnumerate, true},
+    {"lookup", benchLookup, true},       {"parse", benchParse, false},
+    {"items", benchItems, false},        {"query", benchQuery, false},
+    {"payload", benchPayload, false},    {"write", benchWrite, false},
+    {"fleet", benchFleetWrites, false},  {"idle", benchIdleConnections, false},
+    {"memory", benchServiceMemory, true}};
 
 class ScratchDirectory
 {
@@ -173,11 +175,13 @@ int main(int argc, char** argv)
   CLI::App app("Measures the discovery service against the floor of each piece of work.");
   app.add_option("--directory", settings.directory, "where the files to work on are made")
       ->check(CLI::ExistingDirectory);
-  app.add_option("--service", settings.service, "tqdisco, for the memory benchmark");
+  app.add_option("--service", settings.service, "tqdisco, for what is read from another process");
   app.add_option("--out", out, "file for the results as JSON");
   app.add_option("--records", settings.records, "discoveries in a large database")
       ->check(CLI::PositiveNumber);
-  app.add_option("--only", only, "run these only: persist, enumerate, lookup, parse, memory");
+  app.add_option("--only", only,
+                 "run these only: persist, enumerate, lookup, parse, items, query, payload, write, "
+                 "fleet, idle, memory");
   app.add_option("--side", settings.side,
                  "run one side only, for a tracer or a profiler: product, floor, sqlite");
   CLI11_PARSE(app, argc, argv);

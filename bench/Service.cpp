@@ -1,0 +1,106 @@
+#include "bench/Service.h"
+
+#include "bench/Bench.h"
+
+#include "ozf/base/OzfHostname.h"
+#include "ozf/orb/Orb.h"
+
+#include <arpa/inet.h>
+#include <csignal>
+#include <netinet/in.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <thread>
+
+namespace tqbench
+{
+namespace
+{
+
+using namespace std::chrono_literals;
+using namespace Quillon::Tessarine::Ozf;
+
+constexpr auto START_DEADLINE = 60s;
+constexpr auto RETRY_PAUSE = 50ms;
+
+} // namespace
+
+unsigned short freePort()
+{
+  int const fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  auto* const generic = reinterpret_cast<sockaddr*>(&address);
+  require(::bind(fd, generic, size) == 0 && ::getsockname(fd, generic, &size) == 0,
+          "no port on loopback");
+  ::close(fd);
+  return ntohs(address.sin_port);
+}
+
+void writeConfiguration(std::string const& root, unsigned short port, std::string const& more)
+{
+  std::filesystem::create_directories(root + "/etc");
+  std::ofstream out(root + "/etc/tq.conf");
+  out << "SERVER = " << HOST << "\nCLIENT_NAME = " << HOST << "\nHOST_ADDRESS." << HOST
+      << " = 127.0.0.1\nORB_BIND = 127.0.0.1\nORB_PORT.DiscoveryService = " << port
+      << "\nLOG_FILE = " << root << "/tqdisco.log\n"
+      << more;
+}
+
+ServiceProcess::ServiceProcess(std::string program)
+{
+  char* arguments[] = {program.data(), nullptr};
+  require(::posix_spawn(&m_pid, program.c_str(), nullptr, nullptr, arguments, environ) == 0,
+          "tqdisco cannot be started");
+}
+
+ServiceProcess::~ServiceProcess()
+{
+  ::kill(m_pid, SIGTERM);
+  ::waitpid(m_pid, nullptr, 0);
+}
+
+double ServiceProcess::statusOf(char const* key) const
+{
+  std::ifstream status("/proc/" + std::to_string(m_pid) + "/status");
+  for (std::string line; std::getline(status, line);)
+    if (line.starts_with(key))
+      return std::stod(line.substr(line.find(':') + 1));
+  throw std::runtime_error("tqdisco has ended");
+}
+
+double ServiceProcess::memory() const { return statusOf("VmRSS:"); }
+
+double ServiceProcess::threads() const { return statusOf("Threads:"); }
+
+CORBA::Object_ptr connectTo(Orb& orb, char const* service, char const* name)
+{
+  OzfHostname host;
+  host.setHostname(HOST);
+  auto const deadline = std::chrono::steady_clock::now() + START_DEADLINE;
+  for (;;)
+  {
+    try
+    {
+      CORBA::Object_var object = orb.resolveObject(host, service, name, ACE_Time_Value::zero);
+      if (!CORBA::is_nil(object) && !object->_non_existent())
+        return object._retn();
+    }
+    catch (CORBA::Exception const&)
+    {
+    }
+    require(std::chrono::steady_clock::now() < deadline, "a service does not answer");
+    std::this_thread::sleep_for(RETRY_PAUSE);
+  }
+}
+
+} // namespace tqbench
