@@ -187,19 +187,24 @@ TEST_F(RefreshTaskTest, AsksTheClientsInTheOrderOfTheirNames)
   }
 }
 
-// A call to a client in the same process is made on the refresh's own thread,
-// which the ORB did not make.
+// Told by the task's own lines, which are written between its calls: during a
+// call the ORB knows any thread.
 TEST_F(RefreshTaskTest, ItsThreadIsKnownToTheOrb)
 {
   std::atomic<int> known{0};
-  m_service->beforeRestart = [&]
-  {
-    if (omni_thread::self() != nullptr)
-      ++known;
-  };
+  std::atomic<int> unknown{0};
+  LoggerFactory::setObserver(
+      [&](LogLine const& line)
+      {
+        if (line.operation == REFRESH)
+          ++(omni_thread::self() != nullptr ? known : unknown);
+      });
   ASSERT_TRUE(getDiscoveriesThreadMgr().restartAllPushTimers());
   getDiscoveriesThreadMgr().waitForRefresh();
+  LoggerFactory::setObserver({});
+  EXPECT_EQ(2, m_service->restarts);
   EXPECT_EQ(2, known);
+  EXPECT_EQ(0, unknown);
 }
 
 TEST_F(RefreshTaskTest, AnExceptionOfAClientEndsTheTask)

@@ -362,11 +362,14 @@ TEST_F(DiscoveryRepositoryTest, ItsEndDoesNotWaitForWhatIsStillAlive)
 {
   auto repository = std::make_unique<TestRepository>();
   AutoDereference<FakePush> held(new FakePush("held"));
-  std::unique_ptr<OZFBlockUntil> const barrier(&repository->getBarrier()); // ours afterwards
+  OZFBlockUntil* const barrier = &repository->getBarrier();
   barrier->add(*held);
-  auto const ended = std::async(std::launch::async, [&] { repository.reset(); });
-  EXPECT_EQ(std::future_status::ready, ended.wait_for(std::chrono::seconds(60)));
+  auto const ending = std::async(std::launch::async, [&] { repository.reset(); });
+  bool const ended = ending.wait_for(std::chrono::seconds(60)) == std::future_status::ready;
+  EXPECT_TRUE(ended);
   held.reset();
+  if (ended)
+    delete barrier; // nobody's any more
 }
 
 TEST_F(DiscoveryRepositoryTest, TheFrameworkTellsTypeAndName)
