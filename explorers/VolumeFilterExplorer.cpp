@@ -10,8 +10,9 @@ DiscoveryStatus VolumeFilterExplorer::run(Authority const& authority, Subject co
                                           CollectionAttributes const& attributes,
                                           DiscoveryFactory const& factory)
 {
-  return store(factory, DQ_FILTER_DATA, subject, filterAuthority(authority), attributes,
-               filterDocument(volumeFacts()), "VolumeFilterExplorer::explore");
+  Authority const stored(authority.getName().str() + STORED_SUFFIX, AT_EXTSRC);
+  return store(factory, DQ_FILTER_DATA, subject, stored, attributes, filterDocument(volumeFacts()),
+               "VolumeFilterExplorer::explore");
 }
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers

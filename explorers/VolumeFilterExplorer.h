@@ -10,11 +10,14 @@ namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers
 
 // Filter data is pushed also where the data itself is pulled: a record does
 // not carry the kind of query over the wire, so another host can never ask a
-// pull explorer for it.
+// pull explorer for it. Nor can a stored collection be read from another host
+// when a pull explorer of the same subject and authority is there, whatever
+// type it has: so it is stored under a name of its own, "volume-filter".
 class VolumeFilterExplorer : public TimedExplorer
 {
 public:
   static constexpr PollingInterval INTERVAL = 86400;
+  static constexpr char STORED_SUFFIX[] = "-filter";
 
   VolumeFilterExplorer() : TimedExplorer(INTERVAL) {}
 

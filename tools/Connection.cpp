@@ -66,7 +66,8 @@ std::string placeOf(std::string const& host)
   return shown(name) + ":" + std::to_string(getServicePort(SERVICE));
 }
 
-// Why a call failed, for people.
+} // namespace
+
 std::string reasonOf(CORBA::Exception const& exception)
 {
   if (CORBA::TIMEOUT::_downcast(&exception) != nullptr)
@@ -81,8 +82,6 @@ std::string reasonOf(CORBA::Exception const& exception)
     return "this cannot be a host's name";
   return corbaExceptionText(exception);
 }
-
-} // namespace
 
 void addConnectionOptions(CLI::App& application, ConnectionOptions& options)
 {
@@ -194,8 +193,10 @@ Remote::DiscoveryService_ptr Connection::connect(std::string const& host)
 {
   std::string const place = placeOf(host);
   std::string reason;
+  Progress progress("Connecting to " + place);
   if (resolve(getHostAddress(host), reason).empty())
   {
+    progress.clear();
     complain("the host name \"" + shown(host) + "\" cannot be resolved: " + reason +
              "\nGive an address, or set HOST_ADDRESS." + shown(host) + " in " +
              getConfigurationPath() + ".");
@@ -216,8 +217,34 @@ Remote::DiscoveryService_ptr Connection::connect(std::string const& host)
   {
     reason = reasonOf(exception);
   }
+  progress.clear();
   complain("no discovery service at " + place + ": " + reason + "\n" + ADVICE);
   return Remote::DiscoveryService::_nil();
+}
+
+bool Connection::answers() const
+{
+  if (!m_lost.empty())
+    return false;
+  try
+  {
+    if (!m_service->_non_existent())
+      return true;
+    m_lost = "it is shutting down";
+  }
+  catch (CORBA::Exception const& exception)
+  {
+    m_lost = reasonOf(exception);
+  }
+  return false;
+}
+
+int Connection::conclude(int exitCode) const
+{
+  if ((exitCode != EXIT_FAILED && exitCode != EXIT_PARTLY) || answers())
+    return exitCode;
+  complain("the service at " + m_place + " does not answer any more: " + m_lost + "\n" + ADVICE);
+  return exitCode == EXIT_FAILED ? EXIT_NOT_REACHABLE : exitCode;
 }
 
 // Records name the host that has them as the service calls itself. A user who

@@ -30,6 +30,9 @@ void addConnectionOptions(CLI::App& application, ConnectionOptions& options);
 // none is given. False when it is none of these.
 bool parseMaster(std::string const& text, std::string& host, std::string& port);
 
+// Why a call failed, for people.
+std::string reasonOf(CORBA::Exception const& exception);
+
 // Brings the research API up and connects to the master's service. One a
 // process; everything read through it is released before it ends.
 class Connection
@@ -48,6 +51,14 @@ public:
   // had.
   Quillon::Tessarine::Ozf::DiscoverySvc::Remote::DiscoveryService_ptr
   connect(std::string const& host);
+
+  // Whether the master's service still answers. Blocks for the time-out at
+  // worst; once it did not, it is not asked again.
+  bool answers() const;
+
+  // The exit code of a command that came to that one: what has failed because
+  // the service went away meanwhile is told so, and counts as not reachable.
+  int conclude(int exitCode) const;
 
   // The master's; not the caller's.
   Quillon::Tessarine::Ozf::DiscoverySvc::Remote::DiscoveryService_ptr service() const
@@ -69,6 +80,7 @@ private:
   std::unique_ptr<Quillon::Tessarine::Ozf::Orb> m_orb;
   bool m_research = false;
   Quillon::Tessarine::Ozf::DiscoverySvc::Remote::DiscoveryService_var m_service;
+  mutable std::string m_lost; // why it does not answer any more
 };
 
 } // namespace tqdiscoctl

@@ -27,10 +27,10 @@ struct Options
   bool json = false;
 };
 
-int failed(CORBA::Exception const& exception)
+int failed(Connection const& connection, CORBA::Exception const& exception)
 {
-  complain("the service did not do it: " + corbaExceptionText(exception));
-  return EXIT_FAILED;
+  complain("the service did not do it: " + reasonOf(exception));
+  return connection.conclude(EXIT_FAILED);
 }
 
 // The service asked: the master's, or another host's. An exit code.
@@ -67,7 +67,7 @@ int push(Options const& options, Session const& session)
   }
   catch (CORBA::Exception const& exception)
   {
-    return failed(exception);
+    return failed(connection, exception);
   }
   if (options.json)
     printJson({{"service", whose(options, connection)}, {"all", options.all}});
@@ -120,7 +120,7 @@ int stop(Options const& options, Session const& session)
   }
   catch (CORBA::Exception const& exception)
   {
-    return failed(exception);
+    return failed(connection, exception);
   }
   if (!stopped && !options.noWait)
   {

@@ -221,6 +221,7 @@ void addDbCommands(CLI::App& application, int& exitCode)
   db->require_subcommand(1);
   db->fallthrough();
   db->add_option("-d,--directory", options->directory, "The database directory")
+      ->type_name("PATH")
       ->capture_default_str();
 
   CLI::App* const listCommand = db->add_subcommand("list", "List the discoveries");
@@ -230,8 +231,10 @@ void addDbCommands(CLI::App& application, int& exitCode)
   CLI::App* const showCommand = db->add_subcommand("show", "Print the payload of one discovery");
   showCommand->add_option("SUBJECT", options->subject, "The subject's name")->required();
   showCommand->add_option("AUTHORITY", options->authority, "The authority's name")->required();
-  showCommand->add_option("-t,--type", options->type,
-                          "The authority's type: server, client, external, remotepull");
+  showCommand
+      ->add_option("-t,--type", options->type,
+                   "The authority's type: server, client, external, remotepull")
+      ->type_name("TYPE");
   showCommand->add_flag("--raw", options->raw, "The bytes as stored, without indentation");
   showCommand->callback([options, &exitCode] { exitCode = show(*options); });
 

@@ -4,6 +4,7 @@
 #include "tools/Commands.h"
 #include "tools/DbCommands.h"
 #include "tools/ExitCodes.h"
+#include "tools/Help.h"
 #include "tools/Output.h"
 
 #include <CLI/CLI.hpp>
@@ -24,9 +25,10 @@ int main(int argc, char** argv)
 
   CLI::App application("Shows what the discovery service knows, and tells it what to do.",
                        "tqdiscoctl");
-  application.set_version_flag("--version", "tqdiscoctl " TQ_VERSION);
+  application.set_version_flag("--version", "tqdiscoctl " TQ_VERSION)
+      ->description("Print the version");
   application.require_subcommand(1);
-  application.footer("Exit codes: 0 found or done, 1 failed, 2 wrong usage, 3 nothing matched,\n"
+  application.footer("Exit codes: 0 found or done, 1 failed, 2 wrong usage, 3 nothing matched, "
                      "4 partly failed, 5 service not reachable.");
   application.fallthrough();
   Session session;
@@ -41,34 +43,24 @@ int main(int argc, char** argv)
   addPutCommand(application, session);
   addControlCommands(application, session);
   addDbCommands(application, session.exitCode);
+  setUpHelp(application);
 
   try
   {
     application.parse(argc, argv);
-    std::cout.flush();
-    if (!std::cout)
-    {
-      std::cerr << "tqdiscoctl: cannot write to standard output\n";
-      return EXIT_FAILED;
-    }
-    return session.exitCode;
-  }
-  catch (CLI::RequiredError const& error)
-  {
-    // The parser only says that a command is missing.
-    auto const words = application.remaining();
-    if (words.empty() || !application.get_subcommands().empty())
-      return application.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;
-    complain("\"" + shown(words.front()) + "\" is no command; \"tqdiscoctl --help\" lists them");
-    return EXIT_USAGE;
   }
   catch (CLI::ParseError const& error)
   {
-    return application.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;
+    session.exitCode = reportUsage(application, error);
   }
   catch (std::exception const& exception)
   {
     std::cerr << "tqdiscoctl: " << exception.what() << '\n';
     return EXIT_FAILED;
   }
+  std::cout.flush();
+  if (std::cout)
+    return session.exitCode;
+  std::cerr << "tqdiscoctl: cannot write to standard output\n";
+  return EXIT_FAILED;
 }

@@ -85,30 +85,57 @@ std::string counted(std::size_t count, std::string const& one, std::string const
   return std::to_string(count) + ' ' + (count == 1 ? one : several);
 }
 
-Progress::Progress(std::string what)
-    : m_what(std::move(what)),
-      m_terminal(isatty(STDERR_FILENO) != 0),
-      m_next(std::chrono::steady_clock::now() + std::chrono::milliseconds(500))
+Progress::Progress(std::string what) : m_what(std::move(what))
 {
+  if (isatty(STDERR_FILENO) != 0)
+    m_thread = std::thread([this] { tick(); });
 }
 
 Progress::~Progress() { clear(); }
 
 void Progress::update(std::string const& position)
 {
-  auto const now = std::chrono::steady_clock::now();
-  if (!m_terminal || now < m_next)
-    return;
-  m_next = now + std::chrono::milliseconds(100);
-  m_visible = true;
-  std::cerr << "\r\033[K" << m_what << ": " << position << std::flush;
+  std::lock_guard const guard(m_mutex);
+  m_position = position;
 }
 
 void Progress::clear()
 {
+  {
+    std::lock_guard const guard(m_mutex);
+    m_over = true;
+  }
+  m_changed.notify_all();
+  if (m_thread.joinable())
+    m_thread.join();
   if (m_visible)
     std::cerr << "\r\033[K" << std::flush;
   m_visible = false;
+}
+
+void Progress::tick()
+{
+  constexpr std::chrono::milliseconds FIRST(500);
+  constexpr std::chrono::milliseconds STEP(100);
+  std::unique_lock lock(m_mutex);
+  for (auto next = m_begin + FIRST;; next = Clock::now() + STEP)
+  {
+    if (m_changed.wait_until(lock, next, [this] { return m_over; }))
+      return;
+    paint();
+  }
+}
+
+void Progress::paint()
+{
+  std::string position = m_position;
+  if (position.empty())
+    position = formatSpan(
+        std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - m_begin).count());
+  std::string const line = m_what + ": " + position;
+  m_visible = true;
+  // A line that wraps could not be taken back.
+  std::cerr << "\r\033[K" << cutToWidth(line, terminalWidth(STDERR_FILENO) - 1) << std::flush;
 }
 
 } // namespace tqdiscoctl

@@ -5,9 +5,12 @@
 #include "ozf/base/OzfObjTime.h"
 
 #include <chrono>
+#include <condition_variable>
 #include <cstddef>
+#include <mutex>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <thread>
 
 namespace tqdiscoctl
 {
@@ -33,8 +36,9 @@ std::string shown(std::string const& text);
 // "1 host", "3 hosts".
 std::string counted(std::size_t count, std::string const& one, std::string const& several);
 
-// A line on standard error that tells how far a long piece of work is; there
-// only when that is a terminal, only after a moment, and gone at the end.
+// A line on standard error that tells how far a long piece of work is, or how
+// long it has taken when that cannot be told; there only when that is a
+// terminal, only after a moment, and gone at the end.
 class Progress
 {
 public:
@@ -45,13 +49,24 @@ public:
 
   // position: "3 of 20", "12 MiB".
   void update(std::string const& position);
+
+  // Takes the line away for good, before anything else is written.
   void clear();
 
 private:
+  using Clock = std::chrono::steady_clock;
+
+  void tick();
+  void paint();
+
   std::string const m_what;
-  bool const m_terminal;
+  Clock::time_point const m_begin = Clock::now();
+  std::mutex m_mutex;
+  std::condition_variable m_changed;
+  std::string m_position;
   bool m_visible = false;
-  std::chrono::steady_clock::time_point m_next;
+  bool m_over = false;
+  std::thread m_thread; // none when there is no terminal
 };
 
 } // namespace tqdiscoctl

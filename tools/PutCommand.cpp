@@ -199,8 +199,8 @@ int put(Options const& options, Session const& session)
   }
   catch (CORBA::Exception const& exception)
   {
-    complain("not stored: " + corbaExceptionText(exception));
-    return EXIT_FAILED;
+    complain("not stored: " + reasonOf(exception));
+    return connection.conclude(EXIT_FAILED);
   }
   if (options.json)
     printJson({{"subject", options.subject},

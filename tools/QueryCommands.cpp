@@ -41,7 +41,7 @@ int query(Options const& options, Session const& session)
     return result;
   std::vector<Record> records;
   if (int const result = queryRecords(options.selection, records); result != EXIT_DONE)
-    return result;
+    return connection.conclude(result);
 
   if (options.json)
   {
@@ -93,7 +93,7 @@ int hosts(Options const& options, Session const& session)
     return result;
   std::vector<Record> records;
   if (int const result = queryRecords(options.selection, records); result != EXIT_DONE)
-    return result;
+    return connection.conclude(result);
 
   std::map<std::string, Host> found;
   for (Record const& record : records)

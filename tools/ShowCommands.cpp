@@ -16,6 +16,7 @@
 #include <iostream>
 #include <map>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <unistd.h>
 
@@ -27,6 +28,10 @@ using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
 
 namespace
 {
+
+// Where explorers whose collections are made on demand store what can be asked
+// of them: under their own name the service would not give it out.
+constexpr char PULL_FILTER_SUFFIX[] = "-filter";
 
 struct Options
 {
@@ -120,12 +125,16 @@ int findOne(Options const& options, Record& record)
   return EXIT_DONE;
 }
 
-int showBytes(Options const& options, Record const& record)
+int showBytes(Options const& options, Connection const& connection, Record const& record)
 {
   std::string bytes;
-  if (!readBytes(record, options.where, bytes))
+  Progress progress("Reading the payload");
+  bool const read = readBytes(record, options.where, bytes);
+  progress.clear();
+  if (!read)
   {
-    complainUnread(record, false);
+    if (connection.answers())
+      complainUnread(record, false);
     return EXIT_FAILED;
   }
   if (!options.where.empty() && !record.onDemand())
@@ -150,7 +159,7 @@ void printAttributes(std::vector<OzfQuery::Attribute> const& attributes)
   Table table({{"NAME", Table::FIXED},
                {"TYPE", Table::FIXED},
                {"UNIT", Table::FIXED},
-               {"DESCRIPTION", Table::TEXT}});
+               {"DESCRIPTION", Table::SENTENCE}});
   for (auto const& attribute : attributes)
     table.add({shown(attribute.name.str()), typeName(attribute.type),
                attribute.unit.empty() ? "-" : shown(attribute.unit.str()),
@@ -186,14 +195,21 @@ int show(Options const& options, Session const& session)
     return result;
   Record record;
   if (int const result = findOne(options, record); result != EXIT_DONE)
-    return result;
+    return connection.conclude(result);
   if (options.xml || options.raw)
-    return showBytes(options, record);
+    return connection.conclude(showBytes(options, connection, record));
 
-  Collection const collection = readCollection(record, query);
+  Collection collection;
+  {
+    Progress const progress("Reading the collection");
+    collection = readCollection(record, query);
+  }
+  int const result = resultOf(collection);
+  if (result == EXIT_FAILED && !connection.answers())
+    return connection.conclude(result);
   if (options.json)
     printJson(toJson(record, collection));
-  else
+  else if (result != EXIT_FAILED)
   {
     OzfObjTime const now = OzfObjTime::now();
     std::cout << "Subject    " << record.subject << "\nAuthority  " << record.authority << " ("
@@ -205,14 +221,13 @@ int show(Options const& options, Session const& session)
     if (!collection.attributes.empty())
       printAttributes(collection.attributes);
   }
-  int const result = resultOf(collection);
-  if (!collection.complete)
+  if (!collection.complete && connection.answers())
     complainUnread(record, result == EXIT_PARTLY);
   else if (result == EXIT_NOTHING && !options.json)
     complain(options.where.empty() ? "the collection has no items"
                                    : "no item answers the query; \"tqdiscoctl filters\" tells "
                                      "what can be asked for");
-  return result;
+  return connection.conclude(result);
 }
 
 using ByAuthority = std::map<std::string, std::vector<std::pair<Record, Collection>>>;
@@ -238,6 +253,11 @@ void printAuthority(std::string const& authority,
   }
   if (options.details || rows.empty())
     return;
+  for (std::string const& column : options.columns)
+    if (std::none_of(rows.begin(), rows.end(),
+                     [&column](ItemRow const& row) { return row.item->find(column) != nullptr; }))
+      complain("no item by " + authority + " has a fact \"" + shown(column) +
+               "\"; --details shows what there is");
   std::size_t const leftOut =
       printItemTable(std::cout, rows, options.columns, *description, width, bold);
   std::cout.flush();
@@ -256,7 +276,7 @@ int items(Options const& options, Session const& session)
     return result;
   std::vector<Record> records;
   if (int const result = queryRecords(options.selection, records); result != EXIT_DONE)
-    return result;
+    return connection.conclude(result);
 
   if (options.selection.typeName.empty())
     std::erase_if(records, [all = records](Record const& each) { return isShadowed(each, all); });
@@ -266,16 +286,20 @@ int items(Options const& options, Session const& session)
   std::size_t unread = 0;
   std::size_t count = 0;
   {
-    Progress progress("Reading collections");
+    constexpr char WHAT[] = "Reading collections";
+    std::optional<Progress> progress(std::in_place, WHAT);
     for (Record const& record : records)
     {
-      progress.update(std::to_string(++done) + " of " + std::to_string(records.size()));
+      progress->update(std::to_string(++done) + " of " + std::to_string(records.size()));
       Collection collection = readCollection(record, query);
       if (!collection.complete)
       {
-        progress.clear();
-        complainUnread(record, !collection.items.empty());
         ++unread;
+        // Each of those to come would have to be waited for.
+        if (!connection.answers())
+          break;
+        progress.emplace(WHAT); // that in sight goes
+        complainUnread(record, !collection.items.empty());
       }
       count += collection.items.size();
       // Filter data lies beside what was found; "filters" is for that.
@@ -298,7 +322,7 @@ int items(Options const& options, Session const& session)
     printAuthority(authority, collections, options);
   }
   if (unread != 0)
-    return count != 0 ? EXIT_PARTLY : EXIT_FAILED;
+    return connection.conclude(count != 0 ? EXIT_PARTLY : EXIT_FAILED);
   if (count != 0)
     return EXIT_DONE;
   if (!options.json)
@@ -316,9 +340,14 @@ int filters(Options const& options, Session const& session)
   Connection connection(session.connection);
   if (int const result = connection.open(); result != EXIT_DONE)
     return result;
-  AutoDereference<FilterDescription> const description(
+  AutoDereference<FilterDescription> description(
       new FilterDescription(options.selection.authority, options.selection.subject));
+  if (description->attributes().empty())
+    description.reset(new FilterDescription(options.selection.authority + PULL_FILTER_SUFFIX,
+                                            options.selection.subject));
   auto const& attributes = description->attributes();
+  if (attributes.empty() && !connection.answers())
+    return connection.conclude(EXIT_FAILED);
   if (options.json)
   {
     nlohmann::json all = nlohmann::json::array();
@@ -345,10 +374,11 @@ int filters(Options const& options, Session const& session)
       std::any_of(records.begin(), records.end(),
                   [](Record const& each) { return each.type == AT_EXTSRC && !each.onDemand(); }))
   {
-    complainUnread(*std::find_if(records.begin(), records.end(),
-                                 [](Record const& each) { return !each.onDemand(); }),
-                   false);
-    return EXIT_FAILED;
+    if (connection.answers())
+      complainUnread(*std::find_if(records.begin(), records.end(),
+                                   [](Record const& each) { return !each.onDemand(); }),
+                     false);
+    return connection.conclude(EXIT_FAILED);
   }
   if (!options.json)
     complain("no explorer has stored what can be asked for about subject \"" +

@@ -176,10 +176,10 @@ int status(Options const& options, Session const& session)
 
   std::vector<Record> records;
   if (int const result = queryRecords(Selection(), records); result != EXIT_DONE)
-    return result;
+    return connection.conclude(result);
   std::vector<ServiceState> states;
   if (int const result = readStates(states); result != EXIT_DONE)
-    return result;
+    return connection.conclude(result);
 
   std::size_t failed = 0;
   bool complete = true;
@@ -220,7 +220,7 @@ int status(Options const& options, Session const& session)
   if (failed != 0)
     complain(counted(failed, "explorer has", "explorers have") +
              " failed at the last run; the log of the host's service tells why");
-  return failed == 0 && complete ? EXIT_DONE : EXIT_PARTLY;
+  return connection.conclude(failed == 0 && complete ? EXIT_DONE : EXIT_PARTLY);
 }
 
 } // namespace

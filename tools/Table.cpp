@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <ostream>
+#include <sstream>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -22,6 +23,35 @@ std::string pad(std::string const& text, std::size_t width, bool right)
   std::size_t const used = displayWidth(text);
   std::string const blanks(width > used ? width - used : 0, ' ');
   return right ? blanks + text : text + blanks;
+}
+
+// The last cell of a line, with line breaks between words and what then goes
+// on under its beginning.
+std::string broken(std::string const& text, std::vector<std::size_t> const& widths)
+{
+  std::size_t indent = 0;
+  for (std::size_t i = 0; i + 1 < widths.size(); ++i)
+    indent += widths[i] + GAP;
+  std::string result;
+  std::size_t used = 0;
+  std::istringstream words(text);
+  for (std::string word; words >> word;)
+  {
+    std::size_t const needed = displayWidth(word);
+    if (used != 0 && used + 1 + needed > widths.back())
+    {
+      result += '\n' + std::string(indent, ' ');
+      used = 0;
+    }
+    else if (used != 0)
+    {
+      result += ' ';
+      ++used;
+    }
+    result += word;
+    used += needed;
+  }
+  return result;
 }
 
 } // namespace
@@ -50,7 +80,7 @@ void Table::print(std::ostream& os, std::size_t width, bool bold) const
   {
     std::size_t widest = widths.size();
     for (std::size_t i = 0; i < widths.size(); ++i)
-      if (m_header[i].second == TEXT && widths[i] > SMALLEST &&
+      if ((m_header[i].second == TEXT || m_header[i].second == SENTENCE) && widths[i] > SMALLEST &&
           (widest == widths.size() || widths[i] > widths[widest]))
         widest = i;
     if (widest == widths.size())
@@ -65,7 +95,9 @@ void Table::print(std::ostream& os, std::size_t width, bool bold) const
     {
       bool const last = i + 1 == widths.size();
       bool const right = m_header[i].second == NUMBER;
-      std::string const cut = width == 0 ? cell(i) : cutToWidth(cell(i), widths[i]);
+      std::string const whole = m_header[i].second == SENTENCE ? broken(cell(i), widths) : cell(i);
+      std::string const cut =
+          width == 0 || m_header[i].second == SENTENCE ? whole : cutToWidth(whole, widths[i]);
       text += last && !right ? cut : pad(cut, widths[i], right);
       if (!last)
         text.append(GAP, ' ');

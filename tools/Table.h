@@ -10,16 +10,17 @@ namespace tqdiscoctl
 {
 
 // Rows under a header, columns aligned with two spaces between them. When the
-// table is wider than the terminal, the columns that may shrink are cut,
-// widest first, down to ten characters; when it is no terminal nothing is cut.
+// table is wider than the terminal, the columns that may shrink do so, widest
+// first, down to ten characters; when it is no terminal nothing is cut.
 class Table
 {
 public:
   enum Column
   {
-    TEXT,  // left, may shrink
-    FIXED, // left, never cut
-    NUMBER // right, never cut
+    TEXT,    // left, may shrink
+    FIXED,   // left, never cut
+    NUMBER,  // right, never cut
+    SENTENCE // the last one: left, goes on in further lines where it must shrink
   };
 
   explicit Table(std::vector<std::pair<std::string, Column>> header);

@@ -154,7 +154,7 @@ int watch(Options const& options, Session const& session)
     return result;
   Look before;
   if (int const result = look(options.selection, before, false); result != EXIT_DONE)
-    return result;
+    return connection.conclude(result);
   if (!options.json)
     std::cerr << "Watching " << counted(before.size(), "discovery", "discoveries") << " at "
               << connection.place() << ", every " << options.interval << " s; Ctrl-C ends it.\n";

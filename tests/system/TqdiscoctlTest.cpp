@@ -76,7 +76,8 @@ protected:
     ASSERT_TRUE(eventually(
         [this]
         {
-          return run({"query", "--authority", "volume", "--type", "external"}).exitCode == 0 &&
+          return run({"query", "--authority", "volume-filter", "--type", "external"}).exitCode ==
+                     0 &&
                  run({"query", "--authority", "service", "--type", "client"}).exitCode == 0;
         },
         std::chrono::seconds(60)))
@@ -554,8 +555,16 @@ TEST_F(TqdiscoctlExplorersTest, filtersTellWhatCanBeAskedFor)
   EXPECT_EQ((*size)["unit"], "bytes");
   EXPECT_THAT(run({"filters", LiveService::NAME, "filesystem", "--xml"}).output,
               HasSubstr("<QueryDescription>\n  <Attribute Name=\"MountPoint\""));
+  // Of a collection on demand it is stored beside, under a name of its own.
+  json const volume = runJson({"filters", LiveService::NAME, "volume"});
+  EXPECT_TRUE(std::any_of(volume.begin(), volume.end(),
+                          [](json const& each) { return each["name"] == "SectorSize"; }))
+      << volume;
   // The service gives neither of two collections of one name.
-  Outcome const shadowed = run({"filters", LiveService::NAME, "volume", "--xml"});
+  std::string const filterData = "<FilterData><QueryDescription><Attribute Name=\"a\"/>"
+                                 "</QueryDescription></FilterData>";
+  store(LiveService::NAME, "volume", filterData, {"--filter-data"});
+  Outcome const shadowed = run({"show", LiveService::NAME, "volume", "--type", "external"});
   EXPECT_EQ(shadowed.exitCode, 1);
   EXPECT_THAT(shadowed.output, IsEmpty());
   EXPECT_THAT(shadowed.errors, HasSubstr("tqdiscoctl db show"));

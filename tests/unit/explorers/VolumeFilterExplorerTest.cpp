@@ -13,7 +13,7 @@ TEST(VolumeFilterExplorer, storesFilterDataAndNothingElse)
   EXPECT_EQ(std::vector<DiscoveryQuery>{DQ_FILTER_DATA}, store.queries);
   ASSERT_EQ(1U, store.records().size());
   auto const record = store.only(AT_EXTSRC);
-  EXPECT_EQ("volume", record.authority);
+  EXPECT_EQ("volume-filter", record.authority);
   Document const document(record.payload);
   EXPECT_TRUE(document.wellFormed) << document.lastError();
   EXPECT_EQ("FilterData", document.root);
