@@ -168,6 +168,6 @@ TEST_P(FleetMasterTest, aMasterThatHangsCostsAClientOneTimeOut)
 
 TQ_FLEET_FORMS(FleetAbsenceTest);
 INSTANTIATE_TEST_SUITE_P(Fleet, FleetMasterTest, testing::Values(Form::LOOPBACK),
-                         [](auto const&) { return "loopback"; });
+                         [](auto const& form) { return nameOf(form.param); });
 
 } // namespace

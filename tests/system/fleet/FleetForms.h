@@ -18,6 +18,10 @@ enum class Form
   NAMESPACES
 };
 
+// As the names of the tests have it.
+inline std::string nameOf(Form form) { return form == Form::LOOPBACK ? "loopback" : "namespaces"; }
+inline void PrintTo(Form form, std::ostream* out) { *out << nameOf(form); }
+
 class FleetTest : public testing::TestWithParam<Form>
 {
 protected:
@@ -87,5 +91,4 @@ protected:
 
 #define TQ_FLEET_FORMS(suite)                                                                      \
   INSTANTIATE_TEST_SUITE_P(Fleet, suite, testing::Values(Form::LOOPBACK, Form::NAMESPACES),        \
-                           [](auto const& form)                                                    \
-                           { return form.param == Form::LOOPBACK ? "loopback" : "namespaces"; })
+                           [](auto const& form) { return nameOf(form.param); })
