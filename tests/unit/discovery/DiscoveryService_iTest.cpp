@@ -282,6 +282,12 @@ TEST_F(DiscoveryService_iTest, NamesOfEveryKindCanBeWrittenAndReadBack)
   {
     EXPECT_EQ(svc::DS_SUCCESS, put(Service::record(name.c_str(), name.c_str()), {"<x/>"}));
     EXPECT_EQ(svc::DS_SUCCESS, get(name.c_str(), name.c_str())) << name;
+    // And under the names that readers are told.
+    Remote::DiscoveryIterator_var const found = service->queryDiscoveries(
+        svc::DQ_DISCOVERY_DATA, svc::AT_ANYANDALL, name.c_str(), name.c_str());
+    Remote::DiscoverySeq_var page = found->getNextPage();
+    ASSERT_EQ(1u, page->length()) << name;
+    EXPECT_EQ(svc::DS_SUCCESS, get(page[0].subject, page[0].authority)) << page[0].subject.in();
   }
   for (auto const& entry : std::filesystem::directory_iterator(host.root().path()))
     EXPECT_TRUE(entry.path().filename() == "etc" || entry.path().filename() == "db")
