@@ -66,6 +66,9 @@ std::vector<Row> benchParse(Settings const& settings);
 std::vector<Row> benchItems(Settings const& settings);
 std::vector<Row> benchQuery(Settings const& settings);
 std::vector<Row> benchPayload(Settings const& settings);
+std::vector<Row> benchWrite(Settings const& settings);
+std::vector<Row> benchFleetWrites(Settings const& settings);
+std::vector<Row> benchIdleConnections(Settings const& settings);
 std::vector<Row> benchServiceMemory(Settings const& settings);
 
 } // namespace tqbench

@@ -37,10 +37,12 @@ struct Benchmark
 };
 
 constexpr Benchmark BENCHMARKS[] = {
-    {"persist", benchPersist, false}, {"enumerate", benchEnumerate, true},
-    {"lookup", benchLookup, true},    {"parse", benchParse, false},
-    {"items", benchItems, false},     {"query", benchQuery, false},
-    {"payload", benchPayload, false}, {"memory", benchServiceMemory, true}};
+    {"persist", benchPersist, false},    {"enumerate", benchEnumerate, true},
+    {"lookup", benchLookup, true},       {"parse", benchParse, false},
+    {"items", benchItems, false},        {"query", benchQuery, false},
+    {"payload", benchPayload, false},    {"write", benchWrite, false},
+    {"fleet", benchFleetWrites, false},  {"idle", benchIdleConnections, false},
+    {"memory", benchServiceMemory, true}};
 
 class ScratchDirectory
 {
@@ -178,8 +180,8 @@ int main(int argc, char** argv)
   app.add_option("--records", settings.records, "discoveries in a large database")
       ->check(CLI::PositiveNumber);
   app.add_option("--only", only,
-                 "run these only: persist, enumerate, lookup, parse, items, query, payload, "
-                 "memory");
+                 "run these only: persist, enumerate, lookup, parse, items, query, payload, write, "
+                 "fleet, idle, memory");
   app.add_option("--side", settings.side,
                  "run one side only, for a tracer or a profiler: product, floor, sqlite");
   CLI11_PARSE(app, argc, argv);
