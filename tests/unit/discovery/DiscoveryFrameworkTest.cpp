@@ -20,7 +20,7 @@ TEST(DiscoveryFrameworkTest, AProcessThatOnlyReadsServesNothingAndKeepsTheReposi
 {
   Service host; // for its configuration; its own ORB is never brought up
   AutoDereference<DiscoveryFramework> framework(
-    new DiscoveryFramework("discovery", DST_NONE, nullptr, false));
+      new DiscoveryFramework("discovery", DST_NONE, nullptr, false));
   std::list<std::string> const limit{"one"};
   framework->init(&limit);
   EXPECT_EQ("discovery", getDiscoveryRepository().getDSName());
@@ -38,20 +38,20 @@ TEST(DiscoveryFrameworkTest, ShutdownTwiceFailsTheAssertion)
 {
   Service host;
   AutoDereference<DiscoveryFramework> framework(
-    new DiscoveryFramework("", DST_NONE, nullptr, false));
+      new DiscoveryFramework("", DST_NONE, nullptr, false));
   framework->init(nullptr);
   LogCapture log;
   framework->shutdown();
   EXPECT_THROW(framework->shutdown(), AssertionFailure);
   EXPECT_TRUE(log.has(1, "DiscoveryFramework::shutdown", "Assertion failed: !m_shutdown"))
-    << log.text();
+      << log.text();
 }
 
 TEST(DiscoveryFrameworkTest, FiniBeforeShutdownOrOnceTooOftenFailsTheAssertion)
 {
   Service host;
   AutoDereference<DiscoveryFramework> framework(
-    new DiscoveryFramework("", DST_NONE, nullptr, false));
+      new DiscoveryFramework("", DST_NONE, nullptr, false));
   framework->init(nullptr);
   LogCapture log;
   EXPECT_THROW(framework->fini(), AssertionFailure);
@@ -67,18 +67,17 @@ TEST(DiscoveryFrameworkTest, AServiceNeedsAnOrbWithAnEvictor)
   Service host;
   Orb withoutEvictor(0, "", "plain", 0, 0);
   AutoDereference<DiscoveryFramework> framework(
-    new DiscoveryFramework("", DST_GENERIC, &withoutEvictor, false));
+      new DiscoveryFramework("", DST_GENERIC, &withoutEvictor, false));
   LogCapture log;
   EXPECT_THROW(framework->init(nullptr), AssertionFailure);
-  EXPECT_TRUE(
-    log.has(1, "DiscoveryFramework::init", "Assertion failed: m_orb->isEvictorEnabled()"))
-    << log.text();
+  EXPECT_TRUE(log.has(1, "DiscoveryFramework::init", "Assertion failed: m_orb->isEvictorEnabled()"))
+      << log.text();
 }
 
 TEST(DiscoveryFrameworkTest, AskingForAnOrbThatIsNotThereFailsTheAssertion)
 {
   AutoDereference<DiscoveryFramework> framework(
-    new DiscoveryFramework("", DST_NONE, nullptr, false));
+      new DiscoveryFramework("", DST_NONE, nullptr, false));
   LogCapture log;
   EXPECT_THROW(framework->getOrb(), AssertionFailure);
   EXPECT_TRUE(log.has(1, "DiscoveryFramework::getOrb", "Assertion failed: 0 != m_orb"));
@@ -93,7 +92,7 @@ TEST(DiscoveryFrameworkTest, AServiceIsAdvertisedAndItsDatabaseIsReady)
   Remote::DiscoveryService_var const service = host.connect();
   ASSERT_FALSE(CORBA::is_nil(service));
   Remote::DiscoveryIterator_var const iterator =
-    service->queryDiscoveries(DQ_DISCOVERY_DATA, AT_ANYANDALL, "*", "*");
+      service->queryDiscoveries(DQ_DISCOVERY_DATA, AT_ANYANDALL, "*", "*");
   EXPECT_EQ(8, iterator->pageSize());
 
   host.stop();
@@ -113,11 +112,11 @@ TEST(DiscoveryFrameworkTest, TwoInitsNeedTwoFinis)
   host.framework().fini(); // returns although the barrier is closed
   std::atomic<bool> ended{false};
   std::thread last(
-    [&]
-    {
-      host.framework().fini();
-      ended = true;
-    });
+      [&]
+      {
+        host.framework().fini();
+        ended = true;
+      });
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
   EXPECT_FALSE(ended) << "the last fini waits for the repository's barrier";
   held.reset();
@@ -134,7 +133,7 @@ TEST(DiscoveryFrameworkTest, AFailureToServeIsLoggedAndPassedOn)
   EXPECT_NE(std::string::npos,
             log.text().find("DiscoveryFramework::init: Caught corba exception activating "
                             "DiscoveryService servant, Corba exception: "))
-    << log.text();
+      << log.text();
 }
 
 TEST(DiscoveryFrameworkTest, AFailureOfAnyKindToServeIsUndone)
@@ -148,9 +147,9 @@ TEST(DiscoveryFrameworkTest, AFailureOfAnyKindToServeIsUndone)
   EXPECT_NE(std::string::npos,
             log.text().find("DiscoveryFramework::init: Unable to activate the DiscoveryService "
                             "servant: "))
-    << log.text();
+      << log.text();
   EXPECT_THROW(host.framework().init(nullptr), AssertionFailure)
-    << "what is left of the first attempt must not pass for a service";
+      << "what is left of the first attempt must not pass for a service";
 }
 
 TEST(DiscoveryFrameworkTest, LiveIteratorsAreDestroyedAtShutdown)
@@ -159,7 +158,7 @@ TEST(DiscoveryFrameworkTest, LiveIteratorsAreDestroyedAtShutdown)
   host.start();
   Remote::DiscoveryService_var const service = host.connect();
   Remote::DiscoveryIterator_var const iterator =
-    service->queryDiscoveries(DQ_DISCOVERY_DATA, AT_ANYANDALL, "*", "*");
+      service->queryDiscoveries(DQ_DISCOVERY_DATA, AT_ANYANDALL, "*", "*");
   EXPECT_EQ(1u, host.orb().getEvictor().size());
   host.leaveFrameworkToTest();
   host.framework().shutdown();

@@ -130,7 +130,7 @@ TEST(DiscoveryRepositoryTimersTest, AnExplorerThatThrowsIsLoggedAndTheOthersRun)
   host.stop();
   EXPECT_TRUE(log.has(1, "ExplorerPushTimer::handle_timeout",
                       "Explorer broken threw an exception: no luck"))
-    << log.text();
+      << log.text();
 }
 
 TEST(DiscoveryRepositoryTimersTest, ShutdownLetsTheCurrentExplorerFinishAndStartsNoOther)
@@ -152,9 +152,9 @@ TEST(DiscoveryRepositoryTimersTest, ShutdownLetsTheCurrentExplorerFinishAndStart
   registerPush(*next, "2");
   host.start();
   ASSERT_TRUE(calls.waitFor(
-    [](auto const& names)
-    { return std::find(names.begin(), names.end(), "explore slow") != names.end(); },
-    seconds(60)));
+      [](auto const& names)
+      { return std::find(names.begin(), names.end(), "explore slow") != names.end(); },
+      seconds(60)));
   std::thread stopper([&] { host.stop(); });
   ASSERT_TRUE(eventually([] { return getDiscoveryRepository().isShuttingDown(); }));
   {
@@ -163,8 +163,8 @@ TEST(DiscoveryRepositoryTimersTest, ShutdownLetsTheCurrentExplorerFinishAndStart
     changed.notify_all();
   }
   stopper.join();
-  EXPECT_EQ((std::vector<std::string>{"start slow", "start next", "explore slow",
-                                      "slow finished", "stop slow", "stop next"}),
+  EXPECT_EQ((std::vector<std::string>{"start slow", "start next", "explore slow", "slow finished",
+                                      "stop slow", "stop next"}),
             calls.names());
 }
 
@@ -198,8 +198,8 @@ TEST(DiscoveryRepositoryTimersTest, AShutDownTimerIsNeverScheduledAgain)
   AutoDereference<FakePush> explorer(new FakePush("x", &calls, 0));
   registerPush(*explorer, "s");
   AutoDereference<DiscoveryRepository::ExplorerPushTimer> timer(
-    new DiscoveryRepository::ExplorerPushTimer(getDiscoveryRepository(),
-                                               getDiscoveryRepository().getPushExplorers()));
+      new DiscoveryRepository::ExplorerPushTimer(getDiscoveryRepository(),
+                                                 getDiscoveryRepository().getPushExplorers()));
   timer->shutdown();
   timer->schedule(ACE_Time_Value::zero);
   EXPECT_EQ(1, timer->referenceCount()) << "the reactor holds none";
@@ -210,8 +210,8 @@ TEST(DiscoveryRepositoryTimersTest, SchedulingReplacesTheFiringThatWasSet)
   Service host;
   host.start();
   AutoDereference<DiscoveryRepository::ExplorerPushTimer> timer(
-    new DiscoveryRepository::ExplorerPushTimer(getDiscoveryRepository(),
-                                               getDiscoveryRepository().getPushExplorers()));
+      new DiscoveryRepository::ExplorerPushTimer(getDiscoveryRepository(),
+                                                 getDiscoveryRepository().getPushExplorers()));
   timer->schedule(ACE_Time_Value(3600));
   timer->schedule(ACE_Time_Value(3600));
   EXPECT_EQ(2, timer->referenceCount()) << "one registration";
@@ -224,16 +224,15 @@ TEST(DiscoveryRepositoryTimersTest, WithoutAnOrbThePushTimerSaysSoAndDoesNotReAr
   Service host;
   host.start();
   AutoDereference<DiscoveryFramework> withoutOrb(
-    new DiscoveryFramework("", DST_GENERIC, nullptr, false));
+      new DiscoveryFramework("", DST_GENERIC, nullptr, false));
   LogCapture log;
   getDiscoveryRepository().setDiscoveryFramework(withoutOrb.get());
   AutoDereference<DiscoveryRepository::ExplorerPushTimer> timer(
-    new DiscoveryRepository::ExplorerPushTimer(getDiscoveryRepository(),
-                                               getDiscoveryRepository().getPushExplorers()));
+      new DiscoveryRepository::ExplorerPushTimer(getDiscoveryRepository(),
+                                                 getDiscoveryRepository().getPushExplorers()));
   timer->handle_timeout(ACE_Time_Value::zero, nullptr);
-  EXPECT_TRUE(
-    log.has(1, "ExplorerPushTimer::handle_timeout", "Cannot get instance of ORB"))
-    << log.text();
+  EXPECT_TRUE(log.has(1, "ExplorerPushTimer::handle_timeout", "Cannot get instance of ORB"))
+      << log.text();
   EXPECT_EQ(1, timer->referenceCount()) << "not scheduled";
   getDiscoveryRepository().setDiscoveryFramework(&host.framework());
 }
@@ -248,15 +247,15 @@ TEST(DiscoveryRepositoryTimersTest, WithoutAMasterNameTheRegisterTimerTriesAgain
   LogCapture log;
   host.start();
   EXPECT_TRUE(eventually(
-    [&]
-    {
-      return log.has(1, "ExplorerRegisterTimer::handle_timeout",
-                     "Cannot find master server name, cannot register explorers");
-    }))
-    << log.text();
+      [&]
+      {
+        return log.has(1, "ExplorerRegisterTimer::handle_timeout",
+                       "Cannot find master server name, cannot register explorers");
+      }))
+      << log.text();
   host.stop();
   EXPECT_EQ((std::vector<std::string>{"start x", "stop x"}), calls.names())
-    << "the push timer never starts";
+      << "the push timer never starts";
 }
 
 TEST(DiscoveryRepositoryTimersTest, AMasterThatDoesNotAnswerIsTriedAgainLater)
@@ -268,17 +267,16 @@ TEST(DiscoveryRepositoryTimersTest, AMasterThatDoesNotAnswerIsTriedAgainLater)
   LogCapture log;
   host.start();
   EXPECT_TRUE(eventually(
-    [&]
-    {
-      return log.has(1, "ExplorerRegisterTimer::handle_timeout",
-                     "Failed to connect to discovery service on the master, retrying later");
-    }))
-    << log.text();
+      [&]
+      {
+        return log.has(1, "ExplorerRegisterTimer::handle_timeout",
+                       "Failed to connect to discovery service on the master, retrying later");
+      }))
+      << log.text();
   EXPECT_TRUE(log.has(1, "ExplorerRegisterTimer::handle_timeout",
                       "Registering 0 explorers with master server"));
-  EXPECT_TRUE(
-    log.has(1, "connectToRemoteDS", "Failed to connect to remote discovery service."))
-    << log.text();
+  EXPECT_TRUE(log.has(1, "connectToRemoteDS", "Failed to connect to remote discovery service."))
+      << log.text();
 }
 
 TEST(DiscoveryRepositoryTimersTest, TheRegisterTimerAnnouncesAndThenStartsThePushTimer)
@@ -296,10 +294,10 @@ TEST(DiscoveryRepositoryTimersTest, TheRegisterTimerAnnouncesAndThenStartsThePus
   LogCapture log;
   host.start();
   EXPECT_TRUE(calls.waitFor(
-    [](auto const& names)
-    { return std::find(names.begin(), names.end(), "explore pusher") != names.end(); },
-    seconds(60)))
-    << log.text();
+      [](auto const& names)
+      { return std::find(names.begin(), names.end(), "explore pusher") != names.end(); },
+      seconds(60)))
+      << log.text();
   EXPECT_TRUE(log.has(1, "ExplorerRegisterTimer::handle_timeout",
                       "Registering 1 explorers with master server"));
   EXPECT_TRUE(log.has(1, "ExplorerRegisterTimer::handle_timeout",
@@ -307,7 +305,7 @@ TEST(DiscoveryRepositoryTimersTest, TheRegisterTimerAnnouncesAndThenStartsThePus
   // 70000 does not fit 16 bits: what is left of it is 4464.
   EXPECT_NE(std::string::npos,
             log.text().find("Registered explorer: 4a DiscoveryService subj auth 4464"))
-    << log.text();
+      << log.text();
 }
 
 } // namespace

@@ -86,7 +86,7 @@ TEST_F(DiscoverySvcTest, OnlyAnExplicitFalseKeepsTheServiceFromStarting)
   EXPECT_FALSE(service.doShouldStart());
   EXPECT_TRUE(log.has(4, "DiscoverySvc::doShouldStart",
                       "Shutting down tqdisco as directed by REPORT_CLIENT_DISCOVERIES=FALSE"))
-    << log.text();
+      << log.text();
 }
 
 TEST_F(DiscoverySvcTest, AFrameworkThatCannotBeSetUpLeavesTheServiceUp)
@@ -94,9 +94,8 @@ TEST_F(DiscoverySvcTest, AFrameworkThatCannotBeSetUpLeavesTheServiceUp)
   configure("SERVER = here\nCLIENT_NAME = here\n");
   OpenedService service; // its ORB was never brought up
   EXPECT_EQ(0, service.doInit());
-  EXPECT_TRUE(
-    log.has(1, "DiscoverySvc::doInit", "Failed to initialize the discovery framework"))
-    << log.text();
+  EXPECT_TRUE(log.has(1, "DiscoverySvc::doInit", "Failed to initialize the discovery framework"))
+      << log.text();
   EXPECT_EQ(0, service.doRun());
   EXPECT_EQ(0, service.doStop());
   EXPECT_EQ(0, service.doExit());
@@ -126,8 +125,8 @@ TEST_F(DiscoverySvcTest, InitPutsTheTimersOnTheOrbsReactorAndGivesCallsThirtySec
   EXPECT_EQ(0u, omni::orbParameters::clientCallTimeOutPeriod.ns);
   EXPECT_EQ(root / "db/discovery/Update.lock",
             std::filesystem::exists(root / "db/discovery/Update.lock")
-              ? root / "db/discovery/Update.lock"
-              : std::string("missing"));
+                ? root / "db/discovery/Update.lock"
+                : std::string("missing"));
 
   Evictor& evictor = service.getOrb().getEvictor();
   for (int i = 0; i < 1025; ++i)
