@@ -7,7 +7,14 @@ source [file join [file dirname [info script]] servants.tcl]
 set OFFSET [exec mktemp --tmpdir tqoffset-XXXXXX]
 rename harness::finish harness::finishServices
 proc harness::finish {} {
+  variable services
   file delete $::OFFSET
+  # What libfaketime shares among processes, and leaves behind.
+  dict for {name service} $services {
+    set pid [dict get $service pid]
+    if {[dict get $service channel] ne ""} { catch {exec kill -KILL $pid} }
+    file delete /dev/shm/faketime_shm_$pid /dev/shm/sem.faketime_sem_$pid
+  }
   harness::finishServices
 }
 
