@@ -2,10 +2,9 @@
 
 #include "tests/support/TempDir.h"
 
-#include <algorithm>
+#include <cctype>
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -14,46 +13,80 @@ namespace fs = std::filesystem;
 namespace
 {
 
-// The text between the parenthesis that opens at the position and its partner.
-std::string insideParentheses(std::string const& text, std::size_t open)
+// The end of the string constant that begins at the position.
+std::size_t endOfConstant(std::string const& text, std::size_t at)
 {
-  int depth = 0;
-  for (std::size_t at = open; at < text.size(); ++at)
+  for (++at; text[at] != '"'; ++at)
+    at += text[at] == '\\' ? 1 : 0;
+  return at;
+}
+
+// The arguments of the call whose parenthesis opens at the position.
+std::vector<std::string> argumentsOf(std::string const& text, std::size_t open)
+{
+  std::vector<std::string> arguments(1);
+  int depth = 1;
+  for (std::size_t at = open + 1; at < text.size(); ++at)
   {
     if (text[at] == '"')
-      while (text[++at] != '"')
-        at += text[at] == '\\' ? 1 : 0;
-    else if (text[at] == '(')
-      ++depth;
-    else if (text[at] == ')' && --depth == 0)
-      return text.substr(open + 1, at - open - 1);
+    {
+      std::size_t const end = endOfConstant(text, at);
+      arguments.back() += text.substr(at, end - at);
+      at = end;
+    }
+    depth += text[at] == '(' ? 1 : text[at] == ')' ? -1 : 0;
+    if (depth == 0)
+      break;
+    if (text[at] == ',' && depth == 1)
+      arguments.emplace_back();
+    else
+      arguments.back() += text[at];
   }
-  return "";
+  return arguments;
+}
+
+// The longest string constant of an expression, constants that stand side by
+// side taken as one, as the compiler reads them.
+std::string longestConstant(std::string const& expression)
+{
+  std::string longest;
+  std::string constant;
+  for (std::size_t at = 0; at < expression.size(); ++at)
+  {
+    if (expression[at] == '"')
+    {
+      std::size_t const end = endOfConstant(expression, at);
+      for (++at; at < end; ++at)
+        if (expression[at] != '\\' || expression[++at] == '"')
+          constant += expression[at];
+    }
+    else if (std::isspace(static_cast<unsigned char>(expression[at])) == 0)
+      constant.clear();
+    if (constant.size() > longest.size())
+      longest = constant;
+  }
+  return longest;
 }
 
 // The longest constant part of each message that a source logs at level 1.
 std::vector<std::string> messagesOf(std::string const& source)
 {
   static std::string const MACRO = "OZF_LOG(";
-  static std::regex const atLevelOne(R"(\s*[\w()]+,\s*1,[^,]*,[^,]*,([^]*))");
-  static std::regex const gap("\"\\s+\"");
-  static std::regex const literal(R"lit("((?:[^"\\]|\\.)*)")lit");
+  constexpr std::size_t LEVEL = 1;
+  constexpr std::size_t MESSAGE = 4;
   std::vector<std::string> messages;
   for (std::size_t at = source.find(MACRO); at != std::string::npos;
        at = source.find(MACRO, at + 1))
   {
-    std::string const call = insideParentheses(source, at + MACRO.size() - 1);
-    std::smatch parts;
-    if (!std::regex_match(call, parts, atLevelOne))
+    auto const arguments = argumentsOf(source, at + MACRO.size() - 1);
+    if (arguments.size() <= MESSAGE || arguments[LEVEL] != " 1")
       continue;
-    std::string const message = std::regex_replace(parts[1].str(), gap, "");
-    std::string longest;
-    for (std::sregex_iterator found(message.begin(), message.end(), literal), end; found != end;
-         ++found)
-      if ((*found)[1].length() > static_cast<long>(longest.size()))
-        longest = (*found)[1];
-    if (longest.size() > 3) // what is shorter stands between two values
-      messages.push_back(std::regex_replace(longest, std::regex(R"(\\")"), "\""));
+    std::string message = arguments[MESSAGE];
+    for (std::size_t i = MESSAGE + 1; i < arguments.size(); ++i)
+      message += ',' + arguments[i];
+    std::string const constant = longestConstant(message);
+    if (constant.size() > 3) // what is shorter stands between two values
+      messages.push_back(constant);
   }
   return messages;
 }
