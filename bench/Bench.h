@@ -69,6 +69,7 @@ std::vector<Row> benchPayload(Settings const& settings);
 std::vector<Row> benchWrite(Settings const& settings);
 std::vector<Row> benchFleetWrites(Settings const& settings);
 std::vector<Row> benchIdleConnections(Settings const& settings);
+std::vector<Row> benchScale(Settings const& settings);
 std::vector<Row> benchServiceMemory(Settings const& settings);
 
 } // namespace tqbench

@@ -16,6 +16,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -81,6 +82,23 @@ double ServiceProcess::statusOf(char const* key) const
 double ServiceProcess::memory() const { return statusOf("VmRSS:"); }
 
 double ServiceProcess::threads() const { return statusOf("Threads:"); }
+
+double ServiceProcess::processorTime() const
+{
+  std::ifstream stat("/proc/" + std::to_string(m_pid) + "/stat");
+  std::string text;
+  std::getline(stat, text);
+  // What follows the name, which may hold blanks; the times are 12 and 13 on.
+  std::istringstream fields(text.substr(text.rfind(')') + 1));
+  double user = 0;
+  double system = 0;
+  std::string skipped;
+  for (int field = 0; field < 11; ++field)
+    fields >> skipped;
+  fields >> user >> system;
+  require(!fields.fail(), "tqdisco has ended");
+  return (user + system) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+}
 
 CORBA::Object_ptr connectTo(Orb& orb, char const* service, char const* name)
 {

@@ -40,6 +40,8 @@ public:
   // Resident memory in KiB.
   double memory() const;
   double threads() const;
+  // Seconds of processor time so far.
+  double processorTime() const;
 
 private:
   double statusOf(char const* key) const;

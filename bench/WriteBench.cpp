@@ -3,32 +3,20 @@
 // database.
 
 #include "bench/BareFiles.h"
-#include "bench/BareServer.h"
 #include "bench/Bench.h"
 #include "bench/Records.h"
-#include "bench/Service.h"
+#include "bench/Writers.h"
 
 #include "discovery/RemoteDB.h"
-#include "discovery/Researcher.h"
-#include "ozf/base/OzfHostname.h"
-#include "ozf/config/Configuration.h"
-#include "ozf/orb/Orb.h"
 
 #include <algorithm>
-#include <atomic>
-#include <cstdlib>
 #include <filesystem>
-#include <iostream>
-#include <optional>
-#include <thread>
 
 namespace tqbench
 {
 namespace
 {
 
-constexpr std::size_t PAYLOAD_SIZE = 4096;
-constexpr std::size_t CHUNK_SIZE = 1024; // what the library puts in a call
 constexpr int ROUNDS = 40;
 constexpr std::size_t BLOCK = 25;
 
@@ -38,97 +26,11 @@ constexpr int FLEET_ROUNDS = 5;
 
 std::string const& largePayload()
 {
-  static std::string const text = []
-  {
-    std::string made;
-    while (made.size() < PAYLOAD_SIZE)
-      made += payload();
-    return made;
-  }();
+  static std::string const text = payloadOf(4);
   return text;
 }
 
-// A service over one root, a bare server beside it, and this process, whose
-// own database lies elsewhere on the same disk.
-class Writing
-{
-public:
-  explicit Writing(Settings const& settings) : m_orb(0, "", "tqbench", 1, 1024)
-  {
-    std::string const local = settings.directory + "/local";
-    std::filesystem::create_directory(local);
-    openDatabase(local);
-    ::setenv("TESSARINE_ROOT", settings.directory.c_str(), 1);
-    std::string const bare = BareServer::SERVICE;
-    writeConfiguration(settings.directory, freePort(),
-                       "ORB_PORT." + bare + " = " + std::to_string(freePort()) + '\n');
-    require(reloadConfiguration(), "the configuration was refused");
-    m_bare.emplace(std::vector<BareServer::Record>(), "");
-    m_service.emplace(settings.service);
-    require(m_orb.init() && m_orb.run(0) == 0, "no ORB");
-    setOrb(&m_orb);
-    initDiscoveryResearch();
-    m_host.setHostname(HOST);
-    // As soon as they answer.
-    Remote::DiscoveryService_var ready =
-        connectTo<Remote::DiscoveryService>(m_orb, "DiscoveryService", "DiscoveryService");
-    ready = connectTo<Remote::DiscoveryService>(m_orb, BareServer::SERVICE, BareServer::MASTER);
-  }
-  ~Writing()
-  {
-    deinitDiscoveryResearch();
-    m_orb.shutdown();
-  }
-  Writing(Writing const&) = delete;
-  Writing& operator=(Writing const&) = delete;
-
-  // One call, as the library makes it for every discovery.
-  Remote::DiscoveryService_ptr connect(char const* service, char const* name)
-  {
-    CORBA::Object_var const object =
-        m_orb.resolveObject(m_host, service, name, ACE_Time_Value::zero);
-    return Remote::DiscoveryService::_narrow(object);
-  }
-
-private:
-  OzfHostname m_host;
-  std::optional<BareServer> m_bare;
-  std::optional<ServiceProcess> m_service;
-  Orb m_orb;
-};
-
-Remote::Discovery wireRecord(std::size_t number)
-{
-  Remote::Discovery record;
-  record.queryType = DQ_DISCOVERY_DATA;
-  record.subject = subjectName(number).c_str();
-  record.authority = AUTHORITY;
-  record.authType = TYPE;
-  record.attributes = {CT_POINT_IN_TIME, CS_CENTRALREPOSITORY, 1, 3600,
-                       static_cast<CORBA::ULongLong>(OzfObjTime::now().seconds())};
-  record.sourceHost = HOST;
-  record.sourceServiceName = "DiscoveryService";
-  return record;
-}
-
-// The calls of one write without the library around them.
-void writeByCalls(Remote::DiscoveryService_ptr service, std::size_t number)
-{
-  Remote::RemoteWriter_var writer;
-  require(service->putCollection(wireRecord(number), writer.out()).discStatus == DS_SUCCESS,
-          "a write was refused");
-  std::string const& text = largePayload();
-  for (std::size_t at = 0; at < text.size(); at += CHUNK_SIZE)
-  {
-    Remote::CollectionDataSeq chunk;
-    chunk.length(CHUNK_SIZE);
-    std::copy_n(text.data() + at, CHUNK_SIZE, chunk.get_buffer());
-    require(writer->put(chunk), "a part was refused");
-  }
-  require(writer->close().discStatus == DS_SUCCESS, "a discovery was not stored");
-}
-
-// The same through the library, into the database of a creator.
+// Through the library, into the database of a creator.
 void write(DiscoveryCreator& database, std::size_t number)
 {
   AutoDereference<Discovery> const discovery(database.newDiscovery(DQ_DISCOVERY_DATA));
@@ -158,43 +60,6 @@ Side side(char const* name, std::function<void(std::size_t)> const& work)
           }};
 }
 
-// Seconds until each of the clients, which run at once, has done its writes.
-std::vector<double> together(std::size_t clients, std::size_t writes,
-                             std::function<void(std::size_t)> const& write)
-{
-  std::vector<double> times(clients);
-  std::atomic<bool> complete = true;
-  {
-    std::vector<std::jthread> threads;
-    for (std::size_t client = 0; client < clients; ++client)
-      threads.emplace_back(
-          [&, client]
-          {
-            try
-            {
-              times[client] = timed(
-                  [&]
-                  {
-                    for (std::size_t i = 0; i < writes; ++i)
-                      write(client * writes + i);
-                  });
-            }
-            catch (CORBA::Exception const& exception)
-            {
-              std::cerr << "a client met " << exception._name() << '\n';
-              complete = false;
-            }
-            catch (std::exception const& exception)
-            {
-              std::cerr << exception.what() << '\n';
-              complete = false;
-            }
-          });
-  }
-  require(complete, "a client could not write");
-  return times;
-}
-
 } // namespace
 
 std::vector<Row> benchWrite(Settings const& settings)
@@ -206,9 +71,8 @@ std::vector<Row> benchWrite(Settings const& settings)
 
   auto const calls = [&](std::size_t number)
   {
-    Remote::DiscoveryService_var const service =
-        writing.connect(BareServer::SERVICE, BareServer::MASTER);
-    writeByCalls(service, number);
+    Remote::DiscoveryService_var const service = writing.connectBare();
+    writeByCalls(service, number, largePayload());
   };
   auto const files = [&](std::size_t number)
   { barePersist(bareFolder, baseName(number), metadata, largePayload()); };
@@ -234,14 +98,13 @@ std::vector<Row> benchFleetWrites(Settings const& settings)
 
   auto const fleet = [&]
   {
-    std::vector<double> const times =
-        together(CLIENTS, WRITES,
-                 [&](std::size_t number)
-                 {
-                   Remote::DiscoveryService_var const service =
-                       writing.connect("DiscoveryService", "DiscoveryService");
-                   writeByCalls(service, number);
-                 });
+    std::vector<double> const times = together(CLIENTS, WRITES,
+                                               [&](std::size_t number)
+                                               {
+                                                 Remote::DiscoveryService_var const service =
+                                                     writing.connect();
+                                                 writeByCalls(service, number, largePayload());
+                                               });
     unevenness.push_back(*std::max_element(times.begin(), times.end()) / median(times));
     return perDiscovery(times);
   };

@@ -37,12 +37,12 @@ struct Benchmark
 };
 
 constexpr Benchmark BENCHMARKS[] = {
-    {"persist", benchPersist, false},    {"enumerate", benchEnumerate, true},
-    {"lookup", benchLookup, true},       {"parse", benchParse, false},
-    {"items", benchItems, false},        {"query", benchQuery, false},
-    {"payload", benchPayload, false},    {"write", benchWrite, false},
-    {"fleet", benchFleetWrites, false},  {"idle", benchIdleConnections, false},
-    {"memory", benchServiceMemory, true}};
+    {"persist", benchPersist, false},   {"enumerate", benchEnumerate, true},
+    {"lookup", benchLookup, true},      {"parse", benchParse, false},
+    {"items", benchItems, false},       {"query", benchQuery, false},
+    {"payload", benchPayload, false},   {"write", benchWrite, false},
+    {"fleet", benchFleetWrites, false}, {"idle", benchIdleConnections, false},
+    {"scale", benchScale, false},       {"memory", benchServiceMemory, true}};
 
 class ScratchDirectory
 {
