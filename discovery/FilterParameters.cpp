@@ -45,14 +45,15 @@ FilterParametersContext& contextOf(XmlObjParseContext* context, char const* oper
 
 // ACE copies the name behind a '$' into a buffer of 4 KiB without looking at
 // its length, and command lines come from other hosts. No variable is named at
-// such length; a line with what could be one is taken as it stands.
+// such length; a line with what could be one is taken as it stands. What ends a
+// name here has to end it for ACE as well: vertical tabs and form feeds do not.
 bool mayBeSubstituted(std::string const& commandLine)
 {
   constexpr std::size_t LONGEST_NAME = 1024;
   for (auto dollar = commandLine.find('$'); dollar != std::string::npos;
        dollar = commandLine.find('$', dollar + 1))
   {
-    auto const end = commandLine.find_first_of(" \t\n\v\f\r/", dollar);
+    auto const end = commandLine.find_first_of(" \t\n\r/", dollar);
     if (std::min(end, commandLine.size()) - dollar > LONGEST_NAME)
       return false;
   }

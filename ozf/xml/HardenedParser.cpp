@@ -11,6 +11,7 @@
 #include <xercesc/internal/XMLScanner.hpp>
 #include <xercesc/util/OutOfMemoryException.hpp>
 #include <xercesc/util/PlatformUtils.hpp>
+#include <xercesc/util/XMLString.hpp>
 #include <xercesc/util/XMLUni.hpp>
 
 namespace Quillon::Tessarine::Ozf
@@ -168,6 +169,14 @@ void HardenedParser::doctypeDecl(xercesc::DTDElementDecl const&, XMLCh const*, X
                                  bool)
 {
   throw DocumentRefused(describeHere("document type declarations are refused"));
+}
+
+// XML 1.1 has control characters, which nothing that reads a document expects
+// in it, and ends lines at more of them.
+void HardenedParser::XMLDecl(XMLCh const* version, XMLCh const*, XMLCh const*, XMLCh const*)
+{
+  if (version != nullptr && !xercesc::XMLString::equals(version, xercesc::XMLUni::fgVersion1_0))
+    throw DocumentRefused(describeHere("only XML 1.0 is read"));
 }
 
 void HardenedParser::endDocument()

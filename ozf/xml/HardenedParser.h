@@ -70,6 +70,8 @@ private:
   void feed(xercesc::InputSource const& source, xercesc::HandlerBase& handler);
   void doctypeDecl(xercesc::DTDElementDecl const& declaration, XMLCh const* publicId,
                    XMLCh const* systemId, bool hasInternalSubset, bool hasExternalSubset) override;
+  void XMLDecl(XMLCh const* version, XMLCh const* encoding, XMLCh const* standalone,
+               XMLCh const* actualEncoding) override;
   void endDocument() override;
 
   xercesc::SecurityManager m_security;

@@ -27,16 +27,13 @@ public:
   DiscoveryStatus open(OpenMode, char const*) override { return DS_LOGIC_ERROR; }
 };
 
-// XML 1.1 is read too, and has characters that XML 1.0 writes as U+FFFD.
-std::string asWritten(OzfString const& text) { return XmlStr(text, XmlStr::UTF_8).text(); }
-
 std::string describe(Description const& part)
 {
   StatusMsg const* const status = part.getStatusMsg();
   if (status == nullptr)
     return "no status";
   return "status " + std::to_string(status->code()) + ' ' + std::to_string(status->severity()) +
-         " [" + asWritten(status->text()) + ']';
+         " [" + status->text().str() + ']';
 }
 
 std::string describe(OzfObjTime const& time)
@@ -62,9 +59,8 @@ std::string describe(Discovery const& record)
             std::to_string(attributes->getStorage()) + ' ' +
             std::to_string(attributes->getDiscoveryTime().seconds()) + ' ' +
             describe(expires.isZero() ? now() : expires) + ' ' +
-            describe(attributes->getValidityInterval()) + " [" +
-            asWritten(attributes->getSignature()) + "] " +
-            std::to_string(attributes->getPriority());
+            describe(attributes->getValidityInterval()) + " [" + attributes->getSignature().str() +
+            "] " + std::to_string(attributes->getPriority());
   }
   return text;
 }

@@ -354,7 +354,9 @@ TEST(HostileFilterTest, WhateverIsSentAPullExplorerAnswersAndTheServiceGoesOn)
         parameters("size > " + std::string(100'000, '9') + "Z"), parameters("\xff\xfe"),
         parameters(std::string(1 << 20, 'a')),
         std::string("<FilterParameters><JobExecInfo>") + std::string(100'000, '"') +
-            "</JobExecInfo></FilterParameters>"})
+            "</JobExecInfo></FilterParameters>",
+        R"(<?xml version="1.1"?><FilterParameters><JobExecInfo>"$A)" + std::string(500, 'A') +
+            "&#11;" + std::string(9000, 'B') + "\"</JobExecInfo></FilterParameters>"})
     EXPECT_EQ(ask(filter), everything) << filter.substr(0, 80);
   EXPECT_LT(ask(parameters("size < 0")), everything) << "one that can be understood is honoured";
   EXPECT_EQ(ask(""), everything);

@@ -220,6 +220,20 @@ TEST(FilterParametersTest, ANameTooLongForTheSubstitutionIsTakenAsItStands)
     }
 }
 
+TEST(FilterParametersTest, ANameTooLongForTheSubstitutionCannotHideInXml11)
+{
+  for (char const* const character : {"&#11;", "&#12;", "&#1;", "&#x85;", "&#x2028;"})
+  {
+    std::string const text = "<?xml version=\"1.1\"?><FilterParameters><QueryString></QueryString>"
+                             "<JobExecInfo>\"$A" +
+                             std::string(500, 'A') + character + std::string(9000, 'B') +
+                             "\"</JobExecInfo></FilterParameters>";
+    FilterParameters const read(text.c_str());
+    EXPECT_EQ(nullptr, read.getJobInfo());
+    EXPECT_NE(std::string::npos, read.lastError().find("only XML 1.0 is read")) << read.lastError();
+  }
+}
+
 TEST(FilterParametersTest, TheQueryIsHandedOnWithItsResult)
 {
   OzfQuery query;

@@ -71,6 +71,29 @@ TEST(HardenedParser, TheRefusalSaysWhere)
   EXPECT_EQ(0U, document.lastError().find("line 3, column ")) << document.lastError();
 }
 
+TEST(HardenedParser, OnlyTheFirstVersionIsRead)
+{
+  for (std::string const& text : {std::string("<?xml version='1.1'?><a/>"),
+                                  std::string("<?xml version=\"1.1\"?><a>&#11;</a>"),
+                                  std::string("<?xml version='1.1' encoding='UTF-8'?><a/>"),
+                                  utf16("<?xml version='1.1'?><a/>", true, true)})
+  {
+    RecordingDocument document;
+    EXPECT_FALSE(document.parseBuffer(text)) << text;
+    EXPECT_NE(std::string::npos, document.lastError().find(": only XML 1.0 is read"))
+        << text << ": " << document.lastError();
+    EXPECT_EQ(0U, document.lastError().find("line 1, column ")) << document.lastError();
+    EXPECT_EQ("", document.events);
+    // The parser does not keep the version in mind.
+    RecordingDocument next;
+    EXPECT_FALSE(next.parseBuffer("<a>&#11;</a>"));
+    RecordingDocument last;
+    EXPECT_TRUE(last.parseBuffer("<?xml version='1.0'?><a>&#9;</a>")) << last.lastError();
+  }
+  expectRefused("<?xml version='1.2'?><a/>");
+  expectRefused("<?xml version='2.0'?><a/>");
+}
+
 TEST(HardenedParser, ADeclarationIsRefusedInEveryEncoding)
 {
   expectNoDeclaration(utf16("<!DOCTYPE a><a/>", true, true));
