@@ -2,6 +2,7 @@
 
 #include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryRepository.h"
+#include "discovery/RemoteDB.h"
 #include "discovery/RemoteDBWire.h"
 #include "ozf/orb/Orb.h"
 
@@ -15,7 +16,15 @@ namespace
 constexpr char SOURCE[] = "DiscoveryService_i";
 }
 
-RemoteWriter_i::RemoteWriter_i(Discovery const& record) : m_record(record) {}
+RemoteWriter_i::RemoteWriter_i(Discovery const& record)
+    : RemoteWriter_i(record, RemoteCollectionData::MAX_SIZE)
+{
+}
+
+RemoteWriter_i::RemoteWriter_i(Discovery const& record, std::size_t mostBytes)
+    : m_mostBytes(mostBytes), m_record(record)
+{
+}
 
 void RemoteWriter_i::setReference(CORBA::Object_ptr reference)
 {
@@ -49,11 +58,25 @@ CORBA::Boolean RemoteWriter_i::put(CollectionDataSeq const& data)
   constexpr char const* OPERATION = "RemoteWriter_i::put";
   std::lock_guard const guard(m_oneCaller);
   requireNotClosed();
-  OZF_ASSERT(m_discovery, "NULL != m_discovery", SOURCE, OPERATION);
-  bool const written =
-      m_discovery->getCollectionData()->writeCollection(data.length(), data.get_buffer()) != 0;
-  m_incomplete = m_incomplete || !written;
-  return written;
+  OZF_ASSERT(m_discovery || m_incomplete, "NULL != m_discovery", SOURCE, OPERATION);
+  if (m_incomplete)
+    return false;
+  m_incomplete = true;
+  if (data.length() > m_mostBytes - m_bytes)
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Refused a payload of more than " << m_mostBytes << " bytes, subject "
+                                              << m_record.subject.in() << " & authority "
+                                              << m_record.authority.in());
+  else if (m_discovery->getCollectionData()->writeCollection(data.length(), data.get_buffer()) != 0)
+  {
+    m_bytes += data.length();
+    m_incomplete = false;
+    return true;
+  }
+  // Callers of whom a put failed need not close. Their temporary file must not
+  // wait for that: it has one of the few numbers, and room on a full disk.
+  m_discovery.reset();
+  return false;
 }
 
 DiscoveryResult RemoteWriter_i::close()
@@ -61,7 +84,7 @@ DiscoveryResult RemoteWriter_i::close()
   constexpr char const* OPERATION = "RemoteWriter_i::close";
   std::lock_guard const guard(m_oneCaller);
   requireNotClosed();
-  OZF_ASSERT(m_discovery, "NULL != m_discovery", SOURCE, OPERATION);
+  OZF_ASSERT(m_discovery || m_incomplete, "NULL != m_discovery", SOURCE, OPERATION);
   DiscoveryResult result{DS_OPEN_FAILED, 0};
   if (m_incomplete)
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,

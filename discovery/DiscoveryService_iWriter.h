@@ -8,6 +8,7 @@
 
 #include <DiscoveryServiceC.h>
 
+#include <cstddef>
 #include <mutex>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
@@ -27,8 +28,11 @@ class TQ_EXPORT RemoteWriter_i
 public:
   // Copies the record.
   explicit RemoteWriter_i(Discovery const& record);
+  RemoteWriter_i(Discovery const& record, std::size_t mostBytes);
 
-  // Appends at once; nothing is buffered.
+  // Appends at once; nothing is buffered. The first that fails abandons the
+  // discovery, and so does one beyond what readers take of a payload; all
+  // later ones fail.
   CORBA::Boolean put(CollectionDataSeq const& data) override;
 
   // Persists the discovery and ends the writer. After a put that failed the
@@ -49,6 +53,8 @@ private:
 
   std::mutex m_oneCaller; // callers on the network need not keep to it
   CORBA::Object_var m_reference;
+  std::size_t const m_mostBytes;
+  std::size_t m_bytes = 0;   // written
   bool m_incomplete = false; // a put failed
   bool m_closed = false;
   AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::Discovery> m_discovery;

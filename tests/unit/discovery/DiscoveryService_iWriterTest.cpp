@@ -1,0 +1,139 @@
+// Writers whose payload cannot be written.
+
+#include "discovery/DiscoveryService_iWriter.h"
+
+#include "tests/support/LogCapture.h"
+#include "tests/support/Service.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <sys/resource.h>
+
+using namespace tqtest;
+using namespace Quillon::Tessarine::Ozf;
+namespace Remote = Quillon::Tessarine::Ozf::DiscoverySvc::Remote;
+
+namespace
+{
+
+Remote::CollectionDataSeq bytes(std::size_t count)
+{
+  Remote::CollectionDataSeq data;
+  data.length(static_cast<CORBA::ULong>(count));
+  std::fill_n(data.get_buffer(), count, 'x');
+  return data;
+}
+
+// Files of this process stay this small for a scope, as on a disk that is full.
+class SmallFiles
+{
+public:
+  explicit SmallFiles(rlim_t most)
+  {
+    m_action = std::signal(SIGXFSZ, SIG_IGN);
+    EXPECT_EQ(0, getrlimit(RLIMIT_FSIZE, &m_before));
+    rlimit const limit{most, m_before.rlim_max};
+    EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
+  }
+  ~SmallFiles()
+  {
+    EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &m_before));
+    std::signal(SIGXFSZ, m_action);
+  }
+
+private:
+  rlimit m_before{};
+  void (*m_action)(int);
+};
+
+struct DiscoveryService_iWriterTest : testing::Test
+{
+  Service host;
+  Remote::DiscoveryService_var service;
+  LogCapture log;
+
+  void SetUp() override
+  {
+    host.start();
+    service = host.connect();
+    ASSERT_FALSE(CORBA::is_nil(service)) << log.text();
+  }
+
+  Remote::RemoteWriter_ptr open(std::string const& subject)
+  {
+    Remote::RemoteWriter_var writer;
+    svc::DiscoveryResult const opened =
+        service->putCollection(Service::record(subject.c_str(), "a"), writer.out());
+    EXPECT_EQ(svc::DS_SUCCESS, opened.discStatus) << subject << '\n' << log.text();
+    return writer._retn();
+  }
+
+  std::size_t temporaryFiles()
+  {
+    std::size_t count = 0;
+    for (auto const& entry : std::filesystem::directory_iterator(host.database()))
+      count += entry.path().extension() == ".updating" ? 1 : 0;
+    return count;
+  }
+};
+
+} // namespace
+
+TEST_F(DiscoveryService_iWriterTest, RefusedWritesThatAreNeverClosedUseNothingUp)
+{
+  constexpr int MORE_THAN_THERE_ARE_NUMBERS = 1100;
+  {
+    SmallFiles const full(1000);
+    for (int i = 0; i < MORE_THAN_THERE_ARE_NUMBERS; ++i)
+    {
+      Remote::RemoteWriter_var const writer = open("s" + std::to_string(i));
+      ASSERT_FALSE(CORBA::is_nil(writer.in())) << "after " << i;
+      ASSERT_TRUE(writer->put(bytes(600)));
+      ASSERT_FALSE(writer->put(bytes(600)));
+    }
+    EXPECT_EQ(0U, temporaryFiles());
+  }
+  Remote::RemoteWriter_var const writer = open("late");
+  ASSERT_FALSE(CORBA::is_nil(writer.in()));
+  EXPECT_TRUE(writer->put(bytes(1200)));
+  EXPECT_EQ(svc::DS_SUCCESS, writer->close().discStatus);
+  EXPECT_EQ(1200U, readText(host.database() + "/2 a late.dat").size());
+}
+
+TEST_F(DiscoveryService_iWriterTest, AfterARefusedWriteTheWriterRefusesAllAndCloses)
+{
+  Remote::RemoteWriter_var const writer = open("s");
+  {
+    SmallFiles const full(1000);
+    EXPECT_FALSE(writer->put(bytes(1200)));
+  }
+  EXPECT_EQ(0U, temporaryFiles());
+  EXPECT_FALSE(writer->put(bytes(1))) << "there is room again, but a part is missing";
+  EXPECT_EQ(svc::DS_OPEN_FAILED, writer->close().discStatus);
+  EXPECT_EQ(1, log.count(1, "RemoteWriter_i::close",
+                         "Abandoned a discovery of which a part could not be written, subject s & "
+                         "authority a"))
+      << log.text();
+  EXPECT_FALSE(std::filesystem::exists(host.database() + "/2 a s.xml"));
+  EXPECT_THROW(writer->close(), CORBA::OBJECT_NOT_EXIST);
+}
+
+TEST_F(DiscoveryService_iWriterTest, APayloadBeyondTheBoundIsRefused)
+{
+  PortableServer::ServantBase_var const owner(
+      new Remote::RemoteWriter_i(Service::record("s", "a"), 1000));
+  auto& writer = dynamic_cast<Remote::RemoteWriter_i&>(*owner.in());
+  ASSERT_EQ(svc::DS_SUCCESS, writer.open().discStatus);
+  EXPECT_TRUE(writer.put(bytes(600)));
+  EXPECT_TRUE(writer.put(bytes(400)));
+  EXPECT_TRUE(writer.put(bytes(0)));
+  EXPECT_EQ(std::string::npos, log.text().find("Refused")) << log.text();
+  EXPECT_FALSE(writer.put(bytes(1)));
+  EXPECT_EQ(1, log.count(1, "RemoteWriter_i::put",
+                         "Refused a payload of more than 1000 bytes, subject s & authority a"))
+      << log.text();
+  EXPECT_EQ(0U, temporaryFiles());
+  EXPECT_EQ(svc::DS_OPEN_FAILED, writer.close().discStatus);
+  EXPECT_FALSE(std::filesystem::exists(host.database() + "/2 a s.xml"));
+}
