@@ -1,6 +1,7 @@
 #include "discovery/RemoteDB.h"
 
 #include "discovery/DiscoveryLog.h"
+#include "discovery/DiscoveryRepository.h"
 #include "discovery/RemoteDBDrain.h"
 #include "discovery/RemoteDBWire.h"
 #include "ozf/config/HostRole.h"
@@ -139,12 +140,18 @@ RemoteDiscoveryIterator::RemoteDiscoveryIterator(AuthorityType const& type,
 
 void RemoteDiscoveryIterator::fetch(Remote::DiscoveryIterator_ptr remote)
 {
-  AutoReleaseIterator<Remote::DiscoveryIterator_var, Remote::DiscoveryIterator_ptr> const iterator(
+  AutoReleaseIterator<Remote::DiscoveryIterator_var, Remote::DiscoveryIterator_ptr> iterator(
       Remote::DiscoveryIterator::_duplicate(remote));
   DrainLimit const limit;
   std::size_t bytes = 0;
-  for (;;)
+  for (std::size_t calls = 1;; ++calls)
   {
+    if (getDiscoveryRepository().isShuttingDown())
+    {
+      iterator.abandon();
+      m_failure = "shutting down";
+      return;
+    }
     Remote::DiscoverySeq_var page = iterator->getNextPage();
     if (page->length() == 0)
       return;
@@ -159,7 +166,7 @@ void RemoteDiscoveryIterator::fetch(Remote::DiscoveryIterator_ptr remote)
       m_failure = "more than " + std::to_string(MAX_RECORDS) + " discoveries";
     else if (bytes > MAX_RECORD_BYTES)
       m_failure = "more than " + std::to_string(MAX_RECORD_BYTES) + " bytes of discoveries";
-    else if (limit.exceeded(bytes))
+    else if (limit.exceeded(calls))
       m_failure = "the discoveries come too slowly";
     if (!m_failure.empty())
       return;

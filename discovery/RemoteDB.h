@@ -46,6 +46,9 @@ public:
 
   Ptr operator->() const { return m_iterator.in(); }
 
+  // No call any more: the other side drops an idle iterator by itself.
+  void abandon() { m_iterator = {}; }
+
 private:
   Var m_iterator;
 };

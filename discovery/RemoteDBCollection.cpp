@@ -119,28 +119,35 @@ bool RemoteCollectionData::openRead(char const* filter)
 bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr remote)
 {
   constexpr char OPERATION[] = "RemoteCollectionData::openRead";
-  AutoReleaseIterator<Remote::CollectionDataIterator_var, Remote::CollectionDataIterator_ptr> const
+  AutoReleaseIterator<Remote::CollectionDataIterator_var, Remote::CollectionDataIterator_ptr>
       iterator(remote);
-  requestPageSize(remote);
-  Remote::CollectionDataSeq_var page = iterator->getNextPage();
-  if (page->length() == 0)
-  {
-    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Collection data returned has no data");
-    return false;
-  }
-
   DrainLimit const limit;
-  for (; page->length() != 0; page = iterator->getNextPage())
+  if (!getDiscoveryRepository().isShuttingDown())
+    requestPageSize(remote);
+  for (std::size_t calls = 1;; ++calls)
   {
-    std::size_t const needed = m_cache.size() + page->length();
-    if (needed > MAX_SIZE)
+    if (getDiscoveryRepository().isShuttingDown())
+    {
+      iterator.abandon();
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+              "Shutting down, gave up the collection data from " << m_discovery->sourceHost.in());
+      return false;
+    }
+    Remote::CollectionDataSeq_var const page = iterator->getNextPage();
+    if (page->length() == 0)
+    {
+      if (calls == 1)
+        OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Collection data returned has no data");
+      return calls != 1;
+    }
+    if (m_cache.size() + page->length() > MAX_SIZE)
     {
       OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
               "Collection data from " << m_discovery->sourceHost.in() << " exceeds " << MAX_SIZE
                                       << " bytes");
       return false;
     }
-    if (limit.exceeded(needed))
+    if (limit.exceeded(calls))
     {
       OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
               "Collection data from " << m_discovery->sourceHost.in() << " comes too slowly");
@@ -149,7 +156,6 @@ bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr remote)
     if (!m_cache.append(reinterpret_cast<char const*>(page->get_buffer()), page->length()))
       return false;
   }
-  return true;
 }
 
 long RemoteCollectionData::readCollection(unsigned long len, void* buf) const

@@ -2,38 +2,43 @@
 
 #pragma once
 
+#include "discovery/Export.h"
+
+#include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
 
 // Each call to a peer has its time-out; this bounds all the calls that fetch
-// one answer. A peer that hands out a byte just before every time-out would
-// hold a thread, and the end of the service with it, for years: after a minute
-// it must have kept up a hundred bytes a second on average, which the smallest
-// pages over the slowest lines do.
-class DrainLimit
+// one answer. A peer that answers just before every time-out would hold a
+// thread fifteen times as long. After a minute the calls must have taken less
+// than two seconds on average, whatever they brought: pages may be as small as
+// eight bytes, and each costs a round trip.
+class TQ_EXPORT DrainLimit
 {
 public:
   using Clock = std::chrono::steady_clock::time_point (*)();
 
-  // Counts from now on. Tests give a clock of their own.
-  explicit DrainLimit(Clock clock = &std::chrono::steady_clock::now)
-      : m_clock(clock), m_start(clock())
-  {
-  }
+  // Counts from now on.
+  DrainLimit() : m_clock(s_clock), m_start(m_clock()) {}
 
-  // Whether fetching that many bytes has taken too long.
-  bool exceeded(std::size_t bytes) const
+  // Whether that many calls have taken too long.
+  bool exceeded(std::size_t calls) const
   {
     constexpr std::chrono::seconds GRACE(60);
-    constexpr std::size_t BYTES_PER_SECOND = 100;
-    auto const allowed = GRACE + std::chrono::seconds(bytes / BYTES_PER_SECOND);
-    return m_clock() - m_start > allowed;
+    constexpr std::chrono::seconds FOR_A_CALL(2);
+    return m_clock() - m_start > GRACE + FOR_A_CALL * static_cast<std::int64_t>(calls);
   }
 
+  // For tests: the clock of those made from now on.
+  static void setClock(Clock clock) noexcept { s_clock = clock; }
+
 private:
+  static inline std::atomic<Clock> s_clock{&std::chrono::steady_clock::now};
+
   Clock const m_clock;
   std::chrono::steady_clock::time_point const m_start;
 };
