@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <malloc.h>
 #include <new>
 #include <utility>
 #include <vector>
@@ -64,19 +63,57 @@ IdleParsers::~IdleParsers() { idleParsersGone = true; }
 
 } // namespace
 
-void* ParserMemory::allocate(XMLSize_t size)
+struct alignas(std::max_align_t) ParserMemory::Block
 {
-  void* const block = std::malloc(size);
-  if (block == nullptr && size != 0)
-    throw xercesc::OutOfMemoryException();
-  m_held += malloc_usable_size(block);
-  return block;
+  std::size_t size; // with this
+  Block* next;      // while it is spare
+};
+
+ParserMemory::~ParserMemory()
+{
+  for (Block* first : m_small)
+    while (first != nullptr)
+      std::free(std::exchange(first, first->next));
+  std::free(m_large);
 }
 
-void ParserMemory::deallocate(void* block)
+// Where spare blocks of the size are kept. Of the large ones it is one, which
+// is what a parse takes and gives back each time.
+ParserMemory::Block*& ParserMemory::spare(std::size_t size)
 {
-  m_held -= malloc_usable_size(block);
-  std::free(block);
+  return size <= SMALL ? m_small[size / GRAIN] : m_large;
+}
+
+void* ParserMemory::allocate(XMLSize_t wanted)
+{
+  static_assert(sizeof(Block) == GRAIN);
+  std::size_t const size = (wanted + sizeof(Block) + GRAIN - 1) / GRAIN * GRAIN;
+  if (size < wanted)
+    throw xercesc::OutOfMemoryException();
+  Block*& kept = spare(size);
+  if (kept != nullptr && kept->size == size)
+    return std::exchange(kept, kept->next) + 1;
+  void* const memory = std::malloc(size);
+  if (memory == nullptr)
+    throw xercesc::OutOfMemoryException();
+  m_held += size;
+  return new (memory) Block{size, nullptr} + 1;
+}
+
+void ParserMemory::deallocate(void* piece)
+{
+  if (piece == nullptr)
+    return;
+  Block* const block = static_cast<Block*>(piece) - 1;
+  Block*& kept = spare(block->size);
+  if (block->size <= SMALL)
+    block->next = kept;
+  else if (kept != nullptr)
+  {
+    m_held -= kept->size;
+    std::free(kept);
+  }
+  kept = block;
 }
 
 // Exceptions outlive the parser that raised them.

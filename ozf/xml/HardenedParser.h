@@ -3,6 +3,9 @@
 
 #pragma once
 
+#include "ozf/base/Export.h"
+
+#include <array>
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -29,19 +32,35 @@ private:
   std::string m_text;
 };
 
-// The memory of one parser, which knows how much of it is held. A parser keeps
-// what its documents made it grow to: two megabytes of element names that are
-// all different leave a hundred megabytes behind.
-class ParserMemory : public xercesc::MemoryManager
+// The memory of one parser. What a document gives back is kept for the next one,
+// which wants pieces of the same sizes: records are read by the hundred
+// thousand. It knows how much it has got, for a parser keeps what its documents
+// made it grow to: two megabytes of element names that are all different leave
+// a hundred megabytes behind.
+class OZF_EXPORT ParserMemory : public xercesc::MemoryManager
 {
 public:
+  ParserMemory() = default;
+  ~ParserMemory() override;
+  ParserMemory(ParserMemory const&) = delete;
+  ParserMemory& operator=(ParserMemory const&) = delete;
+
   void* allocate(XMLSize_t size) override;
   void deallocate(void* block) override;
   xercesc::MemoryManager* getExceptionMemoryManager() override;
 
+  // Bytes that have been got and not been given back to the process.
   std::size_t held() const noexcept { return m_held; }
 
 private:
+  struct Block; // stands before each piece
+  static constexpr std::size_t GRAIN = 16;
+  static constexpr std::size_t SMALL = 1024;
+
+  Block*& spare(std::size_t size);
+
+  std::array<Block*, SMALL / GRAIN + 1> m_small = {}; // by size in grains
+  Block* m_large = nullptr;                           // the last large one
   std::size_t m_held = 0;
 };
 

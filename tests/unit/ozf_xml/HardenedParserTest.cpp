@@ -1,15 +1,19 @@
 // What hostile documents meet.
 
 #include "RecordingDocument.h"
+#include "ozf/xml/HardenedParser.h"
 #include "tests/support/TempDir.h"
 
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstring>
+#include <limits>
 #include <malloc.h>
 #include <sys/inotify.h>
 #include <unistd.h>
 #include <vector>
+#include <xercesc/util/OutOfMemoryException.hpp>
 
 using namespace Quillon::Tessarine::Ozf;
 
@@ -390,4 +394,44 @@ TEST(HardenedParser, ErrorsBehindTheOwnPrologCountItsCharacters)
   // The parser is the same one.
   EXPECT_FALSE(document.parseBuffer("<a></b>"));
   EXPECT_EQ(0U, document.lastError().find("line 1, column 6: ")) << document.lastError();
+}
+
+TEST(ParserMemory, whatIsGivenBackServesTheNextRequestOfItsSize)
+{
+  ParserMemory memory;
+  void* const small = memory.allocate(40);
+  void* const large = memory.allocate(100000);
+  std::memset(small, 1, 40);
+  std::memset(large, 1, 100000);
+  std::size_t const held = memory.held();
+  EXPECT_GE(held, 100040U);
+  memory.deallocate(small);
+  memory.deallocate(large);
+  EXPECT_EQ(held, memory.held());
+  EXPECT_EQ(small, memory.allocate(33)); // rounded up like 40
+  EXPECT_EQ(large, memory.allocate(100000));
+  EXPECT_EQ(held, memory.held());
+  EXPECT_NE(small, memory.allocate(40)); // in use
+  EXPECT_GT(memory.held(), held);
+  memory.deallocate(nullptr);
+  memory.deallocate(small);
+  memory.deallocate(large);
+}
+
+TEST(ParserMemory, ofLargePiecesOnlyTheLastIsKept)
+{
+  ParserMemory memory;
+  void* const first = memory.allocate(50000);
+  void* const second = memory.allocate(60000);
+  std::size_t const both = memory.held();
+  memory.deallocate(first);
+  memory.deallocate(second);
+  EXPECT_LE(memory.held(), both - 50000);
+}
+
+TEST(ParserMemory, aSizeThatCannotBeIsRefused)
+{
+  ParserMemory memory;
+  EXPECT_THROW(memory.allocate(std::numeric_limits<XMLSize_t>::max() - 8),
+               xercesc::OutOfMemoryException);
 }
