@@ -36,6 +36,7 @@ namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
 
 class DiscoveryFramework;
+class ExplorerLoader;
 
 class TQ_EXPORT DiscoveryRepository : public virtual DiscoveryFactory, protected virtual OzfLockable
 {
@@ -116,7 +117,8 @@ public:
   // The registry.
   //
   // Its lock is always taken before the plug-in loader's, never after it: a
-  // plug-in's entry point registers while the loader holds its own.
+  // plug-in's entry point registers while the loader holds its own. The loader
+  // sees to that itself.
 
   // Take subject and authority over (a null authority means the local one) and
   // add a reference to the explorer. A push registration must be of higher
@@ -194,6 +196,8 @@ public:
   OZFBlockUntil& getBarrier() noexcept { return *m_barrier; }
 
 private:
+  friend class ExplorerLoader;
+
   // A set of registrations and the snapshot that readers share until the next
   // change. The mutex is held for the time of a copy at most; nothing else is
   // locked under it.

@@ -65,6 +65,8 @@ ExplorerLoader::~ExplorerLoader()
 void ExplorerLoader::loadExplorers()
 {
   constexpr char OPERATION[] = "ExplorerLoader::loadExplorers";
+  LockableGuard const repositoryGuard(getDiscoveryRepository());
+  OZF_ASSERT(repositoryGuard.locked(), "repositoryGuard.locked()", SOURCE, OPERATION);
   LockableGuard const lockableGuard(*this);
   OZF_ASSERT(lockableGuard.locked(), "lockableGuard.locked()", SOURCE, OPERATION);
   if (m_explorersLoaded)
@@ -79,6 +81,8 @@ void ExplorerLoader::loadExplorers()
 void ExplorerLoader::loadExplorerParsers(std::list<std::string> const* allowedPlugins)
 {
   constexpr char OPERATION[] = "ExplorerLoader::loadExplorerParsers";
+  LockableGuard const repositoryGuard(getDiscoveryRepository());
+  OZF_ASSERT(repositoryGuard.locked(), "repositoryGuard.locked()", SOURCE, OPERATION);
   LockableGuard const lockableGuard(*this);
   OZF_ASSERT(lockableGuard.locked(), "lockableGuard.locked()", SOURCE, OPERATION);
   if (allowedPlugins != nullptr && !allowedPlugins->empty())
@@ -95,6 +99,8 @@ void ExplorerLoader::loadExplorerParsers(std::list<std::string> const* allowedPl
 void ExplorerLoader::loadExplorerFilterData()
 {
   constexpr char OPERATION[] = "ExplorerLoader::loadExplorerFilterData";
+  LockableGuard const repositoryGuard(getDiscoveryRepository());
+  OZF_ASSERT(repositoryGuard.locked(), "repositoryGuard.locked()", SOURCE, OPERATION);
   LockableGuard const lockableGuard(*this);
   OZF_ASSERT(lockableGuard.locked(), "lockableGuard.locked()", SOURCE, OPERATION);
   if (m_filterDataLoaded)

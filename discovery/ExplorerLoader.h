@@ -59,9 +59,10 @@ namespace Quillon::Tessarine::Ozf::DiscoverySvc
 
 // Engine singleton (getEngineSingleton<ExplorerLoader>). Each kind is loaded
 // once: first the default library "libtqexplorer", then every permitted
-// plug-in. The loader's lock is held for the whole of a load, the entry points
-// included; an entry point must not start a load of the kind it serves. What
-// goes wrong in one library is logged and does not keep the others out.
+// plug-in. The repository's lock and then the loader's are held for the whole of
+// a load, the entry points included, which register with the repository; an
+// entry point must not start a load of the kind it serves. What goes wrong in
+// one library is logged and does not keep the others out.
 class TQ_EXPORT ExplorerLoader : public virtual OzfLockable,
                                  public EngineSingleton,
                                  private LibraryIterationCallback

@@ -1,12 +1,15 @@
 #include "discovery/ExplorerLoader.h"
 
+#include "discovery/DefaultExplorerDataParser.h"
 #include "discovery/DiscoveryRepository.h"
 #include "ozf/log/Assertion.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Service.h"
 #include "tests/support/TempDir.h"
 
 #include <gtest/gtest.h>
 
+#include <future>
 #include <thread>
 
 using namespace Quillon::Tessarine::Ozf;
@@ -128,6 +131,29 @@ TEST_F(ExplorerLoaderTest, TwoThreadsLoadOnce)
   first.join();
   second.join();
   EXPECT_EQ(calls("explorers"), 1);
+}
+
+TEST_F(ExplorerLoaderTest, ALoadTakesTheRepositorysLockFirst)
+{
+  installPlugin("gate", "gate");
+  setenv("TQ_FIXTURE_FOLDER", m_root.path().c_str(), 1);
+  std::thread loading([this] { loader().loadExplorers(); });
+  EXPECT_TRUE(tqtest::eventually([this] { return fs::exists(m_root / "entered"); }));
+  // Who wants the repository's lock meanwhile waits for it, instead of getting
+  // it and waiting for the loader's.
+  auto registering =
+      std::async(std::launch::async,
+                 []
+                 {
+                   AutoDereference<ExplorerDataParser> const parser(new DefaultExplorerDataParser);
+                   getDiscoveryRepository().registerExplorerParser("meanwhile", parser.get());
+                 });
+  EXPECT_EQ(std::future_status::timeout, registering.wait_for(std::chrono::seconds(1)));
+  writeText(m_root / "go", "");
+  EXPECT_EQ(std::future_status::ready, registering.wait_for(std::chrono::seconds(30)));
+  loading.join();
+  unsetenv("TQ_FIXTURE_FOLDER");
+  EXPECT_TRUE(isRegistered("GateFixture"));
 }
 
 TEST_F(ExplorerLoaderTest, PluginWithParsersOnlyIsLeftOutByTheLoadOfExplorers)
