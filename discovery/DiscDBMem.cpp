@@ -40,7 +40,7 @@ auto walk(std::shared_ptr<Set const> const& set, typename Set::const_iterator fi
 
 MemCollectionData::MemCollectionData(AutoDereference<ExplorerQuery> const& query,
                                      DiscoveryQuery kind)
-    : m_stream(std::ios::in | std::ios::out | std::ios::binary), m_kind(kind), m_query(query)
+    : m_kind(kind), m_query(query)
 {
 }
 
@@ -78,25 +78,22 @@ int MemCollectionData::open(OpenMode mode, char const* name)
             "Explorer " << explorer->getExplorerName() << " failed: " << currentExceptionText());
   }
   m_query->getEntry()->noteRun(OzfObjTime::now(), produced ? DS_SUCCESS : DS_OPEN_FAILED);
-  m_stream.clear();
-  m_stream.seekg(0);
+  m_position = 0;
   return produced ? 1 : 0;
 }
 
 long MemCollectionData::readCollection(unsigned long len, void* buf) const
 {
   auto const wanted = std::min<unsigned long>(len, std::numeric_limits<long>::max());
-  // The end is no failure: more may be written and then read.
-  m_stream.clear();
-  m_stream.read(static_cast<char*>(buf), static_cast<std::streamsize>(wanted));
-  return static_cast<long>(m_stream.gcount());
+  long const count = m_payload.read(m_position, wanted, buf);
+  if (count > 0)
+    m_position += static_cast<std::size_t>(count);
+  return count;
 }
 
 long MemCollectionData::writeCollection(unsigned long len, void const* buf) const
 {
-  m_stream.clear();
-  m_stream.write(static_cast<char const*>(buf), static_cast<std::streamsize>(len));
-  return m_stream.good() ? 1 : 0;
+  return m_payload.append(static_cast<char const*>(buf), len) ? 1 : 0;
 }
 
 MemDiscovery::MemDiscovery(CollectionData* data, DiscoveryQuery query) : Discovery(data, query) {}

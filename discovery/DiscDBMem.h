@@ -5,11 +5,12 @@
 
 #include "discovery/DiscData.h"
 #include "discovery/DiscoveryRepositoryEntries.h"
+#include "discovery/PayloadCache.h"
 #include "ozf/sync/OzfLockable.h"
 
+#include <cstddef>
 #include <functional>
 #include <memory>
-#include <sstream>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
@@ -23,11 +24,13 @@ public:
   // name is the filter parameters text and must not be null. A second open
   // asks again and appends. For update: nothing, true.
   int open(OpenMode mode, char const* name) override;
+  // -1 when what was written cannot be had any more.
   long readCollection(unsigned long len, void* buf) const override;
   long writeCollection(unsigned long len, void const* buf) const override;
 
 private:
-  mutable std::stringstream m_stream;
+  mutable PayloadCache m_payload;
+  mutable std::size_t m_position = 0; // of the next read
   DiscoveryQuery m_kind;
   AutoDereference<ExplorerQuery> m_query;
 };

@@ -7,7 +7,7 @@
 
 #include "discovery/DiscDB.h"
 #include "discovery/DiscData.h"
-#include "discovery/RemoteDBCache.h"
+#include "discovery/PayloadCache.h"
 #include "ozf/orb/Corba.h"
 
 #include <DiscoveryServiceC.h>

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <malloc.h>
 #include <stdexcept>
 
 using namespace Quillon::Tessarine::Ozf;
@@ -110,6 +111,39 @@ TEST_F(DiscDBMemTest, ReadsWhatTheExplorerWroteFromTheStart)
   EXPECT_EQ(data.readCollection(4, buffer), 0);
 }
 
+TEST_F(DiscDBMemTest, LargePayloadsAreNotHeldInMemory)
+{
+  constexpr std::size_t PIECE = 1 << 20;
+  constexpr int PIECES = 48;
+  m_explorer->produce = [](CollectionData& target)
+  {
+    std::string piece(PIECE, ' ');
+    for (int i = 0; i < PIECES; ++i)
+    {
+      std::fill(piece.begin(), piece.end(), static_cast<char>('A' + i));
+      if (target.writeCollection(piece.size(), piece.data()) == 0)
+        return false;
+    }
+    return true;
+  };
+  auto const inUse = []
+  {
+    auto const info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+  };
+  std::size_t const before = inUse();
+  MemCollectionData data(makeQuery(m_explorer.get()), DQ_DISCOVERY_DATA);
+  ASSERT_NE(data.open(OM_READ, ""), 0);
+  EXPECT_LT(inUse(), before + 8 * PIECE);
+  std::string piece(PIECE, ' ');
+  for (int i = 0; i < PIECES; ++i)
+  {
+    ASSERT_EQ(data.readCollection(PIECE, piece.data()), long(PIECE));
+    ASSERT_EQ(piece, std::string(PIECE, static_cast<char>('A' + i)));
+  }
+  EXPECT_EQ(data.readCollection(PIECE, piece.data()), 0);
+}
+
 TEST_F(DiscDBMemTest, OpenForUpdateAsksNobody)
 {
   MemCollectionData data(makeQuery(m_explorer.get()), DQ_DISCOVERY_DATA);
@@ -183,8 +217,8 @@ TEST_F(DiscDBMemTest, WhatAnExplorerThrowsIsALoggedFailure)
 
   m_explorer->produce = [](CollectionData&) -> bool { throw 5; };
   EXPECT_EQ(data.open(OM_READ, ""), 0);
-  EXPECT_TRUE(log.has(1, "MemCollectionData::open",
-                      "Explorer TestPull failed: an exception of type int"))
+  EXPECT_TRUE(
+      log.has(1, "MemCollectionData::open", "Explorer TestPull failed: an exception of type int"))
       << log.text();
 
   m_explorer->produce = [](CollectionData&) -> bool { throw CORBA::NO_RESOURCES(); };

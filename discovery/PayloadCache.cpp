@@ -1,4 +1,4 @@
-#include "discovery/RemoteDBCache.h"
+#include "discovery/PayloadCache.h"
 
 #include "discovery/DiscoveryLog.h"
 

@@ -1,4 +1,4 @@
-#include "discovery/RemoteDBCache.h"
+#include "discovery/PayloadCache.h"
 
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
@@ -43,7 +43,7 @@ std::string contentOf(PayloadCache const& cache, std::size_t step = 100'000)
   return all;
 }
 
-struct RemoteDBCacheTest : testing::Test
+struct PayloadCacheTest : testing::Test
 {
   TempDir folder;
   LogCapture log;
@@ -70,7 +70,7 @@ struct FileLimit
 
 } // namespace
 
-TEST_F(RemoteDBCacheTest, ASmallPayloadStaysInMemory)
+TEST_F(PayloadCacheTest, ASmallPayloadStaysInMemory)
 {
   PayloadCache cache({folder.path()});
   std::string const bytes = makeBytes(MOST);
@@ -80,7 +80,7 @@ TEST_F(RemoteDBCacheTest, ASmallPayloadStaysInMemory)
   EXPECT_TRUE(contentOf(cache) == bytes);
 }
 
-TEST_F(RemoteDBCacheTest, ALargePayloadGoesToAFileWithoutAName)
+TEST_F(PayloadCacheTest, ALargePayloadGoesToAFileWithoutAName)
 {
   PayloadCache cache({folder.path()});
   std::string const bytes = makeBytes(2 * MOST + 12345);
@@ -93,7 +93,7 @@ TEST_F(RemoteDBCacheTest, ALargePayloadGoesToAFileWithoutAName)
   EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(RemoteDBCacheTest, OnePieceMayBeLargerThanWhatMemoryHolds)
+TEST_F(PayloadCacheTest, OnePieceMayBeLargerThanWhatMemoryHolds)
 {
   PayloadCache cache({folder.path()});
   std::string const bytes = makeBytes(MOST + 1);
@@ -102,7 +102,7 @@ TEST_F(RemoteDBCacheTest, OnePieceMayBeLargerThanWhatMemoryHolds)
   EXPECT_TRUE(contentOf(cache) == bytes);
 }
 
-TEST_F(RemoteDBCacheTest, ReadsBeginAndEndAnywhereInMemory)
+TEST_F(PayloadCacheTest, ReadsBeginAndEndAnywhereInMemory)
 {
   std::string const bytes = makeBytes(20'000);
   for (std::size_t const piece : {1, 777, 1024, 5000})
@@ -120,7 +120,7 @@ TEST_F(RemoteDBCacheTest, ReadsBeginAndEndAnywhereInMemory)
   }
 }
 
-TEST_F(RemoteDBCacheTest, ReadingBehindTheEndGivesNothing)
+TEST_F(PayloadCacheTest, ReadingBehindTheEndGivesNothing)
 {
   PayloadCache cache({folder.path()});
   char byte = 0;
@@ -132,7 +132,7 @@ TEST_F(RemoteDBCacheTest, ReadingBehindTheEndGivesNothing)
   EXPECT_EQ(cache.read(1000, 1, &byte), 0);
 }
 
-TEST_F(RemoteDBCacheTest, ClearedItIsAsNew)
+TEST_F(PayloadCacheTest, ClearedItIsAsNew)
 {
   PayloadCache cache({folder.path()});
   ASSERT_TRUE(fill(cache, makeBytes(2 * MOST), 65536));
@@ -144,7 +144,7 @@ TEST_F(RemoteDBCacheTest, ClearedItIsAsNew)
   EXPECT_EQ(contentOf(cache), "small");
 }
 
-TEST_F(RemoteDBCacheTest, TheNextFolderIsTakenWhenOneLetsNoFileBeMade)
+TEST_F(PayloadCacheTest, TheNextFolderIsTakenWhenOneLetsNoFileBeMade)
 {
   PayloadCache cache({folder / "missing", folder.path()});
   ASSERT_TRUE(fill(cache, makeBytes(2 * MOST), 65536));
@@ -155,7 +155,7 @@ TEST_F(RemoteDBCacheTest, TheNextFolderIsTakenWhenOneLetsNoFileBeMade)
       << log.text();
 }
 
-TEST_F(RemoteDBCacheTest, WithoutAnyFolderMemoryHoldsIt)
+TEST_F(PayloadCacheTest, WithoutAnyFolderMemoryHoldsIt)
 {
   PayloadCache cache({folder / "missing"});
   std::string const bytes = makeBytes(2 * MOST);
@@ -168,7 +168,7 @@ TEST_F(RemoteDBCacheTest, WithoutAnyFolderMemoryHoldsIt)
       << log.text();
 }
 
-TEST_F(RemoteDBCacheTest, AFullDiskBringsItBackToMemory)
+TEST_F(PayloadCacheTest, AFullDiskBringsItBackToMemory)
 {
   PayloadCache cache({folder.path()});
   std::string const bytes = makeBytes(3 * MOST);
@@ -184,7 +184,7 @@ TEST_F(RemoteDBCacheTest, AFullDiskBringsItBackToMemory)
       << log.text();
 }
 
-TEST_F(RemoteDBCacheTest, ADiskThatIsFullFromTheStartMakesNoFile)
+TEST_F(PayloadCacheTest, ADiskThatIsFullFromTheStartMakesNoFile)
 {
   PayloadCache cache({folder.path()});
   std::string const bytes = makeBytes(2 * MOST);
@@ -196,7 +196,7 @@ TEST_F(RemoteDBCacheTest, ADiskThatIsFullFromTheStartMakesNoFile)
   EXPECT_TRUE(contentOf(cache) == bytes);
 }
 
-TEST_F(RemoteDBCacheTest, TheChosenFolderComesFirst)
+TEST_F(PayloadCacheTest, TheChosenFolderComesFirst)
 {
   setenv("TMPDIR", folder.path().c_str(), 1);
   EXPECT_EQ(PayloadCache::temporaryFolders().front(), folder.path());

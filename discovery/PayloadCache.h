@@ -1,5 +1,5 @@
-// Where a payload from another host is kept between its fetching and its
-// reading.
+// Where a payload is kept between its coming, from another host or a pull
+// explorer, and its reading.
 
 #pragma once
 
