@@ -18,6 +18,7 @@ constexpr char OPERATION[] = "RemotePullExplorer::collectionRequested";
 class Target : public CollectionData
 {
 public:
+  Before beforeOpen;
   bool mayOpen = true;
   int opensLeft = 1000;
   mutable std::vector<std::string> writes;
@@ -25,6 +26,7 @@ public:
 
   int open(OpenMode mode, char const* name) override
   {
+    runBefore(beforeOpen);
     opens.emplace_back(mode, name);
     return mayOpen && opensLeft-- > 0;
   }
@@ -155,6 +157,48 @@ TEST_F(ExplorerRemotePullTest, UnreadableSourceIsReportedAsTheTarget)
   EXPECT_FALSE(request());
   EXPECT_TRUE(m_log.has(1, OPERATION, "Failed to target open collection data")) << m_log.text();
   EXPECT_TRUE(m_target.opens.empty());
+}
+
+TEST_F(ExplorerRemotePullTest, AnEmptyPayloadIsReportedAsTheTarget)
+{
+  serveRecords({{makeRecord()}});
+  serveData({});
+  EXPECT_FALSE(request());
+  EXPECT_TRUE(
+      m_log.has(1, "RemoteCollectionData::openRead", "Collection data returned has no data"))
+      << m_log.text();
+  EXPECT_TRUE(m_log.has(1, OPERATION, "Failed to target open collection data")) << m_log.text();
+  EXPECT_TRUE(m_target.opens.empty());
+  EXPECT_TRUE(m_target.writes.empty());
+}
+
+// What was fetched is lost between its fetching and its copying.
+TEST_F(ExplorerRemotePullTest, APayloadThatCannotBeReadBackIsAFailure)
+{
+  serveRecords({{makeRecord()}});
+  m_service->makeData = [this]
+  {
+    auto* const servant = new DataPages;
+    servant->pages.assign(6, std::string(1 << 20, 'x'));
+    return activate<Remote::CollectionDataIterator>(servant);
+  };
+  setenv("TMPDIR", m_root.path().c_str(), 1);
+  int truncated = 0;
+  m_target.beforeOpen = [&]
+  {
+    for (auto const& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+    {
+      std::error_code gone;
+      auto const path = std::filesystem::read_symlink(entry.path(), gone).string();
+      if (!gone && path.starts_with(m_root.path()) && path.ends_with("(deleted)"))
+        truncated += truncate(entry.path().c_str(), 0) == 0 ? 1 : 0;
+    }
+  };
+  EXPECT_FALSE(request()) << m_log.text();
+  unsetenv("TMPDIR");
+  EXPECT_GT(truncated, 0);
+  EXPECT_EQ(m_target.opens.size(), 2U);
+  EXPECT_TRUE(m_target.writes.empty());
 }
 
 TEST_F(ExplorerRemotePullTest, UnwritableTargetIsReportedAsTheSource)
