@@ -146,7 +146,7 @@ HardenedParser::HardenedParser()
   setDTDHandler(&m_dtdHandler);
 }
 
-bool HardenedParser::overgrown() const noexcept { return held() > MOST_KEPT; }
+bool HardenedParser::overgrown() const noexcept { return m_newerXml || held() > MOST_KEPT; }
 
 void HardenedParser::parseText(std::string_view text, xercesc::HandlerBase& handler)
 {
@@ -212,8 +212,10 @@ void HardenedParser::doctypeDecl(xercesc::DTDElementDecl const&, XMLCh const*, X
 // in it, and ends lines at more of them.
 void HardenedParser::XMLDecl(XMLCh const* version, XMLCh const*, XMLCh const*, XMLCh const*)
 {
-  if (version != nullptr && !xercesc::XMLString::equals(version, xercesc::XMLUni::fgVersion1_0))
-    throw DocumentRefused(describeHere("only XML 1.0 is read"));
+  if (version == nullptr || xercesc::XMLString::equals(version, xercesc::XMLUni::fgVersion1_0))
+    return;
+  m_newerXml = true;
+  throw DocumentRefused(describeHere("only XML 1.0 is read"));
 }
 
 void HardenedParser::endDocument()

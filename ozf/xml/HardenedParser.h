@@ -72,7 +72,9 @@ class HardenedParser : private ParserMemory, public xercesc::SAXParser
 public:
   HardenedParser();
 
-  // Whether it has grown so much that a new one is better than this one.
+  // Whether a new one is better than this one: it has grown so much, or met a
+  // later version of XML, by which it would judge the next document that names
+  // none.
   bool overgrown() const noexcept;
 
   // Feeds the text to handler, which is document and error handler in one.
@@ -98,6 +100,7 @@ private:
   xercesc::MemBufInputSource m_text;
   xercesc::MemBufInputSource m_ownText; // in m_wide
   std::u16string m_wide;
+  bool m_newerXml = false;
   std::size_t m_skipped = 0; // characters at the start that the parser did not get
 };
 
