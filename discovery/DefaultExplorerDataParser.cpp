@@ -2,10 +2,8 @@
 
 #include "discovery/DiscoveryLog.h"
 
-#include <algorithm>
 #include <cstddef>
 #include <ostream>
-#include <string_view>
 #include <typeinfo>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
@@ -36,7 +34,7 @@ public:
   {
     if (!hasText())
       return;
-    XmlStr::append(m_data->text(), text(), XmlStr::UTF_8);
+    XmlStr::append(m_data->text(), rawText(), XmlStr::UTF_8);
     clearText();
   }
 
@@ -50,20 +48,6 @@ DefaultExplorerParserContext& ownContext(XmlObjParseContext* context, char const
   OZF_ASSERT(context != nullptr && typeid(*context) == typeid(DefaultExplorerParserContext),
              "NULL != parserContext", SOURCE, operation);
   return static_cast<DefaultExplorerParserContext&>(*context);
-}
-
-// Names are plain ASCII nearly always, and are taken over without a copy between.
-void appendUtf8(std::string& captured, std::u16string_view text)
-{
-  if (std::any_of(text.begin(), text.end(), [](char16_t unit) { return unit >= 0x80; }))
-  {
-    captured += OzfString(text).str();
-    return;
-  }
-  std::size_t const before = captured.size();
-  captured.resize(before + text.size());
-  std::transform(text.begin(), text.end(), captured.begin() + static_cast<std::ptrdiff_t>(before),
-                 [](char16_t unit) { return static_cast<char>(unit); });
 }
 
 } // namespace

@@ -33,6 +33,13 @@ constexpr char NAME[] = "Name";
 
 constexpr char IGNORING[] = "Ignoring Unknown Tag";
 
+DiscoveredItem* makeItem(AttributeList const& attributes)
+{
+  std::string name;
+  XmlInterface::getAttribute(attributes, NAME, name);
+  return new DiscoveredItem(std::move(name));
+}
+
 // Where the reading of a document stands.
 class DiscoverySetContext final : public XmlObjParseContext
 {
@@ -53,13 +60,33 @@ public:
   {
     Item* item = nullptr;
     std::unique_ptr<XmlObjParseContext> context(xmlCreateObject(name, attributes, this, item));
-    AutoDereference<CollectionItem> const holder{item};
+    m_subInterface.reset(item);
     if (item == nullptr)
       return false;
     m_nodes.push_back(node);
     m_subContext = std::move(context);
-    m_subInterface = holder;
     return true;
+  }
+
+  // The context of an item is as new after its end, and the items of a document
+  // stand at one depth under one name, so one serves them all; but not those
+  // inside unknown elements, which stand deeper.
+  bool openItem(XMLCh const* name, AttributeList& attributes)
+  {
+    if (m_itemContext == nullptr || m_unknown > 0)
+      return open<DiscoveredItem>(ITEM, name, attributes);
+    m_subInterface.reset(makeItem(attributes));
+    m_nodes.push_back(ITEM);
+    m_subContext = std::move(m_itemContext);
+    return true;
+  }
+
+  void closeObject()
+  {
+    if (m_nodes.back() == ITEM && m_unknown == 0)
+      m_itemContext = std::move(m_subContext);
+    m_subContext.reset();
+    m_nodes.pop_back();
   }
 
   bool inObject() const
@@ -75,6 +102,7 @@ public:
 
   AutoDereference<CollectionItem> m_subInterface;
   std::unique_ptr<XmlObjParseContext> m_subContext;
+  std::unique_ptr<XmlObjParseContext> m_itemContext; // of the last item, for the next one
   std::vector<Node> m_nodes;
   int m_unknown = 0; // elements open that are in m_nodes by none of their names
 };
@@ -176,7 +204,7 @@ int AuthSubIterator::xmlStartElement(XmlObjParseContext* context, XMLCh const* n
     }
   }
   else if (ctxt.m_nodes.back() == Context::ITEMS)
-    known = is(ITEM_TAG) && ctxt.open<DiscoveredItem>(Context::ITEM, name, attributes);
+    known = is(ITEM_TAG) && ctxt.openItem(name, attributes);
   else
     known = is(OzfQuery::QUERY_DESCRIPTION_TAG) &&
             ctxt.open<FilterItem>(Context::QUERY_DESCRIPTION, name, attributes);
@@ -198,8 +226,7 @@ int AuthSubIterator::xmlEndElement(XmlObjParseContext* context, XMLCh const* nam
     if (ctxt.m_subInterface->xmlEndElement(ctxt.m_subContext.get(), name) != 0)
       return 1;
     m_items->push_back(std::move(ctxt.m_subInterface));
-    ctxt.m_subContext.reset();
-    ctxt.m_nodes.pop_back();
+    ctxt.closeObject();
     return 1;
   }
   if (ctxt.m_unknown > 0 || ctxt.m_nodes.empty())
@@ -377,8 +404,7 @@ XmlObjParseContext* xmlCreateObject(XMLCh const* name, AttributeList& attributes
                                     XmlObjParseContext const* parent, DiscoveredItem*& object)
 {
   auto context = std::make_unique<DiscoveredDataContext>(name, parent);
-  object =
-      new DiscoveredItem(XmlInterface::attribute(attributes, NAME).value_or(OzfString()).str());
+  object = makeItem(attributes);
   return context.release();
 }
 

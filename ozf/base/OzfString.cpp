@@ -1,8 +1,5 @@
 #include "ozf/base/OzfString.h"
 
-#include <algorithm>
-#include <functional>
-#include <numeric>
 #include <ostream>
 
 namespace Quillon::Tessarine::Ozf
@@ -16,7 +13,7 @@ bool isHighSurrogate(char32_t unit) { return unit >= 0xD800 && unit <= 0xDBFF; }
 
 bool isLowSurrogate(char32_t unit) { return unit >= 0xDC00 && unit <= 0xDFFF; }
 
-void appendUtf8(std::string& text, char32_t point)
+void appendPoint(std::string& text, char32_t point)
 {
   auto const tail = [&](unsigned shift)
   { text += static_cast<char>(0x80 | ((point >> shift) & 0x3F)); };
@@ -49,17 +46,23 @@ OzfString::OzfString(std::string text, CodePage) : m_text(std::move(text)) {}
 
 OzfString::OzfString(char const* text, CodePage) : m_text(text != nullptr ? text : "") {}
 
-OzfString::OzfString(std::u16string_view text)
+OzfString::OzfString(std::u16string_view text) { appendUtf8(m_text, text); }
+
+void appendUtf8(std::string& out, std::u16string_view text)
 {
   // Nearly every text is plain ASCII and becomes bytes in one go.
-  if (std::reduce(text.begin(), text.end(), char16_t{0}, std::bit_or<char16_t>()) < 0x80)
+  std::size_t const before = out.size();
+  out.resize(before + text.size());
+  char* to = out.data() + before;
+  char16_t seen = 0;
+  for (char16_t const unit : text)
   {
-    m_text.resize(text.size());
-    std::transform(text.begin(), text.end(), m_text.begin(),
-                   [](char16_t unit) { return static_cast<char>(unit); });
-    return;
+    seen |= unit;
+    *to++ = static_cast<char>(unit);
   }
-  m_text.reserve(text.size());
+  if (seen < 0x80)
+    return;
+  out.resize(before);
   for (std::size_t i = 0; i < text.size(); ++i)
   {
     char32_t point = text[i];
@@ -67,7 +70,7 @@ OzfString::OzfString(std::u16string_view text)
       point = 0x10000 + ((point - 0xD800) << 10) + (text[++i] - 0xDC00u);
     else if (isHighSurrogate(point) || isLowSurrogate(point))
       point = REPLACEMENT;
-    appendUtf8(m_text, point);
+    appendPoint(out, point);
   }
 }
 

@@ -41,6 +41,9 @@ private:
 
 OZF_EXPORT std::ostream& operator<<(std::ostream& os, OzfString const& text);
 
+// Appends UTF-16 as UTF-8 to out; unpaired surrogates become U+FFFD.
+OZF_EXPORT void appendUtf8(std::string& out, std::u16string_view text);
+
 // The length in bytes (1 to 4) of the well-formed UTF-8 sequence at the start
 // of text, or 0 when there is none. On success codePoint receives the
 // character. Over-long forms, surrogates and values above U+10FFFF are refused.

@@ -11,21 +11,6 @@ OZFRefCounted::~OZFRefCounted()
     barrier->objectGone();
 }
 
-long OZFRefCounted::addReference() const noexcept
-{
-  return m_references.fetch_add(1, std::memory_order_relaxed) + 1;
-}
-
-long OZFRefCounted::removeReference() const noexcept
-{
-  // What other threads did to the object before they let go of it must be
-  // seen by the one that destroys it.
-  long const left = m_references.fetch_sub(1, std::memory_order_acq_rel) - 1;
-  if (left == 0)
-    delete this;
-  return left;
-}
-
 long OZFRefCounted::referenceCount() const noexcept
 {
   return m_references.load(std::memory_order_relaxed);

@@ -21,8 +21,19 @@ public:
   // Both may be called from any thread. addReference on a const object is
   // allowed: the count is not part of the value. Both return the count as they
   // left it; after removeReference returned 0 the object is gone.
-  long addReference() const noexcept;
-  long removeReference() const noexcept;
+  long addReference() const noexcept
+  {
+    return m_references.fetch_add(1, std::memory_order_relaxed) + 1;
+  }
+  long removeReference() const noexcept
+  {
+    // What other threads did to the object before they let go of it must be
+    // seen by the one that destroys it.
+    long const left = m_references.fetch_sub(1, std::memory_order_acq_rel) - 1;
+    if (left == 0)
+      delete this;
+    return left;
+  }
 
   // The count at this moment; for tests and log lines only.
   long referenceCount() const noexcept;

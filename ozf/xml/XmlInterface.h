@@ -8,6 +8,7 @@
 
 #include <iosfwd>
 #include <optional>
+#include <string>
 #include <xercesc/sax/AttributeList.hpp>
 
 namespace Quillon::Tessarine::Ozf
@@ -24,8 +25,7 @@ public:
   virtual ~XmlInterface() = default;
 
   // Default: the context collects the text.
-  virtual int xmlCharacters(XmlObjParseContext* context, XMLCh const* chars,
-                            unsigned long length);
+  virtual int xmlCharacters(XmlObjParseContext* context, XMLCh const* chars, unsigned long length);
 
   // Default: ignores the element.
   virtual int xmlStartElement(XmlObjParseContext* context, XMLCh const* name,
@@ -39,6 +39,8 @@ public:
 
   // The value of an attribute, absent when the element has none of that name.
   static std::optional<OzfString> attribute(AttributeList const& attributes, char const* name);
+  // The same, put into value, which stays as it is when there is none.
+  static bool getAttribute(AttributeList const& attributes, char const* name, std::string& value);
 };
 
 } // namespace Quillon::Tessarine::Ozf

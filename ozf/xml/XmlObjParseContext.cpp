@@ -9,7 +9,7 @@ namespace
 {
 
 // In one pass, which ends at the NUL of a shorter name at the latest.
-bool isSame(std::u16string const& own, XMLCh const* name)
+bool isSame(std::u16string_view own, XMLCh const* name)
 {
   auto const [end, other] = std::mismatch(own.begin(), own.end(), name);
   return end == own.end() && *other == u'\0';
@@ -18,24 +18,41 @@ bool isSame(std::u16string const& own, XMLCh const* name)
 } // namespace
 
 XmlObjParseContext::XmlObjParseContext(XMLCh const* name, XmlObjParseContext const* parent)
-    : m_name(name),
-      m_parent(parent),
-      m_depth(parent != nullptr ? parent->m_depth : &m_ownDepth),
-      m_openedAt(*m_depth)
+    : m_parent(parent),
+      m_document(parent != nullptr ? parent->m_document : &m_ownDocument),
+      m_openedAt(m_document->depth)
 {
+  std::u16string_view const text = name;
+  m_nameLength = text.size();
+  if (m_nameLength <= m_shortName.size())
+    std::copy(text.begin(), text.end(), m_shortName.begin());
+  else
+    m_longName = text;
 }
 
-XmlObjParseContext::~XmlObjParseContext() = default;
+XmlObjParseContext::~XmlObjParseContext()
+{
+  if (m_text.capacity() > m_document->spareText.capacity() && m_text.capacity() <= MAX_SPARE)
+    m_document->spareText.swap(m_text);
+}
 
 bool XmlObjParseContext::isEndTag(XMLCh const* name) const
 {
-  return *m_depth == m_openedAt && isSame(m_name, name);
+  if (m_document->depth != m_openedAt)
+    return false;
+  char16_t const* const own = m_longName.empty() ? m_shortName.data() : m_longName.data();
+  return isSame({own, m_nameLength}, name);
 }
 
 OzfString XmlObjParseContext::text() const { return OzfString(std::u16string_view(m_text)); }
 
 void XmlObjParseContext::appendText(XMLCh const* chars, unsigned long length)
 {
+  if (m_text.empty() && m_text.capacity() < m_document->spareText.capacity())
+  {
+    m_text.swap(m_document->spareText);
+    m_text.clear();
+  }
   m_text.append(chars, length);
 }
 

@@ -5,7 +5,10 @@
 #include "ozf/base/Export.h"
 #include "ozf/base/OzfString.h"
 
+#include <array>
+#include <cstddef>
 #include <string>
+#include <string_view>
 #include <xercesc/util/XercesDefs.hpp>
 
 namespace Quillon::Tessarine::Ozf
@@ -32,8 +35,9 @@ public:
 
   XmlObjParseContext const* parent() const noexcept { return m_parent; }
 
-  // The text collected since the last clearText(), as UTF-8.
+  // The text collected since the last clearText(), as UTF-8 and as it came.
   OzfString text() const;
+  std::u16string_view rawText() const noexcept { return m_text; }
   bool hasText() const noexcept { return !m_text.empty(); }
   void clearText() { m_text.clear(); }
   void appendText(XMLCh const* chars, unsigned long length);
@@ -55,15 +59,28 @@ public:
   // after it has handed on the end tag, so a context that an object makes from
   // a start tag is at the depth of that element. Contexts driven without a
   // document handler stay at 1: every end tag of their name closes them.
-  void enter() noexcept { ++*m_depth; }
-  void leave() noexcept { --*m_depth; }
+  void enter() noexcept { ++m_document->depth; }
+  void leave() noexcept { --m_document->depth; }
 
 private:
-  std::u16string m_name;
+  // What all contexts of a document share; it lies in the first of them.
+  struct Document
+  {
+    int depth = 1;
+    // Memory that one context collected its text in, for the next one: they
+    // come and go by the ten thousand.
+    std::u16string spareText;
+  };
+  static constexpr std::size_t MAX_SPARE = 16 * 1024; // characters
+
   XmlObjParseContext const* m_parent;
-  int m_ownDepth = 1;
-  int* m_depth; // the document's, shared by all its contexts
+  Document m_ownDocument;
+  Document* m_document;
   int m_openedAt;
+  // The name of the element, in one of the two.
+  std::size_t m_nameLength;
+  std::array<char16_t, 20> m_shortName;
+  std::u16string m_longName;
   std::u16string m_text;
 };
 

@@ -156,6 +156,26 @@ void XmlStr::append(std::string& out, OzfString const& text, Encoding encoding)
   }
 }
 
+void XmlStr::append(std::string& out, std::u16string_view text, Encoding encoding)
+{
+  if (lastCharacter(encoding) == 0)
+    return;
+  // Nearly every text stays as it is and becomes bytes in one go.
+  std::size_t const before = out.size();
+  out.resize(before + text.size());
+  char* to = out.data() + before;
+  bool plain = true;
+  for (char16_t const unit : text)
+  {
+    plain &= unit < STAYS.size() && STAYS[unit];
+    *to++ = static_cast<char>(unit);
+  }
+  if (plain)
+    return;
+  out.resize(before);
+  append(out, OzfString(text), encoding);
+}
+
 XmlStr::XmlStr(std::u16string_view text, Encoding encoding) : XmlStr(OzfString(text), encoding) {}
 
 std::ostream& XmlStr::xmlProlog(std::ostream& os, Encoding encoding, char const* version)

@@ -37,6 +37,7 @@ public:
   // Appends the text, escaped, to out; nothing when the encoding is none of the
   // above.
   static void append(std::string& out, OzfString const& text, Encoding encoding);
+  static void append(std::string& out, std::u16string_view text, Encoding encoding);
 
   // <?xml version="1.0" encoding="UTF-8"?> without a line break.
   static std::ostream& xmlProlog(std::ostream& os, Encoding encoding,

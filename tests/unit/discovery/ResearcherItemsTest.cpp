@@ -187,6 +187,21 @@ TEST_F(ResearcherItemsTest, AnItemInsideAnUnknownElementIsReadSinceOnlyKnownElem
   EXPECT_EQ(2, log.count(1, END, UNKNOWN)) << log.text();
 }
 
+TEST_F(ResearcherItemsTest, ItemsInsideUnknownElementsAndBesideThemEndAtTheirOwnEnd)
+{
+  auto const read = itemsOf(items("<DISCOVERED Name=\"a\"/><New><DISCOVERED Name=\"b\">"
+                                  "<ExplorerData Name=\"x\">1</ExplorerData></DISCOVERED>"
+                                  "<DISCOVERED Name=\"c\"/></New><DISCOVERED Name=\"d\"/>"
+                                  "<DISCOVERED><ExplorerData Name=\"x\">2</ExplorerData>"
+                                  "</DISCOVERED><DISCOVERED Name=\"f\"/>"));
+  EXPECT_TRUE(read.parsed);
+  EXPECT_EQ("a;b;c;d;;f;", itemNames(read));
+  EXPECT_EQ("1", capturedOf(read, 1));
+  EXPECT_EQ("(none)", capturedOf(read, 3));
+  EXPECT_EQ("2", capturedOf(read, 4));
+  EXPECT_EQ("(none)", capturedOf(read, 5));
+}
+
 TEST_F(ResearcherItemsTest, ElementsNamedLikeTheirParentsAreNoEndOfThem)
 {
   auto const read =

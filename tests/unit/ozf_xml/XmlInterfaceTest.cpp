@@ -18,6 +18,8 @@ public:
   std::optional<OzfString> empty;
   std::optional<OzfString> otherCase;
   std::optional<OzfString> missing;
+  std::string taken = "before";
+  std::string kept = "before";
 
   int xmlStartElement(XmlObjParseContext*, XMLCh const*, AttributeList& attributes) override
   {
@@ -25,6 +27,8 @@ public:
     empty = attribute(attributes, "Empty");
     otherCase = attribute(attributes, "name");
     missing = attribute(attributes, "Missing");
+    EXPECT_TRUE(getAttribute(attributes, "Name", taken));
+    EXPECT_FALSE(getAttribute(attributes, "Missing", kept));
     return 1;
   }
 };
@@ -39,6 +43,8 @@ TEST(XmlInterface, AnAttributeIsFoundByItsExactName)
   EXPECT_EQ(OzfString(), reader.empty);
   EXPECT_EQ(std::nullopt, reader.otherCase);
   EXPECT_EQ(std::nullopt, reader.missing);
+  EXPECT_EQ("A & \xC3\xA4 \n", reader.taken);
+  EXPECT_EQ("before", reader.kept);
 }
 
 TEST(XmlInterface, ByDefaultTheContextCollectsTheTextAndItsEndTagCompletes)

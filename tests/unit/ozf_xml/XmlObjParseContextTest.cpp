@@ -62,6 +62,38 @@ TEST(XmlObjParseContext, KeepsTheNameOfTheElementAsItsOwn)
   EXPECT_TRUE(context.isEndTag(u"abc"));
 }
 
+TEST(XmlObjParseContext, NamesOfEveryLengthAreKept)
+{
+  for (std::size_t length = 1; length <= 64; ++length)
+  {
+    std::u16string const name(length, u'n');
+    XmlObjParseContext context(name.c_str(), nullptr);
+    EXPECT_TRUE(context.isEndTag(name.c_str())) << length;
+    EXPECT_FALSE(context.isEndTag((name + u'n').c_str())) << length;
+    EXPECT_FALSE(context.isEndTag(name.c_str() + 1)) << length;
+    EXPECT_FALSE(context.isEndTag((name.substr(1) + u'x').c_str())) << length;
+  }
+}
+
+TEST(XmlObjParseContext, NoTextOfOneContextIsSeenInAnother)
+{
+  XmlObjParseContext outer(u"a", nullptr);
+  for (std::size_t length : {100u, 10u, 100'000u, 20u, 0u})
+  {
+    XmlObjParseContext inner(u"b", &outer);
+    EXPECT_FALSE(inner.hasText());
+    std::u16string const text(length, u'x');
+    inner.appendText(text.data(), 0);
+    EXPECT_FALSE(inner.hasText());
+    inner.appendText(text.data(), text.size());
+    EXPECT_EQ(text, inner.rawText());
+    EXPECT_EQ(OzfString(std::string(length, 'x')), inner.text());
+    EXPECT_FALSE(outer.hasText());
+  }
+  outer.appendText(u"y", 1);
+  EXPECT_EQ(OzfString("y"), outer.text());
+}
+
 TEST(XmlObjParseContext, ContextsOfOneDocumentShareItsDepth)
 {
   XmlObjParseContext outer(u"a", nullptr);

@@ -99,6 +99,26 @@ TEST(XmlStr, Utf16TextIsEscapedAlike)
             XmlStr(std::u16string_view(unpaired, 3), XmlStr::US_ASCII).text());
 }
 
+TEST(XmlStr, Utf16IsAppendedAsItsUtf8Is)
+{
+  for (char32_t c = 0; c < 0x300; ++c)
+  {
+    std::u16string const text = {u'a', u'b', static_cast<char16_t>(c), u'c'};
+    for (auto const encoding : {XmlStr::UTF_8, XmlStr::ISO_8859_1, XmlStr::US_ASCII})
+    {
+      std::string expected = "<";
+      XmlStr::append(expected, OzfString(text), encoding);
+      std::string out = "<";
+      XmlStr::append(out, std::u16string_view(text), encoding);
+      EXPECT_EQ(expected, out) << static_cast<unsigned>(c);
+    }
+  }
+  std::string out = "a";
+  XmlStr::append(out, std::u16string_view(u"plain"), XmlStr::UTF_8);
+  XmlStr::append(out, std::u16string_view(u"d"), UNKNOWN);
+  EXPECT_EQ("aplain", out);
+}
+
 TEST(XmlStr, EmptyTextIsATextAndAnUnknownEncodingHasNone)
 {
   EXPECT_STREQ("", XmlStr(OzfString(), XmlStr::UTF_8).text());
