@@ -13,11 +13,3 @@ if(TQ_FUZZ)
                       -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address,undefined)
 endif()
-
-# For sources that use std::regex: the sanitizers make GCC 12 take its members
-# for uninitialised. The other builds keep the warning.
-function(tq_uses_regex)
-  if(TQ_SANITIZE)
-    set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS -Wno-maybe-uninitialized)
-  endif()
-endfunction()

@@ -76,6 +76,17 @@ public:
       ::kill(m_pid, signal);
   }
 
+  // Stops it as a debugger would, until SIGCONT. A signal takes effect some
+  // time after it was sent; this waits for that.
+  void freeze()
+  {
+    sendSignal(SIGSTOP);
+    siginfo_t stopped{};
+    while (waitid(P_PID, static_cast<id_t>(m_pid), &stopped, WSTOPPED | WEXITED | WNOWAIT) != 0 &&
+           errno == EINTR)
+      ;
+  }
+
   bool running() { return !reap(WNOHANG); }
 
   // Whether the process ended before the deadline. All output is collected

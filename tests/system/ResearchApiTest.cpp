@@ -91,7 +91,7 @@ protected:
                  running.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
         },
         DEADLINE));
-    m_service.process().sendSignal(SIGSTOP);
+    m_service.process().freeze();
     return running.wait_for(std::chrono::milliseconds(200)) != std::future_status::ready;
   }
 
@@ -164,7 +164,7 @@ TEST_F(ResearchApiTest, aServiceThatStandsStillTimesOutAndIsReadAgainWhenItGoesO
   auto const discoveries = queryAll();
   ASSERT_TRUE(discoveries) << m_log.text();
 
-  m_service.process().sendSignal(SIGSTOP);
+  m_service.process().freeze();
   expectNoHandle();
   AutoDereference<CollectionItemIterator> const items(
       discoveries->getNextCollectionItemIterator(nullptr));
@@ -266,7 +266,7 @@ TEST_F(ResearchApiTest, anOrbOfTheApisOwnTimesOutToo)
   reloadConfiguration();
   initDiscoveryResearch();
   m_researching = true;
-  m_service.process().sendSignal(SIGSTOP);
+  m_service.process().freeze();
   auto const begin = std::chrono::steady_clock::now();
   EXPECT_FALSE(queryAll());
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(150));

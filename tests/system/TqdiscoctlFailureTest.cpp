@@ -60,7 +60,7 @@ protected:
 TEST_F(TqdiscoctlFailureTest, aServiceThatStandsStillIsGivenUpAfterTheTimeOut)
 {
   ASSERT_TRUE(m_service.start()) << m_service.log();
-  m_service.process().sendSignal(SIGSTOP);
+  m_service.process().freeze();
   for (Words const& words : {Words{"query"}, Words{"status"}, Words{"push"}, Words{"watch"}})
   {
     Words all{"--timeout", "1"};

@@ -101,7 +101,7 @@ TEST_P(FleetAbsenceTest, aClientThatHangsCostsOneTimeOutAndNobodyElseWaits)
   if (!m_fleet)
     return;
   ASSERT_TRUE(m_fleet->start());
-  host(Fleet::LAST).process().sendSignal(SIGSTOP);
+  host(Fleet::LAST).process().freeze();
   auto const start = Clock::now();
   std::thread asker(
       [this]
@@ -151,7 +151,7 @@ TEST_P(FleetMasterTest, aMasterThatHangsCostsAClientOneTimeOut)
   ASSERT_TRUE(master().start());
   ASSERT_TRUE(startAndAwait(Fleet::WEB));
   ASSERT_TRUE(eventually([&] { return known(Fleet::WEB, "paced"); }, LONG));
-  master().process().sendSignal(SIGSTOP);
+  master().process().freeze();
   auto const start = Clock::now();
   // The write that was on its way and the one after it, which is at most a
   // period of the push timer away.
