@@ -19,8 +19,8 @@ bool isSame(std::u16string_view own, XMLCh const* name)
 
 XmlObjParseContext::XmlObjParseContext(XMLCh const* name, XmlObjParseContext const* parent)
     : m_parent(parent),
-      m_document(parent != nullptr ? parent->m_document : &m_ownDocument),
-      m_openedAt(m_document->depth)
+      m_depth(parent != nullptr ? parent->m_depth : &m_ownDepth),
+      m_openedAt(*m_depth)
 {
   std::u16string_view const text = name;
   m_nameLength = text.size();
@@ -30,15 +30,11 @@ XmlObjParseContext::XmlObjParseContext(XMLCh const* name, XmlObjParseContext con
     m_longName = text;
 }
 
-XmlObjParseContext::~XmlObjParseContext()
-{
-  if (m_text.capacity() > m_document->spareText.capacity() && m_text.capacity() <= MAX_SPARE)
-    m_document->spareText.swap(m_text);
-}
+XmlObjParseContext::~XmlObjParseContext() = default;
 
 bool XmlObjParseContext::isEndTag(XMLCh const* name) const
 {
-  if (m_document->depth != m_openedAt)
+  if (*m_depth != m_openedAt)
     return false;
   char16_t const* const own = m_longName.empty() ? m_shortName.data() : m_longName.data();
   return isSame({own, m_nameLength}, name);
@@ -48,11 +44,6 @@ OzfString XmlObjParseContext::text() const { return OzfString(std::u16string_vie
 
 void XmlObjParseContext::appendText(XMLCh const* chars, unsigned long length)
 {
-  if (m_text.empty() && m_text.capacity() < m_document->spareText.capacity())
-  {
-    m_text.swap(m_document->spareText);
-    m_text.clear();
-  }
   m_text.append(chars, length);
 }
 

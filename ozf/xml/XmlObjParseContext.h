@@ -59,23 +59,13 @@ public:
   // after it has handed on the end tag, so a context that an object makes from
   // a start tag is at the depth of that element. Contexts driven without a
   // document handler stay at 1: every end tag of their name closes them.
-  void enter() noexcept { ++m_document->depth; }
-  void leave() noexcept { --m_document->depth; }
+  void enter() noexcept { ++*m_depth; }
+  void leave() noexcept { --*m_depth; }
 
 private:
-  // What all contexts of a document share; it lies in the first of them.
-  struct Document
-  {
-    int depth = 1;
-    // Memory that one context collected its text in, for the next one: they
-    // come and go by the ten thousand.
-    std::u16string spareText;
-  };
-  static constexpr std::size_t MAX_SPARE = 16 * 1024; // characters
-
   XmlObjParseContext const* m_parent;
-  Document m_ownDocument;
-  Document* m_document;
+  int m_ownDepth = 1;
+  int* m_depth; // the document's, which lies in its first context
   int m_openedAt;
   // The name of the element, in one of the two.
   std::size_t m_nameLength;
