@@ -7,6 +7,9 @@
 
 #include <gmock/gmock.h>
 
+#include <filesystem>
+#include <functional>
+
 namespace
 {
 
@@ -38,9 +41,13 @@ protected:
   {
     pid_t const service = m_service.process().pid();
     long const before = waitsOf(service);
+    return killedWhen([=] { return waitsOf(service) > before + WAITS_IN_THE_MIDDLE; }, words);
+  }
+
+  Outcome killedWhen(std::function<bool()> const& inTheMiddle, Words const& words)
+  {
     Process command(TQ_BIN_DIR "/tqdiscoctl", words, environment());
-    EXPECT_TRUE(eventually([&] { return waitsOf(service) > before + WAITS_IN_THE_MIDDLE; },
-                           std::chrono::seconds(60)));
+    EXPECT_TRUE(eventually(inTheMiddle, std::chrono::seconds(60)));
     m_service.process().sendSignal(SIGKILL);
     EXPECT_TRUE(m_service.process().wait());
     EXPECT_TRUE(command.wait()) << "it hangs";
@@ -110,9 +117,17 @@ TEST_F(TqdiscoctlKilledTest, whileAllCollectionsAreRead)
 TEST_F(TqdiscoctlFailureTest, aServiceKilledWhileAPayloadIsStored)
 {
   ASSERT_TRUE(m_service.start()) << m_service.log();
-  writeText(m_service / "payload", std::string(std::size_t(512) << 20, 'x'));
+  // As much as is taken at all, killed when a part of it has come.
+  writeText(m_service / "payload", std::string(std::size_t(255) << 20, 'x'));
+  std::string const temporary = m_service.database() + "/0.updating";
+  auto const partHasCome = [&]
+  {
+    std::error_code error;
+    auto const size = std::filesystem::file_size(temporary, error);
+    return !error && size > (std::size_t(1) << 20);
+  };
   Outcome const outcome =
-      killedWhile({"put", "web1", "disks", m_service / "payload", "--unchecked"});
+      killedWhen(partHasCome, {"put", "web1", "disks", m_service / "payload", "--unchecked"});
   expectNotReachable(outcome);
   EXPECT_THAT(outcome.errors, HasSubstr("not stored"));
 }
