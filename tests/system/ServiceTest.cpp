@@ -30,6 +30,15 @@ bool hasReported(LiveService const& service, std::set<std::string> const& author
   return std::includes(found.begin(), found.end(), authorities.begin(), authorities.end());
 }
 
+bool startsAndReports(LiveService& service)
+{
+  return service.start() && eventually(
+                                [&] {
+                                  return hasReported(service, {"host", "filesystem"});
+                                },
+                                std::chrono::seconds(60));
+}
+
 // Where a service manager would listen.
 class Manager
 {
@@ -77,13 +86,7 @@ bool accepts(unsigned short port)
 TEST(ServiceTest, theExplorersReportSoonAfterTheStart)
 {
   LiveService service(LiveService::WITH_EXPLORERS);
-  ASSERT_TRUE(service.start()) << service.log();
-  ASSERT_TRUE(eventually(
-      [&] {
-        return hasReported(service, {"host", "filesystem"});
-      },
-      std::chrono::seconds(60)))
-      << service.log();
+  ASSERT_TRUE(startsAndReports(service)) << service.log();
   for (auto const& record : stored(service))
   {
     EXPECT_FALSE(record["expired"].get<bool>()) << record;
@@ -152,13 +155,7 @@ TEST(ServiceTest, tellsTheServiceManagerOfStartAndStopInOrder)
 TEST(ServiceTest, startsAgainOnTheSameRootAndKeepsWhatIsStored)
 {
   LiveService service(LiveService::WITH_EXPLORERS);
-  ASSERT_TRUE(service.start()) << service.log();
-  ASSERT_TRUE(eventually(
-      [&] {
-        return hasReported(service, {"host", "filesystem"});
-      },
-      std::chrono::seconds(60)))
-      << service.log();
+  ASSERT_TRUE(startsAndReports(service)) << service.log();
   ASSERT_EQ(service.stop(), 0) << service.log();
   writeText(service.database() + "/3.updating", "left behind");
 
@@ -176,13 +173,7 @@ TEST(ServiceTest, startsAgainOnTheSameRootAndKeepsWhatIsStored)
 TEST(ServiceTest, aKilledServiceStartsAgainOnTheSameRoot)
 {
   LiveService service(LiveService::WITH_EXPLORERS);
-  ASSERT_TRUE(service.start()) << service.log();
-  ASSERT_TRUE(eventually(
-      [&] {
-        return hasReported(service, {"host", "filesystem"});
-      },
-      std::chrono::seconds(60)))
-      << service.log();
+  ASSERT_TRUE(startsAndReports(service)) << service.log();
   EXPECT_EQ(service.stop(SIGKILL), 128 + SIGKILL);
   ASSERT_TRUE(service.start()) << service.log();
   EXPECT_TRUE(accepts(service.port()));
