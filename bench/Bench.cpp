@@ -64,22 +64,26 @@ void require(bool condition, char const* what)
 
 std::vector<double> alternate(Settings const& settings, std::vector<Side> const& sides, int rounds)
 {
-  std::vector<std::vector<double>> times(sides.size());
+  std::vector<std::vector<double>> shares(sides.size());
+  std::vector<double> totals;
   for (int round = 0; round <= rounds; ++round)
   {
+    std::vector<std::optional<double>> times(sides.size());
+    double total = 0;
     for (std::size_t i = 0; i < sides.size(); ++i)
-    {
-      if (!settings.side.empty() && settings.side != sides[i].name)
-        continue;
-      double const seconds = sides[i].round();
-      if (round > 0)
-        times[i].push_back(seconds);
-    }
+      if (settings.side.empty() || settings.side == sides[i].name)
+        total += times[i].emplace(sides[i].round());
+    if (round == 0)
+      continue;
+    totals.push_back(total);
+    for (std::size_t i = 0; i < sides.size(); ++i)
+      if (times[i])
+        shares[i].push_back(*times[i] / total);
   }
   std::vector<double> medians;
-  for (auto& side : times)
-    medians.push_back(side.empty() ? std::numeric_limits<double>::quiet_NaN()
-                                   : median(std::move(side)));
+  for (auto& share : shares)
+    medians.push_back(share.empty() ? std::numeric_limits<double>::quiet_NaN()
+                                    : median(std::move(share)) * median(totals));
   return medians;
 }
 

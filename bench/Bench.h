@@ -46,8 +46,10 @@ struct Side
 
 // Runs one round of each side, then the next of each, and so on, so that
 // whatever else the machine does hits all sides alike. The first round of each
-// only warms up. The median of each side, in their order; NaN for a side that
-// the settings leave out.
+// only warms up. The result is, for each side in their order, its median share
+// of a round, as seconds of the median round: a rented processor changes its
+// speed from one second to the next, by half and more, and only what ran in
+// one round can be compared. NaN for a side that the settings leave out.
 std::vector<double> alternate(Settings const& settings, std::vector<Side> const& sides, int rounds);
 
 double median(std::vector<double> values);

@@ -14,8 +14,10 @@ namespace
 
 constexpr char SOURCE[] = "DefaultExplorerDataParser";
 
-// What most explorers write of one thing fits in, or in twice as much.
-constexpr std::size_t FIRST_CAPACITY = 256;
+// What most explorers write of one thing fits in. It is no larger than what a
+// thread's allocator has at hand again at once: the text moves out of it when it
+// is complete, for items are kept by the ten thousand.
+constexpr std::size_t FIRST_CAPACITY = 1000;
 
 class DefaultExplorerParserContext final : public XmlObjParseContext
 {
@@ -105,6 +107,7 @@ XmlObjParseContext* DefaultExplorerDataParser::getParseContext(OzfString const& 
 ExplorerData* DefaultExplorerDataParser::getExplorerData(XmlObjParseContext* context)
 {
   auto& own = ownContext(context, "DefaultExplorerDataParser::getExplorerData");
+  own.data()->text().shrink_to_fit();
   return AutoDereference<DefaultExplorerData>(own.data()).release();
 }
 

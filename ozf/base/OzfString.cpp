@@ -1,5 +1,7 @@
 #include "ozf/base/OzfString.h"
 
+#include "ozf/base/AsciiRun.h"
+
 #include <ostream>
 
 namespace Quillon::Tessarine::Ozf
@@ -50,19 +52,7 @@ OzfString::OzfString(std::u16string_view text) { appendUtf8(m_text, text); }
 
 void appendUtf8(std::string& out, std::u16string_view text)
 {
-  // Nearly every text is plain ASCII and becomes bytes in one go.
-  std::size_t const before = out.size();
-  out.resize(before + text.size());
-  char* to = out.data() + before;
-  char16_t seen = 0;
-  for (char16_t const unit : text)
-  {
-    seen |= unit;
-    *to++ = static_cast<char>(unit);
-  }
-  if (seen < 0x80)
-    return;
-  out.resize(before);
+  text.remove_prefix(appendAscii(out, text, [](char16_t unit) { return unit < 0x80; }));
   for (std::size_t i = 0; i < text.size(); ++i)
   {
     char32_t point = text[i];

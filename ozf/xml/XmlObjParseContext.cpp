@@ -8,6 +8,10 @@ namespace Quillon::Tessarine::Ozf
 namespace
 {
 
+// What most texts fit in. Contexts are made for single elements, and a text
+// that grows into its place costs more than the place.
+constexpr std::size_t FIRST_CAPACITY = 120;
+
 // In one pass, which ends at the NUL of a shorter name at the latest.
 bool isSame(std::u16string_view own, XMLCh const* name)
 {
@@ -44,6 +48,8 @@ OzfString XmlObjParseContext::text() const { return OzfString(std::u16string_vie
 
 void XmlObjParseContext::appendText(XMLCh const* chars, unsigned long length)
 {
+  if (m_text.capacity() < FIRST_CAPACITY)
+    m_text.reserve(FIRST_CAPACITY);
   m_text.append(chars, length);
 }
 

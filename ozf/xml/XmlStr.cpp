@@ -1,7 +1,8 @@
 #include "ozf/xml/XmlStr.h"
 
+#include "ozf/base/AsciiRun.h"
+
 #include <algorithm>
-#include <array>
 #include <ostream>
 
 namespace Quillon::Tessarine::Ozf
@@ -84,14 +85,12 @@ void appendUtf8(std::string& out, char32_t c)
   out += static_cast<char>(0x80 | (c & 0x3F));
 }
 
-// Whether a byte is a character that stays as it is in every encoding.
-constexpr std::array<bool, 256> STAYS = []
+// Whether a character stays as it is in every encoding. Without a table, so
+// that a compiler can ask it of many at a time.
+constexpr bool stays(char32_t c)
 {
-  std::array<bool, 256> stays{};
-  for (std::size_t c = 0x20; c < 0x80; ++c)
-    stays[c] = c != '&' && c != '<' && c != '>' && c != '"' && c != '\'';
-  return stays;
-}();
+  return c >= 0x20 && c < 0x80 && c != '&' && c != '<' && c != '>' && c != '"' && c != '\'';
+}
 
 void appendCharacter(std::string& out, char32_t c, XmlStr::Encoding encoding, char32_t last)
 {
@@ -142,7 +141,7 @@ void XmlStr::append(std::string& out, OzfString const& text, Encoding encoding)
   {
     // Nearly every text is one such run.
     auto const end = std::find_if(rest.begin(), rest.end(),
-                                  [](char c) { return !STAYS[static_cast<unsigned char>(c)]; });
+                                  [](char c) { return !stays(static_cast<unsigned char>(c)); });
     auto const run = static_cast<std::size_t>(end - rest.begin());
     out.append(rest, 0, run);
     rest.remove_prefix(run);
@@ -160,20 +159,10 @@ void XmlStr::append(std::string& out, std::u16string_view text, Encoding encodin
 {
   if (lastCharacter(encoding) == 0)
     return;
-  // Nearly every text stays as it is and becomes bytes in one go.
-  std::size_t const before = out.size();
-  out.resize(before + text.size());
-  char* to = out.data() + before;
-  bool plain = true;
-  for (char16_t const unit : text)
-  {
-    plain &= unit < STAYS.size() && STAYS[unit];
-    *to++ = static_cast<char>(unit);
-  }
-  if (plain)
-    return;
-  out.resize(before);
-  append(out, OzfString(text), encoding);
+  // Nearly every text stays as it is.
+  text.remove_prefix(appendAscii(out, text, [](char16_t unit) { return stays(unit); }));
+  if (!text.empty())
+    append(out, OzfString(text), encoding);
 }
 
 XmlStr::XmlStr(std::u16string_view text, Encoding encoding) : XmlStr(OzfString(text), encoding) {}

@@ -75,6 +75,17 @@ TEST(OzfString, BytesThatAreNotUtf8AreReplacedOneByOne)
   EXPECT_EQ(OzfString("\xe6\x97").toUtf16(), u"\uFFFD\uFFFD");
 }
 
+// Wherever it stands among characters that are copied many at a time.
+TEST(AppendUtf8, AStrangeCharacterIsKeptAtEveryPlaceOfALongText)
+{
+  for (std::size_t before = 0; before < 140; ++before)
+  {
+    std::string out = "kept ";
+    appendUtf8(out, std::u16string(before, u'a') + u"\U0001F600" + std::u16string(100, u'b'));
+    EXPECT_EQ("kept " + std::string(before, 'a') + "\xF0\x9F\x98\x80" + std::string(100, 'b'), out);
+  }
+}
+
 TEST(DecodeUtf8, AcceptsWellFormedSequences)
 {
   char32_t point = 0;

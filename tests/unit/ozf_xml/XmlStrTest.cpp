@@ -119,6 +119,18 @@ TEST(XmlStr, Utf16IsAppendedAsItsUtf8Is)
   EXPECT_EQ("aplain", out);
 }
 
+// Wherever it stands among characters that are copied many at a time.
+TEST(XmlStr, AMarkupCharacterIsEscapedAtEveryPlaceOfALongText)
+{
+  for (std::size_t before = 0; before < 140; ++before)
+  {
+    std::u16string const text = std::u16string(before, u'a') + u'&' + std::u16string(100, u'b');
+    std::string out = "kept ";
+    XmlStr::append(out, std::u16string_view(text), XmlStr::UTF_8);
+    EXPECT_EQ("kept " + std::string(before, 'a') + "&amp;" + std::string(100, 'b'), out);
+  }
+}
+
 TEST(XmlStr, EmptyTextIsATextAndAnUnknownEncodingHasNone)
 {
   EXPECT_STREQ("", XmlStr(OzfString(), XmlStr::UTF_8).text());
