@@ -18,6 +18,9 @@ namespace
 constexpr char SOURCE[] = "RemoteDB";
 constexpr std::size_t FIRST_CAPACITY = 1024;
 
+// Below it, copying costs less than another block to walk over.
+constexpr std::size_t LEAST_TAKEN_OVER = 16 * 1024;
+
 // A file that has no name any more. Invalid, with errno, when there is none.
 UniqueFd openNameless(std::string const& folder)
 {
@@ -56,11 +59,30 @@ void PayloadCache::clear()
   m_mayUseFile = true;
 }
 
+// Before count bytes are added.
+void PayloadCache::chooseStore(std::size_t count)
+{
+  if (!inFile() && m_mayUseFile && m_size + count > MOST_IN_MEMORY)
+    m_mayUseFile = moveToFile();
+}
+
+bool PayloadCache::append(Piece bytes, std::size_t count)
+{
+  chooseStore(count);
+  if (inFile() || count < LEAST_TAKEN_OVER)
+    return append(bytes.get(), count);
+  if (m_size < m_capacity)
+    m_blocks.back().capacity -= m_capacity - m_size;
+  m_blocks.emplace_back(std::move(bytes), count);
+  m_size += count;
+  m_capacity = m_size;
+  return true;
+}
+
 bool PayloadCache::append(char const* bytes, std::size_t count)
 {
   constexpr char OPERATION[] = "PayloadCache::append";
-  if (!inFile() && m_mayUseFile && m_size + count > MOST_IN_MEMORY)
-    m_mayUseFile = moveToFile();
+  chooseStore(count);
   if (inFile() && !appendToFile(bytes, count))
   {
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
@@ -33,8 +34,11 @@ public:
   explicit PayloadCache(std::vector<std::string> folders = temporaryFolders());
 
   void clear();
-  // False, with a log line, when what was held before cannot be had any more.
+  // Both: false, with a log line, when what was held before cannot be had any
+  // more. The second takes a large piece over as it is.
   bool append(char const* bytes, std::size_t count);
+  using Piece = std::unique_ptr<char[], void (*)(char*)>;
+  bool append(Piece bytes, std::size_t count);
   std::size_t size() const noexcept { return m_size; }
 
   // Copies up to count bytes from position on and returns how many; 0 at the
@@ -47,14 +51,16 @@ private:
   struct Block
   {
     explicit Block(std::size_t size)
-        : bytes(std::make_unique_for_overwrite<char[]>(size)), capacity(size)
+        : Block(Piece(new char[size], [](char* memory) { delete[] memory; }), size)
     {
     }
+    Block(Piece piece, std::size_t size) : bytes(std::move(piece)), capacity(size) {}
 
-    std::unique_ptr<char[]> bytes;
+    Piece bytes;
     std::size_t capacity;
   };
 
+  void chooseStore(std::size_t count);
   void appendToMemory(char const* bytes, std::size_t count);
   void readFromMemory(std::size_t position, std::size_t count, char* buffer) const;
   bool appendToFile(char const* bytes, std::size_t count);

@@ -111,6 +111,7 @@ private:
   bool openRead(char const* filter);
   bool openWrite();
   bool fetch(Remote::CollectionDataIterator_ptr iterator);
+  bool keep(Remote::CollectionDataSeq& page); // empties it
   void fillRecord(Remote::Discovery& record) const;
   Remote::DiscoveryService_ptr connect() const;
 

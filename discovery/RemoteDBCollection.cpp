@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <utility>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
@@ -133,7 +134,7 @@ bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr remote)
               "Shutting down, gave up the collection data from " << m_discovery->sourceHost.in());
       return false;
     }
-    Remote::CollectionDataSeq_var const page = iterator->getNextPage();
+    Remote::CollectionDataSeq_var page = iterator->getNextPage();
     if (page->length() == 0)
     {
       if (calls == 1)
@@ -153,9 +154,24 @@ bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr remote)
               "Collection data from " << m_discovery->sourceHost.in() << " comes too slowly");
       return false;
     }
-    if (!m_cache.append(reinterpret_cast<char const*>(page->get_buffer()), page->length()))
+    if (!keep(page.inout()))
       return false;
   }
+}
+
+bool RemoteCollectionData::keep(Remote::CollectionDataSeq& page)
+{
+  CORBA::ULong const count = page.length();
+  // Null when the bytes are not the page's own.
+  CORBA::Octet* const bytes = page.get_buffer(true);
+  if (bytes == nullptr)
+    return m_cache.append(reinterpret_cast<char const*>(std::as_const(page).get_buffer()), count);
+  return m_cache.append(PayloadCache::Piece(reinterpret_cast<char*>(bytes),
+                                            [](char* piece) {
+                                              Remote::CollectionDataSeq::freebuf(
+                                                  reinterpret_cast<CORBA::Octet*>(piece));
+                                            }),
+                        count);
 }
 
 long RemoteCollectionData::readCollection(unsigned long len, void* buf) const

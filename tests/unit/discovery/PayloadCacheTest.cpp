@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <sys/resource.h>
 #include <vector>
@@ -43,6 +44,13 @@ std::string contentOf(PayloadCache const& cache, std::size_t step = 100'000)
   return all;
 }
 
+PayloadCache::Piece makePiece(std::string const& bytes)
+{
+  PayloadCache::Piece piece(new char[bytes.size()], [](char* memory) { delete[] memory; });
+  std::copy(bytes.begin(), bytes.end(), piece.get());
+  return piece;
+}
+
 struct PayloadCacheTest : testing::Test
 {
   TempDir folder;
@@ -69,6 +77,26 @@ struct FileLimit
 };
 
 } // namespace
+
+// Large and small, taken over and copied, up to a file and on.
+TEST_F(PayloadCacheTest, PiecesThatAreTakenOverStandInTheirOrder)
+{
+  PayloadCache cache({folder.path()});
+  std::string const bytes = makeBytes(MOST + 300'000);
+  std::string expected;
+  for (std::size_t const size : {10u, 20'000u, 100u, 65'536u, 1u, 15'000u, 16'384u, 16'383u,
+                                 200'000u, 5'000'000u - 500'000u, 70'000u, 3u})
+  {
+    std::string const piece = bytes.substr(expected.size() % 1000, size);
+    ASSERT_TRUE(cache.append(makePiece(piece), piece.size()));
+    expected += piece;
+    ASSERT_TRUE(cache.append("small", 5));
+    expected += "small";
+    ASSERT_EQ(cache.size(), expected.size());
+    EXPECT_EQ(cache.inFile(), expected.size() > MOST);
+    EXPECT_TRUE(contentOf(cache, 7'777) == expected) << size;
+  }
+}
 
 TEST_F(PayloadCacheTest, ASmallPayloadStaysInMemory)
 {
