@@ -48,14 +48,11 @@ EOF
 done
 
 # What the person who plays types: "on HOST start", "on HOST tqdiscoctl ...".
-cat > "$fleet/on" <<EOF
-#!/bin/bash
+{
+  printf '#!/bin/bash\nfleet=%q\nPATH=%q:$PATH\n' "$fleet" "$bin"
+  cat <<'EOF'
 # on HOST start|stop|kill|hang|resume|log, or on HOST COMMAND ARGUMENTS
 set -eu
-fleet=$fleet
-PATH=$bin:\$PATH
-EOF
-cat >> "$fleet/on" <<'EOF'
 hosts=$(cd "$fleet" && echo */)
 if [ $# -lt 2 ] || [ ! -d "$fleet/$1" ]; then
   echo "usage: on HOST start|stop|kill|hang|resume|log" >&2
@@ -100,6 +97,7 @@ log) exec less "$log" ;;
 *) shift && exec "$@" ;;
 esac
 EOF
+} > "$fleet/on"
 chmod 755 "$fleet/on"
 
 echo "Starting a fleet on 127.0.1.1 to 127.0.1.5, port $port:"
@@ -141,14 +139,14 @@ cat <<EOF
 
 The fleet goes on. In another terminal:
 
-  cd $fleet
-  export PATH=$bin:\$PATH
+  cd $(printf %q "$fleet")
+  export PATH=$(printf %q "$bin"):\$PATH
 
   tqdiscoctl --master 127.0.1.1:$port query     # what the master knows
   ./on 95web tqdiscoctl hosts                 # the same fleet as 95web sees it
   ./on 95web tqdiscoctl show 96db volume      # disks of 96db, through the master
   ./on 95web tqdiscoctl --verbose show 23media volume   # asked of 23media itself
-  ./on 4master tqdiscoctl push --all          # let every host report now
+  ./on 4master tqdiscoctl push --all          # move every host's next pass
   ./on 95web hang                             # a host that does not answer
   ./on 95web resume
   ./on 4master stop; ./on 4master start       # a restart of the master

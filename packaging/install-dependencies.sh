@@ -27,7 +27,8 @@ else
 fi
 
 echo "Installing:$missing"
-export DEBIAN_FRONTEND=noninteractive
-$as_root apt-get update -qq
+# Set behind sudo, which clears the environment.
+apt_get="$as_root env DEBIAN_FRONTEND=noninteractive apt-get"
+$apt_get update -qq
 # shellcheck disable=SC2086
-$as_root apt-get install -y -qq --no-install-recommends $missing >/dev/null
+$apt_get install -y -qq --no-install-recommends $missing >/dev/null

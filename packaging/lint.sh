@@ -2,7 +2,7 @@
 # Checks the sources with clang-tidy and cppcheck. Usage: lint.sh <build directory>
 set -eu
 build=$1
-sources=$(git ls-files 'ozf/*.cpp' 'discovery/*.cpp' 'explorers/*.cpp' 'host/*.cpp' 'tools/*.cpp')
+sources=$(find ozf discovery explorers host tools -name '*.cpp' | sort)
 # shellcheck disable=SC2086
 cppcheck --quiet --std=c++20 --enable=warning,performance,portability --inline-suppr \
   --error-exitcode=1 --suppress=unknownMacro --suppress=missingInclude -I . $sources

@@ -71,14 +71,14 @@ cat <<EOF
 
 The service goes on exploring. In another terminal:
 
-  export TESSARINE_ROOT=$root PATH=$bin:\$PATH
+  export TESSARINE_ROOT=$(printf %q "$root") PATH=$(printf %q "$bin"):\$PATH
 
   tqdiscoctl status           # is it up, and how do the explorers fare?
   tqdiscoctl query            # what is known
   tqdiscoctl items            # what is in it
   tqdiscoctl show $name volume    # the disks, read on demand
   tqdiscoctl db verify        # is every file of the database sound?
-  less \$TESSARINE_ROOT/log/tqdisco.log
+  less "\$TESSARINE_ROOT/log/tqdisco.log"
 
 Ctrl-C stops the service and removes the product root.
 EOF
