@@ -8,6 +8,7 @@ FUZZ_SECONDS ?= 60
 help:
 	@echo "make run    build, start a master on this machine and show what it finds"
 	@echo "make fleet  the same with a fleet of five hosts, to play with"
+	@echo "            both: PORT=... for another port than 27511"
 	@echo "make test   build and run every test, plain, under the sanitizers, and by fuzzing"
 	@echo "make bench  build and run the benchmarks, print the table"
 	@echo "make test-tsan  run the threaded tests under ThreadSanitizer"

@@ -181,7 +181,7 @@ int main(int argc, char** argv)
       ->check(CLI::PositiveNumber);
   app.add_option("--only", only,
                  "run these only: persist, enumerate, lookup, parse, items, query, payload, write, "
-                 "fleet, idle, memory");
+                 "fleet, idle, scale, memory");
   app.add_option("--side", settings.side,
                  "run one side only, for a tracer or a profiler: product, floor, sqlite");
   CLI11_PARSE(app, argc, argv);
