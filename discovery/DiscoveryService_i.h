@@ -3,7 +3,7 @@
 //
 // What comes from the network is checked before it is used: names that are
 // empty where one is needed, or longer than MAX_WIRE_NAME bytes, are answered with
-// a status or BAD_PARAM.
+// a status, a query with COMM_FAILURE, and a registration is dropped with a line.
 
 #pragma once
 

@@ -82,7 +82,9 @@ bool RemoteExplorerPull::copyCollection(DiscoveryQuery query, Authority const& a
   if (!iterator->failure().empty())
   {
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
-            "Caught CORBA Exception while querying for discoveries: " << iterator->failure());
+            (iterator->raised() ? "Caught CORBA Exception while querying for discoveries: "
+                                : "Failed to fetch discoveries: ")
+                << iterator->failure());
     return false;
   }
   AutoDereference<Discovery> const found(iterator->getNext());

@@ -131,6 +131,7 @@ RemoteDiscoveryIterator::RemoteDiscoveryIterator(AuthorityType const& type,
   catch (CORBA::Exception const& exception)
   {
     m_failure = corbaExceptionText(exception);
+    m_raised = true;
   }
   if (m_failure.empty())
     return;

@@ -8,6 +8,7 @@
 #include "discovery/DiscDB.h"
 #include "discovery/DiscData.h"
 #include "discovery/PayloadCache.h"
+#include "discovery/RemoteDBDrain.h"
 #include "ozf/orb/Corba.h"
 
 #include <DiscoveryServiceC.h>
@@ -102,7 +103,9 @@ public:
   // From what open fetched; -1 when that cannot be read any more.
   long readCollection(unsigned long len, void* buf) const override;
 
-  // Sends the bytes, at most 1,024 a call.
+  // Sends the bytes, at most 1,024 a call; 0 when one failed, or when the calls
+  // since open have taken too long (DrainLimit). The time between two writes is
+  // the writer's own.
   long writeCollection(unsigned long len, void const* buf) const override;
 
 private:
@@ -121,6 +124,8 @@ private:
   Authority const* m_authority = nullptr;
   CollectionAttributes const* m_attributes = nullptr;
   Remote::RemoteWriter_var m_writer; // from openWrite to persist
+  mutable DrainLimit m_putLimit;     // of m_writer; runs while calls are made
+  mutable std::size_t m_puts = 0;
   bool m_cached = false;
   PayloadCache m_cache;
   mutable std::size_t m_position = 0;
@@ -171,11 +176,16 @@ public:
   // The text of the failure that ended the fetch; empty when it was complete.
   std::string const& failure() const noexcept { return m_failure; }
 
+  // Whether that is the text of a CORBA exception, and not of a bound or the
+  // end of the service.
+  bool raised() const noexcept { return m_raised; }
+
 private:
   void fetch(Remote::DiscoveryIterator_ptr remote);
 
   std::deque<std::unique_ptr<Remote::Discovery>> m_records;
   std::string m_failure;
+  bool m_raised = false;
 };
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -3,7 +3,6 @@
 #include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryLoopGuard.h"
 #include "discovery/DiscoveryRepository.h"
-#include "discovery/RemoteDBDrain.h"
 #include "discovery/RemoteDB.h"
 #include "discovery/RemoteDBWire.h"
 #include "ozf/base/OzfHostname.h"
@@ -238,6 +237,9 @@ bool RemoteCollectionData::openWrite()
       return false;
     }
     m_writer = writer._retn();
+    m_putLimit = {};
+    m_putLimit.pause();
+    m_puts = 0;
     return true;
   }
   catch (CORBA::Exception const& exception)
@@ -254,10 +256,24 @@ long RemoteCollectionData::writeCollection(unsigned long len, void const* buf) c
   constexpr char OPERATION[] = "RemoteCollectionData::writeCollection";
   OZF_ASSERT(!CORBA::is_nil(m_writer.in()), "NULL != m_writer", SOURCE, OPERATION);
   auto const* bytes = static_cast<char const*>(buf);
+  struct Running
+  {
+    explicit Running(DrainLimit& stopped) : limit(stopped) { limit.resume(); }
+    ~Running() { limit.pause(); }
+    DrainLimit& limit;
+  } const running(m_putLimit);
   try
   {
     for (unsigned long left = len; left != 0;)
     {
+      if (running.limit.exceeded(m_puts))
+      {
+        OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+                "The master takes the collection data too slowly");
+        OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to write buffer");
+        return 0;
+      }
+      ++m_puts;
       unsigned long const size = std::min(left, CHUNK_SIZE);
       Remote::CollectionDataSeq chunk;
       chunk.length(static_cast<CORBA::ULong>(size));

@@ -1,4 +1,4 @@
-// How long another host may take to hand over an answer.
+// How long another host may take to hand over an answer, or to take a payload.
 
 #pragma once
 
@@ -13,10 +13,10 @@ namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
 
 // Each call to a peer has its time-out; this bounds all the calls that fetch
-// one answer. A peer that answers just before every time-out would hold a
-// thread fifteen times as long. After a minute the calls must have taken less
-// than two seconds on average, whatever they brought: pages may be as small as
-// eight bytes, and each costs a round trip.
+// one answer, or send one payload. A peer that answers just before every
+// time-out would hold a thread fifteen times as long. After a minute the calls
+// must have taken less than two seconds on average, whatever they carried:
+// pages may be as small as eight bytes, and each costs a round trip.
 class TQ_EXPORT DrainLimit
 {
 public:
@@ -24,6 +24,10 @@ public:
 
   // Counts from now on.
   DrainLimit() : m_clock(s_clock), m_start(m_clock()) {}
+
+  // What passes between the two is not the peer's doing, and is not counted.
+  void pause() { m_paused = m_clock(); }
+  void resume() { m_start += m_clock() - m_paused; }
 
   // Whether that many calls have taken too long.
   bool exceeded(std::size_t calls) const
@@ -39,8 +43,9 @@ public:
 private:
   static inline std::atomic<Clock> s_clock{&std::chrono::steady_clock::now};
 
-  Clock const m_clock;
-  std::chrono::steady_clock::time_point const m_start;
+  Clock m_clock;
+  std::chrono::steady_clock::time_point m_start;
+  std::chrono::steady_clock::time_point m_paused;
 };
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -244,6 +244,17 @@ TEST_F(ExplorerRemotePullTest, ExceptionOfTheRecordsIsAFailure)
   EXPECT_FALSE(m_log.has(1, OPERATION, "No records found!"));
 }
 
+// Its line for exceptions is for those alone.
+TEST_F(ExplorerRemotePullTest, AFetchGivenUpForAnotherReasonIsNoException)
+{
+  auto* const records = serveRecords({{makeRecord()}, {makeRecord()}});
+  records->beforePage = [] { getDiscoveryRepository().shutdown(); };
+  EXPECT_FALSE(request());
+  EXPECT_TRUE(m_log.has(1, OPERATION, "Failed to fetch discoveries: shutting down"))
+      << m_log.text();
+  EXPECT_FALSE(hasText("Caught CORBA Exception")) << m_log.text();
+}
+
 TEST_F(ExplorerRemotePullTest, ConcurrentRequestsAreIndependent)
 {
   m_service->makeRecords = [this]

@@ -32,7 +32,7 @@ struct RemoteDBDrainTest : testing::Test
   DrainLimit const limit;
 };
 
-// What is fetched through the ORB.
+// What is fetched and sent through the ORB.
 struct RemoteDBSlowPeerTest : RemoteServiceTest
 {
   TestClock const clock;
@@ -43,6 +43,21 @@ struct RemoteDBSlowPeerTest : RemoteServiceTest
         getRemoteDiscoveryDatabase().newDiscovery(new Remote::Discovery(makeRecord())));
     return discovery->open(OM_READ, "");
   }
+  // Open to be written.
+  AutoDereference<Discovery> writer() const
+  {
+    AutoDereference<Discovery> discovery(
+        getRemoteDiscoveryDatabase().newDiscovery(DQ_DISCOVERY_DATA));
+    discovery->setSubject(new Subject("subject"));
+    discovery->setAuthority(new Authority("authority", AT_TQUCLIENT));
+    EXPECT_EQ(discovery->open(OM_UPDATE, ""), DS_SUCCESS) << m_log.text();
+    return discovery;
+  }
+  static long write(Discovery& discovery, std::size_t size)
+  {
+    std::string const bytes(size, 'x');
+    return discovery.getCollectionData()->writeCollection(size, bytes.data());
+  }
   AutoDereference<RemoteDiscoveryIterator> query() const
   {
     return AutoDereference<RemoteDiscoveryIterator>(
@@ -51,6 +66,7 @@ struct RemoteDBSlowPeerTest : RemoteServiceTest
 };
 
 constexpr char OPEN_READ[] = "RemoteCollectionData::openRead";
+constexpr char WRITE[] = "RemoteCollectionData::writeCollection";
 
 } // namespace
 
@@ -118,6 +134,69 @@ TEST_F(RemoteDBSlowPeerTest, RecordsThatTakeThreeSecondsAPageAreCutOff)
   EXPECT_FALSE(AutoDereference<Discovery>(iterator->getNext()));
   EXPECT_EQ(records->pagesAsked, 61);
   EXPECT_EQ(records->releases, 1);
+}
+
+TEST_F(RemoteDBSlowPeerTest, ManyPiecesOverALongWayAreNoSlowMaster)
+{
+  auto* const master = serveWriter();
+  master->beforePut = [] { TestClock::advance(seconds(1)); };
+  auto const discovery = writer();
+  EXPECT_EQ(write(*discovery, 100 * 1024), 1) << m_log.text();
+  EXPECT_EQ(write(*discovery, 100 * 1024), 1) << m_log.text();
+  EXPECT_EQ(master->chunks.size(), 200U);
+}
+
+TEST_F(RemoteDBSlowPeerTest, AMasterThatTakesThreeSecondsAPieceIsGivenUp)
+{
+  auto* const master = serveWriter();
+  master->beforePut = [] { TestClock::advance(seconds(3)); };
+  auto const discovery = writer();
+  EXPECT_EQ(write(*discovery, 100 * 1024), 0);
+  EXPECT_EQ(master->chunks.size(), 61U) << "three seconds each are a minute more than two";
+  EXPECT_EQ(m_log.count(1, WRITE, "The master takes the collection data too slowly"), 1)
+      << m_log.text();
+  EXPECT_EQ(m_log.count(1, WRITE, "Failed to write buffer"), 1) << m_log.text();
+  EXPECT_EQ(write(*discovery, 1), 0);
+  EXPECT_EQ(master->chunks.size(), 61U) << "it is not asked again";
+}
+
+TEST_F(RemoteDBSlowPeerTest, AllWritesOfOnePayloadCountTogether)
+{
+  auto* const master = serveWriter();
+  master->beforePut = [] { TestClock::advance(seconds(3)); };
+  auto const discovery = writer();
+  int written = 0;
+  while (written < 100 && write(*discovery, 8) != 0)
+    ++written;
+  EXPECT_EQ(written, 61);
+  ASSERT_EQ(discovery->open(OM_UPDATE, ""), DS_SUCCESS);
+  EXPECT_EQ(write(*discovery, 8), 1) << "another writer has its own count";
+}
+
+TEST_F(RemoteDBSlowPeerTest, WhatTheWriterTakesItselfIsNotTheMasters)
+{
+  auto* const master = serveWriter();
+  auto const discovery = writer();
+  for (int i = 0; i < 3; ++i)
+  {
+    TestClock::advance(seconds(3600));
+    EXPECT_EQ(write(*discovery, 2000), 1) << m_log.text();
+  }
+  EXPECT_EQ(master->chunks.size(), 6U);
+}
+
+TEST_F(RemoteDBSlowPeerTest, AShutdownLetsAPayloadThatIsBeingSentEnd)
+{
+  auto* const master = serveWriter();
+  master->beforePut = [master]
+  {
+    if (master->chunks.size() == 2)
+      getDiscoveryRepository().shutdown();
+  };
+  auto const discovery = writer();
+  EXPECT_EQ(write(*discovery, 5 * 1024), 1) << m_log.text();
+  EXPECT_EQ(master->chunks.size(), 5U);
+  EXPECT_EQ(discovery->persist(), DS_SUCCESS);
 }
 
 TEST_F(RemoteDBSlowPeerTest, AShutdownEndsTheFetchOfDataAfterThePageInHand)
