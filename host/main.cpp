@@ -83,6 +83,9 @@ int runService(Options const& options)
   switch (service->main(events, started))
   {
   case OrbService::ORDERLY:
+    // To a service manager an end before READY is a failed start.
+    if (!started)
+      sd_notify(0, "READY=1\nSTATUS=Not started, as the configuration says");
     OZF_LOG(getHostLogger(), 1, SOURCE, "main",
             (started ? "Stopped" : "Not started, as the configuration says"));
     return EXIT_ORDERLY;

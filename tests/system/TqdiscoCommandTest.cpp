@@ -243,6 +243,18 @@ TEST_F(TqdiscoCommandTest, aConfigurationThatSaysSoKeepsTheServiceFromStarting)
   EXPECT_THAT(process->errors(), HasSubstr("Not started"));
 }
 
+// A manager takes an end before that for a failed start, and starts it again.
+TEST_F(TqdiscoCommandTest, aServiceThatIsNotToStartIsNoFailedStartToTheManager)
+{
+  configureService("REPORT_CLIENT_DISCOVERIES = false\n");
+  NotifySocket manager(root / "notify");
+  auto const process = start({}, {{"NOTIFY_SOCKET", root / "notify"}});
+  EXPECT_TRUE(manager.await("READY=1\nSTATUS=Not started, as the configuration says"))
+      << process->errors();
+  ASSERT_TRUE(process->wait()) << process->errors();
+  EXPECT_EQ(process->exitCode(), 0) << process->errors();
+}
+
 TEST_F(TqdiscoCommandTest, mistakesOfTheConfigurationAreLoggedAndDoNotStopTheStart)
 {
   configureService("UNHEARD_OF = 1\n");
