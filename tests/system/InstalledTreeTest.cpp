@@ -6,6 +6,7 @@
 
 #include <gmock/gmock.h>
 
+#include <regex>
 #include <set>
 
 namespace
@@ -66,6 +67,7 @@ protected:
 
   std::string prefix() const { return m_root + PREFIX; }
   std::string headers() const { return prefix() + "/include/tessarine"; }
+  fs::path documents() const { return prefix() + "/share/doc/tessarine-discovery"; }
 
   TempDir m_scratch;
   std::string const m_root = m_scratch / "root";
@@ -142,6 +144,30 @@ TEST_F(InstalledTreeTest, namesNoFolderOfTheSourcesOrTheBuild)
         << entry.path();
   }
   EXPECT_GT(read, 40U);
+}
+
+TEST_F(InstalledTreeTest, hasEveryDocumentAndWhatTheDocumentsNameBesides)
+{
+  std::size_t documentCount = 0;
+  std::size_t nameCount = 0;
+  for (auto const& entry : fs::directory_iterator(TQ_SOURCE_DIR "/docs"))
+  {
+    if (entry.path().extension() != ".md")
+      continue;
+    ++documentCount;
+    fs::path const installed = documents() / entry.path().filename();
+    ASSERT_TRUE(fs::exists(installed)) << installed;
+    std::string const text = readText(installed);
+    std::regex const name("`([A-Za-z./-]*\\.md|(?:docs/)?example[A-Za-z./-]*)`");
+    for (std::sregex_iterator match(text.begin(), text.end(), name), end; match != end; ++match)
+    {
+      ++nameCount;
+      EXPECT_TRUE(fs::exists(documents() / (*match)[1].str()))
+          << entry.path() << " names " << (*match)[1];
+    }
+  }
+  EXPECT_GE(documentCount, 11U);
+  EXPECT_GE(nameCount, 10U);
 }
 
 #ifdef TQ_PLAIN_BUILD
