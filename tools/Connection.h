@@ -68,7 +68,6 @@ public:
 
   // "backup1:27511".
   std::string const& place() const noexcept { return m_place; }
-  std::string const& masterName() const noexcept { return m_master; }
 
 private:
   int chooseMaster();

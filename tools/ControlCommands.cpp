@@ -72,10 +72,10 @@ int push(Options const& options, Session const& session)
   if (options.json)
     printJson({{"service", whose(options, connection)}, {"all", options.all}});
   else if (options.all)
-    std::cout << "The master asks every known client to push; each does so within a minute.\n";
+    std::cout << "The master asks every known client to move its next pass to within a minute.\n";
   else
-    std::cout << "The explorers of " << whose(options, connection)
-              << " that are due push within a minute.\n";
+    std::cout << "The next pass over the explorers of " << whose(options, connection)
+              << " that are due comes within a minute.\n";
   return EXIT_DONE;
 }
 
@@ -151,7 +151,7 @@ void addControlCommands(CLI::App& application, Session& session)
   auto const options = std::make_shared<Options>();
 
   CLI::App* const pushCommand = application.add_subcommand(
-      "push", "Have explorers that are due report now instead of at their next turn");
+      "push", "Move the next pass over the explorers that are due to within a minute");
   addHost(*pushCommand, *options);
   pushCommand->add_flag("--all", options->all, "On every host that the master knows")
       ->excludes("--host");

@@ -168,6 +168,13 @@ int show(Options const& options)
     std::cerr << "tqdiscoctl: " << reason << '\n';
     return EXIT_FAILED;
   }
+  if (options.json)
+  {
+    nlohmann::json record = toJson(*matches.front(), OzfObjTime::now());
+    record["payload"] = payload;
+    printJson(record);
+    return EXIT_DONE;
+  }
   std::string text;
   if (options.raw || !indentXml(payload, text, reason))
   {
@@ -235,7 +242,9 @@ void addDbCommands(CLI::App& application, int& exitCode)
       ->add_option("-t,--type", options->type,
                    "The authority's type: server, client, external, remotepull")
       ->type_name("TYPE");
-  showCommand->add_flag("--raw", options->raw, "The bytes as stored, without indentation");
+  auto* const json = showCommand->add_flag("--json", options->json, "As JSON");
+  showCommand->add_flag("--raw", options->raw, "The bytes as stored, without indentation")
+      ->excludes(json);
   showCommand->callback([options, &exitCode] { exitCode = show(*options); });
 
   CLI::App* const verifyCommand = db->add_subcommand(

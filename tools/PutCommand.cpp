@@ -5,6 +5,7 @@
 #include "tools/Output.h"
 #include "tools/XmlText.h"
 
+#include "discovery/RemoteDB.h"
 #include "ozf/base/SystemError.h"
 #include "ozf/xml/QueryExpression.h"
 
@@ -27,7 +28,8 @@ using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
 namespace
 {
 
-constexpr std::size_t MAX_PAYLOAD = std::size_t(1) << 30;
+// The service refuses more.
+constexpr std::size_t MAX_PAYLOAD = RemoteCollectionData::MAX_SIZE;
 constexpr std::size_t CHUNK = 64 * 1024;
 constexpr char STANDARD_INPUT[] = "-";
 
@@ -77,7 +79,7 @@ bool readPayload(std::string const& file, std::string& payload)
   int const error = readAll(input, payload, MAX_PAYLOAD);
   if (error != 0)
     complain("cannot read " + (file == STANDARD_INPUT ? "standard input" : shown(file)) + ": " +
-             (error == EFBIG ? "more than 1 GiB" : errorText(error)));
+             (error == EFBIG ? "more than " + formatSize(MAX_PAYLOAD) : errorText(error)));
   return error == 0;
 }
 

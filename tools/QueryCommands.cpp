@@ -37,11 +37,9 @@ void print(Table const& table)
 int query(Options const& options, Session const& session)
 {
   Connection connection(session.connection);
-  if (int const result = connection.open(); result != EXIT_DONE)
-    return result;
   std::vector<Record> records;
-  if (int const result = queryRecords(options.selection, records); result != EXIT_DONE)
-    return connection.conclude(result);
+  if (int const result = openAndQuery(connection, options.selection, records); result != EXIT_DONE)
+    return result;
 
   if (options.json)
   {
@@ -89,11 +87,9 @@ std::string join(std::set<std::string> const& words)
 int hosts(Options const& options, Session const& session)
 {
   Connection connection(session.connection);
-  if (int const result = connection.open(); result != EXIT_DONE)
-    return result;
   std::vector<Record> records;
-  if (int const result = queryRecords(options.selection, records); result != EXIT_DONE)
-    return connection.conclude(result);
+  if (int const result = openAndQuery(connection, options.selection, records); result != EXIT_DONE)
+    return result;
 
   std::map<std::string, Host> found;
   for (Record const& record : records)

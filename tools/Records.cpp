@@ -4,6 +4,7 @@
 #include "discovery/RemoteDB.h"
 #include "discovery/XMLHelper.h"
 #include "ozf/base/Wildcard.h"
+#include "tools/Connection.h"
 #include "tools/ExitCodes.h"
 #include "tools/Format.h"
 #include "tools/Output.h"
@@ -135,6 +136,13 @@ int queryRecords(Selection const& selection, std::vector<Record>& records, bool 
                      std::tie(b.subject, b.authority, b.type);
             });
   return EXIT_DONE;
+}
+
+int openAndQuery(Connection& connection, Selection const& selection, std::vector<Record>& records)
+{
+  if (int const result = connection.open(); result != EXIT_DONE)
+    return result;
+  return connection.conclude(queryRecords(selection, records));
 }
 
 std::optional<Announcement> announcementOf(Record const& record)

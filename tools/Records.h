@@ -17,6 +17,8 @@ class App;
 namespace tqdiscoctl
 {
 
+class Connection;
+
 // What is asked for. Names are patterns.
 struct Selection
 {
@@ -60,6 +62,10 @@ struct Record
 // and restored. An exit code: EXIT_DONE also when nothing
 // matched; any other after telling the user. quiet: without telling.
 int queryRecords(Selection const& selection, std::vector<Record>& records, bool quiet = false);
+
+// Opens the connection and queries over it, as commands begin that list what
+// the service knows.
+int openAndQuery(Connection& connection, Selection const& selection, std::vector<Record>& records);
 
 // What the host of an explorer told the master about it.
 struct Announcement

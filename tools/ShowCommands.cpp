@@ -272,11 +272,9 @@ int items(Options const& options, Session const& session)
   if (!parseWhere(options.where, query))
     return EXIT_USAGE;
   Connection connection(session.connection);
-  if (int const result = connection.open(); result != EXIT_DONE)
-    return result;
   std::vector<Record> records;
-  if (int const result = queryRecords(options.selection, records); result != EXIT_DONE)
-    return connection.conclude(result);
+  if (int const result = openAndQuery(connection, options.selection, records); result != EXIT_DONE)
+    return result;
 
   if (options.selection.typeName.empty())
     std::erase_if(records, [all = records](Record const& each) { return isShadowed(each, all); });

@@ -8,9 +8,27 @@ _tqdiscoctl()
   local commands="status query hosts show items filters watch put push stop db"
   local command="" dbcommand="" word options i
 
+  # The first word that is no option, nor the value of one, is the command.
+  for ((i = 1; i < COMP_CWORD; i++)); do
+    word=${COMP_WORDS[i]}
+    case $word in
+      -m | --master | --timeout | -d | --directory) ((i++)) ;;
+      -*) ;;
+      *)
+        if [[ -z $command ]]; then
+          command=$word
+        elif [[ $command == db && -z $dbcommand ]]; then
+          dbcommand=$word
+        fi
+        ;;
+    esac
+  done
+
   case $previous in
     -t | --type)
-      mapfile -t COMPREPLY < <(compgen -W "server client external remotepull" -- "$current")
+      options="server client external"
+      [[ $command == put ]] || options+=" remotepull"
+      mapfile -t COMPREPLY < <(compgen -W "$options" -- "$current")
       return
       ;;
     -m | --master | --host)
@@ -27,22 +45,6 @@ _tqdiscoctl()
       ;;
   esac
 
-  # The first word that is no option, nor the value of one, is the command.
-  for ((i = 1; i < COMP_CWORD; i++)); do
-    word=${COMP_WORDS[i]}
-    case $word in
-      -m | --master | --timeout) ((i++)) ;;
-      -*) ;;
-      *)
-        if [[ -z $command ]]; then
-          command=$word
-        elif [[ $command == db && -z $dbcommand ]]; then
-          dbcommand=$word
-        fi
-        ;;
-    esac
-  done
-
   case $command in
     "") options="$commands $everywhere --version" ;;
     status) options="-l --details --json" ;;
@@ -58,7 +60,7 @@ _tqdiscoctl()
     db)
       case $dbcommand in
         "") options="list show verify -d --directory" ;;
-        show) options="-d --directory -t --type --raw" ;;
+        show) options="-d --directory -t --type --json --raw" ;;
         *) options="-d --directory --json" ;;
       esac
       ;;

@@ -135,6 +135,22 @@ TEST_F(TqdiscoctlDbTest, showRawGivesBytesThatAreNoText)
   EXPECT_THAT(shown.errors, HasSubstr("no XML"));
 }
 
+TEST_F(TqdiscoctlDbTest, showAsJsonTellsTheRecordAndThePayload)
+{
+  store("alpha", "host", "<a note=\"\xc3\xa4\">\n</a>", records::AT_EXTSRC, 9);
+  Outcome const outcome = run({"db", "show", "alpha", "host", "--json"});
+  ASSERT_EQ(outcome.exitCode, 0) << outcome.errors;
+  auto shown = nlohmann::json::parse(outcome.output);
+  EXPECT_EQ(shown["payload"], "<a note=\"\xc3\xa4\">\n</a>");
+  shown.erase("payload");
+  EXPECT_EQ(shown, nlohmann::json::parse(run({"db", "list", "--json"}).output)[0]);
+
+  store("beta", "host", "\xff<");
+  EXPECT_EQ(nlohmann::json::parse(run({"db", "show", "beta", "host", "--json"}).output)["payload"],
+            "\xef\xbf\xbd<");
+  EXPECT_EQ(run({"db", "show", "alpha", "host", "--json", "--raw"}).exitCode, 2);
+}
+
 TEST_F(TqdiscoctlDbTest, showAsksForTheTypeWhenThereAreSeveral)
 {
   store("alpha", "host", "<client/>", records::AT_TQUCLIENT);

@@ -267,6 +267,17 @@ TEST_F(TqdiscoctlTest, aLargePayloadArrivesWhole)
   EXPECT_EQ(run({"show", "web1", "disks", "--raw"}).output, payload);
 }
 
+TEST_F(TqdiscoctlTest, aPayloadThatTheServiceWouldRefuseIsNotSent)
+{
+  std::string const file = m_service / "payload";
+  writeText(file, "");
+  std::filesystem::resize_file(file, 256 * 1024 * 1024 + 1);
+  Outcome const outcome = run({"put", "web1", "disks", file, "--unchecked"});
+  EXPECT_EQ(outcome.exitCode, 1);
+  EXPECT_THAT(outcome.errors, HasSubstr("cannot read " + file + ": more than 256 MiB"));
+  EXPECT_EQ(run({"query"}).exitCode, 3);
+}
+
 TEST_F(TqdiscoctlTest, aLowerPriorityDoesNotReplaceAHigherOne)
 {
   store("web1", "disks", itemsDocument(disk("first", "1")), {"--priority", "20"});

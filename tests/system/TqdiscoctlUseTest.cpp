@@ -185,6 +185,10 @@ TEST(TqdiscoctlUseTest, bashCompletesCommandsOptionsAndTypes)
   EXPECT_EQ(completed({"--master", "web1", "qu"}), Names{"query"});
   EXPECT_EQ(completed({"query", "--au"}), Names{"--authority"});
   EXPECT_EQ(completed({"query", "-t", "ex"}), Names{"external"});
+  EXPECT_EQ(completed({"query", "-t", "re"}), Names{"remotepull"});
+  EXPECT_EQ(completed({"put", "web1", "disks", "--type", "re"}), Names{});
+  EXPECT_EQ(completed({"put", "-t", ""}), (Names{"server", "client", "external"}));
+  EXPECT_EQ(completed({"db", "--directory", "/tmp", "sh"}), Names{"show"});
   EXPECT_EQ(completed({"db", ""}),
             (Names{"list", "show", "verify", "-d", "--directory", "-m", "--master", "--timeout",
                    "-v", "--verbose", "-h", "--help"}));
@@ -331,9 +335,10 @@ TEST_F(TqdiscoctlJsonTest, hasTheMembersThatAreDocumentedAndNoOthers)
   EXPECT_EQ(membersOf(read({"push"})), (Names{"service", "all"}));
   Names listed = record;
   listed.erase("onDemand");
-  EXPECT_EQ(membersOf(read({"db", "list"})[0]),
-            both(listed, {"collectionType", "storage", "priority", "payloadBytes", "expired",
-                          "metadataFile", "payloadFile"}));
+  Names const stored = both(listed, {"collectionType", "storage", "priority", "payloadBytes",
+                                     "expired", "metadataFile", "payloadFile"});
+  EXPECT_EQ(membersOf(read({"db", "list"})[0]), stored);
+  EXPECT_EQ(membersOf(read({"db", "show", "web1", "disks"})), both(stored, {"payload"}));
   EXPECT_EQ(membersOf(read({"db", "verify"})),
             (Names{"directory", "discoveries", "temporaryFiles", "problems"}));
 
