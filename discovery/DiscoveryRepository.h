@@ -179,7 +179,11 @@ public:
   Remote::DiscoveryService_ptr connectToRemoteDiscoveryService(OzfHostname const& host,
                                                                char const* serviceName) const;
 
-  // The names of the hosts whose volumes or file systems are known.
+  // The names of the hosts whose volumes or file systems are known. Reads all
+  // those collections, one after the other, those on demand from their hosts:
+  // blocks for the request time-out for every host that does not answer, and
+  // longer for a slow one. Shutting the repository down ends it after the one
+  // in hand, without the names of the others.
   std::set<OzfString> getDiscoveredClientList();
 
   // The end.
@@ -253,7 +257,8 @@ private:
 TQ_EXPORT DiscoveryRepository& getDiscoveryRepository();
 
 // A reference to the discovery service that serviceName publishes on the host;
-// the caller's; nil with a log line when it cannot be had.
+// the caller's; nil with a log line when it cannot be had. Blocks for the
+// resolver, and for the ORB's request time-out at worst.
 TQ_EXPORT Remote::DiscoveryService_ptr connectToRemoteDS(OzfHostname const& host, Orb* orb,
                                                          char const* serviceName);
 

@@ -76,14 +76,14 @@ protected:
 class TQ_EXPORT ExplorerPull : public virtual Explorer
 {
 public:
-  // Writes the collection into target, which is open for that, and returns
-  // true, or false when nothing was produced: the reader then fails to open it.
-  // query says whether the facts or what can be asked for are wanted;
-  // DQ_UNDEFINED, from another host, wants the facts. filterText is the filter
-  // parameters text of the request (FilterParameters), empty when there is
-  // none, never null. The reader waits, and gives up after the request
-  // time-out when it is another host. Several threads may call at the same
-  // time.
+  // Writes the collection into target, which need not be opened (to open it for
+  // update does no harm), and returns true, or false when nothing was produced:
+  // the reader then fails to open it. query says whether the facts or what can
+  // be asked for are wanted; DQ_UNDEFINED, from another host, wants the facts.
+  // filterText is the filter parameters text of the request (FilterParameters),
+  // empty when there is none, never null. The reader waits, and gives up after
+  // the request time-out when it is another host. Several threads may call at
+  // the same time.
   virtual bool collectionRequested(DiscoveryQuery query, Authority const& authority,
                                    Subject const& subject, AutoDereference<OZFRefCounted>& context,
                                    char const* filterText, CollectionData* target) = 0;
