@@ -3,8 +3,7 @@
 #include "discovery/DiscData.h"
 
 #include "discovery/DiscoveryLog.h"
-
-#include <strings.h>
+#include "ozf/base/AsciiCase.h"
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
@@ -56,12 +55,12 @@ Subject::Subject(Uri const& uri, StatusMsg const* status)
 
 bool Subject::operator==(Subject const& other) const
 {
-  return strcasecmp(m_subject.c_str(), other.m_subject.c_str()) == 0;
+  return equalIgnoringCase(m_subject.str(), other.m_subject.str());
 }
 
 bool Subject::operator>(Subject const& other) const
 {
-  return strcasecmp(m_subject.c_str(), other.m_subject.c_str()) > 0;
+  return compareIgnoringCase(m_subject.str(), other.m_subject.str()) > 0;
 }
 
 Authority::Authority(std::string const& name, AuthorityType type, StatusMsg const* status)
@@ -93,12 +92,12 @@ void Authority::setNames(UriAuthority const& authority)
 
 bool Authority::operator==(Authority const& other) const
 {
-  return m_type == other.m_type && strcasecmp(m_name.c_str(), other.m_name.c_str()) == 0;
+  return m_type == other.m_type && equalIgnoringCase(m_name.str(), other.m_name.str());
 }
 
 bool Authority::operator>(Authority const& other) const
 {
-  if (strcasecmp(m_name.c_str(), other.m_name.c_str()) > 0)
+  if (compareIgnoringCase(m_name.str(), other.m_name.str()) > 0)
     return true;
   return static_cast<int>(m_type) > static_cast<int>(other.m_type);
 }

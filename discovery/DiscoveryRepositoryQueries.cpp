@@ -9,11 +9,11 @@
 #include "discovery/ExplorerRemotePull.h"
 #include "discovery/RemoteDB.h"
 #include "discovery/XMLHelper.h"
+#include "ozf/base/AsciiCase.h"
 #include "ozf/orb/Corba.h"
 
 #include <algorithm>
 #include <sstream>
-#include <strings.h>
 #include <vector>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
@@ -31,8 +31,7 @@ constexpr std::size_t MAX_CACHE_RECORD = 1 << 20;
 bool isThisHost(OzfHostname const& host)
 {
   OzfHostname local;
-  return local.setLocal() &&
-         strcasecmp(local.exportNarrow().c_str(), host.exportNarrow().c_str()) == 0;
+  return local.setLocal() && equalIgnoringCase(local.exportNarrow(), host.exportNarrow());
 }
 
 LoopCounter& remoteQueriesInProgress()

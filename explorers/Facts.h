@@ -4,15 +4,14 @@
 
 #pragma once
 
+#include "ozf/base/AsciiCase.h"
 #include "ozf/xml/OzfQuery.h"
 
 #include <cstdint>
-#include <cstring>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
-#include <strings.h>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers
 {
@@ -50,8 +49,7 @@ template <class Thing>
 std::optional<std::string> valueOf(Facts<Thing> facts, Thing const& thing, std::string_view name)
 {
   for (auto const& fact : facts)
-    if (name.size() == std::strlen(fact.name) &&
-        strncasecmp(name.data(), fact.name, name.size()) == 0)
+    if (equalIgnoringCase(name, fact.name))
       return fact.value(thing);
   return std::nullopt;
 }

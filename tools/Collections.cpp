@@ -2,6 +2,7 @@
 
 #include "discovery/FilterParameters.h"
 #include "discovery/Researcher.h"
+#include "ozf/base/AsciiCase.h"
 #include "ozf/xml/QueryExpression.h"
 #include "tools/ExitCodes.h"
 #include "tools/Format.h"
@@ -9,7 +10,6 @@
 
 #include <cmath>
 #include <sstream>
-#include <strings.h>
 
 namespace tqdiscoctl
 {
@@ -208,8 +208,7 @@ bool readAnywhere(Record const& record, bool query, Read read)
 std::string const* Item::find(std::string_view fact) const
 {
   for (auto const& [factName, value] : facts)
-    if (factName.size() == fact.size() &&
-        strncasecmp(factName.data(), fact.data(), fact.size()) == 0)
+    if (equalIgnoringCase(factName, fact))
       return &value;
   return nullptr;
 }

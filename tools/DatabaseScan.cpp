@@ -3,6 +3,7 @@
 #include "discovery/DiscDBDiscovery.h"
 #include "discovery/DiscDBLock.h"
 #include "discovery/XMLHelper.h"
+#include "ozf/base/AsciiCase.h"
 #include "ozf/base/OzfPathname.h"
 #include "ozf/base/SystemError.h"
 #include "ozf/base/Wildcard.h"
@@ -15,7 +16,6 @@
 #include <optional>
 #include <set>
 #include <sstream>
-#include <strings.h>
 #include <sys/stat.h>
 #include <tuple>
 
@@ -128,9 +128,9 @@ std::string examine(std::string const& directory, std::string const& file, Store
 
 bool lessByName(StoredDiscovery const& a, StoredDiscovery const& b)
 {
-  if (int const order = strcasecmp(a.subject.c_str(), b.subject.c_str()); order != 0)
+  if (int const order = compareIgnoringCase(a.subject, b.subject); order != 0)
     return order < 0;
-  if (int const order = strcasecmp(a.authority.c_str(), b.authority.c_str()); order != 0)
+  if (int const order = compareIgnoringCase(a.authority, b.authority); order != 0)
     return order < 0;
   return std::tie(a.type, a.metadataFile) < std::tie(b.type, b.metadataFile);
 }

@@ -1,5 +1,6 @@
 #include "tools/DbCommands.h"
 
+#include "ozf/base/AsciiCase.h"
 #include "ozf/base/SystemError.h"
 #include "ozf/base/Uri.h"
 #include "ozf/config/ProductRoot.h"
@@ -13,7 +14,6 @@
 #include <CLI/CLI.hpp>
 
 #include <iostream>
-#include <strings.h>
 #include <unistd.h>
 
 namespace tqdiscoctl
@@ -118,11 +118,6 @@ int list(Options const& options)
   return EXIT_DONE;
 }
 
-bool sameName(std::string const& a, std::string const& b)
-{
-  return strcasecmp(a.c_str(), b.c_str()) == 0;
-}
-
 int show(Options const& options)
 {
   AuthorityType type = AT_ANYANDALL;
@@ -141,7 +136,8 @@ int show(Options const& options)
   std::string const authority = Uri::percentEncode(options.authority, URI_SHOWN);
   std::vector<StoredDiscovery const*> matches;
   for (StoredDiscovery const& discovery : contents.discoveries)
-    if (sameName(discovery.subject, subject) && sameName(discovery.authority, authority) &&
+    if (equalIgnoringCase(discovery.subject, subject) &&
+        equalIgnoringCase(discovery.authority, authority) &&
         (type == AT_ANYANDALL || discovery.type == type))
       matches.push_back(&discovery);
 

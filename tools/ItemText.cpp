@@ -1,12 +1,12 @@
 #include "tools/ItemText.h"
 
+#include "ozf/base/AsciiCase.h"
 #include "tools/Format.h"
 #include "tools/Output.h"
 #include "tools/Table.h"
 
 #include <algorithm>
 #include <ostream>
-#include <strings.h>
 
 namespace tqdiscoctl
 {
@@ -19,11 +19,6 @@ namespace
 constexpr std::size_t GAP = 2;
 // A column that is wider is cut before it pushes others out.
 constexpr std::size_t WIDE = 24;
-
-bool sameName(std::string const& a, std::string const& b)
-{
-  return strcasecmp(a.c_str(), b.c_str()) == 0;
-}
 
 // The sizes among the facts of the product's own explorers, for those whose
 // description is not stored or cannot be read.
@@ -39,7 +34,7 @@ OzfQuery::Attribute const* knownSize(std::string const& fact)
 OzfQuery::Attribute const* attributeOf(OzfQuery const& description, std::string const& fact)
 {
   for (auto const& attribute : description.attributes())
-    if (sameName(attribute.name.str(), fact))
+    if (equalIgnoringCase(attribute.name.str(), fact))
       return &attribute;
   return description.attributes().empty() ? knownSize(fact) : nullptr;
 }
@@ -59,7 +54,8 @@ std::vector<std::string> allFacts(std::vector<ItemRow> const& rows)
   for (ItemRow const& row : rows)
     for (auto const& [name, value] : row.item->facts)
       if (std::none_of(names.begin(), names.end(),
-                       [&name](std::string const& known) { return sameName(known, name); }))
+                       [&name](std::string const& known)
+                       { return equalIgnoringCase(known, name); }))
         names.push_back(name);
   std::erase_if(names,
                 [&rows](std::string const& name)

@@ -3,7 +3,7 @@
 
 #pragma once
 
-#include "ozf/config/AsciiCase.h"
+#include "ozf/base/AsciiCase.h"
 
 #include <charconv>
 #include <optional>

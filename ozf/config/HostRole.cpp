@@ -2,7 +2,7 @@
 
 #include "ozf/base/OzfHostname.h"
 #include "ozf/base/SystemError.h"
-#include "ozf/config/AsciiCase.h"
+#include "ozf/base/AsciiCase.h"
 #include "ozf/config/Configuration.h"
 #include "ozf/config/IpAddress.h"
 #include "ozf/log/FrameworkLogger.h"

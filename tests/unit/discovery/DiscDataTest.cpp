@@ -2,6 +2,7 @@
 
 #include "ozf/log/Assertion.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/OddLocale.h"
 
 #include <gtest/gtest.h>
 
@@ -145,6 +146,17 @@ TEST(Authority, IsGreaterByNameOrElseByType)
   EXPECT_FALSE(Authority("a", AT_TQUSERVER) > Authority("b", AT_TQUCLIENT));
   EXPECT_FALSE(Authority("A", AT_TQUCLIENT) > Authority("a", AT_TQUCLIENT));
   EXPECT_TRUE(Authority("A", AT_REMOTEPULL) > Authority("a", AT_TQUCLIENT));
+}
+
+TEST(Names, CompareTheSameInEveryLocale)
+{
+  tqtest::OddLocale const locale;
+  EXPECT_TRUE(Subject("DISK-I") == Subject("disk-i"));
+  EXPECT_FALSE(Subject("i") > Subject("I"));
+  EXPECT_FALSE(Subject("I") > Subject("i"));
+  EXPECT_TRUE(Authority("HOST-I", AT_TQUCLIENT) == Authority("host-i", AT_TQUCLIENT));
+  EXPECT_FALSE(Authority("i", AT_TQUCLIENT) > Authority("I", AT_TQUCLIENT));
+  EXPECT_FALSE(Authority("I", AT_TQUCLIENT) > Authority("i", AT_TQUCLIENT));
 }
 
 TEST(Authority, TakesItsNameFromTheWholeUriAuthority)
