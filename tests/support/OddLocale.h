@@ -7,6 +7,7 @@
 #include "tests/support/TempDir.h"
 
 #include <clocale>
+#include <cstdio>
 #include <cstdlib>
 #include <sstream>
 #include <strings.h>
