@@ -15,7 +15,7 @@ namespace Quillon::Tessarine::Ozf::DiscoverySvc
 namespace
 {
 
-constexpr char SOURCE[] = "RemoteDB";
+constexpr char SOURCE[] = "PayloadCache";
 constexpr std::size_t FIRST_CAPACITY = 1024;
 
 // Below it, copying costs less than another block to walk over.

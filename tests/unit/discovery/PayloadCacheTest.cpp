@@ -194,6 +194,7 @@ TEST_F(PayloadCacheTest, WithoutAnyFolderMemoryHoldsIt)
                       "No temporary file for collection data, keeping it in memory"),
             1)
       << log.text();
+  EXPECT_NE(log.text().find("(PayloadCache:"), std::string::npos) << log.text();
 }
 
 TEST_F(PayloadCacheTest, AFullDiskBringsItBackToMemory)
