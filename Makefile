@@ -1,6 +1,8 @@
 # The commands a person types; the presets in CMakePresets.json do the work.
 
 JOBS ?= $(shell nproc)
+# Most tests wait for something most of the time.
+TEST_JOBS ?= $(shell expr 2 '*' $(JOBS))
 FUZZ_SECONDS ?= 60
 
 .PHONY: run fleet test test-asan test-tsan fuzz bench lint install deps help
@@ -33,14 +35,14 @@ fleet: deps
 test: deps
 	cmake --preset dev
 	cmake --build --preset dev --parallel $(JOBS)
-	ctest --preset dev --parallel $(JOBS)
+	ctest --preset dev --parallel $(TEST_JOBS)
 	$(MAKE) test-asan
 	$(MAKE) fuzz
 
 test-asan: deps
 	cmake --preset asan
 	cmake --build --preset asan --parallel $(JOBS)
-	ctest --preset asan --parallel $(JOBS)
+	ctest --preset asan --parallel $(TEST_JOBS)
 
 # What is threaded and free of the ORB, under ThreadSanitizer.
 test-tsan: deps
