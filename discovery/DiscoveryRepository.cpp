@@ -252,11 +252,9 @@ void DiscoveryRepository::registerExplorer(Subject const* subject, ExplorerPull 
 
   LockableGuard lockableGuard(*this);
   OZF_ASSERT(lockableGuard.locked(), "lockableGuard.locked()", SOURCE, OPERATION);
-  // Here a registration of the same priority wins, unlike a push registration:
-  // a host that registers again after a restart must replace its old entry.
-  if (!makeRoom(entry, [](unsigned newcomer, unsigned present) { return newcomer >= present; }))
-    return;
-  if (m_pullExplorers.size() >= MAX_PULL_REGISTRATIONS)
+  // Before anything gives way: what is dropped must not drive out anybody. One
+  // that competes with a pull explorer will have its place, or be refused.
+  if (m_pullExplorers.size() >= MAX_PULL_REGISTRATIONS && !m_pullExplorers.find(entry))
   {
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
             "Dropped the registration of a pull explorer for subject "
@@ -264,6 +262,10 @@ void DiscoveryRepository::registerExplorer(Subject const* subject, ExplorerPull 
                 << " already");
     return;
   }
+  // Here a registration of the same priority wins, unlike a push registration:
+  // a host that registers again after a restart must replace its old entry.
+  if (!makeRoom(entry, [](unsigned newcomer, unsigned present) { return newcomer >= present; }))
+    return;
   if (!m_pullExplorers.insert(entry))
     return;
   if (isGenericDSOnMaster() && !fromCache)

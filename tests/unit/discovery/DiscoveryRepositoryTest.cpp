@@ -216,11 +216,14 @@ TEST_F(DiscoveryRepositoryTest, ThePullRegistrationsAreCapped)
 {
   constexpr int CAP = 50000;
   TestRepository repository;
+  AutoDereference<FakePush> pusher(new FakePush("pusher"));
+  push(repository, pusher.get(), 1, "late", "a");
   AutoDereference<FakePull> explorer(new FakePull("x"));
   for (int i = 0; i < CAP; ++i)
     pull(repository, explorer.get(), 5, "s" + std::to_string(i), "a");
   LogCapture log;
   pull(repository, explorer.get(), 5, "late", "a");
+  EXPECT_EQ(Names{"pusher"}, names(repository.getPushExplorers())) << "what it would replace stays";
   EXPECT_EQ(1, log.count(1, "DiscoveryRepository::registerExplorer",
                          "Dropped the registration of a pull explorer for subject late: there are "
                          "50000 already"))
@@ -228,6 +231,9 @@ TEST_F(DiscoveryRepositoryTest, ThePullRegistrationsAreCapped)
   AutoDereference<FakePull> again(new FakePull("again"));
   pull(repository, again.get(), 5, "s7", "a");
   EXPECT_EQ(2, again->referenceCount()) << "one that replaces another needs no room";
+  AutoDereference<FakePull> weak(new FakePull("weak"));
+  pull(repository, weak.get(), 4, "s7", "a");
+  EXPECT_EQ(1, weak->referenceCount());
   EXPECT_EQ(1u, log.lines().size()) << log.text();
   EXPECT_EQ(std::size_t(CAP), repository.getPullExplorers()->size());
 }
@@ -420,6 +426,27 @@ TEST_F(DiscoveryRepositoryTest, ElsewhereNewDiscoveriesAreRemote)
   EXPECT_NE(nullptr, dynamic_cast<RemoteDiscovery*>(discovery.get()));
 }
 
+TEST_F(DiscoveryRepositoryTest, WhatWasHeldIsReleasedBeforeADiscoveryIsMade)
+{
+  struct Held : Discovery
+  {
+    explicit Held(bool& alive) : Discovery(nullptr, DQ_UNDEFINED), m_alive(alive) {}
+    ~Held() override { m_alive = false; }
+    DiscoveryStatus persist() override { return DS_SUCCESS; }
+    DiscoveryStatus open(OpenMode, char const*) override { return DS_SUCCESS; }
+    bool& m_alive;
+  };
+  TestRepository repository(true); // whose database cannot make any yet
+  bool alive = true;
+  AutoDereference<Discovery> discovery(new Held(alive));
+  CollectionAttributes const attributes(CT_REAL_TIME, CS_LOCALONLY, OzfObjTime(), OzfObjTime(), 1);
+  EXPECT_THROW(repository.newDiscovery(discovery, DQ_DISCOVERY_DATA, Subject("s"),
+                                       Authority("a", AT_EXTSRC), attributes),
+               AssertionFailure);
+  EXPECT_FALSE(alive);
+  EXPECT_FALSE(discovery);
+}
+
 TEST_F(DiscoveryRepositoryTest, ARemoteRegistrationOnTheMasterIsCached)
 {
   getDiscoveryDBDatabase()->init("");
@@ -431,8 +458,12 @@ TEST_F(DiscoveryRepositoryTest, ARemoteRegistrationOnTheMasterIsCached)
             "<SourceHost>far&lt;away</SourceHost><ServiceName>DiscoveryService</ServiceName>"
             "<Priority>7</Priority><OriginType>2</OriginType></DiscoveredItems>\n",
             readText(root / "db/discovery/4 a s.dat"));
+  std::string const metadata = readText(root / "db/discovery/4 a s.xml");
+  EXPECT_NE(std::string::npos, metadata.find("<Priority>7</Priority>"));
   EXPECT_NE(std::string::npos,
-            readText(root / "db/discovery/4 a s.xml").find("<Priority>7</Priority>"));
+            metadata.find("<DiscoveryAttributes Type=\"" + std::to_string(CT_POINT_IN_TIME) +
+                          "\" Storage=\"" + std::to_string(CS_CENTRALREPOSITORY) + "\">"))
+      << metadata;
 }
 
 TEST_F(DiscoveryRepositoryTest, AnExplorerOfThisHostOrFromTheCacheIsNotCached)
