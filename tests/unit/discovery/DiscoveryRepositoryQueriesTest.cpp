@@ -1,5 +1,6 @@
 #include "discovery/DiscoveryRepository.h"
 
+#include "discovery/CombiningIterator.h"
 #include "discovery/DiscDB.h"
 #include "discovery/DiscoveryFramework.h"
 #include "discovery/DiscoveryLog.h"
@@ -125,6 +126,18 @@ TEST_F(DiscoveryRepositoryQueriesTest, PullExplorersComeBeforeTheDatabase)
   pull(repository, "zpulled");
   EXPECT_EQ((Names{"zpulled", "stored"}),
             subjects(repository.queryDiscoveries(DQ_DISCOVERY_DATA, "*", "*", AT_ANYANDALL)));
+}
+
+TEST_F(DiscoveryRepositoryQueriesTest, TheAnswerCarriesWhatWasAskedFor)
+{
+  getDiscoveryDBDatabase()->init("");
+  TestRepository repository(true);
+  AutoDereference<DiscoveryIterator> const answer(
+      repository.queryDiscoveries(DQ_DISCOVERY_DATA, "a subject", "an authority", AT_EXTSRC));
+  ASSERT_NE(nullptr, dynamic_cast<CombiningIterator*>(answer.get()));
+  EXPECT_EQ(AT_EXTSRC, answer->getAuthorityType());
+  EXPECT_EQ("a subject", answer->getSubjectFilter());
+  EXPECT_EQ("an authority", answer->getAuthorityFilter());
 }
 
 TEST_F(DiscoveryRepositoryQueriesTest, AQueryForRemotePullsNeverRunsAPullExplorer)
