@@ -2,6 +2,7 @@
 
 #include "ozf/log/Assertion.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/NoAttributes.h"
 
 #include <gtest/gtest.h>
 
@@ -47,18 +48,6 @@ private:
   AutoDereference<DefaultExplorerDataParser> m_parser{new DefaultExplorerDataParser};
   AutoDereference<ExplorerData> m_data;
   bool m_atRoot = true;
-};
-
-class NoAttributes : public AttributeList
-{
-public:
-  XMLSize_t getLength() const override { return 0; }
-  XMLCh const* getName(XMLSize_t) const override { return nullptr; }
-  XMLCh const* getType(XMLSize_t) const override { return nullptr; }
-  XMLCh const* getValue(XMLSize_t) const override { return nullptr; }
-  XMLCh const* getType(XMLCh const*) const override { return nullptr; }
-  XMLCh const* getValue(XMLCh const*) const override { return nullptr; }
-  XMLCh const* getValue(char const*) const override { return nullptr; }
 };
 
 std::string capture(std::string const& content, XmlStr::Encoding encoding = XmlStr::UTF_8)
@@ -156,7 +145,7 @@ TEST(DefaultExplorerDataParserTest, ForeignContextFailsAnAssertion)
   LogCapture log;
   AutoDereference<DefaultExplorerDataParser> const parser(new DefaultExplorerDataParser);
   XmlObjParseContext context(u"ExplorerData", nullptr);
-  NoAttributes none;
+  tqtest::NoAttributes none;
   EXPECT_THROW(parser->getExplorerData(&context), AssertionFailure);
   EXPECT_THROW(parser->xmlStartElement(&context, u"e", none), AssertionFailure);
   EXPECT_THROW(parser->xmlEndElement(&context, u"ExplorerData"), AssertionFailure);

@@ -2,6 +2,7 @@
 
 #include "ozf/log/Assertion.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/NoAttributes.h"
 
 #include <gtest/gtest.h>
 
@@ -342,6 +343,19 @@ TEST(MetadataReading, EventsThatCannotBeAreProgrammingErrors)
   Subject subject("s");
   EXPECT_THROW(subject.xmlEndElement(&plain, u"DiscoverySubject"), AssertionFailure);
   EXPECT_TRUE(log.has(1, "Description::xmlEndElement", "Assertion failed: ctxt")) << log.text();
+
+  tqtest::NoAttributes none;
+  for (XmlInterface* const reader :
+       {static_cast<XmlInterface*>(record.get()), static_cast<XmlInterface*>(&subject)})
+    for (XmlObjParseContext* const wrong : {static_cast<XmlObjParseContext*>(nullptr), &plain})
+    {
+      EXPECT_THROW(reader->xmlStartElement(wrong, u"x", none), AssertionFailure);
+      EXPECT_THROW(reader->xmlCharacters(wrong, u"x", 1), AssertionFailure);
+    }
+  for (std::string const reader : {"Discovery", "Description"})
+    for (std::string const event : {"xmlStartElement", "xmlCharacters"})
+      EXPECT_EQ(2, log.count(1, reader + "::" + event, "Assertion failed: ctxt"))
+          << reader << event << log.text();
 }
 
 TEST(MetadataReading, ADescriptionWithoutItsContextOrItsObjectIsAProgrammingError)

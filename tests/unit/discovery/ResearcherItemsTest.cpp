@@ -5,6 +5,7 @@
 #include "ozf/log/Assertion.h"
 #include "tests/support/FakeDiscoveries.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/NoAttributes.h"
 #include "tests/support/TempDir.h"
 
 #include <gtest/gtest.h>
@@ -94,17 +95,6 @@ public:
 
 private:
   std::string m_name;
-};
-
-struct NoAttributes : AttributeList
-{
-  XMLSize_t getLength() const override { return 0; }
-  XMLCh const* getName(XMLSize_t) const override { return nullptr; }
-  XMLCh const* getType(XMLSize_t) const override { return nullptr; }
-  XMLCh const* getValue(XMLSize_t) const override { return nullptr; }
-  XMLCh const* getType(XMLCh const*) const override { return nullptr; }
-  XMLCh const* getValue(XMLCh const*) const override { return nullptr; }
-  XMLCh const* getValue(char const*) const override { return nullptr; }
 };
 
 // Reads without plug-ins: the product's root is empty.
