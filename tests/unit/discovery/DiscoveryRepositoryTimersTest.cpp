@@ -91,6 +91,71 @@ TEST(DiscoveryRepositoryTimersTest, AnExplorationGetsTheAttributesOfTheRegistrat
   EXPECT_TRUE(explorer->getLastExplorationTime() >= seen->getDiscoveryTime());
 }
 
+// Sets its context when it is started.
+class ContextPush : public FakePush
+{
+public:
+  using FakePush::FakePush;
+
+  struct Context : OZFRefCounted
+  {
+  };
+  Context const* made = nullptr;
+  std::vector<OZFRefCounted const*> seen; // at start, at the runs and at stop
+  std::vector<std::string> names;
+  DiscoveryFactory* factory = nullptr;
+
+  void startExploration(EngineContext const& engine, Authority const& authority,
+                        Subject const& subject, AutoDereference<OZFRefCounted>& context,
+                        DiscoveryFactory* given) override
+  {
+    note(authority, subject, context);
+    auto* const own = new Context;
+    made = own;
+    context.reset(own);
+    factory = given;
+    FakePush::startExploration(engine, authority, subject, context, given);
+  }
+  void explore(Authority const& authority, Subject const& subject,
+               CollectionAttributes const& attributes, AutoDereference<OZFRefCounted>& context,
+               DiscoveryFactory* given, DiscoveryResult& result) override
+  {
+    note(authority, subject, context);
+    FakePush::explore(authority, subject, attributes, context, given, result);
+  }
+  void stopExploration(Authority const& authority, Subject const& subject,
+                       AutoDereference<OZFRefCounted>& context) override
+  {
+    note(authority, subject, context);
+    FakePush::stopExploration(authority, subject, context);
+  }
+
+private:
+  void note(Authority const& authority, Subject const& subject,
+            AutoDereference<OZFRefCounted> const& context)
+  {
+    seen.push_back(context.get());
+    names.push_back(authority.getName().str() + "/" + subject.getName().str());
+  }
+};
+
+TEST(DiscoveryRepositoryTimersTest, AnExplorerKeepsItsContextFromItsStartToItsEnd)
+{
+  CallList calls; // outlives the service, whose end stops the explorer
+  Service host;
+  AutoDereference<ContextPush> explorer(new ContextPush("x", &calls, 3600));
+  registerPush(*explorer, "s");
+  host.start();
+  ASSERT_TRUE(calls.waitFor([](auto const& names) { return names.size() >= 2; }, seconds(60)));
+  host.stop();
+  EXPECT_EQ((std::vector<std::string>{"start x", "explore x", "stop x"}), calls.names());
+  ASSERT_NE(nullptr, explorer->made);
+  EXPECT_EQ((std::vector<OZFRefCounted const*>{nullptr, explorer->made, explorer->made}),
+            explorer->seen);
+  EXPECT_EQ((std::vector<std::string>{"a/s", "a/s", "a/s"}), explorer->names);
+  EXPECT_EQ(static_cast<DiscoveryFactory*>(&getDiscoveryRepository()), explorer->factory);
+}
+
 TEST(DiscoveryRepositoryTimersTest, AnExplorerIsSkippedUntilItsLastRunPlusItsInterval)
 {
   Service host;
