@@ -188,6 +188,7 @@ DiscoveryResult DiscoveryService_i::putCollection(Discovery const& record, Remot
     return result;
   }
 
+  CORBA::Object_var reference;
   try
   {
     RemoteWriter_i* const servant = newRemoteWriter(record);
@@ -195,8 +196,7 @@ DiscoveryResult DiscoveryService_i::putCollection(Discovery const& record, Remot
     result = servant->open();
     if (isSuccess(result))
     {
-      CORBA::Object_var const reference =
-          getDiscoveryRepository().getOrb()->activateObject(servant);
+      reference = getDiscoveryRepository().getOrb()->activateObject(servant);
       servant->setReference(reference);
       writer = RemoteWriter::_narrow(reference);
     }
@@ -207,6 +207,8 @@ DiscoveryResult DiscoveryService_i::putCollection(Discovery const& record, Remot
             "Caught CORBA exception creating object reference to remote writer");
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, corbaExceptionText(exception));
     writer = RemoteWriter::_nil();
+    // Nobody will close what nobody was handed.
+    getDiscoveryRepository().getOrb()->destroyObjectRef(reference);
     result.discStatus = DS_COM_ERROR;
   }
   return result;
