@@ -1,13 +1,19 @@
 #include "discovery/DiscoveryFramework.h"
 
 #include "discovery/DiscDB.h"
+#include "discovery/DiscoveryService_iIterators.h"
+#include "tests/support/FakeDiscoveries.h"
 #include "tests/support/FakeExplorers.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Service.h"
 
 #include "ozf/log/Assertion.h"
 
+#include <ace/Init_ACE.h>
 #include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <functional>
 
 using namespace tqtest;
 using namespace Quillon::Tessarine::Ozf;
@@ -15,6 +21,24 @@ using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
 
 namespace
 {
+
+// The manager of the POAs that the framework serves by.
+PortableServer::POAManager_var managerOf(Orb& orb)
+{
+  CORBA::Object_var const root = orb.resolveInitialReference("RootPOA");
+  PortableServer::POA_var const poa = PortableServer::POA::_narrow(root);
+  return poa->the_POAManager();
+}
+
+// How many more times ACE was counted up than down. Takes it down: for a
+// process that ends with this.
+int countOfAce()
+{
+  int count = 0;
+  while (ACE::fini() != -1)
+    ++count;
+  return count;
+}
 
 TEST(DiscoveryFrameworkTest, AProcessThatOnlyReadsServesNothingAndKeepsTheRepositoryOpen)
 {
@@ -131,7 +155,7 @@ TEST(DiscoveryFrameworkTest, AFailureToServeIsLoggedAndPassedOn)
   // The ORB was never brought up.
   EXPECT_THROW(host.framework().init(nullptr), CORBA::Exception);
   EXPECT_NE(std::string::npos,
-            log.text().find("DiscoveryFramework::init: Caught corba exception activating "
+            log.text().find("1 DiscoveryFramework::init: Caught corba exception activating "
                             "DiscoveryService servant, Corba exception: "))
       << log.text();
 }
@@ -165,6 +189,105 @@ TEST(DiscoveryFrameworkTest, LiveIteratorsAreDestroyedAtShutdown)
   EXPECT_EQ(0u, host.orb().getEvictor().size());
   EXPECT_THROW(iterator->pageSize(), CORBA::SystemException);
   host.framework().fini();
+}
+
+TEST(DiscoveryFrameworkTest, ShutdownGoesFromTheServantToTheExplorers)
+{
+  struct Ending : FakeIterator
+  {
+    Ending() : DiscoveryIterator(AT_ANYANDALL, "*", "*") {}
+    std::function<void()> onEnd;
+    ~Ending() override { onEnd(); }
+  };
+  struct Stopping : FakePush
+  {
+    using FakePush::FakePush;
+    std::function<void()> onStop;
+    void stopExploration(Authority const&, Subject const&, AutoDereference<OZFRefCounted>&) override
+    {
+      onStop();
+    }
+  };
+  Service host;
+  AutoDereference<Stopping> const explorer(new Stopping("last"));
+  getDiscoveryRepository().registerExplorer(new Subject("s"), explorer.get(), 1,
+                                            new Authority("a", AT_TQUCLIENT));
+  host.start();
+  host.leaveFrameworkToTest();
+  Remote::DiscoveryService_var const service = host.connect();
+  PortableServer::POAManager_var const manager = managerOf(host.orb());
+  ASSERT_FALSE(service->_non_existent());
+
+  int ended = 0;
+  AutoDereference<Ending> local(new Ending);
+  local->onEnd = [&]
+  {
+    ++ended;
+    EXPECT_EQ(PortableServer::POAManager::ACTIVE, manager->get_state());
+    EXPECT_TRUE(service->_non_existent()) << "nobody can get another iterator";
+  };
+  {
+    auto* const servant = new Remote::DiscoveryIterator_i(local.get());
+    PortableServer::ServantBase_var const owner(servant);
+    CORBA::Object_var const reference = host.orb().activateEvictable(
+        servant, Remote::DiscoveryIterator_i::REPOSITORY_ID, servant->objectId().out());
+  }
+  local.reset();
+  int stopped = 0;
+  explorer->onStop = [&]
+  {
+    ++stopped;
+    EXPECT_EQ(1, ended);
+    EXPECT_EQ(PortableServer::POAManager::INACTIVE, manager->get_state());
+  };
+  host.framework().shutdown();
+  EXPECT_EQ(1, ended);
+  EXPECT_EQ(1, stopped);
+  host.framework().fini();
+}
+
+TEST(DiscoveryFrameworkTest, AStepThatTheOrbRefusesDoesNotKeepTheNextFromBeingTaken)
+{
+  Service host;
+  host.start();
+  host.leaveFrameworkToTest();
+  CORBA::Object_var const root = host.orb().resolveInitialReference("RootPOA");
+  PortableServer::POA_var(PortableServer::POA::_narrow(root))->destroy(false, true);
+  LogCapture log;
+  host.framework().shutdown();
+  EXPECT_NE(std::string::npos,
+            log.text().find("1 DiscoveryFramework::shutdown: Caught corba exception shutting down, "
+                            "Corba exception: OBJECT_NOT_EXIST"))
+      << log.text();
+  EXPECT_TRUE(getDiscoveryRepository().isShuttingDown());
+  host.framework().fini();
+}
+
+TEST(DiscoveryFrameworkDeathTest, AceIsCountedUpAndDownWhenTheCallerSaysSo)
+{
+  Service host;
+  auto const afterInit = [](bool ownAce)
+  {
+    AutoDereference<DiscoveryFramework> const framework(
+        new DiscoveryFramework("", DST_NONE, nullptr, ownAce));
+    framework->init(nullptr);
+    std::_Exit(countOfAce());
+  };
+  EXPECT_EXIT(afterInit(false), testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(afterInit(true), testing::ExitedWithCode(1), "");
+
+  auto const afterFini = [](bool ownAce)
+  {
+    ACE::init();
+    AutoDereference<DiscoveryFramework> const framework(
+        new DiscoveryFramework("", DST_NONE, nullptr, ownAce));
+    framework->init(nullptr);
+    framework->shutdown();
+    framework->fini();
+    std::_Exit(countOfAce());
+  };
+  EXPECT_EXIT(afterFini(false), testing::ExitedWithCode(1), "");
+  EXPECT_EXIT(afterFini(true), testing::ExitedWithCode(1), "");
 }
 
 } // namespace

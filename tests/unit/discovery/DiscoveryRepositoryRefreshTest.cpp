@@ -185,6 +185,9 @@ TEST_F(RefreshTaskTest, AsksTheClientsInTheOrderOfTheirNames)
     EXPECT_EQ(AT_ANYANDALL, query.type);
     EXPECT_EQ("*", query.subject);
   }
+  EXPECT_EQ(4u, m_service->dataRequests.size()) << m_log.text();
+  for (auto const& request : m_service->dataRequests)
+    EXPECT_EQ("", request.second) << "all of a client's data, nothing filtered";
 }
 
 // Told by the task's own lines, which are written between its calls: during a
@@ -214,6 +217,8 @@ TEST_F(RefreshTaskTest, AnExceptionOfAClientEndsTheTask)
   getDiscoveriesThreadMgr().waitForRefresh();
   EXPECT_EQ(1, m_service->restarts) << "the second client is not asked";
   EXPECT_EQ(1, m_log.count(1, REFRESH, "Caught CORBA exception connecting to remote service"))
+      << m_log.text();
+  EXPECT_NE(std::string::npos, m_log.text().find("1 " + std::string(REFRESH) + ": NO_RESOURCES"))
       << m_log.text();
 }
 

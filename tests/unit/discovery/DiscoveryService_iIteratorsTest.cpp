@@ -2,6 +2,8 @@
 
 #include "discovery/DiscoveryLog.h"
 
+#include "discovery/ExplorerRemotePull.h"
+#include "tests/support/FakeDiscoveries.h"
 #include "tests/support/FakeExplorers.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Service.h"
@@ -120,6 +122,48 @@ TEST_F(DiscoveryService_iIteratorsTest, ARecordSaysWhatIsStored)
   EXPECT_STREQ("DiscoveryService", record.sourceServiceName);
 }
 
+TEST_F(DiscoveryService_iIteratorsTest, ARecordThatIsARemotePullExplorerNamesItsService)
+{
+  struct Both : FakeDiscovery, svc::RemoteExplorerPull
+  {
+    Both()
+        : FakeDiscovery("far", ""),
+          RemoteExplorerPull("FarService", "farhost", "", "", svc::AT_TQUCLIENT)
+    {
+    }
+  };
+  AutoDereference<FakeIterator> const local(new FakeIterator);
+  local->add(new Both);
+  local->add(new FakeDiscovery("near", ""));
+  PortableServer::ServantBase_var const owner(new Remote::DiscoveryIterator_i(local.get()));
+  auto& servant = dynamic_cast<Remote::DiscoveryIterator_i&>(*owner.in());
+  Remote::DiscoverySeq_var page = servant.getNextPage();
+  ASSERT_EQ(2u, page->length());
+  EXPECT_STREQ("far", page[0].subject);
+  EXPECT_STREQ("FarService", page[0].sourceServiceName);
+  EXPECT_STREQ("here", page[0].sourceHost) << "this host is asked for it";
+  EXPECT_STREQ("DiscoveryService", page[1].sourceServiceName);
+}
+
+TEST_F(DiscoveryService_iIteratorsTest, TheNameOfTheHostIsThatOfTheIteratorsMaking)
+{
+  storeMany(2);
+  auto iterator = query();
+  iterator->pageSize(0);
+  Remote::DiscoverySeq_var before = iterator->getNextPage();
+  OzfHostname::overrideLocal("renamed");
+  Remote::DiscoverySeq_var after = iterator->getNextPage();
+  auto later = query();
+  Remote::DiscoverySeq_var ofLater = later->getNextPage();
+  OzfHostname::overrideLocal("here");
+  ASSERT_EQ(1u, before->length());
+  ASSERT_EQ(1u, after->length());
+  ASSERT_EQ(2u, ofLater->length());
+  EXPECT_STREQ("here", before[0].sourceHost);
+  EXPECT_STREQ("here", after[0].sourceHost);
+  EXPECT_STREQ("renamed", ofLater[0].sourceHost);
+}
+
 TEST_F(DiscoveryService_iIteratorsTest, ThePayloadComesInPagesOfEightBytes)
 {
   ASSERT_EQ(svc::DS_SUCCESS, Service::store("s", "a", svc::AT_TQUCLIENT, "01234567890123456789"));
@@ -227,6 +271,21 @@ TEST_F(DiscoveryService_iIteratorsTest, ReleaseWithoutAnIdStillDropsTheReference
   EXPECT_TRUE(log.has(1, "DiscoveryIterator_i::getNextPage",
                       "Assertion failed: NULL != m_discoveryIterator"))
       << log.text();
+}
+
+TEST_F(DiscoveryService_iIteratorsTest, ReleaseWithoutAnIdStillDropsThePayload)
+{
+  AutoDereference<svc::Discovery> discovery(new FakeDiscovery("s", "payload"));
+  PortableServer::ServantBase_var const owner(new Remote::CollectionDataIterator_i(discovery));
+  auto& servant = dynamic_cast<Remote::CollectionDataIterator_i&>(*owner.in());
+  ASSERT_TRUE(servant.open(""));
+  EXPECT_EQ(2, discovery->referenceCount());
+  servant.release();
+  EXPECT_TRUE(log.has(1, "removeFromEvictor", "Nothing to be evicted, Object ID is not valid"))
+      << log.text();
+  EXPECT_EQ(1, discovery->referenceCount());
+  Remote::CollectionDataSeq_var const page = servant.getNextPage();
+  EXPECT_EQ(0u, page->length());
 }
 
 TEST_F(DiscoveryService_iIteratorsTest, AFailedAssertionReachesARemoteCallerAsInternal)

@@ -11,6 +11,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 using namespace tqtest;
 using namespace Quillon::Tessarine::Ozf;
 namespace Remote = Quillon::Tessarine::Ozf::DiscoverySvc::Remote;
@@ -36,6 +38,20 @@ struct DiscoveryService_iTest : testing::Test
   {
     return service->getCollectionData(Service::record(subject, authority, type), "",
                                       iterator.out());
+  }
+
+  // Whether what was caught is told as an error, and then its text as another.
+  bool toldOf(std::string const& operation, std::string const& line, std::string const& exception)
+  {
+    auto const is = [&](LogLine const& logged, std::string const& beginning)
+    {
+      return logged.level == 1 && logged.operation == operation &&
+             logged.text.starts_with(beginning + " (");
+    };
+    auto const lines = log.lines();
+    auto const first = std::find_if(lines.begin(), lines.end(),
+                                    [&](LogLine const& logged) { return is(logged, line); });
+    return first != lines.end() && first + 1 != lines.end() && is(first[1], exception);
   }
 
   // Writes a discovery through the service; the status of close.
@@ -93,8 +109,9 @@ TEST_F(DiscoveryService_iTest, AnIteratorThatCannotBeActivatedIsLoggedAndRaised)
   host.orb().getEvictor().shutdown();
   EXPECT_THROW(service->queryDiscoveries(svc::DQ_DISCOVERY_DATA, svc::AT_ANYANDALL, "*", "*"),
                CORBA::SystemException);
-  EXPECT_TRUE(log.has(1, "DiscoveryService_i::queryDiscoveries",
-                      "Caught CORBA exception creating object reference to discovery iterator"))
+  EXPECT_TRUE(toldOf("DiscoveryService_i::queryDiscoveries",
+                     "Caught CORBA exception creating object reference to discovery iterator",
+                     "TRANSIENT"))
       << log.text();
 }
 
@@ -180,9 +197,9 @@ TEST_F(DiscoveryService_iTest, AnIteratorThatCannotBeActivatedIsAComError)
   host.orb().getEvictor().shutdown();
   EXPECT_EQ(svc::DS_COM_ERROR, get("s", "a"));
   EXPECT_TRUE(CORBA::is_nil(iterator));
-  EXPECT_TRUE(
-      log.has(1, "DiscoveryService_i::getCollectionData",
-              "Caught CORBA exception creating object reference to collection data iterator"))
+  EXPECT_TRUE(toldOf("DiscoveryService_i::getCollectionData",
+                     "Caught CORBA exception creating object reference to collection data iterator",
+                     "TRANSIENT"))
       << log.text();
 }
 
@@ -305,8 +322,9 @@ TEST_F(DiscoveryService_iTest, AWriterThatCannotBeActivatedIsAComError)
   EXPECT_EQ(svc::DS_COM_ERROR,
             servant.putCollection(Service::record("s", "a"), writer.out()).discStatus);
   EXPECT_TRUE(CORBA::is_nil(writer));
-  EXPECT_TRUE(log.has(1, "DiscoveryService_i::putCollection",
-                      "Caught CORBA exception creating object reference to remote writer"))
+  EXPECT_TRUE(toldOf("DiscoveryService_i::putCollection",
+                     "Caught CORBA exception creating object reference to remote writer",
+                     "OBJECT_NOT_EXIST"))
       << log.text();
   EXPECT_FALSE(std::filesystem::exists(host.database() + "/0.updating"))
       << "the writer is destroyed, and its temporary file with it";
@@ -396,7 +414,9 @@ TEST_F(DiscoveryService_iTest, ARegistrationFromTheNetworkStandsInThePullSet)
   EXPECT_EQ(7u, entry.getPriority());
   EXPECT_EQ(svc::AT_TQUCLIENT, entry.getAuthority()->getType());
   EXPECT_EQ(1, explorer->referenceCount()) << "only the registry holds it";
-  EXPECT_NE(std::string::npos, log.text().find("Registered explorer: far FarService s a 7"));
+  EXPECT_TRUE(log.has(1, "DiscoveryService_i::registerExplorer",
+                      "Registered explorer: far FarService s a 7"))
+      << log.text();
   EXPECT_TRUE(std::filesystem::exists(host.database() + "/4 a s.xml")) << "cached";
 }
 
@@ -488,7 +508,8 @@ TEST_F(DiscoveryService_iTest, AddingAnUnknownServantIsLoggedAndRaised)
   EXPECT_THROW(Remote::add2Evictor(unknown, host.orb().getEvictingPOA(), host.orb(), 300),
                CORBA::Exception);
   EXPECT_NE(std::string::npos,
-            log.text().find("add2Evictor: Caught CORBA exception while add2Evictor, "))
+            log.text().find("1 add2Evictor: Caught CORBA exception while add2Evictor, "
+                            "OBJECT_NOT_EXIST"))
       << log.text();
 }
 

@@ -1,4 +1,4 @@
-// Writers whose payload cannot be written.
+// Writers that rest, and writers whose payload cannot be written.
 
 #include "discovery/DiscoveryService_iWriter.h"
 
@@ -136,4 +136,18 @@ TEST_F(DiscoveryService_iWriterTest, APayloadBeyondTheBoundIsRefused)
   EXPECT_EQ(0U, temporaryFiles());
   EXPECT_EQ(svc::DS_OPEN_FAILED, writer.close().discStatus);
   EXPECT_FALSE(std::filesystem::exists(host.database() + "/2 a s.xml"));
+}
+
+TEST_F(DiscoveryService_iWriterTest, AWriterMayRestAsLongAsItLikes)
+{
+  auto now = std::make_shared<std::chrono::steady_clock::time_point>();
+  Evictor& evictor = host.orb().getEvictor();
+  evictor.setClock([now] { return *now; });
+  Remote::RemoteWriter_var const writer = open("s");
+  ASSERT_TRUE(writer->put(bytes(10)));
+  *now += std::chrono::hours(1);
+  evictor.evictIdle();
+  EXPECT_TRUE(writer->put(bytes(5)));
+  EXPECT_EQ(svc::DS_SUCCESS, writer->close().discStatus);
+  EXPECT_EQ(15U, readText(host.database() + "/2 a s.dat").size());
 }

@@ -295,6 +295,45 @@ TEST_F(ExplorerLoaderTest, MissingEntryOfTheDefaultLibraryIsReportedAndPluginsAr
   EXPECT_EQ(calls("explorers"), 1);
 }
 
+TEST_F(ExplorerLoaderTest, MissingParserEntryOfTheDefaultLibraryIsReportedAndPluginsAreLoaded)
+{
+  installDefault("explorers");
+  installPlugin("parsers", "one");
+  loader().loadExplorerParsers(nullptr);
+  EXPECT_TRUE(m_log.has(1, LOAD_PARSERS,
+                        "Unable to resolve symbol RegisterExplorerParsers in libtqexplorer"))
+      << m_log.text();
+  EXPECT_EQ(calls("parsers"), 1);
+}
+
+TEST_F(ExplorerLoaderTest, SymbolThatTheEntryOfTheDefaultLibraryMissesIsReported)
+{
+  installDefault("lookup");
+  installPlugin("explorers", "one");
+  loader().loadExplorers();
+  EXPECT_EQ(calls("lookup"), 1);
+  EXPECT_TRUE(
+      m_log.has(1, LOAD_EXPLORERS, "Unable to resolve symbol VendorSymbol in libtqexplorer"))
+      << m_log.text();
+  EXPECT_EQ(calls("explorers"), 1);
+}
+
+TEST_F(ExplorerLoaderTest, SymbolThatTheEntryOfAPluginMissesIsTheCallersToKnow)
+{
+  installPlugin("lookup", "one");
+  auto* const director = getEngineSingleton<PluginDirector>(m_context);
+  try
+  {
+    loader().libraryCallback(director, pluginPath("one"), ExplorerLoader::EXPLORERS);
+    ADD_FAILURE() << "nothing was thrown";
+  }
+  catch (SymbolException const& exception)
+  {
+    EXPECT_STREQ(exception.what(), "VendorSymbol");
+  }
+  EXPECT_EQ(calls("lookup"), 1);
+}
+
 TEST_F(ExplorerLoaderTest, ThrowingEntryOfTheDefaultLibraryIsReportedAndPluginsAreLoaded)
 {
   installDefault("throwing");

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <condition_variable>
+#include <stdexcept>
 
 using namespace tqtest;
 
@@ -19,6 +20,8 @@ class Target : public CollectionData
 {
 public:
   Before beforeOpen;
+  Before beforeWrite;
+  long writeResult = 1;
   bool mayOpen = true;
   int opensLeft = 1000;
   mutable std::vector<std::string> writes;
@@ -33,8 +36,9 @@ public:
   long readCollection(unsigned long, void*) const override { return 0; }
   long writeCollection(unsigned long len, void const* buf) const override
   {
+    runBefore(beforeWrite);
     writes.emplace_back(static_cast<char const*>(buf), len);
-    return 1;
+    return writeResult;
   }
 };
 
@@ -123,6 +127,48 @@ TEST_F(ExplorerRemotePullTest, PayloadOfTheBuffersSizeTakesOneWrite)
   serveData({std::string(1024, 'x')});
   EXPECT_TRUE(request()) << m_log.text();
   EXPECT_EQ(m_target.writes.size(), 1U);
+}
+
+TEST_F(ExplorerRemotePullTest, WritesThatFailDoNotEndTheCopy)
+{
+  serveRecords({{makeRecord()}});
+  serveData({std::string(3000, 'x')});
+  m_target.writeResult = 0;
+  EXPECT_TRUE(request()) << m_log.text();
+  EXPECT_EQ(m_target.writes.size(), 3U);
+}
+
+TEST_F(ExplorerRemotePullTest, IsTracedUnderItsName)
+{
+  serveRecords({});
+  EXPECT_FALSE(request());
+  std::string const text = m_log.text();
+  std::string const line = "6 " + std::string(OPERATION) + ": ";
+  auto const entered = text.find(line + "Entered\n");
+  auto const left = text.find(line + "Left\n");
+  ASSERT_NE(entered, std::string::npos) << text;
+  ASSERT_NE(left, std::string::npos) << text;
+  EXPECT_LT(entered, text.find("No records found!")) << text;
+  EXPECT_GT(left, text.find("No records found!")) << text;
+}
+
+TEST_F(ExplorerRemotePullTest, OtherExceptionsPassToTheCallerAndNothingIsHeldAfterThem)
+{
+  constexpr int MORE_THAN_MAY_BE_IN_PROGRESS = 25;
+  auto* const records = serveRecords({{makeRecord()}});
+  auto* const data = serveData({"data"});
+  m_target.beforeWrite = [] { throw std::runtime_error("the target's own"); };
+  for (int i = 1; i <= MORE_THAN_MAY_BE_IN_PROGRESS; ++i)
+  {
+    EXPECT_THROW(request(), std::runtime_error) << m_log.text();
+    EXPECT_EQ(records->releases, i);
+    EXPECT_EQ(data->releases, 2 * i);
+  }
+  auto const lines = m_log.lines();
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                          [](LogLine const& line)
+                          { return line.operation == OPERATION && line.text == "Left"; }),
+            MORE_THAN_MAY_BE_IN_PROGRESS);
 }
 
 TEST_F(ExplorerRemotePullTest, NoServiceIsAFailure)

@@ -59,9 +59,9 @@ protected:
     return all;
   }
 
-  bool hasText(std::string const& text) const
+  bool hasLine(char const* operation, std::string const& beginning) const
   {
-    return m_log.text().find(text) != std::string::npos;
+    return m_log.text().find("1 " + std::string(operation) + ": " + beginning) != std::string::npos;
   }
 };
 
@@ -148,7 +148,8 @@ TEST_F(RemoteDBCollectionTest, ExceptionOfTheServiceFailsTheRead)
 {
   m_service->before = [] { throw CORBA::NO_PERMISSION(); };
   EXPECT_EQ(reader()->open(OM_READ, ""), DS_OPEN_FAILED);
-  EXPECT_TRUE(hasText("Caught CORBA Exception while reading collection data: NO_PERMISSION"))
+  EXPECT_TRUE(
+      hasLine(OPEN_READ, "Caught CORBA Exception while reading collection data: NO_PERMISSION"))
       << m_log.text();
 }
 
@@ -162,7 +163,8 @@ TEST_F(RemoteDBCollectionTest, ExceptionOfAPageFailsTheReadAndReleases)
   };
   auto const discovery = reader();
   EXPECT_EQ(discovery->open(OM_READ, ""), DS_OPEN_FAILED);
-  EXPECT_TRUE(hasText("Caught CORBA Exception while reading collection data: NO_RESOURCES"))
+  EXPECT_TRUE(
+      hasLine(OPEN_READ, "Caught CORBA Exception while reading collection data: NO_RESOURCES"))
       << m_log.text();
   EXPECT_EQ(pages->releases, 1);
   char byte = 0;
@@ -182,7 +184,8 @@ TEST_F(RemoteDBCollectionTest, FailedReleaseIsSwallowed)
 TEST_F(RemoteDBCollectionTest, SuccessWithoutAnIteratorIsAFailure)
 {
   EXPECT_EQ(reader()->open(OM_READ, ""), DS_OPEN_FAILED);
-  EXPECT_TRUE(hasText("Caught CORBA Exception while reading collection data: ")) << m_log.text();
+  EXPECT_TRUE(hasLine(OPEN_READ, "Caught CORBA Exception while reading collection data: "))
+      << m_log.text();
 }
 
 TEST_F(RemoteDBCollectionTest, SecondReadStartsAgain)
@@ -281,10 +284,10 @@ TEST_F(RemoteDBCollectionTest, WriteNeedsASubjectAndAnAuthority)
   AutoDereference<Discovery> const discovery(
       getRemoteDiscoveryDatabase().newDiscovery(DQ_DISCOVERY_DATA));
   EXPECT_THROW(discovery->open(OM_UPDATE, ""), AssertionFailure);
-  EXPECT_TRUE(hasText("NULL != m_subject"));
+  EXPECT_TRUE(m_log.has(1, OPEN_WRITE, "Assertion failed: NULL != m_subject")) << m_log.text();
   discovery->setSubject(new Subject("s"));
   EXPECT_THROW(discovery->open(OM_UPDATE, ""), AssertionFailure);
-  EXPECT_TRUE(hasText("NULL != m_authority"));
+  EXPECT_TRUE(m_log.has(1, OPEN_WRITE, "Assertion failed: NULL != m_authority")) << m_log.text();
   EXPECT_TRUE(m_service->written.empty());
   discovery->setAuthority(new Authority("a", AT_TQUCLIENT));
   EXPECT_EQ(discovery->open(OM_UPDATE, ""), DS_SUCCESS);
@@ -309,7 +312,8 @@ TEST_F(RemoteDBCollectionTest, ExceptionOfTheServiceFailsTheWrite)
 {
   m_service->before = [] { throw CORBA::NO_PERMISSION(); };
   EXPECT_EQ(writer()->open(OM_UPDATE, ""), DS_OPEN_FAILED);
-  EXPECT_TRUE(hasText("Caught CORBA Exception while saving collection data: NO_PERMISSION"))
+  EXPECT_TRUE(
+      hasLine(OPEN_WRITE, "Caught CORBA Exception while saving collection data: NO_PERMISSION"))
       << m_log.text();
 }
 
@@ -332,7 +336,8 @@ TEST_F(RemoteDBCollectionTest, ExceptionOfAChunkEndsTheWrite)
   ASSERT_EQ(discovery->open(OM_UPDATE, ""), DS_SUCCESS) << m_log.text();
   remote->beforePut = [] { throw CORBA::NO_RESOURCES(); };
   EXPECT_EQ(discovery->getCollectionData()->writeCollection(3, "abc"), 0);
-  EXPECT_TRUE(hasText("Caught CORBA Exception during remote write: NO_RESOURCES")) << m_log.text();
+  EXPECT_TRUE(hasLine(WRITE, "Caught CORBA Exception during remote write: NO_RESOURCES"))
+      << m_log.text();
 }
 
 TEST_F(RemoteDBCollectionTest, TheTwentyFirstWriteAtATimeIsRefused)
@@ -382,5 +387,6 @@ TEST_F(RemoteDBCollectionTest, TheTwentyFirstWriteAtATimeIsRefused)
 TEST_F(RemoteDBCollectionTest, UnknownModeFailsAnAssertion)
 {
   EXPECT_THROW(reader()->open(static_cast<OpenMode>(7), ""), AssertionFailure);
-  EXPECT_TRUE(hasText("SHOULD_NOT_GET_HERE"));
+  EXPECT_TRUE(m_log.has(1, "RemoteCollectionData::open", "Assertion failed: SHOULD_NOT_GET_HERE"))
+      << m_log.text();
 }

@@ -253,9 +253,12 @@ TEST_F(RemoteDBPeerTest, ADiscoveryWithAPayloadOfAnotherStoreFailsAnAssertion)
       new RemoteDiscovery(new OtherData, DQ_DISCOVERY_DATA));
   EXPECT_THROW(discovery->setSubject(new Subject("s")), AssertionFailure);
   EXPECT_THROW(discovery->setAuthority(new Authority("a", AT_TQUCLIENT)), AssertionFailure);
+  EXPECT_THROW(discovery->setAttributes(new CollectionAttributes(CT_REAL_TIME, CS_CENTRALREPOSITORY,
+                                                                 OzfObjTime(1), OzfObjTime(1), 1)),
+               AssertionFailure);
   EXPECT_THROW(discovery->persist(), AssertionFailure);
-  for (char const* operation :
-       {"RemoteDiscovery::setSubject", "RemoteDiscovery::setAuthority", "RemoteDiscovery::persist"})
+  for (char const* operation : {"RemoteDiscovery::setSubject", "RemoteDiscovery::setAuthority",
+                                "RemoteDiscovery::setAttributes", "RemoteDiscovery::persist"})
     EXPECT_EQ(m_log.count(1, operation, "Assertion failed: NULL != cd"), 1) << operation;
 
   AutoDereference<RemoteDiscovery> const empty(new RemoteDiscovery(nullptr, DQ_DISCOVERY_DATA));

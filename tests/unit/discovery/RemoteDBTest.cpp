@@ -76,7 +76,8 @@ TEST_F(RemoteDBRoleTest, CreatorHasNoIterator)
 {
   configure("192.0.2.1");
   EXPECT_THROW(getRemoteDiscoveryDatabase().getIterator(DQ_DISCOVERY_DATA), AssertionFailure);
-  EXPECT_NE(m_log.text().find("SHOULD_NOT_GET_HERE"), std::string::npos);
+  EXPECT_TRUE(m_log.has(1, "RemoteDBCreator::getIterator", "Assertion failed: SHOULD_NOT_GET_HERE"))
+      << m_log.text();
 }
 
 TEST_F(RemoteDBRoleTest, NewDiscoveryIsEmptyAndOfItsKind)
@@ -98,7 +99,8 @@ TEST_F(RemoteDBRoleTest, PersistingWhatWasNotOpenedFailsAnAssertion)
   AutoDereference<Discovery> const discovery(
       getRemoteDiscoveryDatabase().newDiscovery(DQ_FILTER_DATA));
   EXPECT_THROW(discovery->persist(), AssertionFailure);
-  EXPECT_NE(m_log.text().find("NULL != cd->m_writer"), std::string::npos);
+  EXPECT_TRUE(m_log.has(1, "RemoteDiscovery::persist", "Assertion failed: NULL != cd->m_writer"))
+      << m_log.text();
 }
 
 TEST_F(RemoteDBRoleTest, WritingOrReadingWhatWasNotOpenedFailsAnAssertion)
@@ -109,10 +111,14 @@ TEST_F(RemoteDBRoleTest, WritingOrReadingWhatWasNotOpenedFailsAnAssertion)
   EXPECT_THROW(data.writeCollection(1, "x"), AssertionFailure);
   EXPECT_THROW(data.readCollection(1, buffer), AssertionFailure);
   EXPECT_THROW(data.open(OM_READ, ""), AssertionFailure);
-  std::string const text = m_log.text();
-  EXPECT_NE(text.find("NULL != m_writer"), std::string::npos);
-  EXPECT_NE(text.find("m_cached"), std::string::npos);
-  EXPECT_NE(text.find("0 != m_discovery.ptr()"), std::string::npos);
+  EXPECT_TRUE(
+      m_log.has(1, "RemoteCollectionData::writeCollection", "Assertion failed: NULL != m_writer"))
+      << m_log.text();
+  EXPECT_TRUE(m_log.has(1, "RemoteCollectionData::readCollection", "Assertion failed: m_cached"))
+      << m_log.text();
+  EXPECT_TRUE(
+      m_log.has(1, "RemoteCollectionData::openRead", "Assertion failed: 0 != m_discovery.ptr()"))
+      << m_log.text();
 }
 
 TEST_F(RemoteDBRoleTest, WithoutAMasterNothingCanBeWritten)
