@@ -13,7 +13,9 @@
 #include <ace/Timer_Queue.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <future>
+#include <omnithread.h>
 #include <optional>
 
 using namespace tqtest;
@@ -27,7 +29,7 @@ using PushTimer = DiscoveryRepository::ExplorerPushTimer;
 using RegisterTimer = DiscoveryRepository::ExplorerRegisterTimer;
 
 // In how many seconds the reactor will call each handler that the test accepts,
-// counted up to the next whole one.
+// counted up to the next whole one; 0 when it is due.
 template <class Accept>
 std::vector<long> firingsOf(Accept accept)
 {
@@ -41,7 +43,7 @@ std::vector<long> firingsOf(Accept accept)
     if (!accept(node->get_type()))
       continue;
     ACE_Time_Value const left = node->get_timer_value() - now;
-    firings.push_back(static_cast<long>(left.sec()) + (left.usec() > 0 ? 1 : 0));
+    firings.push_back(std::max(0L, static_cast<long>(left.sec()) + (left.usec() > 0 ? 1 : 0)));
   }
   return firings;
 }
@@ -52,6 +54,27 @@ std::optional<long> firingOf(Accept accept)
 {
   auto const firings = firingsOf(accept);
   return firings.empty() ? std::nullopt : std::optional(firings.front());
+}
+
+bool isPushTimer(ACE_Event_Handler* handler)
+{
+  return dynamic_cast<PushTimer*>(handler) != nullptr;
+}
+
+// Whether the ORB knows a new thread once the timer has fired on it.
+template <class Timer>
+bool makesItsThreadKnown(Timer& timer)
+{
+  bool known = false;
+  std::thread(
+      [&]
+      {
+        EXPECT_EQ(nullptr, omni_thread::self());
+        timer.handle_timeout(ACE_Time_Value::zero, nullptr);
+        known = omni_thread::self() != nullptr;
+      })
+      .join();
+  return known;
 }
 
 std::optional<long> firingIn(ACE_Event_Handler const& handler)
@@ -75,8 +98,7 @@ public:
 private:
   int handle_exception(ACE_HANDLE) override
   {
-    m_seen.set_value(firingsOf([](ACE_Event_Handler* handler)
-                               { return dynamic_cast<PushTimer*>(handler) != nullptr; }));
+    m_seen.set_value(firingsOf(isPushTimer));
     return 0;
   }
 
@@ -118,12 +140,7 @@ protected:
     EXPECT_EQ(1, m_timer->referenceCount());
     EXPECT_FALSE(firingIn(*m_timer));
   }
-  static bool hasPushTimer()
-  {
-    return firingOf([](ACE_Event_Handler* handler)
-                    { return dynamic_cast<PushTimer*>(handler) != nullptr; })
-        .has_value();
-  }
+  static bool hasPushTimer() { return firingOf(isPushTimer).has_value(); }
   static void registerPull(std::string const& subject)
   {
     AutoDereference<FakePull> const explorer(new FakePull(subject));
@@ -252,6 +269,33 @@ TEST_F(RegisterTimerTest, TheShutdownEndsTheAnnouncementsBetweenTwoExplorers)
   EXPECT_FALSE(hasPushTimer());
 }
 
+TEST_F(RegisterTimerTest, ItsShutdownWaitsForTheEndOfTheAnnouncements)
+{
+  registerPull("one");
+  registerPull("two");
+  std::future<void> ending;
+  m_service->beforeRegister = [&]
+  {
+    if (ending.valid())
+      return;
+    ending = std::async(std::launch::async, [&] { m_timer->shutdown(); });
+    // One that did not wait would be through long before this.
+    EXPECT_EQ(std::future_status::timeout, ending.wait_for(std::chrono::seconds(1)));
+  };
+  fire();
+  ASSERT_TRUE(ending.valid());
+  EXPECT_EQ(std::future_status::ready, ending.wait_for(std::chrono::seconds(60)));
+  EXPECT_EQ((std::vector<std::string>{"one", "two"}), m_service->registered);
+}
+
+TEST_F(RegisterTimerTest, ItsThreadIsKnownToTheOrb)
+{
+  // It ends before it calls anybody: during a call the ORB knows any thread.
+  writeText(m_root / "etc/tq.conf", "CLIENT_NAME = clienthost\n");
+  ASSERT_TRUE(reloadConfiguration());
+  EXPECT_TRUE(makesItsThreadKnown(*m_timer));
+}
+
 TEST_F(RegisterTimerTest, WithoutAnOrbItSaysSoAndIsNotSet)
 {
   AutoDereference<DiscoveryFramework> const withoutOrb(
@@ -371,6 +415,49 @@ TEST_F(PushTimerTest, AnExplorerOfTheFutureRunsOnceItsTimeHasCome)
   EXPECT_EQ(1u, pass(*timer));
 }
 
+TEST_F(PushTimerTest, TheDiscoveryTimeIsThatOfTheFiringAndTheLastRunThatOfTheClock)
+{
+  AutoDereference<FakePush> const explorer(new FakePush("x", &calls, 100));
+  OzfObjTime discovered;
+  explorer->onExplore = [&](auto const&, auto const&, CollectionAttributes const& attributes,
+                            auto const&...) { discovered = attributes.getDiscoveryTime(); };
+  auto const timer = timerFor(*explorer);
+  useClock();
+  setNow(5000);
+  timer->handle_timeout(ACE_Time_Value(1234, 5), nullptr);
+  timer->cancel();
+  EXPECT_EQ(OzfObjTime(1234, 5), discovered);
+  EXPECT_EQ(OzfObjTime(5000), explorer->getLastExplorationTime());
+}
+
+TEST_F(PushTimerTest, WithAnOrbThatIsDownItSaysSoAndIsNotSet)
+{
+  AutoDereference<FakePush> const explorer(new FakePush("x", &calls, 0));
+  Orb down(0, "", "down", 0, 0);
+  AutoDereference<DiscoveryFramework> const withOrbDown(
+      new DiscoveryFramework("", DST_NONE, &down, false));
+  DiscoveryRepository repository;
+  repository.setDiscoveryFramework(withOrbDown.get());
+  AutoDereference<PushTimer> const timer(new PushTimer(repository, entriesOf(*explorer)));
+  timer->handle_timeout(ACE_Time_Value::zero, nullptr);
+  EXPECT_EQ(1, log.count(1, "ExplorerPushTimer::handle_timeout", "Cannot get instance of ORB"))
+      << log.text();
+  EXPECT_EQ(1, timer->referenceCount());
+  EXPECT_FALSE(firingIn(*timer));
+  EXPECT_TRUE(calls.names().empty());
+}
+
+TEST_F(PushTimerTest, ItsThreadIsKnownToTheOrb)
+{
+  AutoDereference<FakePush> const explorer(new FakePush("x", &calls, 0));
+  bool knownToExplorer = false;
+  explorer->onExplore = [&](auto const&...) { knownToExplorer = omni_thread::self() != nullptr; };
+  auto const timer = timerFor(*explorer);
+  EXPECT_TRUE(makesItsThreadKnown(*timer));
+  EXPECT_TRUE(knownToExplorer);
+  timer->cancel();
+}
+
 TEST_F(PushTimerTest, APassSetsTheNextInFiveSeconds)
 {
   AutoDereference<FakePush> const explorer(new FakePush("x", &calls, 100));
@@ -392,6 +479,54 @@ TEST_F(PushTimerTest, APassThatFailsAnAssertionSetsTheNextAllTheSame)
   EXPECT_EQ(5, firingIn(*timer).value_or(-1));
   timer->shutdown();
   EXPECT_EQ(1, timer->referenceCount());
+}
+
+// ---- startPushTimer ----
+
+// Timers are set on a reactor that fires them when the test says so.
+struct StartPushTimerTest : testing::Test
+{
+  CallList calls; // outlives the service, whose end stops the explorers
+  ACE_Reactor reactor;
+  Service host;
+
+  void SetUp() override
+  {
+    host.start();
+    setAceReactor(&reactor);
+  }
+  void TearDown() override { host.stop(); }
+
+  AutoDereference<FakePush> registered(std::string const& name)
+  {
+    AutoDereference<FakePush> explorer(new FakePush(name, &calls, 3600));
+    getDiscoveryRepository().registerExplorer(new Subject(name), explorer.get(), 1,
+                                              new Authority("a", AT_TQUCLIENT));
+    return explorer;
+  }
+  std::vector<std::string> fire()
+  {
+    ACE_Time_Value none;
+    reactor.handle_events(none);
+    return calls.names();
+  }
+};
+
+TEST_F(StartPushTimerTest, ItFiresAtOnceForTheExplorersThatAreRegisteredByThen)
+{
+  std::vector<long> const atOnce = {0};
+  std::vector<long> const inFiveSeconds = {5};
+  auto const early = registered("early");
+  getDiscoveryRepository().startPushTimer();
+  EXPECT_EQ(atOnce, firingsOf(isPushTimer));
+  auto const late = registered("late");
+  EXPECT_EQ((std::vector<std::string>{"explore early"}), fire());
+  EXPECT_EQ(inFiveSeconds, firingsOf(isPushTimer));
+
+  getDiscoveryRepository().startPushTimer();
+  EXPECT_EQ(atOnce, firingsOf(isPushTimer)) << "in the place of the other";
+  EXPECT_EQ((std::vector<std::string>{"explore early", "explore late"}), fire());
+  EXPECT_EQ(inFiveSeconds, firingsOf(isPushTimer));
 }
 
 } // namespace
