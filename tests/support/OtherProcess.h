@@ -91,9 +91,9 @@ private:
   int m_toChild = -1;
 };
 
-// What another process is told of the locks on byte 0: F_RDLCK, F_WRLCK or
-// F_UNLCK.
-inline short lockSeenByOthers(std::string const& path)
+// What another process is told of the locks on byte 0, or on the one given:
+// F_RDLCK, F_WRLCK or F_UNLCK.
+inline short lockSeenByOthers(std::string const& path, off_t at = 0)
 {
   pid_t const pid = fork();
   if (pid == 0)
@@ -103,6 +103,7 @@ inline short lockSeenByOthers(std::string const& path)
     };
     lock.l_type = F_WRLCK;
     lock.l_whence = SEEK_SET;
+    lock.l_start = at;
     lock.l_len = 1;
     int const fd = ::open(path.c_str(), O_RDWR);
     _exit(fd >= 0 && fcntl(fd, F_GETLK, &lock) == 0 ? lock.l_type : 99);

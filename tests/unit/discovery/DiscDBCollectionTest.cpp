@@ -4,6 +4,7 @@
 #include "tests/support/LogCapture.h"
 #include "tests/support/OtherProcess.h"
 #include "tests/support/TempDir.h"
+#include "tests/unit/discovery/SystemCalls.h"
 
 #include <gtest/gtest.h>
 
@@ -116,6 +117,47 @@ TEST_F(Payload, WritesToATemporaryFileUnderTheSharedCleanUpLock)
   EXPECT_FALSE(fs::exists(m_temporary));
   EXPECT_EQ(m_target, m_data->getPath().str());
   EXPECT_EQ(F_UNLCK, cleanupLock());
+}
+
+TEST_F(Payload, ItsFilesAreOnlyTheOwnersToWrite)
+{
+  auto const modeOf = [](std::string const& path)
+  { return static_cast<unsigned>(fs::status(path).permissions()); };
+  mode_t const mask = umask(0);
+  ASSERT_NE(0, m_data->open(OM_UPDATE, ""));
+  EXPECT_EQ(0644u, modeOf(m_temporary));
+  EXPECT_EQ(0644u, modeOf(m_dir / "Update.lock"));
+  EXPECT_TRUE(persist());
+  EXPECT_EQ(0644u, modeOf(m_target));
+  umask(mask);
+}
+
+TEST_F(Payload, WithoutALockFileItIsWrittenUnprotected)
+{
+  fs::create_directory(m_dir / "Update.lock");
+  LogCapture log;
+  ASSERT_NE(0, m_data->open(OM_UPDATE, ""));
+  EXPECT_EQ(1,
+            log.count(1, "CleanupLock::CleanupLock", "Unable to open " + (m_dir / "Update.lock")))
+      << log.text();
+  EXPECT_TRUE(write("abc"));
+  EXPECT_TRUE(persist());
+  EXPECT_EQ("abc", readText(m_target));
+}
+
+TEST_F(Payload, WhenTheLockCannotBeHadItIsWrittenUnprotected)
+{
+  LogCapture log;
+  SystemCalls const calls(m_dir.path(), [](std::string const& call)
+                          { return call == "fcntl setlkw read Update.lock" ? ENOLCK : 0; });
+  ASSERT_NE(0, m_data->open(OM_UPDATE, ""));
+  EXPECT_EQ(1,
+            log.count(1, "CleanupLock::CleanupLock", "Unable to lock " + (m_dir / "Update.lock")))
+      << log.text();
+  EXPECT_EQ(F_UNLCK, cleanupLock());
+  EXPECT_TRUE(write("abc"));
+  EXPECT_TRUE(persist());
+  EXPECT_EQ("abc", readText(m_target));
 }
 
 TEST_F(Payload, PersistLogsWhatItDid)

@@ -51,6 +51,17 @@ TEST(CleanupLock, MakesTheLockFileAndHoldsByteZero)
   EXPECT_TRUE(std::filesystem::exists(path)) << "the lock file stays";
 }
 
+TEST(CleanupLock, LocksNothingButByteZero)
+{
+  TempDir const dir;
+  for (auto const mode : {CleanupLock::SHARED, CleanupLock::EXCLUSIVE})
+  {
+    CleanupLock const lock(dir.path().c_str(), mode);
+    EXPECT_NE(F_UNLCK, lockSeenByOthers(dir / "Update.lock"));
+    EXPECT_EQ(F_UNLCK, lockSeenByOthers(dir / "Update.lock", 1));
+  }
+}
+
 TEST(CleanupLock, ModesHaveTheirNumbers)
 {
   EXPECT_EQ(0, CleanupLock::EXCLUSIVE);

@@ -156,6 +156,18 @@ TEST_F(Creator, InitKeepsTheTemporaryFilesOfAnotherProcessAtWork)
   EXPECT_TRUE(fs::exists(dir + "/3.updating"));
 }
 
+TEST_F(Creator, InitDeletesNothingWithoutALockFile)
+{
+  std::string const dir = m_root / "db/discovery";
+  fs::create_directories(dir + "/Update.lock");
+  writeText(dir + "/3.updating", "x");
+  LogCapture log;
+  initialised();
+  EXPECT_TRUE(fs::exists(dir + "/3.updating"));
+  EXPECT_EQ(1, log.count(1, "CleanupLock::CleanupLock", "Unable to open " + dir + "/Update.lock"))
+      << log.text();
+}
+
 TEST_F(Creator, SetupKeepsTheTemporaryFilesOfThisProcess)
 {
   std::string const dir = initialised();

@@ -1,5 +1,5 @@
-// Watches the system calls that change or lock files below a directory, and
-// lets a test answer them in the system's place.
+// Watches the system calls that change, lock or read files below a directory,
+// and lets a test answer them in the system's place.
 
 #pragma once
 
@@ -15,9 +15,13 @@ class SystemCalls
 public:
   // A call's text: "pwrite 2 a b.xml", "rename 0.updating", "fsync ." for the
   // directory itself, "fcntl setlk write Update.lock" (setlk or setlkw; read,
-  // write or unlock). The result is 0 to let the call through, or the error
-  // number that it shall fail with. It may also end the process.
+  // write or unlock), "pread 2 a b.xml", "fstat 2 a b.xml". The result is 0 to
+  // let the call through, or the error number that it shall fail with. It may
+  // also end the process.
   using Answer = std::function<int(std::string const& call)>;
+
+  // Whether the call changes a file: it neither locks nor reads.
+  static bool changes(std::string const& call);
 
   explicit SystemCalls(std::string directory, Answer answer = {});
   ~SystemCalls();
