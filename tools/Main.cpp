@@ -13,6 +13,27 @@
 #include <exception>
 #include <iostream>
 
+namespace
+{
+
+// An empty value is what a shell makes of a variable that is not set. Taken as
+// if the option were not there, it would mean the master, or everything. Only
+// an empty query asks for what none asks for.
+void refuseEmptyValues(CLI::App& app)
+{
+  static CLI::Validator const NOT_EMPTY(
+      [](std::string const& value)
+      { return std::string(value.empty() ? "an empty value names nothing" : ""); },
+      "");
+  for (CLI::Option* const option : app.get_options())
+    if (option->get_type_size() != 0 && !option->check_lname("where"))
+      option->check(NOT_EMPTY);
+  for (CLI::App* const command : app.get_subcommands({}))
+    refuseEmptyValues(*command);
+}
+
+} // namespace
+
 int main(int argc, char** argv)
 {
   using namespace tqdiscoctl;
@@ -44,6 +65,7 @@ int main(int argc, char** argv)
   addControlCommands(application, session);
   addDbCommands(application, session.exitCode);
   setUpHelp(application);
+  refuseEmptyValues(application);
 
   try
   {

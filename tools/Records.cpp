@@ -92,8 +92,8 @@ int queryRecords(Selection const& selection, std::vector<Record>& records, bool 
   AuthorityType type = AT_ANYANDALL;
   if (!selectedType(selection, type))
     return EXIT_USAGE;
-  std::string const subject = selection.subject.empty() ? "*" : selection.subject;
-  std::string const authority = selection.authority.empty() ? "*" : selection.authority;
+  std::string const& subject = selection.subject;
+  std::string const& authority = selection.authority;
   AutoDereference<DiscoveryIterator> const iterator(getDiscoveryRepository().queryDiscoveries(
       selection.filterData ? DQ_FILTER_DATA : DQ_DISCOVERY_DATA, subject, authority, type));
   if (!iterator)
