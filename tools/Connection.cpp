@@ -183,7 +183,7 @@ int Connection::open()
   m_service = connect(m_master);
   if (CORBA::is_nil(m_service))
     return EXIT_NOT_REACHABLE;
-  learnMasterName();
+  learnMaster();
   initDiscoveryResearch();
   m_research = true;
   return EXIT_DONE;
@@ -247,24 +247,65 @@ int Connection::conclude(int exitCode) const
   return exitCode == EXIT_FAILED ? EXIT_NOT_REACHABLE : exitCode;
 }
 
+// The first of these discoveries that is stored, and how the service that lists
+// them calls itself. Only the beginning of the list is looked at.
+bool Connection::findStored(char const* subject, char const* authority, Remote::Discovery& stored,
+                            std::string& name) const
+{
+  constexpr CORBA::Long SOME = 64;
+  Remote::DiscoveryIterator_var const iterator =
+      m_service->queryDiscoveries(DQ_DISCOVERY_DATA, AT_ANYANDALL, subject, authority);
+  iterator->pageSize(SOME);
+  Remote::DiscoverySeq_var page = iterator->getNextPage();
+  iterator->release();
+  for (CORBA::ULong i = 0; i < page->length(); ++i)
+  {
+    name = page[i].sourceHost.in();
+    if (page[i].attributes.discoveryTime == 0)
+      continue;
+    stored = page[i];
+    return true;
+  }
+  return false;
+}
+
+// Whether the service lists what it does not have: that of a client passes
+// queries on to the master, but gives out nothing of what is stored.
+bool Connection::onlyRelays(Remote::Discovery const& stored) const
+{
+  Remote::CollectionDataIterator_var iterator;
+  DiscoveryStatus const status = m_service->getCollectionData(stored, "", iterator.out());
+  if (!CORBA::is_nil(iterator))
+    iterator->release();
+  // It may have expired since it was listed.
+  Remote::Discovery again;
+  std::string name;
+  return status == DS_NONE_FOUND && findStored(stored.subject, stored.authority, again, name);
+}
+
 // Records name the host that has them as the service calls itself. A user who
-// gave an address, or a port that was forwarded, may not be able to resolve
-// that name; it is the host that was reached all the same.
-void Connection::learnMasterName()
+// gave an address, or a port that was forwarded, may not be able to resolve or
+// to reach that name; it is the host that was reached all the same.
+void Connection::learnMaster()
 {
   if (m_options.master.empty())
     return;
   try
   {
-    Remote::DiscoveryIterator_var const iterator =
-        m_service->queryDiscoveries(DQ_DISCOVERY_DATA, AT_ANYANDALL, "*", "*");
-    iterator->pageSize(0); // pages of one record
-    Remote::DiscoverySeq_var page = iterator->getNextPage();
-    iterator->release();
+    Remote::Discovery stored;
+    std::string name;
+    // What each service tells of itself is stored; collections on demand come
+    // before all that is.
+    bool const found =
+        findStored("*", "service", stored, name) || findStored("*", "*", stored, name);
     std::string reason;
     std::string const address = resolve(getHostAddress(m_master), reason);
-    if (page->length() > 0 && *page[0].sourceHost.in() != '\0' && !address.empty())
-      overrideConfiguration(std::string("HOST_ADDRESS.") + page[0].sourceHost.in(), address);
+    if (!name.empty() && !address.empty())
+      overrideConfiguration("HOST_ADDRESS." + name, address);
+    if (found && onlyRelays(stored))
+      complain("the service at " + m_place + " is not the master's: \"" + shown(name) +
+               "\" is a client, which lists what its master knows but has none of it to show. "
+               "Name the master with --master, or leave --master out.");
   }
   catch (CORBA::Exception const&)
   {

@@ -71,7 +71,11 @@ public:
 
 private:
   int chooseMaster();
-  void learnMasterName();
+  void learnMaster();
+  bool findStored(char const* subject, char const* authority,
+                  Quillon::Tessarine::Ozf::DiscoverySvc::Remote::Discovery& stored,
+                  std::string& name) const;
+  bool onlyRelays(Quillon::Tessarine::Ozf::DiscoverySvc::Remote::Discovery const& stored) const;
 
   ConnectionOptions const& m_options;
   std::string m_master; // its name

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <chrono>
 #include <iostream>
+#include <map>
 #include <memory>
 #include <unistd.h>
 
@@ -46,6 +47,10 @@ struct ServiceState
   std::vector<Item> explorers;
   bool complete = false;
 };
+
+// By name; with the time of the latest discovery about the host, zero when all
+// are on demand.
+using SilentHosts = std::map<std::string, OzfObjTime>;
 
 std::string fact(Item const& item, char const* name)
 {
@@ -99,6 +104,22 @@ int readStates(std::vector<ServiceState>& states)
   return EXIT_DONE;
 }
 
+// The hosts whose explorers have told something while their service tells
+// nothing of itself any more. What is of type external may be about anything.
+// Where no service tells of itself, none is missed.
+SilentHosts silentHosts(std::vector<Record> const& records, std::vector<ServiceState> const& states)
+{
+  SilentHosts silent;
+  if (states.empty())
+    return silent;
+  for (Record const& record : records)
+    if (record.type != AT_EXTSRC)
+      silent[record.subject] = std::max(silent[record.subject], record.discovered);
+  for (ServiceState const& state : states)
+    silent.erase(state.record.subject);
+  return silent;
+}
+
 nlohmann::json toJson(Item const& item)
 {
   nlohmann::json facts = nlohmann::json::object();
@@ -119,7 +140,16 @@ nlohmann::json toJson(ServiceState const& state)
   return result;
 }
 
-void printServices(std::vector<ServiceState> const& states, OzfObjTime const& now)
+nlohmann::json toJson(SilentHosts const& silent)
+{
+  nlohmann::json hosts = nlohmann::json::array();
+  for (auto const& [name, latest] : silent)
+    hosts.push_back({{"host", name}, {"latestTime", timeOrNull(latest)}});
+  return hosts;
+}
+
+void printServices(std::vector<ServiceState> const& states, SilentHosts const& silent,
+                   OzfObjTime const& now)
 {
   Table table({{"HOST", Table::TEXT},
                {"ROLE", Table::FIXED},
@@ -135,6 +165,8 @@ void printServices(std::vector<ServiceState> const& states, OzfObjTime const& no
                fact(state.service, "StoredDiscoveries"), std::to_string(state.explorers.size()),
                std::to_string(countFailed(state)),
                formatAge(state.record.discovered, now) + " ago"});
+  for (auto const& [name, latest] : silent)
+    table.add({name, "-", "-", "silent", "-", "-", "-", "-"});
   table.print(std::cout, terminalWidth(STDOUT_FILENO), terminalStyles(STDOUT_FILENO));
 }
 
@@ -181,6 +213,7 @@ int status(Options const& options, Session const& session)
   if (int const result = readStates(states); result != EXIT_DONE)
     return connection.conclude(result);
 
+  SilentHosts const silent = silentHosts(records, states);
   std::size_t failed = 0;
   bool complete = true;
   for (ServiceState const& state : states)
@@ -197,7 +230,8 @@ int status(Options const& options, Session const& session)
     printJson({{"service", connection.place()},
                {"milliseconds", answered},
                {"discoveries", records.size()},
-               {"services", std::move(services)}});
+               {"services", std::move(services)},
+               {"silent", toJson(silent)}});
   }
   else
   {
@@ -209,18 +243,22 @@ int status(Options const& options, Session const& session)
     {
       OzfObjTime const now = OzfObjTime::now();
       std::cout << '\n';
-      printServices(states, now);
-      printExplorers(states, options.details || states.size() == 1, now);
+      printServices(states, silent, now);
+      printExplorers(states, options.details || states.size() + silent.size() == 1, now);
     }
   }
   std::cout.flush();
   if (!complete)
     complain("what some service tells of itself could not be read to its end; --verbose shows "
              "why");
+  if (!silent.empty())
+    complain(counted(silent.size(), "host is", "hosts are") +
+             " silent: something is known of each, but its service has not told of itself for "
+             "more than a minute. Is tqdisco running there?");
   if (failed != 0)
     complain(counted(failed, "explorer has", "explorers have") +
              " failed at the last run; the log of the host's service tells why");
-  return connection.conclude(failed == 0 && complete ? EXIT_DONE : EXIT_PARTLY);
+  return connection.conclude(failed == 0 && complete && silent.empty() ? EXIT_DONE : EXIT_PARTLY);
 }
 
 } // namespace

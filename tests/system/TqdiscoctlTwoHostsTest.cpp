@@ -10,6 +10,7 @@ namespace
 
 using namespace tqtest;
 using nlohmann::json;
+using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 using Words = std::vector<std::string>;
@@ -150,7 +151,52 @@ TEST_F(TqdiscoctlTwoHostsTest, anotherHostsServicePushesAndStops)
   ASSERT_TRUE(m_client->wait());
   EXPECT_EQ(m_client->exitCode(), 0) << m_client->errors();
   EXPECT_EQ(run({"stop", "--host", CLIENT}).exitCode, 5);
-  EXPECT_EQ(run({"status"}).exitCode, 0) << "the master goes on";
+  EXPECT_EQ(run({"query"}).exitCode, 0) << "the master goes on";
+}
+
+// What the host's service told of itself is taken away rather than waited for.
+TEST_F(TqdiscoctlTwoHostsTest, aHostThatTellsNothingOfItselfAnyMoreIsSilent)
+{
+  EXPECT_EQ(json::parse(run({"status", "--json"}).output)["silent"], json::array());
+  m_client->sendSignal(SIGKILL);
+  ASSERT_TRUE(m_client->wait());
+  for (char const* const suffix : {"xml", "dat"})
+    ASSERT_TRUE(
+        std::filesystem::remove(m_master.database() + "/2 service " + CLIENT + "." + suffix));
+
+  Outcome const text = run({"status"});
+  EXPECT_EQ(text.exitCode, 4) << text.output;
+  EXPECT_THAT(text.output, testing::ContainsRegex("\n4a +- +- +silent +- +- +- +-\n"));
+  EXPECT_THAT(text.errors, HasSubstr("1 host is silent"));
+  json const status = json::parse(run({"status", "--json"}).output);
+  EXPECT_EQ(status["services"].size(), 1U);
+  ASSERT_EQ(status["silent"].size(), 1U);
+  EXPECT_EQ(status["silent"][0]["host"], CLIENT);
+  EXPECT_TRUE(status["silent"][0].contains("latestTime"));
+
+  // Explorers tell of hosts; what is put in may be about anything.
+  writeText(m_root / "payload", "<DiscoveredItems/>");
+  ASSERT_EQ(run({"put", "rack7", "disks", m_root / "payload"}).exitCode, 0);
+  EXPECT_EQ(json::parse(run({"status", "--json"}).output)["silent"], status["silent"]);
+}
+
+// It passes queries on, and so looks like the master until something is read.
+TEST_F(TqdiscoctlTwoHostsTest, aClientNamedAsTheMasterIsToldApart)
+{
+  Outcome const list = run({"--master", CLIENT, "query"});
+  EXPECT_EQ(list.exitCode, 0) << list.errors;
+  EXPECT_THAT(list.errors,
+              AllOf(HasSubstr("is not the master's"), HasSubstr("\"4a\" is a client")));
+  Outcome const shown = run({"--master", CLIENT, "show", LiveService::NAME, "service"});
+  EXPECT_EQ(shown.exitCode, 1);
+  EXPECT_THAT(shown.errors, HasSubstr("is not the master's"));
+
+  for (char const* const master : {LiveService::NAME, "127.0.0.1"})
+  {
+    Outcome const good = run({"--master", master, "show", CLIENT, "service"});
+    EXPECT_EQ(good.exitCode, 0) << good.errors;
+    EXPECT_THAT(good.errors, testing::IsEmpty());
+  }
 }
 
 } // namespace
