@@ -9,6 +9,7 @@
 #include "ozf/config/Configuration.h"
 #include "ozf/log/Assertion.h"
 #include "ozf/log/FrameworkLogger.h"
+#include "ozf/orb/ClosedConnection.h"
 #include "ozf/orb/ListenCheck.h"
 #include "ozf/plugin/CurrentException.h"
 
@@ -178,9 +179,15 @@ CORBA::ORB_ptr startOrb(std::vector<std::string> const& endPoints, std::string c
       {"threadPerConnectionUpperLimit", "500"},
       {"threadPerConnectionLowerLimit", "400"},
       {"maxServerThreadPoolSize", "100"},
-      {"inConScanPeriod", "30"},
-      {"outConScanPeriod", "120"},
+      // Seconds until an idle connection is closed, counted in scans: up to one
+      // granularity less. Who calls lets go well before who serves, as a call
+      // that meets a connection just closed fails.
+      {"outConScanPeriod", "15"},
+      {"inConScanPeriod", "60"},
       {"scanGranularity", "5"},
+      // The look whether an object exists, before the first call on it, would be
+      // a message that leaveClosedConnection does not see; the call tells as well.
+      {"verifyObjectExistsAndType", "0"},
       // References are made without a look-up of the host's name.
       {"resolveNamesForTransportRules", "0"},
       {"endPointPublish", "addr"},
@@ -196,6 +203,7 @@ CORBA::ORB_ptr startOrb(std::vector<std::string> const& endPoints, std::string c
 
   auto* const interceptors = omniORB::getInterceptors();
   interceptors->serverAcceptConnection.add(acceptConnection);
+  interceptors->clientSendRequest.add(leaveClosedConnection);
   interceptors->invokeLocalCall.add(guardCall);
   return orb._retn();
 }

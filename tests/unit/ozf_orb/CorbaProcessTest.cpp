@@ -1,117 +1,15 @@
 #include "tests/support/LogCapture.h"
-#include "tests/unit/ozf_orb/ProbeServant.h"
+#include "tests/unit/ozf_orb/ServingProcess.h"
 
 #include "ozf/base/SystemError.h"
 
 #include <omniORB4/omniORB.h>
 #include <csignal>
 #include <poll.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <vector>
 
 using namespace Quillon::Tessarine::Ozf;
-
-namespace
-{
-
-OrbTest::Probe_var probeOf(Orb& orb, char const* name, ACE_Time_Value const& timeout = {})
-{
-  OzfHostname host;
-  host.setHostname("127.0.0.1");
-  CORBA::Object_var object = orb.resolveObject(host, "ProbeService", name, timeout);
-  return OrbTest::Probe::_unchecked_narrow(object);
-}
-
-sockaddr_in loopback(unsigned short port, char const* address = "127.0.0.1")
-{
-  sockaddr_in name{};
-  name.sin_family = AF_INET;
-  name.sin_port = htons(port);
-  inet_pton(AF_INET, address, &name.sin_addr);
-  return name;
-}
-
-std::string serviceAt(unsigned short port, char const* address = "127.0.0.1")
-{
-  return std::string("ORB_BIND = ") + address +
-         "\nORB_PORT.ProbeService = " + std::to_string(port) + "\n";
-}
-
-// A process of its own that serves a probe called "Probe" until the object
-// goes. Calls from one process to itself do not go over the wire.
-class ServingProcess
-{
-public:
-  explicit ServingProcess(rlim_t descriptors = 0)
-  {
-    int toChild[2];
-    int toParent[2];
-    if (pipe(toChild) != 0 || pipe(toParent) != 0)
-      std::abort();
-    m_pid = fork();
-    if (m_pid == 0)
-    {
-      close(toChild[1]);
-      close(toParent[0]);
-      _exit(serve(toChild[0], toParent[1], descriptors));
-    }
-    close(toChild[0]);
-    close(toParent[1]);
-    m_stop = toChild[1];
-    char byte = 0;
-    if (read(toParent[0], &byte, 1) != 1)
-      ADD_FAILURE() << "the serving process did not start";
-    close(toParent[0]);
-  }
-  ~ServingProcess()
-  {
-    close(m_stop);
-    int status = 0;
-    waitpid(m_pid, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-  }
-
-  pid_t pid() const { return m_pid; }
-
-private:
-  static int serve(int stop, int ready, rlim_t descriptors)
-  {
-    if (descriptors != 0)
-    {
-      rlimit const limit{descriptors, descriptors};
-      setrlimit(RLIMIT_NOFILE, &limit);
-    }
-    Orb orb(1, "", "ProbeService", 1, 16);
-    if (!orb.init() || orb.run(0) != 0)
-      return 1;
-    ProbeServant* const servant = new ProbeServant;
-    CORBA::Object_var object = orb.activateObject(servant);
-    servant->destroy = [&] { orb.destroyObjectRef(object); };
-    orb.advertiseObject("Probe", object);
-    servant->_remove_ref();
-    char byte = 0;
-    if (write(ready, "r", 1) != 1 || read(stop, &byte, 1) != 0)
-      return 2;
-    orb.shutdown();
-    return 0;
-  }
-
-  pid_t m_pid = -1;
-  int m_stop = -1;
-};
-
-struct Client
-{
-  Client() : orb(1, "", "client", 1, 16)
-  {
-    EXPECT_TRUE(orb.init());
-    orb.run(0);
-  }
-  Orb orb;
-};
-
-} // namespace
 
 TEST(CorbaProcessTest, saysAddressAndPortWhenThePortIsInUse)
 {

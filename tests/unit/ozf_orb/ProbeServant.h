@@ -19,6 +19,7 @@
 #include <mutex>
 #include <netinet/in.h>
 #include <new>
+#include <poll.h>
 #include <stdexcept>
 #include <string>
 #include <sys/socket.h>
@@ -144,6 +145,14 @@ public:
   BoundSocket(BoundSocket const&) = delete;
   BoundSocket& operator=(BoundSocket const&) = delete;
   unsigned short port() const { return m_port; }
+
+  // A connection to it, or -1 when none comes in that time.
+  int accept(std::chrono::milliseconds time) const
+  {
+    pollfd wait{m_fd, POLLIN, 0};
+    return poll(&wait, 1, static_cast<int>(time.count())) == 1 ? ::accept(m_fd, nullptr, nullptr)
+                                                               : -1;
+  }
 
 private:
   int m_fd;
