@@ -1,11 +1,13 @@
 // tqdiscoctl: the operator's command.
 
+#include "ozf/base/SystemError.h"
 #include "ozf/log/Logger.h"
 #include "tools/Commands.h"
 #include "tools/DbCommands.h"
 #include "tools/ExitCodes.h"
 #include "tools/Help.h"
 #include "tools/Output.h"
+#include "tools/StandardOutput.h"
 
 #include <CLI/CLI.hpp>
 
@@ -39,6 +41,7 @@ int main(int argc, char** argv)
   using namespace tqdiscoctl;
 
   std::setlocale(LC_CTYPE, "");
+  StandardOutput const output;
   // Each command says itself what went wrong; the library's own lines are for
   // those who ask for them.
   using Quillon::Tessarine::Ozf::LoggerFactory;
@@ -83,6 +86,7 @@ int main(int argc, char** argv)
   std::cout.flush();
   if (std::cout)
     return session.exitCode;
-  std::cerr << "tqdiscoctl: cannot write to standard output\n";
+  complain("cannot write to standard output: " +
+           Quillon::Tessarine::Ozf::errorText(output.error()));
   return EXIT_FAILED;
 }

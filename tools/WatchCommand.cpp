@@ -164,7 +164,7 @@ int watch(Options const& options, Session const& session)
   for (unsigned looks = 1; options.looks == 0 || looks < options.looks; ++looks)
   {
     if (!interruption.pause(options.interval))
-      return EXIT_DONE;
+      break;
     Look after;
     if (look(options.selection, after, true) != EXIT_DONE)
     {

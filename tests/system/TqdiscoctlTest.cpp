@@ -366,7 +366,7 @@ TEST_F(TqdiscoctlTest, watchTellsWhatWasAddedChangedAndGone)
   EXPECT_TRUE(watcher.awaitError("does not answer any more")) << watcher.errors();
   watcher.sendSignal(SIGTERM);
   ASSERT_TRUE(watcher.wait());
-  EXPECT_EQ(watcher.exitCode(), 0);
+  EXPECT_EQ(watcher.exitCode(), 5) << "what it watched is away";
 }
 
 TEST_F(TqdiscoctlTest, watchEndsAfterTheLooksThatWereAskedFor)

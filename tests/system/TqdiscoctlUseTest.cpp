@@ -208,7 +208,9 @@ TEST(TqdiscoctlUseTest, outputThatCannotBeWrittenIsAFailure)
   Outcome const outcome = runProgram(
       "/bin/sh", {"-c", "\"$0\" --help >/dev/full; echo $? >&2", TQ_BIN_DIR "/tqdiscoctl"},
       {{"TESSARINE_ROOT", root.path()}});
-  EXPECT_THAT(outcome.errors, AllOf(HasSubstr("cannot write to standard output"), EndsWith("1\n")));
+  EXPECT_THAT(outcome.errors,
+              AllOf(HasSubstr("cannot write to standard output: No space left on device"),
+                    EndsWith("1\n")));
 }
 
 // ---- the documented JSON ----
