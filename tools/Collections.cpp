@@ -4,11 +4,13 @@
 #include "discovery/Researcher.h"
 #include "ozf/base/AsciiCase.h"
 #include "ozf/xml/QueryExpression.h"
+#include "tools/CapturedText.h"
 #include "tools/ExitCodes.h"
 #include "tools/Format.h"
 #include "tools/Output.h"
 
 #include <cmath>
+#include <memory>
 #include <sstream>
 
 namespace tqdiscoctl
@@ -85,6 +87,22 @@ private:
   bool m_mixed = false;
 };
 
+// False when there is text between the elements, or no telling them apart.
+bool readFacts(std::string const& captured, Item::Facts& facts)
+{
+  auto reader = std::make_unique<FactReader>();
+  bool read = reader->read(captured);
+  if (std::string xml; !read && withoutAttributes(captured, xml))
+  {
+    reader = std::make_unique<FactReader>();
+    read = reader->read(xml);
+  }
+  if (!read || reader->mixed())
+    return false;
+  facts = reader->facts();
+  return true;
+}
+
 Item makeItem(DiscoveredItem const& discovered)
 {
   Item item;
@@ -98,10 +116,7 @@ Item makeItem(DiscoveredItem const& discovered)
     return item;
   std::ostringstream text;
   data->writeXml(text, XmlStr::UTF_8);
-  FactReader reader;
-  if (reader.read(text.str()) && !reader.mixed())
-    item.facts = reader.facts();
-  else
+  if (!readFacts(text.str(), item.facts))
     item.text = text.str();
   return item;
 }
@@ -145,6 +160,13 @@ bool readBytesThrough(Discovery& discovery, std::string const& query, std::strin
   while ((count = data->readCollection(sizeof buffer, buffer)) > 0)
     bytes.append(buffer, static_cast<std::size_t>(count));
   return count == 0;
+}
+
+void noteFactNames(Collection& collection)
+{
+  for (Item const& item : collection.items)
+    for (auto const& [name, value] : item.facts)
+      collection.factNames.insert(name);
 }
 
 // Only the items that answer the query, by what is written of them.
@@ -222,6 +244,8 @@ Collection readCollection(Record const& record, OzfQuery const& query)
                {
                  collection = readThrough(discovery, text);
                  bool const answer = isAnswer(collection);
+                 if (!text.empty())
+                   noteFactNames(collection);
                  if (whole)
                    keepAnswers(collection, query);
                  return answer;
@@ -253,6 +277,16 @@ AutoDereference<OzfQuery> describe(Record const& record)
         for (auto const& attribute : readThrough(each.discovery, "").attributes)
           description->addAttribute(attribute);
   return description;
+}
+
+std::vector<OzfQuery::Attribute> describeQueries(Record const& record)
+{
+  auto const stored = describe(record);
+  if (!stored->attributes().empty() || !record.onDemand())
+    return stored->attributes();
+  Record beside = record;
+  beside.authority += PULL_FILTER_SUFFIX;
+  return describe(beside)->attributes();
 }
 
 std::string formatValue(std::string const& value, OzfQuery::Attribute const* attribute)

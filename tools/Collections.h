@@ -7,6 +7,7 @@
 
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -38,6 +39,7 @@ struct Collection
 {
   bool complete = false; // else it could not be read, or not to its end
   std::vector<Item> items;
+  std::set<std::string> factNames; // with a query: also of items that do not answer it
   std::vector<Quillon::Tessarine::Ozf::OzfQuery::Attribute> attributes; // of filter data
 };
 
@@ -53,6 +55,15 @@ bool readBytes(Record const& record, std::string const& query, std::string& byte
 // stored one for the subject.
 Quillon::Tessarine::Ozf::AutoDereference<Quillon::Tessarine::Ozf::OzfQuery>
 describe(Record const& record);
+
+// What can be asked for of the collection, as its explorer stored it under the
+// record's names, or beside a collection on demand under the authority's name
+// with PULL_FILTER_SUFFIX. Empty when it stored nothing.
+std::vector<Quillon::Tessarine::Ozf::OzfQuery::Attribute> describeQueries(Record const& record);
+
+// Where explorers whose collections are made on demand store what can be asked
+// of them: under their own name the service would not give it out.
+inline constexpr char PULL_FILTER_SUFFIX[] = "-filter";
 
 // A fact's value for people: sizes and durations with units.
 std::string formatValue(std::string const& value,

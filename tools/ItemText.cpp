@@ -19,6 +19,7 @@ namespace
 constexpr std::size_t GAP = 2;
 // A column that is wider is cut before it pushes others out.
 constexpr std::size_t WIDE = 24;
+constexpr int LAST_TURN = 2;
 
 // The sizes among the facts of the product's own explorers, for those whose
 // description is not stored or cannot be read.
@@ -107,9 +108,25 @@ bool isRare(std::vector<ItemRow> const& rows, std::string const& fact)
   return 2 * static_cast<std::size_t>(count) < rows.size();
 }
 
-// The facts that fit beside the names, in their order. Those with long values
-// come last: one of them would take the room of several others. So do those
-// that few items have.
+bool isSize(OzfQuery const& description, std::string const& fact)
+{
+  auto const* const attribute = attributeOf(description, fact);
+  return attribute != nullptr && attribute->type == OzfQuery::Type::SIZE;
+}
+
+// Which facts get room first: sizes, which are short and what most people look
+// for, also where pseudo devices have none. Those with long values come last:
+// one of them would take the room of several others. So do those that few items
+// have.
+int turnOf(std::string const& fact, std::vector<ItemRow> const& rows, OzfQuery const& description,
+           std::size_t width)
+{
+  if (isSize(description, fact))
+    return 0;
+  return width > WIDE || isRare(rows, fact) ? LAST_TURN : 1;
+}
+
+// The facts that fit beside the names, in their order.
 std::vector<std::string> fitting(std::vector<std::string> const& facts,
                                  std::vector<ItemRow> const& rows, OzfQuery const& description,
                                  std::size_t width, bool subjects)
@@ -124,11 +141,11 @@ std::vector<std::string> fitting(std::vector<std::string> const& facts,
   used += subjects ? subjectWidth + GAP : 0;
 
   std::vector<bool> chosen(facts.size());
-  for (bool const late : {false, true})
+  for (int turn = 0; turn <= LAST_TURN; ++turn)
     for (std::size_t i = 0; i < facts.size(); ++i)
     {
       std::size_t const wanted = columnWidth(rows, facts[i], description);
-      if ((wanted > WIDE || isRare(rows, facts[i])) != late)
+      if (turnOf(facts[i], rows, description, wanted) != turn)
         continue;
       std::size_t const needed = GAP + std::min(wanted, WIDE);
       if (used + needed > width)

@@ -65,9 +65,11 @@ void printJsonLine(nlohmann::json const& value)
   std::cout << value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << std::endl;
 }
 
-void complain(std::string const& message)
+void complain(std::string const& message) { remark("tqdiscoctl: " + message); }
+
+void remark(std::string const& text)
 {
-  std::istringstream lines("tqdiscoctl: " + message);
+  std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);)
     std::cerr << wrapped(line, terminalWidth(STDERR_FILENO)) << '\n';
 }

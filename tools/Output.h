@@ -29,6 +29,9 @@ void complain(std::string const& message);
 // The same for what only those want to know who gave --verbose.
 void tell(std::string const& message);
 
+// A line on standard error that is no complaint, fitted likewise.
+void remark(std::string const& text);
+
 // A text from elsewhere on its way to a terminal: control characters become
 // %XX, so that no escape sequence of somebody else's gets through.
 std::string shown(std::string const& text);

@@ -5,6 +5,7 @@
 #include "tools/Format.h"
 #include "tools/ItemText.h"
 #include "tools/Output.h"
+#include "tools/QueryAnswer.h"
 #include "tools/Table.h"
 #include "tools/XmlText.h"
 
@@ -28,10 +29,6 @@ using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
 
 namespace
 {
-
-// Where explorers whose collections are made on demand store what can be asked
-// of them: under their own name the service would not give it out.
-constexpr char PULL_FILTER_SUFFIX[] = "-filter";
 
 struct Options
 {
@@ -180,9 +177,21 @@ std::string foundText(Record const& record, OzfObjTime const& now)
 {
   if (record.onDemand())
     return "now, on demand";
+  if (record.announcement)
+    return "announced to the master by its host; does not expire";
   std::string const expiry = formatExpiryOf(record, now);
   bool const isSpan = expiry != "now" && expiry != "never";
   return formatAgeOf(record, now) + " ago, expires " + (isSpan ? "in " : "") + expiry;
+}
+
+// What was read has no items, or none that answers.
+void complainNoItems(std::string const& where, QueryAnswer const& answer)
+{
+  if (where.find_first_not_of(" \t\r\n") == std::string::npos)
+    complain("there are no items in what matches; \"tqdiscoctl show\" with --raw prints a payload "
+             "as it is");
+  else
+    answer.complainNone(where);
 }
 
 int show(Options const& options, Session const& session)
@@ -204,6 +213,8 @@ int show(Options const& options, Session const& session)
     Progress const progress("Reading the collection");
     collection = readCollection(record, query);
   }
+  QueryAnswer answer;
+  answer.add(record, collection);
   int const result = resultOf(collection);
   if (result == EXIT_FAILED && !connection.answers())
     return connection.conclude(result);
@@ -224,9 +235,7 @@ int show(Options const& options, Session const& session)
   if (!collection.complete && connection.answers())
     complainUnread(record, result == EXIT_PARTLY);
   else if (result == EXIT_NOTHING && !options.json)
-    complain(options.where.empty() ? "the collection has no items"
-                                   : "no item answers the query; \"tqdiscoctl filters\" tells "
-                                     "what can be asked for");
+    complainNoItems(options.where, answer);
   return connection.conclude(result);
 }
 
@@ -262,8 +271,8 @@ void printAuthority(std::string const& authority,
       printItemTable(std::cout, rows, options.columns, *description, width, bold);
   std::cout.flush();
   if (leftOut != 0)
-    std::cerr << "(" << counted(leftOut, "more fact", "more facts")
-              << " of each item: --details shows all, --columns A,B chooses)\n";
+    remark("(" + counted(leftOut, "more fact", "more facts") +
+           " of each item: --details shows all, --columns A,B chooses)");
 }
 
 int items(Options const& options, Session const& session)
@@ -283,6 +292,7 @@ int items(Options const& options, Session const& session)
   std::size_t done = 0;
   std::size_t unread = 0;
   std::size_t count = 0;
+  QueryAnswer answer;
   {
     constexpr char WHAT[] = "Reading collections";
     std::optional<Progress> progress(std::in_place, WHAT);
@@ -300,6 +310,7 @@ int items(Options const& options, Session const& session)
         complainUnread(record, !collection.items.empty());
       }
       count += collection.items.size();
+      answer.add(record, collection);
       // Filter data lies beside what was found; "filters" is for that.
       if (collection.items.empty() && (collection.complete || !options.json))
         continue;
@@ -325,10 +336,10 @@ int items(Options const& options, Session const& session)
     return EXIT_DONE;
   if (!options.json)
   {
-    if (records.empty() || options.where.empty())
+    if (records.empty())
       complainNothing(options.selection);
     else
-      complain("no item answers the query; \"tqdiscoctl filters\" tells what can be asked for");
+      complainNoItems(options.where, answer);
   }
   return EXIT_NOTHING;
 }
@@ -431,6 +442,13 @@ void addShowCommands(CLI::App& application, Session& session)
       itemsCommand
           ->add_option("-c,--columns", options->columns, "The facts to show, with commas between")
           ->delimiter(',')
+          ->transform(CLI::Validator(
+              [](std::string& fact)
+              {
+                CLI::detail::trim(fact);
+                return std::string();
+              },
+              ""))
           ->type_name("FACT,...");
   itemsCommand->add_flag("-l,--details", options->details, "Every fact, a line each")
       ->excludes(columns);

@@ -2,7 +2,10 @@
 
 #include "ozf/xml/XmlDocumentInterface.h"
 
+#include <algorithm>
 #include <sstream>
+#include <utility>
+#include <vector>
 
 namespace tqdiscoctl
 {
@@ -12,9 +15,64 @@ using namespace Quillon::Tessarine::Ozf;
 namespace
 {
 
+bool isBlank(std::string const& text)
+{
+  return text.find_first_not_of(" \t\r\n") == std::string::npos;
+}
+
+// Tells which elements have text beside other elements; in the order of their
+// start tags.
+class MixedElements : public XmlDocumentInterface
+{
+public:
+  std::vector<bool> take() { return std::move(m_mixed); }
+
+  int xmlStartElement(XmlObjParseContext* context, XMLCh const*, AttributeList&) override
+  {
+    if (!m_open.empty())
+    {
+      note(*context);
+      m_open.back().elements = true;
+    }
+    m_open.push_back({m_mixed.size()});
+    m_mixed.push_back(false);
+    return 1;
+  }
+
+  int xmlEndElement(XmlObjParseContext* context, XMLCh const*) override
+  {
+    note(*context);
+    Element const& element = m_open.back();
+    m_mixed[element.number] = element.elements && element.text;
+    m_open.pop_back();
+    return 1;
+  }
+
+private:
+  struct Element
+  {
+    std::size_t number;
+    bool elements = false;
+    bool text = false;
+  };
+
+  void note(XmlObjParseContext& context)
+  {
+    m_open.back().text = m_open.back().text || !isBlank(context.text().str());
+    context.clearText();
+  }
+
+  std::vector<bool> m_mixed;
+  std::vector<Element> m_open;
+};
+
+// An element a line, but those with text beside elements as they are: there
+// every blank and line break counts.
 class Indenter : public XmlDocumentInterface
 {
 public:
+  explicit Indenter(std::vector<bool> mixed) : m_mixed(std::move(mixed)) {}
+
   std::string text() const { return m_out.str(); }
 
   int xmlStartElement(XmlObjParseContext* context, XMLCh const* name,
@@ -22,8 +80,9 @@ public:
   {
     writeText(*context);
     if (m_open)
-      m_out << ">\n";
-    indent();
+      m_out << (inMixed() ? ">" : ">\n");
+    if (!inMixed())
+      indent();
     m_out << '<' << OzfString(std::u16string_view(name)).str();
     for (XMLSize_t i = 0; i < attributes.getLength(); ++i)
       m_out << ' ' << OzfString(std::u16string_view(attributes.getName(i))).str() << "=\""
@@ -31,46 +90,73 @@ public:
     m_open = true;
     m_hadText = false;
     ++m_level;
+    if (!inMixed() && m_mixed[m_number])
+      m_mixedLevel = m_level;
+    ++m_number;
     return 1;
   }
 
   int xmlEndElement(XmlObjParseContext* context, XMLCh const* name) override
   {
     writeText(*context);
+    bool const asItIs = inMixed();
+    if (m_mixedLevel == m_level)
+      m_mixedLevel = 0;
     --m_level;
     if (m_open)
-      m_out << "/>\n";
+      m_out << "/>";
     else
     {
-      if (!m_hadText)
+      if (!m_hadText && !asItIs)
         indent();
-      m_out << "</" << OzfString(std::u16string_view(name)).str() << ">\n";
+      m_out << "</" << OzfString(std::u16string_view(name)).str() << '>';
     }
+    if (!inMixed())
+      m_out << '\n';
     m_open = false;
     m_hadText = false;
     return 1;
   }
 
 private:
+  bool inMixed() const noexcept { return m_mixedLevel != 0; }
+
   void indent() { m_out << std::string(2 * m_level, ' '); }
 
   void writeText(XmlObjParseContext& context)
   {
     std::string const collected = context.text().str();
     context.clearText();
-    if (collected.find_first_not_of(" \t\r\n") == std::string::npos)
+    if (collected.empty() || (!inMixed() && isBlank(collected)))
       return;
     if (m_open)
       m_out << '>';
-    m_out << XmlStr(OzfString(collected), XmlStr::UTF_8);
+    writeCharacters(collected);
     m_open = false;
     m_hadText = true;
   }
 
+  // In text, line breaks and tabs stand for themselves.
+  void writeCharacters(std::string const& text)
+  {
+    std::size_t begin = 0;
+    while (begin < text.size())
+    {
+      std::size_t const end = std::min(text.find_first_of("\t\n", begin), text.size());
+      m_out << XmlStr(OzfString(text.substr(begin, end - begin)), XmlStr::UTF_8);
+      if (end < text.size())
+        m_out << text[end];
+      begin = end + 1;
+    }
+  }
+
+  std::vector<bool> const m_mixed;
   std::ostringstream m_out;
+  std::size_t m_number = 0; // of the next start tag
   std::size_t m_level = 0;
-  bool m_open = false;    // a start tag still lacks its '>'
-  bool m_hadText = false; // text stands before the cursor on this line
+  std::size_t m_mixedLevel = 0; // within the outermost such element
+  bool m_open = false;          // a start tag still lacks its '>'
+  bool m_hadText = false;       // text stands before the cursor on this line
 };
 
 } // namespace
@@ -78,7 +164,13 @@ private:
 bool indentXml(std::string const& text, std::string& result, std::string& reason)
 {
   result.clear();
-  Indenter indenter;
+  MixedElements mixed;
+  if (!mixed.parseBuffer(std::string_view(text)))
+  {
+    reason = mixed.lastError();
+    return false;
+  }
+  Indenter indenter(mixed.take());
   if (!indenter.parseBuffer(std::string_view(text)))
   {
     reason = indenter.lastError();

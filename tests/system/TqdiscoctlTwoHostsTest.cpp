@@ -137,6 +137,9 @@ TEST_F(TqdiscoctlTwoHostsTest, volumesOfTheClientAreReadAfterARestartOfTheMaster
   EXPECT_EQ(announced[0]["discoveryTime"], nullptr);
   EXPECT_THAT(run({"show", CLIENT, "volume", "--type", "remotepull", "--raw"}).output,
               HasSubstr("<SourceHost>4a</SourceHost>"));
+  EXPECT_THAT(run({"show", CLIENT, "volume", "--type", "remotepull"}).errors +
+                  run({"show", CLIENT, "volume", "--type", "remotepull"}).output,
+              AllOf(HasSubstr("announced to the master by its host"), Not(HasSubstr("- ago"))));
 
   // A host that cannot be asked is a failure, not an empty collection.
   m_client->sendSignal(SIGKILL);
@@ -168,7 +171,7 @@ TEST_F(TqdiscoctlTwoHostsTest, aHostThatTellsNothingOfItselfAnyMoreIsSilent)
   EXPECT_EQ(text.exitCode, 4) << text.output;
   EXPECT_THAT(text.output, testing::ContainsRegex("\n4a +- +- +silent +- +- +- +-\n"));
   EXPECT_THAT(text.errors, HasSubstr("1 host is silent"));
-  json const status = json::parse(run({"status", "--json"}).output);
+  json status = json::parse(run({"status", "--json"}).output);
   EXPECT_EQ(status["services"].size(), 1U);
   ASSERT_EQ(status["silent"].size(), 1U);
   EXPECT_EQ(status["silent"][0]["host"], CLIENT);
