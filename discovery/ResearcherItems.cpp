@@ -352,7 +352,7 @@ int DiscoveredItem::xmlCharacters(XmlObjParseContext* context, XMLCh const* char
   auto& ctxt = contextOf<DiscoveredDataContext>(context, OPERATION);
   if (ctxt.m_nodes.empty())
     return 1; // an item has no text of its own
-  OZF_ASSERT(ctxt.m_subInterface != nullptr, "ctxt->m_subInterface", SOURCE, OPERATION);
+  ctxt.checkChild(OPERATION);
   return ctxt.m_subInterface->xmlCharacters(ctxt.m_subContext.get(), chars, length);
 }
 

@@ -130,7 +130,7 @@ int OzfQuery::xmlCharacters(XmlObjParseContext*, XMLCh const*, unsigned long) { 
 int OzfQuery::xmlStartElement(XmlObjParseContext* context, XMLCh const* name,
                               AttributeList& attributes)
 {
-  if (contextOf(context, "OzfQuery::xmlCharacters").depth++ > 0 ||
+  if (contextOf(context, "OzfQuery::xmlStartElement").depth++ > 0 ||
       !XmlObjParseContext::cmptag(name, ATTRIBUTE_TAG))
     return 1;
   auto const value = [&attributes](char const* attributeName)

@@ -3,6 +3,7 @@
 #include "discovery/DiscDB.h"
 #include "discovery/DiscoveryFramework.h"
 #include "discovery/DiscoveryRepository.h"
+#include "tests/support/FakeExplorers.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
 
@@ -72,6 +73,32 @@ struct FilterDescriptionTest : testing::Test
     return text;
   }
 };
+
+// Notes what it is asked and gives nothing.
+class AskedPull : public tqtest::FakePull
+{
+public:
+  AskedPull() : FakePull("asked") {}
+  bool collectionRequested(DiscoveryQuery query, Authority const&, Subject const&,
+                           AutoDereference<OZFRefCounted>&, char const* filterText,
+                           CollectionData*) override
+  {
+    questions.push_back({query, filterText});
+    return false;
+  }
+  std::vector<std::pair<DiscoveryQuery, std::string>> questions;
+};
+
+// What is stored carries no kind; a pull explorer is told which is wanted.
+TEST_F(FilterDescriptionTest, AsksForFilterDataAndSendsNoFilterAlong)
+{
+  AutoDereference<AskedPull> const explorer(new AskedPull);
+  getDiscoveryRepository().registerExplorer(new Subject("askedhost"), explorer.get(), 10,
+                                            new Authority("asked", AT_TQUCLIENT), false);
+  FilterDescription const description("asked", "askedhost");
+  using Questions = decltype(explorer->questions);
+  EXPECT_EQ((Questions{{DQ_FILTER_DATA, ""}}), explorer->questions);
+}
 
 TEST_F(FilterDescriptionTest, WithoutFilterDataItIsAnEmptyQuery)
 {

@@ -2,6 +2,7 @@
 
 #include "ozf/log/Assertion.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/NoAttributes.h"
 
 #include <gtest/gtest.h>
 
@@ -249,6 +250,10 @@ TEST(FilterParametersTest, ContextsOfAnotherKindFailTheAssertion)
   auto const name = OzfString("QueryString").toUtf16();
   XmlObjParseContext other(name.c_str(), nullptr);
   LogCapture log;
+  tqtest::NoAttributes none;
+  EXPECT_THROW(parameters.xmlStartElement(&other, name.c_str(), none), AssertionFailure);
+  EXPECT_TRUE(log.has(1, "FilterParameters::xmlStartElement", "Assertion failed: sContext"))
+      << log.text();
   EXPECT_THROW(parameters.xmlEndElement(&other, name.c_str()), AssertionFailure);
   EXPECT_TRUE(log.has(1, "FilterParameters::xmlEndElement", "Assertion failed: sContext"))
       << log.text();

@@ -426,6 +426,11 @@ TEST_F(ResearcherItemsTest, AParserThatGivesNoContextFailsAnAssertion)
       AssertionFailure);
   EXPECT_TRUE(log.has(1, "DiscoveredItem::xmlStartElement", "Assertion failed: ctxt->m_subContext"))
       << log.text();
+  EXPECT_THROW(
+      itemsOf(items("<DISCOVERED><ExplorerData Name=\"mine\">text</ExplorerData></DISCOVERED>")),
+      AssertionFailure);
+  EXPECT_TRUE(log.has(1, "DiscoveredItem::xmlCharacters", "Assertion failed: ctxt->m_subContext"))
+      << log.text();
 }
 
 // ---- hostile documents ----

@@ -1,5 +1,8 @@
 #include "ozf/xml/OzfQuery.h"
 
+#include "ozf/log/Assertion.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/NoAttributes.h"
 #include "tests/unit/ozf_xml/ObjectDocument.h"
 
 #include <gtest/gtest.h>
@@ -187,6 +190,19 @@ TEST(OzfQueryTest, ManyAttributesAreReadInLittleTime)
   Document const read(text + "</QueryDescription>");
   ASSERT_TRUE(read.parsed) << read.lastError();
   EXPECT_EQ(100000U, read.object->attributes().size());
+}
+
+TEST(OzfQueryTest, ContextsOfAnotherKindFailTheAssertion)
+{
+  OzfQuery query;
+  auto const name = OzfString("Attribute").toUtf16();
+  XmlObjParseContext other(name.c_str(), nullptr);
+  tqtest::NoAttributes none;
+  LogCapture log;
+  EXPECT_THROW(query.xmlStartElement(&other, name.c_str(), none), AssertionFailure);
+  EXPECT_THROW(query.xmlEndElement(&other, name.c_str()), AssertionFailure);
+  for (char const* operation : {"OzfQuery::xmlStartElement", "OzfQuery::xmlEndElement"})
+    EXPECT_EQ(1, log.count(1, operation, "Assertion failed: context")) << operation << log.text();
 }
 
 } // namespace
