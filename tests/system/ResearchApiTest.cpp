@@ -274,4 +274,15 @@ TEST_F(ResearchApiTest, anOrbOfTheApisOwnTimesOutToo)
   EXPECT_EQ(m_service.stop(), 0) << m_service.log();
 }
 
+TEST_F(ResearchApiTest, aProgramMayEndWithoutPuttingTheApiAway)
+{
+  std::string const reader = TQ_BIN_DIR "/research_reader";
+  m_service.configure("COLLECTION_PAGE_SIZE = 65536\n");
+  ASSERT_EQ(runProgram(reader, {m_service.root(), "store", "left", "1"}).exitCode, 0);
+  ASSERT_TRUE(m_service.start());
+  Outcome const left = runProgram(reader, {m_service.root(), "leave", "left", "1"});
+  EXPECT_EQ(left.exitCode, 0) << left.errors;
+  EXPECT_THAT(left.output, testing::HasSubstr("parsed 1"));
+}
+
 } // namespace

@@ -6,9 +6,10 @@
 // The explorer's data goes to a parser that counts the facts and keeps none of
 // them, as a component's own would that looks for a few among many. "local"
 // reads the database of this host, as the master's service does; "remote" asks
-// the service that the configuration names.
+// the service that the configuration names; so does "leave", and ends without
+// putting the research API away.
 //
-// Usage: research_reader <root> store|local|remote <subject> <MiB>
+// Usage: research_reader <root> store|local|remote|leave <subject> <MiB>
 
 #include "discovery/DiscDB.h"
 #include "discovery/DiscoveryFramework.h"
@@ -174,7 +175,7 @@ int main(int argc, char** argv)
   AutoDereference<CountingParser> const parser(new CountingParser);
   getDiscoveryRepository().registerExplorerParser(EXPLORER, parser.get());
   bool const read = readSubject(subject);
-  if (mode != "local")
+  if (mode == "remote")
     deinitDiscoveryResearch();
   return read ? 0 : 1;
 }
