@@ -185,9 +185,6 @@ CORBA::ORB_ptr startOrb(std::vector<std::string> const& endPoints, std::string c
       {"outConScanPeriod", "15"},
       {"inConScanPeriod", "60"},
       {"scanGranularity", "5"},
-      // The look whether an object exists, before the first call on it, would be
-      // a message that leaveClosedConnection does not see; the call tells as well.
-      {"verifyObjectExistsAndType", "0"},
       // References are made without a look-up of the host's name.
       {"resolveNamesForTransportRules", "0"},
       {"endPointPublish", "addr"},

@@ -69,11 +69,16 @@ TEST_F(ClosedConnectionTest, aCallOnAConnectionThatThePeerClosedGoesOnAnother)
   EXPECT_EQ(echoed(probe), "x");
 }
 
-TEST_F(ClosedConnectionTest, soDoesTheFirstCallOnAReference)
+TEST_F(ClosedConnectionTest, soDoesTheCheckOfAReferencesType)
 {
   ASSERT_EQ(echoed(probeOf(m_client.orb, "Probe")), "x");
   replaceService();
-  EXPECT_EQ(echoed(probeOf(m_client.orb, "Probe")), "x");
+  OzfHostname host;
+  host.setHostname("127.0.0.1");
+  CORBA::Object_var object = m_client.orb.resolveObject(host, "ProbeService", "Probe", {});
+  OrbTest::Probe_var probe;
+  ASSERT_NO_THROW(probe = OrbTest::Probe::_narrow(object));
+  EXPECT_EQ(echoed(probe), "x");
 }
 
 TEST_F(ClosedConnectionTest, anyNumberOfClosedConnectionsIsLeftInOneCall)
