@@ -183,7 +183,7 @@ CORBA::ORB_ptr startOrb(std::vector<std::string> const& endPoints, std::string c
       // granularity less. Who calls lets go well before who serves, as a call
       // that meets a connection just closed fails.
       {"outConScanPeriod", "15"},
-      {"inConScanPeriod", "60"},
+      {"inConScanPeriod", "30"},
       {"scanGranularity", "5"},
       // References are made without a look-up of the host's name.
       {"resolveNamesForTransportRules", "0"},

@@ -1,5 +1,5 @@
 // Clients that pause for longer than the service keeps an idle connection. The
-// pause is real time, 70 seconds a test: the ORB counts by its own clock.
+// pause is real time, 40 seconds a test: the ORB counts by its own clock.
 
 #include "tests/support/LiveService.h"
 #include "tests/support/RemoteClient.h"
@@ -29,7 +29,7 @@ protected:
     EXPECT_EQ(m_service.stop(), 0);
   }
 
-  static void pause() { std::this_thread::sleep_for(std::chrono::seconds(70)); }
+  static void pause() { std::this_thread::sleep_for(std::chrono::seconds(40)); }
 
   LiveService m_service;
   std::unique_ptr<Client> m_client;
