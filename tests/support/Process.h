@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -34,7 +35,8 @@ public:
   {
     int out[2];
     int err[2];
-    if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0)
+    if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0 ||
+        fcntl(out[0], F_SETFL, O_NONBLOCK) != 0 || fcntl(err[0], F_SETFL, O_NONBLOCK) != 0)
       std::abort();
     std::vector<std::string> const texts = environmentWith(additions);
     std::vector<char*> environment = pointers(texts);
@@ -55,7 +57,9 @@ public:
     }
     close(out[1]);
     close(err[1]);
-    m_reader = std::thread([this, o = out[0], e = err[0]] { collect(o, e); });
+    m_streams[0].end = out[0];
+    m_streams[1].end = err[0];
+    m_reader = std::thread([this] { collect(); });
   }
 
   ~Process()
@@ -115,8 +119,8 @@ public:
   }
 
   // What was written so far.
-  std::string output() const { return copy(m_output); }
-  std::string errors() const { return copy(m_errors); }
+  std::string output() const { return copy(m_streams[0].text); }
+  std::string errors() const { return copy(m_streams[1].text); }
 
   // Whether text appears on standard error before the deadline.
   bool awaitError(std::string const& text,
@@ -169,35 +173,52 @@ private:
     return m_ended;
   }
 
+  // All that the process had written when it was asked for, even where the
+  // reader has not come to it yet.
   std::string copy(std::string const& text) const
   {
     std::lock_guard guard(m_mutex);
+    for (Stream& stream : m_streams)
+      if (stream.end >= 0)
+        drain(stream);
     return text;
   }
 
-  void collect(int out, int err)
+  // One end of a pipe that does not block, and what came out of it.
+  struct Stream
   {
-    pollfd waits[] = {{out, POLLIN, 0}, {err, POLLIN, 0}};
-    std::string* const targets[] = {&m_output, &m_errors};
+    int end = -1;
+    std::string text;
+  };
+
+  // With m_mutex held. False when nothing will come any more.
+  static bool drain(Stream& stream)
+  {
+    char buffer[4096];
+    for (;;)
+    {
+      ssize_t const count = read(stream.end, buffer, sizeof buffer);
+      if (count > 0)
+        stream.text.append(buffer, static_cast<std::size_t>(count));
+      else if (count == 0 || errno != EINTR)
+        return count < 0 && errno == EAGAIN;
+    }
+  }
+
+  // Only here an end is closed, as nobody else waits for it.
+  void collect()
+  {
+    pollfd waits[] = {{m_streams[0].end, POLLIN, 0}, {m_streams[1].end, POLLIN, 0}};
     while (waits[0].fd >= 0 || waits[1].fd >= 0)
     {
       poll(waits, 2, -1);
-      for (int i = 0; i < 2; ++i)
+      std::lock_guard guard(m_mutex);
+      for (std::size_t i = 0; i < 2; ++i)
       {
-        if (waits[i].fd < 0 || waits[i].revents == 0)
+        if (waits[i].fd < 0 || waits[i].revents == 0 || drain(m_streams[i]))
           continue;
-        char buffer[4096];
-        ssize_t const count = read(waits[i].fd, buffer, sizeof buffer);
-        if (count > 0)
-        {
-          std::lock_guard guard(m_mutex);
-          targets[i]->append(buffer, static_cast<std::size_t>(count));
-        }
-        else if (count == 0 || errno != EINTR)
-        {
-          close(waits[i].fd);
-          waits[i].fd = -1;
-        }
+        close(waits[i].fd);
+        waits[i].fd = m_streams[i].end = -1;
       }
     }
     std::lock_guard guard(m_mutex);
@@ -210,6 +231,5 @@ private:
   std::thread m_reader;
   mutable std::mutex m_mutex;
   bool m_ended = false;
-  std::string m_output;
-  std::string m_errors;
+  mutable std::array<Stream, 2> m_streams; // standard output and standard error
 };
