@@ -16,7 +16,9 @@ waiting=
 
 stop()
 {
-  trap '' INT TERM
+  # Also when the terminal, or what reads the output, is gone.
+  trap '' INT TERM HUP PIPE
+  set +e
   echo
   echo "Stopping the fleet ..."
   [ -z "$waiting" ] || kill "$waiting" 2>/dev/null || true
@@ -24,7 +26,7 @@ stop()
   rm -rf "$fleet"
 }
 trap stop EXIT
-trap 'exit 0' INT TERM
+trap 'exit 0' INT TERM HUP PIPE
 
 chmod 755 "$fleet"
 entries="SERVER = $master

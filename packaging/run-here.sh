@@ -14,7 +14,9 @@ service=
 
 stop()
 {
-  trap '' INT TERM
+  # Also when the terminal, or what reads the output, is gone.
+  trap '' INT TERM HUP PIPE
+  set +e
   if [ -n "$service" ] && kill -0 "$service" 2>/dev/null; then
     echo
     echo "Stopping tqdisco ..."
@@ -24,7 +26,7 @@ stop()
   rm -rf "$root"
 }
 trap stop EXIT
-trap 'exit 0' INT TERM
+trap 'exit 0' INT TERM HUP PIPE
 
 mkdir -p "$root/etc" "$root/lib/plugins" "$root/log"
 chmod 755 "$root" "$root/lib" "$root/lib/plugins"
