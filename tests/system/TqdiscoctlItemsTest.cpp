@@ -1,6 +1,6 @@
 // What tqdiscoctl makes of payloads that are not as the product's own are.
 
-#include "tests/support/LiveService.h"
+#include "tests/support/CommandTest.h"
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
@@ -13,38 +13,22 @@ using nlohmann::json;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
-using Words = std::vector<std::string>;
 
-class TqdiscoctlItemsTest : public testing::Test
+class TqdiscoctlItemsTest : public CommandTest
 {
 protected:
-  void SetUp() override { ASSERT_TRUE(m_service.start()) << m_service.log(); }
-  void TearDown() override { EXPECT_EQ(m_service.stop(), 0) << m_service.log(); }
-
-  Outcome run(Words const& words) const { return m_service.tqdiscoctl(words); }
-
-  void store(std::string const& authority, std::string const& payload, Words const& more = {})
-  {
-    writeText(m_service / "payload", payload);
-    Words words{"put", "web1", authority, m_service / "payload"};
-    words.insert(words.end(), more.begin(), more.end());
-    Outcome const outcome = run(words);
-    ASSERT_EQ(outcome.exitCode, 0) << outcome.errors;
-  }
-
   // The only item of what is stored with these facts.
   json itemWith(std::string const& facts)
   {
-    store("odd", "<DiscoveredItems><DISCOVERED Name=\"one\"><ExplorerData Name=\"x\">" + facts +
-                     "</ExplorerData></DISCOVERED></DiscoveredItems>");
+    store("web1", "odd",
+          "<DiscoveredItems><DISCOVERED Name=\"one\"><ExplorerData Name=\"x\">" + facts +
+              "</ExplorerData></DISCOVERED></DiscoveredItems>");
     Outcome const outcome = run({"show", "web1", "odd", "--json"});
     EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
     json const collection = json::parse(outcome.output, nullptr, false);
     EXPECT_EQ(collection["items"].size(), 1U) << outcome.output;
     return collection["items"][0];
   }
-
-  LiveService m_service;
 };
 
 json fact(std::string const& name, std::string const& value)
@@ -81,7 +65,7 @@ TEST_F(TqdiscoctlItemsTest, attributesThatCannotBeToldFromTextLeaveTheText)
 
 TEST_F(TqdiscoctlItemsTest, aPayloadWithoutItemsIsNotAMissingOne)
 {
-  store("mixed", "<Notes>not <b>items</b></Notes>");
+  store("web1", "mixed", "<Notes>not <b>items</b></Notes>");
   Outcome const without = run({"items", "-s", "web1", "-a", "mixed"});
   EXPECT_EQ(without.exitCode, 3);
   EXPECT_THAT(without.errors, AllOf(HasSubstr("no items"), Not(HasSubstr("nothing matches"))));
@@ -119,8 +103,9 @@ TEST_F(TqdiscoctlItemsTest, columnsAreChosenWithBlanksAroundThem)
 
 TEST_F(TqdiscoctlItemsTest, textBesideElementsIsPrintedAsItIs)
 {
-  store("mixed", "<Notes><Note>one</Note><Note> two <b>and</b>\n<i x=\"1\"/> <u><s>three</s></u>"
-                 "</Note><Note><Note>four</Note></Note></Notes>");
+  store("web1", "mixed",
+        "<Notes><Note>one</Note><Note> two <b>and</b>\n<i x=\"1\"/> <u><s>three</s></u>"
+        "</Note><Note><Note>four</Note></Note></Notes>");
   Outcome const outcome = run({"show", "web1", "mixed", "--xml"});
   EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
   EXPECT_EQ(outcome.output, "<Notes>\n"
@@ -143,7 +128,7 @@ TEST_F(TqdiscoctlItemsTest, sizesHaveRoomBeforeLongAndRareFacts)
              "</Options>" +
              (std::string(name) == "/home" ? "<Size>1048576</Size><Used>1024</Used>" : "") +
              "</ExplorerData></DISCOVERED>";
-  store("mounts", "<DiscoveredItems>" + items + "</DiscoveredItems>");
+  store("web1", "mounts", "<DiscoveredItems>" + items + "</DiscoveredItems>");
   std::string const seen =
       runProgram("/usr/bin/script",
                  {"-qec", "stty cols 60; '" TQ_BIN_DIR "/tqdiscoctl' items -a mounts", "/dev/null"},

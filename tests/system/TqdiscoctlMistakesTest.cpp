@@ -1,6 +1,6 @@
 // What a user may get wrong with tqdiscoctl does not pass for something else.
 
-#include "tests/support/LiveService.h"
+#include "tests/support/CommandTest.h"
 
 #include <gmock/gmock.h>
 
@@ -12,24 +12,9 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
-using Words = std::vector<std::string>;
 
-class TqdiscoctlMistakesTest : public testing::Test
+class TqdiscoctlMistakesTest : public CommandTest
 {
-protected:
-  void SetUp() override { ASSERT_TRUE(m_service.start()) << m_service.log(); }
-  void TearDown() override { EXPECT_EQ(m_service.stop(), 0) << m_service.log(); }
-
-  Outcome run(Words const& words) const { return m_service.tqdiscoctl(words); }
-
-  void store(std::string const& subject, std::string const& authority, std::string const& payload)
-  {
-    writeText(m_service / "payload", payload);
-    Outcome const outcome = run({"put", subject, authority, m_service / "payload"});
-    ASSERT_EQ(outcome.exitCode, 0) << outcome.errors;
-  }
-
-  LiveService m_service;
 };
 
 TEST_F(TqdiscoctlMistakesTest, anEmptyValueMeansNeitherTheMasterNorEverything)

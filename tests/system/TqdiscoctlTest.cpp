@@ -1,6 +1,6 @@
 // tqdiscoctl against a running service.
 
-#include "tests/support/LiveService.h"
+#include "tests/support/CommandTest.h"
 #include "tests/support/RemoteClient.h"
 
 #include <gmock/gmock.h>
@@ -21,47 +21,18 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
-using Words = std::vector<std::string>;
 
-// One service for all tests of a process; each test runs in one of its own.
-class TqdiscoctlTest : public testing::Test
+class TqdiscoctlTest : public CommandTest
 {
 protected:
-  explicit TqdiscoctlTest(LiveService::Explorers explorers = LiveService::WITHOUT_EXPLORERS)
-      : m_service(explorers)
-  {
-  }
+  using CommandTest::CommandTest;
 
-  void SetUp() override { ASSERT_TRUE(m_service.start()) << m_service.log(); }
+  // Some tests have the command stop it.
   void TearDown() override
   {
     if (m_service.process().running())
-    {
-      EXPECT_EQ(m_service.stop(), 0) << m_service.log();
-    }
+      CommandTest::TearDown();
   }
-
-  Outcome run(Words const& words) const { return m_service.tqdiscoctl(words); }
-
-  json runJson(Words words, int exitCode = 0) const
-  {
-    words.push_back("--json");
-    Outcome const outcome = run(words);
-    EXPECT_EQ(outcome.exitCode, exitCode) << outcome.errors;
-    return json::parse(outcome.output, nullptr, false);
-  }
-
-  void store(std::string const& subject, std::string const& authority, std::string const& payload,
-             Words const& more = {}) const
-  {
-    writeText(m_service / "payload", payload);
-    Words words{"put", subject, authority, m_service / "payload"};
-    words.insert(words.end(), more.begin(), more.end());
-    Outcome const outcome = run(words);
-    ASSERT_EQ(outcome.exitCode, 0) << outcome.errors;
-  }
-
-  LiveService m_service;
 };
 
 class TqdiscoctlExplorersTest : public TqdiscoctlTest
