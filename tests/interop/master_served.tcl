@@ -90,11 +90,8 @@ main {
     holds "$authority: the time of the firing" {$made >= $started && $made <= [clock seconds]}
   }
 
-  # The two passes: five seconds between them, and an interval that has not
-  # passed keeps an explorer out of the second.
-  set passes [lmap write [writesOf again] {lindex $write 0 end}]
-  set gap [expr {[lindex $passes 1] - [lindex $passes 0]}]
-  holds "the passes are five seconds apart, not less" {$gap >= 4900}
+  # An interval that has not passed keeps an explorer out of the second pass.
+  set firstPass [lindex [writesOf again] 0 0 end]
   same "an explorer whose interval has not passed runs once" [llength [writesOf once]] 1
 
   # What the master answers decides how far a write goes.
@@ -105,11 +102,13 @@ main {
       {RemoteWriter.put RemoteWriter.put RemoteWriter.put RemoteWriter.close} ""
   } {
     set good [dict get $servants::answers $operation]
-    # A pass that is under way has ended when the next begins.
+    # Both passes are waited for to their last call, so that nothing of them is
+    # still to come when the next answer is set.
     forget
     answer $operation $value
-    holds "$operation $value: the next pass comes" {
-      [eventually {[llength [recorded putCollection]] >= 2}]}
+    holds "$operation $value: two passes come" {
+      [eventually {[llength [recorded putCollection]] >= 2 &&
+        [llength [recorded]] >= 2 * (1 + [llength $rest])}]}
     set next [lindex [lsearch -all -index 0 [recorded] putCollection] 1]
     same "$operation $value: what follows" \
       [lmap call [lrange [recorded] 1 $next-1] {lindex $call 0}] $rest
@@ -118,6 +117,12 @@ main {
       holds "$operation $value: the log says so" {[logged $FOLLOWER $message]}
     }
   }
+
+  # A call is noted late when the processors are busy: a single step may seem
+  # short, all of them together hardly.
+  set lastPass [lindex [servants::withTimes putCollection] 1 end]
+  set step [expr {($lastPass - $firstPass) / 7}]
+  holds "the eight passes are five seconds apart, not less" {$step >= 4900}
 
   # A query is passed on as it came; every page up to the empty one is fetched
   # before the first answer, and the iterator released.
