@@ -1,5 +1,6 @@
 #include "ozf/xml/HardenedParser.h"
 
+#include "ozf/xml/AsciiTranscoder.h"
 #include "ozf/xml/XmlDocumentInterface.h"
 
 #include <algorithm>
@@ -7,6 +8,7 @@
 #include <new>
 #include <utility>
 #include <vector>
+#include <xercesc/internal/XMLReader.hpp>
 #include <xercesc/internal/XMLScanner.hpp>
 #include <xercesc/util/OutOfMemoryException.hpp>
 #include <xercesc/util/PlatformUtils.hpp>
@@ -26,6 +28,7 @@ constexpr std::size_t MOST_KEPT = 1 << 20;
 
 // How the product's own documents begin. It says what holds without it.
 constexpr std::string_view OWN_PROLOG = R"(<?xml version="1.0" encoding="UTF-8"?>)";
+constexpr char16_t WIDE_OWN_PROLOG[] = uR"(<?xml version="1.0" encoding="UTF-8"?>)";
 constexpr std::size_t LARGEST_OWN = 16 * 1024;
 
 // Without a way out in the middle, so that many characters go at a time.
@@ -206,6 +209,21 @@ void HardenedParser::doctypeDecl(xercesc::DTDElementDecl const&, XMLCh const*, X
                                  bool)
 {
   throw DocumentRefused(describeHere("document type declarations are refused"));
+}
+
+// The prolog is decoded by now, in the encoding that the first bytes tell, and
+// nothing behind it. A transcoder that is there stays when the prolog confirms
+// UTF-8; it would be lost, with its memory, if the prolog named another encoding.
+void HardenedParser::startDocument()
+{
+  // Only the constant scanner is handed out, although it is ours.
+  auto* const reader =
+      const_cast<xercesc::XMLReader*>(getScanner().getReaderMgr()->getCurrentReader());
+  if (reader != nullptr && reader->charsLeftInBuffer() >= OWN_PROLOG.size() &&
+      reader->peekString(WIDE_OWN_PROLOG) &&
+      xercesc::XMLString::equals(reader->getEncodingStr(), xercesc::XMLUni::fgUTF8EncodingString))
+    reader->setEncoding(AsciiTranscoder::name());
+  SAXParser::startDocument();
 }
 
 // XML 1.1 has control characters, which nothing that reads a document expects

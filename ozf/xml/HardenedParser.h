@@ -93,6 +93,7 @@ private:
                    XMLCh const* systemId, bool hasInternalSubset, bool hasExternalSubset) override;
   void XMLDecl(XMLCh const* version, XMLCh const* encoding, XMLCh const* standalone,
                XMLCh const* actualEncoding) override;
+  void startDocument() override;
   void endDocument() override;
 
   xercesc::SecurityManager m_security;

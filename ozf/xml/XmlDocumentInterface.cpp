@@ -1,5 +1,6 @@
 #include "ozf/xml/XmlDocumentInterface.h"
 
+#include "ozf/xml/AsciiTranscoder.h"
 #include "ozf/xml/HardenedParser.h"
 
 #include <memory>
@@ -174,6 +175,7 @@ void initializeXml()
   static bool const ready = []
   {
     xercesc::XMLPlatformUtils::Initialize();
+    AsciiTranscoder::install();
     return true;
   }();
   static_cast<void>(ready);

@@ -13,6 +13,7 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 #include <vector>
+#include <xercesc/framework/MemBufInputSource.hpp>
 #include <xercesc/util/OutOfMemoryException.hpp>
 
 using namespace Quillon::Tessarine::Ozf;
@@ -52,6 +53,16 @@ void expectNoDeclaration(std::string const& text)
             document.lastError().find(": document type declarations are refused"))
       << text << ": " << document.lastError();
   EXPECT_EQ("", document.events);
+}
+
+// As it is read when it is too large to be given as a text.
+bool parseAsSource(RecordingDocument& document, std::string const& text)
+{
+  initializeXml();
+  xercesc::MemBufInputSource source(reinterpret_cast<XMLByte const*>(text.data()), text.size(),
+                                    u"text");
+  source.setCopyBufToStream(false);
+  return document.parse(source);
 }
 
 } // namespace
@@ -327,9 +338,10 @@ TEST(HardenedParser, WrongEncodingNamesAreErrors)
   EXPECT_TRUE(next.parseBuffer("<a/>"));
 }
 
-// The product's own prolog has a way of its own through the parser. A prolog
-// with single quotes says the same in as many characters and has not, so both
-// must have the same events and complain of the same places.
+// The product's own prolog has ways of its own through the parser, one for
+// small texts and one for sources. A prolog with single quotes says the same in
+// as many characters and has not, so both must have the same events and
+// complain of the same places.
 TEST(HardenedParser, TheOwnPrologChangesNothing)
 {
   std::string const own = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>";
@@ -365,6 +377,14 @@ TEST(HardenedParser, TheOwnPrologChangesNothing)
     nested += "<a>";
   rests.push_back(nested);
   rests.push_back("<a b='" + std::string(100000, 'v') + "'></b>");
+  // The parser takes 16,384 characters at a time.
+  std::string const start = "<a>\n<b/>" + std::string(20000, 'x') + "<c/>";
+  std::string const end = std::string(40000, 'y') + "</a>";
+  rests.push_back(start + end);
+  for (std::size_t const size : {0, 10, 100, 12640, 12641, 12642, 12643, 12644, 12645, 20000})
+    for (char const* bytes :
+         {"\xC3\xA4", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "\xFF", "\xE2\x82", "\xF4\x90\x80\x80"})
+      rests.push_back(start + std::string(size, 'z') + bytes + end);
   for (std::size_t length = 0; length < good.size(); ++length)
   {
     rests.push_back(good.substr(0, length));
@@ -380,6 +400,13 @@ TEST(HardenedParser, TheOwnPrologChangesNothing)
     EXPECT_EQ(expected.events, document.events) << rest;
     EXPECT_EQ(expected.lastError(), document.lastError()) << rest;
     EXPECT_EQ(accepted, document.lastError().empty()) << rest;
+
+    RecordingDocument expectedOfSource;
+    EXPECT_EQ(accepted, parseAsSource(expectedOfSource, other + rest)) << rest;
+    RecordingDocument fromSource;
+    EXPECT_EQ(accepted, parseAsSource(fromSource, own + rest)) << rest;
+    EXPECT_EQ(expectedOfSource.events, fromSource.events) << rest;
+    EXPECT_EQ(expectedOfSource.lastError(), fromSource.lastError()) << rest;
   }
 }
 
