@@ -146,7 +146,8 @@ HardenedParser::HardenedParser()
   setSecurityManager(&m_security);
   setCalculateSrcOfs(false);
   // Without a handler for declarations doctypeDecl() would never be called.
-  setDTDHandler(&m_dtdHandler);
+  setDTDHandler(&m_deaf);
+  m_stream.emplace(*this, *getScanner().getReaderMgr());
 }
 
 bool HardenedParser::overgrown() const noexcept { return m_newerXml || held() > MOST_KEPT; }
@@ -160,33 +161,40 @@ void HardenedParser::parseText(std::string_view text, xercesc::HandlerBase& hand
   }
   m_skipped = 0;
   m_text.resetMemBufInputSource(reinterpret_cast<XMLByte const*>(text.data()), text.size());
-  feed(m_text, handler);
+  feed(m_text, handler, handler);
 }
 
 // The parser spends a tenth of a record each on the prolog and on taking UTF-8
-// apart. Records are read by the hundred thousand, so it gets the characters in
-// its own form, from behind the prolog on.
+// apart, and more on making itself ready for a document. Records are read by the
+// hundred thousand, so it gets the characters in its own form, from behind the
+// prolog on, and reads what has the plain form of a record in a stream. What the
+// stream does not take for a document is read once more for the reason only.
 void HardenedParser::parseOwn(std::string_view text, xercesc::HandlerBase& handler)
 {
   m_skipped = OWN_PROLOG.size();
   text.remove_prefix(m_skipped);
+  bool const streamed = DocumentStream::takes(text);
+  if (streamed && m_stream->parse(text, handler))
+    return;
   m_wide.resize(text.size());
   std::copy(text.begin(), text.end(), m_wide.begin());
   m_ownText.resetMemBufInputSource(reinterpret_cast<XMLByte const*>(m_wide.data()),
                                    m_wide.size() * sizeof(XMLCh));
-  feed(m_ownText, handler);
+  feed(m_ownText, streamed ? m_deaf : handler, handler);
 }
 
 void HardenedParser::parseSource(xercesc::InputSource const& source, xercesc::HandlerBase& handler)
 {
   m_skipped = 0;
-  feed(source, handler);
+  feed(source, handler, handler);
 }
 
-void HardenedParser::feed(xercesc::InputSource const& source, xercesc::HandlerBase& handler)
+void HardenedParser::feed(xercesc::InputSource const& source, xercesc::DocumentHandler& handler,
+                          xercesc::ErrorHandler& errorHandler)
 {
+  m_stream->close();
   setDocumentHandler(&handler);
-  setErrorHandler(&handler);
+  setErrorHandler(&errorHandler);
   parse(source);
 }
 
@@ -201,6 +209,8 @@ std::string HardenedParser::describeAt(XMLFileLoc line, XMLFileLoc column,
 
 std::string HardenedParser::describeHere(std::string_view reason) const
 {
+  if (m_stream->isOpen())
+    return describeAt(m_stream->line(), m_stream->column(), reason);
   xercesc::Locator const& place = *getScanner().getLocator();
   return describeAt(place.getLineNumber(), place.getColumnNumber(), reason);
 }

@@ -4,10 +4,12 @@
 #pragma once
 
 #include "ozf/base/Export.h"
+#include "ozf/xml/DocumentStream.h"
 
 #include <array>
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -88,7 +90,8 @@ public:
 
 private:
   void parseOwn(std::string_view text, xercesc::HandlerBase& handler);
-  void feed(xercesc::InputSource const& source, xercesc::HandlerBase& handler);
+  void feed(xercesc::InputSource const& source, xercesc::DocumentHandler& handler,
+            xercesc::ErrorHandler& errorHandler);
   void doctypeDecl(xercesc::DTDElementDecl const& declaration, XMLCh const* publicId,
                    XMLCh const* systemId, bool hasInternalSubset, bool hasExternalSubset) override;
   void XMLDecl(XMLCh const* version, XMLCh const* encoding, XMLCh const* standalone,
@@ -97,10 +100,11 @@ private:
   void endDocument() override;
 
   xercesc::SecurityManager m_security;
-  xercesc::HandlerBase m_dtdHandler;
+  xercesc::HandlerBase m_deaf;
   xercesc::MemBufInputSource m_text;
   xercesc::MemBufInputSource m_ownText; // in m_wide
   std::u16string m_wide;
+  std::optional<DocumentStream> m_stream;
   bool m_newerXml = false;
   std::size_t m_skipped = 0; // characters at the start that the parser did not get
 };
