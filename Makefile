@@ -6,6 +6,7 @@ TEST_JOBS ?= $(shell expr 2 '*' $(JOBS))
 FUZZ_SECONDS ?= 60
 
 .PHONY: run fleet test test-asan test-tsan fuzz bench lint install deps help
+.PHONY: build-check build-asan build-fuzz run-check run-asan run-fuzz
 
 help:
 	@echo "make run    build, start a master on this machine and show what it finds"
@@ -32,17 +33,22 @@ fleet: deps
 	cmake --build --preset release --parallel $(JOBS)
 	@packaging/fleet.sh build/release
 
-test: deps
-	cmake --preset dev
-	cmake --build --preset dev --parallel $(JOBS)
-	ctest --preset dev --parallel $(TEST_JOBS)
-	$(MAKE) test-asan
-	$(MAKE) fuzz
+# The tests wait most of the time; what comes next is built meanwhile, with what
+# they leave of the processors.
+test: build-check
+	$(MAKE) --jobs=2 run-check build-asan BESIDE='nice -n 19'
+	$(MAKE) --jobs=2 run-asan build-fuzz BESIDE='nice -n 19'
+	$(MAKE) run-fuzz
 
-test-asan: deps
-	cmake --preset asan
-	cmake --build --preset asan --parallel $(JOBS)
-	ctest --preset asan --parallel $(TEST_JOBS)
+test-asan: build-asan
+	$(MAKE) run-asan
+
+build-check build-asan build-fuzz: build-%: deps
+	$(BESIDE) cmake --preset $*
+	$(BESIDE) cmake --build --preset $* --parallel $(JOBS)
+
+run-check run-asan: run-%:
+	ctest --preset $* --parallel $(TEST_JOBS)
 
 # What is threaded and free of the ORB, under ThreadSanitizer.
 test-tsan: deps
@@ -54,9 +60,10 @@ test-tsan: deps
 
 # Made-up inputs for whatever reads what others wrote; each target that long,
 # two at a time.
-fuzz: deps
-	cmake --preset fuzz
-	cmake --build --preset fuzz --parallel $(JOBS)
+fuzz: build-fuzz
+	$(MAKE) run-fuzz
+
+run-fuzz:
 	@tests/fuzz/run.sh build/fuzz $(FUZZ_SECONDS)
 
 bench: deps

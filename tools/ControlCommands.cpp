@@ -19,7 +19,7 @@ using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
 namespace
 {
 
-struct Options
+struct ControlOptions
 {
   std::string host;
   bool all = false;
@@ -34,7 +34,8 @@ int failed(Connection const& connection, CORBA::Exception const& exception)
 }
 
 // The service asked: the master's, or another host's. An exit code.
-int reach(Options const& options, Connection& connection, Remote::DiscoveryService_var& service)
+int reach(ControlOptions const& options, Connection& connection,
+          Remote::DiscoveryService_var& service)
 {
   if (int const result = connection.open(); result != EXIT_DONE)
     return result;
@@ -43,12 +44,12 @@ int reach(Options const& options, Connection& connection, Remote::DiscoveryServi
   return CORBA::is_nil(service) ? EXIT_NOT_REACHABLE : EXIT_DONE;
 }
 
-std::string whose(Options const& options, Connection const& connection)
+std::string whose(ControlOptions const& options, Connection const& connection)
 {
   return options.host.empty() ? connection.place() : shown(options.host);
 }
 
-int push(Options const& options, Session const& session)
+int push(ControlOptions const& options, Session const& session)
 {
   Connection connection(session.connection);
   Remote::DiscoveryService_var service;
@@ -101,7 +102,7 @@ bool awaitEnd(Remote::DiscoveryService_ptr service, std::chrono::seconds limit)
   return false;
 }
 
-int stop(Options const& options, Session const& session)
+int stop(ControlOptions const& options, Session const& session)
 {
   Connection connection(session.connection);
   Remote::DiscoveryService_var service;
@@ -138,7 +139,7 @@ int stop(Options const& options, Session const& session)
   return EXIT_DONE;
 }
 
-void addHost(CLI::App& command, Options& options)
+void addHost(CLI::App& command, ControlOptions& options)
 {
   command.add_option("--host", options.host, "The service of this host instead of the master's")
       ->type_name("HOST");
@@ -148,7 +149,7 @@ void addHost(CLI::App& command, Options& options)
 
 void addControlCommands(CLI::App& application, Session& session)
 {
-  auto const options = std::make_shared<Options>();
+  auto const options = std::make_shared<ControlOptions>();
 
   CLI::App* const pushCommand = application.add_subcommand(
       "push", "Move the next pass over the explorers that are due to within a minute");

@@ -28,7 +28,7 @@ using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
 namespace
 {
 
-constexpr std::size_t MAX_PAYLOAD = std::size_t(1) << 30;
+constexpr std::size_t MAX_STORED_PAYLOAD = std::size_t(1) << 30;
 
 // A metadata file held open under a read lock.
 class HeldFile
@@ -200,7 +200,8 @@ bool readPayload(std::string const& directory, StoredDiscovery const& discovery,
     reason = discovery.metadataFile + ' ' + reason;
     return false;
   }
-  if (int const error = readFile(directory + '/' + discovery.payloadFile, payload, MAX_PAYLOAD);
+  if (int const error =
+          readFile(directory + '/' + discovery.payloadFile, payload, MAX_STORED_PAYLOAD);
       error != 0)
   {
     reason = discovery.payloadFile + " cannot be read: " + errorText(error);

@@ -25,7 +25,7 @@ using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
 namespace
 {
 
-struct Options
+struct DbOptions
 {
   std::string directory;
   bool json = false;
@@ -36,7 +36,7 @@ struct Options
 };
 
 // False, with a message, when the directory cannot be read.
-bool scan(Options const& options, DatabaseContents& contents)
+bool scan(DbOptions const& options, DatabaseContents& contents)
 {
   int const error = scanDatabase(options.directory, contents);
   if (error == 0)
@@ -47,7 +47,7 @@ bool scan(Options const& options, DatabaseContents& contents)
   return false;
 }
 
-nlohmann::json toJson(StoredDiscovery const& discovery, OzfObjTime const& now)
+nlohmann::json storedJson(StoredDiscovery const& discovery, OzfObjTime const& now)
 {
   return {{"subject", discovery.subject},
           {"authority", discovery.authority},
@@ -70,7 +70,7 @@ void reportProblems(DatabaseContents const& contents)
     std::cerr << "tqdiscoctl: \"" << Uri::percentEncode(file, URI_SHOWN) << "\" " << reason << '\n';
 }
 
-int list(Options const& options)
+int list(DbOptions const& options)
 {
   DatabaseContents contents;
   if (!scan(options, contents))
@@ -81,7 +81,7 @@ int list(Options const& options)
   {
     nlohmann::json all = nlohmann::json::array();
     for (StoredDiscovery const& discovery : contents.discoveries)
-      all.push_back(toJson(discovery, now));
+      all.push_back(storedJson(discovery, now));
     printJson(all);
   }
   else if (!contents.discoveries.empty())
@@ -118,7 +118,7 @@ int list(Options const& options)
   return EXIT_DONE;
 }
 
-int show(Options const& options)
+int show(DbOptions const& options)
 {
   AuthorityType type = AT_ANYANDALL;
   if (!options.type.empty() && !parseType(options.type, type))
@@ -166,7 +166,7 @@ int show(Options const& options)
   }
   if (options.json)
   {
-    nlohmann::json record = toJson(*matches.front(), OzfObjTime::now());
+    nlohmann::json record = storedJson(*matches.front(), OzfObjTime::now());
     record["payload"] = payload;
     printJson(record);
     return EXIT_DONE;
@@ -183,7 +183,7 @@ int show(Options const& options)
   return EXIT_DONE;
 }
 
-int verify(Options const& options)
+int verify(DbOptions const& options)
 {
   DatabaseContents contents;
   if (!scan(options, contents))
@@ -216,7 +216,7 @@ int verify(Options const& options)
 
 void addDbCommands(CLI::App& application, int& exitCode)
 {
-  auto const options = std::make_shared<Options>();
+  auto const options = std::make_shared<DbOptions>();
   options->directory = getDefaultDatabasePath();
 
   CLI::App* const db = application.add_subcommand(

@@ -16,7 +16,7 @@ using namespace Quillon::Tessarine::Ozf;
 namespace
 {
 
-constexpr std::size_t GAP = 2;
+constexpr std::size_t COLUMN_GAP = 2;
 // A column that is wider is cut before it pushes others out.
 constexpr std::size_t WIDE = 24;
 constexpr int LAST_TURN = 2;
@@ -138,7 +138,7 @@ std::vector<std::string> fitting(std::vector<std::string> const& facts,
     used = std::max(used, std::min(displayWidth(row.item->name), WIDE));
     subjectWidth = std::max(subjectWidth, std::min(displayWidth(row.subject), WIDE));
   }
-  used += subjects ? subjectWidth + GAP : 0;
+  used += subjects ? subjectWidth + COLUMN_GAP : 0;
 
   std::vector<bool> chosen(facts.size());
   for (int turn = 0; turn <= LAST_TURN; ++turn)
@@ -147,7 +147,7 @@ std::vector<std::string> fitting(std::vector<std::string> const& facts,
       std::size_t const wanted = columnWidth(rows, facts[i], description);
       if (turnOf(facts[i], rows, description, wanted) != turn)
         continue;
-      std::size_t const needed = GAP + std::min(wanted, WIDE);
+      std::size_t const needed = COLUMN_GAP + std::min(wanted, WIDE);
       if (used + needed > width)
         break;
       used += needed;
@@ -176,7 +176,7 @@ void printItems(std::ostream& os, std::vector<Item> const& items, OzfQuery const
     for (auto const& [name, value] : item.facts)
       width = std::max(width, displayWidth(name));
     for (auto const& [name, value] : item.facts)
-      os << "  " << name << std::string(width - displayWidth(name) + GAP, ' ')
+      os << "  " << name << std::string(width - displayWidth(name) + COLUMN_GAP, ' ')
          << formatValue(value, attributeOf(description, name)) << '\n';
     if (!item.policy.empty())
       os << "  policy: " << shown(item.policy) << '\n';

@@ -29,11 +29,11 @@ namespace
 {
 
 // The service refuses more.
-constexpr std::size_t MAX_PAYLOAD = RemoteCollectionData::MAX_SIZE;
+constexpr std::size_t MAX_PUT = RemoteCollectionData::MAX_SIZE;
 constexpr std::size_t CHUNK = 64 * 1024;
 constexpr char STANDARD_INPUT[] = "-";
 
-struct Options
+struct PutOptions
 {
   std::string subject;
   std::string authority;
@@ -76,14 +76,14 @@ bool readPayload(std::string const& file, std::string& payload)
   }
   else if (isatty(STDIN_FILENO) != 0)
     complain("reading the payload from the terminal; Ctrl-D ends it");
-  int const error = readAll(input, payload, MAX_PAYLOAD);
+  int const error = readAll(input, payload, MAX_PUT);
   if (error != 0)
     complain("cannot read " + (file == STANDARD_INPUT ? "standard input" : shown(file)) + ": " +
-             (error == EFBIG ? "more than " + formatSize(MAX_PAYLOAD) : errorText(error)));
+             (error == EFBIG ? "more than " + formatSize(MAX_PUT) : errorText(error)));
   return error == 0;
 }
 
-bool checkPayload(Options const& options, std::string const& payload)
+bool checkPayload(PutOptions const& options, std::string const& payload)
 {
   if (payload.empty())
   {
@@ -142,7 +142,7 @@ bool send(Remote::RemoteWriter_ptr writer, std::string const& payload)
 // The receiver adds a quarter to the interval that it is sent.
 std::uint64_t intervalFor(std::uint64_t seconds) { return (seconds * 4 + 4) / 5; }
 
-int put(Options const& options, Session const& session)
+int put(PutOptions const& options, Session const& session)
 {
   for (std::string const& mistake :
        {mistakeIn(options.subject, "subject"), mistakeIn(options.authority, "authority")})
@@ -223,7 +223,7 @@ int put(Options const& options, Session const& session)
 
 void addPutCommand(CLI::App& application, Session& session)
 {
-  auto const options = std::make_shared<Options>();
+  auto const options = std::make_shared<PutOptions>();
   CLI::App* const command =
       application.add_subcommand("put", "Store a payload of your own with the master");
   command->add_option("SUBJECT", options->subject, "What it is about")->required();

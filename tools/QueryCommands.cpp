@@ -23,7 +23,7 @@ using namespace Quillon::Tessarine::Ozf;
 namespace
 {
 
-struct Options
+struct QueryOptions
 {
   Selection selection;
   bool json = false;
@@ -34,7 +34,7 @@ void print(Table const& table)
   table.print(std::cout, terminalWidth(STDOUT_FILENO), terminalStyles(STDOUT_FILENO));
 }
 
-int query(Options const& options, Session const& session)
+int query(QueryOptions const& options, Session const& session)
 {
   Connection connection(session.connection);
   std::vector<Record> records;
@@ -84,7 +84,7 @@ std::string join(std::set<std::string> const& words)
   return text;
 }
 
-int hosts(Options const& options, Session const& session)
+int hosts(QueryOptions const& options, Session const& session)
 {
   Connection connection(session.connection);
   std::vector<Record> records;
@@ -144,7 +144,7 @@ int hosts(Options const& options, Session const& session)
 
 void addQueryCommands(CLI::App& application, Session& session)
 {
-  auto const options = std::make_shared<Options>();
+  auto const options = std::make_shared<QueryOptions>();
 
   CLI::App* const queryCommand =
       application.add_subcommand("query", "List the discoveries that the master knows");

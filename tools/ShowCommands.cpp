@@ -30,7 +30,7 @@ using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
 namespace
 {
 
-struct Options
+struct ShowOptions
 {
   Selection selection;
   std::string where;
@@ -90,7 +90,7 @@ void complainUnread(Record const& record, bool something)
 }
 
 // The one discovery that the names say. An exit code.
-int findOne(Options const& options, Record& record)
+int findOne(ShowOptions const& options, Record& record)
 {
   std::vector<Record> records;
   if (int const result = queryRecords(options.selection, records); result != EXIT_DONE)
@@ -122,7 +122,7 @@ int findOne(Options const& options, Record& record)
   return EXIT_DONE;
 }
 
-int showBytes(Options const& options, Connection const& connection, Record const& record)
+int showBytes(ShowOptions const& options, Connection const& connection, Record const& record)
 {
   std::string bytes;
   Progress progress("Reading the payload");
@@ -194,7 +194,7 @@ void complainNoItems(std::string const& where, QueryAnswer const& answer)
     answer.complainNone(where);
 }
 
-int show(Options const& options, Session const& session)
+int show(ShowOptions const& options, Session const& session)
 {
   OzfQuery query;
   if (!parseWhere(options.where, query))
@@ -243,7 +243,7 @@ using ByAuthority = std::map<std::string, std::vector<std::pair<Record, Collecti
 
 void printAuthority(std::string const& authority,
                     std::vector<std::pair<Record, Collection>> const& collections,
-                    Options const& options)
+                    ShowOptions const& options)
 {
   std::size_t const width = terminalWidth(STDOUT_FILENO);
   bool const bold = terminalStyles(STDOUT_FILENO);
@@ -275,7 +275,7 @@ void printAuthority(std::string const& authority,
            " of each item: --details shows all, --columns A,B chooses)");
 }
 
-int items(Options const& options, Session const& session)
+int items(ShowOptions const& options, Session const& session)
 {
   OzfQuery query;
   if (!parseWhere(options.where, query))
@@ -344,7 +344,7 @@ int items(Options const& options, Session const& session)
   return EXIT_NOTHING;
 }
 
-int filters(Options const& options, Session const& session)
+int filters(ShowOptions const& options, Session const& session)
 {
   Connection connection(session.connection);
   if (int const result = connection.open(); result != EXIT_DONE)
@@ -397,13 +397,13 @@ int filters(Options const& options, Session const& session)
   return EXIT_NOTHING;
 }
 
-void addNames(CLI::App& command, Options& options)
+void addNames(CLI::App& command, ShowOptions& options)
 {
   command.add_option("SUBJECT", options.selection.subject, "The subject's name")->required();
   command.add_option("AUTHORITY", options.selection.authority, "The authority's name")->required();
 }
 
-void addWhere(CLI::App& command, Options& options)
+void addWhere(CLI::App& command, ShowOptions& options)
 {
   command
       .add_option("-w,--where", options.where,
@@ -416,7 +416,7 @@ void addWhere(CLI::App& command, Options& options)
 
 void addShowCommands(CLI::App& application, Session& session)
 {
-  auto const options = std::make_shared<Options>();
+  auto const options = std::make_shared<ShowOptions>();
 
   CLI::App* const showCommand =
       application.add_subcommand("show", "Show one discovery with everything in it");

@@ -34,7 +34,7 @@ constexpr char SERVICE_KIND[] = "service";
 constexpr char const* WELL[] = {"-", "success", "none found", "data of higher priority exists",
                                 "not run"};
 
-struct Options
+struct StatusOptions
 {
   bool details = false;
   bool json = false;
@@ -196,7 +196,7 @@ void printExplorers(std::vector<ServiceState> const& states, bool all, OzfObjTim
   table.print(std::cout, terminalWidth(STDOUT_FILENO), terminalStyles(STDOUT_FILENO));
 }
 
-int status(Options const& options, Session const& session)
+int status(StatusOptions const& options, Session const& session)
 {
   using Clock = std::chrono::steady_clock;
   Clock::time_point const begin = Clock::now();
@@ -265,7 +265,7 @@ int status(Options const& options, Session const& session)
 
 void addStatusCommand(CLI::App& application, Session& session)
 {
-  auto const options = std::make_shared<Options>();
+  auto const options = std::make_shared<StatusOptions>();
   CLI::App* const command = application.add_subcommand(
       "status", "Tell whether the service is up, and what every host's service tells of itself");
   command->add_flag("-l,--details", options->details, "Every host's explorers");

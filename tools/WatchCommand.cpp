@@ -26,7 +26,7 @@ using namespace Quillon::Tessarine::Ozf;
 namespace
 {
 
-struct Options
+struct WatchOptions
 {
   Selection selection;
   unsigned interval = 5; // seconds
@@ -145,7 +145,7 @@ void compare(Look const& before, Look const& after, Reporter const& reporter)
   }
 }
 
-int watch(Options const& options, Session const& session)
+int watch(WatchOptions const& options, Session const& session)
 {
   // Before any thread is made, so that all of them hold the signals back.
   Interruption const interruption;
@@ -186,7 +186,7 @@ int watch(Options const& options, Session const& session)
 
 void addWatchCommand(CLI::App& application, Session& session)
 {
-  auto const options = std::make_shared<Options>();
+  auto const options = std::make_shared<WatchOptions>();
   CLI::App* const command = application.add_subcommand(
       "watch", "Look again and again, and tell what was added, has changed or is gone");
   addSelectionOptions(*command, options->selection);

@@ -18,7 +18,7 @@ using namespace tqtest;
 using client::AT_EXTSRC;
 using client::AT_REMOTEPULL;
 using client::DQ_DISCOVERY_DATA;
-using std::chrono::seconds;
+using Seconds = std::chrono::seconds;
 using std::chrono::steady_clock;
 using testing::HasSubstr;
 namespace wire = client::Remote;
@@ -28,7 +28,7 @@ constexpr char CONNECTING_BACK[] = "Hostname detected as remote and/or master, b
 
 // Well below what it takes to run into the time-outs of calls, but with room for
 // sanitizers and busy machines.
-constexpr seconds QUICK(25);
+constexpr Seconds QUICK(25);
 
 // The status of asking for a payload.
 client::DiscoveryStatus statusOf(client::Client& client, std::string const& subject,

@@ -22,7 +22,7 @@ using namespace tqtest::stored;
 namespace fs = std::filesystem;
 
 constexpr int KILLS = 220;
-constexpr unsigned NAMES = 5;
+constexpr unsigned NAME_COUNT = 5;
 
 // What may be found under a name.
 struct Expected
@@ -41,7 +41,7 @@ protected:
 
   std::unique_ptr<Process> startWriter(std::uint64_t number, std::string const& writes = "")
   {
-    std::vector<std::string> arguments{std::to_string(number), std::to_string(NAMES)};
+    std::vector<std::string> arguments{std::to_string(number), std::to_string(NAME_COUNT)};
     if (!writes.empty())
       arguments.push_back(writes);
     return std::make_unique<Process>(TQ_BIN_DIR "/database_writer", arguments,

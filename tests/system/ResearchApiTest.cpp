@@ -20,8 +20,8 @@ using namespace tqtest;
 using namespace Quillon::Tessarine::Ozf;
 using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
 
-constexpr char PARSE[] = "AuthSubIterator::parseDiscovery";
-constexpr char NEXT[] = "AuthSubIterator::getNextCollectionItemIterator";
+constexpr char PARSE_PAYLOAD[] = "AuthSubIterator::parseDiscovery";
+constexpr char NEXT_ITEMS[] = "AuthSubIterator::getNextCollectionItemIterator";
 
 // This process reads, as a component of the product does; the service is
 // another one.
@@ -170,7 +170,7 @@ TEST_F(ResearchApiTest, aServiceThatStandsStillTimesOutAndIsReadAgainWhenItGoesO
       discoveries->getNextCollectionItemIterator(nullptr));
   ASSERT_TRUE(items);
   EXPECT_FALSE(items->isParsed());
-  EXPECT_TRUE(m_log.has(1, PARSE, "Failed to read collection data")) << m_log.text();
+  EXPECT_TRUE(m_log.has(1, PARSE_PAYLOAD, "Failed to read collection data")) << m_log.text();
 
   m_service.process().sendSignal(SIGCONT);
   EXPECT_TRUE(eventually([] { return static_cast<bool>(queryAll()); }, DEADLINE)) << m_log.text();
@@ -254,8 +254,8 @@ TEST_F(ResearchApiTest, aServiceKilledInTheMiddleOfAPayloadFailsThatAndTheFollow
   EXPECT_FALSE(items->isParsed());
   EXPECT_TRUE(logged("RemoteCollectionData::openRead", "Failed to connect to discovery service"))
       << m_log.text();
-  EXPECT_EQ(m_log.count(1, PARSE, "Failed to read collection data"), 2) << m_log.text();
-  EXPECT_EQ(m_log.count(1, NEXT, "Failed to parse discovery"), 2) << m_log.text();
+  EXPECT_EQ(m_log.count(1, PARSE_PAYLOAD, "Failed to read collection data"), 2) << m_log.text();
+  EXPECT_EQ(m_log.count(1, NEXT_ITEMS, "Failed to parse discovery"), 2) << m_log.text();
   EXPECT_EQ(discoveries->getNextCollectionItemIterator(nullptr), nullptr);
 }
 

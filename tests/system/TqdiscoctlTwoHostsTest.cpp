@@ -15,7 +15,7 @@ using testing::HasSubstr;
 using testing::Not;
 using Words = std::vector<std::string>;
 
-std::vector<std::string> subjectsOf(json const& records)
+std::vector<std::string> subjectsListed(json const& records)
 {
   std::vector<std::string> subjects;
   for (auto const& record : records)
@@ -97,7 +97,7 @@ TEST_F(TqdiscoctlTwoHostsTest, volumesOfTheClientAreReadFromIt)
 
   // One record for each host, whatever the service gives beyond the match.
   for (char const* host : {CLIENT, LiveService::NAME})
-    EXPECT_EQ(subjectsOf(json::parse(run({"query", "--subject", host, "--authority", "volume",
+    EXPECT_EQ(subjectsListed(json::parse(run({"query", "--subject", host, "--authority", "volume",
                                           "--type", "client", "--json"})
                                          .output)),
               std::vector<std::string>{host});

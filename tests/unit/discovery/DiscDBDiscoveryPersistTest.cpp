@@ -21,8 +21,8 @@ namespace fs = std::filesystem;
 namespace
 {
 
-constexpr char PERSIST[] = "DBDiscovery::persist";
-constexpr char WRITE[] = "DBDiscovery::writeMetadata";
+constexpr char PERSIST_DISCOVERY[] = "DBDiscovery::persist";
+constexpr char WRITE_METADATA[] = "DBDiscovery::writeMetadata";
 
 using DiscoveryPtr = AutoDereference<DBDiscovery>;
 
@@ -107,7 +107,8 @@ TEST_F(Persist, IsRefusedAgainstAHigherPriorityAndDiscardsThePayload)
   std::string const before = readText(m_path);
   LogCapture log;
   EXPECT_EQ(DS_DATA_EXISTS, discovery->persist());
-  EXPECT_EQ(1, log.count(1, PERSIST, "Cannot persist, data with higher priority already exists."))
+  EXPECT_EQ(1, log.count(1, PERSIST_DISCOVERY,
+                         "Cannot persist, data with higher priority already exists."))
       << log.text();
   EXPECT_EQ(before, readText(m_path));
   EXPECT_EQ("kept", readText(m_data));
@@ -159,7 +160,7 @@ TEST_F(Persist, NeedsItsParts)
   auto const fails = [&](DBDiscovery& discovery, std::string const& expression)
   {
     EXPECT_THROW(discovery.persist(), AssertionFailure);
-    EXPECT_EQ(1, log.count(1, PERSIST, "Assertion failed: " + expression)) << log.text();
+    EXPECT_EQ(1, log.count(1, PERSIST_DISCOVERY, "Assertion failed: " + expression)) << log.text();
   };
   DiscoveryPtr const discovery = make(1);
   discovery->setCollectionData(nullptr);
@@ -179,8 +180,8 @@ TEST_F(Persist, MetadataThatCannotBeOpenedIsLoggedWithItsPathAndReason)
   fs::create_directory(m_path);
   LogCapture log;
   EXPECT_EQ(DS_OPEN_FAILED, discovery->persist());
-  EXPECT_EQ(1, log.count(1, PERSIST, "Unable to open " + m_path)) << log.text();
-  EXPECT_EQ(1, log.count(1, PERSIST, m_path + ": Is a directory (21)")) << log.text();
+  EXPECT_EQ(1, log.count(1, PERSIST_DISCOVERY, "Unable to open " + m_path)) << log.text();
+  EXPECT_EQ(1, log.count(1, PERSIST_DISCOVERY, m_path + ": Is a directory (21)")) << log.text();
   EXPECT_FALSE(fs::exists(m_data));
 }
 
@@ -189,7 +190,7 @@ TEST_F(Persist, AFifoOrDeviceInPlaceOfTheMetadataIsRefused)
   ASSERT_EQ(0, mkfifo(m_path.c_str(), 0644));
   LogCapture log;
   EXPECT_EQ(DS_OPEN_FAILED, store(1, "x"));
-  EXPECT_TRUE(log.has(1, PERSIST, "Not a regular file: " + m_path)) << log.text();
+  EXPECT_TRUE(log.has(1, PERSIST_DISCOVERY, "Not a regular file: " + m_path)) << log.text();
   EXPECT_FALSE(fs::exists(m_data));
 }
 
@@ -206,7 +207,7 @@ TEST_F(Persist, WithoutFreeDescriptorsNothingStoredIsHarmed)
   EXPECT_EQ(1, log.count(1, "DBCollectionData::flush",
                          "Unable to open " + m_dir.path() + ": Too many open files (24)"))
       << log.text();
-  EXPECT_EQ(1, log.count(1, PERSIST, "Collection data update failed")) << log.text();
+  EXPECT_EQ(1, log.count(1, PERSIST_DISCOVERY, "Collection data update failed")) << log.text();
   EXPECT_EQ(before, readText(m_path));
   EXPECT_EQ("old", readText(m_data));
 }
@@ -222,8 +223,9 @@ TEST_F(Persist, AWriteThatFailsHalfwayKeepsTheStoredDiscovery)
     Limit const limit(RLIMIT_FSIZE, before.size() + 10);
     EXPECT_EQ(DS_OPEN_FAILED, discovery->persist());
   }
-  EXPECT_EQ(1, log.count(1, WRITE, "Unable to write metadata")) << log.text();
-  EXPECT_EQ(1, log.count(1, PERSIST, "Metadata update to " + m_path + " failed")) << log.text();
+  EXPECT_EQ(1, log.count(1, WRITE_METADATA, "Unable to write metadata")) << log.text();
+  EXPECT_EQ(1, log.count(1, PERSIST_DISCOVERY, "Metadata update to " + m_path + " failed"))
+      << log.text();
   EXPECT_EQ(before, readText(m_path));
   EXPECT_EQ("old", readText(m_data));
 }
@@ -249,7 +251,8 @@ TEST_F(Persist, ADocumentThatCouldNotBeReadBackIsNotWritten)
   std::string const size = std::to_string(xmlOf(*discovery).size());
   LogCapture log;
   EXPECT_EQ(DS_OPEN_FAILED, discovery->persist());
-  EXPECT_EQ(1, log.count(1, PERSIST, "Too large for metadata: " + m_path + ", " + size + " bytes"))
+  EXPECT_EQ(1, log.count(1, PERSIST_DISCOVERY,
+                         "Too large for metadata: " + m_path + ", " + size + " bytes"))
       << log.lines().size();
   EXPECT_EQ(before, readText(m_path));
   EXPECT_EQ("old", readText(m_data));
@@ -308,7 +311,7 @@ TEST_F(Persist, AFailedPayloadIsLogged)
   fs::create_directory(m_data);
   LogCapture log;
   EXPECT_EQ(DS_OPEN_FAILED, discovery->persist());
-  EXPECT_EQ(1, log.count(1, PERSIST, "Collection data update failed")) << log.text();
+  EXPECT_EQ(1, log.count(1, PERSIST_DISCOVERY, "Collection data update failed")) << log.text();
   EXPECT_EQ(xmlOf(*discovery), readText(m_path)) << "the metadata comes first";
 }
 
@@ -367,7 +370,8 @@ TEST_F(Persist, IsRefusedWhenAHigherPriorityCameWhileItWaited)
   other.leave();
   writer.join();
   EXPECT_EQ(DS_DATA_EXISTS, status);
-  EXPECT_EQ(1, log.count(1, PERSIST, "Cannot persist, data with higher priority already exists."));
+  EXPECT_EQ(1, log.count(1, PERSIST_DISCOVERY,
+                         "Cannot persist, data with higher priority already exists."));
   EXPECT_EQ(higher, readText(m_path));
   EXPECT_EQ("old", readText(m_data));
 }
@@ -415,7 +419,7 @@ TEST(WriteMetadata, PadsOverTheOldDocumentBeforeItTruncates)
   ASSERT_EQ(0, fcntl(fd, F_ADD_SEALS, F_SEAL_SHRINK));
   LogCapture log;
   EXPECT_FALSE(DBDiscovery::writeMetadata(fd, "abc"));
-  EXPECT_EQ(1, log.count(1, WRITE, "Unable to truncate metadata")) << log.text();
+  EXPECT_EQ(1, log.count(1, WRITE_METADATA, "Unable to truncate metadata")) << log.text();
   char buffer[20];
   EXPECT_EQ(10, pread(fd, buffer, sizeof buffer, 0));
   EXPECT_EQ("abc\n\n\n\n\n\n\n", std::string(buffer, 10));
@@ -429,7 +433,7 @@ TEST(WriteMetadata, AWriteThatFailsIsLogged)
   int const fd = open((dir / "f").c_str(), O_RDONLY);
   LogCapture log;
   EXPECT_FALSE(DBDiscovery::writeMetadata(fd, "abc"));
-  EXPECT_EQ(1, log.count(1, WRITE, "Unable to write metadata")) << log.text();
+  EXPECT_EQ(1, log.count(1, WRITE_METADATA, "Unable to write metadata")) << log.text();
   EXPECT_EQ("old", readText(dir / "f"));
   close(fd);
 }

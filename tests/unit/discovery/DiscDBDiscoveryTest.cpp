@@ -19,7 +19,7 @@ namespace
 constexpr char LOAD[] = "DBDiscovery::load";
 constexpr char LOAD_INTERNAL[] = "DBDiscovery::loadInternal";
 constexpr char OVERRIDE[] = "DBDiscovery::canOverride";
-constexpr char EXPIRE[] = "DBDiscovery::expire";
+constexpr char EXPIRE_DISCOVERY[] = "DBDiscovery::expire";
 
 using DiscoveryPtr = AutoDereference<DBDiscovery>;
 
@@ -464,7 +464,7 @@ TEST_F(Stored, ExpireGivesUpWhileAnotherProcessReads)
   OtherProcess const reader(m_path, F_RDLCK);
   LogCapture log;
   EXPECT_EQ(DS_LOGIC_ERROR, discovery->expire());
-  EXPECT_EQ(1, log.count(1, EXPIRE,
+  EXPECT_EQ(1, log.count(1, EXPIRE_DISCOVERY,
                          "Unable to upgrade lock to expire file, errno: " + std::to_string(EBUSY)))
       << log.text();
   EXPECT_TRUE(fs::exists(m_path));
@@ -497,7 +497,7 @@ TEST_F(Stored, ExpireIsNotMisledByASnapshotOfHardLinks)
   writeText(m_path, document(FUTURE));
   LogCapture log;
   EXPECT_EQ(DS_LOGIC_ERROR, discovery->expire());
-  EXPECT_EQ(1, log.count(4, EXPIRE, "Was deleted: " + m_path)) << log.text();
+  EXPECT_EQ(1, log.count(4, EXPIRE_DISCOVERY, "Was deleted: " + m_path)) << log.text();
   EXPECT_TRUE(fs::exists(m_path));
   EXPECT_TRUE(fs::exists(m_data));
 }
@@ -514,7 +514,7 @@ TEST_F(Stored, ExpireNeedsAPayloadOfTheDatabase)
   discovery->setCollectionData(new Foreign);
   LogCapture log;
   EXPECT_THROW(discovery->expire(), AssertionFailure);
-  EXPECT_EQ(1, log.count(1, EXPIRE, "Assertion failed: collection")) << log.text();
+  EXPECT_EQ(1, log.count(1, EXPIRE_DISCOVERY, "Assertion failed: collection")) << log.text();
   EXPECT_TRUE(fs::exists(m_path));
 }
 
@@ -531,7 +531,7 @@ TEST_F(Stored, ExpireNeedsALock)
 {
   LogCapture log;
   EXPECT_THROW(make(1)->expire(), AssertionFailure);
-  EXPECT_EQ(1, log.count(1, EXPIRE, "Assertion failed: m_fileLock"));
+  EXPECT_EQ(1, log.count(1, EXPIRE_DISCOVERY, "Assertion failed: m_fileLock"));
 }
 
 TEST_F(Stored, AWriterThatWaitsThroughTheExpiryFindsNoFile)

@@ -18,7 +18,7 @@ using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
 namespace
 {
 
-constexpr char OPERATION[] = "CleanupLock::CleanupLock";
+constexpr char LOCKING[] = "CleanupLock::CleanupLock";
 
 int openFile(std::string const& path) { return open(path.c_str(), O_RDWR | O_CREAT, 0644); }
 
@@ -73,7 +73,7 @@ TEST(CleanupLock, ADirectoryThatIsMissingIsLogged)
   LogCapture log;
   CleanupLock const lock("/nonexistent/db", CleanupLock::SHARED);
   EXPECT_FALSE(lock.isLocked());
-  EXPECT_EQ(1, log.count(1, OPERATION, "Unable to open /nonexistent/db/Update.lock")) << log.text();
+  EXPECT_EQ(1, log.count(1, LOCKING, "Unable to open /nonexistent/db/Update.lock")) << log.text();
   EXPECT_NE(std::string::npos, log.text().find("(DiscDB:"));
 }
 
@@ -84,7 +84,7 @@ TEST(CleanupLock, ExclusiveDoesNotWaitForAnotherProcess)
   LogCapture log;
   CleanupLock const lock(dir.path().c_str(), CleanupLock::EXCLUSIVE);
   EXPECT_FALSE(lock.isLocked());
-  EXPECT_EQ(1, log.count(1, OPERATION, "Unable to lock " + (dir / "Update.lock"))) << log.text();
+  EXPECT_EQ(1, log.count(1, LOCKING, "Unable to lock " + (dir / "Update.lock"))) << log.text();
 }
 
 TEST(CleanupLock, SharedIsGrantedBesideAnotherProcessesShared)
@@ -132,7 +132,7 @@ TEST(CleanupLock, ExclusiveIsRefusedWhileThisProcessShares)
     CleanupLock const cleaner(dir.path().c_str(), CleanupLock::EXCLUSIVE);
     EXPECT_FALSE(cleaner.isLocked());
   }
-  EXPECT_EQ(1, log.count(1, OPERATION, "Unable to lock " + (dir / "Update.lock"))) << log.text();
+  EXPECT_EQ(1, log.count(1, LOCKING, "Unable to lock " + (dir / "Update.lock"))) << log.text();
   EXPECT_EQ(F_RDLCK, lockSeenByOthers(dir / "Update.lock")) << "the refusal costs no lock";
 }
 

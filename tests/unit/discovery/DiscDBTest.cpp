@@ -20,7 +20,7 @@ namespace
 constexpr char SETUP[] = "DiscoveryDBCreator::setupDB";
 constexpr char GET[] = "DiscoveryDBCreator::getDiscovery";
 
-using DiscoveryPtr = AutoDereference<Discovery>;
+using StoredDiscovery = AutoDereference<Discovery>;
 using IteratorPtr = AutoDereference<DiscoveryIterator>;
 
 // A creator of its own on a root of its own.
@@ -44,7 +44,7 @@ protected:
 std::multiset<std::string> subjectsOf(DiscoveryIterator& iterator)
 {
   std::multiset<std::string> subjects;
-  while (DiscoveryPtr const discovery{iterator.getNext()})
+  while (StoredDiscovery const discovery{iterator.getNext()})
     subjects.insert(discovery->getSubject()->getName().str());
   return subjects;
 }
@@ -171,7 +171,7 @@ TEST_F(Creator, InitDeletesNothingWithoutALockFile)
 TEST_F(Creator, SetupKeepsTheTemporaryFilesOfThisProcess)
 {
   std::string const dir = initialised();
-  DiscoveryPtr const discovery(m_creator->newDiscovery(DQ_DISCOVERY_DATA));
+  StoredDiscovery const discovery(m_creator->newDiscovery(DQ_DISCOVERY_DATA));
   ASSERT_NE(0, discovery->getCollectionData()->open(OM_UPDATE, ""));
   m_creator->setupDB();
   EXPECT_TRUE(fs::exists(dir + "/0.updating"));
@@ -180,7 +180,7 @@ TEST_F(Creator, SetupKeepsTheTemporaryFilesOfThisProcess)
 TEST_F(Creator, NewDiscoveriesGoIntoTheDirectory)
 {
   std::string const dir = initialised();
-  DiscoveryPtr const discovery(m_creator->newDiscovery(DQ_FILTER_DATA));
+  StoredDiscovery const discovery(m_creator->newDiscovery(DQ_FILTER_DATA));
   EXPECT_EQ(DQ_FILTER_DATA, discovery->getQuery());
   discovery->setAuthority(new Authority("hostA", AT_TQUCLIENT));
   discovery->setSubject(new Subject("hostB"));
@@ -196,7 +196,7 @@ TEST_F(Creator, GetsAStoredDiscoveryAndHoldsAReadLock)
   std::string const dir = initialised();
   ASSERT_EQ(DS_SUCCESS, store(dir, "hostA", "hostB", 5, "payload"));
   {
-    DiscoveryPtr const discovery(m_creator->getDiscovery("2 hostA hostB.xml"));
+    StoredDiscovery const discovery(m_creator->getDiscovery("2 hostA hostB.xml"));
     ASSERT_TRUE(discovery);
     EXPECT_EQ(1, discovery->referenceCount());
     EXPECT_EQ("hostB", discovery->getSubject()->getName().str());
@@ -225,7 +225,8 @@ TEST_F(Creator, WaitsForAWriterOfAnotherProcess)
   ASSERT_EQ(DS_SUCCESS, store(dir, "a", "b", 5, "payload"));
   OtherProcess writer(dir + "/2 a b.xml", F_WRLCK);
   std::atomic<bool> got{false};
-  std::thread reader([&] { got = DiscoveryPtr(m_creator->getDiscovery("2 a b.xml")) != nullptr; });
+  std::thread reader([&]
+                     { got = StoredDiscovery(m_creator->getDiscovery("2 a b.xml")) != nullptr; });
   EXPECT_TRUE(eventually([&] { return someoneWaitsFor(dir + "/2 a b.xml"); }));
   EXPECT_FALSE(got);
   writer.leave();
@@ -243,7 +244,7 @@ TEST_F(Creator, FindsTheFileThatTookThePlaceOfADeletedOne)
   // The old file lives on under another name.
   fs::create_hard_link(path, dir + "/snapshot");
   OtherProcess writer(path, F_WRLCK, [&] { rename(fresh.c_str(), path.c_str()); });
-  DiscoveryPtr discovery;
+  StoredDiscovery discovery;
   std::thread reader([&] { discovery.reset(m_creator->getDiscovery("2 hostA hostB.xml")); });
   EXPECT_TRUE(eventually([&] { return someoneWaitsFor(path); }));
   writer.leave();
@@ -304,7 +305,7 @@ TEST_F(Creator, ADiscoveryThatIsFoundFreshUnderTheWriteLockIsReturned)
   writeText(dir + "/2 hostA hostB.xml", document(expires, 1));
   writeText(dir + "/2 hostA hostB.dat", "kept");
   LogCapture log;
-  DiscoveryPtr discovery;
+  StoredDiscovery discovery;
   {
     // Another process refreshes it while we ask for the write lock.
     SystemCalls const calls(dir,
@@ -539,7 +540,7 @@ TEST(DBDiscoveryIterator, ARecordHeldCanBeRewrittenByItsHolder)
   Database const db;
   ASSERT_EQ(DS_SUCCESS, store(db.path(), "a", "b", 1, "old"));
   IteratorPtr const iterator = iterate();
-  DiscoveryPtr const held(iterator->getNext());
+  StoredDiscovery const held(iterator->getNext());
   ASSERT_TRUE(held);
   EXPECT_EQ(DS_SUCCESS, store(db.path(), "a", "b", 2, "new"));
   EXPECT_EQ("new", readText(db / "2 a b.dat"));

@@ -42,11 +42,11 @@ public:
 };
 
 // Counts its destructions.
-class CountedData : public CollectionData
+class CountedPayload : public CollectionData
 {
 public:
-  explicit CountedData(int& gone) : m_gone(gone) {}
-  ~CountedData() override { ++m_gone; }
+  explicit CountedPayload(int& gone) : m_gone(gone) {}
+  ~CountedPayload() override { ++m_gone; }
   int open(OpenMode, char const*) override { return 1; }
   long readCollection(unsigned long, void*) const override { return 0; }
   long writeCollection(unsigned long, void const*) const override { return 1; }
@@ -234,7 +234,7 @@ TEST(Discovery, OwnsItsPartsAndReplacesThem)
   int gone = 0;
   AutoDereference<StatusMsg> const status(new StatusMsg(1, StatusMsg::WARNING, "w"));
   {
-    AutoDereference<TestDiscovery> const discovery(new TestDiscovery(new CountedData(gone)));
+    AutoDereference<TestDiscovery> const discovery(new TestDiscovery(new CountedPayload(gone)));
     EXPECT_EQ(nullptr, discovery->getAuthority());
     EXPECT_EQ(nullptr, discovery->getSubject());
     EXPECT_EQ(nullptr, discovery->getAttributes());
@@ -247,7 +247,7 @@ TEST(Discovery, OwnsItsPartsAndReplacesThem)
     discovery->setSubject(nullptr);
     EXPECT_EQ(1, status->referenceCount());
     EXPECT_EQ(nullptr, discovery->getSubject());
-    discovery->setCollectionData(new CountedData(gone));
+    discovery->setCollectionData(new CountedPayload(gone));
     EXPECT_EQ(1, gone);
   }
   EXPECT_EQ(2, gone);
@@ -256,9 +256,9 @@ TEST(Discovery, OwnsItsPartsAndReplacesThem)
 TEST(Discovery, ThePayloadGoesFirstThenAttributesSubjectAndAuthority)
 {
   static std::string order;
-  struct LastData : CountedData
+  struct LastData : CountedPayload
   {
-    using CountedData::CountedData;
+    using CountedPayload::CountedPayload;
     ~LastData() override { order += "payload "; }
   };
   struct LastAttributes : CollectionAttributes

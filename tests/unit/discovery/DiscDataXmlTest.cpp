@@ -14,21 +14,21 @@ using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
 namespace
 {
 
-constexpr char START[] = "Discovery::xmlStartElement";
-constexpr char END[] = "Discovery::xmlEndElement";
+constexpr char START_ELEMENT[] = "Discovery::xmlStartElement";
+constexpr char END_ELEMENT[] = "Discovery::xmlEndElement";
 constexpr char PROLOG[] = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>";
 
-class Record : public Discovery
+class ReadRecord : public Discovery
 {
 public:
-  Record() : Discovery(nullptr, DQ_UNDEFINED) {}
+  ReadRecord() : Discovery(nullptr, DQ_UNDEFINED) {}
   DiscoveryStatus persist() override { return DS_SUCCESS; }
   DiscoveryStatus open(OpenMode, char const*) override { return DS_SUCCESS; }
 };
 
-using RecordPtr = AutoDereference<Record>;
+using RecordPtr = AutoDereference<ReadRecord>;
 
-RecordPtr newRecord() { return RecordPtr(new Record); }
+RecordPtr newRecord() { return RecordPtr(new ReadRecord); }
 
 RecordPtr read(std::string const& text)
 {
@@ -61,7 +61,7 @@ CollectionAttributes* someAttributes()
                                   OzfObjTime(), 7);
 }
 
-OzfObjTime g_now;
+OzfObjTime g_readingTime;
 
 } // namespace
 
@@ -179,12 +179,12 @@ TEST(MetadataReading, WithoutExpiresTimeTheRecordExpiresAtTheMomentOfReading)
   std::string const text = written(*record);
   EXPECT_FALSE(isExpired(record.get()));
 
-  g_now = OzfObjTime(5000, 7);
-  OzfObjTime::setClock([] { return g_now; });
+  g_readingTime = OzfObjTime(5000, 7);
+  OzfObjTime::setClock([] { return g_readingTime; });
   RecordPtr const again = read(text);
-  EXPECT_EQ(g_now, again->getAttributes()->getExpiresTime());
+  EXPECT_EQ(g_readingTime, again->getAttributes()->getExpiresTime());
   EXPECT_TRUE(again->getAttributes()->getDiscoveryTime().isZero());
-  g_now = OzfObjTime(5000, 8);
+  g_readingTime = OzfObjTime(5000, 8);
   EXPECT_TRUE(isExpired(again.get()));
   OzfObjTime::setClock(nullptr);
 }
@@ -207,7 +207,7 @@ TEST(MetadataReading, APriorityThatIsNoNumberIsLogged)
 {
   LogCapture log;
   EXPECT_EQ(0u, readAttributes("<Priority>x</Priority>")->getAttributes()->getPriority());
-  EXPECT_EQ(1, log.count(1, END, "Unable to convert priority x")) << log.text();
+  EXPECT_EQ(1, log.count(1, END_ELEMENT, "Unable to convert priority x")) << log.text();
   EXPECT_NE(std::string::npos, log.text().find("(DiscData:"));
 }
 
@@ -222,8 +222,8 @@ TEST(MetadataReading, TimesThatAreNoneAreLoggedAndLeaveTheValue)
   EXPECT_EQ(OzfObjTime(1772368205), record->getAttributes()->getDiscoveryTime());
   EXPECT_EQ(OzfObjTime(1772368206, 500000), record->getAttributes()->getExpiresTime());
   EXPECT_EQ("s", record->getAttributes()->getSignature().str()) << "the parse goes on";
-  EXPECT_EQ(1, log.count(1, END, "Unable to convert discovery time soon")) << log.text();
-  EXPECT_EQ(1, log.count(1, END, "Unable to convert expires time 2026-13-01T00:00:00Z"))
+  EXPECT_EQ(1, log.count(1, END_ELEMENT, "Unable to convert discovery time soon")) << log.text();
+  EXPECT_EQ(1, log.count(1, END_ELEMENT, "Unable to convert expires time 2026-13-01T00:00:00Z"))
       << log.text();
 }
 
@@ -236,10 +236,10 @@ TEST(MetadataReading, AnAuthorityWithoutNameIsSkippedWithALine)
   EXPECT_EQ(nullptr, record->getAuthority());
   ASSERT_NE(nullptr, record->getSubject());
   EXPECT_EQ(nullptr, record->getSubject()->getStatusMsg());
-  EXPECT_EQ(1, log.count(1, START, "Authority name not specified")) << log.text();
+  EXPECT_EQ(1, log.count(1, START_ELEMENT, "Authority name not specified")) << log.text();
 
   EXPECT_EQ(nullptr, readInside("<DiscoveryAuthority Name=\"\" Type=\"2\"/>")->getAuthority());
-  EXPECT_EQ(2, log.count(1, START, "Authority name not specified")) << log.text();
+  EXPECT_EQ(2, log.count(1, START_ELEMENT, "Authority name not specified")) << log.text();
 }
 
 TEST(MetadataReading, ASubjectWithoutNameIsSkippedWithALine)
@@ -247,7 +247,7 @@ TEST(MetadataReading, ASubjectWithoutNameIsSkippedWithALine)
   LogCapture log;
   EXPECT_EQ(nullptr, readInside("<DiscoverySubject></DiscoverySubject>")->getSubject());
   EXPECT_EQ(nullptr, readInside("<DiscoverySubject Name=\"\"/>")->getSubject());
-  EXPECT_EQ(2, log.count(1, START, "Subject name not specified")) << log.text();
+  EXPECT_EQ(2, log.count(1, START_ELEMENT, "Subject name not specified")) << log.text();
 }
 
 TEST(MetadataReading, LogsNothingAtLevelZero)
@@ -270,9 +270,12 @@ TEST(MetadataReading, NumbersOutsideAnEnumerationReadAsItsFirstValue)
     EXPECT_EQ(AT_ANYANDALL, record->getAuthority()->getType()) << value;
     EXPECT_EQ(CT_CONFIGURATION, record->getAttributes()->getType()) << value;
     EXPECT_EQ(CS_LOCALONLY, record->getAttributes()->getStorage()) << value;
-    EXPECT_TRUE(log.has(1, START, "Unable to convert authority type " + value)) << log.text();
-    EXPECT_TRUE(log.has(1, START, "Unable to convert collection type " + value)) << log.text();
-    EXPECT_TRUE(log.has(1, START, "Unable to convert collection storage " + value)) << log.text();
+    EXPECT_TRUE(log.has(1, START_ELEMENT, "Unable to convert authority type " + value))
+        << log.text();
+    EXPECT_TRUE(log.has(1, START_ELEMENT, "Unable to convert collection type " + value))
+        << log.text();
+    EXPECT_TRUE(log.has(1, START_ELEMENT, "Unable to convert collection storage " + value))
+        << log.text();
   }
 }
 
@@ -333,11 +336,11 @@ TEST(MetadataReading, EventsThatCannotBeAreProgrammingErrors)
   LogCapture log;
   RecordPtr const record = newRecord();
   EXPECT_THROW(record->xmlEndElement(nullptr, u"x"), AssertionFailure);
-  EXPECT_TRUE(log.has(1, END, "Assertion failed: ctxt")) << log.text();
+  EXPECT_TRUE(log.has(1, END_ELEMENT, "Assertion failed: ctxt")) << log.text();
 
   std::unique_ptr<XmlObjParseContext> const context(record->getObjParseContext(u"DiscoveryData"));
   EXPECT_THROW(record->xmlEndElement(context.get(), u"DiscoveryData"), AssertionFailure);
-  EXPECT_TRUE(log.has(1, END, "Assertion failed: SHOULD_NOT_GET_HERE")) << log.text();
+  EXPECT_TRUE(log.has(1, END_ELEMENT, "Assertion failed: SHOULD_NOT_GET_HERE")) << log.text();
 
   XmlObjParseContext plain(u"DiscoverySubject", nullptr);
   Subject subject("s");
@@ -365,11 +368,11 @@ TEST(MetadataReading, ADescriptionWithoutItsContextOrItsObjectIsAProgrammingErro
   DiscoveryDocContext context(u"DiscoveryData", nullptr);
   context.m_nodes = {MetadataNode::DOCUMENT, MetadataNode::SUBJECT};
   EXPECT_THROW(record->xmlEndElement(&context, u"DiscoverySubject"), AssertionFailure);
-  EXPECT_EQ(1, log.count(1, END, "Assertion failed: ctxt->m_subContext")) << log.text();
+  EXPECT_EQ(1, log.count(1, END_ELEMENT, "Assertion failed: ctxt->m_subContext")) << log.text();
 
   context.m_subContext.emplace(u"DiscoverySubject", &context);
   EXPECT_THROW(record->xmlEndElement(&context, u"DiscoverySubject"), AssertionFailure);
-  EXPECT_EQ(1, log.count(1, END, "Assertion failed: ctxt->m_subInterface")) << log.text();
+  EXPECT_EQ(1, log.count(1, END_ELEMENT, "Assertion failed: ctxt->m_subInterface")) << log.text();
   EXPECT_THROW(record->xmlCharacters(&context, u"x", 1), AssertionFailure);
   EXPECT_EQ(1, log.count(1, "Discovery::xmlCharacters", "Assertion failed: ctxt->m_subInterface"));
 }

@@ -14,8 +14,8 @@ public:
   char const* getExplorerName() const override { return "Test"; }
 };
 
-AutoDereference<ExplorerWrapper> entry(std::string const& subject, std::string const& authority,
-                                       AuthorityType type, unsigned priority = 1)
+AutoDereference<ExplorerWrapper> makeEntry(std::string const& subject, std::string const& authority,
+                                           AuthorityType type, unsigned priority = 1)
 {
   AutoDereference<TestExplorer> const explorer(new TestExplorer);
   return AutoDereference<ExplorerWrapper>(new ExplorerWrapper(
@@ -53,7 +53,7 @@ TEST(ExplorerWrapperTest, KeepsAReferenceToTheExplorerAndItsParts)
 
 TEST(ExplorerWrapperTest, TellsItsLastRun)
 {
-  auto const wrapper = entry("host", "volume", AT_TQUCLIENT);
+  auto const wrapper = makeEntry("host", "volume", AT_TQUCLIENT);
   EXPECT_TRUE(wrapper->lastRun().time.isZero());
   wrapper->noteRun(OzfObjTime(5), DS_COM_ERROR);
   EXPECT_EQ(wrapper->lastRun().time, OzfObjTime(5));
@@ -62,53 +62,55 @@ TEST(ExplorerWrapperTest, TellsItsLastRun)
 
 TEST(ExplorerOrderTest, SmallerAuthorityComesFirstWhateverTheSubject)
 {
-  EXPECT_TRUE(before(entry("z", "a", AT_TQUCLIENT), entry("a", "b", AT_TQUCLIENT)));
+  EXPECT_TRUE(before(makeEntry("z", "a", AT_TQUCLIENT), makeEntry("a", "b", AT_TQUCLIENT)));
 }
 
 TEST(ExplorerOrderTest, GreaterAuthorityFallsThroughToTheSubject)
 {
-  EXPECT_TRUE(before(entry("a", "b", AT_TQUCLIENT), entry("z", "a", AT_TQUCLIENT)));
-  EXPECT_FALSE(before(entry("z", "b", AT_TQUCLIENT), entry("a", "a", AT_TQUCLIENT)));
+  EXPECT_TRUE(before(makeEntry("a", "b", AT_TQUCLIENT), makeEntry("z", "a", AT_TQUCLIENT)));
+  EXPECT_FALSE(before(makeEntry("z", "b", AT_TQUCLIENT), makeEntry("a", "a", AT_TQUCLIENT)));
 }
 
 TEST(ExplorerOrderTest, SmallerNameOfAGreaterTypeIsNotLess)
 {
-  auto const a = entry("same", "a", AT_EXTSRC);
-  auto const b = entry("same", "b", AT_TQUCLIENT);
+  auto const a = makeEntry("same", "a", AT_EXTSRC);
+  auto const b = makeEntry("same", "b", AT_TQUCLIENT);
   EXPECT_FALSE(before(a, b));
   EXPECT_FALSE(before(b, a));
 }
 
 TEST(ExplorerOrderTest, SameAuthorityOrdersBySubjectWithoutRegardToCase)
 {
-  EXPECT_TRUE(before(entry("HostA", "v", AT_TQUCLIENT), entry("hostb", "v", AT_TQUCLIENT)));
-  EXPECT_TRUE(sameIdentity(entry("HOST", "V", AT_TQUCLIENT), entry("host", "v", AT_TQUCLIENT)));
+  EXPECT_TRUE(before(makeEntry("HostA", "v", AT_TQUCLIENT), makeEntry("hostb", "v", AT_TQUCLIENT)));
+  EXPECT_TRUE(
+      sameIdentity(makeEntry("HOST", "V", AT_TQUCLIENT), makeEntry("host", "v", AT_TQUCLIENT)));
 }
 
 TEST(ExplorerOrderTest, RemotePullCompetesWithEveryEntryOfItsSubject)
 {
-  auto const remote = entry("host", "zzz", AT_REMOTEPULL);
-  EXPECT_TRUE(sameIdentity(remote, entry("host", "aaa", AT_TQUCLIENT)));
-  EXPECT_TRUE(sameIdentity(remote, entry("host", "aaa", AT_REMOTEPULL)));
-  EXPECT_FALSE(sameIdentity(remote, entry("other", "zzz", AT_REMOTEPULL)));
+  auto const remote = makeEntry("host", "zzz", AT_REMOTEPULL);
+  EXPECT_TRUE(sameIdentity(remote, makeEntry("host", "aaa", AT_TQUCLIENT)));
+  EXPECT_TRUE(sameIdentity(remote, makeEntry("host", "aaa", AT_REMOTEPULL)));
+  EXPECT_FALSE(sameIdentity(remote, makeEntry("other", "zzz", AT_REMOTEPULL)));
 }
 
 TEST(ExplorerOrderTest, LocalEntriesOfOneSubjectDifferByAuthority)
 {
-  EXPECT_FALSE(sameIdentity(entry("host", "a", AT_TQUCLIENT), entry("host", "b", AT_TQUCLIENT)));
+  EXPECT_FALSE(
+      sameIdentity(makeEntry("host", "a", AT_TQUCLIENT), makeEntry("host", "b", AT_TQUCLIENT)));
 }
 
 TEST(ExplorerOrderTest, QueriesOrderAsTheirEntries)
 {
-  AutoDereference<ExplorerQuery> const a(new ExplorerQuery(entry("a", "v", AT_TQUCLIENT)));
-  AutoDereference<ExplorerQuery> const b(new ExplorerQuery(entry("b", "v", AT_TQUCLIENT)));
+  AutoDereference<ExplorerQuery> const a(new ExplorerQuery(makeEntry("a", "v", AT_TQUCLIENT)));
+  AutoDereference<ExplorerQuery> const b(new ExplorerQuery(makeEntry("b", "v", AT_TQUCLIENT)));
   EXPECT_TRUE(ltdExplorerQuery()(a, b));
   EXPECT_FALSE(ltdExplorerQuery()(b, a));
 }
 
 TEST(ExplorerIdentityTest, MatchesBothPatternsInTheirCase)
 {
-  auto const candidate = entry("hostA", "volume", AT_TQUCLIENT);
+  auto const candidate = makeEntry("hostA", "volume", AT_TQUCLIENT);
   auto const matches = [&](char const* authority, char const* subject)
   {
     AutoDereference<ExplorerIdentity> const identity(new ExplorerIdentity(authority, subject));
@@ -126,7 +128,7 @@ TEST(ExplorerIdentityTest, MatchesBothPatternsInTheirCase)
 
 TEST(ExplorerQueryTest, ShowsThePartsOfItsEntry)
 {
-  auto const wrapper = entry("host", "volume", AT_TQUCLIENT);
+  auto const wrapper = makeEntry("host", "volume", AT_TQUCLIENT);
   AutoDereference<ExplorerQuery> const query(new ExplorerQuery(wrapper));
   EXPECT_EQ(query->getSubject(), wrapper->getSubject());
   EXPECT_EQ(query->getAuthority(), wrapper->getAuthority());

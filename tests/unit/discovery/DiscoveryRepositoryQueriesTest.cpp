@@ -19,10 +19,10 @@ namespace
 
 using Names = std::vector<std::string>;
 
-class TestRepository : public DiscoveryRepository
+class QueriedRepository : public DiscoveryRepository
 {
 public:
-  explicit TestRepository(bool onMaster)
+  explicit QueriedRepository(bool onMaster)
       : m_onMaster(onMaster), m_framework(new DiscoveryFramework("", DST_GENERIC, nullptr, false))
   {
     setDiscoveryFramework(m_framework.get());
@@ -71,7 +71,7 @@ struct DiscoveryRepositoryQueriesTest : testing::Test
   static void cache(std::string const& host, std::string const& subject,
                     std::string const& authority, unsigned priority)
   {
-    TestRepository master(true);
+    QueriedRepository master(true);
     AutoDereference<RemoteExplorerPull> const remote(
         new RemoteExplorerPull("DiscoveryService", host, subject, authority, AT_TQUCLIENT));
     master.registerExplorer(new Subject(subject), remote.get(), priority,
@@ -121,7 +121,7 @@ TEST_F(DiscoveryRepositoryQueriesTest, AQueryWithoutAFrameworkFailsTheAssertion)
 TEST_F(DiscoveryRepositoryQueriesTest, PullExplorersComeBeforeTheDatabase)
 {
   getDiscoveryDBDatabase()->init("");
-  TestRepository repository(true);
+  QueriedRepository repository(true);
   store(repository, "stored", "a", AT_TQUCLIENT);
   pull(repository, "zpulled");
   EXPECT_EQ((Names{"zpulled", "stored"}),
@@ -131,7 +131,7 @@ TEST_F(DiscoveryRepositoryQueriesTest, PullExplorersComeBeforeTheDatabase)
 TEST_F(DiscoveryRepositoryQueriesTest, TheAnswerCarriesWhatWasAskedFor)
 {
   getDiscoveryDBDatabase()->init("");
-  TestRepository repository(true);
+  QueriedRepository repository(true);
   AutoDereference<DiscoveryIterator> const answer(
       repository.queryDiscoveries(DQ_DISCOVERY_DATA, "a subject", "an authority", AT_EXTSRC));
   ASSERT_NE(nullptr, dynamic_cast<CombiningIterator*>(answer.get()));
@@ -143,7 +143,7 @@ TEST_F(DiscoveryRepositoryQueriesTest, TheAnswerCarriesWhatWasAskedFor)
 TEST_F(DiscoveryRepositoryQueriesTest, AQueryForRemotePullsNeverRunsAPullExplorer)
 {
   getDiscoveryDBDatabase()->init("");
-  TestRepository repository(true);
+  QueriedRepository repository(true);
   pull(repository, "s");
   store(repository, "r", "a", AT_REMOTEPULL);
   EXPECT_EQ(Names{"r"},
@@ -154,7 +154,7 @@ TEST_F(DiscoveryRepositoryQueriesTest, AQueryForRemotePullsNeverRunsAPullExplore
 TEST_F(DiscoveryRepositoryQueriesTest, NamesAndTypeSelectFromTheDatabase)
 {
   getDiscoveryDBDatabase()->init("");
-  TestRepository repository(true);
+  QueriedRepository repository(true);
   store(repository, "web1", "a", AT_TQUCLIENT);
   store(repository, "web2", "b", AT_TQUCLIENT);
   store(repository, "db1", "a", AT_EXTSRC);
@@ -175,7 +175,7 @@ TEST_F(DiscoveryRepositoryQueriesTest, NamesAndTypeSelectFromTheDatabase)
 TEST_F(DiscoveryRepositoryQueriesTest, FilterDataTakesThePlaceOfDataOfTheSameNamesAndType)
 {
   getDiscoveryDBDatabase()->init("");
-  TestRepository repository(true);
+  QueriedRepository repository(true);
   store(repository, "s", "a", AT_TQUCLIENT, "<data/>");
   store(repository, "s", "a", AT_EXTSRC, "<external/>", DQ_FILTER_DATA);
   store(repository, "s", "a", AT_TQUCLIENT, "<filter/>", DQ_FILTER_DATA);
@@ -193,7 +193,7 @@ TEST_F(DiscoveryRepositoryQueriesTest, FilterDataTakesThePlaceOfDataOfTheSameNam
 
 TEST_F(DiscoveryRepositoryQueriesTest, WithoutADatabaseThereIsNoAnswerEvenIfAPullExplorerMatched)
 {
-  TestRepository repository(true); // the database was never initialised
+  QueriedRepository repository(true); // the database was never initialised
   pull(repository, "s");
   LogCapture log;
   EXPECT_EQ(nullptr, repository.queryDiscoveries(DQ_DISCOVERY_DATA, "*", "*", AT_ANYANDALL));
@@ -203,7 +203,7 @@ TEST_F(DiscoveryRepositoryQueriesTest, WithoutADatabaseThereIsNoAnswerEvenIfAPul
 
 TEST_F(DiscoveryRepositoryQueriesTest, EveryEntryAfterTheFirstMatchIsTaken)
 {
-  TestRepository repository(true);
+  QueriedRepository repository(true);
   pull(repository, "a");
   pull(repository, "b");
   pull(repository, "c");
@@ -214,7 +214,7 @@ TEST_F(DiscoveryRepositoryQueriesTest, EveryEntryAfterTheFirstMatchIsTaken)
 // Callers may hold a thousand iterators over as many explorers as there are.
 TEST_F(DiscoveryRepositoryQueriesTest, IteratorsOverPullExplorersShareTheSnapshot)
 {
-  TestRepository repository(true);
+  QueriedRepository repository(true);
   for (int i = 0; i < 100; ++i)
     pull(repository, "s" + std::to_string(i));
   auto const snapshot = repository.getPullExplorers();
@@ -235,7 +235,7 @@ TEST_F(DiscoveryRepositoryQueriesTest, IteratorsOverPullExplorersShareTheSnapsho
 
 TEST_F(DiscoveryRepositoryQueriesTest, SubjectAndAuthorityMustBothMatchInTheirCase)
 {
-  TestRepository repository(true);
+  QueriedRepository repository(true);
   pull(repository, "s", "auth");
   auto const find = [&](char const* subject, char const* authority)
   {
@@ -249,14 +249,14 @@ TEST_F(DiscoveryRepositoryQueriesTest, SubjectAndAuthorityMustBothMatchInTheirCa
 
 TEST_F(DiscoveryRepositoryQueriesTest, NoMatchingPullExplorerGivesNull)
 {
-  TestRepository repository(true);
+  QueriedRepository repository(true);
   EXPECT_EQ(nullptr, repository.findPullExplorer(DQ_DISCOVERY_DATA, repository.getPullExplorers(),
                                                  "*", "*"));
 }
 
 TEST_F(DiscoveryRepositoryQueriesTest, AnEmptyMasterNameGivesNullWithoutAConnection)
 {
-  TestRepository repository(false);
+  QueriedRepository repository(false);
   LogCapture log;
   EXPECT_EQ(nullptr, repository.queryDiscoveries(DQ_DISCOVERY_DATA, "*", "*", AT_ANYANDALL));
   EXPECT_TRUE(log.has(1, "DiscoveryRepository::queryRemoteDiscoveries",
@@ -270,7 +270,7 @@ TEST_F(DiscoveryRepositoryQueriesTest, TheCacheOfRegistrationsIsRestored)
 {
   getDiscoveryDBDatabase()->init("");
   cache("far", "s", "a", 7);
-  TestRepository after(true);
+  QueriedRepository after(true);
   after.loadPullExplorerCache();
   auto const entries = after.getPullExplorers();
   ASSERT_EQ(1u, entries->size());
@@ -294,7 +294,7 @@ TEST_F(DiscoveryRepositoryQueriesTest, ACachedRegistrationOfThisHostLeavesItsExp
   cache("Here", "here", "volume", 10);
   cache("far", "far", "volume", 10);
 
-  TestRepository repository(true);
+  QueriedRepository repository(true);
   pull(repository, "here", "volume");
   AutoDereference<FakePush> const pusher(new FakePush("filesystem"));
   repository.registerExplorer(new Subject("here"), pusher.get(), 10,
@@ -322,7 +322,7 @@ TEST_F(DiscoveryRepositoryQueriesTest, OfSeveralCachedRegistrationsOfASubjectThe
   cache("far", "far", "tape", 9);
   cache("far", "far", "volume", 11);
   cache("far", "far", "changer", 10);
-  TestRepository repository(true);
+  QueriedRepository repository(true);
   repository.loadPullExplorerCache();
   auto const entries = repository.getPullExplorers();
   ASSERT_EQ(1u, entries->size());
@@ -337,7 +337,7 @@ TEST_F(DiscoveryRepositoryQueriesTest, OfSeveralCachedRegistrationsOfASubjectThe
 TEST_F(DiscoveryRepositoryQueriesTest, CacheRecordsThatDoNotParseAreSkipped)
 {
   getDiscoveryDBDatabase()->init("");
-  TestRepository repository(true);
+  QueriedRepository repository(true);
   store(repository, "one", "a", AT_REMOTEPULL, "not XML");
   store(repository, "two", "a", AT_REMOTEPULL,
         "<DiscoveredItems><SourceHost>h</SourceHost></DiscoveredItems>");

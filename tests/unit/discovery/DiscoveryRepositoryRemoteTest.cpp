@@ -1,5 +1,6 @@
 #include "discovery/DiscoveryRepository.h"
 
+#include "tests/support/RemoteOperations.h"
 #include "tests/support/RemoteService.h"
 #include "tests/support/Service.h"
 
@@ -12,7 +13,6 @@ using namespace tqtest;
 namespace
 {
 
-constexpr char CONNECT[] = "connectToRemoteDS";
 constexpr char QUERY[] = "DiscoveryRepository::queryRemoteDiscoveries";
 constexpr int LIMIT = 20;
 
@@ -100,33 +100,38 @@ private:
 TEST_F(DiscoveryRepositoryRemoteTest, AConnectionNamesItsHostAndServiceAsDetail)
 {
   EXPECT_TRUE(connects("localhost"));
-  EXPECT_EQ(1, m_log.count(4, CONNECT, "Host: localhost")) << m_log.text();
-  EXPECT_EQ(1, m_log.count(4, CONNECT, "Service: DiscoveryService")) << m_log.text();
+  EXPECT_EQ(1, m_log.count(4, RemoteOperations::CONNECT, "Host: localhost")) << m_log.text();
+  EXPECT_EQ(1, m_log.count(4, RemoteOperations::CONNECT, "Service: DiscoveryService"))
+      << m_log.text();
 }
 
 TEST_F(DiscoveryRepositoryRemoteTest, AnObjectOfAnotherInterfaceIsNoService)
 {
   advertiseAnotherInterface();
   EXPECT_FALSE(connects("localhost"));
-  EXPECT_EQ(
-      1, m_log.count(1, CONNECT, "Failed to connect to remote discovery service ( narrow failed )"))
+  EXPECT_EQ(1, m_log.count(1, RemoteOperations::CONNECT,
+                           "Failed to connect to remote discovery service ( narrow failed )"))
       << m_log.text();
 }
 
 TEST_F(DiscoveryRepositoryRemoteTest, AServiceWithoutAPortCannotBeResolved)
 {
   EXPECT_FALSE(connects("localhost", "NoSuchService"));
-  EXPECT_EQ(1, m_log.count(1, CONNECT, "Failed to connect to remote discovery service"))
+  EXPECT_EQ(
+      1, m_log.count(1, RemoteOperations::CONNECT, "Failed to connect to remote discovery service"))
       << m_log.text();
-  EXPECT_EQ(0, m_log.count(1, CONNECT, "Failed to connect to remote discovery service."));
+  EXPECT_EQ(0, m_log.count(1, RemoteOperations::CONNECT,
+                           "Failed to connect to remote discovery service."));
 }
 
 TEST_F(DiscoveryRepositoryRemoteTest, AHostThatRefusesTheConnectionGivesTheLineWithTheFullStop)
 {
   EXPECT_FALSE(connects("closed"));
-  EXPECT_EQ(1, m_log.count(1, CONNECT, "Failed to connect to remote discovery service."))
+  EXPECT_EQ(1, m_log.count(1, RemoteOperations::CONNECT,
+                           "Failed to connect to remote discovery service."))
       << m_log.text();
-  EXPECT_EQ(0, m_log.count(1, CONNECT, "Failed to connect to remote discovery service"));
+  EXPECT_EQ(0, m_log.count(1, RemoteOperations::CONNECT,
+                           "Failed to connect to remote discovery service"));
 }
 
 TEST_F(DiscoveryRepositoryRemoteTest, TheTwentyFirstConnectionAttemptAtOnceIsRefused)
@@ -136,18 +141,21 @@ TEST_F(DiscoveryRepositoryRemoteTest, TheTwentyFirstConnectionAttemptAtOnceIsRef
   std::atomic<int> connected{0};
   for (int i = 0; i < LIMIT; ++i)
     attempts.emplace_back([&] { connected += connects("silent") ? 1 : 0; });
-  EXPECT_TRUE(eventually([&] { return m_log.count(4, CONNECT, "Host: silent") == LIMIT; }));
-  EXPECT_EQ(0, m_log.count(1, CONNECT, selfConnection("silent"))) << m_log.text();
+  EXPECT_TRUE(eventually(
+      [&] { return m_log.count(4, RemoteOperations::CONNECT, "Host: silent") == LIMIT; }));
+  EXPECT_EQ(0, m_log.count(1, RemoteOperations::CONNECT, selfConnection("silent"))) << m_log.text();
 
   // This host would answer.
   EXPECT_FALSE(connects("localhost"));
-  EXPECT_EQ(1, m_log.count(1, CONNECT, selfConnection("localhost"))) << m_log.text();
+  EXPECT_EQ(1, m_log.count(1, RemoteOperations::CONNECT, selfConnection("localhost")))
+      << m_log.text();
 
   silent.stop();
   for (auto& attempt : attempts)
     attempt.join();
   EXPECT_EQ(0, connected);
-  EXPECT_EQ(LIMIT, m_log.count(1, CONNECT, "Failed to connect to remote discovery service."))
+  EXPECT_EQ(LIMIT, m_log.count(1, RemoteOperations::CONNECT,
+                               "Failed to connect to remote discovery service."))
       << "none of the twenty was refused";
   EXPECT_TRUE(connects("localhost")) << "there is room again";
 }

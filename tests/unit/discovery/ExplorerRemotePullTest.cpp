@@ -13,7 +13,7 @@ using namespace tqtest;
 namespace
 {
 
-constexpr char OPERATION[] = "RemotePullExplorer::collectionRequested";
+constexpr char REQUESTED[] = "RemotePullExplorer::collectionRequested";
 
 // Notes how it is opened and what is written to it.
 class Target : public CollectionData
@@ -60,7 +60,7 @@ protected:
 
   bool hasText(std::string const& text) const
   {
-    return m_log.text().find("1 " + std::string(OPERATION) + ": " + text) != std::string::npos;
+    return m_log.text().find("1 " + std::string(REQUESTED) + ": " + text) != std::string::npos;
   }
 
   AutoDereference<RemoteExplorerPull> m_explorer;
@@ -143,7 +143,7 @@ TEST_F(ExplorerRemotePullTest, IsTracedUnderItsName)
   serveRecords({});
   EXPECT_FALSE(request());
   std::string const text = m_log.text();
-  std::string const line = "6 " + std::string(OPERATION) + ": ";
+  std::string const line = "6 " + std::string(REQUESTED) + ": ";
   auto const entered = text.find(line + "Entered\n");
   auto const left = text.find(line + "Left\n");
   ASSERT_NE(entered, std::string::npos) << text;
@@ -167,7 +167,7 @@ TEST_F(ExplorerRemotePullTest, OtherExceptionsPassToTheCallerAndNothingIsHeldAft
   auto const lines = m_log.lines();
   EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
                           [](LogLine const& line)
-                          { return line.operation == OPERATION && line.text == "Left"; }),
+                          { return line.operation == REQUESTED && line.text == "Left"; }),
             MORE_THAN_MAY_BE_IN_PROGRESS);
 }
 
@@ -175,14 +175,14 @@ TEST_F(ExplorerRemotePullTest, NoServiceIsAFailure)
 {
   m_explorer.reset(new RemoteExplorerPull("NoSuchService", "localhost", "", "", AT_TQUCLIENT));
   EXPECT_FALSE(request());
-  EXPECT_TRUE(m_log.has(1, OPERATION, "Failed to connect to discovery service")) << m_log.text();
+  EXPECT_TRUE(m_log.has(1, REQUESTED, "Failed to connect to discovery service")) << m_log.text();
 }
 
 TEST_F(ExplorerRemotePullTest, NoMatchIsAFailure)
 {
   auto* const records = serveRecords({});
   EXPECT_FALSE(request());
-  EXPECT_TRUE(m_log.has(1, OPERATION, "No records found!")) << m_log.text();
+  EXPECT_TRUE(m_log.has(1, REQUESTED, "No records found!")) << m_log.text();
   EXPECT_EQ(records->releases, 1);
 }
 
@@ -191,7 +191,7 @@ TEST_F(ExplorerRemotePullTest, TwoMatchesAreAFailureAndNothingIsCopied)
   serveRecords({{makeRecord("a"), makeRecord("b")}});
   serveData({"data"});
   EXPECT_FALSE(request());
-  EXPECT_TRUE(m_log.has(1, OPERATION, "Too many records found")) << m_log.text();
+  EXPECT_TRUE(m_log.has(1, REQUESTED, "Too many records found")) << m_log.text();
   EXPECT_TRUE(m_target.opens.empty());
   EXPECT_TRUE(m_service->dataRequests.empty());
 }
@@ -201,7 +201,7 @@ TEST_F(ExplorerRemotePullTest, UnreadableSourceIsReportedAsTheTarget)
   serveRecords({{makeRecord()}});
   m_service->dataStatus = DS_NONE_FOUND;
   EXPECT_FALSE(request());
-  EXPECT_TRUE(m_log.has(1, OPERATION, "Failed to target open collection data")) << m_log.text();
+  EXPECT_TRUE(m_log.has(1, REQUESTED, "Failed to target open collection data")) << m_log.text();
   EXPECT_TRUE(m_target.opens.empty());
 }
 
@@ -213,7 +213,7 @@ TEST_F(ExplorerRemotePullTest, AnEmptyPayloadIsReportedAsTheTarget)
   EXPECT_TRUE(
       m_log.has(1, "RemoteCollectionData::openRead", "Collection data returned has no data"))
       << m_log.text();
-  EXPECT_TRUE(m_log.has(1, OPERATION, "Failed to target open collection data")) << m_log.text();
+  EXPECT_TRUE(m_log.has(1, REQUESTED, "Failed to target open collection data")) << m_log.text();
   EXPECT_TRUE(m_target.opens.empty());
   EXPECT_TRUE(m_target.writes.empty());
 }
@@ -253,7 +253,7 @@ TEST_F(ExplorerRemotePullTest, UnwritableTargetIsReportedAsTheSource)
   serveData({"data"});
   m_target.mayOpen = false;
   EXPECT_FALSE(request());
-  EXPECT_TRUE(m_log.has(1, OPERATION, "Failed to source open colection data")) << m_log.text();
+  EXPECT_TRUE(m_log.has(1, REQUESTED, "Failed to source open colection data")) << m_log.text();
   EXPECT_EQ(m_target.opens.size(), 1U);
 }
 
@@ -268,7 +268,7 @@ TEST_F(ExplorerRemotePullTest, SecondOpenFailsWithoutALineOfItsOwn)
   auto const lines = m_log.lines();
   EXPECT_TRUE(std::none_of(lines.begin(), lines.end(),
                            [](LogLine const& line)
-                           { return line.level == 1 && line.operation == OPERATION; }))
+                           { return line.level == 1 && line.operation == REQUESTED; }))
       << m_log.text();
 }
 
@@ -287,7 +287,7 @@ TEST_F(ExplorerRemotePullTest, ExceptionOfTheRecordsIsAFailure)
   EXPECT_FALSE(request());
   EXPECT_TRUE(hasText("Caught CORBA Exception while querying for discoveries: NO_RESOURCES"))
       << m_log.text();
-  EXPECT_FALSE(m_log.has(1, OPERATION, "No records found!"));
+  EXPECT_FALSE(m_log.has(1, REQUESTED, "No records found!"));
 }
 
 // Its line for exceptions is for those alone.
@@ -296,7 +296,7 @@ TEST_F(ExplorerRemotePullTest, AFetchGivenUpForAnotherReasonIsNoException)
   auto* const records = serveRecords({{makeRecord()}, {makeRecord()}});
   records->beforePage = [] { getDiscoveryRepository().shutdown(); };
   EXPECT_FALSE(request());
-  EXPECT_TRUE(m_log.has(1, OPERATION, "Failed to fetch discoveries: shutting down"))
+  EXPECT_TRUE(m_log.has(1, REQUESTED, "Failed to fetch discoveries: shutting down"))
       << m_log.text();
   EXPECT_FALSE(hasText("Caught CORBA Exception")) << m_log.text();
 }
@@ -376,7 +376,7 @@ TEST_F(ExplorerRemotePullTest, TheTwentyFirstRequestAtOnceIsRefused)
   EXPECT_FALSE(hasText("Hostname detected")) << m_log.text();
 
   EXPECT_FALSE(requestOf(*m_explorer));
-  EXPECT_EQ(1, m_log.count(1, OPERATION,
+  EXPECT_EQ(1, m_log.count(1, REQUESTED,
                            "Hostname detected as remote and/or master, but appears to be "
                            "connecting back to self, RemoteHost: localhost"))
       << m_log.text();
@@ -424,7 +424,7 @@ TEST_F(ExplorerRemotePullTest, AChainThroughOtherRegistrationsEndsAfterTwenty)
   EXPECT_FALSE(explorers[0]->collectionRequested(DQ_DISCOVERY_DATA,
                                                  Authority("volume", AT_TQUCLIENT),
                                                  Subject("hostA"), context, "", &target));
-  EXPECT_EQ(1, m_log.count(1, OPERATION,
+  EXPECT_EQ(1, m_log.count(1, REQUESTED,
                            "Hostname detected as remote and/or master, but appears to be "
                            "connecting back to self, RemoteHost: 127.0.0.1"))
       << m_log.text();

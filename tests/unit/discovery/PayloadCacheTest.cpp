@@ -17,7 +17,7 @@ namespace
 
 constexpr std::size_t MOST = PayloadCache::MOST_IN_MEMORY;
 
-std::string makeBytes(std::size_t size)
+std::string manyBytes(std::size_t size)
 {
   std::string bytes(size, '\0');
   unsigned state = 1;
@@ -82,7 +82,7 @@ struct FileLimit
 TEST_F(PayloadCacheTest, PiecesThatAreTakenOverStandInTheirOrder)
 {
   PayloadCache cache({folder.path()});
-  std::string const bytes = makeBytes(MOST + 300'000);
+  std::string const bytes = manyBytes(MOST + 300'000);
   std::string expected;
   for (std::size_t const size : {10u, 20'000u, 100u, 65'536u, 1u, 15'000u, 16'384u, 16'383u,
                                  200'000u, 5'000'000u - 500'000u, 70'000u, 3u})
@@ -101,7 +101,7 @@ TEST_F(PayloadCacheTest, PiecesThatAreTakenOverStandInTheirOrder)
 TEST_F(PayloadCacheTest, ASmallPayloadStaysInMemory)
 {
   PayloadCache cache({folder.path()});
-  std::string const bytes = makeBytes(MOST);
+  std::string const bytes = manyBytes(MOST);
   ASSERT_TRUE(fill(cache, bytes, 8192));
   EXPECT_FALSE(cache.inFile());
   EXPECT_EQ(cache.size(), bytes.size());
@@ -111,7 +111,7 @@ TEST_F(PayloadCacheTest, ASmallPayloadStaysInMemory)
 TEST_F(PayloadCacheTest, ALargePayloadGoesToAFileWithoutAName)
 {
   PayloadCache cache({folder.path()});
-  std::string const bytes = makeBytes(2 * MOST + 12345);
+  std::string const bytes = manyBytes(2 * MOST + 12345);
   ASSERT_TRUE(fill(cache, bytes, 65536));
   EXPECT_TRUE(cache.inFile());
   EXPECT_TRUE(std::filesystem::is_empty(folder.path()));
@@ -124,7 +124,7 @@ TEST_F(PayloadCacheTest, ALargePayloadGoesToAFileWithoutAName)
 TEST_F(PayloadCacheTest, OnePieceMayBeLargerThanWhatMemoryHolds)
 {
   PayloadCache cache({folder.path()});
-  std::string const bytes = makeBytes(MOST + 1);
+  std::string const bytes = manyBytes(MOST + 1);
   ASSERT_TRUE(fill(cache, bytes, bytes.size()));
   EXPECT_TRUE(cache.inFile());
   EXPECT_TRUE(contentOf(cache) == bytes);
@@ -132,7 +132,7 @@ TEST_F(PayloadCacheTest, OnePieceMayBeLargerThanWhatMemoryHolds)
 
 TEST_F(PayloadCacheTest, ReadsBeginAndEndAnywhereInMemory)
 {
-  std::string const bytes = makeBytes(20'000);
+  std::string const bytes = manyBytes(20'000);
   for (std::size_t const piece : {1, 777, 1024, 5000})
   {
     PayloadCache cache({folder.path()});
@@ -163,7 +163,7 @@ TEST_F(PayloadCacheTest, ReadingBehindTheEndGivesNothing)
 TEST_F(PayloadCacheTest, ClearedItIsAsNew)
 {
   PayloadCache cache({folder.path()});
-  ASSERT_TRUE(fill(cache, makeBytes(2 * MOST), 65536));
+  ASSERT_TRUE(fill(cache, manyBytes(2 * MOST), 65536));
   ASSERT_TRUE(cache.inFile());
   cache.clear();
   EXPECT_FALSE(cache.inFile());
@@ -175,7 +175,7 @@ TEST_F(PayloadCacheTest, ClearedItIsAsNew)
 TEST_F(PayloadCacheTest, TheNextFolderIsTakenWhenOneLetsNoFileBeMade)
 {
   PayloadCache cache({folder / "missing", folder.path()});
-  ASSERT_TRUE(fill(cache, makeBytes(2 * MOST), 65536));
+  ASSERT_TRUE(fill(cache, manyBytes(2 * MOST), 65536));
   EXPECT_TRUE(cache.inFile());
   EXPECT_TRUE(
       log.has(4, "PayloadCache::moveToFile",
@@ -186,7 +186,7 @@ TEST_F(PayloadCacheTest, TheNextFolderIsTakenWhenOneLetsNoFileBeMade)
 TEST_F(PayloadCacheTest, WithoutAnyFolderMemoryHoldsIt)
 {
   PayloadCache cache({folder / "missing"});
-  std::string const bytes = makeBytes(2 * MOST);
+  std::string const bytes = manyBytes(2 * MOST);
   ASSERT_TRUE(fill(cache, bytes, 65536));
   EXPECT_FALSE(cache.inFile());
   EXPECT_TRUE(contentOf(cache) == bytes);
@@ -200,7 +200,7 @@ TEST_F(PayloadCacheTest, WithoutAnyFolderMemoryHoldsIt)
 TEST_F(PayloadCacheTest, AFullDiskBringsItBackToMemory)
 {
   PayloadCache cache({folder.path()});
-  std::string const bytes = makeBytes(3 * MOST);
+  std::string const bytes = manyBytes(3 * MOST);
   {
     FileLimit const limit(2 * MOST + 1000); // in the middle of a piece
     ASSERT_TRUE(fill(cache, bytes, 65536));
@@ -216,7 +216,7 @@ TEST_F(PayloadCacheTest, AFullDiskBringsItBackToMemory)
 TEST_F(PayloadCacheTest, ADiskThatIsFullFromTheStartMakesNoFile)
 {
   PayloadCache cache({folder.path()});
-  std::string const bytes = makeBytes(2 * MOST);
+  std::string const bytes = manyBytes(2 * MOST);
   {
     FileLimit const limit(1000);
     ASSERT_TRUE(fill(cache, bytes, 65536));

@@ -1,6 +1,7 @@
 #include "discovery/RemoteDB.h"
 #include "ozf/base/OzfObjTime.h"
 #include "ozf/log/Assertion.h"
+#include "tests/support/RemoteOperations.h"
 #include "tests/support/RemoteService.h"
 
 #include <gtest/gtest.h>
@@ -12,10 +13,6 @@ using namespace tqtest;
 
 namespace
 {
-
-constexpr char OPEN_READ[] = "RemoteCollectionData::openRead";
-constexpr char OPEN_WRITE[] = "RemoteCollectionData::openWrite";
-constexpr char WRITE[] = "RemoteCollectionData::writeCollection";
 
 constexpr char LOOP_TEXT[] = "Hostname detected as remote and/or master, but appears to be "
                              "connecting back to self, RemoteHost: localhost";
@@ -108,7 +105,8 @@ TEST_F(RemoteDBCollectionTest, EmptyPayloadIsAFailure)
 {
   auto* const pages = serveData({});
   EXPECT_EQ(reader()->open(OM_READ, ""), DS_OPEN_FAILED);
-  EXPECT_TRUE(m_log.has(1, OPEN_READ, "Collection data returned has no data")) << m_log.text();
+  EXPECT_TRUE(m_log.has(1, RemoteOperations::OPEN_READ, "Collection data returned has no data"))
+      << m_log.text();
   EXPECT_EQ(pages->releases, 1);
 }
 
@@ -116,7 +114,8 @@ TEST_F(RemoteDBCollectionTest, RefusedReadNamesTheStatus)
 {
   m_service->dataStatus = DS_NONE_FOUND;
   EXPECT_EQ(reader()->open(OM_READ, ""), DS_OPEN_FAILED);
-  EXPECT_TRUE(m_log.has(1, OPEN_READ, "Failed to get collection data: 1")) << m_log.text();
+  EXPECT_TRUE(m_log.has(1, RemoteOperations::OPEN_READ, "Failed to get collection data: 1"))
+      << m_log.text();
 }
 
 TEST_F(RemoteDBCollectionTest, ReadWithoutAServiceFails)
@@ -124,7 +123,8 @@ TEST_F(RemoteDBCollectionTest, ReadWithoutAServiceFails)
   auto record = makeRecord();
   record.sourceServiceName = "NoSuchService";
   EXPECT_EQ(reader(record)->open(OM_READ, ""), DS_OPEN_FAILED);
-  EXPECT_TRUE(m_log.has(1, OPEN_READ, "Failed to connect to discovery service")) << m_log.text();
+  EXPECT_TRUE(m_log.has(1, RemoteOperations::OPEN_READ, "Failed to connect to discovery service"))
+      << m_log.text();
 }
 
 TEST_F(RemoteDBCollectionTest, ReadFromAHostThatDoesNotAnswerFails)
@@ -133,7 +133,8 @@ TEST_F(RemoteDBCollectionTest, ReadFromAHostThatDoesNotAnswerFails)
   auto record = makeRecord();
   record.sourceServiceName = "DownService";
   EXPECT_EQ(reader(record)->open(OM_READ, ""), DS_OPEN_FAILED);
-  EXPECT_TRUE(m_log.has(1, OPEN_READ, "Failed to connect to discovery service")) << m_log.text();
+  EXPECT_TRUE(m_log.has(1, RemoteOperations::OPEN_READ, "Failed to connect to discovery service"))
+      << m_log.text();
 }
 
 TEST_F(RemoteDBCollectionTest, ReadFromAHostWithoutANameFails)
@@ -141,15 +142,16 @@ TEST_F(RemoteDBCollectionTest, ReadFromAHostWithoutANameFails)
   auto record = makeRecord();
   record.sourceHost = "";
   EXPECT_EQ(reader(record)->open(OM_READ, ""), DS_OPEN_FAILED);
-  EXPECT_TRUE(m_log.has(1, OPEN_READ, "Failed to connect to discovery service")) << m_log.text();
+  EXPECT_TRUE(m_log.has(1, RemoteOperations::OPEN_READ, "Failed to connect to discovery service"))
+      << m_log.text();
 }
 
 TEST_F(RemoteDBCollectionTest, ExceptionOfTheServiceFailsTheRead)
 {
   m_service->before = [] { throw CORBA::NO_PERMISSION(); };
   EXPECT_EQ(reader()->open(OM_READ, ""), DS_OPEN_FAILED);
-  EXPECT_TRUE(
-      hasLine(OPEN_READ, "Caught CORBA Exception while reading collection data: NO_PERMISSION"))
+  EXPECT_TRUE(hasLine(RemoteOperations::OPEN_READ,
+                      "Caught CORBA Exception while reading collection data: NO_PERMISSION"))
       << m_log.text();
 }
 
@@ -163,8 +165,8 @@ TEST_F(RemoteDBCollectionTest, ExceptionOfAPageFailsTheReadAndReleases)
   };
   auto const discovery = reader();
   EXPECT_EQ(discovery->open(OM_READ, ""), DS_OPEN_FAILED);
-  EXPECT_TRUE(
-      hasLine(OPEN_READ, "Caught CORBA Exception while reading collection data: NO_RESOURCES"))
+  EXPECT_TRUE(hasLine(RemoteOperations::OPEN_READ,
+                      "Caught CORBA Exception while reading collection data: NO_RESOURCES"))
       << m_log.text();
   EXPECT_EQ(pages->releases, 1);
   char byte = 0;
@@ -184,7 +186,8 @@ TEST_F(RemoteDBCollectionTest, FailedReleaseIsSwallowed)
 TEST_F(RemoteDBCollectionTest, SuccessWithoutAnIteratorIsAFailure)
 {
   EXPECT_EQ(reader()->open(OM_READ, ""), DS_OPEN_FAILED);
-  EXPECT_TRUE(hasLine(OPEN_READ, "Caught CORBA Exception while reading collection data: "))
+  EXPECT_TRUE(hasLine(RemoteOperations::OPEN_READ,
+                      "Caught CORBA Exception while reading collection data: "))
       << m_log.text();
 }
 
@@ -206,7 +209,8 @@ TEST_F(RemoteDBCollectionTest, PayloadWithoutEndIsGivenUp)
   auto* const pages = serveData({std::string(3 << 20, 'x')});
   pages->endless = true;
   EXPECT_EQ(reader()->open(OM_READ, ""), DS_OPEN_FAILED);
-  EXPECT_TRUE(m_log.has(1, OPEN_READ, "Collection data from localhost exceeds 268435456 bytes"))
+  EXPECT_TRUE(m_log.has(1, RemoteOperations::OPEN_READ,
+                        "Collection data from localhost exceeds 268435456 bytes"))
       << m_log.text();
   EXPECT_EQ(pages->pagesAsked, 86) << "the first page that goes past the limit is the last";
   EXPECT_EQ(pages->releases, 1);
@@ -284,10 +288,12 @@ TEST_F(RemoteDBCollectionTest, WriteNeedsASubjectAndAnAuthority)
   AutoDereference<Discovery> const discovery(
       getRemoteDiscoveryDatabase().newDiscovery(DQ_DISCOVERY_DATA));
   EXPECT_THROW(discovery->open(OM_UPDATE, ""), AssertionFailure);
-  EXPECT_TRUE(m_log.has(1, OPEN_WRITE, "Assertion failed: NULL != m_subject")) << m_log.text();
+  EXPECT_TRUE(m_log.has(1, RemoteOperations::OPEN_WRITE, "Assertion failed: NULL != m_subject"))
+      << m_log.text();
   discovery->setSubject(new Subject("s"));
   EXPECT_THROW(discovery->open(OM_UPDATE, ""), AssertionFailure);
-  EXPECT_TRUE(m_log.has(1, OPEN_WRITE, "Assertion failed: NULL != m_authority")) << m_log.text();
+  EXPECT_TRUE(m_log.has(1, RemoteOperations::OPEN_WRITE, "Assertion failed: NULL != m_authority"))
+      << m_log.text();
   EXPECT_TRUE(m_service->written.empty());
   discovery->setAuthority(new Authority("a", AT_TQUCLIENT));
   EXPECT_EQ(discovery->open(OM_UPDATE, ""), DS_SUCCESS);
@@ -297,14 +303,15 @@ TEST_F(RemoteDBCollectionTest, RefusedWriteNamesTheStatus)
 {
   m_service->writeStatus = DS_LOGIC_ERROR;
   EXPECT_EQ(writer()->open(OM_UPDATE, ""), DS_OPEN_FAILED);
-  EXPECT_TRUE(m_log.has(1, OPEN_WRITE, "Failed to open the collection data: 2")) << m_log.text();
+  EXPECT_TRUE(m_log.has(1, RemoteOperations::OPEN_WRITE, "Failed to open the collection data: 2"))
+      << m_log.text();
 }
 
 TEST_F(RemoteDBCollectionTest, SuccessWithoutAWriterIsAFailure)
 {
   EXPECT_EQ(writer()->open(OM_UPDATE, ""), DS_OPEN_FAILED);
-  EXPECT_TRUE(
-      m_log.has(1, OPEN_WRITE, "Failed to open the collection data: no writer was returned"))
+  EXPECT_TRUE(m_log.has(1, RemoteOperations::OPEN_WRITE,
+                        "Failed to open the collection data: no writer was returned"))
       << m_log.text();
 }
 
@@ -312,8 +319,8 @@ TEST_F(RemoteDBCollectionTest, ExceptionOfTheServiceFailsTheWrite)
 {
   m_service->before = [] { throw CORBA::NO_PERMISSION(); };
   EXPECT_EQ(writer()->open(OM_UPDATE, ""), DS_OPEN_FAILED);
-  EXPECT_TRUE(
-      hasLine(OPEN_WRITE, "Caught CORBA Exception while saving collection data: NO_PERMISSION"))
+  EXPECT_TRUE(hasLine(RemoteOperations::OPEN_WRITE,
+                      "Caught CORBA Exception while saving collection data: NO_PERMISSION"))
       << m_log.text();
 }
 
@@ -326,7 +333,7 @@ TEST_F(RemoteDBCollectionTest, RefusedChunkEndsTheWrite)
   std::string const bytes = makeBytes(3000);
   EXPECT_EQ(discovery->getCollectionData()->writeCollection(bytes.size(), bytes.data()), 0);
   EXPECT_EQ(remote->chunks.size(), 1U);
-  EXPECT_TRUE(m_log.has(1, WRITE, "Failed to write buffer")) << m_log.text();
+  EXPECT_TRUE(m_log.has(1, RemoteOperations::WRITE, "Failed to write buffer")) << m_log.text();
 }
 
 TEST_F(RemoteDBCollectionTest, ExceptionOfAChunkEndsTheWrite)
@@ -336,7 +343,8 @@ TEST_F(RemoteDBCollectionTest, ExceptionOfAChunkEndsTheWrite)
   ASSERT_EQ(discovery->open(OM_UPDATE, ""), DS_SUCCESS) << m_log.text();
   remote->beforePut = [] { throw CORBA::NO_RESOURCES(); };
   EXPECT_EQ(discovery->getCollectionData()->writeCollection(3, "abc"), 0);
-  EXPECT_TRUE(hasLine(WRITE, "Caught CORBA Exception during remote write: NO_RESOURCES"))
+  EXPECT_TRUE(
+      hasLine(RemoteOperations::WRITE, "Caught CORBA Exception during remote write: NO_RESOURCES"))
       << m_log.text();
 }
 
@@ -370,7 +378,7 @@ TEST_F(RemoteDBCollectionTest, TheTwentyFirstWriteAtATimeIsRefused)
   }
 
   EXPECT_EQ(writer()->open(OM_UPDATE, ""), DS_OPEN_FAILED);
-  EXPECT_TRUE(m_log.has(1, OPEN_WRITE, LOOP_TEXT)) << m_log.text();
+  EXPECT_TRUE(m_log.has(1, RemoteOperations::OPEN_WRITE, LOOP_TEXT)) << m_log.text();
   {
     std::lock_guard lock(mutex);
     EXPECT_EQ(waiting, 20) << "the refused write did not reach the master";

@@ -1,6 +1,7 @@
 #include "discovery/RemoteDBDrain.h"
 
 #include "discovery/RemoteDB.h"
+#include "tests/support/RemoteOperations.h"
 #include "tests/support/RemoteService.h"
 
 #include <gtest/gtest.h>
@@ -65,9 +66,6 @@ struct RemoteDBSlowPeerTest : RemoteServiceTest
   }
 };
 
-constexpr char OPEN_READ[] = "RemoteCollectionData::openRead";
-constexpr char WRITE[] = "RemoteCollectionData::writeCollection";
-
 } // namespace
 
 TEST_F(RemoteDBDrainTest, TheFirstMinuteIsFree)
@@ -118,7 +116,8 @@ TEST_F(RemoteDBSlowPeerTest, DataThatTakesThreeSecondsAPageIsCutOff)
   auto* const data = serveData(std::vector<std::string>(100, std::string(1000, 'x')));
   data->beforePage = [] { TestClock::advance(seconds(3)); };
   EXPECT_EQ(read(), DS_OPEN_FAILED);
-  EXPECT_TRUE(m_log.has(1, OPEN_READ, "Collection data from localhost comes too slowly"))
+  EXPECT_TRUE(
+      m_log.has(1, RemoteOperations::OPEN_READ, "Collection data from localhost comes too slowly"))
       << m_log.text();
   EXPECT_EQ(data->pagesAsked, 61) << "three seconds each are a minute more than two";
   EXPECT_EQ(data->releases, 1);
@@ -153,9 +152,10 @@ TEST_F(RemoteDBSlowPeerTest, AMasterThatTakesThreeSecondsAPieceIsGivenUp)
   auto const discovery = writer();
   EXPECT_EQ(write(*discovery, 100 * 1024), 0);
   EXPECT_EQ(master->chunks.size(), 61U) << "three seconds each are a minute more than two";
-  EXPECT_EQ(m_log.count(1, WRITE, "The master takes the collection data too slowly"), 1)
+  EXPECT_EQ(
+      m_log.count(1, RemoteOperations::WRITE, "The master takes the collection data too slowly"), 1)
       << m_log.text();
-  EXPECT_EQ(m_log.count(1, WRITE, "Failed to write buffer"), 1) << m_log.text();
+  EXPECT_EQ(m_log.count(1, RemoteOperations::WRITE, "Failed to write buffer"), 1) << m_log.text();
   EXPECT_EQ(write(*discovery, 1), 0);
   EXPECT_EQ(master->chunks.size(), 61U) << "it is not asked again";
 }
@@ -208,7 +208,8 @@ TEST_F(RemoteDBSlowPeerTest, AShutdownEndsTheFetchOfDataAfterThePageInHand)
       getDiscoveryRepository().shutdown();
   };
   EXPECT_EQ(read(), DS_OPEN_FAILED);
-  EXPECT_TRUE(m_log.has(1, OPEN_READ, "Shutting down, gave up the collection data from localhost"))
+  EXPECT_TRUE(m_log.has(1, RemoteOperations::OPEN_READ,
+                        "Shutting down, gave up the collection data from localhost"))
       << m_log.text();
   EXPECT_EQ(data->pagesAsked, 3);
   EXPECT_EQ(data->releases, 0) << "one call more to a slow peer";

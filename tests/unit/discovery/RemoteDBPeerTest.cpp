@@ -4,6 +4,7 @@
 
 #include "discovery/RemoteDB.h"
 #include "ozf/log/Assertion.h"
+#include "tests/support/RemoteOperations.h"
 #include "tests/support/RemoteService.h"
 
 #include <gtest/gtest.h>
@@ -12,12 +13,6 @@ using namespace tqtest;
 
 namespace
 {
-
-constexpr char OPEN_READ[] = "RemoteCollectionData::openRead";
-constexpr char WRITE[] = "RemoteCollectionData::writeCollection";
-constexpr char PERSIST[] = "RemoteDiscovery::persist";
-constexpr char FETCH[] = "RemoteDiscoveryIterator::RemoteDiscoveryIterator";
-constexpr char CONNECT[] = "connectToRemoteDS";
 
 class RemoteDBPeerTest : public RemoteServiceTest
 {
@@ -71,7 +66,7 @@ TEST_F(RemoteDBPeerTest, RecordsOfAnotherInterfaceAreAFailure)
   auto const iterator = query();
   EXPECT_NE(iterator->failure(), "");
   EXPECT_EQ(iterator->getNext(), nullptr);
-  EXPECT_TRUE(hasLine(FETCH, "Failed to fetch discoveries: ")) << m_log.text();
+  EXPECT_TRUE(hasLine(RemoteOperations::FETCH, "Failed to fetch discoveries: ")) << m_log.text();
 }
 
 TEST_F(RemoteDBPeerTest, DataOfAnotherInterfaceIsAFailure)
@@ -79,7 +74,8 @@ TEST_F(RemoteDBPeerTest, DataOfAnotherInterfaceIsAFailure)
   serveWriter();
   m_service->data = Remote::CollectionDataIterator::_unchecked_narrow(m_service->writer);
   EXPECT_EQ(reader()->open(OM_READ, ""), DS_OPEN_FAILED);
-  EXPECT_TRUE(hasLine(OPEN_READ, "Caught CORBA Exception while reading collection data: "))
+  EXPECT_TRUE(hasLine(RemoteOperations::OPEN_READ,
+                      "Caught CORBA Exception while reading collection data: "))
       << m_log.text();
 }
 
@@ -89,7 +85,8 @@ TEST_F(RemoteDBPeerTest, RecordsInPlaceOfDataAreAFailure)
   auto* const records = serveRecords({{makeRecord()}});
   m_service->data = Remote::CollectionDataIterator::_unchecked_narrow(m_service->records);
   EXPECT_EQ(reader()->open(OM_READ, ""), DS_OPEN_FAILED);
-  EXPECT_TRUE(hasLine(OPEN_READ, "Caught CORBA Exception while reading collection data: "))
+  EXPECT_TRUE(hasLine(RemoteOperations::OPEN_READ,
+                      "Caught CORBA Exception while reading collection data: "))
       << m_log.text();
   EXPECT_EQ(records->pagesAsked, 0) << "the ORB asks the object first what it is";
 }
@@ -101,9 +98,11 @@ TEST_F(RemoteDBPeerTest, AWriterOfAnotherInterfaceFailsTheFirstPiece)
   auto const discovery = writer();
   ASSERT_EQ(discovery->open(OM_UPDATE, ""), DS_SUCCESS) << m_log.text();
   EXPECT_EQ(discovery->getCollectionData()->writeCollection(3, "abc"), 0);
-  EXPECT_TRUE(hasLine(WRITE, "Caught CORBA Exception during remote write: ")) << m_log.text();
+  EXPECT_TRUE(hasLine(RemoteOperations::WRITE, "Caught CORBA Exception during remote write: "))
+      << m_log.text();
   EXPECT_EQ(discovery->persist(), DS_COM_ERROR);
-  EXPECT_TRUE(hasLine(PERSIST, "Caught CORBA Exception while persisting discoveries: "))
+  EXPECT_TRUE(
+      hasLine(RemoteOperations::PERSIST, "Caught CORBA Exception while persisting discoveries: "))
       << m_log.text();
 }
 
@@ -142,8 +141,8 @@ TEST_F(RemoteDBPeerTest, DataThatVanishesAfterAPageIsAFailure)
   };
   auto const discovery = reader();
   EXPECT_EQ(discovery->open(OM_READ, ""), DS_OPEN_FAILED);
-  EXPECT_TRUE(
-      hasLine(OPEN_READ, "Caught CORBA Exception while reading collection data: OBJECT_NOT_EXIST"))
+  EXPECT_TRUE(hasLine(RemoteOperations::OPEN_READ,
+                      "Caught CORBA Exception while reading collection data: OBJECT_NOT_EXIST"))
       << m_log.text();
   char byte = 0;
   EXPECT_THROW(discovery->getCollectionData()->readCollection(1, &byte), AssertionFailure)
@@ -158,7 +157,8 @@ TEST_F(RemoteDBPeerTest, AWriterThatVanishesFailsTheNextPiece)
   EXPECT_NE(discovery->getCollectionData()->writeCollection(3, "abc"), 0);
   vanish(m_service->writer);
   EXPECT_EQ(discovery->getCollectionData()->writeCollection(3, "def"), 0);
-  EXPECT_TRUE(hasLine(WRITE, "Caught CORBA Exception during remote write: OBJECT_NOT_EXIST"))
+  EXPECT_TRUE(hasLine(RemoteOperations::WRITE,
+                      "Caught CORBA Exception during remote write: OBJECT_NOT_EXIST"))
       << m_log.text();
   EXPECT_EQ(servant->chunks.size(), 1U);
 }
@@ -170,8 +170,9 @@ TEST_F(RemoteDBPeerTest, AWriterThatVanishesBeforeItsCloseIsACommunicationError)
   ASSERT_EQ(discovery->open(OM_UPDATE, ""), DS_SUCCESS) << m_log.text();
   vanish(m_service->writer);
   EXPECT_EQ(discovery->persist(), DS_COM_ERROR);
-  EXPECT_TRUE(hasLine(PERSIST, "Caught CORBA Exception while persisting discoveries: "
-                               "OBJECT_NOT_EXIST"))
+  EXPECT_TRUE(hasLine(RemoteOperations::PERSIST,
+                      "Caught CORBA Exception while persisting discoveries: "
+                      "OBJECT_NOT_EXIST"))
       << m_log.text();
   EXPECT_EQ(servant->closes, 0);
 }
@@ -186,9 +187,12 @@ TEST_F(RemoteDBPeerTest, AServiceThatVanishesCannotBeReached)
   m_orb->advertiseObject(SERVICE, reference);
   vanish(reference);
   EXPECT_EQ(reader()->open(OM_READ, ""), DS_OPEN_FAILED);
-  EXPECT_EQ(m_log.count(1, CONNECT, "Failed to connect to remote discovery service."), 1)
+  EXPECT_EQ(
+      m_log.count(1, RemoteOperations::CONNECT, "Failed to connect to remote discovery service."),
+      1)
       << m_log.text();
-  EXPECT_EQ(m_log.count(1, OPEN_READ, "Failed to connect to discovery service"), 1);
+  EXPECT_EQ(m_log.count(1, RemoteOperations::OPEN_READ, "Failed to connect to discovery service"),
+            1);
 }
 
 // Pages.

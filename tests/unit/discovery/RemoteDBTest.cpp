@@ -1,6 +1,7 @@
 #include "discovery/RemoteDB.h"
 
 #include "ozf/log/Assertion.h"
+#include "tests/support/RemoteOperations.h"
 #include "tests/support/RemoteService.h"
 
 #include <gtest/gtest.h>
@@ -9,8 +10,6 @@ using namespace tqtest;
 
 namespace
 {
-
-constexpr char FETCH[] = "RemoteDiscoveryIterator::RemoteDiscoveryIterator";
 
 class RemoteDBTest : public RemoteServiceTest
 {
@@ -197,7 +196,8 @@ TEST_F(RemoteDBTest, IteratorDropsAnAnswerThatBreaksOff)
   EXPECT_NE(iterator->failure().find("NO_RESOURCES"), std::string::npos);
   EXPECT_EQ(iterator->getNext(), nullptr);
   EXPECT_EQ(pages->releases, 1);
-  EXPECT_TRUE(m_log.has(1, FETCH, "Failed to fetch discoveries: " + iterator->failure()))
+  EXPECT_TRUE(
+      m_log.has(1, RemoteOperations::FETCH, "Failed to fetch discoveries: " + iterator->failure()))
       << m_log.text();
 }
 
@@ -212,7 +212,8 @@ TEST_F(RemoteDBTest, IteratorGivesUpOnMoreBytesThanItKeeps)
   EXPECT_EQ(iterator->getNext(), nullptr) << "what was fetched is dropped";
   EXPECT_EQ(pages->releases, 1);
   EXPECT_LT(pages->pagesAsked, 150);
-  EXPECT_TRUE(m_log.has(1, FETCH, "Failed to fetch discoveries: " + iterator->failure()));
+  EXPECT_TRUE(
+      m_log.has(1, RemoteOperations::FETCH, "Failed to fetch discoveries: " + iterator->failure()));
 }
 
 TEST_F(RemoteDBTest, IteratorSwallowsAFailedRelease)

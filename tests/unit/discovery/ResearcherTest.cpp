@@ -25,7 +25,7 @@ constexpr char NEXT[] = "AuthSubIterator::getNextCollectionItemIterator";
 
 using ItemIterator = AutoDereference<CollectionItemIterator>;
 
-std::string items(std::string const& content)
+std::string itemsWith(std::string const& content)
 {
   return "<DiscoveredItems>" + content + "</DiscoveredItems>";
 }
@@ -77,9 +77,9 @@ struct OneDiscovery
 TEST_F(ResearcherTest, EachDiscoveryGivesOneIteratorAndThenNull)
 {
   auto* const all = new FakeIterator;
-  all->add(new FakeDiscovery("s1", items("<DISCOVERED Name=\"a\"/><DISCOVERED Name=\"b\"/>")));
-  all->add(new FakeDiscovery("s2", items("")));
-  all->add(new FakeDiscovery("s3", items("<DISCOVERED Name=\"c\"/>")));
+  all->add(new FakeDiscovery("s1", itemsWith("<DISCOVERED Name=\"a\"/><DISCOVERED Name=\"b\"/>")));
+  all->add(new FakeDiscovery("s2", itemsWith("")));
+  all->add(new FakeDiscovery("s3", itemsWith("<DISCOVERED Name=\"c\"/>")));
   AutoDereference<AuthSubIterator> const discoveries(new AuthSubIterator(all));
 
   auto const first = nextOf(discoveries);
@@ -102,7 +102,7 @@ TEST_F(ResearcherTest, AnItemIteratorOutlivesTheIteratorThatMadeIt)
 {
   ItemIterator iterator;
   {
-    auto const discoveries = iteratorOver(items("<DISCOVERED Name=\"a\"/>"));
+    auto const discoveries = iteratorOver(itemsWith("<DISCOVERED Name=\"a\"/>"));
     iterator = nextOf(discoveries);
   }
   EXPECT_EQ("subject", iterator->getSubject().getName());
@@ -111,7 +111,7 @@ TEST_F(ResearcherTest, AnItemIteratorOutlivesTheIteratorThatMadeIt)
 
 TEST_F(ResearcherTest, TheRecordsOfTheDiscoveryAreCopied)
 {
-  OneDiscovery one(items(""));
+  OneDiscovery one(itemsWith(""));
   one.discovery->setAttributes(new CollectionAttributes(CT_REAL_TIME, CS_CENTRALREPOSITORY,
                                                         OzfObjTime(5), OzfObjTime(6), 7));
   auto const iterator = nextOf(one.discoveries);
@@ -129,11 +129,11 @@ TEST_F(ResearcherTest, TheRecordsOfTheDiscoveryAreCopied)
 TEST_F(ResearcherTest, AttributesAreThoseOfTheDiscoveryInHandOrNone)
 {
   auto* const all = new FakeIterator;
-  auto* const first = new FakeDiscovery("s1", items(""));
+  auto* const first = new FakeDiscovery("s1", itemsWith(""));
   first->setAttributes(
       new CollectionAttributes(CT_REAL_TIME, CS_CENTRALREPOSITORY, OzfObjTime(), OzfObjTime(), 7));
   all->add(first);
-  all->add(new FakeDiscovery("s2", items("")));
+  all->add(new FakeDiscovery("s2", itemsWith("")));
   AutoDereference<AuthSubIterator> const discoveries(new AuthSubIterator(all));
   EXPECT_NE(nullptr, nextOf(discoveries)->getAttributes());
   EXPECT_EQ(nullptr, nextOf(discoveries)->getAttributes());
@@ -144,7 +144,7 @@ TEST_F(ResearcherTest, ADiscoveryWithoutSubjectOrAuthorityIsPassedOver)
   auto* const all = new FakeIterator;
   all->add(new FakeDiscovery(new Authority("a", AT_EXTSRC), nullptr, nullptr));
   all->add(new FakeDiscovery(nullptr, new Subject("s"), nullptr));
-  all->add(new FakeDiscovery("s3", items("")));
+  all->add(new FakeDiscovery("s3", itemsWith("")));
   AutoDereference<AuthSubIterator> const discoveries(new AuthSubIterator(all));
   EXPECT_EQ("s3", nextOf(discoveries)->getSubject().getName());
   EXPECT_EQ(2, log.count(1, NEXT, "Ignoring a discovery without authority or subject"))
@@ -153,7 +153,7 @@ TEST_F(ResearcherTest, ADiscoveryWithoutSubjectOrAuthorityIsPassedOver)
 
 TEST_F(ResearcherTest, ReferencesAreCounted)
 {
-  auto const discoveries = iteratorOver(items("<DISCOVERED/>"));
+  auto const discoveries = iteratorOver(itemsWith("<DISCOVERED/>"));
   auto const iterator = nextOf(discoveries);
   EXPECT_EQ(1, iterator->referenceCount());
   AutoDereference<CollectionItem> const item(iterator->getNextCollectionItem());
@@ -218,7 +218,7 @@ TEST_F(ResearcherTest, ADiscoveryWithoutCollectionGivesAnUnparsedIterator)
 
 TEST_F(ResearcherTest, ACollectionThatCannotBeOpenedGivesAnUnparsedIterator)
 {
-  OneDiscovery one(items("<DISCOVERED/>"));
+  OneDiscovery one(itemsWith("<DISCOVERED/>"));
   one.data->openResult = 0;
   auto const iterator = nextOf(one.discoveries);
   EXPECT_FALSE(iterator->isParsed());
@@ -251,7 +251,7 @@ TEST_F(ResearcherTest, AFailureDoesNotSpoilTheNextDiscovery)
 {
   auto* const all = new FakeIterator;
   all->add(new FakeDiscovery("s1", "<DiscoveredItems><DISCOVERED><StatusMsg>"));
-  all->add(new FakeDiscovery("s2", items("<DISCOVERED Name=\"a\"/>")));
+  all->add(new FakeDiscovery("s2", itemsWith("<DISCOVERED Name=\"a\"/>")));
   AutoDereference<AuthSubIterator> const discoveries(new AuthSubIterator(all));
   EXPECT_FALSE(nextOf(discoveries)->isParsed());
   auto const second = nextOf(discoveries);
@@ -261,14 +261,14 @@ TEST_F(ResearcherTest, AFailureDoesNotSpoilTheNextDiscovery)
 
 TEST_F(ResearcherTest, ASuccessLogsNothing)
 {
-  OneDiscovery one(items("<DISCOVERED/>"));
+  OneDiscovery one(itemsWith("<DISCOVERED/>"));
   nextOf(one.discoveries);
   EXPECT_EQ("", log.text());
 }
 
 TEST_F(ResearcherTest, TheFilterTravelsWithTheRequestToOpen)
 {
-  OneDiscovery one(items(""));
+  OneDiscovery one(itemsWith(""));
   FilterParameters const filter(nullptr, "size > 10G");
   nextOf(one.discoveries, &filter);
   std::ostringstream text;
@@ -280,7 +280,7 @@ TEST_F(ResearcherTest, TheFilterTravelsWithTheRequestToOpen)
 
 TEST_F(ResearcherTest, WithoutAFilterTheRequestCarriesAnEmptyText)
 {
-  OneDiscovery one(items(""));
+  OneDiscovery one(itemsWith(""));
   nextOf(one.discoveries);
   EXPECT_EQ("", one.data->openedWith);
   EXPECT_EQ(OM_READ, one.data->openMode);
@@ -291,7 +291,7 @@ TEST_F(ResearcherTest, TheCollectionIsReadInPieces)
   std::string content;
   for (int i = 0; i < 100000; ++i)
     content += "<DISCOVERED Name=\"" + std::to_string(i) + "\"/>";
-  OneDiscovery one(items(content));
+  OneDiscovery one(itemsWith(content));
   auto const iterator = nextOf(one.discoveries);
   EXPECT_TRUE(iterator->isParsed());
   auto const largest = *std::max_element(one.data->asked.begin(), one.data->asked.end());
@@ -303,7 +303,7 @@ TEST_F(ResearcherTest, TheCollectionIsReadInPieces)
 
 TEST_F(ResearcherTest, AStoreMayHandOutByteByByte)
 {
-  OneDiscovery one(items("<DISCOVERED Name=\"a\"/>"));
+  OneDiscovery one(itemsWith("<DISCOVERED Name=\"a\"/>"));
   one.data->largestPiece = 1;
   auto const iterator = nextOf(one.discoveries);
   EXPECT_TRUE(iterator->isParsed());
@@ -312,7 +312,7 @@ TEST_F(ResearcherTest, AStoreMayHandOutByteByByte)
 
 TEST_F(ResearcherTest, AFailedReadFailsTheParseEvenBehindTheDocument)
 {
-  std::string const text = items("<DISCOVERED Name=\"a\"/>");
+  std::string const text = itemsWith("<DISCOVERED Name=\"a\"/>");
   for (std::size_t failAt = 0; failAt <= text.size(); ++failAt)
   {
     OneDiscovery one(text);
@@ -328,7 +328,7 @@ TEST_F(ResearcherTest, AFailedReadFailsTheParseEvenBehindTheDocument)
 TEST_F(ResearcherTest, ParseDiscoveryReturnsWhetherItWorked)
 {
   auto const discoveries = iteratorOver("");
-  TextCollection good(items(""));
+  TextCollection good(itemsWith(""));
   TextCollection bad("<a>");
   EXPECT_TRUE(discoveries->parseDiscovery(&good, nullptr));
   EXPECT_FALSE(discoveries->parseDiscovery(&bad, nullptr));
@@ -424,9 +424,9 @@ struct LocalResearchTest : ResearcherTest
 
 TEST_F(LocalResearchTest, StoredDiscoveriesAreReadWithTheirItems)
 {
-  store("web1", "filesystem", items("<DISCOVERED Name=\"/\"/><DISCOVERED Name=\"/home\"/>"));
-  store("web2", "filesystem", items("<DISCOVERED Name=\"/var\"/>"));
-  store("web2", "host", items(""));
+  store("web1", "filesystem", itemsWith("<DISCOVERED Name=\"/\"/><DISCOVERED Name=\"/home\"/>"));
+  store("web2", "filesystem", itemsWith("<DISCOVERED Name=\"/var\"/>"));
+  store("web2", "host", itemsWith(""));
   EXPECT_EQ("web1:/;/home; web2:/var; ", found("web*", "filesystem"));
   EXPECT_EQ("web2:/var; ", found("web2", "f*"));
   EXPECT_EQ("", found("db", "*"));
@@ -434,8 +434,8 @@ TEST_F(LocalResearchTest, StoredDiscoveriesAreReadWithTheirItems)
 
 TEST_F(LocalResearchTest, EmptyNamesAskForAll)
 {
-  store("web1", "filesystem", items(""));
-  store("web2", "host", items(""));
+  store("web1", "filesystem", itemsWith(""));
+  store("web2", "host", itemsWith(""));
   EXPECT_EQ("web1: web2: ", found("", ""));
   EXPECT_EQ("web2: ", found("", "host"));
 }
@@ -443,7 +443,7 @@ TEST_F(LocalResearchTest, EmptyNamesAskForAll)
 TEST_F(LocalResearchTest, APullExplorerIsGivenTheFilter)
 {
   AutoDereference<FakePull> const explorer(
-      new FakePull("pull", nullptr, items("<DISCOVERED Name=\"a\"/>")));
+      new FakePull("pull", nullptr, itemsWith("<DISCOVERED Name=\"a\"/>")));
   getDiscoveryRepository().registerExplorer(new Subject("s"), explorer.get(), 1,
                                             new Authority("a", AT_TQUCLIENT), true);
   auto const discoveries = getAuthSubIterator(DQ_DISCOVERY_DATA, "s", "a", AT_ANYANDALL);

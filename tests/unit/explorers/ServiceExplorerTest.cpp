@@ -13,7 +13,7 @@ using Explorers::ServiceState;
 namespace
 {
 
-using Facts = std::map<std::string, std::string>;
+using FactTexts = std::map<std::string, std::string>;
 
 ServiceState sample()
 {
@@ -41,25 +41,26 @@ TEST(ServiceExplorer, storesTheServiceAndEveryOtherExplorer)
   ASSERT_TRUE(document.wellFormed) << document.lastError();
   ASSERT_EQ(4U, document.items.size());
   EXPECT_EQ("client7", document.items[0].name);
-  EXPECT_EQ((Facts{{"Kind", "service"},
-                   {"Role", "master"},
-                   {"Version", "1.2"},
-                   {"StartTime", "2026-01-01T10:00:00Z"},
-                   {"StoredDiscoveries", "12"},
-                   {"AnnouncedExplorers", "3"}}),
+  EXPECT_EQ((FactTexts{{"Kind", "service"},
+                       {"Role", "master"},
+                       {"Version", "1.2"},
+                       {"StartTime", "2026-01-01T10:00:00Z"},
+                       {"StoredDiscoveries", "12"},
+                       {"AnnouncedExplorers", "3"}}),
             document.items[0].facts);
   EXPECT_EQ("host", document.items[1].name);
-  EXPECT_EQ((Facts{{"Kind", "push"},
-                   {"Type", "client"},
-                   {"Priority", "10"},
-                   {"LastRun", "2026-01-01T10:00:05Z"},
-                   {"LastResult", "success"}}),
+  EXPECT_EQ((FactTexts{{"Kind", "push"},
+                       {"Type", "client"},
+                       {"Priority", "10"},
+                       {"LastRun", "2026-01-01T10:00:05Z"},
+                       {"LastResult", "success"}}),
             document.items[1].facts);
   EXPECT_EQ("rack & row", document.items[2].name);
   EXPECT_EQ("external", document.items[2].facts.at("Type"));
   EXPECT_EQ("communication failed", document.items[2].facts.at("LastResult"));
   EXPECT_EQ(
-      (Facts{{"Kind", "pull"}, {"Type", "client"}, {"Priority", "10"}, {"LastResult", "not run"}}),
+      (FactTexts{
+          {"Kind", "pull"}, {"Type", "client"}, {"Priority", "10"}, {"LastResult", "not run"}}),
       document.items[3].facts);
 }
 
@@ -71,7 +72,7 @@ TEST(ServiceExplorer, aDatabaseThatCannotBeCountedIsLeftOut)
   EXPECT_EQ(DS_SUCCESS, explore(*explorer, AT_TQUCLIENT, &store).discStatus);
   Document const document(store.only(AT_TQUCLIENT).payload);
   ASSERT_EQ(1U, document.items.size());
-  EXPECT_EQ((Facts{{"Kind", "service"}, {"Role", "client"}, {"AnnouncedExplorers", "0"}}),
+  EXPECT_EQ((FactTexts{{"Kind", "service"}, {"Role", "client"}, {"AnnouncedExplorers", "0"}}),
             document.items[0].facts);
 }
 

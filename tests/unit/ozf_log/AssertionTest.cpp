@@ -11,11 +11,11 @@ using namespace Quillon::Tessarine::Ozf;
 namespace
 {
 
-constexpr char SOURCE[] = "AssertionTest";
+constexpr char ASSERTING[] = "AssertionTest";
 
 void mustHold(bool condition)
 {
-  OZF_ASSERT(condition, "NULL != m_writer", SOURCE, "Room::operation");
+  OZF_ASSERT(condition, "NULL != m_writer", ASSERTING, "Room::operation");
 }
 int const mustHoldLine = __LINE__ - 2;
 
@@ -56,7 +56,7 @@ TEST(Assertion, IsAStandardException) { EXPECT_THROW(mustHold(false), std::logic
 TEST(Assertion, EvaluatesItsConditionOnce)
 {
   int evaluated = 0;
-  OZF_ASSERT(++evaluated > 0, "evaluated", SOURCE, "o");
+  OZF_ASSERT(++evaluated > 0, "evaluated", ASSERTING, "o");
   EXPECT_EQ(evaluated, 1);
 }
 

@@ -36,7 +36,7 @@ private:
   unsigned short m_port = 0;
 };
 
-unsigned short freePort() { return Listener().port(); }
+unsigned short portJustClosed() { return Listener().port(); }
 
 } // namespace
 
@@ -64,7 +64,7 @@ TEST(ListenCheckTest, PortZeroLeavesTheChoiceToTheSystem)
 
 TEST(ListenCheckTest, AFreePortCanBeListenedOnAndStaysFree)
 {
-  unsigned short const port = freePort();
+  unsigned short const port = portJustClosed();
   std::string error = "untouched";
   EXPECT_TRUE(canListen({"127.0.0.1"}, port, error)) << error;
   EXPECT_TRUE(canListen({"127.0.0.1"}, port, error)) << "the first look keeps nothing: " << error;

@@ -20,10 +20,10 @@ namespace
 
 std::atomic<int> destroyed{0};
 
-class Probe : public virtual OZFRefCounted
+class Waiter : public virtual OZFRefCounted
 {
 protected:
-  ~Probe() override { ++destroyed; }
+  ~Waiter() override { ++destroyed; }
 };
 
 std::string reported;
@@ -41,8 +41,8 @@ TEST(OZFBlockUntil, OpensWithTheLastObject)
 {
   destroyed = 0;
   OZFBlockUntil barrier;
-  AutoDereference<Probe> first(new Probe);
-  AutoDereference<Probe> second(new Probe);
+  AutoDereference<Waiter> first(new Waiter);
+  AutoDereference<Waiter> second(new Waiter);
   barrier.add(*first);
   barrier.add(*second);
   auto waited = std::async(std::launch::async, [&] { barrier.wait(); });
@@ -58,7 +58,7 @@ TEST(OZFBlockUntil, OpensWithTheLastObject)
 TEST(OZFBlockUntil, TheDestructorWaitsToo)
 {
   auto barrier = std::make_unique<OZFBlockUntil>();
-  AutoDereference<Probe> object(new Probe);
+  AutoDereference<Waiter> object(new Waiter);
   barrier->add(*object);
   auto gone = std::async(std::launch::async, [&] { barrier.reset(); });
   EXPECT_EQ(gone.wait_for(50ms), std::future_status::timeout);
@@ -72,7 +72,7 @@ TEST(OZFBlockUntil, AnObjectCountsOnce)
                 { reported = std::string(operation) + ": " + text; });
   OZFBlockUntil barrier;
   OZFBlockUntil other;
-  AutoDereference<Probe> object(new Probe);
+  AutoDereference<Waiter> object(new Waiter);
   barrier.add(*object);
   EXPECT_EQ(reported, "");
   barrier.add(*object);
@@ -89,10 +89,10 @@ TEST(OZFBlockUntil, MayGoAsSoonAsItOpened)
   for (int round = 0; round < 500; ++round)
   {
     auto barrier = std::make_unique<OZFBlockUntil>();
-    std::vector<AutoDereference<Probe>> objects;
+    std::vector<AutoDereference<Waiter>> objects;
     for (int i = 0; i < 3; ++i)
     {
-      objects.emplace_back(new Probe);
+      objects.emplace_back(new Waiter);
       barrier->add(*objects.back());
     }
     std::vector<std::jthread> threads;

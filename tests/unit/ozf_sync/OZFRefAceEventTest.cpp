@@ -12,13 +12,13 @@ using namespace Quillon::Tessarine::Ozf;
 namespace
 {
 
-int alive = 0;
+int timersAlive = 0;
 int fired = 0;
 
 class Timer : public OZFRefAceEvent
 {
 public:
-  Timer() { ++alive; }
+  Timer() { ++timersAlive; }
 
   int handle_timeout(ACE_Time_Value const&, void const*) override
   {
@@ -30,14 +30,14 @@ public:
   long countWhileRunning = 0;
 
 protected:
-  ~Timer() override { --alive; }
+  ~Timer() override { --timersAlive; }
 };
 
 // A reactor of the test's own, run by hand until nothing is left to do.
 class OZFRefAceEventTest : public testing::Test
 {
 protected:
-  OZFRefAceEventTest() : m_reactor(new ACE_Select_Reactor, true) { fired = alive = 0; }
+  OZFRefAceEventTest() : m_reactor(new ACE_Select_Reactor, true) { fired = timersAlive = 0; }
 
   long schedule(Timer& timer, ACE_Time_Value const& delay, ACE_Time_Value const& interval = {})
   {
@@ -96,9 +96,9 @@ TEST_F(OZFRefAceEventTest, AHandlerThatOnlyTheTimerHoldsLivesUntilItFired)
     AutoDereference<Timer> const timer(new Timer);
     ASSERT_NE(schedule(*timer, ACE_Time_Value(0, 1000)), -1);
   }
-  EXPECT_EQ(alive, 1);
+  EXPECT_EQ(timersAlive, 1);
   runUntilFired(1);
-  EXPECT_EQ(alive, 0);
+  EXPECT_EQ(timersAlive, 0);
 }
 
 TEST_F(OZFRefAceEventTest, ARepeatedTimerKeepsItsReference)

@@ -27,13 +27,13 @@ private:
   std::function<int()> m_body;
 };
 
-std::string reported;
+std::string ended;
 
 void collectReports()
 {
-  reported.clear();
+  ended.clear();
   setReportSink([](int level, char const* operation, std::string const& text)
-                { reported = std::to_string(level) + " " + operation + ": " + text; });
+                { ended = std::to_string(level) + " " + operation + ": " + text; });
 }
 
 } // namespace
@@ -100,7 +100,7 @@ TEST(OzfTask, ReportsAnExceptionAndEndsTheThread)
   Task task([]() -> int { throw std::runtime_error("no such thing"); });
   ASSERT_EQ(task.activate(), 0);
   ASSERT_EQ(task.wait(), 0);
-  EXPECT_EQ(reported, "1 OzfTask::svc: A task ended by an exception: no such thing");
+  EXPECT_EQ(ended, "1 OzfTask::svc: A task ended by an exception: no such thing");
   EXPECT_FALSE(task.running());
 }
 
@@ -110,5 +110,5 @@ TEST(OzfTask, ReportsAnExceptionOfUnknownType)
   Task task([]() -> int { throw 42; });
   ASSERT_EQ(task.activate(), 0);
   ASSERT_EQ(task.wait(), 0);
-  EXPECT_EQ(reported, "1 OzfTask::svc: A task ended by an exception of unknown type");
+  EXPECT_EQ(ended, "1 OzfTask::svc: A task ended by an exception of unknown type");
 }

@@ -12,7 +12,7 @@ using namespace Quillon::Tessarine::Ozf;
 namespace
 {
 
-using Document = ObjectDocument<OzfQuery>;
+using QueryDocument = ObjectDocument<OzfQuery>;
 using Type = OzfQuery::Type;
 
 OzfQuery::Lookup constant(std::string const& value)
@@ -145,7 +145,7 @@ TEST(OzfQueryTest, ReadsBackWhatItWroteForEveryType)
   for (auto const type :
        {Type::TEXT, Type::NUMBER, Type::SIZE, Type::DURATION, Type::TIME, Type::BOOLEAN})
     query.addAttribute({"n<" + std::to_string(static_cast<int>(type)), type, "\xC2\xB5s", "a\nb"});
-  Document const read(xmlOf(query));
+  QueryDocument const read(xmlOf(query));
   ASSERT_TRUE(read.parsed) << read.lastError();
   EXPECT_TRUE(read.complete);
   ASSERT_EQ(6U, read.object->attributes().size());
@@ -162,13 +162,13 @@ TEST(OzfQueryTest, ReadsBackWhatItWroteForEveryType)
 
 TEST(OzfQueryTest, AnElementOfAnotherNameMakesNoQuery)
 {
-  EXPECT_FALSE(Document("<querydescription/>").object);
-  EXPECT_FALSE(Document("<Attribute Name=\"a\"/>").object);
+  EXPECT_FALSE(QueryDocument("<querydescription/>").object);
+  EXPECT_FALSE(QueryDocument("<Attribute Name=\"a\"/>").object);
 }
 
 TEST(OzfQueryTest, ReadsPastWhatItDoesNotKnow)
 {
-  Document const read(
+  QueryDocument const read(
       "<QueryDescription New=\"1\"> text <X><Attribute Name=\"inX\"/></X><Attribute/>"
       "<Attribute Name=\"a\" Type=\"colour\"><Attribute Name=\"inner\"/></Attribute>"
       "<QueryDescription><Attribute Name=\"nested\"/></QueryDescription>"
@@ -187,7 +187,7 @@ TEST(OzfQueryTest, ManyAttributesAreReadInLittleTime)
   std::string text = "<QueryDescription>";
   for (int i = 0; i < 100000; ++i)
     text += "<Attribute Name=\"a" + std::to_string(i) + "\"/>";
-  Document const read(text + "</QueryDescription>");
+  QueryDocument const read(text + "</QueryDescription>");
   ASSERT_TRUE(read.parsed) << read.lastError();
   EXPECT_EQ(100000U, read.object->attributes().size());
 }

@@ -9,7 +9,7 @@ using namespace Quillon::Tessarine::Ozf;
 namespace
 {
 
-using Document = ObjectDocument<TquPolicy>;
+using PolicyDocument = ObjectDocument<TquPolicy>;
 using Attributes = TquPolicy::Attributes;
 
 TEST(TquPolicyTest, WritesNameTypeAndAttributesInOrder)
@@ -37,7 +37,7 @@ TEST(TquPolicyTest, ReadsBackWhatItWrote)
   policy.addAttribute("k", " spaces kept ");
   policy.addAttribute("k", "twice");
   policy.addAttribute("", "");
-  Document const read(xmlOf(policy));
+  PolicyDocument const read(xmlOf(policy));
   ASSERT_TRUE(read.parsed) << read.lastError();
   EXPECT_TRUE(read.complete);
   EXPECT_EQ(policy.name(), read.object->name());
@@ -47,7 +47,7 @@ TEST(TquPolicyTest, ReadsBackWhatItWrote)
 
 TEST(TquPolicyTest, MissingAttributesReadAsEmpty)
 {
-  Document const read("<TQUPolicy><Attribute>v</Attribute></TQUPolicy>");
+  PolicyDocument const read("<TQUPolicy><Attribute>v</Attribute></TQUPolicy>");
   ASSERT_TRUE(read.parsed);
   EXPECT_EQ("", read.object->name());
   EXPECT_EQ("", read.object->type());
@@ -56,9 +56,10 @@ TEST(TquPolicyTest, MissingAttributesReadAsEmpty)
 
 TEST(TquPolicyTest, SkipsUnknownElementsWithEverythingInThem)
 {
-  Document const read("<TQUPolicy Name=\"n\"> text <X><Attribute Name=\"in\">no</Attribute></X>"
-                      "<Attribute Name=\"k\">a<Y>b<Attribute Name=\"deep\">c</Attribute></Y>d"
-                      "</Attribute><TQUPolicy Name=\"inner\"></TQUPolicy></TQUPolicy>");
+  PolicyDocument const read(
+      "<TQUPolicy Name=\"n\"> text <X><Attribute Name=\"in\">no</Attribute></X>"
+      "<Attribute Name=\"k\">a<Y>b<Attribute Name=\"deep\">c</Attribute></Y>d"
+      "</Attribute><TQUPolicy Name=\"inner\"></TQUPolicy></TQUPolicy>");
   ASSERT_TRUE(read.parsed) << read.lastError();
   EXPECT_TRUE(read.complete);
   EXPECT_EQ(0, read.afterEnd);
@@ -69,8 +70,8 @@ TEST(TquPolicyTest, SkipsUnknownElementsWithEverythingInThem)
 TEST(TquPolicyTest, TakesLongValues)
 {
   std::string const value(1 << 20, 'x');
-  Document const read("<TQUPolicy Name=\"" + value + "\"><Attribute Name=\"k\">" + value +
-                      "</Attribute></TQUPolicy>");
+  PolicyDocument const read("<TQUPolicy Name=\"" + value + "\"><Attribute Name=\"k\">" + value +
+                            "</Attribute></TQUPolicy>");
   ASSERT_TRUE(read.parsed);
   EXPECT_EQ(value, read.object->name().str());
   EXPECT_EQ(value, read.object->attributes().at(0).second.str());

@@ -1,0 +1,16 @@
+# tq_unity(<target>...): with TQ_UNITY the compiler gets the sources of the
+# targets several at a time, which halves the time of a whole build: templates
+# of test, command line and JSON libraries are then expanded once for all of
+# them. Names in such sources must differ from file to file, those in unnamed
+# namespaces as well. Not for the libraries: there each file has a SOURCE of its
+# own for the log.
+function(tq_unity)
+  if(TQ_UNITY)
+    set_target_properties(${ARGN} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 8)
+    # The compiler takes a source that is included for a header, which should
+    # have no unnamed namespace.
+    foreach(target IN LISTS ARGN)
+      target_compile_options(${target} PRIVATE -Wno-subobject-linkage)
+    endforeach()
+  endif()
+endfunction()
