@@ -1,9 +1,12 @@
 #include "discovery/DefaultExplorerDataParser.h"
 
 #include "discovery/DiscoveryLog.h"
+#include "ozf/base/AsciiRun.h"
 
+#include <array>
 #include <cstddef>
 #include <ostream>
+#include <string_view>
 #include <typeinfo>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
@@ -14,34 +17,94 @@ namespace
 
 constexpr char SOURCE[] = "DefaultExplorerDataParser";
 
-// What most explorers write of one thing fits in. It is no larger than what a
-// thread's allocator has at hand again at once: the text moves out of it when it
-// is complete, for items are kept by the ten thousand.
-constexpr std::size_t FIRST_CAPACITY = 1000;
+// What most explorers write of one thing fits in. With the rest of a context it
+// is no larger than what a thread's allocator has at hand again at once.
+constexpr std::size_t BUFFER_SIZE = 768;
+
+// The captured text of one element on its way into the data: the pieces are
+// short and many, and a string costs more with each than the piece itself.
+class Capture
+{
+public:
+  explicit Capture(std::string& text) : m_text(text) {}
+
+  void add(std::string_view piece)
+  {
+    makeRoom(piece.size());
+    m_used += piece.copy(m_buffer.data() + m_used, piece.size());
+  }
+
+  void addUnescaped(std::u16string_view piece)
+  {
+    if (addPlain(piece, [](auto units) { return units >= 0x80; }))
+      return;
+    flush();
+    appendUtf8(m_text, piece);
+  }
+
+  void addEscaped(std::u16string_view piece)
+  {
+    if (addPlain(piece, [](auto units) { return XmlStr::changes(units); }))
+      return;
+    flush();
+    XmlStr::append(m_text, piece, XmlStr::UTF_8);
+  }
+
+  void flush()
+  {
+    m_text.append(m_buffer.data(), m_used);
+    m_used = 0;
+  }
+
+private:
+  // False when the buffer is too small for that many.
+  bool makeRoom(std::size_t size)
+  {
+    if (size > m_buffer.size() - m_used)
+      flush();
+    return size <= m_buffer.size();
+  }
+
+  template <class IsStrange>
+  bool addPlain(std::u16string_view piece, IsStrange isStrange)
+  {
+    if (!makeRoom(piece.size()) || !narrowAscii(piece, m_buffer.data() + m_used, isStrange))
+      return false;
+    m_used += piece.size();
+    return true;
+  }
+
+  std::string& m_text;
+  std::size_t m_used = 0;
+  std::array<char, BUFFER_SIZE> m_buffer;
+};
 
 class DefaultExplorerParserContext final : public XmlObjParseContext
 {
 public:
   DefaultExplorerParserContext(OzfString const& explorerName, XMLCh const* elementName,
                                XmlObjParseContext const* parent)
-      : XmlObjParseContext(elementName, parent), m_data(new DefaultExplorerData(explorerName))
+      : XmlObjParseContext(elementName, parent),
+        m_data(new DefaultExplorerData(explorerName)),
+        m_capture(m_data->text())
   {
-    m_data->text().reserve(FIRST_CAPACITY);
   }
 
   AutoDereference<DefaultExplorerData> const& data() const noexcept { return m_data; }
+  Capture& captured() noexcept { return m_capture; }
 
   // Moves the character data since the last tag into the captured text.
   void captureText()
   {
     if (!hasText())
       return;
-    XmlStr::append(m_data->text(), rawText(), XmlStr::UTF_8);
+    m_capture.addEscaped(rawText());
     clearText();
   }
 
 private:
   AutoDereference<DefaultExplorerData> m_data;
+  Capture m_capture;
 };
 
 DefaultExplorerParserContext& ownContext(XmlObjParseContext* context, char const* operation)
@@ -64,18 +127,18 @@ int DefaultExplorerDataParser::xmlStartElement(XmlObjParseContext* context, XMLC
 {
   auto& own = ownContext(context, "DefaultExplorerDataParser::xmlStartElement");
   own.captureText();
-  std::string& captured = own.data()->text();
-  captured += '<';
-  appendUtf8(captured, name);
+  Capture& captured = own.captured();
+  captured.add("<");
+  captured.addUnescaped(name);
   for (XMLSize_t i = 0; i < attributes.getLength(); ++i)
   {
-    captured += " \"";
-    appendUtf8(captured, attributes.getName(i));
-    captured += "\"=\"";
-    appendUtf8(captured, attributes.getValue(i));
-    captured += '"';
+    captured.add(" \"");
+    captured.addUnescaped(attributes.getName(i));
+    captured.add("\"=\"");
+    captured.addUnescaped(attributes.getValue(i));
+    captured.add("\"");
   }
-  captured += '>';
+  captured.add(">");
   return 1;
 }
 
@@ -85,10 +148,10 @@ int DefaultExplorerDataParser::xmlEndElement(XmlObjParseContext* context, XMLCh 
   own.captureText();
   if (own.isEndTag(name))
     return 0;
-  std::string& captured = own.data()->text();
-  captured += "</";
-  appendUtf8(captured, name);
-  captured += '>';
+  Capture& captured = own.captured();
+  captured.add("</");
+  captured.addUnescaped(name);
+  captured.add(">");
   return 1;
 }
 
@@ -107,6 +170,7 @@ XmlObjParseContext* DefaultExplorerDataParser::getParseContext(OzfString const& 
 ExplorerData* DefaultExplorerDataParser::getExplorerData(XmlObjParseContext* context)
 {
   auto& own = ownContext(context, "DefaultExplorerDataParser::getExplorerData");
+  own.captured().flush();
   own.data()->text().shrink_to_fit();
   return AutoDereference<DefaultExplorerData>(own.data()).release();
 }

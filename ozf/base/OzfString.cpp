@@ -52,7 +52,7 @@ OzfString::OzfString(std::u16string_view text) { appendUtf8(m_text, text); }
 
 void appendUtf8(std::string& out, std::u16string_view text)
 {
-  text.remove_prefix(appendAscii(out, text, [](char16_t unit) { return unit < 0x80; }));
+  text.remove_prefix(appendAscii(out, text, [](auto units) { return units >= 0x80; }));
   for (std::size_t i = 0; i < text.size(); ++i)
   {
     char32_t point = text[i];

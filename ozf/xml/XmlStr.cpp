@@ -85,13 +85,6 @@ void appendUtf8(std::string& out, char32_t c)
   out += static_cast<char>(0x80 | (c & 0x3F));
 }
 
-// Whether a character stays as it is in every encoding. Without a table, so
-// that a compiler can ask it of many at a time.
-constexpr bool stays(char32_t c)
-{
-  return c >= 0x20 && c < 0x80 && c != '&' && c != '<' && c != '>' && c != '"' && c != '\'';
-}
-
 void appendCharacter(std::string& out, char32_t c, XmlStr::Encoding encoding, char32_t last)
 {
   if (!isXmlCharacter(c))
@@ -141,7 +134,7 @@ void XmlStr::append(std::string& out, OzfString const& text, Encoding encoding)
   {
     // Nearly every text is one such run.
     auto const end = std::find_if(rest.begin(), rest.end(),
-                                  [](char c) { return !stays(static_cast<unsigned char>(c)); });
+                                  [](char c) { return changes(static_cast<unsigned char>(c)); });
     auto const run = static_cast<std::size_t>(end - rest.begin());
     out.append(rest, 0, run);
     rest.remove_prefix(run);
@@ -160,7 +153,7 @@ void XmlStr::append(std::string& out, std::u16string_view text, Encoding encodin
   if (lastCharacter(encoding) == 0)
     return;
   // Nearly every text stays as it is.
-  text.remove_prefix(appendAscii(out, text, [](char16_t unit) { return stays(unit); }));
+  text.remove_prefix(appendAscii(out, text, [](auto units) { return changes(units); }));
   if (!text.empty())
     append(out, OzfString(text), encoding);
 }

@@ -34,6 +34,15 @@ public:
   // The escaped text; null when the encoding is none of the above.
   char const* text() const noexcept { return m_valid ? m_text.c_str() : nullptr; }
 
+  // Whether a character is written as something else in any of the encodings;
+  // of a vector of characters, for each.
+  template <class Characters>
+  static constexpr auto changes(Characters c) noexcept
+  {
+    return (c < 0x20) | (c >= 0x80) | (c == '&') | (c == '<') | (c == '>') | (c == '"') |
+           (c == '\'');
+  }
+
   // Appends the text, escaped, to out; nothing when the encoding is none of the
   // above.
   static void append(std::string& out, OzfString const& text, Encoding encoding);

@@ -108,6 +108,22 @@ TEST(DefaultExplorerDataParserTest, NamesAndValuesMayBeOfAnyAlphabet)
             "e>");
 }
 
+// The text is put together in a buffer of a fixed size.
+TEST(DefaultExplorerDataParserTest, PiecesOfEverySizeStayInOrder)
+{
+  for (std::size_t const size : {1, 380, 760, 765, 766, 767, 768, 769, 770, 5000})
+    for (std::string const& strange : {std::string(), std::string("\xC3\xA4")})
+    {
+      std::string const text = std::string(size, 't') + strange;
+      std::string const name = std::string(size, 'n') + strange;
+      std::string const value = std::string(size, 'v') + strange;
+      EXPECT_EQ(capture(text + "<" + name + " " + name + "='" + value + "'>" + text + "&amp;" +
+                        text + "</" + name + "><a>" + text + "</a>"),
+                text + "<" + name + " \"" + name + "\"=\"" + value + "\">" + text + "&amp;" + text +
+                    "</" + name + "><a>" + text + "</a>");
+    }
+}
+
 TEST(DefaultExplorerDataParserTest, AppendsAttributeValuesAsTheParserGivesThem)
 {
   EXPECT_EQ(capture("<e a=\"1 &lt; 2\"></e>"), "<e \"a\"=\"1 < 2\"></e>");

@@ -86,6 +86,25 @@ TEST(AppendUtf8, AStrangeCharacterIsKeptAtEveryPlaceOfALongText)
   }
 }
 
+// Short texts are taken in groups of different sizes.
+TEST(AppendUtf8, AStrangeCharacterIsKeptAtEveryPlaceOfAShortText)
+{
+  for (std::size_t length = 0; length < 40; ++length)
+    for (std::size_t place = 0; place <= length; ++place)
+    {
+      std::u16string text(length, u'x');
+      std::string expected(length, 'x');
+      if (place < length)
+      {
+        text[place] = u'\u0441';
+        expected.replace(place, 1, "\xD1\x81");
+      }
+      std::string out = "before ";
+      appendUtf8(out, text);
+      EXPECT_EQ("before " + expected, out);
+    }
+}
+
 TEST(DecodeUtf8, AcceptsWellFormedSequences)
 {
   char32_t point = 0;

@@ -131,6 +131,24 @@ TEST(XmlStr, AMarkupCharacterIsEscapedAtEveryPlaceOfALongText)
   }
 }
 
+// Short texts are taken in groups of different sizes.
+TEST(XmlStr, AStrangeCharacterCountsAtEveryPlaceOfAShortText)
+{
+  for (char16_t const strange : u"&<>\"'\t\x1F\x80\u0126\u013C\u0441")
+    for (std::size_t length = 1; length < 40; ++length)
+      for (std::size_t place = 0; place < length; ++place)
+      {
+        std::u16string text(length, u'x');
+        text[place] = strange;
+        std::string out;
+        XmlStr::append(out, std::u16string_view(text), XmlStr::US_ASCII);
+        EXPECT_EQ(std::string(place, 'x') +
+                      XmlStr(OzfString(std::u16string(1, strange)), XmlStr::US_ASCII).text() +
+                      std::string(length - place - 1, 'x'),
+                  out);
+      }
+}
+
 TEST(XmlStr, EmptyTextIsATextAndAnUnknownEncodingHasNone)
 {
   EXPECT_STREQ("", XmlStr(OzfString(), XmlStr::UTF_8).text());
