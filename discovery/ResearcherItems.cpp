@@ -33,11 +33,11 @@ constexpr char NAME[] = "Name";
 
 constexpr char IGNORING[] = "Ignoring Unknown Tag";
 
-DiscoveredItem* makeItem(AttributeList const& attributes)
+std::string nameOf(AttributeList const& attributes)
 {
   std::string name;
   XmlInterface::getAttribute(attributes, NAME, name);
-  return new DiscoveredItem(std::move(name));
+  return name;
 }
 
 // Where the reading of a document stands.
@@ -75,7 +75,7 @@ public:
   {
     if (m_itemContext == nullptr || m_unknown > 0)
       return open<DiscoveredItem>(ITEM, name, attributes);
-    m_subInterface.reset(makeItem(attributes));
+    m_subInterface.reset(new (m_itemMemory) DiscoveredItem(nameOf(attributes)));
     m_nodes.push_back(ITEM);
     m_subContext = std::move(m_itemContext);
     return true;
@@ -101,6 +101,7 @@ public:
   }
 
   AutoDereference<CollectionItem> m_subInterface;
+  ItemMemory m_itemMemory; // of all but the first
   std::unique_ptr<XmlObjParseContext> m_subContext;
   std::unique_ptr<XmlObjParseContext> m_itemContext; // of the last item, for the next one
   std::vector<Node> m_nodes;
@@ -404,7 +405,7 @@ XmlObjParseContext* xmlCreateObject(XMLCh const* name, AttributeList& attributes
                                     XmlObjParseContext const* parent, DiscoveredItem*& object)
 {
   auto context = std::make_unique<DiscoveredDataContext>(name, parent);
-  object = makeItem(attributes);
+  object = new DiscoveredItem(nameOf(attributes));
   return context.release();
 }
 

@@ -3,11 +3,13 @@
 #pragma once
 
 #include "discovery/Explorer.h"
+#include "discovery/ItemMemory.h"
 #include "ozf/xml/OzfQuery.h"
 #include "ozf/xml/StatusMsg.h"
 #include "ozf/xml/TquPolicy.h"
 #include "ozf/xml/XmlDocumentInterface.h"
 
+#include <cstddef>
 #include <iosfwd>
 #include <string>
 
@@ -28,6 +30,11 @@ class TQ_EXPORT DiscoveredItem : public virtual CollectionItem
 {
 public:
   explicit DiscoveredItem(std::string name);
+
+  static void* operator new(std::size_t size) { return ItemMemory::allocateSingle(size); }
+  static void* operator new(std::size_t size, ItemMemory& memory) { return memory.allocate(size); }
+  static void operator delete(void* item) noexcept { ItemMemory::free(item); }
+  static void operator delete(void* item, ItemMemory&) noexcept { ItemMemory::free(item); }
 
   std::string const& getName() const noexcept { return m_name; }
   StatusMsg const* getStatusMsg() const noexcept { return m_status.get(); }

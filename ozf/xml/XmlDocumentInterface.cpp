@@ -69,6 +69,12 @@ XmlObjParseContext* XmlDocumentInterface::getObjParseContext(XMLCh const* rootTa
   return new XmlObjParseContext(rootTag, nullptr);
 }
 
+std::string const& XmlDocumentInterface::lastError() const noexcept
+{
+  static std::string const NONE;
+  return m_lastError != nullptr ? *m_lastError : NONE;
+}
+
 bool XmlDocumentInterface::parseBuffer(char const* text)
 {
   return parseBuffer(text == nullptr ? std::string_view() : std::string_view(text));
@@ -115,8 +121,8 @@ bool XmlDocumentInterface::run(Feed feed)
   }
   if (!run.complete)
     run.fail("the text ends before the document does");
-  m_lastError = std::move(run.error);
-  return m_lastError.empty();
+  m_lastError = run.error.empty() ? nullptr : std::make_unique<std::string>(std::move(run.error));
+  return m_lastError == nullptr;
 }
 
 void XmlDocumentInterface::startElement(XMLCh const* name, AttributeList& attributes)

@@ -10,6 +10,7 @@
 #include "ozf/base/Export.h"
 #include "ozf/xml/XmlInterface.h"
 
+#include <memory>
 #include <string>
 #include <string_view>
 #include <xercesc/sax/HandlerBase.hpp>
@@ -40,7 +41,7 @@ public:
   bool parseBuffer(std::string_view text);
   bool parse(xercesc::InputSource const& source);
 
-  std::string const& lastError() const noexcept { return m_lastError; }
+  std::string const& lastError() const noexcept;
 
 protected:
   XmlDocumentInterface();
@@ -61,7 +62,9 @@ private:
   void warning(xercesc::SAXParseException const& exception) final;
 
   Run* m_run = nullptr; // the parse in progress, on its caller's stack
-  std::string m_lastError;
+  // Null: none. Most documents are parts of others, of which there are many,
+  // and never parse themselves.
+  std::unique_ptr<std::string> m_lastError;
 };
 
 // Makes the XML machinery ready; every parse does it by itself. It is never
