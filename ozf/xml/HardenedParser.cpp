@@ -29,6 +29,27 @@ constexpr std::size_t MOST_KEPT = 1 << 20;
 // How the product's own documents begin. It says what holds without it.
 constexpr std::string_view OWN_PROLOG = R"(<?xml version="1.0" encoding="UTF-8"?>)";
 constexpr char16_t WIDE_OWN_PROLOG[] = uR"(<?xml version="1.0" encoding="UTF-8"?>)";
+constexpr std::size_t LARGEST_OWN = 16 * 1024;
+
+// Without a way out in the middle, so that many characters go at a time.
+bool isAscii(std::string_view text)
+{
+  unsigned char bits = 0;
+  for (char const c : text)
+    bits |= static_cast<unsigned char>(c);
+  return bits < 0x80;
+}
+
+// Whether text is what the product writes for records: its own prolog, then an
+// element, in plain ASCII. The second prolog of a text that has two would be
+// taken for its first.
+bool isOwn(std::string_view text)
+{
+  if (text.size() > LARGEST_OWN || !text.starts_with(OWN_PROLOG))
+    return false;
+  text.remove_prefix(OWN_PROLOG.size());
+  return text.starts_with('<') && !text.starts_with("<?") && isAscii(text);
+}
 
 // The parsers of a thread that are not in use.
 struct IdleParsers
@@ -105,9 +126,13 @@ xercesc::MemoryManager* ParserMemory::getExceptionMemoryManager()
 }
 
 HardenedParser::HardenedParser()
-    : xercesc::SAXParser(nullptr, static_cast<ParserMemory*>(this)), m_text(NO_TEXT, 0, TEXT_NAME)
+    : xercesc::SAXParser(nullptr, static_cast<ParserMemory*>(this)),
+      m_text(NO_TEXT, 0, TEXT_NAME),
+      m_ownText(NO_TEXT, 0, TEXT_NAME)
 {
   m_text.setCopyBufToStream(false);
+  m_ownText.setCopyBufToStream(false);
+  m_ownText.setEncoding(xercesc::XMLUni::fgXMLChEncodingString);
   // The scanner for documents without schemas is the fastest one that reports
   // document type declarations; the one that only checks the form skips them.
   useScanner(xercesc::XMLUni::fgDGXMLScanner);
@@ -121,42 +146,71 @@ HardenedParser::HardenedParser()
   setSecurityManager(&m_security);
   setCalculateSrcOfs(false);
   // Without a handler for declarations doctypeDecl() would never be called.
-  setDTDHandler(&m_dtdHandler);
+  setDTDHandler(&m_deaf);
+  m_stream.emplace(*this, *getScanner().getReaderMgr());
 }
 
 bool HardenedParser::overgrown() const noexcept { return m_newerXml || held() > MOST_KEPT; }
 
 void HardenedParser::parseText(std::string_view text, xercesc::HandlerBase& handler)
 {
-  if (text.starts_with(OWN_PROLOG) && m_plain.read(text.substr(OWN_PROLOG.size())))
+  if (isOwn(text))
   {
-    m_plain.tell(handler);
+    parseOwn(text, handler);
     return;
   }
+  m_skipped = 0;
   m_text.resetMemBufInputSource(reinterpret_cast<XMLByte const*>(text.data()), text.size());
-  parseSource(m_text, handler);
+  feed(m_text, handler, handler);
+}
+
+// The parser spends a tenth of a record each on the prolog and on taking UTF-8
+// apart, and more on making itself ready for a document. Records are read by the
+// hundred thousand, so it gets the characters in its own form, from behind the
+// prolog on, and reads what has the plain form of a record in a stream. What the
+// stream does not take for a document is read once more for the reason only.
+void HardenedParser::parseOwn(std::string_view text, xercesc::HandlerBase& handler)
+{
+  m_skipped = OWN_PROLOG.size();
+  text.remove_prefix(m_skipped);
+  bool const streamed = DocumentStream::takes(text);
+  if (streamed && m_stream->parse(text, handler))
+    return;
+  m_wide.resize(text.size());
+  std::copy(text.begin(), text.end(), m_wide.begin());
+  m_ownText.resetMemBufInputSource(reinterpret_cast<XMLByte const*>(m_wide.data()),
+                                   m_wide.size() * sizeof(XMLCh));
+  feed(m_ownText, streamed ? m_deaf : handler, handler);
 }
 
 void HardenedParser::parseSource(xercesc::InputSource const& source, xercesc::HandlerBase& handler)
 {
+  m_skipped = 0;
+  feed(source, handler, handler);
+}
+
+void HardenedParser::feed(xercesc::InputSource const& source, xercesc::DocumentHandler& handler,
+                          xercesc::ErrorHandler& errorHandler)
+{
+  m_stream->close();
   setDocumentHandler(&handler);
-  setErrorHandler(&handler);
+  setErrorHandler(&errorHandler);
   parse(source);
 }
 
-std::string HardenedParser::describeAt(XMLFileLoc line, XMLFileLoc column, std::string_view reason)
+std::string HardenedParser::describeAt(XMLFileLoc line, XMLFileLoc column,
+                                       std::string_view reason) const
 {
+  if (line == 1)
+    column += m_skipped;
   std::string text = "line " + std::to_string(line) + ", column " + std::to_string(column) + ": ";
   return text.append(reason);
 }
 
 std::string HardenedParser::describeHere(std::string_view reason) const
 {
-  if (m_plain.offset() > 0)
-  {
-    std::size_t const before = m_plain.line() == 1 ? OWN_PROLOG.size() : 0;
-    return describeAt(m_plain.line(), before + m_plain.column(), reason);
-  }
+  if (m_stream->isOpen())
+    return describeAt(m_stream->line(), m_stream->column(), reason);
   xercesc::Locator const& place = *getScanner().getLocator();
   return describeAt(place.getLineNumber(), place.getColumnNumber(), reason);
 }

@@ -4,11 +4,12 @@
 #pragma once
 
 #include "ozf/base/Export.h"
-#include "ozf/xml/PlainDocument.h"
+#include "ozf/xml/DocumentStream.h"
 
 #include <array>
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -78,17 +79,19 @@ public:
   // none.
   bool overgrown() const noexcept;
 
-  // Feeds the text to handler, which is document and error handler in one. A
-  // plain document behind the product's own prolog goes past the parser.
+  // Feeds the text to handler, which is document and error handler in one.
   void parseText(std::string_view text, xercesc::HandlerBase& handler);
   void parseSource(xercesc::InputSource const& source, xercesc::HandlerBase& handler);
 
   // "line 3, column 17: reason", for a place as the parser reports it, and for
   // the place that the parse has come to.
-  static std::string describeAt(XMLFileLoc line, XMLFileLoc column, std::string_view reason);
+  std::string describeAt(XMLFileLoc line, XMLFileLoc column, std::string_view reason) const;
   std::string describeHere(std::string_view reason) const;
 
 private:
+  void parseOwn(std::string_view text, xercesc::HandlerBase& handler);
+  void feed(xercesc::InputSource const& source, xercesc::DocumentHandler& handler,
+            xercesc::ErrorHandler& errorHandler);
   void doctypeDecl(xercesc::DTDElementDecl const& declaration, XMLCh const* publicId,
                    XMLCh const* systemId, bool hasInternalSubset, bool hasExternalSubset) override;
   void XMLDecl(XMLCh const* version, XMLCh const* encoding, XMLCh const* standalone,
@@ -97,10 +100,13 @@ private:
   void endDocument() override;
 
   xercesc::SecurityManager m_security;
-  xercesc::HandlerBase m_dtdHandler;
+  xercesc::HandlerBase m_deaf;
   xercesc::MemBufInputSource m_text;
-  PlainDocument m_plain;
+  xercesc::MemBufInputSource m_ownText; // in m_wide
+  std::u16string m_wide;
+  std::optional<DocumentStream> m_stream;
   bool m_newerXml = false;
+  std::size_t m_skipped = 0; // characters at the start that the parser did not get
 };
 
 // Lends the calling thread one of its parsers for a scope. A thread keeps at
