@@ -3,7 +3,6 @@
 #pragma once
 
 #include "discovery/Explorer.h"
-#include "discovery/ItemMemory.h"
 #include "ozf/xml/OzfQuery.h"
 #include "ozf/xml/StatusMsg.h"
 #include "ozf/xml/TquPolicy.h"
@@ -15,6 +14,8 @@
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
+
+class ItemMemory;
 
 // One item. Not locked; once read it does not change.
 class TQ_EXPORT CollectionItem : public virtual OZFRefCounted, public XmlDocumentInterface
@@ -31,10 +32,11 @@ class TQ_EXPORT DiscoveredItem : public virtual CollectionItem
 public:
   explicit DiscoveredItem(std::string name);
 
-  static void* operator new(std::size_t size) { return ItemMemory::allocateSingle(size); }
-  static void* operator new(std::size_t size, ItemMemory& memory) { return memory.allocate(size); }
-  static void operator delete(void* item) noexcept { ItemMemory::free(item); }
-  static void operator delete(void* item, ItemMemory&) noexcept { ItemMemory::free(item); }
+  // Alone, or beside the other items of a collection.
+  static void* operator new(std::size_t size);
+  static void* operator new(std::size_t size, ItemMemory& memory);
+  static void operator delete(void* item) noexcept;
+  static void operator delete(void* item, ItemMemory& memory) noexcept;
 
   std::string const& getName() const noexcept { return m_name; }
   StatusMsg const* getStatusMsg() const noexcept { return m_status.get(); }
