@@ -1,4 +1,4 @@
-// Plain text on its way from the XML parser's UTF-16 to the product's bytes.
+// Plain text on its way between the product's bytes and the XML parser's UTF-16.
 
 #pragma once
 
@@ -11,6 +11,15 @@
 
 namespace Quillon::Tessarine::Ozf
 {
+
+// Without a way out in the middle, so that many characters go at a time.
+inline bool isAscii(std::string_view text)
+{
+  unsigned char bits = 0;
+  for (char const c : text)
+    bits |= static_cast<unsigned char>(c);
+  return bits < 0x80;
+}
 
 // COUNT units, and as many bytes, on which one instruction works.
 template <std::size_t COUNT>

@@ -1,5 +1,6 @@
 #include "ozf/xml/HardenedParser.h"
 
+#include "ozf/base/AsciiRun.h"
 #include "ozf/xml/AsciiTranscoder.h"
 #include "ozf/xml/XmlDocumentInterface.h"
 
@@ -28,17 +29,13 @@ constexpr std::size_t MOST_KEPT = 1 << 20;
 
 // How the product's own documents begin. It says what holds without it.
 constexpr std::string_view OWN_PROLOG = R"(<?xml version="1.0" encoding="UTF-8"?>)";
-constexpr char16_t WIDE_OWN_PROLOG[] = uR"(<?xml version="1.0" encoding="UTF-8"?>)";
-constexpr std::size_t LARGEST_OWN = 16 * 1024;
-
-// Without a way out in the middle, so that many characters go at a time.
-bool isAscii(std::string_view text)
+constexpr auto WIDE_OWN_PROLOG = []
 {
-  unsigned char bits = 0;
-  for (char const c : text)
-    bits |= static_cast<unsigned char>(c);
-  return bits < 0x80;
-}
+  std::array<char16_t, OWN_PROLOG.size() + 1> wide = {};
+  std::copy(OWN_PROLOG.begin(), OWN_PROLOG.end(), wide.begin());
+  return wide;
+}();
+constexpr std::size_t LARGEST_OWN = 16 * 1024;
 
 // Whether text is what the product writes for records: its own prolog, then an
 // element, in plain ASCII. The second prolog of a text that has two would be
@@ -147,7 +144,7 @@ HardenedParser::HardenedParser()
   setCalculateSrcOfs(false);
   // Without a handler for declarations doctypeDecl() would never be called.
   setDTDHandler(&m_deaf);
-  m_stream.emplace(*this, *getScanner().getReaderMgr());
+  m_stream.emplace(*this, *getScanner().getReaderMgr()); // of the scanner chosen above
 }
 
 bool HardenedParser::overgrown() const noexcept { return m_newerXml || held() > MOST_KEPT; }
@@ -230,7 +227,7 @@ void HardenedParser::startDocument()
   auto* const reader =
       const_cast<xercesc::XMLReader*>(getScanner().getReaderMgr()->getCurrentReader());
   if (reader != nullptr && reader->charsLeftInBuffer() >= OWN_PROLOG.size() &&
-      reader->peekString(WIDE_OWN_PROLOG) &&
+      reader->peekString(WIDE_OWN_PROLOG.data()) &&
       xercesc::XMLString::equals(reader->getEncodingStr(), xercesc::XMLUni::fgUTF8EncodingString))
     reader->setEncoding(AsciiTranscoder::name());
   SAXParser::startDocument();
