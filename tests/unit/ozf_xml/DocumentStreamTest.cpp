@@ -55,16 +55,6 @@ void expectAsApart(std::string const& rest)
   expectGood();
 }
 
-std::string nested(int depth)
-{
-  std::string text;
-  for (int i = 0; i < depth; ++i)
-    text += "<a>\n";
-  for (int i = 0; i < depth; ++i)
-    text += "</a>";
-  return text;
-}
-
 } // namespace
 
 TEST(DocumentStream, GoodDocumentsAreReadAsApart)
@@ -76,7 +66,7 @@ TEST(DocumentStream, GoodDocumentsAreReadAsApart)
         std::string("<a><![CDATA[<b>]]></a>"), std::string("<a><!-- c --></a>"),
         std::string("<a><?p i?></a>"), std::string("<a/><!-- c -->"), std::string("<a/><?p i?>"),
         "<a b='" + std::string(16000, 'v') + "'/>", "<a b='" + std::string(20000, 'v') + "'/>",
-        nested(XmlDocumentInterface::MAX_DEPTH)})
+        nestedElements(XmlDocumentInterface::MAX_DEPTH, "\n")})
   {
     RecordingDocument document;
     EXPECT_TRUE(document.parseBuffer(PROLOG + rest)) << rest << ": " << document.lastError();
@@ -133,7 +123,7 @@ TEST(DocumentStream, BadDocumentsFailAsApart)
                                   "<a>" + PROLOG + "</a>",
                                   RECORD + RECORD,
                                   RECORD + "</r>",
-                                  nested(XmlDocumentInterface::MAX_DEPTH + 1)})
+                                  nestedElements(XmlDocumentInterface::MAX_DEPTH + 1, "\n")})
   {
     RecordingDocument document;
     EXPECT_FALSE(document.parseBuffer(std::string_view(PROLOG + rest))) << rest;

@@ -15,6 +15,17 @@ inline std::string narrowName(XMLCh const* name)
   return OzfString(std::u16string_view(name)).str();
 }
 
+// So many elements a, one in the other, with the text before each but the first.
+inline std::string nestedElements(int depth, char const* text = "")
+{
+  std::string document;
+  for (int i = 0; i < depth; ++i)
+    document.append(i == 0 ? "" : text).append("<a>");
+  for (int i = 0; i < depth; ++i)
+    document += "</a>";
+  return document;
+}
+
 // "(a)x/b:1" reads: a opened with text x before b closed, and 1 was answered.
 class RecordingDocument : public XmlDocumentInterface
 {

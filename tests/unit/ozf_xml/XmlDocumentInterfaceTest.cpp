@@ -121,16 +121,6 @@ public:
   xercesc::BinInputStream* makeStream() const override { return nullptr; }
 };
 
-std::string nested(int depth)
-{
-  std::string text;
-  for (int i = 0; i < depth; ++i)
-    text += "<a>";
-  for (int i = 0; i < depth; ++i)
-    text += "</a>";
-  return text;
-}
-
 } // namespace
 
 TEST(XmlDocumentInterface, EventsComeInDocumentOrder)
@@ -239,8 +229,8 @@ TEST(XmlDocumentInterface, ATextNeedNotEndWithNul)
 TEST(XmlDocumentInterface, ElementsNestToTheLimitAndNoDeeper)
 {
   RecordingDocument document;
-  EXPECT_TRUE(document.parseBuffer(nested(XmlDocumentInterface::MAX_DEPTH)));
-  EXPECT_FALSE(document.parseBuffer(nested(XmlDocumentInterface::MAX_DEPTH + 1)));
+  EXPECT_TRUE(document.parseBuffer(nestedElements(XmlDocumentInterface::MAX_DEPTH)));
+  EXPECT_FALSE(document.parseBuffer(nestedElements(XmlDocumentInterface::MAX_DEPTH + 1)));
   EXPECT_EQ("line 1, column 772: elements nest more than 256 deep", document.lastError());
 }
 
