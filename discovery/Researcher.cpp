@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <sstream>
+#include <xercesc/util/OutOfMemoryException.hpp>
 #include <xercesc/util/PlatformUtils.hpp>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
@@ -214,6 +215,10 @@ bool AuthSubIterator::parseDiscovery(CollectionData* data, FilterParameters cons
   catch (AssertionFailure const&)
   {
     throw;
+  }
+  catch (xercesc::OutOfMemoryException const&)
+  {
+    reason = "out of memory";
   }
   catch (std::exception const& exception)
   {

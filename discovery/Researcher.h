@@ -162,7 +162,7 @@ TQ_EXPORT AutoDereference<AuthSubIterator> getAuthSubIterator(DiscoveryQuery que
 
 // A collection, opened for reading, as a source of the XML parser. The
 // collection is not owned, and is read once: in the pieces that the parser
-// asks for.
+// asks for. Making one throws xercesc::OutOfMemoryException when memory runs out.
 class TQ_EXPORT DiscoverySetInputSource : public xercesc::InputSource
 {
 public:

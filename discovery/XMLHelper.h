@@ -20,7 +20,8 @@ public:
 
   // Reads a pull-explorer registration. 0 when all four values are there, -1
   // when one is missing (those before it are set), the parser's code when the
-  // text is not well-formed.
+  // text is not well-formed. Throws std::bad_alloc when memory runs out: what
+  // cannot be read for that reason is not to be taken for text without values.
   static int parse(std::stringstream& xml, OzfString& serviceName, OzfString& sourceHost,
                    unsigned int& priority, AuthorityType& originType);
 

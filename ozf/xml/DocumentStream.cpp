@@ -118,12 +118,20 @@ bool DocumentStream::readDocument()
   return !m_mistaken && m_text.empty() && m_readers.getCurrentReader()->charsLeftInBuffer() == 0;
 }
 
-void DocumentStream::close()
+void DocumentStream::close() noexcept
 {
   if (!m_open)
     return;
   m_open = false;
-  m_parser.parseReset(m_token);
+  try
+  {
+    m_parser.parseReset(m_token);
+  }
+  catch (...)
+  {
+    // As happens where memory has run out: there is none for the exception either.
+    m_stuck = true;
+  }
 }
 
 // A parser that wants more than the document has found the end of it; there is

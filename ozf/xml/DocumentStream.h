@@ -37,8 +37,9 @@ public:
   // throws.
   bool parse(std::string_view text, xercesc::DocumentHandler& handler);
 
-  // The next parse() opens it again.
-  void close();
+  // The next parse() opens it again, unless the parser would not let go of it.
+  void close() noexcept;
+  bool isStuck() const noexcept { return m_stuck; }
 
   // Where the parse has come to in the document it is in. Only for handlers while
   // they are told something.
@@ -66,6 +67,7 @@ private:
   xercesc::ReaderMgr const& m_readers;
   xercesc::XMLPScanToken m_token;
   bool m_open = false;
+  bool m_stuck = false;
 
   // Of the document that is read.
   xercesc::DocumentHandler* m_handler = nullptr; // null at the start of the stream

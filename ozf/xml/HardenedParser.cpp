@@ -5,7 +5,6 @@
 #include "ozf/xml/XmlDocumentInterface.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <new>
 #include <utility>
 #include <vector>
@@ -69,12 +68,16 @@ struct alignas(std::max_align_t) ParserMemory::Block
   Block* next;      // while it is spare
 };
 
+ParserMemory::ParserMemory() { initializeXml(); }
+
 ParserMemory::~ParserMemory()
 {
+  xercesc::MemoryManager& source = *getExceptionMemoryManager();
   for (Block* first : m_small)
     while (first != nullptr)
-      std::free(std::exchange(first, first->next));
-  std::free(m_large);
+      source.deallocate(std::exchange(first, first->next));
+  if (m_large != nullptr)
+    source.deallocate(m_large);
 }
 
 // Where spare blocks of the size are kept. Of the large ones it is one, which
@@ -93,9 +96,7 @@ void* ParserMemory::allocate(XMLSize_t wanted)
   Block*& kept = spare(size);
   if (kept != nullptr && kept->size == size)
     return std::exchange(kept, kept->next) + 1;
-  void* const memory = std::malloc(size);
-  if (memory == nullptr)
-    throw xercesc::OutOfMemoryException();
+  void* const memory = getExceptionMemoryManager()->allocate(size);
   m_held += size;
   return new (memory) Block{size, nullptr} + 1;
 }
@@ -111,12 +112,13 @@ void ParserMemory::deallocate(void* piece)
   else if (kept != nullptr)
   {
     m_held -= kept->size;
-    std::free(kept);
+    getExceptionMemoryManager()->deallocate(kept);
   }
   kept = block;
 }
 
-// Exceptions outlive the parser that raised them.
+// Exceptions outlive the parser that raised them, so they have the memory that
+// this one has its own from.
 xercesc::MemoryManager* ParserMemory::getExceptionMemoryManager()
 {
   return xercesc::XMLPlatformUtils::fgMemoryManager;
@@ -147,18 +149,45 @@ HardenedParser::HardenedParser()
   m_stream.emplace(*this, *getScanner().getReaderMgr()); // of the scanner chosen above
 }
 
-bool HardenedParser::overgrown() const noexcept { return m_newerXml || held() > MOST_KEPT; }
+bool HardenedParser::isSpent() const noexcept
+{
+  return m_newerXml || m_brokenOff || m_stream->isStuck() || held() > MOST_KEPT;
+}
+
+// The parser does not set itself right when memory runs out.
+template <class Parse>
+void HardenedParser::watched(Parse parse)
+{
+  try
+  {
+    parse();
+  }
+  catch (xercesc::OutOfMemoryException const&)
+  {
+    m_brokenOff = true;
+    throw;
+  }
+  catch (std::bad_alloc const&)
+  {
+    m_brokenOff = true;
+    throw;
+  }
+}
 
 void HardenedParser::parseText(std::string_view text, xercesc::HandlerBase& handler)
 {
-  if (isOwn(text))
-  {
-    parseOwn(text, handler);
-    return;
-  }
-  m_skipped = 0;
-  m_text.resetMemBufInputSource(reinterpret_cast<XMLByte const*>(text.data()), text.size());
-  feed(m_text, handler, handler);
+  watched(
+      [&]
+      {
+        if (isOwn(text))
+        {
+          parseOwn(text, handler);
+          return;
+        }
+        m_skipped = 0;
+        m_text.resetMemBufInputSource(reinterpret_cast<XMLByte const*>(text.data()), text.size());
+        feed(m_text, handler, handler);
+      });
 }
 
 // The parser spends a tenth of a record each on the prolog and on taking UTF-8
@@ -183,7 +212,7 @@ void HardenedParser::parseOwn(std::string_view text, xercesc::HandlerBase& handl
 void HardenedParser::parseSource(xercesc::InputSource const& source, xercesc::HandlerBase& handler)
 {
   m_skipped = 0;
-  feed(source, handler, handler);
+  watched([&] { feed(source, handler, handler); });
 }
 
 void HardenedParser::feed(xercesc::InputSource const& source, xercesc::DocumentHandler& handler,
@@ -255,7 +284,7 @@ void HardenedParser::endDocument()
 
 ParserLease::ParserLease()
 {
-  initializeXml();
+  initializeXml(); // the parser object itself has the machinery's memory
   if (idleParsersGone || idleParsers.parsers.empty())
   {
     m_parser = std::make_unique<HardenedParser>();
@@ -267,7 +296,7 @@ ParserLease::ParserLease()
 
 ParserLease::~ParserLease()
 {
-  if (idleParsersGone || m_parser->overgrown())
+  if (idleParsersGone || m_parser->isSpent())
     return;
   try
   {

@@ -34,15 +34,15 @@ private:
   std::string m_text;
 };
 
-// The memory of one parser. What a document gives back is kept for the next one,
-// which wants pieces of the same sizes: records are read by the hundred
-// thousand. It knows how much it has got, for a parser keeps what its documents
-// made it grow to: two megabytes of element names that are all different leave
-// a hundred megabytes behind.
+// The memory of one parser, which it gets from the XML machinery's own. What a
+// document gives back is kept for the next one, which wants pieces of the same
+// sizes: records are read by the hundred thousand. It knows how much it has got,
+// for a parser keeps what its documents made it grow to: two megabytes of element
+// names that are all different leave a hundred megabytes behind.
 class OZF_EXPORT ParserMemory : public xercesc::MemoryManager
 {
 public:
-  ParserMemory() = default;
+  ParserMemory();
   ~ParserMemory() override;
   ParserMemory(ParserMemory const&) = delete;
   ParserMemory& operator=(ParserMemory const&) = delete;
@@ -66,20 +66,23 @@ private:
   std::size_t m_held = 0;
 };
 
-// Usable again after every kind of end, exceptions of handlers included. It
-// belongs to one parse at a time. The memory is a base since it must outlive
-// the parser's own.
+// Usable again after every kind of end, exceptions of handlers included, but the
+// end of memory: that leaves it in the middle of the document, which it refuses
+// to leave from then on. It belongs to one parse at a time. The memory is a base
+// since it must outlive the parser's own.
 class HardenedParser : private ParserMemory, public xercesc::SAXParser
 {
 public:
   HardenedParser();
 
-  // Whether a new one is better than this one: it has grown so much, or met a
-  // later version of XML, by which it would judge the next document that names
-  // none.
-  bool overgrown() const noexcept;
+  // Whether a new one is to take its place: memory ran out in a parse, it has
+  // grown too much, or it met a later version of XML, by which it would judge the
+  // next document that names none.
+  bool isSpent() const noexcept;
 
-  // Feeds the text to handler, which is document and error handler in one.
+  // Feeds the text to handler, which is document and error handler in one. Both
+  // throw what handler throws, the XML parser's own exceptions, DocumentRefused,
+  // and xercesc::OutOfMemoryException or std::bad_alloc when memory runs out.
   void parseText(std::string_view text, xercesc::HandlerBase& handler);
   void parseSource(xercesc::InputSource const& source, xercesc::HandlerBase& handler);
 
@@ -89,6 +92,8 @@ public:
   std::string describeHere(std::string_view reason) const;
 
 private:
+  template <class Parse>
+  void watched(Parse parse);
   void parseOwn(std::string_view text, xercesc::HandlerBase& handler);
   void feed(xercesc::InputSource const& source, xercesc::DocumentHandler& handler,
             xercesc::ErrorHandler& errorHandler);
@@ -106,11 +111,14 @@ private:
   std::u16string m_wide;
   std::optional<DocumentStream> m_stream;
   bool m_newerXml = false;
+  bool m_brokenOff = false;  // for want of memory
   std::size_t m_skipped = 0; // characters at the start that the parser did not get
 };
 
 // Lends the calling thread one of its parsers for a scope. A thread keeps at
-// most as many as its parses were ever nested, and none that is overgrown.
+// most as many as its parses were ever nested, and none that is spent. Throws
+// xercesc::OutOfMemoryException or std::bad_alloc when there is no memory for a
+// new one.
 class ParserLease
 {
 public:

@@ -15,7 +15,8 @@ class OZF_EXPORT OzfDOMHandler
 {
 public:
   // Reads the document under the rules of XmlDocumentInterface. Returns 0, or
-  // non-zero when it is refused or not well-formed.
+  // non-zero when it is refused or not well-formed. Throws std::bad_alloc when
+  // memory runs out, which says nothing of the document.
   int parse(std::string const& text);
 
   // The value of an element that has no child elements, wherever it stands:

@@ -4,6 +4,7 @@
 #include "ozf/xml/HardenedParser.h"
 
 #include <memory>
+#include <new>
 #include <utility>
 #include <xercesc/sax/SAXException.hpp>
 #include <xercesc/sax/SAXParseException.hpp>
@@ -90,8 +91,11 @@ bool XmlDocumentInterface::parse(xercesc::InputSource const& source)
   return run([&](HardenedParser& parser) { parser.parseSource(source, *this); });
 }
 
+// The XML parser's way to say that memory ran out is no std::exception. It says
+// nothing of the document, so it is no answer about it.
 template <class Feed>
 bool XmlDocumentInterface::run(Feed feed)
+try
 {
   ParserLease parser;
   Run run(*this, *parser);
@@ -115,14 +119,14 @@ bool XmlDocumentInterface::run(Feed feed)
   {
     run.fail(narrow(exception.getMessage()));
   }
-  catch (xercesc::OutOfMemoryException const&)
-  {
-    run.fail("out of memory");
-  }
   if (!run.complete)
     run.fail("the text ends before the document does");
   m_lastError = run.error.empty() ? nullptr : std::make_unique<std::string>(std::move(run.error));
   return m_lastError == nullptr;
+}
+catch (xercesc::OutOfMemoryException const&)
+{
+  throw std::bad_alloc();
 }
 
 void XmlDocumentInterface::startElement(XMLCh const* name, AttributeList& attributes)

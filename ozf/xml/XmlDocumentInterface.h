@@ -35,8 +35,10 @@ public:
   // when the document is refused or not well-formed, with lastError() saying
   // what and where ("line 3, column 17: ..."); the object then holds what was
   // read so far. An AssertionFailure raised by a handler passes through, as
-  // does any other exception that is not the XML parser's own. Null is an
-  // empty text, and an empty text is not well-formed.
+  // does any other exception that is not the XML parser's own. When memory runs
+  // out they throw std::bad_alloc, whatever the document is; the next parse then
+  // gets another parser. Null is an empty text, and an empty text is not
+  // well-formed.
   bool parseBuffer(char const* text);
   bool parseBuffer(std::string_view text);
   bool parse(xercesc::InputSource const& source);
