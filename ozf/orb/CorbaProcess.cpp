@@ -10,12 +10,22 @@
 #include "ozf/log/Assertion.h"
 #include "ozf/log/FrameworkLogger.h"
 #include "ozf/orb/ClosedConnection.h"
+#include "ozf/orb/Connection.h"
+#include "ozf/orb/ConnectionTable.h"
+#include "ozf/orb/Endpoint.h"
 #include "ozf/orb/ListenCheck.h"
 #include "ozf/plugin/CurrentException.h"
 
 #include <omniORB4/callDescriptor.h>
 #include <omniORB4/omniInterceptors.h>
 #include <omniORB4/omniORB.h>
+
+// Each needs the ones before it.
+#include <giopStrand.h>
+
+#include <giopStream.h>
+
+#include <GIOP_S.h>
 
 #include <ace/ACE.h>
 #include <ace/ARGV.h>
@@ -110,11 +120,22 @@ CORBA::Boolean acceptConnection(omni::omniInterceptors::serverAcceptConnection_T
   return true;
 }
 
+// Of the request that the thread has received last.
+thread_local Peer const* peerOfRequest = nullptr;
+
+CORBA::Boolean notePeer(omni::omniInterceptors::serverReceiveRequest_T::info_T& info)
+{
+  auto const* const connection = dynamic_cast<Connection const*>(info.giop_s.strand().connection);
+  peerOfRequest = connection == nullptr ? nullptr : &connection->peer();
+  return true;
+}
+
 // Around every call on a servant: the ORB answers CORBA exceptions in their
 // own right, all others would reach the caller as UNKNOWN.
 void guardCall(omniCallDescriptor* call, omniServant* servant)
 {
   char const* const operation = call->op() == nullptr ? "" : call->op();
+  PeerOfCall const peer(call->is_upcall() ? peerOfRequest : nullptr);
   try
   {
     call->interceptedCall(servant);
@@ -194,6 +215,7 @@ CORBA::ORB_ptr startOrb(std::vector<std::string> const& endPoints, std::string c
   options.push_back({nullptr, nullptr});
 
   omniORB::setLogFunction(logOfOrb);
+  registerWatchedTransport();
   static_assert(sizeof(Option) == sizeof(char const* [2]));
   CORBA::ORB_var orb = CORBA::ORB_init(argc, argv.argv(), "omniORB4",
                                        reinterpret_cast<char const*(*)[2]>(options.data()));
@@ -201,6 +223,7 @@ CORBA::ORB_ptr startOrb(std::vector<std::string> const& endPoints, std::string c
   auto* const interceptors = omniORB::getInterceptors();
   interceptors->serverAcceptConnection.add(acceptConnection);
   interceptors->clientSendRequest.add(leaveClosedConnection);
+  interceptors->serverReceiveRequest.add(notePeer);
   interceptors->invokeLocalCall.add(guardCall);
   return orb._retn();
 }
@@ -299,6 +322,7 @@ bool CorbaProcess::acquire(std::string const& name, unsigned short port,
     }
     try
     {
+      ConnectionTable::instance().start();
       state.orb = startOrb(makeEndPoints(addresses, port), arguments);
       startServing(state.orb);
       state.port = port;
@@ -310,6 +334,7 @@ bool CorbaProcess::acquire(std::string const& name, unsigned short port,
                                                              << corbaExceptionText(exception));
       if (!CORBA::is_nil(state.orb))
         destroyOrb(state.orb);
+      ConnectionTable::instance().stop();
       state.orb = CORBA::ORB::_nil();
       return false;
     }
@@ -339,6 +364,7 @@ void CorbaProcess::release() noexcept
   if (--state.users == 0)
   {
     destroyOrb(state.orb);
+    ConnectionTable::instance().stop();
     state.orb = CORBA::ORB::_nil();
     state.port = 0;
   }

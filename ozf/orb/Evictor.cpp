@@ -9,8 +9,7 @@
 #include "ozf/orb/Evictor.h"
 
 #include "ozf/log/FrameworkLogger.h"
-
-#include <unistd.h>
+#include "ozf/orb/ObjectKey.h"
 
 #include <atomic>
 #include <cstring>
@@ -34,19 +33,6 @@ template <class Sequence>
 std::string keyOf(Sequence const& id)
 {
   return {reinterpret_cast<char const*>(id.get_buffer()), id.length()};
-}
-
-// A number that never comes twice in this process, so that an id is unique,
-// and 64 random bits, so that a caller cannot guess another caller's object.
-std::string freshKey()
-{
-  static std::atomic<std::uint64_t> counter{0};
-  std::uint64_t parts[] = {++counter, 0};
-  if (::getentropy(&parts[1], sizeof parts[1]) != 0)
-    throw CORBA::NO_RESOURCES(0, CORBA::COMPLETED_NO);
-  std::string key(sizeof parts, '\0');
-  std::memcpy(key.data(), parts, sizeof parts);
-  return key;
 }
 
 struct Entry
@@ -149,7 +135,7 @@ EntryPtr Evictor::Locator::takeIdleLongest()
 std::string Evictor::Locator::insert(PortableServer::Servant servant)
 {
   auto entry = std::make_shared<Entry>(servant);
-  std::string key = freshKey();
+  std::string key = makeObjectKey();
   EntryPtr evicted;
   {
     std::lock_guard guard(m_mutex);

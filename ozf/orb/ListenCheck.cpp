@@ -1,6 +1,7 @@
 #include "ozf/orb/ListenCheck.h"
 
 #include "ozf/base/SystemError.h"
+#include "ozf/orb/Endpoint.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -84,10 +85,10 @@ std::vector<std::string> makeEndPoints(std::vector<std::string> const& addresses
   if (port != 0)
     suffix += std::to_string(port);
   if (addresses.empty())
-    return {"giop:tcp:" + suffix};
+    return {WATCHED_TCP + (":" + suffix)};
   std::vector<std::string> endPoints;
   for (auto const& address : addresses)
-    endPoints.push_back("giop:tcp:" + bracketed(address) + suffix);
+    endPoints.push_back(WATCHED_TCP + (":" + bracketed(address)) + suffix);
   return endPoints;
 }
 

@@ -3,6 +3,7 @@
 #include "ozf/config/HostRole.h"
 #include "ozf/log/FrameworkLogger.h"
 #include "ozf/orb/CorbaProcess.h"
+#include "ozf/orb/ObjectKey.h"
 #include "ozf/orb/OrbReactor.h"
 #include "ozf/sync/AceReactor.h"
 
@@ -68,6 +69,15 @@ PortableServer::POA_ptr createRoot(CORBA::ORB_ptr orb, std::string const& name)
   CORBA::PolicyList none;
   std::string const unique = name + "#" + std::to_string(++counter);
   return top->create_POA(unique.c_str(), PortableServer::POAManager::_nil(), none);
+}
+
+PortableServer::POA_ptr createObjects(PortableServer::POA_ptr root)
+{
+  CORBA::PolicyList policies;
+  policies.length(1);
+  policies[0] = root->create_id_assignment_policy(PortableServer::USER_ID);
+  PortableServer::POAManager_var manager = root->the_POAManager();
+  return root->create_POA("objects", manager, policies);
 }
 
 PortableServer::POA_ptr createEvicting(PortableServer::POA_ptr root)
@@ -190,8 +200,7 @@ bool Orb::init()
   try
   {
     state.root = createRoot(state.process.orb(), state.name);
-    PortableServer::POAManager_var manager = state.root->the_POAManager();
-    state.objects = state.root->create_POA("objects", manager, CORBA::PolicyList());
+    state.objects = createObjects(state.root);
     if (state.evicting)
     {
       state.evictable = createEvicting(state.root);
@@ -284,7 +293,11 @@ CORBA::Object_ptr Orb::resolveInitialReference(char const* identifier)
 CORBA::Object_ptr Orb::activateObject(PortableServer::Servant servant)
 {
   m_state->requireUp();
-  PortableServer::ObjectId_var id = m_state->objects->activate_object(servant);
+  std::string const key = makeObjectKey();
+  PortableServer::ObjectId id;
+  id.length(static_cast<CORBA::ULong>(key.size()));
+  std::memcpy(id.get_buffer(), key.data(), key.size());
+  m_state->objects->activate_object_with_id(id, servant);
   return m_state->objects->id_to_reference(id);
 }
 

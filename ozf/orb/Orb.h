@@ -92,7 +92,7 @@ public:
   // INTERNAL (NO_MEMORY when memory ran out), and the service goes on.
 
   // Activates a servant that stays until destroyObjectRef: the POA takes a
-  // reference. The caller owns the result.
+  // reference. Its id cannot be guessed. The caller owns the result.
   CORBA::Object_ptr activateObject(PortableServer::Servant servant);
 
   // Activates a servant with the evictor; repositoryId is its most derived

@@ -42,24 +42,24 @@ unsigned short portJustClosed() { return Listener().port(); }
 
 TEST(ListenCheckTest, EndPointsOfAllAddressesNameNone)
 {
-  EXPECT_EQ(makeEndPoints({}, 27511), Strings{"giop:tcp::27511"});
+  EXPECT_EQ(makeEndPoints({}, 27511), Strings{"giop:watched::27511"});
 }
 
 TEST(ListenCheckTest, EveryAddressGetsAnEndPointInItsOrder)
 {
   EXPECT_EQ(makeEndPoints({"10.1.2.3", "127.0.0.1"}, 27511),
-            (Strings{"giop:tcp:10.1.2.3:27511", "giop:tcp:127.0.0.1:27511"}));
+            (Strings{"giop:watched:10.1.2.3:27511", "giop:watched:127.0.0.1:27511"}));
 }
 
 TEST(ListenCheckTest, AddressesWithColonsAreBracketed)
 {
-  EXPECT_EQ(makeEndPoints({"::1"}, 27511), Strings{"giop:tcp:[::1]:27511"});
+  EXPECT_EQ(makeEndPoints({"::1"}, 27511), Strings{"giop:watched:[::1]:27511"});
 }
 
 TEST(ListenCheckTest, PortZeroLeavesTheChoiceToTheSystem)
 {
-  EXPECT_EQ(makeEndPoints({"127.0.0.1"}, 0), Strings{"giop:tcp:127.0.0.1:"});
-  EXPECT_EQ(makeEndPoints({}, 0), Strings{"giop:tcp::"});
+  EXPECT_EQ(makeEndPoints({"127.0.0.1"}, 0), Strings{"giop:watched:127.0.0.1:"});
+  EXPECT_EQ(makeEndPoints({}, 0), Strings{"giop:watched::"});
 }
 
 TEST(ListenCheckTest, AFreePortCanBeListenedOnAndStaysFree)
