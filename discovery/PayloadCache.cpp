@@ -57,6 +57,7 @@ void PayloadCache::clear()
   m_blocks.clear();
   m_file.reset();
   m_mayUseFile = true;
+  m_failed = false;
 }
 
 // Before count bytes are added.
@@ -68,9 +69,25 @@ void PayloadCache::chooseStore(std::size_t count)
 
 bool PayloadCache::append(Piece bytes, std::size_t count)
 {
+  if (std::exchange(m_failed, true))
+    return false;
+  m_failed = !appendPiece(std::move(bytes), count);
+  return !m_failed;
+}
+
+bool PayloadCache::append(char const* bytes, std::size_t count)
+{
+  if (std::exchange(m_failed, true))
+    return false;
+  m_failed = !appendBytes(bytes, count);
+  return !m_failed;
+}
+
+bool PayloadCache::appendPiece(Piece bytes, std::size_t count)
+{
   chooseStore(count);
   if (inFile() || count < LEAST_TAKEN_OVER)
-    return append(bytes.get(), count);
+    return appendBytes(bytes.get(), count);
   if (m_size < m_capacity)
     m_blocks.back().capacity -= m_capacity - m_size;
   m_blocks.emplace_back(std::move(bytes), count);
@@ -79,7 +96,7 @@ bool PayloadCache::append(Piece bytes, std::size_t count)
   return true;
 }
 
-bool PayloadCache::append(char const* bytes, std::size_t count)
+bool PayloadCache::appendBytes(char const* bytes, std::size_t count)
 {
   constexpr char OPERATION[] = "PayloadCache::append";
   chooseStore(count);
@@ -188,7 +205,7 @@ bool PayloadCache::backToMemory()
   Block memory(std::max(FIRST_CAPACITY, m_size));
   for (std::size_t done = 0; done < m_size;)
   {
-    long const count = read(done, m_size - done, memory.bytes.get() + done);
+    long const count = readHeld(done, m_size - done, memory.bytes.get() + done);
     if (count <= 0)
       return false;
     done += static_cast<std::size_t>(count);
@@ -201,6 +218,11 @@ bool PayloadCache::backToMemory()
 }
 
 long PayloadCache::read(std::size_t position, std::size_t count, void* buffer) const
+{
+  return m_failed ? -1 : readHeld(position, count, buffer);
+}
+
+long PayloadCache::readHeld(std::size_t position, std::size_t count, void* buffer) const
 {
   std::size_t const most = position < m_size ? std::min(count, m_size - position) : 0;
   if (most == 0)

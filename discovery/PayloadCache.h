@@ -35,14 +35,16 @@ public:
 
   void clear();
   // Both: false, with a log line, when what was held before cannot be had any
-  // more. The second takes a large piece over as it is.
+  // more. A piece would be missing from then on, so every later append is false
+  // and every read fails, until clear; the same after an exception. The second
+  // takes a large piece over as it is.
   bool append(char const* bytes, std::size_t count);
   using Piece = std::unique_ptr<char[], void (*)(char*)>;
   bool append(Piece bytes, std::size_t count);
   std::size_t size() const noexcept { return m_size; }
 
   // Copies up to count bytes from position on and returns how many; 0 at the
-  // end, -1 when the file cannot be read.
+  // end, -1 when the file cannot be read or an append has failed.
   long read(std::size_t position, std::size_t count, void* buffer) const;
 
   bool inFile() const noexcept { return m_file.valid(); }
@@ -61,7 +63,10 @@ private:
   };
 
   void chooseStore(std::size_t count);
+  bool appendPiece(Piece bytes, std::size_t count);
+  bool appendBytes(char const* bytes, std::size_t count);
   void appendToMemory(char const* bytes, std::size_t count);
+  long readHeld(std::size_t position, std::size_t count, void* buffer) const;
   void readFromMemory(std::size_t position, std::size_t count, char* buffer) const;
   bool appendToFile(char const* bytes, std::size_t count);
   bool moveToFile();
@@ -75,6 +80,7 @@ private:
   std::size_t m_capacity = 0; // of all blocks
   UniqueFd m_file;
   bool m_mayUseFile = true;
+  bool m_failed = false; // also while a piece is being appended
 };
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

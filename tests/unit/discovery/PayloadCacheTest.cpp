@@ -2,6 +2,7 @@
 
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
+#include "tests/unit/discovery/SystemCalls.h"
 
 #include <gtest/gtest.h>
 
@@ -233,4 +234,31 @@ TEST_F(PayloadCacheTest, TheChosenFolderComesFirst)
   EXPECT_EQ(PayloadCache::temporaryFolders().front(), "/var/tmp");
   unsetenv("TMPDIR");
   EXPECT_EQ(PayloadCache::temporaryFolders().front(), "/var/tmp");
+}
+
+// The disk is full, and what it holds cannot be read back: a piece is lost, and
+// what is appended later must not stand behind the hole.
+TEST_F(PayloadCacheTest, AfterALostPieceNothingIsTakenAndNothingIsRead)
+{
+  PayloadCache cache({folder.path()});
+  std::string const bytes = manyBytes(2 * MOST);
+  ASSERT_TRUE(fill(cache, bytes, 65536));
+  ASSERT_TRUE(cache.inFile());
+  {
+    SystemCalls const full(folder.path(), [](std::string const& call)
+                           { return call.starts_with("pwrite") ? ENOSPC : EIO; });
+    EXPECT_FALSE(cache.append("lost", 4));
+  }
+  EXPECT_TRUE(log.has(1, "PayloadCache::append",
+                      "Failed to read collection data back from the temporary file"))
+      << log.text();
+  EXPECT_FALSE(cache.append("later", 5)) << "there is room again, but the piece is gone";
+  EXPECT_FALSE(cache.append(makePiece(bytes), bytes.size()));
+  char byte = 0;
+  EXPECT_EQ(cache.read(0, 1, &byte), -1);
+  EXPECT_EQ(cache.read(bytes.size(), 1, &byte), -1) << "not the end either";
+
+  cache.clear();
+  ASSERT_TRUE(cache.append("new", 3));
+  EXPECT_EQ(contentOf(cache), "new");
 }

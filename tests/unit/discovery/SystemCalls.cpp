@@ -1,5 +1,6 @@
 #include "tests/unit/discovery/SystemCalls.h"
 
+#include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -45,7 +46,10 @@ SystemCalls::~SystemCalls() { watcher = nullptr; }
 
 bool SystemCalls::changes(std::string const& call)
 {
-  return !call.starts_with("fcntl") && !call.starts_with("pread") && !call.starts_with("fstat");
+  for (char const* const other : {"fcntl", "open", "pread", "read", "fstat"})
+    if (call.starts_with(other))
+      return false;
+  return true;
 }
 
 bool SystemCalls::fails(std::string const& function, int fd)
@@ -78,6 +82,34 @@ bool SystemCalls::answers(std::string const& function, std::string const& path)
 #pragma GCC visibility push(default)
 extern "C"
 {
+
+  int open(char const* path, int flags, ...)
+  {
+    static auto* const next = original<int(char const*, int, ...)>("open");
+    va_list arguments;
+    va_start(arguments, flags);
+    auto const mode = (flags & (O_CREAT | __O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
+    va_end(arguments);
+    return SystemCalls::fails("open", path) ? -1 : next(path, flags, mode);
+  }
+
+  DIR* opendir(char const* path)
+  {
+    static auto* const next = original<DIR*(char const*)>("opendir");
+    return SystemCalls::fails("opendir", path) ? nullptr : next(path);
+  }
+
+  dirent* readdir(DIR* directory)
+  {
+    static auto* const next = original<dirent*(DIR*)>("readdir");
+    return SystemCalls::fails("readdir", dirfd(directory)) ? nullptr : next(directory);
+  }
+
+  ssize_t read(int fd, void* buffer, size_t size)
+  {
+    static auto* const next = original<ssize_t(int, void*, size_t)>("read");
+    return SystemCalls::fails("read", fd) ? -1 : next(fd, buffer, size);
+  }
 
   ssize_t pread(int fd, void* buffer, size_t size, off_t offset)
   {

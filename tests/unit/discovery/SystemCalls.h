@@ -15,12 +15,13 @@ class SystemCalls
 public:
   // A call's text: "pwrite 2 a b.xml", "rename 0.updating", "fsync ." for the
   // directory itself, "fcntl setlk write Update.lock" (setlk or setlkw; read,
-  // write or unlock), "pread 2 a b.xml", "fstat 2 a b.xml". The result is 0 to
-  // let the call through, or the error number that it shall fail with. It may
-  // also end the process.
+  // write or unlock), "pread 2 a b.xml", "read 2 a b.dat", "fstat 2 a b.xml",
+  // "open 2 a b.xml", "opendir .", "readdir .". The result is 0 to let the call
+  // through, or the error number that it shall fail with. It may also end the
+  // process.
   using Answer = std::function<int(std::string const& call)>;
 
-  // Whether the call changes a file: it neither locks nor reads.
+  // Whether the call changes a file: it neither opens, locks nor reads.
   static bool changes(std::string const& call);
 
   explicit SystemCalls(std::string directory, Answer answer = {});
