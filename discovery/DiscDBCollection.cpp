@@ -154,9 +154,16 @@ bool DBCollectionData::openTemporary()
 
 long DBCollectionData::readCollection(unsigned long len, void* buf) const
 {
-  OZF_ASSERT(m_handle != ACE_INVALID_HANDLE, "ACE_INVALID_HANDLE != m_handle", SOURCE,
-             "DBCollectionData::readCollection");
-  return ::read(m_handle, buf, len);
+  constexpr char OPERATION[] = "DBCollectionData::readCollection";
+  OZF_ASSERT(m_handle != ACE_INVALID_HANDLE, "ACE_INVALID_HANDLE != m_handle", SOURCE, OPERATION);
+  ssize_t count;
+  do
+    count = ::read(m_handle, buf, len);
+  while (count < 0 && errno == EINTR);
+  if (count < 0)
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Unable to read " << m_path.str() << ": " << errorText(errno));
+  return count;
 }
 
 long DBCollectionData::writeCollection(unsigned long len, void const* buf) const

@@ -465,7 +465,13 @@ DiscoveryStatus DBDiscovery::replaceFiles(int fd, std::string const& seen,
   struct stat status
   {
   };
-  if (::fstat(fd, &status) != 0 || !isRegular(status, path.str(), OPERATION))
+  if (::fstat(fd, &status) != 0)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Unable to examine " << path.str() << ": " << errorText(errno));
+    return DS_OPEN_FAILED;
+  }
+  if (!isRegular(status, path.str(), OPERATION))
     return DS_OPEN_FAILED;
   // It may have been rewritten since it was looked at.
   std::optional<std::string> stored = readStored(fd, status.st_size);

@@ -140,6 +140,8 @@ CollectionDataSeq* CollectionDataIterator_i::getNextPage()
 {
   constexpr char const* OPERATION = "CollectionDataIterator_i::getNextPage";
   std::lock_guard const guard(oneCaller());
+  if (m_readFailed)
+    throw CORBA::PERSIST_STORE(0, CORBA::COMPLETED_NO);
   auto const size = static_cast<CORBA::ULong>(std::clamp<long>(m_pageSize, 0, MAX_PAGE_BYTES));
   CollectionDataSeq_var page = new CollectionDataSeq(size);
   page->length(size);
@@ -152,6 +154,7 @@ CollectionDataSeq* CollectionDataIterator_i::getNextPage()
   long const count = m_discovery->getCollectionData()->readCollection(size, page->get_buffer());
   if (count < 0)
   {
+    m_readFailed = true;
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to read from CollectionData");
     page->length(0);
   }
@@ -167,6 +170,8 @@ void CollectionDataIterator_i::release()
   OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION, "Releasing collection data iterator");
   removeFromEvictor(objectId(), *getDiscoveryRepository().getOrb());
   m_discovery.reset();
+  if (m_readFailed)
+    throw CORBA::PERSIST_STORE(0, CORBA::COMPLETED_YES);
 }
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc::Remote

@@ -83,9 +83,11 @@ public:
   void pageSize(CORBA::Long size) override;
 
   // Up to pageSize bytes; none at the end, on a read error, or when pageSize
-  // is not positive.
+  // is not positive. After a read error every further page raises PERSIST_STORE.
   CollectionDataSeq* getNextPage() override;
 
+  // Raises PERSIST_STORE, once it is done, when a read error has ended the
+  // pages: only so does a caller learn that the empty page was not the end.
   void release() override;
 
   // Opens the payload for reading.
@@ -94,6 +96,7 @@ public:
 private:
   AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::Discovery> m_discovery;
   CORBA::Long m_pageSize;
+  bool m_readFailed = false;
 };
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc::Remote

@@ -47,6 +47,13 @@ public:
 
   Ptr operator->() const { return m_iterator.in(); }
 
+  // Releases it now, and passes on what the call raises.
+  void release()
+  {
+    Var const iterator = m_iterator._retn();
+    iterator->release();
+  }
+
   // No call any more: the other side drops an idle iterator by itself.
   void abandon() { m_iterator = {}; }
 

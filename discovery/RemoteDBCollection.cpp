@@ -34,6 +34,28 @@ LoopCounter& openWriteCounter()
   return counter;
 }
 
+using DataIterator =
+    AutoReleaseIterator<Remote::CollectionDataIterator_var, Remote::CollectionDataIterator_ptr>;
+
+// Releases an iterator whose pages have ended. The release tells what the empty
+// page cannot: that they ended at an error. That exception is passed on, all
+// others say nothing about what was read.
+void releaseRead(DataIterator& iterator)
+{
+  try
+  {
+    iterator.release();
+  }
+  catch (CORBA::PERSIST_STORE const&)
+  {
+    throw;
+  }
+  catch (CORBA::Exception const&)
+  {
+    // The other side drops the iterator by itself when it is idle.
+  }
+}
+
 // Asks for pages of the configured size, when one is configured.
 void requestPageSize(Remote::CollectionDataIterator_ptr iterator)
 {
@@ -119,8 +141,7 @@ bool RemoteCollectionData::openRead(char const* filter)
 bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr remote)
 {
   constexpr char OPERATION[] = "RemoteCollectionData::openRead";
-  AutoReleaseIterator<Remote::CollectionDataIterator_var, Remote::CollectionDataIterator_ptr>
-      iterator(remote);
+  DataIterator iterator(remote);
   DrainLimit const limit;
   if (!getDiscoveryRepository().isShuttingDown())
     requestPageSize(remote);
@@ -138,6 +159,7 @@ bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr remote)
     {
       if (calls == 1)
         OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Collection data returned has no data");
+      releaseRead(iterator);
       return calls != 1;
     }
     if (m_cache.size() + page->length() > MAX_SIZE)

@@ -90,6 +90,29 @@ TEST_F(Payload, DirectoriesAndFifosAreNoPayload)
   EXPECT_EQ(0, DBCollectionData(OzfPathname(m_dir / "f.dat")).open(OM_READ, ""));
 }
 
+TEST_F(Payload, AnInterruptedReadIsTriedAgainAndAFailedOneIsAnError)
+{
+  writeText(m_target, "0123456789");
+  DBCollectionData data{OzfPathname(m_target)};
+  ASSERT_NE(0, data.open(OM_READ, ""));
+  char buffer[8];
+  {
+    int calls = 0;
+    SystemCalls const watched(m_dir.path(), [&](std::string const& call)
+                              { return call == "read 2 a b.dat" && ++calls < 4 ? EINTR : 0; });
+    EXPECT_EQ(8, data.readCollection(8, buffer));
+    EXPECT_EQ(4, calls);
+  }
+  LogCapture log;
+  {
+    SystemCalls const watched(m_dir.path(), [](std::string const&) { return EIO; });
+    EXPECT_EQ(-1, data.readCollection(8, buffer));
+  }
+  EXPECT_EQ(1, log.count(1, "DBCollectionData::readCollection",
+                         "Unable to read " + m_target + ": Input/output error (5)"))
+      << log.text();
+}
+
 TEST_F(Payload, ReadingAndWritingNeedAnOpenFile)
 {
   LogCapture log;

@@ -447,3 +447,27 @@ TEST_F(Faults, OnlyAnUnbrokenRunOfDeadlocksEndsAWait)
   EXPECT_EQ(EDEADLK, errno);
   EXPECT_LT(std::chrono::steady_clock::now() - start, 4s);
 }
+
+TEST_F(Faults, AMetadataFileThatCannotBeExaminedRefusesTheWriteWithALine)
+{
+  ASSERT_EQ(DS_SUCCESS, ready("old")->persist());
+  auto const discovery = ready("new");
+  LogCapture log;
+  bool locked = false;
+  int calls = 0;
+  {
+    // The first look under the write lock is at the name, the second at the file.
+    SystemCalls const watched(m_db.path(),
+                              [&](std::string const& call)
+                              {
+                                locked = locked || call.ends_with("write 2 hostA hostB.xml");
+                                bool const looks = locked && call == "fstat 2 hostA hostB.xml";
+                                return looks && ++calls == 2 ? EIO : 0;
+                              });
+    EXPECT_EQ(DS_OPEN_FAILED, discovery->persist());
+  }
+  EXPECT_EQ(1, log.count(1, "DBDiscovery::persist",
+                         "Unable to examine " + (m_db / XML) + ": Input/output error (5)"))
+      << log.text();
+  EXPECT_EQ("old/old", found());
+}

@@ -3,10 +3,12 @@
 #include "discovery/DiscoveryLog.h"
 
 #include "discovery/ExplorerRemotePull.h"
+#include "discovery/RemoteDB.h"
 #include "tests/support/FakeDiscoveries.h"
 #include "tests/support/FakeExplorers.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Service.h"
+#include "tests/unit/discovery/SystemCalls.h"
 
 #include <gtest/gtest.h>
 
@@ -220,6 +222,48 @@ TEST_F(DiscoveryService_iIteratorsTest, AReadErrorIsAnEmptyPageAndALogLine)
   EXPECT_TRUE(
       log.has(1, "CollectionDataIterator_i::getNextPage", "Failed to read from CollectionData"))
       << log.text();
+  EXPECT_THROW(iterator.getNextPage(), CORBA::PERSIST_STORE) << "it is not the end";
+  EXPECT_EQ(2, discovery->referenceCount());
+  EXPECT_THROW(iterator.release(), CORBA::PERSIST_STORE);
+  EXPECT_EQ(1, discovery->referenceCount()) << "but done";
+  EXPECT_THROW(iterator.getNextPage(), CORBA::PERSIST_STORE);
+}
+
+TEST_F(DiscoveryService_iIteratorsTest, APayloadWhoseReadingFailsHalfWayIsReadAsNone)
+{
+  ASSERT_EQ(svc::DS_SUCCESS, Service::store("s", "a", svc::AT_TQUCLIENT, "01234567890123456789"));
+  auto const wire = []
+  {
+    auto* const record = new Remote::Discovery(Service::record("s", "a"));
+    record->sourceHost = "here";
+    record->sourceServiceName = "DiscoveryService";
+    return record;
+  };
+  int reads = 0;
+  int failAt = 0;
+  SystemCalls const watched(host.database(),
+                            [&](std::string const& call)
+                            {
+                              bool const isRead = call.starts_with("read ");
+                              return isRead && ++reads == failAt ? EIO : 0;
+                            });
+  for (failAt = 1; failAt <= 3; ++failAt)
+  {
+    AutoDereference<svc::Discovery> const discovery(
+        svc::getRemoteDiscoveryDatabase().newDiscovery(wire()));
+    reads = 0;
+    EXPECT_EQ(svc::DS_OPEN_FAILED, discovery->open(svc::OM_READ, "")) << failAt;
+    EXPECT_EQ(failAt, reads);
+    EXPECT_EQ(0u, host.orb().getEvictor().size());
+  }
+  EXPECT_NE(std::string::npos,
+            log.text().find("1 RemoteCollectionData::openRead: Caught CORBA Exception while "
+                            "reading collection data: PERSIST_STORE"))
+      << log.text();
+  reads = 100;
+  AutoDereference<svc::Discovery> const discovery(
+      svc::getRemoteDiscoveryDatabase().newDiscovery(wire()));
+  EXPECT_EQ(svc::DS_SUCCESS, discovery->open(svc::OM_READ, "")) << log.text();
 }
 
 TEST_F(DiscoveryService_iIteratorsTest, ReleaseDropsTheIteratorAtOnce)

@@ -195,6 +195,33 @@ TEST_F(RemoteDBPeerTest, AServiceThatVanishesCannotBeReached)
             1);
 }
 
+// What the release of pages that were read to their end says.
+
+TEST_F(RemoteDBPeerTest, AReleaseThatTellsOfAReadErrorIsAFailure)
+{
+  auto* const pages = serveData({"one"});
+  pages->beforeRelease = [] { throw CORBA::PERSIST_STORE(0, CORBA::COMPLETED_YES); };
+  auto const discovery = reader();
+  EXPECT_EQ(discovery->open(OM_READ, ""), DS_OPEN_FAILED);
+  EXPECT_TRUE(hasLine(RemoteOperations::OPEN_READ,
+                      "Caught CORBA Exception while reading collection data: PERSIST_STORE"))
+      << m_log.text();
+  EXPECT_EQ(pages->releases, 1);
+  char byte = 0;
+  EXPECT_THROW(discovery->getCollectionData()->readCollection(1, &byte), AssertionFailure)
+      << "half a payload is none";
+}
+
+TEST_F(RemoteDBPeerTest, AReleaseThatFailsOtherwiseSaysNothingOfWhatWasRead)
+{
+  auto* const pages = serveData({"one"});
+  pages->beforeRelease = [] { throw CORBA::INTERNAL(0, CORBA::COMPLETED_NO); };
+  EXPECT_EQ(reader()->open(OM_READ, ""), DS_SUCCESS) << m_log.text();
+  pages->beforeRelease = [this] { vanish(m_service->data); };
+  EXPECT_EQ(reader()->open(OM_READ, ""), DS_SUCCESS) << m_log.text();
+  EXPECT_EQ(pages->releases, 2);
+}
+
 // Pages.
 
 TEST_F(RemoteDBPeerTest, PagesLargerThanWhatWasAskedForAreRead)
