@@ -1,8 +1,8 @@
 #include "discovery/DiscDBMem.h"
 
 #include "discovery/DiscoveryLog.h"
+#include "discovery/ExplorerCall.h"
 #include "ozf/orb/Corba.h"
-#include "ozf/plugin/CurrentException.h"
 
 #include <ace/Recursive_Thread_Mutex.h>
 #include <ace/Singleton.h>
@@ -69,13 +69,16 @@ int MemCollectionData::open(OpenMode mode, char const* name)
   catch (CORBA::Exception const& exception)
   {
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
-            "Explorer " << explorer->getExplorerName()
-                        << " failed: " << corbaExceptionText(exception));
+            "Explorer " << nameForLog(*explorer) << " failed: " << corbaExceptionText(exception));
+  }
+  catch (abi::__forced_unwind const&)
+  {
+    throw; // of a thread that is cancelled
   }
   catch (...)
   {
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
-            "Explorer " << explorer->getExplorerName() << " failed: " << currentExceptionText());
+            "Explorer " << nameForLog(*explorer) << " failed: " << currentExceptionText());
   }
   m_query->getEntry()->noteRun(OzfObjTime::now(), produced ? DS_SUCCESS : DS_OPEN_FAILED);
   m_position = 0;

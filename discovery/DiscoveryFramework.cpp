@@ -76,6 +76,9 @@ void DiscoveryFramework::init(std::list<std::string> const* explorers)
 void DiscoveryFramework::activate()
 {
   m_served = std::make_unique<Served>();
+  // Other hosts may call as soon as the service is advertised, which is before
+  // the registrations of the cache are restored.
+  DiscoveryRepository::AnnouncementHold const hold(getDiscoveryRepository());
   // Nobody will call fini for an init that failed.
   auto const undo = [this]
   {

@@ -11,6 +11,7 @@
 #include "discovery/ExplorerLoader.h"
 #include "discovery/ExplorerRemotePull.h"
 #include "discovery/RemoteDB.h"
+#include "ozf/config/HostRole.h"
 #include "ozf/plugin/EngineContext.h"
 
 #include <ace/Singleton.h>
@@ -31,6 +32,12 @@ constexpr char SOURCE[] = "DiscoveryRepository";
 // than the largest fleet has is a mistake or an attack.
 constexpr std::size_t MAX_PULL_REGISTRATIONS = 50000;
 
+// What this process registers for itself calls no other host.
+bool isOfAnotherHost(ExplorerWrapper const& entry)
+{
+  return dynamic_cast<RemoteExplorerPull const*>(entry.getExplorer()) != nullptr;
+}
+
 } // namespace
 
 // ---- the sets ----
@@ -43,16 +50,25 @@ DiscoveryRepository::Snapshot DiscoveryRepository::Registrations::snapshot() con
   return m_snapshot;
 }
 
+template <class Accept>
 AutoDereference<ExplorerWrapper>
-DiscoveryRepository::Registrations::find(AutoDereference<ExplorerWrapper> const& entry) const
+DiscoveryRepository::Registrations::findIf(AutoDereference<ExplorerWrapper> const& entry,
+                                           Accept accept) const
 {
   ltdExplorerWrapper const before;
   std::lock_guard guard(m_mutex);
   auto const [first, last] = m_bySubject.equal_range(entry->getSubject());
   for (auto candidate = first; candidate != last; ++candidate)
-    if (!before(*candidate->second, entry) && !before(entry, *candidate->second))
+    if (!before(*candidate->second, entry) && !before(entry, *candidate->second) &&
+        accept(**candidate->second))
       return *candidate->second;
   return {};
+}
+
+AutoDereference<ExplorerWrapper>
+DiscoveryRepository::Registrations::find(AutoDereference<ExplorerWrapper> const& entry) const
+{
+  return findIf(entry, [](ExplorerWrapper const&) { return true; });
 }
 
 bool DiscoveryRepository::Registrations::insert(AutoDereference<ExplorerWrapper> const& entry)
@@ -192,7 +208,8 @@ DiscoveryRepository::Snapshot DiscoveryRepository::getPullExplorers() const
   return m_pullExplorers.snapshot();
 }
 
-bool DiscoveryRepository::makeRoom(AutoDereference<ExplorerWrapper> const& newcomer, Wins wins)
+AutoDereference<ExplorerWrapper>
+DiscoveryRepository::makeRoom(AutoDereference<ExplorerWrapper> const& newcomer, Wins wins)
 {
   // The pull explorers first, then the push explorers: one that beats the
   // first and is then refused by the second has driven the first out all the
@@ -208,13 +225,21 @@ bool DiscoveryRepository::makeRoom(AutoDereference<ExplorerWrapper> const& newco
       {
         for (auto const& entry : beaten)
           registrations->insert(entry);
-        return false;
+        return present;
       }
       beaten.push_back(present);
       registrations->erase(present);
     }
   }
-  return true;
+  return {};
+}
+
+AutoDereference<ExplorerWrapper>
+DiscoveryRepository::findOwn(AutoDereference<ExplorerWrapper> const& newcomer) const
+{
+  auto const isOwn = [](ExplorerWrapper const& entry) { return !isOfAnotherHost(entry); };
+  auto const own = m_pullExplorers.findIf(newcomer, isOwn);
+  return own ? own : m_pushExplorers.findIf(newcomer, isOwn);
 }
 
 void DiscoveryRepository::registerExplorer(Subject const* subject, ExplorerPush const* explorer,
@@ -232,13 +257,14 @@ void DiscoveryRepository::registerExplorer(Subject const* subject, ExplorerPush 
 
   LockableGuard lockableGuard(*this);
   OZF_ASSERT(lockableGuard.locked(), "lockableGuard.locked()", SOURCE, OPERATION);
-  if (makeRoom(entry, [](unsigned newcomer, unsigned present) { return newcomer > present; }))
+  if (!makeRoom(entry, [](unsigned newcomer, unsigned present) { return newcomer > present; }))
     m_pushExplorers.insert(entry);
 }
 
-void DiscoveryRepository::registerExplorer(Subject const* subject, ExplorerPull const* explorer,
-                                           unsigned const& priority, Authority const* authority,
-                                           bool fromCache)
+DiscoveryRepository::Registration
+DiscoveryRepository::registerExplorer(Subject const* subject, ExplorerPull const* explorer,
+                                      unsigned const& priority, Authority const* authority,
+                                      bool fromCache)
 {
   constexpr char const* OPERATION = "DiscoveryRepository::registerExplorer";
   OZF_ASSERT(subject != nullptr, "NULL != subject", SOURCE, OPERATION);
@@ -260,16 +286,45 @@ void DiscoveryRepository::registerExplorer(Subject const* subject, ExplorerPull 
             "Dropped the registration of a pull explorer for subject "
                 << entry->getSubject()->getName() << ": there are " << MAX_PULL_REGISTRATIONS
                 << " already");
-    return;
+    return {Registration::TOO_MANY, {}};
   }
+  if (!fromCache && isOfAnotherHost(*entry))
+    if (auto const own = findOwn(entry); own && isOwnHostName(entry->getSubject()->getName().str()))
+      return {Registration::OWN, own};
   // Here a registration of the same priority wins, unlike a push registration:
   // a host that registers again after a restart must replace its old entry.
-  if (!makeRoom(entry, [](unsigned newcomer, unsigned present) { return newcomer >= present; }))
-    return;
+  if (auto const standing =
+          makeRoom(entry, [](unsigned newcomer, unsigned present) { return newcomer >= present; }))
+    return {Registration::LOST, standing};
   if (!m_pullExplorers.insert(entry))
-    return;
+    return {Registration::LOST, m_pullExplorers.find(entry)};
   if (isGenericDSOnMaster() && !fromCache)
     persistToDisk(entry);
+  return {};
+}
+
+// ---- the registrations of other hosts while the service starts ----
+
+DiscoveryRepository::AnnouncementHold::AnnouncementHold(DiscoveryRepository& repository)
+    : m_repository(repository)
+{
+  std::lock_guard const guard(m_repository.m_holdMutex);
+  ++m_repository.m_holds;
+}
+
+DiscoveryRepository::AnnouncementHold::~AnnouncementHold()
+{
+  {
+    std::lock_guard const guard(m_repository.m_holdMutex);
+    --m_repository.m_holds;
+  }
+  m_repository.m_holdOver.notify_all();
+}
+
+bool DiscoveryRepository::awaitAnnouncements(std::chrono::milliseconds limit)
+{
+  std::unique_lock lock(m_holdMutex);
+  return m_holdOver.wait_for(lock, limit, [this] { return m_holds == 0; });
 }
 
 void DiscoveryRepository::persistToDisk(AutoDereference<ExplorerWrapper>& entry)

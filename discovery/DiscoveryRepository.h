@@ -20,6 +20,8 @@
 #include <DiscoveryServiceC.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <list>
 #include <map>
 #include <memory>
@@ -87,7 +89,10 @@ public:
   // Timers and explorers.
 
   // Moves the next firing of the push timer to a random delay of up to 59
-  // seconds; nothing without a push timer.
+  // seconds; nothing without a push timer. Anybody may ask for it, as often as
+  // he likes, so it is left where it is while a firing moved before is yet to
+  // come, and for five minutes after that unless it would come sooner: the next
+  // pass is within a minute of every call, whoever else calls.
   virtual void triggerPushTimer();
 
   // A new authority with the local host's name and type AT_EXTSRC; the
@@ -120,16 +125,54 @@ public:
   // plug-in's entry point registers while the loader holds its own. The loader
   // sees to that itself.
 
+  // What came of a pull registration.
+  struct Registration
+  {
+    enum Result
+    {
+      TAKEN,
+      LOST,    // to an entry of higher priority
+      OWN,     // it would displace what this process registered about its host
+      TOO_MANY // as a line in the log says
+    };
+    Result result = TAKEN;
+    AutoDereference<ExplorerWrapper> standing; // the entry that kept it out, of LOST and OWN
+  };
+
   // Take subject and authority over (a null authority means the local one) and
   // add a reference to the explorer. A push registration must be of higher
   // priority than an entry of the same identity in either set to replace it; a
   // pull registration replaces an entry of the same priority too. The loser is
   // dropped silently. fromCache keeps a registration that was read from the
   // pull-explorer cache from being written there again.
+  //
+  // An explorer of another host (RemoteExplorerPull) whose subject is this
+  // host's name never replaces what this process registered for itself, unless
+  // it comes from the cache.
   void registerExplorer(Subject const* subject, ExplorerPush const* explorer,
                         unsigned const& priority, Authority const* authority);
-  void registerExplorer(Subject const* subject, ExplorerPull const* explorer,
-                        unsigned const& priority, Authority const* authority, bool fromCache);
+  Registration registerExplorer(Subject const* subject, ExplorerPull const* explorer,
+                                unsigned const& priority, Authority const* authority,
+                                bool fromCache);
+
+  // Registrations of other hosts that arrive while the service starts: what the
+  // cache restores would win over them, though it is older. So they wait while
+  // a hold lives, which the framework makes before the service can be called.
+  class AnnouncementHold
+  {
+  public:
+    explicit AnnouncementHold(DiscoveryRepository& repository);
+    ~AnnouncementHold();
+    AnnouncementHold(AnnouncementHold const&) = delete;
+    AnnouncementHold& operator=(AnnouncementHold const&) = delete;
+
+  private:
+    DiscoveryRepository& m_repository;
+  };
+
+  // Returns when there is no hold, or false after the limit, which is well below
+  // the time-out of who calls.
+  bool awaitAnnouncements(std::chrono::milliseconds limit = std::chrono::seconds(20));
 
   // Keeps the first parser of a name; adds a reference.
   void registerExplorerParser(OzfString const& name, ExplorerDataParser const* parser);
@@ -209,8 +252,12 @@ private:
   {
   public:
     Snapshot snapshot() const;
-    // An entry of the same identity, null when there is none.
+    // An entry of the same identity, null when there is none; of those that
+    // accept says yes to.
     AutoDereference<ExplorerWrapper> find(AutoDereference<ExplorerWrapper> const& entry) const;
+    template <class Accept>
+    AutoDereference<ExplorerWrapper> findIf(AutoDereference<ExplorerWrapper> const& entry,
+                                            Accept accept) const;
     // False when an entry that competes with this one is still there.
     bool insert(AutoDereference<ExplorerWrapper> const& entry);
     std::size_t size() const;
@@ -235,8 +282,11 @@ private:
 
   // Whether the newcomer may take the place of the entry found.
   using Wins = bool (*)(unsigned newcomer, unsigned present);
-  // Erases what the newcomer replaces; false when it is refused.
-  bool makeRoom(AutoDereference<ExplorerWrapper> const& newcomer, Wins wins);
+  // Erases what the newcomer replaces; else the entry that refuses it.
+  AutoDereference<ExplorerWrapper> makeRoom(AutoDereference<ExplorerWrapper> const& newcomer,
+                                            Wins wins);
+  // The entry of this process's own that the newcomer competes with.
+  AutoDereference<ExplorerWrapper> findOwn(AutoDereference<ExplorerWrapper> const& newcomer) const;
 
   bool readCollection(Discovery& discovery, std::string& text) const;
 
@@ -251,6 +301,9 @@ private:
   bool m_parsersLoaded = false;
   std::map<OzfString, AutoDereference<ExplorerDataParser>> m_parsers;
   std::list<std::string> m_pluginLimit;
+  std::mutex m_holdMutex; // nothing else is locked under it
+  std::condition_variable m_holdOver;
+  int m_holds = 0;
 };
 
 // The process's one repository, made on first use.

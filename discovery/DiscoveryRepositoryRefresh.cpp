@@ -33,19 +33,23 @@ void addClients(char const* authority, char const* noneFound, std::set<OzfString
   while (!getDiscoveryRepository().isShuttingDown())
   {
     // Or run an explorer of this host: what that throws concerns one record.
-    try
-    {
-      AutoDereference<CollectionItemIterator> const items(
-          discoveries->getNextCollectionItemIterator(nullptr));
-      if (!items)
-        return;
-      clients.insert(items->getSubject().getName());
-    }
-    catch (...)
-    {
-      OZF_LOG(getOzfLogger(), 1, SOURCE, "Researcher::getDiscoveredClientList",
-              "Passed over a record of authority " << authority << ": " << currentExceptionText());
-    }
+    bool over = false;
+    callGuarded(
+        [&]
+        {
+          AutoDereference<CollectionItemIterator> const items(
+              discoveries->getNextCollectionItemIterator(nullptr));
+          over = !items;
+          if (items)
+            clients.insert(items->getSubject().getName());
+        },
+        [authority](std::string const& reason)
+        {
+          OZF_LOG(getOzfLogger(), 1, SOURCE, "Researcher::getDiscoveredClientList",
+                  "Passed over a record of authority " << authority << ": " << reason);
+        });
+    if (over)
+      return;
   }
 }
 

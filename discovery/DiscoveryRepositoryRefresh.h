@@ -12,8 +12,10 @@
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
 
-// On the master: asks the discovery service of every known client to restart
-// its push timer, one after the other.
+// On the master: asks the discovery service of one known client after the other
+// to restart its push timer. Clients that cannot be connected to are passed
+// over; one that fails in the call itself ends the task, and those after it are
+// not asked. So does the end of the service.
 class TQ_EXPORT RefreshDiscoveryTask : public OzfTask
 {
 public:

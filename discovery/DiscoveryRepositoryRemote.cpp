@@ -77,9 +77,10 @@ Remote::DiscoveryService_ptr connectToRemoteDS(OzfHostname const& host, Orb* orb
               "Failed to connect to remote discovery service ( narrow failed )");
     return service._retn();
   }
-  catch (CORBA::Exception const&)
+  catch (CORBA::Exception const& exception)
   {
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to connect to remote discovery service.");
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, corbaExceptionText(exception));
     return Remote::DiscoveryService::_nil();
   }
 }

@@ -25,6 +25,10 @@ constexpr int REGISTER_RETRY = 300; // seconds
 constexpr int REGISTER_DELAY_RANGE = 300;
 constexpr int TRIGGERED_PUSH_RANGE = 60;
 
+// Each trigger may put a pass off by a minute; explorers' records hold a quarter
+// longer than their interval.
+constexpr std::chrono::minutes QUIET_AFTER_TRIGGERED(5);
+
 // A number in [0, range) that the leading digits of the host's name decide:
 // every host whose name does not begin with digits gets the same one.
 int randomDelay(int range)
@@ -104,16 +108,13 @@ void DiscoveryRepository::DiscoveryTimerBase::shutdown()
 
 int DiscoveryRepository::DiscoveryTimerBase::handle_timeout(ACE_Time_Value const& now, void const*)
 {
-  try
-  {
-    fire(OzfObjTime(now.sec(), now.usec()));
-  }
-  catch (...)
-  {
-    OZF_LOG(getOzfLogger(), 1, SOURCE, "DiscoveryTimerBase::handle_timeout",
-            "A timer's firing ended early and is tried again: " << currentExceptionText());
-    schedule(retryDelay());
-  }
+  callGuarded([&] { fire(OzfObjTime(now.sec(), now.usec())); },
+              [this](std::string const& reason)
+              {
+                OZF_LOG(getOzfLogger(), 1, SOURCE, "DiscoveryTimerBase::handle_timeout",
+                        "A timer's firing ended early and is tried again: " << reason);
+                schedule(retryDelay());
+              });
   return 0;
 }
 
@@ -125,9 +126,32 @@ DiscoveryRepository::ExplorerPushTimer::ExplorerPushTimer(DiscoveryRepository& r
 {
 }
 
+bool DiscoveryRepository::ExplorerPushTimer::trigger(ACE_Time_Value const& delay)
+{
+  LockableGuard lockableGuard(*this);
+  OZF_ASSERT(lockableGuard.locked(), "lockableGuard.locked()", SOURCE,
+             "ExplorerPushTimer::trigger");
+  if (m_triggered || (delay > m_period && s_clock.load()() < m_quietUntil))
+    return false;
+  m_triggered = true;
+  schedule(delay); // takes the firing that was set away
+  return true;
+}
+
+void DiscoveryRepository::ExplorerPushTimer::noteFiring()
+{
+  LockableGuard lockableGuard(*this);
+  OZF_ASSERT(lockableGuard.locked(), "lockableGuard.locked()", SOURCE,
+             "ExplorerPushTimer::handle_timeout");
+  if (m_triggered)
+    m_quietUntil = s_clock.load()() + QUIET_AFTER_TRIGGERED;
+  m_triggered = false;
+}
+
 void DiscoveryRepository::ExplorerPushTimer::fire(OzfObjTime const& fired)
 {
   constexpr char const* OPERATION = "ExplorerPushTimer::handle_timeout";
+  noteFiring();
   if (!enterOrb(m_repository, OPERATION, "Cannot get instance of ORB"))
     return;
 
@@ -287,11 +311,12 @@ void DiscoveryRepository::triggerPushTimer()
   }
   if (!timer)
     return;
-  timer->cancel();
   int const delay = randomDelay(TRIGGERED_PUSH_RANGE);
   OZF_LOG(getOzfLogger(), 4, SOURCE, "DiscoveryRepository::triggerPushTimer",
           "triggering push in " << delay << " seconds");
-  timer->schedule(ACE_Time_Value(delay));
+  if (!timer->trigger(ACE_Time_Value(delay)))
+    OZF_LOG(getOzfLogger(), 4, SOURCE, "DiscoveryRepository::triggerPushTimer",
+            "leaving the next push where it is, which is sooner");
 }
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

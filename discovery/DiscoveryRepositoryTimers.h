@@ -10,6 +10,9 @@
 
 #include <ace/Time_Value.h>
 
+#include <atomic>
+#include <chrono>
+
 class ACE_Reactor;
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
@@ -47,13 +50,28 @@ class TQ_EXPORT DiscoveryRepository::ExplorerPushTimer : public virtual Discover
 public:
   ExplorerPushTimer(DiscoveryRepository& repository, Snapshot explorers);
 
+  // Moves the next firing to the delay, as triggerPushTimer says; false when it
+  // is left where it is.
+  bool trigger(ACE_Time_Value const& delay);
+
+  // For tests: the clock of the five minutes, of all push timers.
+  using Clock = std::chrono::steady_clock::time_point (*)();
+  static void setClock(Clock clock) noexcept { s_clock = clock; }
+
 private:
   void fire(OzfObjTime const& fired) override;
   ACE_Time_Value retryDelay() const override { return m_period; }
+  void noteFiring();
+
+  static inline std::atomic<Clock> s_clock{&std::chrono::steady_clock::now};
 
   DiscoveryRepository& m_repository;
   Snapshot m_explorers;
   ACE_Time_Value m_period;
+
+  // Guarded by the timer's lock.
+  bool m_triggered = false;                           // the firing to come was moved
+  std::chrono::steady_clock::time_point m_quietUntil; // after one that had been
 };
 
 // Announces this host's pull explorers to the master and then starts the push

@@ -11,6 +11,7 @@
 
 #include <ace/Time_Value.h>
 
+#include <sstream>
 #include <string>
 #include <string_view>
 
@@ -27,6 +28,25 @@ bool isUsablePattern(std::string_view name) { return name.size() <= MAX_WIRE_NAM
 
 // The name of a host or of a service on it.
 bool isUsablePlace(std::string_view name) { return !name.empty() && isUsablePattern(name); }
+
+// What keeps a registration out, and what can be done about it.
+std::string describeStanding(DiscoveryRepository::Registration const& registration)
+{
+  ExplorerWrapper const& standing = *registration.standing;
+  std::ostringstream text;
+  text << "the entry of authority " << standing.getAuthority()->getName() << ", type "
+       << standing.getAuthority()->getType() << ", priority " << standing.getPriority();
+  if (registration.result == DiscoveryRepository::Registration::OWN)
+    text << " is this host's own, which other hosts do not replace";
+  else if (auto const* const remote =
+               dynamic_cast<RemoteExplorerPull const*>(standing.getExplorer()))
+    text << " from host " << remote->getHost().exportNarrow()
+         << " is of higher priority; \"tqdiscoctl db forget\" with its names on this host removes "
+            "it, once the service is started anew";
+  else
+    text << " is this host's own and of higher priority";
+  return text.str();
+}
 
 // Activates an iterator with the evictor and starts its idle time.
 template <class Servant>
@@ -235,8 +255,17 @@ void DiscoveryService_i::registerExplorer(char const* sourceHost, char const* so
       new RemoteExplorerPull(sourceServiceName, sourceHost, subject, authority, authType));
   // The wire has 16 bits; a negative priority becomes a very high one.
   auto const wide = static_cast<unsigned>(static_cast<int>(priority));
-  getDiscoveryRepository().registerExplorer(new Subject(subject), explorer.get(), wide,
-                                            new Authority(authority, authType), false);
+  DiscoveryRepository& repository = getDiscoveryRepository();
+  if (!repository.awaitAnnouncements())
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "The start takes long: the registration of "
+                << subject << " " << authority << " may yield to an older one that is restored");
+  auto const registration = repository.registerExplorer(new Subject(subject), explorer.get(), wide,
+                                                        new Authority(authority, authType), false);
+  if (registration.standing)
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Refused the registration of " << subject << " " << authority << ", priority " << wide
+                                           << ": " << describeStanding(registration));
 }
 
 CORBA::Boolean DiscoveryService_i::terminate()

@@ -2,6 +2,7 @@
 
 #include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryRepository.h"
+#include "ozf/plugin/CurrentException.h"
 #include "ozf/plugin/RuntimeLoader.h"
 
 namespace
@@ -138,15 +139,14 @@ void ExplorerLoader::loadDefaultLibrary(SymbolResolver& resolver, SymbolResolver
     OZF_LOG(getOzfLogger(), 1, SOURCE, operation,
             "Unable to resolve symbol " << exception.what() << " in " << DEFAULT_LIBRARY);
   }
-  catch (std::exception const& exception)
+  catch (abi::__forced_unwind const&)
   {
-    OZF_LOG(getOzfLogger(), 1, SOURCE, operation,
-            "Registration in " << DEFAULT_LIBRARY << " failed: " << exception.what());
+    throw; // of a thread that is cancelled
   }
   catch (...)
   {
     OZF_LOG(getOzfLogger(), 1, SOURCE, operation,
-            "Registration in " << DEFAULT_LIBRARY << " failed for an unknown reason");
+            "Registration in " << DEFAULT_LIBRARY << " failed: " << currentExceptionText());
   }
 }
 

@@ -28,7 +28,9 @@ public:
   char const* getExplorerName() const override;
 
   // True when exactly one discovery of the other host matches and its payload
-  // was copied into target. After a failure target may be partly written.
+  // was read to the end. Whether target took all of it is not looked at: what
+  // failed to be written is passed over, and target's to tell. After a failure
+  // target may be partly written.
   bool collectionRequested(DiscoveryQuery query, Authority const& authority, Subject const& subject,
                            AutoDereference<OZFRefCounted>& context, char const* filterText,
                            CollectionData* target) override;

@@ -5,6 +5,7 @@
 #include "discovery/DiscoveryRepository.h"
 #include "discovery/FilterParameters.h"
 #include "ozf/orb/Orb.h"
+#include "ozf/plugin/CurrentException.h"
 
 #include <ace/Recursive_Thread_Mutex.h>
 #include <ace/Singleton.h>
@@ -56,7 +57,16 @@ DiscoveryResearcher::DiscoveryResearcher() : m_orb(DiscoverySvc::getOrb())
     OZF_LOG(getOzfLogger(), 6, SOURCE, OPERATION,
             "DiscoveryResearcher::DiscoveryResearcher() .... new Orb(" << name << ")");
     m_ownOrb = std::make_unique<Orb>(1, "", name, 1, 1024);
-    if (!m_ownOrb->init() || m_ownOrb->run(0) != 0)
+    bool up = false;
+    // Besides CORBA's own failures, those of the system: threads that it does
+    // not give are exceptions.
+    if (callGuarded([&] { up = m_ownOrb->init() && m_ownOrb->run(0) == 0; },
+                    [&](std::string const& reason)
+                    {
+                      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+                              "Failed to start the ORB " << name << ": " << reason);
+                    }) &&
+        !up)
       OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to start the ORB " << name);
     orb = m_ownOrb.get();
   }
@@ -66,16 +76,17 @@ DiscoveryResearcher::DiscoveryResearcher() : m_orb(DiscoverySvc::getOrb())
 
 DiscoveryResearcher::~DiscoveryResearcher()
 {
-  try
-  {
-    m_framework->shutdown();
-    m_framework->fini();
-  }
-  catch (std::exception const& exception)
-  {
-    OZF_LOG(getOzfLogger(), 1, SOURCE, "DiscoveryResearcher::~DiscoveryResearcher",
-            "Failed to shut the discovery framework down: " << exception.what());
-  }
+  callGuarded(
+      [this]
+      {
+        m_framework->shutdown();
+        m_framework->fini();
+      },
+      [](std::string const& reason)
+      {
+        OZF_LOG(getOzfLogger(), 1, SOURCE, "DiscoveryResearcher::~DiscoveryResearcher",
+                "Failed to shut the discovery framework down: " << reason);
+      });
   // The repository outlives the ORB: it must not go on naming it.
   getDiscoveryRepository().setDiscoveryFramework(nullptr);
   if (m_ownOrb)
@@ -220,10 +231,14 @@ bool AuthSubIterator::parseDiscovery(CollectionData* data, FilterParameters cons
   {
     reason = "out of memory";
   }
-  catch (std::exception const& exception)
+  catch (abi::__forced_unwind const&)
   {
-    // Of a parser that a plug-in brought.
-    reason = exception.what();
+    throw; // of a thread that is cancelled
+  }
+  catch (...)
+  {
+    // Of a parser that a plug-in brought: a CORBA exception is no standard one.
+    reason = currentExceptionText();
   }
   OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to parse the discovery stream");
   OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION, reason);

@@ -55,14 +55,17 @@ TQ_EXPORT Orb* getOrb();
 // ORB set, an ORB of the API's own is brought up, on threads of its own. Not
 // for a process that runs the discovery service: that is ready already, and
 // would lose its place as this process's framework. Calls no other host yet. An
-// ORB that cannot be started is a line in the log, and queries then find
-// nothing. Any thread, but not at the same time as deinitDiscoveryResearch.
+// ORB that cannot be started, for whatever reason, is a line in the log, and
+// queries then find nothing. Any thread, but not at the same time as
+// deinitDiscoveryResearch.
 TQ_EXPORT void initDiscoveryResearch();
 
 // Takes down what initDiscoveryResearch brought up, waiting for calls in
 // progress; nothing when there is none. initDiscoveryResearch may follow. Call
 // it before main ends, when no other thread uses the API, and not in a call
 // from the ORB. Without it an ORB of the API's own is left as it is at exit.
+// An ORB that the caller set stays up, but its evictor, when it has one, is shut
+// down: what was added to it is gone, and nothing more can be added.
 TQ_EXPORT void deinitDiscoveryResearch();
 
 using CollectionItems = std::vector<AutoDereference<CollectionItem>>;

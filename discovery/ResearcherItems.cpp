@@ -7,6 +7,7 @@
 #include "discovery/DiscoveryRepository.h"
 #include "discovery/ItemMemory.h"
 #include "discovery/Researcher.h"
+#include "ozf/plugin/CurrentException.h"
 
 #include <memory>
 #include <ostream>
@@ -382,7 +383,14 @@ std::ostream& DiscoveredItem::writeXml(std::ostream& os, XmlStr::Encoding encodi
   if (m_explorerData)
   {
     writeNamedStart(os, EXPLORER_DATA_TAG, m_explorerName, encoding);
-    m_explorerData->writeXml(os, encoding);
+    callGuarded([&] { m_explorerData->writeXml(os, encoding); },
+                [&](std::string const& reason)
+                {
+                  OZF_LOG(getOzfLogger(), 1, SOURCE, "DiscoveredItem::writeXml",
+                          "The data of explorer " << m_explorerName
+                                                  << " cannot be written: " << reason);
+                  os.setstate(std::ios_base::failbit);
+                });
     XmlStr::appendEnd(os, EXPLORER_DATA_TAG);
   }
   return XmlStr::appendEnd(os, WRITTEN_ITEM_TAG);

@@ -51,7 +51,8 @@ public:
   int xmlEndElement(XmlObjParseContext* context, XMLCh const* name) override;
 
   // The element is written as Discovered, while readers look for DISCOVERED:
-  // what this writes is not read back as an item.
+  // what this writes is not read back as an item. Data of a plug-in's own that
+  // throws is a log line and leaves failbit set.
   std::ostream& writeXml(std::ostream& os, XmlStr::Encoding encoding) const override;
 
 protected:

@@ -153,6 +153,17 @@ int IsRunningOnMasterServer()
   return isOwnAddress(*configuration, resolve(getHostAddress(server))) ? 0 : 1;
 }
 
+bool isOwnHostName(std::string const& host)
+{
+  auto const configuration = getConfiguration();
+  std::string const name = withoutFinalDot(host);
+  OzfHostname local;
+  if (local.setLocal() && sameHostName(*configuration, withoutFinalDot(local.exportNarrow()), name))
+    return true;
+  auto const address = IpAddress::fromText(getHostAddress(name));
+  return address && isOwnAddress(*configuration, {*address});
+}
+
 std::string getHostAddress(std::string const& host)
 {
   auto const configuration = getConfiguration();

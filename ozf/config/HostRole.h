@@ -28,6 +28,11 @@ namespace Quillon::Tessarine::Ozf
 //   address, since those lead nowhere else.
 OZF_EXPORT int IsRunningOnMasterServer();
 
+// Whether that is a name, or an address, of this host by the same rules, as far
+// as this can be told without asking the resolver: a name that is not this
+// host's own is looked up with HOST_ADDRESS alone. Does not block.
+OZF_EXPORT bool isOwnHostName(std::string const& host);
+
 // The address to use for a host: the value of HOST_ADDRESS.<name> when there
 // is one, else the name itself, to be resolved by the system. Names are
 // compared without regard to case.

@@ -93,16 +93,14 @@ void PluginDirector::iteratePluginLibraries(LibraryIterationCallback& callback,
     if (!allowed.empty() && std::none_of(allowed.begin(), allowed.end(),
                                          [&](auto const& name) { return names(name, file); }))
       continue;
-    try
-    {
-      callback.libraryCallback(this, OzfPathname::makeFilename(folder, file).str(), kind);
-    }
-    catch (...)
-    {
-      OZF_LOG(getFrameworkLogger(), 1, SOURCE, "PluginDirector::iteratePluginLibraries",
-              "Caught exception from plug-in " << pluginName(file) << ", "
-                                               << currentExceptionText());
-    }
+    callGuarded(
+        [&]
+        { callback.libraryCallback(this, OzfPathname::makeFilename(folder, file).str(), kind); },
+        [&](std::string const& reason)
+        {
+          OZF_LOG(getFrameworkLogger(), 1, SOURCE, "PluginDirector::iteratePluginLibraries",
+                  "Caught exception from plug-in " << pluginName(file) << ", " << reason);
+        });
   }
 }
 

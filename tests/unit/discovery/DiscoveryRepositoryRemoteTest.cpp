@@ -130,6 +130,9 @@ TEST_F(DiscoveryRepositoryRemoteTest, AHostThatRefusesTheConnectionGivesTheLineW
   EXPECT_EQ(1, m_log.count(1, RemoteOperations::CONNECT,
                            "Failed to connect to remote discovery service."))
       << m_log.text();
+  EXPECT_NE(std::string::npos,
+            m_log.text().find("1 " + std::string(RemoteOperations::CONNECT) + ": TRANSIENT"))
+      << m_log.text();
   EXPECT_EQ(0, m_log.count(1, RemoteOperations::CONNECT,
                            "Failed to connect to remote discovery service"));
 }

@@ -3,6 +3,7 @@
 #include "discovery/DefaultExplorerDataParser.h"
 #include "discovery/DiscoveryRepository.h"
 #include "ozf/log/Assertion.h"
+#include "ozf/orb/Corba.h"
 #include "tests/support/FakeDiscoveries.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/NoAttributes.h"
@@ -10,6 +11,8 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <set>
 #include <sstream>
 
 using namespace tqtest;
@@ -63,18 +66,23 @@ public:
   explicit CountingParser(std::string name) : m_name(std::move(name)) {}
 
   std::string lastName;
-  bool throws = false;
   bool givesContext = true;
+  std::function<void(std::string const&)> enter = [](std::string const&) {}; // told each call
 
   int xmlStartElement(XmlObjParseContext* context, XMLCh const*, AttributeList&) override
   {
-    if (throws)
-      throw std::runtime_error("plug-in at fault");
+    enter("xmlStartElement");
     ++dynamic_cast<CountingContext&>(*context).data->elements;
     return 1;
   }
+  int xmlCharacters(XmlObjParseContext* context, XMLCh const* chars, unsigned long length) override
+  {
+    enter("xmlCharacters");
+    return ExplorerDataParser::xmlCharacters(context, chars, length);
+  }
   int xmlEndElement(XmlObjParseContext* context, XMLCh const* name) override
   {
+    enter("xmlEndElement");
     if (!context->isEndTag(name))
       return 1;
     dynamic_cast<CountingContext&>(*context).data->text = context->text().str();
@@ -84,11 +92,13 @@ public:
   XmlObjParseContext* getParseContext(OzfString const& explorerName, XMLCh const* elementName,
                                       XmlObjParseContext const* parent) override
   {
+    enter("getParseContext");
     lastName = explorerName.str();
     return givesContext ? new CountingContext(elementName, parent) : nullptr;
   }
   ExplorerData* getExplorerData(XmlObjParseContext* context) override
   {
+    enter("getExplorerData");
     return AutoDereference<ExplorerData>(dynamic_cast<CountingContext&>(*context).data).release();
   }
   char const* getExplorerParserName() const override { return m_name.c_str(); }
@@ -409,12 +419,66 @@ TEST_F(ResearcherItemsTest, GetExplorerDataAddsAReference)
 TEST_F(ResearcherItemsTest, AnExceptionOfAParserFailsTheParseAndNothingElse)
 {
   auto const parser = registered("mine");
-  parser->throws = true;
+  parser->enter = [](std::string const&) { throw std::runtime_error("plug-in at fault"); };
   auto const read = itemsOf(items("<DISCOVERED Name=\"a\"/><DISCOVERED><ExplorerData Name=\"mine\">"
                                   "<x/></ExplorerData></DISCOVERED>"));
   EXPECT_FALSE(read.parsed);
   EXPECT_EQ("a;", itemNames(read));
   EXPECT_TRUE(log.has(4, "AuthSubIterator::parseDiscovery", "plug-in at fault")) << log.text();
+}
+
+TEST_F(ResearcherItemsTest, WhateverAParserThrowsInWhicheverCallFailsTheParseAndNothingElse)
+{
+  auto const parser = registered("mine");
+  std::vector<std::string> entered;
+  parser->enter = [&](std::string const& call) { entered.push_back(call); };
+  std::string const document = items("<DISCOVERED Name=\"a\"/><DISCOVERED><ExplorerData "
+                                     "Name=\"mine\"><x>text</x></ExplorerData></DISCOVERED>");
+  ASSERT_TRUE(itemsOf(document).parsed);
+  std::set<std::string> const calls(entered.begin(), entered.end());
+  EXPECT_EQ(5u, calls.size()) << "getParseContext, three of the text, getExplorerData";
+  for (std::string const& call : calls)
+  {
+    parser->enter = [&](std::string const& entering)
+    {
+      if (entering == call)
+        throw CORBA::NO_RESOURCES();
+    };
+    auto const read = itemsOf(document);
+    EXPECT_FALSE(read.parsed) << call;
+    EXPECT_EQ("a;", itemNames(read)) << call;
+  }
+  EXPECT_EQ(5, log.count(4, "AuthSubIterator::parseDiscovery",
+                         "an exception of type CORBA::NO_RESOURCES"))
+      << log.text();
+  parser->enter = [](std::string const&) { throw 5; };
+  EXPECT_FALSE(itemsOf(document).parsed);
+}
+
+TEST_F(ResearcherItemsTest, DataThatThrowsWhenItIsWrittenMarksTheStream)
+{
+  struct Unwritable : virtual ExplorerData
+  {
+    std::ostream& writeXml(std::ostream&, XmlStr::Encoding) const override
+    {
+      throw CORBA::NO_RESOURCES();
+    }
+  };
+  struct UnwritableParser : CountingParser
+  {
+    using CountingParser::CountingParser;
+    ExplorerData* getExplorerData(XmlObjParseContext*) override { return new Unwritable; }
+  };
+  AutoDereference<UnwritableParser> const parser(new UnwritableParser("mine"));
+  getDiscoveryRepository().registerExplorerParser("mine", parser.get());
+  auto const read = itemsOf(items("<DISCOVERED><ExplorerData Name=\"mine\"/></DISCOVERED>"));
+  std::ostringstream os;
+  itemOf(read).writeXml(os, XmlStr::UTF_8);
+  EXPECT_TRUE(os.fail());
+  EXPECT_TRUE(log.has(1, "DiscoveredItem::writeXml",
+                      "The data of explorer mine cannot be written: an exception of type "
+                      "CORBA::NO_RESOURCES"))
+      << log.text();
 }
 
 TEST_F(ResearcherItemsTest, AParserThatGivesNoContextFailsAnAssertion)

@@ -12,7 +12,9 @@
 #include <algorithm>
 #include <chrono>
 #include <dirent.h>
+#include <sys/resource.h>
 #include <thread>
+#include <unistd.h>
 
 using namespace tqtest;
 
@@ -187,6 +189,29 @@ TEST_F(ResearcherLifeTest, AnOrbThatCannotStartIsReportedAndFailsTheQuery)
   EXPECT_TRUE(log.has(1, "getAuthSubIterator", "Failed to get a handle to discoveries"))
       << log.text();
   deinitDiscoveryResearch();
+}
+
+// What the system refuses is an exception of the ORB's thread library, or of the
+// standard one, and no CORBA exception.
+TEST_F(ResearcherLifeTest, WithoutThreadsToBeHadNothingIsThrown)
+{
+  auto const tryIt = []
+  {
+    constexpr uid_t NOBODY = 65534; // the limit does not hold for root
+    rlimit const none{0, 0};
+    if ((geteuid() == 0 && setuid(NOBODY) != 0) || setrlimit(RLIMIT_NPROC, &none) != 0)
+      return 2;
+    try
+    {
+      initDiscoveryResearch();
+    }
+    catch (...)
+    {
+      return 1;
+    }
+    return getAuthSubIterator(DQ_DISCOVERY_DATA, "", "", AT_ANYANDALL) ? 3 : 0;
+  };
+  EXPECT_EXIT(_exit(tryIt()), testing::ExitedWithCode(0), "Failed to start the ORB researcher_1");
 }
 
 // ---- reading from the master ----

@@ -141,6 +141,19 @@ TEST_F(HostRoleTest, HostAddressComesFromTheConfigurationElseIsTheName)
   EXPECT_EQ(getHostAddress(""), "");
 }
 
+TEST_F(HostRoleTest, OwnNamesAreToldWithoutTheResolver)
+{
+  configure("CLIENT_NAME = web7.example.net\nORB_BIND = 192.0.2.7\n"
+            "HOST_ADDRESS.seven = 192.0.2.7\nHOST_ADDRESS.eight = 192.0.2.8\n");
+  for (char const* const own :
+       {"web7.example.net", "WEB7.example.net.", "web7", "192.0.2.7", "seven"})
+    EXPECT_TRUE(isOwnHostName(own)) << own;
+  // The last would be an address of this machine if it were looked up.
+  for (char const* const other :
+       {"web7.example.org", "web8", "192.0.2.8", "eight", "", "localhost"})
+    EXPECT_FALSE(isOwnHostName(other)) << other;
+}
+
 TEST_F(HostRoleTest, ServicePortComesFromConfigurationThenServicesThenTheBuiltIn)
 {
   configure("ORB_PORT.DiscoveryService = 4242\n");
