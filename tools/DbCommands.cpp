@@ -5,6 +5,7 @@
 #include "ozf/base/Uri.h"
 #include "ozf/config/ProductRoot.h"
 #include "tools/DatabaseScan.h"
+#include "tools/DbForget.h"
 #include "tools/ExitCodes.h"
 #include "tools/Format.h"
 #include "tools/Output.h"
@@ -220,7 +221,7 @@ void addDbCommands(CLI::App& application, int& exitCode)
   options->directory = getDefaultDatabasePath();
 
   CLI::App* const db = application.add_subcommand(
-      "db", "Look at a database directory; needs no service and changes nothing");
+      "db", "Look at a database directory, or remove from it; needs no service");
   db->require_subcommand(1);
   db->fallthrough();
   db->add_option("-d,--directory", options->directory, "The database directory")
@@ -247,6 +248,8 @@ void addDbCommands(CLI::App& application, int& exitCode)
       "verify", "Check that every file can be read and parsed and has its partner");
   verifyCommand->add_flag("--json", options->json, "As JSON");
   verifyCommand->callback([options, &exitCode] { exitCode = verify(*options); });
+
+  addForgetCommand(*db, std::shared_ptr<std::string const>(options, &options->directory), exitCode);
 }
 
 } // namespace tqdiscoctl
