@@ -26,11 +26,6 @@ namespace
 
 constexpr char SOURCE[] = "DiscDB";
 
-struct DirectoryCloser
-{
-  void operator()(DIR* directory) const { ::closedir(directory); }
-};
-
 // A link that leads nowhere counts as there: it deserves its log line.
 bool isAbsent(std::string const& path)
 {
@@ -103,29 +98,6 @@ void DiscoveryDBCreator::init(std::string const& name)
   m_directory = OzfPathname::makeFilename(getDefaultDatabasePath(), name).str();
   setupDB();
   m_init = true;
-}
-
-void DiscoveryDBCreator::setupDB()
-{
-  constexpr char OPERATION[] = "DiscoveryDBCreator::setupDB";
-  if (int const error = mkdirpath(m_directory, 0755); error != 0)
-    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
-            "Unable to create directory path " << m_directory << ", error " << error);
-
-  CleanupLock const lock(m_directory.c_str(), CleanupLock::EXCLUSIVE);
-  if (!lock.isLocked())
-    return;
-  std::unique_ptr<DIR, DirectoryCloser> const directory(::opendir(m_directory.c_str()));
-  if (!directory)
-    return;
-  while (dirent const* const entry = ::readdir(directory.get()))
-  {
-    if (wildcardcmp("*.updating", entry->d_name) != 0)
-      continue;
-    OzfPathname const path = OzfPathname::makeFilename(m_directory, entry->d_name);
-    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Deleting temporary file " << path.str());
-    ::unlink(path.c_str());
-  }
 }
 
 DiscoveryIterator* DiscoveryDBCreator::getIterator(DiscoveryQuery) const

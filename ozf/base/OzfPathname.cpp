@@ -1,17 +1,31 @@
 #include "ozf/base/OzfPathname.h"
 
+#include "ozf/base/SystemError.h"
+
 #include <cerrno>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace Quillon::Tessarine::Ozf
 {
 namespace
 {
 
+// A folder that we may not read, or whose file system does not flush folders,
+// is left to the system.
+int flushDirectory(std::string const& path)
+{
+  UniqueFd const directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!directory.valid() || ::fsync(directory.get()) == 0 || errno == EINVAL || errno == ENOTSUP)
+    return 0;
+  return errno;
+}
+
 int makeOne(std::string const& path, mode_t mode)
 {
   if (::mkdir(path.c_str(), mode) == 0)
-    return 0;
+    return flushDirectory(OzfPathname(path).directory());
   int const error = errno;
   // A read-only file system or a parent without write permission may refuse
   // to make what is there already, so any refusal is checked against the facts.
@@ -72,7 +86,8 @@ int mkdirpath(std::string const& path, mode_t mode)
     if (int const error = makeOne(path.substr(0, slash), mode); error != 0)
       return error;
   }
-  return makeOne(path, mode);
+  auto const last = path.find_last_not_of('/');
+  return makeOne(last == std::string::npos ? "/" : path.substr(0, last + 1), mode);
 }
 
 } // namespace Quillon::Tessarine::Ozf

@@ -38,8 +38,9 @@ private:
 };
 
 // Creates path and all missing parents with the permissions mode (as limited
-// by the umask). Returns 0 when path is a directory afterwards, else the errno
-// value of what failed: ENOTDIR when a part is something else.
+// by the umask), and flushes the folders in which it made some, so that a power
+// cut leaves what was made. Returns 0 when path is a directory afterwards, else
+// the errno value of what failed: ENOTDIR when a part is something else.
 OZF_EXPORT int mkdirpath(std::string const& path, mode_t mode);
 
 } // namespace Quillon::Tessarine::Ozf

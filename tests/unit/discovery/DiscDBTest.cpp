@@ -177,6 +177,52 @@ TEST_F(Creator, SetupKeepsTheTemporaryFilesOfThisProcess)
   EXPECT_TRUE(fs::exists(dir + "/0.updating"));
 }
 
+TEST_F(Creator, ADirectoryThatCannotBeCleanedIsLogged)
+{
+  std::string const dir = m_root / "db/discovery";
+  fs::create_directories(dir);
+  for (std::string const fault : {"opendir", "readdir"})
+  {
+    LogCapture log;
+    SystemCalls const calls(dir, [&](std::string const& call)
+                            { return call == fault + " ." ? EMFILE : 0; });
+    initialised();
+    EXPECT_EQ(1, log.count(1, SETUP,
+                           "Unable to " + std::string(fault == "opendir" ? "open" : "read") +
+                               " directory " + dir + ": Too many open files (24)"))
+        << log.text();
+  }
+}
+
+TEST_F(Creator, WhatInitMakesIsFlushedInItsParents)
+{
+  std::vector<std::string> flushed;
+  {
+    SystemCalls const calls(m_root.path());
+    initialised("service");
+    std::copy_if(calls.seen().begin(), calls.seen().end(), std::back_inserter(flushed),
+                 [](std::string const& call) { return call.starts_with("fsync"); });
+  }
+  EXPECT_EQ((std::vector<std::string>{"fsync .", "fsync db", "fsync db/discovery"}), flushed);
+
+  SystemCalls const calls(m_root.path());
+  initialised("service");
+  EXPECT_EQ(0, std::count(calls.seen().begin(), calls.seen().end(), std::string("fsync .")))
+      << "it was there";
+}
+
+TEST_F(Creator, AParentThatFailsToBeFlushedIsLogged)
+{
+  LogCapture log;
+  SystemCalls const calls(m_root.path(),
+                          [](std::string const& call) { return call == "fsync db" ? EIO : 0; });
+  initialised();
+  EXPECT_EQ(1, log.count(1, SETUP,
+                         "Unable to create directory path " + (m_root / "db/discovery") +
+                             ", error " + std::to_string(EIO)))
+      << log.text();
+}
+
 TEST_F(Creator, NewDiscoveriesGoIntoTheDirectory)
 {
   std::string const dir = initialised();
