@@ -108,7 +108,7 @@ void barePersist(std::string const& directory, std::string const& base, std::str
   require(::pwrite(fd, metadata.data(), metadata.size(), 0) == length, "metadata not written");
   require(::ftruncate(fd, length) == 0, "metadata not truncated");
   ::close(data);
-  ::unlink(dataPath.c_str());
+  static_cast<void>(::lstat(dataPath.c_str(), &status));
   require(::rename(temporary.c_str(), dataPath.c_str()) == 0, "payload not renamed");
   unlockAndClose(guard);
   require(::fsync(folder) == 0, "directory not flushed");

@@ -59,6 +59,7 @@ int DBCollectionData::open(OpenMode mode, char const*)
 {
   abandon();
   m_mode = mode;
+  m_renameFailed = false;
   return mode == OM_UPDATE ? openTemporary() : openPayload();
 }
 
@@ -216,42 +217,58 @@ bool DBCollectionData::flush()
 bool DBCollectionData::persist(OzfPathname const& target)
 {
   constexpr char OPERATION[] = "DBCollectionData::persist";
+  if (m_renameFailed)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Refused to persist again what failed before: " << target.str());
+    return false;
+  }
   if (m_handle == ACE_INVALID_HANDLE && open(OM_UPDATE, "") == 0)
     return false;
   OZF_ASSERT(m_handle != ACE_INVALID_HANDLE, "ACE_INVALID_HANDLE != m_handle", SOURCE, OPERATION);
   OZF_ASSERT(m_mode == OM_UPDATE, "OM_UPDATE == m_mode", SOURCE, OPERATION);
   closeHandle(OPERATION);
 
-  if (::unlink(target.c_str()) != 0)
-    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Unable to delete " << target.str());
-  else
-    OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION, "Deleted file: " << target.str());
+  // The old payload goes in the same step in which the new one comes, so that
+  // there is one at every moment.
+  OzfPathname const temporary = m_path;
+  OzfPathname reached = target;
+  struct stat status
+  {
+  };
+  bool const replaces = ::lstat(target.c_str(), &status) == 0;
+  int const error = ::rename(temporary.c_str(), target.c_str()) == 0 ? 0 : errno;
+  if (error == 0)
+    m_path = std::move(reached);
+  m_renameFailed = error != 0;
 
-  if (::rename(m_path.c_str(), target.c_str()) != 0)
+  if (replaces && error == 0)
+    OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION, "Deleted file: " << target.str());
+  else
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Unable to delete " << target.str());
+  if (error != 0)
   {
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
-            "Unable to rename " << m_path.str() << " to " << target.str());
+            "Unable to rename " << temporary.str() << " to " << target.str());
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, temporary.str() << ": " << errorText(error));
     m_directory.reset();
     return false;
   }
   OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
-          "Successfully renamed " << m_path.str() << " to " << target.str());
+          "Successfully renamed " << temporary.str() << " to " << target.str());
   m_cleanupLock.reset();
-  m_path = target;
-  flushDirectory(target.directory());
   return true;
 }
 
-// Makes the names in the directory durable, where the file system can do it.
-// Both files are in place by now, so a failure is told and costs nothing.
-void DBCollectionData::flushDirectory(std::string const& directory)
+bool DBCollectionData::flushDirectory()
 {
-  if (!m_directory.valid())
-    return;
-  if (::fsync(m_directory.get()) != 0 && errno != EINVAL && errno != ENOTSUP)
-    OZF_LOG(getOzfLogger(), 1, SOURCE, "DBCollectionData::persist",
-            "Unable to flush " << directory << ": " << errorText(errno));
-  m_directory.reset();
+  UniqueFd const directory = std::move(m_directory);
+  OZF_ASSERT(directory.valid(), "m_directory.valid()", SOURCE, "DBCollectionData::flushDirectory");
+  if (::fsync(directory.get()) == 0 || errno == EINVAL || errno == ENOTSUP)
+    return true;
+  OZF_LOG(getOzfLogger(), 1, SOURCE, "DBCollectionData::persist",
+          "Unable to flush " << m_path.directory() << ": " << errorText(errno));
+  return false;
 }
 
 bool DBCollectionData::cleanup()
@@ -283,7 +300,8 @@ bool DBCollectionData::expire() const
 {
   constexpr char OPERATION[] = "DBCollectionData::expire";
   OZF_ASSERT(m_handle == ACE_INVALID_HANDLE, "ACE_INVALID_HANDLE == m_handle", SOURCE, OPERATION);
-  if (::access(m_path.c_str(), F_OK) != 0)
+  // Where it cannot be found out, the deletion shows it.
+  if (::access(m_path.c_str(), F_OK) != 0 && (errno == ENOENT || errno == ENOTDIR))
   {
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Collection data did not exist " << m_path.str());
     return true;

@@ -41,14 +41,21 @@ public:
   // line, when the payload must not be persisted. Nothing stored is touched.
   bool flush();
 
-  // Makes what was written the file target. Without flush before it a power cut
-  // may take the content.
+  // Makes what was written the file target, replacing the one that is there in
+  // one step. Without flush before it a power cut may take the content. False,
+  // with log lines, when target is as it was; the temporary file then stays, and
+  // nothing can be persisted until the next open for update.
   bool persist(OzfPathname const& target);
+
+  // Makes the new name durable, where the file system can do that. Only after a
+  // flush and a persist. False, with a log line, when a power cut may take it.
+  bool flushDirectory();
 
   // Throws an open temporary file away. Always true.
   bool cleanup();
 
-  // Deletes the payload file; a missing one is fine. Only when nothing is open.
+  // Deletes the payload file; a missing one is fine. False when it is still
+  // there. Only when nothing is open.
   bool expire() const;
 
   OzfPathname const& getPath() const noexcept { return m_path; }
@@ -57,7 +64,6 @@ private:
   bool openPayload();
   bool lockMetadata() const;
   bool openTemporary();
-  void flushDirectory(std::string const& directory);
   void closeHandle(char const* operation);
 
   // Lets go of what an earlier open left.
@@ -66,6 +72,7 @@ private:
   OzfPathname m_path;
   ACE_HANDLE m_handle = ACE_INVALID_HANDLE;
   int m_mode = OM_READ; // an OpenMode, or whatever number was given for one
+  bool m_renameFailed = false;
   std::unique_ptr<CleanupLock> m_cleanupLock;
   UniqueFd m_directory; // open from flush to persist
   HeldFile const* m_metadataLock = nullptr;

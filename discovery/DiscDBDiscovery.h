@@ -11,6 +11,7 @@
 #include <sys/types.h>
 
 #include <iosfwd>
+#include <optional>
 #include <string>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
@@ -33,6 +34,10 @@ public:
   DBDiscovery(OzfPathname const& dir, DBCollectionData* data, DiscoveryQuery query);
   ~DBDiscovery() override;
 
+  // DS_SUCCESS when both files are in place and on the disk. On any failure but
+  // that of the last flushes, which a log line tells, what was stored is as it
+  // was. After a failure another persist fails until an open for update
+  // succeeded.
   DiscoveryStatus persist() override;
   DiscoveryStatus open(OpenMode mode, char const* name) override;
   void setAuthority(Authority* authority) override;
@@ -47,8 +52,10 @@ public:
   bool load(char const* text);
 
   // Whether this discovery may replace the stored one of the same name: there
-  // is none that counts, or its priority is not higher. Asserts that it is no
-  // stored discovery itself.
+  // is none that counts, or its priority is not higher. One that is there and
+  // cannot be opened or locked is no permission, nor is an end of memory; one
+  // that cannot be read is, but not to persist, which could not put it back.
+  // Asserts that it is no stored discovery itself.
   bool canOverride();
 
   // Rewrites the file in place so that a crash at any moment leaves a
@@ -65,21 +72,35 @@ public:
 
 private:
   bool loadInternal();
-  bool canOverride(OzfPathname const& path, std::string& seen);
+  // Whether the stored discovery may be replaced.
+  enum class Answer
+  {
+    YES,
+    NO,
+    UNREADABLE, // it could be opened but not read
+    UNKNOWN     // it could not be opened, or memory ran out
+  };
+
+  Answer askForPermission();
+  Answer askForPermission(OzfPathname const& path, std::string& seen);
+  Answer readAndJudge(OzfPathname const& path, std::string& seen) const;
   bool priorityAllows(std::string& stored) const;
   bool renderDocument(OzfPathname const& path, std::string& document) const;
   DiscoveryStatus persistFiles(DBCollectionData& data, OzfPathname const& path,
                                OzfPathname const& dataPath);
-  DiscoveryStatus replaceFiles(int fd, std::string const& seen, std::string const& document,
-                               DBCollectionData& data, OzfPathname const& path,
-                               OzfPathname const& dataPath) const;
+  DiscoveryStatus readStored(int fd, std::string const& seen, std::optional<std::string>& stored,
+                             OzfPathname const& path) const;
+  DiscoveryStatus replaceFiles(int fd, std::optional<std::string> const& stored,
+                               std::string const& document, DBCollectionData& data,
+                               OzfPathname const& path, OzfPathname const& dataPath) const;
   bool upgradeLock();
   DiscoveryStatus expireLocked();
 
   HeldFile m_fileLock;    // null when no file is held
   std::string m_metadata; // empty when a producer set the parts
   OzfPathname m_directory;
-  OzfPathname m_heldPath; // of the metadata file held; guards its closing
+  OzfPathname m_heldPath;       // of the metadata file held; guards its closing
+  bool m_persistFailed = false; // since the last open for update
 };
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -24,8 +24,8 @@
 // record kept, and nothing but that; the metadata has been read by then. The
 // payload has not: who opens it locks the metadata file once more, under the
 // guard, and makes sure that it still is the stored one. Otherwise he could
-// look for the payload between the deletion of the old one and the renaming of
-// the new one.
+// look for the payload while a writer has written the metadata and not yet
+// renamed the payload that belongs to it.
 //
 //   operation                       guard held                record lock
 //   ------------------------------  ------------------------  ---------------
@@ -149,7 +149,7 @@ int waitWriteLock(ACE_File_Lock& lock, std::chrono::milliseconds limit)
   return waitLock([&lock] { return lock.acquire_write(0, 0, 1); }, limit);
 }
 
-bool isFileAt(int fd, char const* path)
+bool isFileAt(int fd, char const* path, int* error)
 {
   struct stat open
   {
@@ -157,8 +157,10 @@ bool isFileAt(int fd, char const* path)
   struct stat named
   {
   };
-  return ::fstat(fd, &open) == 0 && ::stat(path, &named) == 0 && open.st_dev == named.st_dev &&
-         open.st_ino == named.st_ino;
+  bool const asked = ::fstat(fd, &open) == 0 && ::stat(path, &named) == 0;
+  if (error != nullptr)
+    *error = asked || errno == ENOENT || errno == ENOTDIR ? 0 : errno;
+  return asked && open.st_dev == named.st_dev && open.st_ino == named.st_ino;
 }
 
 // Who has no users serves the next path: records come by the hundred thousand.

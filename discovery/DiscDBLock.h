@@ -83,8 +83,9 @@ TQ_EXPORT int waitWriteLock(ACE_File_Lock& lock, std::chrono::milliseconds limit
 
 // Whether path is a name of the open file. A lock on a file that lost its name
 // or gave it to another file is worth nothing. Counting links is not enough: a
-// snapshot made of hard links keeps files alive under other names.
-TQ_EXPORT bool isFileAt(int fd, char const* path);
+// snapshot made of hard links keeps files alive under other names. error tells
+// the two kinds of no apart: 0, or why it could not be found out.
+TQ_EXPORT bool isFileAt(int fd, char const* path, int* error = nullptr);
 
 // How often a lock is taken anew because its file was replaced meanwhile. Files
 // are not replaced that often; a file system that answers differently for the

@@ -46,7 +46,7 @@ SystemCalls::~SystemCalls() { watcher = nullptr; }
 
 bool SystemCalls::changes(std::string const& call)
 {
-  for (char const* const other : {"fcntl", "open", "pread", "read", "fstat"})
+  for (char const* const other : {"fcntl", "open", "pread", "read", "fstat", "access"})
     if (call.starts_with(other))
       return false;
   return true;
@@ -151,6 +151,12 @@ extern "C"
   {
     static auto* const next = original<int(int)>("fdatasync");
     return SystemCalls::fails("fdatasync", fd) ? -1 : next(fd);
+  }
+
+  int access(char const* path, int mode) noexcept
+  {
+    static auto* const next = original<int(char const*, int)>("access");
+    return SystemCalls::fails("access", path) ? -1 : next(path, mode);
   }
 
   int unlink(char const* path) noexcept

@@ -1,0 +1,497 @@
+// How a discovery is written. The locks are explained in DiscDBLock.cpp, what a
+// failure or a crash leaves in docs/database.md.
+
+#include "discovery/DiscDBDiscovery.h"
+
+#include "discovery/DiscDBFiles.h"
+#include "discovery/DiscoveryLog.h"
+#include "discovery/XMLHelper.h"
+#include "ozf/base/SystemError.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <new>
+#include <optional>
+#include <sstream>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+namespace
+{
+
+constexpr char SOURCE[] = "DiscDB";
+constexpr char PERSIST[] = "DBDiscovery::persist";
+
+// O_NONBLOCK: a FIFO or a device in the file's place must not hold us up.
+constexpr int COMMON_FLAGS = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+
+// Only of what is not there may be said that nothing is stored.
+bool saysAbsent(int error) { return error == ENOENT || error == ENOTDIR; }
+
+void logUnopened(std::string const& path, int error, char const* operation)
+{
+  OZF_LOG(getOzfLogger(), 1, SOURCE, operation, "Unable to open " << path);
+  OZF_LOG(getOzfLogger(), 1, SOURCE, operation, path << ": " << errorText(error));
+}
+
+void logUnread(std::string const& path, int error, char const* operation)
+{
+  OZF_LOG(getOzfLogger(), 1, SOURCE, operation,
+          "Unable to read " << path << ": " << errorText(error));
+}
+
+void logUnexamined(std::string const& path, int error, char const* operation)
+{
+  OZF_LOG(getOzfLogger(), 1, SOURCE, operation,
+          "Unable to examine " << path << ": " << errorText(error));
+}
+
+// The line may be what there is no memory for.
+void logOutOfMemory(char const* operation) noexcept
+{
+  try
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, operation, "Out of memory, nothing was stored");
+  }
+  catch (std::bad_alloc const&)
+  {
+  }
+}
+
+bool writeAll(int fd, std::string const& text)
+{
+  std::size_t done = 0;
+  while (done < text.size())
+  {
+    ssize_t const count =
+        ::pwrite(fd, text.data() + done, text.size() - done, static_cast<off_t>(done));
+    if (count < 0 && errno == EINTR)
+      continue;
+    if (count <= 0)
+      return false;
+    done += static_cast<std::size_t>(count);
+  }
+  return true;
+}
+
+// Takes a write lock. While another process keeps its lock the guard is given
+// up, and the lock asked for again once the guard is back: a thread that closed
+// the file in between has taken the lock along.
+int waitGivingUpTheGuard(ACE_File_Lock& lock, OzfPathname const& path,
+                         std::optional<MetadataGuard>& guard)
+{
+  int granted = lock.tryacquire_write(0, 0, 1);
+  while (granted != 0 && errno == EBUSY)
+  {
+    guard.reset();
+    granted = waitWriteLock(lock);
+    int const error = errno;
+    guard.emplace(path.str());
+    if (granted == 0)
+      granted = lock.tryacquire_write(0, 0, 1);
+    else
+      errno = error;
+  }
+  return granted;
+}
+
+// A metadata file locked for writing; none when it cannot be had.
+struct LockedFile
+{
+  HeldFile file;
+  bool made = false; // by us, just now
+};
+
+// Opens the file, or makes it when it is missing. -1 with errno, which is
+// EEXIST when another was faster.
+int openOrMake(OzfPathname const& path, bool& made)
+{
+  made = false;
+  int const fd = ::open(path.c_str(), O_RDWR | COMMON_FLAGS);
+  if (fd >= 0 || errno != ENOENT)
+    return fd;
+  made = true;
+  return ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | COMMON_FLAGS, 0644);
+}
+
+// An empty file that we made would only be in every reader's way. Asked without
+// fstat, whose failure may be what brought us here.
+void deleteIfEmpty(int fd, OzfPathname const& path)
+{
+  if (::lseek(fd, 0, SEEK_END) == 0 && ::unlink(path.c_str()) != 0)
+    OZF_LOG(getOzfLogger(), 1, SOURCE, PERSIST,
+            "Unable to delete " << path.str() << ": " << errorText(errno));
+}
+
+// Takes a write lock on what path then names. When it cannot be had, log lines
+// say so. The guard must outlive the result, which closes the file.
+LockedFile lockForWriting(OzfPathname const& path, std::optional<MetadataGuard>& guard)
+{
+  for (int round = 0; round < REPLACED_LIMIT; ++round)
+  {
+    bool made = false;
+    int const fd = openOrMake(path, made);
+    if (fd < 0 && errno == EEXIST)
+      continue;
+    if (fd < 0)
+    {
+      logUnopened(path.str(), errno, PERSIST);
+      return {};
+    }
+    HeldFile file(new ACE_File_Lock(fd, false));
+    int error = 0;
+    if (waitGivingUpTheGuard(*file, path, guard) == 0)
+    {
+      if (isFileAt(fd, path.c_str(), &error))
+        return {std::move(file), made};
+      if (error == 0)
+        continue;
+      logUnexamined(path.str(), error, PERSIST);
+    }
+    else
+      OZF_LOG(getOzfLogger(), 1, SOURCE, PERSIST, "Unable to lock " << path.str());
+    if (made)
+      deleteIfEmpty(fd, path);
+    return {};
+  }
+  OZF_LOG(getOzfLogger(), 1, SOURCE, PERSIST, "Unable to lock " << path.str());
+  return {};
+}
+
+// After a failure: the document of before, or no file where there was none.
+void putBack(int fd, std::string const& stored, OzfPathname const& path)
+{
+  if (stored.empty())
+  {
+    if (::unlink(path.c_str()) != 0)
+      OZF_LOG(getOzfLogger(), 1, SOURCE, PERSIST,
+              "Unable to delete " << path.str() << ": " << errorText(errno));
+  }
+  else if (!DBDiscovery::writeMetadata(fd, stored) || ::fsync(fd) != 0)
+    OZF_LOG(getOzfLogger(), 1, SOURCE, PERSIST,
+            "Unable to put the old document back: " << path.str() << ": " << errorText(errno));
+}
+
+// The payload takes its place, or the failure is told and false is returned.
+bool replacePayload(DBCollectionData& data, OzfPathname const& dataPath)
+{
+  try
+  {
+    if (data.persist(dataPath))
+      return true;
+  }
+  catch (std::bad_alloc const&)
+  {
+    // The lines about what was done may be what there was no memory for.
+    if (data.getPath() == dataPath)
+      return true;
+    logOutOfMemory(PERSIST);
+  }
+  OZF_LOG(getOzfLogger(), 1, SOURCE, PERSIST, "Collection data update failed");
+  return false;
+}
+
+} // namespace
+
+bool DBDiscovery::priorityAllows(std::string& stored) const
+{
+  // The second result is the one that counts.
+  unsigned priority = 0;
+  XMLHelper::parse(stored, priority);
+  if (XMLHelper::parse(stored, priority) != 0)
+    return true;
+  return priority <= (getAttributes() != nullptr ? getAttributes()->getPriority() : 0);
+}
+
+bool DBDiscovery::canOverride()
+{
+  Answer const answer = askForPermission();
+  return answer == Answer::YES || answer == Answer::UNREADABLE;
+}
+
+DBDiscovery::Answer DBDiscovery::askForPermission()
+{
+  constexpr char OPERATION[] = "DBDiscovery::canOverride";
+  OZF_ASSERT(!m_directory.empty(), "m_directory.size()", SOURCE, OPERATION);
+  std::ostringstream name;
+  generateMetabaseFileName(name);
+  OzfPathname const path = OzfPathname::makeFilename(m_directory.str(), name.str());
+  MetadataGuard const guard(path.str());
+  std::string seen;
+  try
+  {
+    return askForPermission(path, seen);
+  }
+  catch (std::bad_alloc const&)
+  {
+    logOutOfMemory(OPERATION);
+    return Answer::UNKNOWN;
+  }
+}
+
+// seen is what the decision was made on. When it is no, that is also this
+// discovery's text from now on; when it is yes, there is none.
+DBDiscovery::Answer DBDiscovery::askForPermission(OzfPathname const& path, std::string& seen)
+{
+  Answer const answer = readAndJudge(path, seen);
+  if (answer == Answer::YES || answer == Answer::UNREADABLE)
+    m_metadata.clear();
+  else if (!seen.empty())
+    m_metadata = seen;
+  return answer;
+}
+
+DBDiscovery::Answer DBDiscovery::readAndJudge(OzfPathname const& path, std::string& seen) const
+{
+  constexpr char OPERATION[] = "DBDiscovery::canOverride";
+  int const fd = ::open(path.c_str(), O_RDONLY | COMMON_FLAGS);
+  if (fd < 0)
+  {
+    if (saysAbsent(errno))
+      return Answer::YES;
+    logUnopened(path.str(), errno, OPERATION);
+    return Answer::UNKNOWN;
+  }
+  ACE_File_Lock lock(fd, false);
+  if (waitReadLock(lock) != 0)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Unable to acquire read lock " << path.str());
+    return Answer::NO;
+  }
+  // A file that lost its name is not the stored discovery any more.
+  int error = 0;
+  if (!isFileAt(fd, path.c_str(), &error))
+  {
+    if (error == 0)
+      return Answer::YES;
+    logUnexamined(path.str(), error, OPERATION);
+    return Answer::UNKNOWN;
+  }
+  struct stat status
+  {
+  };
+  if (::fstat(fd, &status) == 0 &&
+      (status.st_size == 0 || !isMetadataFile(status, path.str(), OPERATION)))
+    return Answer::YES;
+  error = readBlocks(fd, seen);
+  if (error == EFBIG)
+    return Answer::YES;
+  if (error != 0)
+  {
+    logUnread(path.str(), error, OPERATION);
+    return Answer::UNREADABLE;
+  }
+  return priorityAllows(seen) ? Answer::YES : Answer::NO;
+}
+
+DiscoveryStatus DBDiscovery::open(OpenMode mode, char const* name)
+{
+  constexpr char OPERATION[] = "DBDiscovery::open";
+  if (mode == OM_UPDATE)
+  {
+    switch (askForPermission())
+    {
+    case Answer::NO:
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+              "Cannot open the db database, data with higher priority already exists.");
+      return DS_DATA_EXISTS;
+    case Answer::UNKNOWN:
+      return DS_OPEN_FAILED;
+    case Answer::UNREADABLE: // persist asks again, and refuses
+    case Answer::YES:
+      break;
+    }
+  }
+  OZF_ASSERT(getCollectionData() != nullptr, "getCollectionData()", SOURCE, OPERATION);
+  if (getCollectionData()->open(mode, name) == 0)
+    return DS_OPEN_FAILED;
+  m_persistFailed = false;
+  return DS_SUCCESS;
+}
+
+bool DBDiscovery::writeMetadata(int fd, std::string const& text)
+{
+  constexpr char OPERATION[] = "DBDiscovery::writeMetadata";
+
+  // Padded over the whole of an old, longer document, so that a process killed
+  // before it truncates leaves no tail of it.
+  struct stat status
+  {
+  };
+  bool written = false;
+  if (::fstat(fd, &status) == 0 && status.st_size > static_cast<off_t>(text.size()) &&
+      status.st_size <= LARGEST_METADATA)
+  {
+    std::string padded = text;
+    padded.resize(static_cast<std::size_t>(status.st_size), '\n');
+    written = writeAll(fd, padded);
+  }
+  else
+    written = writeAll(fd, text);
+
+  if (!written)
+  {
+    ErrnoKeeper const keeper;
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Unable to write metadata");
+    return false;
+  }
+  if (::ftruncate(fd, static_cast<off_t>(text.size())) != 0)
+  {
+    ErrnoKeeper const keeper;
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Unable to truncate metadata");
+    return false;
+  }
+  return true;
+}
+
+DiscoveryStatus DBDiscovery::persist()
+{
+  OZF_ASSERT(!m_fileLock, "!m_fileLock", SOURCE, PERSIST);
+  OZF_ASSERT(getAuthority() != nullptr, "getAuthority()", SOURCE, PERSIST);
+  OZF_ASSERT(getSubject() != nullptr, "getSubject()", SOURCE, PERSIST);
+  OZF_ASSERT(getCollectionData() != nullptr, "getCollectionData()", SOURCE, PERSIST);
+  auto* const data = dynamic_cast<DBCollectionData*>(getCollectionData());
+  OZF_ASSERT(data != nullptr, "collection", SOURCE, PERSIST);
+
+  std::ostringstream name;
+  generateMetabaseFileName(name);
+  std::ostringstream dataName;
+  generatecollectionBaseFileName(dataName);
+  OzfPathname const path = OzfPathname::makeFilename(m_directory.str(), name.str());
+  if (m_persistFailed)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, PERSIST,
+            "Refused to persist again what failed before: " << path.str());
+    return DS_OPEN_FAILED;
+  }
+
+  // What was written is gone or lost its place after a failure: once more would
+  // store an empty payload.
+  m_persistFailed = true;
+  DiscoveryStatus status = DS_OPEN_FAILED;
+  try
+  {
+    status =
+        persistFiles(*data, path, OzfPathname::makeFilename(m_directory.str(), dataName.str()));
+  }
+  catch (std::bad_alloc const&)
+  {
+    logOutOfMemory(PERSIST);
+  }
+  m_persistFailed = status != DS_SUCCESS;
+  if (status == DS_DATA_EXISTS)
+  {
+    data->cleanup();
+    OZF_LOG(getOzfLogger(), 1, SOURCE, PERSIST,
+            "Cannot persist, data with higher priority already exists.");
+  }
+  return status;
+}
+
+bool DBDiscovery::renderDocument(OzfPathname const& path, std::string& document) const
+{
+  std::ostringstream os;
+  writeXml(os, XmlStr::UTF_8);
+  document = os.str();
+  if (document.size() <= static_cast<std::size_t>(LARGEST_METADATA))
+    return true;
+  logTooLarge(path.str(), static_cast<off_t>(document.size()), PERSIST);
+  return false;
+}
+
+// What can fail without a trace comes first: the rendering, and the flush of
+// the payload, where a full disk shows.
+DiscoveryStatus DBDiscovery::persistFiles(DBCollectionData& data, OzfPathname const& path,
+                                          OzfPathname const& dataPath)
+{
+  std::string seen;
+  {
+    MetadataGuard const guard(path.str());
+    Answer const answer = askForPermission(path, seen);
+    if (answer != Answer::YES)
+      return answer == Answer::NO ? DS_DATA_EXISTS : DS_OPEN_FAILED;
+  }
+  std::string document;
+  if (!renderDocument(path, document))
+    return DS_OPEN_FAILED;
+  if (!data.flush())
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, PERSIST, "Collection data update failed");
+    return DS_OPEN_FAILED;
+  }
+
+  std::optional<MetadataGuard> guard(std::in_place, path.str());
+  LockedFile const locked = lockForWriting(path, guard);
+  if (!locked.file)
+    return DS_OPEN_FAILED;
+  int const fd = locked.file->get_handle();
+  std::optional<std::string> stored;
+  DiscoveryStatus const status = readStored(fd, seen, stored, path);
+  if (status == DS_SUCCESS)
+    return replaceFiles(fd, stored, document, data, path, dataPath);
+  if (locked.made)
+    deleteIfEmpty(fd, path);
+  return status;
+}
+
+// Under the guard and the write lock: what is stored now, none when it is too
+// large for a document. It may have been rewritten since it was looked at.
+DiscoveryStatus DBDiscovery::readStored(int fd, std::string const& seen,
+                                        std::optional<std::string>& stored,
+                                        OzfPathname const& path) const
+{
+  struct stat status
+  {
+  };
+  if (::fstat(fd, &status) != 0)
+  {
+    logUnexamined(path.str(), errno, PERSIST);
+    return DS_OPEN_FAILED;
+  }
+  if (!isRegular(status, path.str(), PERSIST))
+    return DS_OPEN_FAILED;
+  if (status.st_size > LARGEST_METADATA)
+    return DS_SUCCESS;
+  stored.emplace();
+  // What cannot be read can be neither judged nor put back.
+  if (int const error = readBlocks(fd, *stored); error != 0)
+  {
+    logUnread(path.str(), error, PERSIST);
+    return DS_OPEN_FAILED;
+  }
+  bool const allowed = stored->empty() || *stored == seen || priorityAllows(*stored);
+  return allowed ? DS_SUCCESS : DS_DATA_EXISTS;
+}
+
+// Under the guard and the write lock.
+DiscoveryStatus DBDiscovery::replaceFiles(int fd, std::optional<std::string> const& stored,
+                                          std::string const& document, DBCollectionData& data,
+                                          OzfPathname const& path,
+                                          OzfPathname const& dataPath) const
+{
+  if (!writeMetadata(fd, document))
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, PERSIST, "Metadata update to " << path.str() << " failed");
+    if (stored)
+      putBack(fd, *stored, path);
+    return DS_OPEN_FAILED;
+  }
+  if (!replacePayload(data, dataPath))
+  {
+    putBack(fd, stored.value_or(""), path);
+    return DS_OPEN_FAILED;
+  }
+  bool const named = data.flushDirectory();
+  if (::fsync(fd) != 0)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, PERSIST,
+            "Unable to flush " << path.str() << ": " << errorText(errno));
+    return DS_OPEN_FAILED;
+  }
+  return named ? DS_SUCCESS : DS_OPEN_FAILED;
+}
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc
