@@ -29,6 +29,10 @@ namespace
 constexpr char SOURCE[] = "SignalThread";
 constexpr char OPERATION[] = "SignalThread::take";
 
+// Milliseconds after which the log is asked for floods that are over, although
+// nobody writes a line.
+constexpr int FLOOD_PERIOD = 10000;
+
 sigset_t takenSignals()
 {
   sigset_t set;
@@ -93,10 +97,11 @@ bool SignalThread::start(std::string& error)
 void SignalThread::loop()
 {
   int const period = watchdogPeriod();
+  int const longest = period > 0 ? std::min(period, FLOOD_PERIOD) : FLOOD_PERIOD;
   pollfd waits[] = {{m_signals.get(), POLLIN, 0}, {m_end.get(), POLLIN, 0}};
   while (waits[1].revents == 0)
   {
-    if (poll(waits, 2, period) < 0)
+    if (poll(waits, 2, longest) < 0)
     {
       if (errno == EINTR)
         continue;
@@ -106,6 +111,7 @@ void SignalThread::loop()
     }
     if (period > 0)
       sd_notify(0, "WATCHDOG=1");
+    LoggerFactory::reportFloods();
     signalfd_siginfo info{};
     while (read(m_signals.get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info))
       take(static_cast<int>(info.ssi_signo));

@@ -16,8 +16,9 @@ void assertionFailed(char const* expression, char const* operation, char const* 
   std::string const text = std::string("Assertion failed: ") + expression + " (" + source + ":" +
                            std::to_string(line) + ")";
   OzfLogger* const logger = LoggerFactory::getLogger(FRAMEWORK_ORIGINATOR);
+  static constinit LogFlood site;
   if (logger->admits(1))
-    logger->write(1, operation, text);
+    logger->write(1, operation, text, &site);
   char const* const wish = std::getenv("OZF_ASSERT");
   if (wish != nullptr && std::strcmp(wish, "abort") == 0)
   {

@@ -6,8 +6,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <exception>
+#include <iterator>
 #include <map>
 #include <spdlog/logger.h>
 #include <spdlog/sinks/rotating_file_sink.h>
@@ -25,55 +28,16 @@ namespace
 constexpr std::size_t FILE_SIZE = 10 * 1024 * 1024;
 constexpr std::size_t OLD_FILES = 5;
 
+constexpr std::chrono::seconds REPORT_PERIOD{60};
+
 // Outside the state, so that a level that admits nothing costs one load.
 std::atomic<int> currentLevel{1};
 
-// Everything behind the factory. One mutex guards all of it, so the sinks
-// themselves need none.
-struct State
+spdlog::level::level_enum severity(int level)
 {
-  State() { useStderr(); }
-
-  void useStderr()
-  {
-    prefixed = true;
-    use(std::make_shared<spdlog::sinks::stderr_sink_st>());
-  }
-
-  void use(spdlog::sink_ptr sink)
-  {
-    auto fresh = std::make_shared<spdlog::logger>("ozf", std::move(sink));
-    fresh->set_pattern(prefixed ? "%Y-%m-%dT%H:%M:%S.%e%z %v" : "%v");
-    fresh->set_level(spdlog::level::trace);
-    // The last lines before a crash are the ones that somebody will want.
-    fresh->flush_on(spdlog::level::trace);
-    output = std::move(fresh);
-  }
-
-  std::mutex mutex;
-  std::shared_ptr<spdlog::logger> output;
-  bool prefixed = true; // time and process are ours to write, not syslog's
-  LoggerFactory::Observer observer;
-  std::map<int, std::unique_ptr<OzfLogger>> loggers;
-};
-
-void writeReport(int level, char const* operation, std::string const& text) noexcept
-{
-  OzfLogger* const logger = LoggerFactory::getLogger(FRAMEWORK_ORIGINATOR);
-  if (logger->admits(level))
-    logger->write(level, operation, text);
-}
-
-// Never destroyed: lines are still written while the process exits.
-State& state()
-{
-  static auto* const instance = []
-  {
-    auto* const made = new State;
-    setReportSink(&writeReport);
-    return made;
-  }();
-  return *instance;
+  if (level <= 1)
+    return spdlog::level::warn;
+  return level <= 4 ? spdlog::level::info : spdlog::level::debug;
 }
 
 // Log lines carry names from the network: whatever could break a line or
@@ -105,30 +69,140 @@ std::string onOneLine(std::string_view text)
   return result;
 }
 
-spdlog::level::level_enum severity(int level)
+// What was left out of one place's lines since it was last told.
+struct LeftOut
 {
-  if (level <= 1)
-    return spdlog::level::warn;
-  return level <= 4 ? spdlog::level::info : spdlog::level::debug;
+  int level;
+  std::string operation;
+  std::string place; // " (Source:line)"
+  std::uint64_t lines = 0;
+  LogFlood::Time since;
+};
+
+// Everything behind the factory. One mutex guards all of it, so the sinks
+// themselves need none; it guards what the places know of their floods, too.
+struct State
+{
+  State() { useStderr(); }
+
+  void useStderr()
+  {
+    prefixed = true;
+    use(std::make_shared<spdlog::sinks::stderr_sink_st>());
+  }
+
+  void use(spdlog::sink_ptr sink)
+  {
+    auto fresh = std::make_shared<spdlog::logger>("ozf", std::move(sink));
+    fresh->set_pattern(prefixed ? "%Y-%m-%dT%H:%M:%S.%e%z %v" : "%v");
+    fresh->set_level(spdlog::level::trace);
+    // The last lines before a crash are the ones that somebody will want.
+    fresh->flush_on(spdlog::level::trace);
+    output = std::move(fresh);
+  }
+
+  LogFlood::Time now() const { return clock ? clock() : std::chrono::steady_clock::now(); }
+
+  void put(int level, std::string const& operation, std::string const& text)
+  {
+    std::string message = std::to_string(level) + ' ' + operation + ": " + text;
+    if (prefixed)
+      message = std::string(program_invocation_short_name) + '[' + std::to_string(getpid()) + "] " +
+                message;
+    output->log(severity(level), spdlog::string_view_t(message));
+  }
+
+  // Whether the line is to be written; what is not is counted.
+  bool takes(LogFlood& site, int level, char const* operation, std::string const& text)
+  {
+    LogFlood::Time const time = now();
+    reportFloods(time, false);
+    if (site.admits(time, text.size()))
+      return true;
+    auto const [found, isNew] = leftOut.try_emplace(&site);
+    LeftOut& lines = found->second;
+    if (isNew)
+    {
+      auto const place = text.rfind(" (");
+      lines = {level, operation != nullptr ? operation : "",
+               place == std::string::npos ? "" : onOneLine(text.substr(place)), 0, time};
+    }
+    ++lines.lines;
+    return false;
+  }
+
+  void reportFloods(LogFlood::Time time, bool all)
+  {
+    for (auto entry = leftOut.begin(); entry != leftOut.end();)
+    {
+      LeftOut& lines = entry->second;
+      bool const over = !entry->first->isOn(time);
+      if (!all && !over && time - lines.since < REPORT_PERIOD)
+      {
+        ++entry;
+        continue;
+      }
+      if (lines.lines > 0)
+      {
+        auto const seconds = std::chrono::ceil<std::chrono::seconds>(time - lines.since).count();
+        put(lines.level, lines.operation,
+            "Left out " + std::to_string(lines.lines) + " lines from one place in " +
+                std::to_string(seconds) + " seconds" + lines.place);
+      }
+      lines.lines = 0;
+      lines.since = time;
+      entry = over ? leftOut.erase(entry) : std::next(entry);
+    }
+  }
+
+  std::mutex mutex;
+  std::shared_ptr<spdlog::logger> output;
+  bool prefixed = true; // time and process are ours to write, not syslog's
+  LoggerFactory::Observer observer;
+  LoggerFactory::Clock clock;           // empty: the steady one
+  std::map<LogFlood*, LeftOut> leftOut; // of the places in flood
+  std::map<int, std::unique_ptr<OzfLogger>> loggers;
+};
+
+void writeReport(int level, char const* operation, std::string const& text) noexcept
+{
+  OzfLogger* const logger = LoggerFactory::getLogger(FRAMEWORK_ORIGINATOR);
+  static constinit LogFlood site; // of all the rooms below, which write few
+  if (logger->admits(level))
+    logger->write(level, operation, text, &site);
+}
+
+// Never destroyed: lines are still written while the process exits.
+State& state()
+{
+  static auto* const instance = []
+  {
+    auto* const made = new State;
+    setReportSink(&writeReport);
+    return made;
+  }();
+  return *instance;
 }
 
 } // namespace
 
 int OzfLogger::getLevel() const noexcept { return LoggerFactory::getLevel(); }
 
-void OzfLogger::write(int level, char const* operation, std::string const& text) noexcept
+void OzfLogger::write(int level, char const* operation, std::string const& text,
+                      LogFlood* site) noexcept
 {
   try
   {
-    LogLine const line{m_originator, level, operation != nullptr ? operation : "", onOneLine(text)};
-    std::string message = std::to_string(level) + ' ' + line.operation + ": " + line.text;
-
     State& all = state();
-    std::lock_guard guard(all.mutex);
-    if (all.prefixed)
-      message = std::string(program_invocation_short_name) + '[' + std::to_string(getpid()) + "] " +
-                message;
-    all.output->log(severity(level), spdlog::string_view_t(message));
+    std::unique_lock guard(all.mutex);
+    bool const taken = site == nullptr || level > 1 || all.takes(*site, level, operation, text);
+    if (!taken && !all.observer)
+      return;
+    guard.unlock();
+    LogLine const line{m_originator, level, operation != nullptr ? operation : "", onOneLine(text)};
+    guard.lock();
+    if (taken)
+      all.put(level, line.operation, line.text);
     if (all.observer)
       all.observer(line);
   }
@@ -201,10 +275,32 @@ void LoggerFactory::setObserver(Observer observer)
   all.observer = std::move(observer);
 }
 
+void LoggerFactory::setClock(Clock clock)
+{
+  State& all = state();
+  std::lock_guard guard(all.mutex);
+  all.clock = std::move(clock);
+}
+
+void LoggerFactory::reportFloods() noexcept
+{
+  try
+  {
+    State& all = state();
+    std::lock_guard guard(all.mutex);
+    all.reportFloods(all.now(), false);
+  }
+  catch (std::exception const& failure)
+  {
+    std::fprintf(stderr, "A log line was lost: %s\n", failure.what());
+  }
+}
+
 void LoggerFactory::flush()
 {
   State& all = state();
   std::lock_guard guard(all.mutex);
+  all.reportFloods(all.now(), true);
   all.output->flush();
 }
 

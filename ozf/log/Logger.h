@@ -6,8 +6,10 @@
 #pragma once
 
 #include "ozf/base/Export.h"
+#include "ozf/log/LogFlood.h"
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -37,7 +39,14 @@ public:
   // Writes a line whatever its level. Line breaks and control characters of
   // the text, and bytes that are not UTF-8, are written as \xNN, so that one
   // line stays one line. What cannot be written is noted on standard error.
-  void write(int level, char const* operation, std::string const& text) noexcept;
+  //
+  // site is of the place that writes it and outlives the process's last line.
+  // Lines of level 1 from a place that floods the log are left out and counted;
+  // a line each minute, and one when the flood is over, says how many. What is
+  // written for detail is what somebody asked for, and never left out. Null: a
+  // line that always passes.
+  void write(int level, char const* operation, std::string const& text,
+             LogFlood* site = nullptr) noexcept;
 
 private:
   friend class LoggerFactory;
@@ -65,12 +74,22 @@ public:
   static bool setFile(std::string const& path, std::string& reason);
   static void setSyslog(std::string const& program);
 
-  // For tests: every line also goes to the observer, under the lock of the
-  // factory, so the observer must not log; an empty function ends that.
+  // For tests: every line also goes to the observer, in a flood too and without
+  // the lines that tell of floods, under the lock of the factory, so the observer
+  // must not log; an empty function ends that.
   using Observer = std::function<void(LogLine const&)>;
   static void setObserver(Observer observer);
 
-  // Pushes out what is buffered.
+  // For tests: the clock by which floods are judged, which is called under the
+  // lock of the factory; an empty function for the steady clock.
+  using Clock = std::function<LogFlood::Time()>;
+  static void setClock(Clock clock);
+
+  // Writes the lines about floods that are due. Every line does so before it is
+  // written; a process that may be silent for long calls it now and then.
+  static void reportFloods() noexcept;
+
+  // Pushes out what is buffered, with what is known of floods that go on.
   static void flush();
 };
 
@@ -93,15 +112,17 @@ private:
 // Writes a line when logger (an OzfLogger*) admits level; only then is the
 // text built. text is a chain of stream insertions without the first stream:
 //   OZF_LOG(getOzfLogger(), 1, "DiscDB", "DBDiscovery::load", "Unable to open " << path);
-// The source's name and the line number are added as " (DiscDB:42)".
+// The source's name and the line number are added as " (DiscDB:42)". Each use is
+// a place of its own in the judgement of floods.
 #define OZF_LOG(logger, level, source, operation, text)                                            \
   do                                                                                               \
   {                                                                                                \
     ::Quillon::Tessarine::Ozf::OzfLogger* const ozfLogLogger = (logger);                           \
     if (ozfLogLogger->admits(level)) [[unlikely]]                                                  \
     {                                                                                              \
+      static constinit ::Quillon::Tessarine::Ozf::LogFlood ozfLogSite;                             \
       std::ostringstream ozfLogText;                                                               \
       ozfLogText << text << " (" << (source) << ":" << __LINE__ << ")";                            \
-      ozfLogLogger->write((level), (operation), ozfLogText.str());                                 \
+      ozfLogLogger->write((level), (operation), ozfLogText.str(), &ozfLogSite);                    \
     }                                                                                              \
   } while (false)
