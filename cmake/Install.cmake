@@ -36,6 +36,7 @@ set(TQ_PUBLIC_HEADERS
   ozf/config/Configuration.h
   ozf/config/ProductRoot.h
   ozf/log/Assertion.h
+  ozf/log/LogFlood.h
   ozf/log/Logger.h
   ozf/orb/Corba.h
   ozf/orb/Evictor.h
@@ -47,6 +48,7 @@ set(TQ_PUBLIC_HEADERS
   ozf/sync/OZFBlockUntil.h
   ozf/sync/OZFRefCounted.h
   ozf/sync/OzfLockable.h
+  ozf/xml/DocumentLimits.h
   ozf/xml/JobExecInfo.h
   ozf/xml/OzfQuery.h
   ozf/xml/StatusMsg.h

@@ -26,7 +26,7 @@ constexpr std::size_t BUFFER_SIZE = 768;
 class Capture
 {
 public:
-  explicit Capture(std::string& text) : m_text(text) {}
+  Capture(std::string& text, XmlObjParseContext& context) : m_text(text), m_context(context) {}
 
   void add(std::string_view piece)
   {
@@ -39,7 +39,9 @@ public:
     if (addPlain(piece, [](auto units) { return units >= 0x80; }))
       return;
     flush();
+    std::size_t const before = m_text.size();
     appendUtf8(m_text, piece);
+    m_context.noteBuilt(m_text.size() - before);
   }
 
   void addEscaped(std::u16string_view piece)
@@ -47,11 +49,14 @@ public:
     if (addPlain(piece, [](auto units) { return XmlStr::changes(units); }))
       return;
     flush();
+    std::size_t const before = m_text.size();
     XmlStr::append(m_text, piece, XmlStr::UTF_8);
+    m_context.noteBuilt(m_text.size() - before);
   }
 
   void flush()
   {
+    m_context.noteBuilt(m_used);
     m_text.append(m_buffer.data(), m_used);
     m_used = 0;
   }
@@ -75,6 +80,7 @@ private:
   }
 
   std::string& m_text;
+  XmlObjParseContext& m_context;
   std::size_t m_used = 0;
   std::array<char, BUFFER_SIZE> m_buffer;
 };
@@ -86,8 +92,9 @@ public:
                                XmlObjParseContext const* parent)
       : XmlObjParseContext(elementName, parent),
         m_data(new DefaultExplorerData(explorerName)),
-        m_capture(m_data->text())
+        m_capture(m_data->text(), *this)
   {
+    noteBuilt(sizeof(DefaultExplorerData) + explorerName.size());
   }
 
   AutoDereference<DefaultExplorerData> const& data() const noexcept { return m_data; }

@@ -5,6 +5,7 @@
 #include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryRepository.h"
 #include "discovery/Researcher.h"
+#include "ozf/base/FreeMemory.h"
 #include "ozf/orb/Corba.h"
 #include "ozf/orb/Orb.h"
 #include "ozf/plugin/CurrentException.h"
@@ -29,6 +30,7 @@ void addClients(char const* authority, char const* noneFound, std::set<OzfString
     OZF_LOG(getOzfLogger(), 4, SOURCE, "Researcher::getDiscoveredClientList", noneFound);
     return;
   }
+  discoveries->dropItems();
   // Every step opens a payload, which may lie on a host that does not answer.
   while (!getDiscoveryRepository().isShuttingDown())
   {
@@ -68,6 +70,7 @@ std::set<OzfString> DiscoveryRepository::getDiscoveredClientList()
   std::set<OzfString> clients;
   addClients("volume", "No windows clients found", clients);
   addClients("filesystem", "No unix clients found", clients);
+  returnFreeMemory();
   return clients;
 }
 

@@ -91,6 +91,11 @@ FilterParameters::~FilterParameters() = default;
 
 int FilterParameters::setQuery(OzfQuery& query) const { return query.setQuery(m_queryString); }
 
+DocumentLimits FilterParameters::limits() const
+{
+  return {.elementNames = 1000, .attributes = 1000, .parserMemory = 32UL * 1024 * 1024};
+}
+
 XmlObjParseContext* FilterParameters::getObjParseContext(XMLCh const* rootTag)
 {
   return new FilterParametersContext(rootTag, nullptr);

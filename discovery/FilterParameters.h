@@ -38,6 +38,7 @@ public:
   // Hands the query string to query; returns what query.setQuery returns.
   int setQuery(OzfQuery& query) const;
 
+  DocumentLimits limits() const override; // it comes with a request, and is small
   XmlObjParseContext* getObjParseContext(XMLCh const* rootTag) override;
   int xmlStartElement(XmlObjParseContext* context, XMLCh const* name,
                       AttributeList& attributes) override;

@@ -4,6 +4,7 @@
 #include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryRepository.h"
 #include "discovery/FilterParameters.h"
+#include "ozf/base/FreeMemory.h"
 #include "ozf/orb/Orb.h"
 #include "ozf/plugin/CurrentException.h"
 
@@ -11,6 +12,7 @@
 #include <ace/Singleton.h>
 
 #include <atomic>
+#include <new>
 #include <sstream>
 #include <xercesc/util/OutOfMemoryException.hpp>
 #include <xercesc/util/PlatformUtils.hpp>
@@ -215,13 +217,39 @@ bool AuthSubIterator::parseDiscovery(CollectionData* data, FilterParameters cons
     return false;
   }
 
+  bool const parsed = parseCollection(*data);
+  if (m_tally.ignored > XmlObjParseContext::MOST_IGNORED_TOLD)
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Ignored " << m_tally.ignored - XmlObjParseContext::MOST_IGNORED_TOLD
+                       << " more unknown tags of " << name());
+  if (!parsed)
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to parse the discovery stream");
+  if (m_tally.built > LARGE_WORK)
+    m_items = std::shared_ptr<CollectionItems>(m_items.get(),
+                                               [items = m_items](CollectionItems*) mutable
+                                               {
+                                                 items.reset();
+                                                 returnFreeMemory();
+                                               });
+  return parsed;
+}
+
+// Reads the collection, which is open, and says why when it cannot.
+bool AuthSubIterator::parseCollection(CollectionData& data)
+{
+  constexpr char const* OPERATION = "AuthSubIterator::parseDiscovery";
   std::u16string const systemId = u"sysid";
-  std::string reason;
+  m_tally = DocumentTally(); // of a document without even one element
   try
   {
-    if (parse(DiscoverySetInputSource(*data, systemId.c_str())))
+    if (parse(DiscoverySetInputSource(data, systemId.c_str())))
       return true;
-    reason = lastError();
+    if (wasTooLarge())
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+              "Gave up reading " << name() << ", " << lastError());
+    else
+      OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION, lastError());
+    return false;
   }
   catch (AssertionFailure const&)
   {
@@ -229,7 +257,9 @@ bool AuthSubIterator::parseDiscovery(CollectionData* data, FilterParameters cons
   }
   catch (xercesc::OutOfMemoryException const&)
   {
-    reason = "out of memory";
+  }
+  catch (std::bad_alloc const&)
+  {
   }
   catch (abi::__forced_unwind const&)
   {
@@ -238,11 +268,19 @@ bool AuthSubIterator::parseDiscovery(CollectionData* data, FilterParameters cons
   catch (...)
   {
     // Of a parser that a plug-in brought: a CORBA exception is no standard one.
-    reason = currentExceptionText();
+    OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION, currentExceptionText());
+    return false;
   }
-  OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to parse the discovery stream");
-  OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION, reason);
+  OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Out of memory reading " << name());
   return false;
+}
+
+std::string AuthSubIterator::name() const
+{
+  if (!m_authority || !m_subject)
+    return "a collection";
+  return "the discovery of " + m_authority->getName().str() + " about " +
+         m_subject->getName().str();
 }
 
 // ---- the stream ----

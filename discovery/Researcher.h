@@ -124,11 +124,24 @@ public:
   // collection, takes.
   CollectionItemIterator* getNextCollectionItemIterator(FilterParameters const* filter);
 
+  // For who wants to know what there is and needs no items: from now on
+  // collections are read as ever, with the same end and the same lines, but their
+  // items are dropped as they are complete, so that a collection of any size takes
+  // the memory of one item.
+  void dropItems() noexcept { m_keepsItems = false; }
+
+  // A collection may have at most so many items, and an item so many attributes
+  // and elements; what else bounds it is in docs/collection-data.md. One that goes
+  // beyond ends as one that is not well-formed, with a line that names it.
+  static constexpr std::size_t MOST_ITEMS = 1'000'000;
+  static constexpr std::size_t MOST_FACTS = 1'000'000;
+
   // Reads one collection into the list of items of the discovery in hand.
   // False, with log lines, when that fails.
   bool parseDiscovery(CollectionData* data, FilterParameters const* filter);
 
   XmlObjParseContext* getObjParseContext(XMLCh const* rootTag) override;
+  DocumentLimits limits() const override;
   int xmlCharacters(XmlObjParseContext* context, XMLCh const* chars, unsigned long length) override;
   int xmlStartElement(XmlObjParseContext* context, XMLCh const* name,
                       AttributeList& attributes) override;
@@ -141,11 +154,20 @@ protected:
   ~AuthSubIterator() override;
 
 private:
+  bool parseCollection(CollectionData& data);
+  void finishItem(AutoDereference<CollectionItem> item);
+  std::string name() const; // of the discovery in hand
+
   AutoDereference<DiscoveryIterator> m_discoveries;
   std::optional<Authority> m_authority;
   std::optional<Subject> m_subject;
   std::optional<CollectionAttributes> m_attributes;
   std::shared_ptr<CollectionItems> m_items;
+  bool m_keepsItems = true;
+
+  // Of the collection that is read.
+  DocumentTally m_tally;
+  std::size_t m_itemCount = 0;
 };
 
 // The discoveries whose names match the patterns ('*' is the wildcard; an empty

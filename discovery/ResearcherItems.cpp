@@ -35,6 +35,13 @@ constexpr char NAME[] = "Name";
 
 constexpr char IGNORING[] = "Ignoring Unknown Tag";
 
+// One explorer's data, or one thing's, has tens of names.
+constexpr DocumentLimits COLLECTION_LIMITS = {
+    .elementNames = 10'000, .attributes = 10'000, .parserMemory = 64UL * 1024 * 1024};
+
+// What an item takes without what belongs to it, its place in the list included.
+constexpr std::size_t ITEM_SIZE = sizeof(DiscoveredItem) + sizeof(void*) * 3;
+
 std::string nameOf(AttributeList const& attributes)
 {
   std::string name;
@@ -46,7 +53,10 @@ std::string nameOf(AttributeList const& attributes)
 class DiscoverySetContext final : public XmlObjParseContext
 {
 public:
-  using XmlObjParseContext::XmlObjParseContext;
+  DiscoverySetContext(XMLCh const* rootTag, DocumentTally& tally)
+      : XmlObjParseContext(rootTag, tally)
+  {
+  }
 
   enum Node
   {
@@ -65,6 +75,8 @@ public:
     m_subInterface.reset(item);
     if (item == nullptr)
       return false;
+    noteBuilt(sizeof(Item));
+    m_facts = 0;
     m_nodes.push_back(node);
     m_subContext = std::move(context);
     return true;
@@ -77,7 +89,10 @@ public:
   {
     if (m_itemContext == nullptr || m_unknown > 0)
       return open<DiscoveredItem>(ITEM, name, attributes);
-    m_subInterface.reset(new (m_itemMemory) DiscoveredItem(nameOf(attributes)));
+    std::string itemName = nameOf(attributes);
+    noteBuilt(ITEM_SIZE + itemName.size());
+    m_subInterface.reset(new (m_itemMemory) DiscoveredItem(std::move(itemName)));
+    m_facts = 0;
     m_nodes.push_back(ITEM);
     m_subContext = std::move(m_itemContext);
     return true;
@@ -107,7 +122,8 @@ public:
   std::unique_ptr<XmlObjParseContext> m_subContext;
   std::unique_ptr<XmlObjParseContext> m_itemContext; // of the last item, for the next one
   std::vector<Node> m_nodes;
-  int m_unknown = 0; // elements open that are in m_nodes by none of their names
+  int m_unknown = 0;       // elements open that are in m_nodes by none of their names
+  std::size_t m_facts = 0; // attributes and elements of the item so far
 };
 
 // Where the reading of one item stands.
@@ -179,7 +195,21 @@ void writeNamedStart(std::ostream& os, char const* tag, OzfString const& name,
 
 XmlObjParseContext* AuthSubIterator::getObjParseContext(XMLCh const* rootTag)
 {
-  return new DiscoverySetContext(rootTag, nullptr);
+  m_tally = DocumentTally();
+  m_itemCount = 0;
+  return new DiscoverySetContext(rootTag, m_tally);
+}
+
+DocumentLimits AuthSubIterator::limits() const { return COLLECTION_LIMITS; }
+
+// Whoever keeps no item is not charged for those that have gone.
+void AuthSubIterator::finishItem(AutoDereference<CollectionItem> item)
+{
+  if (m_keepsItems)
+    m_items->push_back(std::move(item));
+  else
+    m_tally.built = 0;
+  ++m_itemCount;
 }
 
 int AuthSubIterator::xmlStartElement(XmlObjParseContext* context, XMLCh const* name,
@@ -191,6 +221,10 @@ int AuthSubIterator::xmlStartElement(XmlObjParseContext* context, XMLCh const* n
   if (ctxt.inObject())
   {
     ctxt.checkObject(OPERATION);
+    ctxt.m_facts += 1 + attributes.getLength();
+    if (ctxt.m_facts > MOST_FACTS)
+      refuseTooLarge("more than " + std::to_string(MOST_FACTS) +
+                     " attributes and elements in one item");
     return ctxt.m_subInterface->xmlStartElement(ctxt.m_subContext.get(), name, attributes);
   }
 
@@ -211,11 +245,14 @@ int AuthSubIterator::xmlStartElement(XmlObjParseContext* context, XMLCh const* n
   else
     known = is(OzfQuery::QUERY_DESCRIPTION_TAG) &&
             ctxt.open<FilterItem>(Context::QUERY_DESCRIPTION, name, attributes);
+  if (ctxt.inObject() && m_itemCount == MOST_ITEMS)
+    refuseTooLarge("more than " + std::to_string(MOST_ITEMS) + " items");
   if (known)
     return 1;
 
   ++ctxt.m_unknown;
-  OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, IGNORING);
+  if (ctxt.noteIgnored())
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, IGNORING);
   return XmlDocumentInterface::xmlStartElement(context, name, attributes);
 }
 
@@ -228,7 +265,7 @@ int AuthSubIterator::xmlEndElement(XmlObjParseContext* context, XMLCh const* nam
     ctxt.checkObject(OPERATION);
     if (ctxt.m_subInterface->xmlEndElement(ctxt.m_subContext.get(), name) != 0)
       return 1;
-    m_items->push_back(std::move(ctxt.m_subInterface));
+    finishItem(std::move(ctxt.m_subInterface));
     ctxt.closeObject();
     return 1;
   }
@@ -236,7 +273,8 @@ int AuthSubIterator::xmlEndElement(XmlObjParseContext* context, XMLCh const* nam
   {
     if (ctxt.m_unknown > 0)
       --ctxt.m_unknown;
-    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, IGNORING);
+    if (ctxt.noteIgnored())
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, IGNORING);
     return XmlDocumentInterface::xmlEndElement(context, name);
   }
   OZF_ASSERT(ctxt.isEndTag(name), "ctxt->isEndTag(name)", SOURCE, OPERATION);
@@ -331,7 +369,8 @@ int DiscoveredItem::xmlEndElement(XmlObjParseContext* context, XMLCh const* name
   {
     if (ctxt.isEndTag(name))
       return 0;
-    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, IGNORING);
+    if (ctxt.noteIgnored())
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, IGNORING);
     return 1;
   }
 

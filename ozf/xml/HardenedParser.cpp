@@ -1,6 +1,7 @@
 #include "ozf/xml/HardenedParser.h"
 
 #include "ozf/base/AsciiRun.h"
+#include "ozf/base/FreeMemory.h"
 #include "ozf/xml/AsciiTranscoder.h"
 #include "ozf/xml/XmlDocumentInterface.h"
 
@@ -8,8 +9,10 @@
 #include <new>
 #include <utility>
 #include <vector>
+#include <xercesc/framework/XMLElementDecl.hpp>
 #include <xercesc/internal/XMLReader.hpp>
 #include <xercesc/internal/XMLScanner.hpp>
+#include <xercesc/util/BinInputStream.hpp>
 #include <xercesc/util/OutOfMemoryException.hpp>
 #include <xercesc/util/PlatformUtils.hpp>
 #include <xercesc/util/XMLString.hpp>
@@ -124,6 +127,66 @@ xercesc::MemoryManager* ParserMemory::getExceptionMemoryManager()
   return xercesc::XMLPlatformUtils::fgMemoryManager;
 }
 
+// Looks at the parser's memory each time the parser asks for more to read: one
+// request is some 48 KiB, which cannot make it grow by more than a few megabytes.
+class HardenedParser::MeasuredStream : public xercesc::BinInputStream
+{
+public:
+  MeasuredStream(HardenedParser const& parser, xercesc::BinInputStream* stream)
+      : m_parser(parser), m_stream(stream)
+  {
+  }
+
+  XMLFilePos curPos() const override { return m_stream->curPos(); }
+  XMLCh const* getContentType() const override { return m_stream->getContentType(); }
+  XMLCh const* getEncoding() const override { return m_stream->getEncoding(); }
+
+  // A parser that is still being set up, as it is at the first read, leaks what it
+  // has when this raises.
+  XMLSize_t readBytes(XMLByte* buffer, XMLSize_t size) override
+  {
+    if (std::exchange(m_begun, true))
+      m_parser.checkMemory();
+    return m_stream->readBytes(buffer, size);
+  }
+
+private:
+  HardenedParser const& m_parser;
+  std::unique_ptr<xercesc::BinInputStream> m_stream;
+  bool m_begun = false;
+};
+
+// Another source, read through the above.
+class HardenedParser::MeasuredSource : public xercesc::InputSource
+{
+public:
+  MeasuredSource(HardenedParser const& parser, xercesc::InputSource const& source)
+      : xercesc::InputSource(source.getSystemId(), source.getPublicId()),
+        m_parser(parser),
+        m_source(source)
+  {
+  }
+
+  xercesc::BinInputStream* makeStream() const override
+  {
+    std::unique_ptr<xercesc::BinInputStream> stream(m_source.makeStream());
+    if (stream == nullptr)
+      return nullptr;
+    auto* const measured = new MeasuredStream(m_parser, stream.get());
+    stream.release();
+    return measured;
+  }
+  XMLCh const* getEncoding() const override { return m_source.getEncoding(); }
+  bool getIssueFatalErrorIfNotFound() const override
+  {
+    return m_source.getIssueFatalErrorIfNotFound();
+  }
+
+private:
+  HardenedParser const& m_parser;
+  xercesc::InputSource const& m_source;
+};
+
 HardenedParser::HardenedParser()
     : xercesc::SAXParser(nullptr, static_cast<ParserMemory*>(this)),
       m_text(NO_TEXT, 0, TEXT_NAME),
@@ -156,8 +219,11 @@ bool HardenedParser::isSpent() const noexcept
 
 // The parser does not set itself right when memory runs out.
 template <class Parse>
-void HardenedParser::watched(Parse parse)
+void HardenedParser::watched(DocumentLimits const& limits, Parse parse)
 {
+  m_limits = limits;
+  ++m_document;
+  m_names = 0;
   try
   {
     parse();
@@ -174,20 +240,22 @@ void HardenedParser::watched(Parse parse)
   }
 }
 
-void HardenedParser::parseText(std::string_view text, xercesc::HandlerBase& handler)
+void HardenedParser::parseText(std::string_view text, xercesc::HandlerBase& handler,
+                               DocumentLimits const& limits)
 {
-  watched(
-      [&]
-      {
-        if (isOwn(text))
-        {
-          parseOwn(text, handler);
-          return;
-        }
-        m_skipped = 0;
-        m_text.resetMemBufInputSource(reinterpret_cast<XMLByte const*>(text.data()), text.size());
-        feed(m_text, handler, handler);
-      });
+  watched(limits,
+          [&]
+          {
+            if (isOwn(text))
+            {
+              parseOwn(text, handler);
+              return;
+            }
+            m_skipped = 0;
+            m_text.resetMemBufInputSource(reinterpret_cast<XMLByte const*>(text.data()),
+                                          text.size());
+            feed(m_text, handler, handler);
+          });
 }
 
 // The parser spends a tenth of a record each on the prolog and on taking UTF-8
@@ -209,10 +277,11 @@ void HardenedParser::parseOwn(std::string_view text, xercesc::HandlerBase& handl
   feed(m_ownText, streamed ? m_deaf : handler, handler);
 }
 
-void HardenedParser::parseSource(xercesc::InputSource const& source, xercesc::HandlerBase& handler)
+void HardenedParser::parseSource(xercesc::InputSource const& source, xercesc::HandlerBase& handler,
+                                 DocumentLimits const& limits)
 {
   m_skipped = 0;
-  watched([&] { feed(source, handler, handler); });
+  watched(limits, [&] { feed(source, handler, handler); });
 }
 
 void HardenedParser::feed(xercesc::InputSource const& source, xercesc::DocumentHandler& handler,
@@ -221,7 +290,42 @@ void HardenedParser::feed(xercesc::InputSource const& source, xercesc::DocumentH
   m_stream->close();
   setDocumentHandler(&handler);
   setErrorHandler(&errorHandler);
-  parse(source);
+  parse(MeasuredSource(*this, source));
+}
+
+void HardenedParser::refuseTooLarge(std::string_view what, std::size_t limit) const
+{
+  throw DocumentRefused(
+      describeHere("more than " + std::to_string(limit) + ' ' + std::string(what)), true);
+}
+
+// Whether the name of that number has not been met in this document.
+bool HardenedParser::isNew(XMLSize_t name)
+{
+  if (name >= m_metIn.size())
+    m_metIn.resize(2 * name + 1);
+  return std::exchange(m_metIn[name], m_document) != m_document;
+}
+
+void HardenedParser::checkMemory() const
+{
+  if (held() > m_limits.parserMemory)
+    refuseTooLarge("bytes for names, attributes and comments", m_limits.parserMemory);
+}
+
+// The parser numbers the names of elements as it meets them, from 1, and keeps
+// them for the next document. Those of a stream's documents, which are small, are
+// not counted.
+void HardenedParser::startElement(xercesc::XMLElementDecl const& declaration, unsigned uri,
+                                  XMLCh const* prefix,
+                                  xercesc::RefVectorOf<xercesc::XMLAttr> const& attributes,
+                                  XMLSize_t count, bool isEmpty, bool isRoot)
+{
+  if (count > m_limits.attributes)
+    refuseTooLarge("attributes of one element", m_limits.attributes);
+  if (!m_stream->isOpen() && isNew(declaration.getId()) && ++m_names > m_limits.elementNames)
+    refuseTooLarge("different names of elements", m_limits.elementNames);
+  SAXParser::startElement(declaration, uri, prefix, attributes, count, isEmpty, isRoot);
 }
 
 std::string HardenedParser::describeAt(XMLFileLoc line, XMLFileLoc column,
@@ -297,7 +401,13 @@ ParserLease::ParserLease()
 ParserLease::~ParserLease()
 {
   if (idleParsersGone || m_parser->isSpent())
+  {
+    bool const large = m_parser->held() > LARGE_WORK;
+    m_parser.reset();
+    if (large)
+      returnFreeMemory();
     return;
+  }
   try
   {
     idleParsers.parsers.push_back(std::move(m_parser));

@@ -4,15 +4,18 @@
 #pragma once
 
 #include "ozf/base/Export.h"
+#include "ozf/xml/DocumentLimits.h"
 #include "ozf/xml/DocumentStream.h"
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 #include <xercesc/framework/MemoryManager.hpp>
 #include <xercesc/framework/MemBufInputSource.hpp>
 #include <xercesc/parsers/SAXParser.hpp>
@@ -26,12 +29,19 @@ namespace Quillon::Tessarine::Ozf
 class DocumentRefused
 {
 public:
-  explicit DocumentRefused(std::string text) : m_text(std::move(text)) {}
+  explicit DocumentRefused(std::string text, bool tooLarge = false)
+      : m_text(std::move(text)), m_tooLarge(tooLarge)
+  {
+  }
 
   std::string const& text() const noexcept { return m_text; }
 
+  // Whether it is well-formed as far as it was read, but beyond a limit.
+  bool isTooLarge() const noexcept { return m_tooLarge; }
+
 private:
   std::string m_text;
+  bool m_tooLarge;
 };
 
 // The memory of one parser, which it gets from the XML machinery's own. What a
@@ -80,20 +90,31 @@ public:
   // next document that names none.
   bool isSpent() const noexcept;
 
-  // Feeds the text to handler, which is document and error handler in one. Both
-  // throw what handler throws, the XML parser's own exceptions, DocumentRefused,
-  // and xercesc::OutOfMemoryException or std::bad_alloc when memory runs out.
-  void parseText(std::string_view text, xercesc::HandlerBase& handler);
-  void parseSource(xercesc::InputSource const& source, xercesc::HandlerBase& handler);
+  // Feeds the text to handler, which is document and error handler in one, up to
+  // the limits of the parser's own memory. Both throw what handler throws, the XML parser's own
+  // exceptions, DocumentRefused, and xercesc::OutOfMemoryException or std::bad_alloc when memory
+  // runs out.
+  void parseText(std::string_view text, xercesc::HandlerBase& handler,
+                 DocumentLimits const& limits);
+  void parseSource(xercesc::InputSource const& source, xercesc::HandlerBase& handler,
+                   DocumentLimits const& limits);
 
   // "line 3, column 17: reason", for a place as the parser reports it, and for
   // the place that the parse has come to.
   std::string describeAt(XMLFileLoc line, XMLFileLoc column, std::string_view reason) const;
   std::string describeHere(std::string_view reason) const;
 
+  using ParserMemory::held;
+
 private:
+  class MeasuredSource;
+  class MeasuredStream;
+
   template <class Parse>
-  void watched(Parse parse);
+  void watched(DocumentLimits const& limits, Parse parse);
+  [[noreturn]] void refuseTooLarge(std::string_view what, std::size_t limit) const;
+  void checkMemory() const;
+  bool isNew(XMLSize_t name);
   void parseOwn(std::string_view text, xercesc::HandlerBase& handler);
   void feed(xercesc::InputSource const& source, xercesc::DocumentHandler& handler,
             xercesc::ErrorHandler& errorHandler);
@@ -103,6 +124,9 @@ private:
                XMLCh const* actualEncoding) override;
   void startDocument() override;
   void endDocument() override;
+  void startElement(xercesc::XMLElementDecl const& declaration, unsigned uri, XMLCh const* prefix,
+                    xercesc::RefVectorOf<xercesc::XMLAttr> const& attributes, XMLSize_t count,
+                    bool isEmpty, bool isRoot) override;
 
   xercesc::SecurityManager m_security;
   xercesc::HandlerBase m_deaf;
@@ -110,6 +134,10 @@ private:
   xercesc::MemBufInputSource m_ownText; // in m_wide
   std::u16string m_wide;
   std::optional<DocumentStream> m_stream;
+  DocumentLimits m_limits;            // of the document that is read
+  std::uint64_t m_document = 0;       // its number
+  std::size_t m_names = 0;            // of elements, met in it
+  std::vector<std::uint64_t> m_metIn; // by name, the last document that has it
   bool m_newerXml = false;
   bool m_brokenOff = false;  // for want of memory
   std::size_t m_skipped = 0; // characters at the start that the parser did not get

@@ -21,6 +21,9 @@ constexpr char TYPE[] = "Type";
 constexpr char UNIT[] = "Unit";
 constexpr char DESCRIPTION[] = "Description";
 
+// In the list and in the index, the texts apart.
+constexpr std::size_t ATTRIBUTE_SIZE = sizeof(OzfQuery::Attribute) + 96;
+
 constexpr std::pair<char const*, OzfQuery::Type> TYPES[] = {
     {"text", OzfQuery::Type::TEXT}, {"number", OzfQuery::Type::NUMBER},
     {"size", OzfQuery::Type::SIZE}, {"duration", OzfQuery::Type::DURATION},
@@ -130,12 +133,15 @@ int OzfQuery::xmlCharacters(XmlObjParseContext*, XMLCh const*, unsigned long) { 
 int OzfQuery::xmlStartElement(XmlObjParseContext* context, XMLCh const* name,
                               AttributeList& attributes)
 {
-  if (contextOf(context, "OzfQuery::xmlStartElement").depth++ > 0 ||
-      !XmlObjParseContext::cmptag(name, ATTRIBUTE_TAG))
+  auto& own = contextOf(context, "OzfQuery::xmlStartElement");
+  if (own.depth++ > 0 || !XmlObjParseContext::cmptag(name, ATTRIBUTE_TAG))
     return 1;
   auto const value = [&attributes](char const* attributeName)
   { return attribute(attributes, attributeName).value_or(OzfString()); };
-  addAttribute({value(NAME), typeOf(value(TYPE).str()), value(UNIT), value(DESCRIPTION)});
+  Attribute described{value(NAME), typeOf(value(TYPE).str()), value(UNIT), value(DESCRIPTION)};
+  own.noteBuilt(ATTRIBUTE_SIZE + 2 * described.name.size() + described.unit.size() +
+                described.description.size());
+  addAttribute(std::move(described));
   return 1;
 }
 
@@ -171,6 +177,7 @@ XmlObjParseContext* xmlCreateObject(XMLCh const* name, AttributeList&,
   if (!XmlObjParseContext::cmptag(name, OzfQuery::QUERY_DESCRIPTION_TAG))
     return nullptr;
   auto context = std::make_unique<DescriptionContext>(name, parent);
+  context->noteBuilt(sizeof(OzfQuery));
   object = new OzfQuery;
   return context.release();
 }

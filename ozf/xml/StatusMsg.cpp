@@ -35,6 +35,7 @@ int StatusMsg::xmlEndElement(XmlObjParseContext* context, XMLCh const* name)
   if (!context->isEndTag(name))
     return 1;
   m_text = context->text();
+  context->noteBuilt(m_text.size());
   return 0;
 }
 
@@ -54,6 +55,7 @@ XmlObjParseContext* xmlCreateObject(XMLCh const* name, AttributeList& attributes
       numberAttribute(attributes, CODE),
       static_cast<StatusMsg::Severity>(numberAttribute(attributes, SEVERITY)), OzfString()));
   message->m_tag = OzfString(std::u16string_view(name)).str();
+  context->noteBuilt(sizeof(StatusMsg));
   object = message.release();
   return context.release();
 }

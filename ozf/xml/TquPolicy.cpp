@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <ostream>
+#include <utility>
 
 namespace Quillon::Tessarine::Ozf
 {
@@ -79,7 +80,9 @@ int TquPolicy::xmlEndElement(XmlObjParseContext* context, XMLCh const*)
     return 0;
   if (--own.depth == 0 && own.inAttribute)
   {
-    addAttribute(own.attributeName, own.text());
+    OzfString const text = own.text();
+    own.noteBuilt(2 * sizeof(OzfString) + own.attributeName.size() + text.size());
+    addAttribute(own.attributeName, text);
     own.inAttribute = false;
     own.clearText();
   }
@@ -103,7 +106,10 @@ XmlObjParseContext* xmlCreateObject(XMLCh const* name, AttributeList& attributes
                                     XmlObjParseContext const* parent, TquPolicy*& object)
 {
   auto context = std::make_unique<PolicyContext>(name, parent);
-  object = new TquPolicy(valueOf(attributes, NAME), valueOf(attributes, TYPE));
+  OzfString policyName = valueOf(attributes, NAME);
+  OzfString type = valueOf(attributes, TYPE);
+  context->noteBuilt(sizeof(TquPolicy) + policyName.size() + type.size());
+  object = new TquPolicy(std::move(policyName), std::move(type));
   return context.release();
 }
 

@@ -31,6 +31,12 @@ std::string describe(HardenedParser const& parser, xercesc::SAXParseException co
 
 } // namespace
 
+struct XmlDocumentInterface::Failure
+{
+  std::string text;
+  bool tooLarge;
+};
+
 // One parse. It lives on the stack of parse() and installs itself, so that it
 // is gone however the parse ends, and a handler may parse with the same object.
 struct XmlDocumentInterface::Run
@@ -44,15 +50,18 @@ struct XmlDocumentInterface::Run
   Run& operator=(Run const&) = delete;
 
   // What is wrong first is what is told.
-  void fail(std::string text)
+  void fail(std::string text, bool isTooLarge = false)
   {
-    if (error.empty())
-      error = std::move(text);
+    if (!error.empty())
+      return;
+    error = std::move(text);
+    tooLarge = isTooLarge;
   }
 
   HardenedParser const& parser;
   std::unique_ptr<XmlObjParseContext> context;
   std::string error;
+  bool tooLarge = false;
   int depth = 0;
   bool complete = false;
 
@@ -73,7 +82,19 @@ XmlObjParseContext* XmlDocumentInterface::getObjParseContext(XMLCh const* rootTa
 std::string const& XmlDocumentInterface::lastError() const noexcept
 {
   static std::string const NONE;
-  return m_lastError != nullptr ? *m_lastError : NONE;
+  return m_failure != nullptr ? m_failure->text : NONE;
+}
+
+bool XmlDocumentInterface::wasTooLarge() const noexcept
+{
+  return m_failure != nullptr && m_failure->tooLarge;
+}
+
+DocumentLimits XmlDocumentInterface::limits() const { return {}; }
+
+void XmlDocumentInterface::refuseTooLarge(std::string const& reason) const
+{
+  throw DocumentRefused(m_run->parser.describeHere(reason), true);
 }
 
 bool XmlDocumentInterface::parseBuffer(char const* text)
@@ -83,12 +104,12 @@ bool XmlDocumentInterface::parseBuffer(char const* text)
 
 bool XmlDocumentInterface::parseBuffer(std::string_view text)
 {
-  return run([&](HardenedParser& parser) { parser.parseText(text, *this); });
+  return run([&](HardenedParser& parser) { parser.parseText(text, *this, limits()); });
 }
 
 bool XmlDocumentInterface::parse(xercesc::InputSource const& source)
 {
-  return run([&](HardenedParser& parser) { parser.parseSource(source, *this); });
+  return run([&](HardenedParser& parser) { parser.parseSource(source, *this, limits()); });
 }
 
 // The XML parser's way to say that memory ran out is no std::exception. It says
@@ -105,7 +126,7 @@ try
   }
   catch (DocumentRefused const& refusal)
   {
-    run.fail(refusal.text());
+    run.fail(refusal.text(), refusal.isTooLarge());
   }
   catch (xercesc::SAXParseException const& exception)
   {
@@ -121,8 +142,9 @@ try
   }
   if (!run.complete)
     run.fail("the text ends before the document does");
-  m_lastError = run.error.empty() ? nullptr : std::make_unique<std::string>(std::move(run.error));
-  return m_lastError == nullptr;
+  m_failure =
+      run.error.empty() ? nullptr : std::make_unique<Failure>(Failure{run.error, run.tooLarge});
+  return m_failure == nullptr;
 }
 catch (xercesc::OutOfMemoryException const&)
 {

@@ -3,11 +3,13 @@
 // Documents come from other hosts, other processes and plug-ins, so reading
 // is hardened: a document type declaration is refused before anything in it
 // is looked at, nothing is ever fetched, no entity is expanded but the five
-// built-in ones, and elements nest at most 256 deep.
+// built-in ones, elements nest at most 256 deep, and a document takes a bounded
+// amount of memory.
 
 #pragma once
 
 #include "ozf/base/Export.h"
+#include "ozf/xml/DocumentLimits.h"
 #include "ozf/xml/XmlInterface.h"
 
 #include <memory>
@@ -30,6 +32,10 @@ public:
   // refuses the document. Default: a plain context.
   virtual XmlObjParseContext* getObjParseContext(XMLCh const* rootTag);
 
+  // How large the document may be; asked once a parse. The limit of what is made
+  // of it is the tally's that its context was made with.
+  virtual DocumentLimits limits() const;
+
   // Feeds the text, or the source, to this object. Each thread keeps a parser
   // of its own, made on first use; a parse inside a parse gets another. False
   // when the document is refused or not well-formed, with lastError() saying
@@ -45,12 +51,20 @@ public:
 
   std::string const& lastError() const noexcept;
 
+  // Whether the last document went beyond a limit.
+  bool wasTooLarge() const noexcept;
+
 protected:
   XmlDocumentInterface();
   ~XmlDocumentInterface() override;
 
+  // Ends the parse in progress, by this object, of a document that goes beyond a
+  // limit: "more than 100 pages".
+  [[noreturn]] void refuseTooLarge(std::string const& reason) const;
+
 private:
   struct Run;
+  struct Failure;
 
   template <class Feed>
   bool run(Feed feed);
@@ -66,7 +80,7 @@ private:
   Run* m_run = nullptr; // the parse in progress, on its caller's stack
   // Null: none. Most documents are parts of others, of which there are many,
   // and never parse themselves.
-  std::unique_ptr<std::string> m_lastError;
+  std::unique_ptr<Failure> m_failure;
 };
 
 // Makes the XML machinery ready; every parse does it by itself. It is never

@@ -1,6 +1,9 @@
 #include "ozf/xml/XmlObjParseContext.h"
 
+#include "ozf/xml/HardenedParser.h"
+
 #include <algorithm>
+#include <string>
 
 namespace Quillon::Tessarine::Ozf
 {
@@ -23,8 +26,19 @@ bool isSame(std::u16string_view own, XMLCh const* name)
 
 XmlObjParseContext::XmlObjParseContext(XMLCh const* name, XmlObjParseContext const* parent)
     : m_parent(parent),
-      m_depth(parent != nullptr ? parent->m_depth : &m_ownDepth),
-      m_openedAt(*m_depth)
+      m_tally(parent != nullptr ? parent->m_tally : &m_ownTally),
+      m_openedAt(m_tally->depth)
+{
+  takeName(name);
+}
+
+XmlObjParseContext::XmlObjParseContext(XMLCh const* name, DocumentTally& tally)
+    : m_parent(nullptr), m_tally(&tally), m_openedAt(tally.depth)
+{
+  takeName(name);
+}
+
+void XmlObjParseContext::takeName(XMLCh const* name)
 {
   std::u16string_view const text = name;
   m_nameLength = text.size();
@@ -38,7 +52,7 @@ XmlObjParseContext::~XmlObjParseContext() = default;
 
 bool XmlObjParseContext::isEndTag(XMLCh const* name) const
 {
-  if (*m_depth != m_openedAt)
+  if (m_tally->depth != m_openedAt)
     return false;
   char16_t const* const own = m_longName.empty() ? m_shortName.data() : m_longName.data();
   return isSame({own, m_nameLength}, name);
@@ -50,7 +64,15 @@ void XmlObjParseContext::appendText(XMLCh const* chars, unsigned long length)
 {
   if (m_text.capacity() < FIRST_CAPACITY)
     m_text.reserve(FIRST_CAPACITY);
+  if (length > m_tally->mostBuilt / sizeof(XMLCh) - m_text.size())
+    refuseBuilt();
   m_text.append(chars, length);
+}
+
+void XmlObjParseContext::refuseBuilt() const
+{
+  throw DocumentRefused(
+      "more than " + std::to_string(m_tally->mostBuilt) + " bytes of what is made of it", true);
 }
 
 } // namespace Quillon::Tessarine::Ozf

@@ -14,6 +14,15 @@
 namespace Quillon::Tessarine::Ozf
 {
 
+// What the contexts of one document know together.
+struct DocumentTally
+{
+  std::size_t mostBuilt = 256UL * 1024 * 1024; // bytes
+  std::size_t built = 0;                       // of what has been made of the document and is kept
+  int depth = 1;
+  unsigned ignored = 0; // elements
+};
+
 // One context for each object that is being read; derive to keep more. A
 // context is opened by an element, knows its parent's context, and collects
 // the character data of the element being read. Contexts of one document
@@ -25,6 +34,9 @@ public:
   // For the element name under parent; parent null: the document's own. The
   // parent must outlive the context.
   XmlObjParseContext(XMLCh const* name, XmlObjParseContext const* parent);
+
+  // For a document's element, with a tally that outlives the context.
+  XmlObjParseContext(XMLCh const* name, DocumentTally& tally);
   virtual ~XmlObjParseContext();
   XmlObjParseContext(XmlObjParseContext const&) = delete;
   XmlObjParseContext& operator=(XmlObjParseContext const&) = delete;
@@ -41,6 +53,21 @@ public:
   bool hasText() const noexcept { return !m_text.empty(); }
   void clearText() { m_text.clear(); }
   void appendText(XMLCh const* chars, unsigned long length);
+
+  // Counts bytes that an object of the document keeps. Ends the parse, with a
+  // reason, when the document has made more than it may; appendText does so for a
+  // text that is too long for that alone.
+  void noteBuilt(std::size_t bytes)
+  {
+    m_tally->built += bytes;
+    if (m_tally->built > m_tally->mostBuilt)
+      refuseBuilt();
+  }
+
+  // Counts an element that nobody knows what to do with. True for the first few
+  // of a document, which are worth a line each.
+  bool noteIgnored() noexcept { return ++m_tally->ignored <= MOST_IGNORED_TOLD; }
+  static constexpr unsigned MOST_IGNORED_TOLD = 8;
 
   // Exact and case-sensitive.
   static bool cmptag(XMLCh const* name, char const* tag)
@@ -59,13 +86,16 @@ public:
   // after it has handed on the end tag, so a context that an object makes from
   // a start tag is at the depth of that element. Contexts driven without a
   // document handler stay at 1: every end tag of their name closes them.
-  void enter() noexcept { ++*m_depth; }
-  void leave() noexcept { --*m_depth; }
+  void enter() noexcept { ++m_tally->depth; }
+  void leave() noexcept { --m_tally->depth; }
 
 private:
+  void takeName(XMLCh const* name);
+  [[noreturn]] void refuseBuilt() const;
+
   XmlObjParseContext const* m_parent;
-  int m_ownDepth = 1;
-  int* m_depth; // the document's, which lies in its first context
+  DocumentTally m_ownTally;
+  DocumentTally* m_tally; // the document's, in its first context or beside it
   int m_openedAt;
   // The name of the element, in one of the two.
   std::size_t m_nameLength;

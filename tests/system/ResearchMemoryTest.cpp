@@ -6,6 +6,8 @@
 
 #include <cstdio>
 #include <iostream>
+#include <string>
+#include <vector>
 
 namespace
 {
@@ -75,6 +77,102 @@ TEST_F(ResearchMemoryTest, aPayloadFromAnotherProcessNeedsNoMoreMemory)
   ASSERT_TRUE(m_service.start()) << m_service.log();
   expectReadInLittleMemory("remote");
   EXPECT_EQ(m_service.stop(), 0) << m_service.log();
+}
+
+// Payloads that are made to take many times their own size.
+class HostilePayloadMemoryTest : public testing::Test
+{
+protected:
+  struct Outcome
+  {
+    unsigned long items = 0;
+    int parsed = -1;
+    long peak = -1; // KiB
+    long left = -1;
+  };
+
+  void SetUp() override { store("warm", "filesystems", 1); }
+
+  void store(std::string const& subject, std::string const& shape, int mebibytes)
+  {
+    Process process(MAKER, {m_service.root(), "store", subject, shape, std::to_string(mebibytes)});
+    ASSERT_TRUE(process.wait(std::chrono::seconds(120)));
+    ASSERT_EQ(process.exitCode(), 0) << process.errors();
+  }
+
+  Outcome run(std::vector<std::string> const& arguments)
+  {
+    std::vector<std::string> all = {m_service.root()};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    Process process(MAKER, all);
+    EXPECT_TRUE(process.wait(std::chrono::seconds(120)));
+    EXPECT_EQ(process.exitCode(), 0) << process.errors();
+    m_errors = process.errors();
+    Outcome outcome;
+    EXPECT_EQ(std::sscanf(process.output().c_str(), "items %lu parsed %d peak %ld left %ld",
+                          &outcome.items, &outcome.parsed, &outcome.peak, &outcome.left),
+              4)
+        << process.output();
+    std::cout << arguments.back() << ": " << process.output();
+    return outcome;
+  }
+
+  // Read until the bound, which the log names, and nothing of it stays.
+  void expectGivenUp(std::string const& shape, long mostPeak, std::string const& bound)
+  {
+    store(shape, shape, 32);
+    Outcome const outcome = run({"read", shape});
+    EXPECT_EQ(outcome.parsed, 0);
+    EXPECT_NE(m_errors.find("Gave up reading the discovery of filesystem about " + shape),
+              std::string::npos)
+        << m_errors;
+    EXPECT_NE(m_errors.find("more than " + bound), std::string::npos) << m_errors;
+    if (!JUDGE_MEMORY)
+      return;
+    EXPECT_LT(outcome.peak, mostPeak);
+    EXPECT_LT(outcome.left, LEFT);
+  }
+
+  static constexpr char const* MAKER = TQ_BIN_DIR "/payload_memory";
+  static constexpr long LEFT = 8L * 1024; // KiB
+
+  LiveService m_service;
+  std::string m_errors;
+};
+
+TEST_F(HostilePayloadMemoryTest, distinctNamesAreReadUpToABound)
+{
+  expectGivenUp("names", 32L * 1024, "10000 different names of elements");
+}
+
+TEST_F(HostilePayloadMemoryTest, distinctAttributesAreReadUpToABound)
+{
+  expectGivenUp("attributes", 128L * 1024, "67108864 bytes for names, attributes and comments");
+}
+
+TEST_F(HostilePayloadMemoryTest, emptyQueryDescriptionsAreReadUpToABound)
+{
+  expectGivenUp("queries", 512L * 1024, "268435456 bytes of what is made of it");
+}
+
+TEST_F(HostilePayloadMemoryTest, emptyItemsAreReadUpToABound)
+{
+  expectGivenUp("items", 320L * 1024, "1000000 items");
+}
+
+TEST_F(HostilePayloadMemoryTest, theListOfClientsHoldsNoItems)
+{
+  // More than may be made of a collection, had it to be kept.
+  for (char const* shape : {"queries", "filesystems"})
+    store(shape, shape, 16);
+  Outcome const outcome = run({"clients"});
+  EXPECT_EQ(outcome.items, 3U);
+  EXPECT_EQ(m_errors.find("Gave up"), std::string::npos) << m_errors;
+  if (JUDGE_MEMORY)
+  {
+    EXPECT_LT(outcome.peak, 8L * 1024);
+    EXPECT_LT(outcome.left, 4L * 1024);
+  }
 }
 
 } // namespace
