@@ -182,6 +182,30 @@ std::string stateOf(std::string const& directory, std::string const& subject)
              : "mixed";
 }
 
+std::string stateOfWritten(std::string const& directory, std::string const& subject, bool& empty)
+{
+  std::string const metadata = directory + "/" + fileOf(subject, "xml");
+  std::string const payload = directory + "/" + fileOf(subject, "dat");
+  empty = false;
+  if (!fs::exists(metadata))
+    return fs::exists(payload) ? "payload alone" : "nothing";
+  std::string const text = contentOf(metadata);
+  empty = text.empty();
+  ozf::AutoDereference<svc::DBDiscovery> const record(new svc::DBDiscovery(
+      ozf::OzfPathname(directory), new svc::DBCollectionData(ozf::OzfPathname(directory + "/")),
+      svc::DQ_UNDEFINED));
+  if (empty || !record->load(text.c_str()) || record->getAttributes() == nullptr)
+    return "unreadable";
+  if (!fs::exists(payload))
+    return "no payload";
+  std::uint64_t number = 0;
+  if (!tqtest::flawOf(contentOf(payload), subject, number).empty())
+    return "torn payload";
+  return record->getAttributes()->getDiscoveryTime().seconds() == static_cast<std::int64_t>(number)
+             ? "whole " + std::to_string(number)
+             : "mixed";
+}
+
 void useFixedClock(long secondsBefore)
 {
   // Some moment; all documents get times of the same length that way.

@@ -37,6 +37,10 @@ Verdict judgeDatabase(Judged const& judged);
 // Which version the two files of the subject hold, as in Verdict::kind.
 std::string stateOf(std::string const& directory, std::string const& subject);
 
+// As stateOf, of what came over the wire without a signature: the time of
+// discovery is the number of the version. empty: the metadata file is.
+std::string stateOfWritten(std::string const& directory, std::string const& subject, bool& empty);
+
 // The clock of all that is made and judged here.
 void useFixedClock(long secondsBefore = 0);
 

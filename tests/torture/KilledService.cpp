@@ -1,8 +1,7 @@
 #include "tests/torture/KilledService.h"
 
 #include "tests/support/LiveService.h"
-#include "tests/torture/Versions.h"
-#include "tools/DatabaseScan.h"
+#include "tests/torture/DatabaseJudge.h"
 
 #include <chrono>
 #include <filesystem>
@@ -20,38 +19,6 @@ namespace fs = std::filesystem;
 using tqtest::LiveService;
 
 constexpr unsigned CLIENTS = 4;
-
-std::string bytesOf(std::string const& path)
-{
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
-
-// As stateOf in DatabaseJudge.h. What comes over the wire has no signature: the
-// time of discovery is the number of the version.
-std::string stateOfWritten(std::string const& directory, std::string const& name, bool& empty)
-{
-  std::string const metadata = directory + "/" + fileOf(name, "xml");
-  std::string const payload = directory + "/" + fileOf(name, "dat");
-  empty = false;
-  if (!fs::exists(metadata))
-    return fs::exists(payload) ? "payload alone" : "nothing";
-  std::string const text = bytesOf(metadata);
-  empty = text.empty();
-  ozf::AutoDereference<svc::DBDiscovery> const record(new svc::DBDiscovery(
-      ozf::OzfPathname(directory), new svc::DBCollectionData(ozf::OzfPathname(directory + "/")),
-      svc::DQ_UNDEFINED));
-  if (empty || !record->load(text.c_str()) || record->getAttributes() == nullptr)
-    return "unreadable";
-  if (!fs::exists(payload))
-    return "no payload";
-  std::uint64_t number = 0;
-  if (!tqtest::flawOf(bytesOf(payload), name, number).empty())
-    return "torn payload";
-  return record->getAttributes()->getDiscoveryTime().seconds() == static_cast<std::int64_t>(number)
-             ? "whole " + std::to_string(number)
-             : "mixed";
-}
 
 class Campaign
 {
