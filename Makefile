@@ -4,8 +4,10 @@ JOBS ?= $(shell nproc)
 # Most tests wait for something most of the time.
 TEST_JOBS ?= $(shell expr 2 '*' $(JOBS))
 FUZZ_SECONDS ?= 60
+# Of hostile messages in torture.
+TORTURE_MINUTES ?= 5
 
-.PHONY: run fleet test test-asan test-tsan fuzz bench lint install deps help
+.PHONY: run fleet test test-asan test-tsan fuzz torture bench lint install deps help
 .PHONY: build-check build-asan build-fuzz run-check run-asan run-fuzz
 
 help:
@@ -16,6 +18,7 @@ help:
 	@echo "make bench  build and run the benchmarks, print the table"
 	@echo "make test-tsan  run the threaded tests under ThreadSanitizer"
 	@echo "make fuzz FUZZ_SECONDS=...   feed the parsers made-up inputs, 60 seconds each"
+	@echo "make torture  fail system calls, kill, cut the power, send hostile messages: half an hour"
 	@echo "make lint   check the sources with clang-tidy and cppcheck"
 	@echo "make install DESTDIR=...   install a release build"
 
@@ -65,6 +68,12 @@ fuzz: build-fuzz
 
 run-fuzz:
 	@tests/fuzz/run.sh build/fuzz $(FUZZ_SECONDS)
+
+# What the tests do for seconds, for as long as it takes.
+torture: deps
+	cmake --preset check
+	cmake --build --preset check --parallel $(JOBS) --target torture
+	@tests/torture/run.sh build/check $(TORTURE_MINUTES) $(SEED)
 
 bench: deps
 	cmake --preset bench

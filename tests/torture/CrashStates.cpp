@@ -2,8 +2,8 @@
 // the operations of the real library are recorded, every state that a disk may
 // then hold is put into a directory, and the real library is started on it.
 //
-// Usage: crash_states [--scenario NAME] [--most N] [--seed N] [--examples N]
-//                     [--keep NUMBER FOLDER]
+// Usage: crash_states [--scenario NAME]... [--most N] [--seed N]
+//                     [--examples N] [--keep NUMBER FOLDER]
 //
 // Exit code 0 when each state is one that may be left, 1 when not, 2 when
 // nothing could be tried.
@@ -34,7 +34,7 @@ namespace fs = std::filesystem;
 
 struct Options
 {
-  std::string scenario;
+  std::set<std::string> scenarios; // only these; or none
   StateBounds bounds;
   long examples = 2; // of each kind of failure of a scenario
   long keep = -1;    // the state of that number
@@ -77,6 +77,10 @@ public:
   int run();
 
 private:
+  bool wanted(std::string const& scenario) const
+  {
+    return m_options.scenarios.empty() || m_options.scenarios.count(scenario) != 0;
+  }
   void play(Scenario const& scenario);
   void playKills(Scenario const& scenario);
   void tryStates(Scenario const& scenario, Image const& base, std::vector<Event> const& log);
@@ -319,12 +323,12 @@ int Campaign::run()
   std::string const restart = restartAfterKill({}).name;
   bool found = false;
   for (Scenario const& scenario : scenarios())
-    if (m_options.scenario.empty() || m_options.scenario == scenario.name)
+    if (wanted(scenario.name))
     {
       found = true;
       play(scenario);
     }
-  if (m_options.scenario.empty() || m_options.scenario == restart)
+  if (wanted(restart))
     for (Scenario const& scenario : scenarios())
       if (scenario.name.starts_with("replace,") || scenario.name == "put")
       {
@@ -333,7 +337,7 @@ int Campaign::run()
       }
   if (!found)
   {
-    std::cerr << "crash_states: there is no scenario \"" << m_options.scenario << "\", but:\n";
+    std::cerr << "crash_states: there is no such scenario, but:\n";
     for (Scenario const& scenario : scenarios())
       std::cerr << "  " << scenario.name << '\n';
     std::cerr << "  " << restart << '\n';
@@ -365,7 +369,7 @@ std::optional<Options> parse(int argc, char** argv)
       return std::nullopt;
     std::string const value = argv[i + 1];
     if (word == "--scenario")
-      options.scenario = value;
+      options.scenarios.insert(value);
     else if (word == "--most")
       options.bounds.mostPerCut = std::strtoul(value.c_str(), nullptr, 10);
     else if (word == "--seed")
@@ -391,8 +395,8 @@ int main(int argc, char** argv)
   auto const options = parse(argc, argv);
   if (!options)
   {
-    std::cerr << "usage: crash_states [--scenario NAME] [--most N] [--seed N] [--examples N]\n"
-                 "                    [--keep NUMBER FOLDER]\n";
+    std::cerr << "usage: crash_states [--scenario NAME]... [--most N] [--seed N]\n"
+                 "                    [--examples N] [--keep NUMBER FOLDER]\n";
     return 2;
   }
   try

@@ -188,8 +188,9 @@ private:
       flaws.push_back("untrue: " + answer);
     if (answer.starts_with("refused ") && operation.words[0] != "put")
       flaws.push_back("no answer of this operation");
-    // Unless the removal itself is what failed.
-    if (fault.call == "unlink" || operation.words[0] == "start")
+    // Unless the removal itself is what failed, or the renaming, which leaves the
+    // temporary file to the next start.
+    if (fault.call == "unlink" || fault.call == "rename" || operation.words[0] == "start")
       return;
     std::error_code none;
     for (auto const& entry : fs::directory_iterator(m_database, none))
@@ -254,7 +255,7 @@ void faultLibrary(FaultOptions const& options, FaultReport& report)
 {
   LibraryCampaign campaign(options, report);
   for (FaultedOperation const& operation : operations())
-    if (options.operation.empty() || options.operation == operation.name)
+    if (options.wants(operation.name))
       campaign.play(operation);
 }
 

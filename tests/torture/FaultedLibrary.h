@@ -5,6 +5,9 @@
 
 #include "tests/torture/FaultReport.h"
 
+#include <set>
+#include <string>
+
 namespace tqtorture
 {
 
@@ -12,8 +15,13 @@ struct FaultOptions
 {
   std::size_t most = 0; // faults of an operation; 0: all
   unsigned seed = 1;
-  std::string operation; // only this one; or empty
-  std::string fault;     // only this one, as Fault::text; or empty
+  std::set<std::string> operations; // only these; or none
+  std::string fault;                // only this one, as Fault::text; or empty
+
+  bool wants(std::string const& name) const
+  {
+    return operations.empty() || operations.count(name) != 0;
+  }
 };
 
 // Throws std::runtime_error when nothing can be traced.

@@ -1,7 +1,7 @@
 // Fails single system calls of the library and of the service, and looks
 // whether the answer is true and what is stored is whole.
 //
-// Usage: faults library|service [--most N] [--seed N] [--operation NAME]
+// Usage: faults library|service [--most N] [--seed N] [--operation NAME]...
 //                               [--fault "CALL NUMBER ERROR"] [--examples N]
 //
 // Exit code 0 when nothing broke, 1 when something did, 2 when nothing could be
@@ -47,7 +47,7 @@ std::optional<FaultWords> parseFaultWords(int argc, char** argv)
     else if (word == "--seed")
       words.options.seed = static_cast<unsigned>(std::strtoul(value.c_str(), nullptr, 10));
     else if (word == "--operation")
-      words.options.operation = value;
+      words.options.operations.insert(value);
     else if (word == "--fault")
       words.options.fault = value;
     else if (word == "--examples")
@@ -65,7 +65,7 @@ int main(int argc, char** argv)
   auto const words = parseFaultWords(argc, argv);
   if (!words)
   {
-    std::cerr << "usage: faults library|service [--most N] [--seed N] [--operation NAME]\n"
+    std::cerr << "usage: faults library|service [--most N] [--seed N] [--operation NAME]...\n"
                  "                              [--fault \"CALL NUMBER ERROR\"] [--examples N]\n";
     return 2;
   }
