@@ -13,6 +13,7 @@ master=4master
 # these digits wait two seconds at most before they announce themselves.
 hosts="4master:1 23media:2 95web:3 96db:4 125mail:5"
 waiting=
+failed=
 
 stop()
 {
@@ -23,7 +24,29 @@ stop()
   echo "Stopping the fleet ..."
   [ -z "$waiting" ] || kill "$waiting" 2>/dev/null || true
   for host in 125mail 96db 95web 23media 4master; do "$fleet/on" "$host" stop || true; done
-  rm -rf "$fleet"
+  if [ -z "$failed" ]; then rm -rf "$fleet"; fi
+}
+
+# Ends a start that has failed. What the hosts logged stays for whoever looks
+# for the reason.
+fail()
+{
+  failed=yes
+  echo "$1" >&2
+  for host in $hosts; do
+    log=$fleet/${host%:*}/log/tqdisco.log
+    [ ! -s "$log" ] || printf '\n%s, the last lines of %s:\n%s\n' "${host%:*}" "$log" \
+      "$(tail -n 10 "$log")" >&2
+  done
+  printf '\nThe logs are kept: %s/HOST/log/tqdisco.log\n' "$fleet" >&2
+  exit 1
+}
+
+checkRunning()
+{
+  for host in "$@"; do
+    "$fleet/on" "${host%:*}" running || fail "${host%:*} did not start."
+  done
 }
 trap stop EXIT
 trap 'exit 0' INT TERM HUP PIPE
@@ -102,14 +125,32 @@ EOF
 } > "$fleet/on"
 chmod 755 "$fleet/on"
 
-echo "Starting a fleet on 127.0.1.1 to 127.0.1.5, port $port:"
-for host in $hosts; do
+startHost()
+{
   role=client
-  [ "${host%:*}" != "$master" ] || role="the master"
-  [ "${host%:*}" != 23media ] || role="media server"
-  printf '  %-8s 127.0.1.%s  %s\n' "${host%:*}" "${host#*:}" "$role"
-  "$fleet/on" "${host%:*}" start
+  [ "${1%:*}" != "$master" ] || role="the master"
+  [ "${1%:*}" != 23media ] || role="media server"
+  printf '  %-8s 127.0.1.%s  %s\n' "${1%:*}" "${1#*:}" "$role"
+  "$fleet/on" "${1%:*}" start
+}
+
+# 0 when something matched and 3 when nothing did: it was asked all the same.
+answers()
+{
+  "$fleet/on" $master tqdiscoctl --timeout 5 query > "$fleet/answer" 2>&1 || [ $? = 3 ]
+}
+
+echo "Starting a fleet on 127.0.1.1 to 127.0.1.5, port $port:"
+# A client that meets no master asks again only after five minutes, so the
+# master comes first and the others when it listens.
+startHost "${hosts%% *}"
+for _ in $(seq 1 150); do
+  if answers; then break; fi
+  checkRunning "${hosts%% *}"
+  sleep 0.2
 done
+answers || fail "The master does not listen: $(cat "$fleet/answer")"
+for host in ${hosts#* }; do startHost "$host"; done
 
 # Whether that many services have reported, and that many hosts announced what
 # they produce on demand.
@@ -117,21 +158,11 @@ count() { "$fleet/on" $master tqdiscoctl query --json "$@" 2>/dev/null | grep -c
 reported() { [ "$(count --authority service --type client)" = 5 ] &&
              [ "$(count --authority volume --type remotepull)" = 4 ]; }
 for _ in $(seq 1 150); do
-  reported && break
-  for host in $hosts; do
-    if ! "$fleet/on" "${host%:*}" running; then
-      echo "${host%:*} did not start:" >&2
-      cat "$fleet/${host%:*}/log/tqdisco.log" >&2 || true
-      exit 1
-    fi
-  done
+  if reported; then break; fi
+  checkRunning $hosts
   sleep 0.2
 done
-if ! reported; then
-  echo "The hosts have not reported within 30 seconds; their logs are in $fleet/*/log." >&2
-  tail -n 5 "$fleet"/*/log/tqdisco.log >&2
-  exit 1
-fi
+reported || fail "The hosts have not reported within 30 seconds."
 
 echo
 echo "Who is there, as the master sees it:"
