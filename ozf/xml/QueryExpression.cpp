@@ -2,14 +2,12 @@
 
 #include "ozf/xml/QueryExpression.h"
 
-#include "ozf/base/Wildcard.h"
 #include "ozf/xml/OzfQuery.h"
 
 #include <tao/pegtl.hpp>
 
 #include <algorithm>
-#include <charconv>
-#include <compare>
+#include <cctype>
 #include <utility>
 
 namespace Quillon::Tessarine::Ozf
@@ -72,6 +70,87 @@ struct Quoted : pegtl::seq<pegtl::one<Quote>, QuotedText<Quote>, pegtl::must<Quo
 struct Text : pegtl::sor<Quoted<'"'>, Quoted<'\''>, Bare>
 {
 };
+
+// In a calculation the signs that calculate end a word, but for the dash, which
+// names have: blanks around it tell it from theirs.
+struct TermCharacter : pegtl::seq<pegtl::not_at<pegtl::one<'+', '*', '/'>>, WordCharacter>
+{
+};
+struct Word : pegtl::seq<pegtl::not_at<pegtl::sor<And, Or, Not, Like>>,
+                         pegtl::opt<pegtl::seq<pegtl::one<'+'>, pegtl::at<pegtl::digit>>>,
+                         pegtl::plus<TermCharacter>>
+{
+};
+struct Sum;
+struct TermOpen : pegtl::one<'('>
+{
+};
+struct TermClose : pegtl::one<')'>
+{
+};
+struct TermGroup : pegtl::seq<TermOpen, Blank, pegtl::must<Sum>, Blank, pegtl::must<TermClose>>
+{
+};
+struct TermName : pegtl::sor<Quoted<'"'>, Quoted<'\''>>
+{
+};
+struct TermWord : Word
+{
+};
+struct Factor : pegtl::sor<TermGroup, TermName, TermWord>
+{
+};
+template <char Sign, class Right>
+struct Tail : pegtl::seq<Blank, pegtl::one<Sign>, Blank, pegtl::must<Right>>
+{
+};
+struct Product : pegtl::seq<Factor, pegtl::star<pegtl::sor<Tail<'*', Factor>, Tail<'/', Factor>>>>
+{
+};
+struct Sum : pegtl::seq<Product, pegtl::star<pegtl::sor<Tail<'+', Product>, Tail<'-', Product>>>>
+{
+};
+
+struct Sign : pegtl::one<'+', '-', '*', '/'>
+{
+};
+
+// Whether the parenthesis ahead holds a part of a calculation: one that is
+// compared or calculated with goes on behind it. In a loop, as what is ahead
+// may be nested to any depth.
+struct TermGroupAhead
+{
+  using rule_t = TermGroupAhead;
+  using subs_t = pegtl::empty_list;
+
+  template <class Input>
+  static bool match(Input& in)
+  {
+    std::string_view const text(in.current(), in.size());
+    if (!text.starts_with('('))
+      return false;
+    std::size_t depth = 0;
+    char quote = 0;
+    for (std::size_t i = 0; i < text.size(); ++i)
+    {
+      char const c = text[i];
+      if (quote != 0)
+        quote = c == quote ? '\0' : quote;
+      else if (c == '"' || c == '\'')
+        quote = c;
+      else if (c == '(')
+        ++depth;
+      else if (c == ')' && --depth == 0)
+      {
+        auto const next = text.find_first_not_of(" \t\n\v\f\r", i + 1);
+        return next != std::string_view::npos &&
+               std::string_view("+-*/=!<>").find(text[next]) != std::string_view::npos;
+      }
+    }
+    return false;
+  }
+};
+
 struct AttributeName : Text
 {
 };
@@ -82,8 +161,34 @@ struct Comparator : pegtl::sor<pegtl::string<'!', '='>, pegtl::string<'<', '='>,
                                pegtl::string<'>', '='>, pegtl::one<'=', '<', '>'>, Like>
 {
 };
-struct Comparison
-    : pegtl::seq<AttributeName, Blank, pegtl::must<Comparator>, Blank, pegtl::must<Value>>
+struct NumberComparator : pegtl::sor<pegtl::string<'!', '='>, pegtl::string<'<', '='>,
+                                     pegtl::string<'>', '='>, pegtl::one<'=', '<', '>'>>
+{
+};
+struct LeftSum : Sum
+{
+};
+struct RightSum : Sum
+{
+};
+struct LeftSumAhead
+    : pegtl::sor<TermGroupAhead, pegtl::seq<pegtl::sor<TermName, Word>, Blank, Sign>>
+{
+};
+// What is compared with a value is a name, and so are the names that are
+// calculated with; other words of a value are texts, signs in them included.
+struct RightSumAhead
+    : pegtl::sor<pegtl::one<'('>, pegtl::seq<Text, pegtl::plus<pegtl::space>, Sign>>
+{
+};
+struct Calculation : pegtl::seq<pegtl::at<LeftSumAhead>, pegtl::must<LeftSum>, Blank,
+                                pegtl::must<NumberComparator>, Blank, pegtl::must<RightSum>>
+{
+};
+struct PlainComparison
+    : pegtl::seq<
+          AttributeName, Blank, pegtl::must<Comparator>, Blank,
+          pegtl::if_then_else<pegtl::at<RightSumAhead>, pegtl::must<RightSum>, pegtl::must<Value>>>
 {
 };
 
@@ -101,7 +206,7 @@ struct Operand;
 struct Negation : pegtl::seq<Not, Blank, pegtl::must<Operand>>
 {
 };
-struct Operand : pegtl::sor<Negation, Group, Comparison>
+struct Operand : pegtl::sor<Negation, Calculation, Group, PlainComparison>
 {
 };
 struct AndTail : pegtl::seq<Blank, And, Blank, pegtl::must<Operand>>
@@ -122,6 +227,7 @@ struct Query : pegtl::seq<Blank, pegtl::must<Disjunction>, Blank, pegtl::must<pe
 
 // ---- mistakes ----
 
+constexpr char EXPECTED_TERM[] = "expected a number, a name or \"(\"";
 constexpr char EXPECTED_OPERAND[] = "expected a comparison, \"not\" or \"(\"";
 
 template <class Rule>
@@ -134,6 +240,20 @@ template <>
 constexpr char const* EXPECTED<Comparator> = "expected one of = != < <= > >= like";
 template <>
 constexpr char const* EXPECTED<Value> = "expected a value";
+template <>
+constexpr char const* EXPECTED<NumberComparator> = "expected one of + - * / = != < <= > >=";
+template <>
+constexpr char const* EXPECTED<LeftSum> = EXPECTED_TERM;
+template <>
+constexpr char const* EXPECTED<RightSum> = EXPECTED_TERM;
+template <>
+constexpr char const* EXPECTED<Sum> = EXPECTED_TERM;
+template <>
+constexpr char const* EXPECTED<Product> = EXPECTED_TERM;
+template <>
+constexpr char const* EXPECTED<Factor> = EXPECTED_TERM;
+template <>
+constexpr char const* EXPECTED<TermClose> = "expected one of + - * / or \")\"";
 template <>
 constexpr char const* EXPECTED<Disjunction> = EXPECTED_OPERAND;
 template <>
@@ -161,6 +281,7 @@ struct Control : pegtl::normal<Rule>
 struct Builder
 {
   std::vector<QueryNode> operands; // finished, waiting for what joins them
+  std::vector<QueryTerm> terms;    // likewise
   QueryNode comparison;            // being read
   std::string text;
   bool quoted = false;
@@ -175,6 +296,33 @@ struct Builder
     tooDeep = true;
     throw pegtl::parse_error("nested more than " + std::to_string(OzfQuery::MAX_NESTING) + " deep",
                              in);
+  }
+
+  void add(QueryTerm::Kind kind, std::string termText, QueryPlace place, long double number = 0)
+  {
+    QueryTerm term;
+    term.kind = kind;
+    term.text = std::move(termText);
+    term.place = place;
+    term.number = number;
+    terms.push_back(std::move(term));
+  }
+
+  // From the left, so that a chain of one kind is one term.
+  void calculate(QueryTerm::Kind kind, char sign)
+  {
+    QueryTerm right = std::move(terms.back());
+    terms.pop_back();
+    QueryTerm& left = terms.back();
+    if (left.kind != kind)
+    {
+      QueryTerm chain;
+      chain.kind = kind;
+      chain.operands.push_back(std::move(left));
+      left = std::move(chain);
+    }
+    left.operators += sign;
+    left.operands.push_back(std::move(right));
   }
 
   // A chain of one kind becomes one node, so that its length is not a depth.
@@ -210,9 +358,105 @@ bool looksLikeNumberWithUnit(std::string_view text)
          std::all_of(text.begin() + static_cast<std::ptrdiff_t>(letters), text.end(), isLetter);
 }
 
+template <class Input>
+QueryPlace placeOf(Input const& in)
+{
+  auto const position = in.position();
+  return {position.line, position.column};
+}
+
+constexpr char EXPECTED_UNIT[] = "expected a number with one of the units B K M G T P KiB MiB GiB "
+                                 "TiB PiB KB MB GB TB PB "
+                                 "s m h d w %, or a text in quotes";
+
+// "size*0.8" and "size/2": most likely a calculation.
+bool looksLikeCalculation(std::string_view text)
+{
+  auto const sign = text.find_first_of("*/");
+  if (sign == std::string_view::npos || sign == 0 ||
+      text.find_first_of("*/", sign + 1) != text.npos)
+    return false;
+  auto const isName = [](std::string_view part)
+  { return !part.empty() && std::isalpha(static_cast<unsigned char>(part.front())) != 0; };
+  std::string_view const left = text.substr(0, sign);
+  std::string_view const right = text.substr(sign + 1);
+  return (isName(left) && parseQueryNumber(right)) || (parseQueryNumber(left) && isName(right));
+}
+
 template <class Rule>
 struct Action : pegtl::nothing<Rule>
 {
+};
+
+template <>
+struct Action<TermName>
+{
+  template <class Input>
+  static void apply(Input const& in, Builder& builder)
+  {
+    builder.add(QueryTerm::Kind::NAME, std::move(builder.text), placeOf(in));
+  }
+};
+
+template <>
+struct Action<TermWord>
+{
+  template <class Input>
+  static void apply(Input const& in, Builder& builder)
+  {
+    auto const number = parseQueryNumber(in.string_view());
+    if (!number && looksLikeNumberWithUnit(in.string_view()))
+      throw pegtl::parse_error(EXPECTED_UNIT, in);
+    builder.add(number ? QueryTerm::Kind::NUMBER : QueryTerm::Kind::NAME, in.string(), placeOf(in),
+                number.value_or(0));
+  }
+};
+
+template <>
+struct Action<TermOpen>
+{
+  template <class Input>
+  static void apply(Input const& in, Builder& builder)
+  {
+    builder.enter(in);
+  }
+};
+
+template <>
+struct Action<TermClose>
+{
+  static void apply0(Builder& builder) { --builder.nesting; }
+};
+
+template <char Sign, class Right>
+struct Action<Tail<Sign, Right>>
+{
+  static void apply0(Builder& builder)
+  {
+    builder.calculate(Sign == '+' || Sign == '-' ? QueryTerm::Kind::SUM : QueryTerm::Kind::PRODUCT,
+                      Sign);
+  }
+};
+
+template <>
+struct Action<RightSum>
+{
+  template <class Input>
+  static void apply(Input const& in, Builder& builder)
+  {
+    QueryNode& node = builder.comparison;
+    if (node.comparison == Operator::LIKE)
+      throw pegtl::parse_error(EXPECTED<Value>, in);
+    node.kind = Kind::CALCULATION;
+    if (builder.terms.size() == 1)
+    {
+      builder.add(QueryTerm::Kind::NAME, std::move(node.attribute), node.place);
+      std::swap(builder.terms[0], builder.terms[1]);
+      node.attribute.clear();
+    }
+    node.terms = std::exchange(builder.terms, {});
+    builder.operands.push_back(std::exchange(node, QueryNode()));
+  }
 };
 
 template <>
@@ -246,11 +490,15 @@ struct Action<QuotedText<Quote>>
 template <>
 struct Action<AttributeName>
 {
-  static void apply0(Builder& builder) { builder.comparison.attribute = std::move(builder.text); }
+  template <class Input>
+  static void apply(Input const& in, Builder& builder)
+  {
+    builder.comparison.attribute = std::move(builder.text);
+    builder.comparison.place = placeOf(in);
+  }
 };
 
-template <>
-struct Action<Comparator>
+struct ComparatorAction
 {
   template <class Input>
   static void apply(Input const& in, Builder& builder)
@@ -266,6 +514,14 @@ struct Action<Comparator>
         builder.comparison.comparison = comparison;
   }
 };
+template <>
+struct Action<Comparator> : ComparatorAction
+{
+};
+template <>
+struct Action<NumberComparator> : ComparatorAction
+{
+};
 
 template <>
 struct Action<Value>
@@ -278,10 +534,9 @@ struct Action<Value>
     {
       node.number = parseQueryNumber(builder.text);
       if (!node.number && orders(node.comparison) && looksLikeNumberWithUnit(builder.text))
-        throw pegtl::parse_error("expected a number with one of the units B K M G T P KiB MiB GiB "
-                                 "TiB PiB KB MB GB TB PB "
-                                 "s m h d w, or a text in quotes",
-                                 in);
+        throw pegtl::parse_error(EXPECTED_UNIT, in);
+      if (!node.number && orders(node.comparison) && looksLikeCalculation(builder.text))
+        throw pegtl::parse_error("expected blanks around what calculates, or a text in quotes", in);
     }
     node.value = std::move(builder.text);
     builder.operands.push_back(std::exchange(node, QueryNode()));
@@ -339,88 +594,7 @@ struct Action<OrTail>
   static void apply0(Builder& builder) { builder.join(Kind::OR); }
 };
 
-// ---- evaluating ----
-
-bool answers(Operator comparison, std::partial_ordering order)
-{
-  switch (comparison)
-  {
-  case Operator::EQUAL:
-    return order == 0;
-  case Operator::NOT_EQUAL:
-    return order != 0;
-  case Operator::LESS:
-    return order < 0;
-  case Operator::LESS_OR_EQUAL:
-    return order <= 0;
-  case Operator::GREATER:
-    return order > 0;
-  case Operator::GREATER_OR_EQUAL:
-    return order >= 0;
-  case Operator::LIKE:
-    break;
-  }
-  return false;
-}
-
-bool compare(QueryNode const& node, std::string const& actual)
-{
-  if (node.comparison == Operator::LIKE)
-    return wildcardcmp(node.value, actual) == 0;
-  if (!node.number)
-    return answers(node.comparison, actual <=> node.value);
-  auto const number = parseQueryNumber(actual);
-  return answers(node.comparison,
-                 number ? *number <=> *node.number : std::partial_ordering::unordered);
-}
-
 } // namespace
-
-std::optional<long double> parseQueryNumber(std::string_view text)
-{
-  static constexpr long double KILO = 1000;
-  static constexpr long double KIBI = 1024;
-  static constexpr std::pair<std::string_view, long double> UNITS[] = {
-      {"", 1},
-      {"B", 1},
-      {"K", KIBI},
-      {"KiB", KIBI},
-      {"M", KIBI * KIBI},
-      {"MiB", KIBI * KIBI},
-      {"G", KIBI * KIBI * KIBI},
-      {"GiB", KIBI * KIBI * KIBI},
-      {"T", KIBI * KIBI * KIBI * KIBI},
-      {"TiB", KIBI * KIBI * KIBI * KIBI},
-      {"P", KIBI * KIBI * KIBI * KIBI * KIBI},
-      {"PiB", KIBI * KIBI * KIBI * KIBI * KIBI},
-      {"KB", KILO},
-      {"MB", KILO * KILO},
-      {"GB", KILO * KILO * KILO},
-      {"TB", KILO * KILO * KILO * KILO},
-      {"PB", KILO * KILO * KILO * KILO * KILO},
-      {"s", 1},
-      {"m", 60},
-      {"h", 60 * 60},
-      {"d", 24 * 60 * 60},
-      {"w", 7 * 24 * 60 * 60},
-  };
-  bool const negative = text.starts_with('-');
-  if (negative || text.starts_with('+'))
-    text.remove_prefix(1);
-  // from_chars would also take "inf", "nan" and a second sign.
-  if (text.empty() || text.front() < '0' || text.front() > '9')
-    return std::nullopt;
-  long double number = 0;
-  auto const [end, failure] =
-      std::from_chars(text.data(), text.data() + text.size(), number, std::chars_format::fixed);
-  if (failure != std::errc())
-    return std::nullopt;
-  std::string_view const rest(end, static_cast<std::size_t>(text.data() + text.size() - end));
-  for (auto const& [unit, factor] : UNITS)
-    if (rest == unit)
-      return (negative ? -number : number) * factor;
-  return std::nullopt;
-}
 
 ParsedQuery parseQuery(std::string_view text)
 {
@@ -440,25 +614,6 @@ ParsedQuery parseQuery(std::string_view text)
                    std::to_string(position.column) + ": " + std::string(mistake.message());
   }
   return parsed;
-}
-
-bool evaluateQuery(QueryNode const& node,
-                   std::function<std::optional<std::string>(std::string_view name)> const& lookup)
-{
-  auto const holds = [&lookup](QueryNode const& operand) { return evaluateQuery(operand, lookup); };
-  switch (node.kind)
-  {
-  case Kind::AND:
-    return std::all_of(node.operands.begin(), node.operands.end(), holds);
-  case Kind::OR:
-    return std::any_of(node.operands.begin(), node.operands.end(), holds);
-  case Kind::NOT:
-    return !holds(node.operands.front());
-  case Kind::COMPARISON:
-    break;
-  }
-  auto const actual = lookup(node.attribute);
-  return actual && compare(node, *actual);
 }
 
 } // namespace Quillon::Tessarine::Ozf

@@ -13,6 +13,33 @@
 namespace Quillon::Tessarine::Ozf
 {
 
+// Where something stands in the text of a query; both count from 1, the column
+// in bytes.
+struct QueryPlace
+{
+  std::size_t line = 1;
+  std::size_t column = 1;
+};
+
+// A part of a calculation.
+struct QueryTerm
+{
+  enum class Kind
+  {
+    NUMBER,
+    NAME,   // the value of an attribute
+    SUM,    // operands, from left to right, with + or - between them
+    PRODUCT // likewise with * or /
+  };
+
+  Kind kind = Kind::NAME;
+  std::string text; // of a number, as it was written; of a name
+  QueryPlace place;
+  long double number = 0;
+  std::vector<QueryTerm> operands;
+  std::string operators; // that before each operand but the first
+};
+
 struct QueryNode
 {
   enum class Kind
@@ -20,7 +47,8 @@ struct QueryNode
     AND,
     OR,
     NOT, // one operand
-    COMPARISON
+    COMPARISON,
+    CALCULATION // a comparison of two calculated numbers
   };
   enum class Operator
   {
@@ -37,10 +65,22 @@ struct QueryNode
   std::vector<QueryNode> operands;
 
   std::string attribute;
+  QueryPlace place; // of the attribute
   Operator comparison = Operator::EQUAL;
   std::string value;
   std::optional<long double> number; // the value, when it is to be compared as a number
+
+  std::vector<QueryTerm> terms; // of a calculation: its left and its right side
 };
+
+// The names that the query asks for, each time that it does, in its order.
+struct QueryName
+{
+  std::string name;
+  QueryPlace place;
+  bool calculated = false; // a part of a calculation
+};
+OZF_EXPORT std::vector<QueryName> namesIn(QueryNode const& node);
 
 // The number that the text reads as, in the base unit; absent when it is none.
 OZF_EXPORT std::optional<long double> parseQueryNumber(std::string_view text);

@@ -51,6 +51,52 @@ std::string quoted(std::string const& text)
   return result + '"';
 }
 
+std::string print(QueryTerm const& term)
+{
+  if (term.kind == QueryTerm::Kind::NUMBER)
+    return term.text;
+  if (term.kind == QueryTerm::Kind::NAME)
+    return quoted(term.text);
+  require(term.operands.size() >= 2 && term.operators.size() + 1 == term.operands.size(),
+          "a chain of a calculation has a sign before each link but the first");
+  std::string text;
+  for (std::size_t i = 0; i < term.operands.size(); ++i)
+  {
+    QueryTerm const& operand = term.operands[i];
+    if (i != 0)
+      text += std::string(" ") + term.operators[i - 1] + ' ';
+    bool const group =
+        operand.kind == QueryTerm::Kind::SUM ||
+        (operand.kind == QueryTerm::Kind::PRODUCT && term.kind == QueryTerm::Kind::PRODUCT);
+    text += group ? '(' + print(operand) + ')' : print(operand);
+  }
+  return text;
+}
+
+// What stands alone is taken for a plain comparison, but for parentheses.
+std::string printCalculation(QueryNode const& node)
+{
+  require(node.terms.size() == 2, "a calculation has two sides");
+  QueryTerm const& left = node.terms[0];
+  QueryTerm const& right = node.terms[1];
+  bool const plain = left.kind == QueryTerm::Kind::NAME;
+  bool const single = right.kind == QueryTerm::Kind::NAME || right.kind == QueryTerm::Kind::NUMBER;
+  return (left.kind == QueryTerm::Kind::NUMBER ? '(' + print(left) + ')' : print(left)) + ' ' +
+         symbolOf(node.comparison) + ' ' +
+         (plain && single ? '(' + print(right) + ')' : print(right));
+}
+
+std::string describe(QueryTerm const& term)
+{
+  if (term.operands.empty())
+    return (term.kind == QueryTerm::Kind::NUMBER ? "number [" : "name [") + term.text + ']';
+  std::string text = "(";
+  for (std::size_t i = 0; i < term.operands.size(); ++i)
+    text += (i == 0 ? std::string() : std::string(1, term.operators[i - 1])) +
+            describe(term.operands[i]);
+  return text + ')';
+}
+
 // The query that node stands for. Operands get no more parentheses than they
 // need, so that no query gets deeper than it was.
 std::string print(QueryNode const& node)
@@ -79,6 +125,8 @@ std::string print(QueryNode const& node)
     }
     return text;
   }
+  case Kind::CALCULATION:
+    return printCalculation(node);
   case Kind::COMPARISON:
     break;
   }
@@ -92,6 +140,8 @@ std::string describe(QueryNode const& node)
   if (node.kind == Kind::COMPARISON)
     return '[' + node.attribute + "] " + symbolOf(node.comparison) + " [" + node.value + ']' +
            (node.number ? " number" : "");
+  if (node.kind == Kind::CALCULATION)
+    return describe(node.terms[0]) + symbolOf(node.comparison) + describe(node.terms[1]);
   std::string text = node.kind == Kind::NOT ? "not(" : node.kind == Kind::AND ? "and(" : "or(";
   for (QueryNode const& operand : node.operands)
     text += describe(operand) + ", ";
@@ -169,7 +219,10 @@ void checkUnderstood(std::string const& text, QueryNode const& expression)
 
   std::vector<QueryNode const*> comparisons;
   collect(expression, comparisons);
-  require(!comparisons.empty(), "a query compares something");
+  auto const names = namesIn(expression);
+  for (QueryName const& each : names)
+    require(each.place.line >= 1 && each.place.column >= 1 && each.place.column <= text.size() + 1,
+            "a name stands in the query", each.name);
 
   AutoDereference<OzfQuery> const whole(new OzfQuery);
   require(whole->setQuery(text) == OzfQuery::QUERY_OK && whole->getQuery() == OzfString(text),
@@ -187,6 +240,8 @@ void checkUnderstood(std::string const& text, QueryNode const& expression)
       std::uint32_t const choice = choiceOf(name) + round;
       if (choice % 5 == 0)
         return std::nullopt;
+      if (comparisons.empty())
+        return std::to_string(choice % 7);
       return comparisons[choice % comparisons.size()]->value;
     };
     bool const answer = whole->evaluate(lookup);

@@ -107,6 +107,7 @@ TEST(QueryExpressionTest, UnitsMultiply)
       {"2h", 7200},
       {"2d", 172800},
       {"2w", 1209600},
+      {"80%", 0.8L},
       {"-2h", -7200},
       {"+2h", 7200},
   };
@@ -219,7 +220,7 @@ TEST(QueryExpressionTest, AMistakeIsReportedWithItsPlaceAndWhatWasExpected)
       {"'a=1", "line 1, column 5: expected the closing '"},
       {"size > 10g",
        "line 1, column 8: expected a number with one of the units B K M G T P KiB MiB GiB TiB PiB "
-       "KB MB GB TB PB s m h d w, or a text in quotes"},
+       "KB MB GB TB PB s m h d w %, or a text in quotes"},
   };
   for (auto const& [query, text] : mistakes)
     EXPECT_EQ(text, mistake(query)) << query;
@@ -267,6 +268,115 @@ TEST(QueryExpressionTest, ALongChainIsRead)
     text += " or a=" + std::to_string(i);
   EXPECT_TRUE(answers(text, {{"a", "7999"}}));
   EXPECT_FALSE(answers(text, {{"a", "8000"}}));
+}
+
+TEST(QueryExpressionTest, CalculatesWithNumbersAndUnits)
+{
+  Values const values{{"used", "8G"},    {"size", "10737418240"}, {"free", "2147483648"},
+                      {"my-age", "90m"}, {"free space", "3"},     {"zero", "0"}};
+  for (char const* query : {"used / size >= 80%",
+                            "used / size = 80%",
+                            "used/size > 79%",
+                            "used/size*100 = 80",
+                            "size - used = free",
+                            "size - used - free = 0",
+                            "size - (used - free) = 4G",
+                            "(size - used) / size <= 0.2",
+                            "(used + free) * 2 = 20G",
+                            "used + free * 2 > size",
+                            "used > size * 0.7",
+                            "used > 0.7 * size",
+                            "used < (size)",
+                            "(used) < size",
+                            "free = size - used",
+                            "my-age = 1h + 30m",
+                            "my-age - 30m = 1h",
+                            "'free space' * 2 = 6",
+                            "2 * \"free space\" = 6",
+                            "size / 2 / 5 = 1G",
+                            "((used)) = ((8G))",
+                            "-1 * free < -1G",
+                            "free - -1 > free",
+                            "free + +1 > free",
+                            "not used / size > 90% and size / used > 1",
+                            "(used / size > 90%) or (used / size < 90%)",
+                            "zero * 5 = 0",
+                            "used != size + 1"})
+    EXPECT_TRUE(answers(query, values)) << query;
+  for (char const* query : {"used / size > 80%", "size / used < 1", "used > size * 0.8",
+                            "size - used - free > 0", "(used / size > 90%) or (used / size < 10%)"})
+    EXPECT_FALSE(answers(query, values)) << query;
+}
+
+TEST(QueryExpressionTest, WhatCannotBeCalculatedIsUnequalAndWhatIsAbsentAnswersNothing)
+{
+  std::string const huge(4000, '9');
+  Values const values{{"text", "ext4"}, {"zero", "0"}, {"one", "1"}, {"huge", huge}};
+  for (char const* left : {"text + 1", "one / zero", "zero / zero", "huge * huge",
+                           "huge * huge - huge * huge", "one / (one - 1)"})
+  {
+    for (char const* sign : {"=", "<", "<=", ">", ">="})
+      EXPECT_FALSE(answers(std::string(left) + ' ' + sign + " 1", values)) << left << sign;
+    EXPECT_TRUE(answers(std::string(left) + " != 1", values)) << left;
+  }
+  for (char const* query : {"absent + 1 != 1", "absent / one < 5", "one != (absent)"})
+    EXPECT_FALSE(answers(query, values)) << query;
+}
+
+TEST(QueryExpressionTest, SignsInValuesAndPatternsAreText)
+{
+  EXPECT_TRUE(answers("mount = /", {{"mount", "/"}}));
+  EXPECT_TRUE(answers("mount > /a and mount < /c", {{"mount", "/b"}}));
+  EXPECT_TRUE(answers("path like */x*", {{"path", "a/x/b"}}));
+  EXPECT_TRUE(answers("type = a+b", {{"type", "a+b"}}));
+  EXPECT_TRUE(answers("(mount = /) and (type != c*)", {{"mount", "/"}, {"type", "x"}}));
+}
+
+TEST(QueryExpressionTest, MistakesOfCalculationsHaveTheirPlaces)
+{
+  std::pair<char const*, char const*> const mistakes[] = {
+      {"used /", "line 1, column 7: expected a number, a name or \"(\""},
+      {"used / > 1", "line 1, column 8: expected a number, a name or \"(\""},
+      {"used / size", "line 1, column 12: expected one of + - * / = != < <= > >="},
+      {"used / size like 1", "line 1, column 13: expected one of + - * / = != < <= > >="},
+      {"used / size > ", "line 1, column 15: expected a number, a name or \"(\""},
+      {"used > (size", "line 1, column 13: expected one of + - * / or \")\""},
+      {"used > size *", "line 1, column 14: expected a number, a name or \"(\""},
+      {"a like (b)", "line 1, column 8: expected a value"},
+      {"a = 1 and used *\n 10g > 1",
+       "line 2, column 2: expected a number with one of the units B K M G T P KiB MiB GiB TiB PiB "
+       "KB MB GB TB PB s m h d w %, or a text in quotes"},
+      {"used > size*0.8",
+       "line 1, column 8: expected blanks around what calculates, or a text in quotes"},
+      {"mount/point = /", "line 1, column 15: expected a number, a name or \"(\""},
+  };
+  for (auto const& [query, text] : mistakes)
+    EXPECT_EQ(text, mistake(query)) << query;
+}
+
+TEST(QueryExpressionTest, NamesAreToldWithTheirPlaces)
+{
+  auto const names = namesIn(parseQuery("a = 1 and\n(b + 2) / 'c d' > e").expression);
+  ASSERT_EQ(names.size(), 4U);
+  std::string told;
+  for (auto const& each : names)
+    told += each.name + ' ' + std::to_string(each.place.line) + ':' +
+            std::to_string(each.place.column) + (each.calculated ? " c, " : ", ");
+  EXPECT_EQ(told, "a 1:1, b 2:2 c, c d 2:11 c, e 2:19 c, ");
+}
+
+TEST(QueryExpressionTest, CalculationsAreNestedAsLittleAsComparisons)
+{
+  auto const nested = [](std::size_t depth)
+  { return std::string(depth, '(') + "a + 1" + std::string(depth, ')') + " = 2"; };
+  EXPECT_TRUE(answers(nested(64), {{"a", "1"}}));
+  EXPECT_EQ("line 1, column 65: nested more than 64 deep", mistake(nested(65)));
+  EXPECT_EQ(OzfQuery::QUERY_TOO_DEEP, parseQuery(nested(16000)).result);
+  EXPECT_EQ(OzfQuery::QUERY_TOO_DEEP, parseQuery("a = " + nested(16000)).result);
+  std::string chain = "a";
+  for (int i = 0; i < 16000; ++i)
+    chain += " + 1";
+  EXPECT_TRUE(answers(chain + " = 16001", {{"a", "1"}}));
 }
 
 } // namespace
