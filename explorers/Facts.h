@@ -23,6 +23,7 @@ struct Fact
   OzfQuery::Type type;
   char const* description;
   std::optional<std::string> (*value)(Thing const&); // absent when not known
+  char const* unit = nullptr;                        // null: that of the type
 };
 
 template <class Thing>

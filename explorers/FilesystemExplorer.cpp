@@ -6,6 +6,7 @@
 #include <sys/sysmacros.h>
 
 #include <array>
+#include <cmath>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers
 {
@@ -27,7 +28,19 @@ Value ofInodes(Filesystem const& mount, std::uint64_t Space::*member)
   return mount.space && mount.space->inodes != 0 ? ofSpace(mount, member) : Value();
 }
 
-constexpr std::array<Fact<Filesystem>, 14> FACTS = {{
+// Of what users can fill at all, in hundredths; more than none is at least one.
+Value usedShare(Filesystem const& mount)
+{
+  if (!mount.space)
+    return std::nullopt;
+  auto const used = static_cast<long double>(mount.space->used);
+  long double const all = used + static_cast<long double>(mount.space->available);
+  if (all == 0)
+    return std::nullopt;
+  return std::to_string(static_cast<unsigned>(std::ceil(100 * used / all))) + '%';
+}
+
+constexpr std::array<Fact<Filesystem>, 15> FACTS = {{
     {"MountPoint", Type::TEXT, "Where the file system is mounted",
      [](Filesystem const& mount) -> Value { return known(mount.mountPoint); }},
     {"Type", Type::TEXT, "The type of the file system",
@@ -53,6 +66,7 @@ constexpr std::array<Fact<Filesystem>, 14> FACTS = {{
      [](Filesystem const& mount) -> Value { return ofSpace(mount, &Space::used); }},
     {"Available", Type::SIZE, "The space that users can still fill",
      [](Filesystem const& mount) -> Value { return ofSpace(mount, &Space::available); }},
+    {"Use", Type::NUMBER, "The share in use of what users can fill", usedShare, "%"},
     {"Inodes", Type::NUMBER, "The number of inodes",
      [](Filesystem const& mount) -> Value { return ofInodes(mount, &Space::inodes); }},
     {"InodesUsed", Type::NUMBER, "The number of inodes in use",

@@ -22,7 +22,8 @@ AutoDereference<OzfQuery> describeFacts(Facts<Thing> facts)
 {
   AutoDereference<OzfQuery> query(new OzfQuery);
   for (auto const& fact : facts)
-    query->addAttribute({fact.name, fact.type, unitOf(fact.type), fact.description});
+    query->addAttribute({fact.name, fact.type, fact.unit == nullptr ? unitOf(fact.type) : fact.unit,
+                         fact.description});
   return query;
 }
 

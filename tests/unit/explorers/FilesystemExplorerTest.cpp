@@ -51,6 +51,7 @@ TEST(FilesystemExplorer, storesOneItemForEveryMount)
       {"Size", "4096"},
       {"Used", "1024"},
       {"Available", "2048"},
+      {"Use", "34%"},
       {"Inodes", "7"},
       {"InodesUsed", "3"}};
   EXPECT_EQ(facts, boot->facts);

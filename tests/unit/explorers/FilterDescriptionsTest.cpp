@@ -75,15 +75,16 @@ TEST(FilterDescriptions, everyFactOfAVolumeCanBeAskedFor)
   EXPECT_EQ(namesOf(volumeFacts()), described);
 }
 
-TEST(FilterDescriptions, sizesSayTheirUnit)
+TEST(FilterDescriptions, sizesAndSharesSayTheirUnit)
 {
   Document const document(filterDocument(filesystemFacts()));
   int sizes = 0;
   for (auto const& attribute : document.attributeList)
     if (attribute.count("Unit") != 0)
     {
-      EXPECT_EQ("bytes", attribute.at("Unit"));
-      ++sizes;
+      bool const share = attribute.at("Name") == "Use";
+      EXPECT_EQ(share ? "%" : "bytes", attribute.at("Unit"));
+      sizes += share ? 0 : 1;
     }
   EXPECT_EQ(3, sizes);
 }
