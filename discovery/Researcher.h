@@ -153,6 +153,11 @@ public:
 protected:
   ~AuthSubIterator() override;
 
+  // The items read so far of the discovery in hand. A class that overrides
+  // xmlEndElement may take them out as they come, so that a large collection
+  // is never in memory as a whole.
+  CollectionItems& itemsInHand() { return *m_items; }
+
 private:
   bool parseCollection(CollectionData& data);
   void finishItem(AutoDereference<CollectionItem> item);

@@ -3,13 +3,10 @@
 #include "discovery/FilterParameters.h"
 #include "discovery/Researcher.h"
 #include "ozf/base/AsciiCase.h"
-#include "ozf/xml/QueryExpression.h"
 #include "tools/CapturedText.h"
 #include "tools/ExitCodes.h"
-#include "tools/Format.h"
 #include "tools/Output.h"
 
-#include <cmath>
 #include <memory>
 #include <sstream>
 
@@ -121,28 +118,50 @@ Item makeItem(DiscoveredItem const& discovered)
   return item;
 }
 
-Collection readThrough(AutoDereference<Discovery> const& discovery, std::string const& query)
+// Passes each item on as soon as it was read.
+class ItemStream : public AuthSubIterator
+{
+public:
+  using Take = std::function<void(CollectionItem const&)>;
+
+  ItemStream(AutoDereference<Discovery> const& discovery, Take take)
+      : AuthSubIterator(new OneDiscovery(discovery)), m_take(std::move(take))
+  {
+  }
+
+  int xmlEndElement(XmlObjParseContext* context, XMLCh const* name) override
+  {
+    int const result = AuthSubIterator::xmlEndElement(context, name);
+    for (auto const& item : itemsInHand())
+      if (item)
+        m_take(*item);
+    itemsInHand().clear();
+    return result;
+  }
+
+private:
+  Take const m_take;
+};
+
+// A collection without its items, which go to take.
+Collection readThrough(AutoDereference<Discovery> const& discovery, std::string const& query,
+                       ItemSink const& take)
 {
   Collection collection;
   FilterParameters const parameters(nullptr, query.c_str());
-  AutoDereference<AuthSubIterator> const discoveries(
-      new AuthSubIterator(new OneDiscovery(discovery)));
+  OzfQuery description;
+  AutoDereference<AuthSubIterator> const discoveries(new ItemStream(
+      discovery,
+      [&](CollectionItem const& item)
+      {
+        if (auto const* const discovered = dynamic_cast<DiscoveredItem const*>(&item))
+          take(makeItem(*discovered));
+        else if (auto const* const filter = dynamic_cast<FilterItem const*>(&item))
+          description.merge(filter->getQuery());
+      }));
   AutoDereference<CollectionItemIterator> const items(
       discoveries->getNextCollectionItemIterator(query.empty() ? nullptr : &parameters));
-  if (!items)
-    return collection;
-  collection.complete = items->isParsed();
-  OzfQuery description;
-  for (;;)
-  {
-    AutoDereference<CollectionItem> const item(items->getNextCollectionItem());
-    if (!item)
-      break;
-    if (auto const* const discovered = dynamic_cast<DiscoveredItem const*>(item.get()))
-      collection.items.push_back(makeItem(*discovered));
-    else if (auto const* const filter = dynamic_cast<FilterItem const*>(item.get()))
-      description.merge(filter->getQuery());
-  }
+  collection.complete = items && items->isParsed();
   collection.attributes = description.attributes();
   return collection;
 }
@@ -162,31 +181,15 @@ bool readBytesThrough(Discovery& discovery, std::string const& query, std::strin
   return count == 0;
 }
 
-void noteFactNames(Collection& collection)
+// Whether the item answers the query, by what is written of it.
+bool isAnswer(Item const& item, OzfQuery const& query)
 {
-  for (Item const& item : collection.items)
-    for (auto const& [name, value] : item.facts)
-      collection.factNames.insert(name);
-}
-
-// Only the items that answer the query, by what is written of them.
-void keepAnswers(Collection& collection, OzfQuery const& query)
-{
-  std::erase_if(collection.items,
-                [&query](Item const& item)
-                {
-                  return !query.evaluate(
-                      [&item](std::string_view name) -> std::optional<std::string>
-                      {
-                        std::string const* const value = item.find(name);
-                        return value == nullptr ? std::nullopt : std::optional(*value);
-                      });
-                });
-}
-
-bool isAnswer(Collection const& collection)
-{
-  return collection.complete || !collection.items.empty();
+  return query.evaluate(
+      [&item](std::string_view name) -> std::optional<std::string>
+      {
+        std::string const* const value = item.find(name);
+        return value == nullptr ? std::nullopt : std::optional(*value);
+      });
 }
 
 // Tries the places that may have the collection until one gives it: the master;
@@ -235,21 +238,41 @@ std::string const* Item::find(std::string_view fact) const
   return nullptr;
 }
 
-Collection readCollection(Record const& record, OzfQuery const& query)
+Collection readCollection(Record const& record, OzfQuery const& query, ItemSink const& take)
 {
   std::string const& text = query.getQuery().str();
   Collection collection;
   readAnywhere(record, !text.empty(),
                [&](AutoDereference<Discovery> const& discovery, bool whole)
                {
-                 collection = readThrough(discovery, text);
-                 bool const answer = isAnswer(collection);
-                 if (!text.empty())
-                   noteFactNames(collection);
-                 if (whole)
-                   keepAnswers(collection, query);
-                 return answer;
+                 bool any = false;
+                 std::size_t count = 0;
+                 std::set<std::string> factNames;
+                 collection = readThrough(discovery, text,
+                                          [&](Item item)
+                                          {
+                                            any = true;
+                                            if (!text.empty())
+                                              for (auto const& [name, value] : item.facts)
+                                                factNames.insert(name);
+                                            if (whole && !isAnswer(item, query))
+                                              return;
+                                            ++count;
+                                            take(std::move(item));
+                                          });
+                 collection.count = count;
+                 collection.factNames = std::move(factNames);
+                 return collection.complete || any;
                });
+  return collection;
+}
+
+Collection readCollection(Record const& record, OzfQuery const& query)
+{
+  std::vector<Item> items;
+  Collection collection =
+      readCollection(record, query, [&items](Item item) { items.push_back(std::move(item)); });
+  collection.items = std::move(items);
   return collection;
 }
 
@@ -268,96 +291,22 @@ AutoDereference<OzfQuery> describe(Record const& record)
   AutoDereference<OzfQuery> description(new OzfQuery);
   Selection selection;
   selection.subject = record.subject;
-  selection.authority = record.authority;
   selection.filterData = true;
   std::vector<Record> records;
-  if (queryRecords(selection, records, true) == EXIT_DONE)
+  std::vector<std::string> authorities{record.authority};
+  if (record.onDemand())
+    authorities.push_back(record.authority + PULL_FILTER_SUFFIX);
+  for (std::string const& authority : authorities)
+  {
+    selection.authority = authority;
+    if (!description->attributes().empty() || queryRecords(selection, records, true) != EXIT_DONE)
+      break;
     for (Record const& each : records)
       if (!each.onDemand())
-        for (auto const& attribute : readThrough(each.discovery, "").attributes)
+        for (auto const& attribute : readThrough(each.discovery, "", [](Item const&) {}).attributes)
           description->addAttribute(attribute);
+  }
   return description;
-}
-
-std::vector<OzfQuery::Attribute> describeQueries(Record const& record)
-{
-  auto const stored = describe(record);
-  if (!stored->attributes().empty() || !record.onDemand())
-    return stored->attributes();
-  Record beside = record;
-  beside.authority += PULL_FILTER_SUFFIX;
-  return describe(beside)->attributes();
-}
-
-std::string formatValue(std::string const& value, OzfQuery::Attribute const* attribute)
-{
-  if (attribute != nullptr &&
-      (attribute->type == OzfQuery::Type::SIZE || attribute->type == OzfQuery::Type::DURATION))
-  {
-    auto const number = parseQueryNumber(value);
-    constexpr long double MOST = 9.2e18L;
-    if (number && std::isfinite(*number) && *number >= 0 && *number < MOST)
-      return attribute->type == OzfQuery::Type::SIZE
-                 ? formatSize(static_cast<std::uint64_t>(*number))
-                 : formatSpan(static_cast<std::int64_t>(*number));
-  }
-  return shown(value);
-}
-
-char const* typeName(OzfQuery::Type type)
-{
-  switch (type)
-  {
-  case OzfQuery::Type::TEXT:
-    return "text";
-  case OzfQuery::Type::NUMBER:
-    return "number";
-  case OzfQuery::Type::SIZE:
-    return "size";
-  case OzfQuery::Type::DURATION:
-    return "duration";
-  case OzfQuery::Type::TIME:
-    return "time";
-  case OzfQuery::Type::BOOLEAN:
-    return "boolean";
-  }
-  return "text";
-}
-
-nlohmann::json toJson(OzfQuery::Attribute const& attribute)
-{
-  return {{"name", attribute.name.str()},
-          {"type", typeName(attribute.type)},
-          {"unit", attribute.unit.str()},
-          {"description", attribute.description.str()}};
-}
-
-nlohmann::json toJson(Record const& record, Collection const& collection)
-{
-  nlohmann::json items = nlohmann::json::array();
-  for (Item const& item : collection.items)
-  {
-    nlohmann::json facts = nlohmann::json::array();
-    for (auto const& [name, value] : item.facts)
-      facts.push_back({{"name", name}, {"value", value}});
-    nlohmann::json each = {{"name", item.name}, {"facts", facts}};
-    each["status"] = nullptr;
-    if (item.status)
-      each["status"] = {{"code", item.status->code},
-                        {"severity", item.status->severity},
-                        {"text", item.status->text}};
-    each["policy"] = item.policy.empty() ? nlohmann::json() : nlohmann::json(item.policy);
-    each["text"] = item.text.empty() ? nlohmann::json() : nlohmann::json(item.text);
-    items.push_back(std::move(each));
-  }
-  nlohmann::json attributes = nlohmann::json::array();
-  for (auto const& attribute : collection.attributes)
-    attributes.push_back(toJson(attribute));
-  nlohmann::json result = toJson(record);
-  result["complete"] = collection.complete;
-  result["items"] = std::move(items);
-  result["attributes"] = std::move(attributes);
-  return result;
 }
 
 } // namespace tqdiscoctl

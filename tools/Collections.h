@@ -3,8 +3,10 @@
 #pragma once
 
 #include "ozf/xml/OzfQuery.h"
+#include "tools/FactTypes.h"
 #include "tools/Records.h"
 
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
@@ -38,41 +40,36 @@ struct Item
 struct Collection
 {
   bool complete = false; // else it could not be read, or not to its end
+  std::size_t count = 0; // of the items that answer the query
   std::vector<Item> items;
   std::set<std::string> factNames; // with a query: also of items that do not answer it
   std::vector<Quillon::Tessarine::Ozf::OzfQuery::Attribute> attributes; // of filter data
 };
+
+// Where items go as they are read.
+using ItemSink = std::function<void(Item)>;
 
 // Reads the collection; query (may be empty) is sent along, and is applied
 // here to what was stored without regard to it. The text of the query has
 // been checked. Blocks as long as the hosts concerned take.
 Collection readCollection(Record const& record, Quillon::Tessarine::Ozf::OzfQuery const& query);
 
+// The same with the items passed on one by one instead of kept.
+Collection readCollection(Record const& record, Quillon::Tessarine::Ozf::OzfQuery const& query,
+                          ItemSink const& take);
+
 // The bytes of the collection; false when they cannot be had.
 bool readBytes(Record const& record, std::string const& query, std::string& bytes);
 
-// How the facts of an explorer are to be shown: its description, as far as it
-// stored one for the subject.
+// How the facts of an explorer are to be shown and what can be asked for: its
+// description, as far as it stored one under the record's names, or beside a
+// collection on demand under the authority's name with PULL_FILTER_SUFFIX.
+// Without attributes when it stored none.
 Quillon::Tessarine::Ozf::AutoDereference<Quillon::Tessarine::Ozf::OzfQuery>
 describe(Record const& record);
-
-// What can be asked for of the collection, as its explorer stored it under the
-// record's names, or beside a collection on demand under the authority's name
-// with PULL_FILTER_SUFFIX. Empty when it stored nothing.
-std::vector<Quillon::Tessarine::Ozf::OzfQuery::Attribute> describeQueries(Record const& record);
 
 // Where explorers whose collections are made on demand store what can be asked
 // of them: under their own name the service would not give it out.
 inline constexpr char PULL_FILTER_SUFFIX[] = "-filter";
-
-// A fact's value for people: sizes and durations with units.
-std::string formatValue(std::string const& value,
-                        Quillon::Tessarine::Ozf::OzfQuery::Attribute const* attribute);
-
-// "text", "size" and so on.
-char const* typeName(Quillon::Tessarine::Ozf::OzfQuery::Type type);
-
-nlohmann::json toJson(Record const& record, Collection const& collection);
-nlohmann::json toJson(Quillon::Tessarine::Ozf::OzfQuery::Attribute const& attribute);
 
 } // namespace tqdiscoctl

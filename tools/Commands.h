@@ -24,7 +24,8 @@ struct Session
 };
 
 void addQueryCommands(CLI::App& application, Session& session);   // query, hosts
-void addShowCommands(CLI::App& application, Session& session);    // show, items, filters
+void addShowCommands(CLI::App& application, Session& session);    // show, filters
+void addItemsCommand(CLI::App& application, Session& session);    // items
 void addWatchCommand(CLI::App& application, Session& session);    // watch
 void addPutCommand(CLI::App& application, Session& session);      // put
 void addControlCommands(CLI::App& application, Session& session); // push, stop

@@ -21,32 +21,6 @@ constexpr std::size_t COLUMN_GAP = 2;
 constexpr std::size_t WIDE = 24;
 constexpr int LAST_TURN = 2;
 
-// The sizes among the facts of the product's own explorers, for those whose
-// description is not stored or cannot be read.
-OzfQuery::Attribute const* knownSize(std::string const& fact)
-{
-  static OzfQuery::Attribute const SIZE{"", OzfQuery::Type::SIZE, "bytes", ""};
-  for (char const* name : {"Size", "Used", "Available", "Start", "SectorSize", "Memory", "Swap"})
-    if (fact == name)
-      return &SIZE;
-  return nullptr;
-}
-
-OzfQuery::Attribute const* attributeOf(OzfQuery const& description, std::string const& fact)
-{
-  for (auto const& attribute : description.attributes())
-    if (equalIgnoringCase(attribute.name.str(), fact))
-      return &attribute;
-  return description.attributes().empty() ? knownSize(fact) : nullptr;
-}
-
-bool isNumber(OzfQuery::Attribute const* attribute)
-{
-  return attribute != nullptr &&
-         (attribute->type == OzfQuery::Type::SIZE || attribute->type == OzfQuery::Type::NUMBER ||
-          attribute->type == OzfQuery::Type::DURATION);
-}
-
 // The facts in the order in which they are first met, without one that only
 // repeats the items' names.
 std::vector<std::string> allFacts(std::vector<ItemRow> const& rows)
@@ -162,29 +136,22 @@ std::vector<std::string> fitting(std::vector<std::string> const& facts,
 
 } // namespace
 
-void printItems(std::ostream& os, std::vector<Item> const& items, OzfQuery const& description,
-                bool bold)
+void printItem(std::ostream& os, Item const& item, OzfQuery const& description, bool bold)
 {
-  bool first = true;
-  for (Item const& item : items)
-  {
-    os << (first ? "" : "\n") << (bold ? "\033[1m" : "")
-       << (item.name.empty() ? "(without a name)" : shown(item.name)) << (bold ? "\033[0m" : "")
-       << '\n';
-    first = false;
-    std::size_t width = 0;
-    for (auto const& [name, value] : item.facts)
-      width = std::max(width, displayWidth(name));
-    for (auto const& [name, value] : item.facts)
-      os << "  " << name << std::string(width - displayWidth(name) + COLUMN_GAP, ' ')
-         << formatValue(value, attributeOf(description, name)) << '\n';
-    if (!item.policy.empty())
-      os << "  policy: " << shown(item.policy) << '\n';
-    if (item.status)
-      os << "  status " << item.status->code << ": " << shown(item.status->text) << '\n';
-    if (!item.text.empty())
-      os << "  " << shown(item.text) << '\n';
-  }
+  os << (bold ? "\033[1m" : "") << (item.name.empty() ? "(without a name)" : shown(item.name))
+     << (bold ? "\033[0m" : "") << '\n';
+  std::size_t width = 0;
+  for (auto const& [name, value] : item.facts)
+    width = std::max(width, displayWidth(name));
+  for (auto const& [name, value] : item.facts)
+    os << "  " << name << std::string(width - displayWidth(name) + COLUMN_GAP, ' ')
+       << formatValue(value, attributeOf(description, name)) << '\n';
+  if (!item.policy.empty())
+    os << "  policy: " << shown(item.policy) << '\n';
+  if (item.status)
+    os << "  status " << item.status->code << ": " << shown(item.status->text) << '\n';
+  if (!item.text.empty())
+    os << "  " << shown(item.text) << '\n';
 }
 
 std::size_t printItemTable(std::ostream& os, std::vector<ItemRow> const& rows,

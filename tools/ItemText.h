@@ -5,6 +5,7 @@
 #include "tools/Collections.h"
 
 #include <iosfwd>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -15,12 +16,14 @@ namespace tqdiscoctl
 struct ItemRow
 {
   std::string subject;
-  Item const* item;
+  std::shared_ptr<Record const> record; // that it is an item of
+  std::shared_ptr<Item const> item;
 };
 
-// A block for each item: its name, and a line for each fact.
-void printItems(std::ostream& os, std::vector<Item> const& items,
-                Quillon::Tessarine::Ozf::OzfQuery const& description, bool bold);
+// A block for the item: its name, and a line for each fact. Between blocks the
+// caller leaves a line.
+void printItem(std::ostream& os, Item const& item,
+               Quillon::Tessarine::Ozf::OzfQuery const& description, bool bold);
 
 // A row for each item and a column for each fact: those of columns, or, when
 // there are none, as many as the width has room for (0: all). The subject is

@@ -63,6 +63,7 @@ int main(int argc, char** argv)
   addStatusCommand(application, session);
   addQueryCommands(application, session);
   addShowCommands(application, session);
+  addItemsCommand(application, session);
   addWatchCommand(application, session);
   addPutCommand(application, session);
   addControlCommands(application, session);

@@ -2,6 +2,7 @@
 
 #include "ozf/base/AsciiCase.h"
 #include "ozf/xml/QueryExpression.h"
+#include "tools/ExitCodes.h"
 #include "tools/Output.h"
 
 #include <algorithm>
@@ -20,14 +21,6 @@ bool contains(std::set<std::string> const& names, std::string const& name)
                      [&name](std::string const& each) { return equalIgnoringCase(each, name); });
 }
 
-void collectNames(QueryNode const& node, std::set<std::string>& names)
-{
-  if (node.kind == QueryNode::Kind::COMPARISON && !contains(names, node.attribute))
-    names.insert(node.attribute);
-  for (QueryNode const& operand : node.operands)
-    collectNames(operand, names);
-}
-
 } // namespace
 
 void QueryAnswer::add(Record const& record, Collection const& collection)
@@ -37,26 +30,42 @@ void QueryAnswer::add(Record const& record, Collection const& collection)
     m_onDemand.emplace(record.authority, record);
 }
 
-void QueryAnswer::complainNone(std::string const& query) const
+int QueryAnswer::complainNone(std::string const& query, bool quiet) const
 {
   std::set<std::string> facts = m_facts;
   bool allKnown = true;
   for (auto const& [authority, record] : m_onDemand)
   {
-    auto const attributes = describeQueries(record);
-    allKnown = allKnown && !attributes.empty();
-    for (auto const& attribute : attributes)
+    auto const description = describe(record);
+    allKnown = allKnown && !description->attributes().empty();
+    for (auto const& attribute : description->attributes())
       facts.insert(attribute.name.str());
   }
-  std::set<std::string> asked;
-  collectNames(parseQuery(query).expression, asked);
-  std::erase_if(asked, [&facts](std::string const& name) { return contains(facts, name); });
-  if (!allKnown || asked.empty())
+  std::vector<QueryName> unknown = namesIn(parseQuery(query).expression);
+  std::erase_if(unknown, [&facts](QueryName const& each) { return contains(facts, each.name); });
+  auto const calculated = std::find_if(unknown.begin(), unknown.end(),
+                                       [](QueryName const& each) { return each.calculated; });
+  if (allKnown && !facts.empty() && calculated != unknown.end())
+  {
+    complain("the query cannot be answered: line " + std::to_string(calculated->place.line) +
+             ", column " + std::to_string(calculated->place.column) + ": nothing has a fact \"" +
+             shown(calculated->name) + "\" to calculate with\n  " + shown(query) +
+             "\n\"tqdiscoctl filters\" tells what can be asked for.");
+    return EXIT_USAGE;
+  }
+  if (quiet)
+    return EXIT_NOTHING;
+  if (!allKnown || unknown.empty())
     complain("no item answers the query; \"tqdiscoctl filters\" tells what can be asked for");
-  else
-    for (std::string const& name : asked)
-      complain("no item answers the query, and none has a fact \"" + shown(name) +
+  std::set<std::string> told;
+  for (QueryName const& each : unknown)
+    if (allKnown && !contains(told, each.name))
+    {
+      told.insert(each.name);
+      complain("no item answers the query, and none has a fact \"" + shown(each.name) +
                "\"; \"tqdiscoctl filters\" tells what can be asked for");
+    }
+  return EXIT_NOTHING;
 }
 
 } // namespace tqdiscoctl

@@ -20,8 +20,9 @@ public:
 
   // "no item answers the query", or the facts that do not exist. Asks the
   // service what can be asked of collections on demand, which came without what
-  // does not answer.
-  void complainNone(std::string const& query) const;
+  // does not answer. An exit code: a calculation with a fact that nobody has is
+  // a mistake, told with its place, also when quiet; else EXIT_NOTHING.
+  int complainNone(std::string const& query, bool quiet) const;
 
 private:
   std::set<std::string> m_facts;

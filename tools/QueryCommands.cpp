@@ -3,6 +3,7 @@
 #include "tools/Commands.h"
 #include "tools/Format.h"
 #include "tools/Output.h"
+#include "tools/ReaderGone.h"
 #include "tools/Records.h"
 #include "tools/Table.h"
 
@@ -36,6 +37,7 @@ void print(Table const& table)
 
 int query(QueryOptions const& options, Session const& session)
 {
+  WhileRead const whileRead;
   Connection connection(session.connection);
   std::vector<Record> records;
   if (int const result = openAndQuery(connection, options.selection, records); result != EXIT_DONE)
@@ -86,6 +88,7 @@ std::string join(std::set<std::string> const& words)
 
 int hosts(QueryOptions const& options, Session const& session)
 {
+  WhileRead const whileRead;
   Connection connection(session.connection);
   std::vector<Record> records;
   if (int const result = openAndQuery(connection, options.selection, records); result != EXIT_DONE)

@@ -1,5 +1,7 @@
 #include "tools/StandardOutput.h"
 
+#include "tools/ReaderGone.h"
+
 #include <cerrno>
 #include <iostream>
 #include <unistd.h>
@@ -35,6 +37,8 @@ int StandardOutput::sync()
     ssize_t const written = ::write(STDOUT_FILENO, next, static_cast<std::size_t>(pptr() - next));
     if (written > 0)
       next += written;
+    else if (errno == EPIPE)
+      endWithReader();
     else if (errno != EINTR)
       m_error = errno;
   }

@@ -8,7 +8,8 @@
 namespace tqdiscoctl
 {
 
-// Takes std::cout over while it lives. A failure leaves std::cout bad, as ever.
+// Takes std::cout over while it lives. A failure leaves std::cout bad, as ever;
+// when whoever reads it has gone, the process goes.
 class StandardOutput : private std::streambuf
 {
 public:

@@ -3,7 +3,9 @@
 #include "tools/Collections.h"
 #include "tools/Commands.h"
 #include "tools/Format.h"
+#include "tools/ItemJson.h"
 #include "tools/Output.h"
+#include "tools/ReaderGone.h"
 #include "tools/Table.h"
 
 #include "ozf/base/MetadataConverter.h"
@@ -120,22 +122,19 @@ SilentHosts silentHosts(std::vector<Record> const& records, std::vector<ServiceS
   return silent;
 }
 
-nlohmann::json toJson(Item const& item)
+nlohmann::json toJson(Item const& item, OzfQuery const& description)
 {
-  nlohmann::json facts = nlohmann::json::object();
-  for (auto const& [name, value] : item.facts)
-    facts[name] = value;
-  return {{"name", item.name}, {"facts", facts}};
+  return {{"name", item.name}, {"facts", factsObject(item.facts, description)}};
 }
 
-nlohmann::json toJson(ServiceState const& state)
+nlohmann::json toJson(ServiceState const& state, OzfQuery const& description)
 {
   nlohmann::json explorers = nlohmann::json::array();
   for (Item const& explorer : state.explorers)
-    explorers.push_back(toJson(explorer));
+    explorers.push_back(toJson(explorer, description));
   nlohmann::json result = toJson(state.record);
   result["complete"] = state.complete;
-  result["service"] = toJson(state.service);
+  result["service"] = toJson(state.service, description);
   result["explorers"] = std::move(explorers);
   return result;
 }
@@ -200,6 +199,7 @@ int status(StatusOptions const& options, Session const& session)
 {
   using Clock = std::chrono::steady_clock;
   Clock::time_point const begin = Clock::now();
+  WhileRead const whileRead;
   Connection connection(session.connection);
   if (int const result = connection.open(); result != EXIT_DONE)
     return result;
@@ -225,8 +225,9 @@ int status(StatusOptions const& options, Session const& session)
   if (options.json)
   {
     nlohmann::json services = nlohmann::json::array();
+    Descriptions descriptions;
     for (ServiceState const& state : states)
-      services.push_back(toJson(state));
+      services.push_back(toJson(state, descriptions.of(state.record)));
     printJson({{"service", connection.place()},
                {"milliseconds", answered},
                {"discoveries", records.size()},

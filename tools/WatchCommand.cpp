@@ -2,7 +2,9 @@
 
 #include "tools/Commands.h"
 #include "tools/Format.h"
+#include "tools/ItemChanges.h"
 #include "tools/Output.h"
+#include "tools/ReaderGone.h"
 #include "tools/Records.h"
 #include "tools/Table.h"
 
@@ -22,6 +24,7 @@ namespace tqdiscoctl
 {
 
 using namespace Quillon::Tessarine::Ozf;
+using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
 
 namespace
 {
@@ -31,13 +34,29 @@ struct WatchOptions
   Selection selection;
   unsigned interval = 5; // seconds
   unsigned looks = 0;    // 0: until interrupted
+  bool heartbeats = false;
   bool json = false;
 };
 
-using Key = std::tuple<std::string, std::string, int>; // subject, authority, type
+constexpr char SILENT[] = "silent";
+constexpr char BACK[] = "back";
 
-// What is compared: a collection on demand has no time and only comes and goes.
-using Look = std::map<Key, OzfObjTime>;
+using Key = std::tuple<std::string, std::string, int>; // subject, authority, type
+using Look = std::map<Key, Record>;
+
+// The authority under which a service tells of itself, as a sign of life.
+constexpr char SERVICE[] = "service";
+
+// Of what it tells these are news; the rest changes with every sign of life.
+bool isNewsOfService(std::string_view fact)
+{
+  return fact == "Role" || fact == "Version" || fact == "StartTime" || fact == "LastResult";
+}
+
+bool isService(Key const& key)
+{
+  return std::get<1>(key) == SERVICE && std::get<2>(key) == static_cast<int>(AT_TQUCLIENT);
+}
 
 volatile std::sig_atomic_t interrupted = 0;
 
@@ -81,43 +100,180 @@ class Reporter
 public:
   explicit Reporter(bool json) : m_json(json), m_styles(terminalStyles(STDOUT_FILENO)) {}
 
-  void report(char const* change, Key const& key, OzfObjTime const& discovered) const
+  void report(char const* change, Record const& record,
+              std::vector<ItemChange> const& changes = {}) const
   {
-    auto const& [subject, authority, type] = key;
-    auto const typeText =
-        formatType(static_cast<Quillon::Tessarine::Ozf::DiscoverySvc::AuthorityType>(type));
-    OzfObjTime const now = OzfObjTime::now();
     if (m_json)
+      reportJson(change, record, changes);
+    else
+      reportText(change, record, changes);
+  }
+
+private:
+  static constexpr std::size_t INDENT = 19; // below the subject
+  static constexpr std::size_t MOST_LINES = 10;
+
+  static void reportJson(char const* change, Record const& record,
+                         std::vector<ItemChange> const& changes)
+  {
+    std::optional<AutoDereference<OzfQuery>> description;
+    nlohmann::json all = nlohmann::json::array();
+    for (ItemChange const& each : changes)
     {
-      printJsonLine({{"time", timeOrNull(now)},
-                     {"change", change},
-                     {"subject", subject},
-                     {"authority", authority},
-                     {"type", type},
-                     {"typeName", typeText},
-                     {"discoveryTime", timeOrNull(discovered)}});
-      return;
+      if (!description)
+        description = describe(record);
+      auto const value = [&](std::optional<std::string> const& text)
+      {
+        return !text || each.fact.empty()
+                   ? nlohmann::json()
+                   : valueToJson(*text, attributeOf(**description, each.fact));
+      };
+      all.push_back({{"item", each.item},
+                     {"change", !each.before  ? "added"
+                                : !each.after ? "gone"
+                                              : "changed"},
+                     {"fact", each.fact.empty() ? nlohmann::json() : nlohmann::json(each.fact)},
+                     {"old", value(each.before)},
+                     {"new", value(each.after)}});
     }
+    printJsonLine({{"time", timeOrNull(OzfObjTime::now())},
+                   {"change", change},
+                   {"subject", record.subject},
+                   {"authority", record.authority},
+                   {"type", static_cast<int>(record.type)},
+                   {"typeName", formatType(record.type)},
+                   {"discoveryTime", timeOrNull(record.discovered)},
+                   {"changes", all}});
+  }
+
+  void reportText(std::string const& change, Record const& record,
+                  std::vector<ItemChange> const& changes) const
+  {
     char clock[16] = "";
-    std::time_t const seconds = now.seconds();
+    std::time_t const seconds = OzfObjTime::now().seconds();
     std::tm local{};
     if (localtime_r(&seconds, &local) != nullptr)
       std::strftime(clock, sizeof clock, "%H:%M:%S", &local);
     std::cout << clock << "  " << colour(change) << change << (m_styles ? "\033[0m" : "")
-              << std::string(9 - std::string(change).size(), ' ') << subject << "  " << authority
-              << " (" << typeText << ")" << std::endl;
+              << std::string(9 - change.size(), ' ') << record.subject;
+    if (change == SILENT)
+      std::cout << "  its service has not told of itself for "
+                << formatAge(record.discovered, OzfObjTime::now());
+    else if (change == BACK)
+      std::cout << "  its service tells of itself again";
+    else
+      std::cout << "  " << record.authority << " (" << formatType(record.type) << ")";
+    std::cout << '\n';
+    std::optional<AutoDereference<OzfQuery>> description;
+    for (std::size_t i = 0; i < changes.size() && i < MOST_LINES; ++i)
+    {
+      if (!description)
+        description = describe(record);
+      detail(textOf(changes[i], **description));
+    }
+    if (changes.size() > MOST_LINES)
+      detail("and " + std::to_string(changes.size() - MOST_LINES) + " more");
+    std::cout.flush();
   }
 
-private:
+  static void detail(std::string const& text)
+  {
+    std::size_t const width = terminalWidth(STDOUT_FILENO);
+    std::cout << std::string(INDENT, ' ')
+              << (width > INDENT ? cutToWidth(text, width - INDENT) : text) << '\n';
+  }
+
+  static std::string textOf(ItemChange const& change, OzfQuery const& description)
+  {
+    std::string const item = change.item.empty() ? "" : shown(change.item) + ": ";
+    if (change.fact.empty())
+      return item + (change.after ? "added" : "gone");
+    auto const* const attribute = attributeOf(description, change.fact);
+    std::string const fact = item + shown(change.fact) + ' ';
+    if (!change.before)
+      return fact + formatValue(*change.after, attribute) + " (new)";
+    if (!change.after)
+      return fact + "gone, was " + formatValue(*change.before, attribute);
+    return fact + formatChange(*change.before, *change.after, attribute);
+  }
+
   char const* colour(std::string const& change) const
   {
     if (!m_styles)
       return "";
-    return change == "added" ? "\033[32m" : change == "gone" ? "\033[31m" : "\033[33m";
+    bool const bad = change == "gone" || change == SILENT;
+    return change == "added" || change == BACK ? "\033[32m" : bad ? "\033[31m" : "\033[33m";
   }
 
   bool const m_json;
   bool const m_styles;
+};
+
+// What was read of the discoveries at the last look, so that the next can be
+// compared with it. What takes too much memory is not kept: of its changes only
+// that there were some is told then.
+class Contents
+{
+public:
+  // Reads the discovery; absent when that fails, or when it is too much.
+  std::optional<std::vector<Item>> read(Record const& record)
+  {
+    std::vector<Item> items;
+    std::size_t size = 0;
+    Collection const collection = readCollection(record, OzfQuery(),
+                                                 [&](Item item)
+                                                 {
+                                                   size += sizeOf(item);
+                                                   if (size <= MOST_OF_ONE)
+                                                     items.push_back(std::move(item));
+                                                 });
+    if (!collection.complete || size > MOST_OF_ONE)
+      return std::nullopt;
+    return items;
+  }
+
+  std::vector<Item> const* find(Key const& key) const
+  {
+    auto const found = m_known.find(key);
+    return found == m_known.end() ? nullptr : &found->second;
+  }
+
+  void keep(Key const& key, std::vector<Item> items)
+  {
+    forget(key);
+    std::size_t size = 0;
+    for (Item const& item : items)
+      size += sizeOf(item);
+    if (m_size + size > MOST)
+      return;
+    m_size += size;
+    m_known[key] = std::move(items);
+  }
+
+  void forget(Key const& key)
+  {
+    auto const found = m_known.find(key);
+    if (found == m_known.end())
+      return;
+    for (Item const& item : found->second)
+      m_size -= sizeOf(item);
+    m_known.erase(found);
+  }
+
+private:
+  static constexpr std::size_t MOST_OF_ONE = 4 << 20;
+  static constexpr std::size_t MOST = 64 << 20;
+
+  static std::size_t sizeOf(Item const& item)
+  {
+    std::size_t size = sizeof item + item.name.size() + item.text.size();
+    for (auto const& [name, value] : item.facts)
+      size += sizeof(std::pair<std::string, std::string>) + name.size() + value.size();
+    return size;
+  }
+
+  std::map<Key, std::vector<Item>> m_known;
+  std::size_t m_size = 0;
 };
 
 int look(Selection const& selection, Look& result, bool quiet)
@@ -125,59 +281,171 @@ int look(Selection const& selection, Look& result, bool quiet)
   std::vector<Record> records;
   int const code = queryRecords(selection, records, quiet);
   result.clear();
-  for (Record const& record : records)
-    result[{record.subject, record.authority, static_cast<int>(record.type)}] = record.discovered;
+  for (Record& record : records)
+    result[{record.subject, record.authority, static_cast<int>(record.type)}] = std::move(record);
   return code;
 }
 
-void compare(Look const& before, Look const& after, Reporter const& reporter)
+class Watch
 {
-  for (auto const& [key, time] : before)
-    if (after.count(key) == 0)
-      reporter.report("gone", key, time);
-  for (auto const& [key, time] : after)
+public:
+  explicit Watch(WatchOptions const& options) : m_options(options), m_reporter(options.json) {}
+
+  // An exit code. Also done when it was interrupted.
+  int begin(Interruption const& interruption)
   {
-    auto const known = before.find(key);
-    if (known == before.end())
-      reporter.report("added", key, time);
-    else if (known->second != time)
-      reporter.report("changed", key, time);
+    if (int const result = look(m_options.selection, m_before, false); result != EXIT_DONE)
+      return result;
+    if (int const result = lookForServices(m_services); result != EXIT_DONE)
+      return result;
+    Progress progress("Reading what there is");
+    std::size_t done = 0;
+    for (auto const& [key, record] : m_before)
+    {
+      progress.update(std::to_string(++done) + " of " + std::to_string(m_before.size()));
+      if (!interruption.pause(0))
+        break;
+      readFirst(key, record);
+    }
+    return EXIT_DONE;
   }
-}
+
+  std::size_t count() const { return m_before.size(); }
+
+  // False when the service did not answer.
+  bool again()
+  {
+    Look after;
+    Look services;
+    if (look(m_options.selection, after, true) != EXIT_DONE ||
+        lookForServices(services) != EXIT_DONE)
+      return false;
+    compareServices(services, after);
+    compare(after);
+    m_before = std::move(after);
+    m_services = std::move(services);
+    return true;
+  }
+
+private:
+  // Every service's sign of life, also when the user selected other things.
+  int lookForServices(Look& services) const
+  {
+    Selection selection;
+    selection.subject = m_options.selection.subject;
+    selection.authority = SERVICE;
+    selection.typeName = formatType(AT_TQUCLIENT);
+    return look(selection, services, true);
+  }
+
+  // A host is silent when its service tells nothing of itself any more while
+  // something that its explorers told is still there.
+  void compareServices(Look const& services, Look const& after)
+  {
+    std::set<std::string> known;
+    for (auto const& [key, record] : after)
+      if (record.type != AT_EXTSRC)
+        known.insert(record.subject);
+    for (auto const& [key, record] : m_services)
+      if (services.count(key) == 0 && known.count(record.subject) != 0)
+      {
+        m_silent.insert(record.subject);
+        m_reporter.report(SILENT, record);
+      }
+    for (auto const& [key, record] : services)
+      if (m_silent.erase(record.subject) != 0)
+      {
+        m_back.insert(record.subject);
+        m_reporter.report(BACK, record);
+      }
+  }
+
+  void compare(Look const& after)
+  {
+    for (auto const& [key, record] : m_before)
+      if (after.count(key) == 0)
+      {
+        m_contents.forget(key);
+        if (!isService(key) || m_silent.count(record.subject) == 0)
+          m_reporter.report("gone", record);
+      }
+    for (auto const& [key, record] : after)
+    {
+      auto const known = m_before.find(key);
+      if (known == m_before.end())
+      {
+        readFirst(key, record);
+        if (!isService(key) || m_back.count(record.subject) == 0)
+          m_reporter.report("added", record);
+      }
+      else if (known->second.discovered != record.discovered)
+        compareContents(key, record);
+    }
+    m_back.clear();
+  }
+
+  // A collection on demand has no time, and would be made for the look alone.
+  void readFirst(Key const& key, Record const& record)
+  {
+    if (record.onDemand() || record.announcement)
+      return;
+    if (auto items = m_contents.read(record))
+      m_contents.keep(key, std::move(*items));
+  }
+
+  void compareContents(Key const& key, Record const& record)
+  {
+    auto items = m_contents.read(record);
+    std::vector<Item> const* const before = m_contents.find(key);
+    bool const compared = items && before != nullptr;
+    std::vector<ItemChange> changes;
+    if (compared)
+      changes = changesBetween(
+          *before, *items,
+          isService(key) && !m_options.heartbeats ? isNewsOfService
+                                                  : [](std::string_view) { return true; });
+    // What was only told again is a sign of life.
+    if (!compared || !changes.empty() || m_options.heartbeats)
+      m_reporter.report("changed", record, changes);
+    m_contents.forget(key);
+    if (items)
+      m_contents.keep(key, std::move(*items));
+  }
+
+  WatchOptions const& m_options;
+  Reporter const m_reporter;
+  Look m_before;
+  Look m_services;
+  Contents m_contents;
+  std::set<std::string> m_silent;
+  std::set<std::string> m_back; // since the last look
+};
 
 int watch(WatchOptions const& options, Session const& session)
 {
   // Before any thread is made, so that all of them hold the signals back.
   Interruption const interruption;
+  WhileRead const whileRead;
   Connection connection(session.connection);
   if (int const result = connection.open(); result != EXIT_DONE)
     return result;
-  Look before;
-  if (int const result = look(options.selection, before, false); result != EXIT_DONE)
+  Watch watched(options);
+  if (int const result = watched.begin(interruption); result != EXIT_DONE)
     return connection.conclude(result);
   if (!options.json)
-    std::cerr << "Watching " << counted(before.size(), "discovery", "discoveries") << " at "
+    std::cerr << "Watching " << counted(watched.count(), "discovery", "discoveries") << " at "
               << connection.place() << ", every " << options.interval << " s; Ctrl-C ends it.\n";
 
-  Reporter const reporter(options.json);
   bool lost = false;
   for (unsigned looks = 1; options.looks == 0 || looks < options.looks; ++looks)
   {
     if (!interruption.pause(options.interval))
       break;
-    Look after;
-    if (look(options.selection, after, true) != EXIT_DONE)
-    {
-      if (!lost)
-        complain("the service does not answer any more; trying again");
-      lost = true;
-      continue;
-    }
-    if (lost)
-      complain("the service answers again");
-    lost = false;
-    compare(before, after, reporter);
-    before = std::move(after);
+    bool const answered = watched.again();
+    if (answered == lost)
+      complain(answered ? "the service answers again"
+                        : "the service does not answer any more; trying again");
+    lost = !answered;
   }
   return lost ? EXIT_NOT_REACHABLE : EXIT_DONE;
 }
@@ -188,7 +456,8 @@ void addWatchCommand(CLI::App& application, Session& session)
 {
   auto const options = std::make_shared<WatchOptions>();
   CLI::App* const command = application.add_subcommand(
-      "watch", "Look again and again, and tell what was added, has changed or is gone");
+      "watch", "Look again and again, and tell what was added, has changed or is gone, and which "
+               "hosts have fallen silent");
   addSelectionOptions(*command, options->selection);
   command->add_option("-n,--interval", options->interval, "Seconds between two looks")
       ->check(CLI::Range(1U, 86400U))
@@ -197,6 +466,8 @@ void addWatchCommand(CLI::App& application, Session& session)
   command->add_option("--looks", options->looks, "How often to look; default: until Ctrl-C")
       ->check(CLI::Range(1U, 1000000U))
       ->type_name("NUMBER");
+  command->add_flag("--heartbeats", options->heartbeats,
+                    "Also what was only told again, as each service does every minute");
   command->add_flag("--json", options->json, "One JSON object a line");
   command->callback([options, &session] { session.exitCode = watch(*options, session); });
 }

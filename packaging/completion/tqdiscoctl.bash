@@ -39,7 +39,8 @@ _tqdiscoctl()
       mapfile -t COMPREPLY < <(compgen -d -- "$current")
       return
       ;;
-    --timeout | -s | --subject | -a | --authority | -w | --where | -c | --columns | \
+    --timeout | -s | --subject | -a | --authority | -w | --where | -c | --columns | --sort | \
+      --limit | \
       -n | --interval | --looks | -e | --expires-in | -p | --priority)
       return
       ;;
@@ -50,10 +51,13 @@ _tqdiscoctl()
     status) options="-l --details --json" ;;
     query) options="$selection --json" ;;
     hosts) options="-s --subject --json" ;;
-    show) options="-t --type -w --where --json --xml --raw" ;;
-    items) options="$selection -w --where -c --columns -l --details --json" ;;
+    show) options="-t --type -w --where --json --fact-list --xml --raw" ;;
+    items)
+      options="$selection -w --where -c --columns -l --details --sort --limit --count --json"
+      options+=" --json-lines --fact-list"
+      ;;
     filters) options="--json --xml" ;;
-    watch) options="$selection -n --interval --looks --json" ;;
+    watch) options="$selection -n --interval --looks --heartbeats --json" ;;
     put) options="-t --type -e --expires-in -p --priority --filter-data --unchecked --json" ;;
     push) options="--all --host --json" ;;
     stop) options="--host --no-wait --json" ;;

@@ -23,7 +23,7 @@ protected:
     store("web1", "odd",
           "<DiscoveredItems><DISCOVERED Name=\"one\"><ExplorerData Name=\"x\">" + facts +
               "</ExplorerData></DISCOVERED></DiscoveredItems>");
-    Outcome const outcome = run({"show", "web1", "odd", "--json"});
+    Outcome const outcome = run({"show", "web1", "odd", "--json", "--fact-list"});
     EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
     json const collection = json::parse(outcome.output, nullptr, false);
     EXPECT_EQ(collection["items"].size(), 1U) << outcome.output;

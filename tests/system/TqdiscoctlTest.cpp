@@ -467,7 +467,7 @@ TEST_F(TqdiscoctlExplorersTest, statusTellsRoleVersionAndTheExplorersLastResults
   EXPECT_EQ(service["subject"], LiveService::NAME);
   EXPECT_EQ(service["service"]["facts"]["Role"], "master");
   EXPECT_EQ(service["service"]["facts"]["Version"], TQ_VERSION);
-  EXPECT_GT(std::stoi(service["service"]["facts"]["StoredDiscoveries"].get<std::string>()), 0);
+  EXPECT_GT(service["service"]["facts"]["StoredDiscoveries"].get<int>(), 0);
   EXPECT_EQ(result(status, "filesystem"), "success");
   EXPECT_EQ(result(status, "host"), "success");
   EXPECT_EQ(result(status, "service"), "(absent)");

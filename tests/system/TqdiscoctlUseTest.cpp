@@ -321,7 +321,15 @@ TEST_F(TqdiscoctlJsonTest, hasTheMembersThatAreDocumentedAndNoOthers)
   json const shown = read({"show", LiveService::NAME, "host"});
   EXPECT_EQ(membersOf(shown), collection);
   EXPECT_EQ(membersOf(shown["items"][0]), item);
-  EXPECT_EQ(membersOf(shown["items"][0]["facts"][0]), (Names{"name", "value"}));
+  EXPECT_TRUE(shown["items"][0]["facts"]["Processors"].is_number()) << shown;
+  EXPECT_EQ(membersOf(shown["schema"]["Memory"]), (Names{"type", "unit", "description"}));
+  EXPECT_EQ(
+      membersOf(read({"show", LiveService::NAME, "host", "--fact-list"})["items"][0]["facts"][0]),
+      (Names{"name", "value"}));
+  EXPECT_EQ(membersOf(read({"items", "-a", "host", "--count"})), Names{"items"});
+  json const listed = json::parse(
+      m_service.tqdiscoctl({"items", "-a", "host", "--json-lines"}).output, nullptr, false);
+  EXPECT_EQ(membersOf(listed), both(record, item));
   EXPECT_EQ(membersOf(read({"items", "-a", "host"})[0]), collection);
   EXPECT_EQ(membersOf(read({"filters", LiveService::NAME, "filesystem"})[0]),
             (Names{"name", "type", "unit", "description"}));
@@ -335,10 +343,10 @@ TEST_F(TqdiscoctlJsonTest, hasTheMembersThatAreDocumentedAndNoOthers)
   EXPECT_EQ(membersOf(read({"put", "web1", "disks", m_service / "payload"})),
             (Names{"subject", "authority", "type", "typeName", "payloadBytes", "expiresTime"}));
   EXPECT_EQ(membersOf(read({"push"})), (Names{"service", "all"}));
-  Names listed = record;
-  listed.erase("onDemand");
-  Names const stored = both(listed, {"collectionType", "storage", "priority", "payloadBytes",
-                                     "expired", "metadataFile", "payloadFile"});
+  Names inFiles = record;
+  inFiles.erase("onDemand");
+  Names const stored = both(inFiles, {"collectionType", "storage", "priority", "payloadBytes",
+                                      "expired", "metadataFile", "payloadFile"});
   EXPECT_EQ(membersOf(read({"db", "list"})[0]), stored);
   EXPECT_EQ(membersOf(read({"db", "show", "web1", "disks"})), both(stored, {"payload"}));
   EXPECT_EQ(membersOf(read({"db", "verify"})),

@@ -1,0 +1,322 @@
+// items: what is in all discoveries that match.
+
+#include "tools/Commands.h"
+#include "tools/Format.h"
+#include "tools/ItemJson.h"
+#include "tools/ItemOrder.h"
+#include "tools/ItemText.h"
+#include "tools/Output.h"
+#include "tools/ReadFailures.h"
+#include "tools/ReaderGone.h"
+#include "tools/Table.h"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <optional>
+#include <unistd.h>
+
+namespace tqdiscoctl
+{
+
+using namespace Quillon::Tessarine::Ozf;
+
+namespace
+{
+
+struct ItemsOptions
+{
+  Selection selection;
+  std::string where;
+  std::vector<std::string> columns;
+  std::string sort;      // as the user wrote it
+  std::size_t limit = 0; // 0: none
+  bool details = false;
+  bool count = false;
+  bool json = false;
+  bool jsonLines = false;
+  bool factList = false;
+};
+
+// The items by one authority that are to be printed at the end.
+class Rows
+{
+public:
+  void add(Record const& record, Item item, ItemOrder const& order, std::size_t limit)
+  {
+    if (m_record == nullptr || m_record->subject != record.subject || m_record->type != record.type)
+      m_record = std::make_shared<Record const>(record);
+    if (limit != 0 && order.fact.empty() && m_rows.size() >= limit)
+      return;
+    m_rows.push_back({record.subject, m_record, std::make_shared<Item const>(std::move(item))});
+    constexpr std::size_t SPARE = 1000; // so that it is not sorted for every item
+    if (limit != 0 && m_rows.size() >= 2 * limit + SPARE)
+      finish(order, limit);
+  }
+
+  void finish(ItemOrder const& order, std::size_t limit)
+  {
+    sortRows(m_rows, order);
+    if (limit != 0 && m_rows.size() > limit)
+      m_rows.resize(limit);
+  }
+
+  std::vector<ItemRow> const& rows() const { return m_rows; }
+  // The last that was added.
+  Record const& record() const { return *m_record; }
+
+private:
+  std::shared_ptr<Record const> m_record;
+  std::vector<ItemRow> m_rows;
+};
+
+class ItemsOutput
+{
+public:
+  explicit ItemsOutput(ItemsOptions const& options)
+      : m_options(options), m_order(parseOrder(options.sort)), m_printer(true, options.factList)
+  {
+  }
+
+  // Whether items are printed as they come.
+  bool streams() const { return m_options.json || (m_options.jsonLines && m_order.fact.empty()); }
+
+  void add(Record const& record, Item item)
+  {
+    if (m_options.count)
+      return;
+    std::size_t& printed = m_printed[record.authority];
+    if (m_options.json)
+      m_printer.item(record, item);
+    else if (!streams())
+      m_rows[record.authority].add(record, std::move(item), m_order, m_options.limit);
+    else if (m_options.limit == 0 || printed < m_options.limit)
+    {
+      ++printed;
+      printLine(record, item);
+    }
+  }
+
+  // Behind the items of the collection.
+  void end(Record const& record, Collection const& collection)
+  {
+    // Filter data lies beside what was found; "filters" is for that.
+    if (m_options.json && !m_options.count && (collection.count != 0 || !collection.complete))
+      m_printer.end(record, collection);
+    if (streams())
+      std::cout.flush();
+  }
+
+  void finish(std::size_t count)
+  {
+    if (m_options.count && m_options.json)
+      printJson({{"items", count}});
+    else if (m_options.count)
+      std::cout << count << '\n';
+    else if (m_options.json)
+      m_printer.finish();
+    bool first = true;
+    for (auto& [authority, rows] : m_rows)
+    {
+      rows.finish(m_order, m_options.limit);
+      if (m_options.jsonLines)
+      {
+        for (ItemRow const& row : rows.rows())
+          printLine(*row.record, *row.item);
+        continue;
+      }
+      std::cout << (first ? "" : "\n");
+      first = false;
+      printAuthority(authority, rows);
+    }
+  }
+
+private:
+  void printLine(Record const& record, Item const& item)
+  {
+    nlohmann::json line = toJson(record);
+    line.update(toJson(item, m_descriptions.of(record), m_options.factList));
+    std::cout << line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+  }
+
+  void printAuthority(std::string const& authority, Rows const& rows)
+  {
+    bool const bold = terminalStyles(STDOUT_FILENO);
+    std::cout << (bold ? "\033[1m" : "") << authority << (bold ? "\033[0m" : "") << '\n';
+    OzfQuery const& description = m_descriptions.of(rows.record());
+    complainMissing(authority, rows.rows());
+    if (m_options.details)
+      printDetails(rows.rows(), description, bold);
+    else
+      printTable(rows.rows(), description, bold);
+  }
+
+  void complainMissing(std::string const& authority, std::vector<ItemRow> const& rows) const
+  {
+    std::vector<std::string> facts = m_options.columns;
+    if (!m_order.fact.empty())
+      facts.push_back(m_order.fact);
+    for (std::string const& fact : facts)
+      if (std::none_of(rows.begin(), rows.end(),
+                       [&fact](ItemRow const& row) { return row.item->find(fact) != nullptr; }))
+        complain("no item by " + authority + " has a fact \"" + shown(fact) +
+                 "\"; --details shows what there is");
+  }
+
+  static void printDetails(std::vector<ItemRow> const& rows, OzfQuery const& description, bool bold)
+  {
+    std::string const* subject = nullptr;
+    for (ItemRow const& row : rows)
+    {
+      if (subject == nullptr || *subject != row.subject)
+        std::cout << "\nSubject " << row.subject << ":\n";
+      subject = &row.subject;
+      std::cout << '\n';
+      printItem(std::cout, *row.item, description, bold);
+    }
+  }
+
+  void printTable(std::vector<ItemRow> const& rows, OzfQuery const& description, bool bold) const
+  {
+    std::size_t const leftOut = printItemTable(std::cout, rows, m_options.columns, description,
+                                               terminalWidth(STDOUT_FILENO), bold);
+    std::cout.flush();
+    if (leftOut != 0)
+      remark("(" + counted(leftOut, "more fact", "more facts") +
+             " of each item: --details shows all, --columns A,B chooses)");
+  }
+
+  ItemsOptions const& m_options;
+  ItemOrder const m_order;
+  Descriptions m_descriptions;
+  CollectionPrinter m_printer;
+  std::map<std::string, Rows> m_rows; // by authority
+  std::map<std::string, std::size_t> m_printed;
+};
+
+int items(ItemsOptions const& options, Session const& session)
+{
+  OzfQuery query;
+  if (!parseWhere(options.where, query))
+    return EXIT_USAGE;
+  WhileRead const whileRead;
+  Connection connection(session.connection);
+  std::vector<Record> records;
+  if (int const result = openAndQuery(connection, options.selection, records); result != EXIT_DONE)
+    return result;
+
+  if (options.selection.typeName.empty())
+    std::erase_if(records, [all = records](Record const& each) { return isShadowed(each, all); });
+  ItemsOutput output(options);
+  ReadFailures failures;
+  std::size_t done = 0;
+  std::size_t count = 0;
+  bool gone = false;
+  QueryAnswer answer;
+  {
+    constexpr char WHAT[] = "Reading collections";
+    // It would stand in the middle of what is printed meanwhile.
+    bool const telling = !output.streams() || isatty(STDOUT_FILENO) == 0;
+    std::optional<Progress> progress;
+    for (Record const& record : records)
+    {
+      if (telling && !progress)
+        progress.emplace(WHAT);
+      ++done;
+      if (progress)
+        progress->update(std::to_string(done) + " of " + std::to_string(records.size()));
+      Collection const collection = readCollection(record, query,
+                                                   [&](Item item)
+                                                   {
+                                                     ++count;
+                                                     output.add(record, std::move(item));
+                                                   });
+      output.end(record, collection);
+      answer.add(record, collection);
+      if (collection.complete)
+      {
+        failures.success();
+        continue;
+      }
+      // Each of those to come would have to be waited for.
+      if (!connection.answers())
+      {
+        gone = true;
+        break;
+      }
+      progress.reset(); // that in sight goes
+      if (!failures.add(record, collection.count != 0))
+        break;
+    }
+  }
+  output.finish(count);
+  std::cout.flush();
+  failures.finish();
+  if (gone || failures.count() != 0)
+    return connection.conclude(count != 0 ? EXIT_PARTLY : EXIT_FAILED);
+  if (count != 0)
+    return EXIT_DONE;
+  bool const quiet = options.json || options.jsonLines || options.count;
+  if (!records.empty())
+    return complainNoItems(options.where, answer, quiet);
+  if (!quiet)
+    complainNothing(options.selection);
+  return EXIT_NOTHING;
+}
+
+} // namespace
+
+void addItemsCommand(CLI::App& application, Session& session)
+{
+  auto const options = std::make_shared<ItemsOptions>();
+  CLI::App* const command =
+      application.add_subcommand("items", "List the items of all discoveries that match");
+  addSelectionOptions(*command, options->selection);
+  addWhere(*command, options->where);
+  auto* const columns =
+      command
+          ->add_option("-c,--columns", options->columns, "The facts to show, with commas between")
+          ->delimiter(',')
+          ->transform(CLI::Validator(
+              [](std::string& fact)
+              {
+                CLI::detail::trim(fact);
+                return std::string();
+              },
+              ""))
+          ->type_name("FACT,...");
+  auto* const details =
+      command->add_flag("-l,--details", options->details, "Every fact, a line each")
+          ->excludes(columns);
+  auto* const json = command->add_flag("--json", options->json, "As JSON");
+  auto* const lines = command
+                          ->add_flag("--json-lines", options->jsonLines,
+                                     "As JSON, an object a line for each item, as they come")
+                          ->excludes(json);
+  command->add_flag("--fact-list", options->factList,
+                    "In JSON the facts as a list, in their order and also where names repeat");
+  auto* const sort =
+      command
+          ->add_option("--sort", options->sort,
+                       "By the values of a fact, the largest first with :desc behind it")
+          ->check(
+              CLI::Validator([](std::string const& text)
+                             { return parseOrder(text).fact.empty() ? "no fact is named" : ""; },
+                             ""))
+          ->type_name("FACT[:desc]")
+          ->excludes(json);
+  auto* const limit =
+      command->add_option("--limit", options->limit, "At most that many items by each authority")
+          ->check(CLI::Range(1U, 1000000000U))
+          ->type_name("NUMBER")
+          ->excludes(json);
+  auto* const count = command->add_flag("--count", options->count, "Only how many items there are");
+  for (CLI::Option* const other : {columns, details, lines, sort, limit})
+    count->excludes(other);
+  command->callback([options, &session] { session.exitCode = items(*options, session); });
+}
+
+} // namespace tqdiscoctl
