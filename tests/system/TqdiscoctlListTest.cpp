@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
+#include <filesystem>
 #include <sstream>
 
 namespace
@@ -147,9 +148,14 @@ TEST_F(TqdiscoctlListTest, factsAreFoundInAnyLetterCase)
   EXPECT_EQ(run({"items", "-a", "cases", "-c", "size"}).output, shown);
 }
 
-// The most memory that the process has used so far, in KiB; 0 when it has gone.
+// The most memory that the command has used so far, in KiB; 0 when it has gone,
+// and before it has taken the place of the test's own image.
 std::size_t peakOf(pid_t pid)
 {
+  std::error_code error;
+  if (std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/exe", error).filename() !=
+      "tqdiscoctl")
+    return 0;
   std::istringstream lines(readText("/proc/" + std::to_string(pid) + "/status"));
   for (std::string line; std::getline(lines, line);)
     if (line.starts_with("VmHWM:"))
@@ -164,7 +170,7 @@ TEST_F(TqdiscoctlListTest, manyItemsTakeLittleMemory)
   for (int i = 0; i < MANY; ++i)
     items += item("item" + std::to_string(i), std::to_string(i), "1000000", "1%");
   store("web9", "many", document(items));
-  for (char const* form : {"--json-lines", "--count"})
+  for (char const* form : {"--json-lines", "--json"})
   {
     Process reader(TQ_BIN_DIR "/tqdiscoctl", {"items", "-a", "many", form},
                    {{"TESSARINE_ROOT", m_service.root()}});
@@ -176,9 +182,9 @@ TEST_F(TqdiscoctlListTest, manyItemsTakeLittleMemory)
     }
     ASSERT_TRUE(reader.wait());
     EXPECT_EQ(reader.exitCode(), 0) << reader.errors();
-    EXPECT_THAT(reader.output(),
-                HasSubstr(std::string(form) == "--count" ? "100000" : "\"item99999\""));
+    EXPECT_THAT(reader.output(), HasSubstr("\"item99999\""));
     RecordProperty(std::string("KiB") + form, std::to_string(peak));
+    EXPECT_GT(peak, 0U) << form;
 #ifdef TQ_PLAIN_BUILD
     EXPECT_LE(peak, 32U * 1024) << form;
 #endif

@@ -102,7 +102,7 @@ TEST_F(TqdiscoctlTest, storesAPayloadAndShowsIt)
   EXPECT_EQ(collection["complete"], true);
   ASSERT_EQ(collection["items"].size(), 1U);
   EXPECT_EQ(collection["items"][0]["name"], "/dev/sda");
-  EXPECT_EQ(collection["items"][0]["facts"][1], json({{"name", "Size"}, {"value", "1024"}}));
+  EXPECT_EQ(collection["items"][0]["facts"]["Size"], 1024);
 }
 
 TEST_F(TqdiscoctlTest, printsThePayloadIndentedAndAsItIs)
