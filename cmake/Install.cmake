@@ -107,3 +107,10 @@ endforeach()
 configure_file(packaging/tqdiscovery.pc.in ${PROJECT_BINARY_DIR}/tqdiscovery.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/tqdiscovery.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT Development)
+
+include(cmake/SplitDebug.cmake)
+tq_split_debug(ozf ${CMAKE_INSTALL_LIBDIR})
+tq_split_debug(tqdiscovery ${CMAKE_INSTALL_LIBDIR})
+tq_split_debug(tqexplorer ${TQ_ROOT_DESTINATION}/lib)
+tq_split_debug(tqdisco ${CMAKE_INSTALL_BINDIR})
+tq_split_debug(tqdiscoctl ${CMAKE_INSTALL_BINDIR})

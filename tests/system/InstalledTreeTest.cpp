@@ -130,6 +130,39 @@ TEST_F(InstalledTreeTest, theProgramsRunWhereverTheTreeIsPut)
     EXPECT_THAT(run(prefix() + "/bin/" + program, {"--version"}), HasSubstr(TQ_VERSION));
 }
 
+// Its folder, given by the user, is the only one that is written to.
+TEST_F(InstalledTreeTest, thePrefixHoldsForEverything)
+{
+  for (auto const& entry : fs::directory_iterator(m_root))
+    EXPECT_EQ(entry.path().filename(), "opt");
+  EXPECT_TRUE(fs::exists(prefix() + "/kestrel/tessarine/lib/libtqexplorer.so"));
+  EXPECT_TRUE(fs::exists(prefix() + "/kestrel/tessarine/etc/tq.conf.sample"));
+  EXPECT_THAT(readText(prefix() + "/lib/systemd/system/tqdisco.service"),
+              HasSubstr(std::string("ExecStart=") + PREFIX + "/bin/tqdisco\n"));
+}
+
+#ifdef TQ_PLAIN_BUILD
+TEST_F(InstalledTreeTest, programsAreStrippedAndTheirDebugDataLiesApart)
+{
+  std::size_t files = 0;
+  for (fs::path const& folder : {fs::path(prefix() + "/bin"), m_module.parent_path().parent_path(),
+                                 fs::path(prefix() + "/kestrel/tessarine/lib")})
+    for (auto const& entry : fs::directory_iterator(folder))
+    {
+      if (!entry.is_regular_file() || entry.is_symlink())
+        continue;
+      ++files;
+      std::string const apart =
+          prefix() + "/lib/debug" + entry.path().string().substr(m_root.size()) + ".debug";
+      EXPECT_THAT(shell("readelf -S '" + entry.path().string() + "'"),
+                  AllOf(HasSubstr(".gnu_debuglink"), Not(HasSubstr(".debug_info")),
+                        Not(HasSubstr(".symtab"))));
+      EXPECT_THAT(shell("readelf -S '" + apart + "'"), HasSubstr(".debug_info"));
+    }
+  EXPECT_EQ(files, 5U);
+}
+#endif
+
 TEST_F(InstalledTreeTest, namesNoFolderOfTheSourcesOrTheBuild)
 {
   std::size_t read = 0;
