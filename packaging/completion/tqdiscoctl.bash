@@ -1,28 +1,63 @@
 # Completion of tqdiscoctl for bash.
 
+# The values of a member of the records that the service lists, which is asked
+# for no longer than somebody at a terminal waits.
+_tqdiscoctl_ask()
+{
+  timeout 2 "$program" "${master[@]}" --timeout 1 query --json 2> /dev/null |
+    sed -n "s/^ *\"$1\": \"\(.*\)\",\$/\1/p" | sort -u
+}
+
+# The facts of the first item that there is.
+_tqdiscoctl_facts()
+{
+  timeout 2 "$program" "${master[@]}" --timeout 1 items "${chosen[@]}" --json-lines --fact-list \
+    2> /dev/null | head -n 1 | grep -o '"name":"[^"]*","value"' | cut -d '"' -f 4 | sort -u
+}
+
 _tqdiscoctl()
 {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
   local everywhere="-m --master --timeout -v --verbose -h --help"
   local selection="-s --subject -a --authority -t --type --filter-data"
   local commands="status query hosts show items filters watch put push stop db"
-  local command="" dbcommand="" word options i
+  local program=${COMP_WORDS[0]} command="" dbcommand="" word value options i at names=0
+  local -a master=() chosen=()
 
   # The first word that is no option, nor the value of one, is the command.
   for ((i = 1; i < COMP_CWORD; i++)); do
     word=${COMP_WORDS[i]}
     case $word in
-      -m | --master | --timeout | -d | --directory) ((i++)) ;;
+      -m | --master | --timeout | -d | --directory | -s | --subject | -a | --authority | -t | \
+        --type | -w | --where | -c | --columns | --sort | --limit | -n | --interval | --looks | \
+        -e | --expires-in | -p | --priority | --host)
+        ((++i))
+        value=${COMP_WORDS[i]}
+        # The shell takes HOST:PORT apart at the colons.
+        for ((at = i + 1; at < COMP_CWORD; at += 2)); do
+          [[ ${COMP_WORDS[at]} =~ ^:+$ ]] || break
+          value+=${COMP_WORDS[at]}${COMP_WORDS[at + 1]}
+          ((i = at + 1))
+        done
+        case $word in
+          -m | --master) master=(--master "$value") ;;
+          -s | --subject | -a | --authority) chosen+=("$word" "$value") ;;
+        esac
+        ;;
       -*) ;;
       *)
         if [[ -z $command ]]; then
           command=$word
         elif [[ $command == db && -z $dbcommand ]]; then
           dbcommand=$word
+        else
+          ((++names))
         fi
         ;;
     esac
   done
+  # A port, or what follows another colon.
+  [[ $previous != : && $current != : ]] || [[ -n $command ]] || return
 
   case $previous in
     -t | --type)
@@ -31,7 +66,19 @@ _tqdiscoctl()
       mapfile -t COMPREPLY < <(compgen -W "$options" -- "$current")
       return
       ;;
-    -m | --master | --host)
+    -s | --subject | --host)
+      mapfile -t COMPREPLY < <(compgen -W "$(_tqdiscoctl_ask subject)" -- "$current")
+      return
+      ;;
+    -a | --authority)
+      mapfile -t COMPREPLY < <(compgen -W "$(_tqdiscoctl_ask authority)" -- "$current")
+      return
+      ;;
+    -c | --columns | --sort | -w | --where)
+      mapfile -t COMPREPLY < <(compgen -W "$(_tqdiscoctl_facts)" -- "$current")
+      return
+      ;;
+    -m | --master)
       mapfile -t COMPREPLY < <(compgen -A hostname -- "$current")
       return
       ;;
@@ -39,12 +86,23 @@ _tqdiscoctl()
       mapfile -t COMPREPLY < <(compgen -d -- "$current")
       return
       ;;
-    --timeout | -s | --subject | -a | --authority | -w | --where | -c | --columns | --sort | \
-      --limit | \
-      -n | --interval | --looks | -e | --expires-in | -p | --priority)
+    --timeout | --limit | -n | --interval | --looks | -e | --expires-in | -p | --priority)
       return
       ;;
   esac
+
+  # Where a subject, or an authority, is to be named.
+  if [[ $current != -* ]]; then
+    case $command:$names in
+      show:0 | filters:0 | put:0)
+        mapfile -t COMPREPLY < <(compgen -W "$(_tqdiscoctl_ask subject)" -- "$current")
+        ;;
+      show:1 | filters:1 | put:1)
+        mapfile -t COMPREPLY < <(compgen -W "$(_tqdiscoctl_ask authority)" -- "$current")
+        ;;
+    esac
+    ((${#COMPREPLY[@]} == 0)) || return
+  fi
 
   case $command in
     "") options="$commands $everywhere --version" ;;

@@ -1,0 +1,99 @@
+// What the shell offers beside a service.
+
+#include "tests/support/CommandTest.h"
+
+#include <gmock/gmock.h>
+
+#include <set>
+#include <sstream>
+
+namespace
+{
+
+using namespace tqtest;
+using testing::Contains;
+using testing::IsEmpty;
+using Offered = std::set<std::string>;
+
+class TqdiscoctlCompletionTest : public CommandTest
+{
+protected:
+  void SetUp() override
+  {
+    CommandTest::SetUp();
+    store("web1", "disks",
+          "<DiscoveredItems><DISCOVERED Name=\"a\"><ExplorerData Name=\"x\"><Size>1</Size>"
+          "<Used>1</Used></ExplorerData></DISCOVERED></DiscoveredItems>");
+    store("web2", "racks", "<DiscoveredItems/>");
+  }
+
+  // What bash offers for the last of the words, which the shell has taken apart.
+  Offered completed(Words const& words, std::string const& program = "tqdiscoctl")
+  {
+    Words arguments{"-c",
+                    "source '" TQ_SOURCE_DIR "/packaging/completion/" + program +
+                        ".bash'; COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _" + program +
+                        "; printf '%s\\n' \"${COMPREPLY[@]}\"",
+                    "bash", TQ_BIN_DIR "/" + program};
+    arguments.insert(arguments.end(), words.begin(), words.end());
+    Outcome const outcome =
+        runProgram("/bin/bash", arguments, {{"TESSARINE_ROOT", m_service.root()}});
+    EXPECT_THAT(outcome.errors, IsEmpty());
+    Offered offered;
+    std::istringstream lines(outcome.output);
+    for (std::string line; std::getline(lines, line);)
+      if (!line.empty())
+        offered.insert(line);
+    return offered;
+  }
+
+  std::string port() const { return std::to_string(m_service.port()); }
+};
+
+TEST_F(TqdiscoctlCompletionTest, goesOnBehindAHostAndItsPort)
+{
+  EXPECT_EQ(completed({"-m", "127.0.0.1", ":", port(), "qu"}), Offered{"query"});
+  EXPECT_EQ(completed({"--master", "[", "::", "1]", ":", port(), "qu"}), Offered{"query"});
+  EXPECT_EQ(completed({"query", "-m", "127.0.0.1", ":", port(), "--auth"}), Offered{"--authority"});
+  EXPECT_EQ(completed({"-m", "127.0.0.1", ":", "27"}), Offered{});
+}
+
+TEST_F(TqdiscoctlCompletionTest, offersHostsAuthoritiesAndFacts)
+{
+  EXPECT_EQ(completed({"show", ""}), (Offered{"web1", "web2"}));
+  EXPECT_EQ(completed({"show", "web1", "d"}), Offered{"disks"});
+  EXPECT_EQ(completed({"query", "--subject", "web2"}), Offered{"web2"});
+  EXPECT_EQ(completed({"query", "-a", ""}), (Offered{"disks", "racks"}));
+  EXPECT_EQ(completed({"items", "-a", "disks", "--sort", ""}), (Offered{"Size", "Used"}));
+  EXPECT_EQ(completed({"items", "-a", "disks", "--columns", "S"}), Offered{"Size"});
+  EXPECT_EQ(completed({"-m", "127.0.0.1", ":", port(), "filters", "web1", ""}),
+            (Offered{"disks", "racks"}));
+}
+
+TEST_F(TqdiscoctlCompletionTest, doesNotWaitForAServiceThatHangs)
+{
+  m_service.process().freeze();
+  auto const begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(completed({"query", "--subject", ""}), Offered{});
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+  m_service.process().sendSignal(SIGCONT);
+}
+
+TEST_F(TqdiscoctlCompletionTest, knowsTheOptionsOfTheService)
+{
+  Offered const offered = completed({""}, "tqdisco");
+  std::istringstream lines(
+      runProgram(TQ_BIN_DIR "/tqdisco", {"--help"}, {{"TESSARINE_ROOT", m_service.root()}}).output);
+  std::size_t count = 0;
+  for (std::string word; lines >> word;)
+    if (word.starts_with("--"))
+    {
+      ++count;
+      EXPECT_THAT(offered, Contains(word));
+      EXPECT_NE(readText(TQ_SOURCE_DIR "/packaging/completion/_tqdisco").find(word),
+                std::string::npos);
+    }
+  EXPECT_GT(count, 3U);
+}
+
+} // namespace
