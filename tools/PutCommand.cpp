@@ -1,5 +1,6 @@
 // put: store a payload with the master.
 
+#include "tools/Collections.h"
 #include "tools/Commands.h"
 #include "tools/Format.h"
 #include "tools/Output.h"
@@ -8,15 +9,18 @@
 #include "discovery/RemoteDB.h"
 #include "ozf/base/SystemError.h"
 #include "ozf/xml/QueryExpression.h"
+#include "ozf/xml/XmlStr.h"
 
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <fcntl.h>
 #include <iostream>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <unistd.h>
 
 namespace tqdiscoctl
@@ -37,8 +41,8 @@ struct PutOptions
 {
   std::string subject;
   std::string authority;
-  std::string file = STANDARD_INPUT;
-  std::string type = "external";
+  std::vector<std::string> payload{STANDARD_INPUT}; // a file, or facts
+  std::string type;                                 // empty: whatever is free
   std::string expires = "1h";
   unsigned priority = 10;
   bool filterData = false;
@@ -57,6 +61,34 @@ std::optional<std::uint64_t> parseSpan(std::string const& text)
   if (!seconds || !isTime || *seconds < 1 || *seconds > LONGEST)
     return std::nullopt;
   return static_cast<std::uint64_t>(*seconds);
+}
+
+// Whether the word is KEY=VALUE, where KEY can be the name of an element.
+bool isFact(std::string const& word)
+{
+  auto const end = word.find('=');
+  if (end == std::string::npos || end == 0 || std::isdigit(static_cast<unsigned char>(word[0])))
+    return false;
+  return std::all_of(word.begin(), word.begin() + static_cast<std::ptrdiff_t>(end),
+                     [](char c)
+                     { return std::isalnum(static_cast<unsigned char>(c)) || c == '_'; });
+}
+
+// One item, named after the subject, with the facts.
+std::string payloadOf(PutOptions const& options)
+{
+  std::ostringstream text;
+  XmlStr::xmlProlog(text, XmlStr::UTF_8)
+      << "<DiscoveredItems><DISCOVERED Name=\"" << XmlStr(options.subject, XmlStr::UTF_8)
+      << "\"><ExplorerData Name=\"" << XmlStr(options.authority, XmlStr::UTF_8) << "\">";
+  for (std::string const& fact : options.payload)
+  {
+    auto const end = fact.find('=');
+    std::string const key = fact.substr(0, end);
+    text << '<' << key << '>' << XmlStr(fact.substr(end + 1), XmlStr::UTF_8) << "</" << key << '>';
+  }
+  text << "</ExplorerData></DISCOVERED></DiscoveredItems>\n";
+  return text.str();
 }
 
 // False after telling the user why it cannot be read.
@@ -142,6 +174,25 @@ bool send(Remote::RemoteWriter_ptr writer, std::string const& payload)
 // The receiver adds a quarter to the interval that it is sent.
 std::uint64_t intervalFor(std::uint64_t seconds) { return (seconds * 4 + 4) / 5; }
 
+// Where explorers store what can be asked for, a payload of the same names would
+// take its place.
+AuthorityType freeType(PutOptions const& options)
+{
+  Selection selection;
+  selection.subject = options.subject;
+  selection.authority = options.authority;
+  selection.typeName = formatType(AT_EXTSRC);
+  std::vector<Record> records;
+  if (options.filterData || queryRecords(selection, records, true) != EXIT_DONE)
+    return AT_EXTSRC;
+  bool const taken =
+      std::any_of(records.begin(), records.end(),
+                  [](Record const& each) {
+                    return !each.onDemand() && !readCollection(each, OzfQuery()).attributes.empty();
+                  });
+  return taken ? AT_TQUSERVER : AT_EXTSRC;
+}
+
 int put(PutOptions const& options, Session const& session)
 {
   for (std::string const& mistake :
@@ -152,7 +203,8 @@ int put(PutOptions const& options, Session const& session)
       return EXIT_USAGE;
     }
   AuthorityType type = AT_EXTSRC;
-  if (!parseType(options.type, type) || type == AT_ANYANDALL || type == AT_REMOTEPULL)
+  if ((!options.type.empty() && !parseType(options.type, type)) || type == AT_ANYANDALL ||
+      type == AT_REMOTEPULL)
   {
     complain("\"" + shown(options.type) +
              "\" is no type to store under; use server, client or "
@@ -165,13 +217,28 @@ int put(PutOptions const& options, Session const& session)
     complain("\"" + shown(options.expires) + "\" is no span of time; write 90s, 15m, 1h or 2d");
     return EXIT_USAGE;
   }
+  bool const facts = isFact(options.payload.front());
+  if (std::any_of(options.payload.begin(), options.payload.end(),
+                  [facts](std::string const& word) { return isFact(word) != facts; }) ||
+      (!facts && options.payload.size() > 1))
+  {
+    complain("the payload is one file, or facts only: KEY=VALUE KEY=VALUE ...; a KEY has letters, "
+             "digits and _");
+    return EXIT_USAGE;
+  }
   std::string payload;
-  if (!readPayload(options.file, payload) || !checkPayload(options, payload))
+  if (facts)
+    payload = payloadOf(options);
+  else if (!readPayload(options.payload.front(), payload))
+    return EXIT_FAILED;
+  if (!checkPayload(options, payload))
     return EXIT_FAILED;
 
   Connection connection(session.connection);
   if (int const result = connection.open(); result != EXIT_DONE)
     return result;
+  if (options.type.empty())
+    type = freeType(options);
   Remote::Discovery record;
   record.queryType = options.filterData ? DQ_FILTER_DATA : DQ_DISCOVERY_DATA;
   record.subject = options.subject.c_str();
@@ -228,11 +295,13 @@ void addPutCommand(CLI::App& application, Session& session)
       application.add_subcommand("put", "Store a payload of your own with the master");
   command->add_option("SUBJECT", options->subject, "What it is about")->required();
   command->add_option("AUTHORITY", options->authority, "Who tells it")->required();
-  command->add_option("FILE", options->file, "The payload; - is standard input")
-      ->capture_default_str();
+  command
+      ->add_option("FILE", options->payload,
+                   "The payload; - is standard input. Or KEY=VALUE..., facts to make one of")
+      ->default_str(STANDARD_INPUT);
   command->add_option("-t,--type", options->type, "The authority's type: server, client, external")
       ->type_name("TYPE")
-      ->capture_default_str();
+      ->default_str("external; server where external tells what can be asked for");
   command->add_option("-e,--expires-in", options->expires, "How long it holds: 90s, 15m, 1h, 2d")
       ->type_name("SPAN")
       ->capture_default_str();

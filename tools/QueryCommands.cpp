@@ -20,6 +20,7 @@ namespace tqdiscoctl
 {
 
 using namespace Quillon::Tessarine::Ozf;
+using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
 
 namespace
 {
@@ -33,6 +34,27 @@ struct QueryOptions
 void print(Table const& table)
 {
   table.print(std::cout, terminalWidth(STDOUT_FILENO), terminalStyles(STDOUT_FILENO));
+}
+
+// For people, of the types in the list.
+void explainTypes(std::vector<Record> const& records)
+{
+  if (isatty(STDOUT_FILENO) == 0)
+    return;
+  std::set<AuthorityType> types;
+  for (Record const& record : records)
+    types.insert(record.type);
+  std::string text;
+  for (auto const& [type, meaning] :
+       {std::pair(AT_TQUSERVER, "of the master, or put in"),
+        std::pair(AT_TQUCLIENT, "found by a host's explorers"),
+        std::pair(AT_EXTSRC, "put in, or what can be asked for"),
+        std::pair(AT_REMOTEPULL, "made by another host when it is read")})
+    if (types.count(type) != 0)
+      text += (text.empty() ? "(" : "; ") + formatType(type) + ": " + meaning;
+  std::cout.flush();
+  if (!text.empty())
+    remark(text + ')');
 }
 
 int query(QueryOptions const& options, Session const& session)
@@ -62,6 +84,7 @@ int query(QueryOptions const& options, Session const& session)
       table.add({record.subject, record.authority, formatType(record.type),
                  formatAgeOf(record, now), formatExpiryOf(record, now)});
     print(table);
+    explainTypes(records);
   }
   if (!records.empty())
     return EXIT_DONE;
@@ -123,7 +146,7 @@ int hosts(QueryOptions const& options, Session const& session)
     OzfObjTime const now = OzfObjTime::now();
     Table table({{"HOST", Table::TEXT},
                  {"DISCOVERIES", Table::NUMBER},
-                 {"LATEST", Table::NUMBER},
+                 {"AGE", Table::NUMBER},
                  {"EXPIRES IN", Table::NUMBER},
                  {"AUTHORITIES", Table::TEXT}});
     for (auto const& [name, host] : found)

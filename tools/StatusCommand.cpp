@@ -107,7 +107,7 @@ int readStates(std::vector<ServiceState>& states)
 }
 
 // The hosts whose explorers have told something while their service tells
-// nothing of itself any more. What is of type external may be about anything.
+// nothing of itself any more. What was put in may be about anything.
 // Where no service tells of itself, none is missed.
 SilentHosts silentHosts(std::vector<Record> const& records, std::vector<ServiceState> const& states)
 {
@@ -115,7 +115,7 @@ SilentHosts silentHosts(std::vector<Record> const& records, std::vector<ServiceS
   if (states.empty())
     return silent;
   for (Record const& record : records)
-    if (record.type != AT_EXTSRC)
+    if (record.type == AT_TQUCLIENT || record.onDemand())
       silent[record.subject] = std::max(silent[record.subject], record.discovered);
   for (ServiceState const& state : states)
     silent.erase(state.record.subject);
@@ -150,23 +150,39 @@ nlohmann::json toJson(SilentHosts const& silent)
 void printServices(std::vector<ServiceState> const& states, SilentHosts const& silent,
                    OzfObjTime const& now)
 {
-  Table table({{"HOST", Table::TEXT},
-               {"ROLE", Table::FIXED},
-               {"VERSION", Table::FIXED},
-               {"UP", Table::NUMBER},
-               {"STORED", Table::NUMBER},
-               {"EXPLORERS", Table::NUMBER},
-               {"FAILED", Table::NUMBER},
-               {"TOLD", Table::NUMBER}});
+  // Where there is little room, what differs least from host to host is left to
+  // --json.
+  constexpr std::size_t ROOMY = 80;
+  std::size_t const width = terminalWidth(STDOUT_FILENO);
+  bool const roomy = width == 0 || width >= ROOMY;
+  std::vector<std::pair<std::string, Table::Column>> header{{"HOST", Table::TEXT},
+                                                            {"ROLE", Table::FIXED}};
+  if (roomy)
+    header.emplace_back("VERSION", Table::FIXED);
+  header.emplace_back("UP", Table::NUMBER);
+  header.emplace_back("DISCOVERIES", Table::NUMBER);
+  if (roomy)
+    header.emplace_back("EXPLORERS", Table::NUMBER);
+  header.emplace_back("FAILED", Table::NUMBER);
+  header.emplace_back("AGE", Table::NUMBER);
+  Table table(header);
+  auto const add = [&table, roomy](std::vector<std::string> cells)
+  {
+    if (!roomy)
+    {
+      cells.erase(cells.begin() + 5);
+      cells.erase(cells.begin() + 2);
+    }
+    table.add(std::move(cells));
+  };
   for (ServiceState const& state : states)
-    table.add({state.record.subject, fact(state.service, "Role"), fact(state.service, "Version"),
-               formatAge(timeOf(state.service, "StartTime"), now),
-               fact(state.service, "StoredDiscoveries"), std::to_string(state.explorers.size()),
-               std::to_string(countFailed(state)),
-               formatAge(state.record.discovered, now) + " ago"});
+    add({state.record.subject, fact(state.service, "Role"), fact(state.service, "Version"),
+         formatAge(timeOf(state.service, "StartTime"), now),
+         fact(state.service, "StoredDiscoveries"), std::to_string(state.explorers.size()),
+         std::to_string(countFailed(state)), formatAge(state.record.discovered, now)});
   for (auto const& [name, latest] : silent)
-    table.add({name, "-", "-", "silent", "-", "-", "-", "-"});
-  table.print(std::cout, terminalWidth(STDOUT_FILENO), terminalStyles(STDOUT_FILENO));
+    add({name, "-", "-", "silent", "-", "-", "-", "-"});
+  table.print(std::cout, width, terminalStyles(STDOUT_FILENO));
 }
 
 void printExplorers(std::vector<ServiceState> const& states, bool all, OzfObjTime const& now)

@@ -344,7 +344,7 @@ private:
   {
     std::set<std::string> known;
     for (auto const& [key, record] : after)
-      if (record.type != AT_EXTSRC)
+      if (record.type == AT_TQUCLIENT || record.onDemand())
         known.insert(record.subject);
     for (auto const& [key, record] : m_services)
       if (services.count(key) == 0 && known.count(record.subject) != 0)

@@ -62,7 +62,7 @@ std::size_t widestLine(std::string const& text)
 
 TEST_F(TqdiscoctlTerminalTest, tablesAndMessagesFitTheTerminal)
 {
-  for (int const columns : {80, 200})
+  for (int const columns : {60, 80, 200})
     for (char const* words : {"items -a filesystem -t client", "items -a service", "status",
                               "query", "filters nobody nothing", "query -m 127.0.0.1:1"})
     {
@@ -97,6 +97,12 @@ TEST_F(TqdiscoctlTerminalTest, noColorLeavesTheTextPlain)
 {
   EXPECT_THAT(atTerminal(80, "query", {{"NO_COLOR", ""}}), HasSubstr(BOLD));
   EXPECT_THAT(atTerminal(80, "query", {{"NO_COLOR", "1"}}), Not(HasSubstr("\033")));
+}
+
+TEST_F(TqdiscoctlTerminalTest, typesAreExplainedWhereTheyAreListed)
+{
+  EXPECT_THAT(atTerminal(80, "query"), HasSubstr("client: found by a host's explorers"));
+  EXPECT_THAT(m_service.tqdiscoctl({"query"}).errors, Not(HasSubstr("client: ")));
 }
 
 class TqdiscoctlFailingTest : public TqdiscoctlTerminalTest

@@ -1,0 +1,51 @@
+// Facts of one's own, put in without XML and beside what explorers store.
+
+#include "tests/support/CommandTest.h"
+
+#include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
+
+namespace
+{
+
+using namespace tqtest;
+using nlohmann::json;
+using testing::HasSubstr;
+
+class TqdiscoctlPutTest : public CommandTest
+{
+};
+
+TEST_F(TqdiscoctlPutTest, factsMakeAPayload)
+{
+  Outcome const outcome = run({"put", "web1", "rack", "Row=7", "Note=a < b & \"c\"=d", "Empty="});
+  EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
+  json const shown = runJson({"show", "web1", "rack"});
+  EXPECT_EQ(shown["items"][0]["name"], "web1");
+  EXPECT_EQ(shown["items"][0]["facts"],
+            json({{"Row", "7"}, {"Note", "a < b & \"c\"=d"}, {"Empty", ""}}));
+  for (Words const& mistake : {Words{"Row=7", "file"}, Words{"a", "b"}, Words{"Row=7", "7=Row"}})
+  {
+    Words words{"put", "web1", "rack"};
+    words.insert(words.end(), mistake.begin(), mistake.end());
+    Outcome const refused = run(words);
+    EXPECT_EQ(refused.exitCode, 2) << refused.output;
+    EXPECT_THAT(refused.errors, HasSubstr("KEY=VALUE"));
+  }
+}
+
+TEST_F(TqdiscoctlPutTest, whatCanBeAskedForIsNotReplacedUnlessToldSo)
+{
+  store("web1", "disks",
+        "<FilterData><QueryDescription><Attribute Name=\"Size\"/></QueryDescription></FilterData>",
+        {"--filter-data"});
+  EXPECT_EQ(runJson({"put", "web1", "disks", "Size=1"})["typeName"], "server");
+  EXPECT_EQ(runJson({"filters", "web1", "disks"})[0]["name"], "Size");
+  EXPECT_EQ(runJson({"show", "web1", "disks"})["items"][0]["facts"]["Size"], "1");
+  EXPECT_EQ(runJson({"put", "web1", "other", "Size=1"})["typeName"], "external");
+  EXPECT_EQ(runJson({"put", "web1", "disks", "Size=1", "--type", "external"})["typeName"],
+            "external");
+  EXPECT_EQ(run({"filters", "web1", "disks"}).exitCode, 3);
+}
+
+} // namespace
