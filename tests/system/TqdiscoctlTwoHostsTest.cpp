@@ -98,8 +98,8 @@ TEST_F(TqdiscoctlTwoHostsTest, volumesOfTheClientAreReadFromIt)
   // One record for each host, whatever the service gives beyond the match.
   for (char const* host : {CLIENT, LiveService::NAME})
     EXPECT_EQ(subjectsListed(json::parse(run({"query", "--subject", host, "--authority", "volume",
-                                          "--type", "client", "--json"})
-                                         .output)),
+                                              "--type", "client", "--json"})
+                                             .output)),
               std::vector<std::string>{host});
 }
 

@@ -89,9 +89,8 @@ TEST_F(TqdiscoctlWatchTest, whatWasBegunIsDoneAlthoughTheReaderHasGone)
   // The payload comes when the reader has long gone.
   std::string const line = "(sleep 0.5; echo '<DiscoveredItems/>') | '" TQ_BIN_DIR
                            "/tqdiscoctl' put web1 disks | true; exit ${PIPESTATUS[1]}";
-  EXPECT_EQ(
-      runProgram("/bin/bash", {"-c", line}, {{"TESSARINE_ROOT", m_service.root()}}).exitCode,
-      BY_SIGPIPE);
+  EXPECT_EQ(runProgram("/bin/bash", {"-c", line}, {{"TESSARINE_ROOT", m_service.root()}}).exitCode,
+            BY_SIGPIPE);
   EXPECT_EQ(run({"show", "web1", "disks", "--raw"}).output, "<DiscoveredItems/>\n");
 }
 

@@ -136,6 +136,27 @@ TEST_F(DiscoveryRepositoryTest, RemotePullCompetesWithEveryLocalExplorerOfItsSub
   EXPECT_EQ(Names{"remote"}, names(repository.getPullExplorers())) << "replaces at equal priority";
 }
 
+TEST_F(DiscoveryRepositoryTest, AnExplorerThatIsLeftOutHasALineInTheLog)
+{
+  LogCapture const log(1);
+  TestRepository repository;
+  AutoDereference<FakePush> first(new FakePush("first"));
+  AutoDereference<FakePush> second(new FakePush("second"));
+  AutoDereference<FakePush> third(new FakePush("third"));
+  constexpr char const* OPERATION = "DiscoveryRepository::registerExplorer";
+  push(repository, first.get(), 5, "s", "disks");
+  EXPECT_TRUE(log.lines().empty());
+  push(repository, second.get(), 5, "s", "disks");
+  EXPECT_TRUE(log.has(1, OPERATION,
+                      "Left out the explorer \"second\" (authority disks, type 2, priority 5) for "
+                      "subject s: \"first\" (authority disks, type 2, priority 5) has its place"));
+  push(repository, third.get(), 6, "s", "disks");
+  EXPECT_TRUE(log.has(1, OPERATION,
+                      "Left out the explorer \"first\" (authority disks, type 2, priority 5) for "
+                      "subject s: \"third\" (authority disks, type 2, priority 6) has its place"));
+  EXPECT_EQ(2U, log.lines().size());
+}
+
 TEST_F(DiscoveryRepositoryTest, RemotePullCompetesWithAPushExplorerOfItsSubject)
 {
   TestRepository repository;
