@@ -121,8 +121,9 @@ _tqdiscoctl()
     stop) options="--host --no-wait --json" ;;
     db)
       case $dbcommand in
-        "") options="list show verify -d --directory" ;;
+        "") options="list show verify forget -d --directory" ;;
         show) options="-d --directory -t --type --json --raw" ;;
+        forget) options="-d --directory -t --type -n --dry-run -y --yes --json" ;;
         *) options="-d --directory --json" ;;
       esac
       ;;

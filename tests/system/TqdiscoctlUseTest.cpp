@@ -25,9 +25,10 @@ using testing::StartsWith;
 using Words = std::vector<std::string>;
 using Names = std::set<std::string>;
 
-std::vector<Words> const COMMANDS{
-    {"status"}, {"query"}, {"hosts"}, {"show"}, {"items"},      {"filters"},    {"watch"},
-    {"put"},    {"push"},  {"stop"},  {"db"},   {"db", "list"}, {"db", "show"}, {"db", "verify"}};
+std::vector<Words> const COMMANDS{{"status"},     {"query"},        {"hosts"},       {"show"},
+                                  {"items"},      {"filters"},      {"watch"},       {"put"},
+                                  {"push"},       {"stop"},         {"db"},          {"db", "list"},
+                                  {"db", "show"}, {"db", "verify"}, {"db", "forget"}};
 
 std::string joined(Words const& words)
 {
@@ -190,8 +191,8 @@ TEST(TqdiscoctlUseTest, bashCompletesCommandsOptionsAndTypes)
   EXPECT_EQ(completed({"put", "-t", ""}), (Names{"server", "client", "external"}));
   EXPECT_EQ(completed({"db", "--directory", "/tmp", "sh"}), Names{"show"});
   EXPECT_EQ(completed({"db", ""}),
-            (Names{"list", "show", "verify", "-d", "--directory", "-m", "--master", "--timeout",
-                   "-v", "--verbose", "-h", "--help"}));
+            (Names{"list", "show", "verify", "forget", "-d", "--directory", "-m", "--master",
+                   "--timeout", "-v", "--verbose", "-h", "--help"}));
   for (Words const& command : COMMANDS)
   {
     Words words = command;
