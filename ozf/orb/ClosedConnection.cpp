@@ -1,5 +1,7 @@
 #include "ozf/orb/ClosedConnection.h"
 
+#include "ozf/orb/CallingConnection.h"
+
 #include <omniORB4/minorCode.h>
 #include <omniORB4/tcpConnection.h>
 
@@ -18,9 +20,11 @@ namespace Quillon::Tessarine::Ozf
 namespace
 {
 
-bool closedByPeer(omni::giopConnection* connection)
+bool closedByPeer(omni::giopConnection const* connection)
 {
-  auto const* const tcp = dynamic_cast<omni::tcpConnection const*>(connection);
+  auto const* const calling = dynamic_cast<CallingConnection const*>(connection);
+  auto const* const tcp =
+      dynamic_cast<omni::tcpConnection const*>(calling == nullptr ? connection : calling->inner());
   if (tcp == nullptr)
     return false;
   pollfd wait{tcp->handle(), POLLRDHUP, 0};

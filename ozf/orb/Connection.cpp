@@ -1,6 +1,13 @@
 #include "ozf/orb/Connection.h"
 
+#include "ozf/log/FrameworkLogger.h"
 #include "ozf/orb/ConnectionTable.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <ctime>
 
 namespace Quillon::Tessarine::Ozf
 {
@@ -8,38 +15,37 @@ namespace Quillon::Tessarine::Ozf
 namespace
 {
 
-// "giop:tcp:192.0.2.7:4711", "giop:tcp:[2001:db8::1]:4711"
-std::string addressIn(std::string const& text)
+constexpr char SOURCE[] = "Connection";
+
+// For so long the thread that has served a request waits for the next one: who
+// calls again and again is answered without a change of threads.
+constexpr int NEXT_REQUEST_MILLISECONDS = 50;
+
+void logRefusal(Peer const& peer, char const* reason)
 {
-  auto const open = text.find('[');
-  auto const close = text.find(']');
-  auto const port = text.rfind(':');
-  if (open != std::string::npos && close != std::string::npos && open < close)
-  {
-    std::string const address = text.substr(open + 1, close - open - 1);
-    constexpr char mapped[] = "::ffff:";
-    return address.starts_with(mapped) && address.find('.') != std::string::npos
-               ? address.substr(sizeof mapped - 1)
-               : address;
-  }
-  if (port == std::string::npos || port == 0)
-    return text;
-  return text.substr(text.rfind(':', port - 1) + 1, port - text.rfind(':', port - 1) - 1);
+  static std::atomic<std::time_t> lastLine{0}; // one a second: it is likely to be a flood
+  std::time_t const now = std::time(nullptr);
+  if (lastLine.exchange(now) != now)
+    OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Connection::Recv",
+            "Ended a connection from " << peer.address << ", refused a message: " << reason);
 }
 
 } // namespace
 
-Connection::Connection(omni::giopConnection* inner, Ended ended)
+Connection::Connection(omni::giopConnection* inner, int descriptor, std::list<Peer> peer,
+                       std::shared_ptr<ConnectionWatcher> watcher)
     : m_inner(inner),
-      m_ended(std::move(ended)),
-      m_peer(ConnectionTable::instance().add(addressIn(inner->peeraddress())))
+      m_descriptor(descriptor),
+      m_peer(std::move(peer)),
+      m_watcher(std::move(watcher))
 {
+  m_watcher->add(*this);
 }
 
 Connection::~Connection()
 {
+  m_watcher->remove(*this);
   ConnectionTable::instance().remove(m_peer);
-  m_ended(m_inner);
   m_inner->decrRefCount(true);
 }
 
@@ -50,10 +56,30 @@ int Connection::Send(void* data, std::size_t size, omni_time_t const& deadline)
 
 int Connection::Recv(void* data, std::size_t size, omni_time_t const& deadline)
 {
-  return m_inner->Recv(data, size, deadline);
+  std::lock_guard guard(m_mutex);
+  int const got = m_input.deliver(data, size,
+                                  [&](void* to, std::size_t room)
+                                  {
+                                    int const read = m_inner->Recv(to, room, deadline);
+                                    if (read > 0)
+                                      m_received += static_cast<std::uint64_t>(read);
+                                    return read;
+                                  });
+  if (got > 0)
+    m_delivered = true;
+  if (got < 0 && m_input.reason() != nullptr)
+    logRefusal(peer(), m_input.reason());
+  if (m_large && (got <= 0 || !m_input.insideMessage()))
+  {
+    m_large = false;
+    m_watcher->largeIsRead(*this);
+  }
+  return got;
 }
 
 void Connection::Shutdown() { m_inner->Shutdown(); }
+
+void Connection::abandon() noexcept { m_inner->Shutdown(); }
 
 char const* Connection::myaddress() { return m_inner->myaddress(); }
 
@@ -68,15 +94,85 @@ _CORBA_Boolean Connection::gatekeeperCheckSpecific(omni::giopStrand* strand)
   return m_inner->gatekeeperCheckSpecific(strand);
 }
 
-void Connection::setSelectable(int now, _CORBA_Boolean dataInBuffer)
+// The ORB asks with 0 before a call already, so that the connection's next
+// request may be read meanwhile; one at a time is served here.
+void Connection::setSelectable(int now, _CORBA_Boolean)
 {
-  m_inner->setSelectable(now, dataInBuffer);
+  if (now == 0)
+    return;
+  {
+    std::lock_guard guard(m_mutex);
+    m_input.shrink();
+  }
+  m_watcher->watch(*this);
 }
 
-void Connection::clearSelectable() { m_inner->clearSelectable(); }
+// Watching ends by itself when the ORB's thread gets the connection.
+void Connection::clearSelectable() {}
 
-_CORBA_Boolean Connection::isSelectable() { return m_inner->isSelectable(); }
+_CORBA_Boolean Connection::isSelectable() { return true; }
 
-_CORBA_Boolean Connection::Peek() { return m_inner->Peek(); }
+_CORBA_Boolean Connection::Peek()
+{
+  Arrived next = arrived();
+  if (next == NOTHING || next == PART)
+  {
+    pollfd wait{m_descriptor, POLLIN | POLLRDHUP, 0};
+    if (poll(&wait, 1, NEXT_REQUEST_MILLISECONDS) != 1)
+      return false;
+    try
+    {
+      next = readAvailable();
+    }
+    catch (std::bad_alloc const&)
+    {
+      return false;
+    }
+  }
+  return next == READY || (next == LARGE && m_watcher->admitLarge(*this));
+}
+
+WatchedConnection::Arrived Connection::look() noexcept
+{
+  if (m_ended || m_input.insideMessage())
+    return READY;
+  switch (m_input.holding())
+  {
+  case GuardedInput::NOTHING:
+    return NOTHING;
+  case GuardedInput::PART:
+    return PART;
+  case GuardedInput::LARGE:
+    m_large = true;
+    return LARGE;
+  default:
+    return READY;
+  }
+}
+
+WatchedConnection::Arrived Connection::arrived() noexcept
+{
+  std::lock_guard guard(m_mutex);
+  return look();
+}
+
+WatchedConnection::Arrived Connection::readAvailable()
+{
+  std::lock_guard guard(m_mutex);
+  Arrived const before = look();
+  if (before == READY || before == LARGE)
+    return before;
+  m_input.fill(
+      [this](void* to, std::size_t room)
+      {
+        auto const read = recv(m_descriptor, to, room, MSG_DONTWAIT);
+        if (read > 0)
+          m_received += static_cast<std::uint64_t>(read);
+        else if (read == 0 || (errno != EAGAIN && errno != EINTR))
+          m_ended = true;
+        return static_cast<int>(read);
+      });
+  return look();
+}
 
 } // namespace Quillon::Tessarine::Ozf

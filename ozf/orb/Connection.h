@@ -1,30 +1,38 @@
-// A connection of the ORB's, wrapped.
+// A connection that a peer has opened, as the ORB sees it.
 
 #pragma once
 
-#include "ozf/orb/Peer.h"
+#include "ozf/orb/ConnectionWatcher.h"
+#include "ozf/orb/GuardedInput.h"
 
 #include <omniORB4/CORBA.h>
 #include <omniORB4/giopEndpoint.h>
 
+#include <atomic>
 #include <functional>
 #include <list>
+#include <memory>
+#include <mutex>
 
 namespace Quillon::Tessarine::Ozf
 {
 
-// One that a peer has opened. The ORB owns it by its count; destroying it
-// destroys the one inside.
-class Connection final : public omni::giopConnection
+// Wraps one of the ORB's over TCP. The ORB owns it by its count; destroying it
+// destroys the one inside. Between two requests it belongs to the watcher, and
+// from there on to the ORB's thread until that asks to have it watched again.
+class Connection final : public omni::giopConnection, public WatchedConnection
 {
 public:
-  // Told when the connection ends, with the one inside.
-  using Ended = std::function<void(omni::giopConnection*)>;
+  // peer is what the table of connections gave for it, and descriptor the
+  // socket of inner. Throws what ConnectionWatcher::add throws; then inner is
+  // still the caller's.
+  Connection(omni::giopConnection* inner, int descriptor, std::list<Peer> peer,
+             std::shared_ptr<ConnectionWatcher> watcher);
 
-  Connection(omni::giopConnection* inner, Ended ended);
+  Peer const& peer() const noexcept override { return m_peer.front(); }
 
-  Peer const& peer() const noexcept { return m_peer.front(); }
-  omni::giopConnection* inner() const noexcept { return m_inner; }
+  // Whether bytes were delivered to the ORB since the last question.
+  bool takeDelivered() noexcept { return m_delivered.exchange(false); }
 
   int Send(void* data, std::size_t size, omni_time_t const& deadline) override;
   int Recv(void* data, std::size_t size, omni_time_t const& deadline) override;
@@ -42,9 +50,27 @@ public:
 private:
   ~Connection() override;
 
+  int descriptor() const noexcept override { return m_descriptor; }
+  Arrived readAvailable() override;
+  Arrived arrived() noexcept override;
+  std::uint64_t received() const noexcept override { return m_received; }
+  void abandon() noexcept override;
+
+  Arrived look() noexcept;
+
   omni::giopConnection* const m_inner;
-  Ended const m_ended;
+  int const m_descriptor;
   std::list<Peer> m_peer; // one, as the table wants it
+  std::shared_ptr<ConnectionWatcher> const m_watcher;
+  std::atomic<std::uint64_t> m_received{0};
+  std::atomic<bool> m_delivered{false};
+
+  // Two threads may be there only while the ORB goes down: it sends one after
+  // every connection to see that it has been closed.
+  std::mutex m_mutex;
+  GuardedInput m_input{MessageRules::REQUESTS};
+  bool m_ended = false;
+  bool m_large = false; // the ORB reads a large request
 };
 
 } // namespace Quillon::Tessarine::Ozf

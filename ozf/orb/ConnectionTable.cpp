@@ -40,14 +40,17 @@ void ConnectionTable::stop() noexcept
   m_thread.join();
 }
 
-std::list<Peer> ConnectionTable::add(std::string address)
+std::list<Peer> ConnectionTable::add(std::string address, std::size_t limit)
 {
   std::list<Peer> peer(1);
   peer.front().address = std::move(address);
   std::lock_guard guard(m_mutex);
-  peer.front().connection = m_last + 1;
-  m_open.insert(peer.front().connection);
-  ++m_last;
+  auto const count = m_ofAddress.try_emplace(peer.front().address).first;
+  if (count->second >= limit)
+    return {};
+  peer.front().connection = ++m_last;
+  m_open.insert(m_last);
+  ++count->second;
   return peer;
 }
 
@@ -55,6 +58,9 @@ void ConnectionTable::remove(std::list<Peer>& peer) noexcept
 {
   std::lock_guard guard(m_mutex);
   m_open.erase(peer.front().connection);
+  auto const count = m_ofAddress.find(peer.front().address);
+  if (count != m_ofAddress.end() && --count->second == 0)
+    m_ofAddress.erase(count);
   if (m_observers.empty())
     return;
   m_gone.splice(m_gone.end(), peer);

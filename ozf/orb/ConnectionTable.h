@@ -8,6 +8,7 @@
 #include <list>
 #include <mutex>
 #include <thread>
+#include <unordered_map>
 #include <unordered_set>
 
 namespace Quillon::Tessarine::Ozf
@@ -25,8 +26,9 @@ public:
   void start();
   void stop() noexcept;
 
-  // Takes a connection in and gives it its number. The result holds one peer.
-  std::list<Peer> add(std::string address);
+  // Takes a connection in and gives it its number. The result holds one peer;
+  // it is empty when the address has that many connections already.
+  std::list<Peer> add(std::string address, std::size_t limit);
 
   // Forgets the connection; the observers are told later. peer is what add gave
   // and is taken, so that memory is not needed for it.
@@ -49,6 +51,7 @@ private:
   bool m_ending = false;
   ConnectionNumber m_last = 0;
   std::unordered_set<ConnectionNumber> m_open;
+  std::unordered_map<std::string, std::size_t> m_ofAddress;
   std::list<Peer> m_gone;
   std::list<Observer> m_observers;
   Observer m_told; // whose call is in progress

@@ -9,6 +9,7 @@
 #include "ozf/config/Configuration.h"
 #include "ozf/log/Assertion.h"
 #include "ozf/log/FrameworkLogger.h"
+#include "ozf/orb/CallingConnection.h"
 #include "ozf/orb/ClosedConnection.h"
 #include "ozf/orb/Connection.h"
 #include "ozf/orb/ConnectionTable.h"
@@ -30,11 +31,9 @@
 #include <ace/ACE.h>
 #include <ace/ARGV.h>
 #include <ace/Init_ACE.h>
-#include <sys/eventfd.h>
 #include <sys/resource.h>
 
-#include <atomic>
-#include <ctime>
+#include <algorithm>
 #include <cxxabi.h>
 #include <map>
 #include <mutex>
@@ -48,9 +47,6 @@ namespace
 {
 
 constexpr char SOURCE[] = "CorbaProcess";
-
-// Descriptors that connections leave to files and to calls going out.
-constexpr rlim_t RESERVED_DESCRIPTORS = 64;
 
 struct Published
 {
@@ -94,39 +90,41 @@ void logOfOrb(char const* text)
   OZF_LOG(getFrameworkLogger(), 1, SOURCE, "omniORB", line);
 }
 
-// New descriptors get the lowest free number, so one that is close to the
-// limit tells that nearly all are in use.
-bool descriptorsRunShort()
-{
-  rlimit limit{};
-  if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
-    return false;
-  UniqueFd const probe(eventfd(0, EFD_CLOEXEC));
-  return !probe.valid() || static_cast<rlim_t>(probe.get()) + RESERVED_DESCRIPTORS > limit.rlim_cur;
-}
-
-CORBA::Boolean acceptConnection(omni::omniInterceptors::serverAcceptConnection_T::info_T& info)
-{
-  if (!descriptorsRunShort())
-    return true;
-  info.reject = true;
-  info.why = "too many open files";
-  // One line a second: the cause is likely to be a flood.
-  static std::atomic<std::time_t> lastLine{0};
-  std::time_t const now = std::time(nullptr);
-  if (lastLine.exchange(now) != now)
-    OZF_LOG(getFrameworkLogger(), 1, SOURCE, "CorbaProcess::acceptConnection",
-            "Refused a connection from " << info.peeraddress() << ", too many open files");
-  return true;
-}
-
 // Of the request that the thread has received last.
 thread_local Peer const* peerOfRequest = nullptr;
 
-CORBA::Boolean notePeer(omni::omniInterceptors::serverReceiveRequest_T::info_T& info)
+// Whether the ORB knows what to do with the key. The keys that it makes begin
+// with the names of adapters, and then there is a mark that tells this run of the
+// process from others; keys without the mark, but with a name that is known, it
+// takes for its own and does not come to an end with. All other keys are names
+// that were published, or nothing.
+bool isKeyInOrder(unsigned char const* key, int size)
 {
-  auto const* const connection = dynamic_cast<Connection const*>(info.giop_s.strand().connection);
+  constexpr unsigned char NAME = 0xff;
+  constexpr unsigned char MARK = 0xfe;
+  constexpr int MARK_SIZE = 8;
+  if (size <= 0)
+    return false;
+  if (key[0] != NAME && key[0] != MARK && key[0] != 0)
+    return true;
+  auto const* const end = key + size;
+  while (key != end && *key == NAME)
+    key = std::find_if(
+        key + 1, end, [](unsigned char byte) { return byte == NAME || byte == MARK || byte == 0; });
+  return end - key > MARK_SIZE + 1 && *key == MARK && key[MARK_SIZE + 1] == 0;
+}
+
+CORBA::Boolean noteRequest(omni::omniInterceptors::serverReceiveRequest_T::info_T& info)
+{
+  auto& request = info.giop_s;
+  auto* const connection = dynamic_cast<Connection*>(request.strand().connection);
   peerOfRequest = connection == nullptr ? nullptr : &connection->peer();
+  // A request that has left no trace on the connection is one that the ORB has
+  // answered before.
+  if (connection != nullptr && !connection->takeDelivered())
+    request.strand().state(omni::giopStrand::DYING);
+  if (!isKeyInOrder(request.key(), request.keysize()))
+    throw CORBA::OBJECT_NOT_EXIST(0, CORBA::COMPLETED_NO);
   return true;
 }
 
@@ -195,11 +193,12 @@ CORBA::ORB_ptr startOrb(std::vector<std::string> const& endPoints, std::string c
       {"serverCallTimeOutPeriod", "30000"},
       {"giopMaxMsgSize", "4194304"},
       {"maxGIOPConnectionPerServer", "100"},
-      // A slow or silent peer costs a thread of its own, not one of a pool.
-      {"threadPerConnectionPolicy", "1"},
-      {"threadPerConnectionUpperLimit", "500"},
-      {"threadPerConnectionLowerLimit", "400"},
-      {"maxServerThreadPoolSize", "100"},
+      // A thread gets a connection when a request is there, and keeps it until
+      // the request is answered: two requests of one connection that are read at
+      // a time are not kept apart well.
+      {"threadPerConnectionPolicy", "0"},
+      {"maxServerThreadPoolSize", "600"},
+      {"maxServerThreadPerConnection", "1"},
       // Seconds until an idle connection is closed, counted in scans: up to one
       // granularity less. Who calls lets go well before who serves, as a call
       // that meets a connection just closed fails.
@@ -221,9 +220,9 @@ CORBA::ORB_ptr startOrb(std::vector<std::string> const& endPoints, std::string c
                                        reinterpret_cast<char const*(*)[2]>(options.data()));
 
   auto* const interceptors = omniORB::getInterceptors();
-  interceptors->serverAcceptConnection.add(acceptConnection);
+  interceptors->clientOpenConnection.add(guardReplies);
   interceptors->clientSendRequest.add(leaveClosedConnection);
-  interceptors->serverReceiveRequest.add(notePeer);
+  interceptors->serverReceiveRequest.add(noteRequest);
   interceptors->invokeLocalCall.add(guardCall);
   return orb._retn();
 }

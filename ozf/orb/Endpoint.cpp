@@ -1,11 +1,20 @@
 #include "ozf/orb/Endpoint.h"
 
+#include "ozf/base/SystemError.h"
 #include "ozf/log/FrameworkLogger.h"
 #include "ozf/orb/Connection.h"
+#include "ozf/orb/ConnectionTable.h"
 
+#include <omniORB4/tcpConnection.h>
+
+#include <sys/eventfd.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <atomic>
+#include <ctime>
 #include <memory>
-#include <mutex>
-#include <unordered_map>
+#include <string_view>
 #include <utility>
 
 namespace Quillon::Tessarine::Ozf
@@ -19,32 +28,49 @@ namespace
 constexpr char SOURCE[] = "Endpoint";
 constexpr char INNER_TCP[] = "giop:tcp:";
 
-// Which wrapper a connection inside belongs to. Connections may outlast the end
-// point that accepted them.
-class Wrappers
-{
-public:
-  void add(omni::giopConnection* inner, Connection* outer)
-  {
-    std::lock_guard guard(m_mutex);
-    m_outer[inner] = outer;
-  }
-  void remove(omni::giopConnection* inner)
-  {
-    std::lock_guard guard(m_mutex);
-    m_outer.erase(inner);
-  }
-  Connection* of(omni::giopConnection* inner) const
-  {
-    std::lock_guard guard(m_mutex);
-    auto const found = m_outer.find(inner);
-    return found == m_outer.end() ? nullptr : found->second;
-  }
+// Descriptors that connections leave to files and to calls going out.
+constexpr rlim_t RESERVED_DESCRIPTORS = 64;
 
-private:
-  mutable std::mutex m_mutex;
-  std::unordered_map<omni::giopConnection*, Connection*> m_outer;
-};
+// Hosts behind one address may be many, and may leave half of the descriptors.
+constexpr rlim_t CONNECTIONS_OF_ADDRESS = 4096;
+
+// New descriptors get the lowest free number, so one that is close to the
+// limit tells that nearly all are in use.
+bool descriptorsRunShort(rlim_t limit)
+{
+  UniqueFd const probe(eventfd(0, EFD_CLOEXEC));
+  return !probe.valid() || static_cast<rlim_t>(probe.get()) + RESERVED_DESCRIPTORS > limit;
+}
+
+void logRefusedConnection(char const* peer, char const* why)
+{
+  // One line a second: the cause is likely to be a flood.
+  static std::atomic<std::time_t> lastLine{0};
+  std::time_t const now = std::time(nullptr);
+  if (lastLine.exchange(now) != now)
+    OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Endpoint::AcceptAndMonitor",
+            "Refused a connection from " << peer << ", " << why);
+}
+
+// "giop:tcp:192.0.2.7:4711", "giop:tcp:[2001:db8::1]:4711"
+std::string addressIn(std::string const& text)
+{
+  auto const open = text.find('[');
+  auto const close = text.find(']');
+  if (open != std::string::npos && close != std::string::npos && open < close)
+  {
+    std::string const address = text.substr(open + 1, close - open - 1);
+    constexpr std::string_view mapped = "::ffff:";
+    return address.starts_with(mapped) && address.find('.') != std::string::npos
+               ? address.substr(mapped.size())
+               : address;
+  }
+  auto const port = text.rfind(':');
+  if (port == std::string::npos || port == 0)
+    return text;
+  auto const before = text.rfind(':', port - 1);
+  return text.substr(before + 1, port - before - 1);
+}
 
 class Endpoint final : public omni::giopEndpoint
 {
@@ -67,7 +93,7 @@ public:
   {
     return m_inner->publish(specifications, all, allEndPoints, published);
   }
-  _CORBA_Boolean Bind() override { return m_inner->Bind(); }
+  _CORBA_Boolean Bind() override;
   omni::giopConnection* AcceptAndMonitor(omni::giopConnection::notifyReadable_t tell,
                                          void* cookie) override;
   void Poke() override { m_inner->Poke(); }
@@ -75,51 +101,104 @@ public:
   // The ORB asks for nothing afterwards and leaves the end point to itself.
   void Shutdown() override
   {
+    if (m_watcher)
+      m_watcher->stop();
     std::exchange(m_inner, nullptr)->Shutdown();
     delete this;
   }
 
 private:
-  static void readable(void* self, omni::giopConnection* inner);
+  static void handOver(void* self, WatchedConnection& connection);
+  omni::giopConnection* takeIn(omni::giopConnection* inner) const;
 
   std::string const m_address;
   omni::giopEndpoint* m_inner;
-  std::shared_ptr<Wrappers> const m_wrappers = std::make_shared<Wrappers>();
+  std::shared_ptr<ConnectionWatcher> m_watcher; // connections may outlast the end point
   omni::giopConnection::notifyReadable_t m_tell = nullptr;
   void* m_cookie = nullptr;
 };
 
+_CORBA_Boolean Endpoint::Bind()
+{
+  try
+  {
+    m_watcher = std::make_shared<ConnectionWatcher>();
+    return m_inner->Bind();
+  }
+  catch (std::exception const& exception)
+  {
+    OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Endpoint::Bind",
+            "Unable to watch the connections of " << m_address << ": " << exception.what());
+    return false;
+  }
+}
+
+// Null when the connection is refused.
+omni::giopConnection* Endpoint::takeIn(omni::giopConnection* inner) const
+{
+  auto const* const tcp = dynamic_cast<omni::tcpConnection const*>(inner);
+  rlimit limit{};
+  if (tcp == nullptr || getrlimit(RLIMIT_NOFILE, &limit) != 0)
+    return nullptr;
+  if (descriptorsRunShort(limit.rlim_cur))
+  {
+    logRefusedConnection(inner->peeraddress(), "too many open files");
+    return nullptr;
+  }
+  auto peer = ConnectionTable::instance().add(
+      addressIn(inner->peeraddress()),
+      static_cast<std::size_t>(std::min(limit.rlim_cur / 2, CONNECTIONS_OF_ADDRESS)));
+  if (peer.empty())
+  {
+    logRefusedConnection(inner->peeraddress(), "its address has too many");
+    return nullptr;
+  }
+  try
+  {
+    return new Connection(inner, tcp->handle(), peer, m_watcher);
+  }
+  catch (std::exception const&)
+  {
+    ConnectionTable::instance().remove(peer);
+    throw;
+  }
+}
+
 omni::giopConnection* Endpoint::AcceptAndMonitor(omni::giopConnection::notifyReadable_t tell,
                                                  void* cookie)
 {
+  // What is watched here is the socket that listens; connections are watched by
+  // the watcher, which may use what the ORB gave only until this returns.
+  auto const ignore = [](void*, omni::giopConnection*) {};
   m_tell = tell;
   m_cookie = cookie;
-  while (true)
+  m_watcher->allow(handOver, this);
+  omni::giopConnection* taken = nullptr;
+  while (taken == nullptr)
   {
-    omni::giopConnection* const inner = m_inner->AcceptAndMonitor(readable, this);
+    omni::giopConnection* const inner = m_inner->AcceptAndMonitor(ignore, nullptr);
     if (inner == nullptr)
-      return nullptr;
+      break;
     try
     {
-      auto* const outer = new Connection(inner, [wrappers = m_wrappers](omni::giopConnection* ended)
-                                         { wrappers->remove(ended); });
-      m_wrappers->add(inner, outer);
-      return outer;
+      taken = takeIn(inner);
     }
     catch (std::exception const& exception)
     {
       OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Endpoint::AcceptAndMonitor",
               "Unable to take a connection in: " << exception.what());
-      inner->decrRefCount(true);
     }
+    if (taken == nullptr)
+      inner->decrRefCount(true);
   }
+  m_watcher->forbid();
+  return taken;
 }
 
-void Endpoint::readable(void* self, omni::giopConnection* inner)
+void Endpoint::handOver(void* self, WatchedConnection& connection)
 {
   auto const* const endPoint = static_cast<Endpoint*>(self);
-  if (auto* const outer = endPoint->m_wrappers->of(inner))
-    endPoint->m_tell(endPoint->m_cookie, outer);
+  endPoint->m_tell(endPoint->m_cookie, &static_cast<Connection&>(connection));
 }
 
 class Transport final : public omni::giopTransportImpl

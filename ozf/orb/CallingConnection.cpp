@@ -1,0 +1,56 @@
+#include "ozf/orb/CallingConnection.h"
+
+#include "ozf/log/FrameworkLogger.h"
+
+// Each needs the ones before it.
+#include <giopStrand.h>
+
+#include <giopStream.h>
+
+#include <GIOP_C.h>
+
+#include <atomic>
+#include <ctime>
+
+namespace Quillon::Tessarine::Ozf
+{
+
+namespace
+{
+
+constexpr char SOURCE[] = "CallingConnection";
+
+} // namespace
+
+CallingConnection::~CallingConnection() { m_inner->decrRefCount(true); }
+
+int CallingConnection::Send(void* data, std::size_t size, omni_time_t const& deadline)
+{
+  return m_inner->Send(data, size, deadline);
+}
+
+int CallingConnection::Recv(void* data, std::size_t size, omni_time_t const& deadline)
+{
+  int const got = m_input.deliver(
+      data, size, [&](void* to, std::size_t room) { return m_inner->Recv(to, room, deadline); });
+  if (!m_input.insideMessage())
+    m_input.shrink();
+  if (got >= 0 || m_input.reason() == nullptr)
+    return got;
+  static std::atomic<std::time_t> lastLine{0}; // one a second: who calls may try again at once
+  std::time_t const now = std::time(nullptr);
+  if (lastLine.exchange(now) != now)
+    OZF_LOG(getFrameworkLogger(), 1, SOURCE, "CallingConnection::Recv",
+            "Ended the connection to " << m_inner->peeraddress()
+                                       << ", refused a message: " << m_input.reason());
+  return got;
+}
+
+CORBA::Boolean guardReplies(omni::omniInterceptors::clientOpenConnection_T::info_T& info)
+{
+  auto*& connection = info.giop_c.strand().connection;
+  connection = new CallingConnection(connection);
+  return true;
+}
+
+} // namespace Quillon::Tessarine::Ozf

@@ -1,0 +1,49 @@
+// A connection that this process has opened, as the ORB sees it.
+
+#pragma once
+
+#include "ozf/orb/GuardedInput.h"
+
+#include <omniORB4/CORBA.h>
+#include <omniORB4/giopEndpoint.h>
+#include <omniORB4/omniInterceptors.h>
+
+namespace Quillon::Tessarine::Ozf
+{
+
+// Wraps one of the ORB's, so that it sees only answers that follow the rules.
+// The ORB owns it by its count; destroying it lets go of the one inside.
+class CallingConnection final : public omni::giopConnection
+{
+public:
+  // Takes the caller's count of inner.
+  explicit CallingConnection(omni::giopConnection* inner) : m_inner(inner) {}
+
+  omni::giopConnection const* inner() const noexcept { return m_inner; }
+
+  int Send(void* data, std::size_t size, omni_time_t const& deadline) override;
+  int Recv(void* data, std::size_t size, omni_time_t const& deadline) override;
+  void Shutdown() override { m_inner->Shutdown(); }
+  char const* myaddress() override { return m_inner->myaddress(); }
+  char const* peeraddress() override { return m_inner->peeraddress(); }
+  char const* peeridentity() override { return m_inner->peeridentity(); }
+  void* peerdetails() override { return m_inner->peerdetails(); }
+  void setSelectable(int now, _CORBA_Boolean dataInBuffer) override
+  {
+    m_inner->setSelectable(now, dataInBuffer);
+  }
+  void clearSelectable() override { m_inner->clearSelectable(); }
+  _CORBA_Boolean isSelectable() override { return m_inner->isSelectable(); }
+  _CORBA_Boolean Peek() override { return m_inner->Peek(); }
+
+private:
+  ~CallingConnection() override;
+
+  omni::giopConnection* const m_inner;
+  GuardedInput m_input{MessageRules::REPLIES};
+};
+
+// To be called for each connection that the ORB opens: wraps it.
+CORBA::Boolean guardReplies(omni::omniInterceptors::clientOpenConnection_T::info_T& info);
+
+} // namespace Quillon::Tessarine::Ozf

@@ -1,0 +1,431 @@
+#include "ozf/orb/ConnectionWatcher.h"
+
+#include "ozf/log/FrameworkLogger.h"
+#include "ozf/plugin/CurrentException.h"
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <ctime>
+#include <list>
+#include <system_error>
+
+namespace Quillon::Tessarine::Ozf
+{
+
+namespace
+{
+
+constexpr char SOURCE[] = "ConnectionWatcher";
+constexpr ConnectionNumber WAKE = 0; // no connection's number
+constexpr std::size_t EVENTS = 64;
+// Until memory may be there again.
+constexpr auto SHORT_OF_MEMORY = std::chrono::milliseconds(10);
+
+void logStall(std::string const& address)
+{
+  static std::time_t lastLine = 0; // one a second: it is likely to be a flood
+  std::time_t const now = std::time(nullptr);
+  if (now == lastLine)
+    return;
+  lastLine = now;
+  OZF_LOG(getFrameworkLogger(), 1, SOURCE, "ConnectionWatcher::checkProgress",
+          "Ended a connection from " << address << ", its request did not go on");
+}
+
+[[noreturn]] void throwError(char const* what)
+{
+  throw std::system_error(errno, std::generic_category(), what);
+}
+
+} // namespace
+
+ConnectionWatcher::ConnectionWatcher(WatchLimits const& limits)
+    : m_limits(limits),
+      m_epoll(epoll_create1(EPOLL_CLOEXEC)),
+      m_wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+{
+  if (!m_epoll.valid() || !m_wake.valid())
+    throwError("epoll");
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.u64 = WAKE;
+  if (epoll_ctl(m_epoll.get(), EPOLL_CTL_ADD, m_wake.get(), &event) != 0)
+    throwError("epoll_ctl");
+  m_thread = std::thread([this] { loop(); });
+}
+
+ConnectionWatcher::~ConnectionWatcher() { stop(); }
+
+void ConnectionWatcher::allow(HandOver receiver, void* cookie)
+{
+  {
+    std::lock_guard gate(m_gate);
+    m_handOver = receiver;
+    m_cookie = cookie;
+  }
+  m_allowed.notify_all();
+}
+
+void ConnectionWatcher::forbid()
+{
+  std::lock_guard gate(m_gate);
+  m_handOver = nullptr;
+}
+
+void ConnectionWatcher::stop() noexcept
+{
+  {
+    std::lock_guard gate(m_gate);
+    m_ending = true;
+  }
+  m_allowed.notify_all();
+  wake();
+  if (m_thread.joinable())
+    m_thread.join();
+}
+
+void ConnectionWatcher::add(WatchedConnection& connection)
+{
+  std::lock_guard guard(m_mutex);
+  auto const number = connection.peer().connection;
+  Address& address = m_addresses[connection.peer().address];
+  Entry entry{};
+  entry.connection = &connection;
+  entry.address = &address;
+  m_entries.emplace(number, entry);
+  ++address.connections;
+  epoll_event event{};
+  event.data.u64 = number;
+  if (epoll_ctl(m_epoll.get(), EPOLL_CTL_ADD, connection.descriptor(), &event) == 0)
+    return;
+  int const failure = errno;
+  m_entries.erase(number);
+  if (--address.connections == 0)
+    m_addresses.erase(connection.peer().address);
+  errno = failure;
+  throwError("epoll_ctl");
+}
+
+void ConnectionWatcher::remove(WatchedConnection const& connection) noexcept
+{
+  std::lock_guard guard(m_mutex);
+  auto const found = m_entries.find(connection.peer().connection);
+  if (found == m_entries.end())
+    return;
+  epoll_ctl(m_epoll.get(), EPOLL_CTL_DEL, connection.descriptor(), nullptr);
+  release(found->second);
+  Address* const address = found->second.address;
+  m_entries.erase(found);
+  if (--address->connections != 0)
+    return;
+  m_waiting.erase(address);
+  m_addresses.erase(connection.peer().address);
+}
+
+void ConnectionWatcher::watch(WatchedConnection& connection) noexcept
+{
+  auto const arrived = connection.arrived();
+  std::lock_guard guard(m_mutex);
+  auto const found = m_entries.find(connection.peer().connection);
+  if (found == m_entries.end())
+    return;
+  Entry& entry = found->second;
+  release(entry);
+  try
+  {
+    note(entry, arrived);
+    listen(entry, arrived == WatchedConnection::LARGE || arrived == WatchedConnection::READY);
+  }
+  catch (std::exception const&)
+  {
+    // Without memory to keep its time by it cannot stay.
+    connection.abandon();
+    listen(entry, true);
+  }
+}
+
+bool ConnectionWatcher::admitLarge(WatchedConnection& connection) noexcept
+{
+  std::lock_guard guard(m_mutex);
+  auto const found = m_entries.find(connection.peer().connection);
+  if (found == m_entries.end() || m_large >= m_limits.largeRequests ||
+      found->second.address->large >= m_limits.largeRequestsOfAddress)
+    return false;
+  try
+  {
+    note(found->second, WatchedConnection::LARGE);
+  }
+  catch (std::exception const&)
+  {
+    return false;
+  }
+  found->second.large = true;
+  ++found->second.address->large;
+  ++m_large;
+  return true;
+}
+
+void ConnectionWatcher::largeIsRead(WatchedConnection const& connection) noexcept
+{
+  std::lock_guard guard(m_mutex);
+  auto const found = m_entries.find(connection.peer().connection);
+  if (found == m_entries.end())
+    return;
+  found->second.unfinished = false;
+  releaseLarge(found->second);
+}
+
+bool ConnectionWatcher::admit(Entry& entry, WatchedConnection::Arrived arrived) noexcept
+{
+  Address& address = *entry.address;
+  bool const large = arrived == WatchedConnection::LARGE;
+  if (address.calls >= m_limits.callsOfAddress ||
+      (large &&
+       (m_large >= m_limits.largeRequests || address.large >= m_limits.largeRequestsOfAddress)))
+    return false;
+  entry.calling = true;
+  entry.waiting = WatchedConnection::NOTHING;
+  ++address.calls;
+  if (large)
+  {
+    entry.large = true;
+    ++address.large;
+    ++m_large;
+    // The time that it waited does not count.
+    entry.since = Clock::now();
+  }
+  return true;
+}
+
+void ConnectionWatcher::releaseLarge(Entry& entry) noexcept
+{
+  if (!entry.large)
+    return;
+  entry.large = false;
+  --entry.address->large;
+  --m_large;
+  if (!m_waiting.empty())
+    wake();
+}
+
+void ConnectionWatcher::release(Entry& entry) noexcept
+{
+  releaseLarge(entry);
+  if (!entry.calling)
+    return;
+  entry.calling = false;
+  --entry.address->calls;
+  if (!m_waiting.empty())
+    wake();
+}
+
+void ConnectionWatcher::note(Entry& entry, WatchedConnection::Arrived arrived)
+{
+  bool const unfinished = arrived == WatchedConnection::PART || arrived == WatchedConnection::LARGE;
+  if (unfinished && !entry.unfinished)
+  {
+    entry.since = Clock::now();
+    entry.receivedThen = entry.connection->received();
+    if (!entry.checked)
+    {
+      m_checks.emplace(entry.since + m_limits.stall, entry.connection->peer().connection);
+      entry.checked = true;
+      if (m_checks.size() == 1)
+        wake();
+    }
+  }
+  entry.unfinished = unfinished;
+}
+
+void ConnectionWatcher::listen(Entry const& entry, bool atOnce) noexcept
+{
+  epoll_event event{};
+  event.events = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;
+  // What has been read already makes no event of its own. To a peer that leaves
+  // its answers unread nothing can be written, and it gets no further ones.
+  if (atOnce)
+    event.events |= EPOLLOUT;
+  event.data.u64 = entry.connection->peer().connection;
+  epoll_ctl(m_epoll.get(), EPOLL_CTL_MOD, entry.connection->descriptor(), &event);
+}
+
+void ConnectionWatcher::wake() noexcept
+{
+  ErrnoKeeper const keeper;
+  std::uint64_t const one = 1;
+  // Fails only when the counter is at its end, and then the thread is awake.
+  [[maybe_unused]] auto const written = write(m_wake.get(), &one, sizeof one);
+}
+
+int ConnectionWatcher::waitTime()
+{
+  std::lock_guard guard(m_mutex);
+  if (m_checks.empty())
+    return -1;
+  auto const left =
+      std::chrono::ceil<std::chrono::milliseconds>(m_checks.begin()->first - Clock::now());
+  return static_cast<int>(std::max<std::int64_t>(left.count(), 0));
+}
+
+void ConnectionWatcher::loop()
+{
+  std::array<epoll_event, EVENTS> events{};
+  while (true)
+  {
+    int const count =
+        epoll_wait(m_epoll.get(), events.data(), static_cast<int>(events.size()), waitTime());
+    for (int i = 0; i < count; ++i)
+    {
+      std::uint64_t woken = 0;
+      auto const number = events[static_cast<std::size_t>(i)].data.u64;
+      if (number == WAKE && read(m_wake.get(), &woken, sizeof woken) < 0)
+        continue;
+      std::unique_lock gate(m_gate);
+      m_allowed.wait(gate, [this] { return m_ending || m_handOver != nullptr; });
+      if (m_ending)
+        return;
+      if (number != WAKE)
+        handle(number);
+      while (auto* const connection = number == WAKE ? admitWaiting() : nullptr)
+        handOver(*connection);
+    }
+    try
+    {
+      checkProgress();
+    }
+    catch (std::exception const&)
+    {
+      std::this_thread::sleep_for(SHORT_OF_MEMORY);
+    }
+  }
+}
+
+void ConnectionWatcher::handle(ConnectionNumber number)
+{
+  std::unique_lock lock(m_mutex);
+  auto const found = m_entries.find(number);
+  if (found == m_entries.end())
+    return;
+  Entry& entry = found->second; // stays while it is watched
+  WatchedConnection& connection = *entry.connection;
+  lock.unlock();
+  try
+  {
+    auto const arrived = connection.readAvailable();
+    lock.lock();
+    note(entry, arrived);
+    if (arrived == WatchedConnection::NOTHING || arrived == WatchedConnection::PART)
+    {
+      listen(entry, false);
+      return;
+    }
+    if (!admit(entry, arrived))
+    {
+      entry.address->waiting.push_back(number);
+      m_waiting.insert(entry.address);
+      entry.waiting = arrived;
+      return;
+    }
+  }
+  catch (std::exception const&)
+  {
+    if (!lock.owns_lock())
+      lock.lock();
+    listen(entry, true);
+    lock.unlock();
+    std::this_thread::sleep_for(SHORT_OF_MEMORY);
+    return;
+  }
+  lock.unlock();
+  handOver(connection);
+}
+
+void ConnectionWatcher::handOver(WatchedConnection& connection) noexcept
+{
+  auto const number = connection.peer().connection;
+  try
+  {
+    m_handOver(m_cookie, connection);
+    return;
+  }
+  catch (...)
+  {
+  }
+  // No thread has it, so it is still there.
+  {
+    std::lock_guard guard(m_mutex);
+    auto const found = m_entries.find(number);
+    if (found == m_entries.end())
+      return;
+    release(found->second);
+    listen(found->second, true);
+  }
+  std::this_thread::sleep_for(SHORT_OF_MEMORY);
+}
+
+WatchedConnection* ConnectionWatcher::admitWaiting() noexcept
+{
+  std::lock_guard guard(m_mutex);
+  for (auto i = m_waiting.begin(); i != m_waiting.end();)
+  {
+    auto& waiting = (*i)->waiting;
+    for (; !waiting.empty(); waiting.pop_front())
+    {
+      auto const found = m_entries.find(waiting.front());
+      if (found == m_entries.end() || found->second.waiting == WatchedConnection::NOTHING)
+        continue;
+      if (!admit(found->second, found->second.waiting))
+        break;
+      waiting.pop_front();
+      return found->second.connection;
+    }
+    i = waiting.empty() ? m_waiting.erase(i) : std::next(i);
+  }
+  return nullptr;
+}
+
+void ConnectionWatcher::checkProgress()
+{
+  std::list<std::string> ended; // addresses
+  std::unique_lock lock(m_mutex);
+  auto const now = Clock::now();
+  while (!m_checks.empty() && m_checks.begin()->first <= now)
+  {
+    auto check = m_checks.extract(m_checks.begin());
+    auto const found = m_entries.find(check.mapped());
+    if (found == m_entries.end())
+      continue;
+    Entry& entry = found->second;
+    if (entry.unfinished && entry.since + m_limits.stall <= now)
+    {
+      std::uint64_t const received = entry.connection->received();
+      // What waits is not read.
+      if (entry.waiting == WatchedConnection::NOTHING &&
+          received - entry.receivedThen < m_limits.leastProgress)
+      {
+        entry.unfinished = false;
+        entry.connection->abandon();
+        if (ended.empty())
+          ended.push_back(entry.connection->peer().address);
+      }
+      entry.receivedThen = received;
+      entry.since = now;
+    }
+    entry.checked = entry.unfinished;
+    if (!entry.unfinished)
+      continue;
+    check.key() = entry.since + m_limits.stall;
+    m_checks.insert(std::move(check));
+  }
+  lock.unlock();
+  if (!ended.empty())
+    logStall(ended.front());
+}
+
+} // namespace Quillon::Tessarine::Ozf

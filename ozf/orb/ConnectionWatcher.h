@@ -1,0 +1,170 @@
+// Which of a port's connections get a thread, and when.
+//
+// A thread serves a request that has come in whole, so peers that are silent or
+// stop in the middle of a request cost no thread. One of the watcher's own waits
+// for all connections that no other thread works on, reads what they send into
+// their buffers and hands a connection over when its request is complete.
+// Requests that are larger than the buffer are read by the thread that serves
+// them: of these a number is admitted at a time, and a smaller one of each
+// address. So is of an address's calls in progress. What is not admitted waits,
+// unread.
+//
+// A request that has begun and does not go on ends its connection.
+
+#pragma once
+
+#include "ozf/base/SystemError.h"
+#include "ozf/orb/Peer.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <unordered_map>
+
+namespace Quillon::Tessarine::Ozf
+{
+
+// What the watcher asks of a connection. It is watched from watch until it is
+// handed over, and in that time only the watcher uses it.
+class WatchedConnection
+{
+public:
+  enum Arrived
+  {
+    NOTHING, // so far
+    PART,    // of a request
+    LARGE,   // a part of a request that the rest of does not fit beside
+    READY    // a request, the end of the connection, or something to refuse
+  };
+
+  virtual Peer const& peer() const noexcept = 0;
+  virtual int descriptor() const noexcept = 0;
+
+  // Reads what there is, without waiting.
+  virtual Arrived readAvailable() = 0;
+
+  // What readAvailable and other reads have left.
+  virtual Arrived arrived() noexcept = 0;
+
+  // Bytes read since the connection was opened. Any thread.
+  virtual std::uint64_t received() const noexcept = 0;
+
+  // Ends the connection for both sides. Any thread.
+  virtual void abandon() noexcept = 0;
+
+protected:
+  ~WatchedConnection() = default;
+};
+
+struct WatchLimits
+{
+  std::size_t largeRequests = 300; // being read at a time
+  std::size_t largeRequestsOfAddress = 60;
+  std::size_t callsOfAddress = 400;
+  // Within every such time, so many bytes of a request must come, or its end.
+  std::chrono::milliseconds stall{5000};
+  std::uint64_t leastProgress = 4096;
+};
+
+// All operations may be called from any thread unless they say otherwise.
+class ConnectionWatcher
+{
+public:
+  using HandOver = void (*)(void* cookie, WatchedConnection& connection);
+
+  explicit ConnectionWatcher(WatchLimits const& limits = WatchLimits());
+
+  // Stops.
+  ~ConnectionWatcher();
+  ConnectionWatcher(ConnectionWatcher const&) = delete;
+  ConnectionWatcher& operator=(ConnectionWatcher const&) = delete;
+
+  // Connections may be handed over, on the watcher's thread, between allow and
+  // forbid. After forbid no call of the receiver is in progress. Neither is called
+  // by the receiver.
+  void allow(HandOver receiver, void* cookie);
+  void forbid();
+
+  // Ends the thread. What is watched stays as it is.
+  void stop() noexcept;
+
+  // Throws std::system_error or std::bad_alloc; then the connection is not known.
+  void add(WatchedConnection& connection);
+  void remove(WatchedConnection const& connection) noexcept;
+
+  // The thread that the connection was handed over to is done with it.
+  void watch(WatchedConnection& connection) noexcept;
+
+  // That thread goes on with a large request instead; false when it is not
+  // admitted now.
+  bool admitLarge(WatchedConnection& connection) noexcept;
+
+  // The large request has been read.
+  void largeIsRead(WatchedConnection const& connection) noexcept;
+
+private:
+  using Clock = std::chrono::steady_clock;
+
+  struct Address
+  {
+    std::size_t connections = 0;
+    std::size_t calls = 0;
+    std::size_t large = 0;
+    std::deque<ConnectionNumber> waiting;
+  };
+  struct Entry
+  {
+    WatchedConnection* connection;
+    Address* address;
+    bool calling = false;                                            // handed over
+    bool large = false;                                              // and reading a large request
+    WatchedConnection::Arrived waiting = WatchedConnection::NOTHING; // to be handed over for
+    bool unfinished = false; // a request has begun and not ended
+    bool checked = false;    // m_checks has it
+    Clock::time_point since; // since when at most leastProgress bytes have come
+    std::uint64_t receivedThen = 0;
+  };
+  void loop();
+  int waitTime();
+  void handle(ConnectionNumber number);
+  void handOver(WatchedConnection& connection) noexcept;
+  WatchedConnection* admitWaiting() noexcept;
+  void checkProgress();
+  void wake() noexcept;
+
+  // Under m_mutex.
+  bool admit(Entry& entry, WatchedConnection::Arrived arrived) noexcept;
+  void release(Entry& entry) noexcept;
+  void releaseLarge(Entry& entry) noexcept;
+  void note(Entry& entry, WatchedConnection::Arrived arrived);
+  void listen(Entry const& entry, bool atOnce) noexcept;
+
+  WatchLimits const m_limits;
+  UniqueFd m_epoll;
+  UniqueFd m_wake;
+
+  // Taken before m_mutex; held while a connection is read from and handed over.
+  std::mutex m_gate;
+  std::condition_variable m_allowed;
+  HandOver m_handOver = nullptr;
+  void* m_cookie = nullptr;
+  bool m_ending = false;
+
+  // The ORB destroys connections under locks of its own, which handing over
+  // takes: nothing is called under this one but peer, descriptor, received and
+  // abandon.
+  std::mutex m_mutex;
+  std::unordered_map<ConnectionNumber, Entry> m_entries;
+  std::unordered_map<std::string, Address> m_addresses;
+  std::set<Address*> m_waiting; // addresses of which connections wait
+  std::multimap<Clock::time_point, ConnectionNumber> m_checks;
+  std::size_t m_large = 0;
+  std::thread m_thread;
+};
+
+} // namespace Quillon::Tessarine::Ozf
