@@ -25,6 +25,10 @@ namespace
 
 constexpr char SOURCE[] = "Researcher";
 
+// Who reads one collection after the other takes the memory of the last for the
+// next, unless they are as large as this.
+constexpr std::size_t LARGE_COLLECTION = 64UL * 1024 * 1024; // bytes
+
 struct OrbHolder
 {
   std::atomic<Orb*> orb{nullptr};
@@ -224,7 +228,7 @@ bool AuthSubIterator::parseDiscovery(CollectionData* data, FilterParameters cons
                        << " more unknown tags of " << name());
   if (!parsed)
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to parse the discovery stream");
-  if (m_tally.built > LARGE_WORK)
+  if (m_tally.built > LARGE_COLLECTION)
     m_items = std::shared_ptr<CollectionItems>(m_items.get(),
                                                [items = m_items](CollectionItems*) mutable
                                                {

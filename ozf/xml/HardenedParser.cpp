@@ -29,6 +29,9 @@ constexpr char16_t TEXT_NAME[] = u"text";
 
 constexpr std::size_t MOST_KEPT = 1 << 20;
 
+// No document that an explorer writes makes a parser grow so much.
+constexpr std::size_t LARGE_PARSER = 4 << 20;
+
 // How the product's own documents begin. It says what holds without it.
 constexpr std::string_view OWN_PROLOG = R"(<?xml version="1.0" encoding="UTF-8"?>)";
 constexpr auto WIDE_OWN_PROLOG = []
@@ -402,7 +405,7 @@ ParserLease::~ParserLease()
 {
   if (idleParsersGone || m_parser->isSpent())
   {
-    bool const large = m_parser->held() > LARGE_WORK;
+    bool const large = m_parser->held() > LARGE_PARSER;
     m_parser.reset();
     if (large)
       returnFreeMemory();
