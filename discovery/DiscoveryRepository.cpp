@@ -28,10 +28,6 @@ namespace
 
 constexpr char SOURCE[] = "DiscoveryRepository";
 
-// Pull registrations of one master. Each host needs one or two; this many more
-// than the largest fleet has is a mistake or an attack.
-constexpr std::size_t MAX_PULL_REGISTRATIONS = 50000;
-
 // What this process registers for itself calls no other host.
 bool isOfAnotherHost(ExplorerWrapper const& entry)
 {
@@ -67,7 +63,7 @@ DiscoveryRepository::Snapshot DiscoveryRepository::Registrations::snapshot() con
 {
   std::lock_guard guard(m_mutex);
   if (!m_snapshot)
-    m_snapshot = std::make_shared<ExplorerSet const>(m_entries);
+    m_snapshot = std::make_shared<ExplorerSnapshot const>(m_entries);
   return m_snapshot;
 }
 

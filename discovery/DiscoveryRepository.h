@@ -47,10 +47,14 @@ public:
   class ExplorerPushTimer;
   class ExplorerRegisterTimer;
 
-  using Snapshot = std::shared_ptr<ExplorerSet const>;
+  using Snapshot = std::shared_ptr<ExplorerSnapshot const>;
 
   DiscoveryRepository();
   ~DiscoveryRepository() override;
+
+  // The pull registrations that are kept. Each host needs one or two; this many
+  // more than the largest fleet has is a mistake or an attack.
+  static constexpr std::size_t MAX_PULL_REGISTRATIONS = 50000;
 
   // Creation and queries.
 

@@ -2,6 +2,11 @@
 
 #include "ozf/base/Wildcard.h"
 
+#include <algorithm>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
 
@@ -54,6 +59,56 @@ bool ltdExplorerQuery::operator()(AutoDereference<ExplorerQuery> const& a,
                                   AutoDereference<ExplorerQuery> const& b) const
 {
   return ltdExplorerWrapper()(a->getEntry(), b->getEntry());
+}
+
+// Names of the entries, which live as long as the set.
+struct ExplorerSnapshot::Index
+{
+  using Names = std::pair<std::string_view, std::string_view>; // authority, subject
+
+  struct Hash
+  {
+    std::size_t operator()(Names const& names) const noexcept
+    {
+      std::hash<std::string_view> const hash;
+      return hash(names.first) * 31 + hash(names.second);
+    }
+  };
+
+  std::unordered_map<Names, const_iterator, Hash> first;
+};
+
+ExplorerSnapshot::Index const& ExplorerSnapshot::index() const
+{
+  std::call_once(m_indexMade,
+                 [this]
+                 {
+                   auto made = std::make_shared<Index>();
+                   made->first.reserve(size());
+                   // Entries may share their names: the walk meets the first of them.
+                   for (auto entry = begin(); entry != end(); ++entry)
+                     made->first.try_emplace({(*entry)->getAuthority()->getName().str(),
+                                              (*entry)->getSubject()->getName().str()},
+                                             entry);
+                   m_index = std::move(made);
+                 });
+  return *m_index;
+}
+
+ExplorerSnapshot::const_iterator
+ExplorerSnapshot::firstMatch(ExplorerIdentity const& identity) const
+{
+  if (!identity.isExact())
+    return std::find_if(begin(), end(),
+                        [&](auto const& entry) { return identity.matches(*entry); });
+  auto const& all = index().first;
+  auto const found = all.find({identity.authority(), identity.subject()});
+  return found == all.end() ? end() : found->second;
+}
+
+bool ExplorerIdentity::isExact() const
+{
+  return m_authority.find('*') == std::string::npos && m_subject.find('*') == std::string::npos;
 }
 
 bool ExplorerIdentity::matches(ExplorerWrapper const& entry) const

@@ -60,6 +60,30 @@ struct TQ_EXPORT ltdExplorerWrapper
 
 using ExplorerSet = std::set<AutoDereference<ExplorerWrapper>, ltdExplorerWrapper>;
 
+class ExplorerIdentity;
+
+// A set of registrations as it was at one moment. Shared between threads; does
+// not change.
+class TQ_EXPORT ExplorerSnapshot : public ExplorerSet
+{
+public:
+  explicit ExplorerSnapshot(ExplorerSet const& entries) : ExplorerSet(entries) {}
+  ExplorerSnapshot(ExplorerSnapshot const&) = delete;
+  ExplorerSnapshot& operator=(ExplorerSnapshot const&) = delete;
+
+  // The first entry in the set's order that matches; end() when there is none.
+  // A pattern costs a walk over the entries, two names a look-up in an index
+  // that the first of them makes.
+  const_iterator firstMatch(ExplorerIdentity const& identity) const;
+
+private:
+  struct Index;
+  Index const& index() const;
+
+  mutable std::once_flag m_indexMade;
+  mutable std::shared_ptr<Index const> m_index;
+};
+
 // The name patterns of one pull query.
 class TQ_EXPORT ExplorerIdentity : public virtual OZFRefCounted
 {
@@ -71,6 +95,12 @@ public:
 
   // Whether the names of the entry match both patterns, in their case.
   bool matches(ExplorerWrapper const& entry) const;
+
+  // Whether neither is a pattern, so that only an entry of these very names
+  // matches.
+  bool isExact() const;
+  std::string const& authority() const noexcept { return m_authority; }
+  std::string const& subject() const noexcept { return m_subject; }
 
 private:
   std::string m_authority;

@@ -82,9 +82,7 @@ DiscoveryIterator* DiscoveryRepository::findPullExplorer(DiscoveryQuery query,
                                                          std::string const& authority)
 {
   AutoDereference<ExplorerIdentity> const identity(new ExplorerIdentity(authority, subject));
-  auto const first =
-      std::find_if(pullExplorers->begin(), pullExplorers->end(),
-                   [&](auto const& candidate) { return identity->matches(*candidate); });
+  auto const first = pullExplorers->firstMatch(*identity);
   if (first == pullExplorers->end())
     return nullptr;
 

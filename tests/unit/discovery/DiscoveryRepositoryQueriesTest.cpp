@@ -12,6 +12,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 using namespace tqtest;
 
 namespace
@@ -209,6 +211,50 @@ TEST_F(DiscoveryRepositoryQueriesTest, EveryEntryAfterTheFirstMatchIsTaken)
   pull(repository, "c");
   EXPECT_EQ((Names{"b", "c"}), subjects(repository.findPullExplorer(
                                    DQ_DISCOVERY_DATA, repository.getPullExplorers(), "b", "*")));
+}
+
+// What names find must be what the walk finds, the tail behind it included.
+TEST_F(DiscoveryRepositoryQueriesTest, TheIndexFindsWhatTheWalkFinds)
+{
+  QueriedRepository repository(true);
+  std::vector<std::string> const names{"a", "b", "B", "aa", "c", "d.e", "e"};
+  for (auto const& subject : names)
+    for (auto const& authority : names)
+      for (AuthorityType const type : {AT_TQUCLIENT, AT_EXTSRC})
+        pull(repository, subject, authority, type);
+  pull(repository, "d.e", "of a host", AT_REMOTEPULL);
+  auto const snapshot = repository.getPullExplorers();
+  ASSERT_GT(snapshot->size(), names.size());
+  std::vector<std::string> patterns = names;
+  patterns.insert(patterns.end(), {"", "*", "a*", "*e", "missing", "A"});
+  for (auto const& subject : patterns)
+    for (auto const& authority : patterns)
+    {
+      ExplorerIdentity const identity(authority, subject);
+      auto const walked = std::find_if(snapshot->begin(), snapshot->end(),
+                                       [&](auto const& entry) { return identity.matches(*entry); });
+      EXPECT_TRUE(snapshot->firstMatch(identity) == walked) << authority << ' ' << subject;
+    }
+}
+
+// A look-up must not cost what a walk over all of them costs.
+TEST_F(DiscoveryRepositoryQueriesTest, NamesThatAreNotThereAreLookedUpAmongManyAtOnce)
+{
+  QueriedRepository repository(true);
+  auto const timed = [&](std::string const& subject)
+  {
+    auto const snapshot = repository.getPullExplorers();
+    repository.findPullExplorer(DQ_DISCOVERY_DATA, snapshot, "first", "a"); // makes the index
+    auto const start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 200; ++i)
+      EXPECT_EQ(nullptr, repository.findPullExplorer(DQ_DISCOVERY_DATA, snapshot, subject, "a"));
+    return std::chrono::steady_clock::now() - start;
+  };
+  for (int i = 0; i < 20'000; ++i)
+    pull(repository, "s" + std::to_string(i));
+  auto const walking = timed("missing*");
+  auto const lookingUp = timed("missing");
+  EXPECT_LT(lookingUp * 20, walking);
 }
 
 // Callers may hold a thousand iterators over as many explorers as there are.

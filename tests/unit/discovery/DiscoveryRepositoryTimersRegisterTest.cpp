@@ -371,7 +371,7 @@ struct PushTimerTest : testing::Test
     ExplorerSet set;
     set.insert(AutoDereference<ExplorerWrapper>(
         new ExplorerWrapper(&explorer, 1, new Subject("s"), new Authority("a", AT_TQUCLIENT))));
-    return std::make_shared<ExplorerSet const>(std::move(set));
+    return std::make_shared<ExplorerSnapshot const>(set);
   }
   static AutoDereference<PushTimer> timerFor(Explorer const& explorer)
   {
