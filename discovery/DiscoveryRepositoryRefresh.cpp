@@ -4,6 +4,7 @@
 
 #include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryRepository.h"
+#include "discovery/RemoteDBDrain.h"
 #include "discovery/Researcher.h"
 #include "ozf/base/FreeMemory.h"
 #include "ozf/orb/Corba.h"
@@ -13,6 +14,8 @@
 #include <ace/Recursive_Thread_Mutex.h>
 #include <ace/Singleton.h>
 
+#include <chrono>
+
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
 
@@ -20,6 +23,10 @@ namespace
 {
 
 constexpr char SOURCE[] = "DiscoveryRepository";
+
+// What reading one record may take, in which a host may answer just in time
+// again and again.
+constexpr std::chrono::seconds MOST_FOR_A_RECORD(60);
 
 void addClients(char const* authority, char const* noneFound, std::set<OzfString>& clients)
 {
@@ -34,6 +41,7 @@ void addClients(char const* authority, char const* noneFound, std::set<OzfString
   // Every step opens a payload, which may lie on a host that does not answer.
   while (!getDiscoveryRepository().isShuttingDown())
   {
+    ReadDeadline const deadline(MOST_FOR_A_RECORD);
     // Or run an explorer of this host: what that throws concerns one record.
     bool over = false;
     callGuarded(

@@ -4,6 +4,7 @@
 #include "discovery/DiscoveryRepository.h"
 #include "discovery/DiscoveryService_i.h"
 #include "discovery/ExplorerRemotePull.h"
+#include "discovery/RemoteDB.h"
 #include "discovery/RemoteDBWire.h"
 #include "ozf/base/OzfHostname.h"
 #include "ozf/orb/Orb.h"
@@ -102,6 +103,13 @@ void DiscoveryIterator_i::release()
   OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION, "releasing discovery iterator");
   removeFromEvictor(objectId(), *getDiscoveryRepository().getOrb());
   m_discoveryIterator.reset();
+}
+
+std::size_t DiscoveryIterator_i::evictionCost() const noexcept
+{
+  auto const* const remote =
+      dynamic_cast<RemoteDiscoveryIterator const*>(m_discoveryIterator.get());
+  return remote == nullptr ? 0 : remote->heldBytes();
 }
 
 // ---- collection data ----

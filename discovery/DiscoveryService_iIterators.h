@@ -5,6 +5,7 @@
 #include "discovery/DiscData.h"
 #include "discovery/Export.h"
 #include "ozf/orb/Corba.h"
+#include "ozf/orb/Evictor.h"
 
 #include <DiscoveryServiceC.h>
 
@@ -41,7 +42,8 @@ private:
 // Pages through a local iterator. Used by one caller at a time.
 class TQ_EXPORT DiscoveryIterator_i
     : public EvictableServant<POA_Quillon::Tessarine::Ozf::DiscoverySvc::Remote::DiscoveryIterator,
-                              DiscoveryIterator>
+                              DiscoveryIterator>,
+      public EvictionCost
 {
 public:
   static constexpr char const* REPOSITORY_ID =
@@ -58,6 +60,9 @@ public:
   DiscoverySeq* getNextPage() override;
 
   void release() override;
+
+  // The bytes of a list that was fetched from another host.
+  std::size_t evictionCost() const noexcept override;
 
 private:
   AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::DiscoveryIterator> m_discoveryIterator;

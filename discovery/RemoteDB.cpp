@@ -19,6 +19,20 @@ namespace
 
 constexpr char SOURCE[] = "RemoteDB";
 
+std::size_t sizeOf(Remote::Discovery const& record)
+{
+  return sizeof record + std::strlen(record.subject) + std::strlen(record.authority) +
+         std::strlen(record.sourceHost) + std::strlen(record.sourceServiceName);
+}
+
+// With what allocation adds for the record, its four strings and its place in
+// the list.
+std::size_t heldSizeOf(Remote::Discovery const& record)
+{
+  constexpr std::size_t OVERHEAD = 96;
+  return sizeOf(record) + OVERHEAD;
+}
+
 } // namespace
 
 RemoteDBCreator::RemoteDBCreator() { setIsMaster(); }
@@ -75,19 +89,25 @@ RemoteCollectionData* RemoteDiscovery::remoteData(char const* operation) const
 void RemoteDiscovery::setSubject(Subject* subject)
 {
   Discovery::setSubject(subject);
-  remoteData("RemoteDiscovery::setSubject")->m_subject = subject;
+  RemoteCollectionData* const data = remoteData("RemoteDiscovery::setSubject");
+  data->m_subject = subject;
+  data->m_recordSent = false;
 }
 
 void RemoteDiscovery::setAuthority(Authority* authority)
 {
   Discovery::setAuthority(authority);
-  remoteData("RemoteDiscovery::setAuthority")->m_authority = authority;
+  RemoteCollectionData* const data = remoteData("RemoteDiscovery::setAuthority");
+  data->m_authority = authority;
+  data->m_recordSent = false;
 }
 
 void RemoteDiscovery::setAttributes(CollectionAttributes* attributes)
 {
   Discovery::setAttributes(attributes);
-  remoteData("RemoteDiscovery::setAttributes")->m_attributes = attributes;
+  RemoteCollectionData* const data = remoteData("RemoteDiscovery::setAttributes");
+  data->m_attributes = attributes;
+  data->m_recordSent = false;
 }
 
 DiscoveryStatus RemoteDiscovery::open(OpenMode mode, char const* name)
@@ -136,6 +156,7 @@ RemoteDiscoveryIterator::RemoteDiscoveryIterator(AuthorityType const& type,
   if (m_failure.empty())
     return;
   m_records.clear();
+  m_held.clear();
   OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to fetch discoveries: " << m_failure);
 }
 
@@ -143,9 +164,8 @@ void RemoteDiscoveryIterator::fetch(Remote::DiscoveryIterator_ptr remote)
 {
   AutoReleaseIterator<Remote::DiscoveryIterator_var, Remote::DiscoveryIterator_ptr> iterator(
       Remote::DiscoveryIterator::_duplicate(remote));
-  DrainLimit const limit;
-  std::size_t bytes = 0;
-  for (std::size_t calls = 1;; ++calls)
+  DrainLimit const limit = DrainLimit::forAnswer();
+  for (std::size_t calls = 0;; ++calls)
   {
     if (getDiscoveryRepository().isShuttingDown())
     {
@@ -153,33 +173,51 @@ void RemoteDiscoveryIterator::fetch(Remote::DiscoveryIterator_ptr remote)
       m_failure = "shutting down";
       return;
     }
-    Remote::DiscoverySeq_var page = iterator->getNextPage();
-    if (page->length() == 0)
-      return;
-    for (CORBA::ULong i = 0; i < page->length(); ++i)
+    if (limit.exceeded(calls))
     {
-      Remote::Discovery const& record = page[i];
-      bytes += sizeof record + std::strlen(record.subject) + std::strlen(record.authority) +
-               std::strlen(record.sourceHost) + std::strlen(record.sourceServiceName);
-      m_records.push_back(std::make_unique<Remote::Discovery>(record));
-    }
-    if (m_records.size() > MAX_RECORDS)
-      m_failure = "more than " + std::to_string(MAX_RECORDS) + " discoveries";
-    else if (bytes > MAX_RECORD_BYTES)
-      m_failure = "more than " + std::to_string(MAX_RECORD_BYTES) + " bytes of discoveries";
-    else if (limit.exceeded(calls))
       m_failure = "the discoveries come too slowly";
-    if (!m_failure.empty())
+      return;
+    }
+    Remote::DiscoverySeq_var const page = iterator->getNextPage();
+    if (page->length() == 0 || !keep(page.in()))
       return;
   }
+}
+
+bool RemoteDiscoveryIterator::keep(Remote::DiscoverySeq const& page)
+{
+  std::size_t held = 0;
+  for (CORBA::ULong i = 0; i < page.length(); ++i)
+  {
+    m_bytes += sizeOf(page[i]);
+    held += heldSizeOf(page[i]);
+  }
+  if (m_records.size() + page.length() > MAX_RECORDS)
+    m_failure = "more than " + std::to_string(MAX_RECORDS) + " discoveries";
+  else if (m_bytes > MAX_RECORD_BYTES)
+    m_failure = "more than " + std::to_string(MAX_RECORD_BYTES) + " bytes of discoveries";
+  else if (!m_held.add(page.length(), held))
+    m_failure = "the answers of other hosts that are held for readers take too much";
+  if (!m_failure.empty())
+    return false;
+  for (CORBA::ULong i = 0; i < page.length(); ++i)
+    m_records.push_back(std::make_unique<Remote::Discovery>(page[i]));
+  return true;
+}
+
+std::unique_ptr<Remote::Discovery> RemoteDiscoveryIterator::takeFirst()
+{
+  std::unique_ptr<Remote::Discovery> record = std::move(m_records.front());
+  m_records.pop_front();
+  m_held.remove(1, heldSizeOf(*record));
+  return record;
 }
 
 Discovery* RemoteDiscoveryIterator::getNext()
 {
   while (!m_records.empty())
   {
-    std::unique_ptr<Remote::Discovery> record = std::move(m_records.front());
-    m_records.pop_front();
+    std::unique_ptr<Remote::Discovery> record = takeFirst();
     if (areUsableNames(record->subject, record->authority))
       return getRemoteDiscoveryDatabase().newDiscovery(record.release());
     OZF_LOG(getOzfLogger(), 1, SOURCE, "RemoteDiscoveryIterator::getNext",

@@ -7,6 +7,7 @@
 
 #include "discovery/DiscDB.h"
 #include "discovery/DiscData.h"
+#include "discovery/HeldRecords.h"
 #include "discovery/PayloadCache.h"
 #include "discovery/RemoteDBDrain.h"
 #include "ozf/orb/Corba.h"
@@ -104,7 +105,9 @@ public:
 
   // For reading: fetches the whole payload from the host that the record
   // names; name is the filter parameters text. An empty payload is a failure.
-  // For update: opens a writer on the master.
+  // For update: opens a writer on the master. One that is open already and has
+  // been given nothing is kept: only close ends a writer, and close stores. One
+  // that has been given something is left to its time-out on the master.
   int open(OpenMode mode, char const* name) override;
 
   // From what open fetched; -1 when that cannot be read any more.
@@ -120,6 +123,7 @@ private:
 
   bool openRead(char const* filter);
   bool openWrite();
+  bool hasFreshWriter() const;
   bool fetch(Remote::CollectionDataIterator_ptr iterator);
   bool keep(Remote::CollectionDataSeq& page); // empties it
   void fillRecord(Remote::Discovery& record) const;
@@ -133,6 +137,7 @@ private:
   Remote::RemoteWriter_var m_writer; // from openWrite to persist
   mutable DrainLimit m_putLimit;     // of m_writer; runs while calls are made
   mutable std::size_t m_puts = 0;
+  bool m_recordSent = false; // m_writer was opened for the record as it is
   bool m_cached = false;
   PayloadCache m_cache;
   mutable std::size_t m_position = 0;
@@ -162,7 +167,8 @@ private:
   RemoteCollectionData* remoteData(char const* operation) const;
 };
 
-// The discoveries behind a remote iterator, all fetched at construction.
+// The discoveries behind a remote iterator, all fetched at construction. All
+// these lists of the process share the bounds of HeldRecords.
 class TQ_EXPORT RemoteDiscoveryIterator : public virtual DiscoveryIterator
 {
 public:
@@ -187,9 +193,16 @@ public:
   // end of the service.
   bool raised() const noexcept { return m_raised; }
 
+  // What is left of the list takes so much memory, in bytes.
+  std::size_t heldBytes() const noexcept { return m_held.bytes(); }
+
 private:
   void fetch(Remote::DiscoveryIterator_ptr remote);
+  bool keep(Remote::DiscoverySeq const& page);
+  std::unique_ptr<Remote::Discovery> takeFirst();
 
+  HeldRecords m_held;      // what m_records takes
+  std::size_t m_bytes = 0; // of all that was fetched
   std::deque<std::unique_ptr<Remote::Discovery>> m_records;
   std::string m_failure;
   bool m_raised = false;

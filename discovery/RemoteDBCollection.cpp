@@ -56,6 +56,12 @@ void releaseRead(DataIterator& iterator)
   }
 }
 
+void logTooSlow(Remote::Discovery const& record)
+{
+  OZF_LOG(getOzfLogger(), 1, SOURCE, "RemoteCollectionData::openRead",
+          "Collection data from " << record.sourceHost.in() << " comes too slowly");
+}
+
 // Asks for pages of the configured size, when one is configured.
 void requestPageSize(Remote::CollectionDataIterator_ptr iterator)
 {
@@ -107,6 +113,12 @@ bool RemoteCollectionData::openRead(char const* filter)
   m_cached = false;
   m_position = 0;
   m_cache.clear();
+  // Before a deadline there may be several answers; this one would be too late.
+  if (ReadDeadline::passed())
+  {
+    logTooSlow(*m_discovery);
+    return false;
+  }
   try
   {
     OzfHostname host;
@@ -142,10 +154,10 @@ bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr remote)
 {
   constexpr char OPERATION[] = "RemoteCollectionData::openRead";
   DataIterator iterator(remote);
-  DrainLimit const limit;
+  DrainLimit const limit = DrainLimit::forAnswer();
   if (!getDiscoveryRepository().isShuttingDown())
     requestPageSize(remote);
-  for (std::size_t calls = 1;; ++calls)
+  for (std::size_t calls = 0;; ++calls)
   {
     if (getDiscoveryRepository().isShuttingDown())
     {
@@ -154,25 +166,24 @@ bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr remote)
               "Shutting down, gave up the collection data from " << m_discovery->sourceHost.in());
       return false;
     }
+    if (limit.exceeded(calls))
+    {
+      logTooSlow(*m_discovery);
+      return false;
+    }
     Remote::CollectionDataSeq_var page = iterator->getNextPage();
     if (page->length() == 0)
     {
-      if (calls == 1)
+      if (calls == 0)
         OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Collection data returned has no data");
       releaseRead(iterator);
-      return calls != 1;
+      return calls != 0;
     }
     if (m_cache.size() + page->length() > MAX_SIZE)
     {
       OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
               "Collection data from " << m_discovery->sourceHost.in() << " exceeds " << MAX_SIZE
                                       << " bytes");
-      return false;
-    }
-    if (limit.exceeded(calls))
-    {
-      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
-              "Collection data from " << m_discovery->sourceHost.in() << " comes too slowly");
       return false;
     }
     if (!keep(page.inout()))
@@ -220,6 +231,11 @@ void RemoteCollectionData::fillRecord(Remote::Discovery& record) const
   record.sourceServiceName = getDiscoveryRepository().getOrbServiceName().c_str();
 }
 
+bool RemoteCollectionData::hasFreshWriter() const
+{
+  return !CORBA::is_nil(m_writer.in()) && m_puts == 0 && m_recordSent && !m_writer->_non_existent();
+}
+
 bool RemoteCollectionData::openWrite()
 {
   constexpr char OPERATION[] = "RemoteCollectionData::openWrite";
@@ -232,6 +248,8 @@ bool RemoteCollectionData::openWrite()
       OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to connect to discovery service");
       return false;
     }
+    if (hasFreshWriter())
+      return true;
     Remote::Discovery record;
     fillRecord(record);
     if (guard.exceeded())
@@ -262,6 +280,7 @@ bool RemoteCollectionData::openWrite()
     m_putLimit = {};
     m_putLimit.pause();
     m_puts = 0;
+    m_recordSent = true;
     return true;
   }
   catch (CORBA::Exception const& exception)

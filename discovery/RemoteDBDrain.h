@@ -16,14 +16,21 @@ namespace Quillon::Tessarine::Ozf::DiscoverySvc
 // one answer, or send one payload. A peer that answers just before every
 // time-out would hold a thread fifteen times as long. After a minute the calls
 // must have taken less than two seconds on average, whatever they carried:
-// pages may be as small as eight bytes, and each costs a round trip.
+// pages may be as small as eight bytes, and each costs a round trip. That is
+// years for an answer of the greatest size, so an answer has a limit in all as
+// well.
 class TQ_EXPORT DrainLimit
 {
 public:
-  using Clock = std::chrono::steady_clock::time_point (*)();
+  using TimePoint = std::chrono::steady_clock::time_point;
+  using Clock = TimePoint (*)();
 
-  // Counts from now on.
+  // Counts from now on, without a limit in all.
   DrainLimit() : m_clock(s_clock), m_start(m_clock()) {}
+
+  // For an answer that may take as long as READ_LIMIT_SECONDS says, and no
+  // longer than the thread's ReadDeadline.
+  static DrainLimit forAnswer();
 
   // What passes between the two is not the peer's doing, and is not counted.
   void pause() { m_paused = m_clock(); }
@@ -34,8 +41,11 @@ public:
   {
     constexpr std::chrono::seconds GRACE(60);
     constexpr std::chrono::seconds FOR_A_CALL(2);
-    return m_clock() - m_start > GRACE + FOR_A_CALL * static_cast<std::int64_t>(calls);
+    TimePoint const now = m_clock();
+    return now - m_start > GRACE + FOR_A_CALL * static_cast<std::int64_t>(calls) || now > m_end;
   }
+
+  static TimePoint now() { return s_clock.load()(); }
 
   // For tests: the clock of those made from now on.
   static void setClock(Clock clock) noexcept { s_clock = clock; }
@@ -44,8 +54,28 @@ private:
   static inline std::atomic<Clock> s_clock{&std::chrono::steady_clock::now};
 
   Clock m_clock;
-  std::chrono::steady_clock::time_point m_start;
-  std::chrono::steady_clock::time_point m_paused;
+  TimePoint m_start;
+  TimePoint m_paused;
+  TimePoint m_end = TimePoint::max();
+};
+
+// While it lives, answers that its thread fetches from other hosts may take no
+// longer than that, all together; of nested ones the earliest end holds. A call
+// that is in progress by then ends by itself or by its time-out.
+class TQ_EXPORT ReadDeadline
+{
+public:
+  explicit ReadDeadline(std::chrono::seconds most);
+  ~ReadDeadline();
+  ReadDeadline(ReadDeadline const&) = delete;
+  ReadDeadline& operator=(ReadDeadline const&) = delete;
+
+  // Of the calling thread; the end of time when it has none.
+  static DrainLimit::TimePoint ofThread() noexcept;
+  static bool passed() { return DrainLimit::now() > ofThread(); }
+
+private:
+  DrainLimit::TimePoint m_before;
 };
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -67,6 +67,8 @@ constexpr KeyRule RULES[] = {
     {HOST_ADDRESS, Occurs::Once, isAddress, "an IPv4 or IPv6 address"},
     {"COLLECTION_PAGE_SIZE", Occurs::Once, isInteger<1, std::numeric_limits<std::int32_t>::max()>,
      "whole numbers from 1 to 2147483647"},
+    {"READ_LIMIT_SECONDS", Occurs::Once, isInteger<1, std::numeric_limits<std::int32_t>::max()>,
+     "whole numbers from 1 to 2147483647"},
 };
 
 KeyRule const* findRule(std::string_view key)

@@ -37,13 +37,20 @@ std::string keyOf(Sequence const& id)
 
 struct Entry
 {
-  explicit Entry(PortableServer::Servant taken) : servant(taken) { servant->_add_ref(); }
+  explicit Entry(PortableServer::Servant taken)
+      : servant(taken), cost(dynamic_cast<EvictionCost const*>(taken))
+  {
+    servant->_add_ref();
+  }
   ~Entry() { servant->_remove_ref(); }
   Entry(Entry const&) = delete;
   Entry& operator=(Entry const&) = delete;
 
+  bool isCostly() const { return cost != nullptr && cost->evictionCost() != 0; }
+
   PortableServer::Servant const servant;
-  bool timed = false; // a time-out was given
+  EvictionCost const* const cost; // null when it does not say
+  bool timed = false;             // a time-out was given
   std::chrono::microseconds timeout{0};
   TimePoint lastUse;
   long calls = 0; // in progress
@@ -74,6 +81,7 @@ public:
   bool start(std::string const& key, std::chrono::microseconds timeout);
   bool remove(std::string const& key, bool deactivate, bool destroy);
   void evictIdle();
+  bool dropCostlyIdleLongest();
   void shutdown();
   std::size_t size() const;
   void setClock(Clock clock);
@@ -81,8 +89,10 @@ public:
 private:
   ~Locator() override = default;
 
-  // Removes the entry idle longest; null when none is idle. Under the mutex.
-  EntryPtr takeIdleLongest();
+  // Removes the entry idle longest, of those that the condition holds for; null
+  // when there is none. Under the mutex.
+  template <class Condition>
+  EntryPtr takeIdleLongest(Condition const& condition);
 
   std::atomic<long> m_references{1};
   std::size_t const m_capacity;
@@ -115,14 +125,15 @@ void Evictor::Locator::postinvoke(PortableServer::ObjectId const&, PortableServe
   (*entry)->lastUse = m_clock();
 }
 
-EntryPtr Evictor::Locator::takeIdleLongest()
+template <class Condition>
+EntryPtr Evictor::Locator::takeIdleLongest(Condition const& condition)
 {
   auto oldest = m_entries.end();
   for (auto i = m_entries.begin(); i != m_entries.end(); ++i)
   {
     Entry const& entry = *i->second;
     if (entry.timed && entry.calls == 0 &&
-        (oldest == m_entries.end() || entry.lastUse < oldest->second->lastUse))
+        (oldest == m_entries.end() || entry.lastUse < oldest->second->lastUse) && condition(entry))
       oldest = i;
   }
   if (oldest == m_entries.end())
@@ -143,7 +154,7 @@ std::string Evictor::Locator::insert(PortableServer::Servant servant)
       throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
     if (m_capacity != 0 && m_entries.size() >= m_capacity)
     {
-      evicted = takeIdleLongest();
+      evicted = takeIdleLongest([](Entry const&) { return true; });
       if (!evicted)
         throw CORBA::NO_RESOURCES(0, CORBA::COMPLETED_NO);
     }
@@ -202,6 +213,14 @@ void Evictor::Locator::evictIdle()
   }
 }
 
+bool Evictor::Locator::dropCostlyIdleLongest()
+{
+  EntryPtr dropped;
+  std::lock_guard guard(m_mutex);
+  dropped = takeIdleLongest([](Entry const& entry) { return entry.isCostly(); });
+  return dropped != nullptr;
+}
+
 void Evictor::Locator::shutdown()
 {
   std::map<std::string, EntryPtr> dropped;
@@ -255,6 +274,8 @@ bool Evictor::removeObject(CORBA::OctetSeq const& objectId, bool deactivate, boo
 }
 
 void Evictor::evictIdle() { m_locator->evictIdle(); }
+
+bool Evictor::dropCostlyIdleLongest() { return m_locator->dropCostlyIdleLongest(); }
 
 void Evictor::shutdown() { m_locator->shutdown(); }
 

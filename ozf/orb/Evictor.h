@@ -22,6 +22,17 @@
 namespace Quillon::Tessarine::Ozf
 {
 
+// What a servant says besides that is worth being dropped early.
+class OZF_EXPORT EvictionCost
+{
+public:
+  virtual ~EvictionCost() = default;
+
+  // What it holds, 0 for nothing to speak of. Asked while no call is in
+  // progress on the servant, under the evictor's lock.
+  virtual std::size_t evictionCost() const noexcept = 0;
+};
+
 // All operations may be called from any thread, upcalls included; none waits
 // for a call in progress.
 class OZF_EXPORT Evictor
@@ -55,6 +66,10 @@ public:
 
   // Drops what has been idle for its time-out. The ORB calls it every second.
   void evictIdle();
+
+  // Drops the one idle longest of those that have a cost; false when there is
+  // none.
+  bool dropCostlyIdleLongest();
 
   // Drops everything; activate is refused from now on. Idempotent.
   void shutdown();

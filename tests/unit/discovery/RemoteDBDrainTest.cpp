@@ -135,6 +135,66 @@ TEST_F(RemoteDBSlowPeerTest, RecordsThatTakeThreeSecondsAPageAreCutOff)
   EXPECT_EQ(records->releases, 1);
 }
 
+// Two seconds a call would let it go on for years.
+TEST_F(RemoteDBSlowPeerTest, AnAnswerTakesAnHourInAllAtMost)
+{
+  auto* const data = serveData(std::vector<std::string>(5000, "8 bytes."));
+  data->beforePage = [] { TestClock::advance(milliseconds(1900)); };
+  auto const start = TestClock::read();
+  EXPECT_EQ(read(), DS_OPEN_FAILED);
+  EXPECT_LT(TestClock::read() - start, seconds(3602));
+  EXPECT_GT(TestClock::read() - start, seconds(3600));
+  EXPECT_TRUE(
+      m_log.has(1, RemoteOperations::OPEN_READ, "Collection data from localhost comes too slowly"))
+      << m_log.text();
+
+  auto* const records =
+      serveRecords(std::vector<std::vector<Remote::Discovery>>(5000, {makeRecord("s", "a")}));
+  records->beforePage = [] { TestClock::advance(milliseconds(1900)); };
+  EXPECT_EQ(query()->failure(), "the discoveries come too slowly");
+  EXPECT_LT(TestClock::read() - start, seconds(7204));
+}
+
+TEST_F(RemoteDBSlowPeerTest, TheConfigurationSaysHowLongAnAnswerMayTake)
+{
+  configure("READ_LIMIT_SECONDS = 20\n");
+  auto* const data = serveData(std::vector<std::string>(100, "8 bytes."));
+  data->beforePage = [] { TestClock::advance(seconds(1)); };
+  EXPECT_EQ(read(), DS_OPEN_FAILED);
+  EXPECT_EQ(data->pagesAsked, 21);
+}
+
+TEST_F(RemoteDBSlowPeerTest, AllAnswersBeforeTheThreadsDeadlineCountTogether)
+{
+  auto* const data = serveData(std::vector<std::string>(10, "8 bytes."));
+  data->beforePage = [] { TestClock::advance(seconds(1)); };
+  {
+    ReadDeadline const deadline(seconds(30));
+    EXPECT_EQ(read(), DS_SUCCESS) << m_log.text();
+    EXPECT_EQ(read(), DS_SUCCESS) << m_log.text();
+    {
+      ReadDeadline const longer(seconds(1000));
+      EXPECT_EQ(read(), DS_OPEN_FAILED) << "the earlier end holds";
+    }
+    EXPECT_EQ(data->pagesAsked, 31);
+    EXPECT_EQ(read(), DS_OPEN_FAILED);
+    EXPECT_EQ(data->pagesAsked, 31) << "it is not even asked";
+  }
+  EXPECT_EQ(read(), DS_SUCCESS) << m_log.text();
+}
+
+TEST_F(RemoteDBSlowPeerTest, OneRecordHoldsTheListOfClientsUpForAMinuteAtMost)
+{
+  serveRecords({{makeRecord("slow", "volume"), makeRecord("next", "volume")}});
+  auto* const data = serveData(std::vector<std::string>(200, std::string(8, ' ')));
+  data->beforePage = [] { TestClock::advance(milliseconds(1900)); };
+  auto const start = TestClock::read();
+  getDiscoveryRepository().getDiscoveredClientList();
+  // Both authorities have both records.
+  EXPECT_GT(TestClock::read() - start, seconds(60));
+  EXPECT_LT(TestClock::read() - start, 4 * seconds(62));
+}
+
 TEST_F(RemoteDBSlowPeerTest, ManyPiecesOverALongWayAreNoSlowMaster)
 {
   auto* const master = serveWriter();

@@ -106,6 +106,37 @@ TEST_F(RemoteDBPeerTest, AWriterOfAnotherInterfaceFailsTheFirstPiece)
       << m_log.text();
 }
 
+// Only close ends a writer, and close stores.
+TEST_F(RemoteDBPeerTest, OpeningForUpdateAgainKeepsAWriterThatHasBeenGivenNothing)
+{
+  serveWriter();
+  auto const discovery = writer();
+  ASSERT_EQ(discovery->open(OM_UPDATE, ""), DS_SUCCESS) << m_log.text();
+  ASSERT_EQ(discovery->open(OM_UPDATE, ""), DS_SUCCESS) << m_log.text();
+  EXPECT_EQ(m_service->written.size(), 1U) << "no first writer is left behind";
+  EXPECT_EQ(discovery->getCollectionData()->writeCollection(3, "abc"), 1);
+  EXPECT_EQ(discovery->persist(), DS_SUCCESS);
+}
+
+TEST_F(RemoteDBPeerTest, OpeningForUpdateAgainTakesANewWriterForAnotherRecordOrAWriterThatIsGone)
+{
+  auto* const first = serveWriter();
+  auto const discovery = writer();
+  ASSERT_EQ(discovery->open(OM_UPDATE, ""), DS_SUCCESS) << m_log.text();
+  discovery->setSubject(new Subject("another"));
+  ASSERT_EQ(discovery->open(OM_UPDATE, ""), DS_SUCCESS) << m_log.text();
+  ASSERT_EQ(m_service->written.size(), 2U);
+  EXPECT_STREQ(m_service->written.back().subject, "another");
+
+  vanish(m_service->writer);
+  auto* const second = serveWriter();
+  ASSERT_EQ(discovery->open(OM_UPDATE, ""), DS_SUCCESS) << m_log.text();
+  EXPECT_EQ(m_service->written.size(), 3U);
+  EXPECT_EQ(discovery->getCollectionData()->writeCollection(3, "abc"), 1);
+  EXPECT_TRUE(first->chunks.empty());
+  EXPECT_EQ(second->chunks.size(), 1U);
+}
+
 // Objects that go away.
 
 TEST_F(RemoteDBPeerTest, RecordsThatVanishAfterAPageAreAFailure)

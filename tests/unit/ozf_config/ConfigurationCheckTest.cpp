@@ -47,7 +47,8 @@ TEST_F(ConfigurationCheckTest, AcceptsEveryKeyOfTheProduct)
                     "ORB_BIND = fe80::1%eth0\n"
                     "HOST_ADDRESS.master.example.com = 127.0.0.1\n"
                     "HOST_ADDRESS.client1 = 127.0.0.2\n"
-                    "COLLECTION_PAGE_SIZE = 2147483647\n"),
+                    "COLLECTION_PAGE_SIZE = 2147483647\n"
+                    "READ_LIMIT_SECONDS = 60\n"),
               IsEmpty());
   EXPECT_THAT(check("LOG_FILE = stderr\n"), IsEmpty());
   EXPECT_THAT(check("LOG_FILE = syslog\n"), IsEmpty());
