@@ -36,6 +36,9 @@ public:
   // Whether this call was one too many when it began.
   bool exceeded() const noexcept { return m_position > LIMIT; }
 
+  // Whether there was no other call when this one began.
+  bool outermost() const noexcept { return m_position == 1; }
+
 private:
   LoopCounter& m_counter;
   int const m_position;

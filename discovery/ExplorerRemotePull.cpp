@@ -1,10 +1,15 @@
 #include "discovery/ExplorerRemotePull.h"
 
 #include "discovery/DiscoveryLog.h"
+#include "discovery/DiscoveryLoopGuard.h"
 #include "discovery/DiscoveryRepository.h"
 #include "discovery/RemoteDB.h"
+#include "ozf/orb/Peer.h"
+#include "ozf/orb/SelfConnection.h"
 
 #include <array>
+#include <atomic>
+#include <optional>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
@@ -15,6 +20,30 @@ namespace
 constexpr char SOURCE[] = "Explorer";
 constexpr char OPERATION[] = "RemotePullExplorer::collectionRequested";
 constexpr std::size_t BUFFER_SIZE = 1024;
+
+// Well below the time-out of the call for which a request waits: what comes
+// afterwards has to fit in as well.
+std::atomic<std::chrono::milliseconds::rep> patienceMilliseconds{10'000};
+
+std::chrono::milliseconds patienceForTurn()
+{
+  return std::chrono::milliseconds(patienceMilliseconds);
+}
+
+std::chrono::milliseconds patienceForThread() { return patienceForTurn() / 5; }
+
+CallPlaces& servedRequests()
+{
+  static CallPlaces places(RemoteExplorerPull::MOST_SERVED, RemoteExplorerPull::MOST_SERVED / 2);
+  return places;
+}
+
+// Calls of this process to itself come from a peer, too, when they go through a
+// socket.
+bool callsItself(Peer const* peer)
+{
+  return peer != nullptr && isConnectedWithItself(peer->address);
+}
 
 } // namespace
 
@@ -41,13 +70,36 @@ bool RemoteExplorerPull::collectionRequested(DiscoveryQuery query, Authority con
   // the same thread: the ORB makes calls to its own process there.
   static thread_local LoopCounter nested;
   LoopGuard const depth(nested);
-  LoopGuard const inProgress(m_inProgress);
-  if (depth.exceeded() || inProgress.exceeded())
+  if (depth.exceeded())
   {
-    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
-            "Hostname detected as remote and/or master, but appears to be connecting back to "
-            "self, RemoteHost: "
-                << m_host.exportNarrow());
+    logConnectingBack();
+    return false;
+  }
+  Peer const* const peer = currentPeer();
+  std::optional<CallPlace> served;
+  if (peer != nullptr && depth.outermost())
+  {
+    served.emplace(servedRequests(), patienceForThread());
+    if (!served->taken())
+    {
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+              "Refused a request of " << peer->address << " for data of " << m_host.exportNarrow()
+                                      << ": " << MOST_SERVED
+                                      << " requests wait for other hosts already");
+      return false;
+    }
+  }
+  // Whoever waits here in a circle waits for itself.
+  bool const circle = m_requests.full() && (!depth.outermost() || callsItself(peer));
+  CallPlace const turn(m_requests, circle ? std::chrono::milliseconds::zero() : patienceForTurn());
+  if (!turn.taken())
+  {
+    if (circle)
+      logConnectingBack();
+    else
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+              "Refused a request for data of " << m_host.exportNarrow() << ": " << MOST_REQUESTS
+                                               << " that it has not answered are in progress");
     return false;
   }
   try
@@ -61,6 +113,19 @@ bool RemoteExplorerPull::collectionRequested(DiscoveryQuery query, Authority con
         "Caught CORBA Exception while querying for discoveries: " << corbaExceptionText(exception));
   }
   return false;
+}
+
+void RemoteExplorerPull::setPatience(std::chrono::milliseconds patience) noexcept
+{
+  patienceMilliseconds = patience.count();
+}
+
+void RemoteExplorerPull::logConnectingBack() const
+{
+  OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+          "Hostname detected as remote and/or master, but appears to be connecting back to "
+          "self, RemoteHost: "
+              << m_host.exportNarrow());
 }
 
 bool RemoteExplorerPull::copyCollection(DiscoveryQuery query, Authority const& authority,

@@ -2,9 +2,11 @@
 
 #pragma once
 
-#include "discovery/DiscoveryLoopGuard.h"
+#include "discovery/CallPlaces.h"
 #include "discovery/Explorer.h"
 #include "ozf/base/OzfHostname.h"
+
+#include <chrono>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
@@ -14,8 +16,13 @@ namespace Quillon::Tessarine::Ozf::DiscoverySvc
 // blocks for several request time-outs at worst.
 //
 // The host that it names may turn out to be this one, or one that asks this one
-// in turn: then each request causes the next before it ends. More than 20 in
-// progress are taken for that, and refused.
+// in turn: then each request causes the next before it ends. At most 20 are in
+// progress. One more is refused at once when this process is found to call
+// itself; otherwise the host is only slow, and it waits a while for its turn.
+//
+// Requests for callers from the network are bounded in the process besides,
+// whatever host they are for: slow hosts must leave threads to those who ask
+// for nothing of them.
 class TQ_EXPORT RemoteExplorerPull : public virtual ExplorerPull
 {
 public:
@@ -41,7 +48,16 @@ public:
   AuthorityType getAuthorityType() const noexcept { return m_authorityType; }
   OzfHostname const& getHost() const noexcept { return m_host; }
 
+  // How many requests of one registration may be in progress.
+  static constexpr int MOST_REQUESTS = 20;
+  // How many for callers from the network may be in progress in the process.
+  static constexpr int MOST_SERVED = 100;
+
+  // For tests: how long a request waits for its turn.
+  static void setPatience(std::chrono::milliseconds patience) noexcept;
+
 private:
+  void logConnectingBack() const;
   bool copyCollection(DiscoveryQuery query, Authority const& authority, Subject const& subject,
                       char const* filterText, CollectionData& target) const;
 
@@ -50,7 +66,7 @@ private:
   OzfString m_registrationName2;
   AuthorityType m_authorityType;
   OzfHostname m_host;
-  LoopCounter m_inProgress;
+  CallPlaces m_requests{MOST_REQUESTS, MOST_REQUESTS};
 };
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -333,69 +333,103 @@ TEST_F(ExplorerRemotePullTest, ConcurrentRequestsAreIndependent)
   EXPECT_EQ(complete, 8) << m_log.text();
 }
 
-TEST_F(ExplorerRemotePullTest, TheTwentyFirstRequestAtOnceIsRefused)
+// Twenty requests of one registration that the host lets wait.
+class ExplorerRemotePullTurnsTest : public ExplorerRemotePullTest
 {
-  constexpr int LIMIT = 20;
-  std::mutex mutex;
-  std::condition_variable changed;
-  bool mayAnswer = false;
-  m_service->before = [&]
+protected:
+  static constexpr int LIMIT = RemoteExplorerPull::MOST_REQUESTS;
+  static constexpr char REFUSED[] =
+      "Refused a request for data of localhost: 20 that it has not answered are in progress";
+
+  void SetUp() override
   {
-    std::unique_lock guard(mutex);
-    changed.wait_for(guard, std::chrono::seconds(60), [&] { return mayAnswer; });
-  };
-  m_service->makeRecords = [this]
+    ExplorerRemotePullTest::SetUp();
+    m_service->before = [this]
+    {
+      std::unique_lock guard(m_mutex);
+      m_changed.wait_for(guard, std::chrono::seconds(60), [this] { return m_mayAnswer; });
+    };
+    m_service->makeRecords = [this]
+    {
+      auto* const servant = new RecordPages;
+      servant->pages = {{makeRecord()}};
+      return activate<Remote::DiscoveryIterator>(servant);
+    };
+    m_service->makeData = [this]
+    {
+      auto* const servant = new DataPages;
+      servant->pages = {"payload"};
+      return activate<Remote::CollectionDataIterator>(servant);
+    };
+    for (int i = 0; i < LIMIT; ++i)
+      start(*m_explorer);
+    EXPECT_TRUE(eventually([this] { return asked() == LIMIT; })) << m_log.text();
+    EXPECT_FALSE(hasText("Refused")) << m_log.text();
+  }
+  void TearDown() override
   {
-    auto* const servant = new RecordPages;
-    servant->pages = {{makeRecord()}};
-    return activate<Remote::DiscoveryIterator>(servant);
-  };
-  m_service->makeData = [this]
-  {
-    auto* const servant = new DataPages;
-    servant->pages = {"payload"};
-    return activate<Remote::CollectionDataIterator>(servant);
-  };
-  auto const requestOf = [](RemoteExplorerPull& explorer)
+    answer();
+    for (auto& thread : m_threads)
+      thread.join();
+    RemoteExplorerPull::setPatience(std::chrono::seconds(10));
+    ExplorerRemotePullTest::TearDown();
+  }
+
+  static bool requestOf(RemoteExplorerPull& explorer)
   {
     Target target;
     AutoDereference<OZFRefCounted> context;
     return explorer.collectionRequested(DQ_DISCOVERY_DATA, Authority("volume", AT_TQUCLIENT),
                                         Subject("hostA"), context, "", &target);
-  };
-  std::atomic<int> complete{0};
-  std::vector<std::thread> threads;
-  for (int i = 0; i < LIMIT; ++i)
-    threads.emplace_back([&] { complete += requestOf(*m_explorer) ? 1 : 0; });
-  auto const asked = [this]
+  }
+  void start(RemoteExplorerPull& explorer)
+  {
+    m_threads.emplace_back([this, &explorer] { m_complete += requestOf(explorer) ? 1 : 0; });
+  }
+  int asked()
   {
     std::lock_guard guard(m_service->mutex);
-    return m_service->queries.size();
-  };
-  EXPECT_TRUE(eventually([&] { return asked() == LIMIT; })) << m_log.text();
-  EXPECT_FALSE(hasText("Hostname detected")) << m_log.text();
-
-  EXPECT_FALSE(requestOf(*m_explorer));
-  EXPECT_EQ(1, m_log.count(1, REQUESTED,
-                           "Hostname detected as remote and/or master, but appears to be "
-                           "connecting back to self, RemoteHost: localhost"))
-      << m_log.text();
-  EXPECT_EQ(std::size_t(LIMIT), asked()) << "the host was not asked";
-
-  // Another registration has its own count.
-  AutoDereference<RemoteExplorerPull> const other(
-      new RemoteExplorerPull("DiscoveryService", "localhost", "name 3", "name 4", AT_EXTSRC));
-  threads.emplace_back([&] { complete += requestOf(*other) ? 1 : 0; });
-  EXPECT_TRUE(eventually([&] { return asked() == LIMIT + 1; })) << m_log.text();
-
-  {
-    std::lock_guard guard(mutex);
-    mayAnswer = true;
-    changed.notify_all();
+    return static_cast<int>(m_service->queries.size());
   }
-  for (auto& thread : threads)
-    thread.join();
-  EXPECT_EQ(LIMIT + 1, complete) << m_log.text();
+  void answer()
+  {
+    std::lock_guard guard(m_mutex);
+    m_mayAnswer = true;
+    m_changed.notify_all();
+  }
+
+  AutoDereference<RemoteExplorerPull> const m_other{
+      new RemoteExplorerPull("DiscoveryService", "localhost", "name 3", "name 4", AT_EXTSRC)};
+  std::mutex m_mutex;
+  std::condition_variable m_changed;
+  bool m_mayAnswer = false;
+  std::atomic<int> m_complete{0};
+  std::vector<std::thread> m_threads;
+};
+
+TEST_F(ExplorerRemotePullTurnsTest, OneMoreIsRefusedAfterAWaitWithALineOfItsOwn)
+{
+  RemoteExplorerPull::setPatience(std::chrono::milliseconds(200));
+  auto const start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(requestOf(*m_explorer));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
+  EXPECT_EQ(1, m_log.count(1, REQUESTED, REFUSED)) << m_log.text();
+  EXPECT_FALSE(hasText("Hostname detected")) << "nothing leads back to this host";
+  EXPECT_EQ(LIMIT, asked()) << "the host was not asked";
+
+  start(*m_other);
+  EXPECT_TRUE(eventually([this] { return asked() == LIMIT + 1; }))
+      << "another registration has turns of its own\n"
+      << m_log.text();
+}
+
+TEST_F(ExplorerRemotePullTurnsTest, OneMoreHasItsTurnWhenAnotherEndsInTime)
+{
+  RemoteExplorerPull::setPatience(std::chrono::seconds(60));
+  start(*m_explorer);
+  answer();
+  EXPECT_TRUE(eventually([this] { return m_complete == LIMIT + 1; })) << m_log.text();
+  EXPECT_FALSE(hasText("Refused")) << m_log.text();
   EXPECT_TRUE(requestOf(*m_explorer)) << "there is room again";
 }
 
