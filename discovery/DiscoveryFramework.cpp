@@ -4,6 +4,7 @@
 #include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryRepository.h"
 #include "discovery/DiscoveryService_i.h"
+#include "discovery/OpenWriters.h"
 #include "ozf/orb/Orb.h"
 #include "ozf/plugin/CurrentException.h"
 
@@ -82,6 +83,7 @@ void DiscoveryFramework::activate()
   // Nobody will call fini for an init that failed.
   auto const undo = [this]
   {
+    m_orb->setIdleTask({});
     m_orb->destroyObjectRef(m_served->reference);
     m_served.reset();
   };
@@ -92,6 +94,7 @@ void DiscoveryFramework::activate()
     m_served->servant = new Remote::DiscoveryService_i;
     m_served->reference = m_orb->activateObject(m_served->servant.in());
     getDiscoveryDBDatabase()->init(m_name);
+    m_orb->setIdleTask([] { Remote::getOpenWriters().dropIdle(); });
     m_orb->advertiseObject("DiscoveryService", m_served->reference);
     getDiscoveryRepository().loadExplorers();
   }
@@ -127,6 +130,8 @@ void DiscoveryFramework::shutdown()
               m_served->reference = CORBA::Object::_nil();
               m_served->servant = nullptr;
             });
+  if (m_served)
+    m_orb->setIdleTask({});
   if (m_orb != nullptr && m_orb->isEvictorEnabled())
     attempt(OPERATION, [this] { m_orb->getEvictor().shutdown(); });
   if (m_served)
@@ -138,6 +143,8 @@ void DiscoveryFramework::shutdown()
               // must not meet the destruction of the POA.
               PortableServer::POAManager_var const manager = m_served->rootPOA->the_POAManager();
               manager->deactivate(true, true);
+              // No call is in progress any more, and no new one comes.
+              Remote::getOpenWriters().dropAll();
             });
   getDiscoveryRepository().shutdown();
 }

@@ -120,8 +120,8 @@ int DiscoveryRepository::DiscoveryTimerBase::handle_timeout(ACE_Time_Value const
 
 // ---- the push timer ----
 
-DiscoveryRepository::ExplorerPushTimer::ExplorerPushTimer(DiscoveryRepository& repository,
-                                                          Snapshot explorers)
+DiscoveryRepository::ExplorerPushTimer::ExplorerPushTimer(
+    DiscoveryRepository& repository, std::shared_ptr<ExplorerSet const> explorers)
     : m_repository(repository), m_explorers(std::move(explorers)), m_period(PUSH_PERIOD)
 {
 }

@@ -48,7 +48,7 @@ private:
 class TQ_EXPORT DiscoveryRepository::ExplorerPushTimer : public virtual DiscoveryTimerBase
 {
 public:
-  ExplorerPushTimer(DiscoveryRepository& repository, Snapshot explorers);
+  ExplorerPushTimer(DiscoveryRepository& repository, std::shared_ptr<ExplorerSet const> explorers);
 
   // Moves the next firing to the delay, as triggerPushTimer says; false when it
   // is left where it is.
@@ -66,7 +66,7 @@ private:
   static inline std::atomic<Clock> s_clock{&std::chrono::steady_clock::now};
 
   DiscoveryRepository& m_repository;
-  Snapshot m_explorers;
+  std::shared_ptr<ExplorerSet const> m_explorers;
   ACE_Time_Value m_period;
 
   // Guarded by the timer's lock.

@@ -6,6 +6,7 @@
 #include "discovery/DiscoveryService_iIterators.h"
 #include "discovery/DiscoveryService_iWriter.h"
 #include "discovery/ExplorerRemotePull.h"
+#include "discovery/OpenWriters.h"
 #include "ozf/orb/Orb.h"
 #include "ozf/orb/OrbService.h"
 
@@ -27,7 +28,7 @@ constexpr char SOURCE[] = "DiscoveryService_i";
 bool isUsablePattern(std::string_view name) { return name.size() <= MAX_WIRE_NAME; }
 
 // The name of a host or of a service on it.
-bool isUsablePlace(std::string_view name) { return !name.empty() && isUsablePattern(name); }
+bool isUsablePlace(std::string_view name) { return !name.empty() && name.size() <= MAX_KEPT_NAME; }
 
 // What keeps a registration out, and what can be done about it.
 std::string describeStanding(DiscoveryRepository::Registration const& registration)
@@ -201,12 +202,21 @@ DiscoveryResult DiscoveryService_i::putCollection(Discovery const& record, Remot
   constexpr char const* OPERATION = "DiscoveryService_i::putCollection";
   writer = RemoteWriter::_nil();
   DiscoveryResult result{DS_OPEN_FAILED, 0};
-  if (!areUsableNames(record.subject.in(), record.authority.in()))
+  if (!areKeepableNames(record.subject.in(), record.authority.in()))
   {
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
             "Refused a discovery: its subject or authority is empty or too long");
     return result;
   }
+  if (!isUsablePattern(record.sourceHost.in()) || !isUsablePattern(record.sourceServiceName.in()))
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Refused a discovery: the name of its source host or service is too long");
+    return result;
+  }
+  auto const place = getOpenWriters().reserve(currentPeer());
+  if (!place)
+    return result;
 
   CORBA::Object_var reference;
   try
@@ -219,6 +229,7 @@ DiscoveryResult DiscoveryService_i::putCollection(Discovery const& record, Remot
       reference = getDiscoveryRepository().getOrb()->activateObject(servant);
       servant->setReference(reference);
       writer = RemoteWriter::_narrow(reference);
+      place->take(*servant, reference);
     }
   }
   catch (CORBA::Exception const& exception)
@@ -240,7 +251,7 @@ void DiscoveryService_i::registerExplorer(char const* sourceHost, char const* so
 {
   constexpr char const* OPERATION = "DiscoveryService_i::registerExplorer";
   if (!isUsablePlace(sourceHost) || !isUsablePlace(sourceServiceName) ||
-      !areUsableNames(subject, authority))
+      !areKeepableNames(subject, authority))
   {
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
             "Refused the registration of an explorer: a name is empty or too long");

@@ -2,8 +2,9 @@
 // short-lived servants to the evictor.
 //
 // What comes from the network is checked before it is used: names that are
-// empty where one is needed, or longer than MAX_WIRE_NAME bytes, are answered with
-// a status, a query with COMM_FAILURE, and a registration is dropped with a line.
+// empty where one is needed, or longer than MAX_WIRE_NAME bytes (MAX_KEPT_NAME,
+// where they are to be kept), are answered with a status, a query with
+// COMM_FAILURE, and a registration is dropped with a line.
 
 #pragma once
 

@@ -48,12 +48,14 @@ DiscoveryIterator_i::DiscoveryIterator_i(
 
 CORBA::Long DiscoveryIterator_i::pageSize()
 {
+  requireOwner("DiscoveryIterator_i::pageSize");
   std::lock_guard const guard(oneCaller());
   return m_pageSize;
 }
 
 void DiscoveryIterator_i::pageSize(CORBA::Long size)
 {
+  requireOwner("DiscoveryIterator_i::pageSize");
   std::lock_guard const guard(oneCaller());
   m_pageSize = size;
 }
@@ -61,6 +63,7 @@ void DiscoveryIterator_i::pageSize(CORBA::Long size)
 DiscoverySeq* DiscoveryIterator_i::getNextPage()
 {
   constexpr char const* OPERATION = "DiscoveryIterator_i::getNextPage";
+  requireOwner(OPERATION);
   std::lock_guard const guard(oneCaller());
   OZF_ASSERT(m_discoveryIterator, "NULL != m_discoveryIterator", SOURCE, OPERATION);
   auto const preallocated = std::clamp<CORBA::Long>(m_pageSize, 0, MAX_PREALLOCATED);
@@ -99,6 +102,7 @@ DiscoverySeq* DiscoveryIterator_i::getNextPage()
 void DiscoveryIterator_i::release()
 {
   constexpr char const* OPERATION = "DiscoveryIterator_i::release";
+  requireOwner(OPERATION);
   std::lock_guard const guard(oneCaller());
   OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION, "releasing discovery iterator");
   removeFromEvictor(objectId(), *getDiscoveryRepository().getOrb());
@@ -125,12 +129,14 @@ CollectionDataIterator_i::CollectionDataIterator_i(
 
 CORBA::Long CollectionDataIterator_i::pageSize()
 {
+  requireOwner("CollectionDataIterator_i::pageSize");
   std::lock_guard const guard(oneCaller());
   return m_pageSize;
 }
 
 void CollectionDataIterator_i::pageSize(CORBA::Long size)
 {
+  requireOwner("CollectionDataIterator_i::pageSize");
   std::lock_guard const guard(oneCaller());
   m_pageSize = size;
 }
@@ -147,6 +153,7 @@ bool CollectionDataIterator_i::open(char const* filter)
 CollectionDataSeq* CollectionDataIterator_i::getNextPage()
 {
   constexpr char const* OPERATION = "CollectionDataIterator_i::getNextPage";
+  requireOwner(OPERATION);
   std::lock_guard const guard(oneCaller());
   if (m_readFailed)
     throw CORBA::PERSIST_STORE(0, CORBA::COMPLETED_NO);
@@ -174,6 +181,7 @@ CollectionDataSeq* CollectionDataIterator_i::getNextPage()
 void CollectionDataIterator_i::release()
 {
   constexpr char const* OPERATION = "CollectionDataIterator_i::release";
+  requireOwner(OPERATION);
   std::lock_guard const guard(oneCaller());
   OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION, "Releasing collection data iterator");
   removeFromEvictor(objectId(), *getDiscoveryRepository().getOrb());

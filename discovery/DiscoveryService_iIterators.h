@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include "discovery/CallOwner.h"
 #include "discovery/DiscData.h"
 #include "discovery/Export.h"
 #include "ozf/orb/Corba.h"
@@ -19,7 +20,8 @@ namespace Quillon::Tessarine::Ozf::DiscoverySvc::Remote
 // size comes from the network. A short page is not the end, so nothing is lost.
 inline constexpr long MAX_PAGE_BYTES = 1L << 20;
 
-// A servant that the evictor may drop; knows its object id.
+// A servant that the evictor may drop; knows its object id. No peer may call it
+// but the one in whose call it was made (NO_PERMISSION).
 template <class Skeleton, class Interface>
 class EvictableServant : public Skeleton
 {
@@ -34,8 +36,11 @@ protected:
   // network does not have to keep to it.
   std::mutex& oneCaller() noexcept { return m_oneCaller; }
 
+  void requireOwner(char const* operation) { m_owner.require(operation); }
+
 private:
   CORBA::OctetSeq_var m_objectId;
+  CallOwner m_owner;
   std::mutex m_oneCaller;
 };
 

@@ -2,6 +2,7 @@
 
 #include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryRepository.h"
+#include "discovery/OpenWriters.h"
 #include "discovery/RemoteDB.h"
 #include "discovery/RemoteDBWire.h"
 #include "ozf/orb/Orb.h"
@@ -13,8 +14,23 @@ namespace Quillon::Tessarine::Ozf::DiscoverySvc::Remote
 
 namespace
 {
+
 constexpr char SOURCE[] = "DiscoveryService_i";
+
+Discovery withoutSource(Discovery const& record)
+{
+  Discovery copy;
+  copy.queryType = record.queryType;
+  copy.subject = record.subject;
+  copy.authority = record.authority;
+  copy.authType = record.authType;
+  copy.attributes = record.attributes;
+  copy.sourceHost = "";
+  copy.sourceServiceName = "";
+  return copy;
 }
+
+} // namespace
 
 RemoteWriter_i::RemoteWriter_i(Discovery const& record)
     : RemoteWriter_i(record, RemoteCollectionData::MAX_SIZE)
@@ -22,7 +38,7 @@ RemoteWriter_i::RemoteWriter_i(Discovery const& record)
 }
 
 RemoteWriter_i::RemoteWriter_i(Discovery const& record, std::size_t mostBytes)
-    : m_mostBytes(mostBytes), m_record(record)
+    : m_mostBytes(mostBytes), m_record(withoutSource(record))
 {
 }
 
@@ -53,7 +69,32 @@ void RemoteWriter_i::requireNotClosed() const
     throw CORBA::OBJECT_NOT_EXIST(0, CORBA::COMPLETED_NO);
 }
 
+std::string RemoteWriter_i::names() const
+{
+  return "subject " + std::string(m_record.subject) + " & authority " +
+         std::string(m_record.authority);
+}
+
+void RemoteWriter_i::abandon()
+{
+  std::lock_guard const guard(m_oneCaller);
+  m_closed = true;
+  m_discovery.reset();
+}
+
 CORBA::Boolean RemoteWriter_i::put(CollectionDataSeq const& data)
+{
+  m_owner.require("RemoteWriter_i::put");
+  bool const written = append(data);
+  // The writer is not locked any more: others may have to give way to it.
+  if (written)
+    getOpenWriters().notePut(*this);
+  else
+    getOpenWriters().noteFailed(*this);
+  return written;
+}
+
+bool RemoteWriter_i::append(CollectionDataSeq const& data)
 {
   constexpr char const* OPERATION = "RemoteWriter_i::put";
   std::lock_guard const guard(m_oneCaller);
@@ -64,9 +105,7 @@ CORBA::Boolean RemoteWriter_i::put(CollectionDataSeq const& data)
   m_incomplete = true;
   if (data.length() > m_mostBytes - m_bytes)
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
-            "Refused a payload of more than " << m_mostBytes << " bytes, subject "
-                                              << m_record.subject.in() << " & authority "
-                                              << m_record.authority.in());
+            "Refused a payload of more than " << m_mostBytes << " bytes, " << names());
   else if (m_discovery->getCollectionData()->writeCollection(data.length(), data.get_buffer()) != 0)
   {
     m_bytes += data.length();
@@ -82,14 +121,15 @@ CORBA::Boolean RemoteWriter_i::put(CollectionDataSeq const& data)
 DiscoveryResult RemoteWriter_i::close()
 {
   constexpr char const* OPERATION = "RemoteWriter_i::close";
+  m_owner.require(OPERATION);
   std::lock_guard const guard(m_oneCaller);
   requireNotClosed();
   OZF_ASSERT(m_discovery || m_incomplete, "NULL != m_discovery", SOURCE, OPERATION);
+  getOpenWriters().remove(*this);
   DiscoveryResult result{DS_OPEN_FAILED, 0};
   if (m_incomplete)
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
-            "Abandoned a discovery of which a part could not be written, subject "
-                << m_record.subject.in() << " & authority " << m_record.authority.in());
+            "Abandoned a discovery of which a part could not be written, " << names());
   else
     result.discStatus = m_discovery->persist();
   getDiscoveryRepository().getOrb()->destroyObjectRef(m_reference);

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include "discovery/CallOwner.h"
 #include "discovery/DiscData.h"
 #include "discovery/Export.h"
 #include "ozf/orb/Corba.h"
@@ -10,6 +11,7 @@
 
 #include <cstddef>
 #include <mutex>
+#include <string>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
@@ -19,14 +21,16 @@ class DiscoveryRepository;
 namespace Quillon::Tessarine::Ozf::DiscoverySvc::Remote
 {
 
-// Lives from putCollection to close. What is written becomes visible only at
-// close; a writer that is never closed stays until the service stops, and its
-// discovery is never stored. Used by one caller at a time.
+// Lives from putCollection to close, or until OpenWriters lets it go. What is
+// written becomes visible only at close; the discovery of a writer that is never
+// closed is never stored. Used by one caller at a time, and by no other peer
+// than the one that opened it (NO_PERMISSION).
 class TQ_EXPORT RemoteWriter_i
     : public POA_Quillon::Tessarine::Ozf::DiscoverySvc::Remote::RemoteWriter
 {
 public:
-  // Copies the record.
+  // Copies the record, but for the names of its source: nothing needs them, and
+  // they may be as long as a message.
   explicit RemoteWriter_i(Discovery const& record);
   RemoteWriter_i(Discovery const& record, std::size_t mostBytes);
 
@@ -44,6 +48,13 @@ public:
   // Creates the discovery and opens it for update.
   virtual DiscoveryResult open();
 
+  // Lets the discovery go; every later call meets OBJECT_NOT_EXIST. Waits for a
+  // call in progress.
+  void abandon();
+
+  // Subject and authority, for log lines.
+  std::string names() const;
+
   // The writer's own reference, which close destroys; adds a reference.
   void setReference(CORBA::Object_ptr reference);
 
@@ -51,6 +62,9 @@ private:
   // The ORB may let a call through that arrives while close is still ending.
   void requireNotClosed() const;
 
+  bool append(CollectionDataSeq const& data);
+
+  CallOwner m_owner;
   std::mutex m_oneCaller; // callers on the network need not keep to it
   CORBA::Object_var m_reference;
   std::size_t const m_mostBytes;

@@ -68,6 +68,12 @@ CollectionAttributes* fromWire(Remote::CollAttributes const& wire)
       fromWireSeconds(wire.timeToLive), static_cast<ExplorerPriority>(wire.priority));
 }
 
+bool areKeepableNames(char const* subject, char const* authority)
+{
+  return areUsableNames(subject, authority) && Subject(subject).getName().size() <= MAX_KEPT_NAME &&
+         Authority(authority, AT_TQUCLIENT).getName().size() <= MAX_KEPT_NAME;
+}
+
 bool areUsableNames(char const* subject, char const* authority)
 {
   if (!isUsableLength(subject) || !isUsableLength(authority))

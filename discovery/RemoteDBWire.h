@@ -27,4 +27,13 @@ inline constexpr std::size_t MAX_WIRE_NAME = 4096;
 // from another host: neither null, empty nor over-long.
 TQ_EXPORT bool areUsableNames(char const* subject, char const* authority);
 
+// The longest name, as shown, of a record that is taken in to be kept. Whoever
+// lists all of them takes no more than RemoteDiscoveryIterator::MAX_RECORD_BYTES,
+// and lists each registration twice, the explorer and its record in the cache:
+// with longer names few peers could make the list unreadable for all.
+inline constexpr std::size_t MAX_KEPT_NAME = 1024;
+
+// Whether the names are usable and short enough to be kept.
+TQ_EXPORT bool areKeepableNames(char const* subject, char const* authority);
+
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -153,6 +153,7 @@ omni::giopConnection* Endpoint::takeIn(omni::giopConnection* inner) const
     logRefusedConnection(inner->peeraddress(), "its address has too many");
     return nullptr;
   }
+  peer.front().reached = addressIn(inner->myaddress());
   try
   {
     return new Connection(inner, tcp->handle(), peer, m_watcher);

@@ -111,6 +111,7 @@ struct Orb::State
   }
 
   void evictionLoop();
+  void dropIdle();
   void destroyRoot() noexcept;
 
   std::string const name;
@@ -134,7 +135,17 @@ struct Orb::State
   std::condition_variable stopped;
   bool stopping = false;
   std::thread evictionThread;
+  std::mutex idleTaskMutex; // held during a call of the task
+  std::function<void()> idleTask;
 };
+
+void Orb::State::dropIdle()
+{
+  evictor->evictIdle();
+  std::lock_guard guard(idleTaskMutex);
+  if (idleTask)
+    idleTask();
+}
 
 void Orb::State::evictionLoop()
 {
@@ -144,7 +155,7 @@ void Orb::State::evictionLoop()
     lock.unlock();
     try
     {
-      evictor->evictIdle();
+      dropIdle();
     }
     catch (std::exception const& exception)
     {
@@ -370,6 +381,12 @@ CORBA::Object_ptr Orb::resolveObject(OzfHostname const& host, char const* servic
   if (timeout != ACE_Time_Value::zero)
     omniORB::setClientCallTimeout(object, milliseconds(timeout));
   return object._retn();
+}
+
+void Orb::setIdleTask(std::function<void()> task)
+{
+  std::lock_guard guard(m_state->idleTaskMutex);
+  m_state->idleTask = std::move(task);
 }
 
 bool Orb::isEvictorEnabled() const noexcept { return m_state->evicting; }

@@ -16,6 +16,7 @@
 #include <ace/Time_Value.h>
 #include <ace/Timer_Queuefwd.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -118,6 +119,12 @@ public:
   // raises.
   CORBA::Object_ptr resolveObject(OzfHostname const& host, char const* service, char const* name,
                                   ACE_Time_Value const& timeout);
+
+  // What is called about every second while the Orb runs with an evictor, on the
+  // thread that drops idle objects: it must be brief. What it throws is logged.
+  // Replaces the one before; an empty one takes it away. Waits for a call of it
+  // that is in progress, so not within one.
+  void setIdleTask(std::function<void()> task);
 
   bool isEvictorEnabled() const noexcept;
   Evictor& getEvictor();                    // only when enabled and after init

@@ -23,6 +23,7 @@ struct Peer
 {
   std::string address; // numeric, without the port: "192.0.2.7", "2001:db8::1"
   ConnectionNumber connection = 0;
+  std::string reached; // the address of this host that it calls, in the same form
 };
 
 // The peer whose call the calling thread serves. Null outside of calls from the

@@ -288,6 +288,32 @@ TEST_F(DiscoveryService_iTest, EmptyAndOverlongNamesAreNotStored)
   EXPECT_EQ(svc::DS_OPEN_FAILED, put(Service::record(tooLong.c_str(), "a"), {}));
 }
 
+TEST_F(DiscoveryService_iTest, NamesTooLongToBeListedAreNeitherStoredNorRegistered)
+{
+  std::string const tooLong(svc::MAX_KEPT_NAME + 1, 'x');
+  EXPECT_EQ(svc::DS_OPEN_FAILED, put(Service::record(tooLong.c_str(), "a"), {}));
+  EXPECT_EQ(svc::DS_OPEN_FAILED, put(Service::record("s", tooLong.c_str()), {}));
+  service->registerExplorer("h", "f", tooLong.c_str(), "a", svc::AT_TQUCLIENT, 7);
+  service->registerExplorer("h", "f", "s", tooLong.c_str(), svc::AT_TQUCLIENT, 7);
+  service->registerExplorer(tooLong.c_str(), "f", "s", "a", svc::AT_TQUCLIENT, 7);
+  service->registerExplorer("h", tooLong.c_str(), "s", "a", svc::AT_TQUCLIENT, 7);
+  EXPECT_TRUE(svc::getDiscoveryRepository().getPullExplorers()->empty());
+}
+
+TEST_F(DiscoveryService_iTest, ARecordWhoseSourceHasAnOverlongNameIsNotStored)
+{
+  std::string const tooLong(svc::MAX_WIRE_NAME + 1, 'x');
+  for (int which = 0; which < 2; ++which)
+  {
+    Remote::Discovery record = Service::record("s", "a");
+    (which == 0 ? record.sourceHost : record.sourceServiceName) = tooLong.c_str();
+    EXPECT_EQ(svc::DS_OPEN_FAILED, put(record, {}));
+  }
+  EXPECT_EQ(2, log.count(1, "DiscoveryService_i::putCollection",
+                         "Refused a discovery: the name of its source host or service is too long"))
+      << log.text();
+}
+
 TEST_F(DiscoveryService_iTest, NamesOfEveryKindCanBeWrittenAndReadBack)
 {
   for (std::string const& name :

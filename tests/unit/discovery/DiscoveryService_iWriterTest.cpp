@@ -8,6 +8,8 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <deque>
+#include <malloc.h>
 #include <sys/resource.h>
 
 using namespace tqtest;
@@ -138,7 +140,20 @@ TEST_F(DiscoveryService_iWriterTest, APayloadBeyondTheBoundIsRefused)
   EXPECT_FALSE(std::filesystem::exists(host.database() + "/2 a s.xml"));
 }
 
-TEST_F(DiscoveryService_iWriterTest, AWriterMayRestAsLongAsItLikes)
+// The names of a record's source may be as long as a message.
+TEST_F(DiscoveryService_iWriterTest, AWriterDoesNotKeepTheNamesOfTheRecordsSource)
+{
+  Remote::Discovery record = Service::record("s", "a");
+  record.sourceHost = std::string(1 << 20, 'h').c_str();
+  record.sourceServiceName = std::string(1 << 20, 's').c_str();
+  std::deque<PortableServer::ServantBase_var> writers;
+  std::size_t const before = mallinfo2().uordblks + mallinfo2().hblkhd;
+  for (int i = 0; i < 8; ++i)
+    writers.emplace_back(new Remote::RemoteWriter_i(record));
+  EXPECT_LT(mallinfo2().uordblks + mallinfo2().hblkhd, before + (1 << 20));
+}
+
+TEST_F(DiscoveryService_iWriterTest, TheEvictorLeavesWritersAlone)
 {
   auto now = std::make_shared<std::chrono::steady_clock::time_point>();
   Evictor& evictor = host.orb().getEvictor();

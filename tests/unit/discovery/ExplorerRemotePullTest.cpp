@@ -410,9 +410,9 @@ protected:
 TEST_F(ExplorerRemotePullTurnsTest, OneMoreIsRefusedAfterAWaitWithALineOfItsOwn)
 {
   RemoteExplorerPull::setPatience(std::chrono::milliseconds(200));
-  auto const start = std::chrono::steady_clock::now();
+  auto const asking = std::chrono::steady_clock::now();
   EXPECT_FALSE(requestOf(*m_explorer));
-  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
+  EXPECT_GE(std::chrono::steady_clock::now() - asking, std::chrono::milliseconds(200));
   EXPECT_EQ(1, m_log.count(1, REQUESTED, REFUSED)) << m_log.text();
   EXPECT_FALSE(hasText("Hostname detected")) << "nothing leads back to this host";
   EXPECT_EQ(LIMIT, asked()) << "the host was not asked";

@@ -1,5 +1,8 @@
 #include "discovery/RemoteDBWire.h"
 
+#include "discovery/DiscoveryRepository.h"
+#include "discovery/RemoteDB.h"
+
 #include <gtest/gtest.h>
 
 #include <limits>
@@ -140,6 +143,27 @@ TEST_F(RemoteDBWireTest, NamesMustBeThereAndOfBoundedLength)
   EXPECT_FALSE(areUsableNames("host", nullptr));
   EXPECT_FALSE(areUsableNames(tooLong.c_str(), "volume"));
   EXPECT_FALSE(areUsableNames("host", tooLong.c_str()));
+}
+
+TEST_F(RemoteDBWireTest, NamesThatAreKeptMustBeShorterAsTheyAreShown)
+{
+  std::string const longest(MAX_KEPT_NAME, 'x');
+  std::string const tooLong(MAX_KEPT_NAME + 1, 'x');
+  std::string const longWhenShown(MAX_KEPT_NAME / 2, '\x01'); // three bytes each
+  EXPECT_TRUE(areKeepableNames(longest.c_str(), longest.c_str()));
+  EXPECT_FALSE(areKeepableNames(tooLong.c_str(), "a"));
+  EXPECT_FALSE(areKeepableNames("s", tooLong.c_str()));
+  EXPECT_FALSE(areKeepableNames(longWhenShown.c_str(), "a"));
+  EXPECT_FALSE(areKeepableNames("", "a"));
+}
+
+// Each of them is listed twice, as an explorer and from the cache; 100 bytes are
+// more than the rest of a record takes.
+TEST_F(RemoteDBWireTest, AllRegistrationsOfTheLongestNamesFitIntoOneAnswer)
+{
+  constexpr std::size_t RECORD = sizeof(Remote::Discovery) + 2 * MAX_KEPT_NAME + 100;
+  EXPECT_LT(2 * DiscoveryRepository::MAX_PULL_REGISTRATIONS * RECORD,
+            RemoteDiscoveryIterator::MAX_RECORD_BYTES);
 }
 
 TEST_F(RemoteDBWireTest, EveryUsableNameMakesASubjectAndAnAuthority)

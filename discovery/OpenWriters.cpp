@@ -1,0 +1,200 @@
+#include "discovery/OpenWriters.h"
+
+#include "discovery/DiscoveryLog.h"
+#include "discovery/DiscoveryRepository.h"
+#include "discovery/DiscoveryService_iWriter.h"
+#include "ozf/orb/Orb.h"
+
+#include <algorithm>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc::Remote
+{
+
+namespace
+{
+
+constexpr char SOURCE[] = "DiscoveryService_i";
+constexpr char RESERVE[] = "OpenWriters::reserve";
+constexpr char DROP_IDLE[] = "OpenWriters::dropIdle";
+
+std::string nameOf(Peer const& peer)
+{
+  return peer.address.empty() ? "this service" : peer.address;
+}
+
+} // namespace
+
+OpenWriters& getOpenWriters()
+{
+  // Never destroyed: calls may end after the statics of the process.
+  static OpenWriters& all = *new OpenWriters;
+  return all;
+}
+
+// ---- places ----
+
+OpenWriters::Place::~Place()
+{
+  if (m_taken)
+    return;
+  std::lock_guard const guard(m_all.m_mutex);
+  m_all.m_entries.erase(m_entry);
+}
+
+void OpenWriters::Place::take(RemoteWriter_i& writer, CORBA::Object_ptr reference)
+{
+  std::lock_guard const guard(m_all.m_mutex);
+  writer._add_ref();
+  m_entry->writer = &writer;
+  m_entry->keeper = &writer;
+  m_entry->reference = CORBA::Object::_duplicate(reference);
+  m_entry->lastPut = m_all.m_clock();
+  m_taken = true;
+}
+
+std::unique_ptr<OpenWriters::Place> OpenWriters::reserve(Peer const* peer)
+{
+  Peer const opener = peer == nullptr ? Peer() : *peer;
+  std::size_t all = 0;
+  std::size_t ofPeer = 0;
+  {
+    std::lock_guard const guard(m_mutex);
+    all = m_entries.size();
+    if (peer != nullptr)
+      ofPeer = static_cast<std::size_t>(std::count_if(
+          m_entries.begin(), m_entries.end(),
+          [&](Entry const& entry) { return entry.opener.address == opener.address; }));
+    if (all < MOST && ofPeer < MOST_OF_A_PEER)
+    {
+      Entry& entry = m_entries.emplace_back();
+      entry.opener = opener;
+      return std::unique_ptr<Place>(new Place(*this, std::prev(m_entries.end())));
+    }
+  }
+  if (ofPeer >= MOST_OF_A_PEER)
+    OZF_LOG(getOzfLogger(), 1, SOURCE, RESERVE,
+            "Refused a discovery of " << nameOf(opener) << ": it has " << ofPeer
+                                      << " writers open already");
+  else
+    OZF_LOG(getOzfLogger(), 1, SOURCE, RESERVE,
+            "Refused a discovery of " << nameOf(opener) << ": " << all
+                                      << " writers are open already");
+  return {};
+}
+
+// ---- what becomes of writers ----
+
+OpenWriters::Entries::iterator OpenWriters::find(RemoteWriter_i const& writer)
+{
+  return std::find_if(m_entries.begin(), m_entries.end(),
+                      [&](Entry const& entry) { return entry.writer == &writer; });
+}
+
+OpenWriters::Entries::iterator OpenWriters::take(Entries::iterator entry, Entries& taken)
+{
+  auto const next = std::next(entry);
+  taken.splice(taken.end(), m_entries, entry);
+  return next;
+}
+
+void OpenWriters::drop(Entries& entries)
+{
+  for (Entry& entry : entries)
+  {
+    if (Orb* const orb = getDiscoveryRepository().findOrb())
+      orb->destroyObjectRef(entry.reference);
+    entry.writer->abandon();
+  }
+  entries.clear();
+}
+
+void OpenWriters::notePut(RemoteWriter_i const& writer)
+{
+  std::lock_guard const guard(m_mutex);
+  if (auto const entry = find(writer); entry != m_entries.end())
+    entry->lastPut = m_clock();
+}
+
+void OpenWriters::noteFailed(RemoteWriter_i const& writer)
+{
+  Entries dropped;
+  {
+    std::lock_guard const guard(m_mutex);
+    auto const entry = find(writer);
+    if (entry == m_entries.end() || entry->failed != 0)
+      return;
+    entry->failed = ++m_failures;
+    auto const isFailed = [](Entry const& each) { return each.failed != 0; };
+    if (std::count_if(m_entries.begin(), m_entries.end(), isFailed) >
+        static_cast<std::ptrdiff_t>(MOST_FAILED))
+    {
+      auto oldest = std::find_if(m_entries.begin(), m_entries.end(), isFailed);
+      for (auto each = oldest; each != m_entries.end(); ++each)
+        if (isFailed(*each) && each->failed < oldest->failed)
+          oldest = each;
+      take(oldest, dropped);
+    }
+  }
+  drop(dropped);
+}
+
+void OpenWriters::remove(RemoteWriter_i const& writer)
+{
+  Entries removed;
+  std::lock_guard const guard(m_mutex);
+  if (auto const entry = find(writer); entry != m_entries.end())
+    take(entry, removed);
+}
+
+void OpenWriters::dropIdle()
+{
+  Entries idle;
+  Entries lost;
+  {
+    std::lock_guard const guard(m_mutex);
+    auto const now = m_clock();
+    for (auto entry = m_entries.begin(); entry != m_entries.end();)
+    {
+      bool const fromNetwork = !entry->opener.address.empty();
+      if (entry->writer == nullptr)
+        ++entry;
+      else if (entry->failed != 0 && fromNetwork && !isConnectionOpen(entry->opener.connection))
+        entry = take(entry, lost);
+      else if (now - entry->lastPut >= MOST_IDLE)
+        entry = take(entry, idle);
+      else
+        ++entry;
+    }
+  }
+  for (Entry const& entry : idle)
+    OZF_LOG(getOzfLogger(), 1, SOURCE, DROP_IDLE,
+            "Dropped a writer of " << nameOf(entry.opener) << ": nothing was put for "
+                                   << MOST_IDLE.count() << " minutes, " << entry.writer->names());
+  drop(lost);
+  drop(idle);
+}
+
+void OpenWriters::dropAll()
+{
+  Entries all;
+  {
+    std::lock_guard const guard(m_mutex);
+    for (auto entry = m_entries.begin(); entry != m_entries.end();)
+      entry = entry->writer == nullptr ? std::next(entry) : take(entry, all);
+  }
+  drop(all);
+}
+
+std::size_t OpenWriters::size() const
+{
+  std::lock_guard const guard(m_mutex);
+  return m_entries.size();
+}
+
+void OpenWriters::setClock(Clock clock)
+{
+  std::lock_guard const guard(m_mutex);
+  m_clock = clock ? std::move(clock) : Clock(&std::chrono::steady_clock::now);
+}
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc::Remote

@@ -1,0 +1,176 @@
+#include "discovery/OpenWriters.h"
+
+#include "tests/support/LogCapture.h"
+#include "tests/support/Service.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <sys/resource.h>
+
+using namespace tqtest;
+using namespace Quillon::Tessarine::Ozf;
+namespace Remote = Quillon::Tessarine::Ozf::DiscoverySvc::Remote;
+using Remote::OpenWriters;
+
+namespace
+{
+
+struct OpenWritersTest : testing::Test
+{
+  Service host;
+  Remote::DiscoveryService_var service;
+  LogCapture log;
+  std::atomic<OpenWriters::TimePoint::rep> now{0};
+
+  void SetUp() override
+  {
+    host.start();
+    service = host.connect();
+    ASSERT_FALSE(CORBA::is_nil(service)) << log.text();
+    Remote::getOpenWriters().setClock(
+        [this] { return OpenWriters::TimePoint(OpenWriters::TimePoint::duration(now)); });
+  }
+  void TearDown() override { Remote::getOpenWriters().setClock({}); }
+
+  void advance(std::chrono::seconds by) { now += OpenWriters::TimePoint::duration(by).count(); }
+
+  Remote::RemoteWriter_ptr open(std::string const& subject)
+  {
+    Remote::RemoteWriter_var writer;
+    service->putCollection(Service::record(subject.c_str(), "a"), writer.out());
+    return writer._retn();
+  }
+
+  // Whether the put said yes; "gone" when there is no such writer.
+  static std::string put(Remote::RemoteWriter_ptr writer, std::size_t count)
+  {
+    Remote::CollectionDataSeq data;
+    data.length(static_cast<CORBA::ULong>(count));
+    std::fill_n(data.get_buffer(), count, 'x');
+    try
+    {
+      return writer->put(data) ? "yes" : "no";
+    }
+    catch (CORBA::OBJECT_NOT_EXIST const&)
+    {
+      return "gone";
+    }
+  }
+
+  // Opens one and has a put of it fail, as on a disk that is full.
+  Remote::RemoteWriter_ptr openAndFail(std::string const& subject)
+  {
+    rlimit before{};
+    EXPECT_EQ(0, getrlimit(RLIMIT_FSIZE, &before));
+    auto* const action = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit const small{1000, before.rlim_max};
+    EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &small));
+    Remote::RemoteWriter_var writer = open(subject);
+    EXPECT_EQ("no", put(writer.in(), 2000));
+    EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &before));
+    std::signal(SIGXFSZ, action);
+    return writer._retn();
+  }
+
+  std::size_t temporaryFiles()
+  {
+    std::size_t count = 0;
+    for (auto const& entry : std::filesystem::directory_iterator(host.database()))
+      count += entry.path().extension() == ".updating" ? 1 : 0;
+    return count;
+  }
+};
+
+} // namespace
+
+TEST_F(OpenWritersTest, FailedOnesGoOldestFirstBeyondAFew)
+{
+  Remote::RemoteWriter_var const healthy = open("healthy");
+  std::vector<Remote::RemoteWriter_var> failed;
+  for (std::size_t i = 0; i < OpenWriters::MOST_FAILED; ++i)
+    failed.emplace_back(openAndFail("s" + std::to_string(i)));
+  EXPECT_EQ("no", put(failed.front().in(), 1));
+  failed.emplace_back(openAndFail("one more"));
+  EXPECT_EQ("gone", put(failed[0].in(), 1));
+  EXPECT_EQ("no", put(failed[1].in(), 1)) << "asking again does not make it the latest to fail";
+  failed.emplace_back(openAndFail("another"));
+  EXPECT_EQ("gone", put(failed[1].in(), 1));
+  EXPECT_EQ("no", put(failed[2].in(), 1));
+  EXPECT_EQ(OpenWriters::MOST_FAILED + 1, Remote::getOpenWriters().size());
+  EXPECT_EQ("yes", put(healthy.in(), 1));
+  EXPECT_EQ(svc::DS_SUCCESS, healthy->close().discStatus);
+}
+
+TEST_F(OpenWritersTest, OneGoesWhenNothingWasPutForTenMinutes)
+{
+  Remote::RemoteWriter_var const resting = open("resting");
+  Remote::RemoteWriter_var const busy = open("busy");
+  ASSERT_EQ("yes", put(resting.in(), 10));
+  advance(OpenWriters::MOST_IDLE - std::chrono::seconds(1));
+  Remote::getOpenWriters().dropIdle();
+  EXPECT_EQ("yes", put(busy.in(), 10));
+  EXPECT_EQ(2U, temporaryFiles());
+  advance(std::chrono::seconds(1));
+  Remote::getOpenWriters().dropIdle();
+  EXPECT_EQ("gone", put(resting.in(), 1));
+  EXPECT_THROW(resting->close(), CORBA::OBJECT_NOT_EXIST);
+  EXPECT_EQ(1U, temporaryFiles());
+  EXPECT_EQ(1, log.count(1, "OpenWriters::dropIdle",
+                         "Dropped a writer of this service: nothing was put for 10 minutes, "
+                         "subject resting & authority a"))
+      << log.text();
+  EXPECT_EQ("yes", put(busy.in(), 5)) << "each put starts the time again";
+  EXPECT_EQ(svc::DS_SUCCESS, busy->close().discStatus);
+  EXPECT_EQ(15U, readText(host.database() + "/2 a busy.dat").size());
+}
+
+TEST_F(OpenWritersTest, TheServiceLooksForIdleOnesByItself)
+{
+  Remote::RemoteWriter_var const resting = open("resting");
+  advance(OpenWriters::MOST_IDLE);
+  EXPECT_TRUE(eventually([] { return Remote::getOpenWriters().size() == 0; }));
+  EXPECT_TRUE(eventually([this] { return temporaryFiles() == 0; }));
+}
+
+TEST_F(OpenWritersTest, OneTooManyIsRefusedWithOneLineAndAPlaceIsGivenBack)
+{
+  std::vector<Remote::RemoteWriter_var> writers;
+  for (std::size_t i = 0; i < OpenWriters::MOST; ++i)
+  {
+    writers.emplace_back(open("s" + std::to_string(i)));
+    ASSERT_FALSE(CORBA::is_nil(writers.back())) << i << '\n' << log.text();
+  }
+  std::size_t const before = log.text().size();
+  Remote::RemoteWriter_var refused;
+  EXPECT_EQ(svc::DS_OPEN_FAILED,
+            service->putCollection(Service::record("late", "a"), refused.out()).discStatus);
+  EXPECT_TRUE(CORBA::is_nil(refused));
+  EXPECT_EQ(1, log.count(1, "OpenWriters::reserve",
+                         "Refused a discovery of this service: 256 writers are open already"))
+      << log.text();
+  EXPECT_LT(log.text().size(), before + 500);
+  EXPECT_EQ(OpenWriters::MOST, temporaryFiles());
+
+  ASSERT_EQ(svc::DS_SUCCESS, writers.back()->close().discStatus);
+  Remote::RemoteWriter_var const late = open("late");
+  EXPECT_FALSE(CORBA::is_nil(late));
+}
+
+TEST_F(OpenWritersTest, OneThatCouldNotBeOpenedTakesNoPlace)
+{
+  ASSERT_EQ(svc::DS_SUCCESS, Service::store("s", "a", svc::AT_TQUCLIENT, "<x/>", 50));
+  Remote::RemoteWriter_var writer;
+  EXPECT_NE(svc::DS_SUCCESS,
+            service->putCollection(Service::record("s", "a"), writer.out()).discStatus);
+  EXPECT_EQ(0U, Remote::getOpenWriters().size());
+}
+
+TEST_F(OpenWritersTest, TheEndOfTheServiceLetsAllGo)
+{
+  Remote::RemoteWriter_var const writer = open("s");
+  ASSERT_EQ("yes", put(writer.in(), 1));
+  host.stop();
+  EXPECT_EQ(0U, Remote::getOpenWriters().size());
+  EXPECT_EQ(0U, temporaryFiles());
+}
