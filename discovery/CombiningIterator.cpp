@@ -14,7 +14,11 @@ Discovery* CombiningIterator::getNext()
 {
   for (; m_current < m_children.size(); ++m_current)
   {
-    if (Discovery* const discovery = m_children[m_current]->getNext())
+    DiscoveryIterator& child = *m_children[m_current];
+    Discovery* const discovery = child.getNext();
+    if (child.isIncomplete())
+      setIncomplete();
+    if (discovery != nullptr)
       return discovery;
   }
   return nullptr;

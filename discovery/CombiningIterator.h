@@ -10,7 +10,8 @@ namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
 
 // Drains its children one after the other in the order given; a child that
-// has once returned null is never asked again. Applies no filter of its own.
+// has once returned null is never asked again. Applies no filter of its own. It
+// is incomplete as soon as a child is.
 class TQ_EXPORT CombiningIterator : public virtual DiscoveryIterator
 {
 public:

@@ -16,7 +16,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <iterator>
 #include <memory>
+#include <new>
 #include <string_view>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
@@ -33,6 +35,14 @@ bool isAbsent(std::string const& path)
   {
   };
   return ::lstat(path.c_str(), &status) != 0 && errno == ENOENT;
+}
+
+// Whether a refused open leaves it undecided what is there: a file that is
+// absent, a link, a directory or a device is decided.
+bool saysNothingOfAFile(int error)
+{
+  constexpr int DECIDED[] = {ENOENT, ELOOP, EISDIR, ENXIO, ENODEV};
+  return std::find(std::begin(DECIDED), std::end(DECIDED), error) == std::end(DECIDED);
 }
 
 // A key that was cut says no more of its name than the beginning. Its form is
@@ -116,12 +126,15 @@ Discovery* DiscoveryDBCreator::newDiscovery(DiscoveryQuery query)
 
 Discovery* DiscoveryDBCreator::getDiscovery(char const* metadataFileName) const
 {
-  return getDiscovery(metadataFileName, false);
+  int error = 0;
+  return getDiscovery(metadataFileName, false, error);
 }
 
-Discovery* DiscoveryDBCreator::getDiscovery(char const* metadataFileName, bool mayBeAbsent) const
+Discovery* DiscoveryDBCreator::getDiscovery(char const* metadataFileName, bool mayBeAbsent,
+                                            int& error) const
 {
   constexpr char OPERATION[] = "DiscoveryDBCreator::getDiscovery";
+  error = 0;
   OzfPathname const path = OzfPathname::makeFilename(m_directory, metadataFileName);
 
   // Held until the discovery is loaded, and while it is destroyed if it is not.
@@ -132,8 +145,11 @@ Discovery* DiscoveryDBCreator::getDiscovery(char const* metadataFileName, bool m
     int const fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     if (fd < 0)
     {
+      error = saysNothingOfAFile(errno) ? errno : 0;
       if (!mayBeAbsent || errno != ENOENT || !isAbsent(path.str()))
         OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Unable to open " << path.str());
+      if (error != 0)
+        OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, path.str() << ": " << errorText(error));
       return nullptr;
     }
     HeldFile lock(new ACE_File_Lock(fd, false));
@@ -151,6 +167,7 @@ Discovery* DiscoveryDBCreator::getDiscovery(char const* metadataFileName, bool m
       continue;
     if (!loaded)
     {
+      error = discovery->readError();
       OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, path.str() << " could not be loaded");
       return nullptr;
     }
@@ -169,12 +186,14 @@ Discovery* DiscoveryDBCreator::getDiscovery(char const* metadataFileName, bool m
     case DS_LOGIC_ERROR:
       if (!isFileAt(fd, path.c_str()))
         continue;
+      error = discovery->readError();
       OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, metadataFileName << " could not be expired");
       return nullptr;
     default:
       assertionFailed("SHOULD_NOT_GET_HERE", OPERATION, SOURCE, __LINE__);
     }
   }
+  error = ENOLCK;
   OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Unable to lock " << path.str());
   return nullptr;
 }
@@ -199,8 +218,32 @@ void DBDiscoveryIterator::close()
   m_exhausted = true;
 }
 
+// Part of the answer is lost. What lacks memory is not passed over: it ends the
+// whole answer.
+void DBDiscoveryIterator::failed(int error)
+{
+  setIncomplete();
+  if (error == ENOMEM)
+    throw std::bad_alloc();
+}
+
 Discovery* DBDiscoveryIterator::getNext()
 {
+  try
+  {
+    return findNext();
+  }
+  catch (...)
+  {
+    // The walk has gone past the file in hand.
+    setIncomplete();
+    throw;
+  }
+}
+
+Discovery* DBDiscoveryIterator::findNext()
+{
+  constexpr char OPERATION[] = "DBDiscoveryIterator::getNext";
   if (m_exhausted)
     return nullptr;
   if (m_pattern.empty())
@@ -216,15 +259,21 @@ Discovery* DBDiscoveryIterator::getNext()
     m_directory = ::opendir(m_dirName.c_str());
     if (m_directory == nullptr)
     {
-      OZF_LOG(getOzfLogger(), 1, SOURCE, "DBDiscoveryIterator::getNext",
-              "Unable to open directory " << m_dirName << ": " << errorText(errno));
+      int const error = errno;
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+              "Unable to open directory " << m_dirName << ": " << errorText(error));
       m_exhausted = true;
+      failed(error);
       return nullptr;
     }
   }
 
-  while (dirent const* const entry = ::readdir(m_directory))
+  for (;;)
   {
+    errno = 0;
+    dirent const* const entry = ::readdir(m_directory);
+    if (entry == nullptr)
+      break;
     std::string_view const name(entry->d_name);
     if (!name.ends_with(".xml")) // half of the entries are payloads
       continue;
@@ -235,7 +284,14 @@ Discovery* DBDiscoveryIterator::getNext()
     if (discovery && (named || answers(*discovery)))
       return discovery.release();
   }
+  int const error = errno;
   close();
+  if (error != 0)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Unable to read directory " << m_dirName << ": " << errorText(error));
+    failed(error);
+  }
   return nullptr;
 }
 
@@ -248,9 +304,13 @@ bool DBDiscoveryIterator::answers(Discovery const& discovery) const
          matches(getSubjectFilter(), subject.getFileKey(), subject.getName());
 }
 
-Discovery* DBDiscoveryIterator::fetch(char const* name, bool mayBeAbsent) const
+Discovery* DBDiscoveryIterator::fetch(char const* name, bool mayBeAbsent)
 {
-  AutoDereference<Discovery> discovery(getDiscoveryDBDatabase()->getDiscovery(name, mayBeAbsent));
+  int error = 0;
+  AutoDereference<Discovery> discovery(
+      getDiscoveryDBDatabase()->getDiscovery(name, mayBeAbsent, error));
+  if (error != 0)
+    failed(error);
   if (discovery && discovery->getAuthority()->getType() == AT_REMOTEPULL &&
       getAuthorityType() != AT_REMOTEPULL)
     return nullptr;

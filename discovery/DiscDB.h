@@ -48,7 +48,9 @@ public:
   Discovery* getDiscovery(char const* metadataFileName) const;
 
   // The same; with mayBeAbsent a file that is not there is no log line worth.
-  Discovery* getDiscovery(char const* metadataFileName, bool mayBeAbsent) const;
+  // error is 0, or the error of the system because of which a file that may be
+  // sound is not returned.
+  Discovery* getDiscovery(char const* metadataFileName, bool mayBeAbsent, int& error) const;
 
   std::string const& getDirectory() const noexcept { return m_directory; }
   bool isInitialized() const noexcept { return m_init; }
@@ -65,7 +67,9 @@ TQ_EXPORT DiscoveryDBCreator* getDiscoveryDBDatabase();
 // file names, and where a name is too long for its file name with the name
 // itself. A filter without wildcards
 // and with a type names one file, which is opened without a walk. Discoveries
-// of type AT_REMOTEPULL are returned only to an iterator of that type.
+// of type AT_REMOTEPULL are returned only to an iterator of that type. It is
+// incomplete when the directory cannot be read to its end, or a metadata file
+// not be opened, locked or read.
 class TQ_EXPORT DBDiscoveryIterator : public virtual DiscoveryIterator
 {
 public:
@@ -75,10 +79,12 @@ public:
   Discovery* getNext() override;
 
 private:
-  Discovery* fetch(char const* name, bool mayBeAbsent) const;
+  Discovery* findNext();
+  Discovery* fetch(char const* name, bool mayBeAbsent);
   // Whether the filters match the names themselves.
   bool answers(Discovery const& discovery) const;
   void close();
+  void failed(int error);
 
   std::string m_dirName;
   DIR* m_directory = nullptr; // open from the first getNext that walks to the end

@@ -89,9 +89,12 @@ bool DBDiscovery::load()
   OZF_ASSERT(fd != ACE_INVALID_HANDLE, "ACE_INVALID_HANDLE != m_fileLock->get_handle()", SOURCE,
              OPERATION);
 
+  m_readError = 0;
   struct stat status
   {
   };
+  bool read = false;
+  int error = 0;
   if (::fstat(fd, &status) == 0)
   {
     if (!isMetadataFile(status, m_heldPath.str(), OPERATION))
@@ -108,12 +111,21 @@ bool DBDiscovery::load()
       OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Zero length xml file");
       return false;
     }
-    if (!readExactly(fd, m_metadata, static_cast<std::size_t>(status.st_size)))
-      return false;
+    read = readExactly(fd, m_metadata, static_cast<std::size_t>(status.st_size));
+    error = read ? 0 : errno;
   }
-  else if (readBlocks(fd, m_metadata) != 0)
-    return false;
-  return loadInternal();
+  else
+  {
+    error = readBlocks(fd, m_metadata);
+    read = error == 0;
+  }
+  if (read)
+    return loadInternal();
+  m_readError = error == EFBIG ? 0 : error;
+  if (m_readError != 0)
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Unable to read " << m_heldPath.str() << ": " << errorText(m_readError));
+  return false;
 }
 
 bool DBDiscovery::load(char const* text)

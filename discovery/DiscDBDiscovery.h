@@ -51,6 +51,10 @@ public:
   bool load();
   bool load(char const* text);
 
+  // The error of the system because of which load could not read the file; 0
+  // when it could, whatever it holds.
+  int readError() const noexcept { return m_readError; }
+
   // Whether this discovery may replace the stored one of the same name: there
   // is none that counts, or its priority is not higher. One that is there and
   // cannot be opened or locked is no permission, nor is an end of memory; one
@@ -101,6 +105,7 @@ private:
   OzfPathname m_directory;
   OzfPathname m_heldPath;       // of the metadata file held; guards its closing
   bool m_persistFailed = false; // since the last open for update
+  int m_readError = 0;
 };
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -2,6 +2,7 @@
 
 #include "discovery/DiscDBDiscovery.h"
 #include "discovery/DiscoveryLog.h"
+#include "ozf/base/SystemError.h"
 
 #include <unistd.h>
 
@@ -50,6 +51,7 @@ bool readExactly(int fd, std::string& text, std::size_t size)
   std::size_t done = 0;
   while (done < size)
   {
+    errno = 0;
     ssize_t const count = ::pread(fd, text.data() + done, size - done, static_cast<off_t>(done));
     if (count < 0 && errno == EINTR)
       continue;
@@ -57,6 +59,7 @@ bool readExactly(int fd, std::string& text, std::size_t size)
       break;
     done += static_cast<std::size_t>(count);
   }
+  ErrnoKeeper const keeper;
   text.resize(done);
   return done == size;
 }

@@ -20,7 +20,8 @@ bool isMetadataFile(struct stat const& status, std::string const& path, char con
 
 void logTooLarge(std::string const& path, off_t size, char const* operation);
 
-// Reads size bytes from the start; fewer are a failure.
+// Reads size bytes from the start; fewer are a failure, with errno 0 when the
+// file just ended.
 bool readExactly(int fd, std::string& text, std::size_t size);
 
 // Reads from the start to the end of the file, whose size may be unknown. 0, or

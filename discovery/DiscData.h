@@ -232,7 +232,8 @@ class TQ_EXPORT DiscoveryIterator : public virtual OZFRefCounted
 public:
   // The next discovery, with one reference for the caller; null at the end.
   // One that cannot be read is passed over with a log line. Reads a file where
-  // the discoveries are this host's; calls no other host.
+  // the discoveries are this host's; calls no other host. Throws std::bad_alloc
+  // when memory runs out.
   virtual Discovery* getNext() = 0;
 
   // Set the filters from names or patterns of names, as URI_FILE_PATTERN. A
@@ -250,14 +251,22 @@ public:
   std::string const& getSubjectFilter() const noexcept { return m_subject; }
   std::string const& getAuthorityFilter() const noexcept { return m_authority; }
 
+  // Whether discoveries that match may have been left out because the system, or
+  // another host, failed to hand them out; the log says why. Not for those that
+  // are gone, expired or damaged. Settled once getNext has returned null.
+  bool isIncomplete() const noexcept { return m_incomplete; }
+
 protected:
   // Keeps the filters as given.
   DiscoveryIterator(AuthorityType type, std::string subject, std::string authority);
+
+  void setIncomplete() noexcept { m_incomplete = true; }
 
 private:
   AuthorityType m_authorityType;
   std::string m_subject;
   std::string m_authority;
+  bool m_incomplete = false;
 };
 
 // True when the discovery has attributes whose expiry is set and lies strictly

@@ -174,7 +174,12 @@ void DiscoveryRepository::loadPullExplorerCache()
   {
     AutoDereference<Discovery> const record(records->getNext());
     if (!record)
+    {
+      if (records->isIncomplete())
+        OZF_LOG(getOzfLogger(), 1, SOURCE, "DiscoveryRepository::loadPullExplorerCache",
+                "Some cached registrations are missing, they could not be read");
       return;
+    }
     std::string text;
     if (!readCollection(*record, text))
       continue;

@@ -59,7 +59,13 @@ void addClients(char const* authority, char const* noneFound, std::set<OzfString
                   "Passed over a record of authority " << authority << ": " << reason);
         });
     if (over)
+    {
+      if (discoveries->isIncomplete())
+        OZF_LOG(getOzfLogger(), 1, SOURCE, "Researcher::getDiscoveredClientList",
+                "Some records of authority " << authority
+                                             << " are missing, they could not be read");
       return;
+    }
   }
 }
 

@@ -10,6 +10,7 @@
 #include "ozf/orb/Orb.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc::Remote
 {
@@ -73,6 +74,8 @@ DiscoverySeq* DiscoveryIterator_i::getNextPage()
 
   std::string const localService = getDiscoveryRepository().getOrbServiceName();
   std::size_t bytes = 0;
+  // Until the page is whole: an exception would take it along.
+  bool const lostBefore = std::exchange(m_lostPage, true);
   for (CORBA::Long count = 0;
        count <= m_pageSize && bytes < static_cast<std::size_t>(MAX_PAGE_BYTES); ++count)
   {
@@ -96,6 +99,9 @@ DiscoverySeq* DiscoveryIterator_i::getNextPage()
     if (count == m_pageSize)
       break; // the counter of the greatest page size must not overflow
   }
+  m_lostPage = lostBefore;
+  if (page->length() == 0 && (m_lostPage || m_discoveryIterator->isIncomplete()))
+    throw CORBA::PERSIST_STORE(0, CORBA::COMPLETED_NO);
   return page._retn();
 }
 

@@ -61,7 +61,9 @@ public:
   void pageSize(CORBA::Long size) override;
 
   // Up to pageSize + 1 records, one more than the attribute says: callers
-  // count on it. None when pageSize is negative.
+  // count on it. None when pageSize is negative. PERSIST_STORE instead of the
+  // empty page at the end when records are missing that the system failed to
+  // hand out, or that an earlier call lost to an exception.
   DiscoverySeq* getNextPage() override;
 
   void release() override;
@@ -73,6 +75,7 @@ private:
   AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::DiscoveryIterator> m_discoveryIterator;
   CORBA::Long m_pageSize;
   OzfString m_localHost;
+  bool m_lostPage = false;
 };
 
 // Pages through the payload of one discovery. Used by one caller at a time.

@@ -16,7 +16,10 @@ FilterDescription::FilterDescription(std::string const& authority, std::string c
     AutoDereference<CollectionItemIterator> const items(
         discoveries->getNextCollectionItemIterator(nullptr));
     if (!items)
+    {
+      m_incomplete = discoveries->isIncomplete();
       return;
+    }
     for (;;)
     {
       AutoDereference<CollectionItem> const item(items->getNextCollectionItem());

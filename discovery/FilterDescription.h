@@ -19,6 +19,12 @@ public:
   // discovery that matches: blocks as getAuthSubIterator and its iterator do.
   FilterDescription(std::string const& authority, std::string const& subject);
   ~FilterDescription() override;
+
+  // Whether descriptions may be missing: not every discovery could be listed.
+  bool isIncomplete() const noexcept { return m_incomplete; }
+
+private:
+  bool m_incomplete = false;
 };
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -178,7 +178,18 @@ void RemoteDiscoveryIterator::fetch(Remote::DiscoveryIterator_ptr remote)
       m_failure = "the discoveries come too slowly";
       return;
     }
-    Remote::DiscoverySeq_var const page = iterator->getNextPage();
+    Remote::DiscoverySeq_var page;
+    try
+    {
+      page = iterator->getNextPage();
+    }
+    catch (CORBA::PERSIST_STORE const&)
+    {
+      setIncomplete();
+      OZF_LOG(getOzfLogger(), 1, SOURCE, "RemoteDiscoveryIterator::RemoteDiscoveryIterator",
+              "Some discoveries are missing, the other host could not read them all");
+      return;
+    }
     if (page->length() == 0 || !keep(page.in()))
       return;
   }

@@ -179,7 +179,8 @@ public:
   // Adds a reference of its own to remote, drains it, has it released on the
   // other side, and drops the reference; the caller keeps its own. When that
   // fails, failure() says why and there are no discoveries: what was fetched
-  // of an incomplete answer is dropped.
+  // of a broken answer is dropped. Where the other side says at the end that its
+  // answer is incomplete, so is this, with what was fetched and a log line.
   RemoteDiscoveryIterator(AuthorityType const& type, std::string const& subject,
                           std::string const& authority, Remote::DiscoveryIterator_ptr remote);
 

@@ -201,6 +201,8 @@ AuthSubIterator::getNextCollectionItemIterator(FilterParameters const* filter)
   }
 }
 
+bool AuthSubIterator::isIncomplete() const noexcept { return m_discoveries->isIncomplete(); }
+
 bool AuthSubIterator::parseDiscovery(CollectionData* data, FilterParameters const* filter)
 {
   constexpr char const* OPERATION = "AuthSubIterator::parseDiscovery";

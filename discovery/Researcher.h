@@ -124,6 +124,10 @@ public:
   // collection, takes.
   CollectionItemIterator* getNextCollectionItemIterator(FilterParameters const* filter);
 
+  // Whether discoveries that match may be missing, because a disk or a host
+  // failed; the log says why. Settled once there are no more discoveries.
+  bool isIncomplete() const noexcept;
+
   // For who wants to know what there is and needs no items: from now on
   // collections are read as ever, with the same end and the same lines, but their
   // items are dropped as they are complete, so that a collection of any size takes

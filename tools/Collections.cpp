@@ -299,7 +299,7 @@ AutoDereference<OzfQuery> describe(Record const& record)
   for (std::string const& authority : authorities)
   {
     selection.authority = authority;
-    if (!description->attributes().empty() || queryRecords(selection, records, true) != EXIT_DONE)
+    if (!description->attributes().empty() || !isListed(queryRecords(selection, records, true)))
       break;
     for (Record const& each : records)
       if (!each.onDemand())

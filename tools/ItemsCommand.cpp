@@ -205,8 +205,9 @@ int items(ItemsOptions const& options, Session const& session)
   WhileRead const whileRead;
   Connection connection(session.connection);
   std::vector<Record> records;
-  if (int const result = openAndQuery(connection, options.selection, records); result != EXIT_DONE)
-    return result;
+  int const listed = openAndQuery(connection, options.selection, records);
+  if (!isListed(listed))
+    return listed;
 
   if (options.selection.typeName.empty())
     std::erase_if(records, [all = records](Record const& each) { return isShadowed(each, all); });
@@ -258,13 +259,13 @@ int items(ItemsOptions const& options, Session const& session)
   if (gone || failures.count() != 0)
     return connection.conclude(count != 0 ? EXIT_PARTLY : EXIT_FAILED);
   if (count != 0)
-    return EXIT_DONE;
-  bool const quiet = options.json || options.jsonLines || options.count;
+    return listed;
+  bool const quiet = options.json || options.jsonLines || options.count || listed != EXIT_DONE;
   if (!records.empty())
-    return complainNoItems(options.where, answer, quiet);
+    return withMissing(listed, complainNoItems(options.where, answer, quiet));
   if (!quiet)
     complainNothing(options.selection);
-  return EXIT_NOTHING;
+  return withMissing(listed, EXIT_NOTHING);
 }
 
 } // namespace

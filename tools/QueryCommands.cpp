@@ -62,7 +62,8 @@ int query(QueryOptions const& options, Session const& session)
   WhileRead const whileRead;
   Connection connection(session.connection);
   std::vector<Record> records;
-  if (int const result = openAndQuery(connection, options.selection, records); result != EXIT_DONE)
+  int const result = openAndQuery(connection, options.selection, records);
+  if (!isListed(result))
     return result;
 
   if (options.json)
@@ -87,10 +88,10 @@ int query(QueryOptions const& options, Session const& session)
     explainTypes(records);
   }
   if (!records.empty())
-    return EXIT_DONE;
-  if (!options.json)
+    return result;
+  if (!options.json && result == EXIT_DONE)
     complainNothing(options.selection);
-  return EXIT_NOTHING;
+  return withMissing(result, EXIT_NOTHING);
 }
 
 struct Host
@@ -114,7 +115,8 @@ int hosts(QueryOptions const& options, Session const& session)
   WhileRead const whileRead;
   Connection connection(session.connection);
   std::vector<Record> records;
-  if (int const result = openAndQuery(connection, options.selection, records); result != EXIT_DONE)
+  int const result = openAndQuery(connection, options.selection, records);
+  if (!isListed(result))
     return result;
 
   std::map<std::string, Host> found;
@@ -160,10 +162,10 @@ int hosts(QueryOptions const& options, Session const& session)
     print(table);
   }
   if (!found.empty())
-    return EXIT_DONE;
-  if (!options.json)
+    return result;
+  if (!options.json && result == EXIT_DONE)
     complainNothing(options.selection);
-  return EXIT_NOTHING;
+  return withMissing(result, EXIT_NOTHING);
 }
 
 } // namespace

@@ -41,8 +41,7 @@ void complainUnread(Record const& record, bool something)
   selection.subject = record.subject;
   selection.authority = record.authority;
   std::vector<Record> records;
-  if (!something && queryRecords(selection, records, true) == EXIT_DONE &&
-      isShadowed(record, records))
+  if (!something && isListed(queryRecords(selection, records, true)) && isShadowed(record, records))
   {
     complain("the collection of " + titleOf(record) +
              " cannot be read: the service gives the one on demand of the same names; "

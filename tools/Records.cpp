@@ -135,7 +135,24 @@ int queryRecords(Selection const& selection, std::vector<Record>& records, bool 
               return std::tie(a.subject, a.authority, a.type) <
                      std::tie(b.subject, b.authority, b.type);
             });
-  return EXIT_DONE;
+  if (!iterator->isIncomplete())
+    return EXIT_DONE;
+  if (!quiet)
+    complainIncomplete();
+  return EXIT_PARTLY;
+}
+
+void complainIncomplete()
+{
+  complain("the list is incomplete: the service could not read all that it has; its log tells why");
+}
+
+bool isListed(int queryResult) { return queryResult == EXIT_DONE || queryResult == EXIT_PARTLY; }
+
+int withMissing(int queryResult, int exitCode)
+{
+  bool const whole = exitCode == EXIT_DONE || exitCode == EXIT_NOTHING;
+  return queryResult == EXIT_PARTLY && whole ? EXIT_PARTLY : exitCode;
 }
 
 int openAndQuery(Connection& connection, Selection const& selection, std::vector<Record>& records)
@@ -153,7 +170,7 @@ std::optional<Announcement> announcementOf(Record const& record)
   selection.typeName = formatType(AT_REMOTEPULL);
   std::vector<Record> announcements;
   std::string text;
-  if (queryRecords(selection, announcements, true) != EXIT_DONE || announcements.size() != 1 ||
+  if (!isListed(queryRecords(selection, announcements, true)) || announcements.size() != 1 ||
       !readPayload(*announcements.front().discovery, text))
     return std::nullopt;
 

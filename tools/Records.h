@@ -59,9 +59,20 @@ struct Record
 };
 
 // By subject, authority and type. A type takes in what was announced under it
-// and restored. An exit code: EXIT_DONE also when nothing
-// matched; any other after telling the user. quiet: without telling.
+// and restored. An exit code: EXIT_DONE also when nothing matched; EXIT_PARTLY,
+// with the records that there are, when others may be missing; that one and any
+// other after telling the user. quiet: without telling.
 int queryRecords(Selection const& selection, std::vector<Record>& records, bool quiet = false);
+
+// Tells the user that discoveries may be missing.
+void complainIncomplete();
+
+// Whether a query that ended so has records to show, if any match.
+bool isListed(int queryResult);
+
+// The exit code of a command that came to that one with the records of a query
+// that ended so.
+int withMissing(int queryResult, int exitCode);
 
 // Opens the connection and queries over it, as commands begin that list what
 // the service knows.

@@ -41,16 +41,20 @@ struct ShowOptions
   bool raw = false;
 };
 
-// The one discovery that the names say. An exit code.
-int findOne(ShowOptions const& options, Record& record)
+// The one discovery that the names say. An exit code; found says whether there
+// is one, which may be so although others are missing (EXIT_PARTLY).
+int findOne(ShowOptions const& options, Record& record, bool& found)
 {
+  found = false;
   std::vector<Record> records;
-  if (int const result = queryRecords(options.selection, records); result != EXIT_DONE)
+  int const result = queryRecords(options.selection, records);
+  if (!isListed(result))
     return result;
   if (records.empty())
   {
-    complainNothing(options.selection);
-    return EXIT_NOTHING;
+    if (result == EXIT_DONE)
+      complainNothing(options.selection);
+    return withMissing(result, EXIT_NOTHING);
   }
   // What was found rather than what can be asked for, which explorers store
   // beside it.
@@ -71,7 +75,8 @@ int findOne(ShowOptions const& options, Record& record)
     return EXIT_USAGE;
   }
   record = records.front();
-  return EXIT_DONE;
+  found = true;
+  return result;
 }
 
 int showBytes(ShowOptions const& options, Connection const& connection, Record const& record)
@@ -166,14 +171,16 @@ int show(ShowOptions const& options, Session const& session)
   if (int const result = connection.open(); result != EXIT_DONE)
     return result;
   Record record;
-  if (int const result = findOne(options, record); result != EXIT_DONE)
-    return connection.conclude(result);
+  bool found = false;
+  int const listed = findOne(options, record, found);
+  if (!found)
+    return connection.conclude(listed);
   if (options.xml || options.raw)
-    return connection.conclude(showBytes(options, connection, record));
+    return connection.conclude(withMissing(listed, showBytes(options, connection, record)));
 
   QueryAnswer answer;
   if (options.json)
-    return showJson(options, connection, record, query);
+    return withMissing(listed, showJson(options, connection, record, query));
   Collection collection;
   {
     Progress const progress("Reading the collection");
@@ -203,8 +210,8 @@ int show(ShowOptions const& options, Session const& session)
   if (!collection.complete && connection.answers())
     complainUnread(record, result == EXIT_PARTLY);
   else if (result == EXIT_NOTHING)
-    return complainNoItems(options.where, answer, false);
-  return connection.conclude(result);
+    return withMissing(listed, complainNoItems(options.where, answer, false));
+  return connection.conclude(withMissing(listed, result));
 }
 
 int filters(ShowOptions const& options, Session const& session)
@@ -221,6 +228,9 @@ int filters(ShowOptions const& options, Session const& session)
   auto const& attributes = description->attributes();
   if (attributes.empty() && !connection.answers())
     return connection.conclude(EXIT_FAILED);
+  int const listed = description->isIncomplete() ? EXIT_PARTLY : EXIT_DONE;
+  if (listed == EXIT_PARTLY)
+    complainIncomplete();
   if (options.json)
   {
     nlohmann::json all = nlohmann::json::array();
@@ -239,11 +249,11 @@ int filters(ShowOptions const& options, Session const& session)
   else if (!attributes.empty())
     printAttributes(attributes);
   if (!attributes.empty())
-    return EXIT_DONE;
+    return listed;
   std::vector<Record> records;
   Selection selection = options.selection;
   selection.filterData = true;
-  if (queryRecords(selection, records, true) == EXIT_DONE &&
+  if (isListed(queryRecords(selection, records, true)) &&
       std::any_of(records.begin(), records.end(),
                   [](Record const& each) { return each.type == AT_EXTSRC && !each.onDemand(); }))
   {
@@ -253,12 +263,12 @@ int filters(ShowOptions const& options, Session const& session)
                      false);
     return connection.conclude(EXIT_FAILED);
   }
-  if (!options.json)
+  if (!options.json && listed == EXIT_DONE)
     complain("no explorer has stored what can be asked for about subject \"" +
              shown(options.selection.subject) + "\" by authority \"" +
              shown(options.selection.authority) +
              "\"; \"tqdiscoctl query --filter-data\" shows who has");
-  return EXIT_NOTHING;
+  return withMissing(listed, EXIT_NOTHING);
 }
 
 void addNames(CLI::App& command, ShowOptions& options)

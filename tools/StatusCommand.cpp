@@ -82,13 +82,14 @@ std::size_t countFailed(ServiceState const& state)
   return count;
 }
 
-int readStates(std::vector<ServiceState>& states)
+int readStates(std::vector<ServiceState>& states, bool quiet)
 {
   Selection selection;
   selection.authority = AUTHORITY;
   selection.typeName = formatType(AT_TQUCLIENT);
   std::vector<Record> records;
-  if (int const result = queryRecords(selection, records); result != EXIT_DONE)
+  int const result = queryRecords(selection, records, quiet);
+  if (!isListed(result))
     return result;
   Progress progress("Reading what the services tell");
   for (Record const& record : records)
@@ -103,7 +104,7 @@ int readStates(std::vector<ServiceState>& states)
         state.explorers.push_back(std::move(item));
     states.push_back(std::move(state));
   }
-  return EXIT_DONE;
+  return result;
 }
 
 // The hosts whose explorers have told something while their service tells
@@ -223,15 +224,17 @@ int status(StatusOptions const& options, Session const& session)
       std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin).count();
 
   std::vector<Record> records;
-  if (int const result = queryRecords(Selection(), records); result != EXIT_DONE)
-    return connection.conclude(result);
+  int const listed = queryRecords(Selection(), records);
+  if (!isListed(listed))
+    return connection.conclude(listed);
   std::vector<ServiceState> states;
-  if (int const result = readStates(states); result != EXIT_DONE)
-    return connection.conclude(result);
+  int const told = readStates(states, listed != EXIT_DONE);
+  if (!isListed(told))
+    return connection.conclude(told);
 
   SilentHosts const silent = silentHosts(records, states);
   std::size_t failed = 0;
-  bool complete = true;
+  bool complete = true; // what was found
   for (ServiceState const& state : states)
   {
     failed += countFailed(state);
@@ -275,7 +278,9 @@ int status(StatusOptions const& options, Session const& session)
   if (failed != 0)
     complain(counted(failed, "explorer has", "explorers have") +
              " failed at the last run; the log of the host's service tells why");
-  return connection.conclude(failed == 0 && complete && silent.empty() ? EXIT_DONE : EXIT_PARTLY);
+  bool const whole = listed == EXIT_DONE && told == EXIT_DONE;
+  return connection.conclude(whole && failed == 0 && complete && silent.empty() ? EXIT_DONE
+                                                                                : EXIT_PARTLY);
 }
 
 } // namespace

@@ -294,10 +294,12 @@ public:
   // An exit code. Also done when it was interrupted.
   int begin(Interruption const& interruption)
   {
-    if (int const result = look(m_options.selection, m_before, false); result != EXIT_DONE)
+    int const result = look(m_options.selection, m_before, false);
+    if (!isListed(result))
       return result;
-    if (int const result = lookForServices(m_services); result != EXIT_DONE)
-      return result;
+    if (int const services = lookForServices(m_services); !isListed(services))
+      return services;
+    m_whole = result == EXIT_DONE;
     Progress progress("Reading what there is");
     std::size_t done = 0;
     for (auto const& [key, record] : m_before)
@@ -312,14 +314,28 @@ public:
 
   std::size_t count() const { return m_before.size(); }
 
+  // Whether the last look lacked nothing that the service could not read.
+  bool isWhole() const noexcept { return m_whole; }
+
   // False when the service did not answer.
   bool again()
   {
     Look after;
     Look services;
-    if (look(m_options.selection, after, true) != EXIT_DONE ||
-        lookForServices(services) != EXIT_DONE)
+    int const seen = look(m_options.selection, after, true);
+    int const told = lookForServices(services);
+    if (!isListed(seen) || !isListed(told))
       return false;
+    // What is not in an incomplete look may be there all the same: it is taken
+    // over.
+    if (seen != EXIT_DONE)
+      after.insert(m_before.begin(), m_before.end());
+    if (told != EXIT_DONE)
+      services.insert(m_services.begin(), m_services.end());
+    bool const whole = seen == EXIT_DONE && told == EXIT_DONE;
+    if (m_whole && !whole)
+      complainIncomplete();
+    m_whole = whole;
     compareServices(services, after);
     compare(after);
     m_before = std::move(after);
@@ -417,6 +433,7 @@ private:
   Look m_before;
   Look m_services;
   Contents m_contents;
+  bool m_whole = true;
   std::set<std::string> m_silent;
   std::set<std::string> m_back; // since the last look
 };
@@ -447,7 +464,8 @@ int watch(WatchOptions const& options, Session const& session)
                         : "the service does not answer any more; trying again");
     lost = !answered;
   }
-  return lost ? EXIT_NOT_REACHABLE : EXIT_DONE;
+  return lost ? EXIT_NOT_REACHABLE
+              : withMissing(watched.isWhole() ? EXIT_DONE : EXIT_PARTLY, EXIT_DONE);
 }
 
 } // namespace
