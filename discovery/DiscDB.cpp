@@ -19,6 +19,7 @@
 #include <iterator>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string_view>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
@@ -138,7 +139,8 @@ Discovery* DiscoveryDBCreator::getDiscovery(char const* metadataFileName, bool m
   OzfPathname const path = OzfPathname::makeFilename(m_directory, metadataFileName);
 
   // Held until the discovery is loaded, and while it is destroyed if it is not.
-  MetadataGuard const guard(path.str());
+  std::optional<MetadataGuard> guard(std::in_place, path.str());
+  LockWait wait;
   AutoDereference<DBDiscovery> discovery;
   for (int round = 0; round < REPLACED_LIMIT; ++round)
   {
@@ -153,8 +155,8 @@ Discovery* DiscoveryDBCreator::getDiscovery(char const* metadataFileName, bool m
       return nullptr;
     }
     HeldFile lock(new ACE_File_Lock(fd, false));
-    bool const waited = lock->tryacquire_read(0, 0, 1) != 0;
-    if (waited && waitReadLock(*lock) != 0)
+    bool const waited = tryLock(*lock, RecordLock::READ) != 0;
+    if (waited && waitLock(*lock, RecordLock::READ, wait, path.str(), guard) != 0)
       break;
 
     std::string dataPath = path.str();

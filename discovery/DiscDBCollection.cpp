@@ -78,10 +78,11 @@ void DBCollectionData::abandon()
 
 // Under the guard; false, with a log line, when the metadata file cannot be
 // locked or is the stored one no more.
-bool DBCollectionData::lockMetadata() const
+bool DBCollectionData::lockMetadata(std::optional<MetadataGuard>& guard) const
 {
   constexpr char OPERATION[] = "DBCollectionData::open";
-  if (waitReadLock(**m_metadataLock) != 0)
+  LockWait wait;
+  if (waitLock(**m_metadataLock, RecordLock::READ, wait, m_metadataPath->str(), guard) != 0)
   {
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Unable to lock " << m_metadataPath->str());
     return false;
@@ -99,7 +100,7 @@ bool DBCollectionData::openPayload()
   if (m_metadataLock != nullptr && *m_metadataLock)
   {
     guard.emplace(m_metadataPath->str());
-    if (!lockMetadata())
+    if (!lockMetadata(guard))
       return false;
   }
   OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION, "Opening collection file: " << m_path.str());
@@ -128,9 +129,10 @@ bool DBCollectionData::openTemporary()
 {
   constexpr char OPERATION[] = "DBCollectionData::open";
   std::string const directory = m_path.directory();
+  LockWait wait;
   for (std::uint16_t candidate = 0;; ++candidate)
   {
-    m_cleanupLock = std::make_unique<CleanupLock>(directory.c_str(), CleanupLock::SHARED);
+    m_cleanupLock = std::make_unique<CleanupLock>(directory.c_str(), CleanupLock::SHARED, wait);
     OzfPathname path =
         OzfPathname::makeFilename(directory, std::to_string(candidate) + ".updating");
     if (candidate > 0)

@@ -8,6 +8,7 @@
 #include "ozf/base/SystemError.h"
 
 #include <memory>
+#include <optional>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
@@ -62,7 +63,7 @@ public:
 
 private:
   bool openPayload();
-  bool lockMetadata() const;
+  bool lockMetadata(std::optional<MetadataGuard>& guard) const;
   bool openTemporary();
   void closeHandle(char const* operation);
 

@@ -86,8 +86,8 @@ private:
   };
 
   Answer askForPermission();
-  Answer askForPermission(OzfPathname const& path, std::string& seen);
-  Answer readAndJudge(OzfPathname const& path, std::string& seen) const;
+  Answer askForPermission(OzfPathname const& path, LockWait& wait, std::string& seen);
+  Answer readAndJudge(OzfPathname const& path, LockWait& wait, std::string& seen) const;
   bool priorityAllows(std::string& stored) const;
   bool renderDocument(OzfPathname const& path, std::string& document) const;
   DiscoveryStatus persistFiles(DBCollectionData& data, OzfPathname const& path,

@@ -77,27 +77,6 @@ bool writeAll(int fd, std::string const& text)
   return true;
 }
 
-// Takes a write lock. While another process keeps its lock the guard is given
-// up, and the lock asked for again once the guard is back: a thread that closed
-// the file in between has taken the lock along.
-int waitGivingUpTheGuard(ACE_File_Lock& lock, OzfPathname const& path,
-                         std::optional<MetadataGuard>& guard)
-{
-  int granted = lock.tryacquire_write(0, 0, 1);
-  while (granted != 0 && errno == EBUSY)
-  {
-    guard.reset();
-    granted = waitWriteLock(lock);
-    int const error = errno;
-    guard.emplace(path.str());
-    if (granted == 0)
-      granted = lock.tryacquire_write(0, 0, 1);
-    else
-      errno = error;
-  }
-  return granted;
-}
-
 // A metadata file locked for writing; none when it cannot be had.
 struct LockedFile
 {
@@ -128,7 +107,8 @@ void deleteIfEmpty(int fd, OzfPathname const& path)
 
 // Takes a write lock on what path then names. When it cannot be had, log lines
 // say so. The guard must outlive the result, which closes the file.
-LockedFile lockForWriting(OzfPathname const& path, std::optional<MetadataGuard>& guard)
+LockedFile lockForWriting(OzfPathname const& path, LockWait& wait,
+                          std::optional<MetadataGuard>& guard)
 {
   for (int round = 0; round < REPLACED_LIMIT; ++round)
   {
@@ -143,7 +123,7 @@ LockedFile lockForWriting(OzfPathname const& path, std::optional<MetadataGuard>&
     }
     HeldFile file(new ACE_File_Lock(fd, false));
     int error = 0;
-    if (waitGivingUpTheGuard(*file, path, guard) == 0)
+    if (waitLock(*file, RecordLock::WRITE, wait, path.str(), guard) == 0)
     {
       if (isFileAt(fd, path.c_str(), &error))
         return {std::move(file), made};
@@ -219,11 +199,11 @@ DBDiscovery::Answer DBDiscovery::askForPermission()
   std::ostringstream name;
   generateMetabaseFileName(name);
   OzfPathname const path = OzfPathname::makeFilename(m_directory.str(), name.str());
-  MetadataGuard const guard(path.str());
+  LockWait wait;
   std::string seen;
   try
   {
-    return askForPermission(path, seen);
+    return askForPermission(path, wait, seen);
   }
   catch (std::bad_alloc const&)
   {
@@ -234,9 +214,10 @@ DBDiscovery::Answer DBDiscovery::askForPermission()
 
 // seen is what the decision was made on. When it is no, that is also this
 // discovery's text from now on; when it is yes, there is none.
-DBDiscovery::Answer DBDiscovery::askForPermission(OzfPathname const& path, std::string& seen)
+DBDiscovery::Answer DBDiscovery::askForPermission(OzfPathname const& path, LockWait& wait,
+                                                  std::string& seen)
 {
-  Answer const answer = readAndJudge(path, seen);
+  Answer const answer = readAndJudge(path, wait, seen);
   if (answer == Answer::YES || answer == Answer::UNREADABLE)
     m_metadata.clear();
   else if (!seen.empty())
@@ -244,9 +225,11 @@ DBDiscovery::Answer DBDiscovery::askForPermission(OzfPathname const& path, std::
   return answer;
 }
 
-DBDiscovery::Answer DBDiscovery::readAndJudge(OzfPathname const& path, std::string& seen) const
+DBDiscovery::Answer DBDiscovery::readAndJudge(OzfPathname const& path, LockWait& wait,
+                                              std::string& seen) const
 {
   constexpr char OPERATION[] = "DBDiscovery::canOverride";
+  std::optional<MetadataGuard> guard(std::in_place, path.str());
   int const fd = ::open(path.c_str(), O_RDONLY | COMMON_FLAGS);
   if (fd < 0)
   {
@@ -256,7 +239,7 @@ DBDiscovery::Answer DBDiscovery::readAndJudge(OzfPathname const& path, std::stri
     return Answer::UNKNOWN;
   }
   ACE_File_Lock lock(fd, false);
-  if (waitReadLock(lock) != 0)
+  if (waitLock(lock, RecordLock::READ, wait, path.str(), guard) != 0)
   {
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Unable to acquire read lock " << path.str());
     return Answer::NO;
@@ -408,12 +391,9 @@ DiscoveryStatus DBDiscovery::persistFiles(DBCollectionData& data, OzfPathname co
                                           OzfPathname const& dataPath)
 {
   std::string seen;
-  {
-    MetadataGuard const guard(path.str());
-    Answer const answer = askForPermission(path, seen);
-    if (answer != Answer::YES)
-      return answer == Answer::NO ? DS_DATA_EXISTS : DS_OPEN_FAILED;
-  }
+  LockWait wait;
+  if (Answer const answer = askForPermission(path, wait, seen); answer != Answer::YES)
+    return answer == Answer::NO ? DS_DATA_EXISTS : DS_OPEN_FAILED;
   std::string document;
   if (!renderDocument(path, document))
     return DS_OPEN_FAILED;
@@ -424,7 +404,7 @@ DiscoveryStatus DBDiscovery::persistFiles(DBCollectionData& data, OzfPathname co
   }
 
   std::optional<MetadataGuard> guard(std::in_place, path.str());
-  LockedFile const locked = lockForWriting(path, guard);
+  LockedFile const locked = lockForWriting(path, wait, guard);
   if (!locked.file)
     return DS_OPEN_FAILED;
   int const fd = locked.file->get_handle();

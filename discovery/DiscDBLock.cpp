@@ -12,6 +12,8 @@
 //  * The kernel looks for deadlocks by process. It sees some where there are
 //    none (EDEADLK), because the threads that wait and that hold are different
 //    ones, and may miss those that run through our own mutexes.
+//  * A waiting lock (F_SETLKW) waits for as long as the other process likes, and
+//    only a signal ends it.
 //  * A lock follows the inode. Whoever waited for a file that was deleted in
 //    the meantime gets the lock on a file that nobody will ever find again.
 //
@@ -35,20 +37,27 @@
 //   DBCollectionData::open for      throughout                read, waits
 //   reading, of a stored discovery
 //   DBDiscovery::persist            except while it flushes   write, waits
-//                                   the payload or waits for
-//                                   another process's lock
+//                                   the payload
 //   DBDiscovery::expire             throughout                write, no wait
+//   whoever waits for another       given up meanwhile
+//   process's lock
 //   MetadataGuard's user in general opens, locks, writes, reloads or closes a
 //                                   metadata file
 //
-// A write lock is only ever held by an operation that goes on without waiting
-// for a record lock: whoever waits for one under the guard waits for work that
-// is under way. The wait for a write lock, however, ends when other processes
-// let go of records they keep, which may take them long and may need guards of
-// theirs. So persist asks without waiting first; when that is refused it gives
-// the guard up, waits, and takes the guard again. Another thread may have
-// closed the file in between, so it then asks again and looks at the file
-// afresh: whether it still has its name, and what priority it has now.
+// So nobody asks the kernel to wait. A lock is asked for without waiting, and
+// when that is refused again after a pause, for 30 seconds altogether (LockWait)
+// or until the service ends; then it counts as refused. Whoever may read a file
+// of the database can lock it, and would else hold up every writer, and the end
+// of the service, for good.
+//
+// The guard is given up during the pauses, so that a lock that another process
+// keeps costs nobody but those who want just that lock. Without the guard no
+// lock is taken either: it would convert, by our own process, the lock of the
+// thread that has the guard. Who waits asks whether another process is in the
+// way (F_GETLK), and takes the lock once the guard is back. Another thread may
+// have closed the file in between, and another process deleted or rewritten it,
+// so a writer then looks at the file afresh: whether it still has its name, and
+// what priority it has now.
 //
 // CleanupLock guards "Update.lock". Writers share it for as long as they have a
 // temporary file; the start-up clean-up tries it exclusively. The first sharer
@@ -97,35 +106,21 @@ constexpr char ACQUIRE[] = "CleanupLock::CleanupLock";
 
 using namespace std::chrono_literals;
 
-constexpr std::chrono::milliseconds LONGEST_PAUSE = 100ms;
+// What is asked for a hundred times a second costs next to nothing, and finds a
+// gap between the locks of others about as soon as a queue would.
+constexpr std::chrono::milliseconds LONGEST_PAUSE = 10ms;
 
-template <class Acquire>
-int waitLock(Acquire acquire, std::chrono::milliseconds limit)
+// Whether another process has a lock on byte 0 in the way of this one. Takes
+// none itself: a lock would convert the one that another thread holds.
+bool isInTheWay(int fd, RecordLock type)
 {
-  std::chrono::milliseconds pause = 1ms;
-  std::chrono::milliseconds paused = 0ms; // in this run of EDEADLK
-  for (;;)
+  struct flock lock
   {
-    auto const asked = std::chrono::steady_clock::now();
-    if (acquire() == 0)
-      return 0;
-    if (errno != EDEADLK && errno != EINTR)
-      return -1;
-    // What was interrupted, or refused late, had been waiting in earnest.
-    if (errno == EINTR || std::chrono::steady_clock::now() - asked > LONGEST_PAUSE)
-    {
-      pause = 1ms;
-      paused = 0ms;
-    }
-    if (errno == EINTR)
-      continue;
-    if (paused >= limit)
-      return -1;
-    ErrnoKeeper const keeper;
-    std::this_thread::sleep_for(pause);
-    paused += pause;
-    pause = std::min(pause * 2, LONGEST_PAUSE);
-  }
+  };
+  lock.l_type = type == RecordLock::READ ? F_RDLCK : F_WRLCK;
+  lock.l_whence = SEEK_SET;
+  lock.l_len = 1;
+  return ::fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
 } // namespace
@@ -139,14 +134,64 @@ void FileLockCloser::operator()(ACE_File_Lock* lock) const noexcept
     ::close(fd);
 }
 
-int waitReadLock(ACE_File_Lock& lock, std::chrono::milliseconds limit)
+std::atomic<std::chrono::milliseconds> LockWait::s_limit{30s};
+std::atomic<bool> LockWait::s_ended{false};
+std::atomic<int> LockWait::s_inProgress{0};
+
+bool LockWait::pause()
 {
-  return waitLock([&lock] { return lock.acquire_read(0, 0, 1); }, limit);
+  if (s_ended || m_left <= 0ms)
+    return false;
+  ErrnoKeeper const keeper;
+  auto const begin = std::chrono::steady_clock::now();
+  ++s_inProgress;
+  std::this_thread::sleep_for(m_next);
+  --s_inProgress;
+  m_left -= std::chrono::steady_clock::now() - begin;
+  m_next = std::min(m_next * 2, LONGEST_PAUSE);
+  return true;
 }
 
-int waitWriteLock(ACE_File_Lock& lock, std::chrono::milliseconds limit)
+int tryLock(ACE_File_Lock& lock, RecordLock type)
 {
-  return waitLock([&lock] { return lock.acquire_write(0, 0, 1); }, limit);
+  for (;;)
+  {
+    int const result =
+        type == RecordLock::READ ? lock.tryacquire_read(0, 0, 1) : lock.tryacquire_write(0, 0, 1);
+    if (result == 0 || errno != EINTR)
+      return result;
+  }
+}
+
+int waitLock(ACE_File_Lock& lock, RecordLock type, LockWait& wait)
+{
+  int result;
+  do
+    result = tryLock(lock, type);
+  while (result != 0 && errno == EBUSY && wait.pause());
+  return result;
+}
+
+int waitLock(ACE_File_Lock& lock, RecordLock type, LockWait& wait, std::string const& path,
+             std::optional<MetadataGuard>& guard)
+{
+  for (;;)
+  {
+    int const result = tryLock(lock, type);
+    if (result == 0 || errno != EBUSY)
+      return result;
+    guard.reset();
+    bool inTime;
+    do
+      inTime = wait.pause();
+    while (inTime && isInTheWay(lock.get_handle(), type));
+    guard.emplace(path);
+    if (!inTime)
+    {
+      errno = EBUSY;
+      return -1;
+    }
+  }
 }
 
 bool isFileAt(int fd, char const* path, int* error)
@@ -240,15 +285,26 @@ struct CleanupLock::Directory
 
 CleanupLock::CleanupLock(char const* dir, LockMode mode) : m_mode(mode)
 {
+  LockWait wait;
+  take(dir, wait);
+}
+
+CleanupLock::CleanupLock(char const* dir, LockMode mode, LockWait& wait) : m_mode(mode)
+{
+  take(dir, wait);
+}
+
+void CleanupLock::take(char const* dir, LockWait& wait)
+{
   std::string const path = OzfPathname::makeFilename(dir, "Update.lock").str();
   m_directory = &Directory::of(path);
 
   std::unique_lock lock(m_directory->mutex);
-  if (mode == SHARED)
+  if (m_mode == SHARED)
   {
     m_directory->exclusiveGone.wait(lock, [this] { return !m_directory->exclusive; });
     if (m_directory->sharers == 0 || !isFileAt(m_directory->file->get_handle(), path.c_str()))
-      m_locked = acquire(path);
+      m_locked = acquire(path, wait);
     else
       m_locked = true;
     if (m_locked)
@@ -260,12 +316,12 @@ CleanupLock::CleanupLock(char const* dir, LockMode mode) : m_mode(mode)
     OZF_LOG(getOzfLogger(), 1, SOURCE, ACQUIRE, "Unable to lock " << path);
     return;
   }
-  m_locked = acquire(path);
+  m_locked = acquire(path, wait);
   m_directory->exclusive = m_locked;
 }
 
 // Opens and locks the file; the directory's mutex is held.
-bool CleanupLock::acquire(std::string const& path)
+bool CleanupLock::acquire(std::string const& path, LockWait& wait)
 {
   for (int round = 0; round < REPLACED_LIMIT; ++round)
   {
@@ -276,7 +332,8 @@ bool CleanupLock::acquire(std::string const& path)
       return false;
     }
     auto file = std::make_unique<ACE_File_Lock>(fd, false);
-    int const result = m_mode == SHARED ? waitReadLock(*file) : file->tryacquire_write(0, 0, 1);
+    int const result = m_mode == SHARED ? waitLock(*file, RecordLock::READ, wait)
+                                        : tryLock(*file, RecordLock::WRITE);
     if (result != 0)
       break;
     if (isFileAt(fd, path.c_str()))

@@ -7,12 +7,48 @@
 
 #include <ace/File_Lock.h>
 
+#include <atomic>
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
+
+// How long one operation may wait for the record locks of other processes: 30
+// seconds altogether, however many locks it asks for. Only the waiting counts.
+class TQ_EXPORT LockWait
+{
+public:
+  LockWait() : m_left(s_limit.load()) {}
+  LockWait(LockWait const&) = delete;
+  LockWait& operator=(LockWait const&) = delete;
+
+  // Sleeps before the lock is asked for again, each time a little longer. False,
+  // without sleeping, when the time is up or all waits have been ended; errno
+  // stays.
+  bool pause();
+
+  // From now on nobody waits, and who does gives up within milliseconds: for the
+  // end of the service, which a lock of some other process must not hold up.
+  // Locks that are free are granted all the same. Any thread.
+  static void endAll() noexcept { s_ended = true; }
+  // Waits are allowed again, for another service in the process.
+  static void allow() noexcept { s_ended = false; }
+
+  // For tests: the limit of those made from now on, and how many threads sleep.
+  static void setLimit(std::chrono::milliseconds limit) noexcept { s_limit = limit; }
+  static int inProgress() noexcept { return s_inProgress; }
+
+private:
+  static std::atomic<std::chrono::milliseconds> s_limit;
+  static std::atomic<bool> s_ended;
+  static std::atomic<int> s_inProgress;
+
+  std::chrono::steady_clock::duration m_left;
+  std::chrono::milliseconds m_next{1};
+};
 
 // The advisory lock that keeps the start-up clean-up away from the temporary
 // files of writers at work: byte 0 of "Update.lock" in the database directory.
@@ -26,8 +62,10 @@ public:
     SHARED = 1     // wait
   };
 
-  // Failures are logged and leave the lock not held.
+  // Failures are logged and leave the lock not held. The second shares the time
+  // for waiting with the caller's other locks.
   CleanupLock(char const* dir, LockMode mode);
+  CleanupLock(char const* dir, LockMode mode, LockWait& wait);
   ~CleanupLock();
   CleanupLock(CleanupLock const&) = delete;
   CleanupLock& operator=(CleanupLock const&) = delete;
@@ -37,10 +75,11 @@ public:
 private:
   struct Directory;
 
-  bool acquire(std::string const& path);
+  void take(char const* dir, LockWait& wait);
+  bool acquire(std::string const& path, LockWait& wait);
 
   LockMode m_mode;
-  Directory* m_directory; // never null; owns the open lock file
+  Directory* m_directory = nullptr; // owns the open lock file; null only in the making
   bool m_locked = false;
 };
 
@@ -72,14 +111,23 @@ struct TQ_EXPORT FileLockCloser
 
 using HeldFile = std::unique_ptr<ACE_File_Lock, FileLockCloser>;
 
-// How long the kernel may call a waiting lock a deadlock, again and again.
-inline constexpr std::chrono::milliseconds DEADLOCK_LIMIT = std::chrono::seconds(30);
+enum class RecordLock
+{
+  READ,
+  WRITE
+};
 
-// Waiting record locks on byte 0 that do not give up on EINTR or on the
-// kernel's false EDEADLK. The wait itself has no limit; the limit is that of an
-// unbroken run of EDEADLK. 0, or -1 with errno set.
-TQ_EXPORT int waitReadLock(ACE_File_Lock& lock, std::chrono::milliseconds limit = DEADLOCK_LIMIT);
-TQ_EXPORT int waitWriteLock(ACE_File_Lock& lock, std::chrono::milliseconds limit = DEADLOCK_LIMIT);
+// A record lock on byte 0. tryLock does not wait: 0, or -1 with errno, EBUSY
+// when another process has a lock in the way. waitLock asks again for as long as
+// it may, and then is -1 with EBUSY.
+TQ_EXPORT int tryLock(ACE_File_Lock& lock, RecordLock type);
+TQ_EXPORT int waitLock(ACE_File_Lock& lock, RecordLock type, LockWait& wait);
+
+// The same for a metadata file whose guard the caller holds. It is given up
+// while another process is in the way: other threads may have closed, rewritten
+// or deleted the file in between. It is held again at the return.
+TQ_EXPORT int waitLock(ACE_File_Lock& lock, RecordLock type, LockWait& wait,
+                       std::string const& path, std::optional<MetadataGuard>& guard);
 
 // Whether path is a name of the open file. A lock on a file that lost its name
 // or gave it to another file is worth nothing. Counting links is not enough: a

@@ -3,6 +3,7 @@
 #include "discovery/DiscoveryRepository.h"
 
 #include "discovery/DiscDB.h"
+#include "discovery/DiscDBLock.h"
 #include "discovery/DiscoveryFramework.h"
 #include "discovery/DiscoveryLog.h"
 #include "discovery/ExplorerCall.h"
@@ -197,6 +198,7 @@ void DiscoveryRepository::setDiscoveryFramework(DiscoveryFramework const* framew
   // each framework shuts the repository down once.
   if (framework != nullptr && framework != m_discoveryFramework.get())
     m_shuttingDown = false;
+  LockWait::allow();
   m_discoveryFramework =
       AutoDereference<DiscoveryFramework>::retain(const_cast<DiscoveryFramework*>(framework));
 }
@@ -523,6 +525,7 @@ void DiscoveryRepository::shutdown()
   constexpr char const* OPERATION = "DiscoveryRepository::shutdown";
   OZF_ASSERT(!m_shuttingDown, "!m_shuttingDown", SOURCE, OPERATION);
   m_shuttingDown = true;
+  LockWait::endAll();
 
   getDiscoveriesThreadMgr().waitForRefresh();
 

@@ -50,7 +50,8 @@ public:
       return "cannot be examined: " + errorText(errno);
     if (!S_ISREG(status.st_mode))
       return "is not a regular file";
-    if (waitReadLock(*m_lock) != 0)
+    LockWait wait;
+    if (waitLock(*m_lock, RecordLock::READ, wait) != 0)
       return "cannot be locked: " + errorText(errno);
     return {};
   }

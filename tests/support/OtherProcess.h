@@ -3,6 +3,8 @@
 
 #pragma once
 
+#include "discovery/DiscDBLock.h"
+
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -113,9 +115,12 @@ inline short lockSeenByOthers(std::string const& path, off_t at = 0)
   return static_cast<short>(WEXITSTATUS(status));
 }
 
-// Whether a thread of any process waits for a lock on the file.
+// Whether another process waits for a lock on the file, or a thread of this one
+// for any.
 inline bool someoneWaitsFor(std::string const& path)
 {
+  if (Quillon::Tessarine::Ozf::DiscoverySvc::LockWait::inProgress() > 0)
+    return true;
   struct stat status
   {
   };

@@ -172,7 +172,7 @@ TEST_F(Payload, WhenTheLockCannotBeHadItIsWrittenUnprotected)
 {
   LogCapture log;
   SystemCalls const calls(m_dir.path(), [](std::string const& call)
-                          { return call == "fcntl setlkw read Update.lock" ? ENOLCK : 0; });
+                          { return call == "fcntl setlk read Update.lock" ? ENOLCK : 0; });
   ASSERT_NE(0, m_data->open(OM_UPDATE, ""));
   EXPECT_EQ(1,
             log.count(1, "CleanupLock::CleanupLock", "Unable to lock " + (m_dir / "Update.lock")))

@@ -409,40 +409,48 @@ TEST_F(Faults, APayloadIsNotOpenedWhenItsLockCannotBeHadAgain)
   AutoDereference<Discovery> const record(getDiscoveryDBDatabase()->getDiscovery(XML));
   LogCapture log;
   SystemCalls const calls(m_db.path(), [&](std::string const& call)
-                          { return call.starts_with("fcntl setlkw read") ? ENOLCK : 0; });
+                          { return call.starts_with("fcntl setlk read") ? ENOLCK : 0; });
   EXPECT_EQ(DS_OPEN_FAILED, record->open(OM_READ, ""));
   EXPECT_EQ(1, log.count(1, "DBCollectionData::open", "Unable to lock " + (m_db / XML)))
       << log.text();
 }
 
-TEST_F(Faults, OnlyAnUnbrokenRunOfDeadlocksEndsAWait)
+TEST_F(Faults, AnInterruptedTryIsNoRefusal)
 {
   std::string const path = m_db / "f";
   ACE_File_Lock lock(open(path.c_str(), O_RDWR | O_CREAT, 0644), false);
-  using namespace std::chrono_literals;
+  LockWait::setLimit(std::chrono::milliseconds(0));
+  LockWait wait;
   int calls = 0;
-  {
-    SystemCalls const watched(m_db.path(),
-                              [&](std::string const&) { return ++calls <= 1000 ? EINTR : 0; });
-    EXPECT_EQ(0, waitReadLock(lock, 0ms)) << "signals do not count";
-    EXPECT_EQ(1001, calls);
-  }
-  calls = 0;
-  {
-    // Interrupted in between, the run of deadlocks is broken each time.
-    SystemCalls const watched(m_db.path(),
-                              [&](std::string const&)
-                              {
-                                ++calls;
-                                return calls > 60 ? 0 : calls % 3 == 0 ? EINTR : EDEADLK;
-                              });
-    EXPECT_EQ(0, waitWriteLock(lock, 3ms));
-  }
-  SystemCalls const watched(m_db.path(), [](std::string const&) { return EDEADLK; });
+  SystemCalls const watched(m_db.path(),
+                            [&](std::string const&) { return ++calls <= 1000 ? EINTR : 0; });
+  EXPECT_EQ(0, waitLock(lock, RecordLock::READ, wait));
+  EXPECT_EQ(1001, calls);
+}
+
+TEST_F(Faults, ALockThatStaysRefusedEndsTheWaitInTime)
+{
+  using namespace std::chrono_literals;
+  std::string const path = m_db / "f";
+  ACE_File_Lock lock(open(path.c_str(), O_RDWR | O_CREAT, 0644), false);
+  LockWait::setLimit(50ms);
+  LockWait wait;
+  int calls = 0;
+  SystemCalls const watched(m_db.path(),
+                            [&](std::string const&)
+                            {
+                              ++calls;
+                              return EAGAIN;
+                            });
   auto const start = std::chrono::steady_clock::now();
-  EXPECT_EQ(-1, waitWriteLock(lock, 20ms));
-  EXPECT_EQ(EDEADLK, errno);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 4s);
+  EXPECT_EQ(-1, waitLock(lock, RecordLock::WRITE, wait));
+  EXPECT_EQ(EBUSY, errno);
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 50ms);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
+  EXPECT_GT(calls, 2);
+  calls = 0;
+  EXPECT_EQ(-1, waitLock(lock, RecordLock::WRITE, wait)) << "all waits of an operation together";
+  EXPECT_EQ(1, calls);
 }
 
 TEST_F(Faults, AMetadataFileThatCannotBeExaminedRefusesTheWriteWithALine)

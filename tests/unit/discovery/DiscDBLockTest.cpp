@@ -301,7 +301,8 @@ TEST(WaitingLock, SurvivesASignal)
       [&]
       {
         ACE_File_Lock lock(openFile(path), false);
-        result = waitReadLock(lock);
+        LockWait wait;
+        result = waitLock(lock, RecordLock::READ, wait);
       });
   EXPECT_TRUE(eventually([&] { return someoneWaitsFor(path); }));
   pthread_kill(waiter.native_handle(), SIGUSR1);
@@ -335,7 +336,8 @@ TEST(WaitingLock, TriesAgainWhenTheKernelSeesADeadlock)
       [&]
       {
         ACE_File_Lock lock(openFile(a), false);
-        result = waitWriteLock(lock);
+        LockWait wait;
+        result = waitLock(lock, RecordLock::WRITE, wait);
         finished = true;
       });
   // A wait that gave up would be over long before this.
@@ -351,6 +353,69 @@ TEST(WaitingLock, OtherRefusalsAreReported)
   TempDir const dir;
   writeText(dir / "f", "");
   ACE_File_Lock lock(open((dir / "f").c_str(), O_RDONLY), false);
-  EXPECT_EQ(-1, waitWriteLock(lock));
+  LockWait wait;
+  EXPECT_EQ(-1, waitLock(lock, RecordLock::WRITE, wait));
   EXPECT_EQ(EBADF, errno);
+}
+
+TEST(WaitingLock, GivesTheGuardUpMeanwhileAndHasItBackAfterwards)
+{
+  TempDir const dir;
+  std::string const path = dir / "f";
+  OtherProcess holder(path, F_WRLCK);
+  std::atomic<int> granted{99};
+  std::thread waiter(
+      [&]
+      {
+        std::optional<MetadataGuard> guard(std::in_place, path);
+        ACE_File_Lock lock(openFile(path), false);
+        LockWait wait;
+        granted = waitLock(lock, RecordLock::READ, wait, path, guard);
+        EXPECT_TRUE(guard);
+        EXPECT_EQ(F_RDLCK, lockSeenByOthers(path));
+      });
+  EXPECT_TRUE(eventually([] { return LockWait::inProgress() > 0; }));
+  {
+    // Would hang for good, or until the limit.
+    MetadataGuard const guard(path);
+    holder.leave();
+    // Whoever has the guard may work undisturbed: the one that waits takes no
+    // lock that would convert his.
+    ACE_File_Lock mine(openFile(path), false);
+    ASSERT_EQ(0, tryLock(mine, RecordLock::WRITE));
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_EQ(F_WRLCK, lockSeenByOthers(path));
+    EXPECT_EQ(99, granted);
+  }
+  waiter.join();
+  EXPECT_EQ(0, granted);
+}
+
+TEST(WaitingLock, EndsWithTheService)
+{
+  TempDir const dir;
+  std::string const path = dir / "f";
+  OtherProcess const holder(path, F_RDLCK);
+  std::atomic<int> result{99};
+  std::thread waiter(
+      [&]
+      {
+        ACE_File_Lock lock(openFile(path), false);
+        LockWait wait;
+        result = waitLock(lock, RecordLock::WRITE, wait);
+      });
+  EXPECT_TRUE(eventually([] { return LockWait::inProgress() > 0; }));
+  auto const begin = std::chrono::steady_clock::now();
+  LockWait::endAll();
+  waiter.join();
+  EXPECT_EQ(-1, result);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+
+  // What is free is granted.
+  ACE_File_Lock lock(openFile(dir / "free"), false);
+  LockWait wait;
+  EXPECT_EQ(0, waitLock(lock, RecordLock::WRITE, wait));
+  EXPECT_FALSE(wait.pause());
+  LockWait::allow();
+  EXPECT_TRUE(wait.pause());
 }
