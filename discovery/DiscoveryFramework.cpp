@@ -1,6 +1,7 @@
 #include "discovery/DiscoveryFramework.h"
 
 #include "discovery/DiscDB.h"
+#include "discovery/DiscDBLock.h"
 #include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryRepository.h"
 #include "discovery/DiscoveryService_i.h"
@@ -119,6 +120,8 @@ void DiscoveryFramework::shutdown()
 {
   OZF_ASSERT(!m_shutdown, "!m_shutdown", SOURCE, "DiscoveryFramework::shutdown");
   m_shutdown = true;
+  // Before anything is waited for: a call in progress may want a lock.
+  LockWait::endAll();
 
   // A step that fails must not keep the next from being taken.
   constexpr char const* OPERATION = "DiscoveryFramework::shutdown";

@@ -197,8 +197,10 @@ void DiscoveryRepository::setDiscoveryFramework(DiscoveryFramework const* framew
   // A process that reads discoveries may come up and go down again and again:
   // each framework shuts the repository down once.
   if (framework != nullptr && framework != m_discoveryFramework.get())
+  {
     m_shuttingDown = false;
-  LockWait::allow();
+    LockWait::allow();
+  }
   m_discoveryFramework =
       AutoDereference<DiscoveryFramework>::retain(const_cast<DiscoveryFramework*>(framework));
 }
@@ -525,7 +527,6 @@ void DiscoveryRepository::shutdown()
   constexpr char const* OPERATION = "DiscoveryRepository::shutdown";
   OZF_ASSERT(!m_shuttingDown, "!m_shuttingDown", SOURCE, OPERATION);
   m_shuttingDown = true;
-  LockWait::endAll();
 
   getDiscoveriesThreadMgr().waitForRefresh();
 

@@ -5,7 +5,12 @@
 
 #include <gmock/gmock.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <chrono>
+#include <csignal>
 #include <fstream>
 #include <thread>
 
@@ -129,3 +134,54 @@ TEST(ShutdownTest, stopsWhileClientsGoOnAsking)
 }
 
 } // namespace
+
+TEST(ShutdownTest, aLockThatSomebodyKeepsDoesNotHoldTheEndUp)
+{
+  LiveService service;
+  ASSERT_TRUE(service.start()) << service.log();
+  client::Client client(service.root(), LiveService::NAME);
+  ASSERT_TRUE(client.connected());
+  for (char const* const subject : {"locked", "free"})
+    ASSERT_EQ(client.store(subject, "kept", "<x/>"), client::DS_SUCCESS);
+  // This process reads the metadata, and does not let go of it.
+  int const fd = open((service.database() + "/2 kept locked.xml").c_str(), O_RDONLY | O_CLOEXEC);
+  struct flock lock = {};
+  lock.l_type = F_RDLCK;
+  lock.l_whence = SEEK_SET;
+  lock.l_len = 1;
+  ASSERT_EQ(fcntl(fd, F_SETLK, &lock), 0);
+
+  client::Remote::RemoteWriter_var writer;
+  ASSERT_EQ(client->putCollection(client::makeRecord("locked", "kept"), writer.out()).discStatus,
+            client::DS_SUCCESS);
+  ASSERT_TRUE(writer->put(client::makeChunk("<new/>")));
+  std::atomic<bool> returned{false};
+  std::atomic<int> status{-1};
+  std::thread closing(
+      [&]
+      {
+        try
+        {
+          status = writer->close().discStatus;
+        }
+        catch (CORBA::Exception const&)
+        {
+          // The connection went with the service.
+        }
+        returned = true;
+      });
+  // Meanwhile other names are written, and the locked one is read.
+  for (int i = 0; i < 20; ++i)
+    ASSERT_EQ(client.store("free", "kept", "<y/>"), client::DS_SUCCESS);
+  EXPECT_EQ(client.read("locked", "kept"), "<x/>");
+  EXPECT_FALSE(returned);
+
+  auto const begin = std::chrono::steady_clock::now();
+  service.process().sendSignal(SIGTERM);
+  EXPECT_TRUE(service.process().wait(std::chrono::seconds(20))) << service.log();
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+  closing.join();
+  EXPECT_NE(status, client::DS_SUCCESS);
+  EXPECT_EQ(readText(service.database() + "/2 kept locked.dat"), "<x/>");
+  close(fd);
+}
