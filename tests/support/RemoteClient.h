@@ -96,15 +96,28 @@ public:
     return store(makeRecord(subject, authority), payload);
   }
 
-  // The subjects of what matches.
-  std::multiset<std::string> subjects(std::string const& authority = "*")
+  // The subjects of what matches. With incomplete, the service may say that some
+  // are missing.
+  std::multiset<std::string> subjects(std::string const& authority = "*",
+                                      bool* incomplete = nullptr)
   {
     std::multiset<std::string> found;
     Remote::DiscoveryIterator_var const iterator =
         m_service->queryDiscoveries(DQ_DISCOVERY_DATA, AT_ANYANDALL, "*", authority.c_str());
     for (;;)
     {
-      Remote::DiscoverySeq_var page = iterator->getNextPage();
+      Remote::DiscoverySeq_var page;
+      try
+      {
+        page = iterator->getNextPage();
+      }
+      catch (CORBA::PERSIST_STORE const&)
+      {
+        if (incomplete == nullptr)
+          throw;
+        *incomplete = true;
+        break;
+      }
       if (page->length() == 0)
         break;
       for (CORBA::ULong i = 0; i < page->length(); ++i)

@@ -1,0 +1,88 @@
+// What an operator is told of a service whose disk fails: never that nothing is
+// there, and never half a payload.
+
+#include "tests/support/LiveService.h"
+#include "tests/support/RemoteClient.h"
+
+#include <gmock/gmock.h>
+
+namespace
+{
+
+using namespace tqtest;
+using testing::HasSubstr;
+using testing::Not;
+using Words = std::vector<std::string>;
+
+constexpr char SENTENCE[] = "the list is incomplete: the service could not read all that it has";
+
+class TqdiscoctlIncompleteTest : public testing::Test
+{
+protected:
+  void SetUp() override
+  {
+    ASSERT_TRUE(m_service.start({{"LD_PRELOAD", TQ_FIXTURE_DIR "/libfailing_files.so"},
+                                 {"ASAN_OPTIONS", "verify_asan_link_order=0"},
+                                 {"TQ_FAILING_FILES", m_rule}}))
+        << m_service.log();
+    client::Client client(m_service.root(), LiveService::NAME);
+    ASSERT_TRUE(client.connected());
+    for (char const* const subject : {"one", "two"})
+      ASSERT_EQ(client.store(subject, "kept", m_payload), client::DS_SUCCESS);
+  }
+
+  // Sets in at once.
+  void fail(std::string const& rule) const
+  {
+    writeText(m_rule + ".new", rule);
+    std::filesystem::rename(m_rule + ".new", m_rule);
+  }
+
+  LiveService m_service;
+  std::string const m_rule = m_service / "failing";
+  std::string const m_payload =
+      "<DiscoveredItems>" + std::string(150'000, ' ') + "</DiscoveredItems>";
+};
+
+} // namespace
+
+TEST_F(TqdiscoctlIncompleteTest, aListSaysThatItIsIncompleteAndExitsWith4)
+{
+  EXPECT_EQ(m_service.tqdiscoctl({"query"}).exitCode, 0);
+  fail("open 2 kept two.xml");
+  for (Words const& words : {Words{"query"}, Words{"query", "--json"}, Words{"hosts"},
+                             Words{"items"}, Words{"status"}, Words{"watch", "--looks", "1"}})
+  {
+    Outcome const outcome = m_service.tqdiscoctl(words);
+    EXPECT_EQ(outcome.exitCode, 4) << words[0] << outcome.errors;
+    EXPECT_EQ(occurrences(outcome.errors, SENTENCE), 1U) << words[0] << outcome.errors;
+  }
+  Outcome const listed = m_service.tqdiscoctl({"query"});
+  EXPECT_THAT(listed.output, HasSubstr("one"));
+  EXPECT_THAT(listed.output, Not(HasSubstr("two")));
+
+  // Not "nothing matches", although nothing is listed.
+  fail("readdir db/discovery");
+  for (Words const& words : {Words{"query"}, Words{"hosts"}, Words{"items"},
+                             Words{"show", "one", "kept"}, Words{"filters", "one", "kept"}})
+  {
+    Outcome const outcome = m_service.tqdiscoctl(words);
+    EXPECT_EQ(outcome.exitCode, 4) << words[0] << outcome.errors;
+    EXPECT_EQ(occurrences(outcome.errors, SENTENCE), 1U) << words[0] << outcome.errors;
+    EXPECT_THAT(outcome.errors, Not(HasSubstr("nothing matches")));
+  }
+  std::filesystem::remove(m_rule);
+  EXPECT_EQ(m_service.tqdiscoctl({"query"}).exitCode, 0);
+}
+
+TEST_F(TqdiscoctlIncompleteTest, aPayloadThatCannotBeReadIsAFailureAndNotAShortOne)
+{
+  fail("read 2 kept two.dat");
+  Outcome const outcome = m_service.tqdiscoctl({"show", "two", "kept", "--raw"});
+  EXPECT_EQ(outcome.exitCode, 1) << outcome.errors;
+  EXPECT_EQ(outcome.output, "");
+  EXPECT_THAT(outcome.errors, HasSubstr("could be read"));
+  EXPECT_EQ(m_service.tqdiscoctl({"show", "one", "kept", "--raw"}).output, m_payload);
+  std::filesystem::remove(m_rule);
+  EXPECT_EQ(m_service.tqdiscoctl({"show", "two", "kept", "--raw"}).output, m_payload);
+}
