@@ -128,9 +128,11 @@ bool DBDiscovery::load()
   return false;
 }
 
-bool DBDiscovery::load(char const* text)
+bool DBDiscovery::load(char const* text) { return load(std::string(text != nullptr ? text : "")); }
+
+bool DBDiscovery::load(std::string text)
 {
-  m_metadata = text != nullptr ? text : "";
+  m_metadata = std::move(text);
   return loadInternal();
 }
 

@@ -47,9 +47,11 @@ public:
   // The text that was loaded, byte for byte, as long as no part was replaced.
   std::ostream& writeXml(std::ostream& os, XmlStr::Encoding encoding) const override;
 
-  // Reads and parses the metadata file held, or the text.
+  // Reads and parses the metadata file held, or the text: to its first NUL, or
+  // the whole of it, which is what is done with a file.
   bool load();
   bool load(char const* text);
+  bool load(std::string text);
 
   // The error of the system because of which load could not read the file; 0
   // when it could, whatever it holds.

@@ -1,6 +1,7 @@
 #include "tools/DatabaseScan.h"
 
 #include "discovery/DiscDBDiscovery.h"
+#include "discovery/DiscDBFiles.h"
 #include "discovery/DiscDBLock.h"
 #include "discovery/XMLHelper.h"
 #include "ozf/base/AsciiCase.h"
@@ -18,6 +19,7 @@
 #include <sstream>
 #include <sys/stat.h>
 #include <tuple>
+#include <unistd.h>
 
 namespace tqdiscoctl
 {
@@ -30,26 +32,54 @@ namespace
 
 constexpr std::size_t MAX_STORED_PAYLOAD = std::size_t(1) << 30;
 
+// The user that the service runs as, as far as its directory tells.
+uid_t serviceUser(std::string const& directory)
+{
+  struct stat status
+  {
+  };
+  return ::stat(directory.c_str(), &status) == 0 ? status.st_uid : ::geteuid();
+}
+
+// Why the service would not take the open file; empty when it would.
+std::string judge(int fd, uid_t user, unsigned rights)
+{
+  struct stat status
+  {
+  };
+  if (::fstat(fd, &status) != 0)
+    return "cannot be examined: " + errorText(errno);
+  if (std::string reason = refusalOf(status, user); !reason.empty())
+    return reason;
+  // Of a file of root's the user may have the rights of the group.
+  unsigned const user3 = status.st_mode >> 6 & 7;
+  unsigned const others3 = (status.st_mode >> 3 | status.st_mode) & 7;
+  bool const allowed = user == 0 || ((status.st_uid == user ? user3 : others3) & rights) == rights;
+  return allowed ? ""
+                 : "may not be opened by the service, which runs as user " + std::to_string(user);
+}
+
+std::string reasonOfOpen(int error)
+{
+  return error == ELOOP ? "is a symbolic link" : "cannot be opened: " + errorText(error);
+}
+
 // A metadata file held open under a read lock.
 class HeldFile
 {
 public:
-  explicit HeldFile(std::string const& path) : m_path(path), m_guard(path) {}
+  HeldFile(std::string const& path, uid_t user) : m_path(path), m_user(user), m_guard(path) {}
 
-  // An empty reason means that the file is open, regular and locked.
+  // An empty reason means that the file is open, one that the service takes, and
+  // locked.
   std::string open()
   {
-    int const fd = ::open(m_path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    int const fd = ::open(m_path.c_str(), O_RDONLY | DATABASE_FILE_FLAGS);
     if (fd < 0)
-      return "cannot be opened: " + errorText(errno);
+      return reasonOfOpen(errno);
     m_lock = std::make_unique<ACE_File_Lock>(fd, false);
-    struct stat status
-    {
-    };
-    if (::fstat(fd, &status) != 0)
-      return "cannot be examined: " + errorText(errno);
-    if (!S_ISREG(status.st_mode))
-      return "is not a regular file";
+    if (std::string reason = judge(fd, m_user, 06); !reason.empty())
+      return reason;
     LockWait wait;
     if (waitLock(*m_lock, RecordLock::READ, wait) != 0)
       return "cannot be locked: " + errorText(errno);
@@ -60,6 +90,7 @@ public:
 
 private:
   std::string m_path;
+  uid_t m_user;
   MetadataGuard m_guard; // also while the lock is closed
   std::unique_ptr<ACE_File_Lock> m_lock;
 };
@@ -67,7 +98,8 @@ private:
 // Reads and checks one discovery; the reason when it is not sound.
 std::string examine(std::string const& directory, std::string const& file, StoredDiscovery& found)
 {
-  HeldFile held(directory + '/' + file);
+  uid_t const user = serviceUser(directory);
+  HeldFile held(directory + '/' + file, user);
   if (std::string reason = held.open(); !reason.empty())
     return reason;
 
@@ -79,7 +111,7 @@ std::string examine(std::string const& directory, std::string const& file, Store
 
   AutoDereference<DBDiscovery> const discovery(new DBDiscovery(
       OzfPathname(directory), new DBCollectionData(OzfPathname(directory + '/')), DQ_UNDEFINED));
-  bool const loaded = discovery->load(text.c_str());
+  bool const loaded = discovery->load(text);
   if (!discovery->lastError().empty())
     return "cannot be parsed: " + discovery->lastError();
   if (discovery->getSubject() == nullptr)
@@ -111,18 +143,17 @@ std::string examine(std::string const& directory, std::string const& file, Store
 
   found.metadataFile = file;
   found.payloadFile = file.substr(0, file.size() - 3) + "dat";
+  UniqueFd const payload(
+      ::open((directory + '/' + found.payloadFile).c_str(), O_RDONLY | DATABASE_FILE_FLAGS));
+  if (!payload.valid())
+    return errno == ENOENT ? "has no payload file" : "has a payload that " + reasonOfOpen(errno);
+  if (std::string const reason = judge(payload.get(), user, 04); !reason.empty())
+    return "has a payload that " + reason;
   struct stat status
   {
   };
-  std::string const payloadPath = directory + '/' + found.payloadFile;
-  if (::stat(payloadPath.c_str(), &status) != 0)
-    return errno == ENOENT ? "has no payload file"
-                           : "has a payload file that cannot be examined: " + errorText(errno);
-  if (!S_ISREG(status.st_mode))
-    return "has a payload that is not a regular file";
-  UniqueFd const payload(::open(payloadPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  if (!payload.valid())
-    return "has a payload file that cannot be opened: " + errorText(errno);
+  if (::fstat(payload.get(), &status) != 0)
+    return "has a payload that cannot be examined: " + errorText(errno);
   found.payloadBytes = static_cast<std::uint64_t>(status.st_size);
   return {};
 }
@@ -149,8 +180,16 @@ int scanDatabase(std::string const& directory, DatabaseContents& contents)
     std::unique_ptr<DIR, Closer> const stream(::opendir(directory.c_str()));
     if (!stream)
       return errno;
-    while (dirent const* const entry = ::readdir(stream.get()))
+    for (;;)
+    {
+      errno = 0;
+      dirent const* const entry = ::readdir(stream.get());
+      if (entry == nullptr)
+        break;
       names.insert(entry->d_name);
+    }
+    if (errno != 0)
+      return errno;
   }
 
   for (std::string const& name : names)
@@ -194,18 +233,26 @@ int scanDatabase(std::string const& directory, DatabaseContents& contents)
 bool readPayload(std::string const& directory, StoredDiscovery const& discovery,
                  std::string& payload, std::string& reason)
 {
-  HeldFile held(directory + '/' + discovery.metadataFile);
+  uid_t const user = serviceUser(directory);
+  HeldFile held(directory + '/' + discovery.metadataFile, user);
   reason = held.open();
   if (!reason.empty())
   {
     reason = discovery.metadataFile + ' ' + reason;
     return false;
   }
-  if (int const error =
-          readFile(directory + '/' + discovery.payloadFile, payload, MAX_STORED_PAYLOAD);
-      error != 0)
+  UniqueFd const file(
+      ::open((directory + '/' + discovery.payloadFile).c_str(), O_RDONLY | DATABASE_FILE_FLAGS));
+  if (!file.valid())
+    reason = reasonOfOpen(errno);
+  else
+    reason = judge(file.get(), user, 04);
+  if (reason.empty())
+    if (int const error = readAll(file.get(), payload, MAX_STORED_PAYLOAD); error != 0)
+      reason = "cannot be read: " + errorText(error);
+  if (!reason.empty())
   {
-    reason = discovery.payloadFile + " cannot be read: " + errorText(error);
+    reason = discovery.payloadFile + ' ' + reason;
     return false;
   }
   return true;

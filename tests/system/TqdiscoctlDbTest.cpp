@@ -257,3 +257,41 @@ TEST_F(TqdiscoctlDbTest, helpAndVersionExitWith0)
   EXPECT_EQ(version.exitCode, 0);
   EXPECT_THAT(version.output, MatchesRegex("tqdiscoctl " TQ_VERSION "\n"));
 }
+
+TEST_F(TqdiscoctlDbTest, verifyRefusesWhatTheServiceRefuses)
+{
+  namespace fs = std::filesystem;
+  TempDir elsewhere;
+  for (char const* const subject : {"nul", "metalink", "metaname", "datalink", "dataname", "sound"})
+    store(subject, "host", "<payload/>");
+  auto const fileOf = [this](char const* subject, char const* extension)
+  { return m_database + "/2 host " + subject + extension; };
+  // A whole document, and then what a power cut may leave of a longer one.
+  std::string const document = readText(fileOf("nul", ".xml"));
+  writeText(fileOf("nul", ".xml"), document + std::string(10, '\0'));
+  for (auto const& [subject, extension] :
+       {std::pair("metalink", ".xml"), std::pair("datalink", ".dat")})
+  {
+    fs::rename(fileOf(subject, extension), elsewhere / subject);
+    fs::create_symlink(elsewhere / subject, fileOf(subject, extension));
+  }
+  fs::create_hard_link(fileOf("metaname", ".xml"), elsewhere / "metaname");
+  fs::create_hard_link(fileOf("dataname", ".dat"), elsewhere / "dataname");
+
+  Outcome const verified = run({"db", "verify"});
+  EXPECT_EQ(verified.exitCode, 4);
+  for (char const* const line :
+       {"\"2 host nul.xml\" cannot be parsed: ", "\"2 host metalink.xml\" is a symbolic link",
+        "\"2 host metaname.xml\" has 2 names",
+        "\"2 host datalink.xml\" has a payload that is a "
+        "symbolic link",
+        "\"2 host dataname.xml\" has a payload that has 2 names", "1 sound, 5 problems"})
+    EXPECT_THAT(verified.output, HasSubstr(line));
+  EXPECT_EQ(run({"db", "show", "sound", "host", "--raw"}).output, "<payload/>");
+  for (char const* const subject : {"nul", "metalink", "metaname", "datalink", "dataname"})
+  {
+    Outcome const shown = run({"db", "show", subject, "host", "--raw"});
+    EXPECT_EQ(shown.exitCode, 3) << subject;
+    EXPECT_EQ(shown.output, "") << subject;
+  }
+}
