@@ -1,6 +1,7 @@
 #include "discovery/DiscDB.h"
 
 #include "discovery/DiscDBDiscovery.h"
+#include "discovery/DiscDBFiles.h"
 #include "discovery/DiscoveryLog.h"
 #include "ozf/base/OzfPathname.h"
 #include "ozf/base/SystemError.h"
@@ -144,12 +145,14 @@ Discovery* DiscoveryDBCreator::getDiscovery(char const* metadataFileName, bool m
   AutoDereference<DBDiscovery> discovery;
   for (int round = 0; round < REPLACED_LIMIT; ++round)
   {
-    int const fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    int const fd = ::open(path.c_str(), O_RDWR | DATABASE_FILE_FLAGS);
     if (fd < 0)
     {
-      error = saysNothingOfAFile(errno) ? errno : 0;
-      if (!mayBeAbsent || errno != ENOENT || !isAbsent(path.str()))
+      int const reason = errno;
+      error = saysNothingOfAFile(reason) ? reason : 0;
+      if (!mayBeAbsent || reason != ENOENT || !isAbsent(path.str()))
         OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Unable to open " << path.str());
+      logIfLink(path.str(), reason, OPERATION);
       if (error != 0)
         OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, path.str() << ": " << errorText(error));
       return nullptr;

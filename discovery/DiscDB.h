@@ -35,7 +35,9 @@ public:
   void init(std::string const& name);
 
   // Makes the directory and deletes the temporary files that writers left,
-  // unless a writer is at work.
+  // unless a writer is at work. A directory of this user's that is there is closed
+  // to others. One that others may write to even so is refused: it is as if it
+  // could not be made.
   void setupDB();
 
   // The query kind does not filter. Asserts that init has run.

@@ -1,5 +1,6 @@
 #include "discovery/DiscDBCollection.h"
 
+#include "discovery/DiscDBFiles.h"
 #include "discovery/DiscoveryLog.h"
 #include "ozf/base/SystemError.h"
 
@@ -105,14 +106,13 @@ bool DBCollectionData::openPayload()
   }
   OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION, "Opening collection file: " << m_path.str());
 
-  // Without O_NONBLOCK a FIFO in the payload's place would block us for good.
-  UniqueFd fd(::open(m_path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  UniqueFd fd(::open(m_path.c_str(), O_RDONLY | DATABASE_FILE_FLAGS));
   struct stat status
   {
   };
   if (fd.valid() && ::fstat(fd.get(), &status) == 0)
   {
-    if (S_ISREG(status.st_mode))
+    if (isDatabaseFile(status, m_path.str(), OPERATION))
     {
       m_handle = fd.release();
       return true;
@@ -122,6 +122,7 @@ bool DBCollectionData::openPayload()
   int const error = errno;
   OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Last error" << error);
   OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, m_path.str() << ": " << errorText(error));
+  logIfLink(m_path.str(), error, OPERATION);
   return false;
 }
 
@@ -138,7 +139,7 @@ bool DBCollectionData::openTemporary()
     if (candidate > 0)
       OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION,
               "Attempting collecation data file " << path.str());
-    m_handle = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    m_handle = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | DATABASE_FILE_FLAGS, 0644);
     if (m_handle != ACE_INVALID_HANDLE)
     {
       m_path = std::move(path);

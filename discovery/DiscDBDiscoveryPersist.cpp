@@ -25,9 +25,6 @@ namespace
 constexpr char SOURCE[] = "DiscDB";
 constexpr char PERSIST[] = "DBDiscovery::persist";
 
-// O_NONBLOCK: a FIFO or a device in the file's place must not hold us up.
-constexpr int COMMON_FLAGS = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
-
 // Only of what is not there may be said that nothing is stored.
 bool saysAbsent(int error) { return error == ENOENT || error == ENOTDIR; }
 
@@ -35,6 +32,7 @@ void logUnopened(std::string const& path, int error, char const* operation)
 {
   OZF_LOG(getOzfLogger(), 1, SOURCE, operation, "Unable to open " << path);
   OZF_LOG(getOzfLogger(), 1, SOURCE, operation, path << ": " << errorText(error));
+  logIfLink(path, error, operation);
 }
 
 void logUnread(std::string const& path, int error, char const* operation)
@@ -89,11 +87,11 @@ struct LockedFile
 int openOrMake(OzfPathname const& path, bool& made)
 {
   made = false;
-  int const fd = ::open(path.c_str(), O_RDWR | COMMON_FLAGS);
+  int const fd = ::open(path.c_str(), O_RDWR | DATABASE_FILE_FLAGS);
   if (fd >= 0 || errno != ENOENT)
     return fd;
   made = true;
-  return ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | COMMON_FLAGS, 0644);
+  return ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | DATABASE_FILE_FLAGS, 0644);
 }
 
 // An empty file that we made would only be in every reader's way. Asked without
@@ -230,7 +228,7 @@ DBDiscovery::Answer DBDiscovery::readAndJudge(OzfPathname const& path, LockWait&
 {
   constexpr char OPERATION[] = "DBDiscovery::canOverride";
   std::optional<MetadataGuard> guard(std::in_place, path.str());
-  int const fd = ::open(path.c_str(), O_RDONLY | COMMON_FLAGS);
+  int const fd = ::open(path.c_str(), O_RDONLY | DATABASE_FILE_FLAGS);
   if (fd < 0)
   {
     if (saysAbsent(errno))
@@ -431,7 +429,7 @@ DiscoveryStatus DBDiscovery::readStored(int fd, std::string const& seen,
     logUnexamined(path.str(), errno, PERSIST);
     return DS_OPEN_FAILED;
   }
-  if (!isRegular(status, path.str(), PERSIST))
+  if (!isDatabaseFile(status, path.str(), PERSIST))
     return DS_OPEN_FAILED;
   if (status.st_size > LARGEST_METADATA)
     return DS_SUCCESS;

@@ -25,17 +25,39 @@ void logTooLarge(std::string const& path, off_t size, char const* operation)
           "Too large for metadata: " << path << ", " << size << " bytes");
 }
 
-bool isRegular(struct stat const& status, std::string const& path, char const* operation)
+std::string refusalOf(struct stat const& status, uid_t owner)
 {
-  if (S_ISREG(status.st_mode))
+  if (!S_ISREG(status.st_mode))
+    return "is not a regular file";
+  if (status.st_nlink > 1)
+    return "has " + std::to_string(status.st_nlink) + " names, as a file of the database has not";
+  if (status.st_uid != owner && status.st_uid != 0)
+    return "belongs to user " + std::to_string(status.st_uid) + ", not to root or user " +
+           std::to_string(owner);
+  return {};
+}
+
+void logIfLink(std::string const& path, int error, char const* operation)
+{
+  if (error == ELOOP)
+    OZF_LOG(getOzfLogger(), 1, SOURCE, operation, "Refused " << path << ": is a symbolic link");
+}
+
+bool isDatabaseFile(struct stat const& status, std::string const& path, char const* operation)
+{
+  std::string const refusal = refusalOf(status, ::geteuid());
+  if (refusal.empty())
     return true;
-  OZF_LOG(getOzfLogger(), 1, SOURCE, operation, "Not a regular file: " << path);
+  if (!S_ISREG(status.st_mode))
+    OZF_LOG(getOzfLogger(), 1, SOURCE, operation, "Not a regular file: " << path);
+  else
+    OZF_LOG(getOzfLogger(), 1, SOURCE, operation, "Refused " << path << ": " << refusal);
   return false;
 }
 
 bool isMetadataFile(struct stat const& status, std::string const& path, char const* operation)
 {
-  if (!isRegular(status, path, operation))
+  if (!isDatabaseFile(status, path, operation))
     return false;
   if (status.st_size > LARGEST_METADATA)
   {

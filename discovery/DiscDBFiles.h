@@ -2,6 +2,9 @@
 
 #pragma once
 
+#include "discovery/Export.h"
+
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 
@@ -11,9 +14,24 @@
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
 
-// Whether the open file is a regular one; if not, a log line of the operation
-// names it.
-bool isRegular(struct stat const& status, std::string const& path, char const* operation);
+// Why an open file is not taken for one of the database; empty when it is: a
+// regular file with no other name, of root or of that user. Links, and files of
+// others, would let whoever may write to the directory have us read and write
+// what he may not. One that has just been deleted has no name at all. Begins with
+// a verb, as in "is not a regular file".
+TQ_EXPORT std::string refusalOf(struct stat const& status, uid_t owner);
+
+// What every open of such a file has besides: it follows no link, and does not
+// wait for a FIFO or a device in the file's place.
+inline constexpr int DATABASE_FILE_FLAGS = O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+
+// Writes the line of a file that could not be opened for the errno value, when
+// that tells of a link.
+void logIfLink(std::string const& path, int error, char const* operation);
+
+// Whether the open file is one of the database, of root or the effective user;
+// if not, a log line of the operation names it.
+bool isDatabaseFile(struct stat const& status, std::string const& path, char const* operation);
 
 // Whether it can be a metadata document besides, by its size. Likewise.
 bool isMetadataFile(struct stat const& status, std::string const& path, char const* operation);

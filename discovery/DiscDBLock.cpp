@@ -80,6 +80,7 @@
 
 #include "discovery/DiscDBLock.h"
 
+#include "discovery/DiscDBFiles.h"
 #include "discovery/DiscoveryLog.h"
 #include "ozf/base/OzfPathname.h"
 #include "ozf/base/SystemError.h"
@@ -202,7 +203,7 @@ bool isFileAt(int fd, char const* path, int* error)
   struct stat named
   {
   };
-  bool const asked = ::fstat(fd, &open) == 0 && ::stat(path, &named) == 0;
+  bool const asked = ::fstat(fd, &open) == 0 && ::lstat(path, &named) == 0;
   if (error != nullptr)
     *error = asked || errno == ENOENT || errno == ENOTDIR ? 0 : errno;
   return asked && open.st_dev == named.st_dev && open.st_ino == named.st_ino;
@@ -325,10 +326,18 @@ bool CleanupLock::acquire(std::string const& path, LockWait& wait)
 {
   for (int round = 0; round < REPLACED_LIMIT; ++round)
   {
-    int const fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0644);
-    if (fd < 0)
+    int const fd = ::open(path.c_str(), O_RDWR | O_CREAT | DATABASE_FILE_FLAGS, 0644);
+    struct stat status
     {
+    };
+    if (fd < 0 || (::fstat(fd, &status) == 0 && !isDatabaseFile(status, path, ACQUIRE)))
+    {
+      int const error = errno;
+      if (fd >= 0)
+        ::close(fd);
       OZF_LOG(getOzfLogger(), 1, SOURCE, ACQUIRE, "Unable to open " << path);
+      if (fd < 0)
+        logIfLink(path, error, ACQUIRE);
       return false;
     }
     auto file = std::make_unique<ACE_File_Lock>(fd, false);

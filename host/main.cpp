@@ -5,6 +5,7 @@
 #include "host/Options.h"
 #include "host/ServiceLibrary.h"
 #include "host/SignalThread.h"
+#include "ozf/base/FileOwner.h"
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ProductRoot.h"
 #include "ozf/log/Logger.h"
@@ -57,15 +58,30 @@ int failStart(std::string const& reason)
   return EXIT_START_FAILED;
 }
 
+// Who may write there decides what this service does.
+void tellOfOtherWriters()
+{
+  std::string const root = getProductRoot();
+  for (std::string const& path : {root, root + "/etc", getConfigurationPath(), root + "/db"})
+  {
+    struct stat status = {};
+    std::string reason;
+    if (stat(path.c_str(), &status) == 0 && !isOnlyOurs(path, status, reason))
+      OZF_LOG(getHostLogger(), 1, SOURCE, "main", "Others may change this service: " << reason);
+  }
+}
+
 int runService(Options const& options)
 {
-  umask(022);
+  // What is stored, and the log, is for the owner and the group alone.
+  umask(027);
   blockSignals();
   // The log is set up before the process's own reading of the file, which logs
   // the mistakes that it finds.
   setUpLog(options, Configuration::read(getConfigurationPath()));
   startReport.emplace();
   getConfiguration();
+  tellOfOtherWriters();
 
   std::string error;
   auto const service = createService(options.debug, error);

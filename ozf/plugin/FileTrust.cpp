@@ -1,5 +1,6 @@
 #include "ozf/plugin/FileTrust.h"
 
+#include "ozf/base/FileOwner.h"
 #include "ozf/base/OzfPathname.h"
 #include "ozf/base/SystemError.h"
 
@@ -16,20 +17,6 @@ namespace Quillon::Tessarine::Ozf
 
 namespace
 {
-
-// A folder's sticky bit keeps others from replacing files, yet lets them add
-// some; so a writable folder is refused whether or not it is sticky.
-bool isOurs(std::string const& path, struct stat const& status, std::string& reason)
-{
-  if (status.st_uid != 0 && status.st_uid != geteuid())
-    reason = path + " belongs to user " + std::to_string(status.st_uid) +
-             ", not to root or the running user";
-  else if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0)
-    reason = path + " may be written to by others than its owner";
-  else
-    return true;
-  return false;
-}
 
 bool readAt(int fd, void* data, std::size_t size, off_t offset)
 {
@@ -83,7 +70,7 @@ bool isTrustedLibrary(std::string const& path, std::string& realPath, std::strin
     reason = folder + " cannot be examined: " + errorText(errno);
     return false;
   }
-  if (!isOurs(folder, status, reason))
+  if (!isOnlyOurs(folder, status, reason))
     return false;
 
   if (lstat(realPath.c_str(), &status) != 0)
@@ -97,7 +84,7 @@ bool isTrustedLibrary(std::string const& path, std::string& realPath, std::strin
     reason = realPath + " is not a regular file";
     return false;
   }
-  if (!isOurs(realPath, status, reason))
+  if (!isOnlyOurs(realPath, status, reason))
     return false;
 
   UniqueFd const fd(open(realPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));

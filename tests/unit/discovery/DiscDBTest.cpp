@@ -129,6 +129,7 @@ TEST_F(Creator, ADirectoryWithATemporaryFilesNameSurvivesWithOneLine)
 {
   std::string const dir = m_root / "db/discovery";
   fs::create_directories(dir + "/d.updating");
+  fs::permissions(dir, fs::perms(0750)); // or else it is closed to others, which is a line
   LogCapture log;
   initialised();
   EXPECT_TRUE(fs::is_directory(dir + "/d.updating"));
