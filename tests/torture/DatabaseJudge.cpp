@@ -64,8 +64,9 @@ std::size_t temporariesIn(std::string const& directory)
 // What a reader gets: the version's number, or 0 for nothing.
 std::uint64_t numberRead(std::string const& subject)
 {
+  int error = 0;
   ozf::AutoDereference<svc::Discovery> const record(
-      svc::getDiscoveryDBDatabase()->getDiscovery(fileOf(subject, "xml").c_str(), true));
+      svc::getDiscoveryDBDatabase()->getDiscovery(fileOf(subject, "xml").c_str(), true, error));
   if (!record || record->getAttributes() == nullptr ||
       record->open(svc::OM_READ, "") != svc::DS_SUCCESS)
     return 0;
