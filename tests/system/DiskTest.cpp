@@ -49,6 +49,7 @@ protected:
     LiveService::Words wrapper;
     if (geteuid() == 0)
     {
+      ASSERT_EQ(chown((m_service / "db").c_str(), NOBODY, NOBODY), 0);
       for (auto const& entry : fs::recursive_directory_iterator(m_service / "db"))
         ASSERT_EQ(chown(entry.path().c_str(), NOBODY, NOBODY), 0);
       m_service.shareProgramsWithEverybody();

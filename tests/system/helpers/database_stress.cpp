@@ -6,6 +6,7 @@
 
 #include "tests/support/StoredRecord.h"
 
+#include <sys/stat.h>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -98,6 +99,7 @@ int main(int argc, char** argv)
   unsigned const seed = static_cast<unsigned>(std::atoi(argv[4]));
   nextNumber = std::uint64_t(seed) << 40;
 
+  umask(027); // as the service's; a wider directory is closed, with a line
   getDiscoveryDBDatabase()->init("");
   Counts counts;
   auto const end = std::chrono::steady_clock::now() + duration;

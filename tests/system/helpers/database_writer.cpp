@@ -9,6 +9,7 @@
 
 #include "tests/support/StoredRecord.h"
 
+#include <sys/stat.h>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -44,6 +45,7 @@ int main(int argc, char** argv)
   unsigned const names = static_cast<unsigned>(std::atoi(argv[2]));
   long writes = argc > 3 ? std::atol(argv[3]) : -1;
 
+  umask(027); // as the service's
   auto* const database = stored::getDiscoveryDBDatabase();
   database->init("");
   say("left " + std::to_string(temporaryFiles(database->getDirectory())) + "\n");
