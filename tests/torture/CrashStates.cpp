@@ -17,7 +17,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <set>
@@ -126,7 +128,11 @@ void Campaign::inChild(std::function<void()> const& action)
   }
   int status = 0;
   if (pid < 0 || waitpid(pid, &status, 0) != pid || status != 0)
-    throw std::runtime_error("what is to be recorded fails; see " + m_folder + "/library.log");
+  {
+    std::ifstream in(m_folder + "/library.log");
+    throw std::runtime_error("what is to be recorded fails:\n" +
+                             std::string(std::istreambuf_iterator<char>(in), {}));
+  }
 }
 
 std::vector<Event> Campaign::record(Scenario const& scenario, Image& base)
