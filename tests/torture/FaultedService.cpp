@@ -179,6 +179,8 @@ private:
   // What is there before each operation.
   void prepare()
   {
+    if (!m_client->connected() && !m_client->connect())
+      restart();
     if (storeNumber(SERVED, ++m_number, 3600) != DS_SUCCESS ||
         storeNumber(GONE, m_number, 0) != DS_SUCCESS)
       throw std::runtime_error("the service refuses what comes before: " + m_service.log());
