@@ -176,7 +176,7 @@ AuthSubIterator::getNextCollectionItemIterator(FilterParameters const* filter)
   constexpr char const* OPERATION = "AuthSubIterator::getNextCollectionItemIterator";
   for (;;)
   {
-    AutoDereference<Discovery> const discovery(m_discoveries->getNext());
+    AutoDereference<Discovery> const discovery(nextDiscovery());
     if (!discovery)
       return nullptr;
     if (discovery->getAuthority() == nullptr || discovery->getSubject() == nullptr)
@@ -201,7 +201,27 @@ AuthSubIterator::getNextCollectionItemIterator(FilterParameters const* filter)
   }
 }
 
-bool AuthSubIterator::isIncomplete() const noexcept { return m_discoveries->isIncomplete(); }
+// A store that runs out of memory throws, so that nobody takes that for the end
+// of the list. Callers of the research API ask isIncomplete.
+Discovery* AuthSubIterator::nextDiscovery()
+{
+  try
+  {
+    return m_discoveries->getNext();
+  }
+  catch (std::bad_alloc const&)
+  {
+    m_brokenOff = true;
+    OZF_LOG(getOzfLogger(), 1, SOURCE, "AuthSubIterator::getNextCollectionItemIterator",
+            "Out of memory reading the list of discoveries");
+    return nullptr;
+  }
+}
+
+bool AuthSubIterator::isIncomplete() const noexcept
+{
+  return m_brokenOff || m_discoveries->isIncomplete();
+}
 
 bool AuthSubIterator::parseDiscovery(CollectionData* data, FilterParameters const* filter)
 {

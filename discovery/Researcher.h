@@ -125,7 +125,7 @@ public:
   CollectionItemIterator* getNextCollectionItemIterator(FilterParameters const* filter);
 
   // Whether discoveries that match may be missing, because a disk or a host
-  // failed; the log says why. Settled once there are no more discoveries.
+  // failed or memory ran out; the log says why. Settled once there are no more discoveries.
   bool isIncomplete() const noexcept;
 
   // For who wants to know what there is and needs no items: from now on
@@ -163,6 +163,7 @@ protected:
   CollectionItems& itemsInHand() { return *m_items; }
 
 private:
+  Discovery* nextDiscovery();
   bool parseCollection(CollectionData& data);
   void finishItem(AutoDereference<CollectionItem> item);
   std::string name() const; // of the discovery in hand
@@ -173,6 +174,7 @@ private:
   std::optional<CollectionAttributes> m_attributes;
   std::shared_ptr<CollectionItems> m_items;
   bool m_keepsItems = true;
+  bool m_brokenOff = false; // the list, for want of memory
 
   // Of the collection that is read.
   DocumentTally m_tally;

@@ -65,10 +65,10 @@ std::string reasonOfOpen(int error)
 }
 
 // A metadata file held open under a read lock.
-class HeldFile
+class ScannedFile
 {
 public:
-  HeldFile(std::string const& path, uid_t user) : m_path(path), m_user(user), m_guard(path) {}
+  ScannedFile(std::string const& path, uid_t user) : m_path(path), m_user(user), m_guard(path) {}
 
   // An empty reason means that the file is open, one that the service takes, and
   // locked.
@@ -99,7 +99,7 @@ private:
 std::string examine(std::string const& directory, std::string const& file, StoredDiscovery& found)
 {
   uid_t const user = serviceUser(directory);
-  HeldFile held(directory + '/' + file, user);
+  ScannedFile held(directory + '/' + file, user);
   if (std::string reason = held.open(); !reason.empty())
     return reason;
 
@@ -234,7 +234,7 @@ bool readPayload(std::string const& directory, StoredDiscovery const& discovery,
                  std::string& payload, std::string& reason)
 {
   uid_t const user = serviceUser(directory);
-  HeldFile held(directory + '/' + discovery.metadataFile, user);
+  ScannedFile held(directory + '/' + discovery.metadataFile, user);
   reason = held.open();
   if (!reason.empty())
   {

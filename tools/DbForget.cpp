@@ -22,14 +22,12 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <fcntl.h>
 #include <filesystem>
 #include <iostream>
 #include <map>
 #include <optional>
 #include <sys/stat.h>
-#include <thread>
 #include <unistd.h>
 
 namespace tqdiscoctl
@@ -40,9 +38,6 @@ using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
 
 namespace
 {
-
-constexpr std::chrono::seconds LOCK_WAIT(30);
-constexpr std::chrono::milliseconds LOCK_PAUSE(50);
 
 struct ForgetOptions
 {
@@ -160,18 +155,6 @@ int findDoomed(ForgetOptions const& options, Wanted const& wanted, std::vector<D
   return 0;
 }
 
-bool lockInTime(ACE_File_Lock& lock)
-{
-  auto const end = std::chrono::steady_clock::now() + LOCK_WAIT;
-  while (lock.tryacquire_write(0, 0, 1) != 0)
-  {
-    if (std::chrono::steady_clock::now() >= end)
-      return false;
-    std::this_thread::sleep_for(LOCK_PAUSE);
-  }
-  return true;
-}
-
 // An empty text when the file is gone.
 std::string removeFile(std::string const& path)
 {
@@ -201,10 +184,11 @@ std::string removePair(std::string const& directory, std::string const& stem)
                           O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0640);
     if (fd < 0)
       return "cannot be opened: " + errorText(errno);
-    HeldFile const file(new ACE_File_Lock(fd, false));
-    if (!lockInTime(*file))
-      return "is in use: another process kept its lock for " + std::to_string(LOCK_WAIT.count()) +
-             " seconds";
+    std::unique_ptr<ACE_File_Lock, FileLockCloser> const file(new ACE_File_Lock(fd, false));
+    LockWait wait;
+    if (waitLock(*file, RecordLock::WRITE, wait) != 0)
+      return errno == EBUSY ? "is in use: another process keeps its lock"
+                            : "cannot be locked: " + errorText(errno);
     if (!isFileAt(fd, metadata.c_str()))
       continue;
     std::string reason = removeFile(payload);

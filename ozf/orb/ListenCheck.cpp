@@ -81,14 +81,13 @@ bool canListenOn(std::string const& address, unsigned short port, std::string& e
 std::vector<std::string> makeEndPoints(std::vector<std::string> const& addresses,
                                        unsigned short port)
 {
-  std::string suffix = ":";
-  if (port != 0)
-    suffix += std::to_string(port);
+  std::string const start = WATCHED_TCP + std::string(":");
+  std::string const end = port == 0 ? ":" : ":" + std::to_string(port);
   if (addresses.empty())
-    return {WATCHED_TCP + (":" + suffix)};
+    return {start + end};
   std::vector<std::string> endPoints;
   for (auto const& address : addresses)
-    endPoints.push_back(WATCHED_TCP + (":" + bracketed(address)) + suffix);
+    endPoints.push_back(start + bracketed(address) + end);
   return endPoints;
 }
 

@@ -48,7 +48,7 @@ struct TriggerTest : testing::Test
   }
 
   void fire() { timer->handle_timeout(ACE_Time_Value::zero, nullptr); }
-  bool trigger(int seconds) { return timer->trigger(ACE_Time_Value(seconds)); }
+  bool trigger(int delay) { return timer->trigger(ACE_Time_Value(delay)); }
 
   // When the timer fires, on the reactor's clock; more than one is a failure.
   ACE_Time_Value due()
@@ -66,10 +66,10 @@ struct TriggerTest : testing::Test
     return found;
   }
   // In so many seconds, give or take the time that the test has taken.
-  bool isDueIn(long seconds)
+  bool isDueIn(long delay)
   {
     auto const left = (due() - still.timer_queue()->gettimeofday()).sec();
-    return left <= seconds && left > seconds - 30;
+    return left <= delay && left > delay - 30;
   }
 };
 

@@ -64,6 +64,22 @@ TEST(OutOfMemoryTest, aCollectionThatCannotBeReadIsNotOneWithoutItems)
   EXPECT_EQ(1U, read.items.size());
 }
 
+TEST(OutOfMemoryTest, aListThatCannotBeReadFurtherIsIncomplete)
+{
+  struct OutOfMemory : DiscoveryIterator
+  {
+    OutOfMemory() : DiscoveryIterator(AT_ANYANDALL, "*", "*") {}
+    Discovery* getNext() override { throw std::bad_alloc(); }
+  };
+  LogCapture log(1);
+  AutoDereference<AuthSubIterator> const list(new AuthSubIterator(new OutOfMemory));
+  EXPECT_EQ(nullptr, list->getNextCollectionItemIterator(nullptr));
+  EXPECT_TRUE(list->isIncomplete());
+  EXPECT_TRUE(log.has(1, "AuthSubIterator::getNextCollectionItemIterator",
+                      "Out of memory reading the list of discoveries"))
+      << log.text();
+}
+
 TEST(OutOfMemoryTest, aCallerFromTheNetworkIsToldOfIt)
 {
   FailingXmlMemory& memory = FailingXmlMemory::install();

@@ -85,8 +85,8 @@ struct ResearcherBoundsTest : testing::Test
 
 TEST_F(ResearcherBoundsTest, aCollectionHasAMillionItemsAtMost)
 {
-  constexpr std::size_t MOST = AuthSubIterator::MOST_ITEMS;
-  expectRefused(repeated("<DISCOVERED/>", MOST + 1), "1000000 items", MOST);
+  constexpr std::size_t MOST_ITEMS = AuthSubIterator::MOST_ITEMS;
+  expectRefused(repeated("<DISCOVERED/>", MOST_ITEMS + 1), "1000000 items", MOST_ITEMS);
 }
 
 TEST_F(ResearcherBoundsTest, anItemHasAMillionAttributesAndElementsAtMost)

@@ -144,9 +144,9 @@ TEST(Register, aPluginWithHigherPriorityTakesAPlace)
   AutoDereference<ExplorerPush> const better(new Explorers::HostExplorer);
   repository.registerExplorer(new Subject("client7"), better.get(), 11,
                               new Authority("host", AT_TQUCLIENT));
-  auto const explorers = *repository.getPushExplorers();
-  EXPECT_EQ(4U, explorers.size());
-  EXPECT_TRUE(std::any_of(explorers.begin(), explorers.end(),
+  auto const explorers = repository.getPushExplorers();
+  EXPECT_EQ(4U, explorers->size());
+  EXPECT_TRUE(std::any_of(explorers->begin(), explorers->end(),
                           [&](auto const& wrapper)
                           { return wrapper->getExplorer() == better.get(); }));
 }
