@@ -5,6 +5,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -15,6 +16,8 @@ namespace
 {
 
 constexpr int FLAGS = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+
+constexpr char NOTE[] = "user.tessarine.pending";
 
 int lock(int fd, int command, short type)
 {
@@ -88,14 +91,18 @@ void barePersist(std::string const& directory, std::string const& base, std::str
 
   // Persisted: what can fail without a trace first.
   lookAt(path);
-  require(::fdatasync(data) == 0, "payload not flushed");
+  struct stat status = {};
+  require(::fstat(data, &status) == 0, "no status");
+  std::string const note = base + ".dat\n" + std::to_string(status.st_size) + '\n' +
+                           std::string(32, '0') + '\n' + metadata;
+  bool const noted = ::fsetxattr(data, NOTE, note.data(), note.size(), 0) == 0;
+  require(::fsync(data) == 0, "payload not flushed");
   int const folder = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   require(folder >= 0, "no directory");
 
   int const fd = ::open(path.c_str(), O_RDWR | O_CREAT | FLAGS, 0644);
   require(fd >= 0 && lock(fd, F_SETLK, F_WRLCK) == 0, "no write lock");
   compareWithName(fd, path);
-  struct stat status = {};
   require(::fstat(fd, &status) == 0, "no status");
   if (status.st_size > 0)
   {
@@ -107,11 +114,14 @@ void barePersist(std::string const& directory, std::string const& base, std::str
   auto const length = static_cast<ssize_t>(metadata.size());
   require(::pwrite(fd, metadata.data(), metadata.size(), 0) == length, "metadata not written");
   require(::ftruncate(fd, length) == 0, "metadata not truncated");
+  require(::fdatasync(fd) == 0, "metadata not flushed before");
   ::close(data);
   static_cast<void>(::lstat(dataPath.c_str(), &status));
   require(::rename(temporary.c_str(), dataPath.c_str()) == 0, "payload not renamed");
   unlockAndClose(guard);
   require(::fsync(folder) == 0, "directory not flushed");
+  if (noted)
+    ::removexattr(dataPath.c_str(), NOTE);
   ::close(folder);
   require(::fsync(fd) == 0, "metadata not flushed");
   ::close(fd);

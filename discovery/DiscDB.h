@@ -34,10 +34,10 @@ public:
   // cleans it. Once, before anything else; a second call fails an assertion.
   void init(std::string const& name);
 
-  // Makes the directory and deletes the temporary files that writers left,
-  // unless a writer is at work. A directory of this user's that is there is closed
-  // to others. One that others may write to even so is refused: it is as if it
-  // could not be made.
+  // Makes the directory and, unless a writer is at work, finishes or deletes the
+  // temporary files that writers left. A directory of this user's that is there
+  // is closed to others. One that others may write to even so is refused: it is
+  // as if it could not be made.
   void setupDB();
 
   // The query kind does not filter. Asserts that init has run.

@@ -1,6 +1,7 @@
 #include "discovery/DiscDBCollection.h"
 
 #include "discovery/DiscDBFiles.h"
+#include "discovery/DiscDBPending.h"
 #include "discovery/DiscoveryLog.h"
 #include "ozf/base/SystemError.h"
 
@@ -61,6 +62,7 @@ int DBCollectionData::open(OpenMode mode, char const*)
   abandon();
   m_mode = mode;
   m_renameFailed = false;
+  m_marked = false;
   return mode == OM_UPDATE ? openTemporary() : openPayload();
 }
 
@@ -192,7 +194,7 @@ long DBCollectionData::writeCollection(unsigned long len, void const* buf) const
   return 1;
 }
 
-bool DBCollectionData::flush()
+bool DBCollectionData::flush(std::string const& target, std::string const& document)
 {
   constexpr char OPERATION[] = "DBCollectionData::flush";
   OZF_ASSERT(m_handle == ACE_INVALID_HANDLE || m_mode == OM_UPDATE, "OM_UPDATE == m_mode", SOURCE,
@@ -201,9 +203,12 @@ bool DBCollectionData::flush()
     return false;
   OZF_ASSERT(m_handle != ACE_INVALID_HANDLE, "ACE_INVALID_HANDLE != m_handle", SOURCE, OPERATION);
 
+  m_marked = !target.empty() && markPending(m_handle, target, document);
+
   // Many file systems find out here that the disk is full. A bad descriptor is
-  // the matter of the close, which complains and goes on.
-  if (::fdatasync(m_handle) != 0 && errno != EBADF)
+  // the matter of the close, which complains and goes on. The note has to be on
+  // the disk as well before the metadata is touched.
+  if (::fsync(m_handle) != 0 && errno != EBADF)
   {
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
             "Unable to flush " << m_path.str() << ": " << errorText(errno));
@@ -263,15 +268,24 @@ bool DBCollectionData::persist(OzfPathname const& target)
   return true;
 }
 
+void DBCollectionData::forgetTarget() const
+{
+  if (m_marked)
+    unmarkPending(m_path.str());
+}
+
 bool DBCollectionData::flushDirectory()
 {
   UniqueFd const directory = std::move(m_directory);
   OZF_ASSERT(directory.valid(), "m_directory.valid()", SOURCE, "DBCollectionData::flushDirectory");
-  if (::fsync(directory.get()) == 0 || errno == EINVAL || errno == ENOTSUP)
-    return true;
-  OZF_LOG(getOzfLogger(), 1, SOURCE, "DBCollectionData::persist",
-          "Unable to flush " << m_path.directory() << ": " << errorText(errno));
-  return false;
+  if (::fsync(directory.get()) != 0 && errno != EINVAL && errno != ENOTSUP)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, "DBCollectionData::persist",
+            "Unable to flush " << m_path.directory() << ": " << errorText(errno));
+    return false;
+  }
+  forgetTarget();
+  return true;
 }
 
 bool DBCollectionData::cleanup()

@@ -39,8 +39,14 @@ public:
 
   // Brings what was written to the disk, an empty payload when nothing is open,
   // and makes everything ready that persist could still lack. False, with a log
-  // line, when the payload must not be persisted. Nothing stored is touched.
-  bool flush();
+  // line, when the payload must not be persisted. Nothing stored is touched. With
+  // a target, the name of a payload file, the temporary file says from then on
+  // that it shall have that name once the document is in place, so that the next
+  // start can see to it.
+  bool flush(std::string const& target = {}, std::string const& document = {});
+
+  // What a flush noted counts no more.
+  void forgetTarget() const;
 
   // Makes what was written the file target, replacing the one that is there in
   // one step. Without flush before it a power cut may take the content. False,
@@ -74,6 +80,7 @@ private:
   ACE_HANDLE m_handle = ACE_INVALID_HANDLE;
   int m_mode = OM_READ; // an OpenMode, or whatever number was given for one
   bool m_renameFailed = false;
+  bool m_marked = false; // the temporary file says what it is for
   std::unique_ptr<CleanupLock> m_cleanupLock;
   UniqueFd m_directory; // open from flush to persist
   HeldFile const* m_metadataLock = nullptr;

@@ -47,6 +47,12 @@ void logUnexamined(std::string const& path, int error, char const* operation)
           "Unable to examine " << path << ": " << errorText(error));
 }
 
+void logUnflushed(std::string const& path, int error)
+{
+  OZF_LOG(getOzfLogger(), 1, SOURCE, PERSIST,
+          "Unable to flush " << path << ": " << errorText(error));
+}
+
 // The line may be what there is no memory for.
 void logOutOfMemory(char const* operation) noexcept
 {
@@ -140,17 +146,21 @@ LockedFile lockForWriting(OzfPathname const& path, LockWait& wait,
 }
 
 // After a failure: the document of before, or no file where there was none.
-void putBack(int fd, std::string const& stored, OzfPathname const& path)
+bool putBack(int fd, std::string const& stored, OzfPathname const& path)
 {
   if (stored.empty())
   {
-    if (::unlink(path.c_str()) != 0)
-      OZF_LOG(getOzfLogger(), 1, SOURCE, PERSIST,
-              "Unable to delete " << path.str() << ": " << errorText(errno));
-  }
-  else if (!DBDiscovery::writeMetadata(fd, stored) || ::fsync(fd) != 0)
+    if (::unlink(path.c_str()) == 0)
+      return true;
     OZF_LOG(getOzfLogger(), 1, SOURCE, PERSIST,
-            "Unable to put the old document back: " << path.str() << ": " << errorText(errno));
+            "Unable to delete " << path.str() << ": " << errorText(errno));
+    return false;
+  }
+  if (DBDiscovery::writeMetadata(fd, stored) && ::fsync(fd) == 0)
+    return true;
+  OZF_LOG(getOzfLogger(), 1, SOURCE, PERSIST,
+          "Unable to put the old document back: " << path.str() << ": " << errorText(errno));
+  return false;
 }
 
 // The payload takes its place, or the failure is told and false is returned.
@@ -395,7 +405,7 @@ DiscoveryStatus DBDiscovery::persistFiles(DBCollectionData& data, OzfPathname co
   std::string document;
   if (!renderDocument(path, document))
     return DS_OPEN_FAILED;
-  if (!data.flush())
+  if (!data.flush(dataPath.filename(), document))
   {
     OZF_LOG(getOzfLogger(), 1, SOURCE, PERSIST, "Collection data update failed");
     return DS_OPEN_FAILED;
@@ -457,16 +467,24 @@ DiscoveryStatus DBDiscovery::replaceFiles(int fd, std::optional<std::string> con
       putBack(fd, *stored, path);
     return DS_OPEN_FAILED;
   }
+  // Before the rename, so that no power cut leaves the new payload beside the
+  // old document: that nobody could mend. The reverse the next start does.
+  if (::fdatasync(fd) != 0)
+  {
+    logUnflushed(path.str(), errno);
+    putBack(fd, stored.value_or(""), path);
+    return DS_OPEN_FAILED;
+  }
   if (!replacePayload(data, dataPath))
   {
-    putBack(fd, stored.value_or(""), path);
+    if (putBack(fd, stored.value_or(""), path))
+      data.forgetTarget();
     return DS_OPEN_FAILED;
   }
   bool const named = data.flushDirectory();
   if (::fsync(fd) != 0)
   {
-    OZF_LOG(getOzfLogger(), 1, SOURCE, PERSIST,
-            "Unable to flush " << path.str() << ": " << errorText(errno));
+    logUnflushed(path.str(), errno);
     return DS_OPEN_FAILED;
   }
   return named ? DS_SUCCESS : DS_OPEN_FAILED;

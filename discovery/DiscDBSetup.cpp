@@ -2,6 +2,7 @@
 
 #include "discovery/DiscDB.h"
 #include "discovery/DiscDBLock.h"
+#include "discovery/DiscDBPending.h"
 #include "discovery/DiscoveryLog.h"
 #include "ozf/base/FileOwner.h"
 #include "ozf/base/OzfPathname.h"
@@ -102,6 +103,8 @@ void DiscoveryDBCreator::setupDB()
     if (wildcardcmp("*.updating", entry->d_name) != 0)
       continue;
     OzfPathname const path = OzfPathname::makeFilename(m_directory, entry->d_name);
+    if (finishPending(m_directory, path.str()))
+      continue;
     OZF_LOG(getOzfLogger(), 1, SOURCE, SETUP, "Deleting temporary file " << path.str());
     ::unlink(path.c_str());
   }

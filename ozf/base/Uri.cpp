@@ -1,10 +1,10 @@
 #include "ozf/base/Uri.h"
 
+#include "ozf/base/Digest.h"
+
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <openssl/evp.h>
-#include <stdexcept>
 #include <string_view>
 
 namespace Quillon::Tessarine::Ozf
@@ -14,7 +14,6 @@ namespace
 
 constexpr std::size_t LONGEST_KEY = 100;
 constexpr std::size_t KEPT_OF_LONG_KEY = 60;
-constexpr std::size_t HASH_BYTES = 16;
 
 // Independent of the process's locale, unlike <cctype>.
 bool isAlpha(char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); }
@@ -76,28 +75,11 @@ std::string encodeShown(std::string_view text)
   }
 }
 
-std::string hashOf(std::string const& key)
-{
-  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
-  unsigned length = 0;
-  if (EVP_Digest(key.data(), key.size(), digest.data(), &length, EVP_sha256(), nullptr) != 1 ||
-      length < HASH_BYTES)
-    throw std::runtime_error("SHA-256 is not available");
-  constexpr std::string_view HEX = "0123456789abcdef";
-  std::string result;
-  for (std::size_t i = 0; i < HASH_BYTES; ++i)
-  {
-    result += HEX[digest[i] >> 4];
-    result += HEX[digest[i] & 0xF];
-  }
-  return result;
-}
-
 // Whether a key reads as if it ended in a hash already.
 bool looksHashed(std::string_view key)
 {
   constexpr std::string_view HEX = "0123456789abcdef";
-  return key.size() == KEPT_OF_LONG_KEY + 1 + 2 * HASH_BYTES && key[KEPT_OF_LONG_KEY] == '~' &&
+  return key.size() == KEPT_OF_LONG_KEY + 1 + 2 * DIGEST_BYTES && key[KEPT_OF_LONG_KEY] == '~' &&
          key.find_first_not_of(HEX, KEPT_OF_LONG_KEY + 1) == std::string_view::npos;
 }
 
@@ -127,7 +109,7 @@ std::string encodeFileKey(std::string_view text, bool isPattern)
     return key;
   if (auto const star = key.find('*'); isPattern && star != std::string::npos)
     return key.substr(0, std::min(star, KEPT_OF_LONG_KEY)) + '*';
-  return key.substr(0, KEPT_OF_LONG_KEY) + '~' + hashOf(key);
+  return key.substr(0, KEPT_OF_LONG_KEY) + '~' + digestOf(key);
 }
 
 bool isPort(std::string_view text)

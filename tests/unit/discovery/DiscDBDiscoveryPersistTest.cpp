@@ -295,7 +295,7 @@ TEST_F(Persist, ATextOfItsOwnIsNotTakenForTheStoredOne)
   SystemCalls const calls(m_dir.path(),
                           [&](std::string const& call)
                           {
-                            if (call == "fdatasync 0.updating")
+                            if (call == "fsync 0.updating")
                               writeText(m_path, text);
                             return 0;
                           });

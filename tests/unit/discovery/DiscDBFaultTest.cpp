@@ -139,19 +139,24 @@ TEST_F(Faults, PersistFlushesThePayloadThenWritesMetadataThenReplacesThenFlushes
   for (auto const& call : calls.seen())
     if (SystemCalls::changes(call))
       order.push_back(call);
-  EXPECT_THAT(order, testing::ElementsAre("fdatasync 0.updating", std::string("pwrite ") + XML,
-                                          std::string("ftruncate ") + XML, "rename 0.updating",
-                                          "fsync .", std::string("fsync ") + XML));
+  EXPECT_THAT(order,
+              testing::ElementsAre("fsetxattr 0.updating", "fsync 0.updating",
+                                   std::string("pwrite ") + XML, std::string("ftruncate ") + XML,
+                                   std::string("fdatasync ") + XML, "rename 0.updating", "fsync .",
+                                   std::string("removexattr ") + DAT, std::string("fsync ") + XML));
 }
 
 TEST_F(Faults, AReplacementLeavesTheOldOrTheNewDiscoveryOutsideOfTheWindow)
 {
   Steps const steps = {
-      {"fdatasync 0.updating", "old/old", DS_OPEN_FAILED, "old/old"},
+      {"fsetxattr 0.updating", "new/new", DS_SUCCESS, "old/old"},
+      {"fsync 0.updating", "old/old", DS_OPEN_FAILED, "old/old"},
       {"pwrite 2 hostA hostB.xml", "old/old", DS_OPEN_FAILED, "old/old"},
       {"ftruncate 2 hostA hostB.xml", "old/old", DS_OPEN_FAILED, "new/old"}, // the window opens
-      {"rename 0.updating", "old/old", DS_OPEN_FAILED, "new/old"},           // it closes
+      {"fdatasync 2 hostA hostB.xml", "old/old", DS_OPEN_FAILED, "new/old"},
+      {"rename 0.updating", "old/old", DS_OPEN_FAILED, "new/old"}, // it closes
       {"fsync .", "new/new", DS_OPEN_FAILED, "new/new"},
+      {"removexattr 2 hostA hostB.dat", "new/new", DS_SUCCESS, "new/new"},
       {"fsync 2 hostA hostB.xml", "new/new", DS_OPEN_FAILED, "new/new"},
   };
   for (int const error : {EIO, ENOSPC})
@@ -182,11 +187,14 @@ TEST_F(Faults, AReplacementLeavesTheOldOrTheNewDiscoveryOutsideOfTheWindow)
 TEST_F(Faults, AFirstDiscoveryIsThereOrNotOutsideOfTheWindow)
 {
   Steps const steps = {
-      {"fdatasync 0.updating", "none", DS_OPEN_FAILED, "none"},
+      {"fsetxattr 0.updating", "new/new", DS_SUCCESS, "none"},
+      {"fsync 0.updating", "none", DS_OPEN_FAILED, "none"},
       {"pwrite 2 hostA hostB.xml", "none", DS_OPEN_FAILED, "unreadable"}, // an empty file
       {"ftruncate 2 hostA hostB.xml", "none", DS_OPEN_FAILED, "new/none"},
+      {"fdatasync 2 hostA hostB.xml", "none", DS_OPEN_FAILED, "new/none"},
       {"rename 0.updating", "none", DS_OPEN_FAILED, "new/none"},
       {"fsync .", "new/new", DS_OPEN_FAILED, "new/new"},
+      {"removexattr 2 hostA hostB.dat", "new/new", DS_SUCCESS, "new/new"},
       {"fsync 2 hostA hostB.xml", "new/new", DS_OPEN_FAILED, "new/new"},
   };
   for (End const end : {End::FAILS, End::KILLS})

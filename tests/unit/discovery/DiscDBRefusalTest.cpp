@@ -74,7 +74,9 @@ TEST_F(Refusal, ARenameThatFailsPutsTheOldMetadataBackAndSaysWhy)
   }
   EXPECT_EQ(before, readText(m_path));
   EXPECT_EQ("old", readText(m_data));
-  EXPECT_EQ(std::string("fsync ") + REFUSED_XML, changes.back()) << "it is the old one for good";
+  EXPECT_EQ(std::string("fsync ") + REFUSED_XML, changes.at(changes.size() - 2))
+      << "it is the old one for good";
+  EXPECT_EQ("removexattr 0.updating", changes.back()) << "no start shall finish it";
   std::string const temporary = m_dir / "0.updating";
   EXPECT_EQ(2, m_log.count(1, "DBCollectionData::persist", "Unable to delete " + m_data))
       << "the first had nothing to delete\n"
@@ -121,7 +123,7 @@ TEST_F(Refusal, PersistAfterAFailureFailsAndTouchesNothing)
   std::string const before = readText(m_path);
   std::vector<Fault> const faults = {
       [](std::string const& call) { return call.starts_with("rename") ? EIO : 0; },
-      [](std::string const& call) { return call.starts_with("fdatasync") ? ENOSPC : 0; },
+      [](std::string const& call) { return call.starts_with("fsync") ? ENOSPC : 0; },
       [](std::string const& call) { return call.starts_with("fcntl setlk write") ? ENOLCK : 0; },
       [](std::string const& call) { return call.starts_with("pwrite") ? EIO : 0; }};
   for (std::size_t n = 0; n < faults.size(); ++n)

@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -151,6 +152,19 @@ extern "C"
   {
     static auto* const next = original<int(int)>("fdatasync");
     return SystemCalls::fails("fdatasync", fd) ? -1 : next(fd);
+  }
+
+  int fsetxattr(int fd, char const* name, void const* value, size_t size, int flags) noexcept
+  {
+    static auto* const next =
+        original<int(int, char const*, void const*, size_t, int)>("fsetxattr");
+    return SystemCalls::fails("fsetxattr", fd) ? -1 : next(fd, name, value, size, flags);
+  }
+
+  int removexattr(char const* path, char const* name) noexcept
+  {
+    static auto* const next = original<int(char const*, char const*)>("removexattr");
+    return SystemCalls::fails("removexattr", path) ? -1 : next(path, name);
   }
 
   int access(char const* path, int mode) noexcept

@@ -1,0 +1,27 @@
+#include "ozf/base/Digest.h"
+
+#include <array>
+#include <openssl/evp.h>
+#include <stdexcept>
+
+namespace Quillon::Tessarine::Ozf
+{
+
+std::string digestOf(std::string_view text)
+{
+  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+  unsigned length = 0;
+  if (EVP_Digest(text.data(), text.size(), digest.data(), &length, EVP_sha256(), nullptr) != 1 ||
+      length < DIGEST_BYTES)
+    throw std::runtime_error("SHA-256 is not available");
+  constexpr std::string_view HEX = "0123456789abcdef";
+  std::string result;
+  for (std::size_t i = 0; i < DIGEST_BYTES; ++i)
+  {
+    result += HEX[digest[i] >> 4];
+    result += HEX[digest[i] & 0xF];
+  }
+  return result;
+}
+
+} // namespace Quillon::Tessarine::Ozf
