@@ -17,7 +17,7 @@ using namespace tqtest;
 namespace
 {
 
-constexpr char PARSE[] = "AuthSubIterator::parseDiscovery";
+constexpr char PARSING[] = "AuthSubIterator::parseDiscovery";
 constexpr char NAMED[] =
     "Gave up reading the discovery of authority about subject, line 1, column ";
 
@@ -44,10 +44,10 @@ struct ResearcherBoundsTest : testing::Test
     EXPECT_FALSE(read.parsed) << reason;
     EXPECT_EQ(items, read.items.size()) << reason;
     std::string const text = log.text().substr(0, 2000);
-    auto const line = text.find("1 " + std::string(PARSE) + ": " + NAMED);
+    auto const line = text.find("1 " + std::string(PARSING) + ": " + NAMED);
     EXPECT_NE(std::string::npos, line) << text;
     EXPECT_NE(std::string::npos, text.find(": more than " + reason + " (", line)) << text;
-    EXPECT_TRUE(log.has(1, PARSE, "Failed to parse the discovery stream")) << text;
+    EXPECT_TRUE(log.has(1, PARSING, "Failed to parse the discovery stream")) << text;
     EXPECT_TRUE(
         log.has(1, "AuthSubIterator::getNextCollectionItemIterator", "Failed to parse discovery"))
         << text;
@@ -199,7 +199,7 @@ TEST_F(ResearcherBoundsTest, itemsThatAreDroppedAreReadAllTheSame)
     seen += items->getSubject().getName().str() + (items->isParsed() ? "+" : "-");
   }
   EXPECT_EQ("subject57+subject18+subject30-subject44+", seen);
-  EXPECT_EQ(1, log.count(1, PARSE, "Failed to parse the discovery stream")) << log.text();
+  EXPECT_EQ(1, log.count(1, PARSING, "Failed to parse the discovery stream")) << log.text();
 }
 
 // ---- lines about unknown elements ----
@@ -209,7 +209,7 @@ TEST_F(ResearcherBoundsTest, unknownElementsHaveAFewLinesAndANumber)
   expectRead(repeated("<U/>", 1000) + "<DISCOVERED>" + repeated("<V/>", 500) + "</DISCOVERED>");
   EXPECT_EQ(4, log.count(1, "AuthSubIterator::xmlStartElement", "Ignoring Unknown Tag"));
   EXPECT_EQ(4, log.count(1, "AuthSubIterator::xmlEndElement", "Ignoring Unknown Tag"));
-  EXPECT_EQ(1, log.count(1, PARSE,
+  EXPECT_EQ(1, log.count(1, PARSING,
                          "Ignored 2492 more unknown tags of the discovery of authority about "
                          "subject"))
       << log.text();
@@ -235,7 +235,7 @@ TEST_F(ResearcherBoundsTest, theNumberIsToldOfADocumentThatBreaksOffAsWell)
 {
   auto const read = itemsOf("<DiscoveredItems>" + repeated("<U/>", 10) + "<U>");
   EXPECT_FALSE(read.parsed);
-  EXPECT_EQ(1, log.count(1, PARSE,
+  EXPECT_EQ(1, log.count(1, PARSING,
                          "Ignored 13 more unknown tags of the discovery of authority about "
                          "subject"))
       << log.text();
