@@ -85,7 +85,12 @@ Counts countsOf(std::string const& output)
 class StressTest : public testing::Test
 {
 protected:
-  StressTest() { fs::create_directories(database()); }
+  // Closed to others, as the service leaves it.
+  StressTest()
+  {
+    fs::create_directories(database());
+    fs::permissions(database(), fs::perms(0750));
+  }
 
   std::string database() const { return m_root / "db/discovery"; }
 

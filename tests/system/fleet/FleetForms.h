@@ -76,9 +76,8 @@ protected:
     auto const collection = nlohmann::json::parse(outcome.output, nullptr, false);
     if (collection.is_object())
       for (auto const& item : collection["items"])
-        for (auto const& fact : item["facts"])
-          if (fact["name"] == "Host")
-            makers.push_back(fact["value"]);
+        if (item["facts"].contains("Host"))
+          makers.push_back(item["facts"]["Host"]);
     return makers;
   }
 
