@@ -68,7 +68,7 @@ nlohmann::json storedJson(StoredDiscovery const& discovery, OzfObjTime const& no
 void reportProblems(DatabaseContents const& contents)
 {
   for (auto const& [file, reason] : contents.problems)
-    std::cerr << "tqdiscoctl: \"" << Uri::percentEncode(file, URI_SHOWN) << "\" " << reason << '\n';
+    std::cerr << "tqdiscoctl: \"" << shown(file) << "\" " << shown(reason) << '\n';
 }
 
 int list(DbOptions const& options)
@@ -124,7 +124,7 @@ int show(DbOptions const& options)
   AuthorityType type = AT_ANYANDALL;
   if (!options.type.empty() && !parseType(options.type, type))
   {
-    std::cerr << "tqdiscoctl: \"" << options.type
+    std::cerr << "tqdiscoctl: \"" << shown(options.type)
               << "\" is no authority type; use server, client, external, remotepull or 1 to 4\n";
     return EXIT_USAGE;
   }
@@ -144,8 +144,8 @@ int show(DbOptions const& options)
 
   if (matches.empty())
   {
-    std::cerr << "tqdiscoctl: no discovery of subject \"" << subject << "\" by authority \""
-              << authority << "\"; \"tqdiscoctl db list\" shows what there is\n";
+    std::cerr << "tqdiscoctl: no discovery of subject \"" << shown(subject) << "\" by authority \""
+              << shown(authority) << "\"; \"tqdiscoctl db list\" shows what there is\n";
     return EXIT_NOTHING;
   }
   if (matches.size() > 1)
@@ -162,7 +162,7 @@ int show(DbOptions const& options)
   std::string reason;
   if (!readPayload(options.directory, *matches.front(), payload, reason))
   {
-    std::cerr << "tqdiscoctl: " << reason << '\n';
+    complain(reason);
     return EXIT_FAILED;
   }
   if (options.json)
@@ -176,8 +176,8 @@ int show(DbOptions const& options)
   if (options.raw || !indentXml(payload, text, reason))
   {
     if (!options.raw)
-      std::cerr << "tqdiscoctl: the payload is no XML and shown as it is: " << reason << '\n';
-    std::cout << payload;
+      complain("the payload is no XML and shown as it is: " + reason);
+    std::cout << (options.raw || isatty(STDOUT_FILENO) == 0 ? payload : shownLines(payload));
   }
   else
     std::cout << text;
@@ -203,7 +203,7 @@ int verify(DbOptions const& options)
   else
   {
     for (auto const& [file, reason] : contents.problems)
-      std::cout << '"' << Uri::percentEncode(file, URI_SHOWN) << "\" " << reason << '\n';
+      std::cout << '"' << shown(file) << "\" " << shown(reason) << '\n';
     for (std::string const& file : contents.temporaryFiles)
       std::cout << '"' << file
                 << "\" is being written, or was left behind and goes at the next start\n";

@@ -17,7 +17,7 @@ constexpr std::size_t MOST_NAMES = 1000;
 
 std::string indented(nlohmann::json const& value, std::size_t depth)
 {
-  std::string const text = value.dump(2, ' ', false, nlohmann::json::error_handler_t::replace);
+  std::string const text = jsonText(value, 2);
   std::string result;
   for (char const c : text)
   {

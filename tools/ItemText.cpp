@@ -144,7 +144,7 @@ void printItem(std::ostream& os, Item const& item, OzfQuery const& description, 
   for (auto const& [name, value] : item.facts)
     width = std::max(width, displayWidth(name));
   for (auto const& [name, value] : item.facts)
-    os << "  " << name << std::string(width - displayWidth(name) + COLUMN_GAP, ' ')
+    os << "  " << shown(name) << std::string(width - displayWidth(name) + COLUMN_GAP, ' ')
        << formatValue(value, attributeOf(description, name)) << '\n';
   if (!item.policy.empty())
     os << "  policy: " << shown(item.policy) << '\n';

@@ -139,13 +139,13 @@ private:
   {
     nlohmann::json line = toJson(record);
     line.update(toJson(item, m_descriptions.of(record), m_options.factList));
-    std::cout << line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+    std::cout << jsonText(line, -1) << '\n';
   }
 
   void printAuthority(std::string const& authority, Rows const& rows)
   {
     bool const bold = terminalStyles(STDOUT_FILENO);
-    std::cout << (bold ? "\033[1m" : "") << authority << (bold ? "\033[0m" : "") << '\n';
+    std::cout << (bold ? "\033[1m" : "") << shown(authority) << (bold ? "\033[0m" : "") << '\n';
     OzfQuery const& description = m_descriptions.of(rows.record());
     complainMissing(authority, rows.rows());
     if (m_options.details)
@@ -172,7 +172,7 @@ private:
     for (ItemRow const& row : rows)
     {
       if (subject == nullptr || *subject != row.subject)
-        std::cout << "\nSubject " << row.subject << ":\n";
+        std::cout << "\nSubject " << shown(row.subject) << ":\n";
       subject = &row.subject;
       std::cout << '\n';
       printItem(std::cout, *row.item, description, bold);

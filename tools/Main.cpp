@@ -81,7 +81,7 @@ int main(int argc, char** argv)
   }
   catch (std::exception const& exception)
   {
-    std::cerr << "tqdiscoctl: " << exception.what() << '\n';
+    complain(exception.what());
     return EXIT_FAILED;
   }
   std::cout.flush();

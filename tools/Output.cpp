@@ -1,5 +1,6 @@
 #include "tools/Output.h"
 
+#include "ozf/base/Display.h"
 #include "ozf/base/MetadataConverter.h"
 #include "ozf/base/Uri.h"
 #include "ozf/log/Logger.h"
@@ -45,6 +46,21 @@ std::string wrapped(std::string const& line, std::size_t width)
   return result;
 }
 
+// As JSON writes a character outside ASCII: one unit of UTF-16, or two.
+void appendUnits(std::string& result, std::string_view, char32_t character)
+{
+  auto const append = [&result](char32_t unit)
+  {
+    result += "\\u";
+    char const bytes[] = {static_cast<char>(unit >> 8), static_cast<char>(unit & 0xFF)};
+    appendHex(result, "", {bytes, sizeof bytes});
+  };
+  if (character < 0x10000)
+    return append(character);
+  append(0xD800 + ((character - 0x10000) >> 10));
+  append(0xDC00 + ((character - 0x10000) & 0x3FF));
+}
+
 } // namespace
 
 nlohmann::json timeOrNull(OzfObjTime const& time)
@@ -55,15 +71,26 @@ nlohmann::json timeOrNull(OzfObjTime const& time)
   return text;
 }
 
-void printJson(nlohmann::json const& value)
+// Characters that may not be shown stand inside strings only, where JSON has a
+// form for them that says the same.
+std::string jsonText(nlohmann::json const& value, int indent)
 {
-  std::cout << value.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+  std::string const text = value.dump(indent, ' ', false, nlohmann::json::error_handler_t::replace);
+  std::string result;
+  for (std::size_t begin = 0; begin <= text.size();)
+  {
+    std::size_t const end = std::min(text.find('\n', begin), text.size());
+    result += displayText(std::string_view(text).substr(begin, end - begin), appendUnits);
+    if (end < text.size())
+      result += '\n';
+    begin = end + 1;
+  }
+  return result;
 }
 
-void printJsonLine(nlohmann::json const& value)
-{
-  std::cout << value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << std::endl;
-}
+void printJson(nlohmann::json const& value) { std::cout << jsonText(value, 2) << '\n'; }
+
+void printJsonLine(nlohmann::json const& value) { std::cout << jsonText(value, -1) << std::endl; }
 
 void complain(std::string const& message) { remark("tqdiscoctl: " + message); }
 
@@ -71,7 +98,7 @@ void remark(std::string const& text)
 {
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);)
-    std::cerr << wrapped(line, terminalWidth(STDERR_FILENO)) << '\n';
+    std::cerr << wrapped(shown(line), terminalWidth(STDERR_FILENO)) << '\n';
 }
 
 void tell(std::string const& message)
@@ -80,7 +107,27 @@ void tell(std::string const& message)
     complain(message);
 }
 
-std::string shown(std::string const& text) { return Uri::percentEncode(text, URI_SHOWN); }
+std::string shown(std::string_view text)
+{
+  return displayText(text, [](std::string& result, std::string_view bytes, char32_t)
+                     { appendHex(result, "%", bytes); });
+}
+
+std::string shownLines(std::string_view text)
+{
+  std::string result;
+  for (std::size_t begin = 0; begin <= text.size();)
+  {
+    std::size_t const end = std::min(text.find_first_of("\t\n", begin), text.size());
+    result += shown(text.substr(begin, end - begin));
+    if (end < text.size())
+      result += text[end];
+    begin = end + 1;
+  }
+  return result;
+}
+
+std::string asNamed(std::string const& name) { return Uri::percentEncode(name, URI_SHOWN); }
 
 std::string counted(std::size_t count, std::string const& one, std::string const& several)
 {

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
 #include <thread>
 
 namespace tqdiscoctl
@@ -19,9 +20,13 @@ namespace tqdiscoctl
 nlohmann::json timeOrNull(Quillon::Tessarine::Ozf::OzfObjTime const& time);
 
 // Names come from files and from other hosts: whatever bytes they hold, the
-// output is valid JSON. printJsonLine writes one line and flushes it.
+// output is valid JSON, and what no terminal should get is escaped in it.
+// printJsonLine writes one line and flushes it.
 void printJson(nlohmann::json const& value);
 void printJsonLine(nlohmann::json const& value);
+
+// That text, for output that is not printed whole; on one line with -1.
+std::string jsonText(nlohmann::json const& value, int indent);
 
 // "tqdiscoctl: message" on standard error, fitted to a terminal.
 void complain(std::string const& message);
@@ -32,9 +37,17 @@ void tell(std::string const& message);
 // A line on standard error that is no complaint, fitted likewise.
 void remark(std::string const& text);
 
-// A text from elsewhere on its way to a terminal: control characters become
-// %XX, so that no escape sequence of somebody else's gets through.
-std::string shown(std::string const& text);
+// A text from elsewhere on its way to a terminal: what may not be shown becomes
+// %XX, so that no escape sequence of somebody else's gets through. Tables and
+// everything on standard error see to that themselves.
+std::string shown(std::string_view text);
+
+// The same for a text of several lines, whose line breaks and tabs stay.
+std::string shownLines(std::string_view text);
+
+// A name as records have it, for comparing: what the user types may be the name
+// itself.
+std::string asNamed(std::string const& name);
 
 // "1 host", "3 hosts".
 std::string counted(std::size_t count, std::string const& one, std::string const& several);

@@ -28,7 +28,7 @@ constexpr std::size_t MAX_REGISTRATION = 1 << 20;
 
 bool matches(std::string const& pattern, std::string const& name)
 {
-  return wildcardcmp(shown(pattern), name, true) == 0;
+  return wildcardcmp(asNamed(pattern), name, true) == 0;
 }
 
 bool readPayload(Discovery& discovery, std::string& text)

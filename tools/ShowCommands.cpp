@@ -193,8 +193,8 @@ int show(ShowOptions const& options, Session const& session)
   if (result != EXIT_FAILED)
   {
     OzfObjTime const now = OzfObjTime::now();
-    std::cout << "Subject    " << record.subject << "\nAuthority  " << record.authority << " ("
-              << formatType(record.type) << ")\n"
+    std::cout << "Subject    " << shown(record.subject) << "\nAuthority  "
+              << shown(record.authority) << " (" << formatType(record.type) << ")\n"
               << "Found      " << foundText(record, now) << "\n"
               << "Items      " << collection.items.size() << "\n\n";
     AutoDereference<OzfQuery> const description = describe(record);

@@ -1,6 +1,7 @@
 #include "tools/Table.h"
 
 #include "tools/Format.h"
+#include "tools/Output.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -56,9 +57,18 @@ std::string broken(std::string const& text, std::vector<std::size_t> const& widt
 
 } // namespace
 
-Table::Table(std::vector<std::pair<std::string, Column>> header) : m_header(std::move(header)) {}
+Table::Table(std::vector<std::pair<std::string, Column>> header) : m_header(std::move(header))
+{
+  for (auto& [title, column] : m_header)
+    title = shown(title);
+}
 
-void Table::add(std::vector<std::string> cells) { m_rows.push_back(std::move(cells)); }
+void Table::add(std::vector<std::string> cells)
+{
+  for (std::string& cell : cells)
+    cell = shown(cell);
+  m_rows.push_back(std::move(cells));
+}
 
 void Table::print(std::ostream& os, std::size_t width, bool bold) const
 {

@@ -155,14 +155,14 @@ private:
     if (localtime_r(&seconds, &local) != nullptr)
       std::strftime(clock, sizeof clock, "%H:%M:%S", &local);
     std::cout << clock << "  " << colour(change) << change << (m_styles ? "\033[0m" : "")
-              << std::string(9 - change.size(), ' ') << record.subject;
+              << std::string(9 - change.size(), ' ') << shown(record.subject);
     if (change == SILENT)
       std::cout << "  its service has not told of itself for "
                 << formatAge(record.discovered, OzfObjTime::now());
     else if (change == BACK)
       std::cout << "  its service tells of itself again";
     else
-      std::cout << "  " << record.authority << " (" << formatType(record.type) << ")";
+      std::cout << "  " << shown(record.authority) << " (" << formatType(record.type) << ")";
     std::cout << '\n';
     std::optional<AutoDereference<OzfQuery>> description;
     for (std::size_t i = 0; i < changes.size() && i < MOST_LINES; ++i)

@@ -1,5 +1,6 @@
 #include "tools/XmlText.h"
 
+#include "ozf/base/Display.h"
 #include "ozf/xml/XmlDocumentInterface.h"
 
 #include <algorithm>
@@ -159,6 +160,26 @@ private:
   bool m_hadText = false;       // text stands before the cursor on this line
 };
 
+// What may not be shown as references, which say the same. It stands in texts and
+// values alone: no name holds it.
+std::string presentable(std::string const& text)
+{
+  std::string result;
+  for (std::size_t begin = 0; begin <= text.size();)
+  {
+    std::size_t const end = std::min(text.find_first_of("\t\n", begin), text.size());
+    result += displayText(std::string_view(text).substr(begin, end - begin),
+                          [](std::string& shownText, std::string_view, char32_t character) {
+                            shownText +=
+                                "&#" + std::to_string(static_cast<unsigned>(character)) + ';';
+                          });
+    if (end < text.size())
+      result += text[end];
+    begin = end + 1;
+  }
+  return result;
+}
+
 } // namespace
 
 bool indentXml(std::string const& text, std::string& result, std::string& reason)
@@ -176,7 +197,7 @@ bool indentXml(std::string const& text, std::string& result, std::string& reason
     reason = indenter.lastError();
     return false;
   }
-  result = indenter.text();
+  result = presentable(indenter.text());
   return true;
 }
 

@@ -1,6 +1,6 @@
 #include "ozf/log/Logger.h"
 
-#include "ozf/base/OzfString.h"
+#include "ozf/base/Display.h"
 #include "ozf/base/Report.h"
 #include "ozf/log/FrameworkLogger.h"
 
@@ -44,29 +44,8 @@ spdlog::level::level_enum severity(int level)
 // drive a terminal is spelled out.
 std::string onOneLine(std::string_view text)
 {
-  constexpr std::string_view HEX = "0123456789ABCDEF";
-  std::string result;
-  result.reserve(text.size());
-  while (!text.empty())
-  {
-    char32_t point = 0;
-    std::size_t const length = decodeUtf8(text, point);
-    std::string_view const part = text.substr(0, std::max<std::size_t>(length, 1));
-    if (length != 0 && point >= 0x20 && (point < 0x7F || point >= 0xA0))
-      result += part;
-    else
-    {
-      for (char const c : part)
-      {
-        auto const byte = static_cast<unsigned char>(c);
-        result += "\\x";
-        result += HEX[byte >> 4];
-        result += HEX[byte & 0xF];
-      }
-    }
-    text.remove_prefix(part.size());
-  }
-  return result;
+  return displayText(text, [](std::string& result, std::string_view bytes, char32_t)
+                     { appendHex(result, "\\x", bytes); });
 }
 
 // What was left out of one place's lines since it was last told.

@@ -36,9 +36,10 @@ public:
   int getLevel() const noexcept;
   int originator() const noexcept { return m_originator; }
 
-  // Writes a line whatever its level. Line breaks and control characters of
-  // the text, and bytes that are not UTF-8, are written as \xNN, so that one
-  // line stays one line. What cannot be written is noted on standard error.
+  // Writes a line whatever its level. What of the text may not be shown
+  // (isDisplayable), line breaks among it, and bytes that are not UTF-8 are
+  // written as \xNN, so that one line stays one line. What cannot be written is
+  // noted on standard error.
   //
   // site is of the place that writes it and outlives the process's last line.
   // Lines of level 1 from a place that floods the log are left out and counted;

@@ -154,6 +154,14 @@ TEST(OzfLogger, OneLineStaysOneLine)
                                  "\xc3\xa4%s{}");
 }
 
+TEST(OzfLogger, ALineReadsAsItIs)
+{
+  LogCapture log;
+  LoggerFactory::getLogger(400)->write(1, "o", "a\xE2\x80\xAEz\xE2\x80\xA8y\xD8\x9C");
+  ASSERT_EQ(log.lines().size(), 1u);
+  EXPECT_EQ(log.lines()[0].text, R"(a\xE2\x80\xAEz\xE2\x80\xA8y\xD8\x9C)");
+}
+
 TEST(OzfLogger, TheTextIsNeverAFormat)
 {
   LoggerFactory::setStderr();

@@ -1,0 +1,30 @@
+#include "ozf/base/Display.h"
+
+namespace Quillon::Tessarine::Ozf
+{
+
+bool isDisplayable(char32_t character) noexcept
+{
+  auto const within = [character](char32_t first, char32_t last)
+  { return character >= first && character <= last; };
+  bool const control = character < 0x20 || within(0x7F, 0x9F);
+  bool const separator = within(0x2028, 0x2029);
+  bool const direction = character == 0x061C || within(0x200E, 0x200F) || within(0x202A, 0x202E) ||
+                         within(0x2066, 0x2069);
+  bool const nobodys = within(0xFDD0, 0xFDEF) || (character & 0xFFFE) == 0xFFFE;
+  return !control && !separator && !direction && !nobodys;
+}
+
+void appendHex(std::string& result, std::string_view mark, std::string_view bytes)
+{
+  constexpr std::string_view HEX = "0123456789ABCDEF";
+  for (char const c : bytes)
+  {
+    auto const byte = static_cast<unsigned char>(c);
+    result += mark;
+    result += HEX[byte >> 4];
+    result += HEX[byte & 0xF];
+  }
+}
+
+} // namespace Quillon::Tessarine::Ozf
