@@ -69,9 +69,9 @@ int findOne(ShowOptions const& options, Record& record, bool& found)
              "write the names out:");
     constexpr std::size_t MOST = 10;
     for (std::size_t i = 0; i < records.size() && i < MOST; ++i)
-      std::cerr << "  " << titleOf(records[i]) << '\n';
+      remark("  " + titleOf(records[i]));
     if (records.size() > MOST)
-      std::cerr << "  and " << records.size() - MOST << " more\n";
+      remark("  and " + std::to_string(records.size() - MOST) + " more");
     return EXIT_USAGE;
   }
   record = records.front();
@@ -103,7 +103,7 @@ int showBytes(ShowOptions const& options, Connection const& connection, Record c
   else
   {
     complain("the payload is no XML and printed as it is: " + reason);
-    std::cout << bytes;
+    std::cout << (isatty(STDOUT_FILENO) == 0 ? bytes : shownLines(bytes));
   }
   return EXIT_DONE;
 }
