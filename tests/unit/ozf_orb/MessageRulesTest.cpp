@@ -86,7 +86,7 @@ std::string refusalOf(std::string const& bytes,
 TEST(MessageRulesTest, requestsPassAsTheyCameInWhateverPieces)
 {
   std::string const bytes =
-      messageOf(REQUEST, 1) + messageOf(REQUEST, 2, 12, true) + messageOf(FRAGMENT, 2, 8, true) +
+      messageOf(REQUEST, 1) + messageOf(REQUEST, 2, 16, true) + messageOf(FRAGMENT, 2, 8, true) +
       messageOf(FRAGMENT, 2, 3) + messageOf(LOCATE, 3) + messageOf(REQUEST, 2, 4000) +
       messageOf(REQUEST, 1, 60, false, 0) + messageOf(REQUEST, 1, 20000) + headerOf(CLOSE, 0);
   for (std::size_t const step : {std::size_t(1), std::size_t(7), std::size_t(1000), bytes.size()})
@@ -95,7 +95,7 @@ TEST(MessageRulesTest, requestsPassAsTheyCameInWhateverPieces)
 
 TEST(MessageRulesTest, repliesPassAsTheyCame)
 {
-  std::string const bytes = messageOf(REPLY, 1) + messageOf(REPLY, 2, 4, true) +
+  std::string const bytes = messageOf(REPLY, 1) + messageOf(REPLY, 2, 8, true) +
                             messageOf(FRAGMENT, 2, 3) + headerOf(CLOSE, 0);
   EXPECT_EQ(deliveredFrom(bytes, 9, MessageRules::REPLIES), bytes);
 }
@@ -111,7 +111,7 @@ TEST(MessageRulesTest, aCancelledRequestIsLeftOut)
 
 TEST(MessageRulesTest, requestsInFragmentsMustNotOverlap)
 {
-  std::string const begun = messageOf(REQUEST, 7, 12, true);
+  std::string const begun = messageOf(REQUEST, 7, 16, true);
   std::string const end = messageOf(FRAGMENT, 7, 3);
   EXPECT_EQ(refusalOf(begun + end + begun + end), "");
   EXPECT_EQ(refusalOf(begun + begun + end + end), "another message has not ended");
@@ -167,9 +167,9 @@ TEST(MessageRulesTest, anObjectIsNamedByItsKeyAlone)
 
 TEST(GuardedInputTest, tellsWhatItHolds)
 {
-  std::string bytes = messageOf(CANCEL, 1, 0) + messageOf(REQUEST, 1, 100, true) +
+  std::string bytes = messageOf(CANCEL, 1, 0) + messageOf(REQUEST, 1, 104, true) +
                       messageOf(FRAGMENT, 1, 20) + messageOf(REQUEST, 2, 9000);
-  std::size_t const whole = 16 + 116 + 36;
+  std::size_t const whole = 16 + 120 + 36;
   GuardedInput input(MessageRules::REQUESTS);
   std::size_t at = 0;
   auto const read = [&](void* to, std::size_t room)
@@ -190,7 +190,7 @@ TEST(GuardedInputTest, tellsWhatItHolds)
   }
   auto const never = [](void*, std::size_t) { return -1; };
   char buffer[200];
-  EXPECT_EQ(input.deliver(buffer, sizeof buffer, never), 116) << "one message at a time";
+  EXPECT_EQ(input.deliver(buffer, sizeof buffer, never), 120) << "one message at a time";
   EXPECT_TRUE(input.insideMessage());
   EXPECT_EQ(input.deliver(buffer, sizeof buffer, never), 36);
   EXPECT_FALSE(input.insideMessage());
