@@ -6,16 +6,13 @@
 #include "ozf/log/Logger.h"
 #include "ozf/orb/OrbService.h"
 
-#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <exception>
-#include <limits>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <system_error>
-#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 namespace Host
@@ -40,15 +37,6 @@ sigset_t takenSignals()
   for (int const signal : {SIGTERM, SIGINT, SIGHUP})
     sigaddset(&set, signal);
   return set;
-}
-
-// Milliseconds between two signs of life; -1 when nobody waits for them.
-int watchdogPeriod()
-{
-  std::uint64_t microseconds = 0;
-  if (sd_watchdog_enabled(0, &microseconds) <= 0)
-    return -1;
-  return static_cast<int>(std::clamp<std::uint64_t>(microseconds / 2000, 1, 3600000));
 }
 
 } // namespace
@@ -96,12 +84,10 @@ bool SignalThread::start(std::string& error)
 
 void SignalThread::loop()
 {
-  int const period = watchdogPeriod();
-  int const longest = period > 0 ? std::min(period, FLOOD_PERIOD) : FLOOD_PERIOD;
   pollfd waits[] = {{m_signals.get(), POLLIN, 0}, {m_end.get(), POLLIN, 0}};
   while (waits[1].revents == 0)
   {
-    if (poll(waits, 2, longest) < 0)
+    if (poll(waits, 2, FLOOD_PERIOD) < 0)
     {
       if (errno == EINTR)
         continue;
@@ -109,8 +95,6 @@ void SignalThread::loop()
               "Unable to wait for signals: " << errorText(errno));
       return;
     }
-    if (period > 0)
-      sd_notify(0, "WATCHDOG=1");
     LoggerFactory::reportFloods();
     signalfd_siginfo info{};
     while (read(m_signals.get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info))

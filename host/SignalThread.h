@@ -17,9 +17,8 @@ namespace Host
 void blockSignals();
 
 // Stops the service on SIGTERM and SIGINT (later ones are noted and change
-// nothing), sets the log up anew on SIGHUP, and tells the service manager's
-// watchdog that the process is alive. The service is made before and destroyed
-// after the thread.
+// nothing) and sets the log up anew on SIGHUP. The service is made before and
+// destroyed after the thread.
 class SignalThread
 {
 public:

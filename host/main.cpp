@@ -5,11 +5,13 @@
 #include "host/Options.h"
 #include "host/ServiceLibrary.h"
 #include "host/SignalThread.h"
+#include "host/Watchdog.h"
 #include "ozf/base/FileOwner.h"
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ProductRoot.h"
 #include "ozf/log/Logger.h"
 #include "ozf/orb/OrbService.h"
+#include "ozf/xml/XmlDocumentInterface.h"
 
 #include <cstdio>
 #include <exception>
@@ -40,14 +42,24 @@ int checkConfiguration()
 // Gone as soon as the service serves.
 std::optional<StartReport> startReport;
 
+// While the service runs.
+std::optional<Watchdog> watchdog;
+
 void ready()
 {
   startReport.reset();
+  std::string error;
+  if (!watchdog->start(OrbService::Instance()->getServiceName(), error))
+    OZF_LOG(getHostLogger(), 1, SOURCE, "main", error);
   sd_notify(0, "READY=1\nSTATUS=Serving");
   OZF_LOG(getHostLogger(), 1, SOURCE, "main", "Started, version " TQ_VERSION);
 }
 
-void stopping() { sd_notify(0, "STOPPING=1\nSTATUS=Stopping"); }
+void stopping()
+{
+  watchdog->serviceStops();
+  sd_notify(0, "STOPPING=1\nSTATUS=Stopping");
+}
 
 int failStart(std::string const& reason)
 {
@@ -76,6 +88,9 @@ int runService(Options const& options)
   // What is stored, and the log, is for the owner and the group alone.
   umask(027);
   blockSignals();
+  // The library brings others in that clean up when the process ends. Set up
+  // first by a thread of the ORB's, their clean-up could meet that thread.
+  initializeXml();
   // The log is set up before the process's own reading of the file, which logs
   // the mistakes that it finds.
   setUpLog(options, Configuration::read(getConfigurationPath()));
@@ -96,7 +111,10 @@ int runService(Options const& options)
   OrbService::Events events;
   events.ready = ready;
   events.stopping = stopping;
-  switch (service->main(events, started))
+  watchdog.emplace();
+  auto const outcome = service->main(events, started);
+  watchdog.reset();
+  switch (outcome)
   {
   case OrbService::ORDERLY:
     // To a service manager an end before READY is a failed start.

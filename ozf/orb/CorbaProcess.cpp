@@ -16,6 +16,7 @@
 #include "ozf/orb/Endpoint.h"
 #include "ozf/orb/ListenCheck.h"
 #include "ozf/plugin/CurrentException.h"
+#include "ozf/xml/XmlDocumentInterface.h"
 
 #include <omniORB4/callDescriptor.h>
 #include <omniORB4/omniInterceptors.h>
@@ -300,6 +301,10 @@ bool CorbaProcess::acquire(std::string const& name, unsigned short port,
   constexpr char OPERATION[] = "CorbaProcess::acquire";
   // ACE stays up until the process ends: its singletons go with it.
   static int const aceUp = ACE::init();
+  // Here and not by the first call that meets a document: what the library
+  // brings in cleans up when the process ends, and must not have been set up by
+  // a thread of the ORB's that may be ending then.
+  initializeXml();
   if (aceUp < 0)
     OZF_LOG(getFrameworkLogger(), 1, SOURCE, OPERATION, "Unable to initialise ACE");
 

@@ -48,6 +48,22 @@ public:
       return;
   }
 
+  bool readable(std::chrono::milliseconds time) const
+  {
+    pollfd wait{m_fd, POLLIN, 0};
+    return poll(&wait, 1, static_cast<int>(time.count())) > 0;
+  }
+
+  // What comes next, empty when nothing does.
+  std::string receive() const
+  {
+    std::string bytes(4096, '\0');
+    ssize_t const got =
+        readable(std::chrono::seconds(10)) ? recv(m_fd, bytes.data(), bytes.size(), 0) : 0;
+    bytes.resize(static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+    return bytes;
+  }
+
   // Whether the peer has closed the connection.
   bool closed() const
   {
@@ -259,5 +275,81 @@ TEST_F(HostileClientTest, moreConnectionsThanDescriptorsAreRefusedAndTheServiceR
   flood.clear();
   EXPECT_TRUE(eventually([&] { return openDescriptors() < 80; }, std::chrono::seconds(60)))
       << openDescriptors();
+  expectUnharmed();
+}
+
+// A key that is none of the service's, in the form of those that the ORB makes.
+TEST_F(HostileClientTest, foreignKeysAreAnsweredOnceWithObjectNotExist)
+{
+  start();
+  using namespace std::string_literals;
+  std::vector<std::string> const keys{"\xff"
+                                      "DiscoveryService#1\xff"
+                                      "evictable\0\x13"s,
+                                      "\xff"
+                                      "DiscoveryService#1\xff"
+                                      "objects\0"s,
+                                      "\xff"
+                                      "DiscoveryService#1\xff"
+                                      "objects\xfe"
+                                      "12345678\0abc"s,
+                                      "\xff"
+                                      "DiscoveryService#1\xff"
+                                      "objects"s,
+                                      "\xff"
+                                      "DiscoveryService#1\0\1"s,
+                                      "\xff"
+                                      "DiscoveryService#1\xfe"
+                                      "1234567"s,
+                                      "\xff"
+                                      "omniINSPOA\0\1"s,
+                                      "\xff"
+                                      "omniINSPOA\0DiscoveryService"s,
+                                      "\xff"
+                                      "omniINSPOA\xfe"
+                                      "12345678\0DiscoveryService"s,
+                                      "\xff\xff\xff\0"s,
+                                      "\xff"s,
+                                      "\xfe"s,
+                                      "\xfe"
+                                      "12345678\0x"s,
+                                      "\0"s,
+                                      "\0abcdefgh"s,
+                                      ""s,
+                                      "Nobody"s,
+                                      "INIT"s,
+                                      std::string(1000, '\xff'),
+                                      std::string(1000, '\xfe')};
+  for (auto const& key : keys)
+  {
+    std::string body = std::string("\0\0\0\7\3\0\0\0\0\0\0\0\0\0", 14);
+    body += {static_cast<char>(key.size() >> 8), static_cast<char>(key.size())};
+    body += key;
+    body.resize((body.size() + 3) / 4 * 4);
+    body += std::string("\0\0\0\14getNextPage\0\0\0\0\0", 20);
+    std::string const request = giopHeader(0, static_cast<std::uint32_t>(body.size())) + body;
+    Connection const connection(m_service.port());
+    // Twice, as what is left of the first would be found by the second.
+    for (int i = 0; i < 2; ++i)
+    {
+      connection.send(request);
+      std::string const answer = connection.receive();
+      EXPECT_NE(answer.find("IDL:omg.org/CORBA/OBJECT_NOT_EXIST:1.0"), std::string::npos)
+          << testing::PrintToString(key) << ": " << testing::PrintToString(answer);
+    }
+    EXPECT_FALSE(connection.readable(std::chrono::milliseconds(20))) << testing::PrintToString(key);
+  }
+  EXPECT_THAT(m_service.log(), testing::Not(HasSubstr("Assertion failed")));
+  EXPECT_LT(m_service.log().size(), 100000U);
+  expectUnharmed();
+}
+
+// Cost many services their life within the first second.
+TEST_F(HostileClientTest, requestsThatOverlapInAllWaysHarmNobody)
+{
+  start();
+  Process attacker(TQ_BIN_DIR "/message_attacker", {std::to_string(m_service.port()), "3", "1"});
+  ASSERT_TRUE(attacker.wait(std::chrono::seconds(60)));
+  EXPECT_EQ(attacker.exitCode(), 0) << attacker.output() << attacker.errors() << m_service.log();
   expectUnharmed();
 }

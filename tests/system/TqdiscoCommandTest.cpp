@@ -3,6 +3,7 @@
 #include "tests/support/Process.h"
 #include "tests/support/TempDir.h"
 
+#include <sys/resource.h>
 #include <arpa/inet.h>
 #include <filesystem>
 #include <gmock/gmock.h>
@@ -116,13 +117,13 @@ public:
   NotifySocket& operator=(NotifySocket const&) = delete;
 
   // Whether a message that holds text comes before the deadline.
-  bool await(std::string const& text)
+  bool await(std::string const& text, std::chrono::milliseconds time = std::chrono::seconds(60))
   {
-    auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    auto const deadline = std::chrono::steady_clock::now() + time;
     while (std::chrono::steady_clock::now() < deadline)
     {
       pollfd wait{m_fd, POLLIN, 0};
-      if (poll(&wait, 1, 1000) != 1)
+      if (poll(&wait, 1, 100) != 1)
         continue;
       char buffer[1024];
       ssize_t const count = recv(m_fd, buffer, sizeof buffer, 0);
@@ -312,4 +313,31 @@ TEST_F(TqdiscoCommandTest, tellsTheServiceManagerHowItIs)
   EXPECT_TRUE(manager.await("STOPPING=1")) << process->errors();
   ASSERT_TRUE(process->wait());
   EXPECT_EQ(process->exitCode(), 0);
+}
+
+// Without descriptors it is alive and cannot be reached: the ORB gives the port
+// up.
+TEST_F(TqdiscoCommandTest, tellsTheWatchdogNothingWhileItsPortDoesNotAnswer)
+{
+  configureService();
+  NotifySocket manager(root / "notify");
+  auto const process = start({}, {{"NOTIFY_SOCKET", root / "notify"}, {"WATCHDOG_USEC", "400000"}});
+  ASSERT_TRUE(manager.await("READY=1")) << process->errors();
+  ASSERT_TRUE(manager.await("WATCHDOG=1")) << process->errors();
+  rlimit before{};
+  rlimit none{};
+  ASSERT_EQ(prlimit(process->pid(), RLIMIT_NOFILE, nullptr, &before), 0);
+  none.rlim_cur = 0;
+  none.rlim_max = before.rlim_max;
+  ASSERT_EQ(prlimit(process->pid(), RLIMIT_NOFILE, &none, nullptr), 0);
+  ASSERT_TRUE(process->awaitError("The service's own port does not answer")) << process->errors();
+  // What was told before may still be there to be read.
+  while (manager.await("WATCHDOG=1", std::chrono::milliseconds(100)))
+    ;
+  EXPECT_FALSE(manager.await("WATCHDOG=1", std::chrono::milliseconds(700)));
+  ASSERT_EQ(prlimit(process->pid(), RLIMIT_NOFILE, &before, nullptr), 0);
+  process->sendSignal(SIGTERM);
+  EXPECT_TRUE(manager.await("STOPPING=1")) << process->errors();
+  ASSERT_TRUE(process->wait());
+  EXPECT_EQ(process->exitCode(), 0) << process->errors();
 }
