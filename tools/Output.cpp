@@ -17,11 +17,6 @@ namespace tqdiscoctl
 
 using namespace Quillon::Tessarine::Ozf;
 
-namespace
-{
-
-// The line broken between words, so that no part is wider than width (0: no
-// limit), as far as its words let it.
 std::string wrapped(std::string const& line, std::size_t width)
 {
   if (width == 0 || displayWidth(line) <= width)
@@ -45,6 +40,9 @@ std::string wrapped(std::string const& line, std::size_t width)
   }
   return result;
 }
+
+namespace
+{
 
 // As JSON writes a character outside ASCII: one unit of UTF-16, or two.
 void appendUnits(std::string& result, std::string_view, char32_t character)

@@ -49,6 +49,10 @@ std::string shownLines(std::string_view text);
 // itself.
 std::string asNamed(std::string const& name);
 
+// The line broken between words, so that no part is wider than width (0: no
+// limit), as far as its words let it.
+std::string wrapped(std::string const& line, std::size_t width);
+
 // "1 host", "3 hosts".
 std::string counted(std::size_t count, std::string const& one, std::string const& several);
 

@@ -255,10 +255,17 @@ int status(StatusOptions const& options, Session const& session)
   }
   else
   {
-    std::cout << connection.place() << " is up: it answered after " << answered << " ms and knows "
-              << counted(records.size(), "discovery", "discoveries") << ".\n";
+    std::size_t const width = terminalWidth(STDOUT_FILENO);
+    std::cout << wrapped(connection.place() + " is up: it answered after " +
+                             std::to_string(answered) + " ms and knows " +
+                             counted(records.size(), "discovery", "discoveries") + ".",
+                         width)
+              << '\n';
     if (states.empty())
-      std::cout << "No service has told of itself yet; each does within minutes of its start.\n";
+      std::cout << wrapped("No service has told of itself yet; each does within minutes of its "
+                           "start.",
+                           width)
+                << '\n';
     else
     {
       OzfObjTime const now = OzfObjTime::now();

@@ -255,7 +255,18 @@ TEST_F(DiscoveryRepositoryTest, ThePullRegistrationsAreCapped)
   AutoDereference<FakePull> weak(new FakePull("weak"));
   pull(repository, weak.get(), 4, "s7", "a");
   EXPECT_EQ(1, weak->referenceCount());
-  EXPECT_EQ(1u, log.lines().size()) << log.text();
+  // Besides that there is no room: of who was left out each time.
+  constexpr char const* OPERATION = "DiscoveryRepository::registerExplorer";
+  std::string const stays =
+      " for subject s7: \"again\" (authority a, type 2, priority 5) has its place";
+  EXPECT_EQ(1, log.count(1, OPERATION,
+                         "Left out the explorer \"x\" (authority a, type 2, priority 5)" + stays))
+      << log.text();
+  EXPECT_EQ(1,
+            log.count(1, OPERATION,
+                      "Left out the explorer \"weak\" (authority a, type 2, priority 4)" + stays))
+      << log.text();
+  EXPECT_EQ(3u, log.lines().size()) << log.text();
   EXPECT_EQ(std::size_t(CAP), repository.getPullExplorers()->size());
 }
 
