@@ -206,12 +206,12 @@ template <class Read>
 bool readAnywhere(Record const& record, bool query, Read read)
 {
   if (!record.onDemand())
-    return read(record.discovery, query);
+    return read(record.open(), query);
   std::optional<Announcement> announcement;
   bool const ownerFirst = query || record.restored();
   if (ownerFirst)
     announcement = announcementOf(record);
-  if (!announcement && !record.restored() && read(record.discovery, false))
+  if (!announcement && !record.restored() && read(record.open(), false))
     return true;
   if (!ownerFirst)
     announcement = announcementOf(record);
@@ -225,7 +225,7 @@ bool readAnywhere(Record const& record, bool query, Read read)
   if (record.restored())
     return announcement->type != AT_REMOTEPULL &&
            read(elsewhere(record, masterAs(announcement->type)), query);
-  return query && read(record.discovery, true);
+  return query && read(record.open(), true);
 }
 
 } // namespace
@@ -236,6 +236,14 @@ std::string const* Item::find(std::string_view fact) const
     if (equalIgnoringCase(factName, fact))
       return &value;
   return nullptr;
+}
+
+std::size_t sizeOf(Item const& item)
+{
+  std::size_t size = sizeof item + item.name.size() + item.text.size();
+  for (auto const& [name, value] : item.facts)
+    size += sizeof(std::pair<std::string, std::string>) + name.size() + value.size();
+  return size;
 }
 
 Collection readCollection(Record const& record, OzfQuery const& query, ItemSink const& take)
@@ -303,7 +311,7 @@ AutoDereference<OzfQuery> describe(Record const& record)
       break;
     for (Record const& each : records)
       if (!each.onDemand())
-        for (auto const& attribute : readThrough(each.discovery, "", [](Item const&) {}).attributes)
+        for (auto const& attribute : readThrough(each.open(), "", [](Item const&) {}).attributes)
           description->addAttribute(attribute);
   }
   return description;

@@ -37,6 +37,9 @@ struct Item
   std::string const* find(std::string_view fact) const;
 };
 
+// The memory that it takes, in bytes.
+std::size_t sizeOf(Item const& item);
+
 struct Collection
 {
   bool complete = false; // else it could not be read, or not to its end

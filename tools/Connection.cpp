@@ -14,6 +14,7 @@
 #include <memory>
 #include <netdb.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 namespace tqdiscoctl
 {
@@ -89,10 +90,11 @@ void addConnectionOptions(CLI::App& application, ConnectionOptions& options)
       .add_option("-m,--master", options.master,
                   "The master's service; default: SERVER of the configuration")
       ->type_name("HOST[:PORT]");
-  application.add_option("--timeout", options.timeout, "How long to wait for an answer")
+  application
+      .add_option("--timeout", options.timeout,
+                  "How long the command may wait in all; default: 300, of them 30 for one answer")
       ->check(CLI::Range(1L, 3600L))
-      ->type_name("SECONDS")
-      ->capture_default_str();
+      ->type_name("SECONDS");
 }
 
 bool parseMaster(std::string const& text, std::string& host, std::string& port)
@@ -121,8 +123,62 @@ bool parseMaster(std::string const& text, std::string& host, std::string& port)
   return !host.empty() && host.find_first_of(" \t\r\n/[]%") == std::string::npos;
 }
 
+void TimeLimit::start(ConnectionOptions const& options, std::string const& place, Orb& orb)
+{
+  stop();
+  m_stopped = false;
+  m_end = Steady::now() + std::chrono::seconds(options.whole());
+  m_margin = std::chrono::seconds(std::min(options.call(), options.whole() / 4));
+  orb.setRequestTimeout(ACE_Time_Value(options.call()));
+  m_thread = std::thread([this, options, place, &orb] { run(options, place, orb); });
+}
+
+void TimeLimit::stop()
+{
+  {
+    std::lock_guard const guard(m_mutex);
+    m_stopped = true;
+  }
+  m_changed.notify_all();
+  if (m_thread.joinable())
+    m_thread.join();
+}
+
+std::chrono::milliseconds TimeLimit::left() const
+{
+  auto const rest = std::chrono::duration_cast<std::chrono::milliseconds>(m_end - Steady::now());
+  return std::max(rest, std::chrono::milliseconds(0));
+}
+
+bool TimeLimit::nearlyOver() const { return left() < m_margin; }
+
+void TimeLimit::run(ConnectionOptions options, std::string const& place, Orb& orb)
+{
+  constexpr std::chrono::milliseconds STEP(100);
+  // A call that has all of the time ends a little after it, and what comes of
+  // it is still to be told.
+  constexpr std::chrono::milliseconds GRACE(1000);
+  std::unique_lock lock(m_mutex);
+  while (!m_changed.wait_for(lock, STEP, [this] { return m_stopped; }))
+  {
+    auto const rest = std::max(left(), STEP);
+    if (rest < std::chrono::seconds(options.call()))
+      orb.setRequestTimeout(ACE_Time_Value(rest.count() / 1000, rest.count() % 1000 * 1000));
+    if (Steady::now() < m_end + GRACE)
+      continue;
+    complain("gave up after " +
+             counted(static_cast<std::size_t>(options.whole()), "second", "seconds") +
+             ": the service at " + place +
+             ", or a host that it names, is too slow or comes to no end; --timeout allows "
+             "more");
+    // Other threads are in the middle of their calls.
+    _exit(EXIT_FAILED);
+  }
+}
+
 Connection::~Connection()
 {
+  m_clock.stop();
   m_service = Remote::DiscoveryService::_nil();
   if (m_research)
     deinitDiscoveryResearch();
@@ -178,7 +234,7 @@ int Connection::open()
     complain("cannot start the communication; --verbose shows why");
     return EXIT_FAILED;
   }
-  m_orb->setRequestTimeout(ACE_Time_Value(m_options.timeout));
+  startClock();
   setOrb(m_orb.get());
   m_service = connect(m_master);
   if (CORBA::is_nil(m_service))
@@ -207,7 +263,7 @@ Remote::DiscoveryService_ptr Connection::connect(std::string const& host)
     OzfHostname name;
     name.setHostname(host);
     CORBA::Object_var const object =
-        m_orb->resolveObject(name, SERVICE, SERVICE, ACE_Time_Value(m_options.timeout));
+        m_orb->resolveObject(name, SERVICE, SERVICE, ACE_Time_Value(m_options.call()));
     Remote::DiscoveryService_var service = Remote::DiscoveryService::_narrow(object);
     if (!CORBA::is_nil(service))
       return service._retn();

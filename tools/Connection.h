@@ -7,7 +7,12 @@
 
 #include <DiscoveryServiceC.h>
 
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 
 namespace CLI
 {
@@ -19,8 +24,49 @@ namespace tqdiscoctl
 
 struct ConnectionOptions
 {
+  static constexpr long WHOLE = 300; // seconds, when the user says nothing
+  static constexpr long CALL = 30;
+
   std::string master; // HOST or HOST:PORT, empty for the configuration's
-  long timeout = 30;  // seconds
+  long timeout = 0;   // seconds, 0 when the user says nothing
+
+  // What the command, and what one call of it, may take.
+  long whole() const noexcept { return timeout != 0 ? timeout : WHOLE; }
+  long call() const noexcept { return timeout != 0 ? timeout : CALL; }
+};
+
+// Ends the process, after telling the user, when its time is over: no service is
+// trusted to come to an end of its pages. Calls that begin late are given less
+// time, so that most of what is slow fails before, and is told in its own words.
+class TimeLimit
+{
+public:
+  TimeLimit() = default;
+  ~TimeLimit() { stop(); }
+  TimeLimit(TimeLimit const&) = delete;
+  TimeLimit& operator=(TimeLimit const&) = delete;
+
+  // From now on, also when it runs already. The ORB outlives the run.
+  void start(ConnectionOptions const& options, std::string const& place,
+             Quillon::Tessarine::Ozf::Orb& orb);
+  void stop();
+
+  // Whether what is left is better used for telling what there is: less than a
+  // call may take, or than a quarter of the whole.
+  bool nearlyOver() const;
+  std::chrono::milliseconds left() const;
+
+private:
+  using Steady = std::chrono::steady_clock;
+
+  void run(ConnectionOptions options, std::string const& place, Quillon::Tessarine::Ozf::Orb& orb);
+
+  mutable std::mutex m_mutex;
+  std::condition_variable m_changed;
+  bool m_stopped = false;
+  Steady::time_point m_end{};
+  std::chrono::seconds m_margin{0};
+  std::thread m_thread; // none when it does not run
 };
 
 // --master and --timeout; they may stand before and behind the command.
@@ -52,6 +98,12 @@ public:
   Quillon::Tessarine::Ozf::DiscoverySvc::Remote::DiscoveryService_ptr
   connect(std::string const& host);
 
+  // The time of the command: it runs from open on. A command that waits for
+  // nobody stops it, and starts it anew for what comes next.
+  void stopClock() { m_clock.stop(); }
+  void startClock() { m_clock.start(m_options, m_place, *m_orb); }
+  TimeLimit const& clock() const noexcept { return m_clock; }
+
   // Whether the master's service still answers. Blocks for the time-out at
   // worst; once it did not, it is not asked again.
   bool answers() const;
@@ -81,6 +133,7 @@ private:
   std::string m_master; // its name
   std::string m_place;
   std::unique_ptr<Quillon::Tessarine::Ozf::Orb> m_orb;
+  TimeLimit m_clock; // stopped before the ORB goes
   bool m_research = false;
   Quillon::Tessarine::Ozf::DiscoverySvc::Remote::DiscoveryService_var m_service;
   mutable std::string m_lost; // why it does not answer any more

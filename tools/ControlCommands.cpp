@@ -5,6 +5,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <chrono>
 #include <iostream>
 #include <memory>
@@ -81,7 +82,7 @@ int push(ControlOptions const& options, Session const& session)
 }
 
 // Whether calls on the service fail before the deadline.
-bool awaitEnd(Remote::DiscoveryService_ptr service, std::chrono::seconds limit)
+bool awaitEnd(Remote::DiscoveryService_ptr service, std::chrono::milliseconds limit)
 {
   auto const deadline = std::chrono::steady_clock::now() + limit;
   Progress progress("Waiting for the service to stop");
@@ -109,6 +110,7 @@ int stop(ControlOptions const& options, Session const& session)
   if (int const result = reach(options, connection, service); result != EXIT_DONE)
     return result;
   bool stopped = false;
+  std::chrono::milliseconds const longest = std::chrono::seconds(session.connection.call());
   try
   {
     if (!service->terminate())
@@ -116,8 +118,7 @@ int stop(ControlOptions const& options, Session const& session)
       complain("the service cannot stop itself; stop it where it runs: systemctl stop tqdisco");
       return EXIT_FAILED;
     }
-    stopped =
-        !options.noWait && awaitEnd(service, std::chrono::seconds(session.connection.timeout));
+    stopped = !options.noWait && awaitEnd(service, std::min(connection.clock().left(), longest));
   }
   catch (CORBA::Exception const& exception)
   {
@@ -126,7 +127,7 @@ int stop(ControlOptions const& options, Session const& session)
   if (!stopped && !options.noWait)
   {
     complain("the service was asked to stop, but still answers after " +
-             std::to_string(session.connection.timeout) +
+             std::to_string(session.connection.call()) +
              " seconds; it may be waiting for work "
              "in progress");
     return EXIT_PARTLY;

@@ -51,6 +51,7 @@ public:
       m_record = std::make_shared<Record const>(record);
     if (limit != 0 && order.fact.empty() && m_rows.size() >= limit)
       return;
+    m_bytes += rowSize(record.subject, item);
     m_rows.push_back({record.subject, m_record, std::make_shared<Item const>(std::move(item))});
     constexpr std::size_t SPARE = 1000; // so that it is not sorted for every item
     if (limit != 0 && m_rows.size() >= 2 * limit + SPARE)
@@ -60,15 +61,28 @@ public:
   void finish(ItemOrder const& order, std::size_t limit)
   {
     sortRows(m_rows, order);
-    if (limit != 0 && m_rows.size() > limit)
-      m_rows.resize(limit);
+    if (limit == 0 || m_rows.size() <= limit)
+      return;
+    m_rows.resize(limit);
+    m_bytes = 0;
+    for (ItemRow const& row : m_rows)
+      m_bytes += rowSize(row.subject, *row.item);
   }
+
+  // What the rows take in memory.
+  std::size_t bytes() const noexcept { return m_bytes; }
 
   std::vector<ItemRow> const& rows() const { return m_rows; }
   // The last that was added.
   Record const& record() const { return *m_record; }
 
 private:
+  static std::size_t rowSize(std::string const& subject, Item const& item)
+  {
+    return sizeof(ItemRow) + subject.size() + sizeOf(item);
+  }
+
+  std::size_t m_bytes = 0;
   std::shared_ptr<Record const> m_record;
   std::vector<ItemRow> m_rows;
 };
@@ -92,13 +106,17 @@ public:
     if (m_options.json)
       m_printer.item(record, item);
     else if (!streams())
-      m_rows[record.authority].add(record, std::move(item), m_order, m_options.limit);
+      hold(record, std::move(item));
     else if (m_options.limit == 0 || printed < m_options.limit)
     {
       ++printed;
       printLine(record, item);
     }
   }
+
+  // Whether items were left out because those to be printed at the end take all
+  // the memory that they may.
+  bool full() const noexcept { return m_full; }
 
   // Behind the items of the collection.
   void end(Record const& record, Collection const& collection)
@@ -135,6 +153,19 @@ public:
   }
 
 private:
+  static constexpr std::size_t MOST_HELD = std::size_t(64) << 20;
+
+  void hold(Record const& record, Item item)
+  {
+    m_full = m_full || m_held > MOST_HELD;
+    if (m_full)
+      return;
+    Rows& rows = m_rows[record.authority];
+    m_held -= rows.bytes();
+    rows.add(record, std::move(item), m_order, m_options.limit);
+    m_held += rows.bytes();
+  }
+
   void printLine(Record const& record, Item const& item)
   {
     nlohmann::json line = toJson(record);
@@ -194,6 +225,8 @@ private:
   Descriptions m_descriptions;
   CollectionPrinter m_printer;
   std::map<std::string, Rows> m_rows; // by authority
+  std::size_t m_held = 0;             // bytes
+  bool m_full = false;
   std::map<std::string, std::size_t> m_printed;
 };
 
@@ -216,6 +249,7 @@ int items(ItemsOptions const& options, Session const& session)
   std::size_t done = 0;
   std::size_t count = 0;
   bool gone = false;
+  bool cut = false;
   QueryAnswer answer;
   {
     constexpr char WHAT[] = "Reading collections";
@@ -224,6 +258,9 @@ int items(ItemsOptions const& options, Session const& session)
     std::optional<Progress> progress;
     for (Record const& record : records)
     {
+      cut = output.full() || connection.clock().nearlyOver();
+      if (cut)
+        break;
       if (telling && !progress)
         progress.emplace(WHAT);
       ++done;
@@ -253,10 +290,16 @@ int items(ItemsOptions const& options, Session const& session)
         break;
     }
   }
+  cut = cut || output.full();
   output.finish(count);
   std::cout.flush();
   failures.finish();
-  if (gone || failures.count() != 0)
+  if (cut)
+    complain((output.full() ? "these are more items than one table takes: " : "out of time: ") +
+             std::to_string(records.size() - done) + " of " + std::to_string(records.size()) +
+             " collections were not read; choose with --subject or --authority" +
+             (output.full() ? ", or use --json" : ", or raise --timeout"));
+  if (gone || cut || failures.count() != 0)
     return connection.conclude(count != 0 ? EXIT_PARTLY : EXIT_FAILED);
   if (count != 0)
     return listed;

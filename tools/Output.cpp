@@ -90,6 +90,20 @@ void printJson(nlohmann::json const& value) { std::cout << jsonText(value, 2) <<
 
 void printJsonLine(nlohmann::json const& value) { std::cout << jsonText(value, -1) << std::endl; }
 
+JsonArray::~JsonArray() { std::cout << (m_empty ? "[]\n" : "\n]\n"); }
+
+void JsonArray::add(nlohmann::json const& value)
+{
+  std::cout << (m_empty ? "[\n  " : ",\n  ");
+  m_empty = false;
+  for (char const c : jsonText(value, 2))
+  {
+    std::cout << c;
+    if (c == '\n')
+      std::cout << "  ";
+  }
+}
+
 void complain(std::string const& message) { remark("tqdiscoctl: " + message); }
 
 void remark(std::string const& text)

@@ -25,6 +25,22 @@ nlohmann::json timeOrNull(Quillon::Tessarine::Ozf::OzfObjTime const& time);
 void printJson(nlohmann::json const& value);
 void printJsonLine(nlohmann::json const& value);
 
+// Prints an array as printJson does, an element at a time, so that it need not
+// be held whole. It ends with the object.
+class JsonArray
+{
+public:
+  JsonArray() = default;
+  ~JsonArray();
+  JsonArray(JsonArray const&) = delete;
+  JsonArray& operator=(JsonArray const&) = delete;
+
+  void add(nlohmann::json const& value);
+
+private:
+  bool m_empty = true;
+};
+
 // That text, for output that is not printed whole; on one line with -1.
 std::string jsonText(nlohmann::json const& value, int indent);
 

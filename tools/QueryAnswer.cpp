@@ -15,6 +15,8 @@ using namespace Quillon::Tessarine::Ozf;
 namespace
 {
 
+constexpr std::size_t MOST_NAMES = 100'000;
+
 bool contains(std::set<std::string> const& names, std::string const& name)
 {
   return std::any_of(names.begin(), names.end(),
@@ -25,7 +27,11 @@ bool contains(std::set<std::string> const& names, std::string const& name)
 
 void QueryAnswer::add(Record const& record, Collection const& collection)
 {
-  m_facts.insert(collection.factNames.begin(), collection.factNames.end());
+  for (std::string const& name : collection.factNames)
+    if (m_facts.size() < MOST_NAMES || m_facts.count(name) != 0)
+      m_facts.insert(name);
+    else
+      m_tooMany = true;
   if (record.onDemand())
     m_onDemand.emplace(record.authority, record);
 }
@@ -33,7 +39,7 @@ void QueryAnswer::add(Record const& record, Collection const& collection)
 int QueryAnswer::complainNone(std::string const& query, bool quiet) const
 {
   std::set<std::string> facts = m_facts;
-  bool allKnown = true;
+  bool allKnown = !m_tooMany;
   for (auto const& [authority, record] : m_onDemand)
   {
     auto const description = describe(record);

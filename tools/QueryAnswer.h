@@ -26,6 +26,7 @@ public:
 
 private:
   std::set<std::string> m_facts;
+  bool m_tooMany = false;                   // not all of them are in m_facts
   std::map<std::string, Record> m_onDemand; // one of each authority
 };
 

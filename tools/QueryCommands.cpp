@@ -68,10 +68,9 @@ int query(QueryOptions const& options, Session const& session)
 
   if (options.json)
   {
-    nlohmann::json all = nlohmann::json::array();
+    JsonArray all;
     for (Record const& record : records)
-      all.push_back(toJson(record));
-    printJson(all);
+      all.add(toJson(record));
   }
   else if (!records.empty())
   {
@@ -134,14 +133,13 @@ int hosts(QueryOptions const& options, Session const& session)
 
   if (options.json)
   {
-    nlohmann::json all = nlohmann::json::array();
+    JsonArray all;
     for (auto const& [name, host] : found)
-      all.push_back({{"host", name},
-                     {"discoveries", host.discoveries},
-                     {"authorities", host.authorities},
-                     {"latestTime", timeOrNull(host.latest)},
-                     {"firstExpiresTime", timeOrNull(host.firstExpiry)}});
-    printJson(all);
+      all.add({{"host", name},
+               {"discoveries", host.discoveries},
+               {"authorities", host.authorities},
+               {"latestTime", timeOrNull(host.latest)},
+               {"firstExpiresTime", timeOrNull(host.firstExpiry)}});
   }
   else if (!found.empty())
   {

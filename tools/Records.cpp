@@ -2,6 +2,7 @@
 
 #include "discovery/DiscoveryRepository.h"
 #include "discovery/RemoteDB.h"
+#include "discovery/RemoteDBWire.h"
 #include "discovery/XMLHelper.h"
 #include "ozf/base/Wildcard.h"
 #include "tools/Connection.h"
@@ -25,6 +26,12 @@ namespace
 {
 
 constexpr std::size_t MAX_REGISTRATION = 1 << 20;
+constexpr std::size_t MOST_LISTED = std::size_t(64) << 20;
+constexpr char SERVICE_NAME[] = "DiscoveryService";
+constexpr char NOT_QUERIED[] = "the service could not be queried; --verbose shows why";
+
+using RemoteIterator =
+    AutoReleaseIterator<Remote::DiscoveryIterator_var, Remote::DiscoveryIterator_ptr>;
 
 bool matches(std::string const& pattern, std::string const& name)
 {
@@ -58,7 +65,145 @@ bool isOfType(Record const& record, AuthorityType type)
   return announcement && announcement->type == type;
 }
 
+// Keeps what answers a selection, as small as it can be.
+class Listing
+{
+public:
+  Listing(Selection const& selection, AuthorityType type, std::vector<Record>& records)
+      : m_selection(selection), m_type(type), m_records(records)
+  {
+  }
+
+  void add(Remote::Discovery const& wire)
+  {
+    if (!areUsableNames(wire.subject, wire.authority))
+      return;
+    Record record;
+    record.subject = Subject(wire.subject.in()).getName().str();
+    record.authority = Authority(wire.authority.in(), wire.authType).getName().str();
+    record.type = wire.authType;
+    // The service gives more than was asked for where a pattern begins with
+    // '*', and where collections are produced on demand.
+    if (!matches(m_selection.subject, record.subject) ||
+        !matches(m_selection.authority, record.authority))
+      return;
+    // A query of this type meets what is stored alone, and no other does.
+    record.announcement = m_type == AT_REMOTEPULL;
+    std::unique_ptr<CollectionAttributes const> const attributes(fromWire(wire.attributes));
+    if (!attributes->getDiscoveryTime().isZero())
+    {
+      record.discovered = attributes->getDiscoveryTime();
+      record.expires = attributes->getExpiresTime();
+    }
+    record.source = sourceOf(wire);
+    // Filter data is always stored.
+    if (m_selection.filterData ? m_type != AT_ANYANDALL && m_type != record.type
+                               : !isOfType(record, m_type))
+      return;
+    m_bytes += sizeof record + record.subject.capacity() + record.authority.capacity();
+    m_records.push_back(std::move(record));
+  }
+
+  bool full() const noexcept { return m_bytes > MOST_LISTED; }
+
+private:
+  std::shared_ptr<Record::Source const> const& sourceOf(Remote::Discovery const& wire)
+  {
+    if (!m_source || m_source->host != wire.sourceHost.in() ||
+        m_source->service != wire.sourceServiceName.in())
+    {
+      m_source = std::make_shared<Record::Source const>(
+          Record::Source{wire.sourceHost.in(), wire.sourceServiceName.in()});
+      m_bytes += sizeof(Record::Source) + m_source->host.capacity() + m_source->service.capacity();
+    }
+    return m_source;
+  }
+
+  Selection const& m_selection;
+  AuthorityType const m_type;
+  std::vector<Record>& m_records;
+  std::shared_ptr<Record::Source const> m_source; // of the last record
+  std::size_t m_bytes = 0;
+};
+
+// The master's iterator; absent, after a line for those who ask for one, when it
+// cannot be had.
+std::unique_ptr<RemoteIterator> queryMaster(DiscoveryQuery kind, AuthorityType type,
+                                            std::string const& subject,
+                                            std::string const& authority)
+{
+  OzfHostname master;
+  getDiscoveryRepository().getMasterServerName(master);
+  Remote::DiscoveryService_var const service =
+      getDiscoveryRepository().connectToRemoteDiscoveryService(master, SERVICE_NAME);
+  if (CORBA::is_nil(service))
+    return nullptr;
+  Remote::DiscoveryIterator_var iterator =
+      service->queryDiscoveries(kind, type, subject.c_str(), authority.c_str());
+  if (!CORBA::is_nil(iterator))
+    return std::make_unique<RemoteIterator>(iterator._retn());
+  tell("the service gave no list of discoveries");
+  return nullptr;
+}
+
+// An exit code; reason says why it is EXIT_FAILED.
+int fetch(Selection const& selection, AuthorityType type, Listing& listing, std::string& reason)
+{
+  reason = NOT_QUERIED;
+  try
+  {
+    auto const iterator = queryMaster(selection.filterData ? DQ_FILTER_DATA : DQ_DISCOVERY_DATA,
+                                      type, selection.subject, selection.authority);
+    if (!iterator)
+      return EXIT_FAILED;
+    // Page by page: whatever comes, one page is held besides what is kept.
+    for (;;)
+    {
+      Remote::DiscoverySeq_var page = (*iterator)->getNextPage();
+      if (page->length() == 0)
+        return EXIT_DONE;
+      for (CORBA::ULong i = 0; i < page->length(); ++i)
+        listing.add(page[i]);
+      if (!listing.full())
+        continue;
+      reason = "the service lists more than " + formatSize(MOST_LISTED) +
+               " of records, which is more than this command takes; choose with --subject or "
+               "--authority";
+      return EXIT_FAILED;
+    }
+  }
+  catch (CORBA::PERSIST_STORE const&)
+  {
+    return EXIT_PARTLY;
+  }
+  catch (CORBA::Exception const& exception)
+  {
+    tell("the list of discoveries broke off: " + reasonOf(exception));
+    return EXIT_FAILED;
+  }
+}
+
+// A record as the service on that host has it.
+AutoDereference<Discovery> remoteDiscovery(Record const& record, std::string const& host,
+                                           std::string const& service, AuthorityType type)
+{
+  auto remote = std::make_unique<Remote::Discovery>();
+  remote->queryType = DQ_UNDEFINED;
+  remote->subject = record.subject.c_str();
+  remote->authority = record.authority.c_str();
+  remote->authType = type;
+  remote->attributes = {CT_CONFIGURATION, CS_LOCALONLY, 0, 0, 0};
+  remote->sourceHost = host.c_str();
+  remote->sourceServiceName = service.c_str();
+  return AutoDereference<Discovery>(getRemoteDiscoveryDatabase().newDiscovery(remote.release()));
+}
+
 } // namespace
+
+AutoDereference<Discovery> Record::open() const
+{
+  return remoteDiscovery(*this, source->host, source->service, type);
+}
 
 bool Record::restored() const noexcept { return onDemand() && type == AT_REMOTEPULL; }
 
@@ -92,54 +237,24 @@ int queryRecords(Selection const& selection, std::vector<Record>& records, bool 
   AuthorityType type = AT_ANYANDALL;
   if (!selectedType(selection, type))
     return EXIT_USAGE;
-  std::string const& subject = selection.subject;
-  std::string const& authority = selection.authority;
-  AutoDereference<DiscoveryIterator> const iterator(getDiscoveryRepository().queryDiscoveries(
-      selection.filterData ? DQ_FILTER_DATA : DQ_DISCOVERY_DATA, subject, authority, type));
-  if (!iterator)
+  Listing listing(selection, type, records);
+  std::string reason;
+  int const result = fetch(selection, type, listing, reason);
+  if (result == EXIT_FAILED)
   {
     if (!quiet)
-      complain("the service could not be queried; --verbose shows why");
+      complain(reason);
+    records.clear();
     return EXIT_FAILED;
-  }
-  for (;;)
-  {
-    AutoDereference<Discovery> const discovery(iterator->getNext());
-    if (!discovery)
-      break;
-    Record record;
-    record.subject = discovery->getSubject()->getName().str();
-    record.authority = discovery->getAuthority()->getName().str();
-    record.type = discovery->getAuthority()->getType();
-    // The service gives more than was asked for where a pattern begins with
-    // '*', and where collections are produced on demand.
-    if (!matches(subject, record.subject) || !matches(authority, record.authority))
-      continue;
-    // A query of this type meets what is stored alone, and no other does.
-    record.announcement = type == AT_REMOTEPULL;
-    CollectionAttributes const* const attributes = discovery->getAttributes();
-    if (attributes != nullptr && !attributes->getDiscoveryTime().isZero())
-    {
-      record.discovered = attributes->getDiscoveryTime();
-      record.expires = attributes->getExpiresTime();
-    }
-    record.discovery = discovery;
-    // Filter data is always stored.
-    if (selection.filterData ? type != AT_ANYANDALL && type != record.type
-                             : !isOfType(record, type))
-      continue;
-    records.push_back(std::move(record));
   }
   std::sort(records.begin(), records.end(),
             [](Record const& a, Record const& b) {
               return std::tie(a.subject, a.authority, a.type) <
                      std::tie(b.subject, b.authority, b.type);
             });
-  if (!iterator->isIncomplete())
-    return EXIT_DONE;
-  if (!quiet)
+  if (result == EXIT_PARTLY && !quiet)
     complainIncomplete();
-  return EXIT_PARTLY;
+  return result;
 }
 
 void complainIncomplete()
@@ -171,7 +286,7 @@ std::optional<Announcement> announcementOf(Record const& record)
   std::vector<Record> announcements;
   std::string text;
   if (!isListed(queryRecords(selection, announcements, true)) || announcements.size() != 1 ||
-      !readPayload(*announcements.front().discovery, text))
+      !readPayload(*announcements.front().open(), text))
     return std::nullopt;
 
   std::stringstream xml(text);
@@ -186,44 +301,45 @@ std::optional<Announcement> announcementOf(Record const& record)
 
 AutoDereference<Discovery> elsewhere(Record const& record, Announcement const& place)
 {
-  auto remote = std::make_unique<Remote::Discovery>();
-  remote->queryType = DQ_UNDEFINED;
-  remote->subject = record.subject.c_str();
-  remote->authority = record.authority.c_str();
-  remote->authType = place.type;
-  remote->attributes = {CT_CONFIGURATION, CS_LOCALONLY, 0, 0, 0};
-  remote->sourceHost = place.host.c_str();
-  remote->sourceServiceName = place.service.c_str();
-  return AutoDereference<Discovery>(getRemoteDiscoveryDatabase().newDiscovery(remote.release()));
+  return remoteDiscovery(record, place.host, place.service, place.type);
 }
 
 Announcement masterAs(AuthorityType type)
 {
   OzfHostname master;
   getDiscoveryRepository().getMasterServerName(master);
-  return {master.exportNarrow(), "DiscoveryService", type};
+  return {master.exportNarrow(), SERVICE_NAME, type};
 }
 
 bool isShadowed(Record const& record, std::vector<Record> const& records)
 {
-  return !record.onDemand() && std::any_of(records.begin(), records.end(),
-                                           [&record](Record const& other)
-                                           {
-                                             return other.onDemand() &&
-                                                    other.subject == record.subject &&
-                                                    other.authority == record.authority;
-                                           });
+  auto const byNames = [](Record const& a, Record const& b)
+  { return std::tie(a.subject, a.authority) < std::tie(b.subject, b.authority); };
+  auto const [first, last] = std::equal_range(records.begin(), records.end(), record, byNames);
+  return !record.onDemand() &&
+         std::any_of(first, last, [](Record const& other) { return other.onDemand(); });
 }
 
 bool isCrowdedOut(Record const& record)
 {
-  AutoDereference<DiscoveryIterator> const iterator(getDiscoveryRepository().queryDiscoveries(
-      DQ_DISCOVERY_DATA, record.subject, record.authority, record.type));
-  if (!record.onDemand() || !iterator)
+  if (!record.onDemand())
     return false;
-  AutoDereference<Discovery> const first(iterator->getNext());
-  AutoDereference<Discovery> const second(iterator->getNext());
-  return first && second;
+  try
+  {
+    auto const iterator =
+        queryMaster(DQ_DISCOVERY_DATA, record.type, record.subject, record.authority);
+    if (!iterator)
+      return false;
+    CORBA::ULong count = 0;
+    for (CORBA::ULong length = 1; length != 0 && count < 2; count += length)
+      length = Remote::DiscoverySeq_var((*iterator)->getNextPage())->length();
+    return count >= 2;
+  }
+  catch (CORBA::Exception const& exception)
+  {
+    tell("the list of discoveries broke off: " + reasonOf(exception));
+    return false;
+  }
 }
 
 std::string formatAgeOf(Record const& record, OzfObjTime const& now)

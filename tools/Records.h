@@ -4,6 +4,7 @@
 
 #include "discovery/DiscData.h"
 
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -44,11 +45,20 @@ struct Record
   // Both are zero when the collection is produced only when it is asked for.
   Quillon::Tessarine::Ozf::OzfObjTime discovered;
   Quillon::Tessarine::Ozf::OzfObjTime expires;
-  Quillon::Tessarine::Ozf::AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::Discovery>
-      discovery;
+  // Who has it, as the service said; the records of one host share it.
+  struct Source
+  {
+    std::string host;
+    std::string service;
+  };
+  std::shared_ptr<Source const> source;
   // Stored with the master, which was told so by another host that has the
   // explorer: the announcement itself, listed under type remotepull alone.
   bool announcement = false;
+
+  // Nothing is kept open for a record: there may be a hundred thousand.
+  Quillon::Tessarine::Ozf::AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::Discovery>
+  open() const;
 
   bool onDemand() const noexcept { return discovered.isZero() && !announcement; }
 
@@ -61,7 +71,9 @@ struct Record
 // By subject, authority and type. A type takes in what was announced under it
 // and restored. An exit code: EXIT_DONE also when nothing matched; EXIT_PARTLY,
 // with the records that there are, when others may be missing; that one and any
-// other after telling the user. quiet: without telling.
+// other after telling the user. quiet: without telling. At most 64 MiB of records
+// are taken, some 300,000 with names of the usual length: a service that lists
+// more is a failure. Nothing is read ahead, a page is held besides.
 int queryRecords(Selection const& selection, std::vector<Record>& records, bool quiet = false);
 
 // Tells the user that discoveries may be missing.
@@ -99,7 +111,8 @@ Announcement masterAs(Quillon::Tessarine::Ozf::DiscoverySvc::AuthorityType type)
 
 // Whether the service answers for a collection on demand when this one is
 // asked for: it looks at names alone, and of two matches it gives neither. So
-// what is stored beside a collection on demand cannot be read.
+// what is stored beside a collection on demand cannot be read. The records are in
+// the order of queryRecords.
 bool isShadowed(Record const& record, std::vector<Record> const& records);
 
 // Whether the service gives nothing for the names of a collection on demand

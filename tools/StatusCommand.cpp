@@ -82,7 +82,7 @@ std::size_t countFailed(ServiceState const& state)
   return count;
 }
 
-int readStates(std::vector<ServiceState>& states, bool quiet)
+int readStates(Connection const& connection, std::vector<ServiceState>& states, bool quiet)
 {
   Selection selection;
   selection.authority = AUTHORITY;
@@ -94,6 +94,16 @@ int readStates(std::vector<ServiceState>& states, bool quiet)
   Progress progress("Reading what the services tell");
   for (Record const& record : records)
   {
+    if (connection.clock().nearlyOver())
+    {
+      progress.clear();
+      complain("out of time: what " +
+               counted(records.size() - states.size(), "service tells", "services tell") +
+               " was not read; --timeout allows more");
+      for (std::size_t i = states.size(); i < records.size(); ++i)
+        states.push_back({records[i], {}, {}, false});
+      return EXIT_PARTLY;
+    }
     progress.update(std::to_string(states.size()) + " of " + std::to_string(records.size()));
     Collection collection = readCollection(record, OzfQuery());
     ServiceState state{record, {}, {}, collection.complete};
@@ -228,7 +238,7 @@ int status(StatusOptions const& options, Session const& session)
   if (!isListed(listed))
     return connection.conclude(listed);
   std::vector<ServiceState> states;
-  int const told = readStates(states, listed != EXIT_DONE);
+  int const told = readStates(connection, states, listed != EXIT_DONE);
   if (!isListed(told))
     return connection.conclude(told);
 

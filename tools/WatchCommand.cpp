@@ -215,9 +215,14 @@ private:
 class Contents
 {
 public:
-  // Reads the discovery; absent when that fails, or when it is too much.
+  explicit Contents(TimeLimit const& clock) : m_clock(clock) {}
+
+  // Reads the discovery; absent when that fails, when it is too much, or when
+  // little of the time for the look is left.
   std::optional<std::vector<Item>> read(Record const& record)
   {
+    if (m_clock.nearlyOver())
+      return std::nullopt;
     std::vector<Item> items;
     std::size_t size = 0;
     Collection const collection = readCollection(record, OzfQuery(),
@@ -264,14 +269,7 @@ private:
   static constexpr std::size_t MOST_OF_ONE = 4 << 20;
   static constexpr std::size_t MOST = 64 << 20;
 
-  static std::size_t sizeOf(Item const& item)
-  {
-    std::size_t size = sizeof item + item.name.size() + item.text.size();
-    for (auto const& [name, value] : item.facts)
-      size += sizeof(std::pair<std::string, std::string>) + name.size() + value.size();
-    return size;
-  }
-
+  TimeLimit const& m_clock;
   std::map<Key, std::vector<Item>> m_known;
   std::size_t m_size = 0;
 };
@@ -289,7 +287,10 @@ int look(Selection const& selection, Look& result, bool quiet)
 class Watch
 {
 public:
-  explicit Watch(WatchOptions const& options) : m_options(options), m_reporter(options.json) {}
+  Watch(WatchOptions const& options, TimeLimit const& clock)
+      : m_options(options), m_reporter(options.json), m_contents(clock)
+  {
+  }
 
   // An exit code. Also done when it was interrupted.
   int begin(Interruption const& interruption)
@@ -446,18 +447,21 @@ int watch(WatchOptions const& options, Session const& session)
   Connection connection(session.connection);
   if (int const result = connection.open(); result != EXIT_DONE)
     return result;
-  Watch watched(options);
+  Watch watched(options, connection.clock());
   if (int const result = watched.begin(interruption); result != EXIT_DONE)
     return connection.conclude(result);
   if (!options.json)
-    std::cerr << "Watching " << counted(watched.count(), "discovery", "discoveries") << " at "
-              << connection.place() << ", every " << options.interval << " s; Ctrl-C ends it.\n";
+    remark("Watching " + counted(watched.count(), "discovery", "discoveries") + " at " +
+           connection.place() + ", every " + std::to_string(options.interval) +
+           " s; Ctrl-C ends it.");
 
   bool lost = false;
   for (unsigned looks = 1; options.looks == 0 || looks < options.looks; ++looks)
   {
+    connection.stopClock();
     if (!interruption.pause(options.interval))
       break;
+    connection.startClock();
     bool const answered = watched.again();
     if (answered == lost)
       complain(answered ? "the service answers again"
