@@ -96,6 +96,8 @@ public:
       record.expires = attributes->getExpiresTime();
     }
     record.source = sourceOf(wire);
+    record.queryType = wire.queryType;
+    record.attributes = wire.attributes;
     // Filter data is always stored.
     if (m_selection.filterData ? m_type != AT_ANYANDALL && m_type != record.type
                                : !isOfType(record, m_type))
@@ -185,14 +187,16 @@ int fetch(Selection const& selection, AuthorityType type, Listing& listing, std:
 
 // A record as the service on that host has it.
 AutoDereference<Discovery> remoteDiscovery(Record const& record, std::string const& host,
-                                           std::string const& service, AuthorityType type)
+                                           std::string const& service, AuthorityType type,
+                                           DiscoveryQuery queryType,
+                                           Remote::CollAttributes const& attributes)
 {
   auto remote = std::make_unique<Remote::Discovery>();
-  remote->queryType = DQ_UNDEFINED;
+  remote->queryType = queryType;
   remote->subject = record.subject.c_str();
   remote->authority = record.authority.c_str();
   remote->authType = type;
-  remote->attributes = {CT_CONFIGURATION, CS_LOCALONLY, 0, 0, 0};
+  remote->attributes = attributes;
   remote->sourceHost = host.c_str();
   remote->sourceServiceName = service.c_str();
   return AutoDereference<Discovery>(getRemoteDiscoveryDatabase().newDiscovery(remote.release()));
@@ -202,7 +206,7 @@ AutoDereference<Discovery> remoteDiscovery(Record const& record, std::string con
 
 AutoDereference<Discovery> Record::open() const
 {
-  return remoteDiscovery(*this, source->host, source->service, type);
+  return remoteDiscovery(*this, source->host, source->service, type, queryType, attributes);
 }
 
 bool Record::restored() const noexcept { return onDemand() && type == AT_REMOTEPULL; }
@@ -301,7 +305,7 @@ std::optional<Announcement> announcementOf(Record const& record)
 
 AutoDereference<Discovery> elsewhere(Record const& record, Announcement const& place)
 {
-  return remoteDiscovery(record, place.host, place.service, place.type);
+  return remoteDiscovery(record, place.host, place.service, place.type, DQ_UNDEFINED, {});
 }
 
 Announcement masterAs(AuthorityType type)

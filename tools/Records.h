@@ -4,6 +4,8 @@
 
 #include "discovery/DiscData.h"
 
+#include <DiscoveryServiceC.h>
+
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -52,6 +54,9 @@ struct Record
     std::string service;
   };
   std::shared_ptr<Source const> source;
+  // As the service sent them: who asks for the collection sends them back.
+  Quillon::Tessarine::Ozf::DiscoverySvc::DiscoveryQuery queryType{};
+  Quillon::Tessarine::Ozf::DiscoverySvc::Remote::CollAttributes attributes{};
   // Stored with the master, which was told so by another host that has the
   // explorer: the announcement itself, listed under type remotepull alone.
   bool announcement = false;
