@@ -35,27 +35,6 @@ bool isOfAnotherHost(ExplorerWrapper const& entry)
   return dynamic_cast<RemoteExplorerPull const*>(entry.getExplorer()) != nullptr;
 }
 
-std::string titleOf(ExplorerWrapper const& entry)
-{
-  std::ostringstream title;
-  title << '"' << entry.getExplorer()->getExplorerName() << "\" (authority "
-        << entry.getAuthority()->getName() << ", type " << entry.getAuthority()->getType()
-        << ", priority " << entry.getPriority() << ')';
-  return title.str();
-}
-
-// Which of two has the one place is decided by the odd order of registrations,
-// in which names of different letters may meet. Whoever wrote an explorer that
-// never runs has to be told; what other hosts register changes all the time.
-void tellLeftOut(ExplorerWrapper const& out, ExplorerWrapper const& stays)
-{
-  if (out.getExplorer() == stays.getExplorer() || isOfAnotherHost(out))
-    return;
-  OZF_LOG(getOzfLogger(), 1, SOURCE, "DiscoveryRepository::registerExplorer",
-          "Left out the explorer " << titleOf(out) << " for subject " << out.getSubject()->getName()
-                                   << ": " << titleOf(stays) << " has its place");
-}
-
 } // namespace
 
 // ---- the sets ----
@@ -251,8 +230,6 @@ DiscoveryRepository::makeRoom(AutoDereference<ExplorerWrapper> const& newcomer, 
       beaten.push_back(present);
       registrations->erase(present);
     }
-    for (auto const& entry : beaten)
-      tellLeftOut(*entry, *newcomer);
   }
   return {};
 }
@@ -280,10 +257,7 @@ void DiscoveryRepository::registerExplorer(Subject const* subject, ExplorerPush 
 
   LockableGuard lockableGuard(*this);
   OZF_ASSERT(lockableGuard.locked(), "lockableGuard.locked()", SOURCE, OPERATION);
-  if (auto const standing =
-          makeRoom(entry, [](unsigned newcomer, unsigned present) { return newcomer > present; }))
-    tellLeftOut(*entry, *standing);
-  else
+  if (!makeRoom(entry, [](unsigned newcomer, unsigned present) { return newcomer > present; }))
     m_pushExplorers.insert(entry);
 }
 
@@ -321,10 +295,7 @@ DiscoveryRepository::registerExplorer(Subject const* subject, ExplorerPull const
   // a host that registers again after a restart must replace its old entry.
   if (auto const standing =
           makeRoom(entry, [](unsigned newcomer, unsigned present) { return newcomer >= present; }))
-  {
-    tellLeftOut(*entry, *standing);
     return {Registration::LOST, standing};
-  }
   if (!m_pullExplorers.insert(entry))
     return {Registration::LOST, m_pullExplorers.find(entry)};
   if (isGenericDSOnMaster() && !fromCache)
