@@ -48,7 +48,7 @@ protected:
 };
 
 // The most that a child which has ended ever had in memory, in MiB.
-long largestChild()
+[[maybe_unused]] long largestChild()
 {
   rusage usage{};
   getrusage(RUSAGE_CHILDREN, &usage);
