@@ -317,6 +317,8 @@ TEST_F(TqdiscoCommandTest, tellsTheServiceManagerHowItIs)
 
 // Without descriptors it is alive and cannot be reached: the ORB gives the port
 // up.
+// The sanitizers look at memory through a pipe, and end a process that gets none.
+#ifdef TQ_PLAIN_BUILD
 TEST_F(TqdiscoCommandTest, tellsTheWatchdogNothingWhileItsPortDoesNotAnswer)
 {
   configureService();
@@ -341,3 +343,4 @@ TEST_F(TqdiscoCommandTest, tellsTheWatchdogNothingWhileItsPortDoesNotAnswer)
   ASSERT_TRUE(process->wait());
   EXPECT_EQ(process->exitCode(), 0) << process->errors();
 }
+#endif
