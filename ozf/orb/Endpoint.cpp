@@ -87,11 +87,11 @@ public:
   char const* type() const override { return m_inner->type(); }
   char const* address() const override { return m_inner->address(); }
   omni::orbServer::EndpointList const* addresses() const override { return m_inner->addresses(); }
-  _CORBA_Boolean publish(omni::orbServer::PublishSpecs const& specifications, _CORBA_Boolean all,
+  _CORBA_Boolean publish(omni::orbServer::PublishSpecs const& wanted, _CORBA_Boolean all,
                          _CORBA_Boolean allEndPoints,
                          omni::orbServer::EndpointList& published) override
   {
-    return m_inner->publish(specifications, all, allEndPoints, published);
+    return m_inner->publish(wanted, all, allEndPoints, published);
   }
   _CORBA_Boolean Bind() override;
   omni::giopConnection* AcceptAndMonitor(omni::giopConnection::notifyReadable_t tell,
