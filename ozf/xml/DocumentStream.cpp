@@ -47,19 +47,25 @@ private:
 class DocumentStream::Source : public xercesc::InputSource
 {
 public:
-  explicit Source(DocumentStream& stream) : xercesc::InputSource(STREAM_NAME), m_stream(stream)
+  explicit Source(DocumentStream& stream)
+      : xercesc::InputSource(STREAM_NAME, &stream.m_memory), m_stream(stream)
   {
     setEncoding(xercesc::XMLUni::fgXMLChEncodingString);
   }
 
-  xercesc::BinInputStream* makeStream() const override { return new Bytes(m_stream); }
+  // The parser loses it when memory runs out at the start.
+  xercesc::BinInputStream* makeStream() const override
+  {
+    return new (getMemoryManager()) Bytes(m_stream);
+  }
 
 private:
   DocumentStream& m_stream;
 };
 
-DocumentStream::DocumentStream(xercesc::SAXParser& parser, xercesc::ReaderMgr const& readers)
-    : m_parser(parser), m_readers(readers)
+DocumentStream::DocumentStream(xercesc::SAXParser& parser, xercesc::ReaderMgr const& readers,
+                               xercesc::MemoryManager& memory)
+    : m_parser(parser), m_readers(readers), m_memory(memory)
 {
 }
 

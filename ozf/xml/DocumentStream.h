@@ -21,8 +21,9 @@ namespace Quillon::Tessarine::Ozf
 class DocumentStream : private xercesc::HandlerBase
 {
 public:
-  // The readers are the parser's own.
-  DocumentStream(xercesc::SAXParser& parser, xercesc::ReaderMgr const& readers);
+  // The readers and the memory are the parser's own.
+  DocumentStream(xercesc::SAXParser& parser, xercesc::ReaderMgr const& readers,
+                 xercesc::MemoryManager& memory);
   DocumentStream(DocumentStream const&) = delete;
   DocumentStream& operator=(DocumentStream const&) = delete;
 
@@ -65,6 +66,7 @@ private:
 
   xercesc::SAXParser& m_parser;
   xercesc::ReaderMgr const& m_readers;
+  xercesc::MemoryManager& m_memory;
   xercesc::XMLPScanToken m_token;
   bool m_open = false;
   bool m_stuck = false;

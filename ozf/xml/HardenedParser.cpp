@@ -68,22 +68,21 @@ IdleParsers::~IdleParsers() { idleParsersGone = true; }
 
 } // namespace
 
+// Memory that was got, in use or spare.
 struct alignas(std::max_align_t) ParserMemory::Block
 {
   std::size_t size; // with this
-  Block* next;      // while it is spare
+  Block* nextSpare;
+  Block* older;
+  Block* newer;
 };
 
 ParserMemory::ParserMemory() { initializeXml(); }
 
 ParserMemory::~ParserMemory()
 {
-  xercesc::MemoryManager& source = *getExceptionMemoryManager();
-  for (Block* first : m_small)
-    while (first != nullptr)
-      source.deallocate(std::exchange(first, first->next));
-  if (m_large != nullptr)
-    source.deallocate(m_large);
+  while (m_newest != nullptr)
+    giveBack(m_newest);
 }
 
 // Where spare blocks of the size are kept. Of the large ones it is one, which
@@ -95,16 +94,14 @@ ParserMemory::Block*& ParserMemory::spare(std::size_t size)
 
 void* ParserMemory::allocate(XMLSize_t wanted)
 {
-  static_assert(sizeof(Block) == GRAIN);
+  static_assert(sizeof(Block) % GRAIN == 0);
   std::size_t const size = (wanted + sizeof(Block) + GRAIN - 1) / GRAIN * GRAIN;
   if (size < wanted)
     throw xercesc::OutOfMemoryException();
   Block*& kept = spare(size);
   if (kept != nullptr && kept->size == size)
-    return std::exchange(kept, kept->next) + 1;
-  void* const memory = getExceptionMemoryManager()->allocate(size);
-  m_held += size;
-  return new (memory) Block{size, nullptr} + 1;
+    return std::exchange(kept, kept->nextSpare) + 1;
+  return get(size) + 1;
 }
 
 void ParserMemory::deallocate(void* piece)
@@ -114,13 +111,29 @@ void ParserMemory::deallocate(void* piece)
   Block* const block = static_cast<Block*>(piece) - 1;
   Block*& kept = spare(block->size);
   if (block->size <= SMALL)
-    block->next = kept;
+    block->nextSpare = kept;
   else if (kept != nullptr)
-  {
-    m_held -= kept->size;
-    getExceptionMemoryManager()->deallocate(kept);
-  }
+    giveBack(kept);
   kept = block;
+}
+
+ParserMemory::Block* ParserMemory::get(std::size_t size)
+{
+  void* const memory = getExceptionMemoryManager()->allocate(size);
+  m_newest = new (memory) Block{size, nullptr, m_newest, nullptr};
+  if (m_newest->older != nullptr)
+    m_newest->older->newer = m_newest;
+  m_held += size;
+  return m_newest;
+}
+
+void ParserMemory::giveBack(Block* block)
+{
+  (block->newer != nullptr ? block->newer->older : m_newest) = block->older;
+  if (block->older != nullptr)
+    block->older->newer = block->newer;
+  m_held -= block->size;
+  getExceptionMemoryManager()->deallocate(block);
 }
 
 // Exceptions outlive the parser that raised them, so they have the memory that
@@ -135,36 +148,38 @@ xercesc::MemoryManager* ParserMemory::getExceptionMemoryManager()
 class HardenedParser::MeasuredStream : public xercesc::BinInputStream
 {
 public:
-  MeasuredStream(HardenedParser const& parser, xercesc::BinInputStream* stream)
+  MeasuredStream(HardenedParser const& parser, xercesc::BinInputStream& stream)
       : m_parser(parser), m_stream(stream)
   {
   }
 
-  XMLFilePos curPos() const override { return m_stream->curPos(); }
-  XMLCh const* getContentType() const override { return m_stream->getContentType(); }
-  XMLCh const* getEncoding() const override { return m_stream->getEncoding(); }
+  XMLFilePos curPos() const override { return m_stream.curPos(); }
+  XMLCh const* getContentType() const override { return m_stream.getContentType(); }
+  XMLCh const* getEncoding() const override { return m_stream.getEncoding(); }
 
-  // A parser that is still being set up, as it is at the first read, leaks what it
-  // has when this raises.
+  // A parser that is still being set up, as it is at the first read, loses what it
+  // has when this raises, for as long as it lives.
   XMLSize_t readBytes(XMLByte* buffer, XMLSize_t size) override
   {
     if (std::exchange(m_begun, true))
       m_parser.checkMemory();
-    return m_stream->readBytes(buffer, size);
+    return m_stream.readBytes(buffer, size);
   }
 
 private:
   HardenedParser const& m_parser;
-  std::unique_ptr<xercesc::BinInputStream> m_stream;
+  xercesc::BinInputStream& m_stream;
   bool m_begun = false;
 };
 
-// Another source, read through the above.
+// Another source, read through the above. The parser loses a stream when memory
+// runs out at the start: so it owns nothing and is in the parser's memory.
 class HardenedParser::MeasuredSource : public xercesc::InputSource
 {
 public:
-  MeasuredSource(HardenedParser const& parser, xercesc::InputSource const& source)
-      : xercesc::InputSource(source.getSystemId(), source.getPublicId()),
+  MeasuredSource(HardenedParser& parser, xercesc::InputSource const& source)
+      : xercesc::InputSource(source.getSystemId(), source.getPublicId(),
+                             static_cast<ParserMemory*>(&parser)),
         m_parser(parser),
         m_source(source)
   {
@@ -172,12 +187,9 @@ public:
 
   xercesc::BinInputStream* makeStream() const override
   {
-    std::unique_ptr<xercesc::BinInputStream> stream(m_source.makeStream());
-    if (stream == nullptr)
-      return nullptr;
-    auto* const measured = new MeasuredStream(m_parser, stream.get());
-    stream.release();
-    return measured;
+    m_stream.reset(m_source.makeStream());
+    return m_stream == nullptr ? nullptr
+                               : new (getMemoryManager()) MeasuredStream(m_parser, *m_stream);
   }
   XMLCh const* getEncoding() const override { return m_source.getEncoding(); }
   bool getIssueFatalErrorIfNotFound() const override
@@ -188,6 +200,7 @@ public:
 private:
   HardenedParser const& m_parser;
   xercesc::InputSource const& m_source;
+  mutable std::unique_ptr<xercesc::BinInputStream> m_stream; // of m_source
 };
 
 HardenedParser::HardenedParser()
@@ -212,7 +225,8 @@ HardenedParser::HardenedParser()
   setCalculateSrcOfs(false);
   // Without a handler for declarations doctypeDecl() would never be called.
   setDTDHandler(&m_deaf);
-  m_stream.emplace(*this, *getScanner().getReaderMgr()); // of the scanner chosen above
+  m_stream.emplace(*this, *getScanner().getReaderMgr(),
+                   *static_cast<ParserMemory*>(this)); // of the scanner chosen above
 }
 
 bool HardenedParser::isSpent() const noexcept

@@ -48,7 +48,8 @@ private:
 // document gives back is kept for the next one, which wants pieces of the same
 // sizes: records are read by the hundred thousand. It knows how much it has got,
 // for a parser keeps what its documents made it grow to: two megabytes of element
-// names that are all different leave a hundred megabytes behind.
+// names that are all different leave a hundred megabytes behind. All of it goes
+// back at the end, also what the parser lost because memory ran out in it.
 class OZF_EXPORT ParserMemory : public xercesc::MemoryManager
 {
 public:
@@ -70,9 +71,12 @@ private:
   static constexpr std::size_t SMALL = 1024;
 
   Block*& spare(std::size_t size);
+  Block* get(std::size_t size);
+  void giveBack(Block* block);
 
   std::array<Block*, SMALL / GRAIN + 1> m_small = {}; // by size in grains
   Block* m_large = nullptr;                           // the last large one
+  Block* m_newest = nullptr;                          // of all
   std::size_t m_held = 0;
 };
 

@@ -46,10 +46,18 @@ public:
       ++m_failed;
       throw xercesc::OutOfMemoryException();
     }
+    ++m_inUse;
     return ::operator new(size);
   }
 
-  void deallocate(void* piece) override { ::operator delete(piece); }
+  void deallocate(void* piece) override
+  {
+    m_inUse -= piece != nullptr;
+    ::operator delete(piece);
+  }
+
+  // Pieces that were granted and have not been given back.
+  long inUse() const { return m_inUse; }
 
   xercesc::MemoryManager* getExceptionMemoryManager() override { return this; }
 
@@ -58,4 +66,5 @@ private:
 
   std::atomic<long> m_left{std::numeric_limits<long>::max()};
   std::atomic<long> m_failed{0};
+  std::atomic<long> m_inUse{0};
 };

@@ -78,8 +78,13 @@ void failEverywhere(bool (*read)(RecordingDocument&))
 {
   FailingXmlMemory& memory = FailingXmlMemory::install();
   long granted = 0;
+  failWith(memory, read, granted); // the machinery sets itself up
+  long const inUse = memory.inUse();
   while (!testing::Test::HasFailure() && failWith(memory, read, granted) > 0)
+  {
+    EXPECT_EQ(inUse, memory.inUse()) << "after " << granted;
     ++granted;
+  }
   EXPECT_GT(granted, 50); // a parser asks for its own parts, too
 }
 
