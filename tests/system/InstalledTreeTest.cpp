@@ -3,6 +3,7 @@
 // CMake or with pkg-config, and work with a running service.
 
 #include "tests/support/LiveService.h"
+#include "tests/support/RunPaths.h"
 
 #include <gmock/gmock.h>
 
@@ -128,6 +129,13 @@ TEST_F(InstalledTreeTest, theProgramsRunWhereverTheTreeIsPut)
 {
   for (std::string const program : {"tqdisco", "tqdiscoctl"})
     EXPECT_THAT(run(prefix() + "/bin/" + program, {"--version"}), HasSubstr(TQ_VERSION));
+}
+
+TEST_F(InstalledTreeTest, nothingLoadsFromTheWorkingDirectoryOrFromOutsideTheTree)
+{
+  std::size_t files = 0;
+  EXPECT_EQ(flawsOfRunPaths(prefix(), files), "");
+  EXPECT_GE(files, 5U);
 }
 
 // Its folder, given by the user, is the only one that is written to.
