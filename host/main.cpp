@@ -87,7 +87,6 @@ int runService(Options const& options)
 {
   // What is stored, and the log, is for the owner and the group alone.
   umask(027);
-  blockSignals();
   // The library brings others in that clean up when the process ends. Set up
   // first by a thread of the ORB's, their clean-up could meet that thread.
   initializeXml();
@@ -134,6 +133,8 @@ int runService(Options const& options)
 
 int main(int argc, char** argv)
 {
+  // First of all: whoever starts a service may stop it at once.
+  blockSignals();
   try
   {
     Options options;

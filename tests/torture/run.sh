@@ -19,6 +19,7 @@ campaign() {
 campaign states crash_states --most 20000 --seed "$seed"
 campaign writers kills writers --kills 5000 --seed "$seed"
 campaign service kills service --kills 300 --seed "$seed"
+campaign stops stops --stops 5000 --seed "$seed"
 campaign library faults library --seed "$seed"
 campaign serving faults service --most 200 --seed "$seed"
 campaign messages attacked_service "$((minutes * 60))" "$seed"
