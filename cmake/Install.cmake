@@ -24,6 +24,8 @@ set(TQ_PUBLIC_HEADERS
   discovery/DiscoveryRepositoryEntries.h
   discovery/Explorer.h
   discovery/Export.h
+  discovery/Peers.h
+  discovery/Registrations.h
   # the framework, as far as both need it
   ozf/base/CodePage.h
   ozf/base/Export.h

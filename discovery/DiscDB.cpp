@@ -115,7 +115,7 @@ void DiscoveryDBCreator::init(std::string const& name)
 DiscoveryIterator* DiscoveryDBCreator::getIterator(DiscoveryQuery) const
 {
   OZF_ASSERT(m_init, "m_init", SOURCE, "DiscoveryDBCreator::getIterator");
-  return new DBDiscoveryIterator(m_directory.c_str());
+  return new DBDiscoveryIterator(m_directory.c_str(), *this);
 }
 
 Discovery* DiscoveryDBCreator::newDiscovery(DiscoveryQuery query)
@@ -208,8 +208,13 @@ DiscoveryDBCreator* getDiscoveryDBDatabase()
   return ACE_Singleton<DiscoveryDBCreator, ACE_Recursive_Thread_Mutex>::instance();
 }
 
+DBDiscoveryIterator::DBDiscoveryIterator(char const* dir, DiscoveryDBCreator const& creator)
+    : DiscoveryIterator(AT_ANYANDALL, "*", "*"), m_creator(creator), m_dirName(dir)
+{
+}
+
 DBDiscoveryIterator::DBDiscoveryIterator(char const* dir)
-    : DiscoveryIterator(AT_ANYANDALL, "*", "*"), m_dirName(dir)
+    : DBDiscoveryIterator(dir, *getDiscoveryDBDatabase())
 {
 }
 
@@ -312,8 +317,7 @@ bool DBDiscoveryIterator::answers(Discovery const& discovery) const
 Discovery* DBDiscoveryIterator::fetch(char const* name, bool mayBeAbsent)
 {
   int error = 0;
-  AutoDereference<Discovery> discovery(
-      getDiscoveryDBDatabase()->getDiscovery(name, mayBeAbsent, error));
+  AutoDereference<Discovery> discovery(m_creator.getDiscovery(name, mayBeAbsent, error));
   if (error != 0)
     failed(error);
   if (discovery && discovery->getAuthority()->getType() == AT_REMOTEPULL &&

@@ -75,6 +75,9 @@ TQ_EXPORT DiscoveryDBCreator* getDiscoveryDBDatabase();
 class TQ_EXPORT DBDiscoveryIterator : public virtual DiscoveryIterator
 {
 public:
+  // Over the directory of that creator, which outlives it.
+  DBDiscoveryIterator(char const* dir, DiscoveryDBCreator const& creator);
+  // Over that of the process's one creator.
   explicit DBDiscoveryIterator(char const* dir);
   ~DBDiscoveryIterator() override;
 
@@ -88,6 +91,7 @@ private:
   void close();
   void failed(int error);
 
+  DiscoveryDBCreator const& m_creator;
   std::string m_dirName;
   DIR* m_directory = nullptr; // open from the first getNext that walks to the end
   std::string m_pattern;      // empty until the first getNext

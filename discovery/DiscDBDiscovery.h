@@ -8,17 +8,12 @@
 
 #include <ace/File_Lock.h>
 
-#include <sys/types.h>
-
 #include <iosfwd>
 #include <optional>
 #include <string>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
-
-// A metadata document has some 500 bytes; what is larger than this is none.
-inline constexpr off_t LARGEST_METADATA = 1024 * 1024;
 
 // Either new, made for a producer who fills, opens and persists it, or stored,
 // with its metadata file held open under a read lock until it is destroyed or

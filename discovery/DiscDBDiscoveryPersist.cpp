@@ -4,8 +4,8 @@
 #include "discovery/DiscDBDiscovery.h"
 
 #include "discovery/DiscDBFiles.h"
+#include "discovery/DiscDataXml.h"
 #include "discovery/DiscoveryLog.h"
-#include "discovery/XMLHelper.h"
 #include "ozf/base/SystemError.h"
 
 #include <fcntl.h>
@@ -187,11 +187,11 @@ bool replacePayload(DBCollectionData& data, OzfPathname const& dataPath)
 bool DBDiscovery::priorityAllows(std::string& stored) const
 {
   // The second result is the one that counts.
-  unsigned priority = 0;
-  XMLHelper::parse(stored, priority);
-  if (XMLHelper::parse(stored, priority) != 0)
+  static_cast<void>(storedPriority(stored));
+  auto const priority = storedPriority(stored);
+  if (!priority)
     return true;
-  return priority <= (getAttributes() != nullptr ? getAttributes()->getPriority() : 0);
+  return *priority <= (getAttributes() != nullptr ? getAttributes()->getPriority() : 0);
 }
 
 bool DBDiscovery::canOverride()

@@ -1,6 +1,5 @@
 #include "discovery/DiscDBFiles.h"
 
-#include "discovery/DiscDBDiscovery.h"
 #include "discovery/DiscoveryLog.h"
 #include "ozf/base/SystemError.h"
 

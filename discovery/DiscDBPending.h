@@ -10,6 +10,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
@@ -22,6 +23,10 @@ struct PendingPayload
   std::string document; // empty when it is too long to be kept
 };
 
+// Line feeds behind a document do not count: whoever dies before he truncates it
+// leaves some.
+std::string documentDigest(std::string_view document);
+
 // Notes it with the open file. Where that cannot be done nothing happens: false.
 bool markPending(int fd, std::string const& target, std::string const& document);
 
@@ -31,12 +36,5 @@ std::optional<PendingPayload> readPending(int fd);
 
 // Takes the note off the file.
 void unmarkPending(std::string const& path);
-
-// Makes a temporary file the payload file that it was written for if it is
-// whole and belongs to the metadata document that is in place; where that one
-// is no document at all, and the file has the one that belongs to it, this one
-// is written first. For the start, under the exclusive clean-up lock. Waits for
-// nobody. False when the file is worth nothing.
-bool finishPending(std::string const& directory, std::string const& temporary);
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

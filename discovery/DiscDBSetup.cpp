@@ -2,7 +2,7 @@
 
 #include "discovery/DiscDB.h"
 #include "discovery/DiscDBLock.h"
-#include "discovery/DiscDBPending.h"
+#include "discovery/DiscDBRecovery.h"
 #include "discovery/DiscoveryLog.h"
 #include "ozf/base/FileOwner.h"
 #include "ozf/base/OzfPathname.h"

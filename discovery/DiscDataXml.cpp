@@ -4,14 +4,14 @@
 #include "discovery/DiscDataXml.h"
 
 #include "discovery/DiscoveryLog.h"
+#include "discovery/XMLHelper.h"
 #include "ozf/base/MetadataConverter.h"
 #include "ozf/base/Trim.h"
+#include "ozf/xml/ExactContext.h"
 
 #include <memory>
 #include <ostream>
 #include <string>
-#include <type_traits>
-#include <typeinfo>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
@@ -36,16 +36,6 @@ bool collectsText(MetadataNode node)
 {
   return node == MetadataNode::PRIORITY || node == MetadataNode::DISCOVERY_TIME ||
          node == MetadataNode::EXPIRES_TIME || node == MetadataNode::SIGNATURE;
-}
-
-template <class Context>
-Context& contextOf(XmlObjParseContext* context, char const* operation)
-{
-  // The contexts are final, so this is a dynamic_cast, at a fraction of its
-  // price: every event comes through here.
-  static_assert(std::is_final_v<Context>);
-  OZF_ASSERT(context != nullptr && typeid(*context) == typeid(Context), "ctxt", SOURCE, operation);
-  return static_cast<Context&>(*context);
 }
 
 // The value of an enumeration attribute. Documents come from other hosts and
@@ -138,7 +128,7 @@ std::ostream& Discovery::writeXml(std::ostream& os, XmlStr::Encoding encoding) c
 int Description::xmlStartElement(XmlObjParseContext* context, XMLCh const* name,
                                  AttributeList& attributes)
 {
-  auto& ctxt = contextOf<DescriptionContext>(context, "Description::xmlStartElement");
+  auto& ctxt = exactContext<DescriptionContext>(context, SOURCE, "Description::xmlStartElement");
   if (ctxt.m_subContext)
     return ctxt.m_status->xmlStartElement(ctxt.m_subContext.get(), name, attributes);
   if (ctxt.m_ignored == 0 && XmlObjParseContext::cmptag(name, StatusMsg::TAG))
@@ -155,7 +145,7 @@ int Description::xmlStartElement(XmlObjParseContext* context, XMLCh const* name,
 int Description::xmlCharacters(XmlObjParseContext* context, XMLCh const* chars,
                                unsigned long length)
 {
-  auto& ctxt = contextOf<DescriptionContext>(context, "Description::xmlCharacters");
+  auto& ctxt = exactContext<DescriptionContext>(context, SOURCE, "Description::xmlCharacters");
   if (ctxt.m_subContext)
     return ctxt.m_status->xmlCharacters(ctxt.m_subContext.get(), chars, length);
   return 1; // a description has no text of its own
@@ -163,7 +153,7 @@ int Description::xmlCharacters(XmlObjParseContext* context, XMLCh const* chars,
 
 int Description::xmlEndElement(XmlObjParseContext* context, XMLCh const* name)
 {
-  auto& ctxt = contextOf<DescriptionContext>(context, "Description::xmlEndElement");
+  auto& ctxt = exactContext<DescriptionContext>(context, SOURCE, "Description::xmlEndElement");
   if (ctxt.m_subContext)
   {
     if (ctxt.m_status->xmlEndElement(ctxt.m_subContext.get(), name) == 0)
@@ -193,7 +183,7 @@ int Discovery::xmlStartElement(XmlObjParseContext* context, XMLCh const* name,
                                AttributeList& attributes)
 {
   constexpr char OPERATION[] = "Discovery::xmlStartElement";
-  auto& ctxt = contextOf<DiscoveryDocContext>(context, OPERATION);
+  auto& ctxt = exactContext<DiscoveryDocContext>(context, SOURCE, OPERATION);
   if (ctxt.m_subContext)
   {
     OZF_ASSERT(ctxt.m_subInterface != nullptr, "ctxt->m_subInterface", SOURCE, OPERATION);
@@ -281,7 +271,7 @@ int Discovery::xmlStartElement(XmlObjParseContext* context, XMLCh const* name,
 int Discovery::xmlCharacters(XmlObjParseContext* context, XMLCh const* chars, unsigned long length)
 {
   constexpr char OPERATION[] = "Discovery::xmlCharacters";
-  auto& ctxt = contextOf<DiscoveryDocContext>(context, OPERATION);
+  auto& ctxt = exactContext<DiscoveryDocContext>(context, SOURCE, OPERATION);
   if (ctxt.m_subContext)
   {
     OZF_ASSERT(ctxt.m_subInterface != nullptr, "ctxt->m_subInterface", SOURCE, OPERATION);
@@ -295,7 +285,7 @@ int Discovery::xmlCharacters(XmlObjParseContext* context, XMLCh const* chars, un
 int Discovery::xmlEndElement(XmlObjParseContext* context, XMLCh const* name)
 {
   constexpr char OPERATION[] = "Discovery::xmlEndElement";
-  auto& ctxt = contextOf<DiscoveryDocContext>(context, OPERATION);
+  auto& ctxt = exactContext<DiscoveryDocContext>(context, SOURCE, OPERATION);
   OZF_ASSERT(!ctxt.m_nodes.empty(), "SHOULD_NOT_GET_HERE", SOURCE, OPERATION);
 
   MetadataNode const node = ctxt.m_nodes.back();
@@ -344,6 +334,14 @@ int Discovery::xmlEndElement(XmlObjParseContext* context, XMLCh const* name)
   }
   ctxt.m_nodes.pop_back();
   return ctxt.m_nodes.empty() ? 0 : 1;
+}
+
+std::optional<unsigned> storedPriority(std::string& document)
+{
+  unsigned priority = 0;
+  if (XMLHelper::parse(document, priority) != 0)
+    return std::nullopt;
+  return priority;
 }
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -1,5 +1,5 @@
-// What the readers of the metadata document remember. For DiscDataXml.cpp and
-// its tests.
+// The metadata document: its priority, which a record that is read has lost, and
+// what the readers remember, which is for DiscDataXml.cpp and its tests.
 
 #pragma once
 
@@ -7,10 +7,16 @@
 
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
+
+// What the document says of its priority; nothing when it says none, or, with a
+// log line, when it is not well-formed. Throws std::bad_alloc when memory runs
+// out: that says nothing of the document.
+TQ_EXPORT std::optional<unsigned> storedPriority(std::string& document);
 
 // Where in the document the reader is.
 enum class MetadataNode

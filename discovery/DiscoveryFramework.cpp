@@ -4,7 +4,7 @@
 #include "discovery/DiscDBLock.h"
 #include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryRepository.h"
-#include "discovery/DiscoveryService_i.h"
+#include "discovery/DiscoveryServant.h"
 #include "discovery/OpenWriters.h"
 #include "ozf/orb/Orb.h"
 #include "ozf/plugin/CurrentException.h"
@@ -92,7 +92,7 @@ void DiscoveryFramework::activate()
   {
     CORBA::Object_var const root = m_orb->resolveInitialReference("RootPOA");
     m_served->rootPOA = PortableServer::POA::_narrow(root);
-    m_served->servant = new Remote::DiscoveryService_i;
+    m_served->servant = newDiscoveryServant();
     m_served->reference = m_orb->activateObject(m_served->servant.in());
     getDiscoveryDBDatabase()->init(m_name);
     m_orb->setIdleTask([] { Remote::getOpenWriters().dropIdle(); });

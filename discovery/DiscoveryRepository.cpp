@@ -7,19 +7,14 @@
 #include "discovery/DiscoveryFramework.h"
 #include "discovery/DiscoveryLog.h"
 #include "discovery/ExplorerCall.h"
-#include "discovery/DiscoveryRepositoryRefresh.h"
 #include "discovery/DiscoveryRepositoryTimers.h"
 #include "discovery/ExplorerLoader.h"
-#include "discovery/ExplorerRemotePull.h"
+#include "discovery/PullExplorerCache.h"
 #include "discovery/RemoteDB.h"
 #include "ozf/config/HostRole.h"
 #include "ozf/plugin/EngineContext.h"
 
 #include <ace/Singleton.h>
-
-#include <algorithm>
-#include <sstream>
-#include <vector>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
@@ -29,93 +24,16 @@ namespace
 
 constexpr char SOURCE[] = "DiscoveryRepository";
 
-// What this process registers for itself calls no other host.
-bool isOfAnotherHost(ExplorerWrapper const& entry)
-{
-  return dynamic_cast<RemoteExplorerPull const*>(entry.getExplorer()) != nullptr;
-}
-
 } // namespace
-
-// ---- the sets ----
-
-DiscoveryRepository::Snapshot DiscoveryRepository::Registrations::snapshot() const
-{
-  std::lock_guard guard(m_mutex);
-  if (!m_snapshot)
-    m_snapshot = std::make_shared<ExplorerSnapshot const>(m_entries);
-  return m_snapshot;
-}
-
-template <class Accept>
-AutoDereference<ExplorerWrapper>
-DiscoveryRepository::Registrations::findIf(AutoDereference<ExplorerWrapper> const& entry,
-                                           Accept accept) const
-{
-  ltdExplorerWrapper const before;
-  std::lock_guard guard(m_mutex);
-  auto const [first, last] = m_bySubject.equal_range(entry->getSubject());
-  for (auto candidate = first; candidate != last; ++candidate)
-    if (!before(*candidate->second, entry) && !before(entry, *candidate->second) &&
-        accept(**candidate->second))
-      return *candidate->second;
-  return {};
-}
-
-AutoDereference<ExplorerWrapper>
-DiscoveryRepository::Registrations::find(AutoDereference<ExplorerWrapper> const& entry) const
-{
-  return findIf(entry, [](ExplorerWrapper const&) { return true; });
-}
-
-bool DiscoveryRepository::Registrations::insert(AutoDereference<ExplorerWrapper> const& entry)
-{
-  Snapshot old;
-  std::lock_guard guard(m_mutex);
-  auto const [place, inserted] = m_entries.insert(entry);
-  if (!inserted)
-    return false;
-  m_bySubject.emplace(entry->getSubject(), place);
-  old.swap(m_snapshot);
-  return true;
-}
-
-std::size_t DiscoveryRepository::Registrations::size() const
-{
-  std::lock_guard guard(m_mutex);
-  return m_entries.size();
-}
-
-void DiscoveryRepository::Registrations::erase(AutoDereference<ExplorerWrapper> const& entry)
-{
-  // Declared first, so that plug-in destructors run after the mutex is free.
-  Snapshot old;
-  AutoDereference<ExplorerWrapper> erased;
-  std::lock_guard guard(m_mutex);
-  auto const [first, last] = m_bySubject.equal_range(entry->getSubject());
-  auto const found =
-      std::find_if(first, last, [&](auto const& other) { return *other.second == entry; });
-  if (found == last)
-    return;
-  erased = *found->second;
-  m_entries.erase(found->second);
-  m_bySubject.erase(found);
-  old.swap(m_snapshot);
-}
-
-void DiscoveryRepository::Registrations::clear()
-{
-  Snapshot old;
-  ExplorerSet entries;
-  std::lock_guard guard(m_mutex);
-  m_bySubject.clear();
-  entries.swap(m_entries);
-  old.swap(m_snapshot);
-}
 
 // ---- construction ----
 
-DiscoveryRepository::DiscoveryRepository() = default;
+DiscoveryRepository::DiscoveryRepository()
+    : m_ownPeers(std::make_unique<Peers>()), m_peers(*m_ownPeers)
+{
+}
+
+DiscoveryRepository::DiscoveryRepository(Peers& peers) : m_peers(peers) {}
 
 DiscoveryRepository::~DiscoveryRepository()
 {
@@ -125,10 +43,30 @@ DiscoveryRepository::~DiscoveryRepository()
     static_cast<void>(m_barrier.release());
 }
 
-DiscoveryRepository& getDiscoveryRepository()
+namespace
 {
-  return *ACE_Singleton<DiscoveryRepository, ACE_Recursive_Thread_Mutex>::instance();
-}
+
+class ProcessRepository : public DiscoveryRepository
+{
+public:
+  ProcessRepository() : DiscoveryRepository(getPeers()) {}
+
+  static ProcessRepository& instance()
+  {
+    return *ACE_Singleton<ProcessRepository, ACE_Recursive_Thread_Mutex>::instance();
+  }
+
+  // What the loader works on; with the lock, which is the repository's own.
+  static ExplorerLoader::Target loaderTarget() { return {instance(), instance()}; }
+};
+
+// Before main, so that the loader knows it whoever uses it first.
+[[maybe_unused]] bool const LOADER_IS_TOLD =
+    ExplorerLoader::setTarget(&ProcessRepository::loaderTarget);
+
+} // namespace
+
+DiscoveryRepository& getDiscoveryRepository() { return ProcessRepository::instance(); }
 
 // ---- roles ----
 
@@ -145,23 +83,22 @@ unsigned DiscoveryRepository::getDSType() const
   return m_discoveryFramework->getType();
 }
 
-Orb* DiscoveryRepository::getOrb() const
+Orb* DiscoveryRepository::getOrb() const { return m_peers.getOrb(); }
+
+Orb* DiscoveryRepository::findOrb() const noexcept { return m_peers.findOrb(); }
+
+std::string DiscoveryRepository::getOrbServiceName() const { return m_peers.getOrbServiceName(); }
+
+void DiscoveryRepository::getMasterServerName(OzfHostname& master) const
 {
-  OZF_ASSERT(m_discoveryFramework, "0 != m_discoveryFramework", SOURCE,
-             "DiscoveryRepository::getOrb");
-  return m_discoveryFramework->getOrb();
+  m_peers.getMasterServerName(master);
 }
 
-Orb* DiscoveryRepository::findOrb() const noexcept
+Remote::DiscoveryService_ptr
+DiscoveryRepository::connectToRemoteDiscoveryService(OzfHostname const& host,
+                                                     char const* serviceName) const
 {
-  return m_discoveryFramework ? m_discoveryFramework->findOrb() : nullptr;
-}
-
-std::string DiscoveryRepository::getOrbServiceName() const
-{
-  OZF_ASSERT(m_discoveryFramework, "0 != m_discoveryFramework", SOURCE,
-             "DiscoveryRepository::getOrbServiceName");
-  return m_discoveryFramework->getOrbServiceName();
+  return m_peers.connect(host, serviceName);
 }
 
 std::string DiscoveryRepository::getDSName() const
@@ -177,11 +114,15 @@ void DiscoveryRepository::setDiscoveryFramework(DiscoveryFramework const* framew
   // each framework shuts the repository down once.
   if (framework != nullptr && framework != m_discoveryFramework.get())
   {
-    m_shuttingDown = false;
+    m_peers.setShuttingDown(false);
     LockWait::allow();
   }
   m_discoveryFramework =
       AutoDereference<DiscoveryFramework>::retain(const_cast<DiscoveryFramework*>(framework));
+  if (framework != nullptr)
+    m_peers.setOrb(framework->findOrb());
+  else
+    m_peers.unsetOrb();
 }
 
 Authority* DiscoveryRepository::getLocalAuthority() const
@@ -200,46 +141,12 @@ bool DiscoveryRepository::stringContainsWildcard(std::string const& text)
 
 DiscoveryRepository::Snapshot DiscoveryRepository::getPushExplorers() const
 {
-  return m_pushExplorers.snapshot();
+  return m_registrations.push();
 }
 
 DiscoveryRepository::Snapshot DiscoveryRepository::getPullExplorers() const
 {
-  return m_pullExplorers.snapshot();
-}
-
-AutoDereference<ExplorerWrapper>
-DiscoveryRepository::makeRoom(AutoDereference<ExplorerWrapper> const& newcomer, Wins wins)
-{
-  // The pull explorers first, then the push explorers: one that beats the
-  // first and is then refused by the second has driven the first out all the
-  // same. Only a newcomer of type AT_REMOTEPULL can meet entries in both.
-  for (Registrations* const registrations : {&m_pullExplorers, &m_pushExplorers})
-  {
-    // Such a one competes with every entry of its subject. When one of a set
-    // is too strong, those of that set found before it stay as well.
-    std::vector<AutoDereference<ExplorerWrapper>> beaten;
-    while (auto const present = registrations->find(newcomer))
-    {
-      if (!wins(newcomer->getPriority(), present->getPriority()))
-      {
-        for (auto const& entry : beaten)
-          registrations->insert(entry);
-        return present;
-      }
-      beaten.push_back(present);
-      registrations->erase(present);
-    }
-  }
-  return {};
-}
-
-AutoDereference<ExplorerWrapper>
-DiscoveryRepository::findOwn(AutoDereference<ExplorerWrapper> const& newcomer) const
-{
-  auto const isOwn = [](ExplorerWrapper const& entry) { return !isOfAnotherHost(entry); };
-  auto const own = m_pullExplorers.findIf(newcomer, isOwn);
-  return own ? own : m_pushExplorers.findIf(newcomer, isOwn);
+  return m_registrations.pull();
 }
 
 void DiscoveryRepository::registerExplorer(Subject const* subject, ExplorerPush const* explorer,
@@ -257,14 +164,13 @@ void DiscoveryRepository::registerExplorer(Subject const* subject, ExplorerPush 
 
   LockableGuard lockableGuard(*this);
   OZF_ASSERT(lockableGuard.locked(), "lockableGuard.locked()", SOURCE, OPERATION);
-  if (!makeRoom(entry, [](unsigned newcomer, unsigned present) { return newcomer > present; }))
-    m_pushExplorers.insert(entry);
+  m_registrations.addPush(entry);
 }
 
-DiscoveryRepository::Registration
-DiscoveryRepository::registerExplorer(Subject const* subject, ExplorerPull const* explorer,
-                                      unsigned const& priority, Authority const* authority,
-                                      bool fromCache)
+Registration DiscoveryRepository::registerExplorer(Subject const* subject,
+                                                   ExplorerPull const* explorer,
+                                                   unsigned const& priority,
+                                                   Authority const* authority, bool fromCache)
 {
   constexpr char const* OPERATION = "DiscoveryRepository::registerExplorer";
   OZF_ASSERT(subject != nullptr, "NULL != subject", SOURCE, OPERATION);
@@ -278,29 +184,10 @@ DiscoveryRepository::registerExplorer(Subject const* subject, ExplorerPull const
 
   LockableGuard lockableGuard(*this);
   OZF_ASSERT(lockableGuard.locked(), "lockableGuard.locked()", SOURCE, OPERATION);
-  // Before anything gives way: what is dropped must not drive out anybody. One
-  // that competes with a pull explorer will have its place, or be refused.
-  if (m_pullExplorers.size() >= MAX_PULL_REGISTRATIONS && !m_pullExplorers.find(entry))
-  {
-    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
-            "Dropped the registration of a pull explorer for subject "
-                << entry->getSubject()->getName() << ": there are " << MAX_PULL_REGISTRATIONS
-                << " already");
-    return {Registration::TOO_MANY, {}};
-  }
-  if (!fromCache && isOfAnotherHost(*entry))
-    if (auto const own = findOwn(entry); own && isOwnHostName(entry->getSubject()->getName().str()))
-      return {Registration::OWN, own};
-  // Here a registration of the same priority wins, unlike a push registration:
-  // a host that registers again after a restart must replace its old entry.
-  if (auto const standing =
-          makeRoom(entry, [](unsigned newcomer, unsigned present) { return newcomer >= present; }))
-    return {Registration::LOST, standing};
-  if (!m_pullExplorers.insert(entry))
-    return {Registration::LOST, m_pullExplorers.find(entry)};
-  if (isGenericDSOnMaster() && !fromCache)
+  Registration registration = m_registrations.addPull(entry, fromCache);
+  if (registration.result == Registration::TAKEN && isGenericDSOnMaster() && !fromCache)
     persistToDisk(entry);
-  return {};
+  return registration;
 }
 
 // ---- the registrations of other hosts while the service starts ----
@@ -329,8 +216,8 @@ bool DiscoveryRepository::awaitAnnouncements(std::chrono::milliseconds limit)
 
 void DiscoveryRepository::persistToDisk(AutoDereference<ExplorerWrapper>& entry)
 {
-  constexpr char const* OPERATION = "DiscoveryRepository::persistToDisk";
-  OZF_ASSERT(isGenericDSOnMaster(), "isGenericDSOnMaster()", SOURCE, OPERATION);
+  OZF_ASSERT(isGenericDSOnMaster(), "isGenericDSOnMaster()", SOURCE,
+             "DiscoveryRepository::persistToDisk");
 
   // Only registrations of other hosts need the cache: an explorer of this host
   // registers itself again whenever the service starts.
@@ -338,43 +225,8 @@ void DiscoveryRepository::persistToDisk(AutoDereference<ExplorerWrapper>& entry)
   if (remote == nullptr)
     return;
 
-  // A zero interval would make the record expire at once, and be deleted when
-  // the cache is read: it stays until a newer registration replaces it.
-  CollectionAttributes attributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY, OzfObjTime(),
-                                  OzfObjTime(), entry->getPriority());
-  attributes.setExpiresTime(OzfObjTime::max());
-  Authority const authority(entry->getAuthority()->getName().str(), AT_REMOTEPULL);
-  Subject const subject(entry->getSubject()->getName().str());
-
-  AutoDereference<Discovery> discovery;
-  newDiscovery(discovery, DQ_UNDEFINED, subject, authority, attributes);
-  if (discovery->open(OM_UPDATE, "") != DS_SUCCESS)
-  {
-    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to open collection");
-    return;
-  }
-
-  constexpr auto ENCODING = XmlStr::UTF_8;
-  std::ostringstream document;
-  auto const element = [&document](char const* name, OzfString const& value)
-  {
-    XmlStr::appendStart(document, name);
-    document << XmlStr(value, ENCODING);
-    XmlStr::appendEnd(document, name);
-  };
-  XmlStr::xmlProlog(document, ENCODING);
-  XmlStr::appendStart(document, "DiscoveredItems");
-  element("SourceHost", remote->getHost().toString());
-  element("ServiceName", remote->getServiceName());
-  element("Priority", std::to_string(entry->getPriority()));
-  element("OriginType", std::to_string(static_cast<int>(remote->getAuthorityType())));
-  XmlStr::appendEnd(document, "DiscoveredItems");
-  document << '\n';
-
-  std::string const text = document.str();
-  if (!discovery->getCollectionData()->writeCollection(text.size(), text.data()) ||
-      discovery->persist() != DS_SUCCESS)
-    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to persist discovery record.");
+  storePullRegistration(*this, *remote, entry->getPriority(), entry->getSubject()->getName().str(),
+                        entry->getAuthority()->getName().str());
 }
 
 void DiscoveryRepository::newDiscovery(AutoDereference<Discovery>& discovery, DiscoveryQuery query,
@@ -493,13 +345,25 @@ void DiscoveryRepository::stopExplorers(ExplorerSet const& explorers)
                  });
 }
 
+void DiscoveryRepository::setRefreshWait(std::function<void()> wait)
+{
+  std::lock_guard guard(m_timersMutex);
+  m_waitForRefresh = std::move(wait);
+}
+
 void DiscoveryRepository::shutdown()
 {
   constexpr char const* OPERATION = "DiscoveryRepository::shutdown";
-  OZF_ASSERT(!m_shuttingDown, "!m_shuttingDown", SOURCE, OPERATION);
-  m_shuttingDown = true;
+  OZF_ASSERT(!isShuttingDown(), "!m_shuttingDown", SOURCE, OPERATION);
+  m_peers.setShuttingDown(true);
 
-  getDiscoveriesThreadMgr().waitForRefresh();
+  std::function<void()> waitForRefresh;
+  {
+    std::lock_guard guard(m_timersMutex);
+    waitForRefresh = m_waitForRefresh;
+  }
+  if (waitForRefresh)
+    waitForRefresh();
 
   {
     OZFBlockUntil timersGone;
@@ -530,13 +394,12 @@ void DiscoveryRepository::shutdown()
   OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION, "Informing explorers to stop exploration");
   stopExplorers(*getPushExplorers());
   stopExplorers(*getPullExplorers());
-  m_pushExplorers.clear();
-  m_pullExplorers.clear();
+  m_registrations.clear();
 }
 
 void DiscoveryRepository::fini()
 {
-  OZF_ASSERT(m_shuttingDown, "m_shuttingDown", SOURCE, "DiscoveryRepository::fini");
+  OZF_ASSERT(isShuttingDown(), "m_shuttingDown", SOURCE, "DiscoveryRepository::fini");
   m_barrier->wait();
 }
 

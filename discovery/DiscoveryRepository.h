@@ -13,15 +13,17 @@
 #pragma once
 
 #include "discovery/DiscoveryRepositoryEntries.h"
+#include "discovery/Peers.h"
+#include "discovery/Registrations.h"
 #include "ozf/base/OzfHostname.h"
 #include "ozf/sync/OZFBlockUntil.h"
 #include "ozf/sync/OzfLockable.h"
 
 #include <DiscoveryServiceC.h>
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -38,7 +40,6 @@ namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
 
 class DiscoveryFramework;
-class ExplorerLoader;
 
 class TQ_EXPORT DiscoveryRepository : public virtual DiscoveryFactory, protected virtual OzfLockable
 {
@@ -47,14 +48,11 @@ public:
   class ExplorerPushTimer;
   class ExplorerRegisterTimer;
 
-  using Snapshot = std::shared_ptr<ExplorerSnapshot const>;
+  using Snapshot = Registrations::Snapshot;
 
   DiscoveryRepository();
+  explicit DiscoveryRepository(Peers& peers); // not owned; keeps them up to date
   ~DiscoveryRepository() override;
-
-  // The pull registrations that are kept. Each host needs one or two; this many
-  // more than the largest fleet has is a mistake or an attack.
-  static constexpr std::size_t MAX_PULL_REGISTRATIONS = 50000;
 
   // Creation and queries.
 
@@ -128,20 +126,6 @@ public:
   // Its lock is always taken before the plug-in loader's, never after it: a
   // plug-in's entry point registers while the loader holds its own. The loader
   // sees to that itself.
-
-  // What came of a pull registration.
-  struct Registration
-  {
-    enum Result
-    {
-      TAKEN,
-      LOST,    // to an entry of higher priority
-      OWN,     // it would displace what this process registered about its host
-      TOO_MANY // as a line in the log says
-    };
-    Result result = TAKEN;
-    AutoDereference<ExplorerWrapper> standing; // the entry that kept it out, of LOST and OWN
-  };
 
   // Take subject and authority over (a null authority means the local one) and
   // add a reference to the explorer. A push registration must be of higher
@@ -235,10 +219,14 @@ public:
 
   // The end.
 
-  // Once for each framework: stops timers, waiting for a pass in progress, and explorers, and
-  // empties the registry.
+  // How the shutdown waits for a refresh of the clients; who refreshes says so
+  // once, before the first time.
+  void setRefreshWait(std::function<void()> wait);
+
+  // Once for each framework: waits for a refresh in progress, stops timers, waiting for a pass in
+  // progress, and explorers, and empties the registry.
   void shutdown();
-  bool isShuttingDown() const noexcept { return m_shuttingDown; }
+  bool isShuttingDown() const noexcept { return m_peers.isShuttingDown(); }
 
   // After shutdown: waits for every object registered with the repository's
   // barrier. The end of the repository itself does not wait: a barrier with
@@ -247,58 +235,12 @@ public:
   OZFBlockUntil& getBarrier() noexcept { return *m_barrier; }
 
 private:
-  friend class ExplorerLoader;
-
-  // A set of registrations and the snapshot that readers share until the next
-  // change. The mutex is held for the time of a copy at most; nothing else is
-  // locked under it.
-  class Registrations
-  {
-  public:
-    Snapshot snapshot() const;
-    // An entry of the same identity, null when there is none; of those that
-    // accept says yes to.
-    AutoDereference<ExplorerWrapper> find(AutoDereference<ExplorerWrapper> const& entry) const;
-    template <class Accept>
-    AutoDereference<ExplorerWrapper> findIf(AutoDereference<ExplorerWrapper> const& entry,
-                                            Accept accept) const;
-    // False when an entry that competes with this one is still there.
-    bool insert(AutoDereference<ExplorerWrapper> const& entry);
-    std::size_t size() const;
-    // Takes the entry itself out.
-    void erase(AutoDereference<ExplorerWrapper> const& entry);
-    void clear();
-
-  private:
-    // The set's order is none that a search could rely on: between an entry of
-    // type AT_REMOTEPULL and those it competes with, others may lie. But all
-    // entries of one identity have one subject.
-    struct SubjectOrder
-    {
-      bool operator()(Subject const* a, Subject const* b) const { return *b > *a; }
-    };
-    std::multimap<Subject const*, ExplorerSet::iterator, SubjectOrder> m_bySubject;
-
-    mutable std::mutex m_mutex;
-    ExplorerSet m_entries;
-    mutable Snapshot m_snapshot;
-  };
-
-  // Whether the newcomer may take the place of the entry found.
-  using Wins = bool (*)(unsigned newcomer, unsigned present);
-  // Erases what the newcomer replaces; else the entry that refuses it.
-  AutoDereference<ExplorerWrapper> makeRoom(AutoDereference<ExplorerWrapper> const& newcomer,
-                                            Wins wins);
-  // The entry of this process's own that the newcomer competes with.
-  AutoDereference<ExplorerWrapper> findOwn(AutoDereference<ExplorerWrapper> const& newcomer) const;
-
-  bool readCollection(Discovery& discovery, std::string& text) const;
-
-  Registrations m_pushExplorers;
-  Registrations m_pullExplorers;
+  Registrations m_registrations;
   AutoDereference<DiscoveryFramework> m_discoveryFramework;
-  std::atomic<bool> m_shuttingDown{false};
-  std::mutex m_timersMutex; // the two pointers below
+  std::unique_ptr<Peers> m_ownPeers; // of any but the process's one repository
+  Peers& m_peers;
+  std::mutex m_timersMutex; // the three below
+  std::function<void()> m_waitForRefresh;
   AutoDereference<ExplorerPushTimer> m_pushTimer;
   AutoDereference<ExplorerRegisterTimer> m_registerTimer;
   std::unique_ptr<OZFBlockUntil> m_barrier = std::make_unique<OZFBlockUntil>();
@@ -312,11 +254,5 @@ private:
 
 // The process's one repository, made on first use.
 TQ_EXPORT DiscoveryRepository& getDiscoveryRepository();
-
-// A reference to the discovery service that serviceName publishes on the host;
-// the caller's; nil with a log line when it cannot be had. Blocks for the
-// resolver, and for the ORB's request time-out at worst.
-TQ_EXPORT Remote::DiscoveryService_ptr connectToRemoteDS(OzfHostname const& host, Orb* orb,
-                                                         char const* serviceName);
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

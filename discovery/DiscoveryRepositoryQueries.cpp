@@ -6,14 +6,10 @@
 #include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryLoopGuard.h"
 #include "discovery/DiscoveryRepository.h"
-#include "discovery/ExplorerRemotePull.h"
+#include "discovery/PullExplorerCache.h"
 #include "discovery/RemoteDB.h"
-#include "discovery/XMLHelper.h"
-#include "ozf/base/AsciiCase.h"
 #include "ozf/orb/Corba.h"
 
-#include <algorithm>
-#include <sstream>
 #include <vector>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
@@ -23,16 +19,6 @@ namespace
 {
 
 constexpr char SOURCE[] = "DiscoveryRepository";
-
-// A cache record is a few hundred bytes; anything near this is not ours.
-constexpr std::size_t MAX_CACHE_RECORD = 1 << 20;
-
-// Names of hosts differ by case in spelling only.
-bool isThisHost(OzfHostname const& host)
-{
-  OzfHostname local;
-  return local.setLocal() && equalIgnoringCase(local.exportNarrow(), host.exportNarrow());
-}
 
 LoopCounter& remoteQueriesInProgress()
 {
@@ -147,68 +133,21 @@ DiscoveryIterator* DiscoveryRepository::queryRemoteDiscoveries(DiscoveryQuery qu
   }
 }
 
-bool DiscoveryRepository::readCollection(Discovery& discovery, std::string& text) const
-{
-  CollectionData* const data = discovery.getCollectionData();
-  if (data == nullptr || !data->open(OM_READ, ""))
-    return false;
-  char buffer[1024];
-  long count;
-  while ((count = data->readCollection(sizeof buffer, buffer)) > 0)
-  {
-    text.append(buffer, static_cast<std::size_t>(count));
-    if (text.size() > MAX_CACHE_RECORD)
-      return false;
-  }
-  return count == 0;
-}
-
 void DiscoveryRepository::loadPullExplorerCache()
 {
   AutoDereference<DiscoveryIterator> const records(
       queryDiscoveries(DQ_DISCOVERY_DATA, "*", "*", AT_REMOTEPULL));
   if (!records)
     return;
-
-  for (;;)
-  {
-    AutoDereference<Discovery> const record(records->getNext());
-    if (!record)
-    {
-      if (records->isIncomplete())
-        OZF_LOG(getOzfLogger(), 1, SOURCE, "DiscoveryRepository::loadPullExplorerCache",
-                "Some cached registrations are missing, they could not be read");
-      return;
-    }
-    std::string text;
-    if (!readCollection(*record, text))
-      continue;
-
-    std::stringstream xml(text);
-    OzfString serviceName;
-    OzfString sourceHost;
-    unsigned priority = 0;
-    AuthorityType originType = AT_ANYANDALL;
-    if (XMLHelper::parse(xml, serviceName, sourceHost, priority, originType) != 0)
-      continue;
-
-    OzfString const& subject = record->getSubject()->getName();
-    OzfString const& authority = record->getAuthority()->getName();
-    AutoDereference<RemoteExplorerPull> const explorer(
-        new RemoteExplorerPull(serviceName, sourceHost, subject, authority, originType));
-    // Left from the time when this host was a client: it would take the place
-    // of every explorer that this host has just registered for the subject.
-    if (isThisHost(explorer->getHost()))
-    {
-      OZF_LOG(getOzfLogger(), 1, SOURCE, "DiscoveryRepository::loadPullExplorerCache",
-              "Passed over the cached registration of subject "
-                  << subject << " and authority " << authority << ": it names this host, "
-                  << explorer->getHost().exportNarrow());
-      continue;
-    }
-    registerExplorer(new Subject(subject.str()), explorer.get(), priority,
-                     new Authority(authority.str(), record->getAuthority()->getType()), true);
-  }
+  restorePullRegistrations(
+      *records,
+      [this](RemoteExplorerPull const& explorer, unsigned priority, Discovery const& record)
+      {
+        registerExplorer(
+            new Subject(record.getSubject()->getName().str()), &explorer, priority,
+            new Authority(record.getAuthority()->getName().str(), record.getAuthority()->getType()),
+            true);
+      });
 }
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -145,9 +145,22 @@ void DiscoveriesThreadMgr::waitForRefresh()
   m_task.wait();
 }
 
+namespace
+{
+
+struct ProcessThreadMgr : DiscoveriesThreadMgr
+{
+  ProcessThreadMgr()
+  {
+    getDiscoveryRepository().setRefreshWait([this] { waitForRefresh(); });
+  }
+};
+
+} // namespace
+
 DiscoveriesThreadMgr& getDiscoveriesThreadMgr()
 {
-  return *ACE_Singleton<DiscoveriesThreadMgr, ACE_Recursive_Thread_Mutex>::instance();
+  return *ACE_Singleton<ProcessThreadMgr, ACE_Recursive_Thread_Mutex>::instance();
 }
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

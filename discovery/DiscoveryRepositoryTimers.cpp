@@ -157,7 +157,7 @@ void DiscoveryRepository::ExplorerPushTimer::fire(OzfObjTime const& fired)
 
   for (auto const& entry : *m_explorers)
   {
-    if (m_repository.m_shuttingDown)
+    if (m_repository.isShuttingDown())
       return;
     auto* const explorer = dynamic_cast<ExplorerPush*>(entry->getExplorer());
     OZF_ASSERT(explorer != nullptr, "NULL != exp", SOURCE, OPERATION);
@@ -254,7 +254,7 @@ bool DiscoveryRepository::ExplorerRegisterTimer::announce(OzfHostname const& mas
     OZF_ASSERT(lockableGuard.locked(), "lockableGuard.locked()", SOURCE, OPERATION);
     for (auto const& entry : *explorers)
     {
-      if (m_repository.m_shuttingDown)
+      if (m_repository.isShuttingDown())
         break;
       service->registerExplorer(
           local.exportNarrow().c_str(), serviceName.c_str(), entry->getSubject()->getName().c_str(),
@@ -274,7 +274,7 @@ void DiscoveryRepository::startPushTimer()
   AutoDereference<ExplorerPushTimer> previous;
   {
     std::lock_guard guard(m_timersMutex);
-    if (m_shuttingDown)
+    if (isShuttingDown())
       return;
     previous = std::move(m_pushTimer);
     m_pushTimer = timer;
@@ -292,7 +292,7 @@ void DiscoveryRepository::startRegisterTimer()
   AutoDereference<ExplorerRegisterTimer> previous;
   {
     std::lock_guard guard(m_timersMutex);
-    if (m_shuttingDown)
+    if (isShuttingDown())
       return;
     previous = std::move(m_registerTimer);
     m_registerTimer = timer;

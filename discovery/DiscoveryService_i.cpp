@@ -3,14 +3,13 @@
 #include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryRepository.h"
 #include "discovery/DiscoveryRepositoryRefresh.h"
+#include "discovery/DiscoveryServant.h"
 #include "discovery/DiscoveryService_iIterators.h"
 #include "discovery/DiscoveryService_iWriter.h"
 #include "discovery/ExplorerRemotePull.h"
 #include "discovery/OpenWriters.h"
 #include "ozf/orb/Orb.h"
 #include "ozf/orb/OrbService.h"
-
-#include <ace/Time_Value.h>
 
 #include <sstream>
 #include <string>
@@ -31,13 +30,13 @@ bool isUsablePattern(std::string_view name) { return name.size() <= MAX_WIRE_NAM
 bool isUsablePlace(std::string_view name) { return !name.empty() && name.size() <= MAX_KEPT_NAME; }
 
 // What keeps a registration out, and what can be done about it.
-std::string describeStanding(DiscoveryRepository::Registration const& registration)
+std::string describeStanding(Registration const& registration)
 {
   ExplorerWrapper const& standing = *registration.standing;
   std::ostringstream text;
   text << "the entry of authority " << standing.getAuthority()->getName() << ", type "
        << standing.getAuthority()->getType() << ", priority " << standing.getPriority();
-  if (registration.result == DiscoveryRepository::Registration::OWN)
+  if (registration.result == Registration::OWN)
     text << " is this host's own, which other hosts do not replace";
   else if (auto const* const remote =
                dynamic_cast<RemoteExplorerPull const*>(standing.getExplorer()))
@@ -70,31 +69,6 @@ auto publish(Servant& servant, Orb& orb)
 }
 
 } // namespace
-
-void add2Evictor(CORBA::OctetSeq const& objectId, PortableServer::POA* poa, Orb& orb, long timeout)
-{
-  try
-  {
-    orb.getEvictor().addObject(ACE_Time_Value(timeout), poa, objectId, CORBA::OctetSeq());
-  }
-  catch (CORBA::Exception const& exception)
-  {
-    OZF_LOG(getOzfLogger(), 1, SOURCE, "add2Evictor",
-            "Caught CORBA exception while add2Evictor, " << corbaExceptionText(exception));
-    throw;
-  }
-}
-
-void removeFromEvictor(CORBA::OctetSeq_var& objectId, Orb& orb)
-{
-  if (objectId.operator->() == nullptr || objectId->length() == 0)
-  {
-    OZF_LOG(getOzfLogger(), 1, SOURCE, "removeFromEvictor",
-            "Nothing to be evicted, Object ID is not valid");
-    return;
-  }
-  orb.getEvictor().removeObject(objectId.in(), true, true);
-}
 
 DiscoveryIterator_ptr DiscoveryService_i::queryDiscoveries(DiscoveryQuery queryType,
                                                            AuthorityType authType,
@@ -301,3 +275,10 @@ CORBA::Boolean DiscoveryService_i::restartAllPushTimers()
 }
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc::Remote
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+
+PortableServer::ServantBase* newDiscoveryServant() { return new Remote::DiscoveryService_i; }
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc

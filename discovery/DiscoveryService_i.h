@@ -1,5 +1,4 @@
-// The servant behind the name "DiscoveryService", and the helpers that tie
-// short-lived servants to the evictor.
+// The servant behind the name "DiscoveryService".
 //
 // What comes from the network is checked before it is used: names that are
 // empty where one is needed, or longer than MAX_WIRE_NAME bytes (MAX_KEPT_NAME,
@@ -14,27 +13,10 @@
 
 #include <DiscoveryServiceC.h>
 
-namespace Quillon::Tessarine::Ozf
-{
-class Orb;
-}
-
 namespace Quillon::Tessarine::Ozf::DiscoverySvc::Remote
 {
 
 class RemoteWriter_i;
-
-// Seconds of idleness after which a paged iterator is dropped.
-inline constexpr long ITERATOR_TIMEOUT = 300;
-
-// Starts the idle time, in seconds, of a servant in the ORB's evictor. Logs
-// and passes on CORBA exceptions.
-TQ_EXPORT void add2Evictor(CORBA::OctetSeq const& objectId, PortableServer::POA* poa, Orb& orb,
-                           long timeout);
-
-// Takes a servant out of the evictor, and drops it when no call is in progress
-// on it. An id that is not set is logged.
-TQ_EXPORT void removeFromEvictor(CORBA::OctetSeq_var& objectId, Orb& orb);
 
 // Keeps no state: everything is in the repository. Any number of threads.
 class TQ_EXPORT DiscoveryService_i

@@ -2,12 +2,13 @@
 
 #include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryRepository.h"
-#include "discovery/DiscoveryService_i.h"
 #include "discovery/ExplorerRemotePull.h"
 #include "discovery/RemoteDB.h"
 #include "discovery/RemoteDBWire.h"
 #include "ozf/base/OzfHostname.h"
 #include "ozf/orb/Orb.h"
+
+#include <ace/Time_Value.h>
 
 #include <algorithm>
 #include <utility>
@@ -30,6 +31,33 @@ constexpr std::size_t RECORD_OVERHEAD = 96;
 constexpr CORBA::Long MAX_PREALLOCATED = 256;
 
 } // namespace
+
+// ---- their idle time ----
+
+void add2Evictor(CORBA::OctetSeq const& objectId, PortableServer::POA* poa, Orb& orb, long timeout)
+{
+  try
+  {
+    orb.getEvictor().addObject(ACE_Time_Value(timeout), poa, objectId, CORBA::OctetSeq());
+  }
+  catch (CORBA::Exception const& exception)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, "add2Evictor",
+            "Caught CORBA exception while add2Evictor, " << corbaExceptionText(exception));
+    throw;
+  }
+}
+
+void removeFromEvictor(CORBA::OctetSeq_var& objectId, Orb& orb)
+{
+  if (objectId.operator->() == nullptr || objectId->length() == 0)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, "removeFromEvictor",
+            "Nothing to be evicted, Object ID is not valid");
+    return;
+  }
+  orb.getEvictor().removeObject(objectId.in(), true, true);
+}
 
 // ---- discoveries ----
 

@@ -5,6 +5,7 @@
 #include "discovery/CallOwner.h"
 #include "discovery/DiscData.h"
 #include "discovery/Export.h"
+#include "discovery/RemoteDBWire.h"
 #include "ozf/orb/Corba.h"
 #include "ozf/orb/Evictor.h"
 
@@ -12,13 +13,25 @@
 
 #include <mutex>
 
+namespace Quillon::Tessarine::Ozf
+{
+class Orb;
+}
+
 namespace Quillon::Tessarine::Ozf::DiscoverySvc::Remote
 {
 
-// The size of a page, in bytes, beyond which it is handed out although the
-// caller asked for more: a page must pass the ORB's message limit, and its
-// size comes from the network. A short page is not the end, so nothing is lost.
-inline constexpr long MAX_PAGE_BYTES = 1L << 20;
+// Seconds of idleness after which a paged iterator is dropped.
+inline constexpr long ITERATOR_TIMEOUT = 300;
+
+// Starts the idle time, in seconds, of a servant in the ORB's evictor. Logs
+// and passes on CORBA exceptions.
+TQ_EXPORT void add2Evictor(CORBA::OctetSeq const& objectId, PortableServer::POA* poa, Orb& orb,
+                           long timeout);
+
+// Takes a servant out of the evictor, and drops it when no call is in progress
+// on it. An id that is not set is logged.
+TQ_EXPORT void removeFromEvictor(CORBA::OctetSeq_var& objectId, Orb& orb);
 
 // A servant that the evictor may drop; knows its object id. No peer may call it
 // but the one in whose call it was made (NO_PERMISSION).

@@ -2,7 +2,6 @@
 
 #include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryRepository.h"
-#include "discovery/OpenWriters.h"
 #include "discovery/RemoteDB.h"
 #include "discovery/RemoteDBWire.h"
 #include "ozf/orb/Orb.h"

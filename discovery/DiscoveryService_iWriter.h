@@ -5,6 +5,7 @@
 #include "discovery/CallOwner.h"
 #include "discovery/DiscData.h"
 #include "discovery/Export.h"
+#include "discovery/OpenWriters.h"
 #include "ozf/orb/Corba.h"
 
 #include <DiscoveryServiceC.h>
@@ -26,7 +27,8 @@ namespace Quillon::Tessarine::Ozf::DiscoverySvc::Remote
 // closed is never stored. Used by one caller at a time, and by no other peer
 // than the one that opened it (NO_PERMISSION).
 class TQ_EXPORT RemoteWriter_i
-    : public POA_Quillon::Tessarine::Ozf::DiscoverySvc::Remote::RemoteWriter
+    : public POA_Quillon::Tessarine::Ozf::DiscoverySvc::Remote::RemoteWriter,
+      public OpenWriter
 {
 public:
   // Copies the record, but for the names of its source: nothing needs them, and
@@ -48,12 +50,8 @@ public:
   // Creates the discovery and opens it for update.
   virtual DiscoveryResult open();
 
-  // Lets the discovery go; every later call meets OBJECT_NOT_EXIST. Waits for a
-  // call in progress.
-  void abandon();
-
-  // Subject and authority, for log lines.
-  std::string names() const;
+  void abandon() override;
+  std::string names() const override;
 
   // The writer's own reference, which close destroys; adds a reference.
   void setReference(CORBA::Object_ptr reference);

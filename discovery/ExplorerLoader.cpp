@@ -1,7 +1,6 @@
 #include "discovery/ExplorerLoader.h"
 
 #include "discovery/DiscoveryLog.h"
-#include "discovery/DiscoveryRepository.h"
 #include "ozf/plugin/CurrentException.h"
 #include "ozf/plugin/RuntimeLoader.h"
 
@@ -41,12 +40,22 @@ constexpr char DEFAULT_LIBRARY[] = "libtqexplorer";
 // RTLD_LAZY | RTLD_GLOBAL
 constexpr int LOAD_MODE = 257;
 
+// Initialised before any code runs, since it is set before main.
+using TargetSource = ExplorerLoader::Target (*)();
+constinit TargetSource loaderTarget = nullptr;
+
 RegistrationEntry entryOf(SymbolResolver const& resolver)
 {
   return reinterpret_cast<RegistrationEntry>(resolver.definitions().front().address);
 }
 
 } // namespace
+
+bool ExplorerLoader::setTarget(Target (*target)())
+{
+  loaderTarget = target;
+  return true;
+}
 
 ExplorerLoader* ExplorerLoader::instance(EngineContext const& context)
 {
@@ -66,7 +75,7 @@ ExplorerLoader::~ExplorerLoader()
 void ExplorerLoader::loadExplorers()
 {
   constexpr char OPERATION[] = "ExplorerLoader::loadExplorers";
-  LockableGuard const repositoryGuard(getDiscoveryRepository());
+  LockableGuard const repositoryGuard(loaderTarget().lock);
   OZF_ASSERT(repositoryGuard.locked(), "repositoryGuard.locked()", SOURCE, OPERATION);
   LockableGuard const lockableGuard(*this);
   OZF_ASSERT(lockableGuard.locked(), "lockableGuard.locked()", SOURCE, OPERATION);
@@ -82,7 +91,7 @@ void ExplorerLoader::loadExplorers()
 void ExplorerLoader::loadExplorerParsers(std::list<std::string> const* allowedPlugins)
 {
   constexpr char OPERATION[] = "ExplorerLoader::loadExplorerParsers";
-  LockableGuard const repositoryGuard(getDiscoveryRepository());
+  LockableGuard const repositoryGuard(loaderTarget().lock);
   OZF_ASSERT(repositoryGuard.locked(), "repositoryGuard.locked()", SOURCE, OPERATION);
   LockableGuard const lockableGuard(*this);
   OZF_ASSERT(lockableGuard.locked(), "lockableGuard.locked()", SOURCE, OPERATION);
@@ -100,7 +109,7 @@ void ExplorerLoader::loadExplorerParsers(std::list<std::string> const* allowedPl
 void ExplorerLoader::loadExplorerFilterData()
 {
   constexpr char OPERATION[] = "ExplorerLoader::loadExplorerFilterData";
-  LockableGuard const repositoryGuard(getDiscoveryRepository());
+  LockableGuard const repositoryGuard(loaderTarget().lock);
   OZF_ASSERT(repositoryGuard.locked(), "repositoryGuard.locked()", SOURCE, OPERATION);
   LockableGuard const lockableGuard(*this);
   OZF_ASSERT(lockableGuard.locked(), "lockableGuard.locked()", SOURCE, OPERATION);
@@ -127,7 +136,7 @@ void ExplorerLoader::loadDefaultLibrary(SymbolResolver& resolver, SymbolResolver
         !found)
       return;
     OZF_LOG(getOzfLogger(), 4, SOURCE, operation, foundText);
-    DiscoveryRepository& repository = getDiscoveryRepository();
+    DiscoveryRepository& repository = loaderTarget().repository;
     if (RegistrationEntry const registrationEntry = entryOf(entry))
     {
       registrationEntry(&repository);
@@ -201,7 +210,7 @@ void ExplorerLoader::libraryCallback(PluginDirector* director, std::string const
   resolvers->push_back(std::move(resolver));
   OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION,
           "Beginning registration of " << texts.registered << " in " << reportedName);
-  DiscoveryRepository& repository = getDiscoveryRepository();
+  DiscoveryRepository& repository = loaderTarget().repository;
   if (entry != nullptr)
     entry(&repository);
   OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION,

@@ -76,6 +76,17 @@ public:
     FILTER_DATA = 2
   };
 
+  // Where everything registers, and the lock that is held meanwhile.
+  struct Target
+  {
+    DiscoveryRepository& repository;
+    OzfLockable& lock;
+  };
+
+  // The repository says once where it is, and so is not made before a loader
+  // needs it; true.
+  static bool setTarget(Target (*target)());
+
   // A new loader; the context outlives it.
   static ExplorerLoader* instance(EngineContext const& context);
   ~ExplorerLoader() override;

@@ -2,7 +2,7 @@
 
 #include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryLoopGuard.h"
-#include "discovery/DiscoveryRepository.h"
+#include "discovery/Peers.h"
 #include "discovery/RemoteDB.h"
 #include "ozf/orb/Peer.h"
 #include "ozf/orb/SelfConnection.h"
@@ -132,8 +132,7 @@ bool RemoteExplorerPull::copyCollection(DiscoveryQuery query, Authority const& a
                                         Subject const& subject, char const* filterText,
                                         CollectionData& target) const
 {
-  Remote::DiscoveryService_var const service =
-      getDiscoveryRepository().connectToRemoteDiscoveryService(m_host, m_serviceName.c_str());
+  Remote::DiscoveryService_var const service = getPeers().connect(m_host, m_serviceName.c_str());
   if (CORBA::is_nil(service.in()))
   {
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to connect to discovery service");

@@ -1,7 +1,7 @@
 #include "discovery/HeldRecords.h"
 
 #include "discovery/DiscoveryLog.h"
-#include "discovery/DiscoveryRepository.h"
+#include "discovery/Peers.h"
 #include "ozf/orb/Orb.h"
 
 #include <mutex>
@@ -31,7 +31,7 @@ InAll& inAll()
 // Lets the list of the reader idle longest go; false when there is none.
 bool dropOneList()
 {
-  Orb* const orb = getDiscoveryRepository().findOrb();
+  Orb* const orb = getPeers().findOrb();
   if (orb == nullptr || !orb->isEvictorEnabled())
     return false;
   try

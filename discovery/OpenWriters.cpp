@@ -1,8 +1,7 @@
 #include "discovery/OpenWriters.h"
 
 #include "discovery/DiscoveryLog.h"
-#include "discovery/DiscoveryRepository.h"
-#include "discovery/DiscoveryService_iWriter.h"
+#include "discovery/Peers.h"
 #include "ozf/orb/Orb.h"
 
 #include <algorithm>
@@ -41,7 +40,7 @@ OpenWriters::Place::~Place()
   m_all.m_entries.erase(m_entry);
 }
 
-void OpenWriters::Place::take(RemoteWriter_i& writer, CORBA::Object_ptr reference)
+void OpenWriters::Place::take(OpenWriter& writer, CORBA::Object_ptr reference)
 {
   std::lock_guard const guard(m_all.m_mutex);
   writer._add_ref();
@@ -84,7 +83,7 @@ std::unique_ptr<OpenWriters::Place> OpenWriters::reserve(Peer const* peer)
 
 // ---- what becomes of writers ----
 
-OpenWriters::Entries::iterator OpenWriters::find(RemoteWriter_i const& writer)
+OpenWriters::Entries::iterator OpenWriters::find(OpenWriter const& writer)
 {
   return std::find_if(m_entries.begin(), m_entries.end(),
                       [&](Entry const& entry) { return entry.writer == &writer; });
@@ -101,21 +100,21 @@ void OpenWriters::drop(Entries& entries)
 {
   for (Entry& entry : entries)
   {
-    if (Orb* const orb = getDiscoveryRepository().findOrb())
+    if (Orb* const orb = getPeers().findOrb())
       orb->destroyObjectRef(entry.reference);
     entry.writer->abandon();
   }
   entries.clear();
 }
 
-void OpenWriters::notePut(RemoteWriter_i const& writer)
+void OpenWriters::notePut(OpenWriter const& writer)
 {
   std::lock_guard const guard(m_mutex);
   if (auto const entry = find(writer); entry != m_entries.end())
     entry->lastPut = m_clock();
 }
 
-void OpenWriters::noteFailed(RemoteWriter_i const& writer)
+void OpenWriters::noteFailed(OpenWriter const& writer)
 {
   Entries dropped;
   {
@@ -138,7 +137,7 @@ void OpenWriters::noteFailed(RemoteWriter_i const& writer)
   drop(dropped);
 }
 
-void OpenWriters::remove(RemoteWriter_i const& writer)
+void OpenWriters::remove(OpenWriter const& writer)
 {
   Entries removed;
   std::lock_guard const guard(m_mutex);

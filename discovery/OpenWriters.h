@@ -14,11 +14,22 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <string>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc::Remote
 {
 
-class RemoteWriter_i;
+// A writer as the registry knows it: a counted servant.
+class TQ_EXPORT OpenWriter : public virtual PortableServer::ServantBase
+{
+public:
+  // Lets the discovery go; every later call meets OBJECT_NOT_EXIST. Waits for a
+  // call in progress.
+  virtual void abandon() = 0;
+
+  // Subject and authority, for log lines.
+  virtual std::string names() const = 0;
+};
 
 // A writer holds a temporary file, and only close ends it, which callers owe to
 // nobody: after a failed put they need not call it, and they may die. So
@@ -50,7 +61,7 @@ private:
   struct Entry
   {
     Peer opener; // without an address: this process itself
-    RemoteWriter_i* writer = nullptr;
+    OpenWriter* writer = nullptr;
     PortableServer::ServantBase_var keeper;
     CORBA::Object_var reference;
     TimePoint lastPut;
@@ -69,7 +80,7 @@ public:
     Place& operator=(Place const&) = delete;
 
     // The writer's reference is active. Adds references to both.
-    void take(RemoteWriter_i& writer, CORBA::Object_ptr reference);
+    void take(OpenWriter& writer, CORBA::Object_ptr reference);
 
   private:
     friend class OpenWriters;
@@ -85,11 +96,11 @@ public:
   std::unique_ptr<Place> reserve(Peer const* peer);
 
   // What has become of a put. Nothing for a writer that is not known.
-  void notePut(RemoteWriter_i const& writer);
-  void noteFailed(RemoteWriter_i const& writer);
+  void notePut(OpenWriter const& writer);
+  void noteFailed(OpenWriter const& writer);
 
   // The writer has ended by itself.
-  void remove(RemoteWriter_i const& writer);
+  void remove(OpenWriter const& writer);
 
   // Lets those go whose time has come. The service calls it every second.
   void dropIdle();
@@ -103,7 +114,7 @@ public:
   void setClock(Clock clock);
 
 private:
-  Entries::iterator find(RemoteWriter_i const& writer);
+  Entries::iterator find(OpenWriter const& writer);
   // Moves the entry to where it can be dropped without the mutex.
   Entries::iterator take(Entries::iterator entry, Entries& taken);
   static void drop(Entries& entries);

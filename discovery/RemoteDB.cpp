@@ -1,7 +1,7 @@
 #include "discovery/RemoteDB.h"
 
 #include "discovery/DiscoveryLog.h"
-#include "discovery/DiscoveryRepository.h"
+#include "discovery/Peers.h"
 #include "discovery/RemoteDBDrain.h"
 #include "discovery/RemoteDBWire.h"
 #include "ozf/config/HostRole.h"
@@ -167,7 +167,7 @@ void RemoteDiscoveryIterator::fetch(Remote::DiscoveryIterator_ptr remote)
   DrainLimit const limit = DrainLimit::forAnswer();
   for (std::size_t calls = 0;; ++calls)
   {
-    if (getDiscoveryRepository().isShuttingDown())
+    if (getPeers().isShuttingDown())
     {
       iterator.abandon();
       m_failure = "shutting down";

@@ -2,7 +2,7 @@
 
 #include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryLoopGuard.h"
-#include "discovery/DiscoveryRepository.h"
+#include "discovery/Peers.h"
 #include "discovery/RemoteDB.h"
 #include "discovery/RemoteDBWire.h"
 #include "ozf/base/OzfHostname.h"
@@ -23,10 +23,6 @@ constexpr char SOURCE[] = "RemoteDB";
 constexpr char SERVICE_NAME[] = "DiscoveryService";
 constexpr char PAGE_SIZE_KEY[] = "COLLECTION_PAGE_SIZE";
 constexpr unsigned long CHUNK_SIZE = 1024;
-
-// A page has to fit in one message with room to spare; who asks for more gets
-// this much.
-constexpr long MAX_PAGE_SIZE = 1024L * 1024;
 
 LoopCounter& openWriteCounter()
 {
@@ -69,7 +65,7 @@ void requestPageSize(Remote::CollectionDataIterator_ptr iterator)
   if (getConfiguration()->getInteger(PAGE_SIZE_KEY, 0, 1, std::numeric_limits<CORBA::Long>::max(),
                                      pageSize) &&
       pageSize > 0)
-    iterator->pageSize(static_cast<CORBA::Long>(std::min(pageSize, MAX_PAGE_SIZE)));
+    iterator->pageSize(static_cast<CORBA::Long>(std::min(pageSize, MAX_PAGE_BYTES)));
 }
 
 } // namespace
@@ -98,12 +94,11 @@ int RemoteCollectionData::open(OpenMode mode, char const* name)
 
 Remote::DiscoveryService_ptr RemoteCollectionData::connect() const
 {
-  DiscoveryRepository const& repository = getDiscoveryRepository();
   OzfHostname master;
-  repository.getMasterServerName(master);
+  getPeers().getMasterServerName(master);
   if (master.empty())
     return Remote::DiscoveryService::_nil();
-  return repository.connectToRemoteDiscoveryService(master, SERVICE_NAME);
+  return getPeers().connect(master, SERVICE_NAME);
 }
 
 bool RemoteCollectionData::openRead(char const* filter)
@@ -124,8 +119,7 @@ bool RemoteCollectionData::openRead(char const* filter)
     OzfHostname host;
     host.setHostname(m_discovery->sourceHost.in());
     Remote::DiscoveryService_var const service =
-        getDiscoveryRepository().connectToRemoteDiscoveryService(
-            host, m_discovery->sourceServiceName.in());
+        getPeers().connect(host, m_discovery->sourceServiceName.in());
     if (CORBA::is_nil(service.in()))
     {
       OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to connect to discovery service");
@@ -155,11 +149,11 @@ bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr remote)
   constexpr char OPERATION[] = "RemoteCollectionData::openRead";
   DataIterator iterator(remote);
   DrainLimit const limit = DrainLimit::forAnswer();
-  if (!getDiscoveryRepository().isShuttingDown())
+  if (!getPeers().isShuttingDown())
     requestPageSize(remote);
   for (std::size_t calls = 0;; ++calls)
   {
-    if (getDiscoveryRepository().isShuttingDown())
+    if (getPeers().isShuttingDown())
     {
       iterator.abandon();
       OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
@@ -228,7 +222,7 @@ void RemoteCollectionData::fillRecord(Remote::Discovery& record) const
   record.authType = m_authority->getType();
   toWire(m_attributes, record.attributes);
   record.sourceHost = local.exportNarrow().c_str();
-  record.sourceServiceName = getDiscoveryRepository().getOrbServiceName().c_str();
+  record.sourceServiceName = getPeers().getOrbServiceName().c_str();
 }
 
 bool RemoteCollectionData::hasFreshWriter() const
@@ -255,7 +249,7 @@ bool RemoteCollectionData::openWrite()
     if (guard.exceeded())
     {
       OzfHostname master;
-      getDiscoveryRepository().getMasterServerName(master);
+      getPeers().getMasterServerName(master);
       OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
               "Hostname detected as remote and/or master, but appears to be connecting back to "
               "self, RemoteHost: "

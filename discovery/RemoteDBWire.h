@@ -36,4 +36,10 @@ inline constexpr std::size_t MAX_KEPT_NAME = 1024;
 // Whether the names are usable and short enough to be kept.
 TQ_EXPORT bool areKeepableNames(char const* subject, char const* authority);
 
+// The size of a page, in bytes, beyond which it is handed out although the
+// caller asked for more, and more than which is not asked for: a page must pass
+// the ORB's message limit with room to spare, and its size comes from the
+// network. A short page is not the end, so nothing is lost.
+inline constexpr long MAX_PAGE_BYTES = 1L << 20;
+
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

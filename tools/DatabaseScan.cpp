@@ -3,7 +3,7 @@
 #include "discovery/DiscDBDiscovery.h"
 #include "discovery/DiscDBFiles.h"
 #include "discovery/DiscDBLock.h"
-#include "discovery/XMLHelper.h"
+#include "discovery/DiscDataXml.h"
 #include "ozf/base/AsciiCase.h"
 #include "ozf/base/OzfPathname.h"
 #include "ozf/base/SystemError.h"
@@ -132,9 +132,8 @@ std::string examine(std::string const& directory, std::string const& file, Store
     found.expiresTime = attributes->getExpiresTime();
   }
   // A record that is read has lost its priority; the document has it.
-  unsigned priority = 0;
-  if (XMLHelper::parse(text, priority) == 0)
-    found.priority = priority;
+  if (auto const priority = storedPriority(text))
+    found.priority = *priority;
 
   std::ostringstream expectedName;
   discovery->generateMetabaseFileName(expectedName);

@@ -1,9 +1,9 @@
 #include "tools/Records.h"
 
 #include "discovery/DiscoveryRepository.h"
+#include "discovery/PullExplorerCache.h"
 #include "discovery/RemoteDB.h"
 #include "discovery/RemoteDBWire.h"
-#include "discovery/XMLHelper.h"
 #include "ozf/base/Wildcard.h"
 #include "tools/Connection.h"
 #include "tools/ExitCodes.h"
@@ -13,7 +13,6 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
-#include <sstream>
 #include <tuple>
 
 namespace tqdiscoctl
@@ -293,14 +292,11 @@ std::optional<Announcement> announcementOf(Record const& record)
       !readPayload(*announcements.front().open(), text))
     return std::nullopt;
 
-  std::stringstream xml(text);
-  OzfString service;
-  OzfString host;
-  unsigned priority = 0;
-  AuthorityType type = AT_ANYANDALL;
-  if (XMLHelper::parse(xml, service, host, priority, type) != 0)
+  auto const registration = readPullRegistration(text);
+  if (!registration)
     return std::nullopt;
-  return Announcement{host.str(), service.str(), type};
+  return Announcement{registration->sourceHost.str(), registration->serviceName.str(),
+                      registration->originType};
 }
 
 AutoDereference<Discovery> elsewhere(Record const& record, Announcement const& place)

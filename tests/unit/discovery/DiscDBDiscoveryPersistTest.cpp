@@ -2,6 +2,7 @@
 
 #include "discovery/DiscDBDiscovery.h"
 
+#include "discovery/DiscDBFiles.h"
 #include "ozf/log/Assertion.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/OtherProcess.h"

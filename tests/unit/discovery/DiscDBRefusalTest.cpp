@@ -3,6 +3,7 @@
 
 #include "discovery/DiscDBDiscovery.h"
 
+#include "discovery/DiscDBFiles.h"
 #include "tests/support/FailingXmlMemory.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/OtherProcess.h"

@@ -16,7 +16,7 @@ using namespace tqtest;
 namespace
 {
 
-using Registration = DiscoveryRepository::Registration;
+using Quillon::Tessarine::Ozf::DiscoverySvc::Registration;
 
 constexpr char ANNOUNCED[] = "DiscoveryService_i::registerExplorer";
 constexpr unsigned HIGHEST = 0xFFFFFFFF;

@@ -176,14 +176,14 @@ TEST_F(DiscoveryService_iIteratorsTest, ThePayloadComesInPagesOfEightBytes)
 
 TEST_F(DiscoveryService_iIteratorsTest, APageSizeOfBytesIsHonouredAndBounded)
 {
-  std::string const payload(3 * Remote::MAX_PAGE_BYTES / 2, 'p');
+  std::string const payload(3 * MAX_PAGE_BYTES / 2, 'p');
   ASSERT_EQ(svc::DS_SUCCESS, Service::store("s", "a", svc::AT_TQUCLIENT, payload));
   auto iterator = open("s");
   iterator->pageSize(7);
   EXPECT_EQ((Lengths{7, 7}), pages(iterator, 2));
   iterator->pageSize(std::numeric_limits<CORBA::Long>::max());
-  EXPECT_EQ((Lengths{static_cast<unsigned>(Remote::MAX_PAGE_BYTES),
-                     static_cast<unsigned>(payload.size() - 14 - Remote::MAX_PAGE_BYTES), 0}),
+  EXPECT_EQ((Lengths{static_cast<unsigned>(MAX_PAGE_BYTES),
+                     static_cast<unsigned>(payload.size() - 14 - MAX_PAGE_BYTES), 0}),
             pages(iterator, 10));
 }
 

@@ -162,8 +162,7 @@ TEST_F(RemoteDBWireTest, NamesThatAreKeptMustBeShorterAsTheyAreShown)
 TEST_F(RemoteDBWireTest, AllRegistrationsOfTheLongestNamesFitIntoOneAnswer)
 {
   constexpr std::size_t RECORD = sizeof(Remote::Discovery) + 2 * MAX_KEPT_NAME + 100;
-  EXPECT_LT(2 * DiscoveryRepository::MAX_PULL_REGISTRATIONS * RECORD,
-            RemoteDiscoveryIterator::MAX_RECORD_BYTES);
+  EXPECT_LT(2 * Registrations::MOST_PULL * RECORD, RemoteDiscoveryIterator::MAX_RECORD_BYTES);
 }
 
 TEST_F(RemoteDBWireTest, EveryUsableNameMakesASubjectAndAnAuthority)

@@ -1,8 +1,7 @@
-// The links to other hosts.
+#include "discovery/Peers.h"
 
 #include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryLoopGuard.h"
-#include "discovery/DiscoveryRepository.h"
 #include "ozf/config/ConfigurationProvider.h"
 #include "ozf/orb/Orb.h"
 #include "ozf/plugin/EngineContext.h"
@@ -13,6 +12,7 @@ namespace Quillon::Tessarine::Ozf::DiscoverySvc
 namespace
 {
 
+// Readers of logs know the links to other hosts as the repository's.
 constexpr char SOURCE[] = "DiscoveryRepository";
 
 LoopCounter& connectionsInProgress()
@@ -23,7 +23,40 @@ LoopCounter& connectionsInProgress()
 
 } // namespace
 
-void DiscoveryRepository::getMasterServerName(OzfHostname& master) const
+Peers& getPeers()
+{
+  // Never destroyed: calls may end after the statics of the process.
+  static Peers& peers = *new Peers;
+  return peers;
+}
+
+void Peers::setOrb(Orb* orb) noexcept
+{
+  m_hasFramework = true;
+  m_orb = orb;
+}
+
+void Peers::unsetOrb() noexcept
+{
+  m_hasFramework = false;
+  m_orb = nullptr;
+}
+
+Orb* Peers::getOrb() const
+{
+  OZF_ASSERT(m_hasFramework, "0 != m_discoveryFramework", SOURCE, "DiscoveryRepository::getOrb");
+  OZF_ASSERT(m_orb != nullptr, "0 != m_orb", "DiscoveryFramework", "DiscoveryFramework::getOrb");
+  return m_orb;
+}
+
+std::string Peers::getOrbServiceName() const
+{
+  OZF_ASSERT(m_hasFramework, "0 != m_discoveryFramework", SOURCE,
+             "DiscoveryRepository::getOrbServiceName");
+  return getOrb()->name();
+}
+
+void Peers::getMasterServerName(OzfHostname& master) const
 {
   master = OzfHostname();
   EngineContext const context;
@@ -38,9 +71,7 @@ void DiscoveryRepository::getMasterServerName(OzfHostname& master) const
           "Unable to obtain master server name");
 }
 
-Remote::DiscoveryService_ptr
-DiscoveryRepository::connectToRemoteDiscoveryService(OzfHostname const& host,
-                                                     char const* serviceName) const
+Remote::DiscoveryService_ptr Peers::connect(OzfHostname const& host, char const* serviceName) const
 {
   return connectToRemoteDS(host, getOrb(), serviceName);
 }

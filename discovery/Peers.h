@@ -1,0 +1,75 @@
+// The other hosts, as this process reaches them.
+
+#pragma once
+
+#include "discovery/Export.h"
+#include "ozf/base/OzfHostname.h"
+
+#include <DiscoveryServiceC.h>
+
+#include <atomic>
+#include <string>
+
+namespace Quillon::Tessarine::Ozf
+{
+class Orb;
+}
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+
+// What the stores and explorers of other hosts need of the repository: how to
+// call other hosts, under which name this one answers, and whether to stop. A
+// repository keeps it up to date; its accessors of the same names pass these on.
+//
+// Any thread may ask. setOrb is for when no other thread does.
+class TQ_EXPORT Peers
+{
+public:
+  Peers() = default;
+  Peers(Peers const&) = delete;
+  Peers& operator=(Peers const&) = delete;
+
+  // There is a framework, with that ORB or with null; or none any more. The ORB
+  // is not owned.
+  void setOrb(Orb* orb) noexcept;
+  void unsetOrb() noexcept;
+
+  // Assert that there is a framework and that it has an ORB.
+  Orb* getOrb() const;
+  std::string getOrbServiceName() const;
+
+  // Null when there is no framework or no ORB.
+  Orb* findOrb() const noexcept { return m_orb; }
+
+  // The configured master's name; left empty, with a log line, when there is
+  // none.
+  void getMasterServerName(OzfHostname& master) const;
+
+  // A reference to the discovery service of the host, the caller's; nil with a
+  // log line when it cannot be had. Blocks for the request time-out at worst.
+  // Asserts as getOrb.
+  Remote::DiscoveryService_ptr connect(OzfHostname const& host, char const* serviceName) const;
+
+  // Set when the repository's shutdown begins; whoever waits for another host
+  // looks at it before each call.
+  void setShuttingDown(bool shuttingDown) noexcept { m_shuttingDown = shuttingDown; }
+  bool isShuttingDown() const noexcept { return m_shuttingDown; }
+
+private:
+  bool m_hasFramework = false;
+  Orb* m_orb = nullptr;
+  std::atomic<bool> m_shuttingDown{false};
+};
+
+// Those of the process's one repository; never destroyed.
+TQ_EXPORT Peers& getPeers();
+
+// A reference to the discovery service that serviceName publishes on the host;
+// the caller's; nil with a log line when it cannot be had. Blocks for the
+// resolver, and for the ORB's request time-out at worst. At most 20 calls may be
+// in progress in the process.
+TQ_EXPORT Remote::DiscoveryService_ptr connectToRemoteDS(OzfHostname const& host, Orb* orb,
+                                                         char const* serviceName);
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc
