@@ -71,6 +71,7 @@ private:
   bool openPayload();
   bool lockMetadata(std::optional<MetadataGuard>& guard) const;
   bool openTemporary();
+  bool syncDirectory(char const* operation) const;
   void closeHandle(char const* operation);
 
   // Lets go of what an earlier open left.

@@ -3,6 +3,8 @@
 #include "discovery/DiscoveryLog.h"
 #include "ozf/base/SystemError.h"
 
+#include <linux/magic.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -64,6 +66,25 @@ bool isMetadataFile(struct stat const& status, std::string const& path, char con
     return false;
   }
   return true;
+}
+
+bool flushKeepsNames(int directory)
+{
+  struct statfs status
+  {
+  };
+  if (::fstatfs(directory, &status) != 0)
+    return false;
+  switch (static_cast<unsigned>(status.f_type))
+  {
+  case EXT4_SUPER_MAGIC:
+  case XFS_SUPER_MAGIC:
+  case BTRFS_SUPER_MAGIC:
+  case TMPFS_MAGIC: // keeps nothing anyway
+    return true;
+  default:
+    return false;
+  }
 }
 
 bool readExactly(int fd, std::string& text, std::size_t size)

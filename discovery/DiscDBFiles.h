@@ -41,6 +41,10 @@ bool isMetadataFile(struct stat const& status, std::string const& path, char con
 
 void logTooLarge(std::string const& path, off_t size, char const* operation);
 
+// Whether the file system of the open directory makes the name of a new file
+// durable with the file's own flush. Not so where that is not known.
+bool flushKeepsNames(int directory);
+
 // Reads size bytes from the start; fewer are a failure, with errno 0 when the
 // file just ended.
 bool readExactly(int fd, std::string& text, std::size_t size);

@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -236,6 +237,14 @@ int noteTruncation(int result, int fd, off_t size)
   return result;
 }
 
+template <class Status>
+int forgetType(int result, Status* status)
+{
+  if (FileRecorder::current() != nullptr && result == 0)
+    status->f_type = 0;
+  return result;
+}
+
 int flushWith(int (*next)(int), int fd, Event::Kind kind)
 {
   int const result = FileRecorder::flushesAreLeftOut() ? 0 : next(fd);
@@ -359,6 +368,19 @@ extern "C"
   {
     static auto* const next = theirs<int(int)>("fsync");
     return tqtorture::flushWith(next, fd, Event::FLUSH);
+  }
+
+  // What is recorded lies on a file system of which nothing is known.
+  int fstatfs(int fd, struct statfs* status) noexcept
+  {
+    static auto* const next = theirs<int(int, struct statfs*)>("fstatfs");
+    return tqtorture::forgetType(next(fd, status), status);
+  }
+
+  int fstatfs64(int fd, struct statfs64* status) noexcept
+  {
+    static auto* const next = theirs<int(int, struct statfs64*)>("fstatfs64");
+    return tqtorture::forgetType(next(fd, status), status);
   }
 
   int fdatasync(int fd)

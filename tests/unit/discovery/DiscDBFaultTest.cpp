@@ -146,6 +146,34 @@ TEST_F(Faults, PersistFlushesThePayloadThenWritesMetadataThenReplacesThenFlushes
                                    std::string("removexattr ") + DAT, std::string("fsync ") + XML));
 }
 
+// Or else the note may be lost with the name, and nothing finishes what a power
+// cut left half done.
+TEST_F(Faults, PersistFlushesTheNameOfThePayloadWhereTheFilesOwnFlushMayNotKeepIt)
+{
+  for (bool const fails : {false, true})
+  {
+    ASSERT_EQ(DS_SUCCESS, ready("old")->persist());
+    auto const discovery = ready("new");
+    std::vector<std::string> order;
+    {
+      SystemCalls const calls(m_db.path(),
+                              [&](std::string const& call)
+                              {
+                                if (call == "fstatfs .")
+                                  return ENOSYS;
+                                if (SystemCalls::changes(call))
+                                  order.push_back(call);
+                                return fails && call == "fsync ." ? EIO : 0;
+                              });
+      EXPECT_EQ(fails ? DS_OPEN_FAILED : DS_SUCCESS, discovery->persist());
+    }
+    ASSERT_GE(order.size(), 3U);
+    EXPECT_EQ("fsync 0.updating", order[1]);
+    EXPECT_EQ("fsync .", order[2]);
+    EXPECT_EQ(fails ? "old/old" : "new/new", found());
+  }
+}
+
 TEST_F(Faults, AReplacementLeavesTheOldOrTheNewDiscoveryOutsideOfTheWindow)
 {
   Steps const steps = {

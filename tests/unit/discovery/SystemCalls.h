@@ -15,7 +15,7 @@ class SystemCalls
 public:
   // A call's text: "pwrite 2 a b.xml", "rename 0.updating", "fsync ." for the
   // directory itself, "fcntl setlk write Update.lock" (setlk or setlkw; read,
-  // write or unlock), "pread 2 a b.xml", "read 2 a b.dat", "fstat 2 a b.xml",
+  // write or unlock), "pread 2 a b.xml", "read 2 a b.dat", "fstat 2 a b.xml", "fstatfs .",
   // "open 2 a b.xml", "access 2 a b.dat", "opendir .", "readdir .". The result is 0 to let the call
   // through, or the error number that it shall fail with. It may also end the
   // process.
