@@ -21,7 +21,8 @@ using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
 
 inline constexpr char AUTHORITY[] = "writer";
 
-// Writes a sealed payload under the subject into the process's database.
+// Writes a sealed payload under the subject into the process's database. The
+// signature in the metadata is the payload's number.
 inline DiscoveryStatus write(std::string const& subject, std::uint64_t number, std::size_t size,
                              unsigned priority = 1, long validSeconds = 3600)
 {
@@ -29,9 +30,11 @@ inline DiscoveryStatus write(std::string const& subject, std::uint64_t number, s
       getDiscoveryDBDatabase()->newDiscovery(DQ_DISCOVERY_DATA));
   discovery->setAuthority(new Authority(AUTHORITY, AT_TQUCLIENT));
   discovery->setSubject(new Subject(subject));
-  discovery->setAttributes(new CollectionAttributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY,
-                                                    OzfObjTime::now(), OzfObjTime(validSeconds),
-                                                    priority));
+  auto* const attributes =
+      new CollectionAttributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY, OzfObjTime::now(),
+                               OzfObjTime(validSeconds), priority);
+  attributes->setSignature(OzfString(std::to_string(number)));
+  discovery->setAttributes(attributes);
   if (DiscoveryStatus const status = discovery->open(OM_UPDATE, ""); status != DS_SUCCESS)
     return status;
   std::string const payload = sealedPayload(subject, number, size);

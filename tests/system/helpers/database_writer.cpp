@@ -5,11 +5,15 @@
 //   begin <name> <n>   the discovery <name> is about to get payload <n>
 //   done <name> <n>    it has it
 //
+// It begins when it gets SIGUSR1, so that what the start has left can be looked
+// at before.
+//
 // Usage: database_writer <first number> <names> [<writes>]
 
 #include "tests/support/StoredRecord.h"
 
 #include <sys/stat.h>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -45,10 +49,16 @@ int main(int argc, char** argv)
   unsigned const names = static_cast<unsigned>(std::atoi(argv[2]));
   long writes = argc > 3 ? std::atol(argv[3]) : -1;
 
+  sigset_t awaited;
+  sigemptyset(&awaited);
+  sigaddset(&awaited, SIGUSR1);
+  sigprocmask(SIG_BLOCK, &awaited, nullptr);
   umask(027); // as the service's
   auto* const database = stored::getDiscoveryDBDatabase();
   database->init("");
   say("left " + std::to_string(temporaryFiles(database->getDirectory())) + "\n");
+  int signal = 0;
+  sigwait(&awaited, &signal);
   std::mt19937_64 random(number);
   for (; writes != 0; --writes, ++number)
   {
