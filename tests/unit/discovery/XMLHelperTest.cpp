@@ -10,7 +10,7 @@ using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
 namespace
 {
 
-struct Registration
+struct ParsedRegistration
 {
   OzfString serviceName{"before"};
   OzfString sourceHost{"before"};
@@ -18,7 +18,7 @@ struct Registration
   AuthorityType originType = AT_TQUSERVER;
   int result;
 
-  explicit Registration(std::string const& text)
+  explicit ParsedRegistration(std::string const& text)
   {
     std::stringstream xml(text);
     result = XMLHelper::parse(xml, serviceName, sourceHost, priority, originType);
@@ -29,8 +29,8 @@ struct Registration
 
 TEST(XMLHelper, ReadsAPullRegistration)
 {
-  Registration const read("<R><ServiceName>svc</ServiceName><SourceHost>h&amp;1</SourceHost>"
-                          "<Priority>7</Priority><OriginType>3</OriginType></R>");
+  ParsedRegistration const read("<R><ServiceName>svc</ServiceName><SourceHost>h&amp;1</SourceHost>"
+                                "<Priority>7</Priority><OriginType>3</OriginType></R>");
   EXPECT_EQ(0, read.result);
   EXPECT_EQ("svc", read.serviceName.str());
   EXPECT_EQ("h&1", read.sourceHost.str());
@@ -41,8 +41,8 @@ TEST(XMLHelper, ReadsAPullRegistration)
 TEST(XMLHelper, WithoutSourceHostKeepsTheServiceNameReadBefore)
 {
   LogCapture log(1);
-  Registration const read("<R><ServiceName>svc</ServiceName><Priority>7</Priority>"
-                          "<OriginType>3</OriginType></R>");
+  ParsedRegistration const read("<R><ServiceName>svc</ServiceName><Priority>7</Priority>"
+                                "<OriginType>3</OriginType></R>");
   EXPECT_EQ(-1, read.result);
   EXPECT_EQ("svc", read.serviceName.str());
   EXPECT_EQ(99u, read.priority) << "nothing after the missing value is read";
@@ -52,8 +52,8 @@ TEST(XMLHelper, WithoutSourceHostKeepsTheServiceNameReadBefore)
 
 TEST(XMLHelper, AnOriginTypeThatIsNoneCountsAsMissing)
 {
-  Registration const read("<R><ServiceName>svc</ServiceName><SourceHost>h</SourceHost>"
-                          "<Priority>7</Priority><OriginType>5</OriginType></R>");
+  ParsedRegistration const read("<R><ServiceName>svc</ServiceName><SourceHost>h</SourceHost>"
+                                "<Priority>7</Priority><OriginType>5</OriginType></R>");
   EXPECT_EQ(-1, read.result);
   EXPECT_EQ(7u, read.priority);
   EXPECT_EQ(AT_TQUSERVER, read.originType);
@@ -62,7 +62,7 @@ TEST(XMLHelper, AnOriginTypeThatIsNoneCountsAsMissing)
 TEST(XMLHelper, LogsABufferThatIsNotWellFormed)
 {
   LogCapture log;
-  Registration const read("<R><ServiceName>");
+  ParsedRegistration const read("<R><ServiceName>");
   EXPECT_NE(0, read.result);
   EXPECT_EQ("before", read.serviceName.str());
   EXPECT_TRUE(log.has(1, "XMLHelper::parse", "Failed to parse buffer: <R><ServiceName>"))
@@ -114,7 +114,7 @@ TEST(XMLHelper, TracesAtLevelSix)
   for (int const level : {5, 6})
   {
     LogCapture log(level);
-    Registration const read("<R/>");
+    ParsedRegistration const read("<R/>");
     std::string text = "<R/>";
     unsigned priority = 0;
     XMLHelper::parse(text, priority);
@@ -134,20 +134,20 @@ TEST(XMLHelper, EachValueThatIsMissingEndsTheReading)
   std::string const host = "<SourceHost>h</SourceHost>";
   std::string const priority = "<Priority>7</Priority>";
   std::string const type = "<OriginType>3</OriginType>";
-  Registration const noService("<R>" + host + priority + type + "</R>");
+  ParsedRegistration const noService("<R>" + host + priority + type + "</R>");
   EXPECT_EQ(-1, noService.result);
   EXPECT_EQ("before", noService.serviceName.str());
   EXPECT_EQ("before", noService.sourceHost.str());
   EXPECT_EQ(99u, noService.priority);
   EXPECT_EQ(AT_TQUSERVER, noService.originType);
 
-  Registration const noPriority("<R>" + service + host + type + "</R>");
+  ParsedRegistration const noPriority("<R>" + service + host + type + "</R>");
   EXPECT_EQ(-1, noPriority.result);
   EXPECT_EQ("h", noPriority.sourceHost.str());
   EXPECT_EQ(99u, noPriority.priority);
   EXPECT_EQ(AT_TQUSERVER, noPriority.originType);
 
-  Registration const noType("<R>" + service + host + priority + "</R>");
+  ParsedRegistration const noType("<R>" + service + host + priority + "</R>");
   EXPECT_EQ(-1, noType.result);
   EXPECT_EQ(7u, noType.priority);
   EXPECT_EQ(AT_TQUSERVER, noType.originType);
@@ -155,8 +155,8 @@ TEST(XMLHelper, EachValueThatIsMissingEndsTheReading)
 
 TEST(XMLHelper, TheOrderOfTheValuesIsFreeInTheDocument)
 {
-  Registration const read("<R><OriginType>3</OriginType><Priority>7</Priority>"
-                          "<SourceHost>h</SourceHost><ServiceName>svc</ServiceName></R>");
+  ParsedRegistration const read("<R><OriginType>3</OriginType><Priority>7</Priority>"
+                                "<SourceHost>h</SourceHost><ServiceName>svc</ServiceName></R>");
   EXPECT_EQ(0, read.result);
   EXPECT_EQ("svc", read.serviceName.str());
   EXPECT_EQ("h", read.sourceHost.str());
@@ -164,8 +164,8 @@ TEST(XMLHelper, TheOrderOfTheValuesIsFreeInTheDocument)
   EXPECT_EQ(AT_EXTSRC, read.originType);
 
   // What is read first is settled by the values, not by their places.
-  Registration const noHost("<R><OriginType>3</OriginType><Priority>7</Priority>"
-                            "<ServiceName>svc</ServiceName></R>");
+  ParsedRegistration const noHost("<R><OriginType>3</OriginType><Priority>7</Priority>"
+                                  "<ServiceName>svc</ServiceName></R>");
   EXPECT_EQ(-1, noHost.result);
   EXPECT_EQ("svc", noHost.serviceName.str());
   EXPECT_EQ(99u, noHost.priority);
