@@ -5,6 +5,7 @@
 #include "discovery/DiscoveryLog.h"
 #include "ozf/base/OzfPathname.h"
 #include "ozf/base/SystemError.h"
+#include "ozf/base/Uri.h"
 #include "ozf/base/Wildcard.h"
 #include "ozf/config/ProductRoot.h"
 
@@ -47,14 +48,6 @@ bool saysNothingOfAFile(int error)
   return std::find(std::begin(DECIDED), std::end(DECIDED), error) == std::end(DECIDED);
 }
 
-// A key that was cut says no more of its name than the beginning. Its form is
-// told at Uri::percentEncode.
-bool isCutKey(std::string_view key)
-{
-  return key.size() == 93 && key[60] == '~' &&
-         key.find_first_not_of("0123456789abcdef", 61) == std::string_view::npos;
-}
-
 // Whether one of the two keys in the name of a metadata file was cut.
 bool holdsCutKey(std::string_view fileName)
 {
@@ -64,8 +57,8 @@ bool holdsCutKey(std::string_view fileName)
   if (first == std::string_view::npos || second == std::string_view::npos ||
       end == std::string_view::npos || end < second)
     return false;
-  return isCutKey(fileName.substr(first + 1, second - first - 1)) ||
-         isCutKey(fileName.substr(second + 1, end - second - 1));
+  return Uri::isCutKey(fileName.substr(first + 1, second - first - 1)) ||
+         Uri::isCutKey(fileName.substr(second + 1, end - second - 1));
 }
 
 // The pattern of names as shown that a pattern of keys was made of; one that

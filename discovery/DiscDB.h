@@ -49,7 +49,7 @@ public:
   // loaded, or is expired (it is then deleted). Waits for a writer's lock.
   Discovery* getDiscovery(char const* metadataFileName) const;
 
-  // The same; with mayBeAbsent a file that is not there is no log line worth.
+  // The same; with mayBeAbsent a file that is not there costs no log line.
   // error is 0, or the error of the system because of which a file that may be
   // sound is not returned.
   Discovery* getDiscovery(char const* metadataFileName, bool mayBeAbsent, int& error) const;

@@ -24,7 +24,7 @@
 // life of a record: a thread that walks the database and holds a record may
 // rewrite that record. What it then loses is the record lock that its own
 // record kept, and nothing but that; the metadata has been read by then. The
-// payload has not: who opens it locks the metadata file once more, under the
+// payload has not: its reader locks the metadata file once more, under the
 // guard, and makes sure that it still is the stored one. Otherwise he could
 // look for the payload while a writer has written the metadata and not yet
 // renamed the payload that belongs to it.
@@ -53,7 +53,7 @@
 // The guard is given up during the pauses, so that a lock that another process
 // keeps costs nobody but those who want just that lock. Without the guard no
 // lock is taken either: it would convert, by our own process, the lock of the
-// thread that has the guard. Who waits asks whether another process is in the
+// thread that has the guard. A waiting thread asks whether another process is in the
 // way (F_GETLK), and takes the lock once the guard is back. Another thread may
 // have closed the file in between, and another process deleted or rewritten it,
 // so a writer then looks at the file afresh: whether it still has its name, and
@@ -209,7 +209,7 @@ bool isFileAt(int fd, char const* path, int* error)
   return asked && open.st_dev == named.st_dev && open.st_ino == named.st_ino;
 }
 
-// Who has no users serves the next path: records come by the hundred thousand.
+// One without users serves the next path: records come by the hundred thousand.
 struct MetadataGuard::Entry
 {
   std::recursive_mutex mutex;

@@ -57,7 +57,7 @@ bool takePlace(std::string const& directory, OzfPathname const& temporary,
   if (!fd.valid())
     return false;
   HeldFile const file(new ACE_File_Lock(fd.release(), false));
-  // Who reads keeps us from writing, but is not harmed by the right payload.
+  // A reader keeps us from writing, but is not harmed by the right payload.
   bool const writable = file->tryacquire_write(0, 0, 1) == 0;
   if (!writable && file->tryacquire_read(0, 0, 1) != 0)
     return false;

@@ -47,8 +47,8 @@ void closeToOthers(std::string const& path, int fd, struct stat& status)
   status.st_mode &= ~excess;
 }
 
-// Whether the directory may be used: who may write to it could give us files of
-// his own. One that cannot be examined is left to the opens that fail.
+// Whether the directory may be used: whoever may write to it could give us files
+// of his own. One that cannot be examined is left to the opens that fail.
 bool isUsable(std::string const& path, bool existed)
 {
   UniqueFd const directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));

@@ -6,6 +6,7 @@
 #include "discovery/DiscoveryRepository.h"
 #include "discovery/DiscoveryServant.h"
 #include "discovery/OpenWriters.h"
+#include "ozf/config/HostRole.h"
 #include "ozf/orb/Orb.h"
 #include "ozf/plugin/CurrentException.h"
 
@@ -96,7 +97,7 @@ void DiscoveryFramework::activate()
     m_served->reference = m_orb->activateObject(m_served->servant.in());
     getDiscoveryDBDatabase()->init(m_name);
     m_orb->setIdleTask([] { Remote::getOpenWriters().dropIdle(); });
-    m_orb->advertiseObject("DiscoveryService", m_served->reference);
+    m_orb->advertiseObject(DISCOVERY_SERVICE, m_served->reference);
     getDiscoveryRepository().loadExplorers();
   }
   catch (CORBA::Exception const& exception)

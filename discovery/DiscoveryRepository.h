@@ -159,7 +159,7 @@ public:
   };
 
   // Returns when there is no hold, or false after the limit, which is well below
-  // the time-out of who calls.
+  // the time-out of the caller.
   bool awaitAnnouncements(std::chrono::milliseconds limit = std::chrono::seconds(20));
 
   // Keeps the first parser of a name; adds a reference.

@@ -8,6 +8,7 @@
 #include "discovery/DiscoveryRepository.h"
 #include "discovery/PullExplorerCache.h"
 #include "discovery/RemoteDB.h"
+#include "ozf/config/HostRole.h"
 #include "ozf/orb/Corba.h"
 
 #include <vector>
@@ -109,7 +110,7 @@ DiscoveryIterator* DiscoveryRepository::queryRemoteDiscoveries(DiscoveryQuery qu
   try
   {
     Remote::DiscoveryService_var const service =
-        connectToRemoteDiscoveryService(master, "DiscoveryService");
+        connectToRemoteDiscoveryService(master, DISCOVERY_SERVICE);
     if (CORBA::is_nil(service))
     {
       OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to connect to discovery service");

@@ -7,6 +7,7 @@
 #include "discovery/RemoteDBDrain.h"
 #include "discovery/Researcher.h"
 #include "ozf/base/FreeMemory.h"
+#include "ozf/config/HostRole.h"
 #include "ozf/orb/Corba.h"
 #include "ozf/orb/Orb.h"
 #include "ozf/plugin/CurrentException.h"
@@ -108,7 +109,7 @@ int RefreshDiscoveryTask::ozfsvc()
       OzfHostname host;
       host.setHostname(client.str());
       Remote::DiscoveryService_var const service =
-          repository.connectToRemoteDiscoveryService(host, "DiscoveryService");
+          repository.connectToRemoteDiscoveryService(host, DISCOVERY_SERVICE);
       if (CORBA::is_nil(service))
       {
         OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,

@@ -4,6 +4,7 @@
 
 #include "discovery/DiscoveryLog.h"
 #include "discovery/ExplorerCall.h"
+#include "ozf/config/HostRole.h"
 #include "ozf/orb/Orb.h"
 #include "ozf/sync/AceReactor.h"
 
@@ -237,7 +238,7 @@ bool DiscoveryRepository::ExplorerRegisterTimer::announce(OzfHostname const& mas
           "Registering " << explorers->size() << " explorers with master server");
 
   Remote::DiscoveryService_var const service =
-      m_repository.connectToRemoteDiscoveryService(master, "DiscoveryService");
+      m_repository.connectToRemoteDiscoveryService(master, DISCOVERY_SERVICE);
   if (CORBA::is_nil(service))
   {
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,

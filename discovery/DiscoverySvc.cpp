@@ -2,6 +2,7 @@
 
 #include "discovery/DiscoveryLog.h"
 #include "ozf/config/ConfigurationProvider.h"
+#include "ozf/config/HostRole.h"
 #include "ozf/orb/Orb.h"
 #include "ozf/sync/AceReactor.h"
 
@@ -23,7 +24,7 @@ constexpr int REQUEST_TIMEOUT = 30; // seconds
 } // namespace
 
 DiscoverySvc::DiscoverySvc(bool arg)
-    : OrbService("DiscoveryService", DISCOVERY_ORIGINATOR, nullptr, arg, "Discovery Service", false,
+    : OrbService(DISCOVERY_SERVICE, DISCOVERY_ORIGINATOR, nullptr, arg, "Discovery Service", false,
                  EVICTOR_CAPACITY, nullptr)
 {
 }

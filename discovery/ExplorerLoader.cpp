@@ -159,6 +159,11 @@ void ExplorerLoader::loadDefaultLibrary(SymbolResolver& resolver, SymbolResolver
   }
 }
 
+std::size_t ExplorerLoader::interfacesKept() const
+{
+  return m_explorerInterfaces.size() + m_parserInterfaces.size() + m_filterDataInterfaces.size();
+}
+
 void ExplorerLoader::iteratePlugins(Kind kind)
 {
   getEngineSingleton<PluginDirector>(*m_context)->iteratePluginLibraries(*this, kind);

@@ -99,6 +99,9 @@ public:
 
   void loadExplorerFilterData();
 
+  // How many plug-in libraries had an entry so far, of all kinds. For tests.
+  std::size_t interfacesKept() const;
+
   // One plug-in library. Passes on what its entry throws.
   void libraryCallback(PluginDirector* director, std::string const& library,
                        unsigned long long kind) override;

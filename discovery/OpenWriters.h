@@ -65,7 +65,7 @@ private:
     PortableServer::ServantBase_var keeper;
     CORBA::Object_var reference;
     TimePoint lastPut;
-    std::uint64_t failed = 0; // the how manieth to fail
+    std::uint64_t failed = 0; // its number among those that failed
   };
   using Entries = std::list<Entry>;
 

@@ -3,6 +3,7 @@
 #include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryLoopGuard.h"
 #include "ozf/config/ConfigurationProvider.h"
+#include "ozf/config/HostRole.h"
 #include "ozf/orb/Orb.h"
 #include "ozf/plugin/EngineContext.h"
 
@@ -95,7 +96,7 @@ Remote::DiscoveryService_ptr connectToRemoteDS(OzfHostname const& host, Orb* orb
   try
   {
     CORBA::Object_var const object =
-        orb->resolveObject(host, serviceName, "DiscoveryService", ACE_Time_Value::zero);
+        orb->resolveObject(host, serviceName, DISCOVERY_SERVICE, ACE_Time_Value::zero);
     if (CORBA::is_nil(object))
     {
       OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,

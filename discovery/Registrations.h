@@ -64,7 +64,7 @@ private:
 };
 
 // The push explorers and the pull explorers of one repository. Snapshots may be
-// taken by any thread at any time; who adds holds the repository's lock, so that
+// taken by any thread at any time; whoever adds holds the repository's lock, so that
 // the look and the change are one step.
 class TQ_EXPORT Registrations
 {

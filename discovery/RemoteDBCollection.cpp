@@ -7,10 +7,11 @@
 #include "discovery/RemoteDBWire.h"
 #include "ozf/base/OzfHostname.h"
 #include "ozf/config/Configuration.h"
+#include "ozf/config/ConfigurationKeys.h"
+#include "ozf/config/HostRole.h"
 
 #include <algorithm>
 #include <cstring>
-#include <limits>
 #include <utility>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
@@ -20,8 +21,6 @@ namespace
 {
 
 constexpr char SOURCE[] = "RemoteDB";
-constexpr char SERVICE_NAME[] = "DiscoveryService";
-constexpr char PAGE_SIZE_KEY[] = "COLLECTION_PAGE_SIZE";
 constexpr unsigned long CHUNK_SIZE = 1024;
 
 LoopCounter& openWriteCounter()
@@ -62,9 +61,7 @@ void logTooSlow(Remote::Discovery const& record)
 void requestPageSize(Remote::CollectionDataIterator_ptr iterator)
 {
   long pageSize = 0;
-  if (getConfiguration()->getInteger(PAGE_SIZE_KEY, 0, 1, std::numeric_limits<CORBA::Long>::max(),
-                                     pageSize) &&
-      pageSize > 0)
+  if (getConfiguration()->getInteger(COLLECTION_PAGE_SIZE_KEY, pageSize) && pageSize > 0)
     iterator->pageSize(static_cast<CORBA::Long>(std::min(pageSize, MAX_PAGE_BYTES)));
 }
 
@@ -98,7 +95,7 @@ Remote::DiscoveryService_ptr RemoteCollectionData::connect() const
   getPeers().getMasterServerName(master);
   if (master.empty())
     return Remote::DiscoveryService::_nil();
-  return getPeers().connect(master, SERVICE_NAME);
+  return getPeers().connect(master, DISCOVERY_SERVICE);
 }
 
 bool RemoteCollectionData::openRead(char const* filter)

@@ -25,8 +25,8 @@ namespace
 
 constexpr char SOURCE[] = "Researcher";
 
-// Who reads one collection after the other takes the memory of the last for the
-// next, unless they are as large as this.
+// A caller that reads one collection after the other uses the memory of the last
+// for the next, unless they are as large as this.
 constexpr std::size_t LARGE_COLLECTION = 64UL * 1024 * 1024; // bytes
 
 struct OrbHolder

@@ -128,7 +128,7 @@ public:
   // failed or memory ran out; the log says why. Settled once there are no more discoveries.
   bool isIncomplete() const noexcept;
 
-  // For who wants to know what there is and needs no items: from now on
+  // For callers that want to know what there is and need no items: from now on
   // collections are read as ever, with the same end and the same lines, but their
   // items are dropped as they are complete, so that a collection of any size takes
   // the memory of one item.

@@ -1,5 +1,7 @@
 #include "explorers/VolumeFilterExplorer.h"
 
+#include "discovery/FilterDataName.h"
+
 #include "explorers/FilterDescriptions.h"
 #include "explorers/Payload.h"
 
@@ -10,7 +12,7 @@ DiscoveryStatus VolumeFilterExplorer::run(Authority const& authority, Subject co
                                           CollectionAttributes const& attributes,
                                           DiscoveryFactory const& factory)
 {
-  Authority const stored(authority.getName().str() + STORED_SUFFIX, AT_EXTSRC);
+  Authority const stored(authority.getName().str() + FILTER_DATA_SUFFIX, AT_EXTSRC);
   return store(factory, DQ_FILTER_DATA, subject, stored, attributes, filterDocument(volumeFacts()),
                "VolumeFilterExplorer::explore");
 }

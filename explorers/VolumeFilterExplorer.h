@@ -17,7 +17,6 @@ class VolumeFilterExplorer : public TimedExplorer
 {
 public:
   static constexpr PollingInterval INTERVAL = 86400;
-  static constexpr char STORED_SUFFIX[] = "-filter";
 
   VolumeFilterExplorer() : TimedExplorer(INTERVAL) {}
 

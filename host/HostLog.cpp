@@ -1,6 +1,7 @@
 #include "host/HostLog.h"
 
 #include "ozf/config/Configuration.h"
+#include "ozf/config/ConfigurationKeys.h"
 #include "ozf/log/Logger.h"
 
 #include <atomic>
@@ -54,11 +55,11 @@ void setUpLog(Options const& options, Configuration const& configuration)
     setDestination("stderr");
     return;
   }
-  long level = 1;
+  long level = LOG_LEVEL_KEY.byDefault;
   if (options.logLevel >= 0)
     level = options.logLevel;
   else
-    configuration.getInteger("LOG_LEVEL", 1, 0, 6, level);
+    configuration.getInteger(LOG_LEVEL_KEY, level);
   LoggerFactory::setLevel(static_cast<int>(level));
 
   std::string const* const file = configuration.find("LOG_FILE");

@@ -70,7 +70,7 @@ int failStart(std::string const& reason)
   return EXIT_START_FAILED;
 }
 
-// Who may write there decides what this service does.
+// Whoever may write there decides what this service does.
 void tellOfOtherWriters()
 {
   std::string const root = getProductRoot();

@@ -1,5 +1,6 @@
 #include "tools/Collections.h"
 
+#include "discovery/FilterDataName.h"
 #include "discovery/FilterParameters.h"
 #include "discovery/Researcher.h"
 #include "ozf/base/AsciiCase.h"
@@ -303,7 +304,7 @@ AutoDereference<OzfQuery> describe(Record const& record)
   std::vector<Record> records;
   std::vector<std::string> authorities{record.authority};
   if (record.onDemand())
-    authorities.push_back(record.authority + PULL_FILTER_SUFFIX);
+    authorities.push_back(record.authority + FILTER_DATA_SUFFIX);
   for (std::string const& authority : authorities)
   {
     selection.authority = authority;

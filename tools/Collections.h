@@ -66,13 +66,9 @@ bool readBytes(Record const& record, std::string const& query, std::string& byte
 
 // How the facts of an explorer are to be shown and what can be asked for: its
 // description, as far as it stored one under the record's names, or beside a
-// collection on demand under the authority's name with PULL_FILTER_SUFFIX.
+// collection on demand under the authority's name with FILTER_DATA_SUFFIX.
 // Without attributes when it stored none.
 Quillon::Tessarine::Ozf::AutoDereference<Quillon::Tessarine::Ozf::OzfQuery>
 describe(Record const& record);
-
-// Where explorers whose collections are made on demand store what can be asked
-// of them: under their own name the service would not give it out.
-inline constexpr char PULL_FILTER_SUFFIX[] = "-filter";
 
 } // namespace tqdiscoctl

@@ -2,6 +2,7 @@
 
 #include "discovery/Researcher.h"
 #include "ozf/config/Configuration.h"
+#include "ozf/config/ConfigurationKeys.h"
 #include "ozf/config/HostRole.h"
 #include "ozf/config/ProductRoot.h"
 #include "tools/ExitCodes.h"
@@ -25,7 +26,6 @@ using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
 namespace
 {
 
-constexpr char SERVICE[] = "DiscoveryService";
 constexpr char ADVICE[] =
     "Is tqdisco running there? \"systemctl status tqdisco\" and its log tell. "
     "Another host or port is named with --master HOST[:PORT].";
@@ -64,7 +64,7 @@ std::string resolve(std::string const& host, std::string& reason)
 std::string placeOf(std::string const& host)
 {
   std::string const name = host.find(':') == std::string::npos ? host : "[" + host + "]";
-  return shown(name) + ":" + std::to_string(getServicePort(SERVICE));
+  return shown(name) + ":" + std::to_string(getServicePort(DISCOVERY_SERVICE));
 }
 
 } // namespace
@@ -217,8 +217,8 @@ int Connection::chooseMaster()
     m_master = *server;
   }
   // The protocol's own pages hold eight bytes.
-  if (getConfiguration()->find("COLLECTION_PAGE_SIZE") == nullptr)
-    overrideConfiguration("COLLECTION_PAGE_SIZE", "65536");
+  if (getConfiguration()->find(COLLECTION_PAGE_SIZE_KEY.name) == nullptr)
+    overrideConfiguration(COLLECTION_PAGE_SIZE_KEY.name, "65536");
   m_place = placeOf(m_master);
   return EXIT_DONE;
 }
@@ -262,8 +262,8 @@ Remote::DiscoveryService_ptr Connection::connect(std::string const& host)
   {
     OzfHostname name;
     name.setHostname(host);
-    CORBA::Object_var const object =
-        m_orb->resolveObject(name, SERVICE, SERVICE, ACE_Time_Value(m_options.call()));
+    CORBA::Object_var const object = m_orb->resolveObject(
+        name, DISCOVERY_SERVICE, DISCOVERY_SERVICE, ACE_Time_Value(m_options.call()));
     Remote::DiscoveryService_var service = Remote::DiscoveryService::_narrow(object);
     if (!CORBA::is_nil(service))
       return service._retn();

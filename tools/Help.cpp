@@ -154,7 +154,7 @@ private:
     return chain;
   }
 
-  // Without the range that a check adds, which is told to who leaves it.
+  // Without the range that a check adds: whoever leaves it is told.
   static std::string valueName(std::string const& type)
   {
     std::size_t const range = type.find(" in [");

@@ -5,6 +5,7 @@
 #include "discovery/RemoteDB.h"
 #include "discovery/RemoteDBWire.h"
 #include "ozf/base/Wildcard.h"
+#include "ozf/config/HostRole.h"
 #include "tools/Connection.h"
 #include "tools/ExitCodes.h"
 #include "tools/Format.h"
@@ -26,7 +27,6 @@ namespace
 
 constexpr std::size_t MAX_REGISTRATION = 1 << 20;
 constexpr std::size_t MOST_LISTED = std::size_t(64) << 20;
-constexpr char SERVICE_NAME[] = "DiscoveryService";
 constexpr char NOT_QUERIED[] = "the service could not be queried; --verbose shows why";
 
 using RemoteIterator =
@@ -136,7 +136,7 @@ std::unique_ptr<RemoteIterator> queryMaster(DiscoveryQuery kind, AuthorityType t
   OzfHostname master;
   getDiscoveryRepository().getMasterServerName(master);
   Remote::DiscoveryService_var const service =
-      getDiscoveryRepository().connectToRemoteDiscoveryService(master, SERVICE_NAME);
+      getDiscoveryRepository().connectToRemoteDiscoveryService(master, DISCOVERY_SERVICE);
   if (CORBA::is_nil(service))
     return nullptr;
   Remote::DiscoveryIterator_var iterator =
@@ -308,7 +308,7 @@ Announcement masterAs(AuthorityType type)
 {
   OzfHostname master;
   getDiscoveryRepository().getMasterServerName(master);
-  return {master.exportNarrow(), SERVICE_NAME, type};
+  return {master.exportNarrow(), DISCOVERY_SERVICE, type};
 }
 
 bool isShadowed(Record const& record, std::vector<Record> const& records)

@@ -54,7 +54,7 @@ struct Record
     std::string service;
   };
   std::shared_ptr<Source const> source;
-  // As the service sent them: who asks for the collection sends them back.
+  // As the service sent them: a request for the collection sends them back.
   Quillon::Tessarine::Ozf::DiscoverySvc::DiscoveryQuery queryType{};
   Quillon::Tessarine::Ozf::DiscoverySvc::Remote::CollAttributes attributes{};
   // Stored with the master, which was told so by another host that has the

@@ -12,6 +12,7 @@
 #include "tools/Table.h"
 #include "tools/XmlText.h"
 
+#include "discovery/FilterDataName.h"
 #include "discovery/FilterDescription.h"
 
 #include <CLI/CLI.hpp>
@@ -223,7 +224,7 @@ int filters(ShowOptions const& options, Session const& session)
   AutoDereference<FilterDescription> description(
       new FilterDescription(options.selection.authority, options.selection.subject));
   if (description->attributes().empty())
-    description.reset(new FilterDescription(options.selection.authority + PULL_FILTER_SUFFIX,
+    description.reset(new FilterDescription(options.selection.authority + FILTER_DATA_SUFFIX,
                                             options.selection.subject));
   auto const& attributes = description->attributes();
   if (attributes.empty() && !connection.answers())

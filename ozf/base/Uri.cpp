@@ -75,14 +75,6 @@ std::string encodeShown(std::string_view text)
   }
 }
 
-// Whether a key reads as if it ended in a hash already.
-bool looksHashed(std::string_view key)
-{
-  constexpr std::string_view HEX = "0123456789abcdef";
-  return key.size() == KEPT_OF_LONG_KEY + 1 + 2 * DIGEST_BYTES && key[KEPT_OF_LONG_KEY] == '~' &&
-         key.find_first_not_of(HEX, KEPT_OF_LONG_KEY + 1) == std::string_view::npos;
-}
-
 std::string escapeForKey(std::string_view text)
 {
   // Most names are keys as they are.
@@ -105,7 +97,7 @@ std::string escapeForKey(std::string_view text)
 std::string encodeFileKey(std::string_view text, bool isPattern)
 {
   std::string key = escapeForKey(text);
-  if (key.size() <= LONGEST_KEY && !looksHashed(key))
+  if (key.size() <= LONGEST_KEY && !Uri::isCutKey(key))
     return key;
   if (auto const star = key.find('*'); isPattern && star != std::string::npos)
     return key.substr(0, std::min(star, KEPT_OF_LONG_KEY)) + '*';
@@ -214,6 +206,13 @@ Uri::Uri(std::string const& text)
     rest.remove_prefix(end);
   }
   m_path = rest;
+}
+
+bool Uri::isCutKey(std::string_view key)
+{
+  constexpr std::string_view HEX = "0123456789abcdef";
+  return key.size() == KEPT_OF_LONG_KEY + 1 + 2 * DIGEST_BYTES && key[KEPT_OF_LONG_KEY] == '~' &&
+         key.find_first_not_of(HEX, KEPT_OF_LONG_KEY + 1) == std::string_view::npos;
 }
 
 std::string Uri::percentEncode(std::string const& text, int component)

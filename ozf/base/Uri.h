@@ -7,6 +7,7 @@
 #include "ozf/base/OzfString.h"
 
 #include <string>
+#include <string_view>
 
 namespace Quillon::Tessarine::Ozf
 {
@@ -87,6 +88,10 @@ public:
   // Throws std::runtime_error when a hash is needed and the crypto library
   // has no SHA-256 to offer.
   static std::string percentEncode(std::string const& text, int component);
+
+  // Whether a key has the form of one that was cut and ends in a hash, and so
+  // says no more of its name than the beginning.
+  static bool isCutKey(std::string_view key);
 
 private:
   UriScheme m_scheme;

@@ -2,6 +2,7 @@
 
 #include "ozf/base/OzfString.h"
 #include "ozf/base/SystemError.h"
+#include "ozf/config/ConfigurationKeys.h"
 #include "ozf/config/ConfigurationValues.h"
 
 #include <cerrno>
@@ -206,6 +207,11 @@ bool Configuration::getInteger(std::string const& key, long defaultValue, long l
   auto const parsed = parseInteger(*text, low, high);
   value = parsed.value_or(value);
   return parsed.has_value();
+}
+
+bool Configuration::getInteger(IntegerKey const& key, long& value, std::string const& rest) const
+{
+  return getInteger(key.name + rest, key.byDefault, key.low, key.high, value);
 }
 
 } // namespace Quillon::Tessarine::Ozf

@@ -21,6 +21,8 @@
 namespace Quillon::Tessarine::Ozf
 {
 
+struct IntegerKey;
+
 // A mistake in a configuration: "etc/tq.conf:12: no '=' in this line". Line 0
 // means the file as a whole.
 struct OZF_EXPORT ConfigurationProblem
@@ -74,6 +76,10 @@ public:
   bool getInteger(std::string const& key, long defaultValue, long low, long high,
                   long& value) const;
 
+  // The same by the bounds and the default of one of the product's keys; rest is
+  // the second part of a key of two parts.
+  bool getInteger(IntegerKey const& key, long& value, std::string const& rest = {}) const;
+
   // A copy in which value is the only one of the key. check() does not judge
   // it: it stands in no line of the file.
   Configuration with(std::string const& key, std::string const& value) const;
@@ -104,7 +110,7 @@ private:
 // thread.
 OZF_EXPORT std::shared_ptr<Configuration const> getConfiguration();
 
-// Reads the file again and replaces what getConfiguration returns; who holds
+// Reads the file again and replaces what getConfiguration returns; whoever holds
 // the former configuration may go on using it. Returns whether the file was
 // readable.
 OZF_EXPORT bool reloadConfiguration();

@@ -3,12 +3,11 @@
 #include "ozf/config/Configuration.h"
 
 #include "ozf/base/OzfString.h"
+#include "ozf/config/ConfigurationKeys.h"
 #include "ozf/config/ConfigurationValues.h"
 #include "ozf/config/IpAddress.h"
 
 #include <algorithm>
-#include <cstdint>
-#include <limits>
 
 namespace Quillon::Tessarine::Ozf
 {
@@ -19,12 +18,6 @@ namespace
 constexpr std::size_t MAX_HOST_NAME = 255;
 
 bool isBoolean(std::string const& text) { return parseBoolean(text).has_value(); }
-
-template <long Low, long High>
-bool isInteger(std::string const& text)
-{
-  return parseInteger(text, Low, High).has_value();
-}
 
 bool isHostName(std::string const& text)
 {
@@ -47,28 +40,47 @@ enum class Occurs
 
 struct KeyRule
 {
+  constexpr KeyRule(std::string_view name, Occurs how, bool (*judge)(std::string const& value),
+                    std::string_view values)
+      : key(name), occurs(how), judges(judge), described(values)
+  {
+  }
+  constexpr KeyRule(IntegerKey const& number)
+      : key(number.name), occurs(Occurs::Once), integer(&number)
+  {
+  }
+
+  bool accepts(std::string const& value) const
+  {
+    return integer != nullptr ? parseInteger(value, integer->low, integer->high).has_value()
+                              : judges(value);
+  }
+  std::string accepted() const
+  {
+    return integer != nullptr ? acceptedBy(*integer) : std::string(described);
+  }
+
   std::string_view key; // one that ends in '.' is the first part of a key of two parts
   Occurs occurs;
-  bool (*accepts)(std::string const& value);
-  std::string_view accepted;
-};
 
-constexpr std::string_view HOST_ADDRESS = "HOST_ADDRESS.";
+private:
+  bool (*judges)(std::string const& value) = nullptr;
+  std::string_view described;
+  IntegerKey const* integer = nullptr; // then it says both
+};
 
 constexpr KeyRule RULES[] = {
     {"SERVER", Occurs::Once, isHostName, "a host name or an address"},
     {"CLIENT_NAME", Occurs::Once, isHostName, "a host name"},
     {"REPORT_CLIENT_DISCOVERIES", Occurs::Once, isBoolean,
      "true, yes, on, 1, false, no, off and 0"},
-    {"LOG_LEVEL", Occurs::Once, isInteger<0, 6>, "whole numbers from 0 to 6"},
+    {LOG_LEVEL_KEY},
     {"LOG_FILE", Occurs::Once, isLogFile, "an absolute path, stderr and syslog"},
-    {"ORB_PORT.", Occurs::Once, isInteger<1, 65535>, "whole numbers from 1 to 65535"},
+    {ORB_PORT_KEY},
     {"ORB_BIND", Occurs::AsList, isAddress, "one IPv4 or IPv6 address a line"},
-    {HOST_ADDRESS, Occurs::Once, isAddress, "an IPv4 or IPv6 address"},
-    {"COLLECTION_PAGE_SIZE", Occurs::Once, isInteger<1, std::numeric_limits<std::int32_t>::max()>,
-     "whole numbers from 1 to 2147483647"},
-    {"READ_LIMIT_SECONDS", Occurs::Once, isInteger<1, std::numeric_limits<std::int32_t>::max()>,
-     "whole numbers from 1 to 2147483647"},
+    {HOST_ADDRESS_KEY, Occurs::Once, isAddress, "an IPv4 or IPv6 address"},
+    {COLLECTION_PAGE_SIZE_KEY},
+    {READ_LIMIT_KEY},
 };
 
 KeyRule const* findRule(std::string_view key)
@@ -87,7 +99,7 @@ std::string knownKeys()
     text += text.empty() ? "" : ", ";
     text += rule.key;
     if (rule.key.ends_with('.'))
-      text += rule.key == HOST_ADDRESS ? "<host>" : "<service>";
+      text += rule.key == HOST_ADDRESS_KEY ? "<host>" : "<service>";
   }
   return text;
 }
@@ -107,7 +119,7 @@ std::string quoted(std::string const& text)
 // Keys that differ here only in the case of a host's name are one key.
 std::string sameKey(std::string const& key)
 {
-  if (!key.starts_with(HOST_ADDRESS))
+  if (!key.starts_with(HOST_ADDRESS_KEY))
     return key;
   std::string lower = key;
   std::transform(lower.begin(), lower.end(), lower.begin(), asciiLower);
@@ -147,8 +159,7 @@ std::vector<ConfigurationProblem> Configuration::check() const
     if (*use.key == rule->key && rule->key.ends_with('.'))
       add(*use.key + " lacks the name after the dot");
     if (!rule->accepts(*use.value))
-      add(quoted(*use.key) + " is " + quoted(*use.value) +
-          "; accepted: " + std::string(rule->accepted));
+      add(quoted(*use.key) + " is " + quoted(*use.value) + "; accepted: " + rule->accepted());
     auto const [first, isFirst] = firstLine.emplace(sameKey(*use.key), use.line);
     if (!isFirst && rule->occurs == Occurs::Once)
       add(quoted(*use.key) + " is given again, first in line " + std::to_string(first->second) +

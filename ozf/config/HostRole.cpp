@@ -4,6 +4,7 @@
 #include "ozf/base/SystemError.h"
 #include "ozf/base/AsciiCase.h"
 #include "ozf/config/Configuration.h"
+#include "ozf/config/ConfigurationKeys.h"
 #include "ozf/config/IpAddress.h"
 #include "ozf/log/FrameworkLogger.h"
 
@@ -22,10 +23,6 @@ namespace
 
 constexpr char SOURCE[] = "HostRole";
 
-constexpr char HOST_ADDRESS[] = "HOST_ADDRESS.";
-constexpr char DISCOVERY_SERVICE[] = "DiscoveryService";
-constexpr unsigned short DISCOVERY_PORT = 27511;
-
 std::string withoutFinalDot(std::string name)
 {
   if (name.size() > 1 && name.ends_with('.'))
@@ -36,8 +33,8 @@ std::string withoutFinalDot(std::string name)
 std::string const* staticAddress(Configuration const& configuration, std::string const& host)
 {
   std::string const name = withoutFinalDot(host);
-  std::string const* const address = configuration.findNamed(HOST_ADDRESS, name);
-  return address != nullptr ? address : configuration.findNamed(HOST_ADDRESS, name + '.');
+  std::string const* const address = configuration.findNamed(HOST_ADDRESS_KEY, name);
+  return address != nullptr ? address : configuration.findNamed(HOST_ADDRESS_KEY, name + '.');
 }
 
 bool isShortFormOf(std::string const& shortName, std::string const& longName)
@@ -174,12 +171,12 @@ std::string getHostAddress(std::string const& host)
 unsigned short getServicePort(std::string const& service)
 {
   auto const configuration = getConfiguration();
-  std::string const key = "ORB_PORT." + service;
+  std::string const key = ORB_PORT_KEY.name + service;
   long port = 0;
-  if (!configuration->getInteger(key, 0, 1, 65535, port))
+  if (!configuration->getInteger(ORB_PORT_KEY, port, service))
     OZF_LOG(getFrameworkLogger(), 1, SOURCE, "getServicePort",
             key << " is \"" << *configuration->find(key)
-                << "\"; accepted: whole numbers from 1 to 65535");
+                << "\"; accepted: " << acceptedBy(ORB_PORT_KEY));
   if (port != 0)
     return static_cast<unsigned short>(port);
   if (unsigned short const known = portOfServicesDatabase(service); known != 0)

@@ -9,6 +9,11 @@
 namespace Quillon::Tessarine::Ozf
 {
 
+// The name of the service that every host runs, under which it also publishes
+// its object, and the port that it listens on unless something else is said.
+inline constexpr char DISCOVERY_SERVICE[] = "DiscoveryService";
+inline constexpr unsigned short DISCOVERY_PORT = 27511;
+
 // 0 when this host is the master: its own name, or one of its addresses, is
 // that of SERVER. Non-zero otherwise, also when SERVER is not configured. May
 // ask the system's resolver and so block for its time-out.
@@ -39,7 +44,7 @@ OZF_EXPORT bool isOwnHostName(std::string const& host);
 OZF_EXPORT std::string getHostAddress(std::string const& host);
 
 // The port of a service: the value of ORB_PORT.<service>, else the system's
-// services database (TCP), else 27511 for "DiscoveryService", else 0. A value
+// services database (TCP), else DISCOVERY_PORT for DISCOVERY_SERVICE, else 0. A value
 // that is no port is reported at level 1 and passed over.
 OZF_EXPORT unsigned short getServicePort(std::string const& service);
 

@@ -201,8 +201,8 @@ CORBA::ORB_ptr startOrb(std::vector<std::string> const& endPoints, std::string c
       {"maxServerThreadPoolSize", "600"},
       {"maxServerThreadPerConnection", "1"},
       // Seconds until an idle connection is closed, counted in scans: up to one
-      // granularity less. Who calls lets go well before who serves, as a call
-      // that meets a connection just closed fails.
+      // granularity less. The caller lets go well before the server, as a call that
+      // meets a connection just closed fails.
       {"outConScanPeriod", "15"},
       {"inConScanPeriod", "30"},
       {"scanGranularity", "5"},

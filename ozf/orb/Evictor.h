@@ -7,6 +7,9 @@
 // removed, when the capacity is exceeded (the one idle longest goes first,
 // with a line at level 1), and at shut-down. A call on an object that was
 // dropped meets OBJECT_NOT_EXIST.
+//
+// The time-out comes with each servant, from whoever activates it; that of the
+// discovery service's iterators is ITERATOR_TIMEOUT.
 
 #pragma once
 

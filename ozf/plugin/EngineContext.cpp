@@ -150,7 +150,7 @@ void EngineContext::closeProcessEngine()
   }
   if (!engine)
     return;
-  // Who asks while it closes still meets this engine, not a new one.
+  // A thread that asks while it closes still meets this engine, not a new one.
   engine->close();
   std::lock_guard guard(process.mutex);
   if (process.engine == engine)

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <type_traits>
 #include <utility>
 
 namespace Quillon::Tessarine::Ozf
@@ -227,11 +228,14 @@ struct Query : pegtl::seq<Blank, pegtl::must<Disjunction>, Blank, pegtl::must<pe
 
 // ---- mistakes ----
 
-constexpr char EXPECTED_TERM[] = "expected a number, a name or \"(\"";
-constexpr char EXPECTED_OPERAND[] = "expected a comparison, \"not\" or \"(\"";
+template <class Rule, class... Others>
+constexpr bool IS_ONE_OF = (std::is_same_v<Rule, Others> || ...);
 
 template <class Rule>
-constexpr char const* EXPECTED = nullptr;
+constexpr char const* EXPECTED =
+    IS_ONE_OF<Rule, LeftSum, RightSum, Sum, Product, Factor> ? "expected a number, a name or \"(\""
+    : IS_ONE_OF<Rule, Disjunction, Conjunction, Operand> ? "expected a comparison, \"not\" or \"(\""
+                                                         : nullptr;
 template <>
 constexpr char const* EXPECTED<QuoteEnd<'"'>> = "expected the closing \"";
 template <>
@@ -243,23 +247,7 @@ constexpr char const* EXPECTED<Value> = "expected a value";
 template <>
 constexpr char const* EXPECTED<NumberComparator> = "expected one of + - * / = != < <= > >=";
 template <>
-constexpr char const* EXPECTED<LeftSum> = EXPECTED_TERM;
-template <>
-constexpr char const* EXPECTED<RightSum> = EXPECTED_TERM;
-template <>
-constexpr char const* EXPECTED<Sum> = EXPECTED_TERM;
-template <>
-constexpr char const* EXPECTED<Product> = EXPECTED_TERM;
-template <>
-constexpr char const* EXPECTED<Factor> = EXPECTED_TERM;
-template <>
 constexpr char const* EXPECTED<TermClose> = "expected one of + - * / or \")\"";
-template <>
-constexpr char const* EXPECTED<Disjunction> = EXPECTED_OPERAND;
-template <>
-constexpr char const* EXPECTED<Conjunction> = EXPECTED_OPERAND;
-template <>
-constexpr char const* EXPECTED<Operand> = EXPECTED_OPERAND;
 template <>
 constexpr char const* EXPECTED<Close> = "expected \"and\", \"or\" or \")\"";
 template <>
