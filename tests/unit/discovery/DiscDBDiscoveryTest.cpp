@@ -8,8 +8,11 @@
 #include "tests/support/LogCapture.h"
 #include "tests/support/OtherProcess.h"
 #include "tests/support/Records.h"
+#include "tests/unit/discovery/SystemCalls.h"
 
 #include <gtest/gtest.h>
+
+#include <algorithm>
 
 using namespace records;
 namespace fs = std::filesystem;
@@ -318,6 +321,28 @@ TEST_F(Stored, AFileTooLargeOrDeletedDoesNotLoad)
   fs::remove(m_path);
   EXPECT_FALSE(discovery->load());
   EXPECT_EQ(1, log.count(4, LOAD, "Was deleted: " + m_path)) << log.text();
+}
+
+// Between the look at its size and the read, which is then no reading of the
+// file: whoever rewrites it is not done, even where what is left is a document.
+TEST_F(Stored, AFileThatShrinksWhileItIsReadDoesNotLoad)
+{
+  DiscoveryPtr const discovery = loaded(FUTURE);
+  std::string const text = xmlOf(*discovery);
+  writeText(m_path, text + std::string(100, '\n'));
+  {
+    SystemCalls const calls(m_dir.path(),
+                            [&](std::string const& call)
+                            {
+                              if (call.starts_with("pread "))
+                                fs::resize_file(m_path, text.size());
+                              return 0;
+                            });
+    EXPECT_FALSE(discovery->load());
+    EXPECT_LE(1, std::count(calls.seen().begin(), calls.seen().end(), "pread 2 hostA hostB.xml"));
+  }
+  EXPECT_EQ(0, discovery->readError());
+  EXPECT_TRUE(discovery->load());
 }
 
 TEST_F(Stored, OpeningThePayloadLocksTheMetadataAgain)

@@ -3,9 +3,11 @@
 #include "ozf/log/Assertion.h"
 #include "ozf/orb/Corba.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <functional>
 #include <malloc.h>
 #include <stdexcept>
@@ -243,6 +245,24 @@ TEST_F(DiscDBMemTest, PersistStoresNothing)
   EXPECT_EQ(discovery->getQuery(), DQ_FILTER_DATA);
   EXPECT_EQ(discovery->persist(), DS_SUCCESS);
   EXPECT_TRUE(m_explorer->requests.empty());
+}
+
+TEST_F(DiscDBMemTest, PersistTouchesNoFile)
+{
+  TempDir root;
+  setenv("TESSARINE_ROOT", root.path().c_str(), 1);
+  TempDir work;
+  std::filesystem::current_path(work.path());
+  AutoDereference<Discovery> const discovery(
+      getDiscoveryMemDatbase()->newDiscovery(makeQuery(m_explorer.get()), DQ_DISCOVERY_DATA));
+  discovery->setSubject(new Subject("host"));
+  discovery->setAuthority(new Authority("volume", AT_TQUCLIENT));
+  ASSERT_EQ(DS_SUCCESS, discovery->open(OM_UPDATE, ""));
+  ASSERT_EQ(1, discovery->getCollectionData()->writeCollection(4, "data"));
+  EXPECT_EQ(DS_SUCCESS, discovery->persist());
+  EXPECT_TRUE(std::filesystem::is_empty(root.path()));
+  EXPECT_TRUE(std::filesystem::is_empty(work.path()));
+  std::filesystem::current_path("/");
 }
 
 TEST_F(DiscDBMemTest, KeepsOneReferenceToTheQuery)

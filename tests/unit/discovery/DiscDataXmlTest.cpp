@@ -203,6 +203,20 @@ TEST(MetadataReading, WhiteSpaceAroundAPriorityIsIgnored)
   EXPECT_TRUE(log.lines().empty()) << log.text();
 }
 
+TEST(MetadataReading, TheHighestPriorityIsOneAndWhatIsBeyondIsNone)
+{
+  LogCapture log;
+  readAttributes("<Priority>4294967295</Priority>");
+  EXPECT_TRUE(log.lines().empty()) << log.text();
+  readAttributes("<Priority>4294967296</Priority>");
+  EXPECT_EQ(1, log.count(1, END_ELEMENT, "Unable to convert priority 4294967296")) << log.text();
+
+  std::string highest = "<DiscoveryData><Priority>4294967295</Priority></DiscoveryData>";
+  EXPECT_EQ(4294967295U, storedPriority(highest));
+  std::string beyond = "<DiscoveryData><Priority>4294967296</Priority></DiscoveryData>";
+  EXPECT_EQ(std::nullopt, storedPriority(beyond));
+}
+
 TEST(MetadataReading, APriorityThatIsNoNumberIsLogged)
 {
   LogCapture log;
@@ -375,4 +389,8 @@ TEST(MetadataReading, ADescriptionWithoutItsContextOrItsObjectIsAProgrammingErro
   EXPECT_EQ(1, log.count(1, END_ELEMENT, "Assertion failed: ctxt->m_subInterface")) << log.text();
   EXPECT_THROW(record->xmlCharacters(&context, u"x", 1), AssertionFailure);
   EXPECT_EQ(1, log.count(1, "Discovery::xmlCharacters", "Assertion failed: ctxt->m_subInterface"));
+  tqtest::NoAttributes none;
+  EXPECT_THROW(record->xmlStartElement(&context, u"StatusMsg", none), AssertionFailure);
+  EXPECT_EQ(1,
+            log.count(1, "Discovery::xmlStartElement", "Assertion failed: ctxt->m_subInterface"));
 }

@@ -124,6 +124,32 @@ TEST(DiscoveryFrameworkTest, AServiceIsAdvertisedAndItsDatabaseIsReady)
   EXPECT_TRUE(CORBA::is_nil(Remote::DiscoveryService_var(host.connect())));
 }
 
+TEST(DiscoveryFrameworkTest, TheServiceCanBeCalledBeforeItsExplorersStart)
+{
+  struct Starting : FakePush
+  {
+    using FakePush::FakePush;
+    std::function<void()> onStart;
+    void startExploration(EngineContext const&, Authority const&, Subject const&,
+                          AutoDereference<OZFRefCounted>&, DiscoveryFactory*) override
+    {
+      onStart();
+    }
+  };
+  Service host;
+  AutoDereference<Starting> const explorer(new Starting("starting"));
+  int started = 0;
+  explorer->onStart = [&]
+  {
+    ++started;
+    EXPECT_FALSE(CORBA::is_nil(Remote::DiscoveryService_var(host.connect())));
+  };
+  getDiscoveryRepository().registerExplorer(new Subject("s"), explorer.get(), 1,
+                                            new Authority("a", AT_TQUCLIENT));
+  host.start();
+  EXPECT_EQ(1, started);
+}
+
 TEST(DiscoveryFrameworkTest, TwoInitsNeedTwoFinis)
 {
   Service host;

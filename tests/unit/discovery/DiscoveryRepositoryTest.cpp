@@ -87,6 +87,18 @@ TEST_F(DiscoveryRepositoryTest, PushRegistrationOfHigherPriorityReplaces)
   EXPECT_EQ(Names{"second"}, names(repository.getPushExplorers()));
 }
 
+TEST_F(DiscoveryRepositoryTest, APushRegistrationThatLosesIsDroppedSilently)
+{
+  TestRepository repository;
+  AutoDereference<FakePush> first(new FakePush("first"));
+  AutoDereference<FakePush> second(new FakePush("second"));
+  push(repository, first.get(), 5, "s", "a");
+  LogCapture log;
+  push(repository, second.get(), 5, "s", "a");
+  EXPECT_TRUE(log.lines().empty()) << log.text();
+  EXPECT_EQ(1, second->referenceCount()) << "the loser's wrapper must be gone";
+}
+
 TEST_F(DiscoveryRepositoryTest, PullRegistrationOfEqualPriorityReplaces)
 {
   TestRepository repository;
@@ -284,6 +296,23 @@ TEST_F(DiscoveryRepositoryTest, RegistrationWithoutSubjectOrExplorerFailsTheAsse
       AssertionFailure);
   EXPECT_NE(std::string::npos, log.text().find("NULL != explorer")) << log.text();
   delete subject;
+}
+
+TEST_F(DiscoveryRepositoryTest, APullRegistrationWithoutSubjectOrExplorerFailsTheAssertion)
+{
+  constexpr char OPERATION[] = "DiscoveryRepository::registerExplorer";
+  TestRepository repository;
+  LogCapture log;
+  AutoDereference<FakePull> explorer(new FakePull("x"));
+  EXPECT_THROW(repository.registerExplorer(nullptr, explorer.get(), 1, nullptr, true),
+               AssertionFailure);
+  EXPECT_EQ(1, log.count(1, OPERATION, "Assertion failed: NULL != subject")) << log.text();
+  std::unique_ptr<Subject const> const subject(new Subject("s")); // not taken over
+  EXPECT_THROW(repository.registerExplorer(subject.get(), static_cast<ExplorerPull*>(nullptr), 1,
+                                           nullptr, true),
+               AssertionFailure);
+  EXPECT_EQ(1, log.count(1, OPERATION, "Assertion failed: NULL != explorer")) << log.text();
+  EXPECT_TRUE(repository.getPullExplorers()->empty());
 }
 
 TEST_F(DiscoveryRepositoryTest, RegistrationWithoutAnAuthorityToBeHadFailsTheAssertion)
@@ -583,6 +612,30 @@ TEST_F(DiscoveryRepositoryTest, ShutdownTwiceOrFiniFirstFailTheAssertion)
   repository.shutdown();
   EXPECT_THROW(repository.shutdown(), AssertionFailure);
   EXPECT_TRUE(log.has(1, "DiscoveryRepository::shutdown", "Assertion failed: !m_shuttingDown"));
+}
+
+TEST_F(DiscoveryRepositoryTest, OnlyANewFrameworkMakesItUsableAgainAfterAShutdown)
+{
+  TestRepository repository;
+  auto const framework = []
+  {
+    return AutoDereference<DiscoveryFramework>(
+        new DiscoveryFramework("", DST_NONE, nullptr, false));
+  };
+  auto const first = framework();
+  repository.setDiscoveryFramework(first.get());
+  EXPECT_FALSE(repository.isShuttingDown());
+  repository.shutdown();
+  repository.setDiscoveryFramework(first.get());
+  EXPECT_TRUE(repository.isShuttingDown()) << "by the framework that it had";
+  repository.setDiscoveryFramework(nullptr);
+  EXPECT_TRUE(repository.isShuttingDown()) << "by none";
+  auto const second = framework();
+  repository.setDiscoveryFramework(second.get());
+  EXPECT_FALSE(repository.isShuttingDown());
+  repository.shutdown();
+  EXPECT_TRUE(repository.isShuttingDown());
+  repository.setDiscoveryFramework(nullptr);
 }
 
 TEST_F(DiscoveryRepositoryTest, AMissingMasterNameIsLoggedOnceACallUnderItsOldTag)

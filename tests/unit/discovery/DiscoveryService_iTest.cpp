@@ -8,6 +8,7 @@
 #include "tests/support/FakeExplorers.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Service.h"
+#include "tests/unit/discovery/SystemCalls.h"
 
 #include <gtest/gtest.h>
 
@@ -157,6 +158,37 @@ TEST_F(DiscoveryService_iTest, AnEmptyOrOverlongNameNamesNoSingleDiscovery)
   EXPECT_EQ(svc::DS_LOGIC_ERROR, get("", "a"));
   EXPECT_EQ(svc::DS_LOGIC_ERROR, get("s", ""));
   EXPECT_EQ(svc::DS_LOGIC_ERROR, get(std::string(svc::MAX_WIRE_NAME + 1, 'x').c_str(), "a"));
+}
+
+// Neither is a file looked at nor an explorer asked.
+TEST_F(DiscoveryService_iTest, ANameThatIsRefusedTouchesNoStore)
+{
+  ASSERT_EQ(svc::DS_SUCCESS, Service::store("s", "a"));
+  CallList asked;
+  AutoDereference<FakePull> const explorer(new FakePull("pull", &asked));
+  svc::getDiscoveryRepository().registerExplorer(new svc::Subject("p"), explorer.get(), 1,
+                                                 new svc::Authority("a", svc::AT_TQUCLIENT), true);
+  auto* const servant = new Remote::DiscoveryService_i;
+  PortableServer::ServantBase_var const owner(servant);
+  SystemCalls const calls(host.database());
+  std::string const longName(svc::MAX_WIRE_NAME + 1, 'x');
+  for (std::string const& subject : {std::string("*"), std::string(), std::string("s*"), longName})
+  {
+    EXPECT_EQ(svc::DS_LOGIC_ERROR, servant->getCollectionData(Service::record(subject.c_str(), "a"),
+                                                              "", iterator.out()));
+    Remote::RemoteWriter_var writer;
+    if (subject.empty() || subject == longName)
+    {
+      EXPECT_EQ(
+          svc::DS_OPEN_FAILED,
+          servant->putCollection(Service::record(subject.c_str(), "a"), writer.out()).discStatus);
+    }
+  }
+  EXPECT_EQ(std::vector<std::string>(), calls.seen());
+  EXPECT_TRUE(asked.names().empty());
+  EXPECT_EQ(svc::DS_SUCCESS,
+            servant->getCollectionData(Service::record("s", "a"), "", iterator.out()));
+  EXPECT_FALSE(calls.seen().empty());
 }
 
 TEST_F(DiscoveryService_iTest, NoDiscoveryIsNoneFound)

@@ -4,13 +4,12 @@
 
 #include "tests/support/LogCapture.h"
 #include "tests/support/Service.h"
+#include "tests/support/Writers.h"
 
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <deque>
 #include <malloc.h>
-#include <sys/resource.h>
 
 using namespace tqtest;
 using namespace Quillon::Tessarine::Ozf;
@@ -18,36 +17,6 @@ namespace Remote = Quillon::Tessarine::Ozf::DiscoverySvc::Remote;
 
 namespace
 {
-
-Remote::CollectionDataSeq bytes(std::size_t count)
-{
-  Remote::CollectionDataSeq data;
-  data.length(static_cast<CORBA::ULong>(count));
-  std::fill_n(data.get_buffer(), count, 'x');
-  return data;
-}
-
-// Files of this process stay this small for a scope, as on a disk that is full.
-class SmallFiles
-{
-public:
-  explicit SmallFiles(rlim_t most)
-  {
-    m_action = std::signal(SIGXFSZ, SIG_IGN);
-    EXPECT_EQ(0, getrlimit(RLIMIT_FSIZE, &m_before));
-    rlimit const limit{most, m_before.rlim_max};
-    EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
-  }
-  ~SmallFiles()
-  {
-    EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &m_before));
-    std::signal(SIGXFSZ, m_action);
-  }
-
-private:
-  rlimit m_before{};
-  void (*m_action)(int);
-};
 
 struct DiscoveryService_iWriterTest : testing::Test
 {
@@ -70,14 +39,6 @@ struct DiscoveryService_iWriterTest : testing::Test
     EXPECT_EQ(svc::DS_SUCCESS, opened.discStatus) << subject << '\n' << log.text();
     return writer._retn();
   }
-
-  std::size_t temporaryFiles()
-  {
-    std::size_t count = 0;
-    for (auto const& entry : std::filesystem::directory_iterator(host.database()))
-      count += entry.path().extension() == ".updating" ? 1 : 0;
-    return count;
-  }
 };
 
 } // namespace
@@ -94,7 +55,7 @@ TEST_F(DiscoveryService_iWriterTest, RefusedWritesThatAreNeverClosedUseNothingUp
       ASSERT_TRUE(writer->put(bytes(600)));
       ASSERT_FALSE(writer->put(bytes(600)));
     }
-    EXPECT_EQ(0U, temporaryFiles());
+    EXPECT_EQ(0U, temporaryFilesIn(host.database()));
   }
   Remote::RemoteWriter_var const writer = open("late");
   ASSERT_FALSE(CORBA::is_nil(writer.in()));
@@ -110,7 +71,7 @@ TEST_F(DiscoveryService_iWriterTest, AfterARefusedWriteTheWriterRefusesAllAndClo
     SmallFiles const full(1000);
     EXPECT_FALSE(writer->put(bytes(1200)));
   }
-  EXPECT_EQ(0U, temporaryFiles());
+  EXPECT_EQ(0U, temporaryFilesIn(host.database()));
   EXPECT_FALSE(writer->put(bytes(1))) << "there is room again, but a part is missing";
   EXPECT_EQ(svc::DS_OPEN_FAILED, writer->close().discStatus);
   EXPECT_EQ(1, log.count(1, "RemoteWriter_i::close",
@@ -135,7 +96,7 @@ TEST_F(DiscoveryService_iWriterTest, APayloadBeyondTheBoundIsRefused)
   EXPECT_EQ(1, log.count(1, "RemoteWriter_i::put",
                          "Refused a payload of more than 1000 bytes, subject s & authority a"))
       << log.text();
-  EXPECT_EQ(0U, temporaryFiles());
+  EXPECT_EQ(0U, temporaryFilesIn(host.database()));
   EXPECT_EQ(svc::DS_OPEN_FAILED, writer.close().discStatus);
   EXPECT_FALSE(std::filesystem::exists(host.database() + "/2 a s.xml"));
 }

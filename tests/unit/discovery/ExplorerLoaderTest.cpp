@@ -186,6 +186,16 @@ TEST_F(ExplorerLoaderTest, LibraryWithoutEntriesIsReportedForEachKind)
       m_log.has(4, CALLBACK, "Did not find the filter data interface on plugin tqplugin-barren"));
 }
 
+TEST_F(ExplorerLoaderTest, OnlyTheInterfacesThatWereFoundAreKept)
+{
+  installPlugin("barren", "barren");
+  installPlugin("explorers", "one");
+  loader().loadExplorerParsers(nullptr);
+  EXPECT_EQ(0U, loader().interfacesKept());
+  loader().loadExplorers();
+  EXPECT_EQ(1U, loader().interfacesKept());
+}
+
 TEST_F(ExplorerLoaderTest, EntryThatThrowsDoesNotKeepTheNextPluginOut)
 {
   installPlugin("throwing", "aa");

@@ -2,11 +2,9 @@
 
 #include "tests/support/LogCapture.h"
 #include "tests/support/Service.h"
+#include "tests/support/Writers.h"
 
 #include <gtest/gtest.h>
-
-#include <csignal>
-#include <sys/resource.h>
 
 using namespace tqtest;
 using namespace Quillon::Tessarine::Ozf;
@@ -45,12 +43,9 @@ struct OpenWritersTest : testing::Test
   // Whether the put said yes; "gone" when there is no such writer.
   static std::string put(Remote::RemoteWriter_ptr writer, std::size_t count)
   {
-    Remote::CollectionDataSeq data;
-    data.length(static_cast<CORBA::ULong>(count));
-    std::fill_n(data.get_buffer(), count, 'x');
     try
     {
-      return writer->put(data) ? "yes" : "no";
+      return writer->put(bytes(count)) ? "yes" : "no";
     }
     catch (CORBA::OBJECT_NOT_EXIST const&)
     {
@@ -61,24 +56,10 @@ struct OpenWritersTest : testing::Test
   // Opens one and has a put of it fail, as on a disk that is full.
   Remote::RemoteWriter_ptr openAndFail(std::string const& subject)
   {
-    rlimit before{};
-    EXPECT_EQ(0, getrlimit(RLIMIT_FSIZE, &before));
-    auto* const action = std::signal(SIGXFSZ, SIG_IGN);
-    rlimit const small{1000, before.rlim_max};
-    EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &small));
+    SmallFiles const full(1000);
     Remote::RemoteWriter_var writer = open(subject);
     EXPECT_EQ("no", put(writer.in(), 2000));
-    EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &before));
-    std::signal(SIGXFSZ, action);
     return writer._retn();
-  }
-
-  std::size_t temporaryFiles()
-  {
-    std::size_t count = 0;
-    for (auto const& entry : std::filesystem::directory_iterator(host.database()))
-      count += entry.path().extension() == ".updating" ? 1 : 0;
-    return count;
   }
 };
 
@@ -110,12 +91,12 @@ TEST_F(OpenWritersTest, OneGoesWhenNothingWasPutForTenMinutes)
   advance(OpenWriters::MOST_IDLE - std::chrono::seconds(1));
   Remote::getOpenWriters().dropIdle();
   EXPECT_EQ("yes", put(busy.in(), 10));
-  EXPECT_EQ(2U, temporaryFiles());
+  EXPECT_EQ(2U, temporaryFilesIn(host.database()));
   advance(std::chrono::seconds(1));
   Remote::getOpenWriters().dropIdle();
   EXPECT_EQ("gone", put(resting.in(), 1));
   EXPECT_THROW(resting->close(), CORBA::OBJECT_NOT_EXIST);
-  EXPECT_EQ(1U, temporaryFiles());
+  EXPECT_EQ(1U, temporaryFilesIn(host.database()));
   EXPECT_EQ(1, log.count(1, "OpenWriters::dropIdle",
                          "Dropped a writer of this service: nothing was put for 10 minutes, "
                          "subject resting & authority a"))
@@ -130,7 +111,7 @@ TEST_F(OpenWritersTest, TheServiceLooksForIdleOnesByItself)
   Remote::RemoteWriter_var const resting = open("resting");
   advance(OpenWriters::MOST_IDLE);
   EXPECT_TRUE(eventually([] { return Remote::getOpenWriters().size() == 0; }));
-  EXPECT_TRUE(eventually([this] { return temporaryFiles() == 0; }));
+  EXPECT_TRUE(eventually([this] { return temporaryFilesIn(host.database()) == 0; }));
 }
 
 TEST_F(OpenWritersTest, OneTooManyIsRefusedWithOneLineAndAPlaceIsGivenBack)
@@ -150,7 +131,7 @@ TEST_F(OpenWritersTest, OneTooManyIsRefusedWithOneLineAndAPlaceIsGivenBack)
                          "Refused a discovery of this service: 256 writers are open already"))
       << log.text();
   EXPECT_LT(log.text().size(), before + 500);
-  EXPECT_EQ(OpenWriters::MOST, temporaryFiles());
+  EXPECT_EQ(OpenWriters::MOST, temporaryFilesIn(host.database()));
 
   ASSERT_EQ(svc::DS_SUCCESS, writers.back()->close().discStatus);
   Remote::RemoteWriter_var const late = open("late");
@@ -172,5 +153,5 @@ TEST_F(OpenWritersTest, TheEndOfTheServiceLetsAllGo)
   ASSERT_EQ("yes", put(writer.in(), 1));
   host.stop();
   EXPECT_EQ(0U, Remote::getOpenWriters().size());
-  EXPECT_EQ(0U, temporaryFiles());
+  EXPECT_EQ(0U, temporaryFilesIn(host.database()));
 }

@@ -1,5 +1,6 @@
 // What callers learn when there is no memory to read XML with.
 
+#include "discovery/PullExplorerCache.h"
 #include "discovery/Researcher.h"
 #include "discovery/XMLHelper.h"
 #include "tests/support/FailingXmlMemory.h"
@@ -40,6 +41,19 @@ TEST(OutOfMemoryTest, aPriorityThatCannotBeReadIsNoMissingPriority)
   withoutXmlMemory(memory, [&] { EXPECT_THROW(XMLHelper::parse(text, priority), std::bad_alloc); });
   EXPECT_EQ(0, XMLHelper::parse(text, priority));
   EXPECT_EQ(50U, priority);
+}
+
+TEST(OutOfMemoryTest, aRegistrationThatCannotBeReadIsNoneWithoutValues)
+{
+  FailingXmlMemory& memory = FailingXmlMemory::install();
+  std::string const text = pullRegistrationText({"far", "DiscoveryService", 5, AT_TQUCLIENT});
+  withoutXmlMemory(memory, [&] { EXPECT_THROW(readPullRegistration(text), std::bad_alloc); });
+  auto const registration = readPullRegistration(text);
+  ASSERT_TRUE(registration);
+  EXPECT_EQ("far", registration->sourceHost);
+  EXPECT_EQ("DiscoveryService", registration->serviceName);
+  EXPECT_EQ(5U, registration->priority);
+  EXPECT_EQ(AT_TQUCLIENT, registration->originType);
 }
 
 TEST(OutOfMemoryTest, aCollectionThatCannotBeReadIsNotOneWithoutItems)

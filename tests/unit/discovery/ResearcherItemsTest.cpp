@@ -14,6 +14,7 @@
 #include <functional>
 #include <set>
 #include <sstream>
+#include <xercesc/sax/SAXException.hpp>
 
 using namespace tqtest;
 
@@ -453,6 +454,32 @@ TEST_F(ResearcherItemsTest, WhateverAParserThrowsInWhicheverCallFailsTheParseAnd
       << log.text();
   parser->enter = [](std::string const&) { throw 5; };
   EXPECT_FALSE(itemsOf(document).parsed);
+}
+
+TEST_F(ResearcherItemsTest, NoTypeOfExceptionOfAParserPasses)
+{
+  auto const parser = registered("mine");
+  std::string const document = items("<DISCOVERED Name=\"a\"/><DISCOVERED><ExplorerData "
+                                     "Name=\"mine\"><x>text</x></ExplorerData></DISCOVERED>");
+  struct OfItsOwn
+  {
+  };
+  std::vector<std::function<void()>> const throwing = {
+      [] { throw std::logic_error("logic"); },
+      [] { throw std::exception(); },
+      [] { throw "a text"; },
+      [] { throw OfItsOwn(); },
+      [] { throw xercesc::SAXException("sax"); },
+  };
+  for (auto const& fail : throwing)
+  {
+    parser->enter = [&](std::string const&) { fail(); };
+    auto const read = itemsOf(document);
+    EXPECT_FALSE(read.parsed);
+    EXPECT_EQ("a;", itemNames(read));
+  }
+  parser->enter = [](std::string const&) {};
+  EXPECT_TRUE(itemsOf(document).parsed);
 }
 
 TEST_F(ResearcherItemsTest, DataThatThrowsWhenItIsWrittenMarksTheStream)

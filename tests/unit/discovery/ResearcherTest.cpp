@@ -201,6 +201,25 @@ TEST_F(ItemListTest, ACopyHasTheRecordsTheItemsAndThePlace)
   EXPECT_EQ(1, copy->referenceCount());
 }
 
+TEST_F(ItemListTest, ACopyHasTheAttributesAndKnowsThatTheReadingFailed)
+{
+  add("a");
+  CollectionAttributes const attributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY, OzfObjTime(100),
+                                        OzfObjTime(60), 7);
+  ItemIterator copy;
+  {
+    ItemIterator const iterator(
+        new CollectionItemIterator(authority, subject, &attributes, list, false));
+    copy.reset(new CollectionItemIterator(*iterator));
+    ASSERT_NE(nullptr, copy->getAttributes());
+    EXPECT_NE(iterator->getAttributes(), copy->getAttributes()) << "its own";
+  }
+  EXPECT_FALSE(copy->isParsed());
+  EXPECT_EQ(7U, copy->getAttributes()->getPriority());
+  EXPECT_EQ(100, copy->getAttributes()->getDiscoveryTime().seconds());
+  EXPECT_EQ("a;", namesOf(copy));
+}
+
 // ---- reading one collection ----
 
 TEST_F(ResearcherTest, ADiscoveryWithoutCollectionGivesAnUnparsedIterator)
