@@ -6,19 +6,23 @@ TEST_JOBS ?= $(shell expr 2 '*' $(JOBS))
 FUZZ_SECONDS ?= 60
 # Of hostile messages in torture.
 TORTURE_MINUTES ?= 5
+# For clang-tidy, beside the tests.
+TIDY_SECONDS ?= 120
 
-.PHONY: run fleet test test-asan test-tsan fuzz torture bench lint install deps help
-.PHONY: build-check build-asan build-fuzz run-check run-asan run-fuzz
+.PHONY: run fleet test check test-asan test-tsan fuzz torture bench lint install deps help
+.PHONY: build-check build-asan build-fuzz run-check run-asan run-fuzz quick-check quick-dev tidy mutants
 
 help:
 	@echo "make run    build, start a master on this machine and show what it finds"
 	@echo "make fleet  the same with a fleet of five hosts, to play with"
 	@echo "            both: PORT=... for another port than 27511"
 	@echo "make test   build and run every test, plain, under the sanitizers, and by fuzzing"
+	@echo "make check  what is to be done between two commits: format, house and unit tests"
 	@echo "make bench  build and run the benchmarks, print the table"
 	@echo "make test-tsan  run the threaded tests under ThreadSanitizer"
 	@echo "make fuzz FUZZ_SECONDS=...   feed the parsers made-up inputs, 60 seconds each"
 	@echo "make torture  fail system calls, kill, cut the power, send hostile messages: half an hour"
+	@echo "make mutants  change the sources at random places and look which tests notice: hours"
 	@echo "make lint   check the sources with clang-tidy and cppcheck"
 	@echo "make install DESTDIR=...   install a release build"
 
@@ -38,10 +42,36 @@ fleet: deps
 
 # The tests wait most of the time; what comes next is built meanwhile, with what
 # they leave of the processors.
-test: build-check
-	$(MAKE) --jobs=2 run-check build-asan BESIDE='nice -n 19'
+test: quick-check
+	$(MAKE) build-check
+	$(MAKE) --jobs=3 run-check tidy build-asan BESIDE='nice -n 19'
 	$(MAKE) --jobs=2 run-asan build-fuzz BESIDE='nice -n 19'
 	$(MAKE) run-fuzz
+
+# What fails within two minutes when it is wrong: how the sources are written and
+# whether the house keeps its order.
+quick-check quick-dev: quick-%: deps
+	packaging/check-format.sh
+	cmake --preset $*
+	cmake --build --preset $* --parallel $(JOBS) --target unit_house
+	build/$*/bin/unit_house --gtest_brief=1
+
+# Builds with what developers build with, which compiles the least after a change.
+check: quick-dev
+	cmake --build --preset dev --parallel $(JOBS) --target unit_tests
+	ctest --preset dev -L '^unit_' --parallel $(TEST_JOBS)
+
+tidy:
+	$(BESIDE) packaging/tidy-changed.sh build/check $(TIDY_SECONDS) $(JOBS)
+
+# Which of 100 changes at random places of the library, and 50 of the framework,
+# no test notices; tests/mutation/mutate.py has more.
+MUTANTS ?= /var/tmp/mutants
+MUTANT_SEED ?= 1
+mutants: deps
+	tests/mutation/mutate.py run discovery --seed $(MUTANT_SEED) --count 100 --work $(MUTANTS)
+	tests/mutation/mutate.py run ozf --seed $(MUTANT_SEED) --count 50 --work $(MUTANTS)
+	tests/mutation/mutate.py report --work $(MUTANTS)
 
 test-asan: build-asan
 	$(MAKE) run-asan
