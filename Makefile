@@ -6,8 +6,6 @@ TEST_JOBS ?= $(shell expr 2 '*' $(JOBS))
 FUZZ_SECONDS ?= 60
 # Of hostile messages in torture.
 TORTURE_MINUTES ?= 5
-# For clang-tidy, beside the tests.
-TIDY_SECONDS ?= 120
 
 .PHONY: run fleet test check test-asan test-tsan fuzz torture bench lint install deps help
 .PHONY: build-check build-asan build-fuzz run-check run-asan run-fuzz quick-check quick-dev tidy mutants
@@ -61,8 +59,9 @@ check: quick-dev
 	cmake --build --preset dev --parallel $(JOBS) --target unit_tests
 	ctest --preset dev -L '^unit_' --parallel $(TEST_JOBS)
 
+# Beside the tests, so it needs what they were built from.
 tidy:
-	$(BESIDE) packaging/tidy-changed.sh build/check $(TIDY_SECONDS) $(JOBS)
+	$(BESIDE) packaging/tidy.sh build/check $(JOBS)
 
 # Which of 100 changes at random places of the library, and 50 of the framework,
 # no test notices; tests/mutation/mutate.py has more.

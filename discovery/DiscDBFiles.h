@@ -15,7 +15,7 @@ namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
 
 // A metadata document has some 500 bytes; what is larger than this is none.
-inline constexpr off_t LARGEST_METADATA = 1024 * 1024;
+inline constexpr off_t LARGEST_METADATA = off_t(1) << 20;
 
 // Why an open file is not taken for one of the database; empty when it is: a
 // regular file with no other name, of root or of that user. Links, and files of

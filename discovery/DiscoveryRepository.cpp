@@ -322,6 +322,8 @@ DiscoveryRepository::getRegisteredExplorerParser(OzfString const& name)
 
 // ---- starting and stopping ----
 
+// A set of its own: what an explorer registers when it is started does not change it.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 void DiscoveryRepository::startExplorers(ExplorerSet explorers, EngineContext const& context)
 {
   for (auto const& entry : explorers)

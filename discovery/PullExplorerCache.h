@@ -33,15 +33,16 @@ TQ_EXPORT std::optional<PullRegistration> readPullRegistration(std::string const
 
 // Writes the registration as a discovery that the factory makes, whose store is
 // the database. Failures are logged.
-void storePullRegistration(DiscoveryFactory const& factory, RemoteExplorerPull const& explorer,
-                           unsigned priority, std::string const& subject,
-                           std::string const& authority);
+TQ_EXPORT void storePullRegistration(DiscoveryFactory const& factory,
+                                     RemoteExplorerPull const& explorer, unsigned priority,
+                                     std::string const& subject, std::string const& authority);
 
 // Walks over the records and hands each registration over, with the record it
 // stands in. Records that cannot be read are passed over, and so, with a line,
 // is one that names this host. A line tells when records are missing.
 using RestoreRegistration = std::function<void(RemoteExplorerPull const& explorer,
                                                unsigned priority, Discovery const& record)>;
-void restorePullRegistrations(DiscoveryIterator& records, RestoreRegistration const& restore);
+TQ_EXPORT void restorePullRegistrations(DiscoveryIterator& records,
+                                        RestoreRegistration const& restore);
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

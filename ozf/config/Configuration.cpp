@@ -15,7 +15,7 @@ namespace Quillon::Tessarine::Ozf
 namespace
 {
 
-constexpr std::size_t MAX_FILE_SIZE = 16 * 1024 * 1024;
+constexpr std::size_t MAX_FILE_SIZE = 16UL * 1024 * 1024;
 
 constexpr std::string_view WHITE_SPACE = " \t";
 

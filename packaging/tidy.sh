@@ -1,0 +1,28 @@
+#!/bin/sh
+# Checks with clang-tidy what is not committed yet, and the rooms that everything
+# stands on. All sources take longer than the tests: "make lint" checks them.
+# Usage: tidy.sh <build directory> <jobs>
+set -eu
+build=$1
+jobs=$2
+failed=$(mktemp)
+trap 'rm -f "$failed"' EXIT
+
+# One name a line; headers stand for their sources.
+sources=$( {
+  if git rev-parse --git-dir >/dev/null 2>&1; then
+    git diff --name-only HEAD
+    git ls-files --others --exclude-standard
+  fi | grep -E '^(ozf|discovery|explorers|host|tools)/.*\.(h|cpp)$' | sed 's/\.h$/.cpp/' || true
+  find ozf/base ozf/config ozf/log ozf/sync -name '*.cpp'
+} | sort -u | while read -r source; do [ ! -f "$source" ] || echo "$source"; done)
+
+export build failed
+# shellcheck disable=SC2016
+echo "$sources" | xargs -P "$jobs" -n 1 sh -c '
+  report=$(clang-tidy-14 --quiet -p "$build" "$1" 2>/dev/null) && exit 0
+  echo "$report" >&2
+  echo "$1" >>"$failed"
+' tidy
+echo "clang-tidy: looked at $(echo "$sources" | wc -l) sources"
+[ ! -s "$failed" ] || { echo "clang-tidy objects to: $(tr '\n' ' ' <"$failed")" >&2; exit 1; }
