@@ -37,7 +37,7 @@ std::shared_ptr<Configuration const> readLocked(Shared& state)
   Configuration read = Configuration::read(getConfigurationPath());
   for (auto const& [key, value] : state.overrides)
     read = read.with(key, value);
-  auto const configuration = std::make_shared<Configuration const>(std::move(read));
+  auto configuration = std::make_shared<Configuration const>(std::move(read));
   std::string const* const name = configuration->find("CLIENT_NAME");
   OzfHostname::overrideLocal(name == nullptr ? std::string() : *name);
   state.configuration = configuration;
@@ -62,7 +62,7 @@ std::shared_ptr<Configuration const> getConfiguration()
   std::unique_lock guard(state.mutex);
   if (state.configuration)
     return state.configuration;
-  auto const configuration = readLocked(state);
+  auto configuration = readLocked(state);
   guard.unlock();
   logProblems(*configuration);
   return configuration;
@@ -72,7 +72,7 @@ bool reloadConfiguration()
 {
   Shared& state = shared();
   std::unique_lock guard(state.mutex);
-  auto const configuration = readLocked(state);
+  auto configuration = readLocked(state);
   guard.unlock();
   logProblems(*configuration);
   return configuration->readable();

@@ -25,7 +25,7 @@ namespace Quillon::Tessarine::Ozf
 namespace
 {
 
-constexpr std::size_t FILE_SIZE = 10 * 1024 * 1024;
+constexpr std::size_t FILE_SIZE = 10UL * 1024 * 1024;
 constexpr std::size_t OLD_FILES = 5;
 
 constexpr std::chrono::seconds REPORT_PERIOD{60};

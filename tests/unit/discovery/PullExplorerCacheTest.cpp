@@ -87,18 +87,6 @@ TEST_F(PullExplorerCacheTest, RecordsThatCannotBeReadArePassedOver)
   EXPECT_EQ(std::string::npos, log.text().find(RESTORE_CACHE)) << log.text();
 }
 
-TEST_F(PullExplorerCacheTest, ARegistrationThatNamesThisHostIsPassedOverInWhateverCase)
-{
-  EXPECT_EQ((Restored{"far 7 s2"}),
-            restored({pullRegistrationText({"HERE", "DiscoveryService", 7, AT_TQUCLIENT}),
-                      pullRegistrationText({"far", "DiscoveryService", 7, AT_TQUCLIENT})}));
-  EXPECT_EQ(1,
-            log.count(1, RESTORE_CACHE,
-                      "Passed over the cached registration of subject s1 and authority authority: "
-                      "it names this host, HERE"))
-      << log.text();
-}
-
 TEST_F(PullExplorerCacheTest, ALineTellsOfRecordsThatAreMissing)
 {
   EXPECT_EQ(Restored(), restored({}, true));

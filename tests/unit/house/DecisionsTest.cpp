@@ -56,7 +56,7 @@ bool isPlace(std::string const& name)
   if (name.find('/') != std::string::npos || name == "CMakeLists.txt")
     return std::filesystem::exists(std::filesystem::path(TQ_SOURCE_DIR) / name);
   static std::regex const IDENTIFIER("([A-Za-z_]\\w*::)*[A-Za-z_]\\w*");
-  static std::regex const MIXED("[A-Za-z]*[a-z][A-Z]\\w*");
+  static std::regex const MIXED("[A-Za-z]*([a-z][A-Z]|[A-Z][A-Z][a-z])\\w*");
   auto const last = name.rfind("::");
   std::string const plain = last == std::string::npos ? name : name.substr(last + 2);
   return std::regex_match(name, IDENTIFIER) &&

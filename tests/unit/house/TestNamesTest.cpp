@@ -24,7 +24,9 @@ TEST(TestNames, BeginWithTheirFile)
     std::string const file =
         std::string(TQ_SOURCE_DIR) + "/tests/unit/house/" + parts.str(1) + ".cpp";
     EXPECT_TRUE(std::filesystem::exists(file)) << file;
-    EXPECT_EQ(parts.str(3) + "." + parts.str(4), parts.str(2));
+    // The suite is left out where it is called as the file.
+    bool const sameName = parts.str(3) == parts.str(1);
+    EXPECT_EQ((sameName ? "" : parts.str(3) + ".") + parts.str(4), parts.str(2));
     foundThis = foundThis || parts.str(1) == "TestNamesTest";
     ++count;
   }
