@@ -14,10 +14,10 @@ namespace Quillon::Tessarine::Ozf
 OZF_EXPORT std::string getProductRoot();
 
 // Paths below the root.
-OZF_EXPORT std::string getConfigurationPath();      // etc/tq.conf
-OZF_EXPORT std::string getDefaultDatabasePath();    // db/discovery
-OZF_EXPORT std::string getLibraryDirectory();       // lib
-OZF_EXPORT std::string getPluginDirectory();        // lib/plugins
-OZF_EXPORT std::string getLogDirectory();           // log
+OZF_EXPORT std::string getConfigurationPath();   // etc/tq.conf
+OZF_EXPORT std::string getDefaultDatabasePath(); // db/discovery
+OZF_EXPORT std::string getLibraryDirectory();    // lib
+OZF_EXPORT std::string getPluginDirectory();     // lib/plugins
+OZF_EXPORT std::string getLogDirectory();        // log
 
 } // namespace Quillon::Tessarine::Ozf

@@ -27,9 +27,9 @@ public:
 } // namespace Quillon::Tessarine::Ozf
 
 // expression is the text that is reported; it need not be the condition's own.
-#define OZF_ASSERT(condition, expression, source, operation)                                      \
-  do                                                                                              \
-  {                                                                                               \
-    if (!(condition))                                                                             \
-      ::Quillon::Tessarine::Ozf::assertionFailed((expression), (operation), (source), __LINE__);  \
+#define OZF_ASSERT(condition, expression, source, operation)                                       \
+  do                                                                                               \
+  {                                                                                                \
+    if (!(condition))                                                                              \
+      ::Quillon::Tessarine::Ozf::assertionFailed((expression), (operation), (source), __LINE__);   \
   } while (false)

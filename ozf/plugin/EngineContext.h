@@ -59,13 +59,14 @@ template <class T>
 T* getEngineSingleton(EngineContext const& context)
 {
   return static_cast<T*>(context.slot(
-    typeid(T), [](EngineContext const& owner) -> void* { return T::instance(owner); },
-    [](void* object) {
-      if constexpr (std::is_base_of_v<EngineSingleton, T>)
-        static_cast<T*>(object)->closeObject();
-      else
-        delete static_cast<T*>(object);
-    }));
+      typeid(T), [](EngineContext const& owner) -> void* { return T::instance(owner); },
+      [](void* object)
+      {
+        if constexpr (std::is_base_of_v<EngineSingleton, T>)
+          static_cast<T*>(object)->closeObject();
+        else
+          delete static_cast<T*>(object);
+      }));
 }
 
 } // namespace Quillon::Tessarine::Ozf

@@ -49,7 +49,7 @@ class FakePush : public virtual ExplorerPush
 {
 public:
   explicit FakePush(std::string name, CallList* calls = nullptr, PollingInterval interval = 0)
-    : m_name(std::move(name)), m_calls(calls), m_interval(interval)
+      : m_name(std::move(name)), m_calls(calls), m_interval(interval)
   {
   }
 
@@ -58,8 +58,7 @@ public:
   {
     note("start");
   }
-  void stopExploration(Authority const&, Subject const&,
-                       AutoDereference<OZFRefCounted>&) override
+  void stopExploration(Authority const&, Subject const&, AutoDereference<OZFRefCounted>&) override
   {
     note("stop");
   }
@@ -87,7 +86,7 @@ public:
 
   std::function<void(Authority const&, Subject const&, CollectionAttributes const&,
                      DiscoveryFactory*, DiscoveryResult&)>
-    onExplore;
+      onExplore;
 
 private:
   void note(char const* call)
@@ -107,7 +106,7 @@ class FakePull : public virtual ExplorerPull
 {
 public:
   explicit FakePull(std::string name, CallList* calls = nullptr, std::string data = "<data/>")
-    : m_name(std::move(name)), m_calls(calls), m_data(std::move(data))
+      : m_name(std::move(name)), m_calls(calls), m_data(std::move(data))
   {
   }
 
@@ -116,8 +115,7 @@ public:
   {
     note("start");
   }
-  void stopExploration(Authority const&, Subject const&,
-                       AutoDereference<OZFRefCounted>&) override
+  void stopExploration(Authority const&, Subject const&, AutoDereference<OZFRefCounted>&) override
   {
     note("stop");
   }

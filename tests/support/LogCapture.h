@@ -18,11 +18,11 @@ public:
     m_oldLevel = LoggerFactory::getLevel();
     LoggerFactory::setLevel(level);
     LoggerFactory::setObserver(
-      [this](Quillon::Tessarine::Ozf::LogLine const& line)
-      {
-        std::lock_guard guard(m_mutex);
-        m_lines.push_back(line);
-      });
+        [this](Quillon::Tessarine::Ozf::LogLine const& line)
+        {
+          std::lock_guard guard(m_mutex);
+          m_lines.push_back(line);
+        });
   }
   ~LogCapture()
   {

@@ -42,7 +42,7 @@ class Service
 public:
   // name: this host's own. master: the value of SERVER, none when empty.
   explicit Service(std::string const& name = "here", std::string const& master = "here")
-    : m_name(name), m_port(freePort())
+      : m_name(name), m_port(freePort())
   {
     setenv("TESSARINE_ROOT", m_root.path().c_str(), 1);
     std::filesystem::create_directories(m_root / "etc");
@@ -98,8 +98,7 @@ public:
   {
     ozf::OzfHostname host;
     host.setHostname(m_name);
-    return svc::getDiscoveryRepository().connectToRemoteDiscoveryService(host,
-                                                                         "DiscoveryService");
+    return svc::getDiscoveryRepository().connectToRemoteDiscoveryService(host, "DiscoveryService");
   }
 
   std::string database() const { return m_root / "db/discovery"; }
@@ -116,9 +115,9 @@ public:
     using namespace svc;
     ozf::AutoDereference<Discovery> discovery;
     getDiscoveryRepository().newDiscovery(
-      discovery, DQ_DISCOVERY_DATA, Subject(subject), Authority(authority, type),
-      CollectionAttributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY, ozf::OzfObjTime(1000),
-                           ozf::OzfObjTime(3600), priority));
+        discovery, DQ_DISCOVERY_DATA, Subject(subject), Authority(authority, type),
+        CollectionAttributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY, ozf::OzfObjTime(1000),
+                             ozf::OzfObjTime(3600), priority));
     DiscoveryStatus const opened = discovery->open(OM_UPDATE, "");
     if (opened != DS_SUCCESS)
       return opened;
