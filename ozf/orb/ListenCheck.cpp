@@ -82,7 +82,9 @@ std::vector<std::string> makeEndPoints(std::vector<std::string> const& addresses
                                        unsigned short port)
 {
   std::string const start = WATCHED_TCP + std::string(":");
-  std::string const end = port == 0 ? ":" : ":" + std::to_string(port);
+  std::string end(":");
+  if (port != 0)
+    end += std::to_string(port);
   if (addresses.empty())
     return {start + end};
   std::vector<std::string> endPoints;
