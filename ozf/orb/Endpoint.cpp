@@ -4,8 +4,10 @@
 #include "ozf/log/FrameworkLogger.h"
 #include "ozf/orb/Connection.h"
 #include "ozf/orb/ConnectionTable.h"
+#include "ozf/orb/Listener.h"
 
 #include <omniORB4/tcpConnection.h>
+#include <omniORB4/tcpEndpoint.h>
 
 #include <sys/eventfd.h>
 #include <sys/resource.h>
@@ -72,6 +74,22 @@ std::string addressIn(std::string const& text)
   return text.substr(before + 1, port - before - 1);
 }
 
+// The socket of an end point or connection of the ORB's.
+struct SocketOf : omni::SocketHolder
+{
+  static int get(omni::SocketHolder const& holder) { return holder.*(&SocketOf::pd_socket); }
+};
+
+// Memory that is there now for what the ORB makes for a connection that was taken
+// in: without it the ORB gives the end point up.
+constexpr std::size_t MEMORY_OF_CONNECTION = 16384;
+
+void requireMemory()
+{
+  // Not by an expression, which the compiler may leave out.
+  ::operator delete(::operator new(MEMORY_OF_CONNECTION));
+}
+
 class Endpoint final : public omni::giopEndpoint
 {
 public:
@@ -96,7 +114,11 @@ public:
   _CORBA_Boolean Bind() override;
   omni::giopConnection* AcceptAndMonitor(omni::giopConnection::notifyReadable_t tell,
                                          void* cookie) override;
-  void Poke() override { m_inner->Poke(); }
+  void Poke() override
+  {
+    if (m_listener)
+      m_listener->wake();
+  }
 
   // The ORB asks for nothing afterwards and leaves the end point to itself.
   void Shutdown() override
@@ -109,10 +131,12 @@ public:
 
 private:
   static void handOver(void* self, WatchedConnection& connection);
-  omni::giopConnection* takeIn(omni::giopConnection* inner) const;
+  omni::giopConnection* takeIn(UniqueFd& descriptor);
+  omni::giopConnection* wrap(omni::giopConnection* inner, int descriptor) const;
 
   std::string const m_address;
   omni::giopEndpoint* m_inner;
+  std::unique_ptr<Listener> m_listener;
   std::shared_ptr<ConnectionWatcher> m_watcher; // connections may outlast the end point
   omni::giopConnection::notifyReadable_t m_tell = nullptr;
   void* m_cookie = nullptr;
@@ -122,6 +146,7 @@ _CORBA_Boolean Endpoint::Bind()
 {
   try
   {
+    m_listener = std::make_unique<Listener>();
     m_watcher = std::make_shared<ConnectionWatcher>();
     return m_inner->Bind();
   }
@@ -134,11 +159,10 @@ _CORBA_Boolean Endpoint::Bind()
 }
 
 // Null when the connection is refused.
-omni::giopConnection* Endpoint::takeIn(omni::giopConnection* inner) const
+omni::giopConnection* Endpoint::wrap(omni::giopConnection* inner, int descriptor) const
 {
-  auto const* const tcp = dynamic_cast<omni::tcpConnection const*>(inner);
   rlimit limit{};
-  if (tcp == nullptr || getrlimit(RLIMIT_NOFILE, &limit) != 0)
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
     return nullptr;
   if (descriptorsRunShort(limit.rlim_cur))
   {
@@ -156,7 +180,7 @@ omni::giopConnection* Endpoint::takeIn(omni::giopConnection* inner) const
   peer.front().reached = addressIn(inner->myaddress());
   try
   {
-    return new Connection(inner, tcp->handle(), peer, m_watcher);
+    return new Connection(inner, descriptor, peer, m_watcher);
   }
   catch (std::exception const&)
   {
@@ -165,32 +189,46 @@ omni::giopConnection* Endpoint::takeIn(omni::giopConnection* inner) const
   }
 }
 
+// Null when it cannot be had; the descriptor is closed then.
+omni::giopConnection* Endpoint::takeIn(UniqueFd& descriptor)
+{
+  omni::giopConnection* inner = nullptr;
+  omni::giopConnection* taken = nullptr;
+  try
+  {
+    requireMemory();
+    // Its second parent is whom it belongs to.
+    auto& owner = dynamic_cast<omni::tcpEndpoint&>(*m_inner);
+    inner = new omni::tcpConnection(descriptor.get(), &owner);
+    taken = wrap(inner, descriptor.release());
+  }
+  catch (std::exception const& exception)
+  {
+    OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Endpoint::AcceptAndMonitor",
+            "Unable to take a connection in: " << exception.what());
+  }
+  if (taken == nullptr && inner != nullptr)
+    inner->decrRefCount(true);
+  return taken;
+}
+
 omni::giopConnection* Endpoint::AcceptAndMonitor(omni::giopConnection::notifyReadable_t tell,
                                                  void* cookie)
 {
-  // What is watched here is the socket that listens; connections are watched by
-  // the watcher, which may use what the ORB gave only until this returns.
-  auto const ignore = [](void*, omni::giopConnection*) {};
+  auto const* const socket = dynamic_cast<omni::tcpEndpoint const*>(m_inner);
+  if (socket == nullptr)
+    return nullptr;
   m_tell = tell;
   m_cookie = cookie;
+  // The watcher may use what the ORB gave only until this returns.
   m_watcher->allow(handOver, this);
   omni::giopConnection* taken = nullptr;
   while (taken == nullptr)
   {
-    omni::giopConnection* const inner = m_inner->AcceptAndMonitor(ignore, nullptr);
-    if (inner == nullptr)
+    UniqueFd descriptor = m_listener->accept(SocketOf::get(*socket), m_inner->address());
+    if (!descriptor.valid())
       break;
-    try
-    {
-      taken = takeIn(inner);
-    }
-    catch (std::exception const& exception)
-    {
-      OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Endpoint::AcceptAndMonitor",
-              "Unable to take a connection in: " << exception.what());
-    }
-    if (taken == nullptr)
-      inner->decrRefCount(true);
+    taken = takeIn(descriptor);
   }
   m_watcher->forbid();
   return taken;
