@@ -20,6 +20,16 @@ namespace
 
 constexpr char SOURCE[] = "CallingConnection";
 
+// The number that the ORB gave a request.
+struct RequestNumber : omni::giopStream
+{
+  static std::uint32_t of(omni::giopStream const& call)
+  {
+    CORBA::ULong (omni::giopStream::*const number)() const = &RequestNumber::requestId;
+    return (call.*number)();
+  }
+};
+
 } // namespace
 
 CallingConnection::~CallingConnection() { m_inner->decrRefCount(true); }
@@ -29,8 +39,20 @@ int CallingConnection::Send(void* data, std::size_t size, omni_time_t const& dea
   return m_inner->Send(data, size, deadline);
 }
 
+// One call at a time is made over a connection, and whoever makes it reads the
+// answer.
+void CallingConnection::expectAnswer() noexcept
+{
+  if (m_strand.clients.next == &m_strand.clients)
+    return;
+  auto const& call = static_cast<omni::GIOP_C&>(*m_strand.clients.next);
+  m_input.expectAnswerTo(RequestNumber::of(call));
+}
+
 int CallingConnection::Recv(void* data, std::size_t size, omni_time_t const& deadline)
 {
+  if (!m_input.insideMessage())
+    expectAnswer();
   int const got = m_input.deliver(
       data, size, [&](void* to, std::size_t room) { return m_inner->Recv(to, room, deadline); });
   if (!m_input.insideMessage())
@@ -48,8 +70,8 @@ int CallingConnection::Recv(void* data, std::size_t size, omni_time_t const& dea
 
 CORBA::Boolean guardReplies(omni::omniInterceptors::clientOpenConnection_T::info_T& info)
 {
-  auto*& connection = info.giop_c.strand().connection;
-  connection = new CallingConnection(connection);
+  omni::giopStrand& strand = info.giop_c.strand();
+  strand.connection = new CallingConnection(strand.connection, strand);
   return true;
 }
 

@@ -16,8 +16,12 @@ namespace Quillon::Tessarine::Ozf
 class CallingConnection final : public omni::giopConnection
 {
 public:
-  // Takes the caller's count of inner.
-  explicit CallingConnection(omni::giopConnection* inner) : m_inner(inner) {}
+  // Takes the caller's count of inner. strand is whose connection this is, and
+  // lives as long.
+  CallingConnection(omni::giopConnection* inner, omni::giopStrand const& strand)
+      : m_inner(inner), m_strand(strand)
+  {
+  }
 
   omni::giopConnection const* inner() const noexcept { return m_inner; }
 
@@ -39,7 +43,10 @@ public:
 private:
   ~CallingConnection() override;
 
+  void expectAnswer() noexcept;
+
   omni::giopConnection* const m_inner;
+  omni::giopStrand const& m_strand;
   GuardedInput m_input{MessageRules::REPLIES};
 };
 

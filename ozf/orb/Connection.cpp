@@ -3,6 +3,13 @@
 #include "ozf/log/FrameworkLogger.h"
 #include "ozf/orb/ConnectionTable.h"
 
+// Each needs the ones before it.
+#include <giopStrand.h>
+
+#include <giopStream.h>
+
+#include <GIOP_S.h>
+
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -29,6 +36,15 @@ void logRefusal(Peer const& peer, char const* reason)
     OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Connection::Recv",
             "Ended a connection from " << peer.address << ", refused a message: " << reason);
 }
+
+// Which of the requests of a connection is being read.
+struct RequestReader : omni::giopStream
+{
+  static bool reads(omni::giopStream const& request)
+  {
+    return request.*(&RequestReader::pd_rdlocked);
+  }
+};
 
 } // namespace
 
@@ -57,6 +73,7 @@ int Connection::Send(void* data, std::size_t size, omni_time_t const& deadline)
 int Connection::Recv(void* data, std::size_t size, omni_time_t const& deadline)
 {
   std::lock_guard guard(m_mutex);
+  bool const inside = m_input.insideMessage();
   int const got = m_input.deliver(data, size,
                                   [&](void* to, std::size_t room)
                                   {
@@ -69,12 +86,31 @@ int Connection::Recv(void* data, std::size_t size, omni_time_t const& deadline)
     m_delivered = true;
   if (got < 0 && m_input.reason() != nullptr)
     logRefusal(peer(), m_input.reason());
+  if (got <= 0 && inside)
+    letRequestGo();
   if (m_large && (got <= 0 || !m_input.insideMessage()))
   {
     m_large = false;
     m_watcher->largeIsRead(*this);
   }
   return got;
+}
+
+// When a connection ends, the ORB frees what it keeps for a request unless that waits
+// for the servant, whose thread would do it. A request waits already while what is
+// left of it is skipped. Should that break off, nobody would ever free it.
+void Connection::letRequestGo() noexcept
+{
+  if (m_strand == nullptr)
+    return;
+  omni_tracedmutex_lock const guard(*omni::omniTransportLock);
+  omni::giopStreamList& all = m_strand->servers;
+  for (auto* each = all.next; each != &all; each = each->next)
+  {
+    auto& request = static_cast<omni::GIOP_S&>(*each);
+    if (RequestReader::reads(request) && request.state() == omni::IOP_S::WaitingForReply)
+      request.state(omni::IOP_S::RequestIsBeingProcessed);
+  }
 }
 
 void Connection::Shutdown() { m_inner->Shutdown(); }
@@ -91,6 +127,7 @@ void* Connection::peerdetails() { return m_inner->peerdetails(); }
 
 _CORBA_Boolean Connection::gatekeeperCheckSpecific(omni::giopStrand* strand)
 {
+  m_strand = strand;
   return m_inner->gatekeeperCheckSpecific(strand);
 }
 

@@ -57,6 +57,7 @@ private:
   void abandon() noexcept override;
 
   Arrived look() noexcept;
+  void letRequestGo() noexcept;
 
   omni::giopConnection* const m_inner;
   int const m_descriptor;
@@ -64,6 +65,7 @@ private:
   std::shared_ptr<ConnectionWatcher> const m_watcher;
   std::atomic<std::uint64_t> m_received{0};
   std::atomic<bool> m_delivered{false};
+  omni::giopStrand* m_strand = nullptr; // whose connection this is, once it is used
 
   // Two threads may be there only while the ORB goes down: it sends one after
   // every connection to see that it has been closed.

@@ -193,6 +193,9 @@ CORBA::ORB_ptr startOrb(std::vector<std::string> const& endPoints, std::string c
       {"clientConnectTimeOutPeriod", "10000"},
       {"serverCallTimeOutPeriod", "30000"},
       {"giopMaxMsgSize", "4194304"},
+      // Bytes behind a request's arguments are passed over. To refuse them costs
+      // memory for good: see Connection::letRequestGo.
+      {"strictIIOP", "0"},
       {"maxGIOPConnectionPerServer", "100"},
       // A thread gets a connection when a request is there, and keeps it until
       // the request is answered: two requests of one connection that are read at

@@ -20,8 +20,12 @@ public:
 
   // So many bytes are held at most.
   static constexpr std::size_t CAPACITY = 8192;
+  static_assert(MessageRules::LONGEST_HEADER < CAPACITY);
 
   explicit GuardedInput(MessageRules::Direction direction) : m_rules(direction) {}
+
+  // As MessageRules.
+  void expectAnswerTo(std::uint32_t request) noexcept { m_rules.expectAnswerTo(request); }
 
   enum Holding
   {

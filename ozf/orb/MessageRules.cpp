@@ -39,6 +39,98 @@ std::uint32_t number(unsigned char const* bytes, bool littleEndian)
 
 MessageRules::Judgement refused(char const* reason) { return {MessageRules::REFUSED, 0, reason}; }
 
+// Goes over the beginning of a message, of which not all need be there, and
+// stays where it cannot go on.
+class HeaderWalk
+{
+public:
+  HeaderWalk(unsigned char const* bytes, std::size_t held, std::size_t end, bool littleEndian)
+      : m_bytes(bytes), m_held(held), m_end(end), m_littleEndian(littleEndian)
+  {
+  }
+
+  void skip(std::size_t size) noexcept
+  {
+    if (!goesOn())
+      return;
+    std::size_t const next = m_at + size;
+    if (next > m_end)
+      m_outcome = refused("it is too short");
+    else if (next > MessageRules::LONGEST_HEADER)
+      m_outcome = refused("its header is too long");
+    else if (next > m_held)
+      m_outcome = {MessageRules::MORE, next};
+    else
+      m_at = next;
+  }
+
+  std::uint32_t number() noexcept
+  {
+    skip((4 - m_at % 4) % 4);
+    std::size_t const at = m_at;
+    skip(4);
+    return goesOn() ? Ozf::number(m_bytes + at, m_littleEndian) : 0;
+  }
+
+  void octets() noexcept { skip(number()); }
+
+  void serviceContexts() noexcept
+  {
+    for (std::uint32_t left = number(); left != 0 && goesOn(); --left)
+    {
+      number();
+      octets();
+    }
+  }
+
+  // How the object is named: by its key alone. The ORB takes the other ways,
+  // which a client may use when it is asked to, for an error of its own.
+  void key(bool canBeNamedOtherwise) noexcept
+  {
+    if (canBeNamedOtherwise)
+    {
+      std::size_t const at = m_at;
+      skip(2);
+      if (goesOn() && (m_bytes[at] != 0 || m_bytes[at + 1] != 0))
+        m_outcome = refused("it does not name its object by a key");
+    }
+    octets();
+  }
+
+  bool goesOn() const noexcept { return m_outcome.verdict == MessageRules::PASS; }
+  MessageRules::Judgement outcome() const noexcept { return m_outcome; }
+
+private:
+  unsigned char const* const m_bytes;
+  std::size_t const m_held;
+  std::size_t const m_end;
+  bool const m_littleEndian;
+  std::size_t m_at = HEADER;
+  MessageRules::Judgement m_outcome{MessageRules::PASS};
+};
+
+// Up to the arguments or results. Returns the number of the request.
+std::uint32_t walkOver(HeaderWalk& walk, unsigned type, unsigned char minor)
+{
+  bool const call = type == REQUEST || type == REPLY;
+  if (call && minor < 2)
+    walk.serviceContexts();
+  std::uint32_t const id = walk.number();
+  if (type == REQUEST)
+  {
+    walk.skip(minor == 0 ? 1 : 4); // whether an answer is expected
+    walk.key(minor == 2);
+    walk.octets(); // operation
+    if (minor < 2)
+      walk.octets(); // principal
+    else
+      walk.serviceContexts();
+  }
+  else if (type == LOCATE_REQUEST)
+    walk.key(minor == 2);
+  return id;
+}
+
 } // namespace
 
 bool MessageRules::isAllowed(unsigned type) const noexcept
@@ -102,29 +194,25 @@ MessageRules::Judgement MessageRules::judge(char const* data, std::size_t size) 
     return refused("it is a fragment of another version");
   if (fragments && carriesId && (HEADER + body) % FRAGMENT_GRAIN != 0)
     return refused("it is fragmented at an odd place");
-  if (minor == 2 && (type == REQUEST || type == LOCATE_REQUEST))
+  if (m_open && littleEndian != m_littleEndian)
+    return refused("it is a fragment in another order of bytes");
+  bool const isCall =
+      type == REQUEST || type == REPLY || type == LOCATE_REQUEST || type == LOCATE_REPLY;
+  if (isCall || (type == FRAGMENT && carriesId))
   {
-    // How the object is named: by its key alone. The ORB takes the other ways,
-    // which a client may use when it is asked to, for an error of its own.
-    std::size_t const at = type == REQUEST ? LONGEST_HEADER - 2 : HEADER + ID;
-    if (HEADER + body < at + 2)
-      return refused("it is too short");
-    if (size < at + 2)
-      return {MORE, at + 2};
-    if (bytes[at] != 0 || bytes[at + 1] != 0)
-      return refused("it does not name its object by a key");
-  }
-  if (carriesId && (fragments || m_open))
-  {
-    if (size < HEADER + ID)
-      return {MORE, HEADER + ID};
-    std::uint32_t const id = number(bytes + HEADER, littleEndian);
+    HeaderWalk walk(bytes, size, HEADER + body, littleEndian);
+    std::uint32_t const id = walkOver(walk, type, minor);
+    if (!walk.goesOn())
+      return walk.outcome();
     if (m_open && id != m_id)
       return refused("it is a fragment of another message");
+    if ((type == REPLY || type == LOCATE_REPLY) && id != m_asked)
+      return refused("it answers no request");
     m_id = id;
   }
   m_open = fragments;
   m_minor = minor;
+  m_littleEndian = littleEndian;
   // A server may pay no attention to it, and would have to find out which call
   // it means.
   return {type == CANCEL_REQUEST ? LEAVE : PASS, HEADER + body};

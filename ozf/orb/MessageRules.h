@@ -6,8 +6,12 @@
 // may be one whose fragments are complete and whose call runs on another thread.
 // A size close to 2^32 makes it allocate without end; a cancelled request of the
 // number that stands for none leaves a thread waiting for ever; an object that
-// is named by its profile makes it answer one request again and again. So it is
-// shown only what follows these rules. Clients of any make do.
+// is named by its profile makes it answer one request again and again. It makes
+// room for as many service contexts as a request claims to have, and keeps that
+// and the object's key while the connection lasts. An answer of version 1.0 or 1.1
+// to no request of the connection it reads to its end while nothing else in the
+// process can call or answer. So it is shown only what follows these rules.
+// Clients and servers of any make do.
 //
 // With these rules and one request of a connection at a time
 // (maxServerThreadPerConnection in ozf/orb/CorbaProcess.cpp) each fragment belongs
@@ -21,6 +25,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 
 namespace Quillon::Tessarine::Ozf
 {
@@ -37,8 +42,13 @@ public:
 
   explicit MessageRules(Direction direction) noexcept : m_direction(direction) {}
 
+  // The request that is answered next, for REPLIES. Without it there is none.
+  void expectAnswerTo(std::uint32_t request) noexcept { m_asked = request; }
+
+  // What a request says before its arguments, and an answer of an old version
+  // before its results, is not longer than this with the message's own header.
   // As many bytes are enough to judge any message.
-  static constexpr std::size_t LONGEST_HEADER = 22;
+  static constexpr std::size_t LONGEST_HEADER = 4096;
 
   enum Verdict
   {
@@ -68,7 +78,9 @@ private:
   Direction m_direction;
   bool m_open = false; // a message in fragments has begun and not ended
   unsigned char m_minor = 0;
+  bool m_littleEndian = false;
   std::uint32_t m_id = 0; // of the open one, from version 1.2 on
+  std::optional<std::uint32_t> m_asked;
 };
 
 } // namespace Quillon::Tessarine::Ozf

@@ -5,8 +5,16 @@
 
 #include <gmock/gmock.h>
 
-#include <chrono>
+#include <netinet/in.h>
+#include <poll.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <random>
+#include <thread>
 
 namespace
 {
@@ -16,16 +24,132 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 
+// Answers whatever is asked at a port with answers that are cut in fragments, run
+// into one another, belong to no request, or end anywhere.
+class MixingMaster
+{
+public:
+  MixingMaster(unsigned short port, std::uint32_t seed)
+      : m_random(seed), m_fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+  {
+    int const yes = 1;
+    setsockopt(m_fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    sockaddr_in name{};
+    name.sin_family = AF_INET;
+    name.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    name.sin_port = htons(port);
+    if (bind(m_fd, reinterpret_cast<sockaddr*>(&name), sizeof name) != 0 || listen(m_fd, 50) != 0)
+      ADD_FAILURE() << "no master: " << std::strerror(errno);
+    m_thread = std::thread([this] { serve(); });
+  }
+  ~MixingMaster()
+  {
+    m_ended = true;
+    m_thread.join();
+    close(m_fd);
+  }
+  MixingMaster(MixingMaster const&) = delete;
+  MixingMaster& operator=(MixingMaster const&) = delete;
+
+  int answers() const { return m_answers; }
+
+private:
+  unsigned below(unsigned limit) { return static_cast<unsigned>(m_random()) % limit; }
+
+  static bool readableSoon(int fd)
+  {
+    pollfd wait{fd, POLLIN, 0};
+    return poll(&wait, 1, 20) == 1;
+  }
+
+  void serve()
+  {
+    std::vector<int> open;
+    while (!m_ended)
+    {
+      if (readableSoon(m_fd))
+        open.push_back(accept(m_fd, nullptr, nullptr));
+      std::erase_if(open, [this](int fd) { return readableSoon(fd) && !answer(fd); });
+    }
+    for (int const fd : open)
+      close(fd);
+  }
+
+  // False when the connection has ended; it is closed then.
+  bool answer(int fd)
+  {
+    char request[4096];
+    std::uint32_t id = 0;
+    bool const asked = recv(fd, request, sizeof request, 0) >= 16;
+    std::memcpy(&id, request + 12, asked ? sizeof id : 0);
+    std::string const bytes = mixture(id);
+    if (asked && send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) > 0 && below(3) != 0)
+    {
+      ++m_answers;
+      return true;
+    }
+    close(fd);
+    return false;
+  }
+
+  std::string mixture(std::uint32_t id)
+  {
+    std::string all;
+    for (unsigned left = 1 + below(6); left != 0; --left)
+      all += message(below(4) == 0 ? id + 2 : id);
+    if (below(4) == 0)
+      all.resize(below(static_cast<unsigned>(all.size())));
+    return all;
+  }
+
+  std::string message(std::uint32_t id)
+  {
+    enum : unsigned char
+    {
+      IS_REPLY = 1,
+      IS_CANCEL = 2,
+      IS_LOCATE_REPLY = 4,
+      IS_CLOSE = 5,
+      IS_PART = 7
+    };
+    unsigned char const types[] = {IS_REPLY, IS_REPLY, IS_REPLY,        IS_PART,
+                                   IS_PART,  IS_CLOSE, IS_LOCATE_REPLY, IS_CANCEL};
+    unsigned char const type = types[below(8)];
+    bool const more = below(2) == 0 && type != IS_CLOSE;
+    // The number, and then a status, contexts and results that are small numbers.
+    std::string body;
+    for (unsigned i = 0, words = type == IS_CLOSE ? 0 : 3 + 2 * below(10); i < words; ++i)
+      body += word(i == 0 ? id : below(3));
+    std::string head = "GIOP\1";
+    head += static_cast<char>(below(8) == 0 ? below(3) : 2);
+    head += static_cast<char>(more ? 3 : 1);
+    head += static_cast<char>(type);
+    return head +
+           word(static_cast<std::uint32_t>(body.size() + (below(8) == 0 ? below(9000) : 0))) + body;
+  }
+
+  static std::string word(std::uint32_t value)
+  {
+    return std::string(reinterpret_cast<char const*>(&value), sizeof value);
+  }
+
+  std::mt19937 m_random;
+  int const m_fd;
+  std::atomic<bool> m_ended{false};
+  std::atomic<int> m_answers{0};
+  std::thread m_thread;
+};
+
 class TqdiscoctlHostileMasterTest : public testing::Test
 {
 protected:
-  TqdiscoctlHostileMasterTest()
+  TqdiscoctlHostileMasterTest() : m_port(freePort())
   {
     std::filesystem::create_directories(m_root / "etc");
     writeText(m_root / "etc/tq.conf",
               "SERVER = 127.0.0.1\nCLIENT_NAME = evil\nORB_BIND = 127.0.0.1\n"
               "ORB_PORT.DiscoveryService = " +
-                  std::to_string(freePort()) + "\n");
+                  std::to_string(m_port) + "\n");
   }
 
   // number 0: without end.
@@ -44,6 +168,7 @@ protected:
   }
 
   TempDir m_root;
+  unsigned short const m_port;
   std::unique_ptr<Process> m_master;
 };
 
@@ -114,4 +239,19 @@ TEST_F(TqdiscoctlHostileMasterTest, listsThatAreTakenCostNoMore)
 #ifdef TQ_PLAIN_BUILD
   EXPECT_LT(largestChild(), MOST_MEMORY);
 #endif
+}
+
+TEST_F(TqdiscoctlHostileMasterTest, answersThatAreMixedUpHarmNoCommand)
+{
+  MixingMaster const master(m_port, 1);
+  for (int i = 0; i < 30; ++i)
+  {
+    auto const begin = std::chrono::steady_clock::now();
+    Outcome const outcome = run({"--timeout", "1", i % 2 == 0 ? "query" : "hosts"});
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(15)) << i;
+    // Whether there is a service at all depends on what comes first.
+    EXPECT_THAT(outcome.exitCode, testing::AnyOf(1, 5)) << i << outcome.output << outcome.errors;
+    EXPECT_FALSE(outcome.errors.empty()) << i;
+  }
+  EXPECT_GT(master.answers(), 10);
 }

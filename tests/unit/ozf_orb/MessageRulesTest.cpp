@@ -18,9 +18,12 @@ enum Kind : char
   REPLY = 1,
   CANCEL = 2,
   LOCATE = 3,
+  LOCATE_REPLY = 4,
   CLOSE = 5,
   FRAGMENT = 7
 };
+
+constexpr std::uint32_t ASKED = 2;
 
 std::string bytesOf(std::uint32_t value)
 {
@@ -36,18 +39,50 @@ std::string headerOf(Kind kind, std::uint32_t size, bool more = false, char mino
          bytesOf(size);
 }
 
-std::string messageOf(Kind kind, std::uint32_t id, std::size_t more = 12, bool fragments = false,
-                      char minor = 2)
+// For the version 1.2 with what belongs before the arguments when more is no
+// less than HEADER: an empty key, operation and list of contexts.
+constexpr std::size_t HEADER = 20;
+
+std::string messageOf(Kind kind, std::uint32_t id, std::size_t more = HEADER,
+                      bool fragments = false, char minor = 2)
 {
   return headerOf(kind, static_cast<std::uint32_t>(4 + more), fragments, minor) + bytesOf(id) +
          std::string(more, '\0');
 }
+
+std::string padded(std::string const& text)
+{
+  return bytesOf(static_cast<std::uint32_t>(text.size())) + text +
+         std::string((4 - text.size() % 4) % 4, '\0');
+}
+
+// A request of version 1.2 that has contexts and nothing behind them.
+std::string requestWith(std::string const& key, std::string const& operation,
+                        std::string const& contexts)
+{
+  std::string const body =
+      bytesOf(7) + std::string("\3\0\0\0\0\0\0\0", 8) + padded(key) + padded(operation) + contexts;
+  return headerOf(REQUEST, static_cast<std::uint32_t>(body.size())) + body;
+}
+
+// One of version 1.0 or 1.1.
+std::string oldRequestWith(char minor, std::string const& contexts, std::string const& key,
+                           std::string const& principal)
+{
+  std::string const body = contexts + bytesOf(7) + std::string("\1\0\0\0", 4) + padded(key) +
+                           padded("_is_a") + principal;
+  return headerOf(REQUEST, static_cast<std::uint32_t>(body.size()), false, minor) + body;
+}
+
+std::string const NO_CONTEXTS = bytesOf(0);
 
 // What comes out of the messages at the end that the ORB has.
 std::string deliveredFrom(std::string const& bytes, std::size_t step,
                           MessageRules::Direction direction, char const** reason = nullptr)
 {
   GuardedInput input(direction);
+  if (direction == MessageRules::REPLIES)
+    input.expectAnswerTo(ASKED);
   std::string delivered;
   std::size_t at = 0;
   auto const read = [&](void* to, std::size_t room)
@@ -86,7 +121,7 @@ std::string refusalOf(std::string const& bytes,
 TEST(MessageRulesTest, requestsPassAsTheyCameInWhateverPieces)
 {
   std::string const bytes =
-      messageOf(REQUEST, 1) + messageOf(REQUEST, 2, 16, true) + messageOf(FRAGMENT, 2, 8, true) +
+      messageOf(REQUEST, 1) + messageOf(REQUEST, 2, 24, true) + messageOf(FRAGMENT, 2, 8, true) +
       messageOf(FRAGMENT, 2, 3) + messageOf(LOCATE, 3) + messageOf(REQUEST, 2, 4000) +
       messageOf(REQUEST, 1, 60, false, 0) + messageOf(REQUEST, 1, 20000) + headerOf(CLOSE, 0);
   for (std::size_t const step : {std::size_t(1), std::size_t(7), std::size_t(1000), bytes.size()})
@@ -95,7 +130,7 @@ TEST(MessageRulesTest, requestsPassAsTheyCameInWhateverPieces)
 
 TEST(MessageRulesTest, repliesPassAsTheyCame)
 {
-  std::string const bytes = messageOf(REPLY, 1) + messageOf(REPLY, 2, 8, true) +
+  std::string const bytes = messageOf(REPLY, 2) + messageOf(REPLY, 2, 8, true) +
                             messageOf(FRAGMENT, 2, 3) + headerOf(CLOSE, 0);
   EXPECT_EQ(deliveredFrom(bytes, 9, MessageRules::REPLIES), bytes);
 }
@@ -111,7 +146,7 @@ TEST(MessageRulesTest, aCancelledRequestIsLeftOut)
 
 TEST(MessageRulesTest, requestsInFragmentsMustNotOverlap)
 {
-  std::string const begun = messageOf(REQUEST, 7, 16, true);
+  std::string const begun = messageOf(REQUEST, 7, 24, true);
   std::string const end = messageOf(FRAGMENT, 7, 3);
   EXPECT_EQ(refusalOf(begun + end + begun + end), "");
   EXPECT_EQ(refusalOf(begun + begun + end + end), "another message has not ended");
@@ -122,7 +157,79 @@ TEST(MessageRulesTest, requestsInFragmentsMustNotOverlap)
   EXPECT_EQ(refusalOf(begun + messageOf(FRAGMENT, 7, 3, false, 1)),
             "it is a fragment of another version");
   EXPECT_EQ(refusalOf(begun + end + end), "it is a fragment of no message");
-  EXPECT_EQ(refusalOf(messageOf(REQUEST, 7, 13, true)), "it is fragmented at an odd place");
+  EXPECT_EQ(refusalOf(messageOf(REQUEST, 7, 25, true)), "it is fragmented at an odd place");
+}
+
+TEST(MessageRulesTest, fragmentsKeepTheOrderOfBytes)
+{
+  std::string other = std::string("GIOP\1\2\0\7\0\0\0\4\0\0\0\7", 16); // big endian
+  EXPECT_EQ(refusalOf(messageOf(REQUEST, 7, 24, true) + other),
+            "it is a fragment in another order of bytes");
+}
+
+TEST(MessageRulesTest, whatPrecedesTheArgumentsIsWholeAndNotLong)
+{
+  std::string const context = bytesOf(1) + bytesOf(5) + padded("abc");
+  for (std::string const& good :
+       {requestWith("key", "op", context), requestWith("", "", NO_CONTEXTS),
+        requestWith(std::string(3000, 'k'), "op", context),
+        oldRequestWith(0, context, "key", padded("me")),
+        oldRequestWith(1, NO_CONTEXTS, "key", NO_CONTEXTS)})
+    EXPECT_EQ(refusalOf(good), "");
+  // Numbers that nothing is behind.
+  for (std::uint32_t const many : {2U, 500U, 4000000U, 0xffffffffU})
+  {
+    EXPECT_EQ(refusalOf(requestWith("key", "op", bytesOf(many))), "it is too short") << many;
+    EXPECT_EQ(refusalOf(oldRequestWith(1, NO_CONTEXTS, "key", bytesOf(many))), "it is too short");
+  }
+  EXPECT_EQ(refusalOf(requestWith("key", "op", bytesOf(1) + bytesOf(5) + bytesOf(0xfffffffe))),
+            "it is too short");
+  for (std::size_t const at : {24U, 32U}) // of the key, and of the operation
+  {
+    std::string request = requestWith("key", "op", NO_CONTEXTS);
+    request.replace(at, 4, bytesOf(0xfffffff0));
+    EXPECT_EQ(refusalOf(request), "it is too short") << at;
+  }
+  std::string oldCount = oldRequestWith(0, NO_CONTEXTS, "key", NO_CONTEXTS);
+  oldCount.replace(12, 4, bytesOf(3000000));
+  EXPECT_EQ(refusalOf(oldCount), "it is too short");
+  // In fragments it is in the first one.
+  std::string const whole = requestWith("keykey", "op", bytesOf(3000000));
+  std::string const first =
+      headerOf(REQUEST, static_cast<std::uint32_t>(whole.size() - 12), true) + whole.substr(12);
+  EXPECT_EQ(refusalOf(first + messageOf(FRAGMENT, 7, 60)), "it is too short");
+  for (auto const& large :
+       {requestWith(std::string(5000, 'k'), "op", NO_CONTEXTS),
+        requestWith("key", std::string(5000, 'o'), NO_CONTEXTS),
+        requestWith("key", "op", bytesOf(1) + bytesOf(5) + padded(std::string(5000, 'c'))),
+        oldRequestWith(0, NO_CONTEXTS, std::string(5000, 'k'), NO_CONTEXTS)})
+    EXPECT_EQ(refusalOf(large), "its header is too long");
+}
+
+TEST(MessageRulesTest, onlyTheAnswerThatWasAskedForPasses)
+{
+  for (char const minor : {0, 1, 2})
+  {
+    // The old versions have contexts before the number.
+    std::string const before = minor == 2 ? "" : bytesOf(1) + bytesOf(5) + padded("abcde");
+    for (std::uint32_t const id : {ASKED, ASKED + 1, 0U})
+    {
+      std::string const body = before + bytesOf(id) + bytesOf(0) + bytesOf(0);
+      std::string const reply =
+          headerOf(REPLY, static_cast<std::uint32_t>(body.size()), false, minor) + body;
+      EXPECT_EQ(refusalOf(reply, MessageRules::REPLIES), id == ASKED ? "" : "it answers no request")
+          << int(minor) << " " << id;
+    }
+    EXPECT_EQ(refusalOf(messageOf(LOCATE_REPLY, 3, 4, false, minor), MessageRules::REPLIES),
+              "it answers no request");
+  }
+  GuardedInput unasked(MessageRules::REPLIES);
+  std::string const reply = messageOf(REPLY, 0);
+  auto const read = [&](void* to, std::size_t)
+  { return static_cast<int>(reply.copy(static_cast<char*>(to), reply.size())); };
+  char buffer[100];
+  EXPECT_LT(unasked.deliver(buffer, sizeof buffer, read), 0);
+  EXPECT_STREQ(unasked.reason(), "it answers no request");
 }
 
 TEST(MessageRulesTest, sizesThatTheOrbCannotAddToAreRefused)
