@@ -1,6 +1,9 @@
 #include "ozf/orb/CallingConnection.h"
 
 #include "ozf/log/FrameworkLogger.h"
+#include "ozf/orb/SlowPeers.h"
+
+#include <omniORB4/tcpConnection.h>
 
 // Each needs the ones before it.
 #include <giopStrand.h>
@@ -32,11 +35,19 @@ struct RequestNumber : omni::giopStream
 
 } // namespace
 
+CallingConnection::CallingConnection(omni::giopConnection* inner, omni::giopStrand const& strand)
+    : m_inner(inner), m_strand(strand)
+{
+  if (auto const* const tcp = dynamic_cast<omni::tcpConnection const*>(inner))
+    m_descriptor = tcp->handle();
+}
+
 CallingConnection::~CallingConnection() { m_inner->decrRefCount(true); }
 
 int CallingConnection::Send(void* data, std::size_t size, omni_time_t const& deadline)
 {
-  return m_inner->Send(data, size, deadline);
+  int const sent = m_descriptor < 0 ? 0 : sendAtOnce(m_descriptor, data, size);
+  return sent == 0 ? m_inner->Send(data, size, deadline) : sent;
 }
 
 // One call at a time is made over a connection, and whoever makes it reads the

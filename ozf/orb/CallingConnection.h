@@ -18,10 +18,7 @@ class CallingConnection final : public omni::giopConnection
 public:
   // Takes the caller's count of inner. strand is whose connection this is, and
   // lives as long.
-  CallingConnection(omni::giopConnection* inner, omni::giopStrand const& strand)
-      : m_inner(inner), m_strand(strand)
-  {
-  }
+  CallingConnection(omni::giopConnection* inner, omni::giopStrand const& strand);
 
   omni::giopConnection const* inner() const noexcept { return m_inner; }
 
@@ -47,6 +44,7 @@ private:
 
   omni::giopConnection* const m_inner;
   omni::giopStrand const& m_strand;
+  int m_descriptor = -1; // -1 when it is not sent to directly
   GuardedInput m_input{MessageRules::REPLIES};
 };
 

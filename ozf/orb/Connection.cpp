@@ -2,6 +2,7 @@
 
 #include "ozf/log/FrameworkLogger.h"
 #include "ozf/orb/ConnectionTable.h"
+#include "ozf/orb/SlowPeers.h"
 
 // Each needs the ones before it.
 #include <giopStrand.h>
@@ -67,7 +68,18 @@ Connection::~Connection()
 
 int Connection::Send(void* data, std::size_t size, omni_time_t const& deadline)
 {
-  return m_inner->Send(data, size, deadline);
+  int const sent = sendAtOnce(m_descriptor, data, size);
+  if (sent != 0 || isFarewell(data, size))
+    return sent;
+  try
+  {
+    WaitForPeer const wait(*this);
+    return m_inner->Send(data, size, deadline);
+  }
+  catch (std::bad_alloc const&)
+  {
+    return -1;
+  }
 }
 
 int Connection::Recv(void* data, std::size_t size, omni_time_t const& deadline)
