@@ -94,7 +94,11 @@ int runService(Options const& options)
   // the mistakes that it finds.
   setUpLog(options, Configuration::read(getConfigurationPath()));
   startReport.emplace();
-  getConfiguration();
+  // Without what is there it would be another host's service, or the same at
+  // another place.
+  if (auto const configuration = getConfiguration();
+      !configuration->readable() && !configuration->missing())
+    return failStart("Not started without the configuration that is there");
   tellOfOtherWriters();
 
   std::string error;

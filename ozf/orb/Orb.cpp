@@ -203,6 +203,13 @@ bool Orb::init()
   if (state.up)
     return true;
   state.reactor = std::make_unique<OrbReactor>(state.timerQueue);
+  if (!state.reactor->usable())
+  {
+    OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Orb::init",
+            "Unable to set up the reactor of " << state.name);
+    state.reactor.reset();
+    return false;
+  }
   if (!state.process.acquire(state.name, getServicePort(state.name), state.arguments))
   {
     state.reactor.reset();

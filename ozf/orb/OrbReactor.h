@@ -19,6 +19,10 @@ public:
   // timerQueue null: a queue of the reactor's own; else not owned.
   explicit OrbReactor(ACE_Timer_Queue* timerQueue);
 
+  // Whether it has what it needs from the system; otherwise it can only be
+  // destroyed.
+  bool usable() const { return m_reactor->initialized() != 0; }
+
   // Stops.
   ~OrbReactor();
   OrbReactor(OrbReactor const&) = delete;

@@ -236,6 +236,16 @@ TEST_F(TqdiscoCommandTest, aMissingServiceLibraryFailsTheStartAndIsNamed)
   EXPECT_THAT(process->errors(), HasSubstr("libtqdiscovery.so.1"));
 }
 
+TEST_F(TqdiscoCommandTest, aConfigurationThatIsThereAndCannotBeReadFailsTheStart)
+{
+  std::filesystem::remove(root / "etc/tq.conf");
+  std::filesystem::create_directories(root / "etc/tq.conf");
+  auto const process = run({});
+  EXPECT_EQ(process->exitCode(), 1) << process->errors();
+  EXPECT_THAT(process->errors(), HasSubstr("not a regular file"));
+  EXPECT_THAT(process->errors(), HasSubstr("Not started without"));
+}
+
 TEST_F(TqdiscoCommandTest, aConfigurationThatSaysSoKeepsTheServiceFromStarting)
 {
   configureService("REPORT_CLIENT_DISCOVERIES = false\n");
