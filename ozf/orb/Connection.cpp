@@ -85,7 +85,6 @@ int Connection::Send(void* data, std::size_t size, omni_time_t const& deadline)
 int Connection::Recv(void* data, std::size_t size, omni_time_t const& deadline)
 {
   std::lock_guard guard(m_mutex);
-  bool const inside = m_input.insideMessage();
   int const got = m_input.deliver(data, size,
                                   [&](void* to, std::size_t room)
                                   {
@@ -98,31 +97,12 @@ int Connection::Recv(void* data, std::size_t size, omni_time_t const& deadline)
     m_delivered = true;
   if (got < 0 && m_input.reason() != nullptr)
     logRefusal(peer(), m_input.reason());
-  if (got <= 0 && inside)
-    letRequestGo();
   if (m_large && (got <= 0 || !m_input.insideMessage()))
   {
     m_large = false;
     m_watcher->largeIsRead(*this);
   }
   return got;
-}
-
-// When a connection ends, the ORB frees what it keeps for a request unless that waits
-// for the servant, whose thread would do it. A request waits already while what is
-// left of it is skipped. Should that break off, nobody would ever free it.
-void Connection::letRequestGo() noexcept
-{
-  if (m_strand == nullptr)
-    return;
-  omni_tracedmutex_lock const guard(*omni::omniTransportLock);
-  omni::giopStreamList& all = m_strand->servers;
-  for (auto* each = all.next; each != &all; each = each->next)
-  {
-    auto& request = static_cast<omni::GIOP_S&>(*each);
-    if (RequestReader::reads(request) && request.state() == omni::IOP_S::WaitingForReply)
-      request.state(omni::IOP_S::RequestIsBeingProcessed);
-  }
 }
 
 void Connection::Shutdown() { m_inner->Shutdown(); }
@@ -143,12 +123,33 @@ _CORBA_Boolean Connection::gatekeeperCheckSpecific(omni::giopStrand* strand)
   return m_inner->gatekeeperCheckSpecific(strand);
 }
 
+// When a connection ends, the ORB frees what it keeps for a request unless that waits
+// for the servant. It lets a request wait as soon as its arguments have been read, or
+// are not wanted, and then reads what is left of it; should that fail, nobody would
+// ever free it. So the request waits from the call on (ozf/orb/CorbaProcess.cpp).
+void Connection::keepFromWaiting() noexcept
+{
+  if (m_strand == nullptr)
+    return;
+  omni_tracedmutex_lock const guard(*omni::omniTransportLock);
+  omni::giopStreamList const& all = m_strand->servers;
+  for (auto* each = all.next; each != &all; each = each->next)
+  {
+    auto& request = static_cast<omni::GIOP_S&>(*each);
+    if (RequestReader::reads(request) && request.state() == omni::IOP_S::WaitingForReply)
+      request.state(omni::IOP_S::RequestIsBeingProcessed);
+  }
+}
+
 // The ORB asks with 0 before a call already, so that the connection's next
 // request may be read meanwhile; one at a time is served here.
 void Connection::setSelectable(int now, _CORBA_Boolean)
 {
   if (now == 0)
+  {
+    keepFromWaiting();
     return;
+  }
   {
     std::lock_guard guard(m_mutex);
     m_input.shrink();

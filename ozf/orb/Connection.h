@@ -57,7 +57,7 @@ private:
   void abandon() noexcept override;
 
   Arrived look() noexcept;
-  void letRequestGo() noexcept;
+  void keepFromWaiting() noexcept;
 
   omni::giopConnection* const m_inner;
   int const m_descriptor;

@@ -39,6 +39,7 @@
 #include <map>
 #include <mutex>
 #include <new>
+#include <utility>
 #include <vector>
 
 namespace Quillon::Tessarine::Ozf
@@ -94,6 +95,9 @@ void logOfOrb(char const* text)
 // Of the request that the thread has received last.
 thread_local Peer const* peerOfRequest = nullptr;
 
+// That request, until its call begins.
+thread_local omni::GIOP_S* requestToCall = nullptr;
+
 // Whether the ORB knows what to do with the key. The keys that it makes begin
 // with the names of adapters, and then there is a mark that tells this run of the
 // process from others; keys without the mark, but with a name that is known, it
@@ -120,6 +124,7 @@ CORBA::Boolean noteRequest(omni::omniInterceptors::serverReceiveRequest_T::info_
   auto& request = info.giop_s;
   auto* const connection = dynamic_cast<Connection*>(request.strand().connection);
   peerOfRequest = connection == nullptr ? nullptr : &connection->peer();
+  requestToCall = &request;
   // A request that has left no trace on the connection is one that the ORB has
   // answered before.
   if (connection != nullptr && !connection->takeDelivered())
@@ -129,12 +134,22 @@ CORBA::Boolean noteRequest(omni::omniInterceptors::serverReceiveRequest_T::info_
   return true;
 }
 
+// All of the request has been read: see Connection::keepFromWaiting.
+void beginWaiting()
+{
+  auto* const request = std::exchange(requestToCall, nullptr);
+  if (request != nullptr && request->state() == omni::IOP_S::RequestIsBeingProcessed)
+    request->state(omni::IOP_S::WaitingForReply);
+}
+
 // Around every call on a servant: the ORB answers CORBA exceptions in their
 // own right, all others would reach the caller as UNKNOWN.
 void guardCall(omniCallDescriptor* call, omniServant* servant)
 {
   char const* const operation = call->op() == nullptr ? "" : call->op();
   PeerOfCall const peer(call->is_upcall() ? peerOfRequest : nullptr);
+  if (call->is_upcall())
+    beginWaiting();
   try
   {
     call->interceptedCall(servant);
@@ -193,9 +208,6 @@ CORBA::ORB_ptr startOrb(std::vector<std::string> const& endPoints, std::string c
       {"clientConnectTimeOutPeriod", "10000"},
       {"serverCallTimeOutPeriod", "30000"},
       {"giopMaxMsgSize", "4194304"},
-      // Bytes behind a request's arguments are passed over. To refuse them costs
-      // memory for good: see Connection::letRequestGo.
-      {"strictIIOP", "0"},
       {"maxGIOPConnectionPerServer", "100"},
       // A thread gets a connection when a request is there, and keeps it until
       // the request is answered: two requests of one connection that are read at
