@@ -2,6 +2,7 @@
 
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ConfigurationKeys.h"
+#include "ozf/config/ConfigurationValues.h"
 #include "ozf/log/Logger.h"
 
 #include <atomic>
@@ -49,6 +50,11 @@ OzfLogger* getHostLogger()
 
 void setUpLog(Options const& options, Configuration const& configuration)
 {
+  std::vector<std::string> excepted = configuration.list("LOG_EXCEPT");
+  std::erase_if(excepted, [](std::string const& pattern) { return !isLogPattern(pattern); });
+  if (options.debug)
+    excepted.clear();
+  LoggerFactory::setExcepted(excepted);
   if (options.debug)
   {
     LoggerFactory::setLevel(6);

@@ -95,7 +95,7 @@ void SignalThread::loop()
               "Unable to wait for signals: " << errorText(errno));
       return;
     }
-    LoggerFactory::reportFloods();
+    LoggerFactory::reportLeftOut();
     signalfd_siginfo info{};
     while (read(m_signals.get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info))
       take(static_cast<int>(info.ssi_signo));

@@ -3,6 +3,7 @@
 #include "ozf/base/Display.h"
 #include "ozf/base/Report.h"
 #include "ozf/log/FrameworkLogger.h"
+#include "ozf/log/LogCounts.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -91,11 +92,30 @@ struct State
     output->log(severity(level), spdlog::string_view_t(message));
   }
 
+  // Tells what is due to be told of lines that were not written.
+  void reportLeftOut(LogFlood::Time time, bool all)
+  {
+    counts.report(time, all, putCount());
+    reportFloods(time, all);
+  }
+
+  LogCounts::Put putCount()
+  {
+    return [this](int level, std::string const& operation, std::string const& text)
+    { put(level, operation, onOneLine(text)); };
+  }
+
   // Whether the line is to be written; what is not is counted.
   bool takes(LogFlood& site, int level, char const* operation, std::string const& text)
   {
     LogFlood::Time const time = now();
-    reportFloods(time, false);
+    reportLeftOut(time, false);
+    if (counts.isExcepted(text, time))
+      return false;
+    if (level > 1)
+      return true;
+    if (counts.isRepeated(level, operation != nullptr ? operation : "", text, time))
+      return false;
     if (site.admits(time, text.size()))
       return true;
     auto const [found, isNew] = leftOut.try_emplace(&site);
@@ -140,6 +160,7 @@ struct State
   LoggerFactory::Observer observer;
   LoggerFactory::Clock clock;           // empty: the steady one
   std::map<LogFlood*, LeftOut> leftOut; // of the places in flood
+  LogCounts counts;
   std::map<int, std::unique_ptr<OzfLogger>> loggers;
 };
 
@@ -174,7 +195,7 @@ void OzfLogger::write(int level, char const* operation, std::string const& text,
   {
     State& all = state();
     std::unique_lock guard(all.mutex);
-    bool const taken = site == nullptr || level > 1 || all.takes(*site, level, operation, text);
+    bool const taken = site == nullptr || all.takes(*site, level, operation, text);
     if (!taken && !all.observer)
       return;
     guard.unlock();
@@ -261,13 +282,20 @@ void LoggerFactory::setClock(Clock clock)
   all.clock = std::move(clock);
 }
 
-void LoggerFactory::reportFloods() noexcept
+void LoggerFactory::setExcepted(std::vector<std::string> const& patterns)
+{
+  State& all = state();
+  std::lock_guard guard(all.mutex);
+  all.counts.setExcepted(patterns, all.now(), all.putCount());
+}
+
+void LoggerFactory::reportLeftOut() noexcept
 {
   try
   {
     State& all = state();
     std::lock_guard guard(all.mutex);
-    all.reportFloods(all.now(), false);
+    all.reportLeftOut(all.now(), false);
   }
   catch (std::exception const& failure)
   {
@@ -279,7 +307,7 @@ void LoggerFactory::flush()
 {
   State& all = state();
   std::lock_guard guard(all.mutex);
-  all.reportFloods(all.now(), true);
+  all.reportLeftOut(all.now(), true);
   all.output->flush();
 }
 

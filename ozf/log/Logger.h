@@ -15,6 +15,7 @@
 #include <mutex>
 #include <sstream>
 #include <string>
+#include <vector>
 
 namespace Quillon::Tessarine::Ozf
 {
@@ -43,9 +44,10 @@ public:
   //
   // site is of the place that writes it and outlives the process's last line.
   // Lines of level 1 from a place that floods the log are left out and counted;
-  // a line each minute, and one when the flood is over, says how many. What is
-  // written for detail is what somebody asked for, and never left out. Null: a
-  // line that always passes.
+  // a line each minute, and one when the flood is over, says how many. So is a
+  // line of level 1 that was written less than a minute before, word by word. What
+  // is written for detail is what somebody asked for, and left out only where
+  // setExcepted names it. Null: a line that always passes.
   void write(int level, char const* operation, std::string const& text,
              LogFlood* site = nullptr) noexcept;
 
@@ -75,22 +77,27 @@ public:
   static bool setFile(std::string const& path, std::string& reason);
   static void setSyslog(std::string const& program);
 
-  // For tests: every line also goes to the observer, in a flood too and without
-  // the lines that tell of floods, under the lock of the factory, so the observer
-  // must not log; an empty function ends that.
+  // Lines whose texts match one of the patterns ('*' stands for any text) are kept
+  // out from now on, and counted: a line an hour for each pattern says how many.
+  // The text ends with the place in the sources, so a pattern usually ends in '*'.
+  static void setExcepted(std::vector<std::string> const& patterns);
+
+  // For tests: every line also goes to the observer, those that are left out too
+  // and without the lines that tell of them, under the lock of the factory, so the
+  // observer must not log; an empty function ends that.
   using Observer = std::function<void(LogLine const&)>;
   static void setObserver(Observer observer);
 
-  // For tests: the clock by which floods are judged, which is called under the
+  // For tests: the clock by which floods and repeats are judged, called under the
   // lock of the factory; an empty function for the steady clock.
   using Clock = std::function<LogFlood::Time()>;
   static void setClock(Clock clock);
 
-  // Writes the lines about floods that are due. Every line does so before it is
-  // written; a process that may be silent for long calls it now and then.
-  static void reportFloods() noexcept;
+  // Writes the lines that are due about those left out. Every line does so before it
+  // is written; a process that may be silent for long calls it now and then.
+  static void reportLeftOut() noexcept;
 
-  // Pushes out what is buffered, with what is known of floods that go on.
+  // Pushes out what is buffered, with what was counted and not yet told.
   static void flush();
 };
 
