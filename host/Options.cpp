@@ -30,7 +30,9 @@ bool parseOptions(int argc, char** argv, Options& options, int& exitCode)
              "  0  stopped in order, or told not to start by REPORT_CLIENT_DISCOVERIES\n"
              "  1  the start failed; standard error and the log say why\n"
              "  2  wrong usage, or --check-config found a mistake\n"
-             "  3  the stop was not orderly; the log says why");
+             "  3  the stop was not orderly; the log says why\n"
+             "  4  this host is the master, and its database directory cannot be made\n"
+             "     or written");
   try
   {
     app.parse(argc, argv);

@@ -13,7 +13,8 @@ enum ExitCode : int
   EXIT_ORDERLY = 0,
   EXIT_START_FAILED = 1,
   EXIT_USAGE = 2,
-  EXIT_STOP_FAILED = 3
+  EXIT_STOP_FAILED = 3,
+  EXIT_NO_DATABASE = 4
 };
 
 struct Options

@@ -2,9 +2,11 @@
 // it is told to stop, and takes it down.
 
 #include "host/HostLog.h"
+#include "host/ManagerStatus.h"
 #include "host/Options.h"
 #include "host/ServiceLibrary.h"
 #include "host/SignalThread.h"
+#include "host/StartCheck.h"
 #include "host/Watchdog.h"
 #include "ozf/base/FileOwner.h"
 #include "ozf/config/Configuration.h"
@@ -17,7 +19,6 @@
 #include <exception>
 #include <optional>
 #include <sys/stat.h>
-#include <systemd/sd-daemon.h>
 
 namespace
 {
@@ -30,7 +31,7 @@ constexpr char SOURCE[] = "main";
 int checkConfiguration()
 {
   std::string const path = getConfigurationPath();
-  auto const problems = Configuration::read(path).check();
+  auto const problems = checkForService(Configuration::read(path));
   for (auto const& problem : problems)
     std::fprintf(stderr, "%s\n", problem.text().c_str());
   if (!problems.empty())
@@ -51,23 +52,23 @@ void ready()
   std::string error;
   if (!watchdog->start(OrbService::Instance()->getServiceName(), error))
     OZF_LOG(getHostLogger(), 1, SOURCE, "main", error);
-  sd_notify(0, "READY=1\nSTATUS=Serving");
+  tellReady();
   OZF_LOG(getHostLogger(), 1, SOURCE, "main", "Started, version " TQ_VERSION);
 }
 
 void stopping()
 {
   watchdog->serviceStops();
-  sd_notify(0, "STOPPING=1\nSTATUS=Stopping");
+  tellStopping();
 }
 
-int failStart(std::string const& reason)
+int failStart(std::string const& reason, int exitCode = EXIT_START_FAILED)
 {
   OZF_LOG(getHostLogger(), 1, SOURCE, "main", reason);
   if (startReport)
     startReport->print();
-  sd_notify(0, "STATUS=Start failed");
-  return EXIT_START_FAILED;
+  tellManager("Start failed: " + reason);
+  return exitCode;
 }
 
 // Whoever may write there decides what this service does.
@@ -81,6 +82,16 @@ void tellOfOtherWriters()
     if (stat(path.c_str(), &status) == 0 && !isOnlyOurs(path, status, reason))
       OZF_LOG(getHostLogger(), 1, SOURCE, "main", "Others may change this service: " << reason);
   }
+}
+
+// It is no failure of the start: the configuration may be mended later.
+void tellOfMissingMaster()
+{
+  if (getConfiguration()->find("SERVER") != nullptr)
+    return;
+  std::string const text = "SERVER is missing in " + getConfigurationPath();
+  OZF_LOG(getHostLogger(), 1, SOURCE, "main", text << ": nothing is reported to any master");
+  tellWaiting(text);
 }
 
 int runService(Options const& options)
@@ -100,6 +111,9 @@ int runService(Options const& options)
       !configuration->readable() && !configuration->missing())
     return failStart("Not started without the configuration that is there");
   tellOfOtherWriters();
+  tellOfMissingMaster();
+  if (auto const reason = whyNothingCanBeStored())
+    return failStart(*reason, EXIT_NO_DATABASE);
 
   std::string error;
   auto const service = createService(options.debug, error);
@@ -109,11 +123,12 @@ int runService(Options const& options)
   if (!signals.start(error))
     return failStart(error);
 
-  sd_notify(0, "STATUS=Starting");
+  tellManager("Starting");
   bool started = false;
   OrbService::Events events;
   events.ready = ready;
   events.stopping = stopping;
+  events.status = tellWaiting;
   watchdog.emplace();
   auto const outcome = service->main(events, started);
   watchdog.reset();
@@ -122,7 +137,7 @@ int runService(Options const& options)
   case OrbService::ORDERLY:
     // To a service manager an end before READY is a failed start.
     if (!started)
-      sd_notify(0, "READY=1\nSTATUS=Not started, as the configuration says");
+      tellReady("Not started, as the configuration says");
     OZF_LOG(getHostLogger(), 1, SOURCE, "main",
             (started ? "Stopped" : "Not started, as the configuration says"));
     return EXIT_ORDERLY;

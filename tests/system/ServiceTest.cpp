@@ -1,6 +1,7 @@
 // The life of a service process: start, exploration, stop, start again.
 
 #include "tests/support/LiveService.h"
+#include "tests/support/RemoteClient.h"
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
@@ -181,15 +182,31 @@ TEST(ServiceTest, aKilledServiceStartsAgainOnTheSameRoot)
   EXPECT_EQ(service.tqdiscoctl({"db", "verify"}).exitCode, 0);
 }
 
-// Holds for every user, root included, whom permissions do not stop.
-TEST(ServiceTest, servesOnWhenTheDatabaseDirectoryCannotBeMade)
+// Holds for every user, root included, whom permissions do not stop. A client keeps
+// nothing; a master does not start so.
+TEST(ServiceTest, aClientServesOnWhenItsDatabaseDirectoryCannotBeMade)
 {
   LiveService service(LiveService::WITH_EXPLORERS);
+  service.configure("SERVER = elsewhere\nHOST_ADDRESS.elsewhere = 127.0.0.9\n");
   writeText(service / "db", "a file in the directory's place");
   ASSERT_TRUE(service.start()) << service.log();
   EXPECT_THAT(service.log(), HasSubstr("Unable to create directory path " + service.database() +
                                        ", error " + std::to_string(ENOTDIR)));
-  // The explorers run, and each failure is told.
+  EXPECT_TRUE(accepts(service.port()));
+  EXPECT_EQ(service.stop(), 0) << service.log();
+}
+
+TEST(ServiceTest, servesOnWhenTheDatabaseDirectoryGoesAway)
+{
+  LiveService service;
+  ASSERT_TRUE(service.start()) << service.log();
+  std::filesystem::remove_all(service / "db");
+  writeText(service / "db", "a file in the directory's place");
+  {
+    client::Client client(service.root(), LiveService::NAME);
+    ASSERT_TRUE(client.connected());
+    EXPECT_NE(client.store("subject", "authority", "<x/>"), client::DS_SUCCESS);
+  }
   EXPECT_TRUE(service.process().awaitError("Update.lock")) << service.log();
   EXPECT_TRUE(service.process().awaitError("Last error" + std::to_string(ENOTDIR)))
       << service.log();

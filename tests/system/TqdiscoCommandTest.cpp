@@ -1,5 +1,7 @@
 // The command line of tqdisco, its exit codes and its signals.
 
+#include "tests/support/LiveService.h"
+#include "tests/support/NotifySocket.h"
 #include "tests/support/Process.h"
 #include "tests/support/TempDir.h"
 
@@ -9,13 +11,13 @@
 #include <gmock/gmock.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
 namespace
 {
 
 using testing::HasSubstr;
 using testing::Not;
+using tqtest::NotifySocket;
 
 class TqdiscoCommandTest : public testing::Test
 {
@@ -99,45 +101,6 @@ private:
   unsigned short m_port = 0;
 };
 
-// What the service manager is told.
-class NotifySocket
-{
-public:
-  explicit NotifySocket(std::string const& path)
-      : m_fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0))
-  {
-    sockaddr_un name{};
-    name.sun_family = AF_UNIX;
-    path.copy(name.sun_path, sizeof name.sun_path - 1);
-    if (bind(m_fd, reinterpret_cast<sockaddr*>(&name), sizeof name) != 0)
-      ADD_FAILURE() << "cannot bind " << path;
-  }
-  ~NotifySocket() { close(m_fd); }
-  NotifySocket(NotifySocket const&) = delete;
-  NotifySocket& operator=(NotifySocket const&) = delete;
-
-  // Whether a message that holds text comes before the deadline.
-  bool await(std::string const& text, std::chrono::milliseconds time = std::chrono::seconds(60))
-  {
-    auto const deadline = std::chrono::steady_clock::now() + time;
-    while (std::chrono::steady_clock::now() < deadline)
-    {
-      pollfd wait{m_fd, POLLIN, 0};
-      if (poll(&wait, 1, 100) != 1)
-        continue;
-      char buffer[1024];
-      ssize_t const count = recv(m_fd, buffer, sizeof buffer, 0);
-      if (count > 0 &&
-          std::string(buffer, static_cast<std::size_t>(count)).find(text) != std::string::npos)
-        return true;
-    }
-    return false;
-  }
-
-private:
-  int m_fd;
-};
-
 } // namespace
 
 TEST_F(TqdiscoCommandTest, helpDocumentsOptionsAndExitCodes)
@@ -147,7 +110,8 @@ TEST_F(TqdiscoCommandTest, helpDocumentsOptionsAndExitCodes)
   EXPECT_EQ(process->errors(), "");
   for (char const* const part :
        {"--check-config", "--version", "--debug", "--log-level", "TESSARINE_ROOT", "Exit status",
-        "0  stopped in order", "1  the start failed", "2  wrong usage", "3  the stop was"})
+        "0  stopped in order", "1  the start failed", "2  wrong usage", "3  the stop was",
+        "4  this host is the master"})
     EXPECT_THAT(process->output(), HasSubstr(part));
   EXPECT_THAT(process->output(), HasSubstr(root / "etc/tq.conf"));
 }
@@ -200,6 +164,57 @@ TEST_F(TqdiscoCommandTest, checkConfigReportsAMissingFile)
   auto const process = run({"--check-config"});
   EXPECT_EQ(process->exitCode(), 2);
   EXPECT_THAT(process->errors(), HasSubstr(root / "etc/tq.conf"));
+}
+
+TEST_F(TqdiscoCommandTest, checkConfigSaysThatThereIsNoMaster)
+{
+  configure("LOG_LEVEL = 4\n");
+  auto const process = run({"--check-config"});
+  EXPECT_EQ(process->exitCode(), 2);
+  EXPECT_THAT(process->errors(), HasSubstr("etc/tq.conf: SERVER is missing"));
+}
+
+TEST_F(TqdiscoCommandTest, aStartWithoutAMasterSaysSoToTheLogAndTheServiceManager)
+{
+  configureService();
+  configure("CLIENT_NAME = 4a\nORB_BIND = 127.0.0.1\nORB_PORT.DiscoveryService = " +
+            std::to_string(port()) + "\n");
+  NotifySocket manager(root / "notify");
+  auto const process = start({}, {{"NOTIFY_SOCKET", root / "notify"}});
+  EXPECT_TRUE(manager.await("STATUS=Serving; ")) << process->errors();
+  EXPECT_TRUE(manager.await("SERVER is missing")) << process->errors();
+  EXPECT_THAT(process->errors(), HasSubstr("SERVER is missing in " + root / "etc/tq.conf"));
+  process->sendSignal(SIGTERM);
+  ASSERT_TRUE(process->wait());
+  EXPECT_EQ(process->exitCode(), 0) << process->errors();
+}
+
+// Neither depends on the user who runs the test.
+TEST_F(TqdiscoCommandTest, aDatabaseThatCannotBeMadeOrWrittenFailsTheStartWithALineAndItsOwnStatus)
+{
+  configureService();
+  writeText(root / "db", "no directory");
+  NotifySocket manager(root / "notify");
+  auto process = start({}, {{"NOTIFY_SOCKET", root / "notify"}});
+  ASSERT_TRUE(process->wait());
+  EXPECT_EQ(process->exitCode(), 4);
+  EXPECT_THAT(process->errors(), HasSubstr("The database directory " + root / "db/discovery" +
+                                           " cannot be made: Not a directory"));
+  EXPECT_EQ(tqtest::occurrences(process->errors(), "\n"), 1U) << process->errors();
+  EXPECT_TRUE(manager.await("STATUS=Start failed: The database directory"));
+
+  std::filesystem::remove(root / "db");
+  std::filesystem::create_directory(root / "db");
+  std::filesystem::create_directory_symlink("/proc", root / "db/discovery");
+  process = start({});
+  ASSERT_TRUE(process->wait());
+  EXPECT_EQ(process->exitCode(), 4);
+  EXPECT_THAT(process->errors(), HasSubstr(root / "db/discovery" + " cannot be written: "));
+  EXPECT_THAT(process->errors(), Not(HasSubstr("Started")));
+
+  // It keeps nothing, so it needs no place for it.
+  configureService("REPORT_CLIENT_DISCOVERIES = no\n");
+  EXPECT_EQ(run({})->exitCode(), 0);
 }
 
 TEST_F(TqdiscoCommandTest, aPortInUseFailsTheStartAndSaysWhere)
