@@ -27,6 +27,10 @@ bool isHostName(std::string const& text)
 
 bool isAddress(std::string const& text) { return IpAddress::fromText(text).has_value(); }
 
+bool isPattern(std::string const& text) { return isLogPattern(text); }
+
+bool isSpan(std::string const& text) { return parseSeconds(text).has_value(); }
+
 bool isLogFile(std::string const& text)
 {
   return text.starts_with('/') || text == "stderr" || text == "syslog";
@@ -69,6 +73,10 @@ private:
   IntegerKey const* integer = nullptr; // then it says both
 };
 
+constexpr std::string_view EXPLORER = "EXPLORER.";
+constexpr std::string_view EXPLORER_INTERVAL = "EXPLORER_INTERVAL.";
+constexpr std::string_view EXPLORER_EXPIRY = "EXPLORER_EXPIRY.";
+
 constexpr KeyRule RULES[] = {
     {"SERVER", Occurs::Once, isHostName, "a host name or an address"},
     {"CLIENT_NAME", Occurs::Once, isHostName, "a host name"},
@@ -76,6 +84,11 @@ constexpr KeyRule RULES[] = {
      "true, yes, on, 1, false, no, off and 0"},
     {LOG_LEVEL_KEY},
     {"LOG_FILE", Occurs::Once, isLogFile, "an absolute path, stderr and syslog"},
+    {"LOG_EXCEPT", Occurs::AsList, isPattern,
+     "patterns of texts, one a line, with five letters at least beside *"},
+    {EXPLORER, Occurs::Once, isBoolean, "true, yes, on, 1, false, no, off and 0"},
+    {EXPLORER_INTERVAL, Occurs::Once, isSpan, "spans of time as 90s, 15m, 1h and 2d"},
+    {EXPLORER_EXPIRY, Occurs::Once, isSpan, "spans of time as 90s, 15m, 1h and 2d"},
     {ORB_PORT_KEY},
     {"ORB_BIND", Occurs::AsList, isAddress, "one IPv4 or IPv6 address a line"},
     {HOST_ADDRESS_KEY, Occurs::Once, isAddress, "an IPv4 or IPv6 address"},
@@ -91,6 +104,11 @@ KeyRule const* findRule(std::string_view key)
   return nullptr;
 }
 
+bool isAboutExplorer(KeyRule const& rule)
+{
+  return rule.key == EXPLORER || rule.key == EXPLORER_INTERVAL || rule.key == EXPLORER_EXPIRY;
+}
+
 std::string knownKeys()
 {
   std::string text;
@@ -98,8 +116,12 @@ std::string knownKeys()
   {
     text += text.empty() ? "" : ", ";
     text += rule.key;
-    if (rule.key.ends_with('.'))
-      text += rule.key == HOST_ADDRESS_KEY ? "<host>" : "<service>";
+    if (rule.key == HOST_ADDRESS_KEY)
+      text += "<host>";
+    else if (isAboutExplorer(rule))
+      text += "<explorer>";
+    else if (rule.key.ends_with('.'))
+      text += "<service>";
   }
   return text;
 }
@@ -158,6 +180,9 @@ std::vector<ConfigurationProblem> Configuration::check() const
     }
     if (*use.key == rule->key && rule->key.ends_with('.'))
       add(*use.key + " lacks the name after the dot");
+    else if (isAboutExplorer(*rule) && !isDefaultExplorer(use.key->substr(rule->key.size())))
+      add("there is no explorer of the name in " + quoted(*use.key) +
+          "; accepted: filesystem, host, service and volume");
     if (!rule->accepts(*use.value))
       add(quoted(*use.key) + " is " + quoted(*use.value) + "; accepted: " + rule->accepted());
     auto const [first, isFirst] = firstLine.emplace(sameKey(*use.key), use.line);

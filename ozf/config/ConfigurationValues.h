@@ -5,6 +5,7 @@
 
 #include "ozf/base/AsciiCase.h"
 
+#include <algorithm>
 #include <charconv>
 #include <optional>
 #include <string_view>
@@ -31,6 +32,40 @@ inline std::optional<long> parseInteger(std::string_view text, long low, long hi
   if (error != std::errc() || stop != end || number < low || number > high)
     return {};
   return number;
+}
+
+// Seconds, of "90s", "15m", "1h", "2d", "1w" or a number alone; at most ten years.
+inline std::optional<long> parseSeconds(std::string_view text)
+{
+  constexpr std::string_view UNITS = "smhdw";
+  constexpr long SECONDS[] = {1, 60, 3600, 86400, 604800};
+  constexpr long MOST = 3653L * 86400;
+  long factor = 1;
+  if (!text.empty())
+    if (auto const unit = UNITS.find(text.back()); unit != std::string_view::npos)
+    {
+      factor = SECONDS[unit];
+      text.remove_suffix(1);
+    }
+  auto const number = parseInteger(text, 1, MOST / factor);
+  return number ? std::optional(*number * factor) : std::nullopt;
+}
+
+// The explorers of the default library, which keys are about.
+inline bool isDefaultExplorer(std::string_view name)
+{
+  for (char const* const known : {"filesystem", "host", "service", "volume"})
+    if (name == known)
+      return true;
+  return false;
+}
+
+// A pattern that keeps the whole log out was not meant.
+inline bool isLogPattern(std::string_view text)
+{
+  constexpr auto LEAST = 5;
+  return std::count_if(text.begin(), text.end(), [](char c) { return c != '*' && c != ' '; }) >=
+         LEAST;
 }
 
 } // namespace Quillon::Tessarine::Ozf

@@ -2,6 +2,8 @@
 
 #pragma once
 
+#include "ozf/base/Export.h"
+
 #include <array>
 #include <optional>
 #include <string>
@@ -13,7 +15,7 @@ namespace Quillon::Tessarine::Ozf
 
 // An IPv4 address is kept in its IPv6 form ::ffff:a.b.c.d, so that both forms
 // of one address are equal. Interface scopes are not kept.
-class IpAddress
+class OZF_EXPORT IpAddress
 {
 public:
   // Text is a dotted quad or an IPv6 address, the latter with or without a

@@ -48,6 +48,11 @@ TEST_F(ConfigurationCheckTest, AcceptsEveryKeyOfTheProduct)
                     "HOST_ADDRESS.master.example.com = 127.0.0.1\n"
                     "HOST_ADDRESS.client1 = 127.0.0.2\n"
                     "COLLECTION_PAGE_SIZE = 2147483647\n"
+                    "LOG_EXCEPT = Successfully renamed *\n"
+                    "LOG_EXCEPT = Unable to delete *.dat (*\n"
+                    "EXPLORER.host = off\n"
+                    "EXPLORER_INTERVAL.filesystem = 15m\n"
+                    "EXPLORER_EXPIRY.filesystem = 1d\n"
                     "READ_LIMIT_SECONDS = 60\n"),
               IsEmpty());
   EXPECT_THAT(check("LOG_FILE = stderr\n"), IsEmpty());
@@ -60,6 +65,23 @@ TEST_F(ConfigurationCheckTest, AnUnknownKeyIsNamedWithThoseThatAreKnown)
               ElementsAre(AllOf(HasSubstr(":2: unknown key \"SERVR\""), HasSubstr("SERVER, "),
                                 HasSubstr("ORB_PORT.<service>"), HasSubstr("HOST_ADDRESS.<host>")),
                           HasSubstr(":3: unknown key \"server\"")));
+}
+
+TEST_F(ConfigurationCheckTest, SaysWhichExplorersAndSpansThereAre)
+{
+  EXPECT_THAT(check("EXPLORER.flesystem = off\n"
+                    "EXPLORER.host = perhaps\n"
+                    "EXPLORER_INTERVAL.host = 0\n"
+                    "EXPLORER_INTERVAL.service = 1y\n"
+                    "EXPLORER_EXPIRY. = 1h\n"
+                    "LOG_EXCEPT = * *\n"),
+              ElementsAre(HasSubstr(":1: there is no explorer of the name in "
+                                    "\"EXPLORER.flesystem\"; accepted: filesystem, host"),
+                          HasSubstr(":2: \"EXPLORER.host\" is \"perhaps\""),
+                          HasSubstr(":3: \"EXPLORER_INTERVAL.host\" is \"0\"; accepted: spans"),
+                          HasSubstr(":4: \"EXPLORER_INTERVAL.service\" is \"1y\""),
+                          HasSubstr(":5: EXPLORER_EXPIRY. lacks the name"),
+                          HasSubstr(":6: \"LOG_EXCEPT\" is \"* *\"; accepted: patterns")));
 }
 
 TEST_F(ConfigurationCheckTest, SaysOfEachWrongValueWhatIsAccepted)
