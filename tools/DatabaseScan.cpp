@@ -8,6 +8,7 @@
 #include "ozf/base/OzfPathname.h"
 #include "ozf/base/SystemError.h"
 #include "ozf/base/Wildcard.h"
+#include "ozf/xml/XmlDocumentInterface.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -95,8 +96,38 @@ private:
   std::unique_ptr<ACE_File_Lock> m_lock;
 };
 
+// Asks of a document nothing but that it is one.
+class AnyDocument : public XmlDocumentInterface
+{
+public:
+  int xmlStartElement(XmlObjParseContext* context, XMLCh const*, AttributeList&) override
+  {
+    context->clearText();
+    return 1;
+  }
+  int xmlEndElement(XmlObjParseContext* context, XMLCh const*) override
+  {
+    context->clearText();
+    return 1;
+  }
+};
+
+// Reads the open payload to its end; the reason when that fails, or when readers
+// could make nothing of it.
+std::string examinePayload(int fd)
+{
+  std::string text;
+  if (int const error = readAll(fd, text, MAX_STORED_PAYLOAD); error != 0)
+    return "cannot be read: " + errorText(error);
+  if (text.empty())
+    return "is empty";
+  AnyDocument document;
+  return document.parseBuffer(std::string_view(text)) ? "" : "is no XML: " + document.lastError();
+}
+
 // Reads and checks one discovery; the reason when it is not sound.
-std::string examine(std::string const& directory, std::string const& file, StoredDiscovery& found)
+std::string examine(std::string const& directory, std::string const& file, bool payloads,
+                    StoredDiscovery& found)
 {
   uid_t const user = serviceUser(directory);
   ScannedFile held(directory + '/' + file, user);
@@ -154,7 +185,10 @@ std::string examine(std::string const& directory, std::string const& file, Store
   if (::fstat(payload.get(), &status) != 0)
     return "has a payload that cannot be examined: " + errorText(errno);
   found.payloadBytes = static_cast<std::uint64_t>(status.st_size);
-  return {};
+  if (!payloads)
+    return {};
+  std::string const reason = examinePayload(payload.get());
+  return reason.empty() ? "" : "has a payload that " + reason;
 }
 
 bool lessByName(StoredDiscovery const& a, StoredDiscovery const& b)
@@ -168,7 +202,7 @@ bool lessByName(StoredDiscovery const& a, StoredDiscovery const& b)
 
 } // namespace
 
-int scanDatabase(std::string const& directory, DatabaseContents& contents)
+int scanDatabase(std::string const& directory, DatabaseContents& contents, bool payloads)
 {
   std::set<std::string> names;
   {
@@ -200,7 +234,7 @@ int scanDatabase(std::string const& directory, DatabaseContents& contents)
     else if (wildcardcmp("*.xml", name) == 0)
     {
       StoredDiscovery found;
-      std::string const reason = examine(directory, name, found);
+      std::string const reason = examine(directory, name, payloads, found);
       struct stat status
       {
       };

@@ -46,9 +46,10 @@ struct DatabaseContents
   std::vector<std::string> temporaryFiles;  // payloads being written, or left over
 };
 
-// Reads the whole directory. Returns 0, or the errno value when the directory
+// Reads the whole directory; with payloads also what is in the payload files, one
+// at a time, which are to be XML. Returns 0, or the errno value when the directory
 // itself cannot be read.
-int scanDatabase(std::string const& directory, DatabaseContents& contents);
+int scanDatabase(std::string const& directory, DatabaseContents& contents, bool payloads = false);
 
 // Reads the payload of a discovery of the directory under its metadata's lock.
 // False with the reason when it cannot be read.

@@ -10,6 +10,7 @@
 #include "tools/Format.h"
 #include "tools/Output.h"
 #include "tools/Table.h"
+#include "tools/TypeNames.h"
 #include "tools/XmlText.h"
 
 #include <CLI/CLI.hpp>
@@ -34,12 +35,13 @@ struct DbOptions
   std::string authority;
   std::string type;
   bool raw = false;
+  bool quick = false;
 };
 
 // False, with a message, when the directory cannot be read.
-bool scan(DbOptions const& options, DatabaseContents& contents)
+bool scan(DbOptions const& options, DatabaseContents& contents, bool payloads = false)
 {
-  int const error = scanDatabase(options.directory, contents);
+  int const error = scanDatabase(options.directory, contents, payloads);
   if (error == 0)
     return true;
   std::cerr << "tqdiscoctl: cannot read the database directory " << options.directory << ": "
@@ -103,6 +105,10 @@ int list(DbOptions const& options)
                  formatSize(discovery.payloadBytes)});
     }
     table.print(std::cout, terminalWidth(STDOUT_FILENO), terminalStyles(STDOUT_FILENO));
+    std::set<AuthorityType> types;
+    for (StoredDiscovery const& discovery : contents.discoveries)
+      types.insert(discovery.type);
+    explainTypes(types);
   }
   reportProblems(contents);
   if (!contents.problems.empty())
@@ -187,7 +193,7 @@ int show(DbOptions const& options)
 int verify(DbOptions const& options)
 {
   DatabaseContents contents;
-  if (!scan(options, contents))
+  if (!scan(options, contents, !options.quick))
     return EXIT_FAILED;
 
   if (options.json)
@@ -245,7 +251,10 @@ void addDbCommands(CLI::App& application, int& exitCode)
   showCommand->callback([options, &exitCode] { exitCode = show(*options); });
 
   CLI::App* const verifyCommand = db->add_subcommand(
-      "verify", "Check that every file can be read and parsed and has its partner");
+      "verify", "Check that every file may be opened by the service, can be read and parsed and "
+                "has its partner, payloads too");
+  verifyCommand->add_flag("-q,--quick", options->quick,
+                          "Leave the payloads unread: only that they are there");
   verifyCommand->add_flag("--json", options->json, "As JSON");
   verifyCommand->callback([options, &exitCode] { exitCode = verify(*options); });
 

@@ -362,7 +362,9 @@ void addForgetCommand(CLI::App& db, std::shared_ptr<std::string const> const& di
   auto const options = std::make_shared<ForgetOptions>();
   options->directory = directory;
   CLI::App* const command = db.add_subcommand(
-      "forget", "Remove what is stored of one subject, also while the service runs");
+      "forget",
+      "Remove what is stored of one subject, also while the service runs. It takes access to the "
+      "master's files: through the service nothing is removed, it only expires");
   command->add_option("SUBJECT", options->subject, "The subject's name, no pattern")->required();
   command->add_option("AUTHORITY", options->authority, "Only by this authority");
   command

@@ -47,7 +47,7 @@ int main(int argc, char** argv)
   using Quillon::Tessarine::Ozf::LoggerFactory;
   LoggerFactory::setLevel(0);
 
-  CLI::App application("Shows what the discovery service knows, and tells it what to do.",
+  CLI::App application("Shows the discoveries of a fleet, and tells its services what to do.",
                        "tqdiscoctl");
   application.set_version_flag("--version", "tqdiscoctl " TQ_VERSION)
       ->description("Print the version");

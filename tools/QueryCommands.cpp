@@ -6,6 +6,7 @@
 #include "tools/ReaderGone.h"
 #include "tools/Records.h"
 #include "tools/Table.h"
+#include "tools/TypeNames.h"
 
 #include <CLI/CLI.hpp>
 
@@ -36,27 +37,6 @@ void print(Table const& table)
   table.print(std::cout, terminalWidth(STDOUT_FILENO), terminalStyles(STDOUT_FILENO));
 }
 
-// For people, of the types in the list.
-void explainTypes(std::vector<Record> const& records)
-{
-  if (isatty(STDOUT_FILENO) == 0)
-    return;
-  std::set<AuthorityType> types;
-  for (Record const& record : records)
-    types.insert(record.type);
-  std::string text;
-  for (auto const& [type, meaning] :
-       {std::pair(AT_TQUSERVER, "of the master, or put in"),
-        std::pair(AT_TQUCLIENT, "found by a host's explorers"),
-        std::pair(AT_EXTSRC, "put in, or what can be asked for"),
-        std::pair(AT_REMOTEPULL, "made by another host when it is read")})
-    if (types.count(type) != 0)
-      text += (text.empty() ? "(" : "; ") + formatType(type) + ": " + meaning;
-  std::cout.flush();
-  if (!text.empty())
-    remark(text + ')');
-}
-
 int query(QueryOptions const& options, Session const& session)
 {
   WhileRead const whileRead;
@@ -84,7 +64,10 @@ int query(QueryOptions const& options, Session const& session)
       table.add({record.subject, record.authority, formatType(record.type),
                  formatAgeOf(record, now), formatExpiryOf(record, now)});
     print(table);
-    explainTypes(records);
+    std::set<AuthorityType> types;
+    for (Record const& record : records)
+      types.insert(record.type);
+    explainTypes(types);
   }
   if (!records.empty())
     return result;
@@ -172,15 +155,14 @@ void addQueryCommands(CLI::App& application, Session& session)
 {
   auto const options = std::make_shared<QueryOptions>();
 
-  CLI::App* const queryCommand =
-      application.add_subcommand("query", "List the discoveries that the master knows");
+  CLI::App* const queryCommand = application.add_subcommand("query", "List the discoveries");
   addSelectionOptions(*queryCommand, options->selection);
   queryCommand->add_flag("--json", options->json, "As JSON");
   queryCommand->callback([options, &session] { session.exitCode = query(*options, session); });
 
   CLI::App* const hostsCommand =
-      application.add_subcommand("hosts", "Tell what is known of each host, how old it is, and "
-                                          "when the first of it expires");
+      application.add_subcommand("hosts", "Tell of each host how many discoveries there are, how "
+                                          "old the latest is, and when the first expires");
   hostsCommand
       ->add_option("-s,--subject", options->selection.subject,
                    "Only hosts that match; * is any text")

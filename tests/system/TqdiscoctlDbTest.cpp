@@ -208,6 +208,25 @@ TEST_F(TqdiscoctlDbTest, verifyCountsWhatIsSoundAndNamesWhatIsNot)
   EXPECT_EQ(json["problems"].size(), 4U);
 }
 
+TEST_F(TqdiscoctlDbTest, verifyReadsPayloadsUnlessItIsToBeQuick)
+{
+  for (char const* const subject : {"cut", "empty", "whole", "zeros"})
+    store(subject, "host", "<a><b/></a>");
+  writeText(m_database + "/2 host cut.dat", "<a><b/>");
+  writeText(m_database + "/2 host empty.dat", "");
+  writeText(m_database + "/2 host zeros.dat", std::string(11, '\0'));
+  Outcome const outcome = run({"db", "verify"});
+  EXPECT_EQ(outcome.exitCode, 4);
+  for (char const* const line :
+       {"\"2 host cut.xml\" has a payload that is no XML: ",
+        "\"2 host empty.xml\" has a payload that is empty\n",
+        "\"2 host zeros.xml\" has a payload that is no XML: ", "1 sound, 3 problems\n"})
+    EXPECT_THAT(outcome.output, HasSubstr(line));
+  Outcome const quick = run({"db", "verify", "--quick"});
+  EXPECT_EQ(quick.exitCode, 0);
+  EXPECT_EQ(quick.output, "4 sound, 0 problems\n");
+}
+
 TEST_F(TqdiscoctlDbTest, aMissingDirectoryExitsWith1AndIsNamed)
 {
   std::filesystem::remove_all(m_database);
