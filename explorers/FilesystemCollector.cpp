@@ -10,8 +10,11 @@
 
 #include <algorithm>
 #include <array>
+#include <map>
 #include <memory>
+#include <set>
 #include <string_view>
+#include <utility>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers
 {
@@ -53,10 +56,67 @@ int skipLine(libmnt_table*, char const* file, int line)
   return 1;
 }
 
+// Where mounts stand, to follow paths as the kernel does.
+class MountTree
+{
+public:
+  void add(int id, int parent, std::string const& mountPoint)
+  {
+    m_over[{parent, mountPoint}] = id;
+    m_parents.emplace(id, std::pair(parent, mountPoint));
+  }
+
+  // Whether the path to the mount ends at another one. One whose place is not
+  // known, as the mounts above it are not in the table, is not hidden.
+  bool isHidden(int id) const
+  {
+    auto const found = m_parents.find(id);
+    if (found == m_parents.end())
+      return false;
+    auto const [parent, mountPoint] = found->second;
+    int at = topmost();
+    if (at == NONE || m_parents.count(parent) == 0)
+      return at != NONE && mountPoint == "/" && at != id;
+    for (std::size_t end = 0; end != std::string::npos && mountPoint != "/";)
+    {
+      end = mountPoint.find('/', end + 1);
+      at = climbed(at, mountPoint.substr(0, end));
+    }
+    return at != id;
+  }
+
+private:
+  static constexpr int NONE = -1;
+
+  // What is mounted over the place, on top of that mount.
+  int climbed(int at, std::string const& place) const
+  {
+    std::set<int> seen; // a damaged table may have loops
+    for (auto over = m_over.find({at, place}); over != m_over.end() && seen.insert(at).second;
+         over = m_over.find({at, place}))
+      at = over->second;
+    return at;
+  }
+
+  // The root that processes see.
+  int topmost() const
+  {
+    for (auto const& [id, place] : m_parents)
+      if (place.second == "/" && (m_parents.count(place.first) == 0 || place.first == id))
+        return climbed(id, "/");
+    return NONE;
+  }
+
+  std::map<std::pair<int, std::string>, int> m_over; // the last mount on a parent at a place
+  std::map<int, std::pair<int, std::string>> m_parents;
+};
+
 std::vector<Filesystem> readMountTable(std::string const& root)
 {
   std::string const file = below(root, "proc/self/mountinfo");
   std::vector<Filesystem> mounts;
+  std::vector<int> ids;
+  MountTree tree;
   std::unique_ptr<libmnt_table, Release> const table(mnt_new_table());
   std::unique_ptr<libmnt_iter, Release> const iterator(mnt_new_iter(MNT_ITER_FORWARD));
   if (!table || !iterator)
@@ -81,9 +141,14 @@ std::vector<Filesystem> readMountTable(std::string const& root)
     mount.device = mnt_fs_get_devno(entry);
     mount.options = text(mnt_fs_get_options(entry));
     mount.kind = classifyMount(mount.type, mount.device);
-    if (!mount.mountPoint.empty() && !mount.type.empty())
-      mounts.push_back(std::move(mount));
+    if (mount.mountPoint.empty() || mount.type.empty())
+      continue;
+    ids.push_back(mnt_fs_get_id(entry));
+    tree.add(ids.back(), mnt_fs_get_parent_id(entry), mount.mountPoint);
+    mounts.push_back(std::move(mount));
   }
+  for (std::size_t i = 0; i < mounts.size(); ++i)
+    mounts[i].hidden = tree.isHidden(ids[i]);
   return mounts;
 }
 
@@ -116,6 +181,8 @@ char const* toText(MountKind kind)
   {
   case MountKind::Local:
     return "local";
+  case MountKind::Memory:
+    return "memory";
   case MountKind::Network:
     return "network";
   case MountKind::Pseudo:
@@ -135,6 +202,8 @@ MountKind classifyMount(std::string const& type, dev_t device)
   // Folders of a virtual machine's host: answered by another machine.
   if (type == "virtiofs" || type == "vboxsf")
     return MountKind::Other;
+  if (type == "tmpfs")
+    return MountKind::Memory;
   if (mnt_fstype_is_pseudofs(type.c_str()) != 0)
     return MountKind::Pseudo;
   return major(device) != 0 || contains(MULTI_DEVICE_TYPES, type) ? MountKind::Local
@@ -149,15 +218,15 @@ std::vector<Filesystem> collectFilesystems(std::string const& root, SpaceProbe& 
   probe.begin();
   for (auto& mount : mounts)
   {
-    if (mount.kind != MountKind::Local)
+    if (mount.kind != MountKind::Local && mount.kind != MountKind::Memory)
       continue;
     auto const identity = identities.find(kernelNameOf(root, mount.source),
                                           major(mount.device) != 0 ? mount.device : 0);
     mount.uuid = identity.uuid;
     mount.label = identity.label;
-    if (std::none_of(places.begin(), places.end(),
-                     [&](std::string const& place)
-                     { return leadsThrough(mount.mountPoint, place); }))
+    if (!mount.hidden && std::none_of(places.begin(), places.end(),
+                                      [&](std::string const& place)
+                                      { return leadsThrough(mount.mountPoint, place); }))
       mount.space = probe.measure(mount.mountPoint, mount.device);
   }
   return mounts;

@@ -10,10 +10,12 @@
 namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers
 {
 
-// What may be done with a mount. Only a local one is ever touched.
+// What may be done with a mount. Only a local one and one in memory are ever
+// touched.
 enum class MountKind
 {
   Local,
+  Memory, // kept in memory up to a size that it has
   Network,
   Pseudo, // kept by the kernel, without a device of its own
   Other   // automounters, file systems of user processes, and all that is not known to be local
@@ -30,8 +32,9 @@ struct Filesystem
   std::string root; // what of the file system is mounted; "/" for all of it
   dev_t device = 0;
   std::string options;
-  std::string uuid;  // empty when not known
-  std::string label; // likewise; any bytes
+  std::string uuid;    // empty when not known
+  std::string label;   // likewise; any bytes
+  bool hidden = false; // no path leads there: something else is mounted over it
   std::optional<Space> space;
 };
 
@@ -40,8 +43,8 @@ MountKind classifyMount(std::string const& type, dev_t device);
 // Every entry of the mount table, root/proc/self/mountinfo, in its order; none,
 // with a log line, when it cannot be read; lines that are damaged are left out.
 //
-// A local file system is measured with probe, unless the way to it leads
-// through a mount that must not be touched: the kernel walks every component
+// A local file system, and one in memory, is measured with probe, unless no way
+// leads to it, or one through a mount that must not be touched: the kernel walks every component
 // of a path. Two file systems mounted over each other count as such a way for
 // both. The way through "/" is always taken, since a host whose root is dead is
 // dead itself.

@@ -40,13 +40,15 @@ Value usedShare(Filesystem const& mount)
   return std::to_string(static_cast<unsigned>(std::ceil(100 * used / all))) + '%';
 }
 
-constexpr std::array<Fact<Filesystem>, 15> FACTS = {{
+constexpr std::array<Fact<Filesystem>, 16> FACTS = {{
     {"MountPoint", Type::TEXT, "Where the file system is mounted",
      [](Filesystem const& mount) -> Value { return known(mount.mountPoint); }},
     {"Type", Type::TEXT, "The type of the file system",
      [](Filesystem const& mount) -> Value { return known(mount.type); }},
-    {"Kind", Type::TEXT, "local, network, pseudo or other",
+    {"Kind", Type::TEXT, "local, memory, network, pseudo or other",
      [](Filesystem const& mount) -> Value { return toText(mount.kind); }},
+    {"Hidden", Type::BOOLEAN, "true where another file system is mounted over it",
+     [](Filesystem const& mount) -> Value { return mount.hidden ? Value("true") : std::nullopt; }},
     {"Source", Type::TEXT, "The device or share that is mounted",
      [](Filesystem const& mount) -> Value { return known(mount.source); }},
     {"Root", Type::TEXT, "The folder of the file system that is mounted",

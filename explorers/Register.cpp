@@ -37,6 +37,10 @@
 #include "explorers/VolumeExplorer.h"
 #include "explorers/VolumeFilterExplorer.h"
 #include "ozf/base/OzfHostname.h"
+#include "ozf/config/Configuration.h"
+#include "ozf/config/ConfigurationValues.h"
+
+#include <optional>
 
 namespace
 {
@@ -71,10 +75,36 @@ std::string localHost(char const* operation)
   return host.exportNarrow();
 }
 
+// What the configuration says of an explorer of this library.
+bool isWanted(char const* name)
+{
+  bool wanted = true;
+  getConfiguration()->getBoolean(std::string("EXPLORER.") + name, true, wanted);
+  return wanted;
+}
+
+std::optional<PollingInterval> secondsOf(char const* key, char const* name)
+{
+  std::string const* const text = getConfiguration()->find(std::string(key) + name);
+  auto const seconds = text == nullptr ? std::nullopt : parseSeconds(*text);
+  return seconds ? std::optional(static_cast<PollingInterval>(*seconds)) : std::nullopt;
+}
+
+// As the configuration wants it. Takes the explorer over.
+void registerTimed(DiscoveryRepository& repository, std::string const& host,
+                   Explorers::TimedExplorer* timed, AuthorityType type)
+{
+  AutoDereference<ExplorerPush> const explorer(timed);
+  char const* const name = explorer->getExplorerName();
+  if (!isWanted(name))
+    return;
+  timed->configure(secondsOf("EXPLORER_INTERVAL.", name), secondsOf("EXPLORER_EXPIRY.", name));
+  registerPush(repository, host, explorer, type);
+}
+
 void registerFilterData(DiscoveryRepository& repository, std::string const& host)
 {
-  AutoDereference<ExplorerPush> const filter(new Explorers::VolumeFilterExplorer);
-  registerPush(repository, host, filter, AT_EXTSRC);
+  registerTimed(repository, host, new Explorers::VolumeFilterExplorer, AT_EXTSRC);
 }
 
 } // namespace
@@ -87,19 +117,21 @@ extern "C"
     std::string const host = localHost("RegisterExplorers");
     if (repository == nullptr || host.empty())
       return;
-    AutoDereference<ExplorerPush> const filesystem(new Explorers::FilesystemExplorer);
-    registerPush(*repository, host, filesystem, AT_TQUCLIENT);
-    AutoDereference<ExplorerPush> const hostExplorer(new Explorers::HostExplorer);
-    registerPush(*repository, host, hostExplorer, AT_TQUCLIENT);
-    AutoDereference<ExplorerPush> const service(new Explorers::ServiceExplorer(
-        [repository, start = OzfObjTime::now()]
-        {
-          return Explorers::collectService(*repository, getDiscoveryDBDatabase()->getDirectory(),
-                                           start);
-        }));
-    registerPush(*repository, host, service, AT_TQUCLIENT);
-    AutoDereference<ExplorerPull> const volume(new Explorers::VolumeExplorer);
-    registerPull(*repository, host, volume, AT_TQUCLIENT);
+    registerTimed(*repository, host, new Explorers::FilesystemExplorer, AT_TQUCLIENT);
+    registerTimed(*repository, host, new Explorers::HostExplorer, AT_TQUCLIENT);
+    registerTimed(*repository, host,
+                  new Explorers::ServiceExplorer(
+                      [repository, start = OzfObjTime::now()]
+                      {
+                        return Explorers::collectService(
+                            *repository, getDiscoveryDBDatabase()->getDirectory(), start);
+                      }),
+                  AT_TQUCLIENT);
+    if (isWanted(Explorers::VOLUME))
+    {
+      AutoDereference<ExplorerPull> const volume(new Explorers::VolumeExplorer);
+      registerPull(*repository, host, volume, AT_TQUCLIENT);
+    }
 
     // The service loads explorers and parsers only, and filter data must be
     // stored on every host that has it.

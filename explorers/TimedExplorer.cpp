@@ -11,7 +11,27 @@ namespace
 {
 constexpr char SOURCE[] = "TimedExplorer";
 constexpr char OPERATION[] = "TimedExplorer::explore";
+
+// The attributes with an interval of which the expiry comes, which is a quarter
+// longer, here and at the master.
+CollectionAttributes withExpiry(CollectionAttributes const& attributes,
+                                std::optional<PollingInterval> expiry)
+{
+  if (!expiry)
+    return attributes;
+  return CollectionAttributes(
+      attributes.getType(), attributes.getStorage(), attributes.getDiscoveryTime(),
+      OzfObjTime(static_cast<std::int64_t>((*expiry * 4 + 4) / 5)), attributes.getPriority());
+}
+
 } // namespace
+
+void TimedExplorer::configure(std::optional<PollingInterval> interval,
+                              std::optional<PollingInterval> expiry)
+{
+  m_interval = interval.value_or(m_interval);
+  m_expiry = expiry;
+}
 
 void TimedExplorer::explore(Authority const& authority, Subject const& subject,
                             CollectionAttributes const& attributes, AutoDereference<OZFRefCounted>&,
@@ -25,7 +45,7 @@ void TimedExplorer::explore(Authority const& authority, Subject const& subject,
       OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
               "Explorer " << getExplorerName() << " was given no way to create discoveries");
     else
-      result.discStatus = run(authority, subject, attributes, *factory);
+      result.discStatus = run(authority, subject, withExpiry(attributes, m_expiry), *factory);
   }
   catch (std::exception const& exception)
   {

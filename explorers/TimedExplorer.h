@@ -5,6 +5,7 @@
 #include "discovery/Explorer.h"
 
 #include <mutex>
+#include <optional>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers
 {
@@ -23,6 +24,10 @@ public:
                CollectionAttributes const& attributes, AutoDereference<OZFRefCounted>& context,
                DiscoveryFactory* factory, DiscoveryResult& result) final;
 
+  // Another interval, and how long what is found holds: a quarter longer than the
+  // interval when nothing is said. Before it is registered.
+  void configure(std::optional<PollingInterval> interval, std::optional<PollingInterval> expiry);
+
   OzfObjTime getLastExplorationTime() final;
   void setLastExplorationTime(OzfObjTime const& time) final;
   PollingInterval getPollingInterval() final { return m_interval; }
@@ -37,7 +42,8 @@ protected:
                               DiscoveryFactory const& factory) = 0;
 
 private:
-  PollingInterval const m_interval;
+  PollingInterval m_interval;
+  std::optional<PollingInterval> m_expiry;
   std::mutex m_mutex;
   OzfObjTime m_lastExploration; // guarded by m_mutex
 };

@@ -93,6 +93,16 @@ std::string diskOf(std::string const& folder)
   return error ? "" : real.parent_path().filename().string();
 }
 
+// A disk that a machine's host makes up. What it says of its mechanics is a
+// default of the driver, and its vendor a number for drivers.
+bool isMadeUp(std::string const& diskFolder)
+{
+  std::error_code error;
+  auto const bus =
+      std::filesystem::canonical(below(diskFolder, "device/subsystem"), error).filename();
+  return !error && (bus == "virtio" || bus == "xen");
+}
+
 Volume collectVolume(std::string const& folder, std::string const& kernelName,
                      DeviceIdentities const& identities)
 {
@@ -117,7 +127,9 @@ Volume collectVolume(std::string const& folder, std::string const& kernelName,
     volume.parts.push_back(pathOf(part));
   volume.mapName = readFact(folder, "dm/name").value_or("");
   volume.removable = flag(diskFolder, "removable");
-  volume.rotational = flag(diskFolder, "queue/rotational");
+  bool const madeUp = isMadeUp(diskFolder);
+  if (!madeUp)
+    volume.rotational = flag(diskFolder, "queue/rotational");
   volume.sectorSize = readNumber(diskFolder, "queue/logical_block_size");
 
   auto const identity = identities.find(kernelName, deviceNumber(folder));
@@ -126,7 +138,8 @@ Volume collectVolume(std::string const& folder, std::string const& kernelName,
   volume.label = identity.label;
   volume.partitionUuid = identity.partitionUuid;
   volume.partitionLabel = identity.partitionLabel;
-  volume.vendor = readFact(diskFolder, "device/vendor").value_or("");
+  if (!madeUp)
+    volume.vendor = readFact(diskFolder, "device/vendor").value_or("");
   volume.model = readFact(diskFolder, "device/model").value_or(identity.model);
   volume.serial = readFact(diskFolder, "device/serial").value_or(identity.serial);
   return volume;

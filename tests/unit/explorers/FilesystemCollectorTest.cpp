@@ -84,12 +84,12 @@ TEST(FilesystemCollector, aLocalFileSystemHasAllItsFacts)
   EXPECT_EQ((Space{1001, 10, 20, 30, 3}), *boot.space);
 }
 
-TEST(FilesystemCollector, measuresLocalFileSystemsAndNothingElse)
+TEST(FilesystemCollector, measuresFileSystemsThatAreLocalOrInMemoryAndNothingElse)
 {
   Recorder recorder;
   collect(fixture("server"), recorder);
   EXPECT_THAT(recorder.measured, ElementsAre("/", "/boot", "/boot/efi", "/home", "/srv/old photos",
-                                             "/srv/album", "/mnt/tab\tand\\slash"));
+                                             "/srv/album", "/tmp", "/mnt/tab\tand\\slash"));
 }
 
 TEST(FilesystemCollector, aLocalFileSystemBehindADeadShareIsListedAndNotTouched)
@@ -218,7 +218,7 @@ TEST(FilesystemCollector, onlyWhatIsKnownToBeLocalIsLocal)
       {"ceph", none, MountKind::Network},      {"lustre", none, MountKind::Network},
       {"gfs2", disk, MountKind::Network},      {"ocfs2", disk, MountKind::Network},
       {"proc", none, MountKind::Pseudo},       {"sysfs", none, MountKind::Pseudo},
-      {"tmpfs", none, MountKind::Pseudo},      {"overlay", none, MountKind::Pseudo},
+      {"tmpfs", none, MountKind::Memory},      {"overlay", none, MountKind::Pseudo},
       {"cgroup2", none, MountKind::Pseudo},    {"fusectl", none, MountKind::Pseudo},
       {"autofs", none, MountKind::Other},      {"fuse", none, MountKind::Other},
       {"fuse.portal", none, MountKind::Other}, {"fuseblk", disk, MountKind::Other},
@@ -236,4 +236,32 @@ TEST(FilesystemCollector, thisHostHasARootAndAProcessFileSystem)
   auto const proc = find(mounts, "/proc");
   EXPECT_EQ(MountKind::Pseudo, proc.kind);
   EXPECT_FALSE(proc.space);
+}
+
+TEST(FilesystemCollector, aFileSystemUnderAnotherIsHiddenAndNotMeasured)
+{
+  TempDir const dir;
+  writeTable(dir, "26 1 8:1 / / rw - ext4 /dev/sda1 rw\n"
+                  "40 26 8:2 / /srv rw - ext4 /dev/sda2 rw\n"
+                  "41 40 8:3 / /srv/data rw - ext4 /dev/sda3 rw\n"
+                  "42 40 0:50 / /srv rw - tmpfs tmpfs rw\n"
+                  "43 42 8:4 / /srv/new rw - ext4 /dev/sda4 rw\n"
+                  "44 26 8:5 / /a/b rw - ext4 /dev/sda5 rw\n"
+                  "45 26 8:6 / /a rw - ext4 /dev/sda6 rw\n");
+  Recorder recorder;
+  std::string hidden;
+  for (auto const& mount : collect(dir.path(), recorder))
+    hidden += mount.hidden ? mount.source + ' ' : "";
+  EXPECT_EQ("/dev/sda2 /dev/sda3 /dev/sda5 ", hidden);
+  EXPECT_THAT(recorder.measured, ElementsAre("/", "/srv", "/srv/new", "/a"));
+}
+
+TEST(FilesystemCollector, mountsThatAreEachOthersParentsEndTheSearch)
+{
+  TempDir const dir;
+  writeTable(dir, "1 1 8:1 / / rw - ext4 /dev/sda1 rw\n"
+                  "2 3 8:2 / / rw - ext4 /dev/sda2 rw\n"
+                  "3 2 8:3 / / rw - ext4 /dev/sda3 rw\n");
+  Recorder recorder;
+  EXPECT_EQ(3U, collect(dir.path(), recorder).size());
 }

@@ -8,6 +8,7 @@
 #include "explorers/VolumeExplorer.h"
 #include "explorers/VolumeFilterExplorer.h"
 #include "ozf/base/OzfHostname.h"
+#include "ozf/config/Configuration.h"
 
 #include <gmock/gmock.h>
 
@@ -66,6 +67,23 @@ TEST(Register, registersEveryExplorerForThisHost)
                                    "service/2 about client7", "volume/3 about client7"));
   EXPECT_THAT(identities(*repository.getPullExplorers()),
               UnorderedElementsAre("volume/2 about client7"));
+}
+
+TEST(Register, theConfigurationSwitchesExplorersOffAndChangesTheirIntervals)
+{
+  NamedHost const host("client7");
+  overrideConfiguration("EXPLORER.host", "off");
+  overrideConfiguration("EXPLORER.volume", "no");
+  overrideConfiguration("EXPLORER_INTERVAL.filesystem", "15m");
+  DiscoveryRepository repository;
+  entryOf("RegisterExplorers")(&repository);
+  auto const push = repository.getPushExplorers();
+  EXPECT_THAT(identities(*push),
+              UnorderedElementsAre("filesystem/2 about client7", "service/2 about client7"));
+  EXPECT_THAT(identities(*repository.getPullExplorers()), testing::IsEmpty());
+  for (auto const& wrapper : *push)
+    EXPECT_EQ(wrapper->getAuthority()->getName().str() == "filesystem" ? 900U : 60U,
+              dynamic_cast<ExplorerPush*>(wrapper->getExplorer())->getPollingInterval());
 }
 
 TEST(Register, theNameOfTheHostDoesNotMatter)

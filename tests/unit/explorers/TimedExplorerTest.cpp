@@ -21,10 +21,13 @@ public:
 
   char const* getExplorerName() const override { return "example"; }
 
+  OzfObjTime expires; // of what the last run found
+
 private:
-  DiscoveryStatus run(Authority const&, Subject const&, CollectionAttributes const&,
+  DiscoveryStatus run(Authority const&, Subject const&, CollectionAttributes const& attributes,
                       DiscoveryFactory const&) override
   {
+    expires = attributes.getExpiresTime();
     return m_behaviour();
   }
 
@@ -45,6 +48,20 @@ TEST(TimedExplorer, keepsTheTimeThatItIsGiven)
   explorer->setLastExplorationTime(OzfObjTime(7, 8));
   EXPECT_EQ(OzfObjTime(7, 8), explorer->getLastExplorationTime());
   EXPECT_EQ(60U, explorer->getPollingInterval());
+}
+
+TEST(TimedExplorer, takesAnotherIntervalAndExpiryFromTheConfiguration)
+{
+  Store store;
+  auto const explorer = example([] { return DS_SUCCESS; });
+  explorer->configure(7200, 86400);
+  EXPECT_EQ(7200U, explorer->getPollingInterval());
+  explore(*explorer, AT_TQUCLIENT, &store);
+  auto const holds = explorer->expires.seconds() - OzfObjTime::now().seconds();
+  EXPECT_GE(holds, 86400 - 5);
+  EXPECT_LE(holds, 86400 + 1);
+  explorer->configure({}, {});
+  EXPECT_EQ(7200U, explorer->getPollingInterval());
 }
 
 TEST(TimedExplorer, aRunThatSucceedsAsksForNoRetry)

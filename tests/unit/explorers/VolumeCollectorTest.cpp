@@ -5,6 +5,7 @@
 
 #include <gmock/gmock.h>
 
+#include <filesystem>
 #include <limits>
 
 using namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers;
@@ -57,6 +58,30 @@ TEST(VolumeCollector, aDiskHasItsHardware)
   EXPECT_FALSE(disk.number);
   EXPECT_EQ("S0123456789", find(fixture("server"), "nvme0n1").serial);
   EXPECT_EQ(true, find(fixture("server"), "md0").rotational);
+}
+
+// Its driver has defaults where a disk has facts.
+TEST(VolumeCollector, aDiskThatAVirtualMachinesHostMakesUpSaysNothingOfItsMechanicsAndVendor)
+{
+  namespace fs = std::filesystem;
+  TempDir const dir;
+  std::string const disk = dir / "sys/class/block/vda";
+  for (auto const& folder : {disk + "/queue", disk + "/device", disk + "/vda1",
+                             dir / "sys/bus/virtio", dir / "sys/bus/scsi"})
+    fs::create_directories(folder);
+  writeText(disk + "/size", "2048\n");
+  writeText(disk + "/queue/rotational", "1\n");
+  writeText(disk + "/device/vendor", "0x1af4\n");
+  fs::create_directory_symlink(dir / "sys/bus/virtio", disk + "/device/subsystem");
+  auto volume = find(dir.path(), "vda");
+  EXPECT_FALSE(volume.rotational);
+  EXPECT_EQ("", volume.vendor);
+
+  fs::remove(disk + "/device/subsystem");
+  fs::create_directory_symlink(dir / "sys/bus/scsi", disk + "/device/subsystem");
+  volume = find(dir.path(), "vda");
+  EXPECT_EQ(true, volume.rotational);
+  EXPECT_EQ("0x1af4", volume.vendor);
 }
 
 TEST(VolumeCollector, aPartitionKnowsItsDiskAndTakesTheHardwareFromIt)
