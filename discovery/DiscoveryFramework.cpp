@@ -6,6 +6,7 @@
 #include "discovery/DiscoveryRepository.h"
 #include "discovery/DiscoveryServant.h"
 #include "discovery/OpenWriters.h"
+#include "discovery/Peers.h"
 #include "ozf/config/HostRole.h"
 #include "ozf/orb/Orb.h"
 #include "ozf/plugin/CurrentException.h"
@@ -87,6 +88,7 @@ void DiscoveryFramework::activate()
   {
     m_orb->setIdleTask({});
     m_orb->destroyObjectRef(m_served->reference);
+    m_orb->destroyObjectRef(m_served->ownReference);
     m_served.reset();
   };
   try
@@ -98,6 +100,9 @@ void DiscoveryFramework::activate()
     getDiscoveryDBDatabase()->init(m_name);
     m_orb->setIdleTask([] { Remote::getOpenWriters().dropIdle(); });
     m_orb->advertiseObject(DISCOVERY_SERVICE, m_served->reference);
+    m_served->ownServant = newOwnCollectionsServant();
+    m_served->ownReference = m_orb->activateObject(m_served->ownServant.in());
+    m_orb->advertiseObject(OWN_COLLECTIONS, m_served->ownReference);
     getDiscoveryRepository().loadExplorers();
   }
   catch (CORBA::Exception const& exception)
@@ -133,6 +138,14 @@ void DiscoveryFramework::shutdown()
               m_orb->destroyObjectRef(m_served->reference);
               m_served->reference = CORBA::Object::_nil();
               m_served->servant = nullptr;
+            });
+  if (m_served)
+    attempt(OPERATION,
+            [this]
+            {
+              m_orb->destroyObjectRef(m_served->ownReference);
+              m_served->ownReference = CORBA::Object::_nil();
+              m_served->ownServant = nullptr;
             });
   if (m_served)
     m_orb->setIdleTask({});

@@ -71,6 +71,8 @@ private:
     PortableServer::POA_var rootPOA;
     PortableServer::ServantBase_var servant;
     CORBA::Object_var reference;
+    PortableServer::ServantBase_var ownServant; // of what this process has alone
+    CORBA::Object_var ownReference;
   };
   std::unique_ptr<Served> m_served;
 };

@@ -2,8 +2,10 @@
 
 #include "discovery/DiscoveryRepositoryTimers.h"
 
+#include "discovery/AnnouncementState.h"
 #include "discovery/DiscoveryLog.h"
 #include "discovery/ExplorerCall.h"
+#include "discovery/RefreshRequests.h"
 #include "ozf/config/HostRole.h"
 #include "ozf/orb/Orb.h"
 #include "ozf/sync/AceReactor.h"
@@ -114,10 +116,12 @@ int DiscoveryRepository::DiscoveryTimerBase::handle_timeout(ACE_Time_Value const
               {
                 OZF_LOG(getOzfLogger(), 1, SOURCE, "DiscoveryTimerBase::handle_timeout",
                         "A timer's firing ended early and is tried again: " << reason);
-                schedule(retryDelay());
+                retry(reason);
               });
   return 0;
 }
+
+void DiscoveryRepository::DiscoveryTimerBase::retry(std::string const&) { schedule(retryDelay()); }
 
 // ---- the push timer ----
 
@@ -155,6 +159,11 @@ void DiscoveryRepository::ExplorerPushTimer::fire(OzfObjTime const& fired)
   noteFiring();
   if (!enterOrb(m_repository, OPERATION, "Cannot get instance of ORB"))
     return;
+  if (getRefreshRequests().takeCalls())
+    if (AutoDereference<DiscoveryIterator> const requests(
+            m_repository.queryDiscoveries(DQ_DISCOVERY_DATA, "*", REFRESH_PATTERN, AT_EXTSRC));
+        requests)
+      getRefreshRequests().apply(*requests, *m_explorers);
 
   for (auto const& entry : *m_explorers)
   {
@@ -198,6 +207,12 @@ ACE_Time_Value DiscoveryRepository::ExplorerRegisterTimer::retryDelay() const
   return ACE_Time_Value(REGISTER_RETRY);
 }
 
+void DiscoveryRepository::ExplorerRegisterTimer::retry(std::string const& reason)
+{
+  schedule(retryDelay());
+  getAnnouncementState().noteFailure(reason, REGISTER_RETRY);
+}
+
 void DiscoveryRepository::ExplorerRegisterTimer::fire(OzfObjTime const&)
 {
   constexpr char const* OPERATION = "ExplorerRegisterTimer::handle_timeout";
@@ -210,23 +225,26 @@ void DiscoveryRepository::ExplorerRegisterTimer::fire(OzfObjTime const&)
   {
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
             "Cannot find master server name, cannot register explorers");
-    schedule(retryDelay());
+    retry("SERVER is missing in the configuration");
     return;
   }
 
   try
   {
     if (announce(master))
+    {
+      getAnnouncementState().noteAnnounced();
       m_repository.startPushTimer();
+    }
     else
-      schedule(retryDelay());
+      retry("the service on " + master.exportNarrow() + " could not be reached");
   }
   catch (CORBA::Exception const& exception)
   {
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
             "Caught CORBA exception registering explorers with master, retrying later"
                 << corbaExceptionText(exception));
-    schedule(retryDelay());
+    retry("the service on " + master.exportNarrow() + " failed: " + corbaExceptionText(exception));
   }
 }
 
@@ -300,7 +318,9 @@ void DiscoveryRepository::startRegisterTimer()
   }
   if (previous)
     previous->shutdown();
-  timer->schedule(ACE_Time_Value(randomDelay(REGISTER_DELAY_RANGE)));
+  int const delay = randomDelay(REGISTER_DELAY_RANGE);
+  timer->schedule(ACE_Time_Value(delay));
+  getAnnouncementState().noteWaiting(delay);
 }
 
 void DiscoveryRepository::triggerPushTimer()
@@ -312,6 +332,7 @@ void DiscoveryRepository::triggerPushTimer()
   }
   if (!timer)
     return;
+  getRefreshRequests().noteCall();
   int const delay = randomDelay(TRIGGERED_PUSH_RANGE);
   OZF_LOG(getOzfLogger(), 4, SOURCE, "DiscoveryRepository::triggerPushTimer",
           "triggering push in " << delay << " seconds");

@@ -37,6 +37,8 @@ protected:
   // fired is the wall-clock time of the firing.
   virtual void fire(OzfObjTime const& fired) = 0;
   virtual ACE_Time_Value retryDelay() const = 0;
+  // Schedules this timer again after its retry delay.
+  virtual void retry(std::string const& reason);
 
 private:
   ACE_Reactor* m_reactor = nullptr; // of the last schedule
@@ -85,6 +87,7 @@ public:
 private:
   void fire(OzfObjTime const& fired) override;
   ACE_Time_Value retryDelay() const override;
+  void retry(std::string const& reason) override;
   bool announce(OzfHostname const& master);
 
   DiscoveryRepository& m_repository;

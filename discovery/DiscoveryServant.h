@@ -11,4 +11,7 @@ namespace Quillon::Tessarine::Ozf::DiscoverySvc
 // A new one, with one reference for the caller.
 PortableServer::ServantBase* newDiscoveryServant();
 
+// The one behind the name OWN_COLLECTIONS.
+PortableServer::ServantBase* newOwnCollectionsServant();
+
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -142,7 +142,14 @@ DiscoveryStatus DiscoveryService_i::getCollectionData(Discovery const& record, c
                                                                << authority);
     return DS_LOGIC_ERROR;
   }
+  return serve(discovery, filter, iterator);
+}
 
+DiscoveryStatus DiscoveryService_i::serve(
+    AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::Discovery>& discovery,
+    char const* filter, CollectionDataIterator_out iterator)
+{
+  constexpr char const* OPERATION = "DiscoveryService_i::getCollectionData";
   try
   {
     CollectionDataIterator_i* const servant = new CollectionDataIterator_i(discovery);
@@ -153,7 +160,7 @@ DiscoveryStatus DiscoveryService_i::getCollectionData(Discovery const& record, c
               "Error encountered trying to open collection iterator");
       return DS_OPEN_FAILED;
     }
-    iterator = publish(*servant, *repository.getOrb());
+    iterator = publish(*servant, *getDiscoveryRepository().getOrb());
     return DS_SUCCESS;
   }
   catch (CORBA::Exception const& exception)

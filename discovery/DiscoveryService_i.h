@@ -7,6 +7,7 @@
 
 #pragma once
 
+#include "discovery/DiscData.h"
 #include "discovery/Export.h"
 #include "discovery/RemoteDBWire.h"
 #include "ozf/orb/Corba.h"
@@ -36,6 +37,11 @@ public:
   CORBA::Boolean restartAllPushTimers() override;
 
 protected:
+  // Opens the discovery for reading and hands out an iterator over its collection.
+  static DiscoveryStatus
+  serve(AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::Discovery>& discovery,
+        char const* filter, CollectionDataIterator_out iterator);
+
   // A new writer for the record, with one reference for the caller.
   virtual RemoteWriter_i* newRemoteWriter(Discovery const& record) const;
 };

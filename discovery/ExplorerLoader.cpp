@@ -1,6 +1,7 @@
 #include "discovery/ExplorerLoader.h"
 
 #include "discovery/DiscoveryLog.h"
+#include "discovery/RegistrationWatch.h"
 #include "ozf/plugin/CurrentException.h"
 #include "ozf/plugin/RuntimeLoader.h"
 
@@ -216,8 +217,17 @@ void ExplorerLoader::libraryCallback(PluginDirector* director, std::string const
   OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION,
           "Beginning registration of " << texts.registered << " in " << reportedName);
   DiscoveryRepository& repository = loaderTarget().repository;
+  RegistrationWatch const watch;
   if (entry != nullptr)
     entry(&repository);
+  // Filter data may well have been registered together with the explorers.
+  if (kind == EXPLORERS)
+    for (auto const& loser : watch.losers())
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+              "Explorer of " << reportedName << " is not used, authority " << loser.authority
+                             << ", type " << loser.type << ", priority " << loser.priority
+                             << ": authority " << loser.standing << ", type " << loser.standingType
+                             << ", priority " << loser.standingPriority << " has its place");
   OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION,
           "Registration of " << texts.registered << " in " << reportedName << " completed");
 }

@@ -77,6 +77,24 @@ Remote::DiscoveryService_ptr Peers::connect(OzfHostname const& host, char const*
   return connectToRemoteDS(host, getOrb(), serviceName);
 }
 
+Remote::DiscoveryService_ptr Peers::connectToOwn(OzfHostname const& host,
+                                                 char const* serviceName) const
+{
+  try
+  {
+    CORBA::Object_var const object =
+        getOrb()->resolveObject(host, serviceName, OWN_COLLECTIONS, ACE_Time_Value::zero);
+    return Remote::DiscoveryService::_narrow(object);
+  }
+  catch (CORBA::Exception const& exception)
+  {
+    OZF_LOG(getOzfLogger(), 1, "Peers", "Peers::connectToOwn",
+            "Cannot ask " << host.exportNarrow()
+                          << " for its own collections: " << corbaExceptionText(exception));
+    return Remote::DiscoveryService::_nil();
+  }
+}
+
 Remote::DiscoveryService_ptr connectToRemoteDS(OzfHostname const& host, Orb* orb,
                                                char const* serviceName)
 {

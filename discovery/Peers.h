@@ -18,6 +18,15 @@ class Orb;
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
 
+// The name of the second object of a service. It is one of the same interface that
+// gives out, by exact names, the collections on demand of its own process alone.
+inline constexpr char OWN_COLLECTIONS[] = "OwnCollections";
+
+// The authority under which that object tells how far its host has come with
+// announcing itself: one item, named as the host calls itself, with the facts Role,
+// State (waiting, retrying, announced or none), NextTry, LastTry and Reason.
+inline constexpr char ANNOUNCEMENT_AUTHORITY[] = "announcement";
+
 // What the stores and explorers of other hosts need of the repository: how to
 // call other hosts, under which name this one answers, and whether to stop. A
 // repository keeps it up to date; its accessors of the same names pass these on.
@@ -50,6 +59,10 @@ public:
   // log line when it cannot be had. Blocks for the request time-out at worst.
   // Asserts as getOrb.
   Remote::DiscoveryService_ptr connect(OzfHostname const& host, char const* serviceName) const;
+
+  // The same of the object under OWN_COLLECTIONS, which older services have not.
+  Remote::DiscoveryService_ptr connectToOwn(OzfHostname const& host,
+                                            char const* serviceName) const;
 
   // Set when the repository's shutdown begins; whoever waits for another host
   // looks at it before each call.

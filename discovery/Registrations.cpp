@@ -2,6 +2,7 @@
 
 #include "discovery/DiscoveryLog.h"
 #include "discovery/ExplorerRemotePull.h"
+#include "discovery/RegistrationWatch.h"
 #include "ozf/config/HostRole.h"
 
 #include <algorithm>
@@ -134,8 +135,13 @@ Registrations::findOwn(AutoDereference<ExplorerWrapper> const& newcomer) const
 
 void Registrations::addPush(AutoDereference<ExplorerWrapper> const& entry)
 {
-  if (!makeRoom(entry, [](unsigned newcomer, unsigned present) { return newcomer > present; }))
-    m_push.insert(entry);
+  auto standing =
+      makeRoom(entry, [](unsigned newcomer, unsigned present) { return newcomer > present; });
+  if (!standing && m_push.insert(entry))
+    return;
+  if (!standing)
+    standing = m_push.find(entry);
+  RegistrationWatch::note(*entry, standing.get());
 }
 
 Registration Registrations::addPull(AutoDereference<ExplorerWrapper> const& entry, bool fromCache)
@@ -156,7 +162,10 @@ Registration Registrations::addPull(AutoDereference<ExplorerWrapper> const& entr
   // a host that registers again after a restart must replace its old entry.
   if (auto const standing =
           makeRoom(entry, [](unsigned newcomer, unsigned present) { return newcomer >= present; }))
+  {
+    RegistrationWatch::note(*entry, standing.get());
     return {Registration::LOST, standing};
+  }
   if (!m_pull.insert(entry))
     return {Registration::LOST, m_pull.find(entry)};
   return {};

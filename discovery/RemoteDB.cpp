@@ -48,11 +48,11 @@ Discovery* RemoteDBCreator::newDiscovery(DiscoveryQuery query)
   return new RemoteDiscovery(new RemoteCollectionData(query), query);
 }
 
-Discovery* RemoteDBCreator::newDiscovery(Remote::Discovery* record)
+Discovery* RemoteDBCreator::newDiscovery(Remote::Discovery* record, bool own)
 {
   // From here on the discovery answers for the payload, and that for the
   // record, also when the construction fails.
-  auto* const data = new RemoteCollectionData(std::unique_ptr<Remote::Discovery>(record));
+  auto* const data = new RemoteCollectionData(std::unique_ptr<Remote::Discovery>(record), own);
   return new RemoteDiscovery(data, record);
 }
 

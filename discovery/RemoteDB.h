@@ -76,9 +76,9 @@ public:
   // caller.
   Discovery* newDiscovery(DiscoveryQuery query) override;
 
-  // A discovery to be read. Takes the record over, whose names are usable
-  // (areUsableNames); one reference for the caller.
-  Discovery* newDiscovery(Remote::Discovery* record);
+  // A discovery to be read, with own as RemoteCollectionData says. Takes the record over, whose
+  // names are usable (areUsableNames); one reference for the caller.
+  Discovery* newDiscovery(Remote::Discovery* record, bool own = false);
 
   // Not supported: fails an assertion.
   DiscoveryIterator* getIterator(DiscoveryQuery query) const override;
@@ -100,7 +100,9 @@ public:
   static constexpr std::size_t MAX_SIZE = 256UL * 1024 * 1024;
 
   explicit RemoteCollectionData(DiscoveryQuery query);
-  explicit RemoteCollectionData(std::unique_ptr<Remote::Discovery> record);
+  // With own the host is asked for its own collection of these names alone
+  // (OwnCollections_i), whatever else its service would answer with.
+  explicit RemoteCollectionData(std::unique_ptr<Remote::Discovery> record, bool own = false);
   ~RemoteCollectionData() override;
 
   // For reading: fetches the whole payload from the host that the record
@@ -128,8 +130,10 @@ private:
   bool keep(Remote::CollectionDataSeq& page); // empties it
   void fillRecord(Remote::Discovery& record) const;
   Remote::DiscoveryService_ptr connect() const;
+  Remote::DiscoveryService_ptr connectToSource() const;
 
   DiscoveryQuery m_query;
+  bool const m_own = false;
   std::unique_ptr<Remote::Discovery> m_discovery; // null when for writing
   Subject const* m_subject = nullptr;             // the discovery's own
   Authority const* m_authority = nullptr;

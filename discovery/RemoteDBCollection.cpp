@@ -69,8 +69,8 @@ void requestPageSize(Remote::CollectionDataIterator_ptr iterator)
 
 RemoteCollectionData::RemoteCollectionData(DiscoveryQuery query) : m_query(query) {}
 
-RemoteCollectionData::RemoteCollectionData(std::unique_ptr<Remote::Discovery> record)
-    : m_query(record->queryType), m_discovery(std::move(record))
+RemoteCollectionData::RemoteCollectionData(std::unique_ptr<Remote::Discovery> record, bool own)
+    : m_query(record->queryType), m_own(own), m_discovery(std::move(record))
 {
 }
 
@@ -98,6 +98,14 @@ Remote::DiscoveryService_ptr RemoteCollectionData::connect() const
   return getPeers().connect(master, DISCOVERY_SERVICE);
 }
 
+Remote::DiscoveryService_ptr RemoteCollectionData::connectToSource() const
+{
+  OzfHostname host;
+  host.setHostname(m_discovery->sourceHost.in());
+  char const* const name = m_discovery->sourceServiceName.in();
+  return m_own ? getPeers().connectToOwn(host, name) : getPeers().connect(host, name);
+}
+
 bool RemoteCollectionData::openRead(char const* filter)
 {
   constexpr char OPERATION[] = "RemoteCollectionData::openRead";
@@ -113,10 +121,7 @@ bool RemoteCollectionData::openRead(char const* filter)
   }
   try
   {
-    OzfHostname host;
-    host.setHostname(m_discovery->sourceHost.in());
-    Remote::DiscoveryService_var const service =
-        getPeers().connect(host, m_discovery->sourceServiceName.in());
+    Remote::DiscoveryService_var const service = connectToSource();
     if (CORBA::is_nil(service.in()))
     {
       OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to connect to discovery service");

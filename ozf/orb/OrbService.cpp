@@ -58,6 +58,12 @@ void OrbService::stopByEvent(bool)
   [[maybe_unused]] auto const written = write(m_stopEvent, &one, sizeof one);
 }
 
+void OrbService::tellStatus(std::string const& text) const
+{
+  if (m_events.status != nullptr)
+    m_events.status(text);
+}
+
 void OrbService::waitForStop() const
 {
   std::uint64_t count = 0;
@@ -110,6 +116,7 @@ int OrbService::stopOrbHook()
 int OrbService::main(Events const& events, bool& started)
 {
   started = false;
+  m_events = events;
   if (!runHook("doShouldStart", &OrbService::shouldStartHook))
     return START_FAILED;
   if (!m_shouldStart)

@@ -49,6 +49,7 @@ public:
   {
     void (*ready)() = nullptr;
     void (*stopping)() = nullptr;
+    void (*status)(std::string const& text) = nullptr; // of tellStatus, on its thread
   };
   int main(Events const& events, bool& started);
 
@@ -56,6 +57,10 @@ public:
   // handlers included. immediate is noted and changes nothing here. A second
   // call changes nothing.
   void stopByEvent(bool immediate);
+
+  // Tells the host what the service is waiting for, in a few words; an empty text
+  // when for nothing. From doInit on; any thread.
+  void tellStatus(std::string const& text) const;
 
   std::string const& getServiceName() const noexcept { return m_name; }
   std::string const& getDescription() const noexcept { return m_description; }
@@ -82,6 +87,7 @@ private:
   OzfLogger* const m_logger;
   bool const m_debug;
   bool m_shouldStart = false;
+  Events m_events; // of main, set before the hooks run
   std::unique_ptr<Orb> m_orb;
   int m_stopEvent; // an eventfd
 };

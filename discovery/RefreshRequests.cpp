@@ -1,0 +1,87 @@
+#include "discovery/RefreshRequests.h"
+
+#include "discovery/DiscoveryLog.h"
+#include "discovery/ExplorerCall.h"
+#include "ozf/base/AsciiCase.h"
+#include "ozf/base/OzfHostname.h"
+
+#include <algorithm>
+#include <vector>
+
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
+{
+
+namespace
+{
+
+constexpr char SOURCE[] = "RefreshRequests";
+constexpr char OPERATION[] = "RefreshRequests::apply";
+
+// The requests of a fleet live for minutes; more than this is no fleet's.
+constexpr int MOST_READ = 10000;
+
+bool isAskedFor(std::string const& request, std::string const& authority)
+{
+  return request == REFRESH_AUTHORITY ||
+         equalIgnoringCase(request, std::string(REFRESH_AUTHORITY) + '.' + authority);
+}
+
+} // namespace
+
+bool RefreshRequests::isNew(std::string const& authority, std::string const& subject,
+                            OzfObjTime const& made)
+{
+  auto const [known, added] = m_obeyed.try_emplace({authority, subject}, made);
+  if (added || known->second == made)
+    return added;
+  known->second = made;
+  return true;
+}
+
+bool RefreshRequests::takeCalls() noexcept
+{
+  std::uint64_t const calls = m_calls;
+  bool const any = calls != m_seen;
+  m_seen = calls;
+  return any;
+}
+
+void RefreshRequests::apply(DiscoveryIterator& requests, ExplorerSet const& explorers)
+{
+  OzfHostname local;
+  local.setLocal();
+  for (int read = 0; read < MOST_READ; ++read)
+  {
+    AutoDereference<Discovery> const request(requests.getNext());
+    if (!request)
+      return;
+    // A collection on demand has no attributes.
+    if (request->getAttributes() == nullptr || request->getAuthority()->getType() != AT_EXTSRC)
+      continue;
+    std::string const subject = request->getSubject()->getName().str();
+    std::string const authority = request->getAuthority()->getName().str();
+    if (subject != REFRESH_ALL_HOSTS && !equalIgnoringCase(subject, local.exportNarrow()))
+      continue;
+    std::vector<ExplorerPush*> asked;
+    for (auto const& entry : explorers)
+      if (auto* const explorer = dynamic_cast<ExplorerPush*>(entry->getExplorer());
+          explorer != nullptr && isAskedFor(authority, entry->getAuthority()->getName().str()))
+        asked.push_back(explorer);
+    // Only what there are explorers for is kept in mind.
+    if (asked.empty() || !isNew(authority, subject, request->getAttributes()->getDiscoveryTime()))
+      continue;
+    OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION,
+            "Obeying the request " << authority << " about " << subject);
+    for (ExplorerPush* const explorer : asked)
+      callExplorer(*explorer, SOURCE, OPERATION,
+                   [explorer] { explorer->setLastExplorationTime(OzfObjTime()); });
+  }
+}
+
+RefreshRequests& getRefreshRequests()
+{
+  static auto* const instance = new RefreshRequests;
+  return *instance;
+}
+
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc
