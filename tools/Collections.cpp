@@ -193,9 +193,19 @@ bool isAnswer(Item const& item, OzfQuery const& query)
       });
 }
 
+// The collection as its host has it by itself.
+template <class Read>
+bool readOwn(Record const& record, Announcement const& place, Read const& read)
+{
+  tell("asking the service on \"" + shown(place.host) + "\" for its own collection of subject \"" +
+       shown(record.subject) + "\", authority \"" + shown(record.authority) + "\"");
+  return read(ownCollection(record, place), false);
+}
+
 // Tries the places that may have the collection until one gives it: the master;
 // on demand, since the master answers for one host's explorer only while no
-// other host's comes after it, the host that has the explorer; and where the
+// other host's comes after it, the host that has the explorer, which may be the
+// master itself, and what that host has by itself; and where the
 // master could not be asked under the record's own type, the master again, for
 // users who cannot reach that host.
 //
@@ -217,11 +227,12 @@ bool readAnywhere(Record const& record, bool query, Read read)
   if (!ownerFirst)
     announcement = announcementOf(record);
   if (!announcement)
-    return false;
+    return !record.restored() &&
+           readOwn(record, {record.source->host, record.source->service, record.type}, read);
   tell("asking the service on \"" + shown(announcement->host) + "\" itself for subject \"" +
        shown(record.subject) + "\", authority \"" + shown(record.authority) +
        "\", which it announced to the master");
-  if (read(elsewhere(record, *announcement), false))
+  if (read(elsewhere(record, *announcement), false) || readOwn(record, *announcement, read))
     return true;
   if (record.restored())
     return announcement->type != AT_REMOTEPULL &&
@@ -282,6 +293,16 @@ Collection readCollection(Record const& record, OzfQuery const& query)
   Collection collection =
       readCollection(record, query, [&items](Item item) { items.push_back(std::move(item)); });
   collection.items = std::move(items);
+  return collection;
+}
+
+Collection readOwnCollection(Record const& record, Announcement const& place)
+{
+  std::vector<Item> items;
+  Collection collection = readThrough(ownCollection(record, place), "",
+                                      [&items](Item item) { items.push_back(std::move(item)); });
+  collection.items = std::move(items);
+  collection.count = collection.items.size();
   return collection;
 }
 

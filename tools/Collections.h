@@ -61,6 +61,9 @@ Collection readCollection(Record const& record, Quillon::Tessarine::Ozf::OzfQuer
 Collection readCollection(Record const& record, Quillon::Tessarine::Ozf::OzfQuery const& query,
                           ItemSink const& take);
 
+// What the service on that host has of the record's names by itself.
+Collection readOwnCollection(Record const& record, Announcement const& place);
+
 // The bytes of the collection; false when they cannot be had.
 bool readBytes(Record const& record, std::string const& query, std::string& bytes);
 

@@ -4,6 +4,7 @@
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ConfigurationKeys.h"
 #include "ozf/config/HostRole.h"
+#include "ozf/config/IpAddress.h"
 #include "ozf/config/ProductRoot.h"
 #include "tools/ExitCodes.h"
 #include "tools/Output.h"
@@ -225,6 +226,12 @@ int Connection::chooseMaster()
 
 int Connection::open()
 {
+  int const result = prepare();
+  return result == EXIT_DONE ? reachMaster() : result;
+}
+
+int Connection::prepare()
+{
   if (int const result = chooseMaster(); result != EXIT_DONE)
     return result;
 
@@ -236,12 +243,17 @@ int Connection::open()
   }
   startClock();
   setOrb(m_orb.get());
+  initDiscoveryResearch();
+  m_research = true;
+  return EXIT_DONE;
+}
+
+int Connection::reachMaster()
+{
   m_service = connect(m_master);
   if (CORBA::is_nil(m_service))
     return EXIT_NOT_REACHABLE;
   learnMaster();
-  initDiscoveryResearch();
-  m_research = true;
   return EXIT_DONE;
 }
 
@@ -341,31 +353,42 @@ bool Connection::onlyRelays(Remote::Discovery const& stored) const
 
 // Records name the host that has them as the service calls itself. A user who
 // gave an address, or a port that was forwarded, may not be able to resolve or
-// to reach that name; it is the host that was reached all the same.
+// to reach that name; it is the host that was reached all the same. So it is where
+// the configuration names the master by its address.
 void Connection::learnMaster()
 {
-  if (m_options.master.empty())
+  bool const named = !m_options.master.empty();
+  if (!named && !IpAddress::fromText(m_master))
     return;
+  Remote::Discovery stored;
+  std::string name;
+  bool found = false;
   try
   {
-    Remote::Discovery stored;
-    std::string name;
     // What each service tells of itself is stored; collections on demand come
     // before all that is.
-    bool const found =
-        findStored("*", "service", stored, name) || findStored("*", "*", stored, name);
-    std::string reason;
-    std::string const address = resolve(getHostAddress(m_master), reason);
-    if (!name.empty() && !address.empty())
-      overrideConfiguration("HOST_ADDRESS." + name, address);
-    if (found && onlyRelays(stored))
-      complain("the service at " + m_place + " is not the master's: \"" + shown(name) +
-               "\" is a client, which lists what its master knows but has none of it to show. "
-               "Name the master with --master, or leave --master out.");
+    found = findStored("*", "service", stored, name) || findStored("*", "*", stored, name);
   }
   catch (CORBA::Exception const&)
   {
     // What the user asked for will meet the same and say so.
+  }
+  std::string reason;
+  std::string const address = resolve(getHostAddress(m_master), reason);
+  if (!name.empty() && !address.empty())
+    overrideConfiguration("HOST_ADDRESS." + name, address);
+  if (!named || !found)
+    return;
+  try
+  {
+    if (onlyRelays(stored))
+      complain("the service at " + m_place + " is not the master's: \"" + shown(name) +
+               "\" is a client, which lists its master's discoveries but has none of them to show. "
+               "Name the master with --master, or leave --master out.");
+  }
+  catch (CORBA::Exception const&)
+  {
+    // As above.
   }
 }
 

@@ -93,6 +93,14 @@ public:
   // for the time-out at worst, and for the resolver's.
   int open();
 
+  // Its two halves: what it takes to ask any service, without asking one; and the
+  // master's.
+  int prepare();
+  int reachMaster();
+
+  // As the user or the configuration has it, from prepare on.
+  std::string const& master() const noexcept { return m_master; }
+
   // A service on another host; nil, after telling the user, when it cannot be
   // had.
   Quillon::Tessarine::Ozf::DiscoverySvc::Remote::DiscoveryService_ptr

@@ -1,7 +1,11 @@
 // push and stop: what a service is to do.
 
+#include "tools/AnnouncingHost.h"
 #include "tools/Commands.h"
 #include "tools/Output.h"
+#include "tools/Sending.h"
+
+#include "discovery/RefreshRequests.h"
 
 #include <CLI/CLI.hpp>
 
@@ -23,7 +27,9 @@ namespace
 struct ControlOptions
 {
   std::string host;
+  std::string authority; // of --now, empty for all
   bool all = false;
+  bool now = false;
   bool noWait = false;
   bool json = false;
 };
@@ -50,12 +56,47 @@ std::string whose(ControlOptions const& options, Connection const& connection)
   return options.host.empty() ? connection.place() : shown(options.host);
 }
 
+// Stores the request that the hosts concerned look for before their next pass. An
+// exit code.
+int requestRefresh(ControlOptions const& options, Connection const& connection)
+{
+  // Long enough for a pass that was asked for, and for a host that is slow.
+  constexpr std::uint64_t LIFETIME = 600; // seconds
+  constexpr unsigned PRIORITY = 10;
+  constexpr char NOTHING[] = "<DiscoveredItems/>\n";
+  std::string subject = REFRESH_ALL_HOSTS;
+  if (!options.all)
+  {
+    // A host obeys what is about the name that it calls itself.
+    auto const asked = askAnnouncing(options.host.empty() ? connection.master() : options.host);
+    if (!asked)
+    {
+      complain("the service at " + whose(options, connection) +
+               " does not tell its name, it is too old for --now; --verbose shows more");
+      return EXIT_FAILED;
+    }
+    subject = asked->name;
+  }
+  std::string const authority =
+      REFRESH_AUTHORITY + (options.authority.empty() ? "" : '.' + options.authority);
+  return sendToMaster(connection, recordToStore(subject, authority, AT_EXTSRC, PRIORITY, LIFETIME),
+                      NOTHING);
+}
+
 int push(ControlOptions const& options, Session const& session)
 {
+  if (options.authority.find('*') != std::string::npos)
+  {
+    complain("--authority is a pattern; name one authority, or leave it out for all");
+    return EXIT_USAGE;
+  }
   Connection connection(session.connection);
   Remote::DiscoveryService_var service;
   if (int const result = reach(options, connection, service); result != EXIT_DONE)
     return result;
+  if (options.now)
+    if (int const result = requestRefresh(options, connection); result != EXIT_DONE)
+      return result;
   try
   {
     if (!options.all)
@@ -72,12 +113,18 @@ int push(ControlOptions const& options, Session const& session)
     return failed(connection, exception);
   }
   if (options.json)
-    printJson({{"service", whose(options, connection)}, {"all", options.all}});
+    printJson(
+        {{"service", whose(options, connection)}, {"all", options.all}, {"now", options.now}});
   else if (options.all)
     std::cout << "The master asks every known client to move its next pass to within a minute.\n";
   else
     std::cout << "The next pass over the explorers of " << whose(options, connection)
-              << " that are due comes within a minute.\n";
+              << (options.now ? "" : " that are due") << " comes within a minute.\n";
+  if (options.now && !options.json)
+    std::cout << "Before it "
+              << (options.authority.empty()
+                      ? std::string("all of them become due.\n")
+                      : "those of " + shown(options.authority) + " become due.\n");
   return EXIT_DONE;
 }
 
@@ -155,8 +202,13 @@ void addControlCommands(CLI::App& application, Session& session)
   CLI::App* const pushCommand = application.add_subcommand(
       "push", "Move the next pass over the explorers that are due to within a minute");
   addHost(*pushCommand, *options);
-  pushCommand->add_flag("--all", options->all, "On every host that the master knows")
-      ->excludes("--host");
+  pushCommand->add_flag("--all", options->all, "On every host of the fleet")->excludes("--host");
+  auto* const now = pushCommand->add_flag("--now", options->now,
+                                          "Also those that are not due; stores a request for it");
+  pushCommand
+      ->add_option("-a,--authority", options->authority, "With --now only explorers of this one")
+      ->type_name("AUTHORITY")
+      ->needs(now);
   pushCommand->add_flag("--json", options->json, "As JSON");
   pushCommand->callback([options, &session] { session.exitCode = push(*options, session); });
 

@@ -4,6 +4,7 @@
 #include "tools/Commands.h"
 #include "tools/Format.h"
 #include "tools/Output.h"
+#include "tools/Sending.h"
 #include "tools/XmlText.h"
 
 #include "discovery/RemoteDB.h"
@@ -34,7 +35,6 @@ namespace
 
 // The service refuses more.
 constexpr std::size_t MAX_PUT = RemoteCollectionData::MAX_SIZE;
-constexpr std::size_t CHUNK = 64 * 1024;
 constexpr char STANDARD_INPUT[] = "-";
 
 struct PutOptions
@@ -141,39 +141,6 @@ std::string mistakeIn(std::string const& name, char const* what)
   return {};
 }
 
-std::string describe(DiscoveryStatus status)
-{
-  switch (status)
-  {
-  case DS_DATA_EXISTS:
-    return "there is such a discovery of higher priority; --priority can be raised";
-  case DS_OPEN_FAILED:
-    return "it cannot be written there; the service's log tells why";
-  default:
-    return "the service answers with status " + std::to_string(static_cast<int>(status)) +
-           "; its log tells why";
-  }
-}
-
-bool send(Remote::RemoteWriter_ptr writer, std::string const& payload)
-{
-  Progress progress("Sending");
-  for (std::size_t done = 0; done < payload.size(); done += CHUNK)
-  {
-    progress.update(formatSize(done) + " of " + formatSize(payload.size()));
-    std::size_t const size = std::min(CHUNK, payload.size() - done);
-    Remote::CollectionDataSeq chunk;
-    chunk.length(static_cast<CORBA::ULong>(size));
-    std::copy_n(payload.data() + done, size, reinterpret_cast<char*>(chunk.get_buffer()));
-    if (!writer->put(chunk))
-      return false;
-  }
-  return true;
-}
-
-// The receiver adds a quarter to the interval that it is sent.
-std::uint64_t intervalFor(std::uint64_t seconds) { return (seconds * 4 + 4) / 5; }
-
 // Where explorers store what can be asked for, a payload of the same names would
 // take its place.
 AuthorityType freeType(PutOptions const& options)
@@ -239,38 +206,12 @@ int put(PutOptions const& options, Session const& session)
     return result;
   if (options.type.empty())
     type = freeType(options);
-  Remote::Discovery record;
-  record.queryType = options.filterData ? DQ_FILTER_DATA : DQ_DISCOVERY_DATA;
-  record.subject = options.subject.c_str();
-  record.authority = options.authority.c_str();
-  record.authType = type;
-  record.attributes = {CT_POINT_IN_TIME, CS_CENTRALREPOSITORY,
-                       static_cast<CORBA::Long>(options.priority), intervalFor(*lifetime),
-                       static_cast<CORBA::ULongLong>(OzfObjTime::now().seconds())};
-  record.sourceHost = "";
-  record.sourceServiceName = "";
-  try
-  {
-    Remote::RemoteWriter_var writer;
-    DiscoveryStatus status = connection.service()->putCollection(record, writer.out()).discStatus;
-    if (status == DS_SUCCESS)
-    {
-      bool const sent = send(writer, payload);
-      // Closed whatever came before: the service keeps a writer until then.
-      status = writer->close().discStatus;
-      status = sent || status != DS_SUCCESS ? status : DS_OPEN_FAILED;
-    }
-    if (status != DS_SUCCESS)
-    {
-      complain("not stored: " + describe(status));
-      return EXIT_FAILED;
-    }
-  }
-  catch (CORBA::Exception const& exception)
-  {
-    complain("not stored: " + reasonOf(exception));
-    return connection.conclude(EXIT_FAILED);
-  }
+  Remote::Discovery record =
+      recordToStore(options.subject, options.authority, type, options.priority, *lifetime);
+  if (options.filterData)
+    record.queryType = DQ_FILTER_DATA;
+  if (int const result = sendToMaster(connection, record, payload); result != EXIT_DONE)
+    return result;
   if (options.json)
     printJson({{"subject", options.subject},
                {"authority", options.authority},

@@ -48,17 +48,6 @@ void complainUnread(Record const& record, bool something)
              "\"tqdiscoctl db show\" reads it on the master itself");
     return;
   }
-  if (!something && record.onDemand() && !announcementOf(record) && isCrowdedOut(record))
-  {
-    complain("the collection of " + titleOf(record) +
-             " cannot be read: it is made on demand by the service itself, which gives out only "
-             "the last such collection in its order, and another host's comes after this one. "
-             "\"tqdiscoctl query --subject " +
-             shown(record.subject) +
-             "\" lists what is stored of the same subject, which can be read: \"tqdiscoctl show\", "
-             "and on the service's own host \"tqdiscoctl db show\"");
-    return;
-  }
   complain(std::string(something ? "only a part of" : "nothing of") + " the collection of " +
            titleOf(record) + " could be read; --verbose shows why" +
            (record.onDemand() ? ". It is produced on demand by the host itself: is tqdisco "

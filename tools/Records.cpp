@@ -188,7 +188,8 @@ int fetch(Selection const& selection, AuthorityType type, Listing& listing, std:
 AutoDereference<Discovery> remoteDiscovery(Record const& record, std::string const& host,
                                            std::string const& service, AuthorityType type,
                                            DiscoveryQuery queryType,
-                                           Remote::CollAttributes const& attributes)
+                                           Remote::CollAttributes const& attributes,
+                                           bool own = false)
 {
   auto remote = std::make_unique<Remote::Discovery>();
   remote->queryType = queryType;
@@ -198,7 +199,8 @@ AutoDereference<Discovery> remoteDiscovery(Record const& record, std::string con
   remote->attributes = attributes;
   remote->sourceHost = host.c_str();
   remote->sourceServiceName = service.c_str();
-  return AutoDereference<Discovery>(getRemoteDiscoveryDatabase().newDiscovery(remote.release()));
+  return AutoDereference<Discovery>(
+      getRemoteDiscoveryDatabase().newDiscovery(remote.release(), own));
 }
 
 } // namespace
@@ -304,6 +306,11 @@ AutoDereference<Discovery> elsewhere(Record const& record, Announcement const& p
   return remoteDiscovery(record, place.host, place.service, place.type, DQ_UNDEFINED, {});
 }
 
+AutoDereference<Discovery> ownCollection(Record const& record, Announcement const& place)
+{
+  return remoteDiscovery(record, place.host, place.service, place.type, DQ_UNDEFINED, {}, true);
+}
+
 Announcement masterAs(AuthorityType type)
 {
   OzfHostname master;
@@ -318,28 +325,6 @@ bool isShadowed(Record const& record, std::vector<Record> const& records)
   auto const [first, last] = std::equal_range(records.begin(), records.end(), record, byNames);
   return !record.onDemand() &&
          std::any_of(first, last, [](Record const& other) { return other.onDemand(); });
-}
-
-bool isCrowdedOut(Record const& record)
-{
-  if (!record.onDemand())
-    return false;
-  try
-  {
-    auto const iterator =
-        queryMaster(DQ_DISCOVERY_DATA, record.type, record.subject, record.authority);
-    if (!iterator)
-      return false;
-    CORBA::ULong count = 0;
-    for (CORBA::ULong length = 1; length != 0 && count < 2; count += length)
-      length = Remote::DiscoverySeq_var((*iterator)->getNextPage())->length();
-    return count >= 2;
-  }
-  catch (CORBA::Exception const& exception)
-  {
-    tell("the list of discoveries broke off: " + reasonOf(exception));
-    return false;
-  }
 }
 
 std::string formatAgeOf(Record const& record, OzfObjTime const& now)

@@ -111,6 +111,12 @@ std::optional<Announcement> announcementOf(Record const& record);
 Quillon::Tessarine::Ozf::AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::Discovery>
 elsewhere(Record const& record, Announcement const& place);
 
+// The collection on demand of the record's names that the service on that host has
+// itself, which it gives out whatever else is registered there. Not every version
+// of the service has a way to ask for it.
+Quillon::Tessarine::Ozf::AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::Discovery>
+ownCollection(Record const& record, Announcement const& place);
+
 // The service that was connected to, for elsewhere.
 Announcement masterAs(Quillon::Tessarine::Ozf::DiscoverySvc::AuthorityType type);
 
@@ -119,11 +125,6 @@ Announcement masterAs(Quillon::Tessarine::Ozf::DiscoverySvc::AuthorityType type)
 // what is stored beside a collection on demand cannot be read. The records are in
 // the order of queryRecords.
 bool isShadowed(Record const& record, std::vector<Record> const& records);
-
-// Whether the service gives nothing for the names of a collection on demand
-// because another one comes after it in the service's order: it answers with
-// all that do, and gives out a collection only where there is one.
-bool isCrowdedOut(Record const& record);
 
 // "2m 5s", "on demand".
 std::string formatAgeOf(Record const& record, Quillon::Tessarine::Ozf::OzfObjTime const& now);

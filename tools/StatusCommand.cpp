@@ -1,5 +1,6 @@
 // status: is the service up, and what do the services tell of themselves?
 
+#include "tools/AnnouncingHost.h"
 #include "tools/Collections.h"
 #include "tools/Commands.h"
 #include "tools/Format.h"
@@ -7,6 +8,7 @@
 #include "tools/Output.h"
 #include "tools/ReaderGone.h"
 #include "tools/Table.h"
+#include "tools/TypeNames.h"
 
 #include "ozf/base/MetadataConverter.h"
 
@@ -17,6 +19,7 @@
 #include <iostream>
 #include <map>
 #include <memory>
+#include <set>
 #include <unistd.h>
 
 namespace tqdiscoctl
@@ -171,7 +174,7 @@ void printServices(std::vector<ServiceState> const& states, SilentHosts const& s
   if (roomy)
     header.emplace_back("VERSION", Table::FIXED);
   header.emplace_back("UP", Table::NUMBER);
-  header.emplace_back("DISCOVERIES", Table::NUMBER);
+  header.emplace_back("STORED", Table::NUMBER);
   if (roomy)
     header.emplace_back("EXPLORERS", Table::NUMBER);
   header.emplace_back("FAILED", Table::NUMBER);
@@ -205,6 +208,7 @@ void printExplorers(std::vector<ServiceState> const& states, bool all, OzfObjTim
                {"LAST RUN", Table::NUMBER},
                {"LAST RESULT", Table::TEXT}});
   bool any = false;
+  std::set<AuthorityType> types;
   for (ServiceState const& state : states)
     for (Item const& explorer : state.explorers)
     {
@@ -215,23 +219,45 @@ void printExplorers(std::vector<ServiceState> const& states, bool all, OzfObjTim
                  fact(explorer, "Type"), run.isZero() ? "-" : formatAge(run, now) + " ago",
                  fact(explorer, "LastResult")});
       any = true;
+      if (AuthorityType type{}; parseType(fact(explorer, "Type"), type))
+        types.insert(type);
     }
   if (!any)
     return;
   std::cout << '\n';
   table.print(std::cout, terminalWidth(STDOUT_FILENO), terminalStyles(STDOUT_FILENO));
+  explainTypes(types);
+}
+
+// That a host reports nothing yet.
+void tellAnnouncing(std::optional<AnnouncingHost> const& host, StatusOptions const& options)
+{
+  if (options.json || !host || !host->isPending())
+    return;
+  std::cout << wrapped(host->sentence(OzfObjTime::now()), terminalWidth(STDOUT_FILENO)) << '\n';
+  std::cout.flush();
 }
 
 int status(StatusOptions const& options, Session const& session)
 {
   using Clock = std::chrono::steady_clock;
-  Clock::time_point const begin = Clock::now();
   WhileRead const whileRead;
   Connection connection(session.connection);
-  if (int const result = connection.open(); result != EXIT_DONE)
+  if (int const result = connection.prepare(); result != EXIT_DONE)
+    return result;
+  // Before the master is asked, who may be why this host waits.
+  bool const named = !session.connection.master.empty();
+  std::optional<AnnouncingHost> announcing;
+  if (!named)
+    tellAnnouncing(announcing = askAnnouncingHere(), options);
+  Clock::time_point const begin = Clock::now();
+  if (int const result = connection.reachMaster(); result != EXIT_DONE)
     return result;
   auto const answered =
       std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin).count();
+
+  if (named)
+    tellAnnouncing(announcing = askAnnouncing(connection.master()), options);
 
   std::vector<Record> records;
   int const listed = queryRecords(Selection(), records);
@@ -261,13 +287,14 @@ int status(StatusOptions const& options, Session const& session)
                {"milliseconds", answered},
                {"discoveries", records.size()},
                {"services", std::move(services)},
+               {"announcement", toJson(announcing)},
                {"silent", toJson(silent)}});
   }
   else
   {
     std::size_t const width = terminalWidth(STDOUT_FILENO);
     std::cout << wrapped(connection.place() + " is up: it answered after " +
-                             std::to_string(answered) + " ms and knows " +
+                             std::to_string(answered) + " ms and lists " +
                              counted(records.size(), "discovery", "discoveries") + ".",
                          width)
               << '\n';

@@ -112,17 +112,18 @@ _tqdiscoctl()
     show) options="-t --type -w --where --json --fact-list --xml --raw" ;;
     items)
       options="$selection -w --where -c --columns -l --details --sort --limit --count --json"
-      options+=" --json-lines --fact-list"
+      options+=" --json-lines --fact-list --all"
       ;;
     filters) options="--json --xml" ;;
     watch) options="$selection -n --interval --looks --heartbeats --json" ;;
     put) options="-t --type -e --expires-in -p --priority --filter-data --unchecked --json" ;;
-    push) options="--all --host --json" ;;
+    push) options="--all --host --now -a --authority --json" ;;
     stop) options="--host --no-wait --json" ;;
     db)
       case $dbcommand in
         "") options="list show verify forget -d --directory" ;;
         show) options="-d --directory -t --type --json --raw" ;;
+        verify) options="-d --directory -q --quick --json" ;;
         forget) options="-d --directory -t --type -n --dry-run -y --yes --json" ;;
         *) options="-d --directory --json" ;;
       esac

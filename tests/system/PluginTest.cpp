@@ -109,11 +109,16 @@ TEST_F(PluginTest, oneThatThrowsIsToldWithWhatItThrew)
   expectServing();
 }
 
-TEST_F(PluginTest, theSecondRegistrationOfOnePlaceIsDroppedQuietly)
+TEST_F(PluginTest, theSecondRegistrationOfOnePlaceIsNamedByTheLoader)
 {
   m_service.addPlugin("discovery_twice", "twice");
   addGood();
   start("LOG_LEVEL = 4\n");
+  EXPECT_NE(lineWith("1 ExplorerLoader::libraryCallback: Explorer of tqplugin-twice is not used, "
+                     "authority fixture, type 2, priority 7: authority fixture, type 2, priority 7 "
+                     "has its place"),
+            "")
+      << m_service.log();
   EXPECT_NE(lineWith("Registration of explorers in tqplugin-twice completed"), "")
       << m_service.log();
   expectServing();

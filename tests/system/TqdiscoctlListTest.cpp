@@ -169,7 +169,9 @@ TEST_F(TqdiscoctlListTest, manyItemsTakeLittleMemory)
   std::string items;
   for (int i = 0; i < MANY; ++i)
     items += item("item" + std::to_string(i), std::to_string(i), "1000000", "1%");
-  store("web9", "many", document(items));
+  // The command and the service would read them as well.
+  store("web9", "many", document(item("item", "1", "1", "1%")));
+  writeText(m_service.database() + "/3 many web9.dat", document(items));
   Process reader(TQ_BIN_DIR "/tqdiscoctl", {"items", "-a", "many", "--json"},
                  {{"TESSARINE_ROOT", m_service.root()}});
   std::size_t peak = 0;

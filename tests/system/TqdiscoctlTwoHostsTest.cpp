@@ -103,6 +103,21 @@ TEST_F(TqdiscoctlTwoHostsTest, volumesOfTheClientAreReadFromIt)
               std::vector<std::string>{host});
 }
 
+// The master itself gives its own only to who asks for nothing else.
+TEST_F(TqdiscoctlTwoHostsTest, aListOfEveryHostsVolumesIsWhole)
+{
+  for (Words const& more : {Words{}, Words{"--where", "kind = disk or kind != disk"}})
+  {
+    Words words{"items", "--authority", "volume", "--json"};
+    words.insert(words.end(), more.begin(), more.end());
+    Outcome const outcome = run(words);
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.errors << m_master.log();
+    EXPECT_EQ(subjectsListed(json::parse(outcome.output)),
+              (std::vector<std::string>{CLIENT, LiveService::NAME}));
+  }
+  EXPECT_EQ(run({"show", LiveService::NAME, "volume"}).exitCode, 0);
+}
+
 // The master has the client's announcement from its database then, and not from
 // the client.
 TEST_F(TqdiscoctlTwoHostsTest, volumesOfTheClientAreReadAfterARestartOfTheMaster)
@@ -145,6 +160,35 @@ TEST_F(TqdiscoctlTwoHostsTest, volumesOfTheClientAreReadAfterARestartOfTheMaster
   m_client->sendSignal(SIGKILL);
   ASSERT_TRUE(m_client->wait());
   EXPECT_EQ(run({"show", CLIENT, "volume"}).exitCode, 1);
+}
+
+// The host explorer runs once an hour by itself, that of file systems every five
+// minutes.
+TEST_F(TqdiscoctlTwoHostsTest, explorersThatAreNotDueRunWhenTheyAreToRunNow)
+{
+  auto const foundAt = [this](std::string const& authority)
+  {
+    json const records = json::parse(
+        run({"query", "--subject", CLIENT, "--authority", authority, "--type", "client", "--json"})
+            .output,
+        nullptr, false);
+    return records.size() == 1 ? std::string(records[0]["discoveryTime"]) : std::string();
+  };
+  ASSERT_TRUE(eventually([&] { return !foundAt("host").empty(); }));
+  std::string const host = foundAt("host");
+  std::string const filesystem = foundAt("filesystem");
+
+  Outcome const one = run({"push", "--now", "--authority", "host", "--host", "127.0.0.2"});
+  EXPECT_EQ(one.exitCode, 0) << one.errors;
+  EXPECT_THAT(one.output, HasSubstr("those of host become due"));
+  EXPECT_TRUE(eventually([&] { return foundAt("host") != host; })) << m_client->errors();
+  EXPECT_EQ(foundAt("filesystem"), filesystem);
+
+  Outcome const all = run({"push", "--now", "--all"});
+  EXPECT_EQ(all.exitCode, 0) << all.errors;
+  EXPECT_TRUE(eventually([&] { return foundAt("filesystem") != filesystem; }))
+      << m_client->errors();
+  EXPECT_EQ(run({"push", "--authority", "host"}).exitCode, 2);
 }
 
 TEST_F(TqdiscoctlTwoHostsTest, anotherHostsServicePushesAndStops)

@@ -343,7 +343,7 @@ TEST_F(TqdiscoctlJsonTest, hasTheMembersThatAreDocumentedAndNoOthers)
   writeText(m_service / "payload", "<DiscoveredItems/>");
   EXPECT_EQ(membersOf(read({"put", "web1", "disks", m_service / "payload"})),
             (Names{"subject", "authority", "type", "typeName", "payloadBytes", "expiresTime"}));
-  EXPECT_EQ(membersOf(read({"push"})), (Names{"service", "all"}));
+  EXPECT_EQ(membersOf(read({"push"})), (Names{"service", "all", "now"}));
   Names inFiles = record;
   inFiles.erase("onDemand");
   Names const stored = both(inFiles, {"collectionType", "storage", "priority", "payloadBytes",
