@@ -1,6 +1,6 @@
 #include "tools/AnnouncingHost.h"
 
-#include "discovery/OwnCollections_i.h"
+#include "discovery/Peers.h"
 #include "ozf/base/MetadataConverter.h"
 #include "ozf/base/OzfHostname.h"
 #include "ozf/config/Configuration.h"

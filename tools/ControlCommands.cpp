@@ -4,6 +4,7 @@
 #include "tools/Commands.h"
 #include "tools/Output.h"
 #include "tools/Sending.h"
+#include "tools/Table.h"
 
 #include "discovery/RefreshRequests.h"
 
@@ -14,6 +15,7 @@
 #include <iostream>
 #include <memory>
 #include <thread>
+#include <unistd.h>
 
 namespace tqdiscoctl
 {
@@ -115,16 +117,18 @@ int push(ControlOptions const& options, Session const& session)
   if (options.json)
     printJson(
         {{"service", whose(options, connection)}, {"all", options.all}, {"now", options.now}});
-  else if (options.all)
-    std::cout << "The master asks every known client to move its next pass to within a minute.\n";
   else
-    std::cout << "The next pass over the explorers of " << whose(options, connection)
-              << (options.now ? "" : " that are due") << " comes within a minute.\n";
-  if (options.now && !options.json)
-    std::cout << "Before it "
-              << (options.authority.empty()
-                      ? std::string("all of them become due.\n")
-                      : "those of " + shown(options.authority) + " become due.\n");
+  {
+    std::string text =
+        options.all ? "The master asks every known client to move its next pass to within a minute."
+                    : "The next pass over the explorers of " + whose(options, connection) +
+                          (options.now ? "" : " that are due") + " comes within a minute.";
+    if (options.now)
+      text += options.authority.empty()
+                  ? " Before it all of them become due."
+                  : " Before it those of " + shown(options.authority) + " become due.";
+    std::cout << wrapped(text, terminalWidth(STDOUT_FILENO)) << '\n';
+  }
   return EXIT_DONE;
 }
 
