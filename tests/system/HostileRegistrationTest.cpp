@@ -105,12 +105,12 @@ TEST(HostileRegistrationTest, hostsThatAreEachOthersMasterRefuseAndGoOn)
   auto const refusals = [&](std::string const& operation)
   {
     std::size_t count = 0;
-    for (auto const& [log, host] : {std::pair(here.log(), "there"), std::pair(there.log(), "here")})
+    for (auto const& [text, host] : {std::pair(here.log(), "there"), std::pair(there.log(), "here")})
     {
       std::string const line = std::string(CONNECTING_BACK) + host;
-      count += occurrences(log, operation + ": " + line);
+      count += occurrences(text, operation + ": " + line);
       for (char const* const seconds : {"1 second: ", "2 seconds: ", "3 seconds: "})
-        count += occurrences(log, operation + ": Repeated 1 time in " + seconds + line);
+        count += occurrences(text, operation + ": Repeated 1 time in " + seconds + line);
     }
     return count;
   };
