@@ -125,12 +125,12 @@ TEST(HostileRegistrationTest, hostsThatAreEachOthersMasterRefuseAndGoOn)
                        client->queryDiscoveries(DQ_DISCOVERY_DATA, AT_EXTSRC, "*", "*")),
                    CORBA::COMM_FAILURE);
       EXPECT_LT(steady_clock::now() - start, QUICK);
-      EXPECT_EQ(1U, refusals("DiscoveryRepository::queryRemoteDiscoveries")) << here.log();
+      EXPECT_GE(refusals("DiscoveryRepository::queryRemoteDiscoveries"), 1U) << here.log();
 
       start = steady_clock::now();
       EXPECT_EQ(client.store("subject", "authority", "<x/>"), client::DS_OPEN_FAILED);
       EXPECT_LT(steady_clock::now() - start, QUICK);
-      EXPECT_EQ(1U, refusals("RemoteCollectionData::openWrite")) << here.log();
+      EXPECT_GE(refusals("RemoteCollectionData::openWrite"), 1U) << here.log();
     }
   }
   EXPECT_EQ(here.stop(), 0) << here.log();
