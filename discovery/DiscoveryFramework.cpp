@@ -95,6 +95,7 @@ void DiscoveryFramework::activate()
   {
     CORBA::Object_var const root = m_orb->resolveInitialReference("RootPOA");
     m_served->rootPOA = PortableServer::POA::_narrow(root);
+    Remote::getOpenWriters().open();
     m_served->servant = newDiscoveryServant();
     m_served->reference = m_orb->activateObject(m_served->servant.in());
     getDiscoveryDBDatabase()->init(m_name);
@@ -127,7 +128,8 @@ void DiscoveryFramework::shutdown()
   OZF_ASSERT(!m_shutdown, "!m_shutdown", SOURCE, "DiscoveryFramework::shutdown");
   m_shutdown = true;
   // Before anything is waited for: a call in progress may want a lock.
-  LockWait::endAll();
+  if (m_served)
+    LockWait::endAll();
 
   // A step that fails must not keep the next from being taken.
   constexpr char const* OPERATION = "DiscoveryFramework::shutdown";
@@ -160,8 +162,7 @@ void DiscoveryFramework::shutdown()
               // must not meet the destruction of the POA.
               PortableServer::POAManager_var const manager = m_served->rootPOA->the_POAManager();
               manager->deactivate(true, true);
-              // No call is in progress any more, and no new one comes.
-              Remote::getOpenWriters().dropAll();
+              Remote::getOpenWriters().close();
             });
   getDiscoveryRepository().shutdown();
 }
@@ -184,6 +185,8 @@ void DiscoveryFramework::fini()
     return;
   if (m_type != DST_NONE && released)
     getDiscoveryRepository().fini();
+  // The process may go on and use the database.
+  LockWait::allow();
   if (m_ownAce)
     ACE::fini();
 }

@@ -3,7 +3,6 @@
 #include "discovery/DiscoveryRepository.h"
 
 #include "discovery/DiscDB.h"
-#include "discovery/DiscDBLock.h"
 #include "discovery/DiscoveryFramework.h"
 #include "discovery/DiscoveryLog.h"
 #include "discovery/ExplorerCall.h"
@@ -113,10 +112,7 @@ void DiscoveryRepository::setDiscoveryFramework(DiscoveryFramework const* framew
   // A process that reads discoveries may come up and go down again and again:
   // each framework shuts the repository down once.
   if (framework != nullptr && framework != m_discoveryFramework.get())
-  {
     m_peers.setShuttingDown(false);
-    LockWait::allow();
-  }
   m_discoveryFramework =
       AutoDereference<DiscoveryFramework>::retain(const_cast<DiscoveryFramework*>(framework));
   if (framework != nullptr)

@@ -209,8 +209,15 @@ DiscoveryResult DiscoveryService_i::putCollection(Discovery const& record, Remot
     {
       reference = getDiscoveryRepository().getOrb()->activateObject(servant);
       servant->setReference(reference);
-      writer = RemoteWriter::_narrow(reference);
-      place->take(*servant, reference);
+      if (place->take(*servant, reference))
+        writer = RemoteWriter::_narrow(reference);
+      else
+      {
+        OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+                "Refused a discovery: the service is about to stop");
+        getDiscoveryRepository().getOrb()->destroyObjectRef(reference);
+        result.discStatus = DS_OPEN_FAILED;
+      }
     }
   }
   catch (CORBA::Exception const& exception)

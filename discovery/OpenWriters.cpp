@@ -40,15 +40,18 @@ OpenWriters::Place::~Place()
   m_all.m_entries.erase(m_entry);
 }
 
-void OpenWriters::Place::take(OpenWriter& writer, CORBA::Object_ptr reference)
+bool OpenWriters::Place::take(OpenWriter& writer, CORBA::Object_ptr reference)
 {
   std::lock_guard const guard(m_all.m_mutex);
+  if (m_all.m_closed)
+    return false;
   writer._add_ref();
   m_entry->writer = &writer;
   m_entry->keeper = &writer;
   m_entry->reference = CORBA::Object::_duplicate(reference);
   m_entry->lastPut = m_all.m_clock();
   m_taken = true;
+  return true;
 }
 
 std::unique_ptr<OpenWriters::Place> OpenWriters::reserve(Peer const* peer)
@@ -173,15 +176,22 @@ void OpenWriters::dropIdle()
   drop(idle);
 }
 
-void OpenWriters::dropAll()
+void OpenWriters::close()
 {
   Entries all;
   {
     std::lock_guard const guard(m_mutex);
+    m_closed = true;
     for (auto entry = m_entries.begin(); entry != m_entries.end();)
       entry = entry->writer == nullptr ? std::next(entry) : take(entry, all);
   }
   drop(all);
+}
+
+void OpenWriters::open()
+{
+  std::lock_guard const guard(m_mutex);
+  m_closed = false;
 }
 
 std::size_t OpenWriters::size() const

@@ -79,8 +79,9 @@ public:
     Place(Place const&) = delete;
     Place& operator=(Place const&) = delete;
 
-    // The writer's reference is active. Adds references to both.
-    void take(OpenWriter& writer, CORBA::Object_ptr reference);
+    // The writer's reference is active. Adds references to both. False at the end
+    // of the service, when nobody would let the writer go any more.
+    bool take(OpenWriter& writer, CORBA::Object_ptr reference);
 
   private:
     friend class OpenWriters;
@@ -105,8 +106,10 @@ public:
   // Lets those go whose time has come. The service calls it every second.
   void dropIdle();
 
-  // Lets all go, at the end of the service.
-  void dropAll();
+  // Lets all go, at the end of the service, and lets none in until it is opened
+  // again.
+  void close();
+  void open();
 
   std::size_t size() const;
 
@@ -122,6 +125,7 @@ private:
   mutable std::mutex m_mutex;
   Clock m_clock = &std::chrono::steady_clock::now;
   Entries m_entries;
+  bool m_closed = false;
   std::uint64_t m_failures = 0;
 };
 

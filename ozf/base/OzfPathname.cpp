@@ -22,10 +22,16 @@ int flushDirectory(std::string const& path)
   return errno;
 }
 
-int makeOne(std::string const& path, mode_t mode)
+// Sets flushed to the error of a flush that failed, unless one did before.
+int makeOne(std::string const& path, mode_t mode, int& flushed)
 {
   if (::mkdir(path.c_str(), mode) == 0)
-    return flushDirectory(OzfPathname(path).directory());
+  {
+    int const error = flushDirectory(OzfPathname(path).directory());
+    if (flushed == 0)
+      flushed = error;
+    return 0;
+  }
   int const error = errno;
   // A read-only file system or a parent without write permission may refuse
   // to make what is there already, so any refusal is checked against the facts.
@@ -78,16 +84,19 @@ int mkdirpath(std::string const& path, mode_t mode)
     return ENOENT;
   if (path.find('\0') != std::string::npos)
     return EINVAL;
+  int flushed = 0;
   for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
        slash = path.find('/', slash + 1))
   {
     if (path[slash - 1] == '/')
       continue;
-    if (int const error = makeOne(path.substr(0, slash), mode); error != 0)
+    if (int const error = makeOne(path.substr(0, slash), mode, flushed); error != 0)
       return error;
   }
   auto const last = path.find_last_not_of('/');
-  return makeOne(last == std::string::npos ? "/" : path.substr(0, last + 1), mode);
+  int const error =
+      makeOne(last == std::string::npos ? "/" : path.substr(0, last + 1), mode, flushed);
+  return error != 0 ? error : flushed;
 }
 
 } // namespace Quillon::Tessarine::Ozf

@@ -40,7 +40,8 @@ private:
 // Creates path and all missing parents with the permissions mode (as limited
 // by the umask), and flushes the folders in which it made some, so that a power
 // cut leaves what was made. Returns 0 when path is a directory afterwards, else
-// the errno value of what failed: ENOTDIR when a part is something else.
+// the errno value of what failed: ENOTDIR when a part is something else. A flush
+// that fails is told when all is made.
 OZF_EXPORT int mkdirpath(std::string const& path, mode_t mode);
 
 } // namespace Quillon::Tessarine::Ozf

@@ -5,6 +5,7 @@
 #include "ozf/orb/Connection.h"
 #include "ozf/orb/ConnectionTable.h"
 #include "ozf/orb/Listener.h"
+#include "ozf/orb/Liveness.h"
 
 #include <omniORB4/tcpConnection.h>
 #include <omniORB4/tcpEndpoint.h>
@@ -14,7 +15,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <charconv>
 #include <ctime>
+#include <limits>
 #include <memory>
 #include <string_view>
 #include <utility>
@@ -88,6 +91,23 @@ void requireMemory()
 {
   // Not by an expression, which the compiler may leave out.
   ::operator delete(::operator new(MEMORY_OF_CONNECTION));
+}
+
+// 0 when there is none.
+unsigned short portIn(std::string_view text)
+{
+  unsigned short port = 0;
+  std::string_view const digits = text.substr(text.rfind(':') + 1);
+  std::from_chars(digits.data(), digits.data() + digits.size(), port);
+  return port;
+}
+
+// As many connections as the peer's address may have.
+std::size_t connectionsAllowed(std::string const& peer, std::string const& own, rlim_t descriptors)
+{
+  if (addressIn(peer) == addressIn(own) && isLivenessQuestion(portIn(peer)))
+    return std::numeric_limits<std::size_t>::max();
+  return static_cast<std::size_t>(std::min(descriptors / 2, CONNECTIONS_OF_ADDRESS));
 }
 
 class Endpoint final : public omni::giopEndpoint
@@ -171,7 +191,7 @@ omni::giopConnection* Endpoint::wrap(omni::giopConnection* inner, int descriptor
   }
   auto peer = ConnectionTable::instance().add(
       addressIn(inner->peeraddress()),
-      static_cast<std::size_t>(std::min(limit.rlim_cur / 2, CONNECTIONS_OF_ADDRESS)));
+      connectionsAllowed(inner->peeraddress(), inner->myaddress(), limit.rlim_cur));
   if (peer.empty())
   {
     logRefusedConnection(inner->peeraddress(), "its address has too many");

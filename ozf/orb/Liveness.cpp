@@ -10,7 +10,9 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
+#include <optional>
 
 namespace Quillon::Tessarine::Ozf
 {
@@ -24,6 +26,29 @@ constexpr std::size_t HEADER = 12;
 constexpr unsigned char LOCATE_REQUEST = 3;
 constexpr unsigned char LOCATE_REPLY = 4;
 
+std::atomic<unsigned short> portOfQuestion{0};
+
+// Gives the socket a port before it is connected, and tells it while the object
+// lives.
+class KnownPort
+{
+public:
+  KnownPort(int fd, sockaddr_storage const& target, socklen_t length)
+  {
+    sockaddr_storage own{};
+    own.ss_family = target.ss_family;
+    if (bind(fd, reinterpret_cast<sockaddr const*>(&own), length) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr*>(&own), &length) != 0)
+      return;
+    portOfQuestion =
+        ntohs(own.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6 const*>(&own)->sin6_port
+                                        : reinterpret_cast<sockaddr_in const*>(&own)->sin_port);
+  }
+  ~KnownPort() { portOfQuestion = 0; }
+  KnownPort(KnownPort const&) = delete;
+  KnownPort& operator=(KnownPort const&) = delete;
+};
+
 bool waitFor(int fd, short events, Clock::time_point deadline)
 {
   auto const left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
@@ -31,7 +56,9 @@ bool waitFor(int fd, short events, Clock::time_point deadline)
   return left > 0 && poll(&wait, 1, static_cast<int>(left)) == 1;
 }
 
-UniqueFd connectTo(std::string const& address, unsigned short port, Clock::time_point deadline)
+// port is told from before the connection until the object goes.
+UniqueFd connectTo(std::string const& address, unsigned short port, Clock::time_point deadline,
+                   std::optional<KnownPort>& known)
 {
   sockaddr_storage storage{};
   socklen_t length = sizeof(sockaddr_in);
@@ -54,6 +81,7 @@ UniqueFd connectTo(std::string const& address, unsigned short port, Clock::time_
   UniqueFd fd(socket(storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!fd.valid())
     return fd;
+  known.emplace(fd.get(), storage, length);
   int failure = 0;
   socklen_t size = sizeof failure;
   if (connect(fd.get(), reinterpret_cast<sockaddr const*>(&storage), length) == 0 ||
@@ -88,8 +116,9 @@ bool isServiceAnswering(std::string const& service, std::chrono::milliseconds ti
   if (port == 0)
     return true;
   auto const addresses = getConfiguration()->list("ORB_BIND");
+  std::optional<KnownPort> known;
   UniqueFd const fd =
-      connectTo(addresses.empty() ? "127.0.0.1" : addresses.front(), port, deadline);
+      connectTo(addresses.empty() ? "127.0.0.1" : addresses.front(), port, deadline, known);
   std::string const request = locateRequest(service);
   // It fits into the buffer of a new connection.
   if (!fd.valid() || send(fd.get(), request.data(), request.size(), MSG_NOSIGNAL) !=
@@ -107,6 +136,11 @@ bool isServiceAnswering(std::string const& service, std::chrono::milliseconds ti
     reply.append(buffer, static_cast<std::size_t>(got));
   }
   return reply.compare(0, 4, "GIOP") == 0 && reply[7] == LOCATE_REPLY;
+}
+
+bool isLivenessQuestion(unsigned short port) noexcept
+{
+  return port != 0 && port == portOfQuestion;
 }
 
 } // namespace Quillon::Tessarine::Ozf

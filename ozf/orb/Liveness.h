@@ -18,4 +18,8 @@ namespace Quillon::Tessarine::Ozf
 // Any thread; blocks for that time at most.
 OZF_EXPORT bool isServiceAnswering(std::string const& service, std::chrono::milliseconds time);
 
+// Whether that question, now being asked by this process, comes from the port:
+// it must not be refused because of what others do who share the address.
+bool isLivenessQuestion(unsigned short port) noexcept;
+
 } // namespace Quillon::Tessarine::Ozf

@@ -46,7 +46,7 @@ public:
   // connection went and never for two connections at once; isConnectionOpen is
   // false for it by then. It may take locks and write log lines; it must not
   // destroy an observer nor wait for calls or for the end of the ORB, and it
-  // should be brief: the deadlines of connections are kept by the same thread.
+  // should be brief: the others wait for it.
   // What it throws is logged at level 1 and goes no further.
   explicit ConnectionObserver(Gone gone);
 

@@ -309,6 +309,14 @@ TEST_F(Faults, ADirectoryThatFailsToBeFlushedFailsTheCallWhereItCanBeFlushed)
   }
 }
 
+TEST_F(Faults, ADirectoryWhoseParentFailsToBeFlushedIsMadeAllTheSame)
+{
+  SystemCalls const calls(m_db.path(),
+                          [](std::string const& call) { return call == "fsync ." ? EIO : 0; });
+  EXPECT_EQ(EIO, mkdirpath(m_db / "one/two/three", 0755));
+  EXPECT_TRUE(std::filesystem::is_directory(m_db / "one/two/three"));
+}
+
 TEST_F(Faults, ARefusedUpgradeIsTriedOnceMoreWithoutTheReadLock)
 {
   writeText(m_db / XML, document(FUTURE));

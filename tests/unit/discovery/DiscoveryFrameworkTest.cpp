@@ -1,6 +1,7 @@
 #include "discovery/DiscoveryFramework.h"
 
 #include "discovery/DiscDB.h"
+#include "discovery/DiscDBLock.h"
 #include "discovery/DiscoveryService_iIterators.h"
 #include "tests/support/FakeDiscoveries.h"
 #include "tests/support/FakeExplorers.h"
@@ -56,6 +57,28 @@ TEST(DiscoveryFrameworkTest, AProcessThatOnlyReadsServesNothingAndKeepsTheReposi
   getDiscoveryRepository().getBarrier().add(*held);
   framework->shutdown();
   framework->fini();
+}
+
+TEST(DiscoveryFrameworkTest, AProcessThatOnlyReadsDoesNotEndTheWaitForLocks)
+{
+  Service host;
+  AutoDereference<DiscoveryFramework> framework(
+      new DiscoveryFramework("discovery", DST_NONE, nullptr, false));
+  framework->init(nullptr);
+  framework->shutdown();
+  EXPECT_TRUE(LockWait().pause());
+  framework->fini();
+}
+
+TEST(DiscoveryFrameworkTest, LocksAreWaitedForAgainWhenAServiceHasEnded)
+{
+  Service host;
+  host.start();
+  host.leaveFrameworkToTest();
+  host.framework().shutdown();
+  EXPECT_FALSE(LockWait().pause());
+  host.framework().fini();
+  EXPECT_TRUE(LockWait().pause());
 }
 
 TEST(DiscoveryFrameworkTest, ShutdownTwiceFailsTheAssertion)

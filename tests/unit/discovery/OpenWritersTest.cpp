@@ -1,10 +1,15 @@
 #include "discovery/OpenWriters.h"
 
+#include "discovery/DiscDB.h"
+#include "discovery/DiscDBLock.h"
+#include "ozf/base/OzfPathname.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Service.h"
 #include "tests/support/Writers.h"
 
 #include <gtest/gtest.h>
+
+#include <future>
 
 using namespace tqtest;
 using namespace Quillon::Tessarine::Ozf;
@@ -110,7 +115,7 @@ TEST_F(OpenWritersTest, TheServiceLooksForIdleOnesByItself)
 {
   Remote::RemoteWriter_var const resting = open("resting");
   advance(OpenWriters::MOST_IDLE);
-  EXPECT_TRUE(eventually([] { return Remote::getOpenWriters().size() == 0; }));
+  EXPECT_TRUE(tqtest::eventually([] { return Remote::getOpenWriters().size() == 0; }));
   EXPECT_TRUE(eventually([this] { return temporaryFilesIn(host.database()) == 0; }));
 }
 
@@ -154,4 +159,40 @@ TEST_F(OpenWritersTest, TheEndOfTheServiceLetsAllGo)
   host.stop();
   EXPECT_EQ(0U, Remote::getOpenWriters().size());
   EXPECT_EQ(0U, temporaryFilesIn(host.database()));
+}
+
+TEST_F(OpenWritersTest, OneThatIsOpenedWhileTheServiceEndsHoldsNothingUp)
+{
+  host.leaveFrameworkToTest();
+  std::optional<svc::MetadataGuard> held(
+      std::in_place,
+      OzfPathname::makeFilename(svc::getDiscoveryDBDatabase()->getDirectory(), "2 a s.xml").str());
+  svc::DiscoveryResult result{};
+  Remote::RemoteWriter_var writer;
+  std::thread caller([&]
+                     { result = service->putCollection(Service::record("s", "a"), writer.out()); });
+  EXPECT_TRUE(eventually([] { return Remote::getOpenWriters().size() == 1; }));
+  host.framework().shutdown();
+  held.reset();
+  caller.join();
+  EXPECT_EQ(svc::DS_OPEN_FAILED, result.discStatus);
+  EXPECT_TRUE(CORBA::is_nil(writer));
+  EXPECT_EQ(0U, temporaryFilesIn(host.database()));
+  EXPECT_EQ(1, log.count(1, "DiscoveryService_i::putCollection",
+                         "Refused a discovery: the service is about to stop"))
+      << log.text();
+
+  std::promise<void> finished;
+  std::thread ending(
+      [&]
+      {
+        host.framework().fini();
+        finished.set_value();
+      });
+  bool const inTime =
+      finished.get_future().wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+  EXPECT_TRUE(inTime);
+  if (!inTime)
+    std::_Exit(1); // what waits for ever is not waited for
+  ending.join();
 }
