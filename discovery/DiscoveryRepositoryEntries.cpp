@@ -3,9 +3,12 @@
 #include "ozf/base/Wildcard.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <limits>
 #include <string_view>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
@@ -61,60 +64,158 @@ bool ltdExplorerQuery::operator()(AutoDereference<ExplorerQuery> const& a,
   return ltdExplorerWrapper()(a->getEntry(), b->getEntry());
 }
 
-// Names of the entries, which live as long as the set.
+// Names of the entries, which live as long as the set, and their places in its
+// order.
 struct ExplorerSnapshot::Index
 {
-  using Names = std::pair<std::string_view, std::string_view>; // authority, subject
+  using Place = std::uint32_t;
+  static constexpr Place NONE = std::numeric_limits<Place>::max();
+
+  struct Entry
+  {
+    const_iterator entry;
+    std::string_view subject;
+    Place authority; // in authorities
+    Place nextOfAuthority = NONE;
+    Place nextOfSubject = NONE;
+  };
+  // The entries of one name, in their order.
+  struct Chain
+  {
+    std::string_view name;
+    Place first;
+    Place last;
+  };
+  using Names = std::pair<Place, std::string_view>; // authority, subject
 
   struct Hash
   {
     std::size_t operator()(Names const& names) const noexcept
     {
-      std::hash<std::string_view> const hash;
-      return hash(names.first) * 31 + hash(names.second);
+      return std::hash<std::string_view>()(names.second) * 31 + names.first;
     }
   };
 
-  std::unordered_map<Names, const_iterator, Hash> first;
+  explicit Index(ExplorerSet const& entries)
+  {
+    all.reserve(entries.size());
+    both.reserve(entries.size());
+    for (auto entry = entries.begin(); entry != entries.end(); ++entry)
+      add(entry);
+  }
+
+  void add(const_iterator entry)
+  {
+    auto const place = static_cast<Place>(all.size());
+    std::string_view const authority = (*entry)->getAuthority()->getName().str();
+    std::string_view const subject = (*entry)->getSubject()->getName().str();
+    auto const [known, isNew] =
+        ofAuthority.try_emplace(authority, static_cast<Place>(authorities.size()));
+    if (isNew)
+      authorities.push_back({authority, place, place});
+    all.push_back({entry, subject, known->second});
+    append(authorities[known->second], place, &Entry::nextOfAuthority);
+    append(ofSubject.try_emplace(subject, Chain{subject, place, place}).first->second, place,
+           &Entry::nextOfSubject);
+    // Entries may share their names: the walk meets the first of them.
+    both.try_emplace({known->second, subject}, place);
+  }
+
+  void append(Chain& chain, Place place, Place Entry::*next)
+  {
+    if (chain.last != place)
+      all[chain.last].*next = place;
+    chain.last = place;
+  }
+
+  Place find(ExplorerIdentity const& identity) const
+  {
+    if (!identity.hasExactAuthority())
+      return identity.hasExactSubject() ? findOfSubject(identity) : findInAll(identity);
+    auto const authority = ofAuthority.find(identity.authority());
+    if (authority == ofAuthority.end())
+      return NONE;
+    if (identity.hasExactSubject())
+    {
+      auto const found = both.find({authority->second, identity.subject()});
+      return found == both.end() ? NONE : found->second;
+    }
+    Place place = authorities[authority->second].first;
+    while (place != NONE && !identity.matchesSubject(all[place].subject))
+      place = all[place].nextOfAuthority;
+    return place;
+  }
+
+  Place findOfSubject(ExplorerIdentity const& identity) const
+  {
+    auto const subject = ofSubject.find(identity.subject());
+    if (subject == ofSubject.end())
+      return NONE;
+    Place place = subject->second.first;
+    while (place != NONE && !identity.matchesAuthority(authorities[all[place].authority].name))
+      place = all[place].nextOfSubject;
+    return place;
+  }
+
+  Place findInAll(ExplorerIdentity const& identity) const
+  {
+    // There are few authorities and many subjects.
+    std::vector<bool> matching(authorities.size());
+    std::transform(authorities.begin(), authorities.end(), matching.begin(),
+                   [&](Chain const& chain) { return identity.matchesAuthority(chain.name); });
+    auto const found =
+        std::find_if(all.begin(), all.end(),
+                     [&](Entry const& entry) {
+                       return matching[entry.authority] && identity.matchesSubject(entry.subject);
+                     });
+    return found == all.end() ? NONE : static_cast<Place>(found - all.begin());
+  }
+
+  std::vector<Entry> all;
+  std::vector<Chain> authorities;
+  std::unordered_map<std::string_view, Place> ofAuthority; // in authorities
+  std::unordered_map<std::string_view, Chain> ofSubject;
+  std::unordered_map<Names, Place, Hash> both;
 };
 
 ExplorerSnapshot::Index const& ExplorerSnapshot::index() const
 {
-  std::call_once(m_indexMade,
-                 [this]
-                 {
-                   auto made = std::make_shared<Index>();
-                   made->first.reserve(size());
-                   // Entries may share their names: the walk meets the first of them.
-                   for (auto entry = begin(); entry != end(); ++entry)
-                     made->first.try_emplace({(*entry)->getAuthority()->getName().str(),
-                                              (*entry)->getSubject()->getName().str()},
-                                             entry);
-                   m_index = std::move(made);
-                 });
+  std::call_once(m_indexMade, [this] { m_index = std::make_shared<Index>(*this); });
   return *m_index;
 }
 
 ExplorerSnapshot::const_iterator
 ExplorerSnapshot::firstMatch(ExplorerIdentity const& identity) const
 {
-  if (!identity.isExact())
-    return std::find_if(begin(), end(),
-                        [&](auto const& entry) { return identity.matches(*entry); });
-  auto const& all = index().first;
-  auto const found = all.find({identity.authority(), identity.subject()});
-  return found == all.end() ? end() : found->second;
+  // Who asks for everything needs no index.
+  if (empty() || identity.matches(**begin()))
+    return begin();
+  Index const& names = index();
+  Index::Place const found = names.find(identity);
+  return found == Index::NONE ? end() : names.all[found].entry;
 }
 
-bool ExplorerIdentity::isExact() const
+bool ExplorerIdentity::hasExactAuthority() const
 {
-  return m_authority.find('*') == std::string::npos && m_subject.find('*') == std::string::npos;
+  return m_authority.find('*') == std::string::npos;
+}
+
+bool ExplorerIdentity::hasExactSubject() const { return m_subject.find('*') == std::string::npos; }
+
+bool ExplorerIdentity::matchesAuthority(std::string_view name) const
+{
+  return wildcardcmp(m_authority, name, false) == 0;
+}
+
+bool ExplorerIdentity::matchesSubject(std::string_view name) const
+{
+  return wildcardcmp(m_subject, name, false) == 0;
 }
 
 bool ExplorerIdentity::matches(ExplorerWrapper const& entry) const
 {
-  return wildcardcmp(m_authority, entry.getAuthority()->getName().str(), false) == 0 &&
-         wildcardcmp(m_subject, entry.getSubject()->getName().str(), false) == 0;
+  return matchesAuthority(entry.getAuthority()->getName().str()) &&
+         matchesSubject(entry.getSubject()->getName().str());
 }
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

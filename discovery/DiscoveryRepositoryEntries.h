@@ -8,6 +8,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
@@ -72,8 +73,8 @@ public:
   ExplorerSnapshot& operator=(ExplorerSnapshot const&) = delete;
 
   // The first entry in the set's order that matches; end() when there is none.
-  // A pattern costs a walk over the entries, two names a look-up in an index
-  // that the first of them makes.
+  // Looked up in an index that the first call makes: a name leaves the entries
+  // of that name to be walked over, two patterns leave all of them.
   const_iterator firstMatch(ExplorerIdentity const& identity) const;
 
 private:
@@ -96,9 +97,11 @@ public:
   // Whether the names of the entry match both patterns, in their case.
   bool matches(ExplorerWrapper const& entry) const;
 
-  // Whether neither is a pattern, so that only an entry of these very names
-  // matches.
-  bool isExact() const;
+  // Whether it is no pattern, so that only an entry of this very name matches.
+  bool hasExactAuthority() const;
+  bool hasExactSubject() const;
+  bool matchesAuthority(std::string_view name) const;
+  bool matchesSubject(std::string_view name) const;
   std::string const& authority() const noexcept { return m_authority; }
   std::string const& subject() const noexcept { return m_subject; }
 
