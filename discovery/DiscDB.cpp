@@ -196,6 +196,16 @@ Discovery* DiscoveryDBCreator::getDiscovery(char const* metadataFileName, bool m
   return nullptr;
 }
 
+bool DiscoveryDBCreator::isStored(Discovery const& discovery) const
+{
+  auto const* const own = dynamic_cast<DBDiscovery const*>(&discovery);
+  if (own == nullptr)
+    return true;
+  std::ostringstream name;
+  own->generateMetabaseFileName(name);
+  return !isAbsent(OzfPathname::makeFilename(m_directory, name.str()).str());
+}
+
 DiscoveryDBCreator* getDiscoveryDBDatabase()
 {
   return ACE_Singleton<DiscoveryDBCreator, ACE_Recursive_Thread_Mutex>::instance();

@@ -54,6 +54,10 @@ public:
   // sound is not returned.
   Discovery* getDiscovery(char const* metadataFileName, bool mayBeAbsent, int& error) const;
 
+  // Whether there is a metadata file for the names of the discovery, or it cannot
+  // be found out.
+  bool isStored(Discovery const& discovery) const;
+
   std::string const& getDirectory() const noexcept { return m_directory; }
   bool isInitialized() const noexcept { return m_init; }
 

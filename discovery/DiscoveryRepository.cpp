@@ -221,7 +221,8 @@ void DiscoveryRepository::persistToDisk(AutoDereference<ExplorerWrapper>& entry)
   if (remote == nullptr)
     return;
 
-  storePullRegistration(*this, *remote, entry->getPriority(), entry->getSubject()->getName().str(),
+  storePullRegistration(*this, m_cachedRegistrations, *remote, entry->getPriority(),
+                        entry->getSubject()->getName().str(),
                         entry->getAuthority()->getName().str());
 }
 
@@ -393,6 +394,7 @@ void DiscoveryRepository::shutdown()
   stopExplorers(*getPushExplorers());
   stopExplorers(*getPullExplorers());
   m_registrations.clear();
+  m_cachedRegistrations.clear();
 }
 
 void DiscoveryRepository::fini()

@@ -12,6 +12,7 @@
 
 #pragma once
 
+#include "discovery/CachedRegistrations.h"
 #include "discovery/DiscoveryRepositoryEntries.h"
 #include "discovery/Peers.h"
 #include "discovery/Registrations.h"
@@ -180,7 +181,9 @@ public:
   // Loads the parsers of all plug-ins, once; nothing after that.
   void loadExplorerParsers();
 
-  // Writes one pull registration into the local database, failures are logged.
+  // Writes one pull registration into the local database, failures are logged. A
+  // new record beyond the bounds of CachedRegistrations is not written, which a
+  // log line tells.
   void persistToDisk(AutoDereference<ExplorerWrapper>& entry);
 
   // Registers what the pull-explorer cache holds.
@@ -236,6 +239,7 @@ public:
 
 private:
   Registrations m_registrations;
+  CachedRegistrations m_cachedRegistrations;
   AutoDereference<DiscoveryFramework> m_discoveryFramework;
   std::unique_ptr<Peers> m_ownPeers; // of any but the process's one repository
   Peers& m_peers;

@@ -141,7 +141,7 @@ void DiscoveryRepository::loadPullExplorerCache()
   if (!records)
     return;
   restorePullRegistrations(
-      *records,
+      *records, m_cachedRegistrations,
       [this](RemoteExplorerPull const& explorer, unsigned priority, Discovery const& record)
       {
         registerExplorer(

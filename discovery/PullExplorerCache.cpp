@@ -1,5 +1,6 @@
 #include "discovery/PullExplorerCache.h"
 
+#include "discovery/DiscDB.h"
 #include "discovery/DiscoveryLog.h"
 #include "discovery/XMLHelper.h"
 #include "ozf/base/AsciiCase.h"
@@ -45,6 +46,20 @@ std::optional<std::string> readPayload(Discovery& record)
   return count == 0 ? std::optional(std::move(text)) : std::nullopt;
 }
 
+bool write(Discovery& record, std::string const& text)
+{
+  if (record.open(OM_UPDATE, "") != DS_SUCCESS)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, STORE, "Failed to open collection");
+    return false;
+  }
+  if (record.getCollectionData()->writeCollection(text.size(), text.data()) != 0 &&
+      record.persist() == DS_SUCCESS)
+    return true;
+  OZF_LOG(getOzfLogger(), 1, SOURCE, STORE, "Failed to persist discovery record.");
+  return false;
+}
+
 } // namespace
 
 // ---- the document ----
@@ -82,9 +97,9 @@ std::optional<PullRegistration> readPullRegistration(std::string const& text)
 
 // ---- the records ----
 
-void storePullRegistration(DiscoveryFactory const& factory, RemoteExplorerPull const& explorer,
-                           unsigned priority, std::string const& subject,
-                           std::string const& authority)
+void storePullRegistration(DiscoveryFactory const& factory, CachedRegistrations& cached,
+                           RemoteExplorerPull const& explorer, unsigned priority,
+                           std::string const& subject, std::string const& authority)
 {
   // A zero interval would make the record expire at once, and be deleted when
   // the cache is read: it stays until a newer registration replaces it.
@@ -95,23 +110,30 @@ void storePullRegistration(DiscoveryFactory const& factory, RemoteExplorerPull c
   AutoDereference<Discovery> record;
   factory.newDiscovery(record, DQ_UNDEFINED, Subject(subject), Authority(authority, AT_REMOTEPULL),
                        attributes);
-  if (record->open(OM_UPDATE, "") != DS_SUCCESS)
+  std::size_t most = 0;
+  bool const isNew = !getDiscoveryDBDatabase()->isStored(*record);
+  if (isNew && !cached.reserve(subject, most))
   {
-    OZF_LOG(getOzfLogger(), 1, SOURCE, STORE, "Failed to open collection");
+    OZF_LOG(getOzfLogger(), 1, SOURCE, STORE,
+            "The registration of subject "
+                << subject << " and authority " << authority
+                << " is not kept for the next start: there are " << most
+                << (most == CachedRegistrations::MOST ? " already" : " of that subject already"));
     return;
   }
-  std::string const text =
-      pullRegistrationText({explorer.getHost().toString(), explorer.getServiceName(), priority,
-                            explorer.getAuthorityType()});
-  if (!record->getCollectionData()->writeCollection(text.size(), text.data()) ||
-      record->persist() != DS_SUCCESS)
-    OZF_LOG(getOzfLogger(), 1, SOURCE, STORE, "Failed to persist discovery record.");
+  if (!write(*record,
+             pullRegistrationText({explorer.getHost().toString(), explorer.getServiceName(),
+                                   priority, explorer.getAuthorityType()})) &&
+      isNew)
+    cached.giveBack(subject);
 }
 
-void restorePullRegistrations(DiscoveryIterator& records, RestoreRegistration const& restore)
+void restorePullRegistrations(DiscoveryIterator& records, CachedRegistrations& cached,
+                              RestoreRegistration const& restore)
 {
   while (AutoDereference<Discovery> const record{records.getNext()})
   {
+    cached.note(record->getSubject()->getName().str());
     auto const text = readPayload(*record);
     auto const registration = text ? readPullRegistration(*text) : std::nullopt;
     if (!registration)

@@ -4,6 +4,7 @@
 
 #pragma once
 
+#include "discovery/CachedRegistrations.h"
 #include "discovery/DiscoveryFactory.h"
 #include "discovery/ExplorerRemotePull.h"
 #include "ozf/base/OzfString.h"
@@ -32,17 +33,18 @@ TQ_EXPORT std::string pullRegistrationText(PullRegistration const& registration)
 TQ_EXPORT std::optional<PullRegistration> readPullRegistration(std::string const& text);
 
 // Writes the registration as a discovery that the factory makes, whose store is
-// the database. Failures are logged.
-TQ_EXPORT void storePullRegistration(DiscoveryFactory const& factory,
+// the database. Failures are logged; so is a registration whose record is new
+// and would be one too many.
+TQ_EXPORT void storePullRegistration(DiscoveryFactory const& factory, CachedRegistrations& cached,
                                      RemoteExplorerPull const& explorer, unsigned priority,
                                      std::string const& subject, std::string const& authority);
 
-// Walks over the records and hands each registration over, with the record it
+// Walks over the records, counts them, and hands each registration over, with the record it
 // stands in. Records that cannot be read are passed over, and so, with a line,
 // is one that names this host. A line tells when records are missing.
 using RestoreRegistration = std::function<void(RemoteExplorerPull const& explorer,
                                                unsigned priority, Discovery const& record)>;
-TQ_EXPORT void restorePullRegistrations(DiscoveryIterator& records,
+TQ_EXPORT void restorePullRegistrations(DiscoveryIterator& records, CachedRegistrations& cached,
                                         RestoreRegistration const& restore);
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -244,3 +244,54 @@ TEST(HostileRegistrationTest, aHundredThousandRegistrationsAreCappedAndTheServic
             << inMilliseconds(longest) << ", starting with them " << inMilliseconds(restarting)
             << '\n';
 }
+
+// Each takes the place of the one before it, and none of their records goes.
+TEST(HostileRegistrationTest, aHostUnderEverNewAuthoritiesDoesNotFillTheDatabase)
+{
+  constexpr int REGISTERED = 300;
+  constexpr std::size_t OF_A_SUBJECT = 256;
+  RoomyFolder const folder;
+  LiveService service;
+  ASSERT_TRUE(service.start()) << service.log();
+  {
+    client::Client client(service.root(), LiveService::NAME);
+    ASSERT_TRUE(client.connected());
+    auto const registerAs = [&](std::string const& subject, std::string const& authority)
+    {
+      client->registerExplorer("nowhere.invalid", "DiscoveryService", subject.c_str(),
+                               authority.c_str(), AT_REMOTEPULL, 1);
+    };
+    auto const kept = [&]
+    {
+      return static_cast<std::size_t>(
+          std::count_if(std::filesystem::directory_iterator(service.database()),
+                        std::filesystem::directory_iterator(),
+                        [](auto const& entry) { return entry.path().extension() == ".xml"; }));
+    };
+    for (int i = 0; i < REGISTERED; ++i)
+      registerAs("flood", "authority" + std::to_string(i));
+    EXPECT_EQ(kept(), OF_A_SUBJECT);
+    EXPECT_THAT(service.log(),
+                HasSubstr("The registration of subject flood and authority authority256 is not "
+                          "kept for the next start: there are 256 of that subject already"));
+    // What is kept already may be written again, and others are kept.
+    std::string const first = service.database() + "/4 authority0 flood.dat";
+    std::filesystem::remove(first);
+    registerAs("flood", "authority0");
+    EXPECT_TRUE(std::filesystem::exists(first));
+    registerAs("honest", "volume");
+    EXPECT_EQ(kept(), OF_A_SUBJECT + 1);
+  }
+  EXPECT_EQ(service.stop(), 0) << service.log();
+
+  // It is counted what the next start finds.
+  ASSERT_TRUE(service.start()) << service.log();
+  {
+    client::Client client(service.root(), LiveService::NAME);
+    ASSERT_TRUE(client.connected());
+    client->registerExplorer("nowhere.invalid", "DiscoveryService", "flood", "another",
+                             AT_REMOTEPULL, 1);
+    EXPECT_FALSE(std::filesystem::exists(service.database() + "/4 another flood.xml"));
+  }
+  EXPECT_EQ(service.stop(), 0) << service.log();
+}

@@ -1,5 +1,6 @@
 #include "discovery/PullExplorerCache.h"
 
+#include "discovery/CachedRegistrations.h"
 #include "tests/support/FakeDiscoveries.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
@@ -38,8 +39,9 @@ struct PullExplorerCacheTest : testing::Test
     for (std::string const& text : texts)
       records->add(new FakeDiscovery("s" + std::to_string(++number), text));
     std::vector<std::string> found;
+    CachedRegistrations cached;
     restorePullRegistrations(
-        *records,
+        *records, cached,
         [&](RemoteExplorerPull const& explorer, unsigned priority, Discovery const& record)
         {
           found.push_back(explorer.getHost().exportNarrow() + " " + std::to_string(priority) + " " +
