@@ -1,9 +1,26 @@
 #include "discovery/FilterDescription.h"
 
+#include "discovery/DiscoveryLog.h"
 #include "discovery/Researcher.h"
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
+
+bool fitsDescription(OzfQuery const& description, std::size_t& size,
+                     std::vector<OzfQuery::Attribute> const& attributes)
+{
+  // In the list and in the index, where the name is once more.
+  constexpr std::size_t OVERHEAD = 96;
+  std::size_t grown = size;
+  for (OzfQuery::Attribute const& attribute : attributes)
+    if (description.findAttribute(attribute.name.str()) == nullptr)
+      grown += sizeof attribute + OVERHEAD + 2 * attribute.name.size() + attribute.unit.size() +
+               attribute.description.size();
+  if (grown > MOST_DESCRIBED)
+    return false;
+  size = grown;
+  return true;
+}
 
 FilterDescription::FilterDescription(std::string const& authority, std::string const& subject)
 {
@@ -11,6 +28,7 @@ FilterDescription::FilterDescription(std::string const& authority, std::string c
       getAuthSubIterator(DQ_FILTER_DATA, subject, authority, AT_ANYANDALL);
   if (!discoveries)
     return;
+  std::size_t size = 0;
   for (;;)
   {
     AutoDereference<CollectionItemIterator> const items(
@@ -25,8 +43,19 @@ FilterDescription::FilterDescription(std::string const& authority, std::string c
       AutoDereference<CollectionItem> const item(items->getNextCollectionItem());
       if (!item)
         break;
-      if (auto const* const filter = dynamic_cast<FilterItem const*>(item.get()))
-        merge(filter->getQuery());
+      auto const* const filter = dynamic_cast<FilterItem const*>(item.get());
+      if (filter == nullptr)
+        continue;
+      if (!fitsDescription(*this, size, filter->getQuery().attributes()))
+      {
+        m_incomplete = true;
+        OZF_LOG(getOzfLogger(), 1, "FilterDescription", "FilterDescription::FilterDescription",
+                "Left out what can be asked for beyond "
+                    << MOST_DESCRIBED << " bytes of it, subject " << subject << " & authority "
+                    << authority);
+        return;
+      }
+      merge(filter->getQuery());
     }
   }
 }

@@ -5,13 +5,25 @@
 #include "discovery/Export.h"
 #include "ozf/xml/OzfQuery.h"
 
+#include <cstddef>
 #include <string>
+#include <vector>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
 
+// The most that the attributes of merged descriptions take, in bytes. An
+// explorer describes a few dozen, in some kilobytes.
+inline constexpr std::size_t MOST_DESCRIBED = std::size_t(16) << 20;
+
+// Whether these can be merged into the description, whose attributes take that
+// size, and stay within it; if so, size grows by what they will add.
+TQ_EXPORT bool fitsDescription(OzfQuery const& description, std::size_t& size,
+                               std::vector<OzfQuery::Attribute> const& attributes);
+
 // The descriptions of all filter items that explorers stored as filter data,
-// merged. Empty when there are none, or when they cannot be had.
+// merged. Empty when there are none, or when they cannot be had. What is beyond
+// MOST_DESCRIBED is left out, with a log line.
 class TQ_EXPORT FilterDescription : public OzfQuery
 {
 public:
@@ -20,7 +32,8 @@ public:
   FilterDescription(std::string const& authority, std::string const& subject);
   ~FilterDescription() override;
 
-  // Whether descriptions may be missing: not every discovery could be listed.
+  // Whether descriptions may be missing: not every discovery could be listed, or
+  // there were too many descriptions.
   bool isIncomplete() const noexcept { return m_incomplete; }
 
 private:

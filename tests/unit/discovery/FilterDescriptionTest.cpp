@@ -149,3 +149,31 @@ TEST_F(FilterDescriptionTest, WithoutAMasterToAskItIsEmpty)
 }
 
 } // namespace
+
+TEST_F(FilterDescriptionTest, SoManyDescriptionsAreMergedAndThenItIsIncomplete)
+{
+  constexpr std::size_t NAME = 100'000;
+  constexpr std::size_t STORED = 2 * MOST_DESCRIBED / (2 * NAME);
+  for (std::size_t i = 0; i < STORED; ++i)
+  {
+    std::string const name = "a" + std::to_string(i) + std::string(NAME, 'x');
+    store("host", "authority" + std::to_string(i), AT_EXTSRC,
+          filterData(description(attribute(name))));
+  }
+  LogCapture log;
+  FilterDescription const all("authority*", "host");
+  EXPECT_TRUE(all.isIncomplete());
+  EXPECT_LT(all.attributes().size(), STORED * 6 / 10);
+  EXPECT_GT(all.attributes().size(), STORED * 4 / 10);
+  EXPECT_TRUE(log.has(1, "FilterDescription::FilterDescription",
+                      "Left out what can be asked for beyond 16777216 bytes of it, subject host & "
+                      "authority authority*"))
+      << log.text();
+  // What others describe under the same names costs nothing more.
+  std::string const again = attribute("a0" + std::string(NAME, 'x'));
+  for (std::size_t i = 0; i < STORED; ++i)
+    store("host", "authority" + std::to_string(i), AT_EXTSRC, filterData(description(again)));
+  FilterDescription const one("authority*", "host");
+  EXPECT_FALSE(one.isIncomplete());
+  EXPECT_EQ(one.attributes().size(), 1U);
+}
