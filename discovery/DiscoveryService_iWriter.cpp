@@ -1,12 +1,15 @@
 #include "discovery/DiscoveryService_iWriter.h"
 
+#include "discovery/CallPlaces.h"
 #include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryRepository.h"
 #include "discovery/RemoteDB.h"
 #include "discovery/RemoteDBWire.h"
 #include "ozf/orb/Orb.h"
+#include "ozf/orb/Peer.h"
 
 #include <memory>
+#include <optional>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc::Remote
 {
@@ -27,6 +30,12 @@ Discovery withoutSource(Discovery const& record)
   copy.sourceHost = "";
   copy.sourceServiceName = "";
   return copy;
+}
+
+CallPlaces& relayedCalls()
+{
+  static CallPlaces places(RemoteWriter_i::MOST_RELAYED, RemoteWriter_i::MOST_RELAYED / 2);
+  return places;
 }
 
 } // namespace
@@ -59,6 +68,7 @@ DiscoveryResult RemoteWriter_i::open()
   getDiscoveryRepository().newDiscovery(m_discovery, m_record.queryType, subject, authority,
                                         *attributes);
   getDiscoveryRepository().getBarrier().add(*m_discovery);
+  m_relayed = dynamic_cast<RemoteDiscovery const*>(m_discovery.get()) != nullptr;
   return {m_discovery->open(OM_UPDATE, ""), 0};
 }
 
@@ -81,6 +91,42 @@ void RemoteWriter_i::abandon()
   m_discovery.reset();
 }
 
+bool RemoteWriter_i::isBusy()
+{
+  return !std::unique_lock(m_oneCaller, std::try_to_lock).owns_lock();
+}
+
+// A place for the call where it may wait for another host, and the writer's
+// lock behind it: who waits for that holds a thread as well. A call that is
+// refused does not wait, and the one in progress finds out at its end.
+class RemoteWriter_i::Call
+{
+public:
+  Call(RemoteWriter_i& writer, char const* operation)
+  {
+    Peer const* const peer = currentPeer();
+    if (writer.m_relayed && peer != nullptr)
+      m_place.emplace(relayedCalls(), RELAY_PATIENCE);
+    if (!m_place || m_place->taken())
+    {
+      m_lock = std::unique_lock(writer.m_oneCaller);
+      return;
+    }
+    OZF_LOG(getOzfLogger(), 1, SOURCE, operation,
+            "Refused a call of " << peer->address << ": " << MOST_RELAYED
+                                 << " that write wait for the master already, " << writer.names());
+    writer.m_refused = true;
+    m_lock = std::unique_lock(writer.m_oneCaller, std::try_to_lock);
+  }
+
+  // False when another is in progress that this one could not wait for.
+  bool isAlone() const noexcept { return m_lock.owns_lock(); }
+
+private:
+  std::optional<CallPlace> m_place;
+  std::unique_lock<std::mutex> m_lock;
+};
+
 CORBA::Boolean RemoteWriter_i::put(CollectionDataSeq const& data)
 {
   m_owner.require("RemoteWriter_i::put");
@@ -88,7 +134,7 @@ CORBA::Boolean RemoteWriter_i::put(CollectionDataSeq const& data)
   // The writer is not locked any more: others may have to give way to it.
   if (written)
     getOpenWriters().notePut(*this);
-  else
+  else if (!isBusy())
     getOpenWriters().noteFailed(*this);
   return written;
 }
@@ -96,20 +142,24 @@ CORBA::Boolean RemoteWriter_i::put(CollectionDataSeq const& data)
 bool RemoteWriter_i::append(CollectionDataSeq const& data)
 {
   constexpr char const* OPERATION = "RemoteWriter_i::put";
-  std::lock_guard const guard(m_oneCaller);
+  Call const call(*this, OPERATION);
+  if (!call.isAlone())
+    return false;
   requireNotClosed();
   OZF_ASSERT(m_discovery || m_incomplete, "NULL != m_discovery", SOURCE, OPERATION);
   if (m_incomplete)
     return false;
   m_incomplete = true;
-  if (data.length() > m_mostBytes - m_bytes)
+  if (!m_refused && data.length() > m_mostBytes - m_bytes)
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
             "Refused a payload of more than " << m_mostBytes << " bytes, " << names());
-  else if (m_discovery->getCollectionData()->writeCollection(data.length(), data.get_buffer()) != 0)
+  else if (!m_refused &&
+           m_discovery->getCollectionData()->writeCollection(data.length(), data.get_buffer()) != 0)
   {
     m_bytes += data.length();
-    m_incomplete = false;
-    return true;
+    m_incomplete = m_refused;
+    if (!m_incomplete)
+      return true;
   }
   // Callers of whom a put failed need not close. Their temporary file must not
   // wait for that: it has one of the few numbers, and room on a full disk.
@@ -121,12 +171,14 @@ DiscoveryResult RemoteWriter_i::close()
 {
   constexpr char const* OPERATION = "RemoteWriter_i::close";
   m_owner.require(OPERATION);
-  std::lock_guard const guard(m_oneCaller);
+  DiscoveryResult result{DS_OPEN_FAILED, 0};
+  Call const call(*this, OPERATION);
+  if (!call.isAlone())
+    return result;
   requireNotClosed();
   OZF_ASSERT(m_discovery || m_incomplete, "NULL != m_discovery", SOURCE, OPERATION);
   getOpenWriters().remove(*this);
-  DiscoveryResult result{DS_OPEN_FAILED, 0};
-  if (m_incomplete)
+  if (m_incomplete || m_refused)
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
             "Abandoned a discovery of which a part could not be written, " << names());
   else

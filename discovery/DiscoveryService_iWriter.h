@@ -10,6 +10,8 @@
 
 #include <DiscoveryServiceC.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <mutex>
 #include <string>
@@ -36,6 +38,12 @@ public:
   explicit RemoteWriter_i(Discovery const& record);
   RemoteWriter_i(Discovery const& record, std::size_t mostBytes);
 
+  // Callers from the network whose payload goes on to another host hold a thread
+  // for as long as that host takes. One more waits a moment for one of these to
+  // come back, and is a failure then.
+  static constexpr int MOST_RELAYED = 64;
+  static constexpr std::chrono::seconds RELAY_PATIENCE{2};
+
   // Appends at once; nothing is buffered. The first that fails abandons the
   // discovery, and so does one beyond what readers take of a payload; all
   // later ones fail.
@@ -51,6 +59,7 @@ public:
   virtual DiscoveryResult open();
 
   void abandon() override;
+  bool isBusy() override;
   std::string names() const override;
 
   // The writer's own reference, which close destroys; adds a reference.
@@ -59,6 +68,8 @@ public:
 private:
   // The ORB may let a call through that arrives while close is still ending.
   void requireNotClosed() const;
+
+  class Call;
 
   bool append(CollectionDataSeq const& data);
 
@@ -69,6 +80,8 @@ private:
   std::size_t m_bytes = 0;   // written
   bool m_incomplete = false; // a put failed
   bool m_closed = false;
+  bool m_relayed = false;             // what is written goes to another host
+  std::atomic<bool> m_refused{false}; // a call, while another was in progress
   AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::Discovery> m_discovery;
   Discovery m_record;
 };

@@ -162,7 +162,8 @@ void OpenWriters::dropIdle()
         ++entry;
       else if (entry->failed != 0 && fromNetwork && !isConnectionOpen(entry->opener.connection))
         entry = take(entry, lost);
-      else if (now - entry->lastPut >= MOST_IDLE)
+      // A call in progress may wait for another host; this is not to wait for it.
+      else if (now - entry->lastPut >= MOST_IDLE && !entry->writer->isBusy())
         entry = take(entry, idle);
       else
         ++entry;

@@ -27,6 +27,9 @@ public:
   // call in progress.
   virtual void abandon() = 0;
 
+  // Whether a call is in progress.
+  virtual bool isBusy() = 0;
+
   // Subject and authority, for log lines.
   virtual std::string names() const = 0;
 };

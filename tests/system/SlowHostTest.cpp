@@ -6,6 +6,7 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
 #include <condition_variable>
 
 namespace
@@ -19,6 +20,96 @@ std::size_t threadsOf(Process& process)
   std::filesystem::directory_iterator const all("/proc/" + std::to_string(process.pid()) + "/task");
   return static_cast<std::size_t>(std::distance(begin(all), end(all)));
 }
+
+// The master of another service, in this process: it takes its time with every
+// piece of a payload until it may answer.
+class SlowMaster
+{
+public:
+  explicit SlowMaster(std::string const& root)
+  {
+    setenv("TESSARINE_ROOT", root.c_str(), 1);
+    reloadConfiguration();
+    m_up = m_orb.init() && m_orb.run(0) == 0;
+    if (!m_up)
+      return;
+    m_service->writer =
+        Remote::RemoteWriter::_narrow(CORBA::Object_var(m_orb.activateObject(m_writer)));
+    m_orb.advertiseObject("DiscoveryService", CORBA::Object_var(m_orb.activateObject(m_service)));
+  }
+  ~SlowMaster()
+  {
+    answer();
+    m_orb.shutdown();
+    unsetenv("TESSARINE_ROOT");
+  }
+  SlowMaster(SlowMaster const&) = delete;
+  SlowMaster& operator=(SlowMaster const&) = delete;
+
+  bool up() const { return m_up; }
+  int waiting() const { return m_writer->waiting; }
+  TestService& service() { return *m_service; }
+  void answer() { m_writer->answer(); }
+  void wait() { m_writer->wait(); }
+
+private:
+  class Writer : public Skeletons::RemoteWriter
+  {
+  public:
+    std::atomic<int> waiting{0};
+
+    CORBA::Boolean put(Remote::CollectionDataSeq const&) override
+    {
+      wait();
+      return true;
+    }
+    DiscoveryResult close() override { return {DS_SUCCESS, 0}; }
+
+    void wait()
+    {
+      std::unique_lock guard(m_mutex);
+      ++waiting;
+      m_changed.wait_for(guard, std::chrono::seconds(25), [this] { return m_mayAnswer; });
+      --waiting;
+    }
+    void answer()
+    {
+      std::lock_guard const guard(m_mutex);
+      m_mayAnswer = true;
+      m_changed.notify_all();
+    }
+
+  private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_mayAnswer = false;
+  };
+
+  Writer* const m_writer = new Writer;
+  TestService* const m_service = new TestService;
+  PortableServer::ServantBase_var const m_keepWriter = m_writer;
+  PortableServer::ServantBase_var const m_keepService = m_service;
+  Orb m_orb{0, "", "DiscoveryService", 0, 0};
+  bool m_up = false;
+};
+
+// A service that is a client of the slow master, which is this process.
+class SlowMasterTest : public testing::Test
+{
+protected:
+  SlowMasterTest()
+  {
+    std::filesystem::create_directories(m_there / "etc");
+    std::string const names = "SERVER = there\nHOST_ADDRESS.here = 127.0.0.1\n"
+                              "HOST_ADDRESS.there = 127.0.0.2\nORB_PORT.DiscoveryService = " +
+                              std::to_string(m_here.port()) + "\n";
+    writeText(m_here / "etc/tq.conf", names + "CLIENT_NAME = here\nORB_BIND = 127.0.0.1\n");
+    writeText(m_there / "etc/tq.conf", names + "CLIENT_NAME = there\nORB_BIND = 127.0.0.2\n");
+  }
+
+  LiveService m_here;
+  TempDir m_there;
+};
 
 } // namespace
 
@@ -102,4 +193,127 @@ TEST(SlowHostTest, whoWaitsForAnotherHostLeavesThreadsToTheOthers)
   EXPECT_EQ(service.stop(), 0) << service.log();
   slow.shutdown();
   unsetenv("TESSARINE_ROOT");
+}
+
+TEST_F(SlowMasterTest, writersThatWaitForItLeaveThreadsToTheOthers)
+{
+  constexpr std::size_t WRITERS = 30;
+  constexpr int CALLS = 90;
+  constexpr int MOST = 64;
+  SlowMaster master(m_there.path());
+  ASSERT_TRUE(master.up());
+  ASSERT_TRUE(m_here.start()) << m_here.log();
+  {
+    client::Client client(m_there.path(), "here");
+    ASSERT_TRUE(client.connected());
+    std::vector<client::Remote::RemoteWriter_var> writers(WRITERS);
+    for (auto& writer : writers)
+      ASSERT_EQ(client->putCollection(client::makeRecord("subject", "authority"), writer.out())
+                    .discStatus,
+                client::DS_SUCCESS)
+          << m_here.log();
+    std::atomic<int> refused{0};
+    std::atomic<int> failed{0};
+    std::vector<std::thread> callers;
+    for (int i = 0; i < CALLS; ++i)
+      callers.emplace_back(
+          [&, i]
+          {
+            try
+            {
+              if (!writers[static_cast<std::size_t>(i) % WRITERS]->put(client::makeChunk("x")))
+                ++refused;
+            }
+            catch (CORBA::Exception const&)
+            {
+              ++failed;
+            }
+          });
+    EXPECT_TRUE(eventually([&] { return refused == CALLS - MOST; }, std::chrono::seconds(15)))
+        << refused << '\n'
+        << m_here.log();
+    EXPECT_EQ(master.waiting(), static_cast<int>(WRITERS)) << "one call of a writer at a time";
+    EXPECT_THAT(m_here.log(), HasSubstr("Refused a call of 127.0.0.1: 64 that write wait for the "
+                                        "master already, subject subject & authority authority"));
+    // What waits for nobody is answered.
+    auto const start = std::chrono::steady_clock::now();
+    client->restartLocalPushTimer();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    master.answer();
+    for (auto& caller : callers)
+      caller.join();
+    EXPECT_EQ(failed, 0);
+    // Of a payload of which a piece was refused nothing is stored.
+    std::size_t whole = 0;
+    for (auto const& writer : writers)
+      try
+      {
+        whole += writer->close().discStatus == client::DS_SUCCESS ? 1 : 0;
+      }
+      catch (CORBA::OBJECT_NOT_EXIST const&)
+      {
+        // Of many that failed the first go.
+      }
+    EXPECT_LT(whole, WRITERS);
+    EXPECT_GE(whole, WRITERS - std::size_t(CALLS - MOST));
+  }
+  EXPECT_EQ(m_here.stop(), 0) << m_here.log();
+}
+
+// Queries are refused at once beyond the twenty of the guard, and so are
+// discoveries to be opened.
+TEST_F(SlowMasterTest, queriesAndOpensThatWaitForItAreFewAndTheOthersAreRefused)
+{
+  constexpr int CALLS = 30;
+  constexpr int MOST = 20;
+  SlowMaster master(m_there.path());
+  ASSERT_TRUE(master.up());
+  ASSERT_TRUE(m_here.start()) << m_here.log();
+  {
+    client::Client client(m_there.path(), "here");
+    ASSERT_TRUE(client.connected());
+    master.service().before = [&] { master.wait(); };
+    std::atomic<int> refused{0};
+    std::vector<std::thread> callers;
+    auto const callAll = [&](std::function<void()> const& call)
+    {
+      for (int i = 0; i < CALLS; ++i)
+        callers.emplace_back(
+            [&refused, call]
+            {
+              try
+              {
+                call();
+              }
+              catch (CORBA::Exception const&)
+              {
+                ++refused;
+              }
+            });
+    };
+    callAll(
+        [&]
+        {
+          client::Remote::DiscoveryIterator_var const iterator =
+              client->queryDiscoveries(client::DQ_DISCOVERY_DATA, AT_EXTSRC, "*", "*");
+        });
+    EXPECT_TRUE(eventually([&] { return refused == CALLS - MOST && master.waiting() == MOST; }))
+        << refused << ' ' << master.waiting();
+    callAll(
+        [&]
+        {
+          client::Remote::RemoteWriter_var writer;
+          if (client->putCollection(client::makeRecord("subject", "authority"), writer.out())
+                  .discStatus != client::DS_SUCCESS)
+            ++refused;
+        });
+    EXPECT_TRUE(
+        eventually([&] { return refused == 2 * (CALLS - MOST) && master.waiting() == 2 * MOST; }))
+        << refused << ' ' << master.waiting();
+    client->restartLocalPushTimer();
+    master.answer();
+    for (auto& caller : callers)
+      caller.join();
+  }
+  EXPECT_EQ(m_here.stop(), 0) << m_here.log();
 }

@@ -137,6 +137,23 @@ TEST_F(RemoteDBPeerTest, OpeningForUpdateAgainTakesANewWriterForAnotherRecordOrA
   EXPECT_EQ(second->chunks.size(), 1U);
 }
 
+// Closing the first would store a part of a payload as the whole, and there is
+// no other way to end it.
+TEST_F(RemoteDBPeerTest, OpeningForUpdateAgainLeavesAWriterThatHasBeenGivenSomethingUnclosed)
+{
+  auto* const first = serveWriter();
+  auto const discovery = writer();
+  ASSERT_EQ(discovery->open(OM_UPDATE, ""), DS_SUCCESS) << m_log.text();
+  EXPECT_EQ(discovery->getCollectionData()->writeCollection(3, "abc"), 1);
+  auto* const second = serveWriter();
+  ASSERT_EQ(discovery->open(OM_UPDATE, ""), DS_SUCCESS) << m_log.text();
+  EXPECT_EQ(discovery->getCollectionData()->writeCollection(3, "xyz"), 1);
+  EXPECT_EQ(discovery->persist(), DS_SUCCESS);
+  EXPECT_EQ(first->closes, 0);
+  EXPECT_EQ(second->closes, 1);
+  EXPECT_EQ(second->chunks, std::vector<std::string>{"xyz"});
+}
+
 // Objects that go away.
 
 TEST_F(RemoteDBPeerTest, RecordsThatVanishAfterAPageAreAFailure)
