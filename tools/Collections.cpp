@@ -1,6 +1,7 @@
 #include "tools/Collections.h"
 
 #include "discovery/FilterDataName.h"
+#include "discovery/FilterDescription.h"
 #include "discovery/FilterParameters.h"
 #include "discovery/Researcher.h"
 #include "ozf/base/AsciiCase.h"
@@ -151,6 +152,8 @@ Collection readThrough(AutoDereference<Discovery> const& discovery, std::string 
   Collection collection;
   FilterParameters const parameters(nullptr, query.c_str());
   OzfQuery description;
+  std::size_t described = 0;
+  bool all = true;
   AutoDereference<AuthSubIterator> const discoveries(new ItemStream(
       discovery,
       [&](CollectionItem const& item)
@@ -158,11 +161,15 @@ Collection readThrough(AutoDereference<Discovery> const& discovery, std::string 
         if (auto const* const discovered = dynamic_cast<DiscoveredItem const*>(&item))
           take(makeItem(*discovered));
         else if (auto const* const filter = dynamic_cast<FilterItem const*>(&item))
-          description.merge(filter->getQuery());
+        {
+          all = all && fitsDescription(description, described, filter->getQuery().attributes());
+          if (all)
+            description.merge(filter->getQuery());
+        }
       }));
   AutoDereference<CollectionItemIterator> const items(
       discoveries->getNextCollectionItemIterator(query.empty() ? nullptr : &parameters));
-  collection.complete = items && items->isParsed();
+  collection.complete = items && items->isParsed() && all;
   collection.attributes = description.attributes();
   return collection;
 }
@@ -323,6 +330,7 @@ AutoDereference<OzfQuery> describe(Record const& record)
   selection.subject = record.subject;
   selection.filterData = true;
   std::vector<Record> records;
+  std::size_t described = 0;
   std::vector<std::string> authorities{record.authority};
   if (record.onDemand())
     authorities.push_back(record.authority + FILTER_DATA_SUFFIX);
@@ -333,8 +341,13 @@ AutoDereference<OzfQuery> describe(Record const& record)
       break;
     for (Record const& each : records)
       if (!each.onDemand())
-        for (auto const& attribute : readThrough(each.open(), "", [](Item const&) {}).attributes)
+      {
+        auto const attributes = readThrough(each.open(), "", [](Item const&) {}).attributes;
+        if (!fitsDescription(*description, described, attributes))
+          return description;
+        for (auto const& attribute : attributes)
           description->addAttribute(attribute);
+      }
   }
   return description;
 }

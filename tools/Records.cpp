@@ -27,6 +27,8 @@ namespace
 
 constexpr std::size_t MAX_REGISTRATION = 1 << 20;
 constexpr std::size_t MOST_LISTED = std::size_t(64) << 20;
+// The protocol's own pages hold nine, and each costs a round trip.
+constexpr CORBA::Long RECORDS_IN_A_PAGE = 500;
 constexpr char NOT_QUERIED[] = "the service could not be queried; --verbose shows why";
 
 using RemoteIterator =
@@ -64,19 +66,20 @@ bool isOfType(Record const& record, AuthorityType type)
   return announcement && announcement->type == type;
 }
 
-// Keeps what answers a selection, as small as it can be.
+// Passes on what answers a selection, as small as it can be.
 class Listing
 {
 public:
-  Listing(Selection const& selection, AuthorityType type, std::vector<Record>& records)
-      : m_selection(selection), m_type(type), m_records(records)
+  Listing(Selection const& selection, AuthorityType type, RecordSink const& take)
+      : m_selection(selection), m_type(type), m_take(take)
   {
   }
 
-  void add(Remote::Discovery const& wire)
+  // False when no more is taken.
+  bool add(Remote::Discovery const& wire)
   {
     if (!areUsableNames(wire.subject, wire.authority))
-      return;
+      return true;
     Record record;
     record.subject = Subject(wire.subject.in()).getName().str();
     record.authority = Authority(wire.authority.in(), wire.authType).getName().str();
@@ -85,7 +88,7 @@ public:
     // '*', and where collections are produced on demand.
     if (!matches(m_selection.subject, record.subject) ||
         !matches(m_selection.authority, record.authority))
-      return;
+      return true;
     // A query of this type meets what is stored alone, and no other does.
     record.announcement = m_type == AT_REMOTEPULL;
     std::unique_ptr<CollectionAttributes const> const attributes(fromWire(wire.attributes));
@@ -100,31 +103,24 @@ public:
     // Filter data is always stored.
     if (m_selection.filterData ? m_type != AT_ANYANDALL && m_type != record.type
                                : !isOfType(record, m_type))
-      return;
-    m_bytes += sizeof record + record.subject.capacity() + record.authority.capacity();
-    m_records.push_back(std::move(record));
+      return true;
+    return m_take(std::move(record));
   }
-
-  bool full() const noexcept { return m_bytes > MOST_LISTED; }
 
 private:
   std::shared_ptr<Record::Source const> const& sourceOf(Remote::Discovery const& wire)
   {
     if (!m_source || m_source->host != wire.sourceHost.in() ||
         m_source->service != wire.sourceServiceName.in())
-    {
       m_source = std::make_shared<Record::Source const>(
           Record::Source{wire.sourceHost.in(), wire.sourceServiceName.in()});
-      m_bytes += sizeof(Record::Source) + m_source->host.capacity() + m_source->service.capacity();
-    }
     return m_source;
   }
 
   Selection const& m_selection;
   AuthorityType const m_type;
-  std::vector<Record>& m_records;
+  RecordSink const& m_take;
   std::shared_ptr<Record::Source const> m_source; // of the last record
-  std::size_t m_bytes = 0;
 };
 
 // The master's iterator; absent, after a line for those who ask for one, when it
@@ -142,7 +138,11 @@ std::unique_ptr<RemoteIterator> queryMaster(DiscoveryQuery kind, AuthorityType t
   Remote::DiscoveryIterator_var iterator =
       service->queryDiscoveries(kind, type, subject.c_str(), authority.c_str());
   if (!CORBA::is_nil(iterator))
-    return std::make_unique<RemoteIterator>(iterator._retn());
+  {
+    auto held = std::make_unique<RemoteIterator>(iterator._retn());
+    (*held)->pageSize(RECORDS_IN_A_PAGE);
+    return held;
+  }
   tell("the service gave no list of discoveries");
   return nullptr;
 }
@@ -164,13 +164,13 @@ int fetch(Selection const& selection, AuthorityType type, Listing& listing, std:
       if (page->length() == 0)
         return EXIT_DONE;
       for (CORBA::ULong i = 0; i < page->length(); ++i)
-        listing.add(page[i]);
-      if (!listing.full())
-        continue;
-      reason = "the service lists more than " + formatSize(MOST_LISTED) +
-               " of records, which is more than this command takes; choose with --subject or "
-               "--authority";
-      return EXIT_FAILED;
+        if (!listing.add(page[i]))
+        {
+          reason = "the service lists more than " + formatSize(MOST_LISTED) +
+                   " of records, which is more than this command takes; choose with --subject or "
+                   "--authority";
+          return EXIT_FAILED;
+        }
     }
   }
   catch (CORBA::PERSIST_STORE const&)
@@ -228,7 +228,7 @@ void addSelectionOptions(CLI::App& command, Selection& selection)
 
 bool selectedType(Selection const& selection, AuthorityType& type)
 {
-  type = selection.filterData ? AT_EXTSRC : AT_ANYANDALL;
+  type = selection.filterData && !selection.anyType ? AT_EXTSRC : AT_ANYANDALL;
   if (selection.typeName.empty() || parseType(selection.typeName, type))
     return true;
   complain("\"" + shown(selection.typeName) +
@@ -236,29 +236,53 @@ bool selectedType(Selection const& selection, AuthorityType& type)
   return false;
 }
 
-int queryRecords(Selection const& selection, std::vector<Record>& records, bool quiet)
+int visitRecords(Selection const& selection, RecordSink const& take, bool quiet, std::string* why)
 {
-  records.clear();
   AuthorityType type = AT_ANYANDALL;
   if (!selectedType(selection, type))
     return EXIT_USAGE;
-  Listing listing(selection, type, records);
+  Listing listing(selection, type, take);
   std::string reason;
   int const result = fetch(selection, type, listing, reason);
-  if (result == EXIT_FAILED)
+  if (result == EXIT_FAILED && !quiet)
+    complain(reason);
+  if (why != nullptr)
+    *why = std::move(reason);
+  if (result == EXIT_PARTLY && !quiet)
+    complainIncomplete();
+  return result;
+}
+
+int queryRecords(Selection const& selection, std::vector<Record>& records, bool quiet,
+                 std::string* why)
+{
+  records.clear();
+  std::size_t bytes = 0;
+  Record::Source const* source = nullptr; // of the last record, kept by it
+  int const result = visitRecords(
+      selection,
+      [&](Record record)
+      {
+        bytes += sizeof record + record.subject.capacity() + record.authority.capacity();
+        if (record.source.get() != source)
+        {
+          source = record.source.get();
+          bytes += sizeof *source + source->host.capacity() + source->service.capacity();
+        }
+        records.push_back(std::move(record));
+        return bytes <= MOST_LISTED;
+      },
+      quiet, why);
+  if (!isListed(result))
   {
-    if (!quiet)
-      complain(reason);
     records.clear();
-    return EXIT_FAILED;
+    return result;
   }
   std::sort(records.begin(), records.end(),
             [](Record const& a, Record const& b) {
               return std::tie(a.subject, a.authority, a.type) <
                      std::tie(b.subject, b.authority, b.type);
             });
-  if (result == EXIT_PARTLY && !quiet)
-    complainIncomplete();
   return result;
 }
 

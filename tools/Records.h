@@ -6,6 +6,7 @@
 
 #include <DiscoveryServiceC.h>
 
+#include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -29,13 +30,15 @@ struct Selection
   std::string authority = "*";
   std::string typeName; // as the user wrote it, empty for all
   bool filterData = false;
+  bool anyType = false; // of filter data, too, when no type is named
 };
 
 // --subject, --authority, --type and --filter-data.
 void addSelectionOptions(CLI::App& command, Selection& selection);
 
 // Makes the type of its name, false after telling the user that there is no
-// such type. Filter data without a type is looked for where explorers store it.
+// such type. Filter data without a type is looked for where explorers store it,
+// unless it may be of any.
 bool selectedType(Selection const& selection,
                   Quillon::Tessarine::Ozf::DiscoverySvc::AuthorityType& type);
 
@@ -78,8 +81,19 @@ struct Record
 // with the records that there are, when others may be missing; that one and any
 // other after telling the user. quiet: without telling. At most 64 MiB of records
 // are taken, some 300,000 with names of the usual length: a service that lists
-// more is a failure. Nothing is read ahead, a page is held besides.
-int queryRecords(Selection const& selection, std::vector<Record>& records, bool quiet = false);
+// more is a failure. Nothing is read ahead, a page is held besides. why gets what
+// the user is told, or would be, of EXIT_FAILED.
+int queryRecords(Selection const& selection, std::vector<Record>& records, bool quiet = false,
+                 std::string* why = nullptr);
+
+// Where records go as they come; false when no more of them are taken, which is
+// a failure then.
+using RecordSink = std::function<bool(Record)>;
+
+// As queryRecords, without keeping any: they are passed on one by one, in no
+// order.
+int visitRecords(Selection const& selection, RecordSink const& take, bool quiet = false,
+                 std::string* why = nullptr);
 
 // Tells the user that discoveries may be missing.
 void complainIncomplete();

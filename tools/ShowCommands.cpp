@@ -215,61 +215,115 @@ int show(ShowOptions const& options, Session const& session)
   return connection.conclude(withMissing(listed, result));
 }
 
+// What can be asked for, of all descriptions that were read.
+struct Described
+{
+  OzfQuery attributes;
+  std::size_t size = 0;
+  bool full = false; // others are left out
+  bool late = false;
+  int listed = EXIT_DONE;
+  ReadFailures failures;
+};
+
+// An exit code: whether the records could be listed.
+int readDescriptions(ShowOptions const& options, Connection const& connection,
+                     std::string const& authority, Described& described)
+{
+  Selection selection = options.selection;
+  selection.authority = authority;
+  selection.filterData = true;
+  selection.anyType = true;
+  std::vector<Record> records;
+  // That the list is incomplete is told once.
+  int const listed = queryRecords(selection, records, described.listed != EXIT_DONE);
+  if (!isListed(listed))
+    return described.listed != EXIT_DONE ? described.listed : listed;
+  described.listed = std::max(described.listed, listed);
+  // No explorer is asked for what can be asked of it.
+  std::erase_if(records, [](Record const& each) { return each.onDemand(); });
+  for (Record const& record : records)
+  {
+    described.late = connection.clock().nearlyOver();
+    if (described.late)
+      break;
+    Collection const collection = readCollection(record, OzfQuery(), [](Item const&) {});
+    described.full = !fitsDescription(described.attributes, described.size, collection.attributes);
+    if (described.full)
+      break;
+    for (auto const& attribute : collection.attributes)
+      described.attributes.addAttribute(attribute);
+    if (collection.complete)
+      described.failures.success();
+    else if (!connection.answers() ||
+             !described.failures.add(record, !collection.attributes.empty()))
+      break;
+  }
+  described.failures.finish();
+  return listed;
+}
+
+void print(ShowOptions const& options, OzfQuery const& description)
+{
+  if (options.json)
+  {
+    JsonArray all;
+    for (auto const& attribute : description.attributes())
+      all.add(toJson(attribute));
+  }
+  else if (description.attributes().empty())
+    return;
+  else if (options.xml)
+  {
+    std::ostringstream text;
+    description.writeXml(text, XmlStr::UTF_8);
+    std::string indented;
+    std::string reason;
+    std::cout << (indentXml(text.str(), indented, reason) ? indented : text.str());
+  }
+  else
+    printAttributes(description.attributes());
+  std::cout.flush();
+}
+
 int filters(ShowOptions const& options, Session const& session)
 {
   WhileRead const whileRead;
   Connection connection(session.connection);
   if (int const result = connection.open(); result != EXIT_DONE)
     return result;
-  AutoDereference<FilterDescription> description(
-      new FilterDescription(options.selection.authority, options.selection.subject));
-  if (description->attributes().empty())
-    description.reset(new FilterDescription(options.selection.authority + FILTER_DATA_SUFFIX,
-                                            options.selection.subject));
-  auto const& attributes = description->attributes();
-  if (attributes.empty() && !connection.answers())
+  Described described;
+  auto const& attributes = described.attributes.attributes();
+  for (std::string const& authority :
+       {options.selection.authority, options.selection.authority + FILTER_DATA_SUFFIX})
+    if (attributes.empty() && !described.full && !described.late)
+      if (int const listed = readDescriptions(options, connection, authority, described);
+          !isListed(listed))
+        return connection.conclude(listed);
+  bool const cut = described.full || described.late;
+  bool const whole = !cut && described.failures.count() == 0 && connection.answers();
+  if (attributes.empty() && !whole && !described.full)
+  {
+    if (described.late)
+      complain("out of time: what can be asked for was not read; --timeout allows more");
     return connection.conclude(EXIT_FAILED);
-  int const listed = description->isIncomplete() ? EXIT_PARTLY : EXIT_DONE;
-  if (listed == EXIT_PARTLY)
-    complainIncomplete();
-  if (options.json)
-  {
-    nlohmann::json all = nlohmann::json::array();
-    for (auto const& attribute : attributes)
-      all.push_back(toJson(attribute));
-    printJson(all);
   }
-  else if (options.xml && !attributes.empty())
-  {
-    std::ostringstream text;
-    description->writeXml(text, XmlStr::UTF_8);
-    std::string indented;
-    std::string reason;
-    std::cout << (indentXml(text.str(), indented, reason) ? indented : text.str());
-  }
-  else if (!attributes.empty())
-    printAttributes(attributes);
+  print(options, described.attributes);
+  if (cut)
+    complain(described.full ? "this is not all: more can be asked for than this command takes, " +
+                                  formatSize(MOST_DESCRIBED)
+                            : std::string("out of time: not all that can be asked for was read; "
+                                          "--timeout allows more"));
+  if (!whole)
+    return connection.conclude(attributes.empty() ? EXIT_FAILED : EXIT_PARTLY);
   if (!attributes.empty())
-    return listed;
-  std::vector<Record> records;
-  Selection selection = options.selection;
-  selection.filterData = true;
-  if (isListed(queryRecords(selection, records, true)) &&
-      std::any_of(records.begin(), records.end(),
-                  [](Record const& each) { return each.type == AT_EXTSRC && !each.onDemand(); }))
-  {
-    if (connection.answers())
-      complainUnread(*std::find_if(records.begin(), records.end(),
-                                   [](Record const& each) { return !each.onDemand(); }),
-                     false);
-    return connection.conclude(EXIT_FAILED);
-  }
-  if (!options.json && listed == EXIT_DONE)
+    return described.listed;
+  if (!options.json && described.listed == EXIT_DONE)
     complain("no explorer has stored what can be asked for about subject \"" +
              shown(options.selection.subject) + "\" by authority \"" +
              shown(options.selection.authority) +
              "\"; \"tqdiscoctl query --filter-data\" shows who has");
-  return withMissing(listed, EXIT_NOTHING);
+  return withMissing(described.listed, EXIT_NOTHING);
 }
 
 void addNames(CLI::App& command, ShowOptions& options)

@@ -20,6 +20,7 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <string_view>
 #include <unistd.h>
 
 namespace tqdiscoctl
@@ -34,6 +35,10 @@ namespace
 // The authority of the discovery that a service makes of itself, and its facts.
 constexpr char AUTHORITY[] = "service";
 constexpr char SERVICE_KIND[] = "service";
+
+// What services tell, and what they do not, is kept until all is known: each up
+// to so many bytes.
+constexpr std::size_t MOST_HELD = std::size_t(64) << 20;
 
 // The results of explorers that are in order.
 constexpr char const* WELL[] = {"-", "success", "none found", "data of higher priority exists",
@@ -85,56 +90,90 @@ std::size_t countFailed(ServiceState const& state)
   return count;
 }
 
-int readStates(Connection const& connection, std::vector<ServiceState>& states, bool quiet)
+int readStates(Connection const& connection, std::vector<ServiceState>& states)
 {
   Selection selection;
   selection.authority = AUTHORITY;
   selection.typeName = formatType(AT_TQUCLIENT);
   std::vector<Record> records;
-  int const result = queryRecords(selection, records, quiet);
+  int const result = queryRecords(selection, records);
   if (!isListed(result))
     return result;
   Progress progress("Reading what the services tell");
+  std::size_t held = 0;
   for (Record const& record : records)
   {
-    if (connection.clock().nearlyOver())
+    bool const full = held > MOST_HELD;
+    if (full || connection.clock().nearlyOver())
     {
       progress.clear();
-      complain("out of time: what " +
+      complain((full ? "this is more than one status takes: what " : "out of time: what ") +
                counted(records.size() - states.size(), "service tells", "services tell") +
-               " was not read; --timeout allows more");
+               " was not read" + (full ? "" : "; --timeout allows more"));
       for (std::size_t i = states.size(); i < records.size(); ++i)
         states.push_back({records[i], {}, {}, false});
       return EXIT_PARTLY;
     }
     progress.update(std::to_string(states.size()) + " of " + std::to_string(records.size()));
-    Collection collection = readCollection(record, OzfQuery());
-    ServiceState state{record, {}, {}, collection.complete};
-    for (Item& item : collection.items)
-      if (fact(item, "Kind") == SERVICE_KIND)
-        state.service = std::move(item);
-      else
-        state.explorers.push_back(std::move(item));
+    ServiceState state{record, {}, {}, false};
+    state.complete = readCollection(record, OzfQuery(),
+                                    [&](Item item)
+                                    {
+                                      held += sizeOf(item);
+                                      if (held > MOST_HELD)
+                                        return;
+                                      if (fact(item, "Kind") == SERVICE_KIND)
+                                        state.service = std::move(item);
+                                      else
+                                        state.explorers.push_back(std::move(item));
+                                    })
+                         .complete &&
+                     held <= MOST_HELD;
     states.push_back(std::move(state));
   }
   return result;
 }
 
-// The hosts whose explorers have told something while their service tells
-// nothing of itself any more. What was put in may be about anything.
-// Where no service tells of itself, none is missed.
-SilentHosts silentHosts(std::vector<Record> const& records, std::vector<ServiceState> const& states)
+// What the service lists, as far as the status needs it.
+class Listed
 {
+public:
+  // The hosts whose explorers have told something while their service tells
+  // nothing of itself any more. What was put in may be about anything.
+  // Where no service tells of itself, none is missed.
   SilentHosts silent;
-  if (states.empty())
-    return silent;
-  for (Record const& record : records)
-    if (record.type == AT_TQUCLIENT || record.onDemand())
-      silent[record.subject] = std::max(silent[record.subject], record.discovered);
-  for (ServiceState const& state : states)
-    silent.erase(state.record.subject);
-  return silent;
-}
+  std::size_t number = 0;
+  bool full = false; // other hosts may be silent
+
+  explicit Listed(std::vector<ServiceState> const& states)
+  {
+    for (ServiceState const& state : states)
+      m_telling.insert(state.record.subject);
+  }
+
+  void add(Record const& record)
+  {
+    ++number;
+    if (m_telling.empty() || (record.type != AT_TQUCLIENT && !record.onDemand()) ||
+        m_telling.count(record.subject) != 0)
+      return;
+    auto known = silent.find(record.subject);
+    if (known == silent.end())
+    {
+      constexpr std::size_t OVERHEAD = 128;
+      m_bytes += OVERHEAD + record.subject.size();
+      full = full || m_bytes > MOST_HELD;
+      if (full)
+        return;
+      known = silent.emplace(record.subject, OzfObjTime()).first;
+    }
+    known->second = std::max(known->second, record.discovered);
+  }
+
+private:
+  std::set<std::string_view> m_telling;
+  std::size_t m_bytes = 0;
+};
 
 nlohmann::json toJson(Item const& item, OzfQuery const& description)
 {
@@ -259,16 +298,23 @@ int status(StatusOptions const& options, Session const& session)
   if (named)
     tellAnnouncing(announcing = askAnnouncing(connection.master()), options);
 
-  std::vector<Record> records;
-  int const listed = queryRecords(Selection(), records);
-  if (!isListed(listed))
-    return connection.conclude(listed);
   std::vector<ServiceState> states;
-  int const told = readStates(connection, states, listed != EXIT_DONE);
+  int const told = readStates(connection, states);
   if (!isListed(told))
     return connection.conclude(told);
+  Listed all(states);
+  int const listed = visitRecords(
+      Selection(),
+      [&all](Record const& record)
+      {
+        all.add(record);
+        return true;
+      },
+      told != EXIT_DONE);
+  if (!isListed(listed))
+    return connection.conclude(listed);
 
-  SilentHosts const silent = silentHosts(records, states);
+  SilentHosts const& silent = all.silent;
   std::size_t failed = 0;
   bool complete = true; // what was found
   for (ServiceState const& state : states)
@@ -285,7 +331,7 @@ int status(StatusOptions const& options, Session const& session)
       services.push_back(toJson(state, descriptions.of(state.record)));
     printJson({{"service", connection.place()},
                {"milliseconds", answered},
-               {"discoveries", records.size()},
+               {"discoveries", all.number},
                {"services", std::move(services)},
                {"announcement", toJson(announcing)},
                {"silent", toJson(silent)}});
@@ -295,7 +341,7 @@ int status(StatusOptions const& options, Session const& session)
     std::size_t const width = terminalWidth(STDOUT_FILENO);
     std::cout << wrapped(connection.place() + " is up: it answered after " +
                              std::to_string(answered) + " ms and lists " +
-                             counted(records.size(), "discovery", "discoveries") + ".",
+                             counted(all.number, "discovery", "discoveries") + ".",
                          width)
               << '\n';
     if (states.empty())
@@ -319,10 +365,12 @@ int status(StatusOptions const& options, Session const& session)
     complain(counted(silent.size(), "host is", "hosts are") +
              " silent: something is known of each, but its service has not told of itself for "
              "more than a minute. Is tqdisco running there?");
+  if (all.full)
+    complain("more hosts are silent than one status takes; the others are not listed");
   if (failed != 0)
     complain(counted(failed, "explorer has", "explorers have") +
              " failed at the last run; the log of the host's service tells why");
-  bool const whole = listed == EXIT_DONE && told == EXIT_DONE;
+  bool const whole = listed == EXIT_DONE && told == EXIT_DONE && !all.full;
   return connection.conclude(whole && failed == 0 && complete && silent.empty() ? EXIT_DONE
                                                                                 : EXIT_PARTLY);
 }

@@ -274,10 +274,10 @@ private:
   std::size_t m_size = 0;
 };
 
-int look(Selection const& selection, Look& result, bool quiet)
+int look(Selection const& selection, Look& result, bool quiet, std::string* why = nullptr)
 {
   std::vector<Record> records;
-  int const code = queryRecords(selection, records, quiet);
+  int const code = queryRecords(selection, records, quiet, why);
   result.clear();
   for (Record& record : records)
     result[{record.subject, record.authority, static_cast<int>(record.type)}] = std::move(record);
@@ -318,14 +318,16 @@ public:
   // Whether the last look lacked nothing that the service could not read.
   bool isWhole() const noexcept { return m_whole; }
 
-  // False when the service did not answer.
-  bool again()
+  // False when the service did not list what it has; why says why.
+  bool again(std::string& why)
   {
     Look after;
     Look services;
-    int const seen = look(m_options.selection, after, true);
-    int const told = lookForServices(services);
-    if (!isListed(seen) || !isListed(told))
+    int const seen = look(m_options.selection, after, true, &why);
+    if (!isListed(seen))
+      return false;
+    int const told = lookForServices(services, &why);
+    if (!isListed(told))
       return false;
     // What is not in an incomplete look may be there all the same: it is taken
     // over.
@@ -346,13 +348,13 @@ public:
 
 private:
   // Every service's sign of life, also when the user selected other things.
-  int lookForServices(Look& services) const
+  int lookForServices(Look& services, std::string* why = nullptr) const
   {
     Selection selection;
     selection.subject = m_options.selection.subject;
     selection.authority = SERVICE;
     selection.typeName = formatType(AT_TQUCLIENT);
-    return look(selection, services, true);
+    return look(selection, services, true, why);
   }
 
   // A host is silent when its service tells nothing of itself any more while
@@ -439,6 +441,19 @@ private:
   std::set<std::string> m_back; // since the last look
 };
 
+// Unlike the connection's own answers, for each look anew.
+bool answers(Connection const& connection)
+{
+  try
+  {
+    return !connection.service()->_non_existent();
+  }
+  catch (CORBA::Exception const&)
+  {
+    return false;
+  }
+}
+
 int watch(WatchOptions const& options, Session const& session)
 {
   // Before any thread is made, so that all of them hold the signals back.
@@ -455,21 +470,29 @@ int watch(WatchOptions const& options, Session const& session)
            connection.place() + ", every " + std::to_string(options.interval) +
            " s; Ctrl-C ends it.");
 
-  bool lost = false;
+  int failure = EXIT_DONE; // of the last look
   for (unsigned looks = 1; options.looks == 0 || looks < options.looks; ++looks)
   {
     connection.stopClock();
     if (!interruption.pause(options.interval))
       break;
     connection.startClock();
-    bool const answered = watched.again();
-    if (answered == lost)
-      complain(answered ? "the service answers again"
-                        : "the service does not answer any more; trying again");
-    lost = !answered;
+    std::string why;
+    bool const lost = failure != EXIT_DONE;
+    if (watched.again(why))
+      failure = EXIT_DONE;
+    else
+      failure = answers(connection) ? EXIT_FAILED : EXIT_NOT_REACHABLE;
+    if (lost == (failure != EXIT_DONE))
+      continue;
+    if (failure == EXIT_FAILED)
+      complain(why + "; trying again");
+    else
+      complain(lost ? "the service answers again"
+                    : "the service does not answer any more; trying again");
   }
-  return lost ? EXIT_NOT_REACHABLE
-              : withMissing(watched.isWhole() ? EXIT_DONE : EXIT_PARTLY, EXIT_DONE);
+  return failure != EXIT_DONE ? failure
+                              : withMissing(watched.isWhole() ? EXIT_DONE : EXIT_PARTLY, EXIT_DONE);
 }
 
 } // namespace

@@ -152,11 +152,14 @@ protected:
                   std::to_string(m_port) + "\n");
   }
 
-  // number 0: without end.
-  void serve(std::string const& number, std::string const& inAPage, std::string const& pause)
+  // number 0: without end. more: what collections are made of, and after how many
+  // lists they have no end.
+  void serve(std::string const& number, std::string const& inAPage, std::string const& pause,
+             Words const& more = {})
   {
-    m_master = std::make_unique<Process>(TQ_BIN_DIR "/hostile_master",
-                                         Words{m_root.path(), number, inAPage, pause});
+    Words words{m_root.path(), number, inAPage, pause};
+    words.insert(words.end(), more.begin(), more.end());
+    m_master = std::make_unique<Process>(TQ_BIN_DIR "/hostile_master", words);
     ASSERT_TRUE(
         eventually([this] { return m_master->output().find("serving") != std::string::npos; }))
         << m_master->errors();
@@ -244,7 +247,7 @@ TEST_F(TqdiscoctlHostileMasterTest, listsThatAreTakenCostNoMore)
 TEST_F(TqdiscoctlHostileMasterTest, answersThatAreMixedUpHarmNoCommand)
 {
   MixingMaster const master(m_port, 1);
-  for (int i = 0; i < 30; ++i)
+  for (int i = 0; i < 10; ++i)
   {
     auto const begin = std::chrono::steady_clock::now();
     Outcome const outcome = run({"--timeout", "1", i % 2 == 0 ? "query" : "hosts"});
@@ -253,5 +256,84 @@ TEST_F(TqdiscoctlHostileMasterTest, answersThatAreMixedUpHarmNoCommand)
     EXPECT_THAT(outcome.exitCode, testing::AnyOf(1, 5)) << i << outcome.output << outcome.errors;
     EXPECT_FALSE(outcome.errors.empty()) << i;
   }
-  EXPECT_GT(master.answers(), 10);
+  EXPECT_GT(master.answers(), 3);
+}
+
+TEST_F(TqdiscoctlHostileMasterTest, aTableTakesSoManyItemsAndShowsThem)
+{
+  serve("300", "100", "0", {"items"});
+  Outcome const outcome = run({"items"});
+  EXPECT_EQ(outcome.exitCode, 4) << outcome.errors;
+  EXPECT_THAT(outcome.errors, AllOf(HasSubstr("these are more items than one table takes: "),
+                                    HasSubstr(" of 300 collections were not read")));
+  EXPECT_THAT(outcome.output, HasSubstr("a0_0"));
+#ifdef TQ_PLAIN_BUILD
+  EXPECT_LT(largestChild(), MOST_MEMORY);
+#endif
+}
+
+TEST_F(TqdiscoctlHostileMasterTest, filtersTakeSoManyAttributesAndShowThem)
+{
+  serve("300", "100", "0", {"attributes"});
+  for (Words const& words :
+       {Words{"filters", "*", "service", "--json"}, Words{"filters", "*", "service", "--xml"},
+        Words{"filters", "*", "service"}})
+  {
+    Outcome const outcome = run(words);
+    EXPECT_EQ(outcome.exitCode, 4) << outcome.errors;
+    EXPECT_THAT(outcome.errors,
+                HasSubstr("this is not all: more can be asked for than this command takes"));
+    EXPECT_THAT(outcome.output, HasSubstr("_0"));
+  }
+#ifdef TQ_PLAIN_BUILD
+  EXPECT_LT(largestChild(), MOST_MEMORY);
+#endif
+}
+
+// What has come by the end of the time is shown.
+TEST_F(TqdiscoctlHostileMasterTest, filtersShowWhatCameInTime)
+{
+  serve("300", "100", "100", {"few"});
+  Outcome const outcome = run({"filters", "*", "service", "--timeout", "4"});
+  EXPECT_EQ(outcome.exitCode, 4) << outcome.errors;
+  EXPECT_THAT(outcome.errors, HasSubstr("out of time: not all that can be asked for was read"));
+  EXPECT_THAT(outcome.output, HasSubstr("_0"));
+}
+
+TEST_F(TqdiscoctlHostileMasterTest, statusTakesSoManyHostsAndTellsOfThem)
+{
+  serve("300", "100", "0", {"items"});
+  Outcome const outcome = run({"status"});
+  EXPECT_EQ(outcome.exitCode, 4) << outcome.errors;
+  EXPECT_THAT(outcome.errors, HasSubstr("this is more than one status takes: "));
+  EXPECT_THAT(outcome.output, AllOf(HasSubstr("knows 300 discoveries"), HasSubstr("host299")));
+#ifdef TQ_PLAIN_BUILD
+  EXPECT_LT(largestChild(), MOST_MEMORY);
+#endif
+}
+
+// A watch looks twice each time: at what there is, and which services tell of
+// themselves.
+TEST_F(TqdiscoctlHostileMasterTest, laterLooksOfAWatchEndInTimeAsTheFirst)
+{
+  serve("3", "1", "20", {"items", "2"});
+  auto const begin = std::chrono::steady_clock::now();
+  Outcome const outcome = run({"watch", "--timeout", "1", "--interval", "1"});
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(15));
+  EXPECT_EQ(outcome.exitCode, 1);
+  EXPECT_THAT(outcome.errors,
+              AllOf(HasSubstr("Watching 3 discoveries"), HasSubstr("gave up after 1 second")));
+}
+
+TEST_F(TqdiscoctlHostileMasterTest, laterLooksOfAWatchTakeNoMoreMemoryThanTheFirst)
+{
+  serve("3", "5000", "0", {"items", "2"});
+  Outcome const outcome = run({"watch", "--looks", "2", "--interval", "1"});
+  EXPECT_EQ(outcome.exitCode, 1) << outcome.errors;
+  EXPECT_THAT(outcome.errors,
+              AllOf(HasSubstr("Watching 3 discoveries"),
+                    HasSubstr("of records, which is more than this command takes")));
+#ifdef TQ_PLAIN_BUILD
+  EXPECT_LT(largestChild(), MOST_MEMORY);
+#endif
 }
