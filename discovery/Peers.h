@@ -61,8 +61,7 @@ public:
   Remote::DiscoveryService_ptr connect(OzfHostname const& host, char const* serviceName) const;
 
   // The same of the object under OWN_COLLECTIONS, which older services have not.
-  Remote::DiscoveryService_ptr connectToOwn(OzfHostname const& host,
-                                            char const* serviceName) const;
+  Remote::DiscoveryService_ptr connectToOwn(OzfHostname const& host, char const* serviceName) const;
 
   // Set when the repository's shutdown begins; whoever waits for another host
   // looks at it before each call.

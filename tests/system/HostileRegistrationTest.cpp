@@ -105,7 +105,8 @@ TEST(HostileRegistrationTest, hostsThatAreEachOthersMasterRefuseAndGoOn)
   auto const refusals = [&](std::string const& operation)
   {
     std::size_t count = 0;
-    for (auto const& [text, host] : {std::pair(here.log(), "there"), std::pair(there.log(), "here")})
+    for (auto const& [text, host] :
+         {std::pair(here.log(), "there"), std::pair(there.log(), "here")})
     {
       std::string const line = std::string(CONNECTING_BACK) + host;
       count += occurrences(text, operation + ": " + line);

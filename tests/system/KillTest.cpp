@@ -187,9 +187,8 @@ TEST_F(KillTest, aKilledWriterLosesNothingAndLeavesWhatBelongsTogether)
   EXPECT_EQ(last->exitCode(), 0) << last->errors();
   checkPairs();
   EXPECT_EQ(m_expected.size(), NAME_COUNT);
-  Outcome const verified =
-      runProgram(TQ_BIN_DIR "/tqdiscoctl", {"db", "verify", "--quick"},
-                 {{"TESSARINE_ROOT", m_root.path()}});
+  Outcome const verified = runProgram(TQ_BIN_DIR "/tqdiscoctl", {"db", "verify", "--quick"},
+                                      {{"TESSARINE_ROOT", m_root.path()}});
   EXPECT_EQ(verified.exitCode, 0) << verified.output;
   EXPECT_NE(verified.output.find("5 sound, 0 problems"), std::string::npos) << verified.output;
 }

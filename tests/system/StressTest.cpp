@@ -144,9 +144,8 @@ std::vector<Counts> StressTest::run(int threads, int seconds)
 
 void StressTest::expectSoundAtRest()
 {
-  Outcome const verified =
-      runProgram(TQ_BIN_DIR "/tqdiscoctl", {"db", "verify", "--quick"},
-                 {{"TESSARINE_ROOT", m_root.path()}});
+  Outcome const verified = runProgram(TQ_BIN_DIR "/tqdiscoctl", {"db", "verify", "--quick"},
+                                      {{"TESSARINE_ROOT", m_root.path()}});
   EXPECT_EQ(verified.exitCode, 0) << verified.output;
   EXPECT_EQ(verified.output.find(".updating"), std::string::npos) << verified.output;
   for (auto const& entry : fs::directory_iterator(database()))
