@@ -17,6 +17,7 @@ set(TQ_PUBLIC_HEADERS
   discovery/Researcher.h
   discovery/ResearcherItems.h
   # explorers
+  discovery/CachedRegistrations.h
   discovery/DiscData.h
   discovery/DiscoveryFactory.h
   discovery/DiscoveryLog.h

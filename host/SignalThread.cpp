@@ -1,6 +1,7 @@
 #include "host/SignalThread.h"
 
 #include "host/HostLog.h"
+#include "ozf/base/WakeUp.h"
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ProductRoot.h"
 #include "ozf/log/Logger.h"
@@ -54,8 +55,7 @@ SignalThread::~SignalThread()
 {
   if (!m_thread.joinable())
     return;
-  std::uint64_t const one = 1;
-  [[maybe_unused]] auto const written = write(m_end.get(), &one, sizeof one);
+  wakeUp(m_end.get());
   m_thread.join();
 }
 

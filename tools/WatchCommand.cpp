@@ -298,7 +298,7 @@ public:
     int const result = look(m_options.selection, m_before, false);
     if (!isListed(result))
       return result;
-    if (int const services = lookForServices(m_services); !isListed(services))
+    if (int const services = lookForServices(m_services, result != EXIT_DONE); !isListed(services))
       return services;
     m_whole = result == EXIT_DONE;
     Progress progress("Reading what there is");
@@ -326,7 +326,7 @@ public:
     int const seen = look(m_options.selection, after, true, &why);
     if (!isListed(seen))
       return false;
-    int const told = lookForServices(services, &why);
+    int const told = lookForServices(services, true, &why);
     if (!isListed(told))
       return false;
     // What is not in an incomplete look may be there all the same: it is taken
@@ -348,13 +348,13 @@ public:
 
 private:
   // Every service's sign of life, also when the user selected other things.
-  int lookForServices(Look& services, std::string* why = nullptr) const
+  int lookForServices(Look& services, bool quiet, std::string* why = nullptr) const
   {
     Selection selection;
     selection.subject = m_options.selection.subject;
     selection.authority = SERVICE;
     selection.typeName = formatType(AT_TQUCLIENT);
-    return look(selection, services, true, why);
+    return look(selection, services, quiet, why);
   }
 
   // A host is silent when its service tells nothing of itself any more while

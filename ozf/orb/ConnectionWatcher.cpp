@@ -1,5 +1,6 @@
 #include "ozf/orb/ConnectionWatcher.h"
 
+#include "ozf/base/WakeUp.h"
 #include "ozf/log/FrameworkLogger.h"
 #include "ozf/plugin/CurrentException.h"
 
@@ -255,13 +256,7 @@ void ConnectionWatcher::listen(Entry const& entry, bool atOnce) noexcept
   epoll_ctl(m_epoll.get(), EPOLL_CTL_MOD, entry.connection->descriptor(), &event);
 }
 
-void ConnectionWatcher::wake() noexcept
-{
-  ErrnoKeeper const keeper;
-  std::uint64_t const one = 1;
-  // Fails only when the counter is at its end, and then the thread is awake.
-  [[maybe_unused]] auto const written = write(m_wake.get(), &one, sizeof one);
-}
+void ConnectionWatcher::wake() noexcept { wakeUp(m_wake.get()); }
 
 int ConnectionWatcher::waitTime()
 {

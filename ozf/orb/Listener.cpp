@@ -1,5 +1,6 @@
 #include "ozf/orb/Listener.h"
 
+#include "ozf/base/WakeUp.h"
 #include "ozf/log/FrameworkLogger.h"
 
 #include <poll.h>
@@ -8,7 +9,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdint>
 #include <ctime>
 #include <system_error>
 #include <thread>
@@ -93,9 +93,7 @@ UniqueFd Listener::accept(int socket, char const* address)
 void Listener::wake() noexcept
 {
   m_ended = true;
-  std::uint64_t const one = 1;
-  // Fails only when the counter is at its end, and then the thread is awake.
-  [[maybe_unused]] auto const written = write(m_wake.get(), &one, sizeof one);
+  wakeUp(m_wake.get());
 }
 
 } // namespace Quillon::Tessarine::Ozf

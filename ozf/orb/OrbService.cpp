@@ -1,6 +1,7 @@
 #include "ozf/orb/OrbService.h"
 
 #include "ozf/base/SystemError.h"
+#include "ozf/base/WakeUp.h"
 
 #include <sys/eventfd.h>
 
@@ -50,13 +51,7 @@ OrbService::~OrbService()
 
 OrbService* OrbService::Instance() noexcept { return theService; }
 
-void OrbService::stopByEvent(bool)
-{
-  ErrnoKeeper const keeper;
-  std::uint64_t const one = 1;
-  // Fails only when the counter is at its end, and then main is awake.
-  [[maybe_unused]] auto const written = write(m_stopEvent, &one, sizeof one);
-}
+void OrbService::stopByEvent(bool) { wakeUp(m_stopEvent); }
 
 void OrbService::tellStatus(std::string const& text) const
 {

@@ -32,7 +32,12 @@ main {
 
   # {what answers message}: which answers differ from the usual, and what the
   # log says then. Combat calls an object that is gone OBJ_ADAPTER.
+  # What was said less than a minute ago is not written again: the line that
+  # others cause, too, comes first.
   foreach {what answers message} [list \
+    "a record of a service that is not there" \
+    [list queryDiscoveries [list [list [record disks volume sourceHost tqowner \
+      sourceServiceName Nothing]]]] "Failed to target open collection data" \
     "records of another interface" {queryDiscoveries other} $QUERY \
     "data of another interface" {getCollectionData other} $READ \
     "records that vanish after a page" \
@@ -42,10 +47,7 @@ main {
     "a page that is no message any more" \
     [list getCollectionData [list DS_SUCCESS $large] pageBytes 5000000] $READ \
     "a record without a name" \
-    [list queryDiscoveries [list [list [record "" volume]]]] "No records found!" \
-    "a record of a service that is not there" \
-    [list queryDiscoveries [list [list [record disks volume sourceHost tqowner \
-      sourceServiceName Nothing]]]] "Failed to target open collection data"] {
+    [list queryDiscoveries [list [list [record "" volume]]]] "No records found!"] {
     set servants::answers [dict merge $usual $answers]
     set before [string length [logOf tqmaster]]
     same "$what: no data" [readFrom $master $wanted] {DS_OPEN_FAILED {}}

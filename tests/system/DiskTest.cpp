@@ -163,11 +163,12 @@ TEST_F(DiskTest, aFullFileSystemCostsOnlyTheNewDiscovery)
   EXPECT_EQ(m_service.stop(), 0) << m_service.log();
 }
 
-TEST_F(DiskTest, aDirectoryThatMayOnlyBeReadIsServedAndWritesAreRefused)
+// Since before the start it would not have been served.
+TEST_F(DiskTest, aDirectoryThatMayOnlyBeReadSinceTheStartIsServedAndWritesAreRefused)
 {
   storeOld();
-  fs::permissions(m_service.database(), fs::perms(0555));
   startAsOrdinaryUser();
+  fs::permissions(m_service.database(), fs::perms(0555));
   {
     client::Client client(m_service.root(), LiveService::NAME);
     ASSERT_TRUE(client.connected());

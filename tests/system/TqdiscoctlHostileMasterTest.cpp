@@ -306,7 +306,7 @@ TEST_F(TqdiscoctlHostileMasterTest, statusTakesSoManyHostsAndTellsOfThem)
   Outcome const outcome = run({"status"});
   EXPECT_EQ(outcome.exitCode, 4) << outcome.errors;
   EXPECT_THAT(outcome.errors, HasSubstr("this is more than one status takes: "));
-  EXPECT_THAT(outcome.output, AllOf(HasSubstr("knows 300 discoveries"), HasSubstr("host299")));
+  EXPECT_THAT(outcome.output, AllOf(HasSubstr("lists 300 discoveries"), HasSubstr("host299")));
 #ifdef TQ_PLAIN_BUILD
   EXPECT_LT(largestChild(), MOST_MEMORY);
 #endif
@@ -314,9 +314,17 @@ TEST_F(TqdiscoctlHostileMasterTest, statusTakesSoManyHostsAndTellsOfThem)
 
 // A watch looks twice each time: at what there is, and which services tell of
 // themselves.
+TEST_F(TqdiscoctlHostileMasterTest, aWatchThatCannotFindTheServicesSaysWhy)
+{
+  serve("3", "5000", "0", {"items", "2"});
+  Outcome const outcome = run({"watch", "--looks", "2", "--interval", "1"});
+  EXPECT_EQ(outcome.exitCode, 1) << outcome.errors;
+  EXPECT_THAT(outcome.errors, HasSubstr("of records, which is more than this command takes"));
+}
+
 TEST_F(TqdiscoctlHostileMasterTest, laterLooksOfAWatchEndInTimeAsTheFirst)
 {
-  serve("3", "1", "20", {"items", "2"});
+  serve("3", "1", "20", {"items", "3"});
   auto const begin = std::chrono::steady_clock::now();
   Outcome const outcome = run({"watch", "--timeout", "1", "--interval", "1"});
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(15));
@@ -327,7 +335,7 @@ TEST_F(TqdiscoctlHostileMasterTest, laterLooksOfAWatchEndInTimeAsTheFirst)
 
 TEST_F(TqdiscoctlHostileMasterTest, laterLooksOfAWatchTakeNoMoreMemoryThanTheFirst)
 {
-  serve("3", "5000", "0", {"items", "2"});
+  serve("3", "5000", "0", {"items", "3"});
   Outcome const outcome = run({"watch", "--looks", "2", "--interval", "1"});
   EXPECT_EQ(outcome.exitCode, 1) << outcome.errors;
   EXPECT_THAT(outcome.errors,

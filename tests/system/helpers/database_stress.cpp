@@ -6,6 +6,8 @@
 
 #include "tests/support/StoredRecord.h"
 
+#include "ozf/log/Logger.h"
+
 #include <sys/stat.h>
 #include <atomic>
 #include <chrono>
@@ -99,6 +101,18 @@ int main(int argc, char** argv)
   unsigned const seed = static_cast<unsigned>(std::atoi(argv[4]));
   nextNumber = std::uint64_t(seed) << 40;
 
+  // The log counts a line that comes again instead of writing it.
+  std::atomic<long> zeroLength{0};
+  std::atomic<long> notLoaded{0};
+  std::atomic<long> notLocked{0};
+  LoggerFactory::setObserver(
+      [&](LogLine const& line)
+      {
+        zeroLength += line.text.find("Zero length xml file") != std::string::npos;
+        notLocked += line.text.starts_with("Unable to lock ");
+        notLoaded += line.text.find(".xml could not be loaded") != std::string::npos;
+      });
+
   umask(027); // as the service's; a wider directory is closed, with a line
   getDiscoveryDBDatabase()->init("");
   Counts counts;
@@ -133,7 +147,8 @@ int main(int argc, char** argv)
   for (auto& worker : workers)
     worker.join();
   std::cout << "writes " << counts.writes << " refused " << counts.refused << " reads "
-            << counts.reads << " walks " << counts.walks << " absent " << counts.absent
-            << std::endl;
+            << counts.reads << " walks " << counts.walks << " absent " << counts.absent << " empty "
+            << zeroLength << " unloaded " << notLoaded << " unlocked " << notLocked << std::endl;
+  LoggerFactory::setObserver({});
   return 0;
 }

@@ -64,11 +64,17 @@ TEST(ListenCheckTest, PortZeroLeavesTheChoiceToTheSystem)
 
 TEST(ListenCheckTest, AFreePortCanBeListenedOnAndStaysFree)
 {
-  unsigned short const port = portJustClosed();
-  std::string error = "untouched";
-  EXPECT_TRUE(canListen({"127.0.0.1"}, port, error)) << error;
-  EXPECT_TRUE(canListen({"127.0.0.1"}, port, error)) << "the first look keeps nothing: " << error;
-  EXPECT_TRUE(canListen({}, port, error)) << error;
+  // The system may give a port away again, to a test that runs beside this one.
+  std::string error;
+  bool free = false;
+  for (int i = 0; i < 5 && !free; ++i)
+  {
+    unsigned short const port = portJustClosed();
+    error = "untouched";
+    free = canListen({"127.0.0.1"}, port, error) && canListen({"127.0.0.1"}, port, error) &&
+           canListen({}, port, error);
+  }
+  EXPECT_TRUE(free) << error;
   EXPECT_EQ(error, "untouched");
 }
 
