@@ -43,14 +43,20 @@ typename Interface::_ptr_type serve(Servant* servant)
   return Interface::_narrow(CORBA::Object_var(servingOrb->activateObject(servant)));
 }
 
-class Names : public Skeletons::DiscoveryIterator
+// What all iterators have in common.
+template <class Skeleton>
+class Pages : public Skeleton
 {
 public:
-  explicit Names(unsigned long count) : m_number(count) {}
-
   CORBA::Long pageSize() override { return 8; }
   void pageSize(CORBA::Long) override {}
   void release() override {}
+};
+
+class Names : public Pages<Skeletons::DiscoveryIterator>
+{
+public:
+  explicit Names(unsigned long count) : m_number(count) {}
 
   Remote::DiscoverySeq* getNextPage() override
   {
@@ -92,13 +98,9 @@ std::string makeDocument()
   return text + (items ? "</DiscoveredItems>" : "</QueryDescription></FilterData>");
 }
 
-class Bytes : public Skeletons::CollectionDataIterator
+class Bytes : public Pages<Skeletons::CollectionDataIterator>
 {
 public:
-  CORBA::Long pageSize() override { return 8; }
-  void pageSize(CORBA::Long) override {}
-  void release() override {}
-
   Remote::CollectionDataSeq* getNextPage() override
   {
     std::this_thread::sleep_for(pauseBefore);
@@ -109,13 +111,9 @@ public:
   }
 };
 
-class Document : public Skeletons::CollectionDataIterator
+class Document : public Pages<Skeletons::CollectionDataIterator>
 {
 public:
-  CORBA::Long pageSize() override { return 8; }
-  void pageSize(CORBA::Long) override {}
-  void release() override {}
-
   Remote::CollectionDataSeq* getNextPage() override
   {
     std::this_thread::sleep_for(pauseBefore);
