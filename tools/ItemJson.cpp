@@ -15,19 +15,6 @@ namespace
 // More names than any explorer has facts are those of somebody who makes them up.
 constexpr std::size_t MOST_NAMES = 1000;
 
-std::string indented(nlohmann::json const& value, std::size_t depth)
-{
-  std::string const text = jsonText(value, 2);
-  std::string result;
-  for (char const c : text)
-  {
-    result += c;
-    if (c == '\n')
-      result.append(depth, ' ');
-  }
-  return result;
-}
-
 nlohmann::json nullIfEmpty(std::string const& text)
 {
   return text.empty() ? nlohmann::json() : nlohmann::json(text);
@@ -87,7 +74,7 @@ void CollectionPrinter::item(Record const& record, Item const& item)
       m_facts.insert(name);
   std::size_t const depth = m_array ? 6 : 4;
   std::cout << (m_items++ == 0 ? "\n" : ",\n") << std::string(depth, ' ')
-            << indented(toJson(item, m_descriptions.of(record), m_asList), depth);
+            << jsonText(toJson(item, m_descriptions.of(record), m_asList), 2, depth);
 }
 
 void CollectionPrinter::end(Record const& record, Collection const& collection)
@@ -137,8 +124,8 @@ void CollectionPrinter::begin(Record const& record)
 void CollectionPrinter::member(char const* name, nlohmann::json const& value, char const* behind)
 {
   std::size_t const depth = m_array ? 4 : 2;
-  std::cout << std::string(depth, ' ') << '"' << name << "\": " << indented(value, depth) << behind
-            << '\n';
+  std::cout << std::string(depth, ' ') << '"' << name << "\": " << jsonText(value, 2, depth)
+            << behind << '\n';
 }
 
 } // namespace tqdiscoctl

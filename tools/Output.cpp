@@ -71,7 +71,7 @@ nlohmann::json timeOrNull(OzfObjTime const& time)
 
 // Characters that may not be shown stand inside strings only, where JSON has a
 // form for them that says the same.
-std::string jsonText(nlohmann::json const& value, int indent)
+std::string jsonText(nlohmann::json const& value, int indent, std::size_t depth)
 {
   std::string const text = value.dump(indent, ' ', false, nlohmann::json::error_handler_t::replace);
   std::string result;
@@ -80,7 +80,7 @@ std::string jsonText(nlohmann::json const& value, int indent)
     std::size_t const end = std::min(text.find('\n', begin), text.size());
     result += displayText(std::string_view(text).substr(begin, end - begin), appendUnits);
     if (end < text.size())
-      result += '\n';
+      result.append("\n").append(depth, ' ');
     begin = end + 1;
   }
   return result;
@@ -94,14 +94,8 @@ JsonArray::~JsonArray() { std::cout << (m_empty ? "[]\n" : "\n]\n"); }
 
 void JsonArray::add(nlohmann::json const& value)
 {
-  std::cout << (m_empty ? "[\n  " : ",\n  ");
+  std::cout << (m_empty ? "[\n  " : ",\n  ") << jsonText(value, 2, 2);
   m_empty = false;
-  for (char const c : jsonText(value, 2))
-  {
-    std::cout << c;
-    if (c == '\n')
-      std::cout << "  ";
-  }
 }
 
 void complain(std::string const& message) { remark("tqdiscoctl: " + message); }

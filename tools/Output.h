@@ -41,8 +41,9 @@ private:
   bool m_empty = true;
 };
 
-// That text, for output that is not printed whole; on one line with -1.
-std::string jsonText(nlohmann::json const& value, int indent);
+// That text, for output that is not printed whole; on one line with -1. Lines
+// behind the first stand depth further in.
+std::string jsonText(nlohmann::json const& value, int indent, std::size_t depth = 0);
 
 // "tqdiscoctl: message" on standard error, fitted to a terminal.
 void complain(std::string const& message);

@@ -233,7 +233,8 @@ void addPutCommand(CLI::App& application, Session& session)
 {
   auto const options = std::make_shared<PutOptions>();
   CLI::App* const command =
-      application.add_subcommand("put", "Store a payload of your own with the master");
+      application.add_subcommand("put", "Store a payload of your own with the master; it expires, "
+                                        "or \"tqdiscoctl db forget\" removes it there");
   command->add_option("SUBJECT", options->subject, "What it is about")->required();
   command->add_option("AUTHORITY", options->authority, "Who tells it")->required();
   command

@@ -175,6 +175,31 @@ private:
   std::size_t m_bytes = 0;
 };
 
+// Takes the hosts away of which nothing is listed but explorers whose announcements
+// were removed: the service goes on with those until it is started anew.
+void dropForgotten(SilentHosts& silent)
+{
+  auto const isOnDemandAlone = [](SilentHosts::value_type const& host)
+  { return host.second.isZero(); };
+  if (std::none_of(silent.begin(), silent.end(), isOnDemandAlone))
+    return;
+  Selection announcements;
+  announcements.typeName = formatType(AT_REMOTEPULL);
+  std::set<std::string> announced;
+  int const listed = visitRecords(
+      announcements,
+      [&](Record const& record)
+      {
+        if (silent.count(record.subject) != 0)
+          announced.insert(record.subject);
+        return true;
+      },
+      true);
+  if (listed == EXIT_DONE)
+    std::erase_if(silent, [&](SilentHosts::value_type const& host)
+                  { return isOnDemandAlone(host) && announced.count(host.first) == 0; });
+}
+
 nlohmann::json toJson(Item const& item, OzfQuery const& description)
 {
   return {{"name", item.name}, {"facts", factsObject(item.facts, description)}};
@@ -314,7 +339,8 @@ int status(StatusOptions const& options, Session const& session)
   if (!isListed(listed))
     return connection.conclude(listed);
 
-  SilentHosts const& silent = all.silent;
+  SilentHosts& silent = all.silent;
+  dropForgotten(silent);
   std::size_t failed = 0;
   bool complete = true; // what was found
   for (ServiceState const& state : states)
@@ -364,7 +390,8 @@ int status(StatusOptions const& options, Session const& session)
   if (!silent.empty())
     complain(counted(silent.size(), "host is", "hosts are") +
              " silent: something is known of each, but its service has not told of itself for "
-             "more than a minute. Is tqdisco running there?");
+             "more than a minute. Is tqdisco running there? What is left of a host that was taken "
+             "away goes with \"tqdiscoctl db forget HOST\" on the master.");
   if (all.full)
     complain("more hosts are silent than one status takes; the others are not listed");
   if (failed != 0)

@@ -194,3 +194,62 @@ TEST(TqdiscoctlForgetServiceTest, anAnnouncementIsForgottenWhileTheServiceRuns)
   EXPECT_THAT(nlohmann::json::parse(service.tqdiscoctl({"query", "--json"}).output), IsEmpty());
   EXPECT_EQ(service.stop(), 0) << service.log();
 }
+
+// A host that was taken away, and of which an announcement is left that never
+// expires.
+TEST(TqdiscoctlForgetServiceTest, aHostThatWasTakenAwayMakesTheStatusFailUntilItIsForgotten)
+{
+  LiveService service;
+  ASSERT_TRUE(service.start()) << service.log();
+  {
+    client::Client client(service.root(), LiveService::NAME);
+    ASSERT_TRUE(client.connected());
+    client->registerExplorer("127.0.0.9", "DiscoveryService", "gone", "volume",
+                             client::AT_TQUCLIENT, 5);
+  }
+  // Where no service tells of itself, none is missed.
+  EXPECT_EQ(service.tqdiscoctl({"put", "here", "service", "A=1", "--type", "client"}).exitCode, 0);
+  EXPECT_EQ(service.tqdiscoctl({"put", "gone", "disks", "A=1", "--type", "client"}).exitCode, 0);
+  Outcome const silent = service.tqdiscoctl({"status"});
+  EXPECT_EQ(silent.exitCode, 4) << silent.output;
+  EXPECT_THAT(silent.errors, HasSubstr("1 host is silent"));
+  EXPECT_THAT(silent.errors, HasSubstr("\"tqdiscoctl db forget HOST\" on the master"));
+  EXPECT_EQ(service.tqdiscoctl({"db", "forget", "gone", "disks", "--yes"}).exitCode, 0);
+  EXPECT_EQ(service.tqdiscoctl({"status"}).exitCode, 4) << "the announcement is still there";
+  EXPECT_EQ(service.tqdiscoctl({"db", "forget", "gone", "--yes"}).exitCode, 0);
+  Outcome const outcome = service.tqdiscoctl({"status"});
+  EXPECT_EQ(outcome.exitCode, 0) << outcome.output << outcome.errors;
+  EXPECT_EQ(service.stop(), 0) << service.log();
+}
+
+TEST(TqdiscoctlForgetServiceTest, whatWasPutIsRemovedWhileTheServiceRuns)
+{
+  LiveService service;
+  ASSERT_TRUE(service.start()) << service.log();
+  for (char const* const authority : {"rack", "owner"})
+    EXPECT_EQ(service.tqdiscoctl({"put", "web7", authority, "A=1"}).exitCode, 0);
+  Outcome const outcome = service.tqdiscoctl({"db", "forget", "web7", "rack", "--yes"});
+  EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
+  EXPECT_EQ(service.tqdiscoctl({"show", "web7", "rack"}).exitCode, 3);
+  EXPECT_EQ(service.tqdiscoctl({"show", "web7", "owner"}).exitCode, 0);
+  EXPECT_EQ(service.stop(), 0) << service.log();
+}
+
+TEST(TqdiscoctlForgetServiceTest, helpSaysWhatIsRemovedWhereAndWhatOnlyExpires)
+{
+  auto const help = [](LiveService::Words words)
+  {
+    words.push_back("--help");
+    std::string text = runProgram(TQ_BIN_DIR "/tqdiscoctl", words).output;
+    std::string joined; // as one line
+    std::istringstream parts(text);
+    for (std::string word; parts >> word;)
+      joined += (joined.empty() ? "" : " ") + word;
+    return joined;
+  };
+  EXPECT_THAT(help({"db", "forget"}),
+              HasSubstr("It takes access to the master's files: through the service nothing is "
+                        "removed, it only expires."));
+  EXPECT_THAT(help({"put"}),
+              HasSubstr("it expires, or \"tqdiscoctl db forget\" removes it there."));
+}

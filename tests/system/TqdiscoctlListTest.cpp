@@ -165,13 +165,18 @@ std::size_t peakOf(pid_t pid)
 
 TEST_F(TqdiscoctlListTest, manyItemsTakeLittleMemory)
 {
+#ifdef TQ_PLAIN_BUILD
   constexpr int MANY = 100000;
+#else
+  constexpr int MANY = 5000; // sanitizers take memory of their own, nothing is measured
+#endif
   std::string items;
   for (int i = 0; i < MANY; ++i)
-    items += item("item" + std::to_string(i), std::to_string(i), "1000000", "1%");
-  // The command and the service would read them as well.
-  store("web9", "many", document(item("item", "1", "1", "1%")));
-  writeText(m_service.database() + "/3 many web9.dat", document(items));
+    items += bare("item" + std::to_string(i), "<Used>" + std::to_string(i) + "</Used>");
+  // Put in by the command, both it and the service would look through them first;
+  // as external they would be taken for what can be asked for, and read twice.
+  store("web9", "many", document(item("item", "1", "1", "1%")), CLIENT);
+  writeText(m_service.database() + "/2 many web9.dat", document(items));
   Process reader(TQ_BIN_DIR "/tqdiscoctl", {"items", "-a", "many", "--json"},
                  {{"TESSARINE_ROOT", m_service.root()}});
   std::size_t peak = 0;
@@ -182,7 +187,8 @@ TEST_F(TqdiscoctlListTest, manyItemsTakeLittleMemory)
   }
   ASSERT_TRUE(reader.wait());
   EXPECT_EQ(reader.exitCode(), 0) << reader.errors();
-  EXPECT_THAT(reader.output(), HasSubstr("\"item99999\""));
+  EXPECT_THAT(reader.output(), HasSubstr("\"item" + std::to_string(MANY - 1) + "\""));
+  EXPECT_EQ(occurrences(reader.output(), "\"Used\": "), MANY + 1U) << "and its schema";
   EXPECT_GT(peak, 0U);
 #ifdef TQ_PLAIN_BUILD
   EXPECT_LE(peak, 32U * 1024);
