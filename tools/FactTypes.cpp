@@ -1,7 +1,7 @@
 #include "tools/FactTypes.h"
 
 #include "ozf/base/AsciiCase.h"
-#include "ozf/xml/QueryExpression.h"
+#include "ozf/xml/QueryNumber.h"
 #include "tools/Format.h"
 #include "tools/Output.h"
 

@@ -1,6 +1,6 @@
 #include "tools/ItemOrder.h"
 
-#include "ozf/xml/QueryExpression.h"
+#include "ozf/xml/QueryNumber.h"
 
 #include <algorithm>
 #include <optional>

@@ -9,7 +9,7 @@
 
 #include "discovery/RemoteDB.h"
 #include "ozf/base/SystemError.h"
-#include "ozf/xml/QueryExpression.h"
+#include "ozf/xml/QueryNumber.h"
 #include "ozf/xml/XmlStr.h"
 
 #include <CLI/CLI.hpp>

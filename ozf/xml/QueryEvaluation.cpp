@@ -1,10 +1,10 @@
-// What a query is answered with, and the numbers in it.
+// What a query is answered with.
 
 #include "ozf/base/Wildcard.h"
 #include "ozf/xml/QueryExpression.h"
+#include "ozf/xml/QueryNumber.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <compare>
 #include <limits>
@@ -124,55 +124,6 @@ std::vector<QueryName> namesIn(QueryNode const& node)
   std::vector<QueryName> names;
   collectNames(node, names);
   return names;
-}
-
-std::optional<long double> parseQueryNumber(std::string_view text)
-{
-  static constexpr long double KILO = 1000;
-  static constexpr long double KIBI = 1024;
-  static constexpr std::pair<std::string_view, long double> UNITS[] = {
-      {"", 1},
-      {"B", 1},
-      {"K", KIBI},
-      {"KiB", KIBI},
-      {"M", KIBI * KIBI},
-      {"MiB", KIBI * KIBI},
-      {"G", KIBI * KIBI * KIBI},
-      {"GiB", KIBI * KIBI * KIBI},
-      {"T", KIBI * KIBI * KIBI * KIBI},
-      {"TiB", KIBI * KIBI * KIBI * KIBI},
-      {"P", KIBI * KIBI * KIBI * KIBI * KIBI},
-      {"PiB", KIBI * KIBI * KIBI * KIBI * KIBI},
-      {"KB", KILO},
-      {"MB", KILO * KILO},
-      {"GB", KILO * KILO * KILO},
-      {"TB", KILO * KILO * KILO * KILO},
-      {"PB", KILO * KILO * KILO * KILO * KILO},
-      {"s", 1},
-      {"m", 60},
-      {"h", 60 * 60},
-      {"d", 24 * 60 * 60},
-      {"w", 7 * 24 * 60 * 60},
-  };
-  bool const negative = text.starts_with('-');
-  if (negative || text.starts_with('+'))
-    text.remove_prefix(1);
-  // from_chars would also take "inf", "nan" and a second sign.
-  if (text.empty() || text.front() < '0' || text.front() > '9')
-    return std::nullopt;
-  long double number = 0;
-  auto const [end, failure] =
-      std::from_chars(text.data(), text.data() + text.size(), number, std::chars_format::fixed);
-  if (failure != std::errc())
-    return std::nullopt;
-  std::string_view const rest(end, static_cast<std::size_t>(text.data() + text.size() - end));
-  // Divided, since a hundredth is no binary number: 80% is what 8 / 10 is.
-  if (rest == "%")
-    return (negative ? -number : number) / 100;
-  for (auto const& [unit, factor] : UNITS)
-    if (rest == unit)
-      return (negative ? -number : number) * factor;
-  return std::nullopt;
 }
 
 bool evaluateQuery(QueryNode const& node, QueryLookup const& lookup)

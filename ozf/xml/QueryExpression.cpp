@@ -3,11 +3,10 @@
 #include "ozf/xml/QueryExpression.h"
 
 #include "ozf/xml/OzfQuery.h"
+#include "ozf/xml/QueryNumber.h"
 
 #include <tao/pegtl.hpp>
 
-#include <algorithm>
-#include <cctype>
 #include <type_traits>
 #include <utility>
 
@@ -336,39 +335,11 @@ bool orders(Operator comparison)
          comparison == Operator::GREATER || comparison == Operator::GREATER_OR_EQUAL;
 }
 
-// A number and a short run of letters: most likely a unit with a slip of the
-// pen, which must not turn into a comparison of texts.
-bool looksLikeNumberWithUnit(std::string_view text)
-{
-  auto const letters = text.find_first_not_of("+-.0123456789");
-  auto const isLetter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
-  return letters != std::string_view::npos && letters > 0 && text.size() - letters <= 3 &&
-         std::all_of(text.begin() + static_cast<std::ptrdiff_t>(letters), text.end(), isLetter);
-}
-
 template <class Input>
 QueryPlace placeOf(Input const& in)
 {
   auto const position = in.position();
   return {position.line, position.column};
-}
-
-constexpr char EXPECTED_UNIT[] = "expected a number with one of the units B K M G T P KiB MiB GiB "
-                                 "TiB PiB KB MB GB TB PB "
-                                 "s m h d w %, or a text in quotes";
-
-// "size*0.8" and "size/2": most likely a calculation.
-bool looksLikeCalculation(std::string_view text)
-{
-  auto const sign = text.find_first_of("*/");
-  if (sign == std::string_view::npos || sign == 0 ||
-      text.find_first_of("*/", sign + 1) != text.npos)
-    return false;
-  auto const isName = [](std::string_view part)
-  { return !part.empty() && std::isalpha(static_cast<unsigned char>(part.front())) != 0; };
-  std::string_view const left = text.substr(0, sign);
-  std::string_view const right = text.substr(sign + 1);
-  return (isName(left) && parseQueryNumber(right)) || (parseQueryNumber(left) && isName(right));
 }
 
 template <class Rule>
@@ -394,7 +365,7 @@ struct Action<TermWord>
   {
     auto const number = parseQueryNumber(in.string_view());
     if (!number && looksLikeNumberWithUnit(in.string_view()))
-      throw pegtl::parse_error(EXPECTED_UNIT, in);
+      throw pegtl::parse_error(EXPECTED_QUERY_UNIT, in);
     builder.add(number ? QueryTerm::Kind::NUMBER : QueryTerm::Kind::NAME, in.string(), placeOf(in),
                 number.value_or(0));
   }
@@ -522,7 +493,7 @@ struct Action<Value>
     {
       node.number = parseQueryNumber(builder.text);
       if (!node.number && orders(node.comparison) && looksLikeNumberWithUnit(builder.text))
-        throw pegtl::parse_error(EXPECTED_UNIT, in);
+        throw pegtl::parse_error(EXPECTED_QUERY_UNIT, in);
       if (!node.number && orders(node.comparison) && looksLikeCalculation(builder.text))
         throw pegtl::parse_error("expected blanks around what calculates, or a text in quotes", in);
     }

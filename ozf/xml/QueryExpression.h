@@ -82,9 +82,6 @@ struct QueryName
 };
 OZF_EXPORT std::vector<QueryName> namesIn(QueryNode const& node);
 
-// The number that the text reads as, in the base unit; absent when it is none.
-OZF_EXPORT std::optional<long double> parseQueryNumber(std::string_view text);
-
 // Reads text, which is not blank. The code is one of OzfQuery::Result.
 struct ParsedQuery
 {

@@ -7,6 +7,7 @@
 #include "ozf/sync/AutoDereference.h"
 #include "ozf/xml/OzfQuery.h"
 #include "ozf/xml/QueryExpression.h"
+#include "ozf/xml/QueryNumber.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,6 +1,7 @@
 #include "discovery/PullExplorerCache.h"
 
 #include "discovery/CachedRegistrations.h"
+#include "ozf/base/OzfHostname.h"
 #include "tests/support/FakeDiscoveries.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
@@ -87,6 +88,22 @@ TEST_F(PullExplorerCacheTest, RecordsThatCannotBeReadArePassedOver)
       (Restored{"far 7 s1", "farther 7 s4"}),
       restored({text("far"), "none", text("large") + std::string(1 << 20, ' '), text("farther")}));
   EXPECT_EQ(std::string::npos, log.text().find(RESTORE_CACHE)) << log.text();
+}
+
+// Names of hosts differ by case in spelling only.
+TEST_F(PullExplorerCacheTest, ARegistrationOfThisHostIsPassedOverWhateverItsCase)
+{
+  OzfHostname::overrideLocal("here");
+  EXPECT_EQ((Restored{"heron 7 s3"}),
+            restored({pullRegistrationText({"HERE", "DiscoveryService", 7, AT_TQUCLIENT}),
+                      pullRegistrationText({"Here", "DiscoveryService", 7, AT_TQUCLIENT}),
+                      pullRegistrationText({"heron", "DiscoveryService", 7, AT_TQUCLIENT})}));
+  for (char const* const passedOver : {"s1 and authority authority: it names this host, HERE",
+                                       "s2 and authority authority: it names this host, Here"})
+    EXPECT_EQ(
+        1, log.count(1, RESTORE_CACHE,
+                     std::string("Passed over the cached registration of subject ") + passedOver))
+        << log.text();
 }
 
 TEST_F(PullExplorerCacheTest, ALineTellsOfRecordsThatAreMissing)
