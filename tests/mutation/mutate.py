@@ -2,10 +2,11 @@
 """Changes one place of the sources at a time and looks whether a test fails.
 
 Places are drawn at random by a seed, so that a run can be repeated. Each change
-is made in a copy of the tree, which is built anew only where the change is, and
-the tests that are named after the changed file run first, then the rest of the
-unit tests of its room, then what is named besides. A change that no test
-notices is a gap, or changes nothing that could be noticed.
+is made in a copy of the tree: the one object is compiled anew and its library
+linked, nothing else. Then the unit tests run, those of the changed file first,
+as many in one process as bear one another; what they let through meets the
+tests that --also names. A failure counts when it happens twice. A change that
+no test notices is a gap, or changes nothing that could be noticed.
 
   mutate.py places discovery --seed 1 --count 100
   mutate.py run discovery --seed 1 --count 100 --work /var/tmp/mutants
@@ -18,14 +19,19 @@ that is a copy already can be changed in place.
 """
 
 import argparse
+import concurrent.futures
+import json
 import os
 import pathlib
 import random
 import re
+import resource
 import shutil
 import signal
 import subprocess
 import sys
+import threading
+import time
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 
@@ -111,10 +117,17 @@ def program_room(path):
     return "/".join(parts[:2]) if parts[0] == "ozf" else parts[0]
 
 
+def limit_process():
+    """A change may well make a loop endless that fills the memory."""
+    resource.setrlimit(resource.RLIMIT_AS, (8 << 30, 8 << 30))
+    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+
+
 def run(command, cwd, log, limit):
     """Its exit status; None when it took too long, and all it started is gone."""
     with open(log, "ab") as out:
-        process = subprocess.Popen(command, cwd=cwd, stdout=out, stderr=out, start_new_session=True)
+        process = subprocess.Popen(command, cwd=cwd, stdout=out, stderr=out, start_new_session=True,
+                                   shell=isinstance(command, str), preexec_fn=limit_process)
         try:
             return process.wait(timeout=limit)
         except subprocess.TimeoutExpired:
@@ -123,22 +136,53 @@ def run(command, cwd, log, limit):
             return None
 
 
+class Batch:
+    """Tests of one file that run in one process."""
+
+    def __init__(self, program, file, tests, seconds):
+        self.program = program
+        self.file = file
+        self.tests = tests
+        self.seconds = seconds
+
+    def command(self):
+        return [str(self.program), "--gtest_fail_fast", "--gtest_brief=1",
+                "--gtest_filter=" + ":".join(self.tests)]
+
+    def limit(self):
+        return 10 * self.seconds + 60
+
+
 class Workshop:
-    def __init__(self, work, jobs, also, in_place):
-        self.work = work
-        self.in_place = in_place
-        self.tree = ROOT if in_place else work / "tree"
+    def __init__(self, options):
+        self.work = options.work
+        self.in_place = options.in_place
+        self.tree = ROOT if self.in_place else self.work / "tree"
         self.build = self.tree / "build" / "dev"
-        self.jobs = str(jobs)
-        self.also = also
-        self.results = work / "results.tsv"
-        work.mkdir(parents=True, exist_ok=True)
+        self.jobs = options.jobs
+        self.also = options.also
+        self.link_flags = options.link_flags
+        self.results = self.work / "results.tsv"
+        self.programs = {}
+        self.work.mkdir(parents=True, exist_ok=True)
 
     def prepare(self, programs):
-        if self.in_place:
-            if self.compile(programs, self.work / "prepare.log") != 0:
-                sys.exit(f"the tree cannot be built, see {self.work}/prepare.log")
-            return
+        log = self.work / "prepare.log"
+        if not self.in_place:
+            self.copy_tree()
+            if run(["cmake", "--preset", "dev"], self.tree, log, None) != 0:
+                sys.exit(f"the copy cannot be configured, see {log}")
+        # All programs, so that --also finds them built, too.
+        targets = [] if self.also else ["--target", *programs]
+        if run(["cmake", "--build", self.build, "--parallel", str(self.jobs), *targets],
+               self.tree, log, None) != 0:
+            sys.exit(f"the tree cannot be built, see {log}")
+        commands = json.loads((self.build / "compile_commands.json").read_text())
+        self.commands = {entry["file"]: entry["command"] for entry in commands}
+        for program in programs:
+            self.programs[program] = self.batches(program)
+
+    def copy_tree(self):
         names = subprocess.run(
             ["git", "ls-files", "-co", "--exclude-standard"], cwd=ROOT, check=True,
             capture_output=True, text=True).stdout.split("\n")
@@ -149,47 +193,138 @@ class Workshop:
             target.parent.mkdir(parents=True, exist_ok=True)
             if not target.exists() or target.read_bytes() != source.read_bytes():
                 shutil.copy2(source, target)
-        log = self.work / "prepare.log"
+
+    def batches(self, name):
+        """The tests of a program by their files. Those of a file that fail in one
+        process run each in its own, which is how CTest runs all of them."""
+        program = self.build / "bin" / name
+        kept = self.work / f"{name}.json"
+        if not kept.exists() or kept.stat().st_mtime < program.stat().st_mtime:
+            listed = self.work / f"{name}.list.json"
+            subprocess.run([program, "--gtest_list_tests", f"--gtest_output=json:{listed}"],
+                           cwd=self.build / "tests", check=True, capture_output=True)
+            files = {}
+            for suite in json.loads(listed.read_text())["testsuites"]:
+                for test in suite["testsuite"]:
+                    file = pathlib.Path(test["file"]).stem
+                    files.setdefault(file, []).append(f"{suite['name']}.{test['name']}")
+            found = []
+            for file, tests in files.items():
+                found += self.runs_together(Batch(program, file, tests, 60))
+            kept.write_text(json.dumps([[b.file, b.tests, b.seconds] for b in found]))
+        return [Batch(program, *batch) for batch in json.loads(kept.read_text())]
+
+    def runs_together(self, batch):
+        begin = time.monotonic()
+        status = run(batch.command(), self.build / "tests", self.work / "baseline.log", 600)
+        batch.seconds = round(time.monotonic() - begin, 2)
+        if status == 0:
+            return [batch]
+        if len(batch.tests) == 1:
+            print(f"fails without any change, and is left out: {batch.tests[0]}", flush=True)
+            return []
+        return [b for test in batch.tests
+                for b in self.runs_together(Batch(batch.program, batch.file, [test], 60))]
+
+    def compile(self, path, log):
+        """The object of a source, and the libraries that it goes into."""
+        command = self.commands[str(self.tree / path)]
+        made = re.search(r" -o (\S+)", command).group(1)
         # A change may well deserve a warning, which is for the tests to notice.
-        if run(["cmake", "--preset", "dev", "-DCMAKE_CXX_FLAGS=-w"], self.tree, log, None) != 0:
-            sys.exit(f"the copy cannot be configured, see {log}")
-        if self.compile(programs, log) != 0:
-            sys.exit(f"the copy cannot be built, see {log}")
+        if run(command + " -w -g0", self.build, log, 1800) != 0:
+            return False
+        return self.link(made, log)
 
-    def compile(self, programs, log):
-        return run(["cmake", "--build", self.build, "--parallel", self.jobs, "--target", *programs],
-                   self.tree, log, 1800)
+    def link(self, made, log):
+        query = subprocess.run(["ninja", "-t", "query", made], cwd=self.build, check=True,
+                               capture_output=True, text=True).stdout
+        for library in re.findall(r"^    (lib/\S+)$", query.split("outputs:")[1], re.M):
+            command = subprocess.run(["ninja", "-t", "commands", "-s", library], cwd=self.build,
+                                     check=True, capture_output=True, text=True).stdout
+            command = command.replace(" -shared ", f" -shared {self.link_flags} ")
+            if run(command, self.build, log, 600) != 0:
+                return False
+        return True
 
-    def tests(self, which, log):
-        return run(["ctest", "--test-dir", self.build, "--parallel", str(2 * int(self.jobs)),
-                    "--stop-on-failure", "--no-tests=ignore", *which], self.tree, log, 1200)
+    def fails(self, batch, log):
+        """What of it fails twice, or nothing."""
+        own = log.with_suffix(f".{threading.get_ident()}.log")
+        own.unlink(missing_ok=True)
+        status = run(batch.command(), self.build / "tests", own, batch.limit())
+        if status == 0:
+            own.unlink()
+            return ""
+        text = own.read_text(errors="replace")
+        failed = re.search(r"\[  FAILED  \] ([\w./]+)", text)
+        again = batch
+        if failed and failed.group(1) in batch.tests:
+            again = Batch(batch.program, batch.file, [failed.group(1)], batch.seconds)
+        if run(again.command(), self.build / "tests", own, again.limit()) != 0:
+            what = " " + again.tests[0] if len(again.tests) == 1 else ""
+            return f"{batch.file}{what}" + (" (too long)" if status is None else "")
+        if len(batch.tests) == 1:
+            return ""
+        for test in batch.tests:
+            found = self.fails(Batch(batch.program, batch.file, [test], batch.seconds), log)
+            if found:
+                return found
+        return ""
+
+    def first_failure(self, batches, log):
+        found = []
+        stop = threading.Event()
+
+        def one(batch):
+            if not stop.is_set():
+                failure = self.fails(batch, log)
+                if failure:
+                    found.append(failure)
+                    stop.set()
+
+        # Tests wait most of the time.
+        with concurrent.futures.ThreadPoolExecutor(2 * self.jobs) as pool:
+            list(pool.map(one, batches))
+        return found[0] if found else ""
 
     def judge(self, number, place):
+        """The verdict, and the test that noticed."""
         path, line, old, new = place
-        programs = PROGRAMS[program_room(path)]
         log = self.work / f"{program_room(path).replace('/', '_')}-{number}.log"
         log.unlink(missing_ok=True)
         target = self.tree / path
+        stat = target.stat()
         original = target.read_text()
         text = original.split("\n")
         assert text[line - 1] == old
         text[line - 1] = new
+        made = self.build / re.search(r" -o (\S+)", self.commands[str(target)]).group(1)
+        kept = self.work / "original.o"
+        shutil.copy2(made, kept)
         try:
             target.write_text("\n".join(text))
-            if self.compile(programs, log) != 0:
-                return "does not compile"
-            # CTest calls tests after their files, and labels them with their programs.
-            narrow = f"^{path.stem}"
-            steps = [["-R", narrow]] + [["-L", f"^{p}$", "-E", narrow] for p in programs]
-            if self.also:
-                steps.append(["-R", self.also])
-            for which in steps:
-                status = self.tests(which, log)
-                if status != 0:
-                    return "noticed, by its time" if status is None else "noticed"
-            return "not noticed"
+            if not self.compile(path, log):
+                return "does not compile", ""
+            batches = [b for p in PROGRAMS[program_room(path)] for b in self.programs[p]]
+            batches.sort(key=lambda b: (-self.nearness(path.stem, b.file), b.seconds))
+            noticed = self.first_failure(batches, log)
+            if noticed:
+                return "noticed", noticed
+            if self.also and run(["ctest", "--test-dir", self.build, "--parallel",
+                                  str(2 * self.jobs), "--stop-on-failure", "--no-tests=ignore",
+                                  "--repeat", "until-pass:2", "-R", self.also],
+                                 self.tree, log, 1800) != 0:
+                return "noticed", self.also
+            return "not noticed", ""
         finally:
             target.write_text(original)
+            os.utime(target, ns=(stat.st_atime_ns, stat.st_mtime_ns))
+            shutil.copy2(kept, made)
+            self.link(str(made.relative_to(self.build)), log)
+
+    @staticmethod
+    def nearness(source, test):
+        """How many letters two names begin with alike, when that is a word or more."""
+        return len(os.path.commonprefix([source, test])) // 4
 
     def done(self):
         if not self.results.exists():
@@ -211,9 +346,10 @@ def main():
     parser.add_argument("--in-place", action="store_true",
                         help="change this very tree, which is a copy already, and its build/dev")
     parser.add_argument("--also", help="names of further tests, as ctest -R takes them")
+    parser.add_argument("--link-flags", default="", help="such as -fuse-ld=mold")
     options = parser.parse_args()
 
-    workshop = Workshop(options.work, options.jobs, options.also, options.in_place)
+    workshop = Workshop(options)
     if options.what == "report":
         counts = {}
         for row in workshop.done().values():
@@ -236,10 +372,10 @@ def main():
         if options.what == "places":
             print(f"{number}\t{told}")
         elif key not in done or options.only is not None:
-            verdict = workshop.judge(number, place)
+            verdict, test = workshop.judge(number, place)
             with open(workshop.results, "a") as results:
-                results.write("\t".join([*key, verdict, told]) + "\n")
-            print(f"{number}\t{verdict}\t{told}", flush=True)
+                results.write("\t".join([*key, verdict, told, test]) + "\n")
+            print(f"{number}\t{verdict}\t{told}\t{test}", flush=True)
 
 
 if __name__ == "__main__":
