@@ -22,6 +22,21 @@ namespace
 {
 
 constexpr char SOURCE[] = "DiscoveryRepository";
+constexpr char REGISTER[] = "DiscoveryRepository::registerExplorer";
+
+// What is registered: without an authority under the local host's.
+AutoDereference<ExplorerWrapper> newEntry(DiscoveryRepository const& repository,
+                                          Subject const* subject, Explorer const* explorer,
+                                          unsigned priority, Authority const* authority)
+{
+  OZF_ASSERT(subject != nullptr, "NULL != subject", SOURCE, REGISTER);
+  OZF_ASSERT(explorer != nullptr, "NULL != explorer", SOURCE, REGISTER);
+  if (authority == nullptr)
+    authority = repository.getLocalAuthority();
+  OZF_ASSERT(authority != nullptr, "NULL != authority", SOURCE, REGISTER);
+  return AutoDereference<ExplorerWrapper>(
+      new ExplorerWrapper(explorer, priority, subject, authority));
+}
 
 } // namespace
 
@@ -148,18 +163,10 @@ DiscoveryRepository::Snapshot DiscoveryRepository::getPullExplorers() const
 void DiscoveryRepository::registerExplorer(Subject const* subject, ExplorerPush const* explorer,
                                            unsigned const& priority, Authority const* authority)
 {
-  constexpr char const* OPERATION = "DiscoveryRepository::registerExplorer";
-  OZF_ASSERT(subject != nullptr, "NULL != subject", SOURCE, OPERATION);
-  OZF_ASSERT(explorer != nullptr, "NULL != explorer", SOURCE, OPERATION);
-  if (authority == nullptr)
-    authority = getLocalAuthority();
-  OZF_ASSERT(authority != nullptr, "NULL != authority", SOURCE, OPERATION);
-
-  AutoDereference<ExplorerWrapper> const entry(
-      new ExplorerWrapper(explorer, priority, subject, authority));
-
+  AutoDereference<ExplorerWrapper> const entry =
+      newEntry(*this, subject, explorer, priority, authority);
   LockableGuard lockableGuard(*this);
-  OZF_ASSERT(lockableGuard.locked(), "lockableGuard.locked()", SOURCE, OPERATION);
+  OZF_ASSERT(lockableGuard.locked(), "lockableGuard.locked()", SOURCE, REGISTER);
   m_registrations.addPush(entry);
 }
 
@@ -168,18 +175,9 @@ Registration DiscoveryRepository::registerExplorer(Subject const* subject,
                                                    unsigned const& priority,
                                                    Authority const* authority, bool fromCache)
 {
-  constexpr char const* OPERATION = "DiscoveryRepository::registerExplorer";
-  OZF_ASSERT(subject != nullptr, "NULL != subject", SOURCE, OPERATION);
-  OZF_ASSERT(explorer != nullptr, "NULL != explorer", SOURCE, OPERATION);
-  if (authority == nullptr)
-    authority = getLocalAuthority();
-  OZF_ASSERT(authority != nullptr, "NULL != authority", SOURCE, OPERATION);
-
-  AutoDereference<ExplorerWrapper> entry(
-      new ExplorerWrapper(explorer, priority, subject, authority));
-
+  AutoDereference<ExplorerWrapper> entry = newEntry(*this, subject, explorer, priority, authority);
   LockableGuard lockableGuard(*this);
-  OZF_ASSERT(lockableGuard.locked(), "lockableGuard.locked()", SOURCE, OPERATION);
+  OZF_ASSERT(lockableGuard.locked(), "lockableGuard.locked()", SOURCE, REGISTER);
   Registration registration = m_registrations.addPull(entry, fromCache);
   if (registration.result == Registration::TAKEN && isGenericDSOnMaster() && !fromCache)
     persistToDisk(entry);

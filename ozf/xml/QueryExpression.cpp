@@ -347,6 +347,20 @@ struct Action : pegtl::nothing<Rule>
 {
 };
 
+// What nests goes one deeper, or is too deep.
+struct EnterAction
+{
+  template <class Input>
+  static void apply(Input const& in, Builder& builder)
+  {
+    builder.enter(in);
+  }
+};
+struct LeaveAction
+{
+  static void apply0(Builder& builder) { --builder.nesting; }
+};
+
 template <>
 struct Action<TermName>
 {
@@ -372,19 +386,13 @@ struct Action<TermWord>
 };
 
 template <>
-struct Action<TermOpen>
+struct Action<TermOpen> : EnterAction
 {
-  template <class Input>
-  static void apply(Input const& in, Builder& builder)
-  {
-    builder.enter(in);
-  }
 };
 
 template <>
-struct Action<TermClose>
+struct Action<TermClose> : LeaveAction
 {
-  static void apply0(Builder& builder) { --builder.nesting; }
 };
 
 template <char Sign, class Right>
@@ -503,29 +511,18 @@ struct Action<Value>
 };
 
 template <>
-struct Action<Open>
+struct Action<Open> : EnterAction
 {
-  template <class Input>
-  static void apply(Input const& in, Builder& builder)
-  {
-    builder.enter(in);
-  }
 };
 
 template <>
-struct Action<Close>
+struct Action<Close> : LeaveAction
 {
-  static void apply0(Builder& builder) { --builder.nesting; }
 };
 
 template <>
-struct Action<Not>
+struct Action<Not> : EnterAction
 {
-  template <class Input>
-  static void apply(Input const& in, Builder& builder)
-  {
-    builder.enter(in);
-  }
 };
 
 template <>

@@ -10,6 +10,7 @@
 #include "ozf/orb/Orb.h"
 #include "ozf/sync/AceReactor.h"
 #include "tests/support/FreePort.h"
+#include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
 
 #include <gtest/gtest.h>
@@ -153,6 +154,21 @@ private:
   ozf::Orb m_orb{0, "", "DiscoveryService", 1, 1024};
   ozf::AutoDereference<svc::DiscoveryFramework> m_framework;
   bool m_started = false;
+};
+
+// A service that has started, and a connection to it.
+struct ServiceTest : testing::Test
+{
+  Service host;
+  svc::Remote::DiscoveryService_var service;
+  LogCapture log;
+
+  void SetUp() override
+  {
+    host.start();
+    service = host.connect();
+    ASSERT_FALSE(CORBA::is_nil(service)) << log.text();
+  }
 };
 
 } // namespace tqtest

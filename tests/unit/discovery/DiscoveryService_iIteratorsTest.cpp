@@ -21,19 +21,8 @@ namespace Remote = Quillon::Tessarine::Ozf::DiscoverySvc::Remote;
 namespace
 {
 
-struct DiscoveryService_iIteratorsTest : testing::Test
+struct DiscoveryService_iIteratorsTest : ServiceTest
 {
-  Service host;
-  Remote::DiscoveryService_var service;
-  LogCapture log;
-
-  void SetUp() override
-  {
-    host.start();
-    service = host.connect();
-    ASSERT_FALSE(CORBA::is_nil(service));
-  }
-
   void storeMany(int count)
   {
     for (int i = 0; i < count; ++i)

@@ -21,19 +21,8 @@ namespace Remote = Quillon::Tessarine::Ozf::DiscoverySvc::Remote;
 namespace
 {
 
-struct DiscoveryService_iTest : testing::Test
+struct DiscoveryService_iTest : ServiceTest
 {
-  Service host;
-  Remote::DiscoveryService_var service;
-  LogCapture log;
-
-  void SetUp() override
-  {
-    host.start();
-    service = host.connect();
-    ASSERT_FALSE(CORBA::is_nil(service)) << log.text();
-  }
-
   svc::DiscoveryStatus get(char const* subject, char const* authority,
                            svc::AuthorityType type = svc::AT_TQUCLIENT)
   {

@@ -18,19 +18,8 @@ namespace Remote = Quillon::Tessarine::Ozf::DiscoverySvc::Remote;
 namespace
 {
 
-struct DiscoveryService_iWriterTest : testing::Test
+struct DiscoveryService_iWriterTest : ServiceTest
 {
-  Service host;
-  Remote::DiscoveryService_var service;
-  LogCapture log;
-
-  void SetUp() override
-  {
-    host.start();
-    service = host.connect();
-    ASSERT_FALSE(CORBA::is_nil(service)) << log.text();
-  }
-
   Remote::RemoteWriter_ptr open(std::string const& subject)
   {
     Remote::RemoteWriter_var writer;

@@ -5,47 +5,35 @@
 #include "discovery/DiscoveryRepository.h"
 #include "tests/support/FakeExplorers.h"
 #include "tests/support/LogCapture.h"
-#include "tests/support/TempDir.h"
+#include "tests/unit/discovery/RepositoryTesting.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <optional>
 
+using namespace tqtest;
 using namespace Quillon::Tessarine::Ozf;
 using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
 
 namespace
 {
 
-// This host is the master and its process the discovery service, without an
-// ORB: its own database answers.
 struct FilterDescriptionTest : testing::Test
 {
   TempDir root;
-  AutoDereference<DiscoveryFramework> framework;
+  std::optional<LocalMaster> master;
 
   void SetUp() override
   {
     setenv("TESSARINE_ROOT", root.path().c_str(), 1);
-    std::filesystem::create_directories(root / "etc");
-    writeText(root / "etc/tq.conf", "CLIENT_NAME = here\nSERVER = here\n");
-    getDiscoveryDBDatabase()->init("");
-    framework.reset(new DiscoveryFramework("", DST_GENERIC, nullptr, false));
-    getDiscoveryRepository().setDiscoveryFramework(framework.get());
+    master.emplace(root);
   }
-  void TearDown() override { getDiscoveryRepository().setDiscoveryFramework(nullptr); }
 
   static void store(std::string const& subject, std::string const& authority, AuthorityType type,
                     std::string const& payload)
   {
-    AutoDereference<Discovery> discovery;
-    getDiscoveryRepository().newDiscovery(
-        discovery, DQ_FILTER_DATA, Subject(subject), Authority(authority, type),
-        CollectionAttributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY, OzfObjTime::now(),
-                             OzfObjTime(3600), 1));
-    ASSERT_EQ(DS_SUCCESS, discovery->open(OM_UPDATE, ""));
-    ASSERT_NE(0, discovery->getCollectionData()->writeCollection(payload.size(), payload.data()));
-    ASSERT_EQ(DS_SUCCESS, discovery->persist());
+    LocalMaster::store(DQ_FILTER_DATA, subject, Authority(authority, type), payload);
   }
 
   static std::string description(std::string const& attributes)

@@ -2,6 +2,8 @@
 
 #pragma once
 
+#include "discovery/DiscDB.h"
+#include "discovery/DiscoveryFramework.h"
 #include "discovery/DiscoveryRepository.h"
 #include "tests/support/FakeExplorers.h"
 #include "tests/support/TempDir.h"
@@ -55,6 +57,40 @@ struct RepositoryTesting : testing::Test
       result.push_back(entry->getExplorer()->getExplorerName());
     return result;
   }
+};
+
+// This host is the master and its process the discovery service, without an
+// ORB: its own database answers.
+class LocalMaster
+{
+public:
+  explicit LocalMaster(TempDir const& root)
+  {
+    std::filesystem::create_directories(root / "etc");
+    writeText(root / "etc/tq.conf", "CLIENT_NAME = here\nSERVER = here\n");
+    getDiscoveryDBDatabase()->init("");
+    m_framework.reset(new DiscoveryFramework("", DST_GENERIC, nullptr, false));
+    getDiscoveryRepository().setDiscoveryFramework(m_framework.get());
+  }
+  ~LocalMaster() { getDiscoveryRepository().setDiscoveryFramework(nullptr); }
+  LocalMaster(LocalMaster const&) = delete;
+  LocalMaster& operator=(LocalMaster const&) = delete;
+
+  static void store(DiscoveryQuery query, std::string const& subject, Authority const& authority,
+                    std::string const& payload)
+  {
+    AutoDereference<Discovery> discovery;
+    getDiscoveryRepository().newDiscovery(
+        discovery, query, Subject(subject), authority,
+        CollectionAttributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY, OzfObjTime::now(),
+                             OzfObjTime(3600), 1));
+    ASSERT_EQ(DS_SUCCESS, discovery->open(OM_UPDATE, ""));
+    ASSERT_NE(0, discovery->getCollectionData()->writeCollection(payload.size(), payload.data()));
+    ASSERT_EQ(DS_SUCCESS, discovery->persist());
+  }
+
+private:
+  AutoDereference<DiscoveryFramework> m_framework;
 };
 
 } // namespace tqtest

@@ -1,17 +1,15 @@
 #include "discovery/Researcher.h"
 
-#include "discovery/DiscDB.h"
-#include "discovery/DiscoveryFramework.h"
-#include "discovery/DiscoveryRepository.h"
 #include "discovery/FilterParameters.h"
 #include "ozf/log/Assertion.h"
 #include "tests/support/FakeDiscoveries.h"
 #include "tests/support/FakeExplorers.h"
 #include "tests/support/LogCapture.h"
-#include "tests/support/TempDir.h"
+#include "tests/unit/discovery/RepositoryTesting.h"
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <sstream>
 #include <xercesc/util/PlatformUtils.hpp>
 
@@ -397,34 +395,20 @@ TEST_F(ResearcherTest, TheSourceMakesANewStreamOverTheSameCollectionEachTime)
 
 // ---- asking the repository ----
 
-// This host is the master and its process the discovery service, without an
-// ORB: its own database answers.
 struct LocalResearchTest : ResearcherTest
 {
-  AutoDereference<DiscoveryFramework> framework;
+  std::optional<LocalMaster> master;
 
   void SetUp() override
   {
     ResearcherTest::SetUp();
-    std::filesystem::create_directories(root / "etc");
-    writeText(root / "etc/tq.conf", "CLIENT_NAME = here\nSERVER = here\n");
-    getDiscoveryDBDatabase()->init("");
-    framework.reset(new DiscoveryFramework("", DST_GENERIC, nullptr, false));
-    getDiscoveryRepository().setDiscoveryFramework(framework.get());
+    master.emplace(root);
   }
-  void TearDown() override { getDiscoveryRepository().setDiscoveryFramework(nullptr); }
 
   static void store(std::string const& subject, std::string const& authority,
                     std::string const& payload)
   {
-    AutoDereference<Discovery> discovery;
-    getDiscoveryRepository().newDiscovery(
-        discovery, DQ_DISCOVERY_DATA, Subject(subject), Authority(authority, AT_TQUCLIENT),
-        CollectionAttributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY, OzfObjTime::now(),
-                             OzfObjTime(3600), 1));
-    ASSERT_EQ(DS_SUCCESS, discovery->open(OM_UPDATE, ""));
-    ASSERT_NE(0, discovery->getCollectionData()->writeCollection(payload.size(), payload.data()));
-    ASSERT_EQ(DS_SUCCESS, discovery->persist());
+    LocalMaster::store(DQ_DISCOVERY_DATA, subject, Authority(authority, AT_TQUCLIENT), payload);
   }
 
   static std::string found(std::string const& subject, std::string const& authority)
