@@ -50,6 +50,14 @@ RegistrationEntry entryOf(SymbolResolver const& resolver)
   return reinterpret_cast<RegistrationEntry>(resolver.definitions().front().address);
 }
 
+// Filter-data providers of other components may still look at theirs, so these
+// outlive the loader.
+std::list<std::unique_ptr<SymbolResolver>>& keptResolvers()
+{
+  static auto* const kept = new std::list<std::unique_ptr<SymbolResolver>>;
+  return *kept;
+}
+
 } // namespace
 
 bool ExplorerLoader::setTarget(Target (*target)())
@@ -67,10 +75,8 @@ ExplorerLoader::ExplorerLoader(EngineContext const* context) : m_context(context
 
 ExplorerLoader::~ExplorerLoader()
 {
-  // Filter-data providers of other components may still look at theirs, so
-  // these outlive the loader.
-  static auto* const kept = new Resolvers;
-  kept->splice(kept->end(), m_filterDataInterfaces);
+  auto& kept = keptResolvers();
+  kept.splice(kept.end(), m_filterDataInterfaces);
 }
 
 void ExplorerLoader::loadExplorers()

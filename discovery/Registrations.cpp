@@ -110,7 +110,7 @@ Registrations::makeRoom(AutoDereference<ExplorerWrapper> const& newcomer, Wins w
     // Such a one competes with every entry of its subject. When one of a set
     // is too strong, those of that set found before it stay as well.
     std::vector<AutoDereference<ExplorerWrapper>> beaten;
-    while (auto const present = set->find(newcomer))
+    while (auto present = set->find(newcomer))
     {
       if (!wins(newcomer->getPriority(), present->getPriority()))
       {

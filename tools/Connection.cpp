@@ -153,7 +153,7 @@ std::chrono::milliseconds TimeLimit::left() const
 
 bool TimeLimit::nearlyOver() const { return left() < m_margin; }
 
-void TimeLimit::run(ConnectionOptions options, std::string const& place, Orb& orb)
+void TimeLimit::run(ConnectionOptions const& options, std::string const& place, Orb& orb)
 {
   constexpr std::chrono::milliseconds STEP(100);
   // A call that has all of the time ends a little after it, and what comes of

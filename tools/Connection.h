@@ -59,7 +59,8 @@ public:
 private:
   using Steady = std::chrono::steady_clock;
 
-  void run(ConnectionOptions options, std::string const& place, Quillon::Tessarine::Ozf::Orb& orb);
+  void run(ConnectionOptions const& options, std::string const& place,
+           Quillon::Tessarine::Ozf::Orb& orb);
 
   mutable std::mutex m_mutex;
   std::condition_variable m_changed;

@@ -29,7 +29,7 @@ std::vector<std::string> allFacts(std::vector<ItemRow> const& rows)
   for (ItemRow const& row : rows)
     for (auto const& [name, value] : row.item->facts)
       if (std::none_of(names.begin(), names.end(),
-                       [&name](std::string const& known)
+                       [&name = name](std::string const& known)
                        { return equalIgnoringCase(known, name); }))
         names.push_back(name);
   std::erase_if(names,

@@ -88,8 +88,9 @@ std::vector<std::string> makeEndPoints(std::vector<std::string> const& addresses
   if (addresses.empty())
     return {start + end};
   std::vector<std::string> endPoints;
+  endPoints.reserve(addresses.size());
   for (auto const& address : addresses)
-    endPoints.push_back(start + bracketed(address) + end);
+    endPoints.push_back(std::string(start).append(bracketed(address)).append(end));
   return endPoints;
 }
 

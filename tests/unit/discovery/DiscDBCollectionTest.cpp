@@ -38,6 +38,10 @@ protected:
   bool write(std::string const& text) { return m_data->writeCollection(text.size(), text.data()); }
   bool persist() { return m_data->persist(OzfPathname(m_target)); }
   short cleanupLock() const { return lockSeenByOthers(m_dir / "Update.lock"); }
+  static long openFiles()
+  {
+    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+  }
 };
 
 } // namespace
@@ -69,8 +73,22 @@ TEST_F(Payload, OpenedForReadingAgainStartsAnew)
   char buffer[8];
   EXPECT_NE(0, data.open(OM_READ, ""));
   EXPECT_EQ(2, data.readCollection(8, buffer));
+  auto const before = openFiles();
   EXPECT_NE(0, data.open(OM_READ, ""));
+  EXPECT_EQ(before, openFiles());
   EXPECT_EQ(2, data.readCollection(8, buffer));
+}
+
+TEST_F(Payload, OpenedForWritingAgainThrowsAwayWhatWasWritten)
+{
+  ASSERT_NE(0, m_data->open(OM_UPDATE, ""));
+  ASSERT_TRUE(write("old"));
+  ASSERT_NE(0, m_data->open(OM_UPDATE, ""));
+  EXPECT_EQ("", readText(m_temporary));
+  EXPECT_FALSE(fs::exists(m_dir / "1.updating"));
+  ASSERT_TRUE(write("new"));
+  ASSERT_TRUE(persist());
+  EXPECT_EQ("new", readText(m_target));
 }
 
 TEST_F(Payload, AMissingFileIsLoggedWithItsErrorNumber)
@@ -453,8 +471,6 @@ TEST_F(Payload, AnOpenThatOpenedNothingFailsAnAssertion)
 TEST_F(Payload, DestructionInAModeThatIsNoneIsLoggedAndClosesTheFile)
 {
   writeText(m_target, "x");
-  auto const openFiles = []
-  { return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()); };
   auto const before = openFiles();
   LogCapture log;
   {

@@ -574,6 +574,7 @@ TEST(DBDiscoveryIterator, ALongNameIsFoundByItsPattern)
   EXPECT_EQ(Subjects{}, found("other*", "web.*.example"));
   EXPECT_EQ(Subjects{foreign}, found("auth", "a*\xE5\xA4\x87"));
   EXPECT_EQ(Subjects{foreign}, found("auth", foreign.substr(0, 40) + "*\xE5\xA4\x87"));
+  EXPECT_EQ(Subjects{}, found("auth", "a\xE5\xA4\x88*")) << "what a key escapes counts";
   EXPECT_EQ(Subjects{"short"}, found(foreign.substr(0, 31) + "*", "s*"));
 
   IteratorPtr const iterator = iterate();

@@ -221,4 +221,18 @@ TEST_F(RegistrationsTest, ASnapshotDoesNotChange)
   EXPECT_EQ((Names{"one", "two"}), names(repository.getPushExplorers()));
 }
 
+TEST_F(RegistrationsTest, ASetTakesAnIdentityOnce)
+{
+  auto const entry = [](char const* name, unsigned priority)
+  {
+    AutoDereference<FakePush> const explorer(new FakePush(name));
+    return AutoDereference<ExplorerWrapper>(new ExplorerWrapper(
+        explorer.get(), priority, new Subject("s"), new Authority("a", AT_TQUCLIENT)));
+  };
+  RegistrationSet set;
+  EXPECT_TRUE(set.insert(entry("first", 1)));
+  EXPECT_FALSE(set.insert(entry("second", 2)));
+  EXPECT_EQ(Names{"first"}, names(set.snapshot()));
+}
+
 } // namespace
