@@ -159,11 +159,10 @@ void DiscoveryRepository::ExplorerPushTimer::fire(OzfObjTime const& fired)
   noteFiring();
   if (!enterOrb(m_repository, OPERATION, "Cannot get instance of ORB"))
     return;
-  if (getRefreshRequests().takeCalls())
-    if (AutoDereference<DiscoveryIterator> const requests(
-            m_repository.queryDiscoveries(DQ_DISCOVERY_DATA, "*", REFRESH_PATTERN, AT_EXTSRC));
-        requests)
-      getRefreshRequests().apply(*requests, *m_explorers);
+  getRefreshRequests().obey(
+      [this]
+      { return m_repository.queryDiscoveries(DQ_DISCOVERY_DATA, "*", REFRESH_PATTERN, AT_EXTSRC); },
+      *m_explorers);
 
   for (auto const& entry : *m_explorers)
   {

@@ -20,6 +20,13 @@ constexpr char OPERATION[] = "RefreshRequests::apply";
 // The requests of a fleet live for minutes; more than this is no fleet's.
 constexpr int MOST_READ = 10000;
 
+// Names match in any letter case, so a request is the same one in any.
+std::string lowerCase(std::string name)
+{
+  std::transform(name.begin(), name.end(), name.begin(), asciiLower);
+  return name;
+}
+
 bool isAskedFor(std::string const& request, std::string const& authority)
 {
   return request == REFRESH_AUTHORITY ||
@@ -31,33 +38,40 @@ bool isAskedFor(std::string const& request, std::string const& authority)
 bool RefreshRequests::isNew(std::string const& authority, std::string const& subject,
                             OzfObjTime const& made)
 {
-  auto const [known, added] = m_obeyed.try_emplace({authority, subject}, made);
+  auto const [known, added] =
+      m_obeyed.try_emplace({lowerCase(authority), lowerCase(subject)}, made);
   if (added || known->second == made)
     return added;
   known->second = made;
   return true;
 }
 
-bool RefreshRequests::takeCalls() noexcept
+void RefreshRequests::obey(Query const& query, ExplorerSet const& explorers)
 {
   std::uint64_t const calls = m_calls;
-  bool const any = calls != m_seen;
-  m_seen = calls;
-  return any;
+  if (calls == m_seen)
+    return;
+  AutoDereference<DiscoveryIterator> const requests(query());
+  if (requests)
+    apply(*requests, explorers);
+  // Otherwise a request may be among those that were not to be had.
+  if (requests && !requests->isIncomplete())
+    m_seen = calls;
 }
 
 void RefreshRequests::apply(DiscoveryIterator& requests, ExplorerSet const& explorers)
 {
   OzfHostname local;
   local.setLocal();
-  for (int read = 0; read < MOST_READ; ++read)
+  for (int read = 0; read < MOST_READ;)
   {
     AutoDereference<Discovery> const request(requests.getNext());
     if (!request)
       return;
-    // A collection on demand has no attributes.
+    // A collection on demand has no attributes; these come first, in any number.
     if (request->getAttributes() == nullptr || request->getAuthority()->getType() != AT_EXTSRC)
       continue;
+    ++read;
     std::string const subject = request->getSubject()->getName().str();
     std::string const authority = request->getAuthority()->getName().str();
     if (subject != REFRESH_ALL_HOSTS && !equalIgnoringCase(subject, local.exportNarrow()))

@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <utility>
@@ -29,15 +30,17 @@ public:
   // The push timer was asked for. Any thread.
   void noteCall() noexcept { ++m_calls; }
 
-  // Whether it was since the last time that this was asked: then the requests are to
-  // be looked for. On the push timer's thread, as apply.
-  bool takeCalls() noexcept;
+  // Gives the discoveries of REFRESH_PATTERN, the caller's; null when they are not
+  // to be had.
+  using Query = std::function<DiscoveryIterator*()>;
 
-  // Makes the explorers due that the discoveries ask for; those of other names and
-  // types are passed over.
-  void apply(DiscoveryIterator& requests, ExplorerSet const& explorers);
+  // If the push timer was asked for since, looks for requests and makes the explorers
+  // due that they ask for; discoveries of other names and types are passed over. Not
+  // all were to be had: looks again next time. On the push timer's thread.
+  void obey(Query const& query, ExplorerSet const& explorers);
 
 private:
+  void apply(DiscoveryIterator& requests, ExplorerSet const& explorers);
   bool isNew(std::string const& authority, std::string const& subject, OzfObjTime const& made);
 
   std::atomic<std::uint64_t> m_calls{0};

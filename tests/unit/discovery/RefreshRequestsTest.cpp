@@ -3,6 +3,7 @@
 #include "discovery/RefreshRequests.h"
 
 #include "discovery/DiscoveryRepository.h"
+#include "tests/support/FakeDiscoveries.h"
 #include "tests/support/FakeExplorers.h"
 #include "tests/support/Service.h"
 
@@ -14,6 +15,27 @@ namespace
 {
 
 using Quillon::Tessarine::Ozf::OzfObjTime;
+
+struct RequestsFound : FakeIterator
+{
+  RequestsFound() : DiscoveryIterator(AT_ANYANDALL, "*", "*") {}
+
+  void breakOff() { setIncomplete(); }
+};
+
+Discovery* onDemand(char const* subject, char const* authority)
+{
+  return new FakeDiscovery(new Authority(authority, AT_EXTSRC), new Subject(subject),
+                           new TextCollection(""));
+}
+
+Discovery* request(char const* subject, char const* authority)
+{
+  Discovery* const made = onDemand(subject, authority);
+  made->setAttributes(new CollectionAttributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY,
+                                               OzfObjTime(5000), OzfObjTime(600), 1));
+  return made;
+}
 
 struct RefreshRequestsTest : testing::Test
 {
@@ -45,11 +67,17 @@ struct RefreshRequestsTest : testing::Test
   std::string due()
   {
     requests.noteCall();
-    EXPECT_TRUE(requests.takeCalls());
-    AutoDereference<DiscoveryIterator> const found(getDiscoveryRepository().queryDiscoveries(
-        DQ_DISCOVERY_DATA, "*", REFRESH_PATTERN, AT_EXTSRC));
-    if (found)
-      requests.apply(*found, entries);
+    return obeyed(
+        []
+        {
+          return getDiscoveryRepository().queryDiscoveries(DQ_DISCOVERY_DATA, "*", REFRESH_PATTERN,
+                                                           AT_EXTSRC);
+        });
+  }
+
+  std::string obeyed(RefreshRequests::Query const& query)
+  {
+    requests.obey(query, entries);
     std::string names;
     for (auto const& [name, explorer] : explorers)
       names += explorer->getLastExplorationTime().isZero() ? name + ' ' : "";
@@ -105,11 +133,70 @@ TEST_F(RefreshRequestsTest, whatIsAboutOthersOrOfAnotherKindIsNoRequest)
   EXPECT_EQ("", due());
 }
 
+TEST_F(RefreshRequestsTest, theSameRequestInAnotherLetterCaseIsNoNewOne)
+{
+  auto const one = [](char const* subject, char const* authority)
+  {
+    return [=]
+    {
+      auto* const found = new RequestsFound;
+      found->add(request(subject, authority));
+      return found;
+    };
+  };
+  requests.noteCall();
+  EXPECT_EQ("fans ", obeyed(one("here", "refresh.fans")));
+  requests.noteCall();
+  EXPECT_EQ("", obeyed(one("HERE", "refresh.FANS")));
+}
+
+TEST_F(RefreshRequestsTest, aRequestBehindManyCollectionsOnDemandIsObeyed)
+{
+  requests.noteCall();
+  EXPECT_EQ("disks fans ", obeyed(
+                               []
+                               {
+                                 auto* const found = new RequestsFound;
+                                 for (int i = 0; i < 10001; ++i)
+                                   found->add(onDemand("here", "refresh"));
+                                 found->add(request("here", "refresh"));
+                                 return found;
+                               }));
+}
+
 TEST_F(RefreshRequestsTest, requestsAreLookedForOnceForCallsOfThePushTimer)
 {
-  EXPECT_FALSE(requests.takeCalls());
+  int looks = 0;
+  auto const look = [&looks]
+  {
+    ++looks;
+    return new RequestsFound;
+  };
+  EXPECT_EQ("", obeyed(look));
+  EXPECT_EQ(0, looks);
   requests.noteCall();
   requests.noteCall();
-  EXPECT_TRUE(requests.takeCalls());
-  EXPECT_FALSE(requests.takeCalls());
+  EXPECT_EQ("", obeyed(look));
+  EXPECT_EQ("", obeyed(look));
+  EXPECT_EQ(1, looks);
+}
+
+TEST_F(RefreshRequestsTest, theyAreLookedForAgainWhenNotAllWereToBeHad)
+{
+  requests.noteCall();
+  EXPECT_EQ("", obeyed([] { return nullptr; }));
+  EXPECT_EQ("", obeyed(
+                    []
+                    {
+                      auto* const found = new RequestsFound;
+                      found->breakOff();
+                      return found;
+                    }));
+  auto const whole = []
+  {
+    auto* const found = new RequestsFound;
+    found->add(request("here", "refresh.fans"));
+    return found;
+  };
+  EXPECT_EQ("fans ", obeyed(whole));
 }
