@@ -22,6 +22,46 @@ LoopCounter& connectionsInProgress()
   return counter;
 }
 
+Remote::DiscoveryService_ptr connectToObject(OzfHostname const& host, Orb* orb,
+                                             char const* serviceName, char const* objectName)
+{
+  constexpr char const* OPERATION = "connectToRemoteDS";
+  LoopGuard const inProgress(connectionsInProgress());
+  OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION, "Host: " << host.exportNarrow());
+  OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION, "Service: " << serviceName);
+  if (inProgress.exceeded())
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Hostname detected as remote and/or master, but appears to be connecting back to "
+            "self, RemoteHost: "
+                << host.exportNarrow());
+    return Remote::DiscoveryService::_nil();
+  }
+
+  try
+  {
+    CORBA::Object_var const object =
+        orb->resolveObject(host, serviceName, objectName, ACE_Time_Value::zero);
+    if (CORBA::is_nil(object))
+    {
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+              "Failed to connect to remote discovery service");
+      return Remote::DiscoveryService::_nil();
+    }
+    Remote::DiscoveryService_var service = Remote::DiscoveryService::_narrow(object);
+    if (CORBA::is_nil(service))
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+              "Failed to connect to remote discovery service ( narrow failed )");
+    return service._retn();
+  }
+  catch (CORBA::Exception const& exception)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to connect to remote discovery service.");
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, corbaExceptionText(exception));
+    return Remote::DiscoveryService::_nil();
+  }
+}
+
 } // namespace
 
 Peers& getPeers()
@@ -80,59 +120,13 @@ Remote::DiscoveryService_ptr Peers::connect(OzfHostname const& host, char const*
 Remote::DiscoveryService_ptr Peers::connectToOwn(OzfHostname const& host,
                                                  char const* serviceName) const
 {
-  try
-  {
-    CORBA::Object_var const object =
-        getOrb()->resolveObject(host, serviceName, OWN_COLLECTIONS, ACE_Time_Value::zero);
-    return Remote::DiscoveryService::_narrow(object);
-  }
-  catch (CORBA::Exception const& exception)
-  {
-    OZF_LOG(getOzfLogger(), 1, "Peers", "Peers::connectToOwn",
-            "Cannot ask " << host.exportNarrow()
-                          << " for its own collections: " << corbaExceptionText(exception));
-    return Remote::DiscoveryService::_nil();
-  }
+  return connectToObject(host, getOrb(), serviceName, OWN_COLLECTIONS);
 }
 
 Remote::DiscoveryService_ptr connectToRemoteDS(OzfHostname const& host, Orb* orb,
                                                char const* serviceName)
 {
-  constexpr char const* OPERATION = "connectToRemoteDS";
-  LoopGuard const inProgress(connectionsInProgress());
-  OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION, "Host: " << host.exportNarrow());
-  OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION, "Service: " << serviceName);
-  if (inProgress.exceeded())
-  {
-    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
-            "Hostname detected as remote and/or master, but appears to be connecting back to "
-            "self, RemoteHost: "
-                << host.exportNarrow());
-    return Remote::DiscoveryService::_nil();
-  }
-
-  try
-  {
-    CORBA::Object_var const object =
-        orb->resolveObject(host, serviceName, DISCOVERY_SERVICE, ACE_Time_Value::zero);
-    if (CORBA::is_nil(object))
-    {
-      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
-              "Failed to connect to remote discovery service");
-      return Remote::DiscoveryService::_nil();
-    }
-    Remote::DiscoveryService_var service = Remote::DiscoveryService::_narrow(object);
-    if (CORBA::is_nil(service))
-      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
-              "Failed to connect to remote discovery service ( narrow failed )");
-    return service._retn();
-  }
-  catch (CORBA::Exception const& exception)
-  {
-    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to connect to remote discovery service.");
-    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, corbaExceptionText(exception));
-    return Remote::DiscoveryService::_nil();
-  }
+  return connectToObject(host, orb, serviceName, DISCOVERY_SERVICE);
 }
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -56,8 +56,7 @@ public:
   void getMasterServerName(OzfHostname& master) const;
 
   // A reference to the discovery service of the host, the caller's; nil with a
-  // log line when it cannot be had. Blocks for the request time-out at worst.
-  // Asserts as getOrb.
+  // log line when it cannot be had. Blocks as connectToRemoteDS. Asserts as getOrb.
   Remote::DiscoveryService_ptr connect(OzfHostname const& host, char const* serviceName) const;
 
   // The same of the object under OWN_COLLECTIONS, which older services have not.
