@@ -130,7 +130,16 @@ private:
 CORBA::Boolean RemoteWriter_i::put(CollectionDataSeq const& data)
 {
   m_owner.require("RemoteWriter_i::put");
-  bool const written = append(data);
+  bool written = false;
+  try
+  {
+    written = append(data);
+  }
+  catch (...)
+  {
+    getOpenWriters().noteFailed(*this);
+    throw;
+  }
   // The writer is not locked any more: others may have to give way to it.
   if (written)
     getOpenWriters().notePut(*this);
@@ -150,6 +159,17 @@ bool RemoteWriter_i::append(CollectionDataSeq const& data)
   if (m_incomplete)
     return false;
   m_incomplete = true;
+  // Callers of whom a put failed need not close. Their temporary file must not
+  // wait for that: it has one of the few numbers, and room on a full disk.
+  struct Abandon
+  {
+    RemoteWriter_i& writer;
+    ~Abandon()
+    {
+      if (writer.m_incomplete)
+        writer.m_discovery.reset();
+    }
+  } const abandon{*this};
   if (!m_refused && data.length() > m_mostBytes - m_bytes)
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
             "Refused a payload of more than " << m_mostBytes << " bytes, " << names());
@@ -158,13 +178,8 @@ bool RemoteWriter_i::append(CollectionDataSeq const& data)
   {
     m_bytes += data.length();
     m_incomplete = m_refused;
-    if (!m_incomplete)
-      return true;
   }
-  // Callers of whom a put failed need not close. Their temporary file must not
-  // wait for that: it has one of the few numbers, and room on a full disk.
-  m_discovery.reset();
-  return false;
+  return !m_incomplete;
 }
 
 DiscoveryResult RemoteWriter_i::close()
@@ -177,12 +192,13 @@ DiscoveryResult RemoteWriter_i::close()
     return result;
   requireNotClosed();
   OZF_ASSERT(m_discovery || m_incomplete, "NULL != m_discovery", SOURCE, OPERATION);
-  getOpenWriters().remove(*this);
   if (m_incomplete || m_refused)
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
             "Abandoned a discovery of which a part could not be written, " << names());
   else
     result.discStatus = m_discovery->persist();
+  // Not before: if an exception ends that, the writer goes when it has been idle.
+  getOpenWriters().remove(*this);
   getDiscoveryRepository().getOrb()->destroyObjectRef(m_reference);
   m_reference = CORBA::Object::_nil();
   m_discovery.reset();
