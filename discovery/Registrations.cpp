@@ -104,7 +104,7 @@ Registrations::makeRoom(AutoDereference<ExplorerWrapper> const& newcomer, Wins w
 {
   // The pull explorers first, then the push explorers: one that beats the
   // first and is then refused by the second has driven the first out all the
-  // same. Only a newcomer of type AT_REMOTEPULL can meet entries in both.
+  // same.
   for (RegistrationSet* const set : {&m_pull, &m_push})
   {
     // Such a one competes with every entry of its subject. When one of a set
