@@ -51,22 +51,24 @@ bool LogCounts::isExcepted(std::string_view text, Time now)
   return true;
 }
 
-bool LogCounts::isRepeated(int level, std::string const& operation, std::string const& text,
-                           Time now)
+bool LogCounts::isRepeated(std::string const& operation, std::string const& text)
 {
   if (text.size() > LONGEST_KEPT)
     return false;
-  Line line{operation, text};
-  if (auto const known = m_repeats.find(line); known != m_repeats.end())
-  {
-    ++known->second.count.lines;
-    return true;
-  }
-  if (m_repeats.size() >= MOST_KEPT)
+  auto const known = m_repeats.find({operation, text});
+  if (known == m_repeats.end())
     return false;
-  m_repeats.emplace(std::move(line), Repeats{level, {0, now}});
+  ++known->second.count.lines;
+  return true;
+}
+
+void LogCounts::noteWritten(int level, std::string const& operation, std::string const& text,
+                            Time now)
+{
+  if (text.size() > LONGEST_KEPT || m_repeats.size() >= MOST_KEPT)
+    return;
+  m_repeats.try_emplace({operation, text}, Repeats{level, {0, now}});
   m_nextReport = std::min(m_nextReport, now + REPEAT_PERIOD);
-  return false;
 }
 
 void LogCounts::reportExcepted(Time now, bool all, Put const& put)

@@ -45,8 +45,11 @@ public:
   bool isExcepted(std::string_view text, Time now);
 
   // Whether the same line was written, or told to be repeated, less than a minute
-  // ago.
-  bool isRepeated(int level, std::string const& operation, std::string const& text, Time now);
+  // ago; then it is counted.
+  bool isRepeated(std::string const& operation, std::string const& text);
+
+  // The line is written.
+  void noteWritten(int level, std::string const& operation, std::string const& text, Time now);
 
   // Tells of the counts whose period is over, or of all.
   void report(Time now, bool all, Put const& put);

@@ -114,17 +114,21 @@ struct State
       return false;
     if (level > 1)
       return true;
-    if (counts.isRepeated(level, operation != nullptr ? operation : "", text, time))
+    std::string const where = operation != nullptr ? operation : "";
+    if (counts.isRepeated(where, text))
       return false;
     if (site.admits(time, text.size()))
+    {
+      counts.noteWritten(level, where, text, time);
       return true;
+    }
     auto const [found, isNew] = leftOut.try_emplace(&site);
     LeftOut& lines = found->second;
     if (isNew)
     {
       auto const place = text.rfind(" (");
-      lines = {level, operation != nullptr ? operation : "",
-               place == std::string::npos ? "" : onOneLine(text.substr(place)), 0, time};
+      lines = {level, where, place == std::string::npos ? "" : onOneLine(text.substr(place)), 0,
+               time};
     }
     ++lines.lines;
     return false;

@@ -113,17 +113,44 @@ TEST_F(LogCountsFile, linesThatDifferDoNotFillTheMemory)
   LogCounts counts;
   LogCounts::Time const time{};
   for (std::size_t i = 0; i < 2 * LogCounts::MOST_KEPT; ++i)
-    EXPECT_FALSE(counts.isRepeated(1, "o", std::to_string(i), time));
-  EXPECT_TRUE(counts.isRepeated(1, "o", "0", time));
-  EXPECT_FALSE(counts.isRepeated(1, "o", std::to_string(LogCounts::MOST_KEPT), time));
+  {
+    EXPECT_FALSE(counts.isRepeated("o", std::to_string(i)));
+    counts.noteWritten(1, "o", std::to_string(i), time);
+  }
+  EXPECT_TRUE(counts.isRepeated("o", "0"));
+  EXPECT_FALSE(counts.isRepeated("o", std::to_string(LogCounts::MOST_KEPT)));
   std::string const longest(LogCounts::LONGEST_KEPT + 1, 'x');
   LogCounts empty;
-  EXPECT_FALSE(empty.isRepeated(1, "o", longest, time));
-  EXPECT_FALSE(empty.isRepeated(1, "o", longest, time));
+  empty.noteWritten(1, "o", longest, time);
+  EXPECT_FALSE(empty.isRepeated("o", longest));
   // What was kept goes when it does not come again.
   counts.report(time + LogCounts::REPEAT_PERIOD, false, [](int, auto const&, auto const&) {});
-  EXPECT_FALSE(counts.isRepeated(1, "o", "new", time + LogCounts::REPEAT_PERIOD));
-  EXPECT_TRUE(counts.isRepeated(1, "o", "new", time + LogCounts::REPEAT_PERIOD));
+  EXPECT_FALSE(counts.isRepeated("o", "new"));
+  counts.noteWritten(1, "o", "new", time + LogCounts::REPEAT_PERIOD);
+  EXPECT_TRUE(counts.isRepeated("o", "new"));
+}
+
+// What a flood kept out was never written, so nobody is told that it came again.
+TEST_F(LogCountsFile, aLineThatAFloodKeptOutIsNoRepeat)
+{
+  std::string const tail(950, '.');
+  auto const flood = [&tail](std::string const& name, int lines)
+  {
+    for (int i = 0; i < lines; ++i)
+      fail(name + std::to_string(i) + tail);
+  };
+  flood("first", 20000);
+  now = 61; // the site lets some hundreds in again, and nothing is remembered
+  LoggerFactory::reportLeftOut();
+  flood("then", 950);
+  for (int i = 0; i < 5; ++i)
+    fail("then949" + tail);
+  now = 122;
+  LoggerFactory::reportLeftOut();
+  auto const all = lines();
+  EXPECT_THAT(all, testing::Contains(HasSubstr("Room::fail: then10.")));
+  EXPECT_THAT(all, testing::Not(testing::Contains(HasSubstr("Room::fail: then949."))));
+  EXPECT_THAT(all, testing::Not(testing::Contains(HasSubstr("Repeated"))));
 }
 
 TEST_F(LogCountsFile, whatIsExceptedIsCountedByTheHour)
