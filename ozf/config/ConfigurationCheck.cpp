@@ -27,6 +27,12 @@ bool isHostName(std::string const& text)
 
 bool isAddress(std::string const& text) { return IpAddress::fromText(text).has_value(); }
 
+// Where to listen: nobody else could use an address that holds on one link only.
+bool isOwnAddress(std::string const& text)
+{
+  return isAddress(text) && text.find('%') == std::string::npos;
+}
+
 bool isPattern(std::string const& text) { return isLogPattern(text); }
 
 bool isSpan(std::string const& text) { return parseSeconds(text).has_value(); }
@@ -90,7 +96,7 @@ constexpr KeyRule RULES[] = {
     {EXPLORER_INTERVAL, Occurs::Once, isSpan, "spans of time as 90s, 15m, 1h and 2d"},
     {EXPLORER_EXPIRY, Occurs::Once, isSpan, "spans of time as 90s, 15m, 1h and 2d"},
     {ORB_PORT_KEY},
-    {"ORB_BIND", Occurs::AsList, isAddress, "one IPv4 or IPv6 address a line"},
+    {"ORB_BIND", Occurs::AsList, isOwnAddress, "one IPv4 or IPv6 address a line"},
     {HOST_ADDRESS_KEY, Occurs::Once, isAddress, "an IPv4 or IPv6 address"},
     {COLLECTION_PAGE_SIZE_KEY},
     {READ_LIMIT_KEY},
