@@ -340,8 +340,7 @@ TEST_F(TqdiscoCommandTest, tellsTheServiceManagerHowItIs)
   EXPECT_EQ(process->exitCode(), 0);
 }
 
-// Without descriptors it is alive and cannot be reached: the ORB gives the port
-// up.
+// Without descriptors it is alive and cannot be reached.
 // The sanitizers look at memory through a pipe, and end a process that gets none.
 #ifdef TQ_PLAIN_BUILD
 TEST_F(TqdiscoCommandTest, tellsTheWatchdogNothingWhileItsPortDoesNotAnswer)

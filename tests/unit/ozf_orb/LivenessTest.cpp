@@ -80,3 +80,35 @@ TEST(LivenessTest, aCrowdFromTheOwnAddressDoesNotMakeTheServiceLookDead)
       << log.text();
   EXPECT_TRUE(isServiceAnswering("ProbeService", 20s)) << log.text();
 }
+
+TEST(LivenessTest, aPortThatAnswersNothingOrSomethingElseIsNoService)
+{
+  using namespace std::chrono_literals;
+  unsigned short const port = freePort();
+  ProductRoot const root{serviceAt(port)};
+  UniqueFd const listening(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  int const on = 1;
+  setsockopt(listening.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  sockaddr_in const name = loopback(port);
+  ASSERT_EQ(0, bind(listening.get(), reinterpret_cast<sockaddr const*>(&name), sizeof name));
+  ASSERT_EQ(0, listen(listening.get(), 8));
+  EXPECT_FALSE(isServiceAnswering("ProbeService", 200ms)) << "it was connected to";
+
+  // A message that closes the connection, as an ORB may send it, and whole nonsense.
+  for (std::string const& reply : {std::string("GIOP\1\0\0\5\0\0\0\0", 12), std::string(12, 'x')})
+  {
+    std::thread peer(
+        [&]
+        {
+          UniqueFd const waiting(accept(listening.get(), nullptr, nullptr)); // from before
+          UniqueFd const asking(accept(listening.get(), nullptr, nullptr));
+          send(asking.get(), reply.data(), reply.size(), MSG_NOSIGNAL);
+          char end = 0;
+          while (recv(asking.get(), &end, 1, 0) > 0)
+            ;
+        });
+    EXPECT_FALSE(isServiceAnswering("ProbeService", 20s)) << reply;
+    peer.join();
+    ASSERT_FALSE(isServiceAnswering("ProbeService", 0ms)); // for the next to pass over
+  }
+}
