@@ -29,6 +29,7 @@ int tryToWrite(std::string const& directory)
     return errno;
   // The file system has none without a name.
   std::string const path = directory + "/start-check." + std::to_string(getpid());
+  unlink(path.c_str()); // a start that was cut off left it
   UniqueFd const named(open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600));
   if (!named.valid())
     return errno;
