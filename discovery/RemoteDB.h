@@ -115,9 +115,10 @@ public:
   // From what open fetched; -1 when that cannot be read any more.
   long readCollection(unsigned long len, void* buf) const override;
 
-  // Sends the bytes, at most 1,024 a call; 0 when one failed, or when the calls
-  // since open have taken too long (DrainLimit). The time between two writes is
-  // the writer's own.
+  // Sends the bytes, at most COLLECTION_WRITE_SIZE a call, 1,024 when that is absent;
+  // 0 when one failed, or when the calls since open have taken too long
+  // (DrainLimit, by which 1,024 bytes count as a call). The time between two writes
+  // is the writer's own.
   long writeCollection(unsigned long len, void const* buf) const override;
 
 private:
@@ -140,7 +141,7 @@ private:
   CollectionAttributes const* m_attributes = nullptr;
   Remote::RemoteWriter_var m_writer; // from openWrite to persist
   mutable DrainLimit m_putLimit;     // of m_writer; runs while calls are made
-  mutable std::size_t m_puts = 0;
+  mutable std::size_t m_puts = 0; // of 1,024 bytes
   bool m_recordSent = false; // m_writer was opened for the record as it is
   bool m_cached = false;
   PayloadCache m_cache;

@@ -21,7 +21,6 @@ namespace
 {
 
 constexpr char SOURCE[] = "RemoteDB";
-constexpr unsigned long CHUNK_SIZE = 1024;
 
 LoopCounter& openWriteCounter()
 {
@@ -63,6 +62,22 @@ void requestPageSize(Remote::CollectionDataIterator_ptr iterator)
   long pageSize = 0;
   if (getConfiguration()->getInteger(COLLECTION_PAGE_SIZE_KEY, pageSize) && pageSize > 0)
     iterator->pageSize(static_cast<CORBA::Long>(std::min(pageSize, MAX_PAGE_BYTES)));
+}
+
+// Bytes a put; a mistake in the configuration leaves the default.
+unsigned long writeSize()
+{
+  long size = COLLECTION_WRITE_SIZE_KEY.byDefault;
+  getConfiguration()->getInteger(COLLECTION_WRITE_SIZE_KEY, size);
+  return static_cast<unsigned long>(size);
+}
+
+// For how many puts of the default size one of that many bytes counts: a slow way
+// to the master is no slower for taking more at a time.
+std::size_t countOfPuts(unsigned long bytes)
+{
+  auto const each = static_cast<unsigned long>(COLLECTION_WRITE_SIZE_KEY.byDefault);
+  return (bytes + each - 1) / each;
 }
 
 } // namespace
@@ -299,6 +314,7 @@ long RemoteCollectionData::writeCollection(unsigned long len, void const* buf) c
     ~Running() { limit.pause(); }
     DrainLimit& limit;
   } const running(m_putLimit);
+  unsigned long const most = writeSize();
   try
   {
     for (unsigned long left = len; left != 0;)
@@ -310,8 +326,8 @@ long RemoteCollectionData::writeCollection(unsigned long len, void const* buf) c
         OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to write buffer");
         return 0;
       }
-      ++m_puts;
-      unsigned long const size = std::min(left, CHUNK_SIZE);
+      unsigned long const size = std::min(left, most);
+      m_puts += countOfPuts(size);
       Remote::CollectionDataSeq chunk;
       chunk.length(static_cast<CORBA::ULong>(size));
       std::memcpy(chunk.get_buffer(), bytes, size);

@@ -99,6 +99,7 @@ constexpr KeyRule RULES[] = {
     {"ORB_BIND", Occurs::AsList, isOwnAddress, "one IPv4 or IPv6 address a line"},
     {HOST_ADDRESS_KEY, Occurs::Once, isAddress, "an IPv4 or IPv6 address"},
     {COLLECTION_PAGE_SIZE_KEY},
+    {COLLECTION_WRITE_SIZE_KEY},
     {READ_LIMIT_KEY},
 };
 

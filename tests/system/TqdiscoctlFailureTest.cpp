@@ -116,6 +116,7 @@ TEST_F(TqdiscoctlKilledTest, whileAllCollectionsAreRead)
 
 TEST_F(TqdiscoctlFailureTest, aServiceKilledWhileAPayloadIsStored)
 {
+  m_service.configure("COLLECTION_WRITE_SIZE = 1024\n");
   ASSERT_TRUE(m_service.start()) << m_service.log();
   // As much as is taken at all, killed when a part of it has come.
   writeText(m_service / "payload", std::string(std::size_t(255) << 20, 'x'));

@@ -253,6 +253,35 @@ TEST_F(RemoteDBCollectionTest, WritesInChunks)
   EXPECT_EQ(remote->closes, 1);
 }
 
+TEST_F(RemoteDBCollectionTest, WritesInChunksOfTheConfiguredSize)
+{
+  configure("COLLECTION_WRITE_SIZE = 1048576\n");
+  auto* const remote = serveWriter();
+  std::string const bytes = makeBytes((1 << 20) + 5000);
+  auto const discovery = writer();
+  ASSERT_EQ(discovery->open(OM_UPDATE, ""), DS_SUCCESS) << m_log.text();
+  EXPECT_NE(discovery->getCollectionData()->writeCollection(bytes.size(), bytes.data()), 0)
+      << m_log.text();
+  ASSERT_EQ(remote->chunks.size(), 2U);
+  EXPECT_EQ(remote->chunks[0], bytes.substr(0, 1 << 20));
+  EXPECT_EQ(remote->chunks[1], bytes.substr(1 << 20));
+}
+
+TEST_F(RemoteDBCollectionTest, AChunkSizeBeyondItsBoundsLeavesTheDefault)
+{
+  for (std::string const size : {"0", "1048577", "many"})
+  {
+    configure("COLLECTION_WRITE_SIZE = " + size + "\n");
+    auto* const remote = serveWriter();
+    std::string const bytes = makeBytes(2000);
+    auto const discovery = writer();
+    ASSERT_EQ(discovery->open(OM_UPDATE, ""), DS_SUCCESS) << m_log.text();
+    EXPECT_NE(discovery->getCollectionData()->writeCollection(bytes.size(), bytes.data()), 0);
+    ASSERT_EQ(remote->chunks.size(), 2U) << size;
+    EXPECT_EQ(remote->chunks[0].size(), 1024U) << size;
+  }
+}
+
 TEST_F(RemoteDBCollectionTest, WritingNothingSendsNothing)
 {
   auto* const remote = serveWriter();

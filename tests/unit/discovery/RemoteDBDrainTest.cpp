@@ -220,6 +220,18 @@ TEST_F(RemoteDBSlowPeerTest, AMasterThatTakesThreeSecondsAPieceIsGivenUp)
   EXPECT_EQ(master->chunks.size(), 61U) << "it is not asked again";
 }
 
+TEST_F(RemoteDBSlowPeerTest, ALargePieceMayTakeAsLongAsTheSmallOnesThatItStandsFor)
+{
+  configure("COLLECTION_WRITE_SIZE = 65536\n");
+  auto* const master = serveWriter();
+  master->beforePut = [] { TestClock::advance(seconds(100)); };
+  auto const discovery = writer();
+  EXPECT_EQ(write(*discovery, 640 * 1024), 1) << m_log.text();
+  EXPECT_EQ(master->chunks.size(), 10U);
+  master->beforePut = [] { TestClock::advance(seconds(1000)); };
+  EXPECT_EQ(write(*discovery, 640 * 1024), 0);
+}
+
 TEST_F(RemoteDBSlowPeerTest, AllWritesOfOnePayloadCountTogether)
 {
   auto* const master = serveWriter();

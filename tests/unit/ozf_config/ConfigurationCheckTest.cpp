@@ -48,6 +48,7 @@ TEST_F(ConfigurationCheckTest, AcceptsEveryKeyOfTheProduct)
                     "HOST_ADDRESS.master.example.com = 127.0.0.1\n"
                     "HOST_ADDRESS.client1 = 127.0.0.2\n"
                     "COLLECTION_PAGE_SIZE = 2147483647\n"
+                    "COLLECTION_WRITE_SIZE = 1048576\n"
                     "LOG_EXCEPT = Successfully renamed *\n"
                     "LOG_EXCEPT = Unable to delete *.dat (*\n"
                     "EXPLORER.host = off\n"
@@ -98,7 +99,8 @@ TEST_F(ConfigurationCheckTest, SaysOfEachWrongValueWhatIsAccepted)
             "COLLECTION_PAGE_SIZE = 2147483648\n"
             "SERVER =\n"
             "CLIENT_NAME = a b\n"
-            "ORB_BIND = fe80::1%lo\n"),
+            "ORB_BIND = fe80::1%lo\n"
+            "COLLECTION_WRITE_SIZE = 1048577\n"),
       ElementsAre(HasSubstr(":1: \"REPORT_CLIENT_DISCOVERIES\" is \"maybe\"; accepted: true, yes"),
                   HasSubstr(":2: \"LOG_LEVEL\" is \"7\"; accepted: whole numbers from 0 to 6"),
                   HasSubstr(":3: \"LOG_FILE\" is \"tq.log\"; accepted: an absolute path"),
@@ -110,7 +112,9 @@ TEST_F(ConfigurationCheckTest, SaysOfEachWrongValueWhatIsAccepted)
                   HasSubstr(":9: \"COLLECTION_PAGE_SIZE\" is \"2147483648\""),
                   HasSubstr(":10: \"SERVER\" is \"\"; accepted: a host name"),
                   HasSubstr(":11: \"CLIENT_NAME\" is \"a b\"; accepted: a host name"),
-                  HasSubstr(":12: \"ORB_BIND\" is \"fe80::1%lo\"")));
+                  HasSubstr(":12: \"ORB_BIND\" is \"fe80::1%lo\""),
+                  HasSubstr(":13: \"COLLECTION_WRITE_SIZE\" is \"1048577\"; accepted: whole "
+                            "numbers from 1 to 1048576")));
 }
 
 TEST_F(ConfigurationCheckTest, ASingleValueGivenAgainIsAMistakeAndAListIsNone)
