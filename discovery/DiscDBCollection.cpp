@@ -1,6 +1,7 @@
 #include "discovery/DiscDBCollection.h"
 
 #include "discovery/DiscDBFiles.h"
+#include "discovery/DiscDBFlush.h"
 #include "discovery/DiscDBPending.h"
 #include "discovery/DiscoveryLog.h"
 #include "ozf/base/SystemError.h"
@@ -135,7 +136,10 @@ bool DBCollectionData::openTemporary()
   LockWait wait;
   for (std::uint16_t candidate = 0;; ++candidate)
   {
-    m_cleanupLock = std::make_unique<CleanupLock>(directory.c_str(), CleanupLock::SHARED, wait);
+    m_cleanupLock =
+        candidate > 0 && m_cleanupLock->isLocked()
+            ? std::make_unique<CleanupLock>(*m_cleanupLock)
+            : std::make_unique<CleanupLock>(directory.c_str(), CleanupLock::SHARED, wait);
     OzfPathname path =
         OzfPathname::makeFilename(directory, std::to_string(candidate) + ".updating");
     if (candidate > 0)
@@ -280,10 +284,12 @@ void DBCollectionData::forgetTarget() const
 // Where the file system cannot do it there is nothing to wait for.
 bool DBCollectionData::syncDirectory(char const* operation) const
 {
-  if (::fsync(m_directory.get()) == 0 || errno == EINVAL || errno == ENOTSUP)
+  std::string const directory = m_path.directory();
+  int const error = FlushGroup::of(directory).flush(m_directory.get());
+  if (error == 0 || error == EINVAL || error == ENOTSUP)
     return true;
   OZF_LOG(getOzfLogger(), 1, SOURCE, operation,
-          "Unable to flush " << m_path.directory() << ": " << errorText(errno));
+          "Unable to flush " << directory << ": " << errorText(error));
   return false;
 }
 

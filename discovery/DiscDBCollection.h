@@ -54,8 +54,9 @@ public:
   // nothing can be persisted until the next open for update.
   bool persist(OzfPathname const& target);
 
-  // Makes the new name durable, where the file system can do that. Only after a
-  // flush and a persist. False, with a log line, when a power cut may take it.
+  // Makes the new name durable, where the file system can do that, together with
+  // those of other writers (FlushGroup). Only after a flush and a persist. False, with a log line,
+  // when a power cut may take it.
   bool flushDirectory();
 
   // Throws an open temporary file away. Always true.

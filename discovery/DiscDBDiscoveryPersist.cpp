@@ -88,16 +88,25 @@ struct LockedFile
   bool made = false; // by us, just now
 };
 
-// Opens the file, or makes it when it is missing. -1 with errno, which is
-// EEXIST when another was faster.
-int openOrMake(OzfPathname const& path, bool& made)
+int make(OzfPathname const& path)
 {
+  return ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | DATABASE_FILE_FLAGS, 0644);
+}
+
+// Opens the file, or makes it when it is missing; tries that first where it is
+// likely to be. -1 with errno, which is EEXIST when another was faster.
+int openOrMake(OzfPathname const& path, bool likelyMissing, bool& made)
+{
+  made = true;
+  if (likelyMissing)
+    if (int const fd = make(path); fd >= 0 || errno != EEXIST)
+      return fd;
   made = false;
   int const fd = ::open(path.c_str(), O_RDWR | DATABASE_FILE_FLAGS);
   if (fd >= 0 || errno != ENOENT)
     return fd;
   made = true;
-  return ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | DATABASE_FILE_FLAGS, 0644);
+  return make(path);
 }
 
 // An empty file that we made would only be in every reader's way. Asked without
@@ -111,13 +120,13 @@ void deleteIfEmpty(int fd, OzfPathname const& path)
 
 // Takes a write lock on what path then names. When it cannot be had, log lines
 // say so. The guard must outlive the result, which closes the file.
-LockedFile lockForWriting(OzfPathname const& path, LockWait& wait,
+LockedFile lockForWriting(OzfPathname const& path, bool likelyMissing, LockWait& wait,
                           std::optional<MetadataGuard>& guard)
 {
   for (int round = 0; round < REPLACED_LIMIT; ++round)
   {
     bool made = false;
-    int const fd = openOrMake(path, made);
+    int const fd = openOrMake(path, likelyMissing && round == 0, made);
     if (fd < 0 && errno == EEXIST)
       continue;
     if (fd < 0)
@@ -412,7 +421,7 @@ DiscoveryStatus DBDiscovery::persistFiles(DBCollectionData& data, OzfPathname co
   }
 
   std::optional<MetadataGuard> guard(std::in_place, path.str());
-  LockedFile const locked = lockForWriting(path, wait, guard);
+  LockedFile const locked = lockForWriting(path, seen.empty(), wait, guard);
   if (!locked.file)
     return DS_OPEN_FAILED;
   int const fd = locked.file->get_handle();

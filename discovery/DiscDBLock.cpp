@@ -272,7 +272,7 @@ struct CleanupLock::Directory
   std::condition_variable exclusiveGone;
   long sharers = 0;
   bool exclusive = false;
-  std::unique_ptr<ACE_File_Lock> file; // open while anyone holds the lock
+  HeldFile file; // open while anyone holds the lock
 
   // A process has one or two directories; they are kept for good.
   static Directory& of(std::string const& lockPath)
@@ -293,6 +293,17 @@ CleanupLock::CleanupLock(char const* dir, LockMode mode) : m_mode(mode)
 CleanupLock::CleanupLock(char const* dir, LockMode mode, LockWait& wait) : m_mode(mode)
 {
   take(dir, wait);
+}
+
+CleanupLock::CleanupLock(CleanupLock const& shared)
+    : m_mode(SHARED),
+      m_directory(shared.m_directory),
+      m_locked(shared.m_locked && shared.m_mode == SHARED)
+{
+  if (!m_locked)
+    return;
+  std::lock_guard const lock(m_directory->mutex);
+  ++m_directory->sharers;
 }
 
 void CleanupLock::take(char const* dir, LockWait& wait)
@@ -340,7 +351,7 @@ bool CleanupLock::acquire(std::string const& path, LockWait& wait)
         logIfLink(path, error, ACQUIRE);
       return false;
     }
-    auto file = std::make_unique<ACE_File_Lock>(fd, false);
+    HeldFile file(new ACE_File_Lock(fd, false));
     int const result = m_mode == SHARED ? waitLock(*file, RecordLock::READ, wait)
                                         : tryLock(*file, RecordLock::WRITE);
     if (result != 0)

@@ -7,11 +7,25 @@
 namespace Quillon::Tessarine::Ozf
 {
 
+namespace
+{
+
+// Found once: the library would look for it again for each digest. Null when it
+// is not there. Never given back: digests may be taken as the process exits.
+EVP_MD const* sha256()
+{
+  static EVP_MD const* const found = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+  return found;
+}
+
+} // namespace
+
 std::string digestOf(std::string_view text)
 {
   std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
   unsigned length = 0;
-  if (EVP_Digest(text.data(), text.size(), digest.data(), &length, EVP_sha256(), nullptr) != 1 ||
+  if (sha256() == nullptr ||
+      EVP_Digest(text.data(), text.size(), digest.data(), &length, sha256(), nullptr) != 1 ||
       length < DIGEST_BYTES)
     throw std::runtime_error("SHA-256 is not available");
   constexpr std::string_view HEX = "0123456789abcdef";

@@ -34,6 +34,24 @@ TEST_F(TqdiscoctlPutTest, factsMakeAPayload)
   }
 }
 
+TEST_F(TqdiscoctlPutTest, aPayloadIsStoredWholeInCallsOfAnySize)
+{
+  std::string text;
+  for (int i = 0; text.size() < std::size_t(3) << 20; ++i)
+    text += std::to_string(i) + '\n';
+  writeText(m_service / "payload", text);
+  for (std::string const size : {"1", "1000", "1048576"})
+  {
+    // A call for every byte takes its time.
+    std::string const part = size == "1" ? text.substr(0, 500) : text;
+    writeText(m_service / "payload", part);
+    m_service.configure("COLLECTION_WRITE_SIZE = " + size + "\n");
+    Outcome const stored = run({"put", "web1", "disks", m_service / "payload", "--unchecked"});
+    EXPECT_EQ(stored.exitCode, 0) << size << ": " << stored.errors;
+    EXPECT_TRUE(run({"show", "web1", "disks", "--raw"}).output == part) << size;
+  }
+}
+
 TEST_F(TqdiscoctlPutTest, whatCanBeAskedForIsNotReplacedUnlessToldSo)
 {
   store("web1", "disks",
