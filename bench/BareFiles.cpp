@@ -118,7 +118,7 @@ void barePersist(std::string const& directory, std::string const& base, std::str
   ::close(data);
   static_cast<void>(::lstat(dataPath.c_str(), &status));
   require(::rename(temporary.c_str(), dataPath.c_str()) == 0, "payload not renamed");
-  unlockAndClose(guard);
+  ::close(guard);
   require(::fsync(folder) == 0, "directory not flushed");
   if (noted)
     ::removexattr(dataPath.c_str(), NOTE);

@@ -23,7 +23,8 @@ public:
 class Master : public Skeletons::DiscoveryService
 {
 public:
-  explicit Master(Orb& orb)
+  Master(Orb& orb, CORBA::Object_ptr payload)
+      : m_payload(Remote::CollectionDataIterator::_narrow(payload))
   {
     auto* const servant = new Writer;
     PortableServer::ServantBase_var const holder(servant);
@@ -42,9 +43,10 @@ public:
     refuse();
   }
   DiscoveryStatus getCollectionData(Remote::Discovery const&, char const*,
-                                    Remote::CollectionDataIterator_out) override
+                                    Remote::CollectionDataIterator_out iterator) override
   {
-    refuse();
+    iterator = Remote::CollectionDataIterator::_duplicate(m_payload);
+    return DS_SUCCESS;
   }
   void registerExplorer(char const*, char const*, char const*, char const*, AuthorityType,
                         CORBA::Short) override
@@ -57,10 +59,14 @@ public:
 
 private:
   Remote::RemoteWriter_var m_writer;
+  Remote::CollectionDataIterator_var m_payload;
 };
 
 } // namespace
 
-PortableServer::ServantBase* makeBareMaster(Orb& orb) { return new Master(orb); }
+PortableServer::ServantBase* makeBareMaster(Orb& orb, CORBA::Object_ptr payload)
+{
+  return new Master(orb, payload);
+}
 
 } // namespace tqbench

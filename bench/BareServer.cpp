@@ -71,10 +71,11 @@ private:
   std::size_t m_next = 0;
 };
 
-void advertise(Orb& orb, char const* name, PortableServer::Servant servant)
+CORBA::Object_ptr advertise(Orb& orb, char const* name, PortableServer::Servant servant)
 {
-  CORBA::Object_var const reference = orb.activateObject(servant);
+  CORBA::Object_var reference = orb.activateObject(servant);
   orb.advertiseObject(name, reference);
+  return reference._retn();
 }
 
 // Serves until the other end of the pipe is closed.
@@ -84,11 +85,12 @@ void serve(std::vector<Remote::Discovery> const& records, std::string const& pay
   require(orb.init() && orb.run(0) == 0, "no ORB for the bare server");
   auto* const recordServant = new Records(records);
   auto* const payloadServant = new Payload(payload);
-  auto* const masterServant = makeBareMaster(orb);
-  PortableServer::ServantBase_var const holders[] = {recordServant, payloadServant, masterServant};
-  advertise(orb, BareServer::RECORDS, recordServant);
-  advertise(orb, BareServer::PAYLOAD, payloadServant);
-  advertise(orb, BareServer::MASTER, masterServant);
+  PortableServer::ServantBase_var const holders[] = {recordServant, payloadServant};
+  CORBA::Object_var object = advertise(orb, BareServer::RECORDS, recordServant);
+  object = advertise(orb, BareServer::PAYLOAD, payloadServant);
+  auto* const masterServant = makeBareMaster(orb, object);
+  PortableServer::ServantBase_var const masterHolder(masterServant);
+  object = advertise(orb, BareServer::MASTER, masterServant);
   char nothing = 0;
   require(::read(pipe, &nothing, 1) == 0, "the pipe to the reader broke");
   orb.shutdown();

@@ -31,6 +31,8 @@ public:
   BareServer(BareServer const&) = delete;
   BareServer& operator=(BareServer const&) = delete;
 
+  pid_t pid() const noexcept { return m_pid; }
+
 private:
   pid_t m_pid = 0;
   int m_life = -1; // closed, by whatever end of this process, it ends the server

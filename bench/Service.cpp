@@ -83,9 +83,9 @@ double ServiceProcess::memory() const { return statusOf("VmRSS:"); }
 
 double ServiceProcess::threads() const { return statusOf("Threads:"); }
 
-double ServiceProcess::processorTime() const
+double processorTimeOf(pid_t process)
 {
-  std::ifstream stat("/proc/" + std::to_string(m_pid) + "/stat");
+  std::ifstream stat("/proc/" + std::to_string(process) + "/stat");
   std::string text;
   std::getline(stat, text);
   // What follows the name, which may hold blanks; the times are 12 and 13 on.
@@ -96,7 +96,7 @@ double ServiceProcess::processorTime() const
   for (int field = 0; field < 11; ++field)
     fields >> skipped;
   fields >> user >> system;
-  require(!fields.fail(), "tqdisco has ended");
+  require(!fields.fail(), "a process that is measured has ended");
   return (user + system) / static_cast<double>(::sysconf(_SC_CLK_TCK));
 }
 

@@ -28,6 +28,9 @@ unsigned short freePort();
 // Takes hold in this process at the next reloadConfiguration.
 void writeConfiguration(std::string const& root, unsigned short port, std::string const& more = "");
 
+// Seconds of processor time that a child process has taken so far.
+double processorTimeOf(pid_t process);
+
 // tqdisco with the root that TESSARINE_ROOT names.
 class ServiceProcess
 {
@@ -41,7 +44,7 @@ public:
   double memory() const;
   double threads() const;
   // Seconds of processor time so far.
-  double processorTime() const;
+  double processorTime() const { return processorTimeOf(m_pid); }
 
 private:
   double statusOf(char const* key) const;

@@ -17,6 +17,8 @@ namespace tqbench
 namespace
 {
 
+constexpr char SAME_HOST[] = "benchmaster6";
+
 Remote::Discovery wireRecord(std::size_t number)
 {
   Remote::Discovery record;
@@ -41,7 +43,8 @@ Writing::Writing(Settings const& settings) : m_orb(0, "", "tqbench", 1, 1024)
   ::setenv("TESSARINE_ROOT", settings.directory.c_str(), 1);
   std::string const bare = BareServer::SERVICE;
   writeConfiguration(settings.directory, freePort(),
-                     "ORB_PORT." + bare + " = " + std::to_string(freePort()) + '\n');
+                     "ORB_PORT." + bare + " = " + std::to_string(freePort()) +
+                         "\nORB_BIND = ::1\nHOST_ADDRESS." + SAME_HOST + " = ::1\n");
   require(reloadConfiguration(), "the configuration was refused");
   m_bare.emplace(std::vector<BareServer::Record>(), "");
   m_service.emplace(settings.service);
@@ -49,6 +52,7 @@ Writing::Writing(Settings const& settings) : m_orb(0, "", "tqbench", 1, 1024)
   setOrb(&m_orb);
   initDiscoveryResearch();
   m_host.setHostname(HOST);
+  m_sameHost.setHostname(SAME_HOST);
   // As soon as they answer.
   Remote::DiscoveryService_var ready =
       connectTo<Remote::DiscoveryService>(m_orb, "DiscoveryService", "DiscoveryService");
@@ -63,17 +67,23 @@ Writing::~Writing()
 
 Writing::Service::_ptr_type Writing::connect()
 {
-  return connect("DiscoveryService", "DiscoveryService");
+  return connect(m_host, "DiscoveryService", "DiscoveryService");
+}
+
+Writing::Service::_ptr_type Writing::connectByOtherAddress()
+{
+  return connect(m_sameHost, "DiscoveryService", "DiscoveryService");
 }
 
 Writing::Service::_ptr_type Writing::connectBare()
 {
-  return connect(BareServer::SERVICE, BareServer::MASTER);
+  return connect(m_host, BareServer::SERVICE, BareServer::MASTER);
 }
 
-Writing::Service::_ptr_type Writing::connect(char const* service, char const* name)
+Writing::Service::_ptr_type Writing::connect(OzfHostname const& host, char const* service,
+                                             char const* name)
 {
-  CORBA::Object_var const object = m_orb.resolveObject(m_host, service, name, ACE_Time_Value::zero);
+  CORBA::Object_var const object = m_orb.resolveObject(host, service, name, ACE_Time_Value::zero);
   return Service::_narrow(object);
 }
 
@@ -85,16 +95,17 @@ std::string payloadOf(std::size_t chunks)
   return text;
 }
 
-void writeByCalls(Remote::DiscoveryService_ptr service, std::size_t number, std::string const& text)
+void writeByCalls(Remote::DiscoveryService_ptr service, std::size_t number, std::string const& text,
+                  std::size_t size)
 {
   Remote::RemoteWriter_var writer;
   require(service->putCollection(wireRecord(number), writer.out()).discStatus == DS_SUCCESS,
           "a write was refused");
-  for (std::size_t at = 0; at < text.size(); at += CHUNK_SIZE)
+  for (std::size_t at = 0; at < text.size(); at += size)
   {
     Remote::CollectionDataSeq chunk;
-    chunk.length(CHUNK_SIZE);
-    std::copy_n(text.data() + at, CHUNK_SIZE, chunk.get_buffer());
+    chunk.length(static_cast<CORBA::ULong>(size));
+    std::copy_n(text.data() + at, size, chunk.get_buffer());
     require(writer->put(chunk), "a part was refused");
   }
   require(writer->close().discStatus == DS_SUCCESS, "a discovery was not stored");

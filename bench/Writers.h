@@ -35,13 +35,19 @@ public:
   // One call, as the library makes it for every discovery.
   Service::_ptr_type connect();
   Service::_ptr_type connectBare();
+  // To the same service, as another peer than connect's.
+  Service::_ptr_type connectByOtherAddress();
 
   ServiceProcess const& process() const { return *m_service; }
+  // Seconds of the bare server's so far.
+  double bareProcessorTime() const { return processorTimeOf(m_bare->pid()); }
 
 private:
-  Service::_ptr_type connect(char const* service, char const* name);
+  Service::_ptr_type connect(Quillon::Tessarine::Ozf::OzfHostname const& host, char const* service,
+                             char const* name);
 
   Quillon::Tessarine::Ozf::OzfHostname m_host;
+  Quillon::Tessarine::Ozf::OzfHostname m_sameHost; // by IPv6
   std::optional<BareServer> m_bare;
   std::optional<ServiceProcess> m_service;
   Quillon::Tessarine::Ozf::Orb m_orb;
@@ -52,9 +58,10 @@ inline constexpr std::size_t CHUNK_SIZE = 1024; // what the library puts in a ca
 // A payload of whole chunks.
 std::string payloadOf(std::size_t chunks);
 
-// The calls of one write without the library around them.
+// The calls of one write without the library around them; the payload is a
+// multiple of what a call carries.
 void writeByCalls(Writing::Service::_ptr_type service, std::size_t number,
-                  std::string const& payload);
+                  std::string const& payload, std::size_t chunk = CHUNK_SIZE);
 
 // Seconds until each of the clients, which run at once, has done its writes.
 std::vector<double> together(std::size_t clients, std::size_t writes,

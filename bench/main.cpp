@@ -40,7 +40,8 @@ constexpr Benchmark BENCHMARKS[] = {
     {"persist", benchPersist, false},   {"enumerate", benchEnumerate, true},
     {"lookup", benchLookup, true},      {"parse", benchParse, false},
     {"items", benchItems, false},       {"query", benchQuery, false},
-    {"payload", benchPayload, false},   {"write", benchWrite, false},
+    {"list", benchList, true},          {"payload", benchPayload, false},
+    {"write", benchWrite, false},       {"large", benchLargeWrite, false},
     {"fleet", benchFleetWrites, false}, {"idle", benchIdleConnections, false},
     {"scale", benchScale, false},       {"memory", benchServiceMemory, true}};
 
@@ -180,8 +181,8 @@ int main(int argc, char** argv)
   app.add_option("--records", settings.records, "discoveries in a large database")
       ->check(CLI::PositiveNumber);
   app.add_option("--only", only,
-                 "run these only: persist, enumerate, lookup, parse, items, query, payload, write, "
-                 "fleet, idle, scale, memory");
+                 "run these only: persist, enumerate, lookup, parse, items, query, list, payload, "
+                 "write, large, fleet, idle, scale, memory");
   app.add_option("--side", settings.side,
                  "run one side only, for a tracer or a profiler: product, floor, sqlite");
   CLI11_PARSE(app, argc, argv);
