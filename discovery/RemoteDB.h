@@ -141,8 +141,8 @@ private:
   CollectionAttributes const* m_attributes = nullptr;
   Remote::RemoteWriter_var m_writer; // from openWrite to persist
   mutable DrainLimit m_putLimit;     // of m_writer; runs while calls are made
-  mutable std::size_t m_puts = 0; // of 1,024 bytes
-  bool m_recordSent = false; // m_writer was opened for the record as it is
+  mutable std::size_t m_puts = 0;    // of 1,024 bytes
+  bool m_recordSent = false;         // m_writer was opened for the record as it is
   bool m_cached = false;
   PayloadCache m_cache;
   mutable std::size_t m_position = 0;
