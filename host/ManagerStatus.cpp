@@ -9,11 +9,16 @@ namespace Host
 namespace
 {
 
-std::mutex mutex; // of both below, and of the order of what is sent
+std::mutex mutex; // of all below, and of the order of what is sent
+std::string lacking;
 std::string waiting;
 bool serving = false;
 
-std::string servingText() { return "Serving" + (waiting.empty() ? "" : "; " + waiting); }
+std::string servingText()
+{
+  return "Serving" + (lacking.empty() ? "" : "; " + lacking) +
+         (waiting.empty() ? "" : "; " + waiting);
+}
 
 } // namespace
 
@@ -34,6 +39,12 @@ void tellReady(std::string const& status)
 {
   std::lock_guard const guard(mutex);
   sd_notify(0, ("READY=1\nSTATUS=" + status).c_str());
+}
+
+void tellLacking(std::string const& text)
+{
+  std::lock_guard const guard(mutex);
+  lacking = text;
 }
 
 void tellWaiting(std::string const& text)

@@ -91,7 +91,7 @@ void tellOfMissingMaster()
     return;
   std::string const text = "SERVER is missing in " + getConfigurationPath();
   OZF_LOG(getHostLogger(), 1, SOURCE, "main", text << ": nothing is reported to any master");
-  tellWaiting(text);
+  tellLacking(text);
 }
 
 int runService(Options const& options)

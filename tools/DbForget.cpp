@@ -338,8 +338,8 @@ int forget(ForgetOptions const& options)
   {
     if (options.json)
       conclude(options, doomed);
-    complain("there is nothing of " + places(options) +
-             "; \"tqdiscoctl db list\" shows what there is");
+    complain("there is nothing of " + places(options) + " in " + shown(*options.directory) +
+             "; \"tqdiscoctl db list\" shows what there is. Discoveries are kept by the master.");
     return EXIT_NOTHING;
   }
   if (!options.json)

@@ -26,6 +26,9 @@ constexpr std::size_t NAMES_WIDTH = 30;
 constexpr char EVERYWHERE[] = "Options for every command, before or behind it: -m, --master "
                               "HOST[:PORT], --timeout SECONDS, -v, --verbose; \"tqdiscoctl "
                               "--help\" tells more of them.";
+constexpr char EVERY_DATABASE[] =
+    "Option for every \"db\" command: -d, --directory PATH, the database "
+    "directory.";
 constexpr char EXAMPLES[] = "Examples:\n"
                             "  tqdiscoctl status\n"
                             "  tqdiscoctl query --subject 'web*'\n"
@@ -141,6 +144,8 @@ public:
       text = EXAMPLES + paragraph(MORE, 0, width) + "\n\n";
     else if (chain[1]->get_name() != "db") // which asks no service
       text = paragraph(EVERYWHERE, 0, width) + "\n\n";
+    else if (chain.size() > 2)
+      text = paragraph(EVERY_DATABASE, 0, width) + "\n\n";
     return text + paragraph(app->get_footer(), 0, width) + '\n';
   }
 

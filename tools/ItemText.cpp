@@ -19,7 +19,7 @@ namespace
 constexpr std::size_t COLUMN_GAP = 2;
 // A column that is wider is cut before it pushes others out.
 constexpr std::size_t WIDE = 24;
-constexpr int LAST_TURN = 2;
+constexpr int LAST_TURN = 3;
 
 // The facts in the order in which they are first met, without one that only
 // repeats the items' names.
@@ -88,22 +88,23 @@ bool isSize(OzfQuery const& description, std::string const& fact)
   return attribute != nullptr && attribute->type == OzfQuery::Type::SIZE;
 }
 
-// Which facts get room first: sizes, which are short and what most people look
-// for, also where pseudo devices have none. Those with long values come last:
-// one of them would take the room of several others. So do those that few items
-// have.
+// Which facts get room first: the one that they are sorted by; then sizes, which are short and what
+// most people look for, also where pseudo devices have none. Those with long values come last: one
+// of them would take the room of several others. So do those that few items have.
 int turnOf(std::string const& fact, std::vector<ItemRow> const& rows, OzfQuery const& description,
-           std::size_t width)
+           std::string const& sortedBy, std::size_t width)
 {
-  if (isSize(description, fact))
+  if (equalIgnoringCase(fact, sortedBy))
     return 0;
-  return width > WIDE || isRare(rows, fact) ? LAST_TURN : 1;
+  if (isSize(description, fact))
+    return 1;
+  return width > WIDE || isRare(rows, fact) ? LAST_TURN : 2;
 }
 
 // The facts that fit beside the names, in their order.
 std::vector<std::string> fitting(std::vector<std::string> const& facts,
                                  std::vector<ItemRow> const& rows, OzfQuery const& description,
-                                 std::size_t width, bool subjects)
+                                 std::string const& sortedBy, std::size_t width, bool subjects)
 {
   std::size_t used = 4;
   std::size_t subjectWidth = 7;
@@ -119,7 +120,7 @@ std::vector<std::string> fitting(std::vector<std::string> const& facts,
     for (std::size_t i = 0; i < facts.size(); ++i)
     {
       std::size_t const wanted = columnWidth(rows, facts[i], description);
-      if (turnOf(facts[i], rows, description, wanted) != turn)
+      if (turnOf(facts[i], rows, description, sortedBy, wanted) != turn)
         continue;
       std::size_t const needed = COLUMN_GAP + std::min(wanted, WIDE);
       if (used + needed > width)
@@ -155,8 +156,8 @@ void printItem(std::ostream& os, Item const& item, OzfQuery const& description, 
 }
 
 std::size_t printItemTable(std::ostream& os, std::vector<ItemRow> const& rows,
-                           std::vector<std::string> const& columns, OzfQuery const& description,
-                           std::size_t width, bool bold)
+                           std::vector<std::string> const& columns, std::string const& sortedBy,
+                           OzfQuery const& description, std::size_t width, bool bold)
 {
   bool const subjects = hasSeveralSubjects(rows);
   std::vector<std::string> const all = allFacts(rows);
@@ -164,7 +165,7 @@ std::size_t printItemTable(std::ostream& os, std::vector<ItemRow> const& rows,
   std::size_t leftOut = 0;
   if (columns.empty())
   {
-    facts = width == 0 ? all : fitting(all, rows, description, width, subjects);
+    facts = width == 0 ? all : fitting(all, rows, description, sortedBy, width, subjects);
     leftOut = all.size() - facts.size();
   }
 

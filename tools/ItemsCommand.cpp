@@ -236,8 +236,8 @@ private:
 
   void printTable(std::vector<ItemRow> const& rows, OzfQuery const& description, bool bold) const
   {
-    std::size_t const leftOut = printItemTable(std::cout, rows, m_options.columns, description,
-                                               terminalWidth(STDOUT_FILENO), bold);
+    std::size_t const leftOut = printItemTable(std::cout, rows, m_options.columns, m_order.fact,
+                                               description, terminalWidth(STDOUT_FILENO), bold);
     std::cout.flush();
     if (leftOut != 0)
       remark("(" + counted(leftOut, "more fact", "more facts") +

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <netinet/in.h>
+#include <sstream>
 #include <sys/socket.h>
 
 namespace
@@ -176,13 +177,14 @@ TEST_F(TqdiscoCommandTest, checkConfigSaysThatThereIsNoMaster)
 
 TEST_F(TqdiscoCommandTest, aStartWithoutAMasterSaysSoToTheLogAndTheServiceManager)
 {
-  configureService();
-  configure("CLIENT_NAME = 4a\nORB_BIND = 127.0.0.1\nORB_PORT.DiscoveryService = " +
+  // By its name it waits for minutes before it looks for its master.
+  configure("CLIENT_NAME = waits\nORB_BIND = 127.0.0.1\nORB_PORT.DiscoveryService = " +
             std::to_string(port()) + "\n");
   NotifySocket manager(root / "notify");
   auto const process = start({}, {{"NOTIFY_SOCKET", root / "notify"}});
-  EXPECT_TRUE(manager.await("STATUS=Serving; ")) << process->errors();
-  EXPECT_TRUE(manager.await("SERVER is missing")) << process->errors();
+  EXPECT_TRUE(
+      manager.await("READY=1\nSTATUS=Serving; SERVER is missing in " + root / "etc/tq.conf"))
+      << process->errors();
   EXPECT_THAT(process->errors(), HasSubstr("SERVER is missing in " + root / "etc/tq.conf"));
   process->sendSignal(SIGTERM);
   ASSERT_TRUE(process->wait());
@@ -279,6 +281,32 @@ TEST_F(TqdiscoCommandTest, aServiceThatIsNotToStartIsNoFailedStartToTheManager)
       << process->errors();
   ASSERT_TRUE(process->wait()) << process->errors();
   EXPECT_EQ(process->exitCode(), 0) << process->errors();
+}
+
+TEST_F(TqdiscoCommandTest, theSampleConfigurationIsInOrderAndKeepsRoutineLinesOut)
+{
+  std::string const sample = readText(TQ_SOURCE_DIR "/packaging/tq.conf.sample");
+  configure(sample);
+  auto const check = run({"--check-config"});
+  EXPECT_EQ(check->exitCode(), 0) << check->errors();
+
+  std::string excepted;
+  std::istringstream lines(sample);
+  for (std::string line; std::getline(lines, line);)
+    if (line.starts_with("LOG_EXCEPT "))
+      excepted += line + '\n';
+  configureService(excepted);
+  auto const process = start({});
+  ASSERT_TRUE(process->awaitError("Started, version")) << process->errors();
+  EXPECT_EQ(tqtest::runProgram(TQ_BIN_DIR "/tqdiscoctl", {"put", "web7", "rack", "Row=7"},
+                               {{"TESSARINE_ROOT", root.path()}})
+                .exitCode,
+            0);
+  process->sendSignal(SIGTERM);
+  ASSERT_TRUE(process->wait()) << process->errors();
+  EXPECT_THAT(process->errors(), Not(HasSubstr("::persist: Successfully renamed ")));
+  EXPECT_THAT(process->errors(), Not(HasSubstr("::persist: Unable to delete ")));
+  EXPECT_EQ(tqtest::occurrences(process->errors(), "Kept out 1 line in "), 2U) << process->errors();
 }
 
 TEST_F(TqdiscoCommandTest, mistakesOfTheConfigurationAreLoggedAndDoNotStopTheStart)

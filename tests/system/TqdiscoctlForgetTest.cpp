@@ -77,7 +77,9 @@ TEST_F(TqdiscoctlForgetTest, allOfASubjectGoesAndNothingElse)
   EXPECT_THAT(outcome.output, HasSubstr("Removed 2 discoveries."));
   EXPECT_THAT(outcome.errors, HasSubstr("until it is started anew"));
   EXPECT_THAT(files(), UnorderedElementsAre(OTHERS[0], OTHERS[1]));
-  EXPECT_EQ(forget({"web7", "--yes"}).exitCode, 3);
+  Outcome const again = forget({"web7", "--yes"});
+  EXPECT_EQ(again.exitCode, 3);
+  EXPECT_THAT(again.errors, HasSubstr("nothing of subject \"web7\" in " + m_database));
 }
 
 TEST_F(TqdiscoctlForgetTest, authorityAndTypeChoose)

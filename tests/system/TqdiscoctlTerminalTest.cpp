@@ -88,6 +88,9 @@ TEST_F(TqdiscoctlTerminalTest, factsThatDoNotFitAreCountedAndCanBeChosen)
               AllOf(HasSubstr("ITEM   SHORT     SIZE"), HasSubstr("2 more facts")));
   EXPECT_THAT(atTerminal(30, "items -a disks -c Rare"),
               AllOf(HasSubstr("ITEM   RARE"), Not(HasSubstr("more fact"))));
+  EXPECT_THAT(atTerminal(30, "items -a disks --sort Rare"),
+              HasSubstr("ITEM   SHORT  RARE     SIZE"))
+      << "what they are sorted by";
   EXPECT_THAT(
       atTerminal(60, "items -a disks"),
       AllOf(HasSubstr("LONG"), HasSubstr("RARE"), HasSubstr("a value of more than twenty-...")));

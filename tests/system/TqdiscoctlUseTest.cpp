@@ -77,10 +77,9 @@ TEST(TqdiscoctlUseTest, helpSaysHowEachCommandIsCalled)
     EXPECT_THAT(help, HasSubstr("\nUsage: tqdiscoctl " + joined(command))) << help;
     EXPECT_THAT(help, Not(HasSubstr("Excludes")));
     EXPECT_THAT(help, Not(HasSubstr(":INT")));
-    if (command[0] != "db")
-    {
-      EXPECT_THAT(help, HasSubstr("--master HOST[:PORT]")) << joined(command);
-    }
+    EXPECT_THAT(help,
+                HasSubstr(command[0] == "db" ? "-d, --directory PATH" : "--master HOST[:PORT]"))
+        << joined(command);
   }
   EXPECT_THAT(helpOf({"show"}), HasSubstr("Usage: tqdiscoctl show SUBJECT AUTHORITY [OPTION...]"));
   EXPECT_THAT(helpOf({"put"}),

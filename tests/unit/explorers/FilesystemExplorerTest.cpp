@@ -69,6 +69,24 @@ TEST(FilesystemExplorer, aShareIsStoredWithoutSizes)
   EXPECT_EQ(0U, share->facts.count("Size"));
 }
 
+TEST(FilesystemExplorer, whatIsHiddenUnderAnotherFileSystemSaysSo)
+{
+  TempDir const dir;
+  std::filesystem::create_directories(dir / "proc/self");
+  writeText(dir / "proc/self/mountinfo", "26 1 8:1 / / rw - ext4 /dev/sda1 rw\n"
+                                         "40 26 8:2 / /srv/old rw - ext4 /dev/sda2 rw\n"
+                                         "41 26 8:3 / /srv rw - ext4 /dev/sda3 rw\n");
+  Store store;
+  explore(*explorerOf(dir.path()), AT_TQUCLIENT, &store);
+  Document const document(store.only(AT_TQUCLIENT).payload);
+  auto const* const old = document.find("/srv/old");
+  ASSERT_NE(nullptr, old);
+  ASSERT_EQ(1U, old->facts.count("Hidden"));
+  EXPECT_EQ("true", old->facts.at("Hidden"));
+  EXPECT_EQ(0U, old->facts.count("Size"));
+  EXPECT_EQ(0U, document.find("/srv")->facts.count("Hidden"));
+}
+
 TEST(FilesystemExplorer, aFileSystemWithoutFixedInodesTellsNone)
 {
   Store store;
