@@ -28,6 +28,8 @@ namespace
 {
 
 constexpr char PROGRAM[] = "/usr/bin/etcd";
+constexpr std::size_t MOST_KEPT = std::size_t(1) << 20; // of an answer that has been taken
+
 constexpr auto DEADLINE = std::chrono::seconds(30);
 
 constexpr char DIGITS[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
@@ -257,11 +259,10 @@ void EtcdClient::sendAll(std::string const& text) const
 
 bool EtcdClient::readMore()
 {
-  constexpr std::size_t ROOM = std::size_t(256) << 10;
-  std::size_t const size = m_input.size();
-  m_input.resize(size + ROOM);
-  ssize_t const count = ::recv(m_fd, m_input.data() + size, ROOM, 0);
-  m_input.resize(size + static_cast<std::size_t>(count > 0 ? count : 0));
+  char buffer[65536];
+  ssize_t const count = ::recv(m_fd, buffer, sizeof buffer, 0);
+  if (count > 0)
+    m_input.append(buffer, static_cast<std::size_t>(count));
   return count > 0;
 }
 
@@ -316,7 +317,11 @@ std::string const& EtcdClient::post(char const* path, std::string const& body)
     if (length == 0)
       return m_answer;
     m_answer.append(m_input, at, length);
-    m_input.erase(0, at + length + 2);
+    at += length + 2;
+    // Pieces are small, and what is behind them would be moved for each.
+    if (at < MOST_KEPT)
+      continue;
+    m_input.erase(0, at);
     at = 0;
   }
 }
