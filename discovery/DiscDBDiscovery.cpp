@@ -4,6 +4,7 @@
 
 #include "discovery/DiscDBFiles.h"
 #include "discovery/DiscoveryLog.h"
+#include "discovery/MetadataCache.h"
 #include "ozf/base/SystemError.h"
 
 #include <sys/stat.h>
@@ -136,6 +137,25 @@ bool DBDiscovery::load(std::string text)
   return loadInternal();
 }
 
+// Parts that are there already would be part of the result, and a failure of
+// before is told until a parse.
+bool DBDiscovery::parseText(std::string const& text)
+{
+  MetadataCache& cache = getMetadataCache();
+  bool const fresh = getAuthority() == nullptr && getSubject() == nullptr &&
+                     getAttributes() == nullptr && lastError().empty();
+  if (fresh && cache.find(text, *this))
+  {
+    setReadsAlike();
+    return true;
+  }
+  if (!parseBuffer(text))
+    return false;
+  if (fresh && getAuthority() != nullptr && getSubject() != nullptr)
+    cache.keep(text, *this);
+  return true;
+}
+
 bool DBDiscovery::loadInternal()
 {
   constexpr char OPERATION[] = "DBDiscovery::loadInternal";
@@ -144,7 +164,7 @@ bool DBDiscovery::loadInternal()
   // parser's buffer.
   std::string text = std::move(m_metadata);
   m_metadata.clear();
-  bool const parsed = parseBuffer(text);
+  bool const parsed = parseText(text);
   m_metadata = std::move(text);
   if (!parsed)
     return false;

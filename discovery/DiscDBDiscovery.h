@@ -73,6 +73,7 @@ public:
 
 private:
   bool loadInternal();
+  bool parseText(std::string const& text);
   // Whether the stored discovery may be replaced.
   enum class Answer
   {

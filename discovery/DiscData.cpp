@@ -53,6 +53,13 @@ Subject::Subject(Uri const& uri, StatusMsg const* status)
 {
 }
 
+Subject::Subject(EncodedName const& name) : m_codePage(narrowCodePage())
+{
+  OZF_ASSERT(!name.shown.empty(), "m_subject.size()", SOURCE, "Subject::Subject");
+  m_subject = OzfString(std::string(name.shown), m_codePage);
+  m_fileKey = OzfString(std::string(name.fileKey), m_codePage);
+}
+
 bool Subject::operator==(Subject const& other) const
 {
   return equalIgnoringCase(m_subject.str(), other.m_subject.str());
@@ -81,6 +88,14 @@ Authority::Authority(UriAuthority const& authority, AuthorityType type, StatusMs
     : Description(status), m_codePage(narrowCodePage()), m_type(type)
 {
   setNames(authority);
+}
+
+Authority::Authority(EncodedName const& name, AuthorityType type)
+    : m_codePage(narrowCodePage()), m_type(type)
+{
+  OZF_ASSERT(!name.shown.empty(), "m_name.size()", SOURCE, "Authority::Authority");
+  m_name = OzfString(std::string(name.shown), m_codePage);
+  m_fileKey = OzfString(std::string(name.fileKey), m_codePage);
 }
 
 void Authority::setNames(UriAuthority const& authority)
@@ -190,6 +205,21 @@ void DiscoveryIterator::setSubject(std::string const& name)
 void DiscoveryIterator::setSubject(Uri const& uri)
 {
   m_subject = filterOf(uri.getScheme().getSchemeName());
+}
+
+ListedDiscovery ListedDiscovery::of(Discovery const& discovery)
+{
+  Authority const& authority = *discovery.getAuthority();
+  return {discovery.getSubject()->getName().str(), authority.getName().str(), authority.getType(),
+          discovery.getAttributes(), &discovery};
+}
+
+bool DiscoveryIterator::list(Taker const& take)
+{
+  while (AutoDereference<Discovery> const discovery{getNext()})
+    if (!take(ListedDiscovery::of(*discovery)))
+      return true;
+  return false;
 }
 
 bool isExpired(Discovery const* discovery)

@@ -18,8 +18,10 @@
 
 #include <DiscoveryTypesC.h>
 
+#include <functional>
 #include <iosfwd>
 #include <string>
+#include <string_view>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
@@ -51,6 +53,13 @@ private:
   AutoDereference<StatusMsg const> m_status;
 };
 
+// Both encodings of a name, as some record had them.
+struct EncodedName
+{
+  std::string_view shown;
+  std::string_view fileKey;
+};
+
 // What a discovery is about. The name is kept as shown (URI_SHOWN) and as a
 // file key (URI_FILE_KEY); an empty name fails an assertion.
 class TQ_EXPORT Subject : public Description
@@ -59,6 +68,8 @@ public:
   explicit Subject(std::string const& name, StatusMsg const* status = nullptr);
   // Named after the scheme of the URI.
   explicit Subject(Uri const& uri, StatusMsg const* status = nullptr);
+  // Takes both encodings as they are.
+  explicit Subject(EncodedName const& name);
   Subject(Subject const&) = default;
 
   OzfString const& getName() const noexcept { return m_subject; }
@@ -86,6 +97,8 @@ public:
   // Named after the authority part of the URI.
   Authority(Uri const& uri, AuthorityType type, StatusMsg const* status = nullptr);
   Authority(UriAuthority const& authority, AuthorityType type, StatusMsg const* status = nullptr);
+  // Takes both encodings as they are.
+  Authority(EncodedName const& name, AuthorityType type);
   Authority(Authority const&) = default;
 
   OzfString const& getName() const noexcept { return m_name; }
@@ -217,12 +230,34 @@ public:
   CollectionData* getCollectionData() const noexcept { return m_collectionData; }
   DiscoveryQuery getQuery() const noexcept { return m_query; }
 
+  // Whether the document that was read last says all that came of it, and said
+  // it without a log line: every reading of it is the same.
+  bool readsAlike() const noexcept { return m_readsAlike; }
+
+protected:
+  // The parts are those that such a document gave.
+  void setReadsAlike() noexcept { m_readsAlike = true; }
+
 private:
   Authority* m_authority = nullptr;
   Subject* m_subject = nullptr;
   CollectionAttributes* m_attributes = nullptr;
   CollectionData* m_collectionData;
   DiscoveryQuery m_query;
+  bool m_readsAlike = false;
+};
+
+// What a list tells of a discovery; all of it is the discovery's, or the
+// iterator's.
+struct ListedDiscovery
+{
+  std::string const& subject; // the names, as shown
+  std::string const& authority;
+  AuthorityType authorityType;
+  CollectionAttributes const* attributes; // null when it has none
+  Discovery const* discovery;             // null when it was not opened for the list
+
+  static ListedDiscovery of(Discovery const& discovery);
 };
 
 // Walks discoveries forward, once. How the filters apply is each iterator's
@@ -235,6 +270,14 @@ public:
   // the discoveries are this host's; calls no other host. Throws std::bad_alloc
   // when memory runs out.
   virtual Discovery* getNext() = 0;
+
+  // Hands what getNext would return next to take, one after the other, until
+  // take says no; false when there are no more. For those who only list: a
+  // discovery need not be opened for it, and its order may be another. An
+  // iterator is read in one of the two ways. take copies what it wants and calls
+  // nothing of the database, which may be locked.
+  using Taker = std::function<bool(ListedDiscovery const&)>;
+  virtual bool list(Taker const& take);
 
   // Set the filters from names or patterns of names, as URI_FILE_PATTERN. A
   // name that is empty or begins with '*' leaves the name filter as it was; the

@@ -42,7 +42,8 @@ bool collectsText(MetadataNode node)
 // other releases, and a value outside the enumeration could not be sent on, so
 // such a value reads as the first of the enumeration.
 template <class Enum>
-Enum enumAttribute(AttributeList const& attributes, char const* name, Enum last, char const* what)
+Enum enumAttribute(AttributeList const& attributes, char const* name, Enum last, char const* what,
+                   bool& mistaken)
 {
   OzfString const text = XmlInterface::attribute(attributes, name).value_or(OzfString());
   unsigned value = 0;
@@ -50,6 +51,7 @@ Enum enumAttribute(AttributeList const& attributes, char const* name, Enum last,
     return static_cast<Enum>(value);
   OZF_LOG(getOzfLogger(), 1, SOURCE, "Discovery::xmlStartElement",
           "Unable to convert " << what << " " << text);
+  mistaken = true;
   return static_cast<Enum>(0);
 }
 
@@ -174,6 +176,7 @@ int Description::xmlEndElement(XmlObjParseContext* context, XMLCh const* name)
 
 XmlObjParseContext* Discovery::getObjParseContext(XMLCh const* rootTag)
 {
+  m_readsAlike = false;
   auto context = std::make_unique<DiscoveryDocContext>(rootTag, nullptr);
   context->m_nodes.reserve(DEPTH_OF_RECORDS);
   return context.release();
@@ -223,11 +226,13 @@ int Discovery::xmlStartElement(XmlObjParseContext* context, XMLCh const* name,
       UriAuthority authority;
       if (authority.setAuthority(attribute(attributes, "Name").value_or(OzfString()).str()))
       {
-        auto const type = enumAttribute(attributes, "Type", AT_REMOTEPULL, "authority type");
+        auto const type =
+            enumAttribute(attributes, "Type", AT_REMOTEPULL, "authority type", ctxt.m_mistaken);
         setAuthority(new Authority(authority, type));
         return openDescription(MetadataNode::AUTHORITY, m_authority);
       }
       OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Authority name not specified");
+      ctxt.m_mistaken = true;
       ctxt.m_nodes.push_back(MetadataNode::IGNORED);
       return 1;
     }
@@ -240,15 +245,18 @@ int Discovery::xmlStartElement(XmlObjParseContext* context, XMLCh const* name,
         return openDescription(MetadataNode::SUBJECT, m_subject);
       }
       OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Subject name not specified");
+      ctxt.m_mistaken = true;
       ctxt.m_nodes.push_back(MetadataNode::IGNORED);
       return 1;
     }
     if (is(ATTRIBUTES_TAG))
     {
-      auto const type = enumAttribute(attributes, "Type", CT_POINT_IN_TIME, "collection type");
-      auto const storage =
-          enumAttribute(attributes, "Storage", CS_CENTRALREPOSITORY, "collection storage");
+      auto const type =
+          enumAttribute(attributes, "Type", CT_POINT_IN_TIME, "collection type", ctxt.m_mistaken);
+      auto const storage = enumAttribute(attributes, "Storage", CS_CENTRALREPOSITORY,
+                                         "collection storage", ctxt.m_mistaken);
       setAttributes(new CollectionAttributes(type, storage, OzfObjTime(), OzfObjTime(), 0));
+      ctxt.m_expiryMissing = true; // it is this moment
       ctxt.m_nodes.push_back(MetadataNode::ATTRIBUTES);
       return 1;
     }
@@ -305,17 +313,23 @@ int Discovery::xmlEndElement(XmlObjParseContext* context, XMLCh const* name)
     ctxt.clearText();
     OzfObjTime time;
     unsigned priority = 0;
+    bool converted = true;
     switch (node)
     {
     case MetadataNode::DISCOVERY_TIME:
-      if (MetadataConverter::convert(text, time, true))
+      converted = MetadataConverter::convert(text, time, true);
+      if (converted)
         m_attributes->setDiscoveryTime(time);
       else
         OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Unable to convert discovery time " << text);
       break;
     case MetadataNode::EXPIRES_TIME:
-      if (MetadataConverter::convert(text, time, true))
+      converted = MetadataConverter::convert(text, time, true);
+      if (converted)
+      {
         m_attributes->setExpiresTime(time);
+        ctxt.m_expiryMissing = false;
+      }
       else
         OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Unable to convert expires time " << text);
       break;
@@ -325,15 +339,21 @@ int Discovery::xmlEndElement(XmlObjParseContext* context, XMLCh const* name)
     default:
       // The number in the document weighs only against a replacement, which
       // reads it for itself. A record that was read back is nobody's claim.
-      if (MetadataConverter::convert(std::string(trimmed(text)), priority))
+      converted = MetadataConverter::convert(std::string(trimmed(text)), priority);
+      if (converted)
         m_attributes->setPriority(0);
       else
         OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Unable to convert priority " << text);
       break;
     }
+    if (!converted)
+      ctxt.m_mistaken = true;
   }
   ctxt.m_nodes.pop_back();
-  return ctxt.m_nodes.empty() ? 0 : 1;
+  if (!ctxt.m_nodes.empty())
+    return 1;
+  m_readsAlike = !ctxt.m_mistaken && !ctxt.m_expiryMissing;
+  return 0;
 }
 
 std::optional<unsigned> storedPriority(std::string& document)

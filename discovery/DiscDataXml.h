@@ -52,6 +52,8 @@ public:
   std::vector<MetadataNode> m_nodes;
   std::optional<DescriptionContext> m_subContext; // of the description being read
   XmlInterface* m_subInterface = nullptr;         // that description; not owned
+  bool m_mistaken = false;                        // something cost a log line
+  bool m_expiryMissing = false;                   // of the last attributes
 };
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

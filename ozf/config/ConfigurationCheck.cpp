@@ -100,6 +100,8 @@ constexpr KeyRule RULES[] = {
     {HOST_ADDRESS_KEY, Occurs::Once, isAddress, "an IPv4 or IPv6 address"},
     {COLLECTION_PAGE_SIZE_KEY},
     {COLLECTION_WRITE_SIZE_KEY},
+    {DISCOVERY_PAGE_SIZE_KEY},
+    {METADATA_CACHE_KEY},
     {READ_LIMIT_KEY},
 };
 

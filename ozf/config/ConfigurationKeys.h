@@ -41,6 +41,12 @@ inline constexpr IntegerKey COLLECTION_PAGE_SIZE_KEY{"COLLECTION_PAGE_SIZE", 1, 
 // Bytes a call in which this host sends a payload to the master.
 inline constexpr IntegerKey COLLECTION_WRITE_SIZE_KEY{"COLLECTION_WRITE_SIZE", 1, 1L << 20, 1024};
 
+// Records a page that this host asks for; zero: nothing is asked for.
+inline constexpr IntegerKey DISCOVERY_PAGE_SIZE_KEY{"DISCOVERY_PAGE_SIZE", 1, MOST_OF_32_BITS, 0};
+
+// Bytes for what metadata documents say.
+inline constexpr IntegerKey METADATA_CACHE_KEY{"METADATA_CACHE", 0, 1L << 40, 64L << 20};
+
 // What an answer from another host may take in all.
 inline constexpr IntegerKey READ_LIMIT_KEY{"READ_LIMIT_SECONDS", 1, MOST_OF_32_BITS, 3600};
 

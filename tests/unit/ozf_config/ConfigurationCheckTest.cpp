@@ -49,6 +49,8 @@ TEST_F(ConfigurationCheckTest, AcceptsEveryKeyOfTheProduct)
                     "HOST_ADDRESS.client1 = 127.0.0.2\n"
                     "COLLECTION_PAGE_SIZE = 2147483647\n"
                     "COLLECTION_WRITE_SIZE = 1048576\n"
+                    "DISCOVERY_PAGE_SIZE = 2147483647\n"
+                    "METADATA_CACHE = 0\n"
                     "LOG_EXCEPT = Successfully renamed *\n"
                     "LOG_EXCEPT = Unable to delete *.dat (*\n"
                     "EXPLORER.host = off\n"
@@ -100,7 +102,9 @@ TEST_F(ConfigurationCheckTest, SaysOfEachWrongValueWhatIsAccepted)
             "SERVER =\n"
             "CLIENT_NAME = a b\n"
             "ORB_BIND = fe80::1%lo\n"
-            "COLLECTION_WRITE_SIZE = 1048577\n"),
+            "COLLECTION_WRITE_SIZE = 1048577\n"
+            "DISCOVERY_PAGE_SIZE = 0\n"
+            "METADATA_CACHE = -1\n"),
       ElementsAre(HasSubstr(":1: \"REPORT_CLIENT_DISCOVERIES\" is \"maybe\"; accepted: true, yes"),
                   HasSubstr(":2: \"LOG_LEVEL\" is \"7\"; accepted: whole numbers from 0 to 6"),
                   HasSubstr(":3: \"LOG_FILE\" is \"tq.log\"; accepted: an absolute path"),
@@ -114,7 +118,11 @@ TEST_F(ConfigurationCheckTest, SaysOfEachWrongValueWhatIsAccepted)
                   HasSubstr(":11: \"CLIENT_NAME\" is \"a b\"; accepted: a host name"),
                   HasSubstr(":12: \"ORB_BIND\" is \"fe80::1%lo\""),
                   HasSubstr(":13: \"COLLECTION_WRITE_SIZE\" is \"1048577\"; accepted: whole "
-                            "numbers from 1 to 1048576")));
+                            "numbers from 1 to 1048576"),
+                  HasSubstr(":14: \"DISCOVERY_PAGE_SIZE\" is \"0\"; accepted: whole numbers from "
+                            "1 to 2147483647"),
+                  HasSubstr(":15: \"METADATA_CACHE\" is \"-1\"; accepted: whole numbers from 0 "
+                            "to 1099511627776")));
 }
 
 TEST_F(ConfigurationCheckTest, ASingleValueGivenAgainIsAMistakeAndAListIsNone)
