@@ -4,6 +4,8 @@
 #include "discovery/Peers.h"
 #include "discovery/RemoteDBDrain.h"
 #include "discovery/RemoteDBWire.h"
+#include "ozf/config/Configuration.h"
+#include "ozf/config/ConfigurationKeys.h"
 #include "ozf/config/HostRole.h"
 
 #include <ace/Recursive_Thread_Mutex.h>
@@ -34,6 +36,42 @@ std::size_t heldSizeOf(Remote::Discovery const& record)
 }
 
 } // namespace
+
+void requestPageSize(Remote::DiscoveryIterator_ptr iterator)
+{
+  long records = 0;
+  if (!getConfiguration()->getInteger(DISCOVERY_PAGE_SIZE_KEY, records) || records == 0)
+    return;
+  auto const refused = [](CORBA::SystemException const& exception)
+  {
+    OZF_LOG(getOzfLogger(), 4, SOURCE, "RemoteDB::requestPageSize",
+            "The other host chooses its pages itself: " << corbaExceptionText(exception));
+  };
+  try
+  {
+    iterator->pageSize(static_cast<CORBA::Long>(records));
+  }
+  catch (CORBA::BAD_PARAM const& exception)
+  {
+    refused(exception);
+  }
+  catch (CORBA::BAD_OPERATION const& exception)
+  {
+    refused(exception);
+  }
+  catch (CORBA::NO_IMPLEMENT const& exception)
+  {
+    refused(exception);
+  }
+  catch (CORBA::NO_PERMISSION const& exception)
+  {
+    refused(exception);
+  }
+  catch (CORBA::UNKNOWN const& exception)
+  {
+    refused(exception);
+  }
+}
 
 RemoteDBCreator::RemoteDBCreator() { setIsMaster(); }
 
@@ -165,6 +203,7 @@ void RemoteDiscoveryIterator::fetch(Remote::DiscoveryIterator_ptr remote)
   AutoReleaseIterator<Remote::DiscoveryIterator_var, Remote::DiscoveryIterator_ptr> iterator(
       Remote::DiscoveryIterator::_duplicate(remote));
   DrainLimit const limit = DrainLimit::forAnswer();
+  requestPageSize(remote);
   for (std::size_t calls = 0;; ++calls)
   {
     if (getPeers().isShuttingDown())

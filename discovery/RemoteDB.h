@@ -172,6 +172,11 @@ private:
   RemoteCollectionData* remoteData(char const* operation) const;
 };
 
+// Asks a peer for pages of DISCOVERY_PAGE_SIZE records, when that is configured.
+// One that refuses goes on with pages of its own size, which any page may be of.
+// Throws the CORBA exceptions that tell of no answer.
+TQ_EXPORT void requestPageSize(Remote::DiscoveryIterator_ptr iterator);
+
 // The discoveries behind a remote iterator, all fetched at construction. All
 // these lists of the process share the bounds of HeldRecords.
 class TQ_EXPORT RemoteDiscoveryIterator : public virtual DiscoveryIterator

@@ -21,8 +21,9 @@
 // line in the log says why: where lines go is for LoggerFactory to say.
 // Programs that are wrong, such as a query without initDiscoveryResearch, meet
 // an AssertionFailure. The master is the one that the configuration names
-// (SERVER in tq.conf). COLLECTION_PAGE_SIZE should be set there, or with
-// overrideConfiguration: without it payloads travel in pages of a few bytes.
+// (SERVER in tq.conf). COLLECTION_PAGE_SIZE and DISCOVERY_PAGE_SIZE should be set
+// there, or with overrideConfiguration: without them payloads travel in pages of
+// a few bytes, and lists in pages of a few records.
 
 #pragma once
 

@@ -217,11 +217,13 @@ int Connection::chooseMaster()
     }
     m_master = *server;
   }
-  // The protocol's own pages hold eight bytes, and its writes 1,024.
+  // The protocol's own pages hold eight bytes, or nine records, and its writes 1,024.
   if (getConfiguration()->find(COLLECTION_PAGE_SIZE_KEY.name) == nullptr)
     overrideConfiguration(COLLECTION_PAGE_SIZE_KEY.name, "65536");
   if (getConfiguration()->find(COLLECTION_WRITE_SIZE_KEY.name) == nullptr)
     overrideConfiguration(COLLECTION_WRITE_SIZE_KEY.name, "65536");
+  if (getConfiguration()->find(DISCOVERY_PAGE_SIZE_KEY.name) == nullptr)
+    overrideConfiguration(DISCOVERY_PAGE_SIZE_KEY.name, "500");
   m_place = placeOf(m_master);
   return EXIT_DONE;
 }

@@ -27,8 +27,6 @@ namespace
 
 constexpr std::size_t MAX_REGISTRATION = 1 << 20;
 constexpr std::size_t MOST_LISTED = std::size_t(64) << 20;
-// The protocol's own pages hold nine, and each costs a round trip.
-constexpr CORBA::Long RECORDS_IN_A_PAGE = 500;
 constexpr char NOT_QUERIED[] = "the service could not be queried; --verbose shows why";
 
 using RemoteIterator =
@@ -140,7 +138,7 @@ std::unique_ptr<RemoteIterator> queryMaster(DiscoveryQuery kind, AuthorityType t
   if (!CORBA::is_nil(iterator))
   {
     auto held = std::make_unique<RemoteIterator>(iterator._retn());
-    (*held)->pageSize(RECORDS_IN_A_PAGE);
+    requestPageSize(held->operator->());
     return held;
   }
   tell("the service gave no list of discoveries");

@@ -276,9 +276,11 @@ try
     return EXIT_FAILED;
   }
   request.master = *master;
-  // Payloads come in pages, and those that a service sends unasked are small.
+  // Payloads and lists come in pages, and those that a service sends unasked are small.
   if (configuration->find("COLLECTION_PAGE_SIZE") == nullptr)
     overrideConfiguration("COLLECTION_PAGE_SIZE", "65536");
+  if (configuration->find("DISCOVERY_PAGE_SIZE") == nullptr)
+    overrideConfiguration("DISCOVERY_PAGE_SIZE", "500");
 
   Research const research;
   return readDiscoveries(request);

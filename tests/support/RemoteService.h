@@ -106,11 +106,18 @@ public:
   bool endless = false; // the last page again and again
   Before beforePage;
   Before beforeRelease;
+  std::function<void(long)> takePageSize; // empty: nobody sets it
   std::atomic<int> pagesAsked{0};
   std::atomic<int> releases{0};
 
   CORBA::Long pageSize() override { return 8; }
-  void pageSize(CORBA::Long) override { ADD_FAILURE() << "nobody sets this page size"; }
+  void pageSize(CORBA::Long size) override
+  {
+    if (takePageSize)
+      takePageSize(size);
+    else
+      ADD_FAILURE() << "nobody sets this page size";
+  }
 
   Remote::DiscoverySeq* getNextPage() override
   {

@@ -175,6 +175,49 @@ TEST_F(RemoteDBTest, IteratorFetchesEverythingBeforeTheFirstDiscoveryIsAsked)
   EXPECT_EQ(pages->pagesAsked, 3);
 }
 
+TEST_F(RemoteDBTest, IteratorAsksForPagesOfTheConfiguredSizeAndTakesAnyOther)
+{
+  auto* const pages =
+      serveRecords({std::vector(3, makeRecord("a")), {makeRecord("b")}, {makeRecord("c")}});
+  std::vector<long> asked;
+  pages->takePageSize = [&](long size)
+  {
+    EXPECT_EQ(pages->pagesAsked, 0);
+    asked.push_back(size);
+  };
+  configure("DISCOVERY_PAGE_SIZE = 500\n");
+  auto const iterator = makeIterator();
+  EXPECT_EQ(asked, std::vector<long>{500});
+  EXPECT_EQ(iterator->failure(), "");
+  std::string subjects;
+  while (AutoDereference<Discovery> const discovery{iterator->getNext()})
+    subjects += discovery->getSubject()->getName().str();
+  EXPECT_EQ(subjects, "aaabc");
+}
+
+TEST_F(RemoteDBTest, IteratorUnderstandsAPeerThatRefusesThePageSize)
+{
+  auto* const pages = serveRecords({{makeRecord("a")}, {makeRecord("b")}});
+  configure("DISCOVERY_PAGE_SIZE = 500\n");
+  for (std::function<void()> const& refuse :
+       std::initializer_list<std::function<void()>>{
+           [] { throw CORBA::NO_IMPLEMENT(0, CORBA::COMPLETED_NO); },
+           [] { throw CORBA::BAD_OPERATION(0, CORBA::COMPLETED_NO); },
+           [] { throw CORBA::BAD_PARAM(0, CORBA::COMPLETED_NO); },
+           [] { throw CORBA::NO_PERMISSION(0, CORBA::COMPLETED_NO); },
+           [] { throw CORBA::UNKNOWN(0, CORBA::COMPLETED_NO); }})
+  {
+    pages->takePageSize = [&refuse](long) { refuse(); };
+    pages->pagesAsked = 0;
+    auto const iterator = makeIterator();
+    EXPECT_EQ(iterator->failure(), "");
+    EXPECT_EQ(pages->pagesAsked, 3);
+    EXPECT_TRUE(AutoDereference<Discovery>(iterator->getNext()));
+  }
+  pages->takePageSize = [](long) { throw CORBA::COMM_FAILURE(0, CORBA::COMPLETED_NO); };
+  EXPECT_NE(makeIterator()->failure(), "");
+}
+
 TEST_F(RemoteDBTest, IteratorOverNothingIsAtItsEnd)
 {
   auto* const pages = serveRecords({});
