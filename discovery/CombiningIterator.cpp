@@ -24,4 +24,18 @@ Discovery* CombiningIterator::getNext()
   return nullptr;
 }
 
+bool CombiningIterator::list(Taker const& take)
+{
+  for (; m_current < m_children.size(); ++m_current)
+  {
+    DiscoveryIterator& child = *m_children[m_current];
+    bool const more = child.list(take);
+    if (child.isIncomplete())
+      setIncomplete();
+    if (more)
+      return true;
+  }
+  return false;
+}
+
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -19,6 +19,7 @@ public:
                     std::vector<AutoDereference<DiscoveryIterator>> const& children);
 
   Discovery* getNext() override;
+  bool list(Taker const& take) override;
 
 private:
   std::vector<AutoDereference<DiscoveryIterator>> m_children;

@@ -2,6 +2,7 @@
 
 #include "discovery/DiscDBDiscovery.h"
 #include "discovery/DiscDBFiles.h"
+#include "discovery/DiscDBIndex.h"
 #include "discovery/DiscoveryLog.h"
 #include "ozf/base/OzfPathname.h"
 #include "ozf/base/SystemError.h"
@@ -23,6 +24,7 @@
 #include <new>
 #include <optional>
 #include <string_view>
+#include <utility>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
@@ -30,6 +32,7 @@ namespace
 {
 
 constexpr char SOURCE[] = "DiscDB";
+constexpr char NEXT[] = "DBDiscoveryIterator::getNext";
 
 // A link that leads nowhere counts as there: it deserves its log line.
 bool isAbsent(std::string const& path)
@@ -108,7 +111,18 @@ void DiscoveryDBCreator::init(std::string const& name)
 DiscoveryIterator* DiscoveryDBCreator::getIterator(DiscoveryQuery) const
 {
   OZF_ASSERT(m_init, "m_init", SOURCE, "DiscoveryDBCreator::getIterator");
-  return new DBDiscoveryIterator(m_directory.c_str(), *this);
+  std::lock_guard const lock(m_indexMutex);
+  return new DBDiscoveryIterator(m_directory.c_str(), *this, m_index);
+}
+
+void DiscoveryDBCreator::keepIndex(bool keep)
+{
+  OZF_ASSERT(m_init, "m_init", SOURCE, "DiscoveryDBCreator::keepIndex");
+  std::shared_ptr<DiscoveryIndex> index; // one given up goes without the lock
+  if (keep)
+    index = std::make_shared<DiscoveryIndex>(m_directory);
+  std::lock_guard const lock(m_indexMutex);
+  m_index.swap(index);
 }
 
 Discovery* DiscoveryDBCreator::newDiscovery(DiscoveryQuery query)
@@ -211,8 +225,12 @@ DiscoveryDBCreator* getDiscoveryDBDatabase()
   return ACE_Singleton<DiscoveryDBCreator, ACE_Recursive_Thread_Mutex>::instance();
 }
 
-DBDiscoveryIterator::DBDiscoveryIterator(char const* dir, DiscoveryDBCreator const& creator)
-    : DiscoveryIterator(AT_ANYANDALL, "*", "*"), m_creator(creator), m_dirName(dir)
+DBDiscoveryIterator::DBDiscoveryIterator(char const* dir, DiscoveryDBCreator const& creator,
+                                         std::shared_ptr<DiscoveryIndex> index)
+    : DiscoveryIterator(AT_ANYANDALL, "*", "*"),
+      m_creator(creator),
+      m_dirName(dir),
+      m_index(std::move(index))
 {
 }
 
@@ -254,32 +272,95 @@ Discovery* DBDiscoveryIterator::getNext()
   }
 }
 
-Discovery* DBDiscoveryIterator::findNext()
+bool DBDiscoveryIterator::list(Taker const& take)
 {
-  constexpr char OPERATION[] = "DBDiscoveryIterator::getNext";
-  if (m_exhausted)
-    return nullptr;
+  if (m_index && m_directory == nullptr && !m_exhausted && isPattern())
+  {
+    try
+    {
+      if (auto const more = listIndexed(take))
+        return *more;
+    }
+    catch (...)
+    {
+      setIncomplete();
+      throw;
+    }
+    m_index.reset(); // what is left is walked
+  }
+  return DiscoveryIterator::list(take);
+}
+
+// What list is to return; nothing when there is no index any more.
+std::optional<bool> DBDiscoveryIterator::listIndexed(Taker const& take)
+{
+  using Match = DiscoveryIndex::Match;
+  auto const match = [this](std::string_view name)
+  {
+    if (wildcardcmp(m_pattern, name) == 0)
+      return Match::NAME;
+    return holdsCutKey(name) ? Match::MAYBE : Match::NONE;
+  };
+  DiscoveryIndex::Unread unread;
+  for (int round = 0; round < REPLACED_LIMIT && m_index->update(); ++round)
+  {
+    DiscoveryIndex::Listed listed;
+    while ((listed = m_index->list(m_listed, match, getAuthorityType(), take, unread)) ==
+           DiscoveryIndex::Listed::UNREAD)
+    {
+      // It may have gone since the update, and is no loss then.
+      AutoDereference<Discovery> const discovery(fetch(unread.name.c_str(), true));
+      if (!discovery)
+        continue;
+      m_index->learn(unread, *discovery);
+      if (isWanted(*discovery) && (match(unread.name) == Match::NAME || answers(*discovery)) &&
+          !take(ListedDiscovery::of(*discovery)))
+        return true;
+    }
+    m_exhausted = listed == DiscoveryIndex::Listed::END;
+    if (listed != DiscoveryIndex::Listed::UNKNOWN)
+      return !m_exhausted;
+  }
+  return std::nullopt;
+}
+
+// Makes the pattern; false when it names one file.
+bool DBDiscoveryIterator::isPattern()
+{
   if (m_pattern.empty())
   {
     AuthorityType const type = getAuthorityType();
     m_pattern = (type == AT_ANYANDALL ? "*" : std::to_string(static_cast<int>(type))) + ' ' +
                 getAuthorityFilter() + ' ' + getSubjectFilter() + ".xml";
-    if (m_pattern.find('*') == std::string::npos)
-    {
-      m_exhausted = true;
-      return fetch(m_pattern.c_str(), true);
-    }
-    m_directory = ::opendir(m_dirName.c_str());
-    if (m_directory == nullptr)
-    {
-      int const error = errno;
-      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
-              "Unable to open directory " << m_dirName << ": " << errorText(error));
-      m_exhausted = true;
-      failed(error);
-      return nullptr;
-    }
   }
+  return m_pattern.find('*') != std::string::npos;
+}
+
+bool DBDiscoveryIterator::openDirectory()
+{
+  m_directory = ::opendir(m_dirName.c_str());
+  if (m_directory != nullptr)
+    return true;
+  int const error = errno;
+  OZF_LOG(getOzfLogger(), 1, SOURCE, NEXT,
+          "Unable to open directory " << m_dirName << ": " << errorText(error));
+  m_exhausted = true;
+  failed(error);
+  return false;
+}
+
+Discovery* DBDiscoveryIterator::findNext()
+{
+  if (m_exhausted)
+    return nullptr;
+  if (!isPattern())
+  {
+    m_exhausted = true;
+    AutoDereference<Discovery> discovery(fetch(m_pattern.c_str(), true));
+    return discovery && isWanted(*discovery) ? discovery.release() : nullptr;
+  }
+  if (m_directory == nullptr && !openDirectory())
+    return nullptr;
 
   for (;;)
   {
@@ -290,22 +371,30 @@ Discovery* DBDiscoveryIterator::findNext()
     std::string_view const name(entry->d_name);
     if (!name.ends_with(".xml")) // half of the entries are payloads
       continue;
+    if (name <= m_listed) // from the index
+      continue;
     bool const named = wildcardcmp(m_pattern, name) == 0;
     if (!named && !holdsCutKey(name))
       continue;
     AutoDereference<Discovery> discovery(fetch(entry->d_name, false));
-    if (discovery && (named || answers(*discovery)))
+    if (discovery && isWanted(*discovery) && (named || answers(*discovery)))
       return discovery.release();
   }
   int const error = errno;
   close();
   if (error != 0)
   {
-    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+    OZF_LOG(getOzfLogger(), 1, SOURCE, NEXT,
             "Unable to read directory " << m_dirName << ": " << errorText(error));
     failed(error);
   }
   return nullptr;
+}
+
+bool DBDiscoveryIterator::isWanted(Discovery const& discovery) const
+{
+  return discovery.getAuthority()->getType() != AT_REMOTEPULL ||
+         getAuthorityType() == AT_REMOTEPULL;
 }
 
 bool DBDiscoveryIterator::answers(Discovery const& discovery) const
@@ -323,9 +412,6 @@ Discovery* DBDiscoveryIterator::fetch(char const* name, bool mayBeAbsent)
   AutoDereference<Discovery> discovery(m_creator.getDiscovery(name, mayBeAbsent, error));
   if (error != 0)
     failed(error);
-  if (discovery && discovery->getAuthority()->getType() == AT_REMOTEPULL &&
-      getAuthorityType() != AT_REMOTEPULL)
-    return nullptr;
   return discovery.release();
 }
 

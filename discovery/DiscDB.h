@@ -8,10 +8,15 @@
 
 #include <dirent.h>
 
+#include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
+
+class DiscoveryIndex;
 
 // Makes discoveries and iterators of one store. Both results carry one
 // reference for the caller.
@@ -58,12 +63,18 @@ public:
   // be found out.
   bool isStored(Discovery const& discovery) const;
 
+  // From now on the iterators answer lists from an index of the directory, which
+  // the first list makes; or no longer. For a service, which lists again and again.
+  void keepIndex(bool keep);
+
   std::string const& getDirectory() const noexcept { return m_directory; }
   bool isInitialized() const noexcept { return m_init; }
 
 private:
   std::string m_directory;
   bool m_init = false;
+  mutable std::mutex m_indexMutex;
+  std::shared_ptr<DiscoveryIndex> m_index; // iterators have a share; null: none is kept
 };
 
 // The process's one creator, made on first use.
@@ -79,17 +90,23 @@ TQ_EXPORT DiscoveryDBCreator* getDiscoveryDBDatabase();
 class TQ_EXPORT DBDiscoveryIterator : public virtual DiscoveryIterator
 {
 public:
-  // Over the directory of that creator, which outlives it.
-  DBDiscoveryIterator(char const* dir, DiscoveryDBCreator const& creator);
+  // Over the directory of that creator, which outlives it. index may be null.
+  DBDiscoveryIterator(char const* dir, DiscoveryDBCreator const& creator,
+                      std::shared_ptr<DiscoveryIndex> index = nullptr);
   // Over that of the process's one creator.
   explicit DBDiscoveryIterator(char const* dir);
   ~DBDiscoveryIterator() override;
 
   Discovery* getNext() override;
+  bool list(Taker const& take) override;
 
 private:
+  bool isPattern();
+  bool openDirectory();
   Discovery* findNext();
+  std::optional<bool> listIndexed(Taker const& take);
   Discovery* fetch(char const* name, bool mayBeAbsent);
+  bool isWanted(Discovery const& discovery) const;
   // Whether the filters match the names themselves.
   bool answers(Discovery const& discovery) const;
   void close();
@@ -97,8 +114,10 @@ private:
 
   DiscoveryDBCreator const& m_creator;
   std::string m_dirName;
-  DIR* m_directory = nullptr; // open from the first getNext that walks to the end
-  std::string m_pattern;      // empty until the first getNext
+  std::shared_ptr<DiscoveryIndex> m_index; // null: the directory is walked
+  std::string m_listed;                    // the last name that was met in the index
+  DIR* m_directory = nullptr;              // open from the first getNext that walks to the end
+  std::string m_pattern;                   // empty until the first getNext or list
   bool m_exhausted = false;
 };
 

@@ -5,6 +5,7 @@
 #include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryRepository.h"
 #include "discovery/DiscoveryServant.h"
+#include "discovery/MetadataCache.h"
 #include "discovery/OpenWriters.h"
 #include "discovery/Peers.h"
 #include "ozf/config/HostRole.h"
@@ -90,6 +91,8 @@ void DiscoveryFramework::activate()
     m_orb->destroyObjectRef(m_served->reference);
     m_orb->destroyObjectRef(m_served->ownReference);
     m_served.reset();
+    if (getDiscoveryDBDatabase()->isInitialized())
+      getDiscoveryDBDatabase()->keepIndex(false);
   };
   try
   {
@@ -99,6 +102,8 @@ void DiscoveryFramework::activate()
     m_served->servant = newDiscoveryServant();
     m_served->reference = m_orb->activateObject(m_served->servant.in());
     getDiscoveryDBDatabase()->init(m_name);
+    configureMetadataCache();
+    getDiscoveryDBDatabase()->keepIndex(true);
     m_orb->setIdleTask([] { Remote::getOpenWriters().dropIdle(); });
     m_orb->advertiseObject(DISCOVERY_SERVICE, m_served->reference);
     m_served->ownServant = newOwnCollectionsServant();
@@ -180,6 +185,7 @@ void DiscoveryFramework::fini()
   {
     released = attempt(OPERATION, [this] { m_served->rootPOA->destroy(false, true); });
     m_served.reset();
+    getDiscoveryDBDatabase()->keepIndex(false);
   }
   if (--m_init > 0)
     return;

@@ -30,6 +30,28 @@ constexpr std::size_t RECORD_OVERHEAD = 96;
 // a caller asked for.
 constexpr CORBA::Long MAX_PREALLOCATED = 256;
 
+// Left to itself a sequence copies all of its records for each one that is added.
+void makeRoom(DiscoverySeq& page)
+{
+  DiscoverySeq larger(2 * page.maximum() + 1);
+  larger.length(page.length());
+  for (CORBA::ULong i = 0; i < page.length(); ++i)
+  {
+    Discovery& from = page[i];
+    Discovery& to = larger[i];
+    to.queryType = from.queryType;
+    to.subject = from.subject._retn();
+    to.authority = from.authority._retn();
+    to.authType = from.authType;
+    to.attributes = from.attributes;
+    to.sourceHost = from.sourceHost._retn();
+    to.sourceServiceName = from.sourceServiceName._retn();
+  }
+  CORBA::ULong const length = larger.length();
+  CORBA::ULong const maximum = larger.maximum();
+  page.replace(maximum, length, larger.get_buffer(true), true);
+}
+
 } // namespace
 
 // ---- their idle time ----
@@ -102,31 +124,32 @@ DiscoverySeq* DiscoveryIterator_i::getNextPage()
 
   std::string const localService = getDiscoveryRepository().getOrbServiceName();
   std::size_t bytes = 0;
-  // Until the page is whole: an exception would take it along.
-  bool const lostBefore = std::exchange(m_lostPage, true);
-  for (CORBA::Long count = 0;
-       count <= m_pageSize && bytes < static_cast<std::size_t>(MAX_PAGE_BYTES); ++count)
+  CORBA::Long count = 0;
+  auto const take = [&](ListedDiscovery const& listed)
   {
-    AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::Discovery> const discovery(
-        m_discoveryIterator->getNext());
-    if (!discovery)
-      break;
+    if (page->length() == page->maximum())
+      makeRoom(page.inout());
     page->length(page->length() + 1);
     Discovery& record = page[page->length() - 1];
     record.queryType = DQ_UNDEFINED;
-    record.subject = discovery->getSubject()->getName().c_str();
-    record.authority = discovery->getAuthority()->getName().c_str();
-    record.authType = discovery->getAuthority()->getType();
-    toWire(discovery->getAttributes(), record.attributes);
+    record.subject = listed.subject.c_str();
+    record.authority = listed.authority.c_str();
+    record.authType = listed.authorityType;
+    toWire(listed.attributes, record.attributes);
     record.sourceHost = m_localHost.c_str();
-    auto const* const remote = dynamic_cast<RemoteExplorerPull const*>(discovery.get());
+    auto const* const remote = dynamic_cast<RemoteExplorerPull const*>(listed.discovery);
     record.sourceServiceName =
         remote != nullptr ? remote->getServiceName().c_str() : localService.c_str();
-    bytes += RECORD_OVERHEAD + discovery->getSubject()->getName().size() +
-             discovery->getAuthority()->getName().size() + m_localHost.size() + localService.size();
+    bytes += RECORD_OVERHEAD + listed.subject.size() + listed.authority.size() +
+             m_localHost.size() + localService.size();
     if (count == m_pageSize)
-      break; // the counter of the greatest page size must not overflow
-  }
+      return false; // the counter of the greatest page size must not overflow
+    ++count;
+    return bytes < static_cast<std::size_t>(MAX_PAGE_BYTES);
+  };
+  // Until the page is whole: an exception would take it along.
+  bool const lostBefore = std::exchange(m_lostPage, true);
+  m_discoveryIterator->list(take);
   m_lostPage = lostBefore;
   if (page->length() == 0 && (m_lostPage || m_discoveryIterator->isIncomplete()))
     throw CORBA::PERSIST_STORE(0, CORBA::COMPLETED_NO);
