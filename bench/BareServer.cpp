@@ -21,8 +21,7 @@ using namespace Quillon::Tessarine::Ozf;
 namespace Remote = DiscoverySvc::Remote;
 namespace Skeletons = POA_Quillon::Tessarine::Ozf::DiscoverySvc::Remote;
 
-// A page of the service holds one record more than its page size says.
-constexpr std::size_t RECORDS_PER_PAGE = 9;
+constexpr std::size_t DEFAULT_RECORDS = 8;
 
 // What lies ready in items, one page after the other.
 template <class Sequence, class Item>
@@ -39,16 +38,18 @@ class Records : public Skeletons::DiscoveryIterator
 public:
   explicit Records(std::vector<Remote::Discovery> records) : m_records(std::move(records)) {}
 
-  CORBA::Long pageSize() override { return RECORDS_PER_PAGE - 1; }
-  void pageSize(CORBA::Long) override {}
+  CORBA::Long pageSize() override { return static_cast<CORBA::Long>(m_pageSize); }
+  void pageSize(CORBA::Long size) override { m_pageSize = static_cast<std::size_t>(size); }
   Remote::DiscoverySeq* getNextPage() override
   {
-    return pageOf<Remote::DiscoverySeq>(m_records, m_next, RECORDS_PER_PAGE);
+    // A page of the service holds one record more than its page size says.
+    return pageOf<Remote::DiscoverySeq>(m_records, m_next, m_pageSize + 1);
   }
   void release() override {}
 
 private:
   std::vector<Remote::Discovery> m_records;
+  std::size_t m_pageSize = DEFAULT_RECORDS;
   std::size_t m_next = 0;
 };
 

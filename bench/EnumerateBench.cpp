@@ -1,8 +1,11 @@
-// A walk over the whole database.
+// A walk over the whole database, and a list of it from the service's index.
 
 #include "bench/BareFiles.h"
 #include "bench/Bench.h"
 #include "bench/Records.h"
+#include "bench/SqliteList.h"
+
+#include "discovery/MetadataCache.h"
 
 namespace tqbench
 {
@@ -10,14 +13,47 @@ namespace
 {
 
 constexpr int ROUNDS = 7;
+constexpr int LIST_ROUNDS = 21;
+
+// What the first list after a start may take, in ms.
+constexpr double FIRST_LIST = 1000;
+
+AutoDereference<DiscoveryIterator> everything()
+{
+  return AutoDereference<DiscoveryIterator>(
+      getDiscoveryDBDatabase()->getIterator(DQ_DISCOVERY_DATA));
+}
 
 std::size_t enumerate()
 {
-  AutoDereference<DiscoveryIterator> iterator(
-      getDiscoveryDBDatabase()->getIterator(DQ_DISCOVERY_DATA));
+  auto const iterator = everything();
   std::size_t found = 0;
   while (AutoDereference<Discovery> const discovery{iterator->getNext()})
     ++found;
+  return found;
+}
+
+std::size_t list(std::function<void(ListRow const&)> const& take)
+{
+  constexpr std::int64_t MICROSECONDS = 1'000'000;
+  std::size_t found = 0;
+  ListRow row;
+  auto const iterator = everything();
+  iterator->list(
+      [&](ListedDiscovery const& listed)
+      {
+        CollectionAttributes const& attributes = *listed.attributes;
+        row.subject = listed.subject;
+        row.authority = listed.authority;
+        row.authorityType = listed.authorityType;
+        row.collectionType = attributes.getType();
+        row.storage = attributes.getStorage();
+        row.discoveryTime = attributes.getDiscoveryTime().seconds();
+        row.expiresTime = attributes.getExpiresTime().seconds() * MICROSECONDS +
+                          attributes.getExpiresTime().microseconds();
+        take(row);
+        return ++found > 0;
+      });
   return found;
 }
 
@@ -33,13 +69,46 @@ std::vector<Row> benchEnumerate(Settings const& settings)
     require(found == settings.records, "not every discovery was found");
     return seconds;
   };
-  std::vector<double> const times =
+  std::vector<double> const walks =
       alternate(settings,
                 {{"product", [&] { return round(enumerate); }},
                  {"floor", [&] { return round([&] { return bareEnumerate(directory); }); }}},
                 ROUNDS);
-  return {{"enumerate " + std::to_string(settings.records) + " discoveries", "ms", times[0] * 1e3,
-           "readdir, open, lock, stat, read, close", times[1] * 1e3, 2.5}};
+
+  std::string const records = std::to_string(settings.records) + " discoveries";
+  std::int64_t sum = 0; // so that nothing of it can be left out
+  auto const add = [&sum](ListRow const& row)
+  { sum += static_cast<std::int64_t>(row.subject.size()) + row.expiresTime + row.discoveryTime; };
+  auto const listAll = [&add] { return list(add); };
+
+  // A process that has just started has parsed nothing.
+  getMetadataCache().limit(0);
+  std::vector<double> first;
+  for (int i = 0; i < ROUNDS; ++i)
+  {
+    getDiscoveryDBDatabase()->keepIndex(false);
+    getDiscoveryDBDatabase()->keepIndex(true);
+    first.push_back(round(listAll));
+  }
+
+  SqliteList sqlite(settings.directory + "/list.sqlite");
+  list([&sqlite](ListRow const& row) { sqlite.add(row); });
+  std::vector<double> const lists =
+      alternate(settings,
+                {{"product", [&] { return round(listAll); }},
+                 {"sqlite", [&] { return round([&] { return sqlite.list(add); }); }}},
+                LIST_ROUNDS);
+  require(sum != 0, "the lists are empty");
+  return {{"enumerate " + records + ", not the first walk", "ms", walks[0] * 1e3,
+           "readdir, open, lock, stat, read, close", walks[1] * 1e3, 1.4},
+          {"list " + records + " in the service", "ms", lists[0] * 1e3,
+           "SQLite, the same columns, prepared", lists[1] * 1e3, 1.0},
+          {"the same, the first after a start, all of it",
+           "ms",
+           median(first) * 1e3,
+           "",
+           {},
+           FIRST_LIST}};
 }
 
 } // namespace tqbench

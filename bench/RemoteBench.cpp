@@ -1,7 +1,6 @@
 // Discoveries and payloads read from the service, another process on loopback,
 // beside bare calls that fetch pages of the same size.
 
-#include "bench/BareFiles.h"
 #include "bench/BareServer.h"
 #include "bench/Bench.h"
 #include "bench/Records.h"
@@ -27,6 +26,8 @@ namespace
 
 constexpr int QUERY_ROUNDS = 21;
 constexpr std::size_t QUERIED_RECORDS = 10000;
+constexpr CORBA::Long DEFAULT_RECORDS = 8; // a page; one more is sent
+constexpr CORBA::Long MANY_RECORDS = 500;
 
 constexpr int PAYLOAD_ROUNDS = 201;
 constexpr std::size_t PAYLOAD_SIZE = std::size_t(1) << 20;
@@ -205,22 +206,20 @@ std::vector<Row> benchQuery(Settings const& settings)
 {
   std::size_t const records = std::min(settings.records, QUERIED_RECORDS);
   makeDatabase(settings.directory, records);
-  std::string const directory = openDatabase(settings.directory);
+  openDatabase(settings.directory);
   Processes processes(settings, "", wireRecords(records));
+  CORBA::Long pageSize = DEFAULT_RECORDS;
 
   auto const walkService = [&]
   {
     Remote::DiscoveryIterator_var const iterator =
         processes.service->queryDiscoveries(DQ_DISCOVERY_DATA, AT_ANYANDALL, "*", AUTHORITY);
+    iterator->pageSize(pageSize);
     Fetched const fetched = drain(iterator.in());
     iterator->release();
     return fetched;
   };
   auto const walkBare = [&] { return drain(processes.bareRecords.in()); };
-  auto const walkFiles = [&] { return bareEnumerate(directory); };
-  Fetched const expected = walkBare();
-  require(expected.items == records && walkService() == expected, "the two sides are not alike");
-
   auto const round = [](auto walk, auto wanted)
   {
     return [=]
@@ -231,22 +230,28 @@ std::vector<Row> benchQuery(Settings const& settings)
       return seconds;
     };
   };
-  std::vector<double> const times = alternate(settings,
-                                              {{"product", round(countAll, records)},
-                                               {"service", round(walkService, expected)},
-                                               {"floor", round(walkBare, expected)},
-                                               {"files", round(walkFiles, records)}},
-                                              QUERY_ROUNDS);
-  std::string const work = "query " + std::to_string(records) + " discoveries, ";
-  std::string const floor = std::to_string(expected.calls) + " bare calls, pages of 9";
-  return {{work + "remote reader", "ms", times[0] * 1e3, floor, times[2] * 1e3, 1.5},
-          {work + "service alone", "ms", times[1] * 1e3, floor, times[2] * 1e3, {}},
-          {work + "service alone",
-           "ms",
-           times[1] * 1e3,
-           "the same and the files' system calls",
-           (times[2] + times[3]) * 1e3,
-           {}}};
+  auto const compare = [&](std::string const& pages, double target) -> std::vector<Row>
+  {
+    processes.bareRecords->pageSize(pageSize);
+    Fetched const expected = walkBare();
+    require(expected.items == records && walkService() == expected, "the two sides are not alike");
+    std::vector<double> const times = alternate(settings,
+                                                {{"product", round(countAll, records)},
+                                                 {"service", round(walkService, expected)},
+                                                 {"floor", round(walkBare, expected)}},
+                                                QUERY_ROUNDS);
+    std::string const work = "query " + std::to_string(records) + " discoveries, " + pages + ", ";
+    std::string const floor = std::to_string(expected.calls) + " bare calls, pages ready";
+    return {{work + "remote reader", "ms", times[0] * 1e3, floor, times[2] * 1e3, target},
+            {work + "service alone", "ms", times[1] * 1e3, floor, times[2] * 1e3, {}}};
+  };
+
+  std::vector<Row> rows = compare("pages of 9 (default)", 1.5);
+  pageSize = MANY_RECORDS;
+  processes.configure("DISCOVERY_PAGE_SIZE = " + std::to_string(MANY_RECORDS) + '\n');
+  std::vector<Row> const more = compare("pages of 500", 2.0);
+  rows.insert(rows.end(), more.begin(), more.end());
+  return rows;
 }
 
 std::vector<Row> benchPayload(Settings const& settings)
