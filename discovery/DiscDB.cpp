@@ -140,7 +140,7 @@ Discovery* DiscoveryDBCreator::getDiscovery(char const* metadataFileName) const
 }
 
 Discovery* DiscoveryDBCreator::getDiscovery(char const* metadataFileName, bool mayBeAbsent,
-                                            int& error) const
+                                            int& error, bool once) const
 {
   constexpr char OPERATION[] = "DiscoveryDBCreator::getDiscovery";
   error = 0;
@@ -173,6 +173,8 @@ Discovery* DiscoveryDBCreator::getDiscovery(char const* metadataFileName, bool m
     dataPath.replace(dataPath.size() - 3, 3, "dat");
     auto data = std::make_unique<DBCollectionData>(OzfPathname(std::move(dataPath)));
     discovery.reset(new DBDiscovery(lock.release(), data.release(), DQ_DISCOVERY_DATA, path));
+    if (once)
+      discovery->readOnce();
     bool const loaded = discovery->load();
     // Deleted while we waited for the lock? A new file may be in its place.
     if ((waited || !loaded) && !isFileAt(fd, path.c_str()))
@@ -308,8 +310,9 @@ std::optional<bool> DBDiscoveryIterator::listIndexed(Taker const& take)
     while ((listed = m_index->list(m_listed, match, getAuthorityType(), take, unread)) ==
            DiscoveryIndex::Listed::UNREAD)
     {
-      // It may have gone since the update, and is no loss then.
-      AutoDereference<Discovery> const discovery(fetch(unread.name.c_str(), true));
+      // It may have gone since the update, and is no loss then. What it says will be
+      // in the index.
+      AutoDereference<Discovery> const discovery(fetch(unread.name.c_str(), true, true));
       if (!discovery)
         continue;
       m_index->learn(unread, *discovery);
@@ -406,10 +409,10 @@ bool DBDiscoveryIterator::answers(Discovery const& discovery) const
          matches(getSubjectFilter(), subject.getFileKey(), subject.getName());
 }
 
-Discovery* DBDiscoveryIterator::fetch(char const* name, bool mayBeAbsent)
+Discovery* DBDiscoveryIterator::fetch(char const* name, bool mayBeAbsent, bool once)
 {
   int error = 0;
-  AutoDereference<Discovery> discovery(m_creator.getDiscovery(name, mayBeAbsent, error));
+  AutoDereference<Discovery> discovery(m_creator.getDiscovery(name, mayBeAbsent, error, once));
   if (error != 0)
     failed(error);
   return discovery.release();

@@ -56,8 +56,9 @@ public:
 
   // The same; with mayBeAbsent a file that is not there costs no log line.
   // error is 0, or the error of the system because of which a file that may be
-  // sound is not returned.
-  Discovery* getDiscovery(char const* metadataFileName, bool mayBeAbsent, int& error) const;
+  // sound is not returned. With once, what it says is not kept for the next reader.
+  Discovery* getDiscovery(char const* metadataFileName, bool mayBeAbsent, int& error,
+                          bool once = false) const;
 
   // Whether there is a metadata file for the names of the discovery, or it cannot
   // be found out.
@@ -105,7 +106,7 @@ private:
   bool openDirectory();
   Discovery* findNext();
   std::optional<bool> listIndexed(Taker const& take);
-  Discovery* fetch(char const* name, bool mayBeAbsent);
+  Discovery* fetch(char const* name, bool mayBeAbsent, bool once = false);
   bool isWanted(Discovery const& discovery) const;
   // Whether the filters match the names themselves.
   bool answers(Discovery const& discovery) const;

@@ -151,7 +151,7 @@ bool DBDiscovery::parseText(std::string const& text)
   }
   if (!parseBuffer(text))
     return false;
-  if (fresh && getAuthority() != nullptr && getSubject() != nullptr)
+  if (fresh && !m_once && getAuthority() != nullptr && getSubject() != nullptr)
     cache.keep(text, *this);
   return true;
 }

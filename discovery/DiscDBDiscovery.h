@@ -48,6 +48,9 @@ public:
   bool load(char const* text);
   bool load(std::string text);
 
+  // What load reads is not kept for the next reader of the same text.
+  void readOnce() noexcept { m_once = true; }
+
   // The error of the system because of which load could not read the file; 0
   // when it could, whatever it holds.
   int readError() const noexcept { return m_readError; }
@@ -104,6 +107,7 @@ private:
   OzfPathname m_heldPath;       // of the metadata file held; guards its closing
   bool m_persistFailed = false; // since the last open for update
   int m_readError = 0;
+  bool m_once = false;
 };
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

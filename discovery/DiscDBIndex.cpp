@@ -40,6 +40,7 @@
 #include "discovery/DiscDBIndex.h"
 
 #include "discovery/DiscoveryLog.h"
+#include "ozf/base/WakeUp.h"
 
 #include <fcntl.h>
 #include <linux/magic.h>
@@ -117,8 +118,7 @@ DiscoveryIndex::~DiscoveryIndex()
 {
   if (!m_follower.joinable())
     return;
-  std::uint64_t const one = 1;
-  static_cast<void>(::write(m_stop.get(), &one, sizeof one));
+  wakeUp(m_stop.get());
   m_follower.join();
 }
 
@@ -140,8 +140,8 @@ bool DiscoveryIndex::isSameDirectory() const
          status.st_ino == m_inode;
 }
 
-// Notices that were taken from the queue and then lost, for want of memory, make
-// everything unknown.
+// Notices that cannot be taken from the queue, or were taken and then lost for want
+// of memory, make everything unknown.
 void DiscoveryIndex::takeChanges()
 {
   if (!m_events.valid())
@@ -153,7 +153,11 @@ void DiscoveryIndex::takeChanges()
     if (count < 0 && errno == EINTR)
       continue;
     if (count <= 0)
+    {
+      if (errno != EAGAIN)
+        forget();
       return;
+    }
     try
     {
       for (char const* at = buffer.data(); at < buffer.data() + count;)

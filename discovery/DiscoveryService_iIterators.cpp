@@ -36,17 +36,7 @@ void makeRoom(DiscoverySeq& page)
   DiscoverySeq larger(2 * page.maximum() + 1);
   larger.length(page.length());
   for (CORBA::ULong i = 0; i < page.length(); ++i)
-  {
-    Discovery& from = page[i];
-    Discovery& to = larger[i];
-    to.queryType = from.queryType;
-    to.subject = from.subject._retn();
-    to.authority = from.authority._retn();
-    to.authType = from.authType;
-    to.attributes = from.attributes;
-    to.sourceHost = from.sourceHost._retn();
-    to.sourceServiceName = from.sourceServiceName._retn();
-  }
+    moveRecord(page[i], larger[i]);
   CORBA::ULong const length = larger.length();
   CORBA::ULong const maximum = larger.maximum();
   page.replace(maximum, length, larger.get_buffer(true), true);

@@ -229,12 +229,12 @@ void RemoteDiscoveryIterator::fetch(Remote::DiscoveryIterator_ptr remote)
               "Some discoveries are missing, the other host could not read them all");
       return;
     }
-    if (page->length() == 0 || !keep(page.in()))
+    if (page->length() == 0 || !keep(page.inout()))
       return;
   }
 }
 
-bool RemoteDiscoveryIterator::keep(Remote::DiscoverySeq const& page)
+bool RemoteDiscoveryIterator::keep(Remote::DiscoverySeq& page)
 {
   std::size_t held = 0;
   for (CORBA::ULong i = 0; i < page.length(); ++i)
@@ -251,7 +251,7 @@ bool RemoteDiscoveryIterator::keep(Remote::DiscoverySeq const& page)
   if (!m_failure.empty())
     return false;
   for (CORBA::ULong i = 0; i < page.length(); ++i)
-    m_records.push_back(std::make_unique<Remote::Discovery>(page[i]));
+    moveRecord(page[i], *m_records.emplace_back(std::make_unique<Remote::Discovery>()));
   return true;
 }
 

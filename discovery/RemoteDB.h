@@ -209,7 +209,7 @@ public:
 
 private:
   void fetch(Remote::DiscoveryIterator_ptr remote);
-  bool keep(Remote::DiscoverySeq const& page);
+  bool keep(Remote::DiscoverySeq& page); // takes its records over
   std::unique_ptr<Remote::Discovery> takeFirst();
 
   HeldRecords m_held;      // what m_records takes

@@ -68,6 +68,17 @@ CollectionAttributes* fromWire(Remote::CollAttributes const& wire)
       fromWireSeconds(wire.timeToLive), static_cast<ExplorerPriority>(wire.priority));
 }
 
+void moveRecord(Remote::Discovery& from, Remote::Discovery& to)
+{
+  to.queryType = from.queryType;
+  to.subject = from.subject._retn();
+  to.authority = from.authority._retn();
+  to.authType = from.authType;
+  to.attributes = from.attributes;
+  to.sourceHost = from.sourceHost._retn();
+  to.sourceServiceName = from.sourceServiceName._retn();
+}
+
 bool areKeepableNames(char const* subject, char const* authority)
 {
   return areUsableNames(subject, authority) && Subject(subject).getName().size() <= MAX_KEPT_NAME &&

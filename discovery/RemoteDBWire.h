@@ -20,6 +20,9 @@ TQ_EXPORT void toWire(CollectionAttributes const* attributes, Remote::CollAttrib
 // New attributes, the caller's. Times beyond OzfObjTime::max() become it.
 TQ_EXPORT CollectionAttributes* fromWire(Remote::CollAttributes const& wire);
 
+// Takes the strings of a record over, which then has none.
+TQ_EXPORT void moveRecord(Remote::Discovery& from, Remote::Discovery& to);
+
 // The longest name that is taken from another host, in bytes.
 inline constexpr std::size_t MAX_WIRE_NAME = 4096;
 

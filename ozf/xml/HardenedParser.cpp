@@ -225,13 +225,11 @@ HardenedParser::HardenedParser()
   setCalculateSrcOfs(false);
   // Without a handler for declarations doctypeDecl() would never be called.
   setDTDHandler(&m_deaf);
-  m_stream.emplace(*this, *getScanner().getReaderMgr(),
-                   *static_cast<ParserMemory*>(this)); // of the scanner chosen above
 }
 
 bool HardenedParser::isSpent() const noexcept
 {
-  return m_newerXml || m_brokenOff || m_stream->isStuck() || held() > MOST_KEPT;
+  return m_newerXml || m_brokenOff || held() > MOST_KEPT;
 }
 
 // The parser does not set itself right when memory runs out.
@@ -271,42 +269,34 @@ void HardenedParser::parseText(std::string_view text, xercesc::HandlerBase& hand
             m_skipped = 0;
             m_text.resetMemBufInputSource(reinterpret_cast<XMLByte const*>(text.data()),
                                           text.size());
-            feed(m_text, handler, handler);
+            feed(m_text, handler);
           });
 }
 
 // The parser spends a tenth of a record each on the prolog and on taking UTF-8
-// apart, and more on making itself ready for a document. Records are read by the
-// hundred thousand, so it gets the characters in its own form, from behind the
-// prolog on, and reads what has the plain form of a record in a stream. What the
-// stream does not take for a document is read once more for the reason only.
+// apart. It gets the characters in its own form, from behind the prolog on.
 void HardenedParser::parseOwn(std::string_view text, xercesc::HandlerBase& handler)
 {
   m_skipped = OWN_PROLOG.size();
   text.remove_prefix(m_skipped);
-  bool const streamed = DocumentStream::takes(text);
-  if (streamed && m_stream->parse(text, handler))
-    return;
   m_wide.resize(text.size());
   std::copy(text.begin(), text.end(), m_wide.begin());
   m_ownText.resetMemBufInputSource(reinterpret_cast<XMLByte const*>(m_wide.data()),
                                    m_wide.size() * sizeof(XMLCh));
-  feed(m_ownText, streamed ? m_deaf : handler, handler);
+  feed(m_ownText, handler);
 }
 
 void HardenedParser::parseSource(xercesc::InputSource const& source, xercesc::HandlerBase& handler,
                                  DocumentLimits const& limits)
 {
   m_skipped = 0;
-  watched(limits, [&] { feed(source, handler, handler); });
+  watched(limits, [&] { feed(source, handler); });
 }
 
-void HardenedParser::feed(xercesc::InputSource const& source, xercesc::DocumentHandler& handler,
-                          xercesc::ErrorHandler& errorHandler)
+void HardenedParser::feed(xercesc::InputSource const& source, xercesc::HandlerBase& handler)
 {
-  m_stream->close();
   setDocumentHandler(&handler);
-  setErrorHandler(&errorHandler);
+  setErrorHandler(&handler);
   parse(MeasuredSource(*this, source));
 }
 
@@ -331,8 +321,7 @@ void HardenedParser::checkMemory() const
 }
 
 // The parser numbers the names of elements as it meets them, from 1, and keeps
-// them for the next document. Those of a stream's documents, which are small, are
-// not counted.
+// them for the next document.
 void HardenedParser::startElement(xercesc::XMLElementDecl const& declaration, unsigned uri,
                                   XMLCh const* prefix,
                                   xercesc::RefVectorOf<xercesc::XMLAttr> const& attributes,
@@ -340,7 +329,7 @@ void HardenedParser::startElement(xercesc::XMLElementDecl const& declaration, un
 {
   if (count > m_limits.attributes)
     refuseTooLarge("attributes of one element", m_limits.attributes);
-  if (!m_stream->isOpen() && isNew(declaration.getId()) && ++m_names > m_limits.elementNames)
+  if (isNew(declaration.getId()) && ++m_names > m_limits.elementNames)
     refuseTooLarge("different names of elements", m_limits.elementNames);
   SAXParser::startElement(declaration, uri, prefix, attributes, count, isEmpty, isRoot);
 }
@@ -356,8 +345,6 @@ std::string HardenedParser::describeAt(XMLFileLoc line, XMLFileLoc column,
 
 std::string HardenedParser::describeHere(std::string_view reason) const
 {
-  if (m_stream->isOpen())
-    return describeAt(m_stream->line(), m_stream->column(), reason);
   xercesc::Locator const& place = *getScanner().getLocator();
   return describeAt(place.getLineNumber(), place.getColumnNumber(), reason);
 }

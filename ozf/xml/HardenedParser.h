@@ -5,13 +5,11 @@
 
 #include "ozf/base/Export.h"
 #include "ozf/xml/DocumentLimits.h"
-#include "ozf/xml/DocumentStream.h"
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -120,8 +118,7 @@ private:
   void checkMemory() const;
   bool isNew(XMLSize_t name);
   void parseOwn(std::string_view text, xercesc::HandlerBase& handler);
-  void feed(xercesc::InputSource const& source, xercesc::DocumentHandler& handler,
-            xercesc::ErrorHandler& errorHandler);
+  void feed(xercesc::InputSource const& source, xercesc::HandlerBase& handler);
   void doctypeDecl(xercesc::DTDElementDecl const& declaration, XMLCh const* publicId,
                    XMLCh const* systemId, bool hasInternalSubset, bool hasExternalSubset) override;
   void XMLDecl(XMLCh const* version, XMLCh const* encoding, XMLCh const* standalone,
@@ -137,7 +134,6 @@ private:
   xercesc::MemBufInputSource m_text;
   xercesc::MemBufInputSource m_ownText; // in m_wide
   std::u16string m_wide;
-  std::optional<DocumentStream> m_stream;
   DocumentLimits m_limits;            // of the document that is read
   std::uint64_t m_document = 0;       // its number
   std::size_t m_names = 0;            // of elements, met in it

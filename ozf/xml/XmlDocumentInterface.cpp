@@ -199,7 +199,6 @@ void XmlDocumentInterface::error(xercesc::SAXParseException const& exception)
   m_run->fail(describe(m_run->parser, exception));
 }
 
-// A warning that stops the parse shows in the document that never ends.
 void XmlDocumentInterface::warning(xercesc::SAXParseException const&) {}
 
 void initializeXml()

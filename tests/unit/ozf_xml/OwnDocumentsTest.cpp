@@ -1,4 +1,4 @@
-// The product's own short documents are read in a stream. That must show in
+// The product's own short documents reach the parser in its own form. That must show in
 // nothing: a document from an input source, which is parsed by itself, is what
 // each is compared with.
 
@@ -57,7 +57,7 @@ void expectAsApart(std::string const& rest)
 
 } // namespace
 
-TEST(DocumentStream, GoodDocumentsAreReadAsApart)
+TEST(OwnDocuments, GoodDocumentsAreReadAsApart)
 {
   for (std::string const& rest :
        {RECORD, RECORD + "\n", RECORD + " \t\r\n\n", std::string("<a/>"), std::string("<a />"),
@@ -74,7 +74,7 @@ TEST(DocumentStream, GoodDocumentsAreReadAsApart)
   }
 }
 
-TEST(DocumentStream, BadDocumentsFailAsApart)
+TEST(OwnDocuments, BadDocumentsFailAsApart)
 {
   for (std::string const& rest : {std::string("<a>"),
                                   std::string("<a><b></a>"),
@@ -131,7 +131,7 @@ TEST(DocumentStream, BadDocumentsFailAsApart)
   }
 }
 
-TEST(DocumentStream, DocumentsThatAreCutOffFailAsApart)
+TEST(OwnDocuments, DocumentsThatAreCutOffFailAsApart)
 {
   for (std::size_t length = 0; length < RECORD.size(); ++length)
   {
@@ -140,7 +140,7 @@ TEST(DocumentStream, DocumentsThatAreCutOffFailAsApart)
   }
 }
 
-TEST(DocumentStream, ChangedDocumentsAreReadAsApart)
+TEST(OwnDocuments, ChangedDocumentsAreReadAsApart)
 {
   for (std::size_t at = 0; at < RECORD.size(); ++at)
   {
@@ -156,7 +156,7 @@ TEST(DocumentStream, ChangedDocumentsAreReadAsApart)
   }
 }
 
-TEST(DocumentStream, WhatAHandlerThrowsEndsItsDocumentOnly)
+TEST(OwnDocuments, WhatAHandlerThrowsEndsItsDocumentOnly)
 {
   std::string const text = PROLOG + RECORD;
   Apart const apart(text);
@@ -174,7 +174,7 @@ TEST(DocumentStream, WhatAHandlerThrowsEndsItsDocumentOnly)
   }
 }
 
-TEST(DocumentStream, AHandlerMayParse)
+TEST(OwnDocuments, AHandlerMayParse)
 {
   std::string const text = PROLOG + RECORD;
   Apart const apart(text);
@@ -192,7 +192,7 @@ TEST(DocumentStream, AHandlerMayParse)
   EXPECT_EQ(6, parsed);
 }
 
-TEST(DocumentStream, RefusalsSayWhereInTheirOwnDocument)
+TEST(OwnDocuments, RefusalsSayWhereInTheirOwnDocument)
 {
   class Refusing : public XmlDocumentInterface
   {
@@ -211,7 +211,7 @@ TEST(DocumentStream, RefusalsSayWhereInTheirOwnDocument)
   }
 }
 
-TEST(DocumentStream, OtherDocumentsInBetweenChangeNothing)
+TEST(OwnDocuments, OtherDocumentsInBetweenChangeNothing)
 {
   for (int i = 0; i < 3; ++i)
   {
@@ -230,7 +230,7 @@ TEST(DocumentStream, OtherDocumentsInBetweenChangeNothing)
 
 // What the parser counts, it must not count over all documents: it expands one
 // entity at most.
-TEST(DocumentStream, ManyDocumentsTakeNoMoreMemoryThanAFew)
+TEST(OwnDocuments, ManyDocumentsTakeNoMoreMemoryThanAFew)
 {
   auto const parseMany = [](std::size_t from, std::size_t to)
   {
