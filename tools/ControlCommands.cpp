@@ -36,17 +36,21 @@ struct ControlOptions
   bool json = false;
 };
 
-int failed(Connection const& connection, CORBA::Exception const& exception)
+int failed(ControlOptions const& options, Connection const& connection,
+           CORBA::Exception const& exception)
 {
   complain("the service did not do it: " + reasonOf(exception));
-  return connection.conclude(EXIT_FAILED);
+  return options.host.empty() ? connection.conclude(EXIT_FAILED) : EXIT_FAILED;
 }
 
-// The service asked: the master's, or another host's. An exit code.
+// The service asked: the master's, or another host's, for which the master need
+// not be there unless something is to be stored with it. An exit code.
 int reach(ControlOptions const& options, Connection& connection,
           Remote::DiscoveryService_var& service)
 {
-  if (int const result = connection.open(); result != EXIT_DONE)
+  bool const needsMaster = options.host.empty() || options.now;
+  if (int const result = needsMaster ? connection.open() : connection.prepare();
+      result != EXIT_DONE)
     return result;
   service = options.host.empty() ? Remote::DiscoveryService::_duplicate(connection.service())
                                  : connection.connect(options.host);
@@ -112,7 +116,7 @@ int push(ControlOptions const& options, Session const& session)
   }
   catch (CORBA::Exception const& exception)
   {
-    return failed(connection, exception);
+    return failed(options, connection, exception);
   }
   if (options.json)
     printJson(
@@ -132,24 +136,37 @@ int push(ControlOptions const& options, Session const& session)
   return EXIT_DONE;
 }
 
-// Whether calls on the service fail before the deadline.
+// Whether nothing accepts connections there any more. A service that stops gives
+// its object up first and then waits for the work in progress: while that lasts,
+// and while it hangs, calls fail in other ways.
+bool hasEnded(Remote::DiscoveryService_ptr service)
+{
+  try
+  {
+    service->_non_existent();
+  }
+  catch (CORBA::TRANSIENT const&)
+  {
+    return true;
+  }
+  catch (CORBA::Exception const&)
+  {
+    // It is there, whatever its state.
+  }
+  return false;
+}
+
+// Whether the service ends before the deadline.
 bool awaitEnd(Remote::DiscoveryService_ptr service, std::chrono::milliseconds limit)
 {
   auto const deadline = std::chrono::steady_clock::now() + limit;
   Progress progress("Waiting for the service to stop");
-  try
+  while (std::chrono::steady_clock::now() < deadline)
   {
-    while (std::chrono::steady_clock::now() < deadline)
-    {
-      if (service->_non_existent())
-        return true;
-      progress.update("it still answers");
-      std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-  }
-  catch (CORBA::Exception const&)
-  {
-    return true;
+    if (hasEnded(service))
+      return true;
+    progress.update("it is still there");
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
   return false;
 }
@@ -173,14 +190,13 @@ int stop(ControlOptions const& options, Session const& session)
   }
   catch (CORBA::Exception const& exception)
   {
-    return failed(connection, exception);
+    return failed(options, connection, exception);
   }
   if (!stopped && !options.noWait)
   {
-    complain("the service was asked to stop, but still answers after " +
+    complain("the service was asked to stop, but has not ended after " +
              std::to_string(session.connection.call()) +
-             " seconds; it may be waiting for work "
-             "in progress");
+             " seconds; it may be waiting for work in progress");
     return EXIT_PARTLY;
   }
   if (options.json)

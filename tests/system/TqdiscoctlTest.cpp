@@ -355,20 +355,6 @@ TEST_F(TqdiscoctlTest, pushStartsAPassAndAllOfThemOnTheMaster)
   EXPECT_EQ(run({"push", "--all", "--host", "web1"}).exitCode, 2);
 }
 
-TEST_F(TqdiscoctlTest, stopWaitsUntilTheServiceHasStopped)
-{
-  Outcome const outcome = run({"stop"});
-  EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
-  EXPECT_THAT(outcome.output, HasSubstr("has stopped"));
-  ASSERT_TRUE(m_service.process().wait());
-  EXPECT_EQ(m_service.process().exitCode(), 0) << m_service.log();
-
-  Outcome const again = run({"stop"});
-  EXPECT_EQ(again.exitCode, 5);
-  EXPECT_THAT(again.errors,
-              AllOf(HasSubstr("no discovery service"), HasSubstr("--master HOST[:PORT]")));
-}
-
 TEST_F(TqdiscoctlTest, aMasterOnTheCommandLineStandsInForTheConfiguration)
 {
   store("web1", "disks", itemsDocument(disk("a", "1")));
