@@ -377,6 +377,9 @@ private:
         m_back.insert(record.subject);
         m_reporter.report(BACK, record);
       }
+    // A host of which nothing is left is no silent one: names that come and go
+    // would add up.
+    std::erase_if(m_silent, [&known](std::string const& host) { return known.count(host) == 0; });
   }
 
   void compare(Look const& after)

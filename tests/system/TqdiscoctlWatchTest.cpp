@@ -165,4 +165,27 @@ TEST_F(TqdiscoctlWatchTest, aHostThatFallsSilentIsSaidAsThat)
   EXPECT_THAT(all->output(), Not(HasSubstr("added")));
 }
 
+// Its files are taken away rather than waited for.
+TEST_F(TqdiscoctlWatchTest, aHostOfWhichNothingIsKnownAnyMoreIsNotBackButNew)
+{
+  Words const client{"--type", "client"};
+  auto const forget = [this](std::string const& authority)
+  {
+    for (char const* const suffix : {"xml", "dat"})
+      ASSERT_TRUE(
+          std::filesystem::remove(m_service.database() + "/2 " + authority + " web9." + suffix));
+  };
+  store("web9", "disks", document(""), client);
+  store("web9", "service", signOfLife("success", "-"), client);
+  auto const watcher = watch();
+  ASSERT_TRUE(watcher->awaitError("Watching 2 discoveries")) << watcher->errors();
+  forget("service");
+  EXPECT_TRUE(says(*watcher, "silent   web9")) << watcher->output();
+  forget("disks");
+  EXPECT_TRUE(says(*watcher, "gone     web9  disks (client)\n")) << watcher->output();
+  store("web9", "service", signOfLife("success", "-"), client);
+  EXPECT_TRUE(says(*watcher, "added    web9  service (client)\n")) << watcher->output();
+  EXPECT_THAT(watcher->output(), Not(HasSubstr("back")));
+}
+
 } // namespace
