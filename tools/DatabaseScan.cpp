@@ -8,7 +8,7 @@
 #include "ozf/base/OzfPathname.h"
 #include "ozf/base/SystemError.h"
 #include "ozf/base/Wildcard.h"
-#include "ozf/xml/XmlDocumentInterface.h"
+#include "tools/XmlText.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -96,22 +96,6 @@ private:
   std::unique_ptr<ACE_File_Lock> m_lock;
 };
 
-// Asks of a document nothing but that it is one.
-class AnyDocument : public XmlDocumentInterface
-{
-public:
-  int xmlStartElement(XmlObjParseContext* context, XMLCh const*, AttributeList&) override
-  {
-    context->clearText();
-    return 1;
-  }
-  int xmlEndElement(XmlObjParseContext* context, XMLCh const*) override
-  {
-    context->clearText();
-    return 1;
-  }
-};
-
 // Reads the open payload to its end; the reason when that fails, or when readers
 // could make nothing of it.
 std::string examinePayload(int fd)
@@ -121,8 +105,8 @@ std::string examinePayload(int fd)
     return "cannot be read: " + errorText(error);
   if (text.empty())
     return "is empty";
-  AnyDocument document;
-  return document.parseBuffer(std::string_view(text)) ? "" : "is no XML: " + document.lastError();
+  std::string reason;
+  return isXml(text, reason) ? "" : "is no XML: " + reason;
 }
 
 // Reads and checks one discovery; the reason when it is not sound.

@@ -44,7 +44,7 @@ bool scan(DbOptions const& options, DatabaseContents& contents, bool payloads = 
   int const error = scanDatabase(options.directory, contents, payloads);
   if (error == 0)
     return true;
-  std::cerr << "tqdiscoctl: cannot read the database directory " << options.directory << ": "
+  std::cerr << "tqdiscoctl: cannot read the database directory " << shown(options.directory) << ": "
             << errorText(error)
             << "\nName another with --directory, or the product root with TESSARINE_ROOT.\n";
   return false;
@@ -119,7 +119,7 @@ int list(DbOptions const& options)
   if (contents.discoveries.empty())
   {
     if (!options.json)
-      std::cerr << "tqdiscoctl: the database " << options.directory << " is empty\n";
+      std::cerr << "tqdiscoctl: the database " << shown(options.directory) << " is empty\n";
     return EXIT_NOTHING;
   }
   return EXIT_DONE;
@@ -211,7 +211,7 @@ int verify(DbOptions const& options)
     for (auto const& [file, reason] : contents.problems)
       std::cout << '"' << shown(file) << "\" " << shown(reason) << '\n';
     for (std::string const& file : contents.temporaryFiles)
-      std::cout << '"' << file
+      std::cout << '"' << shown(file)
                 << "\" is being written, or was left behind and goes at the next start\n";
     std::cout << contents.discoveries.size() << " sound, " << contents.problems.size()
               << (contents.problems.size() == 1 ? " problem\n" : " problems\n");

@@ -122,9 +122,8 @@ bool checkPayload(PutOptions const& options, std::string const& payload)
     complain("the payload is empty, and an empty one could not be read again");
     return false;
   }
-  std::string ignored;
   std::string reason;
-  if (options.unchecked || indentXml(payload, ignored, reason))
+  if (options.unchecked || isXml(payload, reason))
     return true;
   complain("the payload is not well-formed XML: " + reason +
            "\nReaders of items need XML; --unchecked stores it all the same.");

@@ -21,6 +21,26 @@ bool isBlank(std::string const& text)
   return text.find_first_not_of(" \t\r\n") == std::string::npos;
 }
 
+// Deeper lines stand no further in: a payload of many small elements that lie
+// deep would be little else than indentation.
+constexpr std::size_t MOST_LEVELS = 32;
+
+// Asks of a document nothing but that it is one.
+class AnyDocument : public XmlDocumentInterface
+{
+public:
+  int xmlStartElement(XmlObjParseContext* context, XMLCh const*, AttributeList&) override
+  {
+    context->clearText();
+    return 1;
+  }
+  int xmlEndElement(XmlObjParseContext* context, XMLCh const*) override
+  {
+    context->clearText();
+    return 1;
+  }
+};
+
 // Tells which elements have text beside other elements; in the order of their
 // start tags.
 class MixedElements : public XmlDocumentInterface
@@ -122,7 +142,7 @@ public:
 private:
   bool inMixed() const noexcept { return m_mixedLevel != 0; }
 
-  void indent() { m_out << std::string(2 * m_level, ' '); }
+  void indent() { m_out << std::string(2 * std::min(m_level, MOST_LEVELS), ' '); }
 
   void writeText(XmlObjParseContext& context)
   {
@@ -181,6 +201,15 @@ std::string presentable(std::string const& text)
 }
 
 } // namespace
+
+bool isXml(std::string const& text, std::string& reason)
+{
+  AnyDocument document;
+  if (document.parseBuffer(std::string_view(text)))
+    return true;
+  reason = document.lastError();
+  return false;
+}
 
 bool indentXml(std::string const& text, std::string& result, std::string& reason)
 {

@@ -1,4 +1,4 @@
-// Payloads for people.
+// What can be made of payloads, and payloads for people.
 
 #pragma once
 
@@ -7,9 +7,12 @@
 namespace tqdiscoctl
 {
 
-// The document with one element a line, indented; elements that hold only text
-// stay on one line, and those with text beside elements as they are. Returns false, with the
-// reason, when text is not well-formed XML; result then holds nothing.
+// Whether it is a well-formed document; the reason when it is not.
+bool isXml(std::string const& text, std::string& reason);
+
+// The document with one element a line, indented by up to 32 levels; elements that
+// hold only text stay on one line, and those with text beside elements as they are. Returns false,
+// with the reason, when text is not well-formed XML; result then holds nothing.
 bool indentXml(std::string const& text, std::string& result, std::string& reason);
 
 } // namespace tqdiscoctl

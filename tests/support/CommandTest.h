@@ -7,12 +7,21 @@
 #include <nlohmann/json.hpp>
 
 #include <string>
+#include <sys/resource.h>
 #include <vector>
 
 namespace tqtest
 {
 
 using Words = std::vector<std::string>;
+
+// The most that a child which has ended ever had in memory, in MiB.
+inline long largestChild()
+{
+  rusage usage{};
+  getrusage(RUSAGE_CHILDREN, &usage);
+  return usage.ru_maxrss / 1024;
+}
 
 class CommandTest : public testing::Test
 {

@@ -250,6 +250,38 @@ TEST_F(TqdiscoctlDbTest, anotherDirectoryCanBeNamed)
   EXPECT_EQ(outcome.output, "1 sound, 0 problems\n");
 }
 
+TEST_F(TqdiscoctlDbTest, whatLiesDeepIsNotAllIndentation)
+{
+  constexpr int DEPTH = 240;
+  std::string payload;
+  for (int i = 0; i < DEPTH; ++i)
+    payload += "<a>";
+  while (payload.size() < 100'000)
+    payload += "<b/>";
+  for (int i = 0; i < DEPTH; ++i)
+    payload += "</a>";
+  store("beta", "host", payload);
+  Outcome const outcome = run({"db", "show", "beta", "host"});
+  EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
+  EXPECT_LT(outcome.output.size(), 20 * payload.size());
+  // Up to the deepest that are indented further than what is around them.
+  EXPECT_THAT(outcome.output, HasSubstr("<a>\n  <a>\n    <a>\n"));
+  std::string const most(64, ' ');
+  EXPECT_THAT(outcome.output, HasSubstr("\n" + most + "<b/>\n" + most + "<b/>\n"));
+}
+
+TEST_F(TqdiscoctlDbTest, aNameThatIsNoTextIsShownAsOne)
+{
+  for (char const* const file : {"/a\x1b[31mred.updating", "/a\x1b[31mred.dat"})
+    writeText(m_database + file, "");
+  Outcome const verified = run({"db", "verify"});
+  EXPECT_EQ(verified.output.find('\x1b'), std::string::npos) << verified.output;
+  EXPECT_THAT(verified.output, HasSubstr("\"a%1B[31mred.updating\" is being written"));
+  Outcome const missing = run({"db", "verify", "--directory", m_root / "a\x1b[31mred"});
+  EXPECT_EQ(missing.errors.find('\x1b'), std::string::npos) << missing.errors;
+  EXPECT_THAT(missing.errors, HasSubstr("a%1B[31mred: "));
+}
+
 TEST_F(TqdiscoctlDbTest, wrongUsageExitsWith2)
 {
   EXPECT_EQ(run({}).exitCode, 2);

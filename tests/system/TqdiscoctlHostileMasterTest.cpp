@@ -7,7 +7,6 @@
 
 #include <netinet/in.h>
 #include <poll.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <atomic>
@@ -174,14 +173,6 @@ protected:
   unsigned short const m_port;
   std::unique_ptr<Process> m_master;
 };
-
-// The most that a child which has ended ever had in memory, in MiB.
-[[maybe_unused]] long largestChild()
-{
-  rusage usage{};
-  getrusage(RUSAGE_CHILDREN, &usage);
-  return usage.ru_maxrss / 1024;
-}
 
 constexpr long MOST_MEMORY = 256; // MiB, sanitizers apart
 

@@ -66,4 +66,22 @@ TEST_F(TqdiscoctlPutTest, whatCanBeAskedForIsNotReplacedUnlessToldSo)
   EXPECT_EQ(runJson({"show", "web1", "disks", "--type", "external"})["attributes"], json::array());
 }
 
+TEST_F(TqdiscoctlPutTest, aPayloadIsCheckedInLittleMemory)
+{
+  constexpr int DEPTH = 240;
+  constexpr std::size_t SIZE = 2 << 20;
+  std::string payload;
+  for (int i = 0; i < DEPTH; ++i)
+    payload += "<a>";
+  while (payload.size() < SIZE)
+    payload += "<b/>";
+  for (int i = 0; i < DEPTH; ++i)
+    payload += "</a>";
+  store("web1", "deep", payload, {"--type", "client"});
+#ifdef TQ_PLAIN_BUILD
+  EXPECT_LT(largestChild(), 48);
+#endif
+  EXPECT_EQ(run({"show", "web1", "deep", "--raw"}).output, payload);
+}
+
 } // namespace
