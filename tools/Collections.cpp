@@ -174,7 +174,9 @@ Collection readThrough(AutoDereference<Discovery> const& discovery, std::string 
   return collection;
 }
 
-bool readBytesThrough(Discovery& discovery, std::string const& query, std::string& bytes)
+// False when they cannot be read to their end.
+template <class Take>
+bool readBytesThrough(Discovery& discovery, std::string const& query, Take const& take)
 {
   std::ostringstream filter;
   if (!query.empty())
@@ -185,7 +187,7 @@ bool readBytesThrough(Discovery& discovery, std::string const& query, std::strin
   char buffer[65536];
   long count;
   while ((count = data->readCollection(sizeof buffer, buffer)) > 0)
-    bytes.append(buffer, static_cast<std::size_t>(count));
+    take(std::string_view(buffer, static_cast<std::size_t>(count)));
   return count == 0;
 }
 
@@ -319,7 +321,8 @@ bool readBytes(Record const& record, std::string const& query, std::string& byte
                       [&](AutoDereference<Discovery> const& discovery, bool)
                       {
                         bytes.clear();
-                        return readBytesThrough(*discovery, query, bytes);
+                        return readBytesThrough(*discovery, query,
+                                                [&](std::string_view part) { bytes += part; });
                       });
 }
 
@@ -344,6 +347,13 @@ AutoDereference<OzfQuery> describe(Record const& record)
       {
         auto const attributes = readThrough(each.open(), "", [](Item const&) {}).attributes;
         if (!fitsDescription(*description, described, attributes))
+bool hasReadableBytes(Record const& record)
+{
+  return readAnywhere(record, false,
+                      [](AutoDereference<Discovery> const& discovery, bool)
+                      { return readBytesThrough(*discovery, "", [](std::string_view) {}); });
+}
+
           return description;
         for (auto const& attribute : attributes)
           description->addAttribute(attribute);

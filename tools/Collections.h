@@ -69,6 +69,9 @@ bool readBytes(Record const& record, std::string const& query, std::string& byte
 
 // How the facts of an explorer are to be shown and what can be asked for: its
 // description, as far as it stored one under the record's names, or beside a
+// Whether they can be had to their end; none is kept.
+bool hasReadableBytes(Record const& record);
+
 // collection on demand under the authority's name with FILTER_DATA_SUFFIX.
 // Without attributes when it stored none.
 Quillon::Tessarine::Ozf::AutoDereference<Quillon::Tessarine::Ozf::OzfQuery>

@@ -141,22 +141,29 @@ std::string mistakeIn(std::string const& name, char const* what)
 }
 
 // Where explorers store what can be asked for, a payload of the same names would
-// take its place.
-AuthorityType freeType(PutOptions const& options)
+// take its place. Absent when it cannot be told whether there is any: when the
+// record may be missing in the list, or its bytes cannot be had. What is read and
+// is no XML tells nobody what can be asked for.
+std::optional<AuthorityType> freeType(PutOptions const& options)
 {
+  if (options.filterData)
+    return AT_EXTSRC;
   Selection selection;
   selection.subject = options.subject;
   selection.authority = options.authority;
   selection.typeName = formatType(AT_EXTSRC);
   std::vector<Record> records;
-  if (options.filterData || queryRecords(selection, records, true) != EXIT_DONE)
-    return AT_EXTSRC;
-  bool const taken =
-      std::any_of(records.begin(), records.end(),
-                  [](Record const& each) {
-                    return !each.onDemand() && !readCollection(each, OzfQuery()).attributes.empty();
-                  });
-  return taken ? AT_TQUSERVER : AT_EXTSRC;
+  int const listed = queryRecords(selection, records, true);
+  std::erase_if(records, [](Record const& each) { return each.onDemand(); });
+  bool known = listed == EXIT_DONE || (listed == EXIT_PARTLY && !records.empty());
+  for (Record const& record : records)
+  {
+    Collection const collection = readCollection(record, OzfQuery(), [](Item const&) {});
+    if (!collection.attributes.empty())
+      return AT_TQUSERVER;
+    known = known && (collection.complete || hasReadableBytes(record));
+  }
+  return known ? std::optional(AT_EXTSRC) : std::nullopt;
 }
 
 int put(PutOptions const& options, Session const& session)
@@ -204,7 +211,17 @@ int put(PutOptions const& options, Session const& session)
   if (int const result = connection.open(); result != EXIT_DONE)
     return result;
   if (options.type.empty())
-    type = freeType(options);
+  {
+    auto const freed = freeType(options);
+    if (!freed)
+    {
+      complain(
+          "not stored: it cannot be told whether it would take the place of what tells what can "
+          "be asked for; choose a type with --type");
+      return connection.conclude(EXIT_FAILED);
+    }
+    type = *freed;
+  }
   Remote::Discovery record =
       recordToStore(options.subject, options.authority, type, options.priority, *lifetime);
   if (options.filterData)

@@ -86,3 +86,46 @@ TEST_F(TqdiscoctlIncompleteTest, aPayloadThatCannotBeReadIsAFailureAndNotAShortO
   std::filesystem::remove(m_rule);
   EXPECT_EQ(m_service.tqdiscoctl({"show", "two", "kept", "--raw"}).output, m_payload);
 }
+
+// Where explorers store what can be asked for, a payload of the same names would
+// take its place.
+TEST_F(TqdiscoctlIncompleteTest, whatCannotBeLookedAtIsNotReplacedByAPayloadOfNoType)
+{
+  writeText(m_service / "filter",
+            "<FilterData><QueryDescription><Attribute Name=\"Size\"/></QueryDescription>"
+            "</FilterData>");
+  ASSERT_EQ(
+      m_service.tqdiscoctl({"put", "one", "kept", m_service / "filter", "--filter-data"}).exitCode,
+      0);
+  std::string const stored = readText(m_service.database() + "/3 kept one.dat");
+  Words const put{"put", "one", "kept", "Size=1"};
+  for (char const* const rule :
+       {"read 3 kept one.dat", "open 3 kept one.dat", "open 3 kept one.xml"})
+  {
+    fail(rule);
+    Outcome const outcome = m_service.tqdiscoctl(put);
+    EXPECT_EQ(outcome.exitCode, 1) << rule << outcome.output;
+    EXPECT_THAT(outcome.errors, HasSubstr("choose a type with --type")) << rule;
+    EXPECT_EQ(readText(m_service.database() + "/3 kept one.dat"), stored) << rule;
+  }
+  // Of an incomplete list that has it, it is taken.
+  fail("open 2 kept one.xml");
+  Outcome const server = m_service.tqdiscoctl(put);
+  EXPECT_EQ(server.exitCode, 0) << server.errors;
+  EXPECT_THAT(server.output, HasSubstr("(server)"));
+  std::filesystem::remove(m_rule);
+  EXPECT_EQ(readText(m_service.database() + "/3 kept one.dat"), stored);
+}
+
+// What is no XML tells nobody what can be asked for.
+TEST_F(TqdiscoctlIncompleteTest, aPayloadThatIsNoXmlIsReplacedByOneOfNoType)
+{
+  writeText(m_service / "plain", "no XML");
+  for (int i = 0; i < 2; ++i)
+  {
+    Outcome const outcome =
+        m_service.tqdiscoctl({"put", "two", "plain", m_service / "plain", "--unchecked"});
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
+    EXPECT_THAT(outcome.output, HasSubstr("(external)"));
+  }
+}
