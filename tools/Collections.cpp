@@ -7,6 +7,7 @@
 #include "ozf/base/AsciiCase.h"
 #include "tools/CapturedText.h"
 #include "tools/ExitCodes.h"
+#include "tools/Format.h"
 #include "tools/Output.h"
 
 #include <memory>
@@ -20,6 +21,8 @@ using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
 
 namespace
 {
+
+constexpr std::size_t MOST_OF_FACTS = std::size_t(16) << 20; // bytes, of one item
 
 // Gives one discovery to the research API.
 class OneDiscovery : public virtual DiscoveryIterator
@@ -35,7 +38,13 @@ private:
   AutoDereference<Discovery> m_discovery;
 };
 
-// The elements that hold only text, as facts.
+std::size_t sizeOfFact(std::string const& name, std::string const& value)
+{
+  return sizeof(std::pair<std::string, std::string>) + name.size() + value.size();
+}
+
+// The elements that hold only text, as facts. A document is refused that makes
+// more of them than MOST_OF_FACTS: each has the names of all elements around it.
 class FactReader : public XmlDocumentInterface
 {
 public:
@@ -43,7 +52,7 @@ public:
 
   // Whether there is text between elements, which no fact can hold.
   bool mixed() const noexcept { return m_mixed; }
-  Item::Facts const& facts() const noexcept { return m_facts; }
+  Item::Facts take() noexcept { return std::move(m_facts); }
 
   int xmlStartElement(XmlObjParseContext* context, XMLCh const* name, AttributeList&) override
   {
@@ -56,7 +65,7 @@ public:
   int xmlEndElement(XmlObjParseContext* context, XMLCh const*) override
   {
     if (m_leaf && m_path.size() > 1)
-      m_facts.emplace_back(joined(), context->text().str());
+      add(joined(), context->text().str());
     else
       noteText(*context);
     context->clearText();
@@ -72,6 +81,14 @@ private:
     context.clearText();
   }
 
+  void add(std::string name, std::string value)
+  {
+    m_bytes += sizeOfFact(name, value);
+    if (m_bytes > MOST_OF_FACTS)
+      refuseTooLarge("more than " + formatSize(MOST_OF_FACTS) + " of facts in one item");
+    m_facts.emplace_back(std::move(name), std::move(value));
+  }
+
   std::string joined() const
   {
     std::string text = m_path[1]; // the first is our own
@@ -82,23 +99,25 @@ private:
 
   std::vector<std::string> m_path;
   Item::Facts m_facts;
+  std::size_t m_bytes = 0; // that the facts take
   bool m_leaf = false;
   bool m_mixed = false;
 };
 
-// False when there is text between the elements, or no telling them apart.
+// False when there is text between the elements, or no telling them apart, or
+// when they are too much.
 bool readFacts(std::string const& captured, Item::Facts& facts)
 {
   auto reader = std::make_unique<FactReader>();
   bool read = reader->read(captured);
-  if (std::string xml; !read && withoutAttributes(captured, xml))
+  if (std::string xml; !read && !reader->wasTooLarge() && withoutAttributes(captured, xml))
   {
     reader = std::make_unique<FactReader>();
     read = reader->read(xml);
   }
   if (!read || reader->mixed())
     return false;
-  facts = reader->facts();
+  facts = reader->take();
   return true;
 }
 
@@ -261,9 +280,11 @@ std::string const* Item::find(std::string_view fact) const
 
 std::size_t sizeOf(Item const& item)
 {
-  std::size_t size = sizeof item + item.name.size() + item.text.size();
+  std::size_t size = sizeof item + item.name.size() + item.policy.size() + item.text.size();
+  if (item.status)
+    size += item.status->text.size();
   for (auto const& [name, value] : item.facts)
-    size += sizeof(std::pair<std::string, std::string>) + name.size() + value.size();
+    size += sizeOfFact(name, value);
   return size;
 }
 
@@ -326,6 +347,13 @@ bool readBytes(Record const& record, std::string const& query, std::string& byte
                       });
 }
 
+bool hasReadableBytes(Record const& record)
+{
+  return readAnywhere(record, false,
+                      [](AutoDereference<Discovery> const& discovery, bool)
+                      { return readBytesThrough(*discovery, "", [](std::string_view) {}); });
+}
+
 AutoDereference<OzfQuery> describe(Record const& record)
 {
   AutoDereference<OzfQuery> description(new OzfQuery);
@@ -347,13 +375,6 @@ AutoDereference<OzfQuery> describe(Record const& record)
       {
         auto const attributes = readThrough(each.open(), "", [](Item const&) {}).attributes;
         if (!fitsDescription(*description, described, attributes))
-bool hasReadableBytes(Record const& record)
-{
-  return readAnywhere(record, false,
-                      [](AutoDereference<Discovery> const& discovery, bool)
-                      { return readBytesThrough(*discovery, "", [](std::string_view) {}); });
-}
-
           return description;
         for (auto const& attribute : attributes)
           description->addAttribute(attribute);

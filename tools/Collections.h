@@ -31,7 +31,9 @@ struct Item
   std::optional<Status> status;
   std::string policy; // its name, empty when there is none
   Facts facts;        // in document order; of nested elements "Outer.Inner"
-  std::string text;   // what the explorer wrote, when it is not made of elements
+  // What the explorer wrote, when it is not made of elements, or when its facts
+  // would take more than 16 MiB.
+  std::string text;
 
   // Null when there is none of that name; letter case does not count.
   std::string const* find(std::string_view fact) const;
@@ -67,11 +69,11 @@ Collection readOwnCollection(Record const& record, Announcement const& place);
 // The bytes of the collection; false when they cannot be had.
 bool readBytes(Record const& record, std::string const& query, std::string& bytes);
 
-// How the facts of an explorer are to be shown and what can be asked for: its
-// description, as far as it stored one under the record's names, or beside a
 // Whether they can be had to their end; none is kept.
 bool hasReadableBytes(Record const& record);
 
+// How the facts of an explorer are to be shown and what can be asked for: its
+// description, as far as it stored one under the record's names, or beside a
 // collection on demand under the authority's name with FILTER_DATA_SUFFIX.
 // Without attributes when it stored none.
 Quillon::Tessarine::Ozf::AutoDereference<Quillon::Tessarine::Ozf::OzfQuery>

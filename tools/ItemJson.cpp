@@ -1,5 +1,6 @@
 #include "tools/ItemJson.h"
 
+#include "discovery/FilterDescription.h"
 #include "tools/Output.h"
 
 #include <iostream>
@@ -27,7 +28,18 @@ OzfQuery const& Descriptions::of(Record const& record)
   auto const found = m_known.find(record.authority);
   if (found != m_known.end())
     return *found->second;
-  return *m_known.emplace(record.authority, describe(record)).first->second;
+  AutoDereference<OzfQuery> description = describe(record);
+  constexpr std::size_t OVERHEAD = 128;
+  std::size_t size = 0; // describe has kept to the limit
+  DiscoverySvc::fitsDescription(OzfQuery(), size, description->attributes());
+  size += OVERHEAD + sizeof(OzfQuery) + record.authority.size();
+  m_size += size;
+  if (m_size > DiscoverySvc::MOST_DESCRIBED)
+  {
+    m_known.clear();
+    m_size = size;
+  }
+  return *m_known.emplace(record.authority, std::move(description)).first->second;
 }
 
 nlohmann::json factsObject(Item::Facts const& facts, OzfQuery const& description)
@@ -69,12 +81,13 @@ nlohmann::json toJson(Item const& item, OzfQuery const& description, bool asList
 void CollectionPrinter::item(Record const& record, Item const& item)
 {
   begin(record);
+  OzfQuery const& description = m_descriptions.of(record);
   for (auto const& [name, value] : item.facts)
-    if (m_facts.size() < MOST_NAMES)
+    if (m_facts.size() < MOST_NAMES && attributeOf(description, name) != nullptr)
       m_facts.insert(name);
   std::size_t const depth = m_array ? 6 : 4;
   std::cout << (m_items++ == 0 ? "\n" : ",\n") << std::string(depth, ' ')
-            << jsonText(toJson(item, m_descriptions.of(record), m_asList), 2, depth);
+            << jsonText(toJson(item, description, m_asList), 2, depth);
 }
 
 void CollectionPrinter::end(Record const& record, Collection const& collection)

@@ -12,15 +12,18 @@
 namespace tqdiscoctl
 {
 
-// The descriptions of facts, asked for once for each authority.
+// The descriptions of facts, asked for once for each authority, and again where
+// they are more than MOST_DESCRIBED together.
 class Descriptions
 {
 public:
+  // Good until the next call.
   Quillon::Tessarine::Ozf::OzfQuery const& of(Record const& record);
 
 private:
   std::map<std::string, Quillon::Tessarine::Ozf::AutoDereference<Quillon::Tessarine::Ozf::OzfQuery>>
       m_known;
+  std::size_t m_size = 0; // bytes, of all that are known
 };
 
 // By name, values as valueToJson has them; of a name that repeats an array.

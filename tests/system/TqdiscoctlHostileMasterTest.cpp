@@ -263,6 +263,45 @@ TEST_F(TqdiscoctlHostileMasterTest, aTableTakesSoManyItemsAndShowsThem)
 #endif
 }
 
+// What a status says counts, too, and no table shows it.
+TEST_F(TqdiscoctlHostileMasterTest, aTableTakesSoMuchTextOfStatus)
+{
+  serve("300", "100", "0", {"statuses"});
+  Outcome const outcome = run({"items"});
+  EXPECT_EQ(outcome.exitCode, 4) << outcome.errors;
+  EXPECT_THAT(outcome.errors, AllOf(HasSubstr("these are more items than one table takes: "),
+                                    HasSubstr(" of 300 collections were not read")));
+#ifdef TQ_PLAIN_BUILD
+  EXPECT_LT(largestChild(), MOST_MEMORY);
+#endif
+}
+
+// Each of the facts has the names of all the elements around it.
+TEST_F(TqdiscoctlHostileMasterTest, anItemWithTooMuchOfFactsKeepsItsText)
+{
+  serve("1", "1", "0", {"paths"});
+  EXPECT_EQ(run({"items", "--count"}).output, "1\n");
+  auto const shown = nlohmann::json::parse(run({"show", "host0", "service", "--json"}).output);
+  EXPECT_EQ(shown["complete"], true);
+  EXPECT_EQ(shown["items"][0]["facts"], nlohmann::json::object());
+  EXPECT_THAT(shown["items"][0]["text"].get<std::string>(), HasSubstr("nnn><a"));
+#ifdef TQ_PLAIN_BUILD
+  EXPECT_LT(largestChild(), MOST_MEMORY);
+#endif
+}
+
+// Each of them is by another authority, and described at length.
+TEST_F(TqdiscoctlHostileMasterTest, descriptionsThatAreKeptTakeSoMuchMemory)
+{
+  serve("60", "60", "0", {"described"});
+  Outcome const outcome = run({"items", "--json"});
+  EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
+  EXPECT_EQ(occurrences(outcome.output, "\"Colour\": "), 60U);
+#ifdef TQ_PLAIN_BUILD
+  EXPECT_LT(largestChild(), 70); // kept they would take 16 MiB, all of them 60
+#endif
+}
+
 TEST_F(TqdiscoctlHostileMasterTest, filtersTakeSoManyAttributesAndShowThem)
 {
   serve("300", "100", "0", {"attributes"});

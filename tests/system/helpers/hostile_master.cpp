@@ -1,9 +1,18 @@
 // Answers as the service of a master that means no good: lists as many discoveries
 // as it is told, a few a page, with a pause before each page. Each discovery has
 // a collection that comes a byte a page with the same pause, without end; or one
-// of a mebibyte with "items", or with "attributes" as filter data, or with "few"
-// of those. With lists, those beyond so many have no end. Says "serving" when it does, and waits to
-// be killed.
+// of about a mebibyte:
+//
+//   items       small items with long names
+//   statuses    an item with a status of a long text
+//   paths       an item whose elements have long names and lie in one another
+//   attributes  filter data
+//   few         filter data, of a kilobyte
+//   described   an item with one fact; each discovery is by another authority, and
+//               has filter data besides
+//
+// With lists, those beyond so many have no end. Says "serving" when it does, and
+// waits to be killed.
 //
 // Usage: hostile_master <product root> <number, 0 for no end> <a page> <milliseconds>
 //                       [<collections> [<lists>]]
@@ -53,10 +62,12 @@ public:
   void release() override {}
 };
 
+bool isDescribed() { return collections == "described"; }
+
 class Names : public Pages<Skeletons::DiscoveryIterator>
 {
 public:
-  explicit Names(unsigned long count) : m_number(count) {}
+  Names(unsigned long count, AuthorityType type) : m_number(count), m_type(type) {}
 
   Remote::DiscoverySeq* getNextPage() override
   {
@@ -68,9 +79,10 @@ public:
     {
       Remote::Discovery& record = page[i];
       record.queryType = DQ_UNDEFINED;
-      record.subject = ("host" + std::to_string(m_given++)).c_str();
-      record.authority = "service";
-      record.authType = AT_TQUCLIENT;
+      std::string const which = std::to_string(m_given++);
+      record.subject = ("host" + which).c_str();
+      record.authority = ("service" + (isDescribed() ? which : "")).c_str();
+      record.authType = m_type;
       record.attributes = {CT_POINT_IN_TIME, CS_CENTRALREPOSITORY, 1, 3600, 1000};
       record.sourceHost = "127.0.0.1";
       record.sourceServiceName = "DiscoveryService";
@@ -80,22 +92,57 @@ public:
 
 private:
   unsigned long const m_number;
+  AuthorityType const m_type;
   unsigned long m_given = 0;
 };
 
-// Items, or attributes whose names no other collection has.
-std::string makeDocument()
+// Of the items themselves, or of what tells of them.
+std::string makeItems(std::size_t size, std::string const& prefix)
+{
+  constexpr char BEGIN[] = "<DISCOVERED Name=\"a\">";
+  constexpr char FACTS[] = "<ExplorerData Name=\"x\">";
+  constexpr char END[] = "</ExplorerData></DISCOVERED>";
+  std::string text;
+  if (collections == "described")
+    text = BEGIN + std::string(FACTS) + "<Colour>red</Colour>" + END;
+  else if (collections == "statuses")
+    text = BEGIN + ("<StatusMsg><Code>3</Code><Text>" + std::string(size, 't')) +
+           "</Text></StatusMsg>" + FACTS + END;
+  else if (collections == "paths")
+  {
+    std::string const name(20'000, 'n');
+    std::string inside;
+    for (int i = 0; i < 3000; ++i)
+      inside += "<a/>";
+    for (int i = 0; i < 10; ++i)
+      inside = '<' + name + '>' + inside + "</" + name + '>';
+    text = BEGIN + (FACTS + inside) + END;
+  }
+  else
+    for (unsigned long i = 0; text.size() < size; ++i)
+      text += "<DISCOVERED Name=\"" + prefix + std::to_string(i) + std::string(200, 'x') + "\"/>";
+  return "<DiscoveredItems>" + text + "</DiscoveredItems>";
+}
+
+// Attributes whose names no other collection has; where discoveries are described,
+// one of many words.
+std::string makeAttributes(std::size_t size, std::string const& prefix)
+{
+  std::string const words(isDescribed() ? size : 0, 'w');
+  std::string text;
+  for (unsigned long i = 0; text.size() < size; ++i)
+    text += "<Attribute Name=\"" + prefix + std::to_string(i) + std::string(200, 'x') +
+            "\" Description=\"" + words + "\"/>";
+  return "<FilterData><QueryDescription>" + text + "</QueryDescription></FilterData>";
+}
+
+std::string makeDocument(AuthorityType type)
 {
   static std::atomic<unsigned long> made{0};
   std::size_t const size = collections == "few" ? 1000 : std::size_t(1) << 20;
   std::string const prefix = "a" + std::to_string(made++) + "_";
-  std::string const padding(200, 'x');
-  bool const items = collections == "items";
-  std::string text = items ? "<DiscoveredItems>" : "<FilterData><QueryDescription>";
-  for (unsigned long i = 0; text.size() < size; ++i)
-    text += (items ? "<DISCOVERED Name=\"" : "<Attribute Name=\"") + prefix + std::to_string(i) +
-            padding + "\"/>";
-  return text + (items ? "</DiscoveredItems>" : "</QueryDescription></FilterData>");
+  bool const attributes = collections == "attributes" || collections == "few" || type == AT_EXTSRC;
+  return attributes ? makeAttributes(size, prefix) : makeItems(size, prefix);
 }
 
 class Bytes : public Pages<Skeletons::CollectionDataIterator>
@@ -114,6 +161,8 @@ public:
 class Document : public Pages<Skeletons::CollectionDataIterator>
 {
 public:
+  explicit Document(AuthorityType type) : m_text(makeDocument(type)) {}
+
   Remote::CollectionDataSeq* getNextPage() override
   {
     std::this_thread::sleep_for(pauseBefore);
@@ -125,25 +174,26 @@ public:
   }
 
 private:
-  std::string m_text = makeDocument();
+  std::string m_text;
 };
 
 class Master : public Skeletons::DiscoveryService
 {
 public:
-  Remote::DiscoveryIterator_ptr queryDiscoveries(DiscoveryQuery, AuthorityType, char const*,
+  Remote::DiscoveryIterator_ptr queryDiscoveries(DiscoveryQuery kind, AuthorityType, char const*,
                                                  char const*) override
   {
     bool const endless = lists != 0 && m_lists++ >= lists;
-    return serve<Remote::DiscoveryIterator>(new Names(endless ? 0 : number));
+    return serve<Remote::DiscoveryIterator>(new Names(
+        endless ? 0 : number, isDescribed() && kind == DQ_FILTER_DATA ? AT_EXTSRC : AT_TQUCLIENT));
   }
-  DiscoveryStatus getCollectionData(Remote::Discovery const&, char const*,
+  DiscoveryStatus getCollectionData(Remote::Discovery const& record, char const*,
                                     Remote::CollectionDataIterator_out iterator) override
   {
     if (collections.empty())
       iterator = serve<Remote::CollectionDataIterator>(new Bytes);
     else
-      iterator = serve<Remote::CollectionDataIterator>(new Document);
+      iterator = serve<Remote::CollectionDataIterator>(new Document(record.authType));
     return DS_SUCCESS;
   }
   DiscoveryResult putCollection(Remote::Discovery const&, Remote::RemoteWriter_out writer) override
