@@ -136,10 +136,10 @@ bool DBCollectionData::openTemporary()
   LockWait wait;
   for (std::uint16_t candidate = 0;; ++candidate)
   {
-    m_cleanupLock =
-        candidate > 0 && m_cleanupLock->isLocked()
-            ? std::make_unique<CleanupLock>(*m_cleanupLock)
-            : std::make_unique<CleanupLock>(directory.c_str(), CleanupLock::SHARED, wait);
+    // One that is held serves for the next number as well: a new one would be
+    // granted at once and cost system calls for each writer at work.
+    if (candidate == 0 || !m_cleanupLock->isLocked())
+      m_cleanupLock = std::make_unique<CleanupLock>(directory.c_str(), CleanupLock::SHARED, wait);
     OzfPathname path =
         OzfPathname::makeFilename(directory, std::to_string(candidate) + ".updating");
     if (candidate > 0)

@@ -55,8 +55,8 @@ public:
   bool persist(OzfPathname const& target);
 
   // Makes the new name durable, where the file system can do that, together with
-  // those of other writers (FlushGroup). Only after a flush and a persist. False, with a log line,
-  // when a power cut may take it.
+  // those of other writers (FlushGroup). Only after a flush and a persist. False,
+  // with a log line, when a power cut may take it.
   bool flushDirectory();
 
   // Throws an open temporary file away. Always true.

@@ -295,17 +295,6 @@ CleanupLock::CleanupLock(char const* dir, LockMode mode, LockWait& wait) : m_mod
   take(dir, wait);
 }
 
-CleanupLock::CleanupLock(CleanupLock const& shared)
-    : m_mode(SHARED),
-      m_directory(shared.m_directory),
-      m_locked(shared.m_locked && shared.m_mode == SHARED)
-{
-  if (!m_locked)
-    return;
-  std::lock_guard const lock(m_directory->mutex);
-  ++m_directory->sharers;
-}
-
 void CleanupLock::take(char const* dir, LockWait& wait)
 {
   std::string const path = OzfPathname::makeFilename(dir, "Update.lock").str();

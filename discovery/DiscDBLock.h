@@ -66,10 +66,8 @@ public:
   // for waiting with the caller's other locks.
   CleanupLock(char const* dir, LockMode mode);
   CleanupLock(char const* dir, LockMode mode, LockWait& wait);
-  // One more share of what a shared one holds, if it holds it. Does not look whether
-  // the file still is the one of that name, as it was a moment ago.
-  CleanupLock(CleanupLock const& shared);
   ~CleanupLock();
+  CleanupLock(CleanupLock const&) = delete;
   CleanupLock& operator=(CleanupLock const&) = delete;
 
   bool isLocked() const noexcept { return m_locked; }

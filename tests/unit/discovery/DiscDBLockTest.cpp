@@ -123,20 +123,6 @@ TEST(CleanupLock, TheFirstOfTwoSharersToFinishDoesNotUnlock)
   EXPECT_EQ(F_UNLCK, lockSeenByOthers(dir / "Update.lock"));
 }
 
-TEST(CleanupLock, ACopyKeepsWhatItsOriginalLetsGo)
-{
-  TempDir const dir;
-  auto original = std::make_unique<CleanupLock>(dir.path().c_str(), CleanupLock::SHARED);
-  auto copy = std::make_unique<CleanupLock>(*original);
-  EXPECT_TRUE(copy->isLocked());
-  original.reset();
-  EXPECT_FALSE(CleanupLock(dir.path().c_str(), CleanupLock::EXCLUSIVE).isLocked());
-  copy.reset();
-  CleanupLock const exclusive(dir.path().c_str(), CleanupLock::EXCLUSIVE);
-  EXPECT_TRUE(exclusive.isLocked());
-  EXPECT_FALSE(CleanupLock(exclusive).isLocked()) << "nobody shares what is exclusive";
-}
-
 TEST(CleanupLock, ExclusiveIsRefusedWhileThisProcessShares)
 {
   TempDir const dir;
