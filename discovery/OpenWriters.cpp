@@ -158,12 +158,11 @@ void OpenWriters::dropIdle()
     for (auto entry = m_entries.begin(); entry != m_entries.end();)
     {
       bool const fromNetwork = !entry->opener.address.empty();
-      if (entry->writer == nullptr)
-        ++entry;
-      else if (entry->failed != 0 && fromNetwork && !isConnectionOpen(entry->opener.connection))
+      bool const made = entry->writer != nullptr;
+      if (made && entry->failed != 0 && fromNetwork && !isConnectionOpen(entry->opener.connection))
         entry = take(entry, lost);
       // A call in progress may wait for another host; this is not to wait for it.
-      else if (now - entry->lastPut >= MOST_IDLE && !entry->writer->isBusy())
+      else if (made && now - entry->lastPut >= MOST_IDLE && !entry->writer->isBusy())
         entry = take(entry, idle);
       else
         ++entry;
