@@ -81,7 +81,7 @@ void DBCollectionData::abandon()
 }
 
 // Under the guard; false, with a log line, when the metadata file cannot be
-// locked or is the stored one no more.
+// locked or is no longer the stored one.
 bool DBCollectionData::lockMetadata(std::optional<MetadataGuard>& guard) const
 {
   constexpr char OPERATION[] = "DBCollectionData::open";
@@ -210,7 +210,7 @@ bool DBCollectionData::flush(std::string const& target, std::string const& docum
   m_marked = !target.empty() && markPending(m_handle, target, document);
 
   // Many file systems find out here that the disk is full. A bad descriptor is
-  // the matter of the close, which complains and goes on. The note has to be on
+  // left to the close, which logs it and goes on. The note has to be on
   // the disk as well before the metadata is touched.
   if (::fsync(m_handle) != 0 && errno != EBADF)
   {

@@ -41,11 +41,11 @@ public:
   // and makes everything ready that persist could still lack. False, with a log
   // line, when the payload must not be persisted. Nothing stored is touched. With
   // a target, the name of a payload file, the temporary file says from then on
-  // that it shall have that name once the document is in place, so that the next
+  // that it is to have that name once the document is in place, so that the next
   // start can see to it.
   bool flush(std::string const& target = {}, std::string const& document = {});
 
-  // What a flush noted counts no more.
+  // What a flush noted no longer counts.
   void forgetTarget() const;
 
   // Makes what was written the file target, replacing the one that is there in

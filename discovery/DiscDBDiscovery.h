@@ -30,7 +30,7 @@ public:
   ~DBDiscovery() override;
 
   // DS_SUCCESS when both files are in place and on the disk. On any failure but
-  // that of the last flushes, which a log line tells, what was stored is as it
+  // that of the last flushes, which is logged, what was stored is as it
   // was. After a failure another persist fails until an open for update
   // succeeded.
   DiscoveryStatus persist() override;
@@ -56,10 +56,10 @@ public:
   int readError() const noexcept { return m_readError; }
 
   // Whether this discovery may replace the stored one of the same name: there
-  // is none that counts, or its priority is not higher. One that is there and
-  // cannot be opened or locked is no permission, nor is an end of memory; one
-  // that cannot be read is, but not to persist, which could not put it back.
-  // Asserts that it is no stored discovery itself.
+  // is none that counts, or its priority is not higher. False when it cannot be
+  // opened or locked, or memory runs out; true when it cannot be read, although
+  // persist then refuses, since it could not put it back. Asserts that this is
+  // not a stored discovery itself.
   bool canOverride();
 
   // Rewrites the file in place so that a crash at any moment leaves a

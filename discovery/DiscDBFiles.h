@@ -14,29 +14,29 @@
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
 
-// A metadata document has some 500 bytes; what is larger than this is none.
+// A metadata document has some 500 bytes; a file larger than this is not one.
 inline constexpr off_t LARGEST_METADATA = off_t(1) << 20;
 
 // Why an open file is not taken for one of the database; empty when it is: a
 // regular file with no other name, of root or of that user. Links, and files of
 // others, would let whoever may write to the directory have us read and write
-// what he may not. One that has just been deleted has no name at all. Begins with
+// what they may not. One that has just been deleted has no name at all. Begins with
 // a verb, as in "is not a regular file".
 TQ_EXPORT std::string refusalOf(struct stat const& status, uid_t owner);
 
-// What every open of such a file has besides: it follows no link, and does not
+// Flags of every open of such a file: it follows no link, and does not
 // wait for a FIFO or a device in the file's place.
 inline constexpr int DATABASE_FILE_FLAGS = O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
 
 // Writes the line of a file that could not be opened for the errno value, when
-// that tells of a link.
+// that means a link.
 void logIfLink(std::string const& path, int error, char const* operation);
 
 // Whether the open file is one of the database, of root or the effective user;
 // if not, a log line of the operation names it.
 bool isDatabaseFile(struct stat const& status, std::string const& path, char const* operation);
 
-// Whether it can be a metadata document besides, by its size. Likewise.
+// Whether by its size it can be a metadata document; if not, likewise.
 bool isMetadataFile(struct stat const& status, std::string const& path, char const* operation);
 
 void logTooLarge(std::string const& path, off_t size, char const* operation);

@@ -25,7 +25,7 @@
 // rewrite that record. What it then loses is the record lock that its own
 // record kept, and nothing but that; the metadata has been read by then. The
 // payload has not: its reader locks the metadata file once more, under the
-// guard, and makes sure that it still is the stored one. Otherwise he could
+// guard, and makes sure that it still is the stored one. Otherwise it could
 // look for the payload while a writer has written the metadata and not yet
 // renamed the payload that belongs to it.
 //
@@ -47,8 +47,8 @@
 // So nobody asks the kernel to wait. A lock is asked for without waiting, and
 // when that is refused again after a pause, for 30 seconds altogether (LockWait)
 // or until the service ends; then it counts as refused. Whoever may read a file
-// of the database can lock it, and would else hold up every writer, and the end
-// of the service, for good.
+// of the database can lock it, and would otherwise hold up every writer, and
+// the end of the service, for good.
 //
 // The guard is given up during the pauses, so that a lock that another process
 // keeps costs nobody but those who want just that lock. Without the guard no
@@ -62,7 +62,7 @@
 // CleanupLock guards "Update.lock". Writers share it for as long as they have a
 // temporary file; the start-up clean-up tries it exclusively. The first sharer
 // of a directory in the process opens and locks the file, the last one closes
-// it, or else the first to finish would unlock for all. The exclusive mode is
+// it, or the first to finish would unlock for all. The exclusive mode is
 // refused while the process itself shares, for the kernel would convert the
 // lock and let the clean-up delete our own temporary files; a sharer waits
 // while the process itself holds it exclusively. When somebody has deleted the
@@ -71,7 +71,7 @@
 // Order: the repository's and the creators' locks, then one MetadataGuard,
 // then the record lock of its file. No thread ever holds two guards of
 // different paths. The CleanupLock stands outside this order: a writer holds it
-// from the opening of his payload, long before the guard of persist, while
+// from the opening of its payload, long before the guard of persist, while
 // another may come to wait for it with a guard held. That is no deadlock, for
 // the exclusive side is the only one to be waited for, and it never waits
 // itself: it tries once, deletes and goes. Below them all stand the short

@@ -30,7 +30,7 @@ public:
   // stays.
   bool pause();
 
-  // From now on nobody waits, and who does gives up within milliseconds: for the
+  // From now on nobody begins to wait, and waits end within milliseconds: for the
   // end of the service, which a lock of some other process must not hold up.
   // Locks that are free are granted all the same. Any thread.
   static void endAll() noexcept { s_ended = true; }
@@ -132,12 +132,12 @@ TQ_EXPORT int waitLock(ACE_File_Lock& lock, RecordLock type, LockWait& wait,
 // Whether path is a name of the open file. A lock on a file that lost its name
 // or gave it to another file is worth nothing. Counting links is not enough: a
 // snapshot made of hard links keeps files alive under other names. error tells
-// the two kinds of no apart: 0, or why it could not be found out.
+// the two kinds of false apart: 0, or why it could not be found out.
 TQ_EXPORT bool isFileAt(int fd, char const* path, int* error = nullptr);
 
 // How often a lock is taken anew because its file was replaced meanwhile. Files
 // are not replaced that often; a file system that answers differently for the
-// open file and for its name would have us try for ever.
+// open file and for its name would have us try forever.
 inline constexpr int REPLACED_LIMIT = 100;
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -23,8 +23,8 @@ struct PendingPayload
   std::string document; // empty when it is too long to be kept
 };
 
-// Line feeds behind a document do not count: whoever dies before he truncates it
-// leaves some.
+// Line feeds behind a document do not count: a process that dies before it truncates
+// the file leaves some.
 std::string documentDigest(std::string_view document);
 
 // Notes it with the open file. Where that cannot be done nothing happens: false.

@@ -48,7 +48,7 @@ void closeToOthers(std::string const& path, int fd, struct stat& status)
 }
 
 // Whether the directory may be used: whoever may write to it could give us files
-// of his own. One that cannot be examined is left to the opens that fail.
+// of their own. One that cannot be examined is left to the opens that fail.
 bool isUsable(std::string const& path, bool existed)
 {
   UniqueFd const directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));

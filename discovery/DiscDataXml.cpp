@@ -338,7 +338,7 @@ int Discovery::xmlEndElement(XmlObjParseContext* context, XMLCh const* name)
       break;
     default:
       // The number in the document weighs only against a replacement, which
-      // reads it for itself. A record that was read back is nobody's claim.
+      // reads it for itself. A record that was read back claims nothing.
       converted = MetadataConverter::convert(std::string(trimmed(text)), priority);
       if (converted)
         m_attributes->setPriority(0);

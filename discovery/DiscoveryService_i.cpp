@@ -108,8 +108,8 @@ DiscoveryStatus DiscoveryService_i::getCollectionData(Discovery const& record, c
   iterator = CollectionDataIterator::_nil();
   std::string const subject(record.subject);
   std::string const authority(record.authority);
-  // The operation names exactly one discovery, which an empty name no more
-  // does than a pattern.
+  // The operation names exactly one discovery: neither an empty name nor a
+  // pattern does.
   if (DiscoveryRepository::stringContainsWildcard(subject) ||
       DiscoveryRepository::stringContainsWildcard(authority) ||
       !areUsableNames(subject.c_str(), authority.c_str()))

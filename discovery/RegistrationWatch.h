@@ -1,5 +1,5 @@
-// Which registrations of the thread that has one were left out. The registry says
-// nothing of them, but whoever runs the code that registers may want to tell.
+// Which registrations of the thread that has one were left out. The registry logs
+// nothing about them; whoever runs the code that registers may want to.
 
 #pragma once
 

@@ -31,8 +31,8 @@ LoopCounter& openWriteCounter()
 using DataIterator =
     AutoReleaseIterator<Remote::CollectionDataIterator_var, Remote::CollectionDataIterator_ptr>;
 
-// Releases an iterator whose pages have ended. The release tells what the empty
-// page cannot: that they ended at an error. That exception is passed on, all
+// Releases an iterator whose pages have ended. The release reports what the
+// empty page cannot: that they ended at an error. That exception is passed on, all
 // others say nothing about what was read.
 void releaseRead(DataIterator& iterator)
 {

@@ -303,7 +303,7 @@ bool AuthSubIterator::parseCollection(CollectionData& data)
 
 std::string AuthSubIterator::name() const
 {
-  if (!m_authority || !m_subject)
+  if (!m_subject) // which is set after the authority
     return "a collection";
   return "the discovery of " + m_authority->getName().str() + " about " +
          m_subject->getName().str();

@@ -120,7 +120,7 @@ XmlObjParseContext* AuthSubIterator::getObjParseContext(XMLCh const* rootTag)
 
 DocumentLimits AuthSubIterator::limits() const { return COLLECTION_LIMITS; }
 
-// Whoever keeps no item is not charged for those that have gone.
+// A reader that keeps no item is not charged for those it let go.
 void AuthSubIterator::finishItem(AutoDereference<CollectionItem> item)
 {
   if (m_keepsItems)

@@ -36,6 +36,8 @@ void refuseEmptyValues(CLI::App& app)
 
 } // namespace
 
+// What is set up before a command is read fails for want of memory alone.
+// NOLINTNEXTLINE(bugprone-exception-escape)
 int main(int argc, char** argv)
 {
   using namespace tqdiscoctl;

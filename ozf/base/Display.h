@@ -16,7 +16,7 @@ namespace Quillon::Tessarine::Ozf
 // Whether a character may be shown as it is. Controls drive terminals (those of
 // U+0080 to U+009F as well), separators of lines and paragraphs break what is one
 // line, marks and overrides of the writing direction make a text read otherwise
-// than it is, and noncharacters are nobody's.
+// than it is, and noncharacters mean nothing.
 OZF_EXPORT bool isDisplayable(char32_t character) noexcept;
 
 // The text with each character that may not be shown, and each byte that is no

@@ -113,8 +113,8 @@ bool isPort(std::string_view text)
 }
 
 // Splits "host", "host:port", "[address]" or "[address]:port". False when text
-// is none of them; what has an empty host or port is none either, since it
-// could not be put together again as it was.
+// is none of them, or its host or port is empty, since it could not be put
+// together again as it was.
 bool splitHost(std::string_view text, std::string_view& host, std::string_view& port)
 {
   std::size_t end = 0;

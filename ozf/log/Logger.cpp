@@ -49,7 +49,7 @@ std::string onOneLine(std::string_view text)
                      { appendHex(result, "\\x", bytes); });
 }
 
-// What was left out of one place's lines since it was last told.
+// What was left out of one place's lines since the last report of it.
 struct LeftOut
 {
   int level;
@@ -92,7 +92,7 @@ struct State
     output->log(severity(level), spdlog::string_view_t(message));
   }
 
-  // Tells what is due to be told of lines that were not written.
+  // Reports the lines that were not written, as far as that is due.
   void reportLeftOut(LogFlood::Time time, bool all)
   {
     counts.report(time, all, putCount());

@@ -21,8 +21,8 @@ class ConnectionTable
 public:
   static ConnectionTable& instance();
 
-  // The thread that tells the observers runs between start and stop, which
-  // tells them of what has gone until then. stop waits for it.
+  // The thread that calls the observers runs between start and stop, which
+  // lets it finish with what has gone until then, and waits for it.
   void start();
   void stop() noexcept;
 
@@ -30,7 +30,7 @@ public:
   // it is empty when the address has that many connections already.
   std::list<Peer> add(std::string address, std::size_t limit);
 
-  // Forgets the connection; the observers are told later. peer is what add gave
+  // Forgets the connection; the observers are called later. peer is what add gave
   // and is taken, so that memory is not needed for it.
   void remove(std::list<Peer>& peer) noexcept;
 

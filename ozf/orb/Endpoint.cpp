@@ -40,7 +40,7 @@ constexpr rlim_t RESERVED_DESCRIPTORS = 64;
 constexpr rlim_t CONNECTIONS_OF_ADDRESS = 4096;
 
 // New descriptors get the lowest free number, so one that is close to the
-// limit tells that nearly all are in use.
+// limit shows that nearly all are in use.
 bool descriptorsRunShort(rlim_t limit)
 {
   UniqueFd const probe(eventfd(0, EFD_CLOEXEC));

@@ -28,7 +28,7 @@ constexpr unsigned char LOCATE_REPLY = 4;
 
 std::atomic<unsigned short> portOfQuestion{0};
 
-// Gives the socket a port before it is connected, and tells it while the object
+// Gives the socket a port before it is connected, and names it while the object
 // lives.
 class KnownPort
 {
@@ -56,7 +56,7 @@ bool waitFor(int fd, short events, Clock::time_point deadline)
   return left > 0 && poll(&wait, 1, static_cast<int>(left)) == 1;
 }
 
-// port is told from before the connection until the object goes.
+// port is named from before the connection until the object goes.
 UniqueFd connectTo(std::string const& address, unsigned short port, Clock::time_point deadline,
                    std::optional<KnownPort>& known)
 {

@@ -12,7 +12,7 @@ namespace Quillon::Tessarine::Ozf
 
 // Connects to the service's port, at the first address of ORB_BIND or else at
 // 127.0.0.1, and asks whether the object called like the service is there. True
-// when it is told, whatever the answer: connections are accepted and requests
+// when that is answered, whatever the answer: connections are accepted and requests
 // served then. False after the time. A service without a port counts as
 // answering. Does not use the ORB, which calls its own process without the port.
 // Any thread; blocks for that time at most.

@@ -7,8 +7,8 @@
 // quotes, and is put behind them. A line that begins with '#' is a comment and
 // has no arguments, so an argument that begins so is quoted.
 //
-// One thing cannot be quoted: when it is told to substitute, as the readers of
-// filter parameters tell it, ACE_ARGV replaces $NAME by the variable of that
+// One thing cannot be quoted: when it is asked to substitute, as the readers of
+// filter parameters ask it, ACE_ARGV replaces $NAME by the variable of that
 // name in the reader's environment wherever it stands, if there is one.
 
 #include "ozf/xml/JobExecInfo.h"

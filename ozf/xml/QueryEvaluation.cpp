@@ -70,8 +70,8 @@ long double apply(char operation, long double left, long double right)
   }
 }
 
-// Absent when an attribute is; NO_NUMBER when the value of one is none, and when
-// there is no result.
+// Absent when an attribute is; NO_NUMBER when the value of one is not a number, and
+// when there is no result.
 std::optional<long double> calculate(QueryTerm const& term, QueryLookup const& lookup)
 {
   if (term.kind == QueryTerm::Kind::NUMBER)

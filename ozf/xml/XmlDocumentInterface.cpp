@@ -49,7 +49,7 @@ struct XmlDocumentInterface::Run
   Run(Run const&) = delete;
   Run& operator=(Run const&) = delete;
 
-  // What is wrong first is what is told.
+  // The first mistake is the one reported.
   void fail(std::string text, bool isTooLarge = false)
   {
     if (!error.empty())

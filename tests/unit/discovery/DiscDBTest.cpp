@@ -453,7 +453,7 @@ TEST(DBDiscoveryIterator, AnExactNameReadsOneFileAndOnlyOnce)
   EXPECT_TRUE(log.lines().empty()) << "no other file is touched: " << log.text();
 }
 
-TEST(DBDiscoveryIterator, AnExactNameThatIsAbsentIsNoLogLineWorth)
+TEST(DBDiscoveryIterator, AnExactNameThatIsAbsentCostsNoLogLine)
 {
   Database const db;
   LogCapture log;

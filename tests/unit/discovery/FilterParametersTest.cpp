@@ -190,6 +190,19 @@ TEST(FilterParametersTest, WhatIsNoDocumentGivesEmptyParameters)
   EXPECT_TRUE(isEmpty(FilterParameters(static_cast<char const*>(nullptr))));
 }
 
+TEST(FilterParametersTest, AnElementHasAThousandAttributesAtMost)
+{
+  auto const withAttributes = [](int count)
+  {
+    std::string element = "<JobExecInfo";
+    for (int i = 0; i < count; ++i)
+      element += " a" + std::to_string(i) + "=\"\"";
+    return document("<QueryString>q</QueryString>" + element + ">x</JobExecInfo>");
+  };
+  EXPECT_FALSE(isEmpty(FilterParameters(withAttributes(1000).c_str())));
+  EXPECT_TRUE(isEmpty(FilterParameters(withAttributes(1001).c_str())));
+}
+
 TEST(FilterParametersTest, LongTextsAreTaken)
 {
   std::string const query(1 << 20, 'q');

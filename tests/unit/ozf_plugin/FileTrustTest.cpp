@@ -4,11 +4,43 @@
 
 #include <gmock/gmock.h>
 
+#include <cerrno>
+#include <fcntl.h>
 #include <iostream>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace Quillon::Tessarine::Ozf;
 using testing::HasSubstr;
+
+namespace
+{
+
+std::string notToBeExamined;
+
+int examine(char const* path, struct stat* status, int flags)
+{
+  if (path == notToBeExamined)
+  {
+    errno = EIO;
+    return -1;
+  }
+  return fstatat(AT_FDCWD, path, status, flags);
+}
+
+} // namespace
+
+// The library calls these instead of the system's.
+#pragma GCC visibility push(default)
+extern "C"
+{
+  int stat(char const* path, struct stat* status) { return examine(path, status, 0); }
+  int lstat(char const* path, struct stat* status)
+  {
+    return examine(path, status, AT_SYMLINK_NOFOLLOW);
+  }
+}
+#pragma GCC visibility pop
 
 namespace
 {
@@ -90,6 +122,22 @@ TEST_F(FileTrustTest, ALinkToNowhereIsRefused)
   std::string const link = plugins() + "/libtqplugin-link.so";
   std::filesystem::create_symlink(m_root / "nothing", link);
   expectRefused(link, "cannot be followed: No such file");
+}
+
+TEST_F(FileTrustTest, WhatCannotBeExaminedIsRefused)
+{
+  std::string const path = addPlugin("tqplugin-good");
+  std::string const folder = path.substr(0, path.rfind('/'));
+  for (std::string const& each : {folder, path})
+  {
+    LogCapture const log;
+    notToBeExamined = each;
+    bool const loaded = load(path);
+    notToBeExamined.clear();
+    EXPECT_FALSE(loaded);
+    EXPECT_THAT(log.text(), HasSubstr(each + " cannot be examined: Input/output error"));
+  }
+  EXPECT_TRUE(load(path));
 }
 
 TEST_F(FileTrustTest, AFolderInPlaceOfALibraryIsRefused)

@@ -183,6 +183,15 @@ TEST(QueryExpressionTest, AMistakeIsReportedWithItsPlaceAndWhatWasExpected)
     EXPECT_EQ(text, mistake(query)) << query;
 }
 
+TEST(QueryExpressionTest, AnUnknownUnitIsAMistakeWhereverItOrders)
+{
+  for (char const* sign : {"<", "<=", ">", ">="})
+  {
+    std::string const query = std::string("size ") + sign + " 10g";
+    EXPECT_NE(std::string::npos, mistake(query).find("with one of the units")) << query;
+  }
+}
+
 TEST(QueryExpressionTest, AnUnknownUnitIsATextForEqualAndInQuotes)
 {
   EXPECT_TRUE(answers("host = 4a", {{"host", "4a"}}));
@@ -278,6 +287,13 @@ TEST(QueryExpressionTest, WhatCannotBeCalculatedIsUnequalAndWhatIsAbsentAnswersN
   }
   for (char const* query : {"absent + 1 != 1", "absent / one < 5", "one != (absent)"})
     EXPECT_FALSE(answers(query, values)) << query;
+}
+
+TEST(QueryExpressionTest, AParenthesisInAQuotedNameEndsNoCalculation)
+{
+  Values const values{{"a)", "2"}};
+  EXPECT_TRUE(answers("(\"a)\" + 1) * 2 = 6", values));
+  EXPECT_TRUE(answers("('a)' + 1) * 2 = 6", values));
 }
 
 TEST(QueryExpressionTest, SignsInValuesAndPatternsAreText)
