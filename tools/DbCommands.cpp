@@ -94,15 +94,18 @@ int list(DbOptions const& options)
                  {"TYPE", Table::FIXED},
                  {"PRIORITY", Table::NUMBER},
                  {"AGE", Table::NUMBER},
-                 {"EXPIRES", Table::NUMBER},
+                 {"EXPIRES IN", Table::NUMBER},
                  {"SIZE", Table::NUMBER}});
     for (StoredDiscovery const& discovery : contents.discoveries)
     {
-      bool const expired = !discovery.expiresTime.isZero() && discovery.expiresTime < now;
+      std::int64_t const left = discovery.expiresTime.seconds() - now.seconds();
+      std::string const expiry = discovery.expiresTime.isZero()               ? "-"
+                                 : discovery.expiresTime < now                ? "expired"
+                                 : discovery.expiresTime >= OzfObjTime::max() ? "never"
+                                                                              : formatSpan(left);
       table.add({discovery.subject, discovery.authority, formatType(discovery.type),
                  std::to_string(discovery.priority), formatAge(discovery.discoveryTime, now),
-                 expired ? "expired" : formatAge(discovery.expiresTime, now),
-                 formatSize(discovery.payloadBytes)});
+                 expiry, formatSize(discovery.payloadBytes)});
     }
     table.print(std::cout, terminalWidth(STDOUT_FILENO), terminalStyles(STDOUT_FILENO));
     std::set<AuthorityType> types;

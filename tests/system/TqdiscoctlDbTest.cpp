@@ -45,8 +45,8 @@ TEST_F(TqdiscoctlDbTest, listShowsATableSortedBySubject)
   EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
   EXPECT_EQ(outcome.errors, "");
   EXPECT_THAT(outcome.output,
-              MatchesRegex("SUBJECT +AUTHORITY +TYPE +PRIORITY +AGE +EXPIRES +SIZE *\n"
-                           "alpha +filesystem +client +3 +[^\n]*\n"
+              MatchesRegex("SUBJECT +AUTHORITY +TYPE +PRIORITY +AGE +EXPIRES IN +SIZE *\n"
+                           "alpha +filesystem +client +3 +[0-9]+s +[0-9]+[hm] [0-9]+[ms] +[^\n]*\n"
                            "beta +host +client +3 +[^\n]*\n"));
 }
 
