@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <exception>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -28,8 +29,19 @@ constexpr char SOURCE[] = "SignalThread";
 constexpr char OPERATION[] = "SignalThread::take";
 
 // Milliseconds after which the log is asked for floods that are over, although
-// nobody writes a line.
-constexpr int FLOOD_PERIOD = 10000;
+// nobody writes a line, and the certificate is looked at.
+constexpr int LOOK_PERIOD = 10000;
+
+void reloadTls()
+{
+  std::string error;
+  if (!setUpTls(error))
+    OZF_LOG(getHostLogger(), 1, SOURCE, "SignalThread::reload", "TLS stays as it was: " << error);
+  else if (auto const context = currentTls())
+    OZF_LOG(getHostLogger(), 1, SOURCE, "SignalThread::reload",
+            "Took the certificate " << context->settings().certificate << ", which "
+                                    << expiryText(context->certificate(), std::time(nullptr)));
+}
 
 sigset_t takenSignals()
 {
@@ -87,7 +99,7 @@ void SignalThread::loop()
   pollfd waits[] = {{m_signals.get(), POLLIN, 0}, {m_end.get(), POLLIN, 0}};
   while (waits[1].revents == 0)
   {
-    if (poll(waits, 2, FLOOD_PERIOD) < 0)
+    if (poll(waits, 2, LOOK_PERIOD) < 0)
     {
       if (errno == EINTR)
         continue;
@@ -96,6 +108,7 @@ void SignalThread::loop()
       return;
     }
     LoggerFactory::reportLeftOut();
+    m_expiry.look(std::time(nullptr));
     signalfd_siginfo info{};
     while (read(m_signals.get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info))
       take(static_cast<int>(info.ssi_signo));
@@ -130,6 +143,7 @@ void SignalThread::reload() const
             "Unable to read " << getConfigurationPath() << ", the log has its default place");
   setUpLog(m_options, *getConfiguration());
   OZF_LOG(getHostLogger(), 1, SOURCE, "SignalThread::reload", "Set the log up anew");
+  reloadTls();
 }
 
 } // namespace Host

@@ -4,6 +4,7 @@
 
 #include "host/Options.h"
 #include "ozf/base/SystemError.h"
+#include "ozf/tls/CurrentTls.h"
 
 #include <csignal>
 #include <string>
@@ -17,8 +18,9 @@ namespace Host
 void blockSignals();
 
 // Stops the service on SIGTERM and SIGINT (later ones are noted and change
-// nothing) and sets the log up anew on SIGHUP. The service is made before and
-// destroyed after the thread.
+// nothing). On SIGHUP sets the log up anew and takes the certificates, keys and
+// mode of TLS that the configuration names then. Tells of a certificate that ends. The service is
+// made before and destroyed after the thread.
 class SignalThread
 {
 public:
@@ -39,6 +41,7 @@ private:
 
   Options const m_options;
   bool m_stopping = false; // the thread's own
+  Quillon::Tessarine::Ozf::ExpiryWarning m_expiry;
   Quillon::Tessarine::Ozf::UniqueFd m_signals;
   Quillon::Tessarine::Ozf::UniqueFd m_end;
   std::thread m_thread;

@@ -4,6 +4,7 @@
 #include "ozf/base/SystemError.h"
 #include "ozf/config/HostRole.h"
 #include "ozf/config/ProductRoot.h"
+#include "ozf/tls/CurrentTls.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -48,6 +49,8 @@ std::vector<ConfigurationProblem> checkForService(Configuration const& configura
                     {configuration.path(), 0,
                      "SERVER is missing; accepted: the name or address of the master, on the "
                      "master as well"});
+  for (auto const& problem : checkTls(configuration))
+    problems.push_back({configuration.path(), 0, problem});
   return problems;
 }
 

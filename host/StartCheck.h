@@ -11,7 +11,8 @@
 namespace Host
 {
 
-// The mistakes of the file, and that it names no master where it does not.
+// The mistakes of the file, that it names no master where it does not, and what is
+// wrong with the certificate and the other files of TLS.
 std::vector<Quillon::Tessarine::Ozf::ConfigurationProblem>
 checkForService(Quillon::Tessarine::Ozf::Configuration const& configuration);
 

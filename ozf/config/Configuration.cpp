@@ -173,6 +173,16 @@ std::string const* Configuration::findNamed(std::string const& prefix,
   return last == nullptr ? nullptr : &last->value;
 }
 
+std::vector<std::pair<std::string, std::string>>
+Configuration::listNamed(std::string const& prefix) const
+{
+  std::vector<std::pair<std::string, std::string>> values;
+  for (auto entry = m_entries.lower_bound(prefix);
+       entry != m_entries.end() && entry->first.starts_with(prefix); ++entry)
+    values.emplace_back(entry->first.substr(prefix.size()), entry->second.back().value);
+  return values;
+}
+
 std::vector<std::string> Configuration::list(std::string const& key) const
 {
   std::vector<std::string> values;

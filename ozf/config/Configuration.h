@@ -16,6 +16,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace Quillon::Tessarine::Ozf
@@ -63,6 +64,10 @@ public:
   // As find, for a key of two parts ("HOST_ADDRESS." and a host's name) of
   // which the second is compared without regard to the case of ASCII letters.
   std::string const* findNamed(std::string const& prefix, std::string const& name) const;
+
+  // For keys of two parts: the second parts and what holds for each, in the order
+  // of the keys.
+  std::vector<std::pair<std::string, std::string>> listNamed(std::string const& prefix) const;
 
   // All values of the key in file order.
   std::vector<std::string> list(std::string const& key) const;

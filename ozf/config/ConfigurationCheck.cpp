@@ -42,6 +42,10 @@ bool isLogFile(std::string const& text)
   return text.starts_with('/') || text == "stderr" || text == "syslog";
 }
 
+bool isMode(std::string const& text) { return isTlsMode(text); }
+
+bool isPath(std::string const& text) { return text.starts_with('/'); }
+
 enum class Occurs
 {
   Once,
@@ -98,6 +102,10 @@ constexpr KeyRule RULES[] = {
     {ORB_PORT_KEY},
     {"ORB_BIND", Occurs::AsList, isOwnAddress, "one IPv4 or IPv6 address a line"},
     {HOST_ADDRESS_KEY, Occurs::Once, isAddress, "an IPv4 or IPv6 address"},
+    {TLS_KEYS.mode, Occurs::Once, isMode, "off, both and only"},
+    {TLS_KEYS.certificate, Occurs::Once, isPath, "an absolute path"},
+    {TLS_KEYS.key, Occurs::Once, isPath, "an absolute path"},
+    {TLS_KEYS.authorities, Occurs::Once, isPath, "an absolute path"},
     {COLLECTION_PAGE_SIZE_KEY},
     {COLLECTION_WRITE_SIZE_KEY},
     {DISCOVERY_PAGE_SIZE_KEY},

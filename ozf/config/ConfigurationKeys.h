@@ -35,6 +35,16 @@ inline constexpr IntegerKey ORB_PORT_KEY{"ORB_PORT.", 1, 65535, 0};
 // HOST_ADDRESS.<host>
 inline constexpr char HOST_ADDRESS_KEY[] = "HOST_ADDRESS.";
 
+// Whether connections are encrypted and proven, and by what.
+struct TlsKeys
+{
+  char const* mode;
+  char const* certificate;
+  char const* key;
+  char const* authorities;
+};
+inline constexpr TlsKeys TLS_KEYS{"TLS", "TLS_CERTIFICATE", "TLS_KEY", "TLS_CA"};
+
 // Bytes a page that this host asks for; zero: nothing is asked for.
 inline constexpr IntegerKey COLLECTION_PAGE_SIZE_KEY{"COLLECTION_PAGE_SIZE", 1, MOST_OF_32_BITS, 0};
 

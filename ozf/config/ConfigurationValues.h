@@ -60,6 +60,11 @@ inline bool isDefaultExplorer(std::string_view name)
   return false;
 }
 
+inline bool isTlsMode(std::string_view text)
+{
+  return text == "off" || text == "both" || text == "only";
+}
+
 // A pattern that keeps the whole log out was not meant.
 inline bool isLogPattern(std::string_view text)
 {

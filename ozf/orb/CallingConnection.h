@@ -3,10 +3,13 @@
 #pragma once
 
 #include "ozf/orb/GuardedInput.h"
+#include "ozf/tls/TlsChannel.h"
 
 #include <omniORB4/CORBA.h>
 #include <omniORB4/giopEndpoint.h>
 #include <omniORB4/omniInterceptors.h>
+
+#include <memory>
 
 namespace Quillon::Tessarine::Ozf
 {
@@ -17,8 +20,9 @@ class CallingConnection final : public omni::giopConnection
 {
 public:
   // Takes the caller's count of inner. strand is whose connection this is, and
-  // lives as long.
-  CallingConnection(omni::giopConnection* inner, omni::giopStrand const& strand);
+  // lives as long. The channel, when there is one, goes over inner's socket.
+  CallingConnection(omni::giopConnection* inner, omni::giopStrand const& strand,
+                    std::unique_ptr<TlsChannel> channel);
 
   omni::giopConnection const* inner() const noexcept { return m_inner; }
 
@@ -41,14 +45,17 @@ private:
   ~CallingConnection() override;
 
   void expectAnswer() noexcept;
+  void logEnd(std::string const& reason);
 
   omni::giopConnection* const m_inner;
   omni::giopStrand const& m_strand;
-  int m_descriptor = -1; // -1 when it is not sent to directly
+  std::unique_ptr<TlsChannel> const m_channel; // null: plain
+  int m_descriptor = -1;                       // -1 when it is not sent to directly
   GuardedInput m_input{MessageRules::REPLIES};
 };
 
-// To be called for each connection that the ORB opens: wraps it.
+// To be called for each connection that the ORB opens: has the peer prove who it is
+// where TLS is on, and wraps the connection.
 CORBA::Boolean guardReplies(omni::omniInterceptors::clientOpenConnection_T::info_T& info);
 
 } // namespace Quillon::Tessarine::Ozf

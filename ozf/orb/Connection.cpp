@@ -2,6 +2,7 @@
 
 #include "ozf/log/FrameworkLogger.h"
 #include "ozf/orb/ConnectionTable.h"
+#include "ozf/orb/Deadline.h"
 #include "ozf/orb/SlowPeers.h"
 
 // Each needs the ones before it.
@@ -49,10 +50,12 @@ struct RequestReader : omni::giopStream
 
 } // namespace
 
-Connection::Connection(omni::giopConnection* inner, int descriptor, std::list<Peer> peer,
+Connection::Connection(omni::giopConnection* inner, int descriptor,
+                       std::unique_ptr<TlsChannel> channel, std::list<Peer> peer,
                        std::shared_ptr<ConnectionWatcher> watcher)
     : m_inner(inner),
       m_descriptor(descriptor),
+      m_channel(std::move(channel)),
       m_peer(std::move(peer)),
       m_watcher(std::move(watcher))
 {
@@ -68,13 +71,15 @@ Connection::~Connection()
 
 int Connection::Send(void* data, std::size_t size, omni_time_t const& deadline)
 {
-  int const sent = sendAtOnce(m_descriptor, data, size);
+  int const sent =
+      m_channel ? m_channel->sendNow(data, size) : sendAtOnce(m_descriptor, data, size);
   if (sent != 0 || isFarewell(data, size))
     return sent;
   try
   {
     WaitForPeer const wait(*this);
-    return m_inner->Send(data, size, deadline);
+    return m_channel ? m_channel->send(data, size, steadyDeadline(deadline))
+                     : m_inner->Send(data, size, deadline);
   }
   catch (std::bad_alloc const&)
   {
@@ -88,7 +93,7 @@ int Connection::Recv(void* data, std::size_t size, omni_time_t const& deadline)
   int const got = m_input.deliver(data, size,
                                   [&](void* to, std::size_t room)
                                   {
-                                    int const read = m_inner->Recv(to, room, deadline);
+                                    int const read = receive(to, room, deadline);
                                     if (read > 0)
                                       m_received += static_cast<std::uint64_t>(read);
                                     return read;
@@ -103,6 +108,23 @@ int Connection::Recv(void* data, std::size_t size, omni_time_t const& deadline)
     m_watcher->largeIsRead(*this);
   }
   return got;
+}
+
+int Connection::receive(void* data, std::size_t size, omni_time_t const& deadline)
+{
+  return m_channel ? m_channel->receive(data, size, steadyDeadline(deadline))
+                   : m_inner->Recv(data, size, deadline);
+}
+
+// A number of bytes, 0 when there is none now, negative at the end.
+int Connection::receiveNow(void* data, std::size_t size) noexcept
+{
+  if (m_channel)
+    return m_channel->receiveNow(data, size);
+  auto const read = recv(m_descriptor, data, size, MSG_DONTWAIT);
+  if (read > 0)
+    return static_cast<int>(read);
+  return read < 0 && (errno == EAGAIN || errno == EINTR) ? 0 : -1;
 }
 
 void Connection::Shutdown() { m_inner->Shutdown(); }
@@ -168,7 +190,7 @@ _CORBA_Boolean Connection::Peek()
   if (next == NOTHING || next == PART)
   {
     pollfd wait{m_descriptor, POLLIN | POLLRDHUP, 0};
-    if (poll(&wait, 1, NEXT_REQUEST_MILLISECONDS) != 1)
+    if (!holdsBytes() && poll(&wait, 1, NEXT_REQUEST_MILLISECONDS) != 1)
       return false;
     try
     {
@@ -212,17 +234,22 @@ WatchedConnection::Arrived Connection::readAvailable()
   Arrived const before = look();
   if (before == READY || before == LARGE)
     return before;
-  m_input.fill(
-      [this](void* to, std::size_t room)
-      {
-        auto const read = recv(m_descriptor, to, room, MSG_DONTWAIT);
-        if (read > 0)
-          m_received += static_cast<std::uint64_t>(read);
-        else if (read == 0 || (errno != EAGAIN && errno != EINTR))
-          m_ended = true;
-        return static_cast<int>(read);
-      });
-  return look();
+  Arrived now = before;
+  do
+  {
+    m_input.fill(
+        [this](void* to, std::size_t room)
+        {
+          int const read = receiveNow(to, room);
+          if (read > 0)
+            m_received += static_cast<std::uint64_t>(read);
+          else if (read < 0)
+            m_ended = true;
+          return read;
+        });
+    now = look();
+  } while ((now == NOTHING || now == PART) && holdsBytes()); // of which the socket tells nothing
+  return now;
 }
 
 } // namespace Quillon::Tessarine::Ozf

@@ -4,6 +4,7 @@
 
 #include "ozf/orb/ConnectionWatcher.h"
 #include "ozf/orb/GuardedInput.h"
+#include "ozf/tls/TlsChannel.h"
 
 #include <omniORB4/CORBA.h>
 #include <omniORB4/giopEndpoint.h>
@@ -24,10 +25,10 @@ class Connection final : public omni::giopConnection, public WatchedConnection
 {
 public:
   // peer is what the table of connections gave for it, and descriptor the
-  // socket of inner. Throws what ConnectionWatcher::add throws; then inner is
-  // still the caller's.
-  Connection(omni::giopConnection* inner, int descriptor, std::list<Peer> peer,
-             std::shared_ptr<ConnectionWatcher> watcher);
+  // socket of inner, over which the channel goes when there is one. Throws what
+  // ConnectionWatcher::add throws; then inner is still the caller's.
+  Connection(omni::giopConnection* inner, int descriptor, std::unique_ptr<TlsChannel> channel,
+             std::list<Peer> peer, std::shared_ptr<ConnectionWatcher> watcher);
 
   Peer const& peer() const noexcept override { return m_peer.front(); }
 
@@ -55,13 +56,17 @@ private:
   Arrived arrived() noexcept override;
   std::uint64_t received() const noexcept override { return m_received; }
   void abandon() noexcept override;
+  bool holdsBytes() const noexcept override { return m_channel && m_channel->holdsBytes(); }
 
   Arrived look() noexcept;
+  int receive(void* data, std::size_t size, omni_time_t const& deadline);
+  int receiveNow(void* data, std::size_t size) noexcept;
   void keepFromWaiting() noexcept;
 
   omni::giopConnection* const m_inner;
   int const m_descriptor;
-  std::list<Peer> m_peer; // one, as the table wants it
+  std::unique_ptr<TlsChannel> const m_channel; // null: plain
+  std::list<Peer> m_peer;                      // one, as the table wants it
   std::shared_ptr<ConnectionWatcher> const m_watcher;
   std::atomic<std::uint64_t> m_received{0};
   std::atomic<bool> m_delivered{false};

@@ -132,6 +132,8 @@ void ConnectionWatcher::remove(WatchedConnection const& connection) noexcept
 void ConnectionWatcher::watch(WatchedConnection& connection) noexcept
 {
   auto const arrived = connection.arrived();
+  bool const isThere = arrived == WatchedConnection::LARGE || arrived == WatchedConnection::READY ||
+                       connection.holdsBytes();
   std::lock_guard guard(m_mutex);
   auto const found = m_entries.find(connection.peer().connection);
   if (found == m_entries.end())
@@ -141,7 +143,7 @@ void ConnectionWatcher::watch(WatchedConnection& connection) noexcept
   try
   {
     note(entry, arrived);
-    listen(entry, arrived == WatchedConnection::LARGE || arrived == WatchedConnection::READY);
+    listen(entry, isThere);
   }
   catch (std::exception const&)
   {

@@ -51,6 +51,9 @@ public:
   // What readAvailable and other reads have left.
   virtual Arrived arrived() noexcept = 0;
 
+  // Whether there is something to read that the descriptor does not tell of.
+  virtual bool holdsBytes() const noexcept { return false; }
+
   // Bytes read since the connection was opened. Any thread.
   virtual std::uint64_t received() const noexcept = 0;
 

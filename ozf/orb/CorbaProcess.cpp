@@ -16,6 +16,7 @@
 #include "ozf/orb/Endpoint.h"
 #include "ozf/orb/ListenCheck.h"
 #include "ozf/plugin/CurrentException.h"
+#include "ozf/tls/CurrentTls.h"
 #include "ozf/xml/XmlDocumentInterface.h"
 
 #include <omniORB4/callDescriptor.h>
@@ -334,7 +335,7 @@ bool CorbaProcess::acquire(std::string const& name, unsigned short port,
       addresses.push_back("127.0.0.1");
 
     std::string error;
-    if (!canListen(addresses, port, error))
+    if (!setUpTls(error) || !canListen(addresses, port, error))
     {
       OZF_LOG(getFrameworkLogger(), 1, SOURCE, OPERATION, error);
       return false;

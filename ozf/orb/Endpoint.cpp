@@ -6,6 +6,9 @@
 #include "ozf/orb/ConnectionTable.h"
 #include "ozf/orb/Listener.h"
 #include "ozf/orb/Liveness.h"
+#include "ozf/orb/SocketEnds.h"
+#include "ozf/tls/CurrentTls.h"
+#include "ozf/tls/Handshakes.h"
 
 #include <omniORB4/tcpConnection.h>
 #include <omniORB4/tcpEndpoint.h>
@@ -143,6 +146,7 @@ public:
   // The ORB asks for nothing afterwards and leaves the end point to itself.
   void Shutdown() override
   {
+    m_handshakes.reset();
     if (m_watcher)
       m_watcher->stop();
     std::exchange(m_inner, nullptr)->Shutdown();
@@ -151,13 +155,19 @@ public:
 
 private:
   static void handOver(void* self, WatchedConnection& connection);
-  omni::giopConnection* takeIn(UniqueFd& descriptor);
-  omni::giopConnection* wrap(omni::giopConnection* inner, int descriptor) const;
+  omni::giopConnection* acceptOne();
+  omni::giopConnection* takeIn(UniqueFd& descriptor, std::unique_ptr<TlsChannel> channel);
+  omni::giopConnection* wrap(omni::giopConnection* inner, int descriptor,
+                             std::unique_ptr<TlsChannel> channel) const;
+  static bool isToBeProven(int descriptor, std::string& address);
+  void beginHandshake(UniqueFd descriptor, std::string address,
+                      std::shared_ptr<TlsContext const> context);
 
   std::string const m_address;
   omni::giopEndpoint* m_inner;
   std::unique_ptr<Listener> m_listener;
   std::shared_ptr<ConnectionWatcher> m_watcher; // connections may outlast the end point
+  std::unique_ptr<Handshakes> m_handshakes;     // from the first one on
   omni::giopConnection::notifyReadable_t m_tell = nullptr;
   void* m_cookie = nullptr;
 };
@@ -179,7 +189,8 @@ _CORBA_Boolean Endpoint::Bind()
 }
 
 // Null when the connection is refused.
-omni::giopConnection* Endpoint::wrap(omni::giopConnection* inner, int descriptor) const
+omni::giopConnection* Endpoint::wrap(omni::giopConnection* inner, int descriptor,
+                                     std::unique_ptr<TlsChannel> channel) const
 {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
@@ -200,7 +211,9 @@ omni::giopConnection* Endpoint::wrap(omni::giopConnection* inner, int descriptor
   peer.front().reached = addressIn(inner->myaddress());
   try
   {
-    return new Connection(inner, descriptor, peer, m_watcher);
+    if (channel)
+      peer.front().names = channel->peer().names();
+    return new Connection(inner, descriptor, std::move(channel), peer, m_watcher);
   }
   catch (std::exception const&)
   {
@@ -210,7 +223,7 @@ omni::giopConnection* Endpoint::wrap(omni::giopConnection* inner, int descriptor
 }
 
 // Null when it cannot be had; the descriptor is closed then.
-omni::giopConnection* Endpoint::takeIn(UniqueFd& descriptor)
+omni::giopConnection* Endpoint::takeIn(UniqueFd& descriptor, std::unique_ptr<TlsChannel> channel)
 {
   omni::giopConnection* inner = nullptr;
   omni::giopConnection* taken = nullptr;
@@ -220,7 +233,7 @@ omni::giopConnection* Endpoint::takeIn(UniqueFd& descriptor)
     // Its second parent is whom it belongs to.
     auto& owner = dynamic_cast<omni::tcpEndpoint&>(*m_inner);
     inner = new omni::tcpConnection(descriptor.get(), &owner);
-    taken = wrap(inner, descriptor.release());
+    taken = wrap(inner, descriptor.release(), std::move(channel));
   }
   catch (std::exception const& exception)
   {
@@ -243,15 +256,61 @@ omni::giopConnection* Endpoint::AcceptAndMonitor(omni::giopConnection::notifyRea
   // The watcher may use what the ORB gave only until this returns.
   m_watcher->allow(handOver, this);
   omni::giopConnection* taken = nullptr;
-  while (taken == nullptr)
-  {
-    UniqueFd descriptor = m_listener->accept(SocketOf::get(*socket), m_inner->address());
-    if (!descriptor.valid())
-      break;
-    taken = takeIn(descriptor);
-  }
+  while (taken == nullptr && !m_listener->ended())
+    taken = acceptOne();
   m_watcher->forbid();
   return taken;
+}
+
+// The next that is there to be served; null when it has come to none for now.
+omni::giopConnection* Endpoint::acceptOne()
+{
+  if (m_handshakes)
+    if (auto finished = m_handshakes->takeFinished())
+      return takeIn(finished->connection, std::move(finished->channel));
+  auto const& socket = dynamic_cast<omni::tcpEndpoint const&>(*m_inner);
+  UniqueFd descriptor = m_listener->accept(SocketOf::get(socket), m_inner->address());
+  if (!descriptor.valid())
+    return nullptr;
+  auto context = currentTls();
+  std::string address;
+  if (!context || !isToBeProven(descriptor.get(), address))
+    return takeIn(descriptor, nullptr);
+  beginHandshake(std::move(descriptor), std::move(address), std::move(context));
+  return nullptr;
+}
+
+// All but the process's own question whether it answers. address is the peer's.
+bool Endpoint::isToBeProven(int descriptor, std::string& address)
+{
+  auto const here = ownEnd(descriptor);
+  auto const there = peerEnd(descriptor);
+  if (!here || !there)
+    return true; // gone again
+  address = there->address;
+  return there->address != here->address || !isLivenessQuestion(there->port);
+}
+
+void Endpoint::beginHandshake(UniqueFd descriptor, std::string address,
+                              std::shared_ptr<TlsContext const> context)
+{
+  try
+  {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || descriptorsRunShort(limit.rlim_cur))
+    {
+      logRefusedConnection(address.c_str(), "too many open files");
+      return;
+    }
+    if (!m_handshakes)
+      m_handshakes = std::make_unique<Handshakes>([this] { m_listener->interrupt(); });
+    m_handshakes->begin(std::move(descriptor), std::move(address), std::move(context));
+  }
+  catch (std::exception const& exception)
+  {
+    OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Endpoint::AcceptAndMonitor",
+            "Unable to take a connection in: " << exception.what());
+  }
 }
 
 void Endpoint::handOver(void* self, WatchedConnection& connection)

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdint>
 #include <ctime>
 #include <system_error>
 #include <thread>
@@ -75,6 +76,9 @@ UniqueFd Listener::accept(int socket, char const* address)
     int failure = 0;
     if (poll(waits, 2, -1) < 0)
       failure = errno;
+    else if (std::uint64_t woken = 0;
+             waits[1].revents != 0 && !m_ended && read(m_wake.get(), &woken, sizeof woken) > 0)
+      return UniqueFd();
     else if (waits[0].revents != 0 && !m_ended)
     {
       UniqueFd connection(accept4(socket, nullptr, nullptr, SOCK_CLOEXEC));
@@ -89,6 +93,8 @@ UniqueFd Listener::accept(int socket, char const* address)
   }
   return UniqueFd();
 }
+
+void Listener::interrupt() noexcept { wakeUp(m_wake.get()); }
 
 void Listener::wake() noexcept
 {

@@ -21,11 +21,17 @@ public:
 
   // The next connection of the socket that listens, which does not block. What
   // keeps it from that is said in the log, with the address, and tried again a
-  // little later. Not valid once wake was called. One thread.
+  // little later. Not valid once wake was called, and when interrupt has been. One
+  // thread.
   UniqueFd accept(int socket, char const* address);
 
   // Ends accept, for good. Any thread.
   void wake() noexcept;
+
+  // Ends accept once. Any thread.
+  void interrupt() noexcept;
+
+  bool ended() const noexcept { return m_ended; }
 
 private:
   UniqueFd m_wake;

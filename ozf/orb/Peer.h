@@ -11,6 +11,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace Quillon::Tessarine::Ozf
 {
@@ -24,6 +25,8 @@ struct Peer
   std::string address; // numeric, without the port: "192.0.2.7", "2001:db8::1"
   ConnectionNumber connection = 0;
   std::string reached; // the address of this host that it calls, in the same form
+  // What its certificate is for, as the authority wrote it; empty without TLS.
+  std::vector<std::string> names{};
 };
 
 // The peer whose call the calling thread serves. Null outside of calls from the

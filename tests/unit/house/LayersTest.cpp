@@ -23,7 +23,7 @@ using Rooms = std::set<std::string>;
 std::map<std::string, Rooms> const& mayInclude()
 {
   static Rooms const allOfOzf = {"ozf/base", "ozf/sync",   "ozf/log", "ozf/config",
-                                 "ozf/xml",  "ozf/plugin", "ozf/orb"};
+                                 "ozf/xml",  "ozf/plugin", "ozf/tls", "ozf/orb"};
   static Rooms const library = []
   {
     Rooms rooms = allOfOzf;
@@ -37,6 +37,7 @@ std::map<std::string, Rooms> const& mayInclude()
       {"ozf/config", {"ozf/base", "ozf/log"}},
       {"ozf/xml", {"ozf/base", "ozf/sync", "ozf/log"}},
       {"ozf/plugin", {"ozf/base", "ozf/sync", "ozf/log", "ozf/config"}},
+      {"ozf/tls", {"ozf/base", "ozf/log", "ozf/config"}},
       {"ozf/orb", allOfOzf},
       {"discovery", allOfOzf},
       {"explorers", library},
@@ -166,7 +167,7 @@ TEST(Layers, TheSourcesAreFound)
   for (auto const& source : sources())
     rooms.insert(source.room);
   for (std::string const room : {"ozf/base", "ozf/sync", "ozf/log", "ozf/config", "ozf/xml",
-                                 "ozf/plugin", "ozf/orb", "discovery"})
+                                 "ozf/plugin", "ozf/tls", "ozf/orb", "discovery"})
     EXPECT_TRUE(rooms.contains(room)) << room;
 }
 

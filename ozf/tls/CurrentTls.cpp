@@ -1,0 +1,124 @@
+#include "ozf/tls/CurrentTls.h"
+
+#include "ozf/base/OzfHostname.h"
+#include "ozf/config/Configuration.h"
+#include "ozf/config/ConfigurationKeys.h"
+#include "ozf/config/ConfigurationValues.h"
+#include "ozf/log/FrameworkLogger.h"
+
+#include <atomic>
+#include <mutex>
+
+namespace Quillon::Tessarine::Ozf
+{
+
+namespace
+{
+
+constexpr char SOURCE[] = "CurrentTls";
+constexpr std::time_t DAY = 86400;
+constexpr std::time_t WARNED_AHEAD = 30 * DAY;
+
+using Current = std::atomic<std::shared_ptr<TlsContext const>>;
+
+// Never destroyed: connections may outlast the static objects.
+Current& current()
+{
+  static auto* const one = new Current;
+  return *one;
+}
+
+struct Refusal
+{
+  std::mutex mutex;
+  std::string reason;
+};
+
+Refusal& lastRefusal()
+{
+  static auto* const one = new Refusal;
+  return *one;
+}
+
+std::string nameOfThisHost()
+{
+  OzfHostname local;
+  return local.setLocal() ? std::string(local.exportNarrow()) : std::string();
+}
+
+} // namespace
+
+std::shared_ptr<TlsContext const> currentTls() noexcept { return current().load(); }
+
+bool setUpTls(std::string& error)
+{
+  static std::mutex mutex;
+  std::lock_guard const guard(mutex);
+  TlsSettings settings;
+  if (!settings.read(*getConfiguration(), error))
+    return false;
+  std::shared_ptr<TlsContext const> context;
+  if (settings.mode != TlsMode::OFF)
+  {
+    context = TlsContext::make(settings, error);
+    if (!context)
+      return false;
+    for (auto const& refusal : context->refusalsByPeers(nameOfThisHost()))
+      OZF_LOG(getFrameworkLogger(), 1, SOURCE, "setUpTls", refusal);
+  }
+  current().store(context);
+  return true;
+}
+
+std::vector<std::string> checkTls(Configuration const& configuration)
+{
+  // A mode that is none is a mistake in its line, which is told with the others.
+  if (std::string const* const mode = configuration.find(TLS_KEYS.mode);
+      mode != nullptr && !isTlsMode(*mode))
+    return {};
+  TlsSettings settings;
+  std::string error;
+  if (!settings.read(configuration, error))
+    return {error};
+  if (settings.mode == TlsMode::OFF)
+    return {};
+  auto const context = TlsContext::make(settings, error);
+  if (!context)
+    return {error};
+  std::string const* const name = configuration.find("CLIENT_NAME");
+  return context->refusalsByPeers(name != nullptr ? *name : nameOfThisHost());
+}
+
+std::string lastTlsRefusal()
+{
+  std::lock_guard const guard(lastRefusal().mutex);
+  return lastRefusal().reason;
+}
+
+void noteTlsRefusal(std::string const& reason)
+{
+  std::lock_guard const guard(lastRefusal().mutex);
+  lastRefusal().reason = reason;
+}
+
+std::string expiryText(Certificate const& certificate, std::time_t now)
+{
+  if (certificate.end() <= now)
+    return "ended on " + shownTime(certificate.end());
+  auto const days = (certificate.end() - now) / DAY;
+  return "ends on " + shownTime(certificate.end()) + ", in " + std::to_string(days) +
+         (days == 1 ? " day" : " days");
+}
+
+void ExpiryWarning::look(std::time_t now)
+{
+  auto const context = currentTls();
+  if (!context || now < m_next || context->certificate().end() - now > WARNED_AHEAD)
+    return;
+  m_next = now + DAY;
+  OZF_LOG(getFrameworkLogger(), 1, SOURCE, "ExpiryWarning::look",
+          "The certificate " << context->settings().certificate << " "
+                             << expiryText(context->certificate(), now));
+}
+
+} // namespace Quillon::Tessarine::Ozf

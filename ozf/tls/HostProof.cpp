@@ -1,0 +1,82 @@
+#include "ozf/tls/HostProof.h"
+
+#include "ozf/config/Configuration.h"
+#include "ozf/config/ConfigurationKeys.h"
+#include "ozf/config/IpAddress.h"
+
+#include <memory>
+#include <netdb.h>
+#include <sys/socket.h>
+
+namespace Quillon::Tessarine::Ozf
+{
+
+namespace
+{
+
+// Names that are asked for; a certificate may hold any number.
+constexpr std::size_t MOST_ASKED = 4;
+
+bool resolvesTo(std::string const& name, IpAddress const& address)
+{
+  addrinfo hints = {};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  if (getaddrinfo(name.c_str(), nullptr, &hints, &found) != 0)
+    return false;
+  std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> const owner(found, freeaddrinfo);
+  for (addrinfo const* one = found; one != nullptr; one = one->ai_next)
+    if (IpAddress::fromSocket(one->ai_addr) == address)
+      return true;
+  return false;
+}
+
+std::vector<std::string> configuredNames(IpAddress const& address)
+{
+  std::vector<std::string> names;
+  for (auto const& [name, value] : getConfiguration()->listNamed(HOST_ADDRESS_KEY))
+    if (IpAddress::fromText(value) == address)
+      names.push_back(name);
+  return names;
+}
+
+bool provesAddress(Certificate const& certificate, IpAddress const& address)
+{
+  std::size_t asked = 0;
+  for (auto const& name : certificate.names())
+  {
+    bool const isOneHost = name.find('*') == std::string::npos &&
+                           name.find('\0') == std::string::npos && !IpAddress::fromText(name);
+    if (isOneHost && ++asked <= MOST_ASKED && resolvesTo(name, address))
+      return true;
+  }
+  return false;
+}
+
+} // namespace
+
+bool isProvenHost(Certificate const& certificate, std::string const& host, std::string& reason)
+{
+  if (certificate.names(host))
+    return true;
+  std::string meant = host;
+  if (auto const address = IpAddress::fromText(host))
+  {
+    auto const names = configuredNames(*address);
+    for (std::size_t i = 0; i < names.size(); ++i)
+    {
+      if (certificate.names(names[i]))
+        return true;
+      meant += (i == 0 ? " (" : ", ") + names[i];
+    }
+    if (!names.empty())
+      meant += ")";
+    else if (provesAddress(certificate, *address))
+      return true;
+  }
+  reason = "the certificate of " + meant + " is for " + certificate.shownNames();
+  return false;
+}
+
+} // namespace Quillon::Tessarine::Ozf

@@ -1,0 +1,145 @@
+#include "ozf/tls/TlsContext.h"
+
+#include "ozf/base/SystemError.h"
+#include "ozf/config/ConfigurationKeys.h"
+#include "ozf/tls/TlsErrors.h"
+
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <openssl/x509_vfy.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace Quillon::Tessarine::Ozf
+{
+
+namespace
+{
+
+// Of TLS 1.2, those with keys of the connection's own and without known flaws.
+constexpr char CIPHERS[] = "ECDHE+AESGCM:ECDHE+CHACHA20";
+
+// A key that needs a password would have it asked for at the terminal.
+int givePassword(char*, int, int, void*) { return 0; }
+
+// A file that cannot be opened is told in the system's words.
+bool canOpen(char const* key, std::string const& path, std::string& error)
+{
+  UniqueFd const file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  struct stat status = {};
+  int failure = file.valid() && fstat(file.get(), &status) == 0 ? 0 : errno;
+  if (failure == 0 && !S_ISREG(status.st_mode))
+  {
+    error = std::string(key) + " " + path + " is no file";
+    return false;
+  }
+  if (failure == 0)
+    return true;
+  error = std::string(key) + " " + path + " cannot be read: " + errorText(failure);
+  return false;
+}
+
+bool isSecret(std::string const& path, std::string& error)
+{
+  struct stat status = {};
+  if (stat(path.c_str(), &status) != 0 || (status.st_mode & S_IROTH) == 0)
+    return true;
+  error = std::string(TLS_KEYS.key) + " " + path +
+          " can be read by everybody on this host; accepted: a file for its owner and group";
+  return false;
+}
+
+} // namespace
+
+TlsContext::TlsContext(TlsSettings const& settings)
+    : m_settings(settings), m_context(SSL_CTX_new(TLS_method()), SSL_CTX_free)
+{
+}
+
+std::shared_ptr<TlsContext const> TlsContext::make(TlsSettings const& settings, std::string& error)
+{
+  std::shared_ptr<TlsContext> const context(new TlsContext(settings));
+  ERR_clear_error();
+  return context->load(error) ? context : nullptr;
+}
+
+bool TlsContext::load(std::string& error)
+{
+  auto const fail = [&](char const* key, std::string const& path)
+  {
+    error = std::string(key) + " " + path + " is not in order: " + takeTlsError();
+    return false;
+  };
+  SSL_CTX* const context = m_context.get();
+  if (context == nullptr)
+  {
+    error = "TLS cannot be set up: " + takeTlsError();
+    return false;
+  }
+  if (!canOpen(TLS_KEYS.certificate, m_settings.certificate, error) ||
+      !canOpen(TLS_KEYS.key, m_settings.key, error) || !isSecret(m_settings.key, error) ||
+      !canOpen(TLS_KEYS.authorities, m_settings.authorities, error))
+    return false;
+
+  SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
+  SSL_CTX_set_cipher_list(context, CIPHERS);
+  // A session that is taken up again would be one whose certificate nobody looks
+  // at any more.
+  SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
+  SSL_CTX_set_num_tickets(context, 0);
+  SSL_CTX_set_options(context, SSL_OP_NO_TICKET | SSL_OP_NO_COMPRESSION | SSL_OP_NO_RENEGOTIATION);
+  SSL_CTX_set_mode(context, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER |
+                                SSL_MODE_RELEASE_BUFFERS);
+  SSL_CTX_set_default_passwd_cb(context, givePassword);
+  SSL_CTX_set_verify(context, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
+
+  if (SSL_CTX_use_certificate_chain_file(context, m_settings.certificate.c_str()) != 1)
+    return fail(TLS_KEYS.certificate, m_settings.certificate);
+  if (SSL_CTX_use_PrivateKey_file(context, m_settings.key.c_str(), SSL_FILETYPE_PEM) != 1)
+  {
+    bool const another = ERR_GET_REASON(ERR_peek_error()) == X509_R_KEY_VALUES_MISMATCH ||
+                         ERR_GET_REASON(ERR_peek_error()) == X509_R_KEY_TYPE_MISMATCH;
+    if (!another)
+      return fail(TLS_KEYS.key, m_settings.key);
+    ERR_clear_error();
+    error = std::string(TLS_KEYS.key) + " " + m_settings.key + " is not the key of " +
+            TLS_KEYS.certificate + " " + m_settings.certificate;
+    return false;
+  }
+  if (SSL_CTX_load_verify_file(context, m_settings.authorities.c_str()) != 1)
+    return fail(TLS_KEYS.authorities, m_settings.authorities);
+  // By these names a peer with several certificates finds the one to show.
+  SSL_CTX_set_client_CA_list(context, SSL_load_client_CA_file(m_settings.authorities.c_str()));
+  ERR_clear_error();
+
+  X509* const own = SSL_CTX_get0_certificate(context);
+  X509_up_ref(own);
+  m_certificate.emplace(own);
+  return true;
+}
+
+std::vector<std::string> TlsContext::refusalsByPeers(std::string const& ownName) const
+{
+  std::vector<std::string> reasons;
+  std::string const start =
+      std::string(TLS_KEYS.certificate) + " " + m_settings.certificate + " is refused by peers: ";
+  std::unique_ptr<X509_STORE_CTX, decltype(&X509_STORE_CTX_free)> const check(X509_STORE_CTX_new(),
+                                                                              X509_STORE_CTX_free);
+  STACK_OF(X509)* chain = nullptr;
+  SSL_CTX_get0_chain_certs(m_context.get(), &chain);
+  if (check &&
+      X509_STORE_CTX_init(check.get(), SSL_CTX_get_cert_store(m_context.get()),
+                          m_certificate->get(), chain) == 1 &&
+      X509_verify_cert(check.get()) != 1)
+    reasons.push_back(start + certificateErrorText(X509_STORE_CTX_get_error(check.get())));
+  if (!m_certificate->mayServe() || !m_certificate->mayCall())
+    reasons.push_back(start + certificateErrorText(X509_V_ERR_INVALID_PURPOSE));
+  if (!ownName.empty() && !m_certificate->names(ownName))
+    reasons.push_back(start + "it is for " + m_certificate->shownNames() +
+                      " and not for this host, " + ownName);
+  ERR_clear_error();
+  return reasons;
+}
+
+} // namespace Quillon::Tessarine::Ozf

@@ -1,0 +1,47 @@
+// What this host proves itself with, and whom it believes.
+
+#pragma once
+
+#include "ozf/base/Export.h"
+#include "ozf/tls/Certificate.h"
+#include "ozf/tls/TlsSettings.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+using SSL_CTX = struct ssl_ctx_st;
+
+namespace Quillon::Tessarine::Ozf
+{
+
+// The files of the settings, read once. Immutable; any thread. Connections that
+// were made with one go on with it when another takes its place.
+class OZF_EXPORT TlsContext
+{
+public:
+  // Null, with the reason in error, when a file cannot be read, is not in order
+  // or does not fit the others. settings are not those of TLS turned off.
+  static std::shared_ptr<TlsContext const> make(TlsSettings const& settings, std::string& error);
+
+  TlsSettings const& settings() const noexcept { return m_settings; }
+  Certificate const& certificate() const noexcept { return *m_certificate; }
+
+  // Why peers that believe the same authorities refuse this host's certificate
+  // now, a sentence each; empty when they do not. ownName is the name of this
+  // host.
+  std::vector<std::string> refusalsByPeers(std::string const& ownName) const;
+
+  SSL_CTX* get() const noexcept { return m_context.get(); }
+
+private:
+  explicit TlsContext(TlsSettings const& settings);
+  bool load(std::string& error);
+
+  TlsSettings const m_settings;
+  std::shared_ptr<SSL_CTX> m_context;
+  std::optional<Certificate> m_certificate;
+};
+
+} // namespace Quillon::Tessarine::Ozf
