@@ -1,6 +1,7 @@
 #include "explorers/ServiceCollector.h"
 
 #include "discovery/ExplorerRemotePull.h"
+#include "ozf/tls/CurrentTls.h"
 
 #include <filesystem>
 
@@ -39,6 +40,8 @@ ServiceState collectService(DiscoveryRepository const& repository, std::string c
   state.version = TQ_VERSION;
   state.start = start;
   state.stored = countStored(directory);
+  if (auto const tls = currentTls())
+    state.certificateEnd = OzfObjTime(tls->certificate().end());
   auto const push = repository.getPushExplorers();
   for (auto const& entry : *push)
     state.explorers.push_back(stateOf(*entry, false));

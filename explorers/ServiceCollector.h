@@ -29,6 +29,7 @@ struct ServiceState
   OzfObjTime start;
   std::optional<std::uint64_t> stored; // discoveries in this host's database
   std::uint64_t announced = 0;         // pull explorers of other hosts
+  OzfObjTime certificateEnd;           // zero without TLS
   std::vector<ExplorerState> explorers;
 };
 

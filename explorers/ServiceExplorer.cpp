@@ -40,7 +40,7 @@ char const* toText(AuthorityType type)
   }
 }
 
-constexpr std::array<Fact<ServiceState>, 6> SERVICE_FACTS = {{
+constexpr std::array<Fact<ServiceState>, 7> SERVICE_FACTS = {{
     {"Kind", Type::TEXT, "service, push or pull",
      [](ServiceState const&) -> Value { return SERVICE; }},
     {"Role", Type::TEXT, "master or client",
@@ -53,6 +53,8 @@ constexpr std::array<Fact<ServiceState>, 6> SERVICE_FACTS = {{
      [](ServiceState const& state) -> Value { return known(state.stored); }},
     {"AnnouncedExplorers", Type::NUMBER, "The explorers that other hosts announced",
      [](ServiceState const& state) -> Value { return std::to_string(state.announced); }},
+    {"CertificateEnd", Type::TIME, "When the certificate of the host ends",
+     [](ServiceState const& state) -> Value { return toText(state.certificateEnd); }},
 }};
 
 constexpr std::array<Fact<ExplorerState>, 5> EXPLORER_FACTS = {{

@@ -1,6 +1,8 @@
 #!/bin/bash
 # Starts a fleet on loopback, a master, a media server and three clients, each
 # with a name, an address and a product root of its own; serves until Ctrl-C.
+# With TLS=1 in the environment they call one another with TLS alone, with
+# certificates of an authority that is made for this fleet.
 # Usage: fleet.sh <build directory>
 set -eu
 
@@ -8,6 +10,7 @@ build=$(cd "$1" && pwd)
 bin=$build/bin
 fleet=$(mktemp -d "${TMPDIR:-/tmp}/tessarine-fleet-XXXXXX")
 port=${PORT:-27511}
+tls=${TLS:-}
 master=4master
 # Each number is the last part of an address. Hosts whose names begin with
 # these digits wait two seconds at most before they announce themselves.
@@ -51,7 +54,24 @@ checkRunning()
 trap stop EXIT
 trap 'exit 0' INT TERM HUP PIPE
 
+# The certificate of a host, which others call by its name and its address.
+certify()
+{
+  openssl req -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj "/CN=$1" \
+    -keyout "$fleet/$1/etc/host.key" -out "$fleet/tls/$1.csr"
+  printf 'subjectAltName=DNS:%s,IP:%s\nextendedKeyUsage=serverAuth,clientAuth\n' "$1" "$2" \
+    > "$fleet/tls/$1.ext"
+  openssl x509 -req -in "$fleet/tls/$1.csr" -CA "$fleet/tls/ca.pem" -CAkey "$fleet/tls/ca.key" \
+    -CAcreateserial -days 30 -extfile "$fleet/tls/$1.ext" -out "$fleet/$1/etc/host.pem"
+}
+
 chmod 755 "$fleet"
+if [ "$tls" = 1 ]; then
+  mkdir "$fleet/tls"
+  openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 30 \
+    -subj "/CN=Fleet on loopback" -keyout "$fleet/tls/ca.key" -out "$fleet/tls/ca.pem" \
+    2> "$fleet/openssl.log" || fail "No authority was made: $(cat "$fleet/openssl.log")"
+fi
 entries="SERVER = $master
 ORB_PORT.DiscoveryService = $port"
 for host in $hosts; do
@@ -70,6 +90,16 @@ LOG_LEVEL = 1
 LOG_FILE = $root/log/tqdisco.log
 $entries
 EOF
+  if [ "$tls" = 1 ]; then
+    certify "${host%:*}" "127.0.1.${host#*:}" 2> "$fleet/openssl.log" ||
+      fail "No certificate was made: $(cat "$fleet/openssl.log")"
+    cat >> "$root/etc/tq.conf" <<EOF
+TLS = only
+TLS_CERTIFICATE = $root/etc/host.pem
+TLS_KEY = $root/etc/host.key
+TLS_CA = $fleet/tls/ca.pem
+EOF
+  fi
 done
 
 # What the person who plays types: "on HOST start", "on HOST tqdiscoctl ...".
@@ -168,6 +198,12 @@ echo
 echo "Who is there, as the master sees it:"
 echo
 "$fleet/on" $master tqdiscoctl status
+asked="tqdiscoctl --master 127.0.1.1:$port query"
+tells="what the master knows"
+if [ "$tls" = 1 ]; then # it takes a certificate to ask
+  asked="./on 4master tqdiscoctl tls check 95web"
+  tells="how it is to connect"
+fi
 cat <<EOF
 
 The fleet goes on. In another terminal:
@@ -175,7 +211,7 @@ The fleet goes on. In another terminal:
   cd $(printf %q "$fleet")
   export PATH=$(printf %q "$bin"):\$PATH
 
-  tqdiscoctl --master 127.0.1.1:$port query     # what the master knows
+  $asked     # $tells
   ./on 95web tqdiscoctl hosts                 # the same fleet as 95web sees it
   ./on 95web tqdiscoctl show 96db volume      # disks of 96db, through the master
   ./on 95web tqdiscoctl --verbose show 23media volume   # asked of 23media itself

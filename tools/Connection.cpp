@@ -6,6 +6,7 @@
 #include "ozf/config/HostRole.h"
 #include "ozf/config/IpAddress.h"
 #include "ozf/config/ProductRoot.h"
+#include "ozf/tls/CurrentTls.h"
 #include "tools/ExitCodes.h"
 #include "tools/Output.h"
 
@@ -72,6 +73,10 @@ std::string placeOf(std::string const& host)
 
 std::string reasonOf(CORBA::Exception const& exception)
 {
+  bool const isBroken = CORBA::TRANSIENT::_downcast(&exception) != nullptr ||
+                        CORBA::COMM_FAILURE::_downcast(&exception) != nullptr;
+  if (std::string const refusal = lastTlsRefusal(); isBroken && !refusal.empty())
+    return refusal;
   if (CORBA::TIMEOUT::_downcast(&exception) != nullptr)
     return "it does not answer in time";
   if (CORBA::TRANSIENT::_downcast(&exception) != nullptr)
@@ -239,6 +244,11 @@ int Connection::prepare()
   if (int const result = chooseMaster(); result != EXIT_DONE)
     return result;
 
+  if (std::string error; !setUpTls(error))
+  {
+    complain(error);
+    return EXIT_FAILED;
+  }
   m_orb = std::make_unique<Orb>(0, "", "tqdiscoctl", 1, 64);
   if (!m_orb->init() || m_orb->run(0) != 0)
   {

@@ -8,6 +8,7 @@
 #include "tools/Help.h"
 #include "tools/Output.h"
 #include "tools/StandardOutput.h"
+#include "tools/TlsOptions.h"
 
 #include <CLI/CLI.hpp>
 
@@ -59,6 +60,7 @@ int main(int argc, char** argv)
   application.fallthrough();
   Session session;
   addConnectionOptions(application, session.connection);
+  addTlsOptions(application);
   application.add_flag_function(
       "-v,--verbose", [](std::int64_t count) { LoggerFactory::setLevel(count > 1 ? 6 : 1); },
       "Also what the library logs, on standard error; twice for all of it");
@@ -70,6 +72,7 @@ int main(int argc, char** argv)
   addPutCommand(application, session);
   addControlCommands(application, session);
   addDbCommands(application, session.exitCode);
+  addTlsCommand(application, session);
   setUpHelp(application);
   refuseEmptyValues(application);
 

@@ -293,6 +293,28 @@ void printExplorers(std::vector<ServiceState> const& states, bool all, OzfObjTim
   explainTypes(types);
 }
 
+// Those that have to be renewed, a few by name.
+void complainOfCertificates(std::vector<ServiceState> const& states, OzfObjTime const& now)
+{
+  constexpr std::int64_t SOON = 30 * 86400; // seconds
+  constexpr std::size_t MOST_NAMED = 5;
+  std::size_t count = 0;
+  std::string named;
+  for (ServiceState const& state : states)
+  {
+    OzfObjTime const end = timeOf(state.service, "CertificateEnd");
+    if (end.isZero() || end.seconds() - now.seconds() > SOON)
+      continue;
+    if (++count <= MOST_NAMED)
+      named += (named.empty() ? "" : ", ") + shown(state.record.subject) + " on " +
+               fact(state.service, "CertificateEnd");
+  }
+  if (count != 0)
+    complain(counted(count, "certificate ends", "certificates end") + " within 30 days: " + named +
+             (count > MOST_NAMED ? " and more" : "") +
+             ". Without a new one other hosts refuse these from then on");
+}
+
 // That a host reports nothing yet.
 void tellAnnouncing(std::optional<AnnouncingHost> const& host, StatusOptions const& options)
 {
@@ -394,6 +416,7 @@ int status(StatusOptions const& options, Session const& session)
              "away goes with \"tqdiscoctl db forget HOST\" on the master.");
   if (all.full)
     complain("more hosts are silent than one status takes; the others are not listed");
+  complainOfCertificates(states, OzfObjTime::now());
   if (failed != 0)
     complain(counted(failed, "explorer has", "explorers have") +
              " failed at the last run; the log of the host's service tells why");

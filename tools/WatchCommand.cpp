@@ -50,7 +50,8 @@ constexpr char SERVICE[] = "service";
 // Of what it tells these are news; the rest changes with every sign of life.
 bool isNewsOfService(std::string_view fact)
 {
-  return fact == "Role" || fact == "Version" || fact == "StartTime" || fact == "LastResult";
+  return fact == "Role" || fact == "Version" || fact == "StartTime" || fact == "LastResult" ||
+         fact == "CertificateEnd";
 }
 
 bool isService(Key const& key)

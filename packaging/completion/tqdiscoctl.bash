@@ -18,9 +18,10 @@ _tqdiscoctl_facts()
 _tqdiscoctl()
 {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-  local everywhere="-m --master --timeout -v --verbose -h --help"
+  local everywhere="-m --master --timeout --tls --tls-certificate --tls-key --tls-ca -v --verbose"
+  everywhere+=" -h --help"
   local selection="-s --subject -a --authority -t --type --filter-data"
-  local commands="status query hosts show items filters watch put push stop db"
+  local commands="status query hosts show items filters watch put push stop db tls"
   local program=${COMP_WORDS[0]} command="" dbcommand="" word value options i at names=0
   local -a master=() chosen=()
 
@@ -28,7 +29,7 @@ _tqdiscoctl()
   for ((i = 1; i < COMP_CWORD; i++)); do
     word=${COMP_WORDS[i]}
     case $word in
-      -m | --master | --timeout | -d | --directory | -s | --subject | -a | --authority | -t | \
+      -m | --master | --timeout | --tls | --tls-certificate | --tls-key | --tls-ca | -d | --directory | -s | --subject | -a | --authority | -t | \
         --type | -w | --where | -c | --columns | --sort | --limit | -n | --interval | --looks | \
         -e | --expires-in | -p | --priority | --host)
         ((++i))
@@ -82,6 +83,15 @@ _tqdiscoctl()
       mapfile -t COMPREPLY < <(compgen -A hostname -- "$current")
       return
       ;;
+    --tls)
+      mapfile -t COMPREPLY < <(compgen -W "off both only" -- "$current")
+      return
+      ;;
+    --tls-certificate | --tls-key | --tls-ca)
+      compopt -o filenames
+      mapfile -t COMPREPLY < <(compgen -f -- "$current")
+      return
+      ;;
     -d | --directory)
       mapfile -t COMPREPLY < <(compgen -d -- "$current")
       return
@@ -119,6 +129,7 @@ _tqdiscoctl()
     put) options="-t --type -e --expires-in -p --priority --filter-data --unchecked --json" ;;
     push) options="--all --host --now -a --authority --json" ;;
     stop) options="--host --no-wait --json" ;;
+    tls) options="check" ;;
     db)
       case $dbcommand in
         "") options="list show verify forget -d --directory" ;;

@@ -28,7 +28,7 @@ using Names = std::set<std::string>;
 std::vector<Words> const COMMANDS{{"status"},     {"query"},        {"hosts"},       {"show"},
                                   {"items"},      {"filters"},      {"watch"},       {"put"},
                                   {"push"},       {"stop"},         {"db"},          {"db", "list"},
-                                  {"db", "show"}, {"db", "verify"}, {"db", "forget"}};
+                                  {"db", "show"}, {"db", "verify"}, {"db", "forget"}, {"tls"}, {"tls", "check"}};
 
 std::string joined(Words const& words)
 {

@@ -1,0 +1,232 @@
+// A service and the command, both with certificates.
+
+#include "tests/support/Certificates.h"
+#include "tests/support/LiveService.h"
+
+#include <gmock/gmock.h>
+
+namespace
+{
+
+using namespace tqtest;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using Words = LiveService::Words;
+
+// The service is "tqtestmaster", with a certificate of that name, and the command
+// shows one of its own.
+class TlsServiceTest : public testing::Test
+{
+protected:
+  TlsServiceTest()
+  {
+    m_authority.writeTo(m_files / "ca.pem");
+    m_authority.issue(m_files.path(), "user", wishFor("user"));
+    m_authority.issue(m_files.path(), "service", wishFor(LiveService::NAME));
+  }
+
+  static Wish wishFor(std::string const& name)
+  {
+    Wish wish;
+    wish.commonName = name;
+    wish.names = "DNS:" + name;
+    return wish;
+  }
+
+  void configure(std::string const& mode)
+  {
+    m_service.configure(mode.empty() ? "" : tlsLines(mode, m_files.path(), "service"));
+  }
+
+  void reload(std::string const& line)
+  {
+    ASSERT_EQ(kill(m_service.process().pid(), SIGHUP), 0);
+    ASSERT_TRUE(m_service.process().awaitError(line)) << m_service.log();
+  }
+
+  // As somebody whose certificate has that name; without TLS for none.
+  Outcome run(std::string const& user, Words const& words,
+              std::string const& authorities = "ca.pem") const
+  {
+    Words all{"--tls", "off"};
+    if (!user.empty())
+      all = {"--tls",
+             "only",
+             "--tls-ca",
+             m_files / authorities,
+             "--tls-key",
+             m_files / (user + ".key"),
+             "--tls-certificate",
+             m_files / (user + ".pem")};
+    all.insert(all.end(), words.begin(), words.end());
+    return m_service.tqdiscoctl(all);
+  }
+  Outcome check(std::string const& host = LiveService::NAME, std::string const& user = "user",
+                std::string const& authorities = "ca.pem") const
+  {
+    return run(user, {"tls", "check", host}, authorities);
+  }
+
+  TempDir m_files;
+  Authority m_authority;
+  LiveService m_service;
+};
+
+} // namespace
+
+TEST_F(TlsServiceTest, answersWhoeverProvesWhoHeIsAndNobodyElse)
+{
+  configure("only");
+  ASSERT_TRUE(m_service.start()) << m_service.log();
+  Outcome outcome = run("service", {"query"});
+  EXPECT_EQ(outcome.exitCode, 3) << outcome.errors;
+  outcome = run("", {"query"});
+  EXPECT_EQ(outcome.exitCode, 5) << outcome.errors;
+  EXPECT_THAT(m_service.log(),
+              HasSubstr("Ended a connection from 127.0.0.1 before any call: it does not speak TLS, "
+                        "which TLS = only asks for"));
+  EXPECT_EQ(m_service.stop(), 0) << m_service.log();
+}
+
+TEST_F(TlsServiceTest, theModeAndTheCertificateAreTakenAtAReload)
+{
+  configure("");
+  ASSERT_TRUE(m_service.start()) << m_service.log();
+  EXPECT_EQ(run("", {"query"}).exitCode, 3);
+  EXPECT_EQ(run("user", {"query"}).exitCode, 5);
+  configure("both");
+  reload("Took the certificate " + (m_files / "service.pem") + ", which ends on ");
+  EXPECT_EQ(run("", {"query"}).exitCode, 3);
+  EXPECT_EQ(run("user", {"query"}).exitCode, 3);
+  EXPECT_THAT(m_service.log(), HasSubstr("127.0.0.1 calls without TLS, as TLS = both allows"));
+
+  Wish wish = wishFor(LiveService::NAME);
+  wish.end = 50L * 86400 + 3600;
+  m_authority.issue(m_files.path(), "service", wish);
+  configure("only");
+  reload("in 50 days");
+  EXPECT_EQ(run("", {"query"}).exitCode, 5);
+  Outcome outcome = check();
+  EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
+  EXPECT_THAT(outcome.output, HasSubstr(", in 50 days."));
+
+  writeText(m_files / "service.key", "nonsense");
+  reload("TLS stays as it was: TLS_KEY ");
+  EXPECT_EQ(run("user", {"query"}).exitCode, 3);
+  EXPECT_EQ(m_service.stop(), 0) << m_service.log();
+}
+
+TEST_F(TlsServiceTest, aCertificateThatEndsSoonIsToldInTheLog)
+{
+  Wish wish = wishFor(LiveService::NAME);
+  wish.end = 20L * 86400 + 3600;
+  m_authority.issue(m_files.path(), "service", wish);
+  configure("only");
+  ASSERT_TRUE(m_service.start()) << m_service.log();
+  EXPECT_TRUE(m_service.process().awaitError("in 20 days")) << m_service.log();
+  EXPECT_EQ(m_service.stop(), 0) << m_service.log();
+}
+
+TEST_F(TlsServiceTest, theCheckTellsWhatIsWrong)
+{
+  configure("only");
+  ASSERT_TRUE(m_service.start()) << m_service.log();
+  std::string const port = std::to_string(m_service.port());
+  std::string const place = std::string(LiveService::NAME) + ":" + port;
+
+  // Which the host of the command is not: its own is told first.
+  Outcome outcome = check(LiveService::NAME, "service");
+  EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
+  EXPECT_THAT(outcome.errors, IsEmpty());
+  EXPECT_THAT(outcome.output, HasSubstr(place + " speaks TLSv1.3; its certificate is for " +
+                                        LiveService::NAME + " and ends on "));
+  outcome = check();
+  EXPECT_EQ(outcome.exitCode, 4);
+  EXPECT_THAT(outcome.errors, HasSubstr("it is for user and not for this host, tqtestmaster"));
+
+  outcome = check("localhost:" + port, "service");
+  EXPECT_EQ(outcome.exitCode, 1);
+  EXPECT_THAT(outcome.errors, HasSubstr("localhost:" + port +
+                                        " is not accepted: the certificate of localhost is for "
+                                        "tqtestmaster"));
+
+  Authority other("Another authority");
+  other.writeTo(m_files / "other.pem");
+  outcome = check(LiveService::NAME, "service", "other.pem");
+  EXPECT_EQ(outcome.exitCode, 1);
+  EXPECT_THAT(outcome.errors,
+              HasSubstr(place + " is not accepted: its certificate (tqtestmaster) is refused: it "
+                                "is of another authority than those of TLS_CA"));
+
+  Wish wish = wishFor(LiveService::NAME);
+  wish.begin = -7200;
+  wish.end = -3600;
+  m_authority.issue(m_files.path(), "late", wish);
+  outcome = check(LiveService::NAME, "late");
+  EXPECT_EQ(outcome.exitCode, 1);
+  EXPECT_THAT(outcome.errors,
+              AllOf(HasSubstr("late.pem is refused by peers: it has expired"),
+                    HasSubstr(place + " accepts no call: it refuses this host's certificate: it "
+                                      "has expired")));
+
+  wish = wishFor(LiveService::NAME);
+  wish.usage = "serverAuth";
+  m_authority.issue(m_files.path(), "server", wish);
+  outcome = check(LiveService::NAME, "server");
+  EXPECT_EQ(outcome.exitCode, 1);
+  EXPECT_THAT(outcome.errors, HasSubstr("it refuses this host's certificate: it is not made for "
+                                        "this role"));
+  EXPECT_EQ(m_service.stop(), 0) << m_service.log();
+}
+
+TEST_F(TlsServiceTest, theCheckTellsOfAServiceWithoutTls)
+{
+  configure("");
+  ASSERT_TRUE(m_service.start()) << m_service.log();
+  Outcome const outcome = check(LiveService::NAME, "service");
+  EXPECT_EQ(outcome.exitCode, 1);
+  EXPECT_THAT(outcome.errors, HasSubstr("is not accepted: it does not speak TLS"));
+  EXPECT_EQ(m_service.stop(), 0) << m_service.log();
+}
+
+TEST_F(TlsServiceTest, theCommandTellsWhyAServiceIsNotReached)
+{
+  m_authority.issue(m_files.path(), "service", wishFor("backup2"));
+  configure("only");
+  ASSERT_TRUE(m_service.start()) << m_service.log();
+  EXPECT_THAT(m_service.log(), HasSubstr("it is for backup2 and not for this host, tqtestmaster"));
+  Outcome outcome = run("user", {"query"});
+  EXPECT_EQ(outcome.exitCode, 5);
+  EXPECT_THAT(outcome.errors,
+              HasSubstr("the certificate of 127.0.0.1 (tqtestmaster) is for backup2"));
+  outcome = run("nobody", {"query"});
+  EXPECT_EQ(outcome.exitCode, 1);
+  EXPECT_THAT(outcome.errors, AllOf(HasSubstr("TLS_CERTIFICATE " + (m_files / "nobody.pem")),
+                                    HasSubstr("No such file or directory")));
+  EXPECT_EQ(m_service.stop(), 0) << m_service.log();
+}
+
+TEST_F(TlsServiceTest, theConfigurationsCheckReadsTheFiles)
+{
+  auto const checked = [&]
+  {
+    return runProgram(TQ_BIN_DIR "/tqdisco", {"--check-config"},
+                      {{"TESSARINE_ROOT", m_service.root()}});
+  };
+  configure("only");
+  Outcome outcome = checked();
+  EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
+  m_authority.issue(m_files.path(), "service", wishFor("backup2"));
+  std::filesystem::remove(m_files / "ca.pem");
+  outcome = checked();
+  EXPECT_EQ(outcome.exitCode, 2);
+  EXPECT_THAT(outcome.errors, HasSubstr("tq.conf: TLS_CA " + (m_files / "ca.pem") +
+                                        " cannot be read: No such file or directory (2)"));
+  m_authority.writeTo(m_files / "ca.pem");
+  outcome = checked();
+  EXPECT_EQ(outcome.exitCode, 2);
+  EXPECT_THAT(outcome.errors, HasSubstr("is refused by peers: it is for backup2 and not for this "
+                                        "host, tqtestmaster"));
+}
