@@ -91,7 +91,7 @@ TEST_F(HandshakesTest, aThousandPeersThatNeverShakeHandsKeepNobodyWaiting)
 {
   std::vector<UniqueFd> silent;
   for (int i = 0; i < 1000; ++i)
-    silent.push_back(connectFrom(i % 2 == 0 ? "127.0.0.1" : "127.0.0.2"));
+    silent.push_back(connectFrom(i % 2 == 0 ? "127.0.0.1" : "127.0.77.2"));
   Client client;
   for (int call = 0; call < 5; ++call)
   {
@@ -106,7 +106,7 @@ TEST_F(HandshakesTest, aThousandPeersThatNeverShakeHandsKeepNobodyWaiting)
 // A number of one address is ended for the next, of another address for none.
 TEST_F(HandshakesTest, anAddressWithTooManyLosesItsOldest)
 {
-  UniqueFd const other = connectFrom("127.0.0.2");
+  UniqueFd const other = connectFrom("127.0.77.2");
   UniqueFd const oldest = connectFrom("127.0.0.1");
   std::vector<UniqueFd> silent;
   for (int i = 0; i < 512; ++i)
