@@ -62,13 +62,13 @@ certify()
   printf 'subjectAltName=DNS:%s,IP:%s\nextendedKeyUsage=serverAuth,clientAuth\n' "$1" "$2" \
     > "$fleet/tls/$1.ext"
   openssl x509 -req -in "$fleet/tls/$1.csr" -CA "$fleet/tls/ca.pem" -CAkey "$fleet/tls/ca.key" \
-    -CAcreateserial -days 30 -extfile "$fleet/tls/$1.ext" -out "$fleet/$1/etc/host.pem"
+    -CAcreateserial -days 90 -extfile "$fleet/tls/$1.ext" -out "$fleet/$1/etc/host.pem"
 }
 
 chmod 755 "$fleet"
 if [ "$tls" = 1 ]; then
   mkdir "$fleet/tls"
-  openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 30 \
+  openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 90 \
     -subj "/CN=Fleet on loopback" -keyout "$fleet/tls/ca.key" -out "$fleet/tls/ca.pem" \
     2> "$fleet/openssl.log" || fail "No authority was made: $(cat "$fleet/openssl.log")"
 fi
