@@ -27,10 +27,10 @@ struct Wish
   std::string usage = "serverAuth,clientAuth"; // empty: any
 };
 
-class Authority
+class CertificateAuthority
 {
 public:
-  explicit Authority(std::string const& name = "Test authority")
+  explicit CertificateAuthority(std::string const& name = "Test authority")
       : m_name(name), m_key(EVP_EC_gen("P-256"), EVP_PKEY_free), m_certificate(nullptr, X509_free)
   {
     Wish wish;

@@ -70,7 +70,7 @@ protected:
   }
 
   TempDir m_files;
-  Authority m_authority;
+  CertificateAuthority m_authority;
   LiveService m_service;
 };
 
@@ -152,7 +152,7 @@ TEST_F(TlsServiceTest, theCheckTellsWhatIsWrong)
                                         " is not accepted: the certificate of localhost is for "
                                         "tqtestmaster"));
 
-  Authority other("Another authority");
+  CertificateAuthority other("Another authority");
   other.writeTo(m_files / "other.pem");
   outcome = check(LiveService::NAME, "service", "other.pem");
   EXPECT_EQ(outcome.exitCode, 1);

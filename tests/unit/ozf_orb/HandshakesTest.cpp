@@ -60,7 +60,7 @@ protected:
   }
 
   TempDir m_files;
-  tqtest::Authority m_authority;
+  tqtest::CertificateAuthority m_authority;
   unsigned short const m_port = freePort();
   std::optional<ProductRoot> m_root;
   std::unique_ptr<ServingProcess> m_server;

@@ -10,7 +10,7 @@
 #include <vector>
 
 using namespace Quillon::Tessarine::Ozf;
-using tqtest::Authority;
+using tqtest::CertificateAuthority;
 using tqtest::tlsLines;
 using tqtest::Wish;
 
@@ -59,7 +59,7 @@ protected:
   }
 
   TempDir m_files;
-  Authority m_authority;
+  CertificateAuthority m_authority;
   unsigned short const m_port = freePort();
   std::optional<ProductRoot> m_serverRoot;
   std::optional<ProductRoot> m_clientRoot;
@@ -179,7 +179,7 @@ TEST_F(TlsCallsTest, aHostIsKnownByTheNameThatItsAddressIsGiven)
 
 TEST_F(TlsCallsTest, aServerOfAnotherAuthorityIsRefused)
 {
-  Authority other("Another authority");
+  CertificateAuthority other("Another authority");
   other.issue(m_files.path(), "server");
   serve(lines("server"));
   LogCapture log(1);
@@ -238,7 +238,7 @@ TEST_F(TlsCallsTest, aConnectionThatThePeerClosedWhileIdleIsLeft)
 
 TEST_F(TlsCallsTest, aRenewedCertificateIsTakenForNewConnectionsAndCallsInProgressGoOn)
 {
-  Authority other("The next authority");
+  CertificateAuthority other("The next authority");
   serve(lines("server"));
   call(lines("client"));
   auto const probe = probeOf(m_client->orb, "Probe");

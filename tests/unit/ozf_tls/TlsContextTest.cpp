@@ -12,7 +12,7 @@ using namespace Quillon::Tessarine::Ozf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using tqtest::Authority;
+using tqtest::CertificateAuthority;
 using tqtest::tlsLines;
 using tqtest::Wish;
 
@@ -56,7 +56,7 @@ protected:
   }
 
   TempDir m_files;
-  Authority m_authority;
+  CertificateAuthority m_authority;
   std::string const m_start =
       "TLS_CERTIFICATE " + (m_files / "host.pem") + " is refused by peers: ";
 };
@@ -130,7 +130,7 @@ TEST_F(TlsContextTest, aCertificateThatPeersRefuseIsToldWithTheReason)
   wish.usage = "clientAuth";
   EXPECT_EQ(problemsWith(wish), m_start + "it is not made for this role: its extended key usage "
                                           "has to allow servers and clients");
-  Authority other("Another authority");
+  CertificateAuthority other("Another authority");
   other.issue(m_files.path(), "host");
   EXPECT_THAT(problems(), ElementsAre(m_start + "it is of another authority than those of TLS_CA"));
 }
