@@ -108,7 +108,7 @@ TEST_F(TlsServiceTest, theModeAndTheCertificateAreTakenAtAReload)
   configure("only");
   reload("in 50 days");
   EXPECT_EQ(run("", {"query"}).exitCode, 5);
-  Outcome outcome = check();
+  Outcome outcome = check(LiveService::NAME, "service");
   EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
   EXPECT_THAT(outcome.output, HasSubstr(", in 50 days."));
 
