@@ -209,6 +209,7 @@ int scanDatabase(std::string const& directory, DatabaseContents& contents, bool 
       return errno;
   }
 
+  std::string const start = directory + '/';
   for (std::string const& name : names)
   {
     if (name == "." || name == ".." || name == "Update.lock")
@@ -223,7 +224,7 @@ int scanDatabase(std::string const& directory, DatabaseContents& contents, bool 
       {
       };
       // Gone while we looked: replaced or expired, which is no problem.
-      if (!reason.empty() && ::lstat((directory + '/' + name).c_str(), &status) != 0)
+      if (!reason.empty() && ::lstat((start + name).c_str(), &status) != 0)
         continue;
       if (reason.empty())
         contents.discoveries.push_back(std::move(found));
@@ -236,8 +237,8 @@ int scanDatabase(std::string const& directory, DatabaseContents& contents, bool 
       struct stat status
       {
       };
-      if (::lstat((directory + '/' + metadata).c_str(), &status) != 0 &&
-          ::lstat((directory + '/' + name).c_str(), &status) == 0)
+      if (::lstat((start + metadata).c_str(), &status) != 0 &&
+          ::lstat((start + name).c_str(), &status) == 0)
         contents.problems.push_back({name, "is a payload without a metadata file"});
     }
     else
