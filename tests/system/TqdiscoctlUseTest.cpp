@@ -191,7 +191,8 @@ TEST(TqdiscoctlUseTest, bashCompletesCommandsOptionsAndTypes)
   EXPECT_EQ(completed({"db", "--directory", "/tmp", "sh"}), Names{"show"});
   EXPECT_EQ(completed({"db", ""}),
             (Names{"list", "show", "verify", "forget", "-d", "--directory", "-m", "--master",
-                   "--timeout", "-v", "--verbose", "-h", "--help"}));
+                   "--timeout", "--tls", "--tls-certificate", "--tls-key", "--tls-ca", "-v",
+                   "--verbose", "-h", "--help"}));
   for (Words const& command : COMMANDS)
   {
     Words words = command;
