@@ -8,9 +8,12 @@
 #include "tools/DatabaseScan.h"
 
 #include <chrono>
+#include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <stdexcept>
+#include <thread>
 
 namespace tqtorture
 {
@@ -353,7 +356,8 @@ private:
   {
     prepare();
     end();
-    std::vector<std::string> const tracing{"/usr/bin/strace", "-D", "-f", "-o", traceFile()};
+    std::vector<std::string> const tracing{"/usr/bin/strace", "-D", "-I", "2", "-f", "-o",
+                                           traceFile()};
     std::vector<std::string> recording(tracing);
     recording.insert(recording.end(), {"-y", "-s", "200"});
     if (!m_service.start({}, recording) || m_service.stop() != 0)
@@ -371,9 +375,32 @@ private:
     begin();
   }
 
+  // What is asked of the service afterwards is to be answered without faults, which
+  // a tracer injects into each thread.
+  void endTracing()
+  {
+    std::string const status = "/proc/" + std::to_string(m_service.process().pid()) + "/status";
+    auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    constexpr char TRACER[] = "TracerPid:\t";
+    for (;;)
+    {
+      std::string const text = readText(status);
+      auto const at = text.find(TRACER);
+      pid_t const tracer =
+          at == std::string::npos ? 0 : std::atoi(text.c_str() + at + sizeof TRACER - 1);
+      if (tracer == 0)
+        return;
+      if (std::chrono::steady_clock::now() > end)
+        throw std::runtime_error("the tracer of a start does not let go");
+      kill(tracer, SIGTERM);
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+  }
+
   void startWith(Fault const& fault, std::vector<std::string> const& words)
   {
     bool const started = m_service.launch({}, words).awaitError("main: Started, version", PATIENCE);
+    endTracing();
     std::vector<std::string> flaws;
     std::string outcome;
     // Its manager would only start it again and again.
