@@ -5,8 +5,8 @@
 
 #include <malloc.h>
 
+#include <algorithm>
 #include <cstdint>
-#include <cstring>
 #include <functional>
 #include <new>
 #include <string>
@@ -25,8 +25,7 @@ constexpr std::size_t ALLOCATION_OVERHEAD = sizeof(std::size_t);
 
 char* append(char* to, std::string_view text)
 {
-  std::memcpy(to, text.data(), text.size());
-  return to + text.size();
+  return std::copy(text.begin(), text.end(), to);
 }
 
 } // namespace
