@@ -23,10 +23,7 @@ constexpr std::size_t FIRST_BUCKETS = 16;
 // What the C library adds to a piece of memory.
 constexpr std::size_t ALLOCATION_OVERHEAD = sizeof(std::size_t);
 
-char* append(char* to, std::string_view text)
-{
-  return std::copy(text.begin(), text.end(), to);
-}
+char* append(char* to, std::string_view text) { return std::copy(text.begin(), text.end(), to); }
 
 } // namespace
 

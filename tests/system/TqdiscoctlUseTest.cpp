@@ -25,10 +25,10 @@ using testing::StartsWith;
 using Words = std::vector<std::string>;
 using Names = std::set<std::string>;
 
-std::vector<Words> const COMMANDS{{"status"},     {"query"},        {"hosts"},       {"show"},
-                                  {"items"},      {"filters"},      {"watch"},       {"put"},
-                                  {"push"},       {"stop"},         {"db"},          {"db", "list"},
-                                  {"db", "show"}, {"db", "verify"}, {"db", "forget"}, {"tls"}, {"tls", "check"}};
+std::vector<Words> const COMMANDS{
+    {"status"},     {"query"},        {"hosts"},        {"show"}, {"items"},       {"filters"},
+    {"watch"},      {"put"},          {"push"},         {"stop"}, {"db"},          {"db", "list"},
+    {"db", "show"}, {"db", "verify"}, {"db", "forget"}, {"tls"},  {"tls", "check"}};
 
 std::string joined(Words const& words)
 {
