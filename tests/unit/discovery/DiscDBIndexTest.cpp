@@ -474,6 +474,8 @@ TEST_F(IndexedDatabase, AWalkGoesOnWhereTheIndexLeftOff)
   EXPECT_EQ(20u, std::set<std::string>(found.begin(), found.end()).size());
 }
 
+// The sanitizers look at memory through a pipe, and end a process that gets none.
+#ifndef __SANITIZE_ADDRESS__
 TEST_F(IndexedDatabase, WithoutDescriptorsForAWatchTheDirectoryIsWalkedAndLaterWatched)
 {
   put("a");
@@ -494,6 +496,7 @@ TEST_F(IndexedDatabase, WithoutDescriptorsForAWatchTheDirectoryIsWalkedAndLaterW
       << log.text();
   EXPECT_TRUE(index.update());
 }
+#endif
 
 TEST_F(IndexedDatabase, PagesHoldEachRecordThatStaysOnce)
 {
