@@ -172,7 +172,7 @@ struct MetadataCache::Shard
   {
     std::vector<Entry*> const old = std::exchange(
         buckets, std::vector<Entry*>(buckets.empty() ? FIRST_BUCKETS : 2 * buckets.size()));
-    held += (buckets.size() - old.size()) * sizeof(Entry*);
+    held += (buckets.size() - old.size()) * sizeof(void*);
     for (Entry* first : old)
       while (first != nullptr)
         link(std::exchange(first, first->next));
