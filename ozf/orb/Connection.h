@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include "ozf/base/Export.h"
 #include "ozf/orb/ConnectionWatcher.h"
 #include "ozf/orb/GuardedInput.h"
 #include "ozf/tls/TlsChannel.h"
@@ -21,7 +22,7 @@ namespace Quillon::Tessarine::Ozf
 // Wraps one of the ORB's over TCP. The ORB owns it by its count; destroying it
 // destroys the one inside. Between two requests it belongs to the watcher, and
 // from there on to the ORB's thread until that asks to have it watched again.
-class Connection final : public omni::giopConnection, public WatchedConnection
+class OZF_EXPORT Connection final : public omni::giopConnection, public WatchedConnection
 {
 public:
   // peer is what the table of connections gave for it, and descriptor the

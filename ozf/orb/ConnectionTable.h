@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include "ozf/base/Export.h"
 #include "ozf/orb/Peer.h"
 
 #include <condition_variable>
@@ -60,7 +61,7 @@ private:
 
 // The peer that a call on the calling thread came from. The object whose end
 // comes last is the one that counts.
-class PeerOfCall
+class OZF_EXPORT PeerOfCall
 {
 public:
   // null: the call came from no peer.

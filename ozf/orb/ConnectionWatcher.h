@@ -13,6 +13,7 @@
 
 #pragma once
 
+#include "ozf/base/Export.h"
 #include "ozf/base/SystemError.h"
 #include "ozf/orb/Peer.h"
 
@@ -75,7 +76,7 @@ struct WatchLimits
 };
 
 // All operations may be called from any thread unless they say otherwise.
-class ConnectionWatcher
+class OZF_EXPORT ConnectionWatcher
 {
 public:
   using HandOver = void (*)(void* cookie, WatchedConnection& connection);

@@ -1,5 +1,6 @@
 #include "discovery/ExplorerRemotePull.h"
 
+#include "ozf/orb/ConnectionTable.h"
 #include "tests/support/RemoteService.h"
 #include "tests/support/Service.h"
 
@@ -333,14 +334,10 @@ TEST_F(ExplorerRemotePullTest, ConcurrentRequestsAreIndependent)
   EXPECT_EQ(complete, 8) << m_log.text();
 }
 
-// Twenty requests of one registration that the host lets wait.
-class ExplorerRemotePullTurnsTest : public ExplorerRemotePullTest
+// Requests that the host lets wait.
+class ExplorerRemotePullWaitTest : public ExplorerRemotePullTest
 {
 protected:
-  static constexpr int LIMIT = RemoteExplorerPull::MOST_REQUESTS;
-  static constexpr char REFUSED[] =
-      "Refused a request for data of localhost: 20 that it has not answered are in progress";
-
   void SetUp() override
   {
     ExplorerRemotePullTest::SetUp();
@@ -361,10 +358,6 @@ protected:
       servant->pages = {"payload"};
       return activate<Remote::CollectionDataIterator>(servant);
     };
-    for (int i = 0; i < LIMIT; ++i)
-      start(*m_explorer);
-    EXPECT_TRUE(eventually([this] { return asked() == LIMIT; })) << m_log.text();
-    EXPECT_FALSE(hasText("Refused")) << m_log.text();
   }
   void TearDown() override
   {
@@ -382,9 +375,15 @@ protected:
     return explorer.collectionRequested(DQ_DISCOVERY_DATA, Authority("volume", AT_TQUCLIENT),
                                         Subject("hostA"), context, "", &target);
   }
-  void start(RemoteExplorerPull& explorer)
+  // For a peer, or for nobody from the network.
+  void start(RemoteExplorerPull& explorer, Peer const* peer = nullptr)
   {
-    m_threads.emplace_back([this, &explorer] { m_complete += requestOf(explorer) ? 1 : 0; });
+    m_threads.emplace_back(
+        [this, &explorer, peer]
+        {
+          PeerOfCall const from(peer);
+          m_complete += requestOf(explorer) ? 1 : 0;
+        });
   }
   int asked()
   {
@@ -405,6 +404,24 @@ protected:
   bool m_mayAnswer = false;
   std::atomic<int> m_complete{0};
   std::vector<std::thread> m_threads;
+};
+
+// Twenty of one registration.
+class ExplorerRemotePullTurnsTest : public ExplorerRemotePullWaitTest
+{
+protected:
+  static constexpr int LIMIT = RemoteExplorerPull::MOST_REQUESTS;
+  static constexpr char REFUSED[] =
+      "Refused a request for data of localhost: 20 that it has not answered are in progress";
+
+  void SetUp() override
+  {
+    ExplorerRemotePullWaitTest::SetUp();
+    for (int i = 0; i < LIMIT; ++i)
+      start(*m_explorer);
+    EXPECT_TRUE(eventually([this] { return asked() == LIMIT; })) << m_log.text();
+    EXPECT_FALSE(hasText("Refused")) << m_log.text();
+  }
 };
 
 TEST_F(ExplorerRemotePullTurnsTest, OneMoreIsRefusedAfterAWaitWithALineOfItsOwn)
@@ -431,6 +448,40 @@ TEST_F(ExplorerRemotePullTurnsTest, OneMoreHasItsTurnWhenAnotherEndsInTime)
   EXPECT_TRUE(eventually([this] { return m_complete == LIMIT + 1; })) << m_log.text();
   EXPECT_FALSE(hasText("Refused")) << m_log.text();
   EXPECT_TRUE(requestOf(*m_explorer)) << "there is room again";
+}
+
+TEST_F(ExplorerRemotePullWaitTest, RequestsOfPeersHaveAHundredPlacesForAllRegistrations)
+{
+  constexpr int MOST = RemoteExplorerPull::MOST_SERVED;
+  RemoteExplorerPull::setPatience(std::chrono::seconds(60));
+  Peer peer;
+  peer.address = "192.0.2.7";
+  std::deque<AutoDereference<RemoteExplorerPull>> explorers;
+  for (int i = 0; i < MOST; ++i)
+  {
+    if (i % RemoteExplorerPull::MOST_REQUESTS == 0)
+      explorers.emplace_back(
+          new RemoteExplorerPull("DiscoveryService", "localhost", "name 3", "name 4", AT_EXTSRC));
+    start(*explorers.back(), &peer);
+  }
+  EXPECT_TRUE(eventually([this] { return asked() == MOST; })) << m_log.text();
+
+  RemoteExplorerPull::setPatience(std::chrono::milliseconds(500));
+  PeerOfCall const from(&peer);
+  EXPECT_FALSE(requestOf(*m_other));
+  EXPECT_EQ(1, m_log.count(1, REQUESTED,
+                           "Refused a request of 192.0.2.7 for data of localhost: 100 requests "
+                           "wait for other hosts already"))
+      << m_log.text();
+  EXPECT_EQ(MOST, asked()) << "the host was not asked";
+
+  answer();
+  EXPECT_TRUE(eventually([this] { return m_complete == MOST; })) << m_log.text();
+  EXPECT_TRUE(requestOf(*m_other)) << "there is room again";
+  // They go before the threads do otherwise.
+  for (auto& thread : m_threads)
+    thread.join();
+  m_threads.clear();
 }
 
 TEST_F(ExplorerRemotePullTest, AChainThroughOtherRegistrationsEndsAfterTwenty)

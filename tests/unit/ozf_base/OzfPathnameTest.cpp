@@ -1,12 +1,14 @@
 #include "ozf/base/OzfPathname.h"
 
 #include "tests/support/TempDir.h"
+#include "tests/unit/discovery/SystemCalls.h"
 
 #include <cerrno>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 using namespace Quillon::Tessarine::Ozf;
 
@@ -92,4 +94,16 @@ TEST(Mkdirpath, ReturnsTheReasonOfAFailure)
   EXPECT_EQ(mkdirpath("/proc/nothing/here", 0755), ENOENT);
   EXPECT_EQ(mkdirpath(temp / std::string("cut\0off", 7), 0755), EINVAL);
   EXPECT_FALSE(std::filesystem::exists(temp / "cut"));
+}
+
+TEST(Mkdirpath, AFlushFailsUnlessTheFileSystemHasNone)
+{
+  for (auto const& [error, expected] : {std::pair{EIO, EIO}, {EINVAL, 0}, {ENOTSUP, 0}})
+  {
+    TempDir temp;
+    SystemCalls const calls(temp.path(), [error = error](std::string const& call)
+                            { return call == "fsync ." ? error : 0; });
+    EXPECT_EQ(mkdirpath(temp / "one/two", 0755), expected) << error;
+    EXPECT_TRUE(std::filesystem::is_directory(temp / "one/two")) << error;
+  }
 }

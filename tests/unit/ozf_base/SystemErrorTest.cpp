@@ -1,6 +1,7 @@
 #include "ozf/base/SystemError.h"
 
 #include "tests/support/TempDir.h"
+#include "tests/unit/discovery/SystemCalls.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -110,4 +111,17 @@ TEST(ReadAll, StartsAtTheDescriptorsPosition)
   EXPECT_EQ(readAll(fd.get(), text, 3), 0);
   EXPECT_EQ(text, "789");
   EXPECT_EQ(readAll(-1, text, 3), EBADF);
+}
+
+TEST(ReadAll, GoesOnAfterASignal)
+{
+  TempDir temp;
+  writeText(temp / "file", "0123456789");
+  int interruptions = 2;
+  SystemCalls const calls(temp.path(), [&](std::string const& call)
+                          { return call == "read file" && interruptions-- > 0 ? EINTR : 0; });
+  std::string text;
+  EXPECT_EQ(readFile(temp / "file", text, 10), 0);
+  EXPECT_EQ(text, "0123456789");
+  EXPECT_LT(interruptions, 0) << "what is read did not pass here";
 }

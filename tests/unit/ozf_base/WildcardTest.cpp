@@ -83,6 +83,13 @@ TEST(Wildcard, NoOtherCharacterIsSpecial)
   EXPECT_EQ(wildcardcmp("a*", "a*b"), 0);
 }
 
+TEST(Wildcard, APatternEndsBeforeTheStarThatFollowsItInALongerText)
+{
+  std::string_view const longer = "ab*";
+  EXPECT_NE(wildcardcmp(longer.substr(0, 2), "abc"), 0);
+  EXPECT_EQ(wildcardcmp(longer, "abc"), 0);
+}
+
 TEST(Wildcard, FoldsAsciiLettersOnlyWhenAsked)
 {
   EXPECT_NE(wildcardcmp("Host*", "hostA"), 0);

@@ -1,6 +1,7 @@
 #include "ozf/config/Configuration.h"
 
 #include "tests/support/TempDir.h"
+#include "tests/unit/discovery/SystemCalls.h"
 
 #include <gmock/gmock.h>
 
@@ -155,6 +156,14 @@ TEST_F(ConfigurationTest, AFileOfSixteenMebibytesIsReadAndALargerOneRefused)
   EXPECT_TRUE(read("#" + std::string(LIMIT - 1, 'x')).readable());
   writeText(path(), "#" + std::string(LIMIT, 'x'));
   expectUnreadable(path(), "larger than 16 MiB");
+}
+
+TEST_F(ConfigurationTest, AFileThatCannotBeExaminedIsNotRead)
+{
+  writeText(path(), "SERVER = one\n");
+  SystemCalls const calls(m_directory.path(), [](std::string const& call)
+                          { return call == "fstat tq.conf" ? EIO : 0; });
+  expectUnreadable(path(), "cannot be read: Input/output error");
 }
 
 TEST_F(ConfigurationTest, BooleansHaveEightWordsInAnyCase)

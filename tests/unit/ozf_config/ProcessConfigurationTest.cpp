@@ -22,6 +22,15 @@ std::string localName()
   return local.exportNarrow();
 }
 
+// The first, for when several share a process: the others have loaded it already.
+TEST_F(ProcessConfigurationTest, IsThereForTheFirstWhoAsksAndStays)
+{
+  writeText(file(), "SERVER = one\n");
+  auto const configuration = getConfiguration();
+  ASSERT_NE(configuration, nullptr);
+  EXPECT_EQ(getConfiguration(), configuration);
+}
+
 TEST_F(ProcessConfigurationTest, IsReadOnceUntilItIsReloaded)
 {
   configure("SERVER = one\n");

@@ -206,6 +206,19 @@ TEST(MessageRulesTest, whatPrecedesTheArgumentsIsWholeAndNotLong)
     EXPECT_EQ(refusalOf(large), "its header is too long");
 }
 
+TEST(MessageRulesTest, aHeaderOfJustTheGreatestLengthPasses)
+{
+  auto const requestOf = [](std::size_t context)
+  {
+    return requestWith(std::string(3000, 'k'), "op",
+                       bytesOf(1) + bytesOf(5) + padded(std::string(context, 'c')));
+  };
+  std::size_t const longest = MessageRules::LONGEST_HEADER - requestOf(0).size();
+  ASSERT_EQ(requestOf(longest).size(), MessageRules::LONGEST_HEADER);
+  EXPECT_EQ(refusalOf(requestOf(longest)), "");
+  EXPECT_EQ(refusalOf(requestOf(longest + 1)), "its header is too long");
+}
+
 TEST(MessageRulesTest, onlyTheAnswerThatWasAskedForPasses)
 {
   for (char const minor : {0, 1, 2})
