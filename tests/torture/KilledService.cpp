@@ -3,6 +3,7 @@
 #include "tests/support/LiveService.h"
 #include "tests/torture/DatabaseJudge.h"
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <memory>
@@ -74,6 +75,18 @@ private:
     return true;
   }
 
+  std::string lastWords() const
+  {
+    std::string text;
+    for (auto const& client : m_clients)
+    {
+      std::string const said = client->output();
+      text += "\n  said: ..." + said.substr(said.size() - std::min<std::size_t>(said.size(), 60)) +
+              "\n  errors: " + client->errors();
+    }
+    return text;
+  }
+
   std::size_t saidByAll() const
   {
     std::size_t size = 0;
@@ -96,7 +109,7 @@ private:
                         std::to_string(m_service.process().exitCode())];
     ++m_result.kills;
     if (!tqtest::eventually([&] { return allIdle(); }))
-      throw std::runtime_error("a client does not notice the death of the service");
+      throw std::runtime_error("a client does not notice the death of the service" + lastWords());
     note();
     m_service.launch();
     start();
