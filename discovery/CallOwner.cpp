@@ -1,6 +1,7 @@
 #include "discovery/CallOwner.h"
 
 #include "discovery/DiscoveryLog.h"
+#include "ozf/orb/CallAudit.h"
 #include "ozf/orb/Corba.h"
 #include "ozf/orb/Peer.h"
 
@@ -34,6 +35,8 @@ void CallOwner::require(char const* operation)
   OZF_LOG(getOzfLogger(), 1, "DiscoveryService_i", operation,
           "Refused a call of " << peer->address << ": the object belongs to "
                                << (m_address.empty() ? "this service" : m_address.c_str()));
+  auditRefusal({operation}, "the object belongs to " +
+                                (m_address.empty() ? std::string("this service") : m_address));
   throw CORBA::NO_PERMISSION(0, CORBA::COMPLETED_NO);
 }
 

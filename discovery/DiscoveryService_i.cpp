@@ -8,6 +8,7 @@
 #include "discovery/DiscoveryService_iWriter.h"
 #include "discovery/ExplorerRemotePull.h"
 #include "discovery/OpenWriters.h"
+#include "ozf/orb/CallAudit.h"
 #include "ozf/orb/Orb.h"
 #include "ozf/orb/OrbService.h"
 
@@ -183,16 +184,19 @@ DiscoveryResult DiscoveryService_i::putCollection(Discovery const& record, Remot
   constexpr char const* OPERATION = "DiscoveryService_i::putCollection";
   writer = RemoteWriter::_nil();
   DiscoveryResult result{DS_OPEN_FAILED, 0};
+  AuditedCall const call{"putCollection", record.subject.in(), record.authority.in()};
   if (!areKeepableNames(record.subject.in(), record.authority.in()))
   {
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
             "Refused a discovery: its subject or authority is empty or too long");
+    auditRefusal(call, "its subject or authority is empty or too long");
     return result;
   }
   if (!isUsablePattern(record.sourceHost.in()) || !isUsablePattern(record.sourceServiceName.in()))
   {
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
             "Refused a discovery: the name of its source host or service is too long");
+    auditRefusal(call, "the name of its source host or service is too long");
     return result;
   }
   auto const place = getOpenWriters().reserve(currentPeer());
@@ -215,13 +219,17 @@ DiscoveryResult DiscoveryService_i::putCollection(Discovery const& record, Remot
       {
         OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
                 "Refused a discovery: the service is about to stop");
+        auditRefusal(call, "the service is about to stop");
         getDiscoveryRepository().getOrb()->destroyObjectRef(reference);
         result.discStatus = DS_OPEN_FAILED;
       }
     }
+    else
+      auditCall(call, resultText(result.discStatus));
   }
   catch (CORBA::Exception const& exception)
   {
+    auditCall(call, resultText(DS_COM_ERROR));
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
             "Caught CORBA exception creating object reference to remote writer");
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, corbaExceptionText(exception));
@@ -238,11 +246,13 @@ void DiscoveryService_i::registerExplorer(char const* sourceHost, char const* so
                                           AuthorityType authType, CORBA::Short priority)
 {
   constexpr char const* OPERATION = "DiscoveryService_i::registerExplorer";
+  AuditedCall const call{"registerExplorer", subject, authority};
   if (!isUsablePlace(sourceHost) || !isUsablePlace(sourceServiceName) ||
       !areKeepableNames(subject, authority))
   {
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
             "Refused the registration of an explorer: a name is empty or too long");
+    auditRefusal(call, "a name is empty or too long");
     // The caller is not told: an exception would keep it from ever starting its
     // push explorers.
     return;
@@ -261,10 +271,18 @@ void DiscoveryService_i::registerExplorer(char const* sourceHost, char const* so
                 << subject << " " << authority << " may yield to an older one that is restored");
   auto const registration = repository.registerExplorer(new Subject(subject), explorer.get(), wide,
                                                         new Authority(authority, authType), false);
-  if (registration.standing)
-    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
-            "Refused the registration of " << subject << " " << authority << ", priority " << wide
-                                           << ": " << describeStanding(registration));
+  if (registration.result == Registration::TOO_MANY)
+    return auditRefusal(call, "too many are registered already");
+  if (!registration.standing)
+  {
+    auditCall(call, std::string("registered, of ") + sourceServiceName + " on " + sourceHost);
+    return;
+  }
+  std::string const reason = describeStanding(registration);
+  OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+          "Refused the registration of " << subject << " " << authority << ", priority " << wide
+                                         << ": " << reason);
+  auditRefusal(call, reason);
 }
 
 CORBA::Boolean DiscoveryService_i::terminate()
@@ -276,16 +294,23 @@ CORBA::Boolean DiscoveryService_i::terminate()
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Unable to retrieve the OrbService instance");
     return false;
   }
+  auditCall({"terminate"}, "stopping");
   service->stopByEvent(false);
   return true;
 }
 
-void DiscoveryService_i::restartLocalPushTimer() { getDiscoveryRepository().triggerPushTimer(); }
+void DiscoveryService_i::restartLocalPushTimer()
+{
+  auditCall({"restartLocalPushTimer"}, "done");
+  getDiscoveryRepository().triggerPushTimer();
+}
 
 CORBA::Boolean DiscoveryService_i::restartAllPushTimers()
 {
-  return getDiscoveryRepository().isGenericDSOnMaster() &&
-         getDiscoveriesThreadMgr().restartAllPushTimers();
+  bool const restarted = getDiscoveryRepository().isGenericDSOnMaster() &&
+                         getDiscoveriesThreadMgr().restartAllPushTimers();
+  auditCall({"restartAllPushTimers"}, restarted ? "done" : "not done");
+  return restarted;
 }
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc::Remote

@@ -5,6 +5,7 @@
 #include "discovery/DiscoveryRepository.h"
 #include "discovery/RemoteDB.h"
 #include "discovery/RemoteDBWire.h"
+#include "ozf/orb/CallAudit.h"
 #include "ozf/orb/Orb.h"
 #include "ozf/orb/Peer.h"
 
@@ -32,6 +33,12 @@ Discovery withoutSource(Discovery const& record)
   return copy;
 }
 
+Peer openerOfCall()
+{
+  Peer const* const peer = currentPeer();
+  return peer == nullptr ? Peer() : *peer;
+}
+
 CallPlaces& relayedCalls()
 {
   static CallPlaces places(RemoteWriter_i::MOST_RELAYED, RemoteWriter_i::MOST_RELAYED / 2);
@@ -46,7 +53,7 @@ RemoteWriter_i::RemoteWriter_i(Discovery const& record)
 }
 
 RemoteWriter_i::RemoteWriter_i(Discovery const& record, std::size_t mostBytes)
-    : m_mostBytes(mostBytes), m_record(withoutSource(record))
+    : m_opener(openerOfCall()), m_mostBytes(mostBytes), m_record(withoutSource(record))
 {
 }
 
@@ -84,9 +91,18 @@ std::string RemoteWriter_i::names() const
          std::string(m_record.authority);
 }
 
+void RemoteWriter_i::audit(std::string const& result) const
+{
+  auditCall(m_opener.address.empty() ? nullptr : &m_opener,
+            {"putCollection", m_record.subject.in(), m_record.authority.in()}, result);
+}
+
 void RemoteWriter_i::abandon()
 {
   std::lock_guard const guard(m_oneCaller);
+  if (!m_closed)
+    audit(m_incomplete ? "not stored: a part could not be written"
+                       : "not stored: the writer was never closed");
   m_closed = true;
   m_discovery.reset();
 }
@@ -197,6 +213,8 @@ DiscoveryResult RemoteWriter_i::close()
             "Abandoned a discovery of which a part could not be written, " << names());
   else
     result.discStatus = m_discovery->persist();
+  audit(m_incomplete || m_refused ? "not stored: a part could not be written"
+                                  : resultText(result.discStatus));
   // Not before: if an exception ends that, the writer goes when it has been idle.
   getOpenWriters().remove(*this);
   getDiscoveryRepository().getOrb()->destroyObjectRef(m_reference);

@@ -72,8 +72,10 @@ private:
   class Call;
 
   bool append(CollectionDataSeq const& data);
+  void audit(std::string const& result) const;
 
   CallOwner m_owner;
+  Peer const m_opener;    // without an address: this process itself
   std::mutex m_oneCaller; // callers on the network need not keep to it
   CORBA::Object_var m_reference;
   std::size_t const m_mostBytes;

@@ -2,9 +2,11 @@
 
 #include "discovery/DiscoveryLog.h"
 #include "discovery/Peers.h"
+#include "ozf/orb/CallAudit.h"
 #include "ozf/orb/Orb.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc::Remote
 {
@@ -22,6 +24,17 @@ std::string nameOf(Peer const& peer)
 }
 
 } // namespace
+
+std::string resultText(DiscoveryStatus status)
+{
+  static constexpr char const* NAMES[] = {"DS_SUCCESS",     "DS_NONE_FOUND", "DS_LOGIC_ERROR",
+                                          "DS_OPEN_FAILED", "DS_COM_ERROR",  "DS_DATA_EXISTS"};
+  if (status == DS_SUCCESS)
+    return "stored";
+  auto const number = static_cast<std::size_t>(status);
+  return std::string("not stored: ") +
+         (number < std::size(NAMES) ? NAMES[number] : std::to_string(number).c_str());
+}
 
 OpenWriters& getOpenWriters()
 {
@@ -73,6 +86,7 @@ std::unique_ptr<OpenWriters::Place> OpenWriters::reserve(Peer const* peer)
       return std::unique_ptr<Place>(new Place(*this, std::prev(m_entries.end())));
     }
   }
+  auditRefusal(peer, {"putCollection"}, "too many writers are open already");
   if (ofPeer >= MOST_OF_A_PEER)
     OZF_LOG(getOzfLogger(), 1, SOURCE, RESERVE,
             "Refused a discovery of " << nameOf(opener) << ": it has " << ofPeer

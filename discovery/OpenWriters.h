@@ -7,6 +7,8 @@
 #include "ozf/orb/Corba.h"
 #include "ozf/orb/Peer.h"
 
+#include <DiscoveryTypesC.h>
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -33,6 +35,10 @@ public:
   // Subject and authority, for log lines.
   virtual std::string names() const = 0;
 };
+
+// What the audit log says of a discovery that was to be stored: "stored", or "not
+// stored: " and the status.
+TQ_EXPORT std::string resultText(DiscoveryStatus status);
 
 // A writer holds a temporary file, and only close ends it, which callers owe to
 // nobody: after a failed put they need not call it, and they may die. So

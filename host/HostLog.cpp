@@ -3,6 +3,7 @@
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ConfigurationKeys.h"
 #include "ozf/config/ConfigurationValues.h"
+#include "ozf/log/AuditLog.h"
 #include "ozf/log/Logger.h"
 
 #include <atomic>
@@ -71,6 +72,12 @@ void setUpLog(Options const& options, Configuration const& configuration)
   std::string const* const file = configuration.find("LOG_FILE");
   bool const usable = file != nullptr && (file->starts_with('/') || *file == "syslog");
   setDestination(usable ? *file : "stderr");
+}
+
+void setUpAudit(Configuration const& configuration)
+{
+  std::string const* const file = configuration.find(AUDIT_FILE_KEY);
+  AuditLog::setFile(file != nullptr && file->starts_with('/') ? *file : "");
 }
 
 StartReport::StartReport()

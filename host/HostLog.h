@@ -21,6 +21,10 @@ Quillon::Tessarine::Ozf::OzfLogger* getHostLogger();
 // cannot be opened is reported at level 1 and standard error used instead.
 void setUpLog(Options const& options, Quillon::Tessarine::Ozf::Configuration const& configuration);
 
+// Sets the file of the audit log, opened anew. The service serves without one that
+// cannot be opened.
+void setUpAudit(Quillon::Tessarine::Ozf::Configuration const& configuration);
+
 // Keeps the level 1 lines written while it lives, so that a failed start can
 // be told on standard error also when the log is elsewhere.
 class StartReport

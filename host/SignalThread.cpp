@@ -4,6 +4,7 @@
 #include "ozf/base/WakeUp.h"
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ProductRoot.h"
+#include "ozf/log/AuditLog.h"
 #include "ozf/log/Logger.h"
 #include "ozf/orb/OrbService.h"
 
@@ -108,6 +109,7 @@ void SignalThread::loop()
       return;
     }
     LoggerFactory::reportLeftOut();
+    AuditLog::reportLeftOut();
     m_expiry.look(std::time(nullptr));
     signalfd_siginfo info{};
     while (read(m_signals.get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info))
@@ -142,6 +144,7 @@ void SignalThread::reload() const
     OZF_LOG(getHostLogger(), 1, SOURCE, "SignalThread::reload",
             "Unable to read " << getConfigurationPath() << ", the log has its default place");
   setUpLog(m_options, *getConfiguration());
+  setUpAudit(*getConfiguration());
   OZF_LOG(getHostLogger(), 1, SOURCE, "SignalThread::reload", "Set the log up anew");
   reloadTls();
 }

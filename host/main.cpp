@@ -110,6 +110,7 @@ int runService(Options const& options)
   if (auto const configuration = getConfiguration();
       !configuration->readable() && !configuration->missing())
     return failStart("Not started without the configuration that is there");
+  setUpAudit(*getConfiguration());
   tellOfOtherWriters();
   tellOfMissingMaster();
   if (auto const reason = whyNothingCanBeStored())

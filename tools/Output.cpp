@@ -41,26 +41,6 @@ std::string wrapped(std::string const& line, std::size_t width)
   return result;
 }
 
-namespace
-{
-
-// As JSON writes a character outside ASCII: one unit of UTF-16, or two.
-void appendUnits(std::string& result, std::string_view, char32_t character)
-{
-  auto const append = [&result](char32_t unit)
-  {
-    result += "\\u";
-    char const bytes[] = {static_cast<char>(unit >> 8), static_cast<char>(unit & 0xFF)};
-    appendHex(result, "", {bytes, sizeof bytes});
-  };
-  if (character < 0x10000)
-    return append(character);
-  append(0xD800 + ((character - 0x10000) >> 10));
-  append(0xDC00 + ((character - 0x10000) & 0x3FF));
-}
-
-} // namespace
-
 nlohmann::json timeOrNull(OzfObjTime const& time)
 {
   std::string text;
@@ -78,7 +58,9 @@ std::string jsonText(nlohmann::json const& value, int indent, std::size_t depth)
   for (std::size_t begin = 0; begin <= text.size();)
   {
     std::size_t const end = std::min(text.find('\n', begin), text.size());
-    result += displayText(std::string_view(text).substr(begin, end - begin), appendUnits);
+    result += displayText(std::string_view(text).substr(begin, end - begin),
+                          [](std::string& escaped, std::string_view, char32_t character)
+                          { appendUnits(escaped, character); });
     if (end < text.size())
       result.append("\n").append(depth, ' ');
     begin = end + 1;

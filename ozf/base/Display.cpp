@@ -15,6 +15,20 @@ bool isDisplayable(char32_t character) noexcept
   return !control && !separator && !direction && !nobodys;
 }
 
+void appendUnits(std::string& result, char32_t character)
+{
+  auto const append = [&result](char32_t unit)
+  {
+    result += "\\u";
+    char const bytes[] = {static_cast<char>(unit >> 8), static_cast<char>(unit & 0xFF)};
+    appendHex(result, "", {bytes, sizeof bytes});
+  };
+  if (character < 0x10000)
+    return append(character);
+  append(0xD800 + ((character - 0x10000) >> 10));
+  append(0xDC00 + ((character - 0x10000) & 0x3FF));
+}
+
 void appendHex(std::string& result, std::string_view mark, std::string_view bytes)
 {
   constexpr std::string_view HEX = "0123456789ABCDEF";

@@ -47,6 +47,10 @@ std::string displayText(std::string_view text, Escape escape)
   }
 }
 
+// Appends the character as JSON writes one in a string that is not to stand there as
+// it is: \uXXXX, for one beyond 0xFFFF two of them.
+OZF_EXPORT void appendUnits(std::string& result, char32_t character);
+
 // Appends mark and two hexadecimal digits for each byte: "%1B", "\x1B".
 OZF_EXPORT void appendHex(std::string& result, std::string_view mark, std::string_view bytes);
 

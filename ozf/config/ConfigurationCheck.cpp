@@ -96,6 +96,7 @@ constexpr KeyRule RULES[] = {
     {"LOG_FILE", Occurs::Once, isLogFile, "an absolute path, stderr and syslog"},
     {"LOG_EXCEPT", Occurs::AsList, isPattern,
      "patterns of texts, one a line, with five letters at least beside *"},
+    {AUDIT_FILE_KEY, Occurs::Once, isPath, "an absolute path"},
     {EXPLORER, Occurs::Once, isBoolean, "true, yes, on, 1, false, no, off and 0"},
     {EXPLORER_INTERVAL, Occurs::Once, isSpan, "spans of time as 90s, 15m, 1h and 2d"},
     {EXPLORER_EXPIRY, Occurs::Once, isSpan, "spans of time as 90s, 15m, 1h and 2d"},

@@ -29,6 +29,9 @@ inline constexpr long MOST_OF_32_BITS = std::numeric_limits<std::int32_t>::max()
 
 inline constexpr IntegerKey LOG_LEVEL_KEY{"LOG_LEVEL", 0, 6, 1};
 
+// The file of the audit log; none when it is absent.
+inline constexpr char AUDIT_FILE_KEY[] = "AUDIT_FILE";
+
 // ORB_PORT.<service>; zero: HostRole.h says what holds.
 inline constexpr IntegerKey ORB_PORT_KEY{"ORB_PORT.", 1, 65535, 0};
 

@@ -2,8 +2,10 @@
 
 #include "ozf/base/Display.h"
 #include "ozf/base/Report.h"
+#include "ozf/base/SystemError.h"
 #include "ozf/log/FrameworkLogger.h"
 #include "ozf/log/LogCounts.h"
+#include "ozf/log/RotatingFile.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -13,21 +15,20 @@
 #include <exception>
 #include <iterator>
 #include <map>
+#include <spdlog/details/null_mutex.h>
 #include <spdlog/logger.h>
-#include <spdlog/sinks/rotating_file_sink.h>
+#include <spdlog/sinks/base_sink.h>
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/sinks/syslog_sink.h>
 #include <string_view>
 #include <syslog.h>
 #include <unistd.h>
+#include <utility>
 
 namespace Quillon::Tessarine::Ozf
 {
 namespace
 {
-
-constexpr std::size_t FILE_SIZE = 10UL * 1024 * 1024;
-constexpr std::size_t OLD_FILES = 5;
 
 constexpr std::chrono::seconds REPORT_PERIOD{60};
 
@@ -48,6 +49,24 @@ std::string onOneLine(std::string_view text)
   return displayText(text, [](std::string& result, std::string_view bytes, char32_t)
                      { appendHex(result, "\\x", bytes); });
 }
+
+class FileSink : public spdlog::sinks::base_sink<spdlog::details::null_mutex>
+{
+public:
+  explicit FileSink(RotatingFile file) : m_file(std::move(file)) {}
+
+private:
+  void sink_it_(spdlog::details::log_msg const& message) override
+  {
+    spdlog::memory_buf_t line;
+    formatter_->format(message, line);
+    if (int const error = m_file.append({line.data(), line.size()}))
+      throw spdlog::spdlog_ex(m_file.path(), error);
+  }
+  void flush_() override {}
+
+  RotatingFile m_file;
+};
 
 // What was left out of one place's lines since the last report of it.
 struct LeftOut
@@ -250,9 +269,14 @@ bool LoggerFactory::setFile(std::string const& path, std::string& reason)
   std::lock_guard guard(all.mutex);
   try
   {
-    auto sink = std::make_shared<spdlog::sinks::rotating_file_sink_st>(path, FILE_SIZE, OLD_FILES);
+    RotatingFile file(path);
+    if (int const error = file.open())
+    {
+      reason = path + ": " + errorText(error);
+      return false;
+    }
     all.prefixed = true;
-    all.use(std::move(sink));
+    all.use(std::make_shared<FileSink>(std::move(file)));
     return true;
   }
   catch (std::exception const& failure)

@@ -1,6 +1,7 @@
 #include "ozf/tls/Handshakes.h"
 
 #include "ozf/base/WakeUp.h"
+#include "ozf/log/AuditLog.h"
 #include "ozf/log/FrameworkLogger.h"
 #include "ozf/tls/RareLines.h"
 
@@ -33,6 +34,12 @@ constexpr unsigned char RECORD_OF_HANDSHAKE = 0x16;
 
 void logEnd(std::string const& address, std::string const& reason)
 {
+  AuditRecord record;
+  record.peer = address;
+  record.operation = "connect";
+  record.result = reason;
+  record.refused = true;
+  AuditLog::write(record);
   if (refusalLines().admits(address + ' ' + reason))
     OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Handshakes::work",
             "Ended a connection from " << address << " before any call: " << reason);

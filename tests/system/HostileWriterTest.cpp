@@ -84,7 +84,8 @@ protected:
 
   void start()
   {
-    m_service.configure(std::string("ORB_BIND = ") + STRANGER + "\n");
+    m_service.configure(std::string("ORB_BIND = ") + STRANGER +
+                        "\nAUDIT_FILE = " + m_service / "audit.log" + "\n");
     ASSERT_TRUE(m_service.start()) << m_service.log();
     connect();
   }
@@ -257,6 +258,10 @@ TEST_F(HostileWriterTest, whatOnePeerOpenedNoOtherMayUse)
   EXPECT_THROW(strangeData->release(), CORBA::NO_PERMISSION);
   EXPECT_THAT(m_service.log(), HasSubstr("RemoteWriter_i::close: Refused a call of ::1: the "
                                          "object belongs to 127.0.0.1"));
+  EXPECT_THAT(readText(m_service / "audit.log"),
+              HasSubstr("\"peer\":\"::1\",\"name\":[],\"operation\":\"close\",\"subject\":\"\","
+                        "\"authority\":\"\",\"result\":\"refused: the object belongs to "
+                        "127.0.0.1\"}"));
 
   // Their owner's as before.
   wire::CollectionDataSeq_var const bytes = data->getNextPage();

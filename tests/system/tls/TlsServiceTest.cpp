@@ -90,6 +90,25 @@ TEST_F(TlsServiceTest, answersWhoeverProvesWhoHeIsAndNobodyElse)
   EXPECT_EQ(m_service.stop(), 0) << m_service.log();
 }
 
+TEST_F(TlsServiceTest, theAuditLogHasTheNamesOfThePeersCertificateAndTheRefusedPeers)
+{
+  std::string const audit = m_files / "audit.log";
+  m_service.configure(tlsLines("only", m_files.path(), "service") + "AUDIT_FILE = " + audit + "\n");
+  ASSERT_TRUE(m_service.start()) << m_service.log();
+  EXPECT_EQ(run("user", {"put", "web7", "rack", "Row=7"}).exitCode, 0);
+  EXPECT_EQ(run("", {"query"}).exitCode, 5);
+  EXPECT_EQ(m_service.stop(), 0) << m_service.log();
+  std::string const records = readText(audit);
+  EXPECT_THAT(
+      records,
+      HasSubstr("\"peer\":\"127.0.0.1\",\"name\":[\"user\"],\"operation\":\"putCollection\","
+                "\"subject\":\"web7\",\"authority\":\"rack\",\"result\":\"stored\"}"));
+  EXPECT_THAT(
+      records,
+      HasSubstr("\"operation\":\"connect\",\"subject\":\"\",\"authority\":\"\","
+                "\"result\":\"refused: it does not speak TLS, which TLS = only asks for\"}"));
+}
+
 TEST_F(TlsServiceTest, theModeAndTheCertificateAreTakenAtAReload)
 {
   configure("");

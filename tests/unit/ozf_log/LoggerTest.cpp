@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 
@@ -70,6 +71,18 @@ TEST(LoggerFactory, AFileReceivesTheSameLayout)
   LoggerFactory::flush();
   std::string const line = readText(temp / "tq.log");
   EXPECT_THAT(line, isLine("4 Room::operation: detail\n"));
+}
+
+TEST(LoggerFactory, AFileThatIsMadeIsNotForOthersWhateverTheUmask)
+{
+  TempDir temp;
+  mode_t const before = umask(0);
+  std::string reason;
+  ASSERT_TRUE(LoggerFactory::setFile(temp / "made/tq.log", reason)) << reason;
+  umask(before);
+  EXPECT_EQ(std::filesystem::status(temp / "made").permissions(), std::filesystem::perms(0750));
+  EXPECT_EQ(std::filesystem::status(temp / "made/tq.log").permissions(),
+            std::filesystem::perms(0640));
 }
 
 TEST(LoggerFactory, AFileIsAppendedTo)

@@ -1,0 +1,141 @@
+// The audit log of a service: what peers did, and what they were kept from.
+
+#include "tests/support/LiveService.h"
+#include "tests/support/RemoteClient.h"
+
+#include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
+
+#include <sstream>
+#include <sys/stat.h>
+
+namespace
+{
+
+using namespace tqtest;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+class AuditTest : public testing::Test
+{
+protected:
+  void start(std::string const& more = "")
+  {
+    m_service.configure("AUDIT_FILE = " + m_file + "\n" + more);
+    ASSERT_TRUE(m_service.start()) << m_service.log();
+  }
+
+  static std::vector<nlohmann::json> recordsOf(std::string const& file)
+  {
+    std::vector<nlohmann::json> records;
+    std::istringstream lines(readText(file));
+    for (std::string line; std::getline(lines, line);)
+      records.push_back(nlohmann::json::parse(line));
+    return records;
+  }
+
+  // The result of the record of that operation and subject, "" when there is none.
+  std::string resultOf(std::string const& operation, std::string const& subject) const
+  {
+    for (auto const& record : recordsOf(m_file))
+      if (record["operation"] == operation && record["subject"] == subject)
+      {
+        EXPECT_EQ(record["peer"], "127.0.0.1") << record;
+        return record["result"];
+      }
+    return "";
+  }
+
+  bool isOpenInService(std::string const& file)
+  {
+    std::error_code closedMeanwhile;
+    for (auto const& entry : std::filesystem::directory_iterator(
+             "/proc/" + std::to_string(m_service.process().pid()) + "/fd"))
+      if (std::filesystem::read_symlink(entry, closedMeanwhile) == file)
+        return true;
+    return false;
+  }
+
+  LiveService m_service;
+  std::string const m_file = m_service / "log/audit.log";
+};
+
+} // namespace
+
+TEST_F(AuditTest, whatPeersStoreAnnounceAndControlIsRecorded)
+{
+  start();
+  {
+    client::Client client(m_service.root(), LiveService::NAME);
+    ASSERT_TRUE(client.connected());
+    ASSERT_EQ(client.store(client::makeRecord("kept", "a", 5), "<x/>"), client::DS_SUCCESS);
+    ASSERT_NE(client.store(client::makeRecord("kept", "a", 4), "<y/>"), client::DS_SUCCESS);
+    ASSERT_NE(client.store("", "a", "<x/>"), client::DS_SUCCESS);
+    std::string const hostile = "two\nlines \x1B[2J \"quoted\"";
+    ASSERT_EQ(client.store(hostile, "a", "<x/>"), client::DS_SUCCESS);
+    client->registerExplorer("web7", "DiscoveryService", "web7", "volume", client::AT_EXTSRC, 3);
+    client->registerExplorer("web8", "DiscoveryService", "web7", "volume", client::AT_EXTSRC, 2);
+    client->restartLocalPushTimer();
+    client::Remote::RemoteWriter_var left;
+    ASSERT_EQ(client->putCollection(client::makeRecord("left", "a"), left.out()).discStatus,
+              client::DS_SUCCESS);
+  }
+  EXPECT_EQ(m_service.tqdiscoctl({"stop"}).exitCode, 0);
+  ASSERT_TRUE(m_service.process().wait()) << m_service.log();
+
+  auto const records = recordsOf(m_file);
+  ASSERT_EQ(records.size(), 9U) << readText(m_file);
+  EXPECT_EQ(records[0]["result"], "stored");
+  EXPECT_EQ(records[0]["authority"], "a");
+  EXPECT_EQ(records[1]["subject"], "kept");
+  EXPECT_EQ(records[1]["result"], "not stored: DS_DATA_EXISTS");
+  EXPECT_EQ(resultOf("putCollection", ""),
+            "refused: its subject or authority is empty or too long");
+  EXPECT_EQ(resultOf("putCollection", "two%0Alines %1B[2J \"quoted\""), "stored");
+  EXPECT_EQ(resultOf("registerExplorer", "web7"), "registered, of DiscoveryService on web7");
+  EXPECT_THAT(records[5]["result"].get<std::string>(), StartsWith("refused: the entry of "));
+  EXPECT_EQ(resultOf("restartLocalPushTimer", ""), "done");
+  EXPECT_EQ(resultOf("terminate", ""), "stopping");
+  EXPECT_EQ(resultOf("putCollection", "left"), "not stored: the writer was never closed");
+
+  struct stat status = {};
+  ASSERT_EQ(stat(m_file.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0640U);
+}
+
+TEST_F(AuditTest, theFileIsOpenedAnewAtAReloadAndMayBeTurnedOff)
+{
+  start();
+  client::Client client(m_service.root(), LiveService::NAME);
+  ASSERT_TRUE(client.connected());
+  ASSERT_EQ(client.store("one", "a", "<x/>"), client::DS_SUCCESS);
+  std::filesystem::rename(m_file, m_file + ".old");
+  m_service.process().sendSignal(SIGHUP);
+  ASSERT_TRUE(eventually([this] { return std::filesystem::exists(m_file); })) << m_service.log();
+  ASSERT_EQ(client.store("two", "a", "<x/>"), client::DS_SUCCESS);
+  EXPECT_EQ(recordsOf(m_file + ".old").size(), 1U);
+  EXPECT_EQ(resultOf("putCollection", "two"), "stored");
+
+  m_service.configure();
+  m_service.process().sendSignal(SIGHUP);
+  ASSERT_TRUE(eventually([this] { return !isOpenInService(m_file); })) << m_service.log();
+  ASSERT_EQ(client.store("three", "a", "<x/>"), client::DS_SUCCESS);
+  ASSERT_EQ(m_service.stop(), 0) << m_service.log();
+  EXPECT_EQ(recordsOf(m_file).size(), 1U);
+}
+
+TEST_F(AuditTest, callsGoOnWhereItCannotBeWritten)
+{
+  m_service.configure("AUDIT_FILE = /dev/full\n");
+  ASSERT_TRUE(m_service.start()) << m_service.log();
+  {
+    client::Client client(m_service.root(), LiveService::NAME);
+    ASSERT_TRUE(client.connected());
+    for (char const* const subject : {"one", "two", "three"})
+      EXPECT_EQ(client.store(subject, "a", "<x/>"), client::DS_SUCCESS);
+    EXPECT_EQ(client.read("three", "a"), "<x/>");
+  }
+  EXPECT_EQ(m_service.stop(), 0) << m_service.log();
+  EXPECT_EQ(occurrences(m_service.log(), "Unable to write the audit file /dev/full: "), 1U)
+      << m_service.log();
+}
