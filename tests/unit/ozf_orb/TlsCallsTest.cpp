@@ -30,6 +30,14 @@ std::string answerOf(OrbTest::Probe_ptr probe)
   }
 }
 
+Wish expired()
+{
+  Wish wish;
+  wish.begin = -7200;
+  wish.end = -3600;
+  return wish;
+}
+
 // A service and a client with configurations of their own.
 class TlsCallsTest : public testing::Test
 {
@@ -53,6 +61,19 @@ protected:
     m_client = std::make_unique<Client>();
   }
   std::string answer() { return answerOf(probeOf(m_client->orb, "Probe")); }
+  // A call, which ends before the service gets it.
+  void expectRefusal(std::string const& line)
+  {
+    serve(lines("server"));
+    LogCapture log(1);
+    call(lines("client"));
+    EXPECT_EQ(answer(), "TRANSIENT");
+    EXPECT_TRUE(log.has(1, "proveServer",
+                        "Ended the connection to 127.0.0.1 before any call: its certificate "
+                        "(localhost, 127.0.0.1) is refused: " +
+                            line))
+        << log.text();
+  }
   std::string lines(char const* name, char const* mode = "only")
   {
     return tlsLines(mode, m_files.path(), name);
@@ -181,40 +202,19 @@ TEST_F(TlsCallsTest, aServerOfAnotherAuthorityIsRefused)
 {
   CertificateAuthority other("Another authority");
   other.issue(m_files.path(), "server");
-  serve(lines("server"));
-  LogCapture log(1);
-  call(lines("client"));
-  EXPECT_EQ(answer(), "TRANSIENT");
-  EXPECT_TRUE(log.has(1, "proveServer",
-                      "Ended the connection to 127.0.0.1 before any call: its certificate "
-                      "(localhost, 127.0.0.1) is refused: it is of another authority than those "
-                      "of TLS_CA"))
-      << log.text();
+  expectRefusal("it is of another authority than those of TLS_CA");
 }
 
 TEST_F(TlsCallsTest, anExpiredServerIsRefused)
 {
-  Wish wish;
-  wish.begin = -7200;
-  wish.end = -3600;
-  m_authority.issue(m_files.path(), "server", wish);
-  serve(lines("server"));
-  LogCapture log(1);
-  call(lines("client"));
-  EXPECT_EQ(answer(), "TRANSIENT");
-  EXPECT_TRUE(log.has(1, "proveServer",
-                      "Ended the connection to 127.0.0.1 before any call: its certificate "
-                      "(localhost, 127.0.0.1) is refused: it has expired"))
-      << log.text();
+  m_authority.issue(m_files.path(), "server", expired());
+  expectRefusal("it has expired");
 }
 
 // The client learns it when it has sent its request.
 TEST_F(TlsCallsTest, aClientThatIsRefusedIsToldWhy)
 {
-  Wish wish;
-  wish.begin = -7200;
-  wish.end = -3600;
-  m_authority.issue(m_files.path(), "client", wish);
+  m_authority.issue(m_files.path(), "client", expired());
   serve(lines("server"));
   LogCapture log(1);
   call(lines("client"));
