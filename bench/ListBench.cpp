@@ -6,9 +6,6 @@
 #include "bench/Records.h"
 #include "bench/Service.h"
 
-#include "ozf/config/Configuration.h"
-#include "ozf/orb/Orb.h"
-
 #include <DiscoveryServiceC.h>
 
 #include <algorithm>
@@ -63,14 +60,7 @@ void fill(EtcdClient& client, std::size_t records)
 
 std::vector<Row> benchList(Settings const& settings)
 {
-  openDatabase(settings.database);
-  writeConfiguration(settings.database, freePort());
-  reloadConfiguration();
-  ServiceProcess const process(settings.service);
-  Orb orb(0, "", "tqbench", 0, 0);
-  require(orb.init() && orb.run(0) == 0, "no ORB");
-  Remote::DiscoveryService_var service =
-      connectTo<Remote::DiscoveryService>(orb, "DiscoveryService", "DiscoveryService");
+  StoredService const stored(settings.database, settings.service);
   std::unique_ptr<EtcdProcess> etcd;
   std::optional<EtcdClient> client;
   if (EtcdProcess::isInstalled())
@@ -80,14 +70,14 @@ std::vector<Row> benchList(Settings const& settings)
     fill(*client, settings.records);
   }
 
-  std::vector<Side> sides = {{"product", [&]
-                              {
-                                std::size_t found = 0;
-                                double const seconds = timed([&] { found = listPages(service); });
-                                require(found == settings.records,
-                                        "not every discovery was listed");
-                                return seconds;
-                              }}};
+  std::vector<Side> sides = {
+      {"product", [&]
+       {
+         std::size_t found = 0;
+         double const seconds = timed([&] { found = listPages(stored.service); });
+         require(found == settings.records, "not every discovery was listed");
+         return seconds;
+       }}};
   if (client)
     sides.push_back({"etcd", [&]
                      {
@@ -100,8 +90,6 @@ std::vector<Row> benchList(Settings const& settings)
                        return seconds;
                      }});
   std::vector<double> const times = alternate(settings, sides, LIST_ROUNDS);
-  service = Remote::DiscoveryService::_nil();
-  orb.shutdown();
 
   std::string const work = "list " + std::to_string(settings.records) +
                            " discoveries from another process, pages of 500";

@@ -127,6 +127,8 @@ public:
     require(reloadConfiguration(), "the configuration was refused");
   }
 
+  std::vector<pid_t> servers() const { return {m_service->pid(), m_bare->pid()}; }
+
   Remote::DiscoveryService_var service;
   Remote::DiscoveryIterator_var bareRecords;
   Remote::CollectionDataIterator_var barePayload;
@@ -235,15 +237,27 @@ std::vector<Row> benchQuery(Settings const& settings)
     processes.bareRecords->pageSize(pageSize);
     Fetched const expected = walkBare();
     require(expected.items == records && walkService() == expected, "the two sides are not alike");
-    std::vector<double> const times = alternate(settings,
-                                                {{"product", round(countAll, records)},
-                                                 {"service", round(walkService, expected)},
-                                                 {"floor", round(walkBare, expected)}},
-                                                QUERY_ROUNDS);
-    std::string const work = "query " + std::to_string(records) + " discoveries, " + pages + ", ";
     std::string const floor = std::to_string(expected.calls) + " bare calls, pages ready";
-    return {{work + "remote reader", "ms", times[0] * 1e3, floor, times[2] * 1e3, target},
-            {work + "service alone", "ms", times[1] * 1e3, floor, times[2] * 1e3, {}}};
+    auto const rows = [&](std::string const& work, std::string const& more) -> std::vector<Row>
+    {
+      std::vector<double> const times = alternate(settings,
+                                                  {{"product", round(countAll, records)},
+                                                   {"service", round(walkService, expected)},
+                                                   {"floor", round(walkBare, expected)}},
+                                                  QUERY_ROUNDS);
+      return {{work + more, "ms", times[0] * 1e3, floor, times[2] * 1e3, target},
+              {work + ", service alone", "ms", times[1] * 1e3, floor, times[2] * 1e3, {}}};
+    };
+    std::vector<Row> all =
+        rows("query " + std::to_string(records) + " discoveries, " + pages, ", remote reader");
+    if (ProcessorEach::isPossible())
+    {
+      ProcessorEach const apart(processes.servers());
+      std::vector<Row> const more =
+          rows("the same, a processor for the reader, one for the servers", "");
+      all.insert(all.end(), more.begin(), more.end());
+    }
+    return all;
   };
 
   std::vector<Row> rows = compare("pages of 9 (default)", 1.5);

@@ -70,10 +70,7 @@ Cost measure(Writing& writing, std::size_t chunks)
 {
   std::string const text = payloadOf(chunks);
   auto const write = [&](std::size_t number)
-  {
-    Writing::Service::_var_type const service = writing.connect();
-    writeByCalls(service, number, text);
-  };
+  { writeByCalls(writing.connectOfFleet(number / WRITES), number, text); };
   together(CLIENTS, WRITES, write);
   constexpr double ALL = CLIENTS * WRITES;
   std::vector<double> seconds;

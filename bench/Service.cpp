@@ -1,13 +1,16 @@
 #include "bench/Service.h"
 
 #include "bench/Bench.h"
+#include "bench/Records.h"
 
 #include "ozf/base/OzfHostname.h"
+#include "ozf/config/Configuration.h"
 #include "ozf/orb/Orb.h"
 
 #include <arpa/inet.h>
 #include <csignal>
 #include <netinet/in.h>
+#include <sched.h>
 #include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -31,7 +34,57 @@ using namespace Quillon::Tessarine::Ozf;
 constexpr auto START_DEADLINE = 60s;
 constexpr auto RETRY_PAUSE = 50ms;
 
+// Those that this process was started with.
+cpu_set_t const& allProcessors()
+{
+  static cpu_set_t const all = []
+  {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    require(::sched_getaffinity(0, sizeof set, &set) == 0, "no list of processors");
+    return set;
+  }();
+  return all;
+}
+
+cpu_set_t oneProcessor(int place)
+{
+  cpu_set_t one;
+  CPU_ZERO(&one);
+  for (int processor = 0; processor < CPU_SETSIZE; ++processor)
+    if (CPU_ISSET(processor, &allProcessors()) && place-- == 0)
+      CPU_SET(processor, &one);
+  return one;
+}
+
+void runOn(pid_t process, cpu_set_t const& processors)
+{
+  for (auto const& thread :
+       std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/task"))
+  {
+    pid_t const number = std::stoi(thread.path().filename().string());
+    require(::sched_setaffinity(number, sizeof processors, &processors) == 0 || errno == ESRCH,
+            "a process cannot be given a processor");
+  }
+}
+
 } // namespace
+
+ProcessorEach::ProcessorEach(std::vector<pid_t> servers) : m_servers(std::move(servers))
+{
+  runOn(::getpid(), oneProcessor(0));
+  for (pid_t const server : m_servers)
+    runOn(server, oneProcessor(1));
+}
+
+ProcessorEach::~ProcessorEach()
+{
+  runOn(::getpid(), allProcessors());
+  for (pid_t const server : m_servers)
+    runOn(server, allProcessors());
+}
+
+bool ProcessorEach::isPossible() { return CPU_COUNT(&allProcessors()) >= 2; }
 
 unsigned short freePort()
 {
@@ -119,6 +172,26 @@ CORBA::Object_ptr connectTo(Orb& orb, char const* service, char const* name)
     require(std::chrono::steady_clock::now() < deadline, "a service does not answer");
     std::this_thread::sleep_for(RETRY_PAUSE);
   }
+}
+
+namespace
+{
+
+std::string const& preparedFor(std::string const& database, std::string const& program)
+{
+  openDatabase(database);
+  writeConfiguration(database, freePort());
+  require(reloadConfiguration(), "the configuration was refused");
+  return program;
+}
+
+} // namespace
+
+StoredService::StoredService(std::string const& database, std::string const& program)
+    : process(preparedFor(database, program)), orb(0, "", "tqbench", 0, 0)
+{
+  require(orb.init() && orb.run(0) == 0, "no ORB");
+  service = connectTo<Remote::DiscoveryService>(orb, "DiscoveryService", "DiscoveryService");
 }
 
 } // namespace tqbench

@@ -4,16 +4,13 @@
 #pragma once
 
 #include "ozf/orb/Corba.h"
+#include "ozf/orb/Orb.h"
 
 #include <DiscoveryServiceC.h>
 
 #include <string>
 #include <sys/types.h>
-
-namespace Quillon::Tessarine::Ozf
-{
-class Orb;
-}
+#include <vector>
 
 namespace tqbench
 {
@@ -31,6 +28,25 @@ void writeConfiguration(std::string const& root, unsigned short port, std::strin
 // Seconds of processor time that a child process has taken so far.
 double processorTimeOf(pid_t process);
 
+// While it lives this process runs on one processor and the servers on another, as
+// hosts would. Left to the scheduler, a server that does little may stay on its
+// caller's processor, and one that does more be woken on another that sleeps, which
+// costs more than all that either does.
+class ProcessorEach
+{
+public:
+  explicit ProcessorEach(std::vector<pid_t> servers);
+  ~ProcessorEach();
+  ProcessorEach(ProcessorEach const&) = delete;
+  ProcessorEach& operator=(ProcessorEach const&) = delete;
+
+  // Whether this machine has two processors for this process.
+  static bool isPossible();
+
+private:
+  std::vector<pid_t> const m_servers;
+};
+
 // tqdisco with the root that TESSARINE_ROOT names.
 class ServiceProcess
 {
@@ -43,6 +59,7 @@ public:
   // Resident memory in KiB.
   double memory() const;
   double threads() const;
+  pid_t pid() const noexcept { return m_pid; }
   // Seconds of processor time so far.
   double processorTime() const { return processorTimeOf(m_pid); }
 
@@ -64,5 +81,17 @@ typename Interface::_ptr_type connectTo(Quillon::Tessarine::Ozf::Orb& orb, char 
   CORBA::Object_var const object = connectTo(orb, service, name);
   return Interface::_narrow(object);
 }
+
+// A service over a database that is there, as a reader in this process calls it.
+class StoredService
+{
+public:
+  // database is opened here as well, and becomes the product root of both.
+  StoredService(std::string const& database, std::string const& program);
+
+  ServiceProcess const process;
+  Quillon::Tessarine::Ozf::Orb orb;
+  Quillon::Tessarine::Ozf::DiscoverySvc::Remote::DiscoveryService_var service;
+};
 
 } // namespace tqbench

@@ -4,9 +4,6 @@
 #include "bench/Records.h"
 #include "bench/Service.h"
 
-#include "ozf/config/Configuration.h"
-#include "ozf/orb/Orb.h"
-
 #include <DiscoveryServiceC.h>
 
 #include <algorithm>
@@ -78,30 +75,21 @@ std::vector<double> walkTogether(Remote::DiscoveryService_ptr service,
 
 std::vector<Row> benchServiceMemory(Settings const& settings)
 {
-  openDatabase(settings.database);
-  writeConfiguration(settings.database, freePort());
-  reloadConfiguration();
-  ServiceProcess const process(settings.service);
-  Orb orb(0, "", "tqbench", 0, 0);
-  require(orb.init() && orb.run(0) == 0, "no ORB");
-  Remote::DiscoveryService_var service =
-      connectTo<Remote::DiscoveryService>(orb, "DiscoveryService", "DiscoveryService");
-  double const idle = process.memory();
+  StoredService const stored(settings.database, settings.service);
+  double const idle = stored.process.memory();
 
   // The first walk brings up threads, buffers and parsers.
-  walkTogether(service, process, settings.records);
+  walkTogether(stored.service, stored.process, settings.records);
   std::vector<double> samples;
   double const seconds = timed(
       [&]
       {
         for (int i = 0; i < WALKS; ++i)
         {
-          auto const more = walkTogether(service, process, settings.records);
+          auto const more = walkTogether(stored.service, stored.process, settings.records);
           samples.insert(samples.end(), more.begin(), more.end());
         }
       });
-  service = Remote::DiscoveryService::_nil();
-  orb.shutdown();
 
   auto const [least, most] = std::minmax_element(samples.begin(), samples.end());
   std::string const work = std::to_string(READERS) + " remote readers walk " +

@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include <sqlite3.h>
+#include "bench/SqliteDatabase.h"
 
 #include <string>
 
@@ -15,11 +15,8 @@ class Sqlite
 {
 public:
   explicit Sqlite(std::string const& path);
-  ~Sqlite();
-  Sqlite(Sqlite const&) = delete;
-  Sqlite& operator=(Sqlite const&) = delete;
 
-  void execute(char const* sql);
+  void execute(char const* sql) { m_database.execute(sql); }
 
   // Makes or replaces a record; a transaction of its own unless one is open.
   void store(std::string const& subject, std::string const& metadata, std::string const& payload);
@@ -28,9 +25,7 @@ public:
   std::size_t find(std::string const& subject);
 
 private:
-  sqlite3_stmt* prepare(char const* sql);
-
-  sqlite3* m_database = nullptr;
+  SqliteDatabase m_database;
   sqlite3_stmt* m_store = nullptr;
   sqlite3_stmt* m_find = nullptr;
 };

@@ -17,13 +17,6 @@ constexpr int STORAGE = 4;
 constexpr int DISCOVERED = 5;
 constexpr int EXPIRES = 6;
 
-void bindText(sqlite3_stmt* statement, int column, std::string const& text)
-{
-  require(sqlite3_bind_text(statement, column + 1, text.data(), static_cast<int>(text.size()),
-                            nullptr) == SQLITE_OK,
-          "SQLite cannot bind");
-}
-
 void bindNumber(sqlite3_stmt* statement, int column, std::int64_t number)
 {
   require(sqlite3_bind_int64(statement, column + 1, number) == SQLITE_OK, "SQLite cannot bind");
@@ -37,42 +30,22 @@ void takeText(sqlite3_stmt* statement, int column, std::string& text)
 
 } // namespace
 
-SqliteList::SqliteList(std::string const& path)
+SqliteList::SqliteList(std::string const& path) : m_database(path)
 {
-  require(sqlite3_open(path.c_str(), &m_database) == SQLITE_OK, "SQLite cannot open");
-  execute("CREATE TABLE record(subject TEXT, authority TEXT, type INT, collection INT, storage INT,"
-          " discovered INT, expires INT, PRIMARY KEY(type, authority, subject)) WITHOUT ROWID");
-  m_add = prepare("INSERT INTO record VALUES(?, ?, ?, ?, ?, ?, ?)");
-  m_list = prepare("SELECT subject, authority, type, collection, storage, discovered, expires"
-                   " FROM record");
-  execute("BEGIN");
-}
-
-SqliteList::~SqliteList()
-{
-  sqlite3_finalize(m_add);
-  sqlite3_finalize(m_list);
-  sqlite3_close(m_database);
-}
-
-void SqliteList::execute(char const* sql)
-{
-  require(sqlite3_exec(m_database, sql, nullptr, nullptr, nullptr) == SQLITE_OK,
-          "SQLite cannot execute");
-}
-
-sqlite3_stmt* SqliteList::prepare(char const* sql)
-{
-  sqlite3_stmt* statement = nullptr;
-  require(sqlite3_prepare_v2(m_database, sql, -1, &statement, nullptr) == SQLITE_OK,
-          "SQLite cannot prepare");
-  return statement;
+  m_database.execute(
+      "CREATE TABLE record(subject TEXT, authority TEXT, type INT, collection INT, storage INT,"
+      " discovered INT, expires INT, PRIMARY KEY(type, authority, subject)) WITHOUT ROWID");
+  m_add = m_database.prepare("INSERT INTO record VALUES(?, ?, ?, ?, ?, ?, ?)");
+  m_list =
+      m_database.prepare("SELECT subject, authority, type, collection, storage, discovered, expires"
+                         " FROM record");
+  m_database.execute("BEGIN");
 }
 
 void SqliteList::add(ListRow const& row)
 {
-  bindText(m_add, SUBJECT, row.subject);
-  bindText(m_add, AUTHORITY_NAME, row.authority);
+  bindText(m_add, SUBJECT + 1, row.subject);
+  bindText(m_add, AUTHORITY_NAME + 1, row.authority);
   bindNumber(m_add, AUTHORITY_TYPE, row.authorityType);
   bindNumber(m_add, COLLECTION_TYPE, row.collectionType);
   bindNumber(m_add, STORAGE, row.storage);
@@ -85,7 +58,7 @@ void SqliteList::add(ListRow const& row)
 std::size_t SqliteList::list(std::function<void(ListRow const&)> const& take)
 {
   if (std::exchange(m_filling, false))
-    execute("COMMIT");
+    m_database.execute("COMMIT");
   std::size_t count = 0;
   ListRow row;
   int result = SQLITE_ROW;

@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include <sqlite3.h>
+#include "bench/SqliteDatabase.h"
 
 #include <cstdint>
 #include <functional>
@@ -29,9 +29,6 @@ class SqliteList
 {
 public:
   explicit SqliteList(std::string const& path);
-  ~SqliteList();
-  SqliteList(SqliteList const&) = delete;
-  SqliteList& operator=(SqliteList const&) = delete;
 
   // In one transaction with all others until the first list.
   void add(ListRow const& row);
@@ -41,10 +38,7 @@ public:
   std::size_t list(std::function<void(ListRow const&)> const& take);
 
 private:
-  void execute(char const* sql);
-  sqlite3_stmt* prepare(char const* sql);
-
-  sqlite3* m_database = nullptr;
+  SqliteDatabase m_database;
   sqlite3_stmt* m_add = nullptr;
   sqlite3_stmt* m_list = nullptr;
   bool m_filling = true;

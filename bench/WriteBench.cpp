@@ -226,21 +226,15 @@ std::vector<Row> benchFleetWrites(Settings const& settings)
   auto const perDiscovery = [](std::vector<double> const& times)
   { return *std::max_element(times.begin(), times.end()) / ALL; };
 
-  // Half of the clients come from another address: a master serves only so many
-  // writers of one.
   auto const fleet = [&](std::size_t chunk)
   {
     return [&, chunk]
     {
-      std::vector<double> const times =
-          together(CLIENTS, WRITES,
-                   [&](std::size_t number)
-                   {
-                     bool const byOtherAddress = number / WRITES % 2 != 0;
-                     Remote::DiscoveryService_var const service =
-                         byOtherAddress ? writing.connectByOtherAddress() : writing.connect();
-                     writeByCalls(service, number, smallPayload(), chunk);
-                   });
+      std::vector<double> const times = together(
+          CLIENTS, WRITES,
+          [&](std::size_t number) {
+            writeByCalls(writing.connectOfFleet(number / WRITES), number, smallPayload(), chunk);
+          });
       if (chunk == CHUNK_SIZE)
         unevenness.push_back(*std::max_element(times.begin(), times.end()) / median(times));
       return perDiscovery(times);

@@ -70,9 +70,9 @@ Writing::Service::_ptr_type Writing::connect()
   return connect(m_host, "DiscoveryService", "DiscoveryService");
 }
 
-Writing::Service::_ptr_type Writing::connectByOtherAddress()
+Writing::Service::_var_type Writing::connectOfFleet(std::size_t client)
 {
-  return connect(m_sameHost, "DiscoveryService", "DiscoveryService");
+  return connect(client % 2 == 0 ? m_host : m_sameHost, "DiscoveryService", "DiscoveryService");
 }
 
 Writing::Service::_ptr_type Writing::connectBare()

@@ -35,8 +35,9 @@ public:
   // One call, as the library makes it for every discovery.
   Service::_ptr_type connect();
   Service::_ptr_type connectBare();
-  // To the same service, as another peer than connect's.
-  Service::_ptr_type connectByOtherAddress();
+  // As that one of many clients. Half of them come from another address: a master
+  // serves only so many writers of one.
+  Service::_var_type connectOfFleet(std::size_t client);
 
   ServiceProcess const& process() const { return *m_service; }
   // Seconds of the bare server's so far.
