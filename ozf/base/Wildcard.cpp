@@ -9,54 +9,50 @@ namespace
 
 char folded(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
+bool alike(std::string_view a, std::string_view b, bool ignoreCase)
+{
+  if (!ignoreCase)
+    return a == b;
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                    [](char x, char y) { return folded(x) == folded(y); });
+}
+
+std::size_t find(std::string_view text, std::string_view part, bool ignoreCase)
+{
+  if (!ignoreCase)
+    return text.find(part);
+  auto const found = std::search(text.begin(), text.end(), part.begin(), part.end(),
+                                 [](char x, char y) { return folded(x) == folded(y); });
+  return found == text.end() && !part.empty() ? std::string_view::npos
+                                              : static_cast<std::size_t>(found - text.begin());
+}
+
 } // namespace
 
+// Each part between two stars is looked for where it comes first: whatever a star
+// could still give up, the next one can take as well.
 int wildcardcmp(std::string_view pattern, std::string_view text, bool ignoreCase) noexcept
 {
-  auto const same = [ignoreCase](char a, char b)
-  { return ignoreCase ? folded(a) == folded(b) : a == b; };
-
-  // Only the last star needs to be remembered: whatever an earlier one could
-  // still give up, the last one can take as well.
-  std::size_t p = 0;
-  std::size_t t = 0;
-  std::size_t afterStar = std::string_view::npos;
-  std::size_t retry = 0;
-  while (t < text.size())
+  auto star = pattern.find('*');
+  if (star == std::string_view::npos)
+    return alike(pattern, text, ignoreCase) ? 0 : 1;
+  if (!alike(pattern.substr(0, star), text.substr(0, star), ignoreCase))
+    return 1;
+  text.remove_prefix(star);
+  while (true)
   {
-    if (p < pattern.size() && pattern[p] == '*')
-    {
-      p = std::min(pattern.find_first_not_of('*', p), pattern.size());
-      afterStar = p;
-      retry = t;
-      // What follows the last star can only be the end of the text.
-      if (pattern.find('*', p) == std::string_view::npos)
-      {
-        std::string_view const end = pattern.substr(p);
-        if (text.size() - t < end.size())
-          return 1;
-        text.remove_prefix(text.size() - end.size());
-        return std::equal(end.begin(), end.end(), text.begin(), same) ? 0 : 1;
-      }
-    }
-    else if (p < pattern.size() && same(pattern[p], text[t]))
-    {
-      ++p;
-      ++t;
-    }
-    else if (afterStar != std::string_view::npos)
-    {
-      p = afterStar;
-      ++retry;
-      // The star takes at least what cannot begin the rest of the pattern.
-      if (!ignoreCase)
-        retry = std::min(text.find(pattern[p], retry), text.size());
-      t = retry;
-    }
-    else
+    pattern.remove_prefix(star + 1);
+    star = pattern.find('*');
+    if (star == std::string_view::npos)
+      break;
+    auto const found = find(text, pattern.substr(0, star), ignoreCase);
+    if (found == std::string_view::npos)
       return 1;
+    text.remove_prefix(found + star);
   }
-  return pattern.find_first_not_of('*', p) == std::string_view::npos ? 0 : 1;
+  bool const longEnough = text.size() >= pattern.size();
+  return longEnough && alike(pattern, text.substr(text.size() - pattern.size()), ignoreCase) ? 0
+                                                                                             : 1;
 }
 
 } // namespace Quillon::Tessarine::Ozf
