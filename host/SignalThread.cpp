@@ -33,11 +33,18 @@ constexpr char OPERATION[] = "SignalThread::take";
 // nobody writes a line, and the certificate is looked at.
 constexpr int LOOK_PERIOD = 10000;
 
-void reloadTls()
+// Without a configuration TLS would be off, and who has no certificate let in.
+void reloadTls(bool isConfigured)
 {
-  std::string error;
-  if (!setUpTls(error))
+  bool const wasOn = currentTls() != nullptr;
+  std::string error = getConfigurationPath() + " cannot be read";
+  if (!isConfigured && !wasOn)
+    return;
+  if (!isConfigured || !setUpTls(error))
     OZF_LOG(getHostLogger(), 1, SOURCE, "SignalThread::reload", "TLS stays as it was: " << error);
+  else if (wasOn && !currentTls())
+    OZF_LOG(getHostLogger(), 1, SOURCE, "SignalThread::reload",
+            "TLS is off from now on: nobody is asked for a certificate");
   else if (auto const context = currentTls())
     OZF_LOG(getHostLogger(), 1, SOURCE, "SignalThread::reload",
             "Took the certificate " << context->settings().certificate << ", which "
@@ -140,13 +147,14 @@ void SignalThread::take(int signal)
 
 void SignalThread::reload() const
 {
-  if (!reloadConfiguration())
+  bool const isConfigured = reloadConfiguration();
+  if (!isConfigured)
     OZF_LOG(getHostLogger(), 1, SOURCE, "SignalThread::reload",
             "Unable to read " << getConfigurationPath() << ", the log has its default place");
   setUpLog(m_options, *getConfiguration());
   setUpAudit(*getConfiguration());
   OZF_LOG(getHostLogger(), 1, SOURCE, "SignalThread::reload", "Set the log up anew");
-  reloadTls();
+  reloadTls(isConfigured);
 }
 
 } // namespace Host

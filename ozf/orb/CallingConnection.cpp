@@ -40,14 +40,17 @@ struct RequestNumber : omni::giopStream
 } // namespace
 
 CallingConnection::CallingConnection(omni::giopConnection* inner, omni::giopStrand const& strand,
+                                     std::shared_ptr<TlsContext const> context,
                                      std::unique_ptr<TlsChannel> channel)
-    : m_inner(inner), m_strand(strand), m_channel(std::move(channel))
+    : m_inner(inner), m_strand(strand), m_context(std::move(context)), m_channel(std::move(channel))
 {
   if (auto const* const tcp = dynamic_cast<omni::tcpConnection const*>(inner))
     m_descriptor = tcp->handle();
 }
 
 CallingConnection::~CallingConnection() { m_inner->decrRefCount(true); }
+
+bool CallingConnection::isOutdated() const noexcept { return currentTls() != m_context; }
 
 int CallingConnection::Send(void* data, std::size_t size, omni_time_t const& deadline)
 {
@@ -130,7 +133,8 @@ CORBA::Boolean guardReplies(omni::omniInterceptors::clientOpenConnection_T::info
 {
   omni::giopStrand& strand = info.giop_c.strand();
   std::unique_ptr<TlsChannel> channel;
-  if (auto const context = currentTls())
+  auto context = currentTls();
+  if (context)
   {
     ServerProof proof = prove(context, strand, steadyDeadline(info.giop_c.getDeadline()));
     channel = std::move(proof.channel);
@@ -143,7 +147,8 @@ CORBA::Boolean guardReplies(omni::omniInterceptors::clientOpenConnection_T::info
                                             &strand);
     }
   }
-  strand.connection = new CallingConnection(strand.connection, strand, std::move(channel));
+  strand.connection =
+      new CallingConnection(strand.connection, strand, std::move(context), std::move(channel));
   return true;
 }
 

@@ -20,11 +20,15 @@ class CallingConnection final : public omni::giopConnection
 {
 public:
   // Takes the caller's count of inner. strand is whose connection this is, and
-  // lives as long. The channel, when there is one, goes over inner's socket.
+  // lives as long. The channel, when there is one, goes over inner's socket. context
+  // is what held of TLS when it was opened; null when TLS was off.
   CallingConnection(omni::giopConnection* inner, omni::giopStrand const& strand,
-                    std::unique_ptr<TlsChannel> channel);
+                    std::shared_ptr<TlsContext const> context, std::unique_ptr<TlsChannel> channel);
 
   omni::giopConnection const* inner() const noexcept { return m_inner; }
+
+  // Whether something else holds of TLS now than when it was opened.
+  bool isOutdated() const noexcept;
 
   int Send(void* data, std::size_t size, omni_time_t const& deadline) override;
   int Recv(void* data, std::size_t size, omni_time_t const& deadline) override;
@@ -49,6 +53,7 @@ private:
 
   omni::giopConnection* const m_inner;
   omni::giopStrand const& m_strand;
+  std::shared_ptr<TlsContext const> const m_context;
   std::unique_ptr<TlsChannel> const m_channel; // null: plain
   int m_descriptor = -1;                       // -1 when it is not sent to directly
   GuardedInput m_input{MessageRules::REPLIES};

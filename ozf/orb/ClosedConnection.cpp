@@ -20,9 +20,11 @@ namespace Quillon::Tessarine::Ozf
 namespace
 {
 
-bool closedByPeer(omni::giopConnection const* connection)
+bool isSpent(omni::giopConnection const* connection)
 {
   auto const* const calling = dynamic_cast<CallingConnection const*>(connection);
+  if (calling != nullptr && calling->isOutdated())
+    return true;
   auto const* const tcp =
       dynamic_cast<omni::tcpConnection const*>(calling == nullptr ? connection : calling->inner());
   if (tcp == nullptr)
@@ -33,16 +35,16 @@ bool closedByPeer(omni::giopConnection const* connection)
 
 } // namespace
 
-CORBA::Boolean leaveClosedConnection(omni::omniInterceptors::clientSendRequest_T::info_T& info)
+CORBA::Boolean leaveSpentConnection(omni::omniInterceptors::clientSendRequest_T::info_T& info)
 {
   omni::giopStrand& strand = info.giop_c.strand();
   // A new one that is closed already was refused; trying again would not end.
-  if (strand.first_use || !closedByPeer(strand.connection))
+  if (strand.first_use || !isSpent(strand.connection))
     return true;
   strand.state(omni::giopStrand::DYING);
   omni::giopStream::CommFailure::_raise(omni::TRANSIENT_ConnectionClosed, CORBA::COMPLETED_NO, true,
-                                        __FILE__, __LINE__, "Closed by the peer while idle",
-                                        &strand);
+                                        __FILE__, __LINE__,
+                                        "Closed by the peer while idle, or outdated", &strand);
   return true;
 }
 

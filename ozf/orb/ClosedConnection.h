@@ -1,4 +1,4 @@
-// Connections that the other side has closed while no call was in progress.
+// Connections that are no good for another call.
 
 #pragma once
 
@@ -10,12 +10,14 @@ namespace Quillon::Tessarine::Ozf
 
 // To be called before each request is sent. A connection that the peer has
 // closed since its last reply is given up, and the ORB sends the request on
-// another: nothing of it has left, so it cannot be done twice.
+// another: nothing of it has left, so it cannot be done twice. So is a connection
+// that was opened before TLS was set up anew: the other side proves itself again, by
+// what is believed now.
 //
 // The ORB itself finds out too late. What it sends meets a reset; that reset is
 // the first thing it sees when it waits for the reply, before the peer's message
 // that the connection closes, and so the call fails with COMM_FAILURE, completed
 // MAYBE.
-CORBA::Boolean leaveClosedConnection(omni::omniInterceptors::clientSendRequest_T::info_T& info);
+CORBA::Boolean leaveSpentConnection(omni::omniInterceptors::clientSendRequest_T::info_T& info);
 
 } // namespace Quillon::Tessarine::Ozf

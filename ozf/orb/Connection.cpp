@@ -1,9 +1,12 @@
 #include "ozf/orb/Connection.h"
 
 #include "ozf/log/FrameworkLogger.h"
+#include "ozf/orb/CallAudit.h"
 #include "ozf/orb/ConnectionTable.h"
 #include "ozf/orb/Deadline.h"
 #include "ozf/orb/SlowPeers.h"
+#include "ozf/tls/CurrentTls.h"
+#include "ozf/tls/RareLines.h"
 
 // Each needs the ones before it.
 #include <giopStrand.h>
@@ -56,6 +59,7 @@ Connection::Connection(omni::giopConnection* inner, int descriptor,
     : m_inner(inner),
       m_descriptor(descriptor),
       m_channel(std::move(channel)),
+      m_judge(m_channel ? m_channel->context() : nullptr),
       m_peer(std::move(peer)),
       m_watcher(std::move(watcher))
 {
@@ -125,6 +129,46 @@ int Connection::receiveNow(void* data, std::size_t size) noexcept
   if (read > 0)
     return static_cast<int>(read);
   return read < 0 && (errno == EAGAIN || errno == EINTR) ? 0 : -1;
+}
+
+bool Connection::isPeerTaken(TlsContext const& context) const
+{
+  std::string refusal;
+  if (m_channel)
+    refusal = m_channel->refusalNow(context);
+  else if (context.settings().mode == TlsMode::ONLY)
+    refusal = "it does not speak TLS, which TLS = only asks for";
+  if (!refusal.empty())
+    auditRefusal(&peer(), {"connect"}, refusal);
+  if (!refusal.empty() && refusalLines().admits(peer().address, refusal))
+    OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Connection::isStillTaken",
+            "Ended a connection from " << peer().address << " before its next call: " << refusal);
+  return refusal.empty();
+}
+
+// The peer is told that the connection ends, so that it makes the call over another,
+// for which it proves who it is.
+bool Connection::isStillTaken() noexcept
+{
+  auto const context = currentTls();
+  if (!context ||
+      (context == m_judge && (!m_channel || m_channel->peer().end() > std::time(nullptr))))
+    return true;
+  try
+  {
+    if (isPeerTaken(*context))
+    {
+      m_judge = context;
+      return true;
+    }
+    auto farewell = FAREWELL;
+    Send(farewell.data(), farewell.size(), omni_time_t());
+  }
+  catch (std::exception const&)
+  {
+  }
+  m_inner->Shutdown();
+  return false;
 }
 
 void Connection::Shutdown() { m_inner->Shutdown(); }

@@ -33,6 +33,11 @@ public:
 
   Peer const& peer() const noexcept override { return m_peer.front(); }
 
+  // Whether what holds of TLS now, which may have been set up anew since, lets the
+  // peer call over this connection. Otherwise, and when there is no memory to find
+  // out, the connection has been ended; the log tells why. For who serves it.
+  bool isStillTaken() noexcept;
+
   // Whether bytes were delivered to the ORB since the last question.
   bool takeDelivered() noexcept { return m_delivered.exchange(false); }
 
@@ -59,6 +64,7 @@ private:
   void abandon() noexcept override;
   bool holdsBytes() const noexcept override { return m_channel && m_channel->holdsBytes(); }
 
+  bool isPeerTaken(TlsContext const& context) const;
   Arrived look() noexcept;
   int receive(void* data, std::size_t size, omni_time_t const& deadline);
   int receiveNow(void* data, std::size_t size) noexcept;
@@ -67,6 +73,7 @@ private:
   omni::giopConnection* const m_inner;
   int const m_descriptor;
   std::unique_ptr<TlsChannel> const m_channel; // null: plain
+  std::shared_ptr<TlsContext const> m_judge;   // who has found the peer to be believed
   std::list<Peer> m_peer;                      // one, as the table wants it
   std::shared_ptr<ConnectionWatcher> const m_watcher;
   std::atomic<std::uint64_t> m_received{0};

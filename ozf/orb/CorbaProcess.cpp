@@ -20,6 +20,7 @@
 #include "ozf/xml/XmlDocumentInterface.h"
 
 #include <omniORB4/callDescriptor.h>
+#include <omniORB4/minorCode.h>
 #include <omniORB4/omniInterceptors.h>
 #include <omniORB4/omniORB.h>
 
@@ -130,6 +131,12 @@ CORBA::Boolean noteRequest(omni::omniInterceptors::serverReceiveRequest_T::info_
   // answered before.
   if (connection != nullptr && !connection->takeDelivered())
     request.strand().state(omni::giopStrand::DYING);
+  // The peer calls anew, and proves who it is by what holds now.
+  if (connection != nullptr && !connection->isStillTaken())
+  {
+    request.strand().state(omni::giopStrand::DYING);
+    throw CORBA::TRANSIENT(omni::TRANSIENT_ConnectionClosed, CORBA::COMPLETED_NO);
+  }
   if (!isKeyInOrder(request.key(), request.keysize()))
     throw CORBA::OBJECT_NOT_EXIST(0, CORBA::COMPLETED_NO);
   return true;
@@ -238,7 +245,7 @@ CORBA::ORB_ptr startOrb(std::vector<std::string> const& endPoints, std::string c
 
   auto* const interceptors = omniORB::getInterceptors();
   interceptors->clientOpenConnection.add(guardReplies);
-  interceptors->clientSendRequest.add(leaveClosedConnection);
+  interceptors->clientSendRequest.add(leaveSpentConnection);
   interceptors->serverReceiveRequest.add(noteRequest);
   interceptors->invokeLocalCall.add(guardCall);
   return orb._retn();

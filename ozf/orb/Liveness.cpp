@@ -88,6 +88,7 @@ UniqueFd connectTo(std::string const& address, unsigned short port, Clock::time_
       (errno == EINPROGRESS && waitFor(fd.get(), POLLOUT, deadline) &&
        getsockopt(fd.get(), SOL_SOCKET, SO_ERROR, &failure, &size) == 0 && failure == 0))
     return fd;
+  known.reset();
   fd.reset();
   return fd;
 }
@@ -116,9 +117,10 @@ bool isServiceAnswering(std::string const& service, std::chrono::milliseconds ti
   if (port == 0)
     return true;
   auto const addresses = getConfiguration()->list("ORB_BIND");
+  UniqueFd fd;
+  // Goes before the socket, since somebody else may get its port afterwards.
   std::optional<KnownPort> known;
-  UniqueFd const fd =
-      connectTo(addresses.empty() ? "127.0.0.1" : addresses.front(), port, deadline, known);
+  fd = connectTo(addresses.empty() ? "127.0.0.1" : addresses.front(), port, deadline, known);
   std::string const request = locateRequest(service);
   // It fits into the buffer of a new connection.
   if (!fd.valid() || send(fd.get(), request.data(), request.size(), MSG_NOSIGNAL) !=

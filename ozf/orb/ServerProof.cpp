@@ -54,7 +54,7 @@ bool connectAnew(int descriptor, sockaddr_storage const& address, socklen_t leng
 void logRefusal(std::string const& host, std::string const& reason)
 {
   noteTlsRefusal(reason);
-  if (refusalLines().admits(host + ' ' + reason))
+  if (refusalLines().admits(host, reason))
     OZF_LOG(getFrameworkLogger(), 1, SOURCE, OPERATION,
             "Ended the connection to " << host << " before any call: " << reason);
 }

@@ -17,9 +17,7 @@ namespace
 {
 
 constexpr char SOURCE[] = "SlowPeers";
-constexpr std::size_t FAREWELL_SIZE = 12;
 constexpr std::size_t TYPE_AT = 7;
-constexpr char CLOSE_CONNECTION = 5;
 
 } // namespace
 
@@ -33,7 +31,7 @@ int sendAtOnce(int descriptor, void const* data, std::size_t size) noexcept
 
 bool isFarewell(void const* data, std::size_t size) noexcept
 {
-  return size == FAREWELL_SIZE && static_cast<char const*>(data)[TYPE_AT] == CLOSE_CONNECTION;
+  return size == FAREWELL.size() && static_cast<char const*>(data)[TYPE_AT] == FAREWELL[TYPE_AT];
 }
 
 std::mutex WaitForPeer::s_mutex;

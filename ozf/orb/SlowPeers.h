@@ -5,6 +5,7 @@
 #include "ozf/base/Export.h"
 #include "ozf/orb/ConnectionWatcher.h"
 
+#include <array>
 #include <cstddef>
 #include <list>
 #include <mutex>
@@ -16,6 +17,10 @@ namespace Quillon::Tessarine::Ozf
 // nothing now, negative when the connection has ended. Saves the question that
 // the ORB puts to the system before it sends.
 OZF_EXPORT int sendAtOnce(int descriptor, void const* data, std::size_t size) noexcept;
+
+// What tells a peer that the connection ends, and that what it has asked for is not
+// done.
+inline constexpr std::array<char, 12> FAREWELL{'G', 'I', 'O', 'P', 1, 0, 0, 5, 0, 0, 0, 0};
 
 // Whether these bytes tell a peer that the connection ends. The ORB sends them
 // with everything else locked, and nobody needs to wait for them to be read.

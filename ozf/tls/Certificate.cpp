@@ -22,6 +22,7 @@ std::string textOf(ASN1_STRING const* string)
           static_cast<std::size_t>(ASN1_STRING_length(string))};
 }
 
+// Empty for what is no address.
 std::string addressOf(ASN1_STRING const* bytes)
 {
   char text[INET6_ADDRSTRLEN] = "";
@@ -45,7 +46,10 @@ std::vector<std::string> alternativeNames(X509 const* certificate)
     if (name->type == GEN_DNS)
       names.push_back(textOf(name->d.dNSName));
     else if (name->type == GEN_IPADD)
-      names.push_back(addressOf(name->d.iPAddress));
+    {
+      if (std::string address = addressOf(name->d.iPAddress); !address.empty())
+        names.push_back(std::move(address));
+    }
   }
   return names;
 }
@@ -69,6 +73,7 @@ std::time_t timeOf(ASN1_TIME const* time)
 Certificate::Certificate(X509* certificate)
     : m_certificate(certificate, X509_free),
       m_names(alternativeNames(certificate)),
+      m_hasAlternatives(!m_names.empty()),
       m_begin(timeOf(X509_get0_notBefore(certificate))),
       m_end(timeOf(X509_get0_notAfter(certificate)))
 {
@@ -94,8 +99,12 @@ bool Certificate::names(std::string const& host) const
   std::string name = host;
   if (name.ends_with('.'))
     name.pop_back();
-  return !name.empty() && X509_check_host(get(), name.data(), name.size(),
-                                          X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS, nullptr) == 1;
+  // One that begins with a dot would stand for every host of that domain.
+  if (name.empty() || name.front() == '.')
+    return false;
+  unsigned const flags = X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS |
+                         (m_hasAlternatives ? X509_CHECK_FLAG_NEVER_CHECK_SUBJECT : 0U);
+  return X509_check_host(get(), name.data(), name.size(), flags, nullptr) == 1;
 }
 
 bool Certificate::mayServe() const

@@ -34,7 +34,8 @@ public:
   std::time_t end() const noexcept { return m_end; }
 
   // Whether it names that host, of which an address is compared with addresses
-  // alone. The common name counts where there are no alternative names.
+  // alone. The common name counts where there are no alternative names, of hosts or
+  // of addresses.
   bool names(std::string const& host) const;
 
   // Whether it may be shown to who calls, and by who calls.
@@ -46,6 +47,7 @@ public:
 private:
   std::shared_ptr<X509> m_certificate;
   std::vector<std::string> m_names;
+  bool m_hasAlternatives = false;
   std::time_t m_begin = 0;
   std::time_t m_end = 0;
 };

@@ -113,7 +113,9 @@ std::string expiryText(Certificate const& certificate, std::time_t now)
 void ExpiryWarning::look(std::time_t now)
 {
   auto const context = currentTls();
-  if (!context || now < m_next || context->certificate().end() - now > WARNED_AHEAD)
+  // A clock that is set back makes a new beginning.
+  bool const isToldToday = now < m_next && m_next - now <= DAY;
+  if (!context || isToldToday || context->certificate().end() - now > WARNED_AHEAD)
     return;
   m_next = now + DAY;
   OZF_LOG(getFrameworkLogger(), 1, SOURCE, "ExpiryWarning::look",

@@ -32,17 +32,31 @@ constexpr unsigned char RECORD_OF_HANDSHAKE = 0x16;
   throw std::system_error(errno, std::generic_category(), what);
 }
 
-void logEnd(std::string const& address, std::string const& reason)
+// A line that there is no memory for is left out: the threads here go on.
+void logEnd(std::string const& address, std::string_view reason) noexcept
 {
-  AuditRecord record;
-  record.peer = address;
-  record.operation = "connect";
-  record.result = reason;
-  record.refused = true;
-  AuditLog::write(record);
-  if (refusalLines().admits(address + ' ' + reason))
-    OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Handshakes::work",
-            "Ended a connection from " << address << " before any call: " << reason);
+  try
+  {
+    AuditRecord record;
+    record.peer = address;
+    record.operation = "connect";
+    record.result = reason;
+    record.refused = true;
+    AuditLog::write(record);
+  }
+  catch (std::exception const&)
+  {
+    AuditLog::noteLost();
+  }
+  try
+  {
+    if (refusalLines().admits(address, reason))
+      OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Handshakes::work",
+              "Ended a connection from " << address << " before any call: " << reason);
+  }
+  catch (std::exception const&)
+  {
+  }
 }
 
 void logPlain(std::string const& address)
@@ -114,7 +128,7 @@ void Handshakes::begin(UniqueFd connection, std::string address,
   }
   m_entries.splice(m_entries.end(), made);
   epoll_event event{};
-  event.events = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;
+  event.events = EPOLLIN | EPOLLONESHOT;
   event.data.u64 = entry.number;
   if (epoll_ctl(m_epoll.get(), EPOLL_CTL_ADD, entry.connection.get(), &event) == 0)
   {
@@ -266,8 +280,7 @@ Handshakes::Step Handshakes::shakeHands(Entry& entry)
     return Step::WRITE;
   default:
     logEnd(entry.address, entry.channel->reason());
-    entry.refused = shutdown(entry.connection.get(), SHUT_WR) == 0;
-    return entry.refused ? Step::READ : Step::FAILED;
+    return shutdown(entry.connection.get(), SHUT_WR) == 0 ? Step::REFUSED : Step::FAILED;
   }
 }
 
@@ -295,6 +308,8 @@ void Handshakes::work(Number number)
   }
   lock.lock();
   entry->working = false;
+  if (next == Step::REFUSED)
+    entry->refused = true;
   if (entry->ended || next == Step::FAILED)
   {
     forget(entry);
@@ -311,7 +326,7 @@ void Handshakes::work(Number number)
     return;
   }
   epoll_event event{};
-  event.events = (next == Step::READ ? EPOLLIN : EPOLLOUT) | EPOLLRDHUP | EPOLLONESHOT;
+  event.events = (next == Step::WRITE ? EPOLLOUT : EPOLLIN) | EPOLLONESHOT;
   event.data.u64 = number;
   epoll_ctl(m_epoll.get(), EPOLL_CTL_MOD, entry->connection.get(), &event);
 }

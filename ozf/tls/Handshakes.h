@@ -91,6 +91,7 @@ private:
     READ,
     WRITE,
     FINISHED,
+    REFUSED, // it is told so, and heard out
     FAILED
   };
 

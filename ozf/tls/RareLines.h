@@ -6,31 +6,43 @@
 
 #include <chrono>
 #include <cstddef>
+#include <map>
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 
 namespace Quillon::Tessarine::Ozf
 {
 
 // Keeps a crowd of peers from filling the log, and one of them from keeping the
-// others out of it: within a period each key is admitted once, and so many in all.
-// Any thread.
+// others out of it: within a period each line is admitted once, of each peer
+// LINES_OF_PEER, and so many in all. Any thread.
 class OZF_EXPORT RareLines
 {
 public:
+  // What is told of a peer may be of its own making, and new each time.
+  static constexpr std::size_t LINES_OF_PEER = 8;
+
   RareLines(std::chrono::seconds period, std::size_t most) : m_period(period), m_most(most) {}
 
-  bool admits(std::string const& key)
+  bool admits(std::string const& peer, std::string_view line = {})
   {
     std::lock_guard const guard(m_mutex);
     auto const now = std::chrono::steady_clock::now();
     if (now - m_begin >= m_period)
     {
       m_told.clear();
+      m_count = 0;
       m_begin = now;
     }
-    return m_told.size() < m_most && m_told.insert(key).second;
+    if (m_count >= m_most)
+      return false;
+    auto& ofPeer = m_told[peer];
+    if (ofPeer.size() >= LINES_OF_PEER || !ofPeer.emplace(line).second)
+      return false;
+    ++m_count;
+    return true;
   }
 
 private:
@@ -38,7 +50,8 @@ private:
   std::size_t const m_most;
   std::mutex m_mutex;
   std::chrono::steady_clock::time_point m_begin = std::chrono::steady_clock::now();
-  std::set<std::string> m_told;
+  std::map<std::string, std::set<std::string>> m_told;
+  std::size_t m_count = 0;
 };
 
 // Of peers that are refused, by address and reason.

@@ -42,6 +42,11 @@ bool waitForSocket(int descriptor, short events, TlsChannel::Clock::time_point d
   return poll(&wait, 1, time) != 0;
 }
 
+std::string refusalText(std::string const& names, std::string const& why)
+{
+  return "its certificate (" + names + ") is refused: " + why;
+}
+
 int asSize(std::size_t size)
 {
   return static_cast<int>(std::min<std::size_t>(size, std::numeric_limits<int>::max()));
@@ -115,10 +120,15 @@ struct TlsChannel::Wire
     if (holds == 1 || wire.refusal != X509_V_OK)
       return holds;
     wire.refusal = X509_STORE_CTX_get_error(chain);
-    if (X509* const first = X509_STORE_CTX_get0_cert(chain))
+    X509* const first = X509_STORE_CTX_get0_cert(chain);
+    try
     {
-      X509_up_ref(first);
-      wire.refused.emplace(first);
+      if (first != nullptr && X509_up_ref(first) == 1)
+        wire.refused.emplace(first);
+    }
+    catch (std::bad_alloc const&)
+    {
+      // Told without its name: nothing may be thrown through the library.
     }
     return holds;
   }
@@ -177,6 +187,14 @@ bool TlsChannel::peerIsPlain() const noexcept
               : m_wire->firstByte != RECORD_OF_ALERT && m_wire->firstByte != RECORD_OF_HANDSHAKE);
 }
 
+std::string TlsChannel::refusalNow(TlsContext const& context) const
+{
+  std::lock_guard const guard(m_mutex);
+  std::string const why =
+      context.refusalOfCaller(m_peer->get(), SSL_get_peer_cert_chain(m_session.get()));
+  return why.empty() ? why : refusalText(m_peer->shownNames(), why);
+}
+
 std::string TlsChannel::version() const
 {
   std::lock_guard const guard(m_mutex);
@@ -191,8 +209,8 @@ void TlsChannel::noteFailure(int error)
   unsigned long const first = ERR_peek_error();
   int const cause = ERR_GET_LIB(first) == ERR_LIB_SSL ? ERR_GET_REASON(first) : 0;
   if (m_wire->refusal != X509_V_OK)
-    m_reason = "its certificate (" + (m_wire->refused ? m_wire->refused->shownNames() : "") +
-               ") is refused: " + certificateErrorText(m_wire->refusal);
+    m_reason = refusalText(m_wire->refused ? m_wire->refused->shownNames() : std::string(),
+                           certificateErrorText(m_wire->refusal));
   else if (cause == SSL_R_PEER_DID_NOT_RETURN_A_CERTIFICATE)
     m_reason = "it shows no certificate";
   else if (peerIsPlain())

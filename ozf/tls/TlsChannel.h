@@ -70,6 +70,13 @@ public:
   // Proven by the handshake.
   Certificate const& peer() const { return *m_peer; }
 
+  // Why the peer, who called and has proven who it is, would not be believed if it
+  // called now and by what context says; empty when it would be.
+  std::string refusalNow(TlsContext const& context) const;
+
+  // What held when the connection began.
+  std::shared_ptr<TlsContext const> const& context() const noexcept { return m_context; }
+
   // "TLSv1.3".
   std::string version() const;
 

@@ -91,6 +91,9 @@ bool TlsContext::load(std::string& error)
   SSL_CTX_set_options(context, SSL_OP_NO_TICKET | SSL_OP_NO_COMPRESSION | SSL_OP_NO_RENEGOTIATION);
   SSL_CTX_set_mode(context, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER |
                                 SSL_MODE_RELEASE_BUFFERS);
+  // One record at a time: a peer that sends messages of TLS itself and no data would
+  // otherwise keep whoever reads, and with him everybody whom he reads from.
+  SSL_CTX_clear_mode(context, SSL_MODE_AUTO_RETRY);
   SSL_CTX_set_default_passwd_cb(context, givePassword);
   SSL_CTX_set_verify(context, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
 
@@ -119,20 +122,37 @@ bool TlsContext::load(std::string& error)
   return true;
 }
 
+// What X509_V_... says; role is what OpenSSL calls it, null for any.
+int TlsContext::verify(X509* certificate, stack_st_X509* chain, char const* role) const
+{
+  std::unique_ptr<X509_STORE_CTX, decltype(&X509_STORE_CTX_free)> const check(X509_STORE_CTX_new(),
+                                                                              X509_STORE_CTX_free);
+  bool const ready = check &&
+                     X509_STORE_CTX_init(check.get(), SSL_CTX_get_cert_store(m_context.get()),
+                                         certificate, chain) == 1 &&
+                     (role == nullptr || X509_STORE_CTX_set_default(check.get(), role) == 1);
+  int result = X509_V_ERR_OUT_OF_MEM;
+  if (ready)
+    result = X509_verify_cert(check.get()) == 1 ? X509_V_OK : X509_STORE_CTX_get_error(check.get());
+  ERR_clear_error();
+  return result;
+}
+
+std::string TlsContext::refusalOfCaller(X509* certificate, stack_st_X509* chain) const
+{
+  int const result = verify(certificate, chain, "ssl_client");
+  return result == X509_V_OK ? std::string() : certificateErrorText(result);
+}
+
 std::vector<std::string> TlsContext::refusalsByPeers(std::string const& ownName) const
 {
   std::vector<std::string> reasons;
   std::string const start =
       std::string(TLS_KEYS.certificate) + " " + m_settings.certificate + " is refused by peers: ";
-  std::unique_ptr<X509_STORE_CTX, decltype(&X509_STORE_CTX_free)> const check(X509_STORE_CTX_new(),
-                                                                              X509_STORE_CTX_free);
   STACK_OF(X509)* chain = nullptr;
   SSL_CTX_get0_chain_certs(m_context.get(), &chain);
-  if (check &&
-      X509_STORE_CTX_init(check.get(), SSL_CTX_get_cert_store(m_context.get()),
-                          m_certificate->get(), chain) == 1 &&
-      X509_verify_cert(check.get()) != 1)
-    reasons.push_back(start + certificateErrorText(X509_STORE_CTX_get_error(check.get())));
+  if (int const result = verify(m_certificate->get(), chain, nullptr); result != X509_V_OK)
+    reasons.push_back(start + certificateErrorText(result));
   if (!m_certificate->mayServe() || !m_certificate->mayCall())
     reasons.push_back(start + certificateErrorText(X509_V_ERR_INVALID_PURPOSE));
   if (!ownName.empty() && !m_certificate->names(ownName))

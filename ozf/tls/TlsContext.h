@@ -12,6 +12,7 @@
 #include <vector>
 
 using SSL_CTX = struct ssl_ctx_st;
+struct stack_st_X509;
 
 namespace Quillon::Tessarine::Ozf
 {
@@ -33,11 +34,16 @@ public:
   // host.
   std::vector<std::string> refusalsByPeers(std::string const& ownName) const;
 
+  // Why a peer that calls with that certificate is refused now; empty when it is
+  // believed. chain, which may be null, is what the peer showed beside it.
+  std::string refusalOfCaller(X509* certificate, stack_st_X509* chain) const;
+
   SSL_CTX* get() const noexcept { return m_context.get(); }
 
 private:
   explicit TlsContext(TlsSettings const& settings);
   bool load(std::string& error);
+  int verify(X509* certificate, stack_st_X509* chain, char const* role) const;
 
   TlsSettings const m_settings;
   std::shared_ptr<SSL_CTX> m_context;

@@ -21,6 +21,7 @@ namespace tqtest
 struct Wish
 {
   std::string names = "DNS:localhost,IP:127.0.0.1"; // alternative names, empty for none
+  std::string hostName{}; // any bytes; stands in for the alternative names
   std::string commonName = "host";
   long begin = -3600; // seconds from now
   long end = 86400;
@@ -87,6 +88,19 @@ private:
       ADD_FAILURE() << "no such extension: " << value;
   }
 
+  static void nameAs(X509* certificate, std::string const& bytes)
+  {
+    std::unique_ptr<GENERAL_NAMES, decltype(&GENERAL_NAMES_free)> const names(
+        sk_GENERAL_NAME_new_null(), GENERAL_NAMES_free);
+    ASN1_IA5STRING* const text = ASN1_IA5STRING_new();
+    ASN1_STRING_set(text, bytes.data(), static_cast<int>(bytes.size()));
+    GENERAL_NAME* const name = GENERAL_NAME_new();
+    GENERAL_NAME_set0_value(name, GEN_DNS, text);
+    sk_GENERAL_NAME_push(names.get(), name);
+    if (X509_add1_ext_i2d(certificate, NID_subject_alt_name, names.get(), 0, 0) != 1)
+      ADD_FAILURE() << "no such name";
+  }
+
   Made make(Wish const& wish, EVP_PKEY* key, bool isAuthority)
   {
     Made made(X509_new(), X509_free);
@@ -103,7 +117,10 @@ private:
     X509_set_issuer_name(certificate,
                          isAuthority ? subject : X509_get_subject_name(m_certificate.get()));
     extend(certificate, NID_basic_constraints, isAuthority ? "critical,CA:TRUE" : "CA:FALSE");
-    extend(certificate, NID_subject_alt_name, wish.names);
+    if (wish.hostName.empty())
+      extend(certificate, NID_subject_alt_name, wish.names);
+    else
+      nameAs(certificate, wish.hostName);
     extend(certificate, NID_ext_key_usage, wish.usage);
     if (X509_sign(certificate, m_key.get(), EVP_sha256()) == 0)
       ADD_FAILURE() << "cannot sign the certificate of " << wish.commonName;

@@ -61,7 +61,7 @@ public:
     for (auto const& folder : {m_root.path(), m_root / "lib", m_root / "lib/plugins"})
       fs::permissions(folder, fs::perms(0755));
     if (explorers == WITH_EXPLORERS)
-      addLibrary(TQ_LIB_DIR "/libtqexplorer.so", "lib/libtqexplorer.so");
+      addExplorers();
     configure();
   }
 
@@ -75,6 +75,9 @@ public:
                                           "ORB_PORT.DiscoveryService = " +
                                           std::to_string(m_port) + "\n" + more);
   }
+
+  // For the next start.
+  void addExplorers() { addLibrary(TQ_LIB_DIR "/libtqexplorer.so", "lib/libtqexplorer.so"); }
 
   // A fixture as the plug-in libtqplugin-<name>.so.
   void addPlugin(std::string const& fixture, std::string const& name)

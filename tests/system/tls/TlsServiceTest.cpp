@@ -4,6 +4,7 @@
 #include "tests/support/LiveService.h"
 
 #include <gmock/gmock.h>
+#include <openssl/ssl.h>
 
 namespace
 {
@@ -67,6 +68,32 @@ protected:
                 std::string const& authorities = "ca.pem") const
   {
     return run(user, {"tls", "check", host}, authorities);
+  }
+
+  // Whether the service answers who shows that certificate, or none, where its object
+  // is. Whom this calls is not looked at.
+  bool isAnswered(std::string const& certificate) const
+  {
+    std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> const context(
+        SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
+    std::string const path = m_files / certificate;
+    if (!certificate.empty() &&
+        (SSL_CTX_use_certificate_file(context.get(), (path + ".pem").c_str(), SSL_FILETYPE_PEM) !=
+             1 ||
+         SSL_CTX_use_PrivateKey_file(context.get(), (path + ".key").c_str(), SSL_FILETYPE_PEM) !=
+             1))
+      ADD_FAILURE() << path;
+    std::unique_ptr<BIO, decltype(&BIO_free_all)> const connection(
+        BIO_new_ssl_connect(context.get()), BIO_free_all);
+    std::string const place = "127.0.0.1:" + std::to_string(m_service.port());
+    BIO_set_conn_hostname(connection.get(), place.c_str());
+    std::string const question("GIOP\1\0\0\3\0\0\0\x18\0\0\0\1\0\0\0\x10"
+                               "DiscoveryService",
+                               36);
+    char answer[64];
+    return BIO_write(connection.get(), question.data(), static_cast<int>(question.size())) ==
+               static_cast<int>(question.size()) &&
+           BIO_read(connection.get(), answer, sizeof answer) > 0;
   }
 
   TempDir m_files;
@@ -137,14 +164,83 @@ TEST_F(TlsServiceTest, theModeAndTheCertificateAreTakenAtAReload)
   EXPECT_EQ(m_service.stop(), 0) << m_service.log();
 }
 
-TEST_F(TlsServiceTest, aCertificateThatEndsSoonIsToldInTheLog)
+// Without a configuration TLS would be off: nobody is let in by a file that is away.
+TEST_F(TlsServiceTest, aConfigurationThatIsAwayAtAReloadOpensThePortForNobody)
+{
+  configure("only");
+  ASSERT_TRUE(m_service.start()) << m_service.log();
+  std::string const file = m_service / "etc/tq.conf";
+  std::filesystem::rename(file, file + ".away");
+  reload("TLS stays as it was: " + file + " cannot be read");
+  std::filesystem::rename(file + ".away", file);
+  EXPECT_EQ(run("", {"query"}).exitCode, 5);
+  EXPECT_EQ(run("user", {"query"}).exitCode, 3);
+  // It takes a configuration that says so.
+  configure("");
+  reload("TLS is off from now on: nobody is asked for a certificate");
+  EXPECT_EQ(run("", {"query"}).exitCode, 3);
+  EXPECT_EQ(m_service.stop(), 0) << m_service.log();
+}
+
+TEST_F(TlsServiceTest, aCertificateThatEndsSoonIsToldInTheLogAndByStatus)
 {
   Wish wish = wishFor(LiveService::NAME);
   wish.end = 20L * 86400 + 3600;
   m_authority.issue(m_files.path(), "service", wish);
   configure("only");
+  m_service.addExplorers();
   ASSERT_TRUE(m_service.start()) << m_service.log();
   EXPECT_TRUE(m_service.process().awaitError("in 20 days")) << m_service.log();
+  Outcome status{};
+  EXPECT_TRUE(eventually(
+      [&]
+      {
+        status = run("user", {"status"});
+        return status.output.find(LiveService::NAME) != std::string::npos;
+      }))
+      << status.errors;
+  EXPECT_THAT(status.errors, HasSubstr("1 certificate ends within 30 days: tqtestmaster"));
+  EXPECT_EQ(m_service.stop(), 0) << m_service.log();
+}
+
+// Each by what it shows, or does not.
+TEST_F(TlsServiceTest, aPeerThatProvesNothingIsRefusedWithALineOfItsOwn)
+{
+  configure("only");
+  ASSERT_TRUE(m_service.start()) << m_service.log();
+  CertificateAuthority other("Another authority");
+  other.issue(m_files.path(), "stranger", wishFor("stranger"));
+  Wish wish = wishFor("late");
+  wish.begin = -7200;
+  wish.end = -3600;
+  m_authority.issue(m_files.path(), "late", wish);
+  wish = wishFor("early");
+  wish.begin = 3600;
+  m_authority.issue(m_files.path(), "early", wish);
+  wish = wishFor("server");
+  wish.usage = "serverAuth";
+  m_authority.issue(m_files.path(), "server", wish);
+  struct
+  {
+    char const* certificate;
+    char const* reason;
+  } const peers[] = {
+      {"", "it shows no certificate"},
+      {"stranger", "its certificate (stranger) is refused: it is of another authority than those "
+                   "of TLS_CA"},
+      {"late", "its certificate (late) is refused: it has expired"},
+      {"early", "its certificate (early) is refused: it is not valid yet"},
+      {"server", "its certificate (server) is refused: it is not made for this role"},
+  };
+  for (auto const& peer : peers)
+  {
+    EXPECT_FALSE(isAnswered(peer.certificate)) << peer.certificate;
+    EXPECT_TRUE(m_service.process().awaitError(
+        std::string("Ended a connection from 127.0.0.1 before any call: ") + peer.reason))
+        << peer.reason << '\n'
+        << m_service.log();
+  }
+  EXPECT_TRUE(isAnswered("user"));
   EXPECT_EQ(m_service.stop(), 0) << m_service.log();
 }
 

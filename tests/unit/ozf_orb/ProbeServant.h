@@ -64,6 +64,7 @@ class ProbeServant : public POA_OrbTest::Probe
 public:
   // How many there are.
   static inline std::atomic<int> alive{0};
+  static inline std::atomic<int> pauses{0}; // begun
 
   ProbeServant() { ++alive; }
 
@@ -94,6 +95,7 @@ public:
 
   void pause(CORBA::ULong milliseconds) override
   {
+    ++pauses;
     std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
   }
 
@@ -118,6 +120,12 @@ public:
     setenv("TESSARINE_ROOT", m_directory.path().c_str(), 1);
     // Other tests of the same process may have left their own.
     Quillon::Tessarine::Ozf::reloadConfiguration();
+  }
+
+  // For a process that has begun with it to read.
+  void rewrite(std::string const& configuration) const
+  {
+    writeText(m_directory / "etc/tq.conf", configuration);
   }
 
 private:

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include "ozf/tls/CurrentTls.h"
 #include "tests/unit/ozf_orb/ProbeServant.h"
 
 #include <csignal>
@@ -88,6 +89,20 @@ public:
       ADD_FAILURE() << "the serving process did not start";
   }
 
+  // Reads the configuration and the files that it names anew.
+  void reload()
+  {
+    if (!obeys('l'))
+      ADD_FAILURE() << "the serving process did not set TLS up anew";
+  }
+
+  // Until a call that pauses has begun.
+  void awaitPause()
+  {
+    if (!obeys('p'))
+      ADD_FAILURE() << "nobody had the serving process pause";
+  }
+
   void kill()
   {
     EXPECT_EQ(::kill(m_pid, SIGKILL), 0);
@@ -98,6 +113,21 @@ public:
   pid_t pid() const { return m_pid; }
 
 private:
+  bool obeys(char command)
+  {
+    char answer = 0;
+    return write(m_tell, &command, 1) == 1 && read(m_hear, &answer, 1) == 1 && answer == command;
+  }
+
+  static bool obey(char command)
+  {
+    if (command == 'p')
+      return eventually([] { return ProbeServant::pauses > 0; });
+    std::string error;
+    Quillon::Tessarine::Ozf::reloadConfiguration();
+    return Quillon::Tessarine::Ozf::setUpTls(error);
+  }
+
   static int serve(int told, int ready, rlim_t descriptors)
   {
     char byte = 0;
@@ -116,8 +146,14 @@ private:
     servant->destroy = [&] { orb.destroyObjectRef(object); };
     orb.advertiseObject("Probe", object);
     servant->_remove_ref();
-    if (write(ready, "r", 1) != 1 || read(told, &byte, 1) < 0)
+    if (write(ready, "r", 1) != 1)
       return 2;
+    while (read(told, &byte, 1) == 1 && (byte == 'l' || byte == 'p'))
+    {
+      char const answer = obey(byte) ? byte : 'f';
+      if (write(ready, &answer, 1) != 1)
+        return 2;
+    }
     orb.shutdown();
     return 0;
   }

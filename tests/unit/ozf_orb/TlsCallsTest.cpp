@@ -1,5 +1,6 @@
 // Calls between processes of which both prove who they are.
 
+#include "ozf/base/SystemError.h"
 #include "ozf/orb/Peer.h"
 #include "ozf/tls/CurrentTls.h"
 #include "tests/support/Certificates.h"
@@ -50,15 +51,38 @@ protected:
   }
 
   // Empty lines: without TLS.
-  void serve(std::string const& lines)
+  void serve(std::string const& lines, char const* address = "127.0.0.1")
   {
-    m_serverRoot.emplace("CLIENT_NAME = localhost\n" + serviceAt(m_port) + lines);
+    m_serverRoot.emplace("CLIENT_NAME = localhost\n" + serviceAt(m_port, address) + lines);
     m_server = std::make_unique<ServingProcess>();
+  }
+  void serveFromNowOn(std::string const& lines)
+  {
+    m_serverRoot->rewrite("CLIENT_NAME = localhost\n" + serviceAt(m_port) + lines);
+    m_server->reload();
   }
   void call(std::string const& lines)
   {
     m_clientRoot.emplace("CLIENT_NAME = localhost\n" + serviceAt(m_port) + lines);
     m_client = std::make_unique<Client>();
+  }
+  OrbTest::Probe_var at(char const* name)
+  {
+    OzfHostname host;
+    host.setHostname(name);
+    CORBA::Object_var object = m_client->orb.resolveObject(host, "ProbeService", "Probe", {});
+    return OrbTest::Probe::_unchecked_narrow(object);
+  }
+  // A reference as peers send them, with an address of their choice.
+  static OrbTest::Probe_ptr fromPeer(std::string const& address, unsigned short port)
+  {
+    int none = 0;
+    CORBA::ORB_var const orb = CORBA::ORB_init(none, nullptr, "omniORB4"); // the one there is
+    std::string const place = "corbaloc:iiop:1.2@" + address + ":" + std::to_string(port);
+    CORBA::Object_var object = orb->string_to_object((place + "/Probe").c_str());
+    CORBA::String_var const text = orb->object_to_string(object);
+    object = orb->string_to_object(text);
+    return OrbTest::Probe::_unchecked_narrow(object);
   }
   std::string answer() { return answerOf(probeOf(m_client->orb, "Probe")); }
   // A call, which ends before the service gets it.
@@ -177,11 +201,7 @@ TEST_F(TlsCallsTest, theCertificateOfAnotherHostIsRefusedWithBothNames)
   serve(lines("server"));
   LogCapture log(1);
   call(lines("client") + "HOST_ADDRESS.backup1 = 127.0.0.1\n");
-  OzfHostname host;
-  host.setHostname("backup1");
-  CORBA::Object_var object = m_client->orb.resolveObject(host, "ProbeService", "Probe", {});
-  OrbTest::Probe_var probe = OrbTest::Probe::_unchecked_narrow(object);
-  EXPECT_EQ(answerOf(probe), "TRANSIENT");
+  EXPECT_EQ(answerOf(at("backup1")), "TRANSIENT");
   EXPECT_TRUE(log.has(1, "proveServer",
                       "Ended the connection to 127.0.0.1 before any call: the certificate of "
                       "127.0.0.1 (backup1) is for backup2"))
@@ -244,15 +264,145 @@ TEST_F(TlsCallsTest, aRenewedCertificateIsTakenForNewConnectionsAndCallsInProgre
   auto const probe = probeOf(m_client->orb, "Probe");
   ASSERT_EQ(answerOf(probe), "x");
   auto pausing = std::async(std::launch::async, [&] { probe->pause(1000); });
+  m_server->awaitPause();
   // This side alone believes the next authority from now on.
   other.writeTo(m_files / "ca.pem");
   std::string error;
   ASSERT_TRUE(setUpTls(error)) << error;
   EXPECT_NO_THROW(pausing.get());
-  EXPECT_EQ(answerOf(probe), "x") << "the connection stands";
-  m_client.reset();
-  m_client = std::make_unique<Client>();
-  EXPECT_EQ(answer(), "TRANSIENT");
+  // The host that was believed has to prove itself again for the next call.
+  EXPECT_EQ(answerOf(probe), "TRANSIENT");
+  m_authority.writeTo(m_files / "ca.pem");
+  ASSERT_TRUE(setUpTls(error)) << error;
+  EXPECT_EQ(answerOf(probe), "x");
+}
+
+TEST_F(TlsCallsTest, aCallerThatStaysConnectedIsJudgedByWhatHoldsNow)
+{
+  serve(lines("server"));
+  call(lines("client"));
+  auto const probe = probeOf(m_client->orb, "Probe");
+  ASSERT_EQ(answerOf(probe), "x");
+  // The same authority, and a certificate that was renewed: no call is refused.
+  m_authority.issue(m_files.path(), "server");
+  serveFromNowOn(lines("server"));
+  EXPECT_EQ(answerOf(probe), "x");
+  // The service alone believes the next authority, while a call is in progress.
+  auto pausing = std::async(std::launch::async, [&] { probe->pause(500); });
+  m_server->awaitPause();
+  CertificateAuthority other("The next authority");
+  other.writeTo(m_files / "ca.pem");
+  serveFromNowOn(lines("server"));
+  EXPECT_NO_THROW(pausing.get());
+  EXPECT_NE(answerOf(probe), "x");
+}
+
+TEST_F(TlsCallsTest, aCallerWithoutTlsIsEndedWhenOnlyTlsIsTakenFromNowOn)
+{
+  serve(lines("server", "both"));
+  call("");
+  auto const probe = probeOf(m_client->orb, "Probe");
+  ASSERT_EQ(answerOf(probe), "x");
+  serveFromNowOn(lines("server", "only"));
+  EXPECT_NE(answerOf(probe), "x");
+  serveFromNowOn(lines("server", "both"));
+  EXPECT_EQ(answerOf(probe), "x");
+}
+
+TEST_F(TlsCallsTest, aCallerWhoseCertificateEndsWhileItIsConnectedIsRefusedFromThenOn)
+{
+  Wish wish;
+  wish.end = 3;
+  m_authority.issue(m_files.path(), "client", wish);
+  serve(lines("server"));
+  call(lines("client"));
+  auto const probe = probeOf(m_client->orb, "Probe");
+  ASSERT_EQ(answerOf(probe), "x");
+  auto const begin = std::chrono::steady_clock::now();
+  EXPECT_TRUE(eventually([&] { return answerOf(probe) != "x"; }));
+  // An idle connection would be closed later by itself.
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+}
+
+// What was opened before TLS was turned on is no way round it.
+TEST_F(TlsCallsTest, aCallAfterTlsWasTurnedOnIsMadeWithTls)
+{
+  serve("");
+  call("");
+  auto const probe = probeOf(m_client->orb, "Probe");
+  ASSERT_EQ(answerOf(probe), "x");
+  m_clientRoot->rewrite("CLIENT_NAME = localhost\n" + serviceAt(m_port) + lines("client"));
+  ASSERT_TRUE(reloadConfiguration());
+  std::string error;
+  ASSERT_TRUE(setUpTls(error)) << error;
+  EXPECT_EQ(answerOf(probe), "TRANSIENT");
+}
+
+TEST_F(TlsCallsTest, aReferenceFromAPeerIsFollowedToTheHostThatItNamesAlone)
+{
+  serve(lines("server") + "ORB_BIND = 127.0.0.2\n");
+  call(lines("client"));
+  OrbTest::Probe_var const meant = fromPeer("127.0.0.1", m_port);
+  EXPECT_EQ(answerOf(meant), "x");
+  // The same service at an address that is not its own.
+  LogCapture log(1);
+  OrbTest::Probe_var const other = fromPeer("127.0.0.2", m_port);
+  EXPECT_EQ(answerOf(other), "TRANSIENT");
+  EXPECT_TRUE(log.has(1, "proveServer",
+                      "Ended the connection to 127.0.0.2 before any call: the certificate of "
+                      "127.0.0.2 is for localhost, 127.0.0.1"))
+      << log.text();
+}
+
+TEST_F(TlsCallsTest, aReferenceFromAPeerLeadsToNoCallWithoutTls)
+{
+  call(lines("client"));
+  BoundSocket const plain("127.0.0.1", true);
+  OrbTest::Probe_var const probe = fromPeer("127.0.0.1", plain.port());
+  auto answered = std::async(std::launch::async, [&] { return answerOf(probe); });
+  UniqueFd const caller(plain.accept(std::chrono::seconds(20)));
+  unsigned char first = 0;
+  ASSERT_EQ(recv(caller.get(), &first, 1, 0), 1);
+  EXPECT_EQ(first, 0x16) << "a record of a handshake";
+  ASSERT_EQ(send(caller.get(), "GIOP\1\0\0\1\0\0\0\0", 12, MSG_NOSIGNAL), 12);
+  EXPECT_EQ(answered.get(), "TRANSIENT");
+}
+
+TEST_F(TlsCallsTest, aHostOfVersion6IsProvenByItsAddressAndByTheNameThatIsGivenIt)
+{
+  for (char const* const names : {"IP:::1", "DNS:backup6"})
+  {
+    Wish wish;
+    wish.names = names;
+    m_authority.issue(m_files.path(), "server", wish);
+    serve(lines("server"), "::1");
+    call(lines("client") + "HOST_ADDRESS.backup6 = ::1\n");
+    EXPECT_EQ(answerOf(at("backup6")), "x") << names;
+    m_client.reset();
+    m_server.reset();
+  }
+  Wish wish;
+  wish.names = "IP:::2";
+  m_authority.issue(m_files.path(), "server", wish);
+  serve(lines("server"), "::1");
+  LogCapture log(1);
+  call(lines("client") + "HOST_ADDRESS.backup6 = ::1\n");
+  EXPECT_EQ(answerOf(at("backup6")), "TRANSIENT");
+  EXPECT_NE(log.text().find("the certificate of ::1 (backup6) is for ::2"), std::string::npos)
+      << log.text();
+}
+
+// The name that was meant is looked for among all that the address is given.
+TEST_F(TlsCallsTest, aHostWithSeveralNamesIsProvenByAnyOfThem)
+{
+  Wish wish;
+  wish.names = "DNS:backup1.example.net";
+  m_authority.issue(m_files.path(), "server", wish);
+  serve(lines("server"));
+  call(lines("client") +
+       "HOST_ADDRESS.backup1 = 127.0.0.1\nHOST_ADDRESS.backup1.example.net = 127.0.0.1\n"
+       "HOST_ADDRESS.backup2 = 127.0.0.2\n");
+  EXPECT_EQ(answerOf(at("backup1")), "x");
 }
 
 TEST_F(TlsCallsTest, filesThatAreNotInOrderKeepTheOrbDownAndAReloadAsItWas)

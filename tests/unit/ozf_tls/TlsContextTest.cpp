@@ -154,6 +154,58 @@ TEST_F(TlsContextTest, aCertificateNamesItsAlternativeNamesAndFailingThoseItsCom
   EXPECT_TRUE(issued(wish).names("common"));
 }
 
+// Else a host could be called by a name that who reads its names does not see.
+TEST_F(TlsContextTest, theCommonNameCountsForNothingBesideAnAlternativeNameOfAnyKind)
+{
+  Wish wish;
+  wish.commonName = "common";
+  wish.names = "IP:192.0.2.7";
+  Certificate const address = issued(wish);
+  EXPECT_THAT(address.names(), ElementsAre("192.0.2.7"));
+  EXPECT_FALSE(address.names("common"));
+  EXPECT_TRUE(address.names("192.0.2.7"));
+}
+
+TEST_F(TlsContextTest, aDomainIsNoHost)
+{
+  Wish wish;
+  wish.names = "DNS:web1.example.net";
+  EXPECT_FALSE(issued(wish).names(".example.net"));
+  EXPECT_FALSE(issued(wish).names("."));
+}
+
+TEST_F(TlsContextTest, aWildcardStandsForOneWholeLabelOfADomain)
+{
+  Wish wish;
+  wish.names = "DNS:*.example.net,DNS:w*.example.org,DNS:*,DNS:*.net,DNS:web1";
+  Certificate const wide = issued(wish);
+  EXPECT_TRUE(wide.names("web1.example.net"));
+  EXPECT_FALSE(wide.names("example.net"));
+  EXPECT_FALSE(wide.names("web1.example.org"));
+  EXPECT_FALSE(wide.names("web2"));
+  EXPECT_FALSE(wide.names("example.com"));
+  EXPECT_FALSE(wide.names("192.0.2.7"));
+}
+
+TEST_F(TlsContextTest, aNameWithANulIsNotWhatComesBeforeIt)
+{
+  Wish wish;
+  wish.hostName = std::string("web1\0.evil.example", 18);
+  Certificate const tricky = issued(wish);
+  EXPECT_FALSE(tricky.names("web1"));
+  EXPECT_EQ(tricky.shownNames(), "web1%00.evil.example");
+}
+
+TEST_F(TlsContextTest, anAddressOfVersion6IsComparedInAnyForm)
+{
+  Wish wish;
+  wish.names = "IP:2001:db8::1,DNS:2001-db8--2.example";
+  Certificate const host = issued(wish);
+  EXPECT_TRUE(host.names("2001:DB8:0:0::1"));
+  EXPECT_FALSE(host.names("2001:db8::2"));
+  EXPECT_THAT(host.names(), ElementsAre("2001:db8::1", "2001-db8--2.example"));
+}
+
 TEST_F(TlsContextTest, aNameWithControlsIsShownWithoutThem)
 {
   Wish wish;
@@ -208,6 +260,10 @@ TEST_F(TlsContextTest, aCertificateThatEndsIsToldOnceADayFromThirtyDaysAhead)
       << log.text();
   warning.look(end - 29 * DAY_LONG);
   EXPECT_EQ(log.lines().size(), 2U);
+  // A clock that is set back by ten days.
+  warning.look(end - 19 * DAY_LONG);
+  warning.look(end - 29 * DAY_LONG);
+  EXPECT_EQ(log.lines().size(), 4U);
   warning.look(end + 1);
   EXPECT_TRUE(log.has(1, "ExpiryWarning::look",
                       "The certificate " + (m_files / "host.pem") + " ended on " + shownTime(end)))
