@@ -38,13 +38,23 @@ int FlushGroup::flush(int fd)
   m_inProgress = true;
   m_next.reset();
   lock.unlock();
-  int const error = m_flush(fd);
-  lock.lock();
-  m_inProgress = false;
-  round->over = true;
-  round->error = error;
-  m_over.notify_all();
-  return error;
+  // However it ends, the thread's own end included: whom it was to serve, and who
+  // waits for the next, would wait for ever.
+  struct End
+  {
+    ~End()
+    {
+      std::lock_guard const relock(group.m_mutex);
+      group.m_inProgress = false;
+      served.over = true;
+      served.error = error;
+      group.m_over.notify_all();
+    }
+    FlushGroup& group;
+    Round& served;
+    int error = EINTR;
+  } end{*this, *round};
+  return end.error = m_flush(fd);
 }
 
 FlushGroup& FlushGroup::of(std::string const& directory)

@@ -28,7 +28,8 @@ public:
   FlushGroup& operator=(FlushGroup const&) = delete;
 
   // Blocks until a flush is over that began after this call did: 0, or why it
-  // failed, for all whom it was to serve. fd is the open directory.
+  // failed, for all whom it was to serve; EINTR for the others when it ends with the
+  // thread that made it. fd is the open directory. Throws std::bad_alloc.
   int flush(int fd);
 
   // The group of the directory, made on first use and kept for good.

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <future>
 #include <semaphore>
+#include <stdexcept>
 #include <vector>
 
 namespace
@@ -23,15 +24,19 @@ public:
   {
     int const number = ++m_begun;
     m_go.acquire();
+    if (number == m_throwing)
+      throw std::runtime_error("the end");
     return number == m_failing ? EIO : 0;
   }
   void letGo() { m_go.release(); }
   int begun() const { return m_begun; }
   void fail(int number) { m_failing = number; }
+  void throwAt(int number) { m_throwing = number; }
 
 private:
   std::atomic<int> m_begun{0};
   std::atomic<int> m_failing{0};
+  std::atomic<int> m_throwing{0};
   std::counting_semaphore<> m_go{0};
 };
 
@@ -85,6 +90,53 @@ TEST_F(FlushGroupTest, AFailureIsToldToAllWhomItWasToServeAndToNoOther)
   ASSERT_TRUE(eventually([this] { return m_flushes.begun() == 3; }));
   m_flushes.letGo();
   EXPECT_EQ(late.get(), 0);
+}
+
+// As by an exception, or the end of a plug-in's thread in the middle of it.
+TEST(FlushGroup, AFlushThatEndsWithItsThreadLetsTheOthersGoOn)
+{
+  std::atomic<int> begun = 0;
+  std::binary_semaphore go(0);
+  FlushGroup group(
+      [&](int)
+      {
+        if (++begun == 1)
+        {
+          go.acquire();
+          throw std::runtime_error("the end");
+        }
+        return 0;
+      });
+  auto first = std::async(std::launch::async, [&] { return group.flush(3); });
+  ASSERT_TRUE(eventually([&] { return begun == 1; }));
+  auto second = std::async(std::launch::async, [&] { return group.flush(3); });
+  ASSERT_TRUE(eventually([&] { return group.waiting() == 1; }));
+  go.release();
+  EXPECT_THROW(first.get(), std::runtime_error);
+  EXPECT_EQ(0, second.get());
+  EXPECT_EQ(2, begun);
+}
+
+TEST_F(FlushGroupTest, WhomAFlushThatThrewWasToServeIsToldOfAFailure)
+{
+  m_flushes.throwAt(2);
+  comeWhileOneIsInProgress(4);
+  m_flushes.letGo();
+  EXPECT_EQ(m_first.get(), 0);
+  ASSERT_TRUE(eventually([this] { return m_flushes.begun() == 2; }));
+  m_flushes.letGo();
+  int threw = 0;
+  for (auto& other : m_others)
+    try
+    {
+      EXPECT_EQ(other.get(), EINTR);
+    }
+    catch (std::runtime_error const&)
+    {
+      ++threw;
+    }
+  EXPECT_EQ(threw, 1);
+  EXPECT_EQ(m_flushes.begun(), 2);
 }
 
 TEST(FlushGroup, TellsTheErrorOfTheSystem) { EXPECT_EQ(FlushGroup().flush(-1), EBADF); }
