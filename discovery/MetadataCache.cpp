@@ -146,10 +146,16 @@ struct MetadataCache::Shard
   std::size_t most = 0;
   std::uint64_t chance = 88172645463325252; // never 0
 
-  ~Shard()
+  ~Shard() { shrinkTo(0); }
+
+  void shrinkTo(std::size_t bytes)
   {
-    while (entries > 0)
+    while (entries > 0 && held > bytes)
       dropOne();
+    if (held <= bytes)
+      return;
+    held = 0;
+    buckets = {};
   }
 
   Entry*& bucketOf(std::size_t hash)
@@ -210,6 +216,7 @@ void MetadataCache::limit(std::size_t most)
   {
     std::lock_guard const lock(m_shards[i].mutex);
     m_shards[i].most = most / SHARDS;
+    m_shards[i].shrinkTo(m_shards[i].most);
   }
 }
 

@@ -34,7 +34,7 @@ public:
   MetadataCache(MetadataCache const&) = delete;
   MetadataCache& operator=(MetadataCache const&) = delete;
 
-  // From now on; what is held beyond it goes as room is needed.
+  // From now on; what is held beyond it goes at once.
   void limit(std::size_t most);
 
   // Gives the discovery, which has no parts, those that the text says. False,

@@ -221,6 +221,28 @@ TEST(MetadataCache, TakesNoMoreMemoryThanItMay)
   EXPECT_LT(inUse() - before, MOST * 21 / 20);
 }
 
+TEST(MetadataCache, WhatIsBeyondASmallerLimitGoesAtOnce)
+{
+  MetadataCache cache(AMPLE);
+  for (std::size_t number = 0; number < 3000; ++number)
+  {
+    auto const discovery = make("/d", "filesystem", "s", 1);
+    ASSERT_TRUE(discovery->parseBuffer(numbered(number)));
+    cache.keep(numbered(number), *discovery);
+  }
+  EXPECT_GT(cache.held(), 1'000'000u);
+  cache.limit(500'000);
+  EXPECT_LE(cache.held(), 500'000u);
+  EXPECT_GT(cache.held(), 300'000u);
+  cache.limit(0);
+  EXPECT_EQ(0u, cache.held());
+  cache.limit(AMPLE);
+  auto const discovery = make("/d", "filesystem", "s", 1);
+  ASSERT_TRUE(discovery->parseBuffer(numbered(1)));
+  cache.keep(numbered(1), *discovery);
+  EXPECT_TRUE(cache.find(numbered(1), *emptyRecord()));
+}
+
 TEST(MetadataCache, OfTwiceAsManyAsThereIsRoomForAPartIsFound)
 {
   constexpr std::size_t COUNT = 4000;
