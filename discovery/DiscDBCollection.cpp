@@ -12,6 +12,8 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <exception>
+#include <new>
 #include <optional>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
@@ -33,7 +35,14 @@ DBCollectionData::~DBCollectionData()
   switch (m_mode)
   {
   case OM_UPDATE:
-    cleanup();
+    try
+    {
+      cleanup();
+    }
+    catch (std::bad_alloc const&)
+    {
+      // Of the lines that tell what it did.
+    }
     return;
   case OM_READ:
     break;
@@ -44,7 +53,7 @@ DBCollectionData::~DBCollectionData()
       assertionFailed("SHOULD_NOT_GET_HERE", "DBCollectionData::~DBCollectionData", SOURCE,
                       __LINE__);
     }
-    catch (AssertionFailure const&)
+    catch (std::exception const&)
     {
     }
     break;
@@ -242,12 +251,13 @@ bool DBCollectionData::persist(OzfPathname const& target)
     return false;
   OZF_ASSERT(m_handle != ACE_INVALID_HANDLE, "ACE_INVALID_HANDLE != m_handle", SOURCE, OPERATION);
   OZF_ASSERT(m_mode == OM_UPDATE, "OM_UPDATE == m_mode", SOURCE, OPERATION);
+  // What could lack memory comes first: a closed file would not be cleaned up.
+  OzfPathname const temporary = m_path;
+  OzfPathname reached = target;
   closeHandle(OPERATION);
 
   // The old payload goes in the same step in which the new one comes, so that
   // there is one at every moment.
-  OzfPathname const temporary = m_path;
-  OzfPathname reached = target;
   struct stat status
   {
   };

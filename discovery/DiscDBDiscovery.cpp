@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <new>
 #include <sstream>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
@@ -47,9 +48,16 @@ DBDiscovery::DBDiscovery(OzfPathname const& dir, DBCollectionData* data, Discove
 
 DBDiscovery::~DBDiscovery()
 {
-  if (m_fileLock)
+  if (!m_fileLock)
+    return;
+  try
   {
     MetadataGuard const guard(m_heldPath.str());
+    m_fileLock.reset();
+  }
+  catch (std::bad_alloc const&)
+  {
+    // Of the guard. The end of the process would close the file as well.
     m_fileLock.reset();
   }
 }

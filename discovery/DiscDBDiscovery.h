@@ -90,12 +90,14 @@ private:
   Answer askForPermission(OzfPathname const& path, LockWait& wait, std::string& seen);
   Answer readAndJudge(OzfPathname const& path, LockWait& wait, std::string& seen) const;
   bool priorityAllows(std::string& stored) const;
+  using NameWriter = void (DBDiscovery::*)(std::ostringstream&) const;
+  OzfPathname pathOf(NameWriter writeName) const;
   bool renderDocument(OzfPathname const& path, std::string& document) const;
   DiscoveryStatus persistFiles(DBCollectionData& data, OzfPathname const& path,
                                OzfPathname const& dataPath);
   DiscoveryStatus readStored(int fd, std::string const& seen, std::optional<std::string>& stored,
                              OzfPathname const& path) const;
-  DiscoveryStatus replaceFiles(int fd, std::optional<std::string> const& stored,
+  DiscoveryStatus replaceFiles(int fd, std::optional<std::string>& stored,
                                std::string const& document, DBCollectionData& data,
                                OzfPathname const& path, OzfPathname const& dataPath) const;
   bool upgradeLock();

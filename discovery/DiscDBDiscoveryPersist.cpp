@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <new>
 #include <optional>
@@ -54,11 +55,11 @@ void logUnflushed(std::string const& path, int error)
 }
 
 // The line may be what there is no memory for.
-void logOutOfMemory(char const* operation) noexcept
+void logOutOfMemory(char const* operation, char const* result = "nothing was stored") noexcept
 {
   try
   {
-    OZF_LOG(getOzfLogger(), 1, SOURCE, operation, "Out of memory, nothing was stored");
+    OZF_LOG(getOzfLogger(), 1, SOURCE, operation, "Out of memory, " << result);
   }
   catch (std::bad_alloc const&)
   {
@@ -126,6 +127,7 @@ LockedFile lockForWriting(OzfPathname const& path, bool likelyMissing, LockWait&
   for (int round = 0; round < REPLACED_LIMIT; ++round)
   {
     bool made = false;
+    HeldFile file(new ACE_File_Lock(ACE_INVALID_HANDLE, false));
     int const fd = openOrMake(path, likelyMissing && round == 0, made);
     if (fd < 0 && errno == EEXIST)
       continue;
@@ -134,18 +136,27 @@ LockedFile lockForWriting(OzfPathname const& path, bool likelyMissing, LockWait&
       logUnopened(path.str(), errno, PERSIST);
       return {};
     }
-    HeldFile file(new ACE_File_Lock(fd, false));
+    file->set_handle(fd);
     int error = 0;
-    if (waitLock(*file, RecordLock::WRITE, wait, path.str(), guard) == 0)
+    try
     {
-      if (isFileAt(fd, path.c_str(), &error))
-        return {std::move(file), made};
-      if (error == 0)
-        continue;
-      logUnexamined(path.str(), error, PERSIST);
+      if (waitLock(*file, RecordLock::WRITE, wait, path.str(), guard) == 0)
+      {
+        if (isFileAt(fd, path.c_str(), &error))
+          return {std::move(file), made};
+        if (error == 0)
+          continue;
+        logUnexamined(path.str(), error, PERSIST);
+      }
+      else
+        OZF_LOG(getOzfLogger(), 1, SOURCE, PERSIST, "Unable to lock " << path.str());
     }
-    else
-      OZF_LOG(getOzfLogger(), 1, SOURCE, PERSIST, "Unable to lock " << path.str());
+    catch (std::bad_alloc const&)
+    {
+      if (made)
+        deleteIfEmpty(fd, path);
+      throw;
+    }
     if (made)
       deleteIfEmpty(fd, path);
     return {};
@@ -154,10 +165,42 @@ LockedFile lockForWriting(OzfPathname const& path, bool likelyMissing, LockWait&
   return {};
 }
 
-// After a failure: the document of before, or no file where there was none.
-bool putBack(int fd, std::string const& stored, OzfPathname const& path)
+// Writes the document, which comes back as it was. Takes memory only where the
+// document is not reserved as much as the file has.
+bool writeInPlace(int fd, std::string& text)
 {
-  if (stored.empty())
+  constexpr char OPERATION[] = "DBDiscovery::writeMetadata";
+
+  // Padded over the whole of an old, longer document, so that a process killed
+  // before it truncates leaves no tail of it.
+  std::size_t const size = text.size();
+  struct stat status
+  {
+  };
+  if (::fstat(fd, &status) == 0 && status.st_size > static_cast<off_t>(size) &&
+      status.st_size <= LARGEST_METADATA)
+    text.resize(static_cast<std::size_t>(status.st_size), '\n');
+  bool const written = writeAll(fd, text);
+  ErrnoKeeper const keeper;
+  text.resize(size);
+  if (!written)
+  {
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Unable to write metadata");
+    return false;
+  }
+  if (::ftruncate(fd, static_cast<off_t>(size)) != 0)
+  {
+    ErrnoKeeper const ofTruncation;
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Unable to truncate metadata");
+    return false;
+  }
+  return true;
+}
+
+// After a failure: the document of before, or no file where there was none.
+bool putBack(int fd, std::optional<std::string>& stored, OzfPathname const& path)
+{
+  if (!stored || stored->empty())
   {
     if (::unlink(path.c_str()) == 0)
       return true;
@@ -165,7 +208,7 @@ bool putBack(int fd, std::string const& stored, OzfPathname const& path)
             "Unable to delete " << path.str() << ": " << errorText(errno));
     return false;
   }
-  if (DBDiscovery::writeMetadata(fd, stored) && ::fsync(fd) == 0)
+  if (writeInPlace(fd, *stored) && ::fsync(fd) == 0)
     return true;
   OZF_LOG(getOzfLogger(), 1, SOURCE, PERSIST,
           "Unable to put the old document back: " << path.str() << ": " << errorText(errno));
@@ -191,6 +234,24 @@ bool replacePayload(DBCollectionData& data, OzfPathname const& dataPath)
   return false;
 }
 
+// Both files are in their places. False, which is told, when they may not stay
+// there.
+bool flushLast(int fd, DBCollectionData& data, OzfPathname const& path)
+{
+  try
+  {
+    bool const named = data.flushDirectory();
+    if (::fsync(fd) == 0)
+      return named;
+    logUnflushed(path.str(), errno);
+  }
+  catch (std::bad_alloc const&)
+  {
+    logOutOfMemory(PERSIST, "what was stored may not be on the disk");
+  }
+  return false;
+}
+
 } // namespace
 
 bool DBDiscovery::priorityAllows(std::string& stored) const
@@ -213,14 +274,11 @@ DBDiscovery::Answer DBDiscovery::askForPermission()
 {
   constexpr char OPERATION[] = "DBDiscovery::canOverride";
   OZF_ASSERT(!m_directory.empty(), "m_directory.size()", SOURCE, OPERATION);
-  std::ostringstream name;
-  generateMetabaseFileName(name);
-  OzfPathname const path = OzfPathname::makeFilename(m_directory.str(), name.str());
   LockWait wait;
   std::string seen;
   try
   {
-    return askForPermission(path, wait, seen);
+    return askForPermission(pathOf(&DBDiscovery::generateMetabaseFileName), wait, seen);
   }
   catch (std::bad_alloc const&)
   {
@@ -314,37 +372,8 @@ DiscoveryStatus DBDiscovery::open(OpenMode mode, char const* name)
 
 bool DBDiscovery::writeMetadata(int fd, std::string const& text)
 {
-  constexpr char OPERATION[] = "DBDiscovery::writeMetadata";
-
-  // Padded over the whole of an old, longer document, so that a process killed
-  // before it truncates leaves no tail of it.
-  struct stat status
-  {
-  };
-  bool written = false;
-  if (::fstat(fd, &status) == 0 && status.st_size > static_cast<off_t>(text.size()) &&
-      status.st_size <= LARGEST_METADATA)
-  {
-    std::string padded = text;
-    padded.resize(static_cast<std::size_t>(status.st_size), '\n');
-    written = writeAll(fd, padded);
-  }
-  else
-    written = writeAll(fd, text);
-
-  if (!written)
-  {
-    ErrnoKeeper const keeper;
-    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Unable to write metadata");
-    return false;
-  }
-  if (::ftruncate(fd, static_cast<off_t>(text.size())) != 0)
-  {
-    ErrnoKeeper const keeper;
-    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Unable to truncate metadata");
-    return false;
-  }
-  return true;
+  std::string padded = text;
+  return writeInPlace(fd, padded);
 }
 
 DiscoveryStatus DBDiscovery::persist()
@@ -356,26 +385,20 @@ DiscoveryStatus DBDiscovery::persist()
   auto* const data = dynamic_cast<DBCollectionData*>(getCollectionData());
   OZF_ASSERT(data != nullptr, "collection", SOURCE, PERSIST);
 
-  std::ostringstream name;
-  generateMetabaseFileName(name);
-  std::ostringstream dataName;
-  generatecollectionBaseFileName(dataName);
-  OzfPathname const path = OzfPathname::makeFilename(m_directory.str(), name.str());
-  if (m_persistFailed)
-  {
-    OZF_LOG(getOzfLogger(), 1, SOURCE, PERSIST,
-            "Refused to persist again what failed before: " << path.str());
-    return DS_OPEN_FAILED;
-  }
-
-  // What was written is gone or lost its place after a failure: once more would
-  // store an empty payload.
-  m_persistFailed = true;
   DiscoveryStatus status = DS_OPEN_FAILED;
   try
   {
-    status =
-        persistFiles(*data, path, OzfPathname::makeFilename(m_directory.str(), dataName.str()));
+    OzfPathname const path = pathOf(&DBDiscovery::generateMetabaseFileName);
+    if (m_persistFailed)
+    {
+      OZF_LOG(getOzfLogger(), 1, SOURCE, PERSIST,
+              "Refused to persist again what failed before: " << path.str());
+      return DS_OPEN_FAILED;
+    }
+    // What was written is gone or lost its place after a failure: once more would
+    // store an empty payload.
+    m_persistFailed = true;
+    status = persistFiles(*data, path, pathOf(&DBDiscovery::generatecollectionBaseFileName));
   }
   catch (std::bad_alloc const&)
   {
@@ -391,9 +414,18 @@ DiscoveryStatus DBDiscovery::persist()
   return status;
 }
 
+OzfPathname DBDiscovery::pathOf(NameWriter writeName) const
+{
+  std::ostringstream name;
+  name.exceptions(std::ios::badbit); // or else half of a name for want of memory
+  (this->*writeName)(name);
+  return OzfPathname::makeFilename(m_directory.str(), name.str());
+}
+
 bool DBDiscovery::renderDocument(OzfPathname const& path, std::string& document) const
 {
   std::ostringstream os;
+  os.exceptions(std::ios::badbit); // or else half of a document for want of memory
   writeXml(os, XmlStr::UTF_8);
   document = os.str();
   if (document.size() <= static_cast<std::size_t>(LARGEST_METADATA))
@@ -425,10 +457,20 @@ DiscoveryStatus DBDiscovery::persistFiles(DBCollectionData& data, OzfPathname co
   if (!locked.file)
     return DS_OPEN_FAILED;
   int const fd = locked.file->get_handle();
-  std::optional<std::string> stored;
-  DiscoveryStatus const status = readStored(fd, seen, stored, path);
-  if (status == DS_SUCCESS)
-    return replaceFiles(fd, stored, document, data, path, dataPath);
+  DiscoveryStatus status = DS_OPEN_FAILED;
+  try
+  {
+    std::optional<std::string> stored;
+    status = readStored(fd, seen, stored, path);
+    if (status == DS_SUCCESS)
+      return replaceFiles(fd, stored, document, data, path, dataPath);
+  }
+  catch (std::bad_alloc const&)
+  {
+    if (locked.made)
+      deleteIfEmpty(fd, path);
+    throw;
+  }
   if (locked.made)
     deleteIfEmpty(fd, path);
   return status;
@@ -464,39 +506,36 @@ DiscoveryStatus DBDiscovery::readStored(int fd, std::string const& seen,
 }
 
 // Under the guard and the write lock.
-DiscoveryStatus DBDiscovery::replaceFiles(int fd, std::optional<std::string> const& stored,
+DiscoveryStatus DBDiscovery::replaceFiles(int fd, std::optional<std::string>& stored,
                                           std::string const& document, DBCollectionData& data,
                                           OzfPathname const& path,
                                           OzfPathname const& dataPath) const
 {
-  if (!writeMetadata(fd, document))
+  // There may be no memory to put it back with.
+  if (stored)
+    stored->reserve(std::max(stored->size(), document.size()));
+  bool written = false;
+  bool flushed = false;
+  try
   {
-    OZF_LOG(getOzfLogger(), 1, SOURCE, PERSIST, "Metadata update to " << path.str() << " failed");
-    if (stored)
-      putBack(fd, *stored, path);
-    return DS_OPEN_FAILED;
+    written = writeMetadata(fd, document);
+    // Before the rename, so that no power cut leaves the new payload beside the
+    // old document: that nobody could mend. The reverse the next start does.
+    flushed = written && ::fdatasync(fd) == 0;
+    if (!written)
+      OZF_LOG(getOzfLogger(), 1, SOURCE, PERSIST, "Metadata update to " << path.str() << " failed");
+    else if (!flushed)
+      logUnflushed(path.str(), errno);
+    else if (replacePayload(data, dataPath))
+      return flushLast(fd, data, path) ? DS_SUCCESS : DS_OPEN_FAILED;
   }
-  // Before the rename, so that no power cut leaves the new payload beside the
-  // old document: that nobody could mend. The reverse the next start does.
-  if (::fdatasync(fd) != 0)
+  catch (std::bad_alloc const&)
   {
-    logUnflushed(path.str(), errno);
-    putBack(fd, stored.value_or(""), path);
-    return DS_OPEN_FAILED;
+    logOutOfMemory(PERSIST);
   }
-  if (!replacePayload(data, dataPath))
-  {
-    if (putBack(fd, stored.value_or(""), path))
-      data.forgetTarget();
-    return DS_OPEN_FAILED;
-  }
-  bool const named = data.flushDirectory();
-  if (::fsync(fd) != 0)
-  {
-    logUnflushed(path.str(), errno);
-    return DS_OPEN_FAILED;
-  }
-  return named ? DS_SUCCESS : DS_OPEN_FAILED;
+  if ((stored || written) && putBack(fd, stored, path) && flushed)
+    data.forgetTarget();
+  return DS_OPEN_FAILED;
 }
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -205,7 +205,7 @@ extern "C"
     va_start(arguments, command);
     void* const argument = va_arg(arguments, void*); // a number travels in it as well
     va_end(arguments);
-    if (command == F_SETLK || command == F_SETLKW)
+    if (watcher != nullptr && (command == F_SETLK || command == F_SETLKW))
     {
       short const type = static_cast<struct flock const*>(argument)->l_type;
       std::string const function =
