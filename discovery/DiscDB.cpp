@@ -152,6 +152,7 @@ Discovery* DiscoveryDBCreator::getDiscovery(char const* metadataFileName, bool m
   AutoDereference<DBDiscovery> discovery;
   for (int round = 0; round < REPLACED_LIMIT; ++round)
   {
+    HeldFile lock(new ACE_File_Lock(ACE_INVALID_HANDLE, false));
     int const fd = ::open(path.c_str(), O_RDWR | DATABASE_FILE_FLAGS);
     if (fd < 0)
     {
@@ -164,7 +165,7 @@ Discovery* DiscoveryDBCreator::getDiscovery(char const* metadataFileName, bool m
         OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, path.str() << ": " << errorText(error));
       return nullptr;
     }
-    HeldFile lock(new ACE_File_Lock(fd, false));
+    lock->set_handle(fd);
     bool const waited = tryLock(*lock, RecordLock::READ) != 0;
     if (waited && waitLock(*lock, RecordLock::READ, wait, path.str(), guard) != 0)
       break;
@@ -310,11 +311,14 @@ std::optional<bool> DBDiscoveryIterator::listIndexed(Taker const& take)
     while ((listed = m_index->list(m_listed, match, getAuthorityType(), take, unread)) ==
            DiscoveryIndex::Listed::UNREAD)
     {
-      // It may have gone since the update, and is no loss then. What it says will be
-      // in the index.
+      // It may have gone, and is no loss then. What it says will be in the index.
       AutoDereference<Discovery> const discovery(fetch(unread.name.c_str(), true, true));
       if (!discovery)
+      {
+        if (isAbsent(OzfPathname::makeFilename(m_dirName, unread.name).str()))
+          m_index->learnAbsent(unread);
         continue;
+      }
       m_index->learn(unread, *discovery);
       if (isWanted(*discovery) && (match(unread.name) == Match::NAME || answers(*discovery)) &&
           !take(ListedDiscovery::of(*discovery)))

@@ -25,10 +25,14 @@
 // do who have no index: file systems that other machines write to, no right, or
 // no watch left.
 //
-// Changes that nobody is told of: those made through a mapping in memory, and
-// another name given to a file in another directory, which makes it refused when
-// it is opened. Programs of the first kind do not keep to the locks either; a file
-// of the second kind is listed until it is opened or changed.
+// Changes that nobody is told of: those made through a mapping in memory or by
+// asynchronous output (aio), and what is done by way of a second name of a file,
+// wherever that is: that there is one, which makes the file refused when it is
+// opened, and what is written to it under that name. Programs of the first kind do
+// not keep to the locks either; a file of the second kind is listed as it was until
+// it is changed under its own name. The notice of a closed file (IN_CLOSE_WRITE)
+// would tell of most of the first, but all readers open for writing too, as they
+// may have to delete what has expired.
 //
 // A lock that is only held changes nothing: a list answers with what the
 // record said before, and waits for the writer from the moment he has begun to
@@ -69,16 +73,17 @@ constexpr char SOURCE[] = "DiscDB";
 // Not in the system's header.
 constexpr std::uint64_t F2FS_MAGIC = 0xF2F52010;
 constexpr std::uint64_t BCACHEFS_MAGIC = 0xCA451A4E;
-constexpr std::uint64_t ZFS_MAGIC = 0x2FC12FC1;
 
 constexpr std::uint32_t CHANGES = IN_CREATE | IN_MODIFY | IN_ATTRIB | IN_MOVED_FROM | IN_MOVED_TO |
                                   IN_DELETE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
-constexpr std::uint32_t GONE = IN_DELETE | IN_MOVED_FROM;
 constexpr std::uint32_t ALL_LOST =
     IN_Q_OVERFLOW | IN_IGNORED | IN_UNMOUNT | IN_DELETE_SELF | IN_MOVE_SELF;
 
 // The queue holds 16,384 notices by default, and a write makes six of them.
-constexpr int FOLLOWING_PAUSE_MS = 200;
+constexpr std::chrono::milliseconds FOLLOWING_PAUSE{200};
+
+// How long the thread sleeps at most: what is to wake it may fail.
+constexpr int LONGEST_SLEEP_MS = 1000;
 
 struct DirectoryCloser
 {
@@ -105,8 +110,7 @@ bool DiscoveryIndex::tellsChanges(std::uint64_t fileSystem)
   case OVERLAYFS_SUPER_MAGIC:
   case F2FS_MAGIC:
   case BCACHEFS_MAGIC:
-  case ZFS_MAGIC:
-    return true;
+    return true; // not ZFS, which can take a mounted file system back to a snapshot
   default:
     return false;
   }
@@ -118,7 +122,12 @@ DiscoveryIndex::~DiscoveryIndex()
 {
   if (!m_follower.joinable())
     return;
-  wakeUp(m_stop.get());
+  {
+    std::lock_guard const lock(m_mutex);
+    m_ending = true;
+  }
+  m_end.notify_all();
+  wakeUp(m_wake.get());
   m_follower.join();
 }
 
@@ -193,7 +202,9 @@ void DiscoveryIndex::takeChange(std::uint32_t mask, int watch, std::string_view 
   }
   if (!isMetadataName(name))
     return;
-  if ((mask & GONE) == 0)
+  // Two files that change names with each other are told of as a, b and b, a: what
+  // has gone by its own notice may be there all the same.
+  if ((mask & IN_DELETE) == 0)
     markChanged(name);
   else if (auto const entry = m_entries.find(name); entry != m_entries.end())
     m_entries.erase(entry);
@@ -297,40 +308,37 @@ void DiscoveryIndex::followChanges()
 {
   if (m_follower.joinable())
     return;
-  if (!m_stop.valid())
-    m_stop.reset(::eventfd(0, EFD_CLOEXEC));
-  if (!m_stop.valid())
+  if (!m_wake.valid())
+    m_wake.reset(::eventfd(0, EFD_CLOEXEC));
+  if (!m_wake.valid())
     return;
-  auto const follow = [this]
-  {
-    auto const stopped = [this](int milliseconds)
-    {
-      pollfd stop{m_stop.get(), POLLIN, 0};
-      return ::poll(&stop, 1, milliseconds) > 0;
-    };
-    do
-    {
-      std::array<pollfd, 2> both{{{m_stop.get(), POLLIN, 0}, {m_events.get(), POLLIN, 0}}};
-      ::poll(both.data(), both.size(), -1);
-      if (stopped(FOLLOWING_PAUSE_MS))
-        return;
-      try
-      {
-        std::lock_guard const lock(m_mutex);
-        takeChanges();
-      }
-      catch (std::bad_alloc const&)
-      {
-        // All is forgotten, and read again by the next list.
-      }
-    } while (true);
-  };
   try
   {
-    m_follower = std::thread(follow);
+    m_follower = std::thread(&DiscoveryIndex::keepTakingChanges, this);
   }
   catch (std::system_error const&)
   {
+  }
+}
+
+// What m_follower does.
+void DiscoveryIndex::keepTakingChanges()
+{
+  for (;;)
+  {
+    std::array<pollfd, 2> both{{{m_wake.get(), POLLIN, 0}, {m_events.get(), POLLIN, 0}}};
+    ::poll(both.data(), both.size(), LONGEST_SLEEP_MS);
+    std::unique_lock lock(m_mutex);
+    if (m_end.wait_for(lock, FOLLOWING_PAUSE, [this] { return m_ending; }))
+      return;
+    try
+    {
+      takeChanges();
+    }
+    catch (std::bad_alloc const&)
+    {
+      // All is forgotten, and read again by the next list.
+    }
   }
 }
 
@@ -383,6 +391,14 @@ void DiscoveryIndex::learn(Unread const& unread, Discovery const& discovery)
   if (discovery.getAttributes() != nullptr)
     entry.attributes.emplace(*discovery.getAttributes()).setSignature({});
   entry.known = true;
+}
+
+void DiscoveryIndex::learnAbsent(Unread const& unread)
+{
+  std::lock_guard const lock(m_mutex);
+  auto const found = m_entries.find(unread.name);
+  if (found != m_entries.end() && found->second.change == unread.change)
+    m_entries.erase(found);
 }
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

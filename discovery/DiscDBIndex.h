@@ -7,6 +7,7 @@
 
 #include <sys/types.h>
 
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -70,6 +71,9 @@ public:
   // changed since, or if it is to be reported each time.
   void learn(Unread const& unread, Discovery const& discovery);
 
+  // That there is no such file. Nothing if it was changed since.
+  void learnAbsent(Unread const& unread);
+
   // Whether every change to the files of such a file system (statfs) passes
   // through this system, and is told.
   static bool tellsChanges(std::uint64_t fileSystem);
@@ -88,6 +92,7 @@ private:
   bool isWatched() const noexcept { return m_watch >= 0; }
   bool isSameDirectory() const;
   void takeChanges();
+  void keepTakingChanges();
   void takeChange(std::uint32_t mask, int watch, std::string_view name);
   bool begin();
   bool readNames(int directory);
@@ -106,8 +111,10 @@ private:
   ino_t m_inode = 0;
   std::string m_reason; // why it could not begin, the last time
 
-  UniqueFd m_stop;        // readable when m_follower is to end
-  std::thread m_follower; // keeps the queue of changes from filling up between two lists
+  bool m_ending = false;
+  std::condition_variable m_end; // of m_ending
+  UniqueFd m_wake;               // readable when m_follower is to look
+  std::thread m_follower;        // keeps the queue of changes from filling up between two lists
 };
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc
