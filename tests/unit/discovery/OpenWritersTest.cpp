@@ -2,14 +2,18 @@
 
 #include "discovery/DiscDB.h"
 #include "discovery/DiscDBLock.h"
+#include "discovery/DiscoveryService_iWriter.h"
 #include "ozf/base/OzfPathname.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Service.h"
 #include "tests/support/Writers.h"
+#include "tests/unit/discovery/FailingMemory.h"
 
 #include <gtest/gtest.h>
 
 #include <future>
+#include <new>
+#include <vector>
 
 using namespace tqtest;
 using namespace Quillon::Tessarine::Ozf;
@@ -68,6 +72,23 @@ struct OpenWritersTest : testing::Test
   }
 };
 
+// A writer that is called without the ORB, which would want memory before it.
+struct LocalWriter
+{
+  explicit LocalWriter(Service& host, char const* subject)
+      : owner(new Remote::RemoteWriter_i(Service::record(subject, "a"), 1000))
+  {
+    EXPECT_EQ(svc::DS_SUCCESS, writer().open().discStatus);
+    reference = host.orb().activateObject(owner.in());
+    writer().setReference(reference);
+    EXPECT_TRUE(Remote::getOpenWriters().reserve(nullptr)->take(writer(), reference));
+  }
+  Remote::RemoteWriter_i& writer() { return dynamic_cast<Remote::RemoteWriter_i&>(*owner.in()); }
+
+  PortableServer::ServantBase_var owner;
+  CORBA::Object_var reference;
+};
+
 } // namespace
 
 TEST_F(OpenWritersTest, FailedOnesGoOldestFirstBeyondAFew)
@@ -109,6 +130,42 @@ TEST_F(OpenWritersTest, OneGoesWhenNothingWasPutForTenMinutes)
   EXPECT_EQ("yes", put(busy.in(), 5)) << "each put starts the time again";
   EXPECT_EQ(svc::DS_SUCCESS, busy->close().discStatus);
   EXPECT_EQ(15U, readText(host.database() + "/2 a busy.dat").size());
+}
+
+// Memory ends with the line that the payload is too large.
+TEST_F(OpenWritersTest, AWriterWhosePutEndedWithAnExceptionIsOneThatFailed)
+{
+  LocalWriter local(host, "thrown");
+  auto const tooMuch = bytes(2000);
+  {
+    FailingMemory const memory(0);
+    EXPECT_THROW(local.writer().put(tooMuch), std::bad_alloc);
+  }
+  EXPECT_EQ(0U, temporaryFilesIn(host.database()));
+  EXPECT_FALSE(local.writer().put(bytes(1)));
+  std::vector<Remote::RemoteWriter_var> failed;
+  for (std::size_t i = 0; i < OpenWriters::MOST_FAILED; ++i)
+    failed.emplace_back(openAndFail("f" + std::to_string(i)));
+  EXPECT_EQ(OpenWriters::MOST_FAILED, Remote::getOpenWriters().size());
+  EXPECT_THROW(local.writer().put(bytes(1)), CORBA::OBJECT_NOT_EXIST) << "it failed first";
+}
+
+// Memory ends with the line that a part could not be written.
+TEST_F(OpenWritersTest, AWriterWhoseCloseEndedWithAnExceptionGoesWhenItHasBeenIdle)
+{
+  LocalWriter local(host, "thrown");
+  ASSERT_FALSE(local.writer().put(bytes(2000)));
+  {
+    FailingMemory const memory(0);
+    EXPECT_THROW(local.writer().close(), std::bad_alloc);
+  }
+  EXPECT_EQ(1U, Remote::getOpenWriters().size());
+  EXPECT_FALSE(local.reference->_non_existent());
+  advance(OpenWriters::MOST_IDLE);
+  Remote::getOpenWriters().dropIdle();
+  EXPECT_EQ(0U, Remote::getOpenWriters().size());
+  EXPECT_TRUE(local.reference->_non_existent());
+  EXPECT_THROW(local.writer().close(), CORBA::OBJECT_NOT_EXIST);
 }
 
 TEST_F(OpenWritersTest, TheServiceLooksForIdleOnesByItself)
