@@ -70,11 +70,14 @@
 //
 // Order: the repository's and the creators' locks, then one MetadataGuard,
 // then the record lock of its file. No thread ever holds two guards of
-// different paths. The CleanupLock stands outside this order: a writer holds it
-// from the opening of its payload, long before the guard of persist, while
-// another may come to wait for it with a guard held. That is no deadlock, for
-// the exclusive side is the only one to be waited for, and it never waits
-// itself: it tries once, deletes and goes. Below them all stand the short
+// different paths. The CleanupLock comes before the guard: a writer holds it
+// from the opening of its payload until the guarded rename of persist, and the
+// clean-up finishes under it what a dead writer left, with the guard of that
+// file. So nobody takes it with a guard held, or a writer and the clean-up of
+// one process would wait for each other. Between processes nothing is waited
+// for under it: the exclusive side tries each lock once. Below them all stand
+// FlushGroup, where one writer with his guard waits for another's flush, which
+// takes no lock, the index of the directory, and the short
 // mutexes of this file, under which nothing else is taken but, for a
 // directory, the lock on its "Update.lock".
 
