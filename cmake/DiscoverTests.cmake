@@ -34,6 +34,7 @@ file(STRINGS ${json} lines REGEX "^ +\"(name|file)\": ")
 set(script "")
 set(count 0)
 foreach(line IN LISTS lines)
+  string(REPLACE [=[\/]=] "/" line "${line}") # of tests with parameters
   if(line MATCHES "^      \"name\": \"(.*)\",$")
     set(suite ${CMAKE_MATCH_1})
   elseif(line MATCHES "^          \"name\": \"(.*)\",$")
@@ -48,7 +49,8 @@ foreach(line IN LISTS lines)
       "add_test([=[${name}]=] \"${PROGRAM}\" [=[--gtest_filter=${suite}.${test}]=] "
       "--gtest_also_run_disabled_tests)\n"
       "set_tests_properties([=[${name}]=] PROPERTIES WORKING_DIRECTORY \"${FOLDER}\" "
-      "SKIP_REGULAR_EXPRESSION [=[\\[  SKIPPED \\]]=] LABELS ${NAME} ${PROPERTIES})\n")
+      "SKIP_REGULAR_EXPRESSION [=[\\[  SKIPPED \\]]=] FAIL_REGULAR_EXPRESSION [=[Running 0 tests]=] "
+      "LABELS ${NAME} ${PROPERTIES})\n")
     math(EXPR count "${count} + 1")
   endif()
 endforeach()
