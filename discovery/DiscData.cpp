@@ -74,9 +74,8 @@ Authority::Authority(std::string const& name, AuthorityType type, StatusMsg cons
     : Description(status), m_codePage(narrowCodePage()), m_type(type)
 {
   OZF_ASSERT(!name.empty(), "name.size()", SOURCE, "Authority::Authority");
-  UriAuthority authority;
-  authority.setAuthority(name, nullptr, nullptr, -1);
-  setNames(authority);
+  // What its parts are makes no difference to either encoding of the whole.
+  setNames(Uri::percentEncode(name, URI_SHOWN), Uri::percentEncode(name, URI_FILE_KEY));
 }
 
 Authority::Authority(Uri const& uri, AuthorityType type, StatusMsg const* status)
@@ -87,7 +86,7 @@ Authority::Authority(Uri const& uri, AuthorityType type, StatusMsg const* status
 Authority::Authority(UriAuthority const& authority, AuthorityType type, StatusMsg const* status)
     : Description(status), m_codePage(narrowCodePage()), m_type(type)
 {
-  setNames(authority);
+  setNames(authority.getUriEncoding(URI_SHOWN), authority.getUriEncoding(URI_FILE_KEY));
 }
 
 Authority::Authority(EncodedName const& name, AuthorityType type)
@@ -98,10 +97,10 @@ Authority::Authority(EncodedName const& name, AuthorityType type)
   m_fileKey = OzfString(std::string(name.fileKey), m_codePage);
 }
 
-void Authority::setNames(UriAuthority const& authority)
+void Authority::setNames(std::string shown, std::string fileKey)
 {
-  m_name = OzfString(authority.getUriEncoding(URI_SHOWN), m_codePage);
-  m_fileKey = OzfString(authority.getUriEncoding(URI_FILE_KEY), m_codePage);
+  m_name = OzfString(std::move(shown), m_codePage);
+  m_fileKey = OzfString(std::move(fileKey), m_codePage);
   OZF_ASSERT(!m_name.empty(), "m_name.size()", SOURCE, "Authority::Authority");
 }
 

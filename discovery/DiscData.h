@@ -117,7 +117,7 @@ public:
   std::ostream& writeXml(std::ostream& os, XmlStr::Encoding encoding) const override;
 
 private:
-  void setNames(UriAuthority const& authority);
+  void setNames(std::string shown, std::string fileKey);
 
   OzfString m_name;
   OzfString m_fileKey;

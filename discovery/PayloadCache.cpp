@@ -173,7 +173,7 @@ bool PayloadCache::appendToFile(char const* bytes, std::size_t count)
 bool PayloadCache::moveToFile()
 {
   constexpr char OPERATION[] = "PayloadCache::moveToFile";
-  for (std::string const& folder : m_folders)
+  for (std::string const& folder : m_folders ? *m_folders : temporaryFolders())
   {
     m_file = openNameless(folder);
     std::size_t const size = std::exchange(m_size, 0);

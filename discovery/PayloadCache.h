@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -30,8 +31,11 @@ public:
   // $TMPDIR, then those for files that may be large.
   static std::vector<std::string> temporaryFolders();
 
+  // In the temporary folders as they are when a file is needed: of most records
+  // no payload is ever fetched.
+  PayloadCache() = default;
   // The file is made in the first of the folders that lets it.
-  explicit PayloadCache(std::vector<std::string> folders = temporaryFolders());
+  explicit PayloadCache(std::vector<std::string> folders);
 
   void clear();
   // Both: false, with a log line, when what was held before cannot be had any
@@ -72,7 +76,7 @@ private:
   bool moveToFile();
   bool backToMemory();
 
-  std::vector<std::string> m_folders;
+  std::optional<std::vector<std::string>> m_folders;
   std::size_t m_size = 0;
   // Empty when there is a file; all full but the last. A new one doubles what
   // there is room for, and what is held stays where it is.

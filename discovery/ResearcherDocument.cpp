@@ -1,7 +1,6 @@
 // The document of a collection: from XML events to the list of items.
 
 #include "discovery/DiscoveryLog.h"
-#include "discovery/ItemMemory.h"
 #include "discovery/Researcher.h"
 #include "ozf/xml/ExactContext.h"
 
@@ -74,7 +73,7 @@ public:
     std::string itemName;
     XmlInterface::getAttribute(attributes, "Name", itemName);
     noteBuilt(ITEM_SIZE + itemName.size());
-    m_subInterface.reset(new (m_itemMemory) DiscoveredItem(std::move(itemName)));
+    m_subInterface.reset(new DiscoveredItem(std::move(itemName)));
     m_facts = 0;
     m_nodes.push_back(ITEM);
     m_subContext = std::move(m_itemContext);
@@ -101,7 +100,6 @@ public:
   }
 
   AutoDereference<CollectionItem> m_subInterface;
-  ItemMemory m_itemMemory; // of all but the first
   std::unique_ptr<XmlObjParseContext> m_subContext;
   std::unique_ptr<XmlObjParseContext> m_itemContext; // of the last item, for the next one
   std::vector<Node> m_nodes;

@@ -5,7 +5,6 @@
 #include "discovery/DefaultExplorerDataParser.h"
 #include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryRepository.h"
-#include "discovery/ItemMemory.h"
 #include "ozf/plugin/CurrentException.h"
 #include "ozf/xml/ExactContext.h"
 
@@ -99,17 +98,6 @@ CollectionItem::~CollectionItem() = default;
 DiscoveredItem::DiscoveredItem(std::string name) : m_name(std::move(name)) {}
 
 DiscoveredItem::~DiscoveredItem() = default;
-
-void* DiscoveredItem::operator new(std::size_t size) { return ItemMemory::allocateSingle(size); }
-
-void* DiscoveredItem::operator new(std::size_t size, ItemMemory& memory)
-{
-  return memory.allocate(size);
-}
-
-void DiscoveredItem::operator delete(void* item) noexcept { ItemMemory::free(item); }
-
-void DiscoveredItem::operator delete(void* item, ItemMemory&) noexcept { ItemMemory::free(item); }
 
 ExplorerData* DiscoveredItem::getExplorerData() const
 {

@@ -8,14 +8,11 @@
 #include "ozf/xml/TquPolicy.h"
 #include "ozf/xml/XmlDocumentInterface.h"
 
-#include <cstddef>
 #include <iosfwd>
 #include <string>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
-
-class ItemMemory;
 
 // One item. Not locked; once read it does not change.
 class TQ_EXPORT CollectionItem : public virtual OZFRefCounted, public XmlDocumentInterface
@@ -31,12 +28,6 @@ class TQ_EXPORT DiscoveredItem : public virtual CollectionItem
 {
 public:
   explicit DiscoveredItem(std::string name);
-
-  // Alone, or beside the other items of a collection.
-  static void* operator new(std::size_t size);
-  static void* operator new(std::size_t size, ItemMemory& memory);
-  static void operator delete(void* item) noexcept;
-  static void operator delete(void* item, ItemMemory& memory) noexcept;
 
   std::string const& getName() const noexcept { return m_name; }
   StatusMsg const* getStatusMsg() const noexcept { return m_status.get(); }

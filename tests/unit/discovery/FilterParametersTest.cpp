@@ -28,7 +28,7 @@ AutoDereference<JobExecInfo> job(Words arguments)
   return AutoDereference<JobExecInfo>(new JobExecInfo(std::move(arguments)));
 }
 
-std::string document(std::string const& content)
+std::string filterDocument(std::string const& content)
 {
   return "<FilterParameters>" + content + "</FilterParameters>";
 }
@@ -113,7 +113,7 @@ TEST(FilterParametersTest, TheDocumentElementMayHaveAnyName)
 TEST(FilterParametersTest, UnknownElementsArePassedOver)
 {
   FilterParameters const read(
-      document(
+      filterDocument(
           "<New>n<QueryString>inner</QueryString></New>text<QueryString>a<b>c<QueryString/></b>d"
           "</QueryString><JobExecInfo>x<y/> z</JobExecInfo><New/>")
           .c_str());
@@ -125,13 +125,13 @@ TEST(FilterParametersTest, UnknownElementsArePassedOver)
 TEST(FilterParametersTest, TheNamesOfTheElementsMattersToTheLetter)
 {
   EXPECT_TRUE(isEmpty(FilterParameters(
-      document("<querystring>q</querystring><JOBEXECINFO>j</JOBEXECINFO>").c_str())));
+      filterDocument("<querystring>q</querystring><JOBEXECINFO>j</JOBEXECINFO>").c_str())));
 }
 
 TEST(FilterParametersTest, TheLastOfTwoElementsCounts)
 {
   FilterParameters const read(
-      document(
+      filterDocument(
           "<QueryString>a</QueryString><JobExecInfo>x</JobExecInfo><QueryString>b</QueryString>"
           "<JobExecInfo>y</JobExecInfo>")
           .c_str());
@@ -146,7 +146,7 @@ TEST(FilterParametersTest, ACommandLineEndsBeforeAQuoteThatIsNeverClosed)
   for (auto const& [line, arguments] : lines)
   {
     FilterParameters const read(
-        document("<JobExecInfo>" + std::string(line) + "</JobExecInfo>").c_str());
+        filterDocument("<JobExecInfo>" + std::string(line) + "</JobExecInfo>").c_str());
     ASSERT_NE(nullptr, read.getJobInfo()) << line;
     EXPECT_EQ(arguments, read.getJobInfo()->getArguments()) << line;
   }
@@ -156,13 +156,14 @@ TEST(FilterParametersTest, VariablesOfTheEnvironmentAreReplacedInTheCommandLine)
 {
   setenv("TQ_TEST_VARIABLE", "value", 1);
   FilterParameters const read(
-      document("<JobExecInfo>a $TQ_TEST_VARIABLE $TQ_TEST_MISSING</JobExecInfo>").c_str());
+      filterDocument("<JobExecInfo>a $TQ_TEST_VARIABLE $TQ_TEST_MISSING</JobExecInfo>").c_str());
   EXPECT_EQ((Words{"a", "value", "$TQ_TEST_MISSING"}), read.getJobInfo()->getArguments());
 }
 
 TEST(FilterParametersTest, AFailedParseGivesEmptyParameters)
 {
-  std::string const good = document("<QueryString>q</QueryString><JobExecInfo>j</JobExecInfo>");
+  std::string const good =
+      filterDocument("<QueryString>q</QueryString><JobExecInfo>j</JobExecInfo>");
   ASSERT_FALSE(isEmpty(FilterParameters(good.c_str())));
   LogCapture log;
   for (std::size_t length = 0; length < good.size(); ++length)
@@ -183,7 +184,7 @@ TEST(FilterParametersTest, WhatIsNoDocumentGivesEmptyParameters)
       "not XML",
       deep,
       "<!DOCTYPE a [<!ENTITY e \"x\">]><a><QueryString>&e;</QueryString></a>",
-      document("<QueryString>q</QueryString>") + "<more/>",
+      filterDocument("<QueryString>q</QueryString>") + "<more/>",
   };
   for (auto const& text : hostile)
     EXPECT_TRUE(isEmpty(FilterParameters(text.c_str()))) << text.substr(0, 60);
@@ -197,7 +198,7 @@ TEST(FilterParametersTest, AnElementHasAThousandAttributesAtMost)
     std::string element = "<JobExecInfo";
     for (int i = 0; i < count; ++i)
       element += " a" + std::to_string(i) + "=\"\"";
-    return document("<QueryString>q</QueryString>" + element + ">x</JobExecInfo>");
+    return filterDocument("<QueryString>q</QueryString>" + element + ">x</JobExecInfo>");
   };
   EXPECT_FALSE(isEmpty(FilterParameters(withAttributes(1000).c_str())));
   EXPECT_TRUE(isEmpty(FilterParameters(withAttributes(1001).c_str())));
@@ -209,8 +210,9 @@ TEST(FilterParametersTest, LongTextsAreTaken)
   std::string line = "$" + std::string(1 << 20, 'A');
   for (int i = 0; i < 100000; ++i)
     line += " $B" + std::to_string(i);
-  FilterParameters const read(document("<QueryString>" + query + "</QueryString><JobExecInfo a=\"" +
-                                       query + "\">" + line + "</JobExecInfo>")
+  FilterParameters const read(filterDocument("<QueryString>" + query +
+                                             "</QueryString><JobExecInfo a=\"" + query + "\">" +
+                                             line + "</JobExecInfo>")
                                   .c_str());
   EXPECT_EQ(query, read.getQueryString().str());
   ASSERT_NE(nullptr, read.getJobInfo()) << read.lastError();
@@ -226,7 +228,8 @@ TEST(FilterParametersTest, ANameTooLongForTheSubstitutionIsTakenAsItStands)
                                     "A\"" + std::string(length, 'B') + "\""})
     {
       std::string const line = "x$" + name + " $TQ_TEST_VARIABLE";
-      FilterParameters const read(document("<JobExecInfo>" + line + "</JobExecInfo>").c_str());
+      FilterParameters const read(
+          filterDocument("<JobExecInfo>" + line + "</JobExecInfo>").c_str());
       ASSERT_NE(nullptr, read.getJobInfo());
       ASSERT_EQ(2U, read.getJobInfo()->getArguments().size());
       EXPECT_EQ(length > 1023 ? "$TQ_TEST_VARIABLE" : "value",
