@@ -63,4 +63,37 @@ inline constexpr IntegerKey METADATA_CACHE_KEY{"METADATA_CACHE", 0, 1L << 40, 64
 // What an answer from another host may take in all.
 inline constexpr IntegerKey READ_LIMIT_KEY{"READ_LIMIT_SECONDS", 1, MOST_OF_32_BITS, 3600};
 
+// What peers may have of this service, in all and each (Limits.h). Zero is no limit.
+
+// Connections; those of one peer besides no more than half of what there may be.
+inline constexpr IntegerKey LIMIT_CONNECTIONS_KEY{"LIMIT_CONNECTIONS", 0, 1'000'000, 0};
+inline constexpr IntegerKey LIMIT_PEER_CONNECTIONS_KEY{"LIMIT_PEER_CONNECTIONS", 0, 1'000'000,
+                                                       4096};
+
+// Calls in progress.
+inline constexpr IntegerKey LIMIT_PEER_CALLS_KEY{"LIMIT_PEER_CALLS", 1, 500, 400};
+
+// Requests a second, and the milliseconds that one waits for its turn at most.
+inline constexpr IntegerKey LIMIT_PEER_REQUESTS_KEY{"LIMIT_PEER_REQUESTS", 0, 1'000'000, 0};
+inline constexpr IntegerKey LIMIT_REQUEST_WAIT_KEY{"LIMIT_REQUEST_WAIT", 0, 20'000, 2000};
+
+// Iterators that are open, of lists and of payloads.
+inline constexpr IntegerKey LIMIT_ITERATORS_KEY{"LIMIT_ITERATORS", 0, 1'000'000, 1024};
+inline constexpr IntegerKey LIMIT_PEER_ITERATORS_KEY{"LIMIT_PEER_ITERATORS", 0, 1'000'000, 0};
+
+// Writers that are open.
+inline constexpr IntegerKey LIMIT_WRITERS_KEY{"LIMIT_WRITERS", 0, 100'000, 256};
+inline constexpr IntegerKey LIMIT_PEER_WRITERS_KEY{"LIMIT_PEER_WRITERS", 0, 100'000, 32};
+
+// Announced explorers. A list of more would be longer than readers take.
+inline constexpr IntegerKey LIMIT_REGISTRATIONS_KEY{"LIMIT_REGISTRATIONS", 1, 50'000, 50'000};
+inline constexpr IntegerKey LIMIT_PEER_REGISTRATIONS_KEY{"LIMIT_PEER_REGISTRATIONS", 0, 50'000, 0};
+
+// Bytes of payloads: that a peer stores within a day, and of one.
+inline constexpr IntegerKey LIMIT_PEER_DAY_BYTES_KEY{"LIMIT_PEER_DAY_BYTES", 0, 1L << 50, 0};
+inline constexpr IntegerKey LIMIT_PAYLOAD_KEY{"LIMIT_PAYLOAD", 0, 1L << 40, 256L << 20};
+
+// Bytes of memory for lists of other hosts' discoveries that readers have not fetched.
+inline constexpr IntegerKey LIMIT_ANSWERS_KEY{"LIMIT_ANSWERS", 1L << 20, 1L << 40, 512L << 20};
+
 } // namespace Quillon::Tessarine::Ozf

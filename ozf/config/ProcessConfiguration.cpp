@@ -3,6 +3,7 @@
 #include "ozf/config/Configuration.h"
 
 #include "ozf/base/OzfHostname.h"
+#include "ozf/config/Limits.h"
 #include "ozf/config/ProductRoot.h"
 #include "ozf/log/FrameworkLogger.h"
 
@@ -40,6 +41,7 @@ std::shared_ptr<Configuration const> readLocked(Shared& state)
   auto configuration = std::make_shared<Configuration const>(std::move(read));
   std::string const* const name = configuration->find("CLIENT_NAME");
   OzfHostname::overrideLocal(name == nullptr ? std::string() : *name);
+  getLimits().configure(*configuration);
   state.configuration = configuration;
   return configuration;
 }
@@ -83,9 +85,11 @@ void overrideConfiguration(std::string const& key, std::string const& value)
   Shared& state = shared();
   std::lock_guard const guard(state.mutex);
   state.overrides[key] = value;
-  if (state.configuration)
-    state.configuration =
-        std::make_shared<Configuration const>(state.configuration->with(key, value));
+  if (!state.configuration)
+    return;
+  state.configuration =
+      std::make_shared<Configuration const>(state.configuration->with(key, value));
+  getLimits().configure(*state.configuration);
 }
 
 } // namespace Quillon::Tessarine::Ozf

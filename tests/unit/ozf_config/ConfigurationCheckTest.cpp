@@ -56,7 +56,21 @@ TEST_F(ConfigurationCheckTest, AcceptsEveryKeyOfTheProduct)
                     "EXPLORER.host = off\n"
                     "EXPLORER_INTERVAL.filesystem = 15m\n"
                     "EXPLORER_EXPIRY.filesystem = 1d\n"
-                    "READ_LIMIT_SECONDS = 60\n"),
+                    "READ_LIMIT_SECONDS = 60\n"
+                    "LIMIT_CONNECTIONS = 0\n"
+                    "LIMIT_PEER_CONNECTIONS = 1000000\n"
+                    "LIMIT_PEER_CALLS = 500\n"
+                    "LIMIT_PEER_REQUESTS = 0\n"
+                    "LIMIT_REQUEST_WAIT = 20000\n"
+                    "LIMIT_ITERATORS = 0\n"
+                    "LIMIT_PEER_ITERATORS = 0\n"
+                    "LIMIT_WRITERS = 0\n"
+                    "LIMIT_PEER_WRITERS = 0\n"
+                    "LIMIT_REGISTRATIONS = 50000\n"
+                    "LIMIT_PEER_REGISTRATIONS = 0\n"
+                    "LIMIT_PEER_DAY_BYTES = 1099511627776\n"
+                    "LIMIT_PAYLOAD = 0\n"
+                    "LIMIT_ANSWERS = 1048576\n"),
               IsEmpty());
   EXPECT_THAT(check("LOG_FILE = stderr\n"), IsEmpty());
   EXPECT_THAT(check("LOG_FILE = syslog\n"), IsEmpty());
@@ -123,6 +137,39 @@ TEST_F(ConfigurationCheckTest, SaysOfEachWrongValueWhatIsAccepted)
                             "1 to 2147483647"),
                   HasSubstr(":15: \"METADATA_CACHE\" is \"-1\"; accepted: whole numbers from 0 "
                             "to 1099511627776")));
+}
+
+TEST_F(ConfigurationCheckTest, LimitsHaveBounds)
+{
+  EXPECT_THAT(
+      check("LIMIT_PEER_CALLS = 0\nLIMIT_REGISTRATIONS = 50001\nLIMIT_REQUEST_WAIT = 20001\n"
+            "LIMIT_ANSWERS = 1000\nLIMIT_PEER_WRITERS = few\n"),
+      ElementsAre(HasSubstr(":1: \"LIMIT_PEER_CALLS\" is \"0\"; accepted: whole numbers from 1 to "
+                            "500"),
+                  HasSubstr(":2: \"LIMIT_REGISTRATIONS\" is \"50001\"; accepted: whole numbers "
+                            "from 1 to 50000"),
+                  HasSubstr(":3: \"LIMIT_REQUEST_WAIT\" is \"20001\""),
+                  HasSubstr(":4: \"LIMIT_ANSWERS\" is \"1000\""),
+                  HasSubstr(":5: \"LIMIT_PEER_WRITERS\" is \"few\"")));
+}
+
+// Whoever adds a key tells what it is for.
+TEST_F(ConfigurationCheckTest, EveryKeyIsInTheManualAndInTheSample)
+{
+  std::string const root = TQ_SOURCE_DIR;
+  std::string const manual = readText(root + "/docs/man/tq.conf.5.scd");
+  std::string const sample = readText(root + "/packaging/tq.conf.sample");
+  auto const mistakes = check("NO_SUCH_KEY = 1\n");
+  ASSERT_THAT(mistakes, SizeIs(1));
+  std::istringstream keys(mistakes[0].substr(mistakes[0].find("known are ") + 10));
+  int number = 0;
+  for (std::string key; std::getline(keys >> std::ws, key, ','); ++number)
+  {
+    key = key.substr(0, key.find('<'));
+    EXPECT_THAT(manual, HasSubstr("\n*" + key + "*")) << key;
+    EXPECT_THAT(sample, HasSubstr(key)) << key;
+  }
+  EXPECT_GT(number, 30);
 }
 
 TEST_F(ConfigurationCheckTest, ASingleValueGivenAgainIsAMistakeAndAListIsNone)
