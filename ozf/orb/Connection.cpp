@@ -55,13 +55,15 @@ struct RequestReader : omni::giopStream
 
 Connection::Connection(omni::giopConnection* inner, int descriptor,
                        std::unique_ptr<TlsChannel> channel, std::list<Peer> peer,
-                       std::shared_ptr<ConnectionWatcher> watcher)
+                       std::shared_ptr<ConnectionWatcher> watcher,
+                       std::shared_ptr<RequestRate> rate)
     : m_inner(inner),
       m_descriptor(descriptor),
       m_channel(std::move(channel)),
       m_judge(m_channel ? m_channel->context() : nullptr),
       m_peer(std::move(peer)),
-      m_watcher(std::move(watcher))
+      m_watcher(std::move(watcher)),
+      m_rate(std::move(rate))
 {
   m_watcher->add(*this);
 }
@@ -245,7 +247,13 @@ _CORBA_Boolean Connection::Peek()
       return false;
     }
   }
-  return next == READY || (next == LARGE && m_watcher->admitLarge(*this));
+  if (next == NOTHING || next == PART)
+    return false;
+  // What comes before its turn waits where it costs no thread.
+  if (m_rate && !m_rate->admits(RequestRate::Clock::now()))
+    return false;
+  m_tooMany = false;
+  return next == READY || m_watcher->admitLarge(*this);
 }
 
 WatchedConnection::Arrived Connection::look() noexcept

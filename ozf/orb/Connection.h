@@ -26,10 +26,12 @@ class OZF_EXPORT Connection final : public omni::giopConnection, public WatchedC
 {
 public:
   // peer is what the table of connections gave for it, and descriptor the
-  // socket of inner, over which the channel goes when there is one. Throws what
+  // socket of inner, over which the channel goes when there is one; rate is null
+  // for one that may make any number of requests. Throws what
   // ConnectionWatcher::add throws; then inner is still the caller's.
   Connection(omni::giopConnection* inner, int descriptor, std::unique_ptr<TlsChannel> channel,
-             std::list<Peer> peer, std::shared_ptr<ConnectionWatcher> watcher);
+             std::list<Peer> peer, std::shared_ptr<ConnectionWatcher> watcher,
+             std::shared_ptr<RequestRate> rate = nullptr);
 
   Peer const& peer() const noexcept override { return m_peer.front(); }
 
@@ -40,6 +42,9 @@ public:
 
   // Whether bytes were delivered to the ORB since the last question.
   bool takeDelivered() noexcept { return m_delivered.exchange(false); }
+
+  // Whether its address has made too many requests for the one in hand to be served.
+  bool isTooMany() const noexcept { return m_tooMany; }
 
   int Send(void* data, std::size_t size, omni_time_t const& deadline) override;
   int Recv(void* data, std::size_t size, omni_time_t const& deadline) override;
@@ -63,6 +68,8 @@ private:
   std::uint64_t received() const noexcept override { return m_received; }
   void abandon() noexcept override;
   bool holdsBytes() const noexcept override { return m_channel && m_channel->holdsBytes(); }
+  RequestRate* rate() const noexcept override { return m_rate.get(); }
+  void setTooMany(bool tooMany) noexcept override { m_tooMany = tooMany; }
 
   bool isPeerTaken(TlsContext const& context) const;
   Arrived look() noexcept;
@@ -76,6 +83,8 @@ private:
   std::shared_ptr<TlsContext const> m_judge;   // who has found the peer to be believed
   std::list<Peer> m_peer;                      // one, as the table wants it
   std::shared_ptr<ConnectionWatcher> const m_watcher;
+  std::shared_ptr<RequestRate> const m_rate; // null: any number
+  std::atomic<bool> m_tooMany{false};
   std::atomic<std::uint64_t> m_received{0};
   std::atomic<bool> m_delivered{false};
   omni::giopStrand* m_strand = nullptr; // whose connection this is, once it is used

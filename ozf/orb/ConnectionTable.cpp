@@ -73,6 +73,12 @@ bool ConnectionTable::isOpen(ConnectionNumber connection) const noexcept
   return m_open.contains(connection);
 }
 
+std::size_t ConnectionTable::size() const noexcept
+{
+  std::lock_guard guard(m_mutex);
+  return m_open.size();
+}
+
 void ConnectionTable::observe(Observer const& observer)
 {
   std::lock_guard guard(m_mutex);

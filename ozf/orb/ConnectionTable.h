@@ -36,6 +36,7 @@ public:
   void remove(std::list<Peer>& peer) noexcept;
 
   bool isOpen(ConnectionNumber connection) const noexcept;
+  std::size_t size() const noexcept;
 
   void observe(std::shared_ptr<ConnectionObserver::Gone> const& observer);
   void leave(std::shared_ptr<ConnectionObserver::Gone> const& observer) noexcept;

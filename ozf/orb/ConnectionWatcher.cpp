@@ -1,6 +1,7 @@
 #include "ozf/orb/ConnectionWatcher.h"
 
 #include "ozf/base/WakeUp.h"
+#include "ozf/config/Limits.h"
 #include "ozf/log/FrameworkLogger.h"
 #include "ozf/plugin/CurrentException.h"
 
@@ -37,6 +38,24 @@ void logStall(std::string const& address)
   lastLine = now;
   OZF_LOG(getFrameworkLogger(), 1, SOURCE, "ConnectionWatcher::checkProgress",
           "Ended a connection from " << address << ", its request did not go on");
+}
+
+// What is kept waiting is answered in the end, but others of its peer wait with it.
+void noteCrowd(std::string const& address, std::size_t calls)
+{
+  if (auto const met = getLimits().peerCalls.meet(address))
+    OZF_LOG(getFrameworkLogger(), 1, SOURCE, "ConnectionWatcher::handle",
+            "Kept a request of " << address << " waiting: " << calls
+                                 << " of its calls are in progress" << *met);
+}
+
+void noteTooMany(std::string const& address)
+{
+  Limits& limits = getLimits();
+  if (auto const met = limits.peerRequests.meet(address))
+    OZF_LOG(getFrameworkLogger(), 1, SOURCE, "ConnectionWatcher::handle",
+            "Refused a request of " << address << ": it makes more than "
+                                    << limits.peerRequests.value() << " a second" << *met);
 }
 
 [[noreturn]] void throwError(char const* what)
@@ -263,10 +282,13 @@ void ConnectionWatcher::wake() noexcept { wakeUp(m_wake.get()); }
 int ConnectionWatcher::waitTime()
 {
   std::lock_guard guard(m_mutex);
-  if (m_checks.empty())
+  auto next = Clock::time_point::max();
+  for (auto const* const times : {&m_checks, &m_turns})
+    if (!times->empty())
+      next = std::min(next, times->begin()->first);
+  if (next == Clock::time_point::max())
     return -1;
-  auto const left =
-      std::chrono::ceil<std::chrono::milliseconds>(m_checks.begin()->first - Clock::now());
+  auto const left = std::chrono::ceil<std::chrono::milliseconds>(next - Clock::now());
   return static_cast<int>(std::max<std::int64_t>(left.count(), 0));
 }
 
@@ -294,6 +316,15 @@ void ConnectionWatcher::loop()
     }
     try
     {
+      if (isTurn())
+      {
+        std::unique_lock gate(m_gate);
+        m_allowed.wait(gate, [this] { return m_ending || m_handOver != nullptr; });
+        if (m_ending)
+          return;
+        while (auto* const connection = takeTurn())
+          handOver(*connection);
+      }
       checkProgress();
     }
     catch (std::exception const&)
@@ -312,6 +343,13 @@ void ConnectionWatcher::handle(ConnectionNumber number)
   Entry& entry = found->second; // stays while it is watched
   WatchedConnection& connection = *entry.connection;
   lock.unlock();
+  enum
+  {
+    HANDED_OVER,
+    KEPT,
+    CROWDED, // and so kept
+    TOO_MANY // and so kept to be refused
+  } outcome = KEPT;
   try
   {
     auto const arrived = connection.readAvailable();
@@ -322,13 +360,11 @@ void ConnectionWatcher::handle(ConnectionNumber number)
       listen(entry, false);
       return;
     }
-    if (!admit(entry, arrived))
-    {
-      entry.address->waiting.push_back(number);
-      m_waiting.insert(entry.address);
-      entry.waiting = arrived;
-      return;
-    }
+    auto const turn = turnOf(entry, arrived);
+    outcome = turn == NOW && admitOrQueue(entry, arrived)                      ? HANDED_OVER
+              : turn == NEVER                                                  ? TOO_MANY
+              : turn == NOW && entry.address->calls >= m_limits.callsOfAddress ? CROWDED
+                                                                               : KEPT;
   }
   catch (std::exception const&)
   {
@@ -340,7 +376,20 @@ void ConnectionWatcher::handle(ConnectionNumber number)
     return;
   }
   lock.unlock();
-  handOver(connection);
+  switch (outcome)
+  {
+  case HANDED_OVER:
+    handOver(connection);
+    break;
+  case CROWDED:
+    noteCrowd(connection.peer().address, m_limits.callsOfAddress);
+    break;
+  case TOO_MANY:
+    noteTooMany(connection.peer().address);
+    break;
+  case KEPT:
+    break;
+  }
 }
 
 void ConnectionWatcher::handOver(WatchedConnection& connection) noexcept
@@ -364,6 +413,59 @@ void ConnectionWatcher::handOver(WatchedConnection& connection) noexcept
     listen(found->second, true);
   }
   std::this_thread::sleep_for(SHORT_OF_MEMORY);
+}
+
+// When it is not now, the connection waits.
+ConnectionWatcher::Turn ConnectionWatcher::turnOf(Entry& entry, WatchedConnection::Arrived arrived)
+{
+  WatchedConnection& connection = *entry.connection;
+  RequestRate* const rate = connection.rate();
+  if (rate == nullptr)
+    return NOW;
+  auto const now = Clock::now();
+  auto const turn = rate->reserve(now);
+  connection.setTooMany(!turn);
+  if (turn && *turn <= now)
+    return NOW;
+  // Who is refused waits as well, or would only ask again the sooner.
+  std::chrono::milliseconds const longest(getLimits().requestWait.value());
+  m_turns.emplace(turn.value_or(now + longest), connection.peer().connection);
+  entry.waiting = arrived;
+  return turn ? LATER : NEVER;
+}
+
+// False when it has to wait for others of its address.
+bool ConnectionWatcher::admitOrQueue(Entry& entry, WatchedConnection::Arrived arrived)
+{
+  if (admit(entry, arrived))
+    return true;
+  entry.address->waiting.push_back(entry.connection->peer().connection);
+  m_waiting.insert(entry.address);
+  entry.waiting = arrived;
+  return false;
+}
+
+bool ConnectionWatcher::isTurn()
+{
+  std::lock_guard guard(m_mutex);
+  return !m_turns.empty() && m_turns.begin()->first <= Clock::now();
+}
+
+// The next of those whose turn it is and that are admitted; null when there is none.
+WatchedConnection* ConnectionWatcher::takeTurn()
+{
+  std::lock_guard guard(m_mutex);
+  auto const now = Clock::now();
+  while (!m_turns.empty() && m_turns.begin()->first <= now)
+  {
+    auto const found = m_entries.find(m_turns.begin()->second);
+    bool const admitted =
+        found != m_entries.end() && admitOrQueue(found->second, found->second.waiting);
+    m_turns.erase(m_turns.begin());
+    if (admitted)
+      return found->second.connection;
+  }
+  return nullptr;
 }
 
 WatchedConnection* ConnectionWatcher::admitWaiting() noexcept

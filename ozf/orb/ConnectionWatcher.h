@@ -7,7 +7,8 @@
 // Requests that are larger than the buffer are read by the thread that serves
 // them: of these a number is admitted at a time, and a smaller one of each
 // address. So is of an address's calls in progress. What is not admitted waits,
-// unread.
+// unread. So does what comes before its address's turn (RequestRate.h), and what
+// would have to wait too long is handed over in the end to be refused.
 //
 // A request that has begun and does not go on ends its connection.
 
@@ -16,6 +17,7 @@
 #include "ozf/base/Export.h"
 #include "ozf/base/SystemError.h"
 #include "ozf/orb/Peer.h"
+#include "ozf/orb/RequestRate.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -60,6 +62,12 @@ public:
 
   // Ends the connection for both sides. Any thread.
   virtual void abandon() noexcept = 0;
+
+  // How many requests its address may make; null: as many as it likes.
+  virtual RequestRate* rate() const noexcept { return nullptr; }
+
+  // Whether the request that it is handed over for is to be refused.
+  virtual void setTooMany(bool) noexcept {}
 
 protected:
   ~WatchedConnection() = default;
@@ -133,15 +141,26 @@ private:
     Clock::time_point since; // since when at most leastProgress bytes have come
     std::uint64_t receivedThen = 0;
   };
+  enum Turn
+  {
+    NOW,
+    LATER,
+    NEVER
+  };
+
   void loop();
   int waitTime();
   void handle(ConnectionNumber number);
+  bool isTurn();
+  WatchedConnection* takeTurn();
   void handOver(WatchedConnection& connection) noexcept;
   WatchedConnection* admitWaiting() noexcept;
   void checkProgress();
   void wake() noexcept;
 
   // Under m_mutex.
+  Turn turnOf(Entry& entry, WatchedConnection::Arrived arrived);
+  bool admitOrQueue(Entry& entry, WatchedConnection::Arrived arrived);
   bool admit(Entry& entry, WatchedConnection::Arrived arrived) noexcept;
   void release(Entry& entry) noexcept;
   void releaseLarge(Entry& entry) noexcept;
@@ -167,6 +186,7 @@ private:
   std::unordered_map<std::string, Address> m_addresses;
   std::set<Address*> m_waiting; // addresses of which connections wait
   std::multimap<Clock::time_point, ConnectionNumber> m_checks;
+  std::multimap<Clock::time_point, ConnectionNumber> m_turns; // of those that came too early
   std::size_t m_large = 0;
   std::thread m_thread;
 };

@@ -1,6 +1,7 @@
 #include "ozf/orb/Endpoint.h"
 
 #include "ozf/base/SystemError.h"
+#include "ozf/config/Limits.h"
 #include "ozf/log/FrameworkLogger.h"
 #include "ozf/orb/Connection.h"
 #include "ozf/orb/ConnectionTable.h"
@@ -17,9 +18,7 @@
 #include <sys/resource.h>
 
 #include <algorithm>
-#include <atomic>
 #include <charconv>
-#include <ctime>
 #include <limits>
 #include <memory>
 #include <string_view>
@@ -39,9 +38,6 @@ constexpr char INNER_TCP[] = "giop:tcp:";
 // Descriptors that connections leave to files and to calls going out.
 constexpr rlim_t RESERVED_DESCRIPTORS = 64;
 
-// Hosts behind one address may be many, and may leave half of the descriptors.
-constexpr rlim_t CONNECTIONS_OF_ADDRESS = 4096;
-
 // New descriptors get the lowest free number, so one that is close to the
 // limit shows that nearly all are in use.
 bool descriptorsRunShort(rlim_t limit)
@@ -50,14 +46,11 @@ bool descriptorsRunShort(rlim_t limit)
   return !probe.valid() || static_cast<rlim_t>(probe.get()) + RESERVED_DESCRIPTORS > limit;
 }
 
-void logRefusedConnection(char const* peer, char const* why)
+void refuse(Limit& limit, std::string const& address, char const* peer, char const* why)
 {
-  // One line a second: the cause is likely to be a flood.
-  static std::atomic<std::time_t> lastLine{0};
-  std::time_t const now = std::time(nullptr);
-  if (lastLine.exchange(now) != now)
+  if (auto const met = limit.meet(address))
     OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Endpoint::AcceptAndMonitor",
-            "Refused a connection from " << peer << ", " << why);
+            "Refused a connection from " << peer << ", " << why << *met);
 }
 
 // "giop:tcp:192.0.2.7:4711", "giop:tcp:[2001:db8::1]:4711"
@@ -105,12 +98,30 @@ unsigned short portIn(std::string_view text)
   return port;
 }
 
-// As many connections as the peer's address may have.
-std::size_t connectionsAllowed(std::string const& peer, std::string const& own, rlim_t descriptors)
+// Whether this process asks whether it answers.
+bool isOwnQuestion(std::string const& peer, std::string const& own)
 {
-  if (addressIn(peer) == addressIn(own) && isLivenessQuestion(portIn(peer)))
-    return std::numeric_limits<std::size_t>::max();
-  return static_cast<std::size_t>(std::min(descriptors / 2, CONNECTIONS_OF_ADDRESS));
+  return addressIn(peer) == addressIn(own) && isLivenessQuestion(portIn(peer));
+}
+
+// As many connections as one address may have. Hosts behind it may be many, and have
+// to leave half of what there may be.
+std::size_t connectionsOfAddress(rlim_t descriptors)
+{
+  std::size_t most = static_cast<std::size_t>(descriptors) / 2;
+  Limits& limits = getLimits();
+  if (long const all = limits.connections.value(); all != 0)
+    most = std::min(most, static_cast<std::size_t>(all + 1) / 2);
+  if (long const each = limits.peerConnections.value(); each != 0)
+    most = std::min(most, static_cast<std::size_t>(each));
+  return most;
+}
+
+WatchLimits watchLimits()
+{
+  WatchLimits limits;
+  limits.callsOfAddress = static_cast<std::size_t>(getLimits().peerCalls.value());
+  return limits;
 }
 
 class Endpoint final : public omni::giopEndpoint
@@ -177,7 +188,7 @@ _CORBA_Boolean Endpoint::Bind()
   try
   {
     m_listener = std::make_unique<Listener>();
-    m_watcher = std::make_shared<ConnectionWatcher>();
+    m_watcher = std::make_shared<ConnectionWatcher>(watchLimits());
     return m_inner->Bind();
   }
   catch (std::exception const& exception)
@@ -195,17 +206,25 @@ omni::giopConnection* Endpoint::wrap(omni::giopConnection* inner, int descriptor
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
     return nullptr;
+  Limits& limits = getLimits();
+  std::string const address = addressIn(inner->peeraddress());
   if (descriptorsRunShort(limit.rlim_cur))
   {
-    logRefusedConnection(inner->peeraddress(), "too many open files");
+    refuse(limits.connections, address, inner->peeraddress(), "too many open files");
     return nullptr;
   }
-  auto peer = ConnectionTable::instance().add(
-      addressIn(inner->peeraddress()),
-      connectionsAllowed(inner->peeraddress(), inner->myaddress(), limit.rlim_cur));
+  ConnectionTable& table = ConnectionTable::instance();
+  bool const own = isOwnQuestion(inner->peeraddress(), inner->myaddress());
+  if (!own && limits.connections.forbids(table.size() + 1))
+  {
+    refuse(limits.connections, address, inner->peeraddress(), "there are too many");
+    return nullptr;
+  }
+  auto peer = table.add(address, own ? std::numeric_limits<std::size_t>::max()
+                                     : connectionsOfAddress(limit.rlim_cur));
   if (peer.empty())
   {
-    logRefusedConnection(inner->peeraddress(), "its address has too many");
+    refuse(limits.peerConnections, address, inner->peeraddress(), "its address has too many");
     return nullptr;
   }
   peer.front().reached = addressIn(inner->myaddress());
@@ -213,11 +232,12 @@ omni::giopConnection* Endpoint::wrap(omni::giopConnection* inner, int descriptor
   {
     if (channel)
       peer.front().names = channel->peer().names();
-    return new Connection(inner, descriptor, std::move(channel), peer, m_watcher);
+    return new Connection(inner, descriptor, std::move(channel), peer, m_watcher,
+                          own ? nullptr : requestRateOf(address));
   }
   catch (std::exception const&)
   {
-    ConnectionTable::instance().remove(peer);
+    table.remove(peer);
     throw;
   }
 }
@@ -299,7 +319,7 @@ void Endpoint::beginHandshake(UniqueFd descriptor, std::string address,
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || descriptorsRunShort(limit.rlim_cur))
     {
-      logRefusedConnection(address.c_str(), "too many open files");
+      refuse(getLimits().connections, address, address.c_str(), "too many open files");
       return;
     }
     if (!m_handshakes)

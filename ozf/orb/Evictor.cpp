@@ -8,14 +8,18 @@
 
 #include "ozf/orb/Evictor.h"
 
+#include "ozf/config/Limits.h"
 #include "ozf/log/FrameworkLogger.h"
 #include "ozf/orb/ObjectKey.h"
+#include "ozf/orb/Peer.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <map>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Quillon::Tessarine::Ozf
@@ -40,6 +44,8 @@ struct Entry
   explicit Entry(PortableServer::Servant taken)
       : servant(taken), cost(dynamic_cast<EvictionCost const*>(taken))
   {
+    if (Peer const* const peer = currentPeer())
+      owner = peer->address;
     servant->_add_ref();
   }
   ~Entry() { servant->_remove_ref(); }
@@ -50,6 +56,7 @@ struct Entry
 
   PortableServer::Servant const servant;
   EvictionCost const* const cost; // null when it does not say
+  std::string owner;              // the peer's address; empty: this process
   bool timed = false;             // a time-out was given
   std::chrono::microseconds timeout{0};
   TimePoint lastUse;
@@ -93,6 +100,8 @@ private:
   // when there is none. Under the mutex.
   template <class Condition>
   EntryPtr takeIdleLongest(Condition const& condition);
+  // The same, of an owner who has most.
+  EntryPtr takeOfLargestOwner();
 
   std::atomic<long> m_references{1};
   std::size_t const m_capacity;
@@ -143,6 +152,16 @@ EntryPtr Evictor::Locator::takeIdleLongest(Condition const& condition)
   return taken;
 }
 
+EntryPtr Evictor::Locator::takeOfLargestOwner()
+{
+  std::map<std::string_view, std::size_t> counts;
+  std::size_t most = 0;
+  for (auto const& entry : m_entries)
+    most = std::max(most, ++counts[entry.second->owner]);
+  auto taken = takeIdleLongest([&](Entry const& entry) { return counts[entry.owner] == most; });
+  return taken ? taken : takeIdleLongest([](Entry const&) { return true; });
+}
+
 std::string Evictor::Locator::insert(PortableServer::Servant servant)
 {
   auto entry = std::make_shared<Entry>(servant);
@@ -154,7 +173,7 @@ std::string Evictor::Locator::insert(PortableServer::Servant servant)
       throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
     if (m_capacity != 0 && m_entries.size() >= m_capacity)
     {
-      evicted = takeIdleLongest([](Entry const&) { return true; });
+      evicted = takeOfLargestOwner();
       if (!evicted)
         throw CORBA::NO_RESOURCES(0, CORBA::COMPLETED_NO);
     }
@@ -162,8 +181,13 @@ std::string Evictor::Locator::insert(PortableServer::Servant servant)
     m_entries.emplace(key, std::move(entry));
   }
   if (evicted)
-    OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Evictor::activate",
-            "More than " << m_capacity << " objects in use, dropped the one idle longest");
+  {
+    std::string const& owner = evicted->owner;
+    if (auto const met = getLimits().iterators.meet(owner.empty() ? "this service" : owner))
+      OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Evictor::activate",
+              "More than " << m_capacity << " objects in use, dropped the one idle longest"
+                           << (owner.empty() ? "" : " of " + owner) << *met);
+  }
   return key;
 }
 

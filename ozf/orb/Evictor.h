@@ -4,9 +4,9 @@
 // evictor: it keeps object id, servant, time-out, last use and the number of
 // calls in progress. Every dispatched call counts as use. A servant is dropped
 // when it was idle for its time-out and no call is in progress, when it is
-// removed, when the capacity is exceeded (the one idle longest goes first,
-// with a line at level 1), and at shut-down. A call on an object that was
-// dropped meets OBJECT_NOT_EXIST.
+// removed, when the capacity is exceeded (the one idle longest goes first, of the
+// peer for whose calls most were made, with a line at level 1), and at shut-down.
+// A call on an object that was dropped meets OBJECT_NOT_EXIST.
 //
 // The time-out comes with each servant, from whoever activates it; that of the
 // discovery service's iterators is ITERATOR_TIMEOUT.

@@ -1,5 +1,6 @@
 #include "ozf/orb/Evictor.h"
 
+#include "ozf/orb/ConnectionTable.h"
 #include "tests/support/LogCapture.h"
 #include "tests/unit/ozf_orb/ProbeServant.h"
 
@@ -219,6 +220,31 @@ TEST_F(CrowdedEvictorTest, dropsTheOneIdleLongestWhenFull)
   EXPECT_EQ(orb.getEvictor().size(), 3U);
   EXPECT_TRUE(
       log.has(1, "Evictor::activate", "More than 3 objects in use, dropped the one idle longest"))
+      << log.text();
+}
+
+TEST_F(CrowdedEvictorTest, dropsOneOfThePeerThatHasMost)
+{
+  LogCapture log(1);
+  auto const activateFor = [this](char const* address)
+  {
+    Peer peer;
+    peer.address = address;
+    PeerOfCall const call(&peer);
+    advance(1);
+    return activate(300);
+  };
+  auto const honest = activateFor("192.0.2.1");
+  auto const first = activateFor("192.0.2.2");
+  auto const second = activateFor("192.0.2.2");
+  auto const third = activateFor("192.0.2.2");
+  EXPECT_TRUE(answers(honest)) << "although it was idle longest";
+  EXPECT_FALSE(answers(first));
+  auto const fourth = activateFor("192.0.2.3");
+  EXPECT_FALSE(answers(second));
+  EXPECT_TRUE(answers(third));
+  EXPECT_TRUE(log.has(1, "Evictor::activate",
+                      "More than 3 objects in use, dropped the one idle longest of 192.0.2.2"))
       << log.text();
 }
 
