@@ -1,5 +1,7 @@
 #include "discovery/CachedRegistrations.h"
 
+#include "ozf/config/Limits.h"
+
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
 
@@ -17,12 +19,18 @@ bool CachedRegistrations::reserve(std::string const& subject, std::size_t& most)
   most = MOST_OF_SUBJECT;
   if (known != m_ofSubject.end() && known->second >= most)
     return false;
-  most = MOST;
+  most = static_cast<std::size_t>(getLimits().registrations.value());
   if (m_all >= most)
     return false;
   ++m_all;
   ++m_ofSubject[subject];
   return true;
+}
+
+bool CachedRegistrations::isFull() const
+{
+  std::lock_guard const guard(m_mutex);
+  return getLimits().registrations.forbids(m_all + 1);
 }
 
 void CachedRegistrations::giveBack(std::string const& subject)

@@ -18,24 +18,23 @@ namespace Quillon::Tessarine::Ozf::DiscoverySvc
 class TQ_EXPORT CachedRegistrations
 {
 public:
-  // As many as are kept in the registry.
-  static constexpr std::size_t MOST = 50'000;
-  // Each host needs one or two.
+  // In all, as many as are kept in the registry (LIMIT_REGISTRATIONS). Each host needs one or two.
   static constexpr std::size_t MOST_OF_SUBJECT = 256;
 
   // Counts one that is there.
   void note(std::string const& subject);
 
   // Counts one that is to be written; false when there are too many already, of
-  // that subject or in all. most is the bound then.
+  // that subject or in all. most is the bound then, and isFull tells which.
   bool reserve(std::string const& subject, std::size_t& most);
+  bool isFull() const;
   // It was not written.
   void giveBack(std::string const& subject);
 
   void clear();
 
 private:
-  std::mutex m_mutex;
+  mutable std::mutex m_mutex;
   std::size_t m_all = 0;
   std::unordered_map<std::string, std::size_t> m_ofSubject;
 };

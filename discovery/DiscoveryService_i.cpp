@@ -8,6 +8,7 @@
 #include "discovery/DiscoveryService_iWriter.h"
 #include "discovery/ExplorerRemotePull.h"
 #include "discovery/OpenWriters.h"
+#include "discovery/PeerLimits.h"
 #include "ozf/orb/CallAudit.h"
 #include "ozf/orb/Orb.h"
 #include "ozf/orb/OrbService.h"
@@ -77,6 +78,7 @@ DiscoveryIterator_ptr DiscoveryService_i::queryDiscoveries(DiscoveryQuery queryT
                                                            char const* authority)
 {
   constexpr char const* OPERATION = "DiscoveryService_i::queryDiscoveries";
+  PeerPlace place = takeIteratorPlace(OPERATION);
   DiscoveryRepository& repository = getDiscoveryRepository();
   AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::DiscoveryIterator> iterator;
   if (isUsablePattern(subject) && isUsablePattern(authority))
@@ -91,6 +93,7 @@ DiscoveryIterator_ptr DiscoveryService_i::queryDiscoveries(DiscoveryQuery queryT
   {
     DiscoveryIterator_i* const servant = new DiscoveryIterator_i(iterator.get());
     PortableServer::ServantBase_var const localReference(servant);
+    servant->setPlace(std::move(place));
     return publish(*servant, *repository.getOrb());
   }
   catch (CORBA::Exception const& exception)
@@ -106,6 +109,7 @@ DiscoveryStatus DiscoveryService_i::getCollectionData(Discovery const& record, c
                                                       CollectionDataIterator_out iterator)
 {
   constexpr char const* OPERATION = "DiscoveryService_i::getCollectionData";
+  PeerPlace place = takeIteratorPlace(OPERATION);
   iterator = CollectionDataIterator::_nil();
   std::string const subject(record.subject);
   std::string const authority(record.authority);
@@ -143,18 +147,19 @@ DiscoveryStatus DiscoveryService_i::getCollectionData(Discovery const& record, c
                                                                << authority);
     return DS_LOGIC_ERROR;
   }
-  return serve(discovery, filter, iterator);
+  return serve(discovery, filter, std::move(place), iterator);
 }
 
 DiscoveryStatus DiscoveryService_i::serve(
     AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::Discovery>& discovery,
-    char const* filter, CollectionDataIterator_out iterator)
+    char const* filter, PeerPlace place, CollectionDataIterator_out iterator)
 {
   constexpr char const* OPERATION = "DiscoveryService_i::getCollectionData";
   try
   {
     CollectionDataIterator_i* const servant = new CollectionDataIterator_i(discovery);
     PortableServer::ServantBase_var const localReference(servant);
+    servant->setPlace(std::move(place));
     if (!servant->open(filter))
     {
       OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
@@ -182,6 +187,7 @@ RemoteWriter_i* DiscoveryService_i::newRemoteWriter(Discovery const& record) con
 DiscoveryResult DiscoveryService_i::putCollection(Discovery const& record, RemoteWriter_out writer)
 {
   constexpr char const* OPERATION = "DiscoveryService_i::putCollection";
+  requireDayBytes(OPERATION, 0);
   writer = RemoteWriter::_nil();
   DiscoveryResult result{DS_OPEN_FAILED, 0};
   AuditedCall const call{"putCollection", record.subject.in(), record.authority.in()};
@@ -262,6 +268,7 @@ void DiscoveryService_i::registerExplorer(char const* sourceHost, char const* so
                                   << authority << " " << priority);
   AutoDereference<RemoteExplorerPull> const explorer(
       new RemoteExplorerPull(sourceServiceName, sourceHost, subject, authority, authType));
+  explorer->setOpener(takeRegistrationPlace());
   // The wire has 16 bits; a negative priority becomes a very high one.
   auto const wide = static_cast<unsigned>(static_cast<int>(priority));
   DiscoveryRepository& repository = getDiscoveryRepository();

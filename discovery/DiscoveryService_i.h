@@ -3,12 +3,15 @@
 // What comes from the network is checked before it is used: names that are
 // empty where one is needed, or longer than MAX_WIRE_NAME bytes (MAX_KEPT_NAME,
 // where they are to be kept), are answered with a status, a query with
-// COMM_FAILURE, and a registration is dropped with a line.
+// COMM_FAILURE, and a registration is dropped with a line. A peer that has as many
+// iterators as it may have, or has stored enough for a day, meets NO_RESOURCES before
+// the call begins.
 
 #pragma once
 
 #include "discovery/DiscData.h"
 #include "discovery/Export.h"
+#include "discovery/PeerLimits.h"
 #include "discovery/RemoteDBWire.h"
 #include "ozf/orb/Corba.h"
 
@@ -37,10 +40,11 @@ public:
   CORBA::Boolean restartAllPushTimers() override;
 
 protected:
-  // Opens the discovery for reading and hands out an iterator over its collection.
+  // Opens the discovery for reading and hands out an iterator over its collection,
+  // which has the place.
   static DiscoveryStatus
   serve(AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::Discovery>& discovery,
-        char const* filter, CollectionDataIterator_out iterator);
+        char const* filter, PeerPlace place, CollectionDataIterator_out iterator);
 
   // A new writer for the record, with one reference for the caller.
   virtual RemoteWriter_i* newRemoteWriter(Discovery const& record) const;

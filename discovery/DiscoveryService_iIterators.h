@@ -5,6 +5,7 @@
 #include "discovery/CallOwner.h"
 #include "discovery/DiscData.h"
 #include "discovery/Export.h"
+#include "discovery/PeerLimits.h"
 #include "discovery/RemoteDBWire.h"
 #include "ozf/orb/Corba.h"
 #include "ozf/orb/Evictor.h"
@@ -42,6 +43,9 @@ public:
   // The id is set when the servant is activated; until then it is empty.
   CORBA::OctetSeq_var& objectId() noexcept { return m_objectId; }
 
+  // Kept for as long as the servant is there.
+  void setPlace(PeerPlace place) noexcept { m_place = std::move(place); }
+
   using InterfaceType = Interface;
 
 protected:
@@ -54,6 +58,7 @@ protected:
 private:
   CORBA::OctetSeq_var m_objectId;
   CallOwner m_owner;
+  PeerPlace m_place;
   std::mutex m_oneCaller;
 };
 

@@ -3,6 +3,7 @@
 #include "discovery/CallPlaces.h"
 #include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryRepository.h"
+#include "discovery/PeerLimits.h"
 #include "discovery/RemoteDB.h"
 #include "discovery/RemoteDBWire.h"
 #include "ozf/orb/CallAudit.h"
@@ -48,11 +49,11 @@ CallPlaces& relayedCalls()
 } // namespace
 
 RemoteWriter_i::RemoteWriter_i(Discovery const& record)
-    : RemoteWriter_i(record, RemoteCollectionData::MAX_SIZE)
+    : RemoteWriter_i(record, static_cast<std::uint64_t>(getLimits().payload.value()))
 {
 }
 
-RemoteWriter_i::RemoteWriter_i(Discovery const& record, std::size_t mostBytes)
+RemoteWriter_i::RemoteWriter_i(Discovery const& record, std::uint64_t mostBytes)
     : m_opener(openerOfCall()), m_mostBytes(mostBytes), m_record(withoutSource(record))
 {
 }
@@ -186,11 +187,20 @@ bool RemoteWriter_i::append(CollectionDataSeq const& data)
         writer.m_discovery.reset();
     }
   } const abandon{*this};
-  if (!m_refused && data.length() > m_mostBytes - m_bytes)
-    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
-            "Refused a payload of more than " << m_mostBytes << " bytes, " << names());
-  else if (!m_refused &&
-           m_discovery->getCollectionData()->writeCollection(data.length(), data.get_buffer()) != 0)
+  if (!m_refused && m_mostBytes != 0 && data.length() > m_mostBytes - m_bytes)
+  {
+    Peer const* const peer = currentPeer();
+    if (auto const met = getLimits().payload.meet(peer == nullptr ? "this service" : peer->address))
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+              "Refused a payload of more than "
+                  << m_mostBytes << " bytes, " << names()
+                  << (peer == nullptr ? std::string() : ", of " + peer->address) << *met);
+    return false;
+  }
+  if (!m_refused)
+    requireDayBytes(OPERATION, data.length());
+  if (!m_refused &&
+      m_discovery->getCollectionData()->writeCollection(data.length(), data.get_buffer()) != 0)
   {
     m_bytes += data.length();
     m_incomplete = m_refused;

@@ -12,7 +12,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstddef>
+#include <cstdint>
 #include <mutex>
 #include <string>
 
@@ -36,7 +36,7 @@ public:
   // Copies the record, but for the names of its source: nothing needs them, and
   // they may be as long as a message.
   explicit RemoteWriter_i(Discovery const& record);
-  RemoteWriter_i(Discovery const& record, std::size_t mostBytes);
+  RemoteWriter_i(Discovery const& record, std::uint64_t mostBytes); // 0: no limit
 
   // Callers from the network whose payload goes on to another host hold a thread
   // for as long as that host takes. One more waits a moment for one of these to
@@ -45,8 +45,8 @@ public:
   static constexpr std::chrono::seconds RELAY_PATIENCE{2};
 
   // Appends at once; nothing is buffered. The first that fails abandons the
-  // discovery, and so does one beyond what readers take of a payload; all
-  // later ones fail.
+  // discovery, and so does one beyond LIMIT_PAYLOAD; all later ones fail. Raises
+  // NO_RESOURCES when the peer has stored enough for the day.
   CORBA::Boolean put(CollectionDataSeq const& data) override;
 
   // Persists the discovery and ends the writer. After a put that failed the
@@ -78,8 +78,8 @@ private:
   Peer const m_opener;    // without an address: this process itself
   std::mutex m_oneCaller; // callers on the network need not keep to it
   CORBA::Object_var m_reference;
-  std::size_t const m_mostBytes;
-  std::size_t m_bytes = 0;   // written
+  std::uint64_t const m_mostBytes;
+  std::uint64_t m_bytes = 0; // written
   bool m_incomplete = false; // a put failed
   bool m_closed = false;
   bool m_relayed = false;             // what is written goes to another host

@@ -3,6 +3,7 @@
 #include "discovery/DiscoveryLog.h"
 #include "ozf/config/ConfigurationProvider.h"
 #include "ozf/config/HostRole.h"
+#include "ozf/config/Limits.h"
 #include "ozf/orb/Orb.h"
 #include "ozf/sync/AceReactor.h"
 
@@ -16,16 +17,13 @@ namespace
 
 constexpr char SOURCE[] = "DiscoverySvc";
 
-// Iterators that remote callers may hold at the same time.
-constexpr long EVICTOR_CAPACITY = 1024;
-
 constexpr int REQUEST_TIMEOUT = 30; // seconds
 
 } // namespace
 
 DiscoverySvc::DiscoverySvc(bool arg)
     : OrbService(DISCOVERY_SERVICE, DISCOVERY_ORIGINATOR, nullptr, arg, "Discovery Service", false,
-                 EVICTOR_CAPACITY, nullptr)
+                 getLimits().iterators.value(), nullptr)
 {
 }
 

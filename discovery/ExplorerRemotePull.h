@@ -5,8 +5,10 @@
 #include "discovery/CallPlaces.h"
 #include "discovery/Explorer.h"
 #include "ozf/base/OzfHostname.h"
+#include "ozf/config/Limits.h"
 
 #include <chrono>
+#include <memory>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
@@ -48,6 +50,10 @@ public:
   AuthorityType getAuthorityType() const noexcept { return m_authorityType; }
   OzfHostname const& getHost() const noexcept { return m_host; }
 
+  // The peer that registered it, counted while it lives; null when none is known.
+  void setOpener(std::unique_ptr<PeerCounts::Place const> opener) { m_opener = std::move(opener); }
+  PeerCounts::Place const* opener() const noexcept { return m_opener.get(); }
+
   // How many requests of one registration may be in progress.
   static constexpr int MOST_REQUESTS = 20;
   // How many for callers from the network may be in progress in the process.
@@ -66,6 +72,7 @@ private:
   OzfString m_registrationName2;
   AuthorityType m_authorityType;
   OzfHostname m_host;
+  std::unique_ptr<PeerCounts::Place const> m_opener;
   CallPlaces m_requests{MOST_REQUESTS, MOST_REQUESTS};
 };
 

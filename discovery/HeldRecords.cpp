@@ -2,7 +2,9 @@
 
 #include "discovery/DiscoveryLog.h"
 #include "discovery/Peers.h"
+#include "ozf/config/Limits.h"
 #include "ozf/orb/Orb.h"
+#include "ozf/orb/Peer.h"
 
 #include <mutex>
 
@@ -18,7 +20,7 @@ struct InAll
   std::size_t records = 0;
   std::size_t bytes = 0;
   std::size_t mostRecords = HeldRecords::MOST_RECORDS;
-  std::size_t mostBytes = HeldRecords::MOST_BYTES;
+  std::size_t mostBytes = 0; // 0: as the limit says
 };
 
 InAll& inAll()
@@ -53,10 +55,11 @@ bool HeldRecords::add(std::size_t records, std::size_t bytes)
   for (;;)
   {
     std::size_t mostRecords = 0;
-    std::size_t mostBytes = 0;
+    auto mostBytes = static_cast<std::size_t>(getLimits().answers.value());
     {
       std::lock_guard const guard(sums.mutex);
-      if (sums.records + records <= sums.mostRecords && sums.bytes + bytes <= sums.mostBytes)
+      mostBytes = sums.mostBytes == 0 ? mostBytes : sums.mostBytes;
+      if (sums.records + records <= sums.mostRecords && sums.bytes + bytes <= mostBytes)
       {
         sums.records += records;
         sums.bytes += bytes;
@@ -65,14 +68,17 @@ bool HeldRecords::add(std::size_t records, std::size_t bytes)
         return true;
       }
       mostRecords = sums.mostRecords;
-      mostBytes = sums.mostBytes;
     }
+    Peer const* const peer = currentPeer();
+    auto const met = getLimits().answers.meet(peer == nullptr ? "this service" : peer->address);
     // The list gives back what it has, which takes the mutex.
     if (!dropOneList())
       return false;
-    OZF_LOG(getOzfLogger(), 1, "RemoteDB", OPERATION,
-            "More than " << mostRecords << " discoveries of other hosts or " << mostBytes
-                         << " bytes held for readers, dropped the list of the one idle longest");
+    if (met)
+      OZF_LOG(getOzfLogger(), 1, "RemoteDB", OPERATION,
+              "More than " << mostRecords << " discoveries of other hosts or " << mostBytes
+                           << " bytes held for readers, dropped the list of the one idle longest"
+                           << *met);
   }
 }
 
@@ -91,7 +97,7 @@ void HeldRecords::setMost(std::size_t records, std::size_t bytes)
   InAll& sums = inAll();
   std::lock_guard const guard(sums.mutex);
   sums.mostRecords = records == 0 ? MOST_RECORDS : records;
-  sums.mostBytes = bytes == 0 ? MOST_BYTES : bytes;
+  sums.mostBytes = bytes;
 }
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -19,9 +19,8 @@ namespace Quillon::Tessarine::Ozf::DiscoverySvc
 class TQ_EXPORT HeldRecords
 {
 public:
-  // At least what one list may be.
+  // At least what one list may be. Of bytes, LIMIT_ANSWERS.
   static constexpr std::size_t MOST_RECORDS = 2'000'000;
-  static constexpr std::size_t MOST_BYTES = std::size_t(512) << 20;
 
   HeldRecords() = default;
   ~HeldRecords() { clear(); }
@@ -39,7 +38,7 @@ public:
 
   std::size_t bytes() const noexcept { return m_bytes; }
 
-  // For tests: other bounds, zero for those above.
+  // For tests: other bounds, zero for the usual ones.
   static void setMost(std::size_t records, std::size_t bytes);
 
 private:

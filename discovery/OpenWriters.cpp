@@ -2,6 +2,7 @@
 
 #include "discovery/DiscoveryLog.h"
 #include "discovery/Peers.h"
+#include "ozf/config/Limits.h"
 #include "ozf/orb/CallAudit.h"
 #include "ozf/orb/Orb.h"
 
@@ -70,6 +71,7 @@ bool OpenWriters::Place::take(OpenWriter& writer, CORBA::Object_ptr reference)
 std::unique_ptr<OpenWriters::Place> OpenWriters::reserve(Peer const* peer)
 {
   Peer const opener = peer == nullptr ? Peer() : *peer;
+  Limits& limits = getLimits();
   std::size_t all = 0;
   std::size_t ofPeer = 0;
   {
@@ -79,7 +81,7 @@ std::unique_ptr<OpenWriters::Place> OpenWriters::reserve(Peer const* peer)
       ofPeer = static_cast<std::size_t>(std::count_if(
           m_entries.begin(), m_entries.end(),
           [&](Entry const& entry) { return entry.opener.address == opener.address; }));
-    if (all < MOST && ofPeer < MOST_OF_A_PEER)
+    if (!limits.writers.forbids(all + 1) && !limits.peerWriters.forbids(ofPeer + 1))
     {
       Entry& entry = m_entries.emplace_back();
       entry.opener = opener;
@@ -87,14 +89,16 @@ std::unique_ptr<OpenWriters::Place> OpenWriters::reserve(Peer const* peer)
     }
   }
   auditRefusal(peer, {"putCollection"}, "too many writers are open already");
-  if (ofPeer >= MOST_OF_A_PEER)
+  bool const tooManyOfPeer = limits.peerWriters.forbids(ofPeer + 1);
+  auto const met = (tooManyOfPeer ? limits.peerWriters : limits.writers).meet(nameOf(opener));
+  if (met && tooManyOfPeer)
     OZF_LOG(getOzfLogger(), 1, SOURCE, RESERVE,
             "Refused a discovery of " << nameOf(opener) << ": it has " << ofPeer
-                                      << " writers open already");
-  else
+                                      << " writers open already" << *met);
+  else if (met)
     OZF_LOG(getOzfLogger(), 1, SOURCE, RESERVE,
             "Refused a discovery of " << nameOf(opener) << ": " << all
-                                      << " writers are open already");
+                                      << " writers are open already" << *met);
   return {};
 }
 

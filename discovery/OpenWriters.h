@@ -43,7 +43,8 @@ TQ_EXPORT std::string resultText(DiscoveryStatus status);
 // A writer holds a temporary file, and only close ends it, which callers owe to
 // nobody: after a failed put they need not call it, and they may die. So
 //
-// - their number is bounded, in all and for each peer;
+// - their number is bounded, in all and for each peer (LIMIT_WRITERS,
+//   LIMIT_PEER_WRITERS);
 // - those of whom a put failed go when there are more than a few, the one that
 //   failed first before the others, and when the connection is gone over which
 //   they were opened;
@@ -58,8 +59,6 @@ TQ_EXPORT std::string resultText(DiscoveryStatus status);
 class TQ_EXPORT OpenWriters
 {
 public:
-  static constexpr std::size_t MOST = 256;
-  static constexpr std::size_t MOST_OF_A_PEER = 32;
   static constexpr std::size_t MOST_FAILED = 16;
   static constexpr std::chrono::minutes MOST_IDLE{10};
 

@@ -111,6 +111,7 @@ DiscoveryStatus OwnCollections_i::getCollectionData(Discovery const& record, cha
                                                     CollectionDataIterator_out iterator)
 {
   constexpr char const* OPERATION = "OwnCollections_i::getCollectionData";
+  PeerPlace place = takeIteratorPlace(OPERATION);
   iterator = CollectionDataIterator::_nil();
   if (!areUsableNames(record.subject, record.authority))
     return DS_LOGIC_ERROR;
@@ -129,7 +130,7 @@ DiscoveryStatus OwnCollections_i::getCollectionData(Discovery const& record, cha
       getDiscoveryMemDatbase()->newDiscovery(query, record.queryType));
   discovery->setSubject(new Subject(*entry->getSubject()));
   discovery->setAuthority(new Authority(*entry->getAuthority()));
-  return serve(discovery, filter, iterator);
+  return serve(discovery, filter, std::move(place), iterator);
 }
 
 } // namespace Remote

@@ -118,7 +118,7 @@ void storePullRegistration(DiscoveryFactory const& factory, CachedRegistrations&
             "The registration of subject "
                 << subject << " and authority " << authority
                 << " is not kept for the next start: there are " << most
-                << (most == CachedRegistrations::MOST ? " already" : " of that subject already"));
+                << (cached.isFull() ? " already" : " of that subject already"));
     return;
   }
   if (!write(*record,

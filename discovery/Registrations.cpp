@@ -4,6 +4,8 @@
 #include "discovery/ExplorerRemotePull.h"
 #include "discovery/RegistrationWatch.h"
 #include "ozf/config/HostRole.h"
+#include "ozf/config/Limits.h"
+#include "ozf/orb/Peer.h"
 
 #include <algorithm>
 #include <vector>
@@ -144,17 +146,51 @@ void Registrations::addPush(AutoDereference<ExplorerWrapper> const& entry)
   RegistrationWatch::note(*entry, standing.get());
 }
 
+// Before anything gives way: what is dropped must not drive out anybody. One that
+// competes with a pull explorer, or with one of the same peer, will have its place, or
+// be refused.
+bool Registrations::isTooMany(AutoDereference<ExplorerWrapper> const& newcomer) const
+{
+  constexpr char SOURCE[] = "DiscoveryRepository";
+  constexpr char OPERATION[] = "DiscoveryRepository::registerExplorer";
+  Limits& limits = getLimits();
+  if (limits.registrations.forbids(m_pull.size() + 1) && !m_pull.find(newcomer))
+  {
+    Peer const* const peer = currentPeer();
+    limits.registrations.meet(peer == nullptr ? "this service" : peer->address);
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Dropped the registration of a pull explorer for subject "
+                << newcomer->getSubject()->getName() << ": there are "
+                << limits.registrations.value() << " already");
+    return true;
+  }
+  auto const openerOf = [](ExplorerWrapper const& entry) -> PeerCounts::Place const*
+  {
+    auto const* const remote = dynamic_cast<RemoteExplorerPull const*>(entry.getExplorer());
+    return remote == nullptr ? nullptr : remote->opener();
+  };
+  PeerCounts::Place const* const opener = openerOf(*newcomer);
+  if (opener == nullptr || !limits.peerRegistrations.forbids(opener->number()))
+    return false;
+  auto const isOfSamePeer = [&](ExplorerWrapper const& entry)
+  {
+    PeerCounts::Place const* const other = openerOf(entry);
+    return other != nullptr && other->peer() == opener->peer();
+  };
+  if (m_pull.findIf(newcomer, isOfSamePeer))
+    return false;
+  limits.peerRegistrations.meet(opener->peer());
+  OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+          "Dropped the registration of a pull explorer for subject "
+              << newcomer->getSubject()->getName() << ": " << opener->peer() << " has made "
+              << limits.peerRegistrations.value() << " already");
+  return true;
+}
+
 Registration Registrations::addPull(AutoDereference<ExplorerWrapper> const& entry, bool fromCache)
 {
-  // Before anything gives way: what is dropped must not drive out anybody. One
-  // that competes with a pull explorer will have its place, or be refused.
-  if (m_pull.size() >= MOST_PULL && !m_pull.find(entry))
-  {
-    OZF_LOG(getOzfLogger(), 1, "DiscoveryRepository", "DiscoveryRepository::registerExplorer",
-            "Dropped the registration of a pull explorer for subject "
-                << entry->getSubject()->getName() << ": there are " << MOST_PULL << " already");
+  if (isTooMany(entry))
     return {Registration::TOO_MANY, {}};
-  }
   if (!fromCache && isOfAnotherHost(*entry))
     if (auto const own = findOwn(entry); own && isOwnHostName(entry->getSubject()->getName().str()))
       return {Registration::OWN, own};

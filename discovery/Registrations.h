@@ -71,9 +71,9 @@ class TQ_EXPORT Registrations
 public:
   using Snapshot = RegistrationSet::Snapshot;
 
-  // The pull registrations that are kept. Each host needs one or two; this many
-  // more than the largest fleet has is a mistake or an attack.
-  static constexpr std::size_t MOST_PULL = 50000;
+  // The pull registrations that are kept are bounded, in all and for each peer
+  // (LIMIT_REGISTRATIONS, LIMIT_PEER_REGISTRATIONS). Each host needs one or two; as
+  // many more than the largest fleet has are a mistake or an attack.
 
   Snapshot push() const { return m_push.snapshot(); }
   Snapshot pull() const { return m_pull.snapshot(); }
@@ -92,6 +92,8 @@ private:
                                             Wins wins);
   // The entry of this process's own that the newcomer competes with.
   AutoDereference<ExplorerWrapper> findOwn(AutoDereference<ExplorerWrapper> const& newcomer) const;
+  // With a line.
+  bool isTooMany(AutoDereference<ExplorerWrapper> const& newcomer) const;
 
   RegistrationSet m_push;
   RegistrationSet m_pull;

@@ -20,12 +20,14 @@ TEST(CachedRegistrationsTest, ASubjectHasSoManyAndOthersAreNotConcerned)
 
 TEST(CachedRegistrationsTest, ThereAreSoManyInAll)
 {
+  constexpr std::size_t MOST = 50'000;
   CachedRegistrations cached;
   std::size_t most = 0;
-  for (std::size_t i = 0; i < CachedRegistrations::MOST; ++i)
+  for (std::size_t i = 0; i < MOST; ++i)
     ASSERT_TRUE(cached.reserve("subject" + std::to_string(i), most));
   EXPECT_FALSE(cached.reserve("another", most));
-  EXPECT_EQ(most, CachedRegistrations::MOST);
+  EXPECT_EQ(most, MOST);
+  EXPECT_TRUE(cached.isFull());
   cached.clear();
   EXPECT_TRUE(cached.reserve("another", most));
 }

@@ -178,8 +178,9 @@ TEST_F(OpenWritersTest, TheServiceLooksForIdleOnesByItself)
 
 TEST_F(OpenWritersTest, OneTooManyIsRefusedWithOneLineAndAPlaceIsGivenBack)
 {
+  constexpr std::size_t MOST = 256;
   std::vector<Remote::RemoteWriter_var> writers;
-  for (std::size_t i = 0; i < OpenWriters::MOST; ++i)
+  for (std::size_t i = 0; i < MOST; ++i)
   {
     writers.emplace_back(open("s" + std::to_string(i)));
     ASSERT_FALSE(CORBA::is_nil(writers.back())) << i << '\n' << log.text();
@@ -193,7 +194,7 @@ TEST_F(OpenWritersTest, OneTooManyIsRefusedWithOneLineAndAPlaceIsGivenBack)
                          "Refused a discovery of this service: 256 writers are open already"))
       << log.text();
   EXPECT_LT(log.text().size(), before + 500);
-  EXPECT_EQ(OpenWriters::MOST, temporaryFilesIn(host.database()));
+  EXPECT_EQ(MOST, temporaryFilesIn(host.database()));
 
   ASSERT_EQ(svc::DS_SUCCESS, writers.back()->close().discStatus);
   Remote::RemoteWriter_var const late = open("late");

@@ -2,6 +2,7 @@
 
 #include "discovery/DiscoveryRepository.h"
 #include "discovery/RemoteDB.h"
+#include "ozf/config/ConfigurationKeys.h"
 
 #include <gtest/gtest.h>
 
@@ -162,7 +163,8 @@ TEST_F(RemoteDBWireTest, NamesThatAreKeptMustBeShorterAsTheyAreShown)
 TEST_F(RemoteDBWireTest, AllRegistrationsOfTheLongestNamesFitIntoOneAnswer)
 {
   constexpr std::size_t RECORD = sizeof(Remote::Discovery) + 2 * MAX_KEPT_NAME + 100;
-  EXPECT_LT(2 * Registrations::MOST_PULL * RECORD, RemoteDiscoveryIterator::MAX_RECORD_BYTES);
+  EXPECT_LT(2 * static_cast<std::size_t>(LIMIT_REGISTRATIONS_KEY.high) * RECORD,
+            RemoteDiscoveryIterator::MAX_RECORD_BYTES);
 }
 
 TEST_F(RemoteDBWireTest, EveryUsableNameMakesASubjectAndAnAuthority)
