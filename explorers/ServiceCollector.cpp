@@ -42,6 +42,7 @@ ServiceState collectService(DiscoveryRepository const& repository, std::string c
   state.stored = countStored(directory);
   if (auto const tls = currentTls())
     state.certificateEnd = OzfObjTime(tls->certificate().end());
+  state.limits = getLimits().met();
   auto const push = repository.getPushExplorers();
   for (auto const& entry : *push)
     state.explorers.push_back(stateOf(*entry, false));

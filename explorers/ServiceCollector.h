@@ -4,6 +4,7 @@
 
 #include "discovery/DiscoveryRepository.h"
 #include "ozf/base/OzfObjTime.h"
+#include "ozf/config/Limits.h"
 
 #include <cstdint>
 #include <optional>
@@ -31,6 +32,7 @@ struct ServiceState
   std::uint64_t announced = 0;         // pull explorers of other hosts
   OzfObjTime certificateEnd;           // zero without TLS
   std::vector<ExplorerState> explorers;
+  std::vector<MetLimit> limits; // those that peers met since the start
 };
 
 // Looks at the registry and counts the metadata files of the directory, none

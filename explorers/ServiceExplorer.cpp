@@ -40,9 +40,10 @@ char const* toText(AuthorityType type)
   }
 }
 
+constexpr char KINDS[] = "service, push, pull or limit";
+
 constexpr std::array<Fact<ServiceState>, 7> SERVICE_FACTS = {{
-    {"Kind", Type::TEXT, "service, push or pull",
-     [](ServiceState const&) -> Value { return SERVICE; }},
+    {"Kind", Type::TEXT, KINDS, [](ServiceState const&) -> Value { return SERVICE; }},
     {"Role", Type::TEXT, "master or client",
      [](ServiceState const& state) -> Value { return state.master ? "master" : "client"; }},
     {"Version", Type::TEXT, "The version of the service",
@@ -58,7 +59,7 @@ constexpr std::array<Fact<ServiceState>, 7> SERVICE_FACTS = {{
 }};
 
 constexpr std::array<Fact<ExplorerState>, 5> EXPLORER_FACTS = {{
-    {"Kind", Type::TEXT, "service, push or pull",
+    {"Kind", Type::TEXT, KINDS,
      [](ExplorerState const& state) -> Value { return state.pull ? "pull" : "push"; }},
     {"Type", Type::TEXT, "The authority's type: server, client or external",
      [](ExplorerState const& state) -> Value { return toText(state.type); }},
@@ -71,10 +72,23 @@ constexpr std::array<Fact<ExplorerState>, 5> EXPLORER_FACTS = {{
      { return state.lastRun.time.isZero() ? "not run" : describe(state.lastRun.status); }},
 }};
 
+constexpr std::array<Fact<MetLimit>, 5> LIMIT_FACTS = {{
+    {"Kind", Type::TEXT, KINDS, [](MetLimit const&) -> Value { return "limit"; }},
+    {"Value", Type::NUMBER, "What the limit is set to",
+     [](MetLimit const& limit) -> Value { return std::to_string(limit.value); }},
+    {"TimesMet", Type::NUMBER, "How often it was met since the start of the service",
+     [](MetLimit const& limit) -> Value { return std::to_string(limit.times); }},
+    {"LastPeer", Type::TEXT, "The address of the peer that met it last",
+     [](MetLimit const& limit) -> Value { return known(limit.lastPeer); }},
+    {"LastMet", Type::TIME, "When that was",
+     [](MetLimit const& limit) -> Value { return toText(limit.lastTime); }},
+}};
+
 std::string filterData()
 {
   AutoDereference<OzfQuery> const query = describeFacts(serviceFacts());
   query->merge(*describeFacts(explorerFacts()));
+  query->merge(*describeFacts(limitFacts()));
   return filterDocument(*query);
 }
 
@@ -82,6 +96,7 @@ std::string filterData()
 
 Facts<ServiceState> serviceFacts() { return SERVICE_FACTS; }
 Facts<ExplorerState> explorerFacts() { return EXPLORER_FACTS; }
+Facts<MetLimit> limitFacts() { return LIMIT_FACTS; }
 
 ServiceExplorer::ServiceExplorer(Collect collect)
     : TimedExplorer(INTERVAL), m_collect(std::move(collect))
@@ -99,6 +114,8 @@ DiscoveryStatus ServiceExplorer::run(Authority const& authority, Subject const& 
   for (ExplorerState const& explorer : state.explorers)
     if (explorer.authority != SERVICE)
       items.addItem(explorer.authority, explorerFacts(), explorer);
+  for (MetLimit const& limit : state.limits)
+    items.addItem(limit.key, limitFacts(), limit);
   auto const data =
       store(factory, DQ_DISCOVERY_DATA, subject, authority, attributes, items.finish(), OPERATION);
   auto const filter = store(factory, DQ_FILTER_DATA, subject, filterAuthority(authority),

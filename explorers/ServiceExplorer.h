@@ -15,10 +15,12 @@ inline constexpr char const* SERVICE = "service";
 
 Facts<ServiceState> serviceFacts();
 Facts<ExplorerState> explorerFacts();
+Facts<MetLimit> limitFacts();
 
-// Stores one item for the service, named after the subject, and one for each
-// explorer on this host but itself: that it runs shows from what it stores.
-// Both vocabularies are its filter data.
+// Stores one item for the service, named after the subject, one for each explorer on
+// this host but itself, since that it runs shows from what it stores, and one for
+// each limit that was met, named after its key. All three vocabularies are its
+// filter data.
 class ServiceExplorer : public TimedExplorer
 {
 public:

@@ -35,6 +35,7 @@ namespace
 // The authority of the discovery that a service makes of itself, and its facts.
 constexpr char AUTHORITY[] = "service";
 constexpr char SERVICE_KIND[] = "service";
+constexpr char LIMIT_KIND[] = "limit";
 
 // What services tell, and what they do not, is kept until all is known: each up
 // to so many bytes.
@@ -55,6 +56,7 @@ struct ServiceState
   Record record;
   Item service;
   std::vector<Item> explorers;
+  std::vector<Item> limits; // that peers met
   bool complete = false;
 };
 
@@ -111,11 +113,11 @@ int readStates(Connection const& connection, std::vector<ServiceState>& states)
                counted(records.size() - states.size(), "service tells", "services tell") +
                " was not read" + (full ? "" : "; --timeout allows more"));
       for (std::size_t i = states.size(); i < records.size(); ++i)
-        states.push_back({records[i], {}, {}, false});
+        states.push_back({records[i], {}, {}, {}, false});
       return EXIT_PARTLY;
     }
     progress.update(std::to_string(states.size()) + " of " + std::to_string(records.size()));
-    ServiceState state{record, {}, {}, false};
+    ServiceState state{record, {}, {}, {}, false};
     state.complete = readCollection(record, OzfQuery(),
                                     [&](Item item)
                                     {
@@ -124,6 +126,8 @@ int readStates(Connection const& connection, std::vector<ServiceState>& states)
                                         return;
                                       if (fact(item, "Kind") == SERVICE_KIND)
                                         state.service = std::move(item);
+                                      else if (fact(item, "Kind") == LIMIT_KIND)
+                                        state.limits.push_back(std::move(item));
                                       else
                                         state.explorers.push_back(std::move(item));
                                     })
@@ -210,10 +214,14 @@ nlohmann::json toJson(ServiceState const& state, OzfQuery const& description)
   nlohmann::json explorers = nlohmann::json::array();
   for (Item const& explorer : state.explorers)
     explorers.push_back(toJson(explorer, description));
+  nlohmann::json limits = nlohmann::json::array();
+  for (Item const& limit : state.limits)
+    limits.push_back(toJson(limit, description));
   nlohmann::json result = toJson(state.record);
   result["complete"] = state.complete;
   result["service"] = toJson(state.service, description);
   result["explorers"] = std::move(explorers);
+  result["limits"] = std::move(limits);
   return result;
 }
 
@@ -291,6 +299,30 @@ void printExplorers(std::vector<ServiceState> const& states, bool all, OzfObjTim
   std::cout << '\n';
   table.print(std::cout, terminalWidth(STDOUT_FILENO), terminalStyles(STDOUT_FILENO));
   explainTypes(types);
+}
+
+void printLimits(std::vector<ServiceState> const& states, OzfObjTime const& now)
+{
+  Table table({{"HOST", Table::TEXT},
+               {"LIMIT MET", Table::FIXED},
+               {"SET TO", Table::NUMBER},
+               {"TIMES", Table::NUMBER},
+               {"LAST PEER", Table::TEXT},
+               {"LAST", Table::NUMBER}});
+  bool any = false;
+  for (ServiceState const& state : states)
+    for (Item const& limit : state.limits)
+    {
+      OzfObjTime const last = timeOf(limit, "LastMet");
+      table.add({state.record.subject, shown(limit.name), fact(limit, "Value"),
+                 fact(limit, "TimesMet"), fact(limit, "LastPeer"),
+                 last.isZero() ? "-" : formatAge(last, now) + " ago"});
+      any = true;
+    }
+  if (!any)
+    return;
+  std::cout << '\n';
+  table.print(std::cout, terminalWidth(STDOUT_FILENO), terminalStyles(STDOUT_FILENO));
 }
 
 // Those that have to be renewed, a few by name.
@@ -403,6 +435,7 @@ int status(StatusOptions const& options, Session const& session)
       std::cout << '\n';
       printServices(states, silent, now);
       printExplorers(states, options.details || states.size() + silent.size() == 1, now);
+      printLimits(states, now);
     }
   }
   std::cout.flush();

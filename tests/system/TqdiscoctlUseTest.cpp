@@ -337,7 +337,8 @@ TEST_F(TqdiscoctlJsonTest, hasTheMembersThatAreDocumentedAndNoOthers)
 
   json const status = read({"status"});
   EXPECT_EQ(membersOf(status), documented("status"));
-  EXPECT_EQ(membersOf(status["services"][0]), both(record, {"complete", "service", "explorers"}));
+  EXPECT_EQ(membersOf(status["services"][0]),
+            both(record, {"complete", "service", "explorers", "limits"}));
   EXPECT_EQ(membersOf(status["services"][0]["service"]), (Names{"name", "facts"}));
 
   writeText(m_service / "payload", "<DiscoveredItems/>");

@@ -66,6 +66,28 @@ TEST(ServiceExplorer, storesTheServiceAndEveryOtherExplorer)
       document.items[3].facts);
 }
 
+TEST(ServiceExplorer, storesTheLimitsThatWereMet)
+{
+  Store store;
+  AutoDereference<ServiceExplorer> const explorer(new ServiceExplorer(
+      []
+      {
+        ServiceState state;
+        state.limits = {{"LIMIT_PEER_WRITERS", 32, 7, "192.0.2.1", OzfObjTime(1767261600)}};
+        return state;
+      }));
+  EXPECT_EQ(DS_SUCCESS, explore(*explorer, AT_TQUCLIENT, &store).discStatus);
+  Document const document(store.only(AT_TQUCLIENT).payload);
+  ASSERT_EQ(2U, document.items.size());
+  EXPECT_EQ("LIMIT_PEER_WRITERS", document.items[1].name);
+  EXPECT_EQ((FactTexts{{"Kind", "limit"},
+                       {"Value", "32"},
+                       {"TimesMet", "7"},
+                       {"LastPeer", "192.0.2.1"},
+                       {"LastMet", "2026-01-01T10:00:00Z"}}),
+            document.items[1].facts);
+}
+
 TEST(ServiceExplorer, aDatabaseThatCannotBeCountedIsLeftOut)
 {
   Store store;
@@ -91,6 +113,7 @@ TEST(ServiceExplorer, storesWhatCanBeAskedForOfBothKinds)
   EXPECT_EQ(1U, names.count("Kind"));
   EXPECT_EQ(1U, names.count("Role"));
   EXPECT_EQ(1U, names.count("LastResult"));
+  EXPECT_EQ(1U, names.count("TimesMet"));
 }
 
 TEST(ServiceExplorer, whatCannotBeCollectedIsAFailedRun)
