@@ -75,6 +75,14 @@ Connection::~Connection()
   m_inner->decrRefCount(true);
 }
 
+void Connection::requireTurn(char const* operation) const
+{
+  if (!m_tooMany)
+    return;
+  auditRefusal(&peer(), {operation}, "too many requests a second");
+  throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
+}
+
 int Connection::Send(void* data, std::size_t size, omni_time_t const& deadline)
 {
   int const sent =

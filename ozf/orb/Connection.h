@@ -43,8 +43,9 @@ public:
   // Whether bytes were delivered to the ORB since the last question.
   bool takeDelivered() noexcept { return m_delivered.exchange(false); }
 
-  // Whether its address has made too many requests for the one in hand to be served.
-  bool isTooMany() const noexcept { return m_tooMany; }
+  // Returns when the request in hand may be served. Raises TRANSIENT when its address
+  // has made too many.
+  void requireTurn(char const* operation) const;
 
   int Send(void* data, std::size_t size, omni_time_t const& deadline) override;
   int Recv(void* data, std::size_t size, omni_time_t const& deadline) override;

@@ -137,8 +137,8 @@ CORBA::Boolean noteRequest(omni::omniInterceptors::serverReceiveRequest_T::info_
     request.strand().state(omni::giopStrand::DYING);
     throw CORBA::TRANSIENT(omni::TRANSIENT_ConnectionClosed, CORBA::COMPLETED_NO);
   }
-  if (connection != nullptr && connection->isTooMany())
-    throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
+  if (connection != nullptr)
+    connection->requireTurn(request.operation_name());
   if (!isKeyInOrder(request.key(), request.keysize()))
     throw CORBA::OBJECT_NOT_EXIST(0, CORBA::COMPLETED_NO);
   return true;

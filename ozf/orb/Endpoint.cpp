@@ -2,6 +2,7 @@
 
 #include "ozf/base/SystemError.h"
 #include "ozf/config/Limits.h"
+#include "ozf/log/AuditLog.h"
 #include "ozf/log/FrameworkLogger.h"
 #include "ozf/orb/Connection.h"
 #include "ozf/orb/ConnectionTable.h"
@@ -48,6 +49,12 @@ bool descriptorsRunShort(rlim_t limit)
 
 void refuse(Limit& limit, std::string const& address, char const* peer, char const* why)
 {
+  AuditRecord record;
+  record.peer = address;
+  record.operation = "connect";
+  record.result = why;
+  record.refused = true;
+  AuditLog::write(record);
   if (auto const met = limit.meet(address))
     OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Endpoint::AcceptAndMonitor",
             "Refused a connection from " << peer << ", " << why << *met);

@@ -120,6 +120,7 @@ TEST_F(ConnectionLimitsTest, AnAddressHasSoManyConnectionsAndOthersComeIn)
   EXPECT_TRUE(eventually([this] { return closedByPeer() == 10; })) << closedByPeer();
   EXPECT_THAT(m_service.log(), testing::ContainsRegex("Refused a connection from giop:tcp:127.0.7."
                                                       "1:[0-9]+, its address has too many"));
+  expectAudited("connect", "its address has too many");
   expectOthersAreServed();
   EXPECT_EQ(closedByPeer(), 10);
   expectStops();
@@ -173,6 +174,7 @@ TEST_F(ConnectionLimitsTest, WhoAsksTooOftenWaitsThenIsRefusedAndOthersAreAsQuic
   EXPECT_LE(disturbed, 2 * undisturbed);
   EXPECT_THAT(m_service.log(), HasSubstr("Refused a request of 127.0.7.1: it makes more than 100 a "
                                          "second"));
+  expectAudited("_non_existent", "too many requests a second");
   std::cout << "others " << undisturbed.count() << " ms, beside the flood " << disturbed.count()
             << " ms; served " << refused.served << ", refused " << refused.transient << " in "
             << took.count() << " ms\n";

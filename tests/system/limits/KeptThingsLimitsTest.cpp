@@ -56,6 +56,7 @@ TEST_F(KeptThingsLimitsTest, APeerHasSoManyIteratorsAndOneMoreIsNoResources)
                CORBA::NO_RESOURCES);
   EXPECT_THAT(m_service.log(), HasSubstr("DiscoveryService_i::queryDiscoveries: Refused a call of "
                                          "127.0.7.1: it has 3 iterators open already"));
+  expectAudited("getCollectionData", "too many iterators are open already");
   expectOthersAreServed();
   lists.back()->release();
   EXPECT_EQ(m_client->read("s", "written"), "<x/>") << "a place was given back";
@@ -134,6 +135,7 @@ TEST_F(KeptThingsLimitsTest, APeerStoresSoMuchADayAndNoMore)
   EXPECT_EQ(writer->close().discStatus, client::DS_OPEN_FAILED) << "a part of it is missing";
   EXPECT_THAT(m_service.log(), HasSubstr("RemoteWriter_i::put: Refused a call of 127.0.7.1: it may "
                                          "store 2000 bytes a day"));
+  expectAudited("put", "too much was stored within a day");
   EXPECT_EQ(m_client->store("t", "written", std::string(500, 'x')), client::DS_SUCCESS)
       << "what was refused does not count";
   EXPECT_THROW(open("u", writer), CORBA::NO_RESOURCES);

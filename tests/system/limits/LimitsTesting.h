@@ -25,8 +25,8 @@ protected:
   void start(std::string const& keys)
   {
     m_service.configure("EXPLORER.filesystem = off\nEXPLORER.host = off\nEXPLORER.volume = off\n"
-                        "EXPLORER_INTERVAL.service = 1s\n" +
-                        keys);
+                        "EXPLORER_INTERVAL.service = 1s\nAUDIT_FILE = " +
+                        (m_service / "audit.log") + "\n" + keys);
     ASSERT_TRUE(m_service.start()) << m_service.log();
   }
 
@@ -42,6 +42,20 @@ protected:
     EXPECT_EQ(put.exitCode, 0) << put.errors << m_service.log();
     Outcome const shown = m_service.tqdiscoctl({"show", "other", "rack"});
     EXPECT_EQ(shown.exitCode, 0) << shown.errors << m_service.log();
+  }
+
+  // A refusal of the greedy peer in the audit log.
+  void expectAudited(std::string const& operation, std::string const& why)
+  {
+    std::istringstream lines(readText(m_service / "audit.log"));
+    for (std::string line; std::getline(lines, line);)
+    {
+      auto const record = nlohmann::json::parse(line, nullptr, false);
+      if (record.is_object() && record.value("peer", "") == GREEDY &&
+          record.value("operation", "") == operation && line.find(why) != std::string::npos)
+        return;
+    }
+    ADD_FAILURE() << operation << ", " << why << " is not in " << lines.str();
   }
 
   // Whether the status tells that the limit was met, by the greedy peer last.
