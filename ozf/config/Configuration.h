@@ -111,8 +111,8 @@ private:
 
 // The process's configuration: read from getConfigurationPath() on first use.
 // Every reading for the process also tells OzfHostname this host's CLIENT_NAME,
-// sets the limits of peers (Limits.h), and logs the mistakes at level 1, a missing
-// file at level 4. Never null; any thread.
+// sets the limits of peers (Limits.h) unless the file is there and cannot be read, and
+// logs the mistakes at level 1, a missing file at level 4. Never null; any thread.
 OZF_EXPORT std::shared_ptr<Configuration const> getConfiguration();
 
 // Reads the file again and replaces what getConfiguration returns; whoever holds

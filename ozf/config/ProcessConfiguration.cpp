@@ -41,7 +41,9 @@ std::shared_ptr<Configuration const> readLocked(Shared& state)
   auto configuration = std::make_shared<Configuration const>(std::move(read));
   std::string const* const name = configuration->find("CLIENT_NAME");
   OzfHostname::overrideLocal(name == nullptr ? std::string() : *name);
-  getLimits().configure(*configuration);
+  // A file that is there and cannot be read lifts no limit.
+  if (configuration->readable() || configuration->missing())
+    getLimits().configure(*configuration);
   state.configuration = configuration;
   return configuration;
 }

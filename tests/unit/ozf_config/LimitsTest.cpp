@@ -84,6 +84,16 @@ TEST_F(LimitsTest, HoldWhatTheConfigurationSaysFromItsReadingOn)
   EXPECT_EQ(6, getLimits().peerWriters.value()) << "what a command line says holds on";
 }
 
+TEST_F(LimitsTest, AreNotLiftedByAFileThatCannotBeRead)
+{
+  LogCapture const quiet;
+  configure("LIMIT_PEER_WRITERS = 5\n");
+  std::filesystem::remove(file());
+  std::filesystem::create_directory(file());
+  EXPECT_FALSE(reloadConfiguration());
+  EXPECT_EQ(5, getLimits().peerWriters.value());
+}
+
 TEST_F(LimitsTest, TellOfThoseThatWereMet)
 {
   EXPECT_THAT(getLimits().met(), IsEmpty());
