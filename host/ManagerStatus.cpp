@@ -1,10 +1,15 @@
 #include "host/ManagerStatus.h"
 
+#include "ozf/base/Display.h"
+
 #include <mutex>
+#include <string>
 #include <systemd/sd-daemon.h>
 
 namespace Host
 {
+
+using Quillon::Tessarine::Ozf::onOneLine;
 
 namespace
 {
@@ -13,6 +18,12 @@ std::mutex mutex; // of all below, and of the order of what is sent
 std::string lacking;
 std::string waiting;
 bool serving = false;
+
+// A line break would begin another assignment, as of READY.
+void notify(std::string const& status, char const* before = "")
+{
+  sd_notify(0, (before + ("STATUS=" + onOneLine(status))).c_str());
+}
 
 std::string servingText()
 {
@@ -25,20 +36,20 @@ std::string servingText()
 void tellManager(std::string const& status)
 {
   std::lock_guard const guard(mutex);
-  sd_notify(0, ("STATUS=" + status).c_str());
+  notify(status);
 }
 
 void tellReady()
 {
   std::lock_guard const guard(mutex);
   serving = true;
-  sd_notify(0, ("READY=1\nSTATUS=" + servingText()).c_str());
+  notify(servingText(), "READY=1\n");
 }
 
 void tellReady(std::string const& status)
 {
   std::lock_guard const guard(mutex);
-  sd_notify(0, ("READY=1\nSTATUS=" + status).c_str());
+  notify(status, "READY=1\n");
 }
 
 void tellLacking(std::string const& text)
@@ -52,7 +63,7 @@ void tellWaiting(std::string const& text)
   std::lock_guard const guard(mutex);
   waiting = text;
   if (serving)
-    sd_notify(0, ("STATUS=" + servingText()).c_str());
+    notify(servingText());
 }
 
 void tellStopping()

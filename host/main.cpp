@@ -8,6 +8,7 @@
 #include "host/SignalThread.h"
 #include "host/StartCheck.h"
 #include "host/Watchdog.h"
+#include "ozf/base/Display.h"
 #include "ozf/base/FileOwner.h"
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ProductRoot.h"
@@ -33,10 +34,10 @@ int checkConfiguration()
   std::string const path = getConfigurationPath();
   auto const problems = checkForService(Configuration::read(path));
   for (auto const& problem : problems)
-    std::fprintf(stderr, "%s\n", problem.text().c_str());
+    std::fprintf(stderr, "%s\n", onOneLine(problem.text()).c_str());
   if (!problems.empty())
     return EXIT_USAGE;
-  std::printf("%s: no mistakes\n", path.c_str());
+  std::printf("%s: no mistakes\n", onOneLine(path).c_str());
   return EXIT_ORDERLY;
 }
 
@@ -168,7 +169,7 @@ int main(int argc, char** argv)
   }
   catch (std::exception const& exception)
   {
-    std::fprintf(stderr, "tqdisco: %s\n", exception.what());
+    std::fprintf(stderr, "tqdisco: %s\n", onOneLine(exception.what()).c_str());
     return EXIT_START_FAILED;
   }
 }

@@ -215,9 +215,10 @@ int Connection::chooseMaster()
     if (server == nullptr || server->empty())
     {
       complain("no master is known: " +
-               std::string(configuration->readable() ? "there is no SERVER in "
-                                                     : "cannot read the configuration ") +
-               configuration->path() + "\nName the service with --master HOST[:PORT].");
+                   std::string(configuration->readable() ? "there is no SERVER in "
+                                                         : "cannot read the configuration ") +
+                   configuration->path(),
+               {"Name the service with --master HOST[:PORT]."});
       return EXIT_NOT_REACHABLE;
     }
     m_master = *server;
@@ -279,9 +280,9 @@ Remote::DiscoveryService_ptr Connection::connect(std::string const& host)
   if (resolve(getHostAddress(host), reason).empty())
   {
     progress.clear();
-    complain("the host name \"" + shown(host) + "\" cannot be resolved: " + reason +
-             "\nGive an address, or set HOST_ADDRESS." + shown(host) + " in " +
-             getConfigurationPath() + ".");
+    complain("the host name \"" + shown(host) + "\" cannot be resolved: " + reason,
+             {"Give an address, or set HOST_ADDRESS." + shown(host) + " in " +
+              getConfigurationPath() + "."});
     return Remote::DiscoveryService::_nil();
   }
   try
@@ -300,7 +301,7 @@ Remote::DiscoveryService_ptr Connection::connect(std::string const& host)
     reason = reasonOf(exception);
   }
   progress.clear();
-  complain("no discovery service at " + place + ": " + reason + "\n" + ADVICE);
+  complain("no discovery service at " + place + ": " + reason, {ADVICE});
   return Remote::DiscoveryService::_nil();
 }
 
@@ -325,7 +326,7 @@ int Connection::conclude(int exitCode) const
 {
   if ((exitCode != EXIT_FAILED && exitCode != EXIT_PARTLY) || answers())
     return exitCode;
-  complain("the service at " + m_place + " does not answer any more: " + m_lost + "\n" + ADVICE);
+  complain("the service at " + m_place + " does not answer any more: " + m_lost, {ADVICE});
   return exitCode == EXIT_FAILED ? EXIT_NOT_REACHABLE : exitCode;
 }
 

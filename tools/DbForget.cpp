@@ -330,8 +330,8 @@ int forget(ForgetOptions const& options)
   if (int const error = findDoomed(options, Wanted(options, type), doomed); error != 0)
   {
     complain("cannot read the database directory " + shown(*options.directory) + ": " +
-             errorText(error) +
-             "\nName another with --directory, or the product root with TESSARINE_ROOT.");
+                 errorText(error),
+             {"Name another with --directory, or the product root with TESSARINE_ROOT."});
     return EXIT_FAILED;
   }
   if (doomed.empty())

@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <iostream>
-#include <sstream>
 #include <unistd.h>
 
 namespace tqdiscoctl
@@ -80,13 +79,16 @@ void JsonArray::add(nlohmann::json const& value)
   m_empty = false;
 }
 
-void complain(std::string const& message) { remark("tqdiscoctl: " + message); }
+void complain(std::string const& message, std::initializer_list<std::string> more)
+{
+  remark("tqdiscoctl: " + message);
+  for (std::string const& line : more)
+    remark(line);
+}
 
 void remark(std::string const& text)
 {
-  std::istringstream lines(text);
-  for (std::string line; std::getline(lines, line);)
-    std::cerr << wrapped(shown(line), terminalWidth(STDERR_FILENO)) << '\n';
+  std::cerr << wrapped(shown(text), terminalWidth(STDERR_FILENO)) << '\n';
 }
 
 void tell(std::string const& message)
@@ -169,7 +171,7 @@ void Progress::paint()
   if (position.empty())
     position = formatSpan(
         std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - m_begin).count());
-  std::string const line = m_what + ": " + position;
+  std::string const line = shown(m_what + ": " + position);
   m_visible = true;
   // A line that wraps could not be taken back.
   std::cerr << "\r\033[K" << cutToWidth(line, terminalWidth(STDERR_FILENO) - 1) << std::flush;

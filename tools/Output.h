@@ -7,6 +7,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <initializer_list>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -45,8 +46,9 @@ private:
 // behind the first stand depth further in.
 std::string jsonText(nlohmann::json const& value, int indent, std::size_t depth = 0);
 
-// "tqdiscoctl: message" on standard error, fitted to a terminal.
-void complain(std::string const& message);
+// "tqdiscoctl: message" on standard error, fitted to a terminal, and lines of more
+// below it. Each is one line, whatever of somebody else's is in it.
+void complain(std::string const& message, std::initializer_list<std::string> more = {});
 
 // The same for what only those want to know who gave --verbose.
 void tell(std::string const& message);

@@ -125,8 +125,8 @@ bool checkPayload(PutOptions const& options, std::string const& payload)
   std::string reason;
   if (options.unchecked || isXml(payload, reason))
     return true;
-  complain("the payload is not well-formed XML: " + reason +
-           "\nReaders of items need XML; --unchecked stores it all the same.");
+  complain("the payload is not well-formed XML: " + reason,
+           {"Readers of items need XML; --unchecked stores it all the same."});
   return false;
 }
 

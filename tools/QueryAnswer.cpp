@@ -54,9 +54,9 @@ int QueryAnswer::complainNone(std::string const& query, bool quiet) const
   if (allKnown && !facts.empty() && calculated != unknown.end())
   {
     complain("the query cannot be answered: line " + std::to_string(calculated->place.line) +
-             ", column " + std::to_string(calculated->place.column) + ": nothing has a fact \"" +
-             shown(calculated->name) + "\" to calculate with\n  " + shown(query) +
-             "\n\"tqdiscoctl filters\" tells what can be asked for.");
+                 ", column " + std::to_string(calculated->place.column) +
+                 ": nothing has a fact \"" + shown(calculated->name) + "\" to calculate with",
+             {"  " + query, "\"tqdiscoctl filters\" tells what can be asked for."});
     return EXIT_USAGE;
   }
   if (quiet)

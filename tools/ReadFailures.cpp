@@ -24,8 +24,9 @@ bool parseWhere(std::string const& text, OzfQuery& query)
 {
   if (query.setQuery(text) == OzfQuery::QUERY_OK)
     return true;
-  complain("the query cannot be understood: " + query.lastError() + "\n  " + shown(text) +
-           "\nA query looks like this: size > 10G and (type = ext4 or type like \"nfs*\")");
+  complain(
+      "the query cannot be understood: " + query.lastError(),
+      {"  " + text, "A query looks like this: size > 10G and (type = ext4 or type like \"nfs*\")"});
   return false;
 }
 

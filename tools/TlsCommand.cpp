@@ -80,7 +80,7 @@ UniqueFd connectTo(Place const& place, Clock::time_point deadline, std::string& 
   return UniqueFd();
 }
 
-void say(std::string const& line) { std::cout << line << '\n'; }
+void say(std::string const& line) { std::cout << shown(line) << '\n'; }
 
 // A peer that refuses a certificate tells so when it has been asked something:
 // where the object of the service is.

@@ -15,6 +15,12 @@ bool isDisplayable(char32_t character) noexcept
   return !control && !separator && !direction && !nobodys;
 }
 
+std::string onOneLine(std::string_view text)
+{
+  return displayText(text, [](std::string& result, std::string_view bytes, char32_t)
+                     { appendHex(result, "\\x", bytes); });
+}
+
 void appendUnits(std::string& result, char32_t character)
 {
   auto const append = [&result](char32_t unit)

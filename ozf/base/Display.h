@@ -47,6 +47,9 @@ std::string displayText(std::string_view text, Escape escape)
   }
 }
 
+// The text on one line: what may not be shown, and what is no UTF-8, as \xNN.
+OZF_EXPORT std::string onOneLine(std::string_view text);
+
 // Appends the character as JSON writes one in a string that is not to stand there as
 // it is: \uXXXX, for one beyond 0xFFFF two of them.
 OZF_EXPORT void appendUnits(std::string& result, char32_t character);

@@ -1,7 +1,10 @@
 #include "ozf/base/Report.h"
 
+#include "ozf/base/Display.h"
+
 #include <atomic>
 #include <cstdio>
+#include <exception>
 
 namespace Quillon::Tessarine::Ozf
 {
@@ -10,7 +13,14 @@ namespace
 
 void reportToStderr(int level, char const* operation, std::string const& text)
 {
-  std::fprintf(stderr, "%d %s: %s\n", level, operation, text.c_str());
+  try
+  {
+    std::fprintf(stderr, "%d %s: %s\n", level, operation, onOneLine(text).c_str());
+  }
+  catch (std::exception const&)
+  {
+    std::fprintf(stderr, "%d %s: no memory for the report\n", level, operation);
+  }
 }
 
 std::atomic<ReportSink> installedSink{&reportToStderr};

@@ -42,14 +42,6 @@ spdlog::level::level_enum severity(int level)
   return level <= 4 ? spdlog::level::info : spdlog::level::debug;
 }
 
-// Log lines carry names from the network: whatever could break a line or
-// drive a terminal is spelled out.
-std::string onOneLine(std::string_view text)
-{
-  return displayText(text, [](std::string& result, std::string_view bytes, char32_t)
-                     { appendHex(result, "\\x", bytes); });
-}
-
 class FileSink : public spdlog::sinks::base_sink<spdlog::details::null_mutex>
 {
 public:

@@ -1,5 +1,17 @@
 # Completion of tqdiscoctl for bash.
 
+# What a service tells is anybody's text. It is offered as a word of the command line
+# that stands for nothing but itself, and never as a list for "compgen -W", which
+# would expand it. Names that JSON has to escape are left out.
+_tqdiscoctl_offer()
+{
+  local name
+  COMPREPLY=()
+  while IFS= read -r name; do
+    [[ $name != "$current"* || $name == *\\* ]] || COMPREPLY+=("$(printf %q "$name")")
+  done < <("$@")
+}
+
 # The values of a member of the records that the service lists, which is asked
 # for no longer than somebody at a terminal waits.
 _tqdiscoctl_ask()
@@ -68,15 +80,15 @@ _tqdiscoctl()
       return
       ;;
     -s | --subject | --host)
-      mapfile -t COMPREPLY < <(compgen -W "$(_tqdiscoctl_ask subject)" -- "$current")
+      _tqdiscoctl_offer _tqdiscoctl_ask subject
       return
       ;;
     -a | --authority)
-      mapfile -t COMPREPLY < <(compgen -W "$(_tqdiscoctl_ask authority)" -- "$current")
+      _tqdiscoctl_offer _tqdiscoctl_ask authority
       return
       ;;
     -c | --columns | --sort | -w | --where)
-      mapfile -t COMPREPLY < <(compgen -W "$(_tqdiscoctl_facts)" -- "$current")
+      _tqdiscoctl_offer _tqdiscoctl_facts
       return
       ;;
     -m | --master)
@@ -105,10 +117,10 @@ _tqdiscoctl()
   if [[ $current != -* ]]; then
     case $command:$names in
       show:0 | filters:0 | put:0)
-        mapfile -t COMPREPLY < <(compgen -W "$(_tqdiscoctl_ask subject)" -- "$current")
+        _tqdiscoctl_offer _tqdiscoctl_ask subject
         ;;
       show:1 | filters:1 | put:1)
-        mapfile -t COMPREPLY < <(compgen -W "$(_tqdiscoctl_ask authority)" -- "$current")
+        _tqdiscoctl_offer _tqdiscoctl_ask authority
         ;;
     esac
     ((${#COMPREPLY[@]} == 0)) || return

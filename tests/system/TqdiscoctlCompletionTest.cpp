@@ -70,6 +70,22 @@ TEST_F(TqdiscoctlCompletionTest, offersHostsAuthoritiesAndFacts)
             (Offered{"disks", "racks"}));
 }
 
+// Pressing the tab key must not run what somebody has stored.
+TEST_F(TqdiscoctlCompletionTest, whatIsStoredIsNoCommand)
+{
+  std::string const touched = m_service / "touched";
+  std::string const command = "$(touch " + touched + ")";
+  for (std::string const& subject : {command, "x`touch " + touched + "`", std::string("two words"),
+                                     std::string("~root"), std::string("a;b")})
+    store(subject, "racks", "<DiscoveredItems/>");
+  Offered const offered = completed({"show", ""});
+  EXPECT_FALSE(std::filesystem::exists(touched));
+  EXPECT_EQ(offered,
+            (Offered{"web1", "web2", "\\$\\(touch\\ " + touched + "\\)",
+                     "x\\`touch\\ " + touched + "\\`", "two\\ words", "\\~root", "a\\;b"}));
+  EXPECT_EQ(completed({"show", "two"}), Offered{"two\\ words"});
+}
+
 TEST_F(TqdiscoctlCompletionTest, doesNotWaitForAServiceThatHangs)
 {
   m_service.process().freeze();
