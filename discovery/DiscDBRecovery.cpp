@@ -55,6 +55,13 @@ bool takePlace(std::string const& directory, OzfPathname const& temporary,
   MetadataGuard const guard(path.str());
   UniqueFd fd(::open(path.c_str(), O_RDWR | DATABASE_FILE_FLAGS));
   if (!fd.valid())
+    logIfLink(path.str(), errno, SETUP);
+  struct stat status
+  {
+  };
+  // It is going to be written to.
+  if (!fd.valid() ||
+      (::fstat(fd.get(), &status) == 0 && !isDatabaseFile(status, path.str(), SETUP)))
     return false;
   HeldFile const file(new ACE_File_Lock(fd.release(), false));
   // A reader keeps us from writing, but is not harmed by the right payload.

@@ -57,11 +57,22 @@ bool isUsable(std::string const& path, bool existed)
   };
   if (!directory.valid() || ::fstat(directory.get(), &status) != 0)
     return true;
-  if (existed)
-    closeToOthers(path, directory.get(), status);
   std::string reason;
-  if (isOnlyOurs(path, status, reason))
-    return true;
+  // Whose link it is decides where it leads.
+  struct stat link
+  {
+  };
+  bool const isStrangersLink = ::lstat(path.c_str(), &link) == 0 && S_ISLNK(link.st_mode) &&
+                               link.st_uid != 0 && link.st_uid != ::geteuid();
+  if (isStrangersLink)
+    reason = path + " is a link of user " + std::to_string(link.st_uid);
+  else
+  {
+    if (existed)
+      closeToOthers(path, directory.get(), status);
+    if (isOnlyOurs(path, status, reason))
+      return true;
+  }
   OZF_LOG(getOzfLogger(), 1, SOURCE, SETUP, "Refused the database directory: " << reason);
   return false;
 }

@@ -107,6 +107,7 @@ constexpr KeyRule RULES[] = {
     {TLS_KEYS.certificate, Occurs::Once, isPath, "an absolute path"},
     {TLS_KEYS.key, Occurs::Once, isPath, "an absolute path"},
     {TLS_KEYS.authorities, Occurs::Once, isPath, "an absolute path"},
+    {CORE_DUMPS_KEY, Occurs::Once, isBoolean, "true, yes, on, 1, false, no, off and 0"},
     {COLLECTION_PAGE_SIZE_KEY},
     {COLLECTION_WRITE_SIZE_KEY},
     {DISCOVERY_PAGE_SIZE_KEY},

@@ -48,6 +48,9 @@ struct TlsKeys
 };
 inline constexpr TlsKeys TLS_KEYS{"TLS", "TLS_CERTIFICATE", "TLS_KEY", "TLS_CA"};
 
+// Whether a crash may leave the key of TLS behind.
+inline constexpr char CORE_DUMPS_KEY[] = "CORE_DUMPS";
+
 // Bytes a page that this host asks for; zero: nothing is asked for.
 inline constexpr IntegerKey COLLECTION_PAGE_SIZE_KEY{"COLLECTION_PAGE_SIZE", 1, MOST_OF_32_BITS, 0};
 

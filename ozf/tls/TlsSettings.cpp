@@ -35,6 +35,7 @@ bool TlsSettings::read(Configuration const& configuration, std::string& error)
     }
     *file.path = *path;
   }
+  configuration.getBoolean(CORE_DUMPS_KEY, false, coreDumps);
   mode = *word == "both" ? TlsMode::BOTH : TlsMode::ONLY;
   return true;
 }

@@ -1,5 +1,5 @@
 // What the configuration says of TLS: the keys TLS, TLS_CERTIFICATE, TLS_KEY and
-// TLS_CA.
+// TLS_CA, and CORE_DUMPS.
 
 #pragma once
 
@@ -25,6 +25,7 @@ struct OZF_EXPORT TlsSettings
   std::string certificate; // paths of files in PEM format
   std::string key;
   std::string authorities;
+  bool coreDumps = false; // although the key would be in them
 
   // False, with the reason in error, when the mode is none of the three or a file
   // is not named although TLS is on. Nothing is read but the configuration.

@@ -145,6 +145,9 @@ TEST_F(InstalledTreeTest, thePrefixHoldsForEverything)
     EXPECT_EQ(entry.path().filename(), "opt");
   EXPECT_TRUE(fs::exists(prefix() + "/kestrel/tessarine/lib/libtqexplorer.so"));
   EXPECT_TRUE(fs::exists(prefix() + "/kestrel/tessarine/etc/tq.conf.sample"));
+  // Whoever makes a configuration of it copies this, too.
+  EXPECT_EQ(fs::status(prefix() + "/kestrel/tessarine/etc/tq.conf.sample").permissions(),
+            fs::perms(0640));
   EXPECT_THAT(readText(prefix() + "/lib/systemd/system/tqdisco.service"),
               HasSubstr(std::string("ExecStart=") + PREFIX + "/bin/tqdisco\n"));
 }

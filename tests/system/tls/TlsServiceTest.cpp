@@ -4,6 +4,8 @@
 #include "tests/support/LiveService.h"
 
 #include <gmock/gmock.h>
+
+#include <sys/resource.h>
 #include <openssl/ssl.h>
 
 namespace
@@ -134,6 +136,33 @@ TEST_F(TlsServiceTest, theAuditLogHasTheNamesOfThePeersCertificateAndTheRefusedP
       records,
       HasSubstr("\"operation\":\"connect\",\"subject\":\"\",\"authority\":\"\","
                 "\"result\":\"refused: it does not speak TLS, which TLS = only asks for\"}"));
+}
+
+TEST_F(TlsServiceTest, aCrashLeavesTheKeyBehindOnlyWhereThatIsWanted)
+{
+  rlimit limit{};
+  ASSERT_EQ(getrlimit(RLIMIT_CORE, &limit), 0);
+  limit.rlim_cur = limit.rlim_max;
+  ASSERT_EQ(setrlimit(RLIMIT_CORE, &limit), 0);
+  configure("");
+  ASSERT_TRUE(m_service.start()) << m_service.log();
+  std::string const process = "/proc/" + std::to_string(m_service.process().pid());
+  // What a core holds, and how large it may be.
+  auto const core = [&]
+  {
+    rlimit now{};
+    EXPECT_EQ(prlimit(m_service.process().pid(), RLIMIT_CORE, nullptr, &now), 0);
+    return readText(process + "/coredump_filter") + std::to_string(now.rlim_cur);
+  };
+  std::string const before = core();
+  ASSERT_NE(before.substr(0, 9), "00000000\n");
+  configure("only");
+  reload("Took the certificate ");
+  EXPECT_EQ(core(), "00000000\n0");
+  m_service.configure(tlsLines("both", m_files.path(), "service") + "CORE_DUMPS = yes\n");
+  m_service.process().sendSignal(SIGHUP);
+  EXPECT_TRUE(eventually([&] { return core() == before; })) << core();
+  EXPECT_EQ(m_service.stop(), 0) << m_service.log();
 }
 
 TEST_F(TlsServiceTest, theModeAndTheCertificateAreTakenAtAReload)

@@ -114,6 +114,18 @@ protected:
 
 } // namespace
 
+TEST_F(Pending, MetadataThatSomebodyPlantedIsNotWrittenTo)
+{
+  ASSERT_EQ(DS_SUCCESS, ready("old", 0)->persist());
+  ASSERT_TRUE(endBeforeTheRename("new"));
+  TempDir elsewhere;
+  fs::create_hard_link(m_path, elsewhere / "secret");
+  LogCapture log;
+  expectDeleted();
+  EXPECT_EQ(0, log.count(1, SETUP_DB, "Finished what was left half done"));
+  EXPECT_EQ("old", readText(m_data));
+}
+
 TEST_F(Pending, AfterAProcessEndedAnywhereTheNextStartFindsPairsThatBelongTogether)
 {
   for (std::size_t const oldSize : {0U, 300U})

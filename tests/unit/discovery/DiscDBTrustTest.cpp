@@ -152,6 +152,37 @@ TEST_F(Trust, ALockFileBehindALinkIsNoLock)
       << log.text();
 }
 
+TEST_F(Trust, ALockFileOfASecondNameOrThatIsNoFileIsNoLock)
+{
+  giveASecondName("Update.lock");
+  std::string const path = m_db / "Update.lock";
+  LogCapture log;
+  EXPECT_FALSE(CleanupLock(m_db.path().c_str(), CleanupLock::SHARED).isLocked());
+  EXPECT_EQ(1, log.count(1, "CleanupLock::CleanupLock",
+                         "Refused " + path + ": has 2 names, as a file of the database has not"))
+      << log.text();
+  fs::remove(path);
+  ASSERT_EQ(0, mkfifo(path.c_str(), 0600));
+  EXPECT_FALSE(CleanupLock(m_db.path().c_str(), CleanupLock::SHARED).isLocked());
+  EXPECT_EQ(1, log.count(1, "CleanupLock::CleanupLock", "Not a regular file: " + path))
+      << log.text();
+}
+
+TEST_F(Trust, ATemporaryNameThatIsALinkIsWrittenAndFollowedByNobody)
+{
+  writeText(m_elsewhere / "kept", "kept");
+  fs::create_symlink(m_elsewhere / "kept", m_db / "0.updating");
+  fs::create_symlink(m_elsewhere / "made", m_db / "1.updating");
+  fs::create_hard_link(m_elsewhere / "kept", m_db / "2.updating");
+  EXPECT_EQ(DS_SUCCESS, store(m_db.path(), "a", "s", 9, "new"));
+  EXPECT_EQ("new", payloadOf(*get()));
+  getDiscoveryDBDatabase()->setupDB();
+  EXPECT_EQ("kept", readText(m_elsewhere / "kept"));
+  EXPECT_FALSE(fs::exists(m_elsewhere / "made"));
+  for (char const* const name : {"0.updating", "1.updating", "2.updating"})
+    EXPECT_FALSE(fs::is_symlink(m_db / name) || fs::exists(m_db / name)) << name;
+}
+
 TEST_F(Trust, FilesOfAnotherUserAreRefused)
 {
   if (geteuid() != 0)
@@ -183,6 +214,31 @@ TEST_F(TrustedDirectory, OneThatIsThereIsClosedToOthersWithALine)
   DiscoveryDBCreator second;
   second.init("");
   EXPECT_EQ("", again.text()) << "once is enough";
+}
+
+TEST_F(TrustedDirectory, ALinkOfAnotherUserIsNotFollowed)
+{
+  fs::create_directories(m_root / "elsewhere");
+  fs::permissions(m_root / "elsewhere", fs::perms(0755));
+  fs::create_directory(m_root / "db");
+  fs::create_symlink(m_root / "elsewhere", m_directory);
+  DiscoveryDBCreator own;
+  own.init("");
+  EXPECT_EQ(m_directory, own.getDirectory()) << "the administrator's own link";
+  EXPECT_EQ(0750u, modeOf(m_root / "elsewhere"));
+  if (geteuid() != 0)
+    GTEST_SKIP() << "only root can give the link away";
+  fs::permissions(m_root / "elsewhere", fs::perms(0755));
+  ASSERT_EQ(0, lchown(m_directory.c_str(), 12345, 12345));
+  LogCapture log;
+  DiscoveryDBCreator creator;
+  creator.init("");
+  EXPECT_EQ(
+      1, log.count(1, "DiscoveryDBCreator::setupDB",
+                   "Refused the database directory: " + m_directory + " is a link of user 12345"))
+      << log.text();
+  EXPECT_EQ(0755u, modeOf(m_root / "elsewhere")) << "nothing there is touched";
+  EXPECT_NE(DS_SUCCESS, store(creator.getDirectory(), "a", "s", 1, "x"));
 }
 
 TEST_F(TrustedDirectory, OneThatOthersMayWriteToIsRefused)
