@@ -182,6 +182,60 @@ TEST_F(ConnectionLimitsTest, WhoAsksTooOftenWaitsThenIsRefusedAndOthersAreAsQuic
   expectStops();
 }
 
+// Two calls wait for a host that takes connections and answers nothing.
+TEST_F(ConnectionLimitsTest, OfAnAddressSoManyCallsAreInProgressAndOthersAreServed)
+{
+  constexpr char SILENT[] = "127.0.7.9";
+  start("LIMIT_PEER_CALLS = 2\nHOST_ADDRESS.silent = " + std::string(SILENT) + "\n");
+  int silent = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in name{};
+  name.sin_family = AF_INET;
+  name.sin_addr.s_addr = inet_addr(SILENT);
+  name.sin_port = htons(m_service.port());
+  ASSERT_EQ(bind(silent, reinterpret_cast<sockaddr*>(&name), sizeof name), 0);
+  ASSERT_EQ(listen(silent, 8), 0);
+  connect();
+  (*m_client)->registerExplorer("silent", "DiscoveryService", "subject", "volume",
+                                client::AT_EXTSRC, 1);
+  std::vector<std::thread> callers;
+  for (int i = 0; i < 2; ++i)
+    callers.emplace_back(
+        [this]
+        {
+          client::Remote::CollectionDataIterator_var data;
+          auto record = client::makeRecord("subject", "volume");
+          record.authType = client::AT_EXTSRC;
+          EXPECT_EQ((*m_client)->getCollectionData(record, "", data.out()), client::DS_OPEN_FAILED);
+        });
+  std::vector<int> asked;
+  std::atomic<bool> isServed{false};
+  auto const isAskedTwice = [&]
+  {
+    if (pollfd wait{silent, POLLIN, 0}; poll(&wait, 1, 0) == 1)
+      asked.push_back(accept(silent, nullptr, nullptr));
+    return asked.size() == 2;
+  };
+  EXPECT_TRUE(eventually(isAskedTwice)) << m_service.log();
+  callers.emplace_back(
+      [&]
+      {
+        (*m_client)->_non_existent();
+        isServed = true;
+      });
+  EXPECT_TRUE(m_service.process().awaitError(
+      "Kept a request of 127.0.7.1 waiting: 2 of its calls are in progress"))
+      << m_service.log();
+  expectOthersAreServed();
+  EXPECT_FALSE(isServed);
+  asked.push_back(silent);
+  for (int const socket : asked)
+    close(socket);
+  for (auto& caller : callers)
+    caller.join();
+  EXPECT_TRUE(isServed);
+  expectStops();
+}
+
 TEST_F(ConnectionLimitsTest, WithoutALimitNobodyIsRefused)
 {
   start("");
