@@ -131,6 +131,16 @@ WatchLimits watchLimits()
   return limits;
 }
 
+// Connections of one address may leave half of the descriptors; those that have not
+// proven who they are leave half of these, and of one address half of that again.
+HandshakeLimits handshakeLimits(rlim_t descriptors)
+{
+  HandshakeLimits limits;
+  limits.all = std::min(limits.all, static_cast<std::size_t>(descriptors / 4));
+  limits.ofAddress = std::min(limits.ofAddress, static_cast<std::size_t>(descriptors / 8));
+  return limits;
+}
+
 class Endpoint final : public omni::giopEndpoint
 {
 public:
@@ -330,7 +340,8 @@ void Endpoint::beginHandshake(UniqueFd descriptor, std::string address,
       return;
     }
     if (!m_handshakes)
-      m_handshakes = std::make_unique<Handshakes>([this] { m_listener->interrupt(); });
+      m_handshakes = std::make_unique<Handshakes>([this] { m_listener->interrupt(); },
+                                                  handshakeLimits(limit.rlim_cur));
     m_handshakes->begin(std::move(descriptor), std::move(address), std::move(context));
   }
   catch (std::exception const& exception)

@@ -2,8 +2,6 @@
 
 #pragma once
 
-#include "tests/support/TempDir.h"
-
 #include <openssl/ec.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
@@ -13,6 +11,7 @@
 
 #include <cstdio>
 #include <memory>
+#include <stdexcept>
 #include <string>
 
 namespace tqtest
@@ -71,7 +70,7 @@ private:
     std::FILE* const file = std::fopen(fresh.c_str(), "w");
     if (file == nullptr || content(file) != 1 || std::fclose(file) != 0 ||
         chmod(fresh.c_str(), 0600) != 0 || std::rename(fresh.c_str(), path.c_str()) != 0)
-      ADD_FAILURE() << "cannot write " << path;
+      throw std::runtime_error("cannot write " + path);
   }
 
   void extend(X509* certificate, int which, std::string const& value) const
@@ -85,7 +84,7 @@ private:
     std::unique_ptr<X509_EXTENSION, decltype(&X509_EXTENSION_free)> const extension(
         X509V3_EXT_conf_nid(nullptr, &context, which, value.c_str()), X509_EXTENSION_free);
     if (!extension || X509_add_ext(certificate, extension.get(), -1) != 1)
-      ADD_FAILURE() << "no such extension: " << value;
+      throw std::runtime_error("no such extension: " + value);
   }
 
   static void nameAs(X509* certificate, std::string const& bytes)
@@ -98,7 +97,7 @@ private:
     GENERAL_NAME_set0_value(name, GEN_DNS, text);
     sk_GENERAL_NAME_push(names.get(), name);
     if (X509_add1_ext_i2d(certificate, NID_subject_alt_name, names.get(), 0, 0) != 1)
-      ADD_FAILURE() << "no such name";
+      throw std::runtime_error("no such name");
   }
 
   Made make(Wish const& wish, EVP_PKEY* key, bool isAuthority)
@@ -123,7 +122,7 @@ private:
       nameAs(certificate, wish.hostName);
     extend(certificate, NID_ext_key_usage, wish.usage);
     if (X509_sign(certificate, m_key.get(), EVP_sha256()) == 0)
-      ADD_FAILURE() << "cannot sign the certificate of " << wish.commonName;
+      throw std::runtime_error("cannot sign the certificate of " + wish.commonName);
     return made;
   }
 

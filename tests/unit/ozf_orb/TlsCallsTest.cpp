@@ -368,6 +368,21 @@ TEST_F(TlsCallsTest, aReferenceFromAPeerLeadsToNoCallWithoutTls)
   EXPECT_EQ(answered.get(), "TRANSIENT");
 }
 
+TEST_F(TlsCallsTest, aHostThatDoesNotShakeHandsCostsThreeSeconds)
+{
+  call(lines("client"));
+  BoundSocket const silent("127.0.0.1", true);
+  OrbTest::Probe_var const probe = fromPeer("127.0.0.1", silent.port());
+  auto const begin = std::chrono::steady_clock::now();
+  LogCapture log(1);
+  EXPECT_EQ(answerOf(probe), "TRANSIENT");
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(8));
+  EXPECT_TRUE(log.has(1, "proveServer",
+                      "Ended the connection to 127.0.0.1 before any call: it does not go on with "
+                      "the handshake"))
+      << log.text();
+}
+
 TEST_F(TlsCallsTest, aHostOfVersion6IsProvenByItsAddressAndByTheNameThatIsGivenIt)
 {
   for (char const* const names : {"IP:::1", "DNS:backup6"})

@@ -5,6 +5,7 @@
 #include "ozf/tls/RareLines.h"
 #include "tests/support/Certificates.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
 
 #include <gtest/gtest.h>
 #include <poll.h>

@@ -3,6 +3,7 @@
 #include "ozf/base/SystemError.h"
 #include "ozf/tls/TlsChannel.h"
 #include "tests/support/Certificates.h"
+#include "tests/support/TempDir.h"
 
 #include <gmock/gmock.h>
 #include <openssl/err.h>

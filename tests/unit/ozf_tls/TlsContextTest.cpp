@@ -5,6 +5,7 @@
 #include "ozf/tls/HostProof.h"
 #include "tests/support/Certificates.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
 
 #include <gmock/gmock.h>
 
@@ -234,6 +235,13 @@ TEST_F(TlsContextTest, anAddressIsProvenByANameThatIsGivenThatAddress)
   EXPECT_TRUE(isProvenHost(local, "127.0.0.1", reason));
   EXPECT_FALSE(isProvenHost(local, "192.0.2.7", reason));
   EXPECT_EQ(reason, "the certificate of 192.0.2.7 (backup1) is for localhost");
+  // The resolver has another opinion, and is not asked.
+  writeText(m_files / "etc/tq.conf", "HOST_ADDRESS.backup1 = 127.0.0.1\n");
+  reloadConfiguration();
+  EXPECT_FALSE(isProvenHost(local, "127.0.0.1", reason));
+  EXPECT_EQ(reason, "the certificate of 127.0.0.1 (backup1) is for localhost");
+  wish.names = "DNS:127.0.0.2.";
+  EXPECT_FALSE(isProvenHost(issued(wish), "127.0.0.2", reason)) << "an address is no name";
 }
 
 TEST_F(TlsContextTest, aCertificateThatEndsIsToldOnceADayFromThirtyDaysAhead)
