@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <optional>
 #include <set>
 
 namespace tqtest
@@ -65,10 +66,20 @@ FleetHost::FleetHost(FleetNetwork& network, std::size_t number, std::string name
   addLibrary(TQ_FIXTURE_DIR "/libdiscovery_fleet.so", m_root / "lib/plugins/libtqplugin-fleet.so");
 }
 
-void FleetHost::configure(std::string const& entries)
+void FleetHost::configure(std::string const& entries, CertificateAuthority* authority)
 {
-  writeText(m_root / "etc/tq.conf", "CLIENT_NAME = " + m_name + "\nORB_BIND = " + address() +
-                                        "\nLOG_LEVEL = 4\n" + entries);
+  std::string lines =
+      "CLIENT_NAME = " + m_name + "\nORB_BIND = " + address() + "\nLOG_LEVEL = 4\n" + entries;
+  if (authority != nullptr)
+  {
+    Wish wish;
+    wish.commonName = m_name;
+    wish.names = "DNS:" + m_name;
+    authority->issue(m_root / "etc", "host", wish);
+    authority->writeTo(m_root / "etc/ca.pem");
+    lines += tlsLines("only", m_root / "etc", "host");
+  }
+  writeText(m_root / "etc/tq.conf", lines);
 }
 
 void FleetHost::launch(Process::Environment const& more)
@@ -135,8 +146,11 @@ std::vector<std::string> FleetHost::notes(std::string const& file) const
 
 // ---- all of them ----
 
-Fleet::Fleet(std::unique_ptr<FleetNetwork> network) : m_network(std::move(network))
+Fleet::Fleet(std::unique_ptr<FleetNetwork> network, Trust trust) : m_network(std::move(network))
 {
+  std::optional<CertificateAuthority> authority;
+  if (trust == PROVEN)
+    authority.emplace();
   std::string entries = std::string("SERVER = ") + MASTER +
                         "\nORB_PORT.DiscoveryService = " + std::to_string(freePortOf(*m_network)) +
                         '\n';
@@ -146,7 +160,7 @@ Fleet::Fleet(std::unique_ptr<FleetNetwork> network) : m_network(std::move(networ
     entries += "HOST_ADDRESS." + m_hosts[i]->name() + " = " + m_hosts[i]->address() + '\n';
   }
   for (auto const& host : m_hosts)
-    host->configure(entries);
+    host->configure(entries, authority ? &*authority : nullptr);
 }
 
 FleetHost& Fleet::operator[](std::string const& name)

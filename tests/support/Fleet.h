@@ -8,6 +8,7 @@
 
 #pragma once
 
+#include "tests/support/Certificates.h"
 #include "tests/support/FleetNetwork.h"
 #include "tests/support/LiveService.h"
 
@@ -23,8 +24,10 @@ public:
 
   FleetHost(FleetNetwork& network, std::size_t number, std::string name);
 
-  // Writes the configuration; entries are lines beside those of the host.
-  void configure(std::string const& entries);
+  // Writes the configuration; entries are lines beside those of the host. With an
+  // authority the host takes and makes calls with TLS alone, by a certificate for its
+  // name.
+  void configure(std::string const& entries, CertificateAuthority* authority);
 
   // Starts the service; the log begins anew.
   void launch(Process::Environment const& more = {});
@@ -83,7 +86,13 @@ public:
   static constexpr char const* WEB = "95web";
   static constexpr char const* LAST = "96last";
 
-  explicit Fleet(std::unique_ptr<FleetNetwork> network);
+  enum Trust
+  {
+    EVERYBODY,
+    PROVEN // those with a certificate of the fleet's authority
+  };
+
+  explicit Fleet(std::unique_ptr<FleetNetwork> network, Trust trust = EVERYBODY);
 
   FleetHost& operator[](std::string const& name);
   FleetHost& master() { return (*this)[MASTER]; }

@@ -1,4 +1,4 @@
-// The two forms in which every test of a fleet runs.
+// The forms in which every test of a fleet runs.
 
 #pragma once
 
@@ -15,11 +15,23 @@ namespace tqtest
 enum class Form
 {
   LOOPBACK,
-  NAMESPACES
+  NAMESPACES,
+  TLS // on loopback; nobody is called, or answered, without a certificate
 };
 
 // As the names of the tests have it.
-inline std::string nameOf(Form form) { return form == Form::LOOPBACK ? "loopback" : "namespaces"; }
+inline std::string nameOf(Form form)
+{
+  switch (form)
+  {
+  case Form::LOOPBACK:
+    return "loopback";
+  case Form::NAMESPACES:
+    return "namespaces";
+  default:
+    return "tls";
+  }
+}
 inline void PrintTo(Form form, std::ostream* out) { *out << nameOf(form); }
 
 class FleetTest : public testing::TestWithParam<Form>
@@ -32,10 +44,11 @@ protected:
   void SetUp() override
   {
     std::string reason;
-    auto network = GetParam() == Form::LOOPBACK ? makeLoopbackNetwork()
-                                                : makeNamespaceNetwork(Fleet::HOSTS, reason);
+    auto network = GetParam() == Form::NAMESPACES ? makeNamespaceNetwork(Fleet::HOSTS, reason)
+                                                  : makeLoopbackNetwork();
     if (network)
-      m_fleet = std::make_unique<Fleet>(std::move(network));
+      m_fleet = std::make_unique<Fleet>(std::move(network),
+                                        GetParam() == Form::TLS ? Fleet::PROVEN : Fleet::EVERYBODY);
     else
       std::cout << "Not run: " << reason << ". The same test on loopback stands in.\n";
   }
@@ -89,5 +102,6 @@ protected:
 } // namespace tqtest
 
 #define TQ_FLEET_FORMS(suite)                                                                      \
-  INSTANTIATE_TEST_SUITE_P(Fleet, suite, testing::Values(Form::LOOPBACK, Form::NAMESPACES),        \
+  INSTANTIATE_TEST_SUITE_P(Fleet, suite,                                                           \
+                           testing::Values(Form::LOOPBACK, Form::NAMESPACES, Form::TLS),           \
                            [](auto const& form) { return nameOf(form.param); })
