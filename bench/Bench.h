@@ -75,5 +75,6 @@ std::vector<Row> benchList(Settings const& settings);
 std::vector<Row> benchIdleConnections(Settings const& settings);
 std::vector<Row> benchScale(Settings const& settings);
 std::vector<Row> benchServiceMemory(Settings const& settings);
+std::vector<Row> benchTls(Settings const& settings);
 
 } // namespace tqbench
