@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <array>
 #include <limits>
 #include <new>
 
@@ -23,6 +24,7 @@ namespace
 constexpr int NO_BYTE = -1;
 constexpr int RECORD_OF_ALERT = 0x15;
 constexpr int RECORD_OF_HANDSHAKE = 0x16;
+constexpr int MOST_OF_FIRST = 16384;
 constexpr char CLOSED[] = "it closed the connection";
 
 // False when the time ran out.
@@ -67,6 +69,12 @@ struct TlsChannel::Wire
     auto const got = recv(wire.descriptor, data, static_cast<std::size_t>(size), MSG_DONTWAIT);
     if (got > 0 && wire.firstByte == NO_BYTE)
       wire.firstByte = static_cast<unsigned char>(*data);
+    if (got > 0 && !wire.isModest(data, static_cast<std::size_t>(got)))
+    {
+      wire.ended = true;
+      wire.failure = EMSGSIZE;
+      return -1;
+    }
     if (got < 0 && (errno == EAGAIN || errno == EINTR))
       BIO_set_retry_read(bio);
     else if (got <= 0)
@@ -75,6 +83,19 @@ struct TlsChannel::Wire
       wire.failure = got == 0 ? 0 : errno;
     }
     return static_cast<int>(got);
+  }
+
+  // Whether the first message, as far as it has come, is of no more than a record:
+  // OpenSSL takes the memory for what a message says it is at once, 170 KB at most,
+  // from whoever connects.
+  bool isModest(char const* data, std::size_t size)
+  {
+    std::size_t const taken = std::min(size, start.size() - started);
+    std::copy_n(data, taken, start.begin() + static_cast<std::ptrdiff_t>(started));
+    started += taken;
+    // Behind the header of the record and the kind of the message, its length.
+    return started < start.size() || start[0] != RECORD_OF_HANDSHAKE ||
+           start[6] * 65536 + start[7] * 256 + start[8] <= MOST_OF_FIRST;
   }
 
   static int write(BIO* bio, char const* data, int size)
@@ -135,6 +156,8 @@ struct TlsChannel::Wire
 
   int const descriptor;
   int firstByte = NO_BYTE;
+  std::array<unsigned char, 9> start{};
+  std::size_t started = 0; // of them have come
   bool ended = false;
   int failure = 0; // why it ended; 0 when the peer closed it
   int refusal = X509_V_OK;

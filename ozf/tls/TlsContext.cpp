@@ -22,6 +22,10 @@ namespace
 // Of TLS 1.2, those with keys of the connection's own and without known flaws.
 constexpr char CIPHERS[] = "ECDHE+AESGCM:ECDHE+CHACHA20";
 
+// Bytes of all certificates that a peer shows, for which memory is taken before
+// anything about it is known.
+constexpr long MOST_OF_CHAIN = 32768;
+
 // A key that needs a password would have it asked for at the terminal.
 int givePassword(char*, int, int, void*) { return 0; }
 
@@ -100,6 +104,7 @@ bool TlsContext::load(std::string& error)
   // One record at a time: a peer that sends messages of TLS itself and no data would
   // otherwise keep whoever reads, and with him everybody whom he reads from.
   SSL_CTX_clear_mode(context, SSL_MODE_AUTO_RETRY);
+  SSL_CTX_set_max_cert_list(context, MOST_OF_CHAIN);
   SSL_CTX_set_default_passwd_cb(context, givePassword);
   SSL_CTX_set_verify(context, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
 

@@ -87,6 +87,16 @@ TEST_F(HandshakesTest, aPeerThatStopsInTheMiddleIsEndedAsWell)
   EXPECT_TRUE(isEnded(stalled, 20000));
 }
 
+// What it says that it will send takes memory at once.
+TEST_F(HandshakesTest, aPeerThatBeginsAnEndlessMessageIsEndedAtOnce)
+{
+  UniqueFd const endless = connectFrom("127.0.0.1");
+  unsigned char const begun[] = {0x16, 3, 1, 0, 4, 1, 1, 0xff, 0xb0};
+  ASSERT_EQ(send(endless.get(), begun, sizeof begun, MSG_NOSIGNAL),
+            static_cast<ssize_t>(sizeof begun));
+  EXPECT_TRUE(isEnded(endless, 1500));
+}
+
 TEST_F(HandshakesTest, aThousandPeersThatNeverShakeHandsKeepNobodyWaiting)
 {
   std::vector<UniqueFd> silent;
