@@ -22,8 +22,8 @@
 // whose own rights changed. Whether the path still names the directory watched is
 // asked at each update, because a folder above it may have been renamed. Where
 // changes cannot be followed at all, the caller walks the directory as those
-// do who have no index: file systems that other machines write to, no right, or
-// no watch left.
+// do who have no index: file systems that other machines write to, directories
+// in which letter case does not count, no right, or no watch left.
 //
 // Changes that nobody is told of: those made through a mapping in memory or by
 // asynchronous output (aio), and what is done by way of a second name of a file,
@@ -47,10 +47,12 @@
 #include "ozf/base/WakeUp.h"
 
 #include <fcntl.h>
+#include <linux/fs.h>
 #include <linux/magic.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <dirent.h>
@@ -99,8 +101,10 @@ bool hasExpired(std::optional<CollectionAttributes> const& attributes, OzfObjTim
 
 } // namespace
 
-bool DiscoveryIndex::tellsChanges(std::uint64_t fileSystem)
+bool DiscoveryIndex::tellsChanges(std::uint64_t fileSystem, unsigned flags)
 {
+  if ((flags & FS_CASEFOLD_FL) != 0)
+    return false; // a notice may have the name in other letters than the directory
   switch (fileSystem)
   {
   case EXT4_SUPER_MAGIC: // and those before it
@@ -254,7 +258,10 @@ bool DiscoveryIndex::begin()
   std::string const opened = "/proc/self/fd/" + std::to_string(directory.get());
   if (::fstat(directory.get(), &status) != 0 || ::statfs(opened.c_str(), &fileSystem) != 0)
     return unavailable(m_directory + " cannot be examined: " + errorText(errno));
-  if (!tellsChanges(static_cast<std::uint64_t>(fileSystem.f_type) & 0xFFFFFFFF))
+  int flags = 0; // and so where there are none
+  ::ioctl(directory.get(), FS_IOC_GETFLAGS, &flags);
+  if (!tellsChanges(static_cast<std::uint64_t>(fileSystem.f_type) & 0xFFFFFFFF,
+                    static_cast<unsigned>(flags)))
     return unavailable("the file system of " + m_directory +
                        " is none whose changes are all told here");
 

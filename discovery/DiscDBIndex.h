@@ -74,9 +74,10 @@ public:
   // That there is no such file. Nothing if it was changed since.
   void learnAbsent(Unread const& unread);
 
-  // Whether every change to the files of such a file system (statfs) passes
-  // through this system, and is told.
-  static bool tellsChanges(std::uint64_t fileSystem);
+  // Whether every change to the files of a directory of such a file system (statfs),
+  // with such flags (FS_IOC_GETFLAGS), passes through this system and is told by
+  // the file's own name.
+  static bool tellsChanges(std::uint64_t fileSystem, unsigned flags);
 
 private:
   struct Entry

@@ -77,6 +77,24 @@ TEST_F(IndexedDatabase, WhatAnAdministratorDoesWithFilesShowsAtOnce)
   EXPECT_EQ((ListedSubjects{"d"}), subjects());
 }
 
+// Not by its time stamps is a file known to have changed.
+TEST_F(IndexedDatabase, ARewriteOfTheSameSizeAndTimeShows)
+{
+  put("a");
+  EXPECT_EQ(ListedSubjects{"a"}, subjects());
+  struct stat before
+  {
+  };
+  ASSERT_EQ(0, ::stat(path(fileOf("a")).c_str(), &before));
+  int const fd = ::open(path(fileOf("a")).c_str(), O_WRONLY);
+  std::string const other = document(FUTURE, 1, "hostA", "b");
+  ASSERT_EQ(before.st_size, ::pwrite(fd, other.data(), other.size(), 0));
+  timespec const times[] = {before.st_atim, before.st_mtim};
+  ASSERT_EQ(0, ::futimens(fd, times));
+  ::close(fd);
+  EXPECT_EQ(ListedSubjects{"b"}, subjects());
+}
+
 // They are told of as if each had gone after it had come.
 TEST_F(IndexedDatabase, FilesThatChangeNamesWithEachOtherStay)
 {
@@ -222,13 +240,18 @@ TEST_F(IndexedDatabase, WhereChangesAreNotToldTheDirectoryIsWalked)
 
   for (std::uint64_t const shared : {0x6969ull, 0xFF534D42ull, 0xFE534D42ull, 0x65735546ull,
                                      0x01021997ull, 0x00C36400ull, 0x5346414Full, 0x0BD00BD0ull})
-    EXPECT_FALSE(DiscoveryIndex::tellsChanges(shared)) << std::hex << shared;
-  EXPECT_FALSE(DiscoveryIndex::tellsChanges(0x2FC12FC1)) << "ZFS, rolled back while in use";
+    EXPECT_FALSE(DiscoveryIndex::tellsChanges(shared, 0)) << std::hex << shared;
+  EXPECT_FALSE(DiscoveryIndex::tellsChanges(0x2FC12FC1, 0)) << "ZFS, rolled back while in use";
   struct statfs here
   {
   };
   ASSERT_EQ(0, statfs(m_creator.getDirectory().c_str(), &here));
-  EXPECT_TRUE(DiscoveryIndex::tellsChanges(static_cast<std::uint64_t>(here.f_type)));
+  auto const type = static_cast<std::uint64_t>(here.f_type);
+  EXPECT_TRUE(DiscoveryIndex::tellsChanges(type, 0));
+  constexpr unsigned NO_ACCESS_TIMES = 0x80; // the header for them contradicts another
+  constexpr unsigned CASE_FOLDED = 0x40000000;
+  EXPECT_TRUE(DiscoveryIndex::tellsChanges(type, NO_ACCESS_TIMES));
+  EXPECT_FALSE(DiscoveryIndex::tellsChanges(type, NO_ACCESS_TIMES | CASE_FOLDED));
 }
 
 // The sanitizers look at memory through a pipe, and end a process that gets none.

@@ -167,6 +167,26 @@ TEST_F(IndexedDatabase, AnExpiredRecordThatAnotherProcessReadsIsMetAgain)
   EXPECT_FALSE(fs::exists(path(fileOf("kept"))));
 }
 
+TEST_F(IndexedDatabase, AClockThatIsPutBackBringsBackWhatIsStillThere)
+{
+  static OzfObjTime clockNow;
+  clockNow = OzfObjTime(1'000'000'000);
+  OzfObjTime::setClock([] { return clockNow; });
+  put("kept", "2001-09-09T01:47:00Z"); // 20 seconds later
+  EXPECT_EQ(ListedSubjects{"kept"}, subjects());
+  {
+    OtherProcess const reader(path(fileOf("kept")), F_RDLCK);
+    clockNow = OzfObjTime(1'000'000'021);
+    EXPECT_EQ(ListedSubjects{}, subjects());
+  }
+  clockNow = OzfObjTime(1'000'000'000);
+  EXPECT_EQ(ListedSubjects{"kept"}, subjects());
+  clockNow = OzfObjTime(1'000'000'021);
+  EXPECT_EQ(ListedSubjects{}, subjects());
+  EXPECT_FALSE(fs::exists(path(fileOf("kept"))));
+  OzfObjTime::setClock(nullptr);
+}
+
 TEST_F(IndexedDatabase, BadFilesAreReportedEachTime)
 {
   put("good");
