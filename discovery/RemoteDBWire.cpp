@@ -87,12 +87,7 @@ bool areKeepableNames(char const* subject, char const* authority)
 
 bool areUsableNames(char const* subject, char const* authority)
 {
-  if (!isUsableLength(subject) || !isUsableLength(authority))
-    return false;
-  // An authority is taken apart as one of a URI and may have no part left.
-  UriAuthority parsed;
-  parsed.setAuthority(authority, nullptr, nullptr, -1);
-  return !parsed.getUriEncoding(URI_SHOWN).empty();
+  return isUsableLength(subject) && isUsableLength(authority);
 }
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc
