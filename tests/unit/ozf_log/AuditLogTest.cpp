@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <sstream>
 #include <sys/stat.h>
 
@@ -182,10 +183,11 @@ TEST_F(AuditLogTest, AFullFileRotates)
 {
   AuditLog::setFile(path);
   AuditRecord record = auditRecord("stored");
-  record.subject = std::string(4000, 's');
-  for (int i = 0; i < 3000; ++i)
+  record.names.assign(16, std::string(4000, 'n'));
+  for (int i = 0; i < 200; ++i)
     AuditLog::write(record);
-  EXPECT_EQ(recordsIn(temp / "audit.1.log").size() + recordsIn(path).size(), 3000u);
+  std::string const lines = readText(temp / "audit.1.log") + readText(path);
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 200);
   EXPECT_LE(std::filesystem::file_size(temp / "audit.1.log"), 10u * 1024 * 1024);
 }
 
