@@ -6,6 +6,7 @@
 #include "ozf/config/ConfigurationKeys.h"
 #include "ozf/config/ConfigurationValues.h"
 #include "ozf/config/IpAddress.h"
+#include "ozf/config/PeerList.h"
 
 #include <algorithm>
 
@@ -46,6 +47,8 @@ bool isMode(std::string const& text) { return isTlsMode(text); }
 
 bool isPath(std::string const& text) { return text.starts_with('/'); }
 
+bool isPeerList(std::string const& text) { return PeerList::mistakeIn(text).empty(); }
+
 enum class Occurs
 {
   Once,
@@ -69,6 +72,7 @@ struct KeyRule
     return integer != nullptr ? parseInteger(value, integer->low, integer->high).has_value()
                               : judges(value);
   }
+  bool isPeerList() const { return described == PEER_LIST_ENTRIES; }
   std::string accepted() const
   {
     return integer != nullptr ? acceptedBy(*integer) : std::string(described);
@@ -108,6 +112,10 @@ constexpr KeyRule RULES[] = {
     {TLS_KEYS.key, Occurs::Once, isPath, "an absolute path"},
     {TLS_KEYS.authorities, Occurs::Once, isPath, "an absolute path"},
     {CORE_DUMPS_KEY, Occurs::Once, isBoolean, "true, yes, on, 1, false, no, off and 0"},
+    {ALLOW_KEYS.read, Occurs::AsList, isPeerList, PEER_LIST_ENTRIES},
+    {ALLOW_KEYS.write, Occurs::AsList, isPeerList, PEER_LIST_ENTRIES},
+    {ALLOW_KEYS.control, Occurs::AsList, isPeerList, PEER_LIST_ENTRIES},
+    {ALLOW_KEYS.writeAs, Occurs::AsList, isPeerList, PEER_LIST_ENTRIES},
     {COLLECTION_PAGE_SIZE_KEY},
     {COLLECTION_WRITE_SIZE_KEY},
     {DISCOVERY_PAGE_SIZE_KEY},
@@ -217,7 +225,10 @@ std::vector<ConfigurationProblem> Configuration::check() const
       add("there is no explorer of the name in " + quoted(*use.key) +
           "; accepted: filesystem, host, service and volume");
     if (!rule->accepts(*use.value))
-      add(quoted(*use.key) + " is " + quoted(*use.value) + "; accepted: " + rule->accepted());
+      add(quoted(*use.key) +
+          (rule->isPeerList() ? " has " + PeerList::mistakeIn(*use.value)
+                              : " is " + quoted(*use.value)) +
+          "; accepted: " + rule->accepted());
     auto const [first, isFirst] = firstLine.emplace(sameKey(*use.key), use.line);
     if (!isFirst && rule->occurs == Occurs::Once)
       add(quoted(*use.key) + " is given again, first in line " + std::to_string(first->second) +

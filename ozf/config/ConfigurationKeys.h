@@ -51,6 +51,17 @@ inline constexpr TlsKeys TLS_KEYS{"TLS", "TLS_CERTIFICATE", "TLS_KEY", "TLS_CA"}
 // Whether a crash may leave the key of TLS behind.
 inline constexpr char CORE_DUMPS_KEY[] = "CORE_DUMPS";
 
+// Lists of peers: who may do what, and who may write in the name of other hosts.
+struct AllowKeys
+{
+  char const* read;
+  char const* write;
+  char const* control;
+  char const* writeAs;
+};
+inline constexpr AllowKeys ALLOW_KEYS{"ALLOW_READ", "ALLOW_WRITE", "ALLOW_CONTROL",
+                                      "ALLOW_WRITE_AS"};
+
 // Bytes a page that this host asks for; zero: nothing is asked for.
 inline constexpr IntegerKey COLLECTION_PAGE_SIZE_KEY{"COLLECTION_PAGE_SIZE", 1, MOST_OF_32_BITS, 0};
 

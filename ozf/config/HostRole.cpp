@@ -5,7 +5,7 @@
 #include "ozf/base/AsciiCase.h"
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ConfigurationKeys.h"
-#include "ozf/config/IpAddress.h"
+#include "ozf/config/HostAddresses.h"
 #include "ozf/log/FrameworkLogger.h"
 
 #include <algorithm>
@@ -61,24 +61,11 @@ bool sameHostName(Configuration const& configuration, std::string const& own,
 
 std::vector<IpAddress> resolve(std::string const& host)
 {
-  if (auto const address = IpAddress::fromText(host))
-    return {*address};
-
-  addrinfo hints = {};
-  hints.ai_family = AF_UNSPEC;
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* found = nullptr;
-  if (int const error = getaddrinfo(host.c_str(), nullptr, &hints, &found); error != 0)
-  {
+  std::string reason;
+  auto addresses = resolveHost(host, reason);
+  if (addresses.empty())
     OZF_LOG(getFrameworkLogger(), 4, SOURCE, "IsRunningOnMasterServer",
-            "Cannot resolve the master's name " << host << ": " << gai_strerror(error));
-    return {};
-  }
-  std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> const owner(found, freeaddrinfo);
-  std::vector<IpAddress> addresses;
-  for (addrinfo const* one = found; one != nullptr; one = one->ai_next)
-    if (auto const address = IpAddress::fromSocket(one->ai_addr))
-      addresses.push_back(*address);
+            "Cannot resolve the master's name " << host << ": " << reason);
   return addresses;
 }
 
@@ -160,6 +147,8 @@ bool isOwnHostName(std::string const& host)
   auto const address = IpAddress::fromText(getHostAddress(name));
   return address && isOwnAddress(*configuration, {*address});
 }
+
+bool isOwnAddress(IpAddress const& address) { return isOwnAddress(*getConfiguration(), {address}); }
 
 std::string getHostAddress(std::string const& host)
 {

@@ -9,6 +9,8 @@
 namespace Quillon::Tessarine::Ozf
 {
 
+class IpAddress;
+
 // The name of the service that every host runs, under which it also publishes
 // its object, and the port that it listens on unless something else is said.
 inline constexpr char DISCOVERY_SERVICE[] = "DiscoveryService";
@@ -37,6 +39,9 @@ OZF_EXPORT int IsRunningOnMasterServer();
 // as this can be told without asking the resolver: a name that is not this
 // host's own is looked up with HOST_ADDRESS alone. Does not block.
 OZF_EXPORT bool isOwnHostName(std::string const& host);
+
+// Whether that is an address of this host by the same rules. Does not block.
+OZF_EXPORT bool isOwnAddress(IpAddress const& address);
 
 // The address to use for a host: the value of HOST_ADDRESS.<name> when there
 // is one, else the name itself, to be resolved by the system. Names are

@@ -13,6 +13,7 @@ namespace
 {
 
 constexpr std::array<unsigned char, 12> IPV4_PREFIX = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
+constexpr int BITS = 8; // a byte
 
 } // namespace
 
@@ -70,6 +71,27 @@ bool IpAddress::isWildcard() const noexcept
 {
   auto const first = m_bytes.begin() + (isIpv4() ? IPV4_PREFIX.size() : 0);
   return std::all_of(first, m_bytes.end(), [](unsigned char b) { return b == 0; });
+}
+
+bool IpAddress::isWithin(IpAddress const& network, int bits) const noexcept
+{
+  if (isIpv4() != network.isIpv4())
+    return false;
+  int const all = bits + (isIpv4() ? BITS * static_cast<int>(IPV4_PREFIX.size()) : 0);
+  auto const whole = static_cast<std::size_t>(all / BITS);
+  if (!std::equal(m_bytes.begin(), m_bytes.begin() + whole, network.m_bytes.begin()))
+    return false;
+  int const rest = all % BITS;
+  return rest == 0 || (m_bytes[whole] ^ network.m_bytes[whole]) >> (BITS - rest) == 0;
+}
+
+bool IpAddress::endsAfter(int bits) const noexcept
+{
+  int const all = bits + (isIpv4() ? BITS * static_cast<int>(IPV4_PREFIX.size()) : 0);
+  for (int bit = all; bit < BITS * static_cast<int>(m_bytes.size()); ++bit)
+    if ((m_bytes[static_cast<std::size_t>(bit / BITS)] >> (BITS - 1 - bit % BITS) & 1) != 0)
+      return false;
+  return true;
 }
 
 } // namespace Quillon::Tessarine::Ozf

@@ -25,14 +25,21 @@ public:
   // Nothing for families other than IPv4 and IPv6.
   static std::optional<IpAddress> fromSocket(sockaddr const* address);
 
+  bool isIpv4() const noexcept;
   bool isLoopback() const noexcept;
   bool isWildcard() const noexcept;
 
   bool operator==(IpAddress const&) const = default;
 
-private:
-  bool isIpv4() const noexcept;
+  // Whether the first bits are the network's. They count from the beginning of
+  // the family's own form: 8 bits of 10.0.0.0 are those of 10.0.0.0/8. False when
+  // the two are of different families.
+  bool isWithin(IpAddress const& network, int bits) const noexcept;
 
+  // Whether no bit is set behind so many, counted alike.
+  bool endsAfter(int bits) const noexcept;
+
+private:
   std::array<unsigned char, 16> m_bytes{};
 };
 

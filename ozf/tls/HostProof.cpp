@@ -2,11 +2,9 @@
 
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ConfigurationKeys.h"
-#include "ozf/config/IpAddress.h"
+#include "ozf/config/HostAddresses.h"
 
-#include <memory>
-#include <netdb.h>
-#include <sys/socket.h>
+#include <algorithm>
 
 namespace Quillon::Tessarine::Ozf
 {
@@ -19,17 +17,9 @@ constexpr std::size_t MOST_ASKED = 4;
 
 bool resolvesTo(std::string const& name, IpAddress const& address)
 {
-  addrinfo hints = {};
-  hints.ai_family = AF_UNSPEC;
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* found = nullptr;
-  if (getaddrinfo(name.c_str(), nullptr, &hints, &found) != 0)
-    return false;
-  std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> const owner(found, freeaddrinfo);
-  for (addrinfo const* one = found; one != nullptr; one = one->ai_next)
-    if (IpAddress::fromSocket(one->ai_addr) == address)
-      return true;
-  return false;
+  std::string reason;
+  auto const found = resolveHost(name, reason);
+  return std::find(found.begin(), found.end(), address) != found.end();
 }
 
 std::vector<std::string> configuredNames(IpAddress const& address)

@@ -1,0 +1,25 @@
+// Which addresses hosts have.
+
+#pragma once
+
+#include "ozf/base/Export.h"
+#include "ozf/config/IpAddress.h"
+
+#include <string>
+#include <vector>
+
+namespace Quillon::Tessarine::Ozf
+{
+
+// All addresses that the system's resolver has for the host, or the address that
+// the text is. None, with the reason, when there are none. Blocks for the
+// resolver's time-out at worst.
+OZF_EXPORT std::vector<IpAddress> resolveHost(std::string const& host, std::string& reason);
+
+// Whether it is one of the host's addresses: the one of HOST_ADDRESS, or those of
+// the resolver without it. What the resolver says is remembered for a minute, that
+// it has nothing too; while it is asked anew the former answer holds for others.
+// Any thread; may block as resolveHost.
+OZF_EXPORT bool isAddressOf(std::string const& host, IpAddress const& address);
+
+} // namespace Quillon::Tessarine::Ozf
