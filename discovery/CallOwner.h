@@ -3,22 +3,21 @@
 #pragma once
 
 #include "discovery/Export.h"
+#include "ozf/orb/Peer.h"
 
 #include <mutex>
 #include <string>
 
-namespace Quillon::Tessarine::Ozf
-{
-struct Peer;
-}
-
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
 
-// Made in the call that makes the object, and keeps the address of that call's
-// peer; the connection may be another by the next call. Any thread.
+// Made in the call that makes the object, and keeps whom that call's peer has proven
+// to be by its certificate, or its address where it has proven nothing; the connection
+// may be another by the next call. Any thread.
 //
-// Where both hosts have several addresses, the object's reference may name
+// A proven owner is known by the names of its certificate, wherever it calls from.
+// Where it has proven nothing, all who share an address are one to this service. And
+// where both hosts have several addresses, the object's reference may name
 // another address of this host than the one that was asked for the object, and
 // its owner then comes from another of its own. So a call by way of another
 // address of this host, when it is the first of all on the object, makes its
@@ -36,8 +35,7 @@ public:
 private:
   bool accepts(Peer const& peer);
 
-  std::string m_address; // empty: this process
-  std::string m_reached;
+  Peer m_peer;        // without an address: this process
   std::mutex m_mutex; // the two below
   bool m_used = false;
   std::string m_otherAddress; // empty: none

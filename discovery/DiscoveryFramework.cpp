@@ -7,6 +7,7 @@
 #include "discovery/DiscoveryServant.h"
 #include "discovery/MetadataCache.h"
 #include "discovery/OpenWriters.h"
+#include "discovery/OperationNeeds.h"
 #include "discovery/Peers.h"
 #include "ozf/config/HostRole.h"
 #include "ozf/orb/Orb.h"
@@ -96,6 +97,7 @@ void DiscoveryFramework::activate()
   };
   try
   {
+    setCallNeeds(needOf);
     CORBA::Object_var const root = m_orb->resolveInitialReference("RootPOA");
     m_served->rootPOA = PortableServer::POA::_narrow(root);
     Remote::getOpenWriters().open();

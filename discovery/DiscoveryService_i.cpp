@@ -9,9 +9,12 @@
 #include "discovery/ExplorerRemotePull.h"
 #include "discovery/OpenWriters.h"
 #include "discovery/PeerLimits.h"
+#include "discovery/RefreshRequests.h"
 #include "ozf/orb/CallAudit.h"
+#include "ozf/orb/CallRights.h"
 #include "ozf/orb/Orb.h"
 #include "ozf/orb/OrbService.h"
+#include "ozf/tls/Certificate.h"
 
 #include <sstream>
 #include <string>
@@ -30,6 +33,17 @@ bool isUsablePattern(std::string_view name) { return name.size() <= MAX_WIRE_NAM
 
 // The name of a host or of a service on it.
 bool isUsablePlace(std::string_view name) { return !name.empty() && name.size() <= MAX_KEPT_NAME; }
+
+// Who writes does so in its own name, where the configuration says so.
+void requireOwnName(char const* operation, AuditedCall const& call, char const* sourceHost)
+{
+  Peer const* const peer = currentPeer();
+  std::string rule;
+  if (peer != nullptr && !mayWriteAs(*peer, sourceHost, rule))
+    refuseCall(*peer, operation, call,
+               "it writes in the name of \"" + shownName(sourceHost) +
+                   "\", which is neither its own nor for " + rule);
+}
 
 // What keeps a registration out, and what can be done about it.
 std::string describeStanding(Registration const& registration)
@@ -78,6 +92,10 @@ DiscoveryIterator_ptr DiscoveryService_i::queryDiscoveries(DiscoveryQuery queryT
                                                            char const* authority)
 {
   constexpr char const* OPERATION = "DiscoveryService_i::queryDiscoveries";
+  // Every host may look for what it is asked to do.
+  if (std::string const& lack = lackOfCall();
+      !lack.empty() && std::string_view(authority) != REFRESH_PATTERN)
+    refuseCall(*currentPeer(), OPERATION, {OPERATION, subject, authority}, lack);
   PeerPlace place = takeIteratorPlace(OPERATION);
   DiscoveryRepository& repository = getDiscoveryRepository();
   AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::DiscoveryIterator> iterator;
@@ -205,6 +223,7 @@ DiscoveryResult DiscoveryService_i::putCollection(Discovery const& record, Remot
     auditRefusal(call, "the name of its source host or service is too long");
     return result;
   }
+  requireOwnName(OPERATION, call, record.sourceHost);
   auto const place = getOpenWriters().reserve(currentPeer());
   if (!place)
     return result;
@@ -263,6 +282,7 @@ void DiscoveryService_i::registerExplorer(char const* sourceHost, char const* so
     // push explorers.
     return;
   }
+  requireOwnName(OPERATION, call, sourceHost);
   OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
           "Registered explorer: " << sourceHost << " " << sourceServiceName << " " << subject << " "
                                   << authority << " " << priority);

@@ -4,6 +4,7 @@
 #include "discovery/DiscoveryLoopGuard.h"
 #include "discovery/Peers.h"
 #include "discovery/RemoteDB.h"
+#include "ozf/orb/CallRights.h"
 #include "ozf/orb/Peer.h"
 #include "ozf/orb/SelfConnection.h"
 
@@ -132,6 +133,8 @@ bool RemoteExplorerPull::copyCollection(DiscoveryQuery query, Authority const& a
                                         Subject const& subject, char const* filterText,
                                         CollectionData& target) const
 {
+  // A host lists what the master knows before it answers.
+  AskedHost const asked(m_host.exportNarrow());
   Remote::DiscoveryService_var const service = getPeers().connect(m_host, m_serviceName.c_str());
   if (CORBA::is_nil(service.in()))
   {

@@ -6,6 +6,7 @@
 #include "ozf/config/ProductRoot.h"
 #include "ozf/log/AuditLog.h"
 #include "ozf/log/Logger.h"
+#include "ozf/orb/CallRights.h"
 #include "ozf/orb/OrbService.h"
 
 #include <cstdint>
@@ -49,6 +50,17 @@ void reloadTls(bool isConfigured)
     OZF_LOG(getHostLogger(), 1, SOURCE, "SignalThread::reload",
             "Took the certificate " << context->settings().certificate << ", which "
                                     << expiryText(context->certificate(), std::time(nullptr)));
+}
+
+// Without a configuration they would be those that hold by default.
+void reloadCallRights(bool isConfigured)
+{
+  std::string error = getConfigurationPath() + " cannot be read";
+  if (!isConfigured || !setUpCallRights(error))
+    OZF_LOG(getHostLogger(), 1, SOURCE, "SignalThread::reload",
+            "The lists of who may call stay as they were: " << error);
+  else
+    OZF_LOG(getHostLogger(), 1, SOURCE, "SignalThread::reload", "Took the lists of who may call");
 }
 
 sigset_t takenSignals()
@@ -155,6 +167,7 @@ void SignalThread::reload() const
   setUpAudit(*getConfiguration());
   OZF_LOG(getHostLogger(), 1, SOURCE, "SignalThread::reload", "Set the log up anew");
   reloadTls(isConfigured);
+  reloadCallRights(isConfigured);
 }
 
 } // namespace Host

@@ -7,7 +7,6 @@
 #include "ozf/config/IpAddress.h"
 #include "ozf/config/ProductRoot.h"
 #include "ozf/tls/CurrentTls.h"
-#include "tools/ExitCodes.h"
 #include "tools/Output.h"
 
 #include <CLI/CLI.hpp>
@@ -85,6 +84,9 @@ std::string reasonOf(CORBA::Exception const& exception)
     return "the connection broke";
   if (CORBA::OBJECT_NOT_EXIST::_downcast(&exception) != nullptr)
     return "what listens there is no discovery service";
+  if (CORBA::NO_PERMISSION::_downcast(&exception) != nullptr)
+    return "it does not allow this to who calls from here; ALLOW_READ, ALLOW_WRITE and "
+           "ALLOW_CONTROL of its configuration say who may, and its log tells of the refusal";
   if (CORBA::BAD_PARAM::_downcast(&exception) != nullptr)
     return "this cannot be a host's name";
   return corbaExceptionText(exception);
@@ -267,7 +269,7 @@ int Connection::reachMaster()
 {
   m_service = connect(m_master);
   if (CORBA::is_nil(m_service))
-    return EXIT_NOT_REACHABLE;
+    return whyNotConnected();
   learnMaster();
   return EXIT_DONE;
 }
@@ -295,6 +297,13 @@ Remote::DiscoveryService_ptr Connection::connect(std::string const& host)
     if (!CORBA::is_nil(service))
       return service._retn();
     reason = "what listens there is no discovery service";
+  }
+  catch (CORBA::NO_PERMISSION const& exception)
+  {
+    progress.clear();
+    m_refused = true;
+    complain("refused by the service at " + place + ": " + reasonOf(exception));
+    return Remote::DiscoveryService::_nil();
   }
   catch (CORBA::Exception const& exception)
   {

@@ -4,6 +4,7 @@
 
 #include "ozf/base/OzfHostname.h"
 #include "ozf/orb/Orb.h"
+#include "tools/ExitCodes.h"
 
 #include <DiscoveryServiceC.h>
 
@@ -107,6 +108,12 @@ public:
   Quillon::Tessarine::Ozf::DiscoverySvc::Remote::DiscoveryService_ptr
   connect(std::string const& host);
 
+  // The exit code for a connection that could not be had.
+  ExitCode whyNotConnected() const noexcept
+  {
+    return m_refused ? EXIT_REFUSED : EXIT_NOT_REACHABLE;
+  }
+
   // The time of the command: it runs from open on. A command that waits for
   // nobody stops it, and starts it anew for what comes next.
   void stopClock() { m_clock.stop(); }
@@ -144,6 +151,7 @@ private:
   std::unique_ptr<Quillon::Tessarine::Ozf::Orb> m_orb;
   TimeLimit m_clock; // stopped before the ORB goes
   bool m_research = false;
+  bool m_refused = false; // by the service that was to be connected to last
   Quillon::Tessarine::Ozf::DiscoverySvc::Remote::DiscoveryService_var m_service;
   mutable std::string m_lost; // why it does not answer any more
 };

@@ -39,6 +39,12 @@ struct ControlOptions
 int failed(ControlOptions const& options, Connection const& connection,
            CORBA::Exception const& exception)
 {
+  if (CORBA::NO_PERMISSION::_downcast(&exception) != nullptr)
+  {
+    complain("the service refuses it to who calls from here: its log says why, and ALLOW_CONTROL "
+             "of its configuration who may; by default that is its own host and the master");
+    return EXIT_REFUSED;
+  }
   complain("the service did not do it: " + reasonOf(exception));
   return options.host.empty() ? connection.conclude(EXIT_FAILED) : EXIT_FAILED;
 }
@@ -54,7 +60,7 @@ int reach(ControlOptions const& options, Connection& connection,
     return result;
   service = options.host.empty() ? Remote::DiscoveryService::_duplicate(connection.service())
                                  : connection.connect(options.host);
-  return CORBA::is_nil(service) ? EXIT_NOT_REACHABLE : EXIT_DONE;
+  return CORBA::is_nil(service) ? connection.whyNotConnected() : EXIT_DONE;
 }
 
 std::string whose(ControlOptions const& options, Connection const& connection)

@@ -56,7 +56,7 @@ int main(int argc, char** argv)
       ->description("Print the version");
   application.require_subcommand(1);
   application.footer("Exit codes: 0 found or done, 1 failed, 2 wrong usage, 3 nothing matched, "
-                     "4 partly failed, 5 service not reachable.");
+                     "4 partly failed, 5 service not reachable, 6 not allowed by the service.");
   application.fallthrough();
   Session session;
   addConnectionOptions(application, session.connection);

@@ -145,7 +145,7 @@ std::unique_ptr<RemoteIterator> queryMaster(DiscoveryQuery kind, AuthorityType t
   return nullptr;
 }
 
-// An exit code; reason says why it is EXIT_FAILED.
+// An exit code; reason says why it is EXIT_FAILED or EXIT_REFUSED.
 int fetch(Selection const& selection, AuthorityType type, Listing& listing, std::string& reason)
 {
   reason = NOT_QUERIED;
@@ -174,6 +174,11 @@ int fetch(Selection const& selection, AuthorityType type, Listing& listing, std:
   catch (CORBA::PERSIST_STORE const&)
   {
     return EXIT_PARTLY;
+  }
+  catch (CORBA::NO_PERMISSION const& exception)
+  {
+    reason = "the service gives no list: " + reasonOf(exception);
+    return EXIT_REFUSED;
   }
   catch (CORBA::Exception const& exception)
   {
@@ -242,7 +247,7 @@ int visitRecords(Selection const& selection, RecordSink const& take, bool quiet,
   Listing listing(selection, type, take);
   std::string reason;
   int const result = fetch(selection, type, listing, reason);
-  if (result == EXIT_FAILED && !quiet)
+  if ((result == EXIT_FAILED || result == EXIT_REFUSED) && !quiet)
     complain(reason);
   if (why != nullptr)
     *why = std::move(reason);

@@ -4,6 +4,7 @@
 #include "tools/Format.h"
 #include "tools/Output.h"
 
+#include "ozf/base/OzfHostname.h"
 #include "ozf/base/OzfObjTime.h"
 
 #include <algorithm>
@@ -65,7 +66,9 @@ Remote::Discovery recordToStore(std::string const& subject, std::string const& a
   record.attributes = {CT_POINT_IN_TIME, CS_CENTRALREPOSITORY, static_cast<CORBA::Long>(priority),
                        intervalFor(seconds),
                        static_cast<CORBA::ULongLong>(OzfObjTime::now().seconds())};
-  record.sourceHost = "";
+  OzfHostname local;
+  local.setLocal();
+  record.sourceHost = local.exportNarrow().c_str();
   record.sourceServiceName = "";
   return record;
 }
@@ -88,6 +91,11 @@ int sendToMaster(Connection const& connection, Remote::Discovery const& record,
       return EXIT_DONE;
     complain("not stored: " + describeRefusal(status));
     return EXIT_FAILED;
+  }
+  catch (CORBA::NO_PERMISSION const& exception)
+  {
+    complain("not stored: " + reasonOf(exception));
+    return EXIT_REFUSED;
   }
   catch (CORBA::Exception const& exception)
   {

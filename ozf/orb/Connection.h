@@ -3,6 +3,7 @@
 #pragma once
 
 #include "ozf/base/Export.h"
+#include "ozf/orb/CallRights.h"
 #include "ozf/orb/ConnectionWatcher.h"
 #include "ozf/orb/GuardedInput.h"
 #include "ozf/tls/TlsChannel.h"
@@ -47,6 +48,12 @@ public:
   // has made too many.
   void requireTurn(char const* operation) const;
 
+  // Refuses the call, whose thread this is, unless the peer may make it.
+  void requireRight(char const* operation)
+  {
+    Ozf::requireRight(peer(), m_descriptor, operation, m_rights);
+  }
+
   int Send(void* data, std::size_t size, omni_time_t const& deadline) override;
   int Recv(void* data, std::size_t size, omni_time_t const& deadline) override;
   void Shutdown() override;
@@ -88,6 +95,7 @@ private:
   std::atomic<bool> m_tooMany{false};
   std::atomic<std::uint64_t> m_received{0};
   std::atomic<bool> m_delivered{false};
+  std::uint64_t m_rights = 0;           // as requireRight keeps them
   omni::giopStrand* m_strand = nullptr; // whose connection this is, once it is used
 
   // Two threads may be there only while the ORB goes down: it sends one after

@@ -141,6 +141,8 @@ CORBA::Boolean noteRequest(omni::omniInterceptors::serverReceiveRequest_T::info_
     connection->requireTurn(request.operation_name());
   if (!isKeyInOrder(request.key(), request.keysize()))
     throw CORBA::OBJECT_NOT_EXIST(0, CORBA::COMPLETED_NO);
+  if (connection != nullptr)
+    connection->requireRight(request.operation_name());
   return true;
 }
 
@@ -344,7 +346,8 @@ bool CorbaProcess::acquire(std::string const& name, unsigned short port,
       addresses.push_back("127.0.0.1");
 
     std::string error;
-    if (!setUpTls(error) || !canListen(addresses, port, error))
+    if (!setUpTls(error) || (port != 0 && !setUpCallRights(error)) ||
+        !canListen(addresses, port, error))
     {
       OZF_LOG(getFrameworkLogger(), 1, SOURCE, OPERATION, error);
       return false;

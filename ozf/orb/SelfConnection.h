@@ -14,4 +14,8 @@ namespace Quillon::Tessarine::Ozf
 // for rare occasions. Any thread; false when the descriptors cannot be listed.
 OZF_EXPORT bool isConnectedWithItself(std::string const& address);
 
+// Whether the process holds the other end of that connection, too. Costs and fails
+// alike.
+OZF_EXPORT bool isConnectedWithItself(int descriptor);
+
 } // namespace Quillon::Tessarine::Ozf

@@ -82,6 +82,12 @@ void FleetHost::configure(std::string const& entries, CertificateAuthority* auth
   writeText(m_root / "etc/tq.conf", lines);
 }
 
+void FleetHost::addEntries(std::string const& entries)
+{
+  std::string const file = m_root / "etc/tq.conf";
+  writeText(file, readText(file) + entries);
+}
+
 void FleetHost::launch(Process::Environment const& more)
 {
   Process::Environment environment = more;

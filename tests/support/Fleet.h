@@ -29,6 +29,9 @@ public:
   // name.
   void configure(std::string const& entries, CertificateAuthority* authority);
 
+  // Further lines, behind those.
+  void addEntries(std::string const& entries);
+
   // Starts the service; the log begins anew.
   void launch(Process::Environment const& more = {});
   bool start(Process::Environment const& more = {})
