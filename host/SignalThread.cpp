@@ -9,6 +9,7 @@
 #include "ozf/orb/CallRights.h"
 #include "ozf/orb/OrbService.h"
 
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <ctime>
@@ -33,6 +34,7 @@ constexpr char OPERATION[] = "SignalThread::take";
 // Milliseconds after which the log is asked for floods that are over, although
 // nobody writes a line, and the certificate is looked at.
 constexpr int LOOK_PERIOD = 10000;
+constexpr std::chrono::seconds RETRY_PAUSE(1);
 
 // Without a configuration TLS would be off, and who has no certificate let in.
 void reloadTls(bool isConfigured)
@@ -87,6 +89,7 @@ SignalThread::~SignalThread()
 {
   if (!m_thread.joinable())
     return;
+  m_ending = true;
   wakeUp(m_end.get());
   m_thread.join();
 }
@@ -117,15 +120,13 @@ bool SignalThread::start(std::string& error)
 void SignalThread::loop()
 {
   pollfd waits[] = {{m_signals.get(), POLLIN, 0}, {m_end.get(), POLLIN, 0}};
-  while (waits[1].revents == 0)
+  while (!m_ending)
   {
-    if (poll(waits, 2, LOOK_PERIOD) < 0)
+    if (poll(waits, 2, LOOK_PERIOD) < 0 && errno != EINTR)
     {
-      if (errno == EINTR)
-        continue;
       OZF_LOG(getHostLogger(), 1, SOURCE, "SignalThread::loop",
-              "Unable to wait for signals: " << errorText(errno));
-      return;
+              "Unable to wait for signals: " << errorText(errno) << ", trying again");
+      std::this_thread::sleep_for(RETRY_PAUSE);
     }
     LoggerFactory::reportLeftOut();
     AuditLog::reportLeftOut();

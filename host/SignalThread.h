@@ -6,6 +6,7 @@
 #include "ozf/base/SystemError.h"
 #include "ozf/tls/CurrentTls.h"
 
+#include <atomic>
 #include <csignal>
 #include <string>
 #include <thread>
@@ -41,6 +42,7 @@ private:
 
   Options const m_options;
   bool m_stopping = false; // the thread's own
+  std::atomic<bool> m_ending{false};
   Quillon::Tessarine::Ozf::ExpiryWarning m_expiry;
   Quillon::Tessarine::Ozf::UniqueFd m_signals;
   Quillon::Tessarine::Ozf::UniqueFd m_end;

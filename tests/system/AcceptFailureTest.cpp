@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 
 #include <chrono>
+#include <csignal>
 #include <fstream>
 #include <sstream>
 
@@ -36,7 +37,7 @@ std::chrono::milliseconds worked(pid_t pid)
 } // namespace
 
 // As it is without descriptors or memory: the system refuses to wait and to accept.
-TEST(AcceptFailureTest, aServiceThatCannotTakeConnectionsInSaysSoAndRecovers)
+TEST(AcceptFailureTest, aServiceThatCannotTakeConnectionsOrSignalsInSaysSoAndRecovers)
 {
   constexpr char const* LINE = "Unable to take in connections at ";
   LiveService service;
@@ -46,6 +47,10 @@ TEST(AcceptFailureTest, aServiceThatCannotTakeConnectionsInSaysSoAndRecovers)
   ASSERT_EQ(prlimit(pid, RLIMIT_NOFILE, nullptr, &before), 0);
   rlimit const few{1, before.rlim_max};
   ASSERT_EQ(prlimit(pid, RLIMIT_NOFILE, &few, nullptr), 0);
+
+  ASSERT_EQ(kill(pid, SIGHUP), 0); // to which its thread goes on to wait for the next one
+  EXPECT_TRUE(service.process().awaitError("Unable to wait for signals", std::chrono::seconds(10)))
+      << service.log();
 
   int const waiting = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in name{};

@@ -145,7 +145,7 @@ TEST_F(IndexedDatabase, EndsEvenIfItsThreadCannotBeWoken)
                               });
     m_creator.keepIndex(false);
   }
-  EXPECT_EQ(1, writes);
+  EXPECT_LT(0, writes);
 }
 
 TEST_F(IndexedDatabase, ADirectoryThatIsReplacedIsReadAnew)

@@ -1,6 +1,7 @@
 #include "ozf/base/WakeUp.h"
 
 #include "ozf/base/SystemError.h"
+#include "tests/unit/discovery/SystemCalls.h"
 
 #include <gtest/gtest.h>
 
@@ -46,6 +47,17 @@ TEST(WakeUp, ACounterAtItsEndStaysThere)
   ASSERT_EQ(ssize_t(sizeof most), write(event.get(), &most, sizeof most));
   wakeUp(event.get());
   EXPECT_EQ(most, countIn(event.get()));
+}
+
+TEST(WakeUp, IsNotLostToWritesThatFail)
+{
+  UniqueFd const event(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  int failures = 0;
+  SystemCalls const watched("anon_inode:[eventfd]",
+                            [&](std::string const&) { return failures++ < 3 ? ENOSPC : 0; });
+  wakeUp(event.get());
+  EXPECT_EQ(4, failures);
+  EXPECT_EQ(1U, countIn(event.get()));
 }
 
 TEST(WakeUp, IsNotLostToASignal)
