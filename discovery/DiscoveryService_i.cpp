@@ -92,7 +92,8 @@ DiscoveryIterator_ptr DiscoveryService_i::queryDiscoveries(DiscoveryQuery queryT
                                                            char const* authority)
 {
   constexpr char const* OPERATION = "DiscoveryService_i::queryDiscoveries";
-  // Every host may look for what it is asked to do.
+  // Who may write, but not read, may look for requests to run explorers, and for
+  // nothing else.
   if (std::string const& lack = lackOfCall();
       !lack.empty() && std::string_view(authority) != REFRESH_PATTERN)
     refuseCall(*currentPeer(), OPERATION, {OPERATION, subject, authority}, lack);

@@ -24,8 +24,8 @@ bool parseOptions(int argc, char** argv, Options& options, int& exitCode)
   app.footer("Configuration: " + Quillon::Tessarine::Ozf::getConfigurationPath() +
              "\n"
              "Environment: TESSARINE_ROOT names another product root.\n"
-             "Signals: SIGTERM and SIGINT stop the service, SIGHUP reads LOG_LEVEL,\n"
-             "LOG_FILE, TLS and the files of TLS again and reopens the log.\n"
+             "Signals: SIGTERM and SIGINT stop the service, SIGHUP reads the keys of the\n"
+             "log, of TLS, of who may call and of limits again and reopens the logs.\n"
              "Exit status:\n"
              "  0  stopped in order, or told not to start by REPORT_CLIENT_DISCOVERIES\n"
              "  1  the start failed; standard error and the log say why\n"

@@ -1,5 +1,5 @@
-// The keys of tq.conf that take numbers: what they may be, and what holds
-// without them. docs/operations.md tells what each is for, and
+// The keys of tq.conf that several rooms know, and all that take numbers: what
+// those may be, and what holds without them. docs/operations.md tells what each is for, and
 // ConfigurationCheck.cpp has the others.
 
 #pragma once
@@ -77,7 +77,8 @@ inline constexpr IntegerKey METADATA_CACHE_KEY{"METADATA_CACHE", 0, 1L << 40, 64
 // What an answer from another host may take in all.
 inline constexpr IntegerKey READ_LIMIT_KEY{"READ_LIMIT_SECONDS", 1, MOST_OF_32_BITS, 3600};
 
-// What peers may have of this service, in all and each (Limits.h). Zero is no limit.
+// What peers may have of this service, in all and each (Limits.h). Where zero is
+// allowed it is no limit, and no wait for LIMIT_REQUEST_WAIT.
 
 // Connections; those of one peer besides no more than half of what there may be.
 inline constexpr IntegerKey LIMIT_CONNECTIONS_KEY{"LIMIT_CONNECTIONS", 0, 1'000'000, 0};

@@ -69,8 +69,8 @@ public:
   // none of the above.
   static std::optional<PeerList> parse(std::vector<std::string> const& lines, std::string& mistake);
 
-  // What is wrong with one value, for messages: "\"10.0.0.1/8\" has bits behind
-  // its 8"; empty when nothing is.
+  // What is wrong with one value, for messages: "\"10.0.0.1/8\", an address with
+  // bits behind the first 8 of a network"; empty when nothing is.
   static std::string mistakeIn(std::string const& line);
 
   // May block where it has the master.

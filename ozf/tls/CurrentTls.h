@@ -19,8 +19,8 @@ OZF_EXPORT std::shared_ptr<TlsContext const> currentTls() noexcept;
 
 // Reads the process's configuration and the files that it names. False, with the
 // reason in error, when they are not in order; then everything stays as it was.
-// What does not fail, but will, is told in the log. Connections that stand go on as
-// they are. Any thread; two at a time wait for each other.
+// What does not fail, but will, is told in the log. Connections that stand are
+// judged by it at their next call. Any thread; two at a time wait for each other.
 OZF_EXPORT bool setUpTls(std::string& error);
 
 // Why a peer was last refused, or refused this host, for who called to tell a
