@@ -123,6 +123,7 @@ int RefreshDiscoveryTask::ozfsvc()
       OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
               "Caught CORBA exception connecting to remote service");
       OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, corbaExceptionText(exception));
+      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "The refresh ended at client " << client);
       return 0;
     }
   }

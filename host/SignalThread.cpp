@@ -165,7 +165,8 @@ void SignalThread::reload() const
     OZF_LOG(getHostLogger(), 1, SOURCE, "SignalThread::reload",
             "Unable to read " << getConfigurationPath() << ", the log has its default place");
   setUpLog(m_options, *getConfiguration());
-  setUpAudit(*getConfiguration());
+  if (isConfigured) // or else it stays where it is, as TLS and the lists do
+    setUpAudit(*getConfiguration());
   OZF_LOG(getHostLogger(), 1, SOURCE, "SignalThread::reload", "Set the log up anew");
   reloadTls(isConfigured);
   reloadCallRights(isConfigured);

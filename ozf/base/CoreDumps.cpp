@@ -40,7 +40,7 @@ bool setCoreDumps(bool on, std::string& error)
   if (on != before.has_value())
     return true;
   rlimit limit{};
-  std::string filter;
+  std::string filter("0");
   bool done = getrlimit(RLIMIT_CORE, &limit) == 0;
   if (on)
   {
@@ -55,7 +55,6 @@ bool setCoreDumps(bool on, std::string& error)
     readFile(FILTER, old, LONGEST);
     before = Before{limit.rlim_cur, old};
     limit.rlim_cur = 0;
-    filter = "0";
   }
   done = done && setrlimit(RLIMIT_CORE, &limit) == 0;
   if (!done)

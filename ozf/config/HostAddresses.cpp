@@ -39,7 +39,10 @@ public:
     if (m_answers.size() >= MOST && !m_answers.contains(key))
       m_answers.clear();
     Answer& answer = m_answers[key];
-    answer = {std::move(found), Clock::now()};
+    // A resolver that cannot answer now makes a host that is known no stranger.
+    if (!found.empty())
+      answer.addresses = std::move(found);
+    answer.asked = Clock::now();
     return holds(answer.addresses, address);
   }
 

@@ -157,6 +157,7 @@ TEST_F(ConnectionLimitsTest, WhoAsksTooOftenWaitsThenIsRefusedAndOthersAreAsQuic
   // No more of them wait at a time than have their turn in time.
   Answers slowed;
   auto took = flood(10, slowed, milliseconds(1500), [] {});
+  auto const ended = steady_clock::now();
   EXPECT_EQ(slowed.transient, 0);
   EXPECT_EQ(slowed.others, 0);
   EXPECT_LE(slowed.served, A_SECOND + A_SECOND * took.count() / 1000 + 10);
@@ -168,10 +169,12 @@ TEST_F(ConnectionLimitsTest, WhoAsksTooOftenWaitsThenIsRefusedAndOthersAreAsQuic
   took = flood(50, refused, milliseconds(1000), [&] { disturbed = timeOfOthers(); });
   EXPECT_GT(refused.transient, 0);
   EXPECT_EQ(refused.others, 0);
-  EXPECT_LE(refused.served, A_SECOND * took.count() / 1000 + 40);
+  auto const since = std::chrono::duration_cast<milliseconds>(steady_clock::now() - ended);
+  EXPECT_LE(refused.served, A_SECOND * since.count() / 1000 + 40);
   // Who is refused has waited as well: fifty ask no more than five times a second each.
   EXPECT_LE(refused.transient, 50 * (took.count() / 200 + 1));
-  EXPECT_LE(disturbed, 2 * undisturbed);
+  // What else runs on the machine may have begun or ended meanwhile.
+  EXPECT_LE(disturbed, 2 * std::max(undisturbed, timeOfOthers()));
   EXPECT_THAT(m_service.log(), HasSubstr("Refused a request of 127.0.7.1: it makes more than 100 a "
                                          "second"));
   expectAudited("_non_existent", "too many requests a second");
@@ -241,7 +244,9 @@ TEST_F(ConnectionLimitsTest, WithoutALimitNobodyIsRefused)
   start("");
   connect();
   Answers answers;
-  flood(20, answers, milliseconds(500), [] {});
+  // More than any limit above would let through in this time, on the slowest machine.
+  for (int round = 0; round < 60 && answers.served <= 1000; ++round)
+    flood(20, answers, milliseconds(500), [] {});
   EXPECT_EQ(answers.transient, 0);
   EXPECT_EQ(answers.others, 0);
   EXPECT_GT(answers.served, 1000);

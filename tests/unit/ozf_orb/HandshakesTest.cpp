@@ -94,7 +94,7 @@ TEST_F(HandshakesTest, aPeerThatBeginsAnEndlessMessageIsEndedAtOnce)
   unsigned char const begun[] = {0x16, 3, 1, 0, 4, 1, 1, 0xff, 0xb0};
   ASSERT_EQ(send(endless.get(), begun, sizeof begun, MSG_NOSIGNAL),
             static_cast<ssize_t>(sizeof begun));
-  EXPECT_TRUE(isEnded(endless, 1500));
+  EXPECT_TRUE(isEnded(endless, 2500)); // before its time for a handshake is over
 }
 
 TEST_F(HandshakesTest, aThousandPeersThatNeverShakeHandsKeepNobodyWaiting)
@@ -108,7 +108,8 @@ TEST_F(HandshakesTest, aThousandPeersThatNeverShakeHandsKeepNobodyWaiting)
     auto const begin = Steady::now();
     CORBA::String_var const answer = probeOf(client.orb, "Probe")->echo("x");
     EXPECT_STREQ(answer.in(), "x");
-    EXPECT_LT(Steady::now() - begin, std::chrono::seconds(1));
+    EXPECT_LT(Steady::now() - begin,
+              std::chrono::milliseconds(2500)); // not the time of a handshake
   }
   EXPECT_FALSE(isEnded(silent.back(), 0)) << "they were gone before";
 }

@@ -312,9 +312,9 @@ TEST_F(TlsCallsTest, aCallerWithoutTlsIsEndedWhenOnlyTlsIsTakenFromNowOn)
 TEST_F(TlsCallsTest, aCallerWhoseCertificateEndsWhileItIsConnectedIsRefusedFromThenOn)
 {
   Wish wish;
-  wish.end = 3;
-  m_authority.issue(m_files.path(), "client", wish);
+  wish.end = 6;
   serve(lines("server"));
+  m_authority.issue(m_files.path(), "client", wish);
   call(lines("client"));
   auto const probe = probeOf(m_client->orb, "Probe");
   ASSERT_EQ(answerOf(probe), "x");

@@ -76,7 +76,7 @@ TEST_F(HandshakeThreadsTest, goOnWhenThereIsNoMemoryForALine)
 TEST_F(HandshakeThreadsTest, theOldestOfTheAddressWithMostMakesRoom)
 {
   LogCapture const log(1);
-  Handshakes handshakes([] {}, {.all = 4, .ofAddress = 3});
+  Handshakes handshakes([] {}, {.all = 4, .ofAddress = 3, .time = std::chrono::seconds(60)});
   UniqueFd const other = begin(handshakes, "192.0.2.1");
   UniqueFd const oldest = begin(handshakes, "192.0.2.2");
   UniqueFd const second = begin(handshakes, "192.0.2.2");
