@@ -36,7 +36,6 @@ constexpr char OPERATION[] = "SignalThread::take";
 constexpr int LOOK_PERIOD = 10000;
 constexpr std::chrono::seconds RETRY_PAUSE(1);
 
-// Without a configuration TLS would be off, and who has no certificate let in.
 void reloadTls(bool isConfigured)
 {
   bool const wasOn = currentTls() != nullptr;
@@ -54,7 +53,6 @@ void reloadTls(bool isConfigured)
                                     << expiryText(context->certificate(), std::time(nullptr)));
 }
 
-// Without a configuration they would be those that hold by default.
 void reloadCallRights(bool isConfigured)
 {
   std::string error = getConfigurationPath() + " cannot be read";
@@ -160,13 +158,12 @@ void SignalThread::take(int signal)
 
 void SignalThread::reload() const
 {
-  bool const isConfigured = reloadConfiguration();
+  bool const isConfigured = reloadReadableConfiguration();
   if (!isConfigured)
     OZF_LOG(getHostLogger(), 1, SOURCE, "SignalThread::reload",
-            "Unable to read " << getConfigurationPath() << ", the log has its default place");
+            "Unable to read " << getConfigurationPath() << ", what it said before holds on");
   setUpLog(m_options, *getConfiguration());
-  if (isConfigured) // or else it stays where it is, as TLS and the lists do
-    setUpAudit(*getConfiguration());
+  setUpAudit(*getConfiguration());
   OZF_LOG(getHostLogger(), 1, SOURCE, "SignalThread::reload", "Set the log up anew");
   reloadTls(isConfigured);
   reloadCallRights(isConfigured);

@@ -120,6 +120,10 @@ OZF_EXPORT std::shared_ptr<Configuration const> getConfiguration();
 // readable.
 OZF_EXPORT bool reloadConfiguration();
 
+// The same for a process that serves: a file that is away or cannot be read changes
+// nothing. What is wrong with it is logged all the same.
+OZF_EXPORT bool reloadReadableConfiguration();
+
 // Gives the process another value for a key than the file has, for an option
 // of a command line say; it holds from now on, whatever is reloaded. Any
 // thread. CLIENT_NAME is not for this: OzfHostname::overrideLocal is.

@@ -33,9 +33,8 @@ Shared& shared()
 }
 
 // Caller holds the mutex.
-std::shared_ptr<Configuration const> readLocked(Shared& state)
+std::shared_ptr<Configuration const> installLocked(Shared& state, Configuration read)
 {
-  Configuration read = Configuration::read(getConfigurationPath());
   for (auto const& [key, value] : state.overrides)
     read = read.with(key, value);
   auto configuration = std::make_shared<Configuration const>(std::move(read));
@@ -66,7 +65,7 @@ std::shared_ptr<Configuration const> getConfiguration()
   std::unique_lock guard(state.mutex);
   if (state.configuration)
     return state.configuration;
-  auto configuration = readLocked(state);
+  auto configuration = installLocked(state, Configuration::read(getConfigurationPath()));
   guard.unlock();
   logProblems(*configuration);
   return configuration;
@@ -76,10 +75,26 @@ bool reloadConfiguration()
 {
   Shared& state = shared();
   std::unique_lock guard(state.mutex);
-  auto configuration = readLocked(state);
+  auto configuration = installLocked(state, Configuration::read(getConfigurationPath()));
   guard.unlock();
   logProblems(*configuration);
   return configuration->readable();
+}
+
+bool reloadReadableConfiguration()
+{
+  Configuration read = Configuration::read(getConfigurationPath());
+  if (!read.readable())
+  {
+    logProblems(read);
+    return false;
+  }
+  Shared& state = shared();
+  std::unique_lock guard(state.mutex);
+  auto configuration = installLocked(state, std::move(read));
+  guard.unlock();
+  logProblems(*configuration);
+  return true;
 }
 
 void overrideConfiguration(std::string const& key, std::string const& value)

@@ -269,6 +269,7 @@ TEST_F(RolesTest, theListsAreTakenAtAReload)
   ASSERT_TRUE(m_service.process().awaitError("The lists of who may call stay as they were: /"))
       << m_service.log();
   EXPECT_EQ(outcomeOf([&] { store(peer); }), REFUSED);
+  EXPECT_EQ(outcomeOf([&] { terminate(peer); }), REFUSED) << "who is local stays, too";
   stop();
 }
 

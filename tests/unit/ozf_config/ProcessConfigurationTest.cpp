@@ -1,9 +1,11 @@
 #include "ozf/base/OzfHostname.h"
+#include "ozf/config/Limits.h"
 #include "tests/unit/ozf_config/ConfiguredHost.h"
 
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <filesystem>
 #include <thread>
 
 using namespace Quillon::Tessarine::Ozf;
@@ -83,6 +85,27 @@ TEST_F(ProcessConfigurationTest, AMissingFileIsEmptyAndToldInDetailOnly)
   EXPECT_EQ(getConfiguration()->find("SERVER"), nullptr);
   ASSERT_EQ(log.lines().size(), 1u) << log.text();
   EXPECT_EQ(log.lines()[0].level, 4);
+}
+
+TEST_F(ProcessConfigurationTest, AReloadOfAServiceWithoutAFileLeavesAllAsItWas)
+{
+  configure("SERVER = one\nCLIENT_NAME = client7\nLIMIT_PEER_WRITERS = 5\n");
+  std::filesystem::remove(file());
+  EXPECT_FALSE(reloadReadableConfiguration());
+  EXPECT_TRUE(getConfiguration()->readable());
+  ASSERT_NE(getConfiguration()->find("SERVER"), nullptr);
+  EXPECT_EQ(*getConfiguration()->find("SERVER"), "one");
+  EXPECT_EQ(localName(), "client7");
+  EXPECT_EQ(getLimits().peerWriters.value(), 5);
+  std::filesystem::create_directory(file());
+  LogCapture const log;
+  EXPECT_FALSE(reloadReadableConfiguration());
+  EXPECT_EQ(log.lines().size(), 1u) << "that it cannot be read: " << log.text();
+  EXPECT_EQ(*getConfiguration()->find("SERVER"), "one");
+  std::filesystem::remove(file());
+  writeText(file(), "SERVER = two\n");
+  EXPECT_TRUE(reloadReadableConfiguration());
+  EXPECT_EQ(*getConfiguration()->find("SERVER"), "two");
 }
 
 TEST_F(ProcessConfigurationTest, LogsEveryMistakeWithFileAndLine)
