@@ -3,6 +3,7 @@
 #include "discovery/Researcher.h"
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ConfigurationKeys.h"
+#include "ozf/config/HostAddresses.h"
 #include "ozf/config/HostRole.h"
 #include "ozf/config/IpAddress.h"
 #include "ozf/config/ProductRoot.h"
@@ -41,16 +42,9 @@ bool isPort(std::string const& text)
 // The host's first address as text; reason says why there is none.
 std::string resolve(std::string const& host, std::string& reason)
 {
-  addrinfo hints = {};
-  hints.ai_family = AF_UNSPEC;
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* found = nullptr;
-  if (int const error = getaddrinfo(host.c_str(), nullptr, &hints, &found); error != 0)
-  {
-    reason = gai_strerror(error);
+  AddressList const found = lookUpHost(host, reason);
+  if (!found)
     return {};
-  }
-  std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> const owner(found, freeaddrinfo);
   char address[NI_MAXHOST];
   if (int const error = getnameinfo(found->ai_addr, found->ai_addrlen, address, sizeof address,
                                     nullptr, 0, NI_NUMERICHOST);

@@ -6,9 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <map>
-#include <memory>
 #include <mutex>
-#include <netdb.h>
 
 namespace Quillon::Tessarine::Ozf
 {
@@ -70,22 +68,24 @@ private:
 
 } // namespace
 
-std::vector<IpAddress> resolveHost(std::string const& host, std::string& reason)
+AddressList lookUpHost(std::string const& host, std::string& reason)
 {
-  if (auto const address = IpAddress::fromText(host))
-    return {*address};
   addrinfo hints = {};
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* found = nullptr;
   if (int const error = getaddrinfo(host.c_str(), nullptr, &hints, &found); error != 0)
-  {
     reason = gai_strerror(error);
-    return {};
-  }
-  std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> const owner(found, freeaddrinfo);
+  return {found, freeaddrinfo};
+}
+
+std::vector<IpAddress> resolveHost(std::string const& host, std::string& reason)
+{
+  if (auto const address = IpAddress::fromText(host))
+    return {*address};
+  AddressList const found = lookUpHost(host, reason);
   std::vector<IpAddress> addresses;
-  for (addrinfo const* one = found; one != nullptr; one = one->ai_next)
+  for (addrinfo const* one = found.get(); one != nullptr; one = one->ai_next)
     if (auto const address = IpAddress::fromSocket(one->ai_addr))
       addresses.push_back(*address);
   return addresses;

@@ -5,11 +5,19 @@
 #include "ozf/base/Export.h"
 #include "ozf/config/IpAddress.h"
 
+#include <memory>
+#include <netdb.h>
 #include <string>
 #include <vector>
 
 namespace Quillon::Tessarine::Ozf
 {
+
+using AddressList = std::unique_ptr<addrinfo, void (*)(addrinfo*)>;
+
+// What the system's resolver has for the host. Null, with the reason, when that is
+// nothing. Blocks for the resolver's time-out at worst.
+OZF_EXPORT AddressList lookUpHost(std::string const& host, std::string& reason);
 
 // All addresses that the system's resolver has for the host, or the address that
 // the text is. None, with the reason, when there are none. Blocks for the
