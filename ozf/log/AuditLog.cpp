@@ -278,6 +278,23 @@ void AuditLog::reportLeftOut() noexcept
   guarded([](State& all, Complaint& complaint) { tellLeftOut(all, false, complaint); });
 }
 
+void AuditLog::refuseConnection(std::string const& peer, std::string_view reason) noexcept
+{
+  try
+  {
+    AuditRecord record;
+    record.peer = peer;
+    record.operation = "connect";
+    record.result = reason;
+    record.refused = true;
+    write(record);
+  }
+  catch (std::exception const&)
+  {
+    noteLost(); // for want of memory
+  }
+}
+
 std::uint64_t AuditLog::lost() noexcept { return lostRecords.load(std::memory_order_relaxed); }
 
 void AuditLog::noteLost() noexcept { ++lostRecords; }

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Quillon::Tessarine::Ozf
@@ -47,6 +48,9 @@ public:
   static bool isOn() noexcept;
 
   static void write(AuditRecord const& record) noexcept;
+
+  // That a connection from the numeric address was not let in, and why.
+  static void refuseConnection(std::string const& peer, std::string_view reason) noexcept;
 
   // Writes what is due about refusals that were left out. A process that may be
   // silent for long calls it now and then.

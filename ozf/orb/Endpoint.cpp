@@ -49,12 +49,7 @@ bool descriptorsRunShort(rlim_t limit)
 
 void refuse(Limit& limit, std::string const& address, char const* peer, char const* why)
 {
-  AuditRecord record;
-  record.peer = address;
-  record.operation = "connect";
-  record.result = why;
-  record.refused = true;
-  AuditLog::write(record);
+  AuditLog::refuseConnection(address, why);
   if (auto const met = limit.meet(address))
     OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Endpoint::AcceptAndMonitor",
             "Refused a connection from " << peer << ", " << why << *met);

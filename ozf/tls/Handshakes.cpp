@@ -35,19 +35,7 @@ constexpr unsigned char RECORD_OF_HANDSHAKE = 0x16;
 // A line that there is no memory for is left out: the threads here go on.
 void logEnd(std::string const& address, std::string_view reason) noexcept
 {
-  try
-  {
-    AuditRecord record;
-    record.peer = address;
-    record.operation = "connect";
-    record.result = reason;
-    record.refused = true;
-    AuditLog::write(record);
-  }
-  catch (std::exception const&)
-  {
-    AuditLog::noteLost();
-  }
+  AuditLog::refuseConnection(address, reason);
   try
   {
     if (refusalLines().admits(address, reason))
