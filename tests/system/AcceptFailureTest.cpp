@@ -11,6 +11,7 @@
 #include <chrono>
 #include <csignal>
 #include <fstream>
+#include <optional>
 #include <sstream>
 
 // The sanitizers look at memory through a pipe, and end a process that gets none.
@@ -34,6 +35,25 @@ std::chrono::milliseconds worked(pid_t pid)
   return std::chrono::milliseconds(ticks * 1000 / sysconf(_SC_CLK_TCK));
 }
 
+// While it lives the process gets no descriptor, and may not wait for several.
+class NoDescriptors
+{
+public:
+  explicit NoDescriptors(pid_t pid) : m_pid(pid)
+  {
+    EXPECT_EQ(prlimit(pid, RLIMIT_NOFILE, nullptr, &m_before), 0);
+    rlimit const few{1, m_before.rlim_max};
+    EXPECT_EQ(prlimit(pid, RLIMIT_NOFILE, &few, nullptr), 0);
+  }
+  ~NoDescriptors() { EXPECT_EQ(prlimit(m_pid, RLIMIT_NOFILE, &m_before, nullptr), 0); }
+  NoDescriptors(NoDescriptors const&) = delete;
+  NoDescriptors& operator=(NoDescriptors const&) = delete;
+
+private:
+  pid_t const m_pid;
+  rlimit m_before{};
+};
+
 } // namespace
 
 // As it is without descriptors or memory: the system refuses to wait and to accept.
@@ -43,10 +63,7 @@ TEST(AcceptFailureTest, aServiceThatCannotTakeConnectionsInSaysSoAndRecovers)
   LiveService service;
   ASSERT_TRUE(service.start()) << service.log();
   pid_t const pid = service.process().pid();
-  rlimit before{};
-  ASSERT_EQ(prlimit(pid, RLIMIT_NOFILE, nullptr, &before), 0);
-  rlimit const few{1, before.rlim_max};
-  ASSERT_EQ(prlimit(pid, RLIMIT_NOFILE, &few, nullptr), 0);
+  std::optional<NoDescriptors> none(pid);
 
   int const waiting = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in name{};
@@ -61,7 +78,7 @@ TEST(AcceptFailureTest, aServiceThatCannotTakeConnectionsInSaysSoAndRecovers)
       << service.log();
   EXPECT_LT((worked(pid) - atFirst).count(), 500) << "it tries without a pause";
 
-  ASSERT_EQ(prlimit(pid, RLIMIT_NOFILE, &before, nullptr), 0);
+  none.reset();
   {
     client::Client client(service.root(), LiveService::NAME);
     EXPECT_TRUE(client.connected()) << service.log();
@@ -75,14 +92,11 @@ TEST(AcceptFailureTest, aServiceThatCannotWaitForSignalsSaysSoAndObeysThemLater)
   LiveService service;
   ASSERT_TRUE(service.start()) << service.log();
   pid_t const pid = service.process().pid();
-  rlimit before{};
-  ASSERT_EQ(prlimit(pid, RLIMIT_NOFILE, nullptr, &before), 0);
-  rlimit const few{1, before.rlim_max};
-  ASSERT_EQ(prlimit(pid, RLIMIT_NOFILE, &few, nullptr), 0);
+  std::optional<NoDescriptors> none(pid);
   ASSERT_EQ(kill(pid, SIGHUP), 0); // after which its thread waits for the next one
   EXPECT_TRUE(service.process().awaitError("Unable to wait for signals", std::chrono::seconds(30)))
       << service.log();
-  ASSERT_EQ(prlimit(pid, RLIMIT_NOFILE, &before, nullptr), 0);
+  none.reset();
   EXPECT_EQ(service.stop(), 0) << service.log();
 }
 
