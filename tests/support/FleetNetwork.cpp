@@ -1,5 +1,6 @@
 #include "tests/support/FleetNetwork.h"
 
+#include "tests/support/BecomeRoot.h"
 #include "tests/support/LiveService.h"
 #include "tests/support/TempDir.h"
 
@@ -109,22 +110,6 @@ private:
   int const m_switch;
   std::vector<int> m_hosts;
 };
-
-// An ordinary user becomes root of a user namespace, where the machine allows
-// that. Only for a process without threads.
-bool becomeRoot()
-{
-  uid_t const user = geteuid();
-  gid_t const group = getegid();
-  if (user == 0)
-    return true;
-  if (unshare(CLONE_NEWUSER) != 0)
-    return false;
-  writeText("/proc/self/setgroups", "deny");
-  writeText("/proc/self/uid_map", "0 " + std::to_string(user) + " 1");
-  writeText("/proc/self/gid_map", "0 " + std::to_string(group) + " 1");
-  return geteuid() == 0;
-}
 
 } // namespace
 

@@ -57,6 +57,15 @@ class TrustedDirectory : public testing::Test
 protected:
   TrustedDirectory() { setenv("TESSARINE_ROOT", m_root.path().c_str(), 1); }
 
+  // The database directory is a link to one that others may read.
+  void linkElsewhere()
+  {
+    fs::create_directories(m_root / "elsewhere");
+    fs::permissions(m_root / "elsewhere", fs::perms(0755));
+    fs::create_directory(m_root / "db");
+    fs::create_symlink(m_root / "elsewhere", m_directory);
+  }
+
   TempDir m_root;
   std::string m_directory = m_root / "db/discovery";
 };
@@ -216,19 +225,20 @@ TEST_F(TrustedDirectory, OneThatIsThereIsClosedToOthersWithALine)
   EXPECT_EQ("", again.text()) << "once is enough";
 }
 
-TEST_F(TrustedDirectory, ALinkOfAnotherUserIsNotFollowed)
+TEST_F(TrustedDirectory, TheAdministratorsOwnLinkIsFollowed)
 {
-  fs::create_directories(m_root / "elsewhere");
-  fs::permissions(m_root / "elsewhere", fs::perms(0755));
-  fs::create_directory(m_root / "db");
-  fs::create_symlink(m_root / "elsewhere", m_directory);
+  linkElsewhere();
   DiscoveryDBCreator own;
   own.init("");
-  EXPECT_EQ(m_directory, own.getDirectory()) << "the administrator's own link";
+  EXPECT_EQ(m_directory, own.getDirectory());
   EXPECT_EQ(0750u, modeOf(m_root / "elsewhere"));
+}
+
+TEST_F(TrustedDirectory, ALinkOfAnotherUserIsNotFollowed)
+{
   if (geteuid() != 0)
     GTEST_SKIP() << "only root can give the link away";
-  fs::permissions(m_root / "elsewhere", fs::perms(0755));
+  linkElsewhere();
   ASSERT_EQ(0, lchown(m_directory.c_str(), 12345, 12345));
   LogCapture log;
   DiscoveryDBCreator creator;
