@@ -68,7 +68,7 @@ std::string reasonOf(CORBA::Exception const& exception)
 {
   bool const isBroken = CORBA::TRANSIENT::_downcast(&exception) != nullptr ||
                         CORBA::COMM_FAILURE::_downcast(&exception) != nullptr;
-  if (std::string const refusal = lastTlsRefusal(); isBroken && !refusal.empty())
+  if (std::string refusal = lastTlsRefusal(); isBroken && !refusal.empty())
     return refusal;
   if (CORBA::TIMEOUT::_downcast(&exception) != nullptr)
     return "it does not answer in time";
