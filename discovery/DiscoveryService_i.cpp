@@ -10,6 +10,7 @@
 #include "discovery/OpenWriters.h"
 #include "discovery/PeerLimits.h"
 #include "discovery/RefreshRequests.h"
+#include "ozf/config/HostAnswers.h"
 #include "ozf/orb/CallAudit.h"
 #include "ozf/orb/CallRights.h"
 #include "ozf/orb/Orb.h"
@@ -38,11 +39,21 @@ bool isUsablePlace(std::string_view name) { return !name.empty() && name.size() 
 void requireOwnName(char const* operation, AuditedCall const& call, char const* sourceHost)
 {
   Peer const* const peer = currentPeer();
+  if (peer == nullptr)
+    return;
   std::string rule;
-  if (peer != nullptr && !mayWriteAs(*peer, sourceHost, rule))
-    refuseCall(*peer, operation, call,
-               "it writes in the name of \"" + shownName(sourceHost) +
-                   "\", which is neither its own nor for " + rule);
+  try
+  {
+    if (mayWriteAs(*peer, sourceHost, rule))
+      return;
+  }
+  catch (TooManyLookUps const& tooMany)
+  {
+    postponeCall(*peer, operation, call, tooMany);
+  }
+  refuseCall(*peer, operation, call,
+             "it writes in the name of \"" + shownName(sourceHost) +
+                 "\", which is neither its own nor for " + rule);
 }
 
 // What keeps a registration out, and what can be done about it.

@@ -1,12 +1,9 @@
 #include "ozf/config/HostAddresses.h"
 
 #include "ozf/base/AsciiCase.h"
+#include "ozf/config/Configuration.h"
+#include "ozf/config/HostAnswers.h"
 #include "ozf/config/HostRole.h"
-
-#include <algorithm>
-#include <chrono>
-#include <map>
-#include <mutex>
 
 namespace Quillon::Tessarine::Ozf
 {
@@ -14,57 +11,26 @@ namespace Quillon::Tessarine::Ozf
 namespace
 {
 
-class Remembered
+// Never destroyed: calls may end after the statics of the process.
+HostAnswers& makeAnswers()
 {
-public:
-  bool has(std::string const& host, IpAddress const& address)
-  {
-    std::string key = host;
-    std::transform(key.begin(), key.end(), key.begin(), asciiLower);
-    {
-      std::lock_guard const guard(m_mutex);
-      if (auto const known = m_answers.find(key); known != m_answers.end())
+  return *new HostAnswers(
+      [](std::string const& host)
       {
-        Answer& answer = known->second;
-        if (Clock::now() < answer.asked + PERIOD)
-          return holds(answer.addresses, address);
-        answer.asked = Clock::now();
-      }
-    }
-    std::string reason;
-    auto found = resolveHost(host, reason);
-    std::lock_guard const guard(m_mutex);
-    if (m_answers.size() >= MOST && !m_answers.contains(key))
-      m_answers.clear();
-    Answer& answer = m_answers[key];
-    // A resolver that cannot answer now makes a host that is known no stranger.
-    if (!found.empty())
-      answer.addresses = std::move(found);
-    answer.asked = Clock::now();
-    return holds(answer.addresses, address);
-  }
+        std::string reason;
+        return resolveHost(host, reason);
+      });
+}
 
-private:
-  using Clock = std::chrono::steady_clock;
-  using Addresses = std::vector<IpAddress>;
-
-  static constexpr std::chrono::seconds PERIOD{60};
-  static constexpr std::size_t MOST = 8192; // peers may claim any name
-
-  struct Answer
-  {
-    Addresses addresses;
-    Clock::time_point asked;
-  };
-
-  static bool holds(Addresses const& addresses, IpAddress const& address)
-  {
-    return std::find(addresses.begin(), addresses.end(), address) != addresses.end();
-  }
-
-  std::mutex m_mutex;
-  std::map<std::string, Answer> m_answers;
-};
+// The master is known apart, so that no number of other names keeps it out.
+HostAnswers& answersFor(std::string const& host)
+{
+  static auto& ofMaster = makeAnswers();
+  static auto& ofOthers = makeAnswers();
+  auto const configuration = getConfiguration();
+  std::string const* const server = configuration->find("SERVER");
+  return server != nullptr && equalIgnoringCase(host, *server) ? ofMaster : ofOthers;
+}
 
 } // namespace
 
@@ -96,9 +62,7 @@ bool isAddressOf(std::string const& host, IpAddress const& address)
   std::string const meant = getHostAddress(host);
   if (auto const fixed = IpAddress::fromText(meant))
     return *fixed == address;
-  // Never destroyed: calls may end after the statics of the process.
-  static auto* const remembered = new Remembered;
-  return remembered->has(meant, address);
+  return answersFor(meant).has(meant, address);
 }
 
 } // namespace Quillon::Tessarine::Ozf

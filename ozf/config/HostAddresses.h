@@ -25,9 +25,9 @@ OZF_EXPORT AddressList lookUpHost(std::string const& host, std::string& reason);
 OZF_EXPORT std::vector<IpAddress> resolveHost(std::string const& host, std::string& reason);
 
 // Whether it is one of the host's addresses: the one of HOST_ADDRESS, or those of
-// the resolver without it. What the resolver says is remembered for a minute, that
-// it has nothing too; while it is asked anew the former answer holds for others.
-// Any thread; may block as resolveHost.
+// the resolver without it. The address is that of the peer for whose call it is asked:
+// how long it may block, what is remembered, and when it throws TooManyLookUps, is as
+// HostAnswers says (ozf/config/HostAnswers.h). Any thread.
 OZF_EXPORT bool isAddressOf(std::string const& host, IpAddress const& address);
 
 } // namespace Quillon::Tessarine::Ozf

@@ -5,6 +5,7 @@
 #include "ozf/base/Export.h"
 
 #include <array>
+#include <compare>
 #include <optional>
 #include <string>
 
@@ -29,7 +30,7 @@ public:
   bool isLoopback() const noexcept;
   bool isWildcard() const noexcept;
 
-  bool operator==(IpAddress const&) const = default;
+  auto operator<=>(IpAddress const&) const = default;
 
   // Whether the first bits are the network's. They count from the beginning of
   // the family's own form: 8 bits of 10.0.0.0 are those of 10.0.0.0/8. False when

@@ -46,10 +46,10 @@ public:
   bool isProvenToBe(std::string const& host) const;
 
   // Whether its certificate is for that host or its address is the host's. May
-  // block as isAddressOf.
+  // block and throw as isAddressOf.
   bool isHost(std::string const& host) const;
 
-  // Whether it is the host of SERVER. May block as isAddressOf.
+  // Whether it is the host of SERVER. May block and throw as isAddressOf.
   bool isMaster() const;
 
 private:
@@ -73,7 +73,7 @@ public:
   // bits behind the first 8 of a network"; empty when nothing is.
   static std::string mistakeIn(std::string const& line);
 
-  // May block where it has the master.
+  // May block and throw, as isAddressOf, where it has the master.
   bool holds(Caller const& caller) const;
 
   // Its entries, for log lines; long ones are cut.

@@ -2,6 +2,7 @@
 
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ConfigurationKeys.h"
+#include "ozf/config/HostAnswers.h"
 #include "ozf/config/HostRole.h"
 #include "ozf/config/PeerList.h"
 #include "ozf/log/FrameworkLogger.h"
@@ -209,6 +210,16 @@ void refuseCall(Peer const& peer, char const* operation, AuditedCall const& call
   throw CORBA::NO_PERMISSION(0, CORBA::COMPLETED_NO);
 }
 
+void postponeCall(Peer const& peer, char const* operation, AuditedCall const& call,
+                  TooManyLookUps const& reason)
+{
+  std::string const text = std::string("its host cannot be looked up now: ") + reason.what();
+  OZF_LOG(getFrameworkLogger(), 1, SOURCE, operation,
+          "Refused a call of " << shownPeer(peer) << ": " << text);
+  auditRefusal(&peer, call, text);
+  throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
+}
+
 void requireRight(Peer const& peer, int descriptor, char const* operation, std::uint64_t& kept)
 {
   static constexpr CallNeed UNKNOWN{MAY_CONTROL};
@@ -226,24 +237,32 @@ void requireRight(Peer const& peer, int descriptor, char const* operation, std::
     return;
 
   // What is not granted is looked at each time: addresses of hosts change.
-  auto const rules = now.rules.load();
-  Caller const caller = callerOf(peer);
-  if (hasOne(*rules, need.rights, caller, kept))
-    return;
-  bool const isLocal = caller.isThisHost();
-  if ((need.ofMaster && !isLocal && caller.isMaster()) || (need.ofAsked && isAsked(caller)) ||
-      (isLocal && isConnectedWithItself(descriptor)))
-    return;
-  std::string const reason =
-      (known == nullptr ? "an operation that there is not" : std::string(operation)) + " is for " +
-      rules->text(need.rights);
-  if (hasOne(*rules, need.some, caller, kept))
-  {
-    lack = reason;
-    return;
-  }
   constexpr std::size_t LONGEST_SHOWN = 64;
-  refuseCall(peer, "requireRight", {std::string_view(operation).substr(0, LONGEST_SHOWN)}, reason);
+  AuditedCall const call{std::string_view(operation).substr(0, LONGEST_SHOWN)};
+  auto const rules = now.rules.load();
+  std::string reason;
+  try
+  {
+    Caller const caller = callerOf(peer);
+    if (hasOne(*rules, need.rights, caller, kept))
+      return;
+    bool const isLocal = caller.isThisHost();
+    if ((need.ofMaster && !isLocal && caller.isMaster()) || (need.ofAsked && isAsked(caller)) ||
+        (isLocal && isConnectedWithItself(descriptor)))
+      return;
+    reason = (known == nullptr ? "an operation that there is not" : std::string(operation)) +
+             " is for " + rules->text(need.rights);
+    if (hasOne(*rules, need.some, caller, kept))
+    {
+      lack = reason;
+      return;
+    }
+  }
+  catch (TooManyLookUps const& tooMany)
+  {
+    postponeCall(peer, "requireRight", call, tooMany);
+  }
+  refuseCall(peer, "requireRight", call, reason);
 }
 
 } // namespace Quillon::Tessarine::Ozf

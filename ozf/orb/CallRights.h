@@ -24,6 +24,8 @@
 namespace Quillon::Tessarine::Ozf
 {
 
+struct TooManyLookUps;
+
 // What a list gives the right to. Values can be joined.
 enum CallRight : unsigned
 {
@@ -55,7 +57,8 @@ OZF_EXPORT bool setUpCallRights(std::string& error);
 // ALLOW_WRITE nor ALLOW_WRITE_AS is configured. Otherwise the host is to be the
 // peer's own, by its certificate or, where it showed none, by its address; this host
 // and those of ALLOW_WRITE_AS may besides. reason tells why not: "ALLOW_WRITE_AS =
-// none". May block for the resolver's time-out.
+// none". May block, and throw TooManyLookUps, as HostAnswers does
+// (ozf/config/HostAnswers.h).
 OZF_EXPORT bool mayWriteAs(Peer const& peer, std::string const& host, std::string& reason);
 
 // What the peer of the call that this thread serves lacks for calls of that kind, to be
@@ -87,7 +90,12 @@ OZF_EXPORT std::string shownPeer(Peer const& peer);
 [[noreturn]] OZF_EXPORT void refuseCall(Peer const& peer, char const* operation,
                                         AuditedCall const& call, std::string const& reason);
 
-// Returns when the peer may make the call; refuses it otherwise. descriptor is the
+// A call of which it cannot be told now whether the peer may make it, since so much
+// else is looked up. Told as a refusal is, and by TRANSIENT to the peer.
+[[noreturn]] OZF_EXPORT void postponeCall(Peer const& peer, char const* operation,
+                                          AuditedCall const& call, TooManyLookUps const& reason);
+
+// Returns when the peer may make the call; refuses or postpones it otherwise. descriptor is the
 // peer's socket. What is known of a connection is kept from call to call, 0 at first;
 // the calls of one do not overlap.
 void requireRight(Peer const& peer, int descriptor, char const* operation, std::uint64_t& kept);

@@ -3,6 +3,9 @@
 #include "tests/support/Certificates.h"
 #include "tests/system/roles/RolesTesting.h"
 
+#include <future>
+#include <map>
+
 namespace
 {
 
@@ -162,6 +165,53 @@ TEST_F(RolesWriterTest, aRelayWritesForOthersAndNeedsNoOtherList)
   reload(addresses() + "ALLOW_WRITE_AS = 127.0.0.23\n", "Took the lists of who may call");
   EXPECT_EQ(storeFrom(WEB2, "web2"), "done");
   EXPECT_EQ(storeFrom(WEB2, "web1"), REFUSED);
+  stop();
+}
+
+// Each name that a peer writes in is one to look up.
+TEST_F(RolesWriterTest, namesThatTakeLongToLookUpHoldSoManyCallsOfAPeerAndOthersAreServed)
+{
+  constexpr int MOST = 60;
+  std::string const slow = m_service / "slow";
+  std::string hosts;
+  for (int i = 0; i < MOST + 4; ++i)
+    hosts += "host" + std::to_string(i) + ".slow=" + WEB1 + ' ';
+  start(addresses() + "ALLOW_WRITE = 127.0.0.0/8\n",
+        {{"LD_PRELOAD", TQ_FIXTURE_DIR "/libcall_from.so"},
+         {"ASAN_OPTIONS", "verify_asan_link_order=0"},
+         {"TQ_HOSTS", hosts},
+         {"TQ_SLOW", slow}});
+  writeText(slow, "");
+  std::vector<std::future<std::string>> outcomes;
+  {
+    CallingFrom const from(WEB1);
+    client::Client peer(m_service.root(), LiveService::NAME);
+    ASSERT_TRUE(peer.connected());
+    for (int i = 0; i < MOST + 4; ++i)
+      outcomes.push_back(std::async(std::launch::async,
+                                    [&peer, host = "host" + std::to_string(i) + ".slow"]
+                                    {
+                                      return outcomeOf(
+                                          [&]
+                                          {
+                                            peer->registerExplorer(host.c_str(), "DiscoveryService",
+                                                                   host.c_str(), "authority",
+                                                                   client::AT_TQUCLIENT, 1);
+                                          });
+                                    }));
+    EXPECT_TRUE(m_service.process().awaitError(
+        "DiscoveryService_i::registerExplorer: Refused a call of 127.0.0.21: its host cannot be "
+        "looked up now: "))
+        << m_service.log();
+    Outcome const other = tqdiscoctlFrom(THIS_HOST, {"put", "other", "rack", "Row=7"});
+    EXPECT_EQ(other.exitCode, 0) << other.errors << m_service.log();
+    std::filesystem::remove(slow);
+    std::map<std::string, int> count;
+    for (auto& outcome : outcomes)
+      ++count[outcome.get()];
+    EXPECT_GE(count["TRANSIENT"], 1);
+    EXPECT_EQ(count["done"] + count["TRANSIENT"], MOST + 4) << testing::PrintToString(count);
+  }
   stop();
 }
 
