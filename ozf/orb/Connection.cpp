@@ -258,22 +258,24 @@ _CORBA_Boolean Connection::Peek()
   if (next == NOTHING || next == PART)
     return false;
   // What comes before its turn waits where it costs no thread.
-  if (m_rate && !m_rate->admits(RequestRate::Clock::now()))
-    return false;
-  m_tooMany = false;
-  return next == READY || m_watcher->admitLarge(*this);
+  bool const isTurn =
+      next == ENDED || (next == LARGE ? m_watcher->admitLarge(*this)
+                                      : !m_rate || m_rate->admits(RequestRate::Clock::now()));
+  if (isTurn)
+    m_tooMany = false;
+  return isTurn;
 }
 
 WatchedConnection::Arrived Connection::look() noexcept
 {
-  if (m_ended || m_input.insideMessage())
+  if (m_input.insideMessage())
     return READY;
   switch (m_input.holding())
   {
   case GuardedInput::NOTHING:
-    return NOTHING;
+    return m_ended ? ENDED : NOTHING;
   case GuardedInput::PART:
-    return PART;
+    return m_ended ? ENDED : PART;
   case GuardedInput::LARGE:
     m_large = true;
     return LARGE;
@@ -292,7 +294,7 @@ WatchedConnection::Arrived Connection::readAvailable()
 {
   std::lock_guard guard(m_mutex);
   Arrived const before = look();
-  if (before == READY || before == LARGE)
+  if (before != NOTHING && before != PART)
     return before;
   Arrived now = before;
   do

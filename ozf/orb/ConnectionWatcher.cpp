@@ -151,8 +151,9 @@ void ConnectionWatcher::remove(WatchedConnection const& connection) noexcept
 void ConnectionWatcher::watch(WatchedConnection& connection) noexcept
 {
   auto const arrived = connection.arrived();
-  bool const isThere = arrived == WatchedConnection::LARGE || arrived == WatchedConnection::READY ||
-                       connection.holdsBytes();
+  bool const isThere =
+      (arrived != WatchedConnection::NOTHING && arrived != WatchedConnection::PART) ||
+      connection.holdsBytes();
   std::lock_guard guard(m_mutex);
   auto const found = m_entries.find(connection.peer().connection);
   if (found == m_entries.end())
@@ -187,6 +188,9 @@ bool ConnectionWatcher::admitLarge(WatchedConnection& connection) noexcept
   {
     return false;
   }
+  // Last, as one that is not admitted is counted when it comes again.
+  if (RequestRate* const rate = connection.rate(); rate != nullptr && !rate->admits(Clock::now()))
+    return false;
   found->second.large = true;
   ++found->second.address->large;
   ++m_large;
@@ -203,11 +207,17 @@ void ConnectionWatcher::largeIsRead(WatchedConnection const& connection) noexcep
   releaseLarge(found->second);
 }
 
+std::size_t ConnectionWatcher::callsOfAddress() const noexcept
+{
+  return m_limits.callsOfAddress != 0 ? m_limits.callsOfAddress
+                                      : static_cast<std::size_t>(getLimits().peerCalls.value());
+}
+
 bool ConnectionWatcher::admit(Entry& entry, WatchedConnection::Arrived arrived) noexcept
 {
   Address& address = *entry.address;
   bool const large = arrived == WatchedConnection::LARGE;
-  if (address.calls >= m_limits.callsOfAddress ||
+  if (address.calls >= callsOfAddress() ||
       (large &&
        (m_large >= m_limits.largeRequests || address.large >= m_limits.largeRequestsOfAddress)))
     return false;
@@ -361,10 +371,10 @@ void ConnectionWatcher::handle(ConnectionNumber number)
       return;
     }
     auto const turn = turnOf(entry, arrived);
-    outcome = turn == NOW && admitOrQueue(entry, arrived)                      ? HANDED_OVER
-              : turn == NEVER                                                  ? TOO_MANY
-              : turn == NOW && entry.address->calls >= m_limits.callsOfAddress ? CROWDED
-                                                                               : KEPT;
+    outcome = turn == NOW && admitOrQueue(entry, arrived)               ? HANDED_OVER
+              : turn == NEVER                                           ? TOO_MANY
+              : turn == NOW && entry.address->calls >= callsOfAddress() ? CROWDED
+                                                                        : KEPT;
   }
   catch (std::exception const&)
   {
@@ -382,7 +392,7 @@ void ConnectionWatcher::handle(ConnectionNumber number)
     handOver(connection);
     break;
   case CROWDED:
-    noteCrowd(connection.peer().address, m_limits.callsOfAddress);
+    noteCrowd(connection.peer().address, callsOfAddress());
     break;
   case TOO_MANY:
     noteTooMany(connection.peer().address);
@@ -420,7 +430,7 @@ ConnectionWatcher::Turn ConnectionWatcher::turnOf(Entry& entry, WatchedConnectio
 {
   WatchedConnection& connection = *entry.connection;
   RequestRate* const rate = connection.rate();
-  if (rate == nullptr)
+  if (rate == nullptr || arrived == WatchedConnection::ENDED)
     return NOW;
   auto const now = Clock::now();
   auto const turn = rate->reserve(now);

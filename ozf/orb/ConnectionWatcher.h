@@ -42,7 +42,8 @@ public:
     NOTHING, // so far
     PART,    // of a request
     LARGE,   // a part of a request that the rest of does not fit beside
-    READY    // a request, the end of the connection, or something to refuse
+    READY,   // a request, or something to refuse
+    ENDED    // the connection has, and no request is left
   };
 
   virtual Peer const& peer() const noexcept = 0;
@@ -77,7 +78,7 @@ struct WatchLimits
 {
   std::size_t largeRequests = 300; // being read at a time
   std::size_t largeRequestsOfAddress = 60;
-  std::size_t callsOfAddress = 400;
+  std::size_t callsOfAddress = 0; // 0: LIMIT_PEER_CALLS, as it is at the time
   // Within every such time, so many bytes of a request must come, or its end.
   std::chrono::milliseconds stall{5000};
   std::uint64_t leastProgress = 4096;
@@ -113,7 +114,7 @@ public:
   void watch(WatchedConnection& connection) noexcept;
 
   // That thread goes on with a large request instead; false when it is not
-  // admitted now.
+  // admitted now. Its address's rate counts it when it is.
   bool admitLarge(WatchedConnection& connection) noexcept;
 
   // The large request has been read.
@@ -159,6 +160,7 @@ private:
   void wake() noexcept;
 
   // Under m_mutex.
+  std::size_t callsOfAddress() const noexcept;
   Turn turnOf(Entry& entry, WatchedConnection::Arrived arrived);
   bool admitOrQueue(Entry& entry, WatchedConnection::Arrived arrived);
   bool admit(Entry& entry, WatchedConnection::Arrived arrived) noexcept;

@@ -119,13 +119,6 @@ std::size_t connectionsOfAddress(rlim_t descriptors)
   return most;
 }
 
-WatchLimits watchLimits()
-{
-  WatchLimits limits;
-  limits.callsOfAddress = static_cast<std::size_t>(getLimits().peerCalls.value());
-  return limits;
-}
-
 // Connections of one address may leave half of the descriptors; those that have not
 // proven who they are leave half of these, and of one address half of that again.
 HandshakeLimits handshakeLimits(rlim_t descriptors)
@@ -200,7 +193,7 @@ _CORBA_Boolean Endpoint::Bind()
   try
   {
     m_listener = std::make_unique<Listener>();
-    m_watcher = std::make_shared<ConnectionWatcher>(watchLimits());
+    m_watcher = std::make_shared<ConnectionWatcher>();
     return m_inner->Bind();
   }
   catch (std::exception const& exception)

@@ -1,5 +1,8 @@
 #include "ozf/orb/Connection.h"
 
+#include "ozf/config/Configuration.h"
+#include "tests/support/LogCapture.h"
+
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -34,7 +37,8 @@ private:
 
 struct PeekedConnection
 {
-  PeekedConnection(ConnectionNumber number, std::shared_ptr<ConnectionWatcher> const& watcher)
+  PeekedConnection(ConnectionNumber number, std::shared_ptr<ConnectionWatcher> const& watcher,
+                   std::shared_ptr<RequestRate> const& rate = nullptr)
   {
     int fds[2] = {-1, -1};
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
@@ -43,7 +47,8 @@ struct PeekedConnection
     std::list<Peer> peer(1);
     peer.front().connection = number;
     peer.front().address = "192.0.2.1";
-    connection = new Connection(new SilentConnection, fds[0], nullptr, std::move(peer), watcher);
+    connection =
+        new Connection(new SilentConnection, fds[0], nullptr, std::move(peer), watcher, rate);
   }
   ~PeekedConnection() { connection->decrRefCount(true); }
   PeekedConnection(PeekedConnection const&) = delete;
@@ -65,25 +70,96 @@ struct PeekedConnection
   Connection* connection = nullptr;
 };
 
+constexpr std::size_t SMALL_REQUEST = 24; // requests
+constexpr std::size_t LARGE_REQUEST = 100'000;
+
+std::shared_ptr<ConnectionWatcher> oneLargeRequest()
+{
+  WatchLimits limits;
+  limits.largeRequests = 1;
+  return std::make_shared<ConnectionWatcher>(limits);
+}
+
+// A peer that may make one request a second, and whether it has made that.
+class PeekedConnectionOfOneRequest : public PeekedConnection
+{
+public:
+  PeekedConnectionOfOneRequest(ConnectionNumber number,
+                               std::shared_ptr<ConnectionWatcher> const& watcher)
+      : PeekedConnectionOfOneRequest(number, watcher, std::make_shared<RequestRate>())
+  {
+  }
+
+  bool isCounted() const { return !m_rate->admits(m_start); }
+
+private:
+  PeekedConnectionOfOneRequest(ConnectionNumber number,
+                               std::shared_ptr<ConnectionWatcher> const& watcher,
+                               std::shared_ptr<RequestRate> const& rate)
+      : PeekedConnection(number, watcher, rate), m_rate(rate)
+  {
+  }
+
+  std::shared_ptr<RequestRate> const m_rate;
+  RequestRate::Clock::time_point const m_start = RequestRate::Clock::now();
+};
+
 } // namespace
 
 TEST(ConnectionTest, itsThreadGoesOnWithTheRequestsThatItMay)
 {
-  constexpr std::size_t SMALL = 24;
-  constexpr std::size_t LARGE = 100'000;
-  WatchLimits limits;
-  limits.largeRequests = 1;
-  auto const watcher = std::make_shared<ConnectionWatcher>(limits);
+  auto const watcher = oneLargeRequest();
   PeekedConnection small(1, watcher);
   PeekedConnection large(2, watcher);
   PeekedConnection oneTooMany(3, watcher);
   EXPECT_FALSE(small.connection->Peek()) << "nothing has come";
-  small.receive(SMALL);
+  small.receive(SMALL_REQUEST);
   EXPECT_TRUE(small.connection->Peek());
-  large.receive(LARGE);
+  large.receive(LARGE_REQUEST);
   EXPECT_TRUE(large.connection->Peek());
-  oneTooMany.receive(LARGE);
+  oneTooMany.receive(LARGE_REQUEST);
   EXPECT_FALSE(oneTooMany.connection->Peek());
   watcher->largeIsRead(*large.connection);
   EXPECT_TRUE(oneTooMany.connection->Peek());
+}
+
+TEST(ConnectionTest, countsTheRequestsThatItsThreadGoesOnWithAndNothingElse)
+{
+  LogCapture const quiet;
+  overrideConfiguration("LIMIT_PEER_REQUESTS", "1");
+  reloadConfiguration();
+  auto const watcher = oneLargeRequest();
+  PeekedConnectionOfOneRequest small(1, watcher);
+  small.receive(SMALL_REQUEST);
+  EXPECT_TRUE(small.connection->Peek());
+  EXPECT_TRUE(small.isCounted());
+  PeekedConnectionOfOneRequest large(2, watcher);
+  large.receive(LARGE_REQUEST);
+  EXPECT_TRUE(large.connection->Peek());
+  EXPECT_TRUE(large.isCounted());
+  PeekedConnectionOfOneRequest oneTooMany(3, watcher);
+  oneTooMany.receive(LARGE_REQUEST);
+  EXPECT_FALSE(oneTooMany.connection->Peek());
+  EXPECT_FALSE(oneTooMany.isCounted()) << "it is when it comes again";
+  PeekedConnectionOfOneRequest gone(4, watcher);
+  gone.far.reset();
+  EXPECT_TRUE(gone.connection->Peek()) << "its thread sees that it has ended";
+  EXPECT_FALSE(gone.isCounted());
+}
+
+// As the watcher hands it over for its end.
+TEST(ConnectionTest, tellsItsEndFromARequest)
+{
+  auto const watcher = oneLargeRequest();
+  PeekedConnection peer(1, watcher);
+  WatchedConnection& watched = *peer.connection;
+  EXPECT_EQ(watched.readAvailable(), WatchedConnection::NOTHING);
+  peer.receive(SMALL_REQUEST);
+  peer.far.reset();
+  EXPECT_EQ(watched.readAvailable(), WatchedConnection::READY) << "its last request comes first";
+  PeekedConnection silent(2, watcher);
+  silent.far.reset();
+  WatchedConnection& ended = *silent.connection;
+  EXPECT_EQ(ended.readAvailable(), WatchedConnection::ENDED);
+  EXPECT_EQ(ended.arrived(), WatchedConnection::ENDED);
 }

@@ -1,5 +1,7 @@
 #include "ozf/orb/ConnectionWatcher.h"
 
+#include "ozf/config/Configuration.h"
+#include "tests/support/LogCapture.h"
 #include "tests/unit/ozf_orb/ProbeServant.h"
 
 #include <deque>
@@ -36,11 +38,17 @@ public:
   Arrived arrived() noexcept override { return NOTHING; }
   std::uint64_t received() const noexcept override { return 1; }
   void abandon() noexcept override {}
+  RequestRate* rate() const noexcept override { return &m_rate; }
+
+  // Whether a request of it was counted, of the one a second that it may make.
+  bool isCounted() const { return !m_rate.admits(m_start); }
 
   std::atomic<int> reads{0};
 
 private:
   Arrived const m_what;
+  mutable RequestRate m_rate;
+  RequestRate::Clock::time_point const m_start = RequestRate::Clock::now();
   Peer m_peer;
   UniqueFd m_near;
   UniqueFd m_far;
@@ -129,4 +137,17 @@ TEST_F(ConnectionWatcherTest, aLargeRequestWaitsUntilTheOneBeforeItHasBeenRead)
   EXPECT_TRUE(areTaken({1, 3})) << "the large one waits, and the small one does not";
   m_watcher.largeIsRead(first);
   EXPECT_TRUE(areTaken({1, 3, 2}));
+}
+
+TEST_F(ConnectionWatcherTest, theEndOfAConnectionIsNoRequest)
+{
+  LogCapture const quiet;
+  overrideConfiguration("LIMIT_PEER_REQUESTS", "1");
+  reloadConfiguration();
+  TalkingPeer const& gone = comes(WatchedConnection::ENDED);
+  EXPECT_TRUE(areTaken({1}));
+  EXPECT_FALSE(gone.isCounted());
+  TalkingPeer const& calling = comes(WatchedConnection::READY);
+  EXPECT_TRUE(areTaken({1, 2}));
+  EXPECT_TRUE(calling.isCounted());
 }
