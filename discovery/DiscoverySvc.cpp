@@ -51,6 +51,7 @@ int DiscoverySvc::doInit()
 {
   setAceReactor(getOrb().getReactor());
   getOrb().setRequestTimeout(ACE_Time_Value(REQUEST_TIMEOUT));
+  getOrb().getEvictor().setLimit(getLimits().iterators);
   m_framework.reset(new DiscoveryFramework("", DST_GENERIC, &getOrb(), true));
   try
   {

@@ -5,6 +5,11 @@
 // servant is dropped under the mutex: entries leave the table into a local
 // list first. A call in progress holds its entry, which is what keeps the
 // servant alive when the table forgets it.
+//
+// Which entry makes room for another is asked for each one that comes while there
+// are as many as there may be, so it is known at all times: owners are kept in the
+// order of how many entries they have, and of each the idle ones in the order in
+// which they became so. A call changes either in the time that a look-up takes.
 
 #include "ozf/orb/Evictor.h"
 
@@ -13,13 +18,15 @@
 #include "ozf/orb/ObjectKey.h"
 #include "ozf/orb/Peer.h"
 
-#include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <functional>
+#include <list>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
-#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace Quillon::Tessarine::Ozf
@@ -39,13 +46,13 @@ std::string keyOf(Sequence const& id)
   return {reinterpret_cast<char const*>(id.get_buffer()), id.length()};
 }
 
+struct Owner;
+
 struct Entry
 {
   explicit Entry(PortableServer::Servant taken)
       : servant(taken), cost(dynamic_cast<EvictionCost const*>(taken))
   {
-    if (Peer const* const peer = currentPeer())
-      owner = peer->address;
     servant->_add_ref();
   }
   ~Entry() { servant->_remove_ref(); }
@@ -53,17 +60,48 @@ struct Entry
   Entry& operator=(Entry const&) = delete;
 
   bool isCostly() const { return cost != nullptr && cost->evictionCost() != 0; }
+  bool isIdle() const { return timed && calls == 0; }
 
   PortableServer::Servant const servant;
   EvictionCost const* const cost; // null when it does not say
-  std::string owner;              // the peer's address; empty: this process
-  bool timed = false;             // a time-out was given
+  std::string key;
+  bool timed = false; // a time-out was given
   std::chrono::microseconds timeout{0};
   TimePoint lastUse;
-  long calls = 0; // in progress
+  long calls = 0;         // in progress
+  Owner* owner = nullptr; // null: the table has forgotten it
+  // Itself, which is moved among the idle ones of its owner while it is one of them.
+  std::list<Entry*> place{this};
+  std::list<Entry*>::iterator const self = place.begin();
 };
 
 using EntryPtr = std::shared_ptr<Entry>;
+
+// A peer that has entries in the table.
+struct Owner
+{
+  explicit Owner(std::string peer) : address(std::move(peer)) {}
+
+  std::string const address; // empty: this process
+  std::size_t entries = 0;
+  std::list<Entry*> idle; // the one idle longest first
+};
+
+// Whose entry goes first: of those that have an idle one who has most, and of those
+// with as many whose has been idle longest.
+struct GoesFirst
+{
+  bool operator()(Owner const* a, Owner const* b) const
+  {
+    if (a->idle.empty() || b->idle.empty())
+      return a->idle.empty() == b->idle.empty() ? std::less<>()(a, b) : b->idle.empty();
+    if (a->entries != b->entries)
+      return a->entries > b->entries;
+    TimePoint const ofA = a->idle.front()->lastUse;
+    TimePoint const ofB = b->idle.front()->lastUse;
+    return ofA != ofB ? ofA < ofB : std::less<>()(a, b);
+  }
+};
 
 } // namespace
 
@@ -92,24 +130,115 @@ public:
   void shutdown();
   std::size_t size() const;
   void setClock(Clock clock);
+  void setLimit(Limit const& limit);
 
 private:
+  using Entries = std::map<std::string, EntryPtr>;
+
   ~Locator() override = default;
 
-  // Removes the entry idle longest, of those that the condition holds for; null
-  // when there is none. Under the mutex.
-  template <class Condition>
-  EntryPtr takeIdleLongest(Condition const& condition);
-  // The same, of an owner who has most.
-  EntryPtr takeOfLargestOwner();
+  // Under the mutex, all of them.
+  std::size_t capacity() const;
+  // Changes what the order of the owners goes by. Needs no memory, and change may not
+  // throw.
+  template <class Change>
+  void reorder(Owner& owner, Change const& change) noexcept;
+  void add(EntryPtr const& entry, std::string const& address);
+  void setIdle(Entry& entry) noexcept;
+  void setBusy(Entry& entry) noexcept;
+  EntryPtr take(Entries::iterator entry) noexcept;
+  EntryPtr takeOfLargestOwner() noexcept;
 
   std::atomic<long> m_references{1};
   std::size_t const m_capacity;
+  Limit const* m_limit = nullptr; // of which the capacity is, if any
   mutable std::mutex m_mutex;
   Clock m_clock = &std::chrono::steady_clock::now;
   bool m_closed = false;
-  std::map<std::string, EntryPtr> m_entries;
+  Entries m_entries;
+  std::map<std::string, Owner> m_owners;
+  std::set<Owner*, GoesFirst> m_order; // all of them
 };
+
+std::size_t Evictor::Locator::capacity() const
+{
+  return m_limit != nullptr ? static_cast<std::size_t>(m_limit->value()) : m_capacity;
+}
+
+template <class Change>
+void Evictor::Locator::reorder(Owner& owner, Change const& change) noexcept
+{
+  auto node = m_order.extract(&owner);
+  change();
+  m_order.insert(std::move(node));
+}
+
+void Evictor::Locator::add(EntryPtr const& entry, std::string const& address)
+{
+  auto const [owner, isNew] = m_owners.try_emplace(address, address);
+  try
+  {
+    if (isNew)
+      m_order.insert(&owner->second);
+    m_entries.emplace(entry->key, entry);
+  }
+  catch (...)
+  {
+    if (isNew)
+    {
+      m_order.erase(&owner->second);
+      m_owners.erase(owner);
+    }
+    throw;
+  }
+  entry->owner = &owner->second;
+  reorder(owner->second, [&] { ++entry->owner->entries; });
+}
+
+void Evictor::Locator::setIdle(Entry& entry) noexcept
+{
+  std::list<Entry*>& idle = entry.owner->idle;
+  auto const append = [&] { idle.splice(idle.end(), entry.place); };
+  if (idle.empty())
+    reorder(*entry.owner, append);
+  else
+    append();
+}
+
+void Evictor::Locator::setBusy(Entry& entry) noexcept
+{
+  std::list<Entry*>& idle = entry.owner->idle;
+  auto const leave = [&] { entry.place.splice(entry.place.end(), idle, entry.self); };
+  if (idle.front() == &entry)
+    reorder(*entry.owner, leave);
+  else
+    leave();
+}
+
+// The entry leaves the table.
+EntryPtr Evictor::Locator::take(Entries::iterator entry) noexcept
+{
+  EntryPtr taken = std::move(entry->second);
+  m_entries.erase(entry);
+  if (taken->isIdle())
+    setBusy(*taken);
+  Owner& owner = *std::exchange(taken->owner, nullptr);
+  reorder(owner, [&] { --owner.entries; });
+  if (owner.entries == 0)
+  {
+    m_order.erase(&owner);
+    m_owners.erase(owner.address);
+  }
+  return taken;
+}
+
+// Null when none is idle. There is an entry.
+EntryPtr Evictor::Locator::takeOfLargestOwner() noexcept
+{
+  if ((*m_order.begin())->idle.empty())
+    return {};
+  return take(m_entries.find((*m_order.begin())->idle.front()->key));
+}
 
 PortableServer::Servant Evictor::Locator::preinvoke(PortableServer::ObjectId const& id,
                                                     PortableServer::POA_ptr, char const*,
@@ -119,9 +248,12 @@ PortableServer::Servant Evictor::Locator::preinvoke(PortableServer::ObjectId con
   auto const found = m_entries.find(keyOf(id));
   if (found == m_entries.end())
     throw CORBA::OBJECT_NOT_EXIST(0, CORBA::COMPLETED_NO);
+  Entry& entry = *found->second;
   cookie = new EntryPtr(found->second);
-  ++found->second->calls;
-  return found->second->servant;
+  if (entry.isIdle())
+    setBusy(entry);
+  ++entry.calls;
+  return entry.servant;
 }
 
 void Evictor::Locator::postinvoke(PortableServer::ObjectId const&, PortableServer::POA_ptr,
@@ -132,63 +264,40 @@ void Evictor::Locator::postinvoke(PortableServer::ObjectId const&, PortableServe
   std::lock_guard guard(m_mutex);
   --(*entry)->calls;
   (*entry)->lastUse = m_clock();
-}
-
-template <class Condition>
-EntryPtr Evictor::Locator::takeIdleLongest(Condition const& condition)
-{
-  auto oldest = m_entries.end();
-  for (auto i = m_entries.begin(); i != m_entries.end(); ++i)
-  {
-    Entry const& entry = *i->second;
-    if (entry.timed && entry.calls == 0 &&
-        (oldest == m_entries.end() || entry.lastUse < oldest->second->lastUse) && condition(entry))
-      oldest = i;
-  }
-  if (oldest == m_entries.end())
-    return {};
-  EntryPtr taken = std::move(oldest->second);
-  m_entries.erase(oldest);
-  return taken;
-}
-
-EntryPtr Evictor::Locator::takeOfLargestOwner()
-{
-  std::map<std::string_view, std::size_t> counts;
-  std::size_t most = 0;
-  for (auto const& entry : m_entries)
-    most = std::max(most, ++counts[entry.second->owner]);
-  auto taken = takeIdleLongest([&](Entry const& entry) { return counts[entry.owner] == most; });
-  return taken ? taken : takeIdleLongest([](Entry const&) { return true; });
+  if ((*entry)->owner != nullptr && (*entry)->isIdle())
+    setIdle(**entry);
 }
 
 std::string Evictor::Locator::insert(PortableServer::Servant servant)
 {
-  auto entry = std::make_shared<Entry>(servant);
-  std::string key = makeObjectKey();
-  EntryPtr evicted;
+  auto const entry = std::make_shared<Entry>(servant);
+  entry->key = makeObjectKey();
+  Peer const* const peer = currentPeer();
+  std::vector<EntryPtr> evicted; // more than one after the limit was lowered
+  std::string owner;
+  std::size_t most = 0;
   {
     std::lock_guard guard(m_mutex);
     if (m_closed)
       throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
-    if (m_capacity != 0 && m_entries.size() >= m_capacity)
+    most = capacity();
+    while (most != 0 && m_entries.size() >= most)
     {
-      evicted = takeOfLargestOwner();
-      if (!evicted)
+      owner = (*m_order.begin())->address;
+      evicted.emplace_back();
+      evicted.back() = takeOfLargestOwner();
+      if (!evicted.back())
         throw CORBA::NO_RESOURCES(0, CORBA::COMPLETED_NO);
     }
     entry->lastUse = m_clock();
-    m_entries.emplace(key, std::move(entry));
+    add(entry, peer == nullptr ? std::string() : peer->address);
   }
-  if (evicted)
-  {
-    std::string const& owner = evicted->owner;
+  if (!evicted.empty())
     if (auto const met = getLimits().iterators.meet(owner.empty() ? "this service" : owner))
       OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Evictor::activate",
-              "More than " << m_capacity << " objects in use, dropped the one idle longest"
+              "More than " << most << " objects in use, dropped the one idle longest"
                            << (owner.empty() ? "" : " of " + owner) << *met);
-  }
-  return key;
+  return entry->key;
 }
 
 bool Evictor::Locator::start(std::string const& key, std::chrono::microseconds timeout)
@@ -197,9 +306,14 @@ bool Evictor::Locator::start(std::string const& key, std::chrono::microseconds t
   auto const found = m_entries.find(key);
   if (found == m_entries.end())
     return false;
-  found->second->timed = true;
-  found->second->timeout = timeout;
-  found->second->lastUse = m_clock();
+  Entry& entry = *found->second;
+  if (entry.isIdle())
+    setBusy(entry);
+  entry.timed = true;
+  entry.timeout = timeout;
+  entry.lastUse = m_clock();
+  if (entry.isIdle())
+    setIdle(entry);
   return true;
 }
 
@@ -214,8 +328,7 @@ bool Evictor::Locator::remove(std::string const& key, bool deactivate, bool dest
     return true;
   if (!destroy)
     found->second->servant->_add_ref();
-  removed = std::move(found->second);
-  m_entries.erase(found);
+  removed = take(found);
   return true;
 }
 
@@ -226,14 +339,12 @@ void Evictor::Locator::evictIdle()
   auto const now = m_clock();
   for (auto i = m_entries.begin(); i != m_entries.end();)
   {
-    Entry const& entry = *i->second;
-    if (entry.timed && entry.calls == 0 && now - entry.lastUse >= entry.timeout)
-    {
-      evicted.push_back(std::move(i->second));
-      i = m_entries.erase(i);
-    }
-    else
-      ++i;
+    auto const each = i++;
+    Entry const& entry = *each->second;
+    if (!entry.isIdle() || now - entry.lastUse < entry.timeout)
+      continue;
+    evicted.emplace_back();
+    evicted.back() = take(each);
   }
 }
 
@@ -241,15 +352,28 @@ bool Evictor::Locator::dropCostlyIdleLongest()
 {
   EntryPtr dropped;
   std::lock_guard guard(m_mutex);
-  dropped = takeIdleLongest([](Entry const& entry) { return entry.isCostly(); });
+  auto oldest = m_entries.end();
+  for (auto i = m_entries.begin(); i != m_entries.end(); ++i)
+  {
+    Entry const& entry = *i->second;
+    if (entry.isIdle() && entry.isCostly() &&
+        (oldest == m_entries.end() || entry.lastUse < oldest->second->lastUse))
+      oldest = i;
+  }
+  if (oldest != m_entries.end())
+    dropped = take(oldest);
   return dropped != nullptr;
 }
 
 void Evictor::Locator::shutdown()
 {
-  std::map<std::string, EntryPtr> dropped;
+  Entries dropped;
   std::lock_guard guard(m_mutex);
   m_closed = true;
+  for (auto const& each : m_entries)
+    each.second->owner = nullptr;
+  m_order.clear();
+  m_owners.clear();
   dropped.swap(m_entries);
 }
 
@@ -263,6 +387,12 @@ void Evictor::Locator::setClock(Clock clock)
 {
   std::lock_guard guard(m_mutex);
   m_clock = clock ? std::move(clock) : Clock(&std::chrono::steady_clock::now);
+}
+
+void Evictor::Locator::setLimit(Limit const& limit)
+{
+  std::lock_guard guard(m_mutex);
+  m_limit = &limit;
 }
 
 Evictor::Evictor(PortableServer::POA_ptr poa, std::size_t capacity)
@@ -304,6 +434,8 @@ bool Evictor::dropCostlyIdleLongest() { return m_locator->dropCostlyIdleLongest(
 void Evictor::shutdown() { m_locator->shutdown(); }
 
 std::size_t Evictor::size() const { return m_locator->size(); }
+
+void Evictor::setLimit(Limit const& limit) { m_locator->setLimit(limit); }
 
 void Evictor::setClock(Clock clock) { m_locator->setClock(std::move(clock)); }
 

@@ -5,7 +5,8 @@
 // calls in progress. Every dispatched call counts as use. A servant is dropped
 // when it was idle for its time-out and no call is in progress, when it is
 // removed, when the capacity is exceeded (the one idle longest goes first, of the
-// peer for whose calls most were made, with a line at level 1), and at shut-down.
+// peer for whose calls most were made, of those that have an idle one, with a line at
+// level 1), and at shut-down.
 // A call on an object that was dropped meets OBJECT_NOT_EXIST.
 //
 // The time-out comes with each servant, from whoever activates it; that of the
@@ -24,6 +25,8 @@
 
 namespace Quillon::Tessarine::Ozf
 {
+
+class Limit;
 
 // What a servant says besides that is worth being dropped early.
 class OZF_EXPORT EvictionCost
@@ -46,6 +49,11 @@ public:
   // poa has the policies of a servant locator; capacity is the greatest number
   // of servants kept, 0 for no limit.
   Evictor(PortableServer::POA_ptr poa, std::size_t capacity);
+
+  // The capacity is what the limit says at the time, from now on. The limit has to
+  // outlive the Evictor.
+  void setLimit(Limit const& limit);
+
   ~Evictor();
   Evictor(Evictor const&) = delete;
   Evictor& operator=(Evictor const&) = delete;

@@ -79,6 +79,22 @@ TEST_F(KeptThingsLimitsTest, WhenIteratorsAreTooManyInAllThePeerWithMostLosesOne
   expectStops();
 }
 
+TEST_F(KeptThingsLimitsTest, HowManyIteratorsThereMayBeHoldsFromAReloadOn)
+{
+  start("LIMIT_ITERATORS = 100\n");
+  connect();
+  std::vector<wire::DiscoveryIterator_var> lists;
+  for (int i = 0; i < 5; ++i)
+    lists.emplace_back(list());
+  reload("LIMIT_ITERATORS = 3\n");
+  lists.emplace_back(list());
+  for (int i = 0; i < 3; ++i)
+    EXPECT_THROW(lists[i]->pageSize(), CORBA::OBJECT_NOT_EXIST);
+  EXPECT_EQ(lists[3]->pageSize(), 8);
+  expectInStatus("LIMIT_ITERATORS", 3, 1);
+  expectStops();
+}
+
 TEST_F(KeptThingsLimitsTest, WritersHaveLimitsOfEachPeerAndInAll)
 {
   start("LIMIT_PEER_WRITERS = 3\n");
@@ -93,10 +109,7 @@ TEST_F(KeptThingsLimitsTest, WritersHaveLimitsOfEachPeerAndInAll)
   expectOthersAreServed();
 
   // From a reload on another holds, and none for the peer.
-  m_service.configure(
-      "EXPLORER_INTERVAL.service = 1s\nLIMIT_PEER_WRITERS = 0\nLIMIT_WRITERS = 4\n");
-  m_service.process().sendSignal(SIGHUP);
-  ASSERT_TRUE(m_service.process().awaitError("Set the log up anew")) << m_service.log();
+  reload("LIMIT_PEER_WRITERS = 0\nLIMIT_WRITERS = 4\n");
   EXPECT_EQ(open("fourth", late), client::DS_SUCCESS) << m_service.log();
   wire::RemoteWriter_var later;
   EXPECT_EQ(open("fifth", later), client::DS_OPEN_FAILED);

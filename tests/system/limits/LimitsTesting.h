@@ -30,6 +30,14 @@ protected:
     ASSERT_TRUE(m_service.start()) << m_service.log();
   }
 
+  // Other keys, from now on.
+  void reload(std::string const& keys)
+  {
+    m_service.configure("EXPLORER_INTERVAL.service = 1s\n" + keys);
+    m_service.process().sendSignal(SIGHUP);
+    ASSERT_TRUE(m_service.process().awaitError("Set the log up anew")) << m_service.log();
+  }
+
   void connect()
   {
     m_client = std::make_unique<client::Client>(m_service.root(), LiveService::NAME);

@@ -1,9 +1,12 @@
 #include "ozf/orb/Evictor.h"
 
+#include "ozf/config/Configuration.h"
+#include "ozf/config/Limits.h"
 #include "ozf/orb/ConnectionTable.h"
 #include "tests/support/LogCapture.h"
 #include "tests/unit/ozf_orb/ProbeServant.h"
 
+#include <deque>
 #include <set>
 
 using namespace Quillon::Tessarine::Ozf;
@@ -57,6 +60,14 @@ protected:
                                  CORBA::OctetSeq());
     return active;
   }
+  Active activateFor(char const* address, int timeout = 300)
+  {
+    Peer peer;
+    peer.address = address;
+    PeerOfCall const call(&peer);
+    advance(1);
+    return activate(timeout);
+  }
   static bool answers(Active const& active)
   {
     try
@@ -81,6 +92,14 @@ class CrowdedEvictorTest : public EvictorTest
 {
 protected:
   CrowdedEvictorTest() : EvictorTest(3) {}
+};
+
+constexpr long VERY_MANY = 40'000;
+
+class LargeEvictorTest : public EvictorTest
+{
+protected:
+  LargeEvictorTest() : EvictorTest(VERY_MANY) {}
 };
 
 } // namespace
@@ -226,14 +245,6 @@ TEST_F(CrowdedEvictorTest, dropsTheOneIdleLongestWhenFull)
 TEST_F(CrowdedEvictorTest, dropsOneOfThePeerThatHasMost)
 {
   LogCapture log(1);
-  auto const activateFor = [this](char const* address)
-  {
-    Peer peer;
-    peer.address = address;
-    PeerOfCall const call(&peer);
-    advance(1);
-    return activate(300);
-  };
   auto const honest = activateFor("192.0.2.1");
   auto const first = activateFor("192.0.2.2");
   auto const second = activateFor("192.0.2.2");
@@ -254,4 +265,67 @@ TEST_F(CrowdedEvictorTest, refusesMoreWhenNoneIsIdle)
     activate(0);
   EXPECT_THROW(activate(300), CORBA::NO_RESOURCES);
   EXPECT_EQ(ProbeServant::alive, 3);
+}
+
+TEST_F(CrowdedEvictorTest, ofPeersThatHaveAnIdleOneTheOneThatHasMostLosesIt)
+{
+  static constexpr IntegerKey SIX{"SIX", 0, 6, 6};
+  Limit const limit(SIX);
+  orb.getEvictor().setLimit(limit);
+  auto const honest = activateFor("192.0.2.1");
+  for (int i = 0; i < 3; ++i)
+    activateFor("192.0.2.2", 0);
+  auto const first = activateFor("192.0.2.3");
+  auto const second = activateFor("192.0.2.3");
+  auto const last = activateFor("192.0.2.4");
+  EXPECT_TRUE(answers(honest)) << "although it was idle longest";
+  EXPECT_FALSE(answers(first));
+  EXPECT_TRUE(answers(second));
+  EXPECT_TRUE(answers(last));
+}
+
+TEST_F(CrowdedEvictorTest, keepsToWhatItsLimitIsSetToMeanwhile)
+{
+  LogCapture log(1);
+  orb.getEvictor().setLimit(getLimits().iterators);
+  std::deque<Active> active;
+  for (int i = 0; i < 5; ++i)
+  {
+    advance(1);
+    active.push_back(activate(300));
+  }
+  EXPECT_EQ(orb.getEvictor().size(), 5U);
+  overrideConfiguration("LIMIT_ITERATORS", "2");
+  reloadConfiguration();
+  advance(1);
+  active.push_back(activate(300));
+  EXPECT_EQ(orb.getEvictor().size(), 2U);
+  EXPECT_TRUE(answers(active[4]));
+  EXPECT_TRUE(answers(active[5]));
+  EXPECT_TRUE(log.has(1, "Evictor::activate",
+                      "More than 2 objects in use, dropped the one idle "
+                      "longest"))
+      << log.text();
+}
+
+// One that looks at all of them for each that comes is not done with this before the
+// test's time is over.
+TEST_F(LargeEvictorTest, makesRoomAmongVeryMany)
+{
+  LogCapture const quiet;
+  auto const object = [this](int number)
+  {
+    Peer peer;
+    peer.address = "2001:db8::" + std::to_string(number);
+    PeerOfCall const call(&peer);
+    auto* const servant = new ProbeServant;
+    PortableServer::ServantBase_var const keeper = servant;
+    CORBA::OctetSeq_var const id = orb.getEvictor().activate(servant);
+    orb.getEvictor().addObject(ACE_Time_Value(300), orb.getEvictingPOA(), id.in(),
+                               CORBA::OctetSeq());
+  };
+  for (int i = 0; i < 2 * VERY_MANY; ++i)
+    object(i);
+  EXPECT_EQ(orb.getEvictor().size(), static_cast<std::size_t>(VERY_MANY));
+  EXPECT_EQ(ProbeServant::alive, VERY_MANY);
 }
