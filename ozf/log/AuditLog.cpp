@@ -1,16 +1,16 @@
 #include "ozf/log/AuditLog.h"
 
 #include "ozf/base/Display.h"
+#include "ozf/log/AuditWriter.h"
 #include "ozf/log/FrameworkLogger.h"
-#include "ozf/log/RotatingFile.h"
 
 #include <algorithm>
 #include <atomic>
 #include <ctime>
 #include <exception>
 #include <map>
+#include <memory>
 #include <mutex>
-#include <optional>
 #include <sys/time.h>
 #include <utility>
 
@@ -35,22 +35,23 @@ constexpr std::size_t MOST_PEERS = 1024;
 std::atomic<bool> on{false};
 std::atomic<std::uint64_t> lostRecords{0};
 
+// Of one peer.
 struct Refusals
 {
   Time since;
-  std::uint64_t seen = 0;
+  std::uint64_t written = 0;
+  std::uint64_t leftOut = 0;
 };
 
 struct State
 {
   Time now() const { return clock ? clock() : std::chrono::steady_clock::now(); }
 
-  std::mutex mutex;
-  std::optional<RotatingFile> file;
+  std::mutex mutex; // held for no file
+  std::shared_ptr<AuditWriter> writer;
   AuditLog::Clock clock; // empty: the steady one
   std::map<std::string, Refusals> refusals;
-  std::uint64_t missing = 0; // since the file could be written last
-  Time nextComplaint;
+  std::uint64_t refusalsWritten = 0; // of all of them
 };
 
 // Never destroyed: calls may end after the statics of the process.
@@ -145,39 +146,11 @@ AuditRecord ownRecord(std::string const& peer, std::string const& result)
   return record;
 }
 
-// ---- writing; the caller holds the lock ----
+// ---- what is written; the caller holds the lock ----
 
-// What is to be told in the log once the lock is given up.
-using Complaint = std::string;
+using Lines = std::vector<std::string>;
 
-// Adds one line, behind one that tells how many are missing before it.
-void put(State& all, AuditRecord const& record, Complaint& complaint)
-{
-  std::string line;
-  if (all.missing > 0)
-    line = lineOf(ownRecord("", std::to_string(all.missing) + " records are missing here"));
-  line += lineOf(record);
-  if (int const error = all.file->append(line))
-  {
-    ++all.missing;
-    ++lostRecords;
-    if (Time const now = all.now(); now >= all.nextComplaint)
-    {
-      all.nextComplaint = now + PERIOD;
-      complaint = "Unable to write the audit file " + all.file->path() + ": " + errorText(error) +
-                  "; " + std::to_string(all.missing) + " records are missing so far";
-    }
-  }
-  else if (all.missing > 0)
-  {
-    complaint = "The audit file " + all.file->path() + " is written again, " +
-                std::to_string(all.missing) + " records are missing";
-    all.missing = 0;
-    all.nextComplaint = {};
-  }
-}
-
-void tellLeftOut(State& all, bool whole, Complaint& complaint)
+void tellLeftOut(State& all, bool whole, Lines& lines)
 {
   Time const now = all.now();
   for (auto entry = all.refusals.begin(); entry != all.refusals.end();)
@@ -188,44 +161,56 @@ void tellLeftOut(State& all, bool whole, Complaint& complaint)
       ++entry;
       continue;
     }
-    if (refusals.seen > AuditLog::REFUSALS_A_MINUTE)
+    if (refusals.leftOut > 0)
     {
       auto const seconds = std::chrono::ceil<std::chrono::seconds>(now - refusals.since).count();
-      put(all,
-          ownRecord(peer, std::to_string(refusals.seen - AuditLog::REFUSALS_A_MINUTE) +
-                              " more refusals in " + std::to_string(seconds) + " seconds"),
-          complaint);
+      lines.push_back(
+          lineOf(ownRecord(peer, std::to_string(refusals.leftOut) + " more refusals in " +
+                                     std::to_string(seconds) + " seconds")));
     }
+    all.refusalsWritten -= refusals.written;
     entry = all.refusals.erase(entry);
   }
 }
 
+// Refusals beyond what may be written of a peer count as its own; those that all peers
+// together may not have, and of peers beyond MOST_PEERS, as those of others.
 bool isLeftOut(State& all, AuditRecord const& record)
 {
   if (!record.refused)
     return false;
-  auto const known = all.refusals.find(record.peer);
-  bool const apart = known != all.refusals.end() || all.refusals.size() < MOST_PEERS;
-  Refusals& refusals = all.refusals[apart ? record.peer : std::string("others")];
-  if (refusals.seen == 0)
+  auto known = all.refusals.find(record.peer);
+  bool const isFull =
+      all.refusalsWritten >= AuditLog::ALL_REFUSALS_A_MINUTE || all.refusals.size() >= MOST_PEERS;
+  if (known == all.refusals.end())
+    known = all.refusals.try_emplace(isFull ? std::string("others") : record.peer).first;
+  Refusals& refusals = known->second;
+  if (refusals.written + refusals.leftOut == 0)
     refusals.since = all.now();
-  return ++refusals.seen > AuditLog::REFUSALS_A_MINUTE;
+  bool const leftOut = refusals.written >= AuditLog::REFUSALS_A_MINUTE ||
+                       all.refusalsWritten >= AuditLog::ALL_REFUSALS_A_MINUTE;
+  ++(leftOut ? refusals.leftOut : refusals.written);
+  all.refusalsWritten += leftOut ? 0 : 1;
+  return leftOut;
 }
 
-template <class Work>
-void guarded(Work work) noexcept
+// Collects lines under the lock and has them written without it.
+template <class Collect>
+void put(bool waits, Collect const& collect) noexcept
 {
   try
   {
-    Complaint complaint;
+    Lines lines;
+    std::shared_ptr<AuditWriter> writer;
     {
       State& all = state();
       std::lock_guard const guard(all.mutex);
-      if (all.file)
-        work(all, complaint);
+      writer = all.writer;
+      if (writer)
+        collect(all, lines);
     }
-    if (!complaint.empty())
-      OZF_LOG(getFrameworkLogger(), 1, SOURCE, OPERATION, complaint);
+    for (std::string& line : lines)
+      writer->append(std::move(line), waits);
   }
   catch (std::exception const&)
   {
@@ -233,29 +218,42 @@ void guarded(Work work) noexcept
   }
 }
 
+std::shared_ptr<AuditWriter> makeWriter(std::string const& path)
+{
+  AuditWriter::Hooks hooks;
+  hooks.missingLine = [](std::uint64_t count)
+  { return lineOf(ownRecord("", std::to_string(count) + " records are missing here")); };
+  hooks.complain = [](std::string const& text)
+  { OZF_LOG(getFrameworkLogger(), 1, SOURCE, OPERATION, text); };
+  hooks.lost = [](std::uint64_t count) { lostRecords += count; };
+  hooks.now = []
+  {
+    State& all = state();
+    std::lock_guard const guard(all.mutex);
+    return all.now();
+  };
+  return std::make_shared<AuditWriter>(path, std::move(hooks));
+}
+
 } // namespace
 
 void AuditLog::setFile(std::string const& path)
 {
   // With the old file, what is to be told of it.
-  guarded([](State& all, Complaint& complaint) { tellLeftOut(all, true, complaint); });
-  std::string failure;
+  put(true, [](State& all, Lines& lines) { tellLeftOut(all, true, lines); });
+  auto const writer = path.empty() ? nullptr : makeWriter(path);
+  std::shared_ptr<AuditWriter> former = writer;
   {
     State& all = state();
     std::lock_guard const guard(all.mutex);
-    all.file.reset();
-    if (!path.empty())
-    {
-      all.file.emplace(path);
-      if (int const error = all.file->open())
-        failure = errorText(error);
-    }
-    all.nextComplaint = {};
-    on = !path.empty();
+    all.writer.swap(former);
+    on = writer != nullptr;
   }
-  if (!failure.empty())
+  if (former)
+    former->end();
+  if (int const error = writer ? writer->open() : 0; error != 0)
     OZF_LOG(getFrameworkLogger(), 1, SOURCE, "AuditLog::setFile",
-            "Unable to open the audit file " << path << ": " << failure);
+            "Unable to open the audit file " << path << ": " << errorText(error));
 }
 
 bool AuditLog::isOn() noexcept { return on.load(std::memory_order_relaxed); }
@@ -264,18 +262,18 @@ void AuditLog::write(AuditRecord const& record) noexcept
 {
   if (!isOn())
     return;
-  guarded(
-      [&record](State& all, Complaint& complaint)
+  put(true,
+      [&record](State& all, Lines& lines)
       {
-        tellLeftOut(all, false, complaint);
+        tellLeftOut(all, false, lines);
         if (!isLeftOut(all, record))
-          put(all, record, complaint);
+          lines.push_back(lineOf(record));
       });
 }
 
 void AuditLog::reportLeftOut() noexcept
 {
-  guarded([](State& all, Complaint& complaint) { tellLeftOut(all, false, complaint); });
+  put(false, [](State& all, Lines& lines) { tellLeftOut(all, false, lines); });
 }
 
 void AuditLog::refuseConnection(std::string const& peer, std::string_view reason) noexcept

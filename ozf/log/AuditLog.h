@@ -29,9 +29,10 @@ struct AuditRecord
 // (RotatingFile). Nothing that is in a record can break a line, drive a terminal or
 // make the line other than JSON. There is none at first.
 //
-// Whoever writes records is not held up by a file that cannot be written: the record
-// is counted, a line of level 1 tells of it, and the file is tried again with the
-// next record. Any thread.
+// A record is in the file when write returns. Whoever writes records is not held up by
+// a file that cannot be written: the record is counted, a line of level 1 tells of it,
+// and the file is tried again with the next record. One that hangs is waited for up to
+// the time that AuditWriter says, once. Any thread.
 class OZF_EXPORT AuditLog
 {
 public:
@@ -39,6 +40,9 @@ public:
   // out of the file's history what others did; how many more there were, a record
   // tells then.
   static constexpr std::uint64_t REFUSALS_A_MINUTE = 100;
+
+  // And so many of all peers: one may have as many addresses as it likes.
+  static constexpr std::uint64_t ALL_REFUSALS_A_MINUTE = 1000;
 
   // Records go to the file at path from now on, opened anew if they did before;
   // with an empty path nowhere. One that cannot be opened costs a line.
@@ -52,12 +56,12 @@ public:
   // That a connection from the numeric address was not let in, and why.
   static void refuseConnection(std::string const& peer, std::string_view reason) noexcept;
 
-  // Writes what is due about refusals that were left out. A process that may be
-  // silent for long calls it now and then.
+  // Has written what is due about refusals that were left out, and does not wait for
+  // it. A process that may be silent for long calls it now and then.
   static void reportLeftOut() noexcept;
 
   // Records that are in no file since the process began, other than those beyond
-  // REFUSALS_A_MINUTE.
+  // REFUSALS_A_MINUTE and ALL_REFUSALS_A_MINUTE.
   static std::uint64_t lost() noexcept;
 
   // Counts one that whoever was to write it had no memory for.

@@ -139,3 +139,29 @@ TEST_F(AuditTest, callsGoOnWhereItCannotBeWritten)
   EXPECT_EQ(occurrences(m_service.log(), "Unable to write the audit file /dev/full: "), 1U)
       << m_service.log();
 }
+
+TEST_F(AuditTest, aFileThatHangsHoldsUpNeitherCallsNorReloadNorTheEnd)
+{
+  std::string const rule = m_service / "rule";
+  m_service.configure("AUDIT_FILE = " + m_file + "\n");
+  ASSERT_TRUE(m_service.start({{"LD_PRELOAD", TQ_FIXTURE_DIR "/libfailing_files.so"},
+                               {"ASAN_OPTIONS", "verify_asan_link_order=0"},
+                               {"TQ_FAILING_FILES", rule}}))
+      << m_service.log();
+  {
+    client::Client client(m_service.root(), LiveService::NAME);
+    ASSERT_TRUE(client.connected());
+    ASSERT_EQ(client.store("before", "a", "<x/>"), client::DS_SUCCESS);
+    writeText(rule, "write audit.log");
+    for (char const* const subject : {"first", "second", "third"})
+      EXPECT_EQ(client.store(subject, "a", "<x/>"), client::DS_SUCCESS) << m_service.log();
+    EXPECT_EQ(occurrences(m_service.log(), "Nothing was written to the audit file " + m_file +
+                                               " for 2 seconds: calls go on"),
+              1U)
+        << m_service.log();
+  }
+  m_service.process().sendSignal(SIGHUP);
+  EXPECT_TRUE(m_service.process().awaitError("Set the log up anew")) << m_service.log();
+  EXPECT_EQ(m_service.stop(), 0) << m_service.log();
+  EXPECT_EQ(recordsOf(m_file).size(), 1U);
+}

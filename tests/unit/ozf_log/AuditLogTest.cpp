@@ -218,6 +218,31 @@ TEST_F(AuditLogTest, AFloodOfRefusalsIsCountedByItsPeer)
   EXPECT_EQ(records[103]["result"], "refused: no right to write");
 }
 
+TEST_F(AuditLogTest, AFloodOfRefusalsFromManyAddressesIsCountedForAllOfThem)
+{
+  AuditLog::setClock([this] { return now; });
+  AuditLog::setFile(path);
+  AuditRecord record = auditRecord("no right to write", true);
+  for (int peer = 0; peer < 3000; ++peer)
+  {
+    record.peer = "2001:db8:" + std::to_string(peer) + "::1";
+    AuditLog::write(record);
+  }
+  AuditLog::write(auditRecord("stored"));
+  auto records = recordsIn(path);
+  ASSERT_EQ(records.size(), 1001u);
+  EXPECT_EQ(records[1000]["result"], "stored");
+
+  now += std::chrono::minutes(1);
+  AuditLog::reportLeftOut();
+  AuditLog::write(record);
+  records = recordsIn(path);
+  ASSERT_EQ(records.size(), 1003u);
+  EXPECT_EQ(records[1001]["peer"], "others");
+  EXPECT_EQ(records[1001]["result"], "2000 more refusals in 60 seconds");
+  EXPECT_EQ(records[1002]["peer"], "2001:db8:2999::1");
+}
+
 TEST_F(AuditLogTest, TheFileIsNotForOthers)
 {
   mode_t const before = umask(0);
