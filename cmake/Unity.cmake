@@ -14,3 +14,15 @@ function(tq_unity)
     endforeach()
   endif()
 endfunction()
+
+# tq_read_once(<target>): in whole builds the compiler reads what most sources of the
+# two libraries include of other projects once for each, which takes a third of the time
+# that they take. Sources include what they use all the same: the builds of developers
+# and of packages go without.
+function(tq_read_once target)
+  if(TQ_UNITY OR TQ_FUZZ)
+    target_precompile_headers(${target} PRIVATE <algorithm> <chrono> <filesystem> <functional> <map>
+      <memory> <mutex> <set> <sstream> <string> <thread> <unordered_map> <vector>
+      <omniORB4/CORBA.h> <xercesc/sax/HandlerBase.hpp>)
+  endif()
+endfunction()

@@ -5,8 +5,14 @@
 set -eu
 build=$(realpath "$1")
 jobs=$2
-failed=$(mktemp)
-trap 'rm -f "$failed"' EXIT
+commands=$(mktemp -d)
+failed=$commands/failed
+: >"$failed"
+trap 'rm -r "$commands"' EXIT
+
+# What the compiler has read once for many sources is of no use to another one.
+sed 's/-Winvalid-pch -include [^ "]*//' "$build/compile_commands.json" \
+  >"$commands/compile_commands.json"
 
 # One name a line; headers stand for their sources.
 sources=$( {
@@ -19,10 +25,10 @@ sources=$( {
 
 # Flags of a source that is compiled within another are guessed, less the folder of
 # what the build makes.
-export build failed
+export build commands failed
 # shellcheck disable=SC2016
 echo "$sources" | xargs -P "$jobs" -n 1 sh -c '
-  report=$(clang-tidy-14 --quiet -p "$build" --extra-arg=-isystem"$build/discovery/idl" \
+  report=$(clang-tidy-14 --quiet -p "$commands" --extra-arg=-isystem"$build/discovery/idl" \
       "$1" 2>/dev/null) &&
     exit 0
   echo "$report" >&2

@@ -198,6 +198,9 @@ TEST_P(HostilePayloadTest, AHundredThousandLevelsOfUnknownElementsAreRefused)
 
 TEST_P(HostilePayloadTest, MegabyteAttributesAreTaken)
 {
+  // By default it would take a call for each eight bytes, which says no more.
+  m_service.configure("COLLECTION_PAGE_SIZE = 65536\n");
+  reloadConfiguration();
   std::string const value(3 << 20, 'v');
   ReadCollection const read = readWithHostile(
       items("<DISCOVERED Name=\"" + value + "\" Other=\"" + value + "\"><ExplorerData Name=\"" +
