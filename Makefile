@@ -7,7 +7,7 @@ FUZZ_SECONDS ?= 60
 # Of hostile messages in torture.
 TORTURE_MINUTES ?= 5
 
-.PHONY: run fleet test check test-asan test-tsan fuzz torture bench lint install deps help
+.PHONY: run fleet packages test-packages test check test-asan test-tsan fuzz torture bench lint install deps help
 .PHONY: build-check build-asan build-fuzz run-check run-asan run-fuzz quick-check quick-dev tidy mutants
 
 help:
@@ -23,6 +23,8 @@ help:
 	@echo "make mutants  change the sources at random places and look which tests notice: hours"
 	@echo "make lint   check the sources with clang-tidy and cppcheck"
 	@echo "make install DESTDIR=...   install a release build"
+	@echo "make packages  make Debian packages, below build/packages"
+	@echo "make test-packages  make them twice, compare them, and try them out (as root)"
 
 # Installs the Debian packages that are missing; does nothing when none is.
 deps:
@@ -118,3 +120,14 @@ install: deps
 	cmake --preset release
 	cmake --build --preset release --parallel $(JOBS)
 	DESTDIR=$(DESTDIR) cmake --install build/release
+
+packages: deps
+	@packaging/install-dependencies.sh packages
+	packaging/packages.sh build/packages
+
+# Packages tell nothing of where they were made.
+test-packages: packages
+	packaging/packages.sh build/packages-made/again/elsewhere
+	cd build/packages && sha256sum *.deb >../packages-made/sums
+	cd build/packages-made/again/elsewhere && sha256sum --check ../../sums
+	tests/packages/run.sh build/packages

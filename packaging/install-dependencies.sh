@@ -1,14 +1,16 @@
 #!/bin/sh
 # Installs the Debian packages that the build, the tests and the tools need,
-# as far as they are missing. With the argument "lint" also what lint needs.
+# as far as they are missing. With the argument "lint" or "packages" also what that needs.
 set -eu
 
 packages="g++ cmake ninja-build pkg-config
 libomniorb4-dev omniidl libace-dev libxerces-c-dev libspdlog-dev libssl-dev
 libcli11-dev nlohmann-json3-dev tao-pegtl-dev libmount-dev libudev-dev libsystemd-dev
 libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev tcl-combat libfaketime strace iproute2 scdoc
+debhelper systemd-container
 clang-14 libclang-rt-14-dev llvm-14 clang-format-14 clang-tidy-14"
 [ "${1:-}" = lint ] && packages="$packages clang-tidy cppcheck"
+[ "${1:-}" = packages ] && packages="$packages lintian"
 
 missing=""
 for package in $packages; do
