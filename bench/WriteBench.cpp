@@ -64,7 +64,7 @@ void write(DiscoveryCreator& database, std::size_t number)
 // What the library puts in a call, from now on.
 void sendIn(std::size_t bytes)
 {
-  overrideConfiguration(COLLECTION_WRITE_SIZE_KEY.name, std::to_string(bytes));
+  overrideConfiguration(configKey("COLLECTION_WRITE_SIZE").name, std::to_string(bytes));
 }
 
 // A round does the work for the next block of records.

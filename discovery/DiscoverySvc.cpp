@@ -2,6 +2,7 @@
 
 #include "discovery/DiscoveryLog.h"
 #include "ozf/config/ConfigurationProvider.h"
+#include "ozf/config/ConfigurationKeys.h"
 #include "ozf/config/HostRole.h"
 #include "ozf/config/Limits.h"
 #include "ozf/orb/Orb.h"
@@ -39,7 +40,8 @@ bool DiscoverySvc::doShouldStart()
     return true;
   }
   bool reportDiscoveries = true;
-  if (!configuration.getBoolean("REPORT_CLIENT_DISCOVERIES", true, reportDiscoveries) ||
+  if (!configuration.getBoolean(configKey("REPORT_CLIENT_DISCOVERIES").name, true,
+                                reportDiscoveries) ||
       reportDiscoveries)
     return true;
   OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION,

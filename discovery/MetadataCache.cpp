@@ -282,14 +282,14 @@ std::size_t MetadataCache::held() const
 MetadataCache& getMetadataCache()
 {
   // Never destroyed: records may outlive every static object.
-  static auto& cache = *new MetadataCache(static_cast<std::size_t>(METADATA_CACHE_KEY.byDefault));
+  static auto& cache =
+      *new MetadataCache(static_cast<std::size_t>(configKey("METADATA_CACHE").number));
   return cache;
 }
 
 void configureMetadataCache()
 {
-  long most = METADATA_CACHE_KEY.byDefault;
-  getConfiguration()->getInteger(METADATA_CACHE_KEY, most); // a mistake leaves it
+  long const most = getConfiguration()->number(configKey("METADATA_CACHE"));
   getMetadataCache().limit(static_cast<std::size_t>(most));
 }
 

@@ -3,6 +3,7 @@
 #include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryLoopGuard.h"
 #include "ozf/config/ConfigurationProvider.h"
+#include "ozf/config/ConfigurationKeys.h"
 #include "ozf/config/HostRole.h"
 #include "ozf/orb/Orb.h"
 #include "ozf/plugin/EngineContext.h"
@@ -103,8 +104,8 @@ void Peers::getMasterServerName(OzfHostname& master) const
   EngineContext const context;
   auto const* const holder = getEngineSingleton<ConfigurationProviderHolder>(context);
   std::string name;
-  if (holder->getMetadataProvider().getValue({MetadataIdentifier::CONFIGURATION_KEY, "SERVER"},
-                                             name) &&
+  if (holder->getMetadataProvider().getValue(
+          {MetadataIdentifier::CONFIGURATION_KEY, configKey("SERVER").name}, name) &&
       master.setHostname(name))
     return;
   // The line carries another class's tag; log readers look for it.

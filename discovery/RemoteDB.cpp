@@ -40,7 +40,7 @@ std::size_t heldSizeOf(Remote::Discovery const& record)
 void requestPageSize(Remote::DiscoveryIterator_ptr iterator)
 {
   long records = 0;
-  if (!getConfiguration()->getInteger(DISCOVERY_PAGE_SIZE_KEY, records) || records == 0)
+  if (!getConfiguration()->getInteger(configKey("DISCOVERY_PAGE_SIZE"), records) || records == 0)
     return;
   auto const refused = [](CORBA::SystemException const& exception)
   {

@@ -60,15 +60,14 @@ void logTooSlow(Remote::Discovery const& record)
 void requestPageSize(Remote::CollectionDataIterator_ptr iterator)
 {
   long pageSize = 0;
-  if (getConfiguration()->getInteger(COLLECTION_PAGE_SIZE_KEY, pageSize) && pageSize > 0)
+  if (getConfiguration()->getInteger(configKey("COLLECTION_PAGE_SIZE"), pageSize) && pageSize > 0)
     iterator->pageSize(static_cast<CORBA::Long>(std::min(pageSize, MAX_PAGE_BYTES)));
 }
 
 // Bytes a put; a mistake in the configuration leaves the default.
 unsigned long writeSize()
 {
-  long size = COLLECTION_WRITE_SIZE_KEY.byDefault;
-  getConfiguration()->getInteger(COLLECTION_WRITE_SIZE_KEY, size);
+  long const size = getConfiguration()->number(configKey("COLLECTION_WRITE_SIZE"));
   return static_cast<unsigned long>(size);
 }
 
@@ -76,7 +75,7 @@ unsigned long writeSize()
 // to the master is no slower for taking more at a time.
 std::size_t countOfPuts(unsigned long bytes)
 {
-  auto const each = static_cast<unsigned long>(COLLECTION_WRITE_SIZE_KEY.byDefault);
+  auto const each = static_cast<unsigned long>(configKey("COLLECTION_WRITE_SIZE").number);
   return (bytes + each - 1) / each;
 }
 

@@ -17,8 +17,7 @@ thread_local DrainLimit::TimePoint threadDeadline = DrainLimit::TimePoint::max()
 
 DrainLimit DrainLimit::forAnswer()
 {
-  long most = READ_LIMIT_KEY.byDefault;
-  getConfiguration()->getInteger(READ_LIMIT_KEY, most); // a mistake leaves it
+  long const most = getConfiguration()->number(configKey("READ_LIMIT_SECONDS"));
   DrainLimit limit;
   limit.m_end = std::min(limit.m_start + std::chrono::seconds(most), ReadDeadline::ofThread());
   return limit;

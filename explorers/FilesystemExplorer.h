@@ -5,6 +5,7 @@
 #include "explorers/FilesystemCollector.h"
 #include "explorers/Facts.h"
 #include "explorers/TimedExplorer.h"
+#include "ozf/config/ConfigurationKeys.h"
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers
 {
@@ -18,7 +19,8 @@ Facts<Filesystem> filesystemFacts();
 class FilesystemExplorer : public TimedExplorer
 {
 public:
-  static constexpr PollingInterval INTERVAL = 300;
+  static constexpr PollingInterval INTERVAL =
+      configKey("EXPLORER_INTERVAL.").numberOf("filesystem");
 
   explicit FilesystemExplorer(std::string root = "/", SpaceProbe probe = SpaceProbe());
 

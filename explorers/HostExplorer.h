@@ -5,6 +5,7 @@
 #include "explorers/Facts.h"
 #include "explorers/HostCollector.h"
 #include "explorers/TimedExplorer.h"
+#include "ozf/config/ConfigurationKeys.h"
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers
 {
@@ -17,7 +18,7 @@ Facts<HostFacts> hostFacts();
 class HostExplorer : public TimedExplorer
 {
 public:
-  static constexpr PollingInterval INTERVAL = 3600;
+  static constexpr PollingInterval INTERVAL = configKey("EXPLORER_INTERVAL.").numberOf("host");
 
   explicit HostExplorer(std::string root = "/");
 

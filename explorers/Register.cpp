@@ -38,7 +38,7 @@
 #include "explorers/VolumeFilterExplorer.h"
 #include "ozf/base/OzfHostname.h"
 #include "ozf/config/Configuration.h"
-#include "ozf/config/ConfigurationValues.h"
+#include "ozf/config/ConfigurationKeys.h"
 
 #include <optional>
 
@@ -76,18 +76,12 @@ std::string localHost(char const* operation)
 }
 
 // What the configuration says of an explorer of this library.
-bool isWanted(char const* name)
-{
-  bool wanted = true;
-  getConfiguration()->getBoolean(std::string("EXPLORER.") + name, true, wanted);
-  return wanted;
-}
+bool isWanted(char const* name) { return getConfiguration()->isOn(configKey("EXPLORER."), name); }
 
-std::optional<PollingInterval> secondsOf(char const* key, char const* name)
+std::optional<PollingInterval> secondsOf(ConfigurationKey const& key, char const* name)
 {
-  std::string const* const text = getConfiguration()->find(std::string(key) + name);
-  auto const seconds = text == nullptr ? std::nullopt : parseSeconds(*text);
-  return seconds ? std::optional(static_cast<PollingInterval>(*seconds)) : std::nullopt;
+  long const seconds = getConfiguration()->seconds(key, name);
+  return seconds != 0 ? std::optional(static_cast<PollingInterval>(seconds)) : std::nullopt;
 }
 
 // As the configuration wants it. Takes the explorer over.
@@ -98,7 +92,8 @@ void registerTimed(DiscoveryRepository& repository, std::string const& host,
   char const* const name = explorer->getExplorerName();
   if (!isWanted(name))
     return;
-  timed->configure(secondsOf("EXPLORER_INTERVAL.", name), secondsOf("EXPLORER_EXPIRY.", name));
+  timed->configure(secondsOf(configKey("EXPLORER_INTERVAL."), name),
+                   secondsOf(configKey("EXPLORER_EXPIRY."), name));
   registerPush(repository, host, explorer, type);
 }
 

@@ -5,6 +5,7 @@
 #include "explorers/Facts.h"
 #include "explorers/ServiceCollector.h"
 #include "explorers/TimedExplorer.h"
+#include "ozf/config/ConfigurationKeys.h"
 
 #include <functional>
 
@@ -24,7 +25,7 @@ Facts<MetLimit> limitFacts();
 class ServiceExplorer : public TimedExplorer
 {
 public:
-  static constexpr PollingInterval INTERVAL = 60;
+  static constexpr PollingInterval INTERVAL = configKey("EXPLORER_INTERVAL.").numberOf("service");
 
   using Collect = std::function<ServiceState()>;
   explicit ServiceExplorer(Collect collect);

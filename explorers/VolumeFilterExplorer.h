@@ -4,6 +4,7 @@
 
 #include "explorers/TimedExplorer.h"
 #include "explorers/VolumeExplorer.h"
+#include "ozf/config/ConfigurationKeys.h"
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers
 {
@@ -16,7 +17,7 @@ namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers
 class VolumeFilterExplorer : public TimedExplorer
 {
 public:
-  static constexpr PollingInterval INTERVAL = 86400;
+  static constexpr PollingInterval INTERVAL = configKey("EXPLORER_INTERVAL.").numberOf("volume");
 
   VolumeFilterExplorer() : TimedExplorer(INTERVAL) {}
 

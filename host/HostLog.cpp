@@ -51,7 +51,7 @@ OzfLogger* getHostLogger()
 
 void setUpLog(Options const& options, Configuration const& configuration)
 {
-  std::vector<std::string> excepted = configuration.list("LOG_EXCEPT");
+  std::vector<std::string> excepted = configuration.list(configKey("LOG_EXCEPT"));
   std::erase_if(excepted, [](std::string const& pattern) { return !isLogPattern(pattern); });
   if (options.debug)
     excepted.clear();
@@ -62,22 +62,15 @@ void setUpLog(Options const& options, Configuration const& configuration)
     setDestination("stderr");
     return;
   }
-  long level = LOG_LEVEL_KEY.byDefault;
-  if (options.logLevel >= 0)
-    level = options.logLevel;
-  else
-    configuration.getInteger(LOG_LEVEL_KEY, level);
-  LoggerFactory::setLevel(static_cast<int>(level));
-
-  std::string const* const file = configuration.find("LOG_FILE");
-  bool const usable = file != nullptr && (file->starts_with('/') || *file == "syslog");
-  setDestination(usable ? *file : "stderr");
+  LoggerFactory::setLevel(options.logLevel >= 0
+                              ? options.logLevel
+                              : static_cast<int>(configuration.number(configKey("LOG_LEVEL"))));
+  setDestination(configuration.word(configKey("LOG_FILE")));
 }
 
 void setUpAudit(Configuration const& configuration)
 {
-  std::string const* const file = configuration.find(AUDIT_FILE_KEY);
-  AuditLog::setFile(file != nullptr && file->starts_with('/') ? *file : "");
+  AuditLog::setFile(configuration.word(configKey("AUDIT_FILE")));
 }
 
 StartReport::StartReport()

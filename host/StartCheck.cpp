@@ -2,6 +2,7 @@
 
 #include "ozf/base/OzfPathname.h"
 #include "ozf/base/SystemError.h"
+#include "ozf/config/ConfigurationKeys.h"
 #include "ozf/config/HostRole.h"
 #include "ozf/config/ProductRoot.h"
 #include "ozf/tls/CurrentTls.h"
@@ -43,7 +44,7 @@ int tryToWrite(std::string const& directory)
 std::vector<ConfigurationProblem> checkForService(Configuration const& configuration)
 {
   auto problems = configuration.check();
-  std::string const* const server = configuration.find("SERVER");
+  std::string const* const server = configuration.find(configKey("SERVER"));
   if (configuration.readable() && server == nullptr)
     problems.insert(problems.begin(),
                     {configuration.path(), 0,
@@ -56,9 +57,8 @@ std::vector<ConfigurationProblem> checkForService(Configuration const& configura
 
 std::optional<std::string> whyNothingCanBeStored()
 {
-  bool isToStart = true;
-  getConfiguration()->getBoolean("REPORT_CLIENT_DISCOVERIES", true, isToStart);
-  if (!isToStart || IsRunningOnMasterServer() != 0)
+  if (!getConfiguration()->isOn(configKey("REPORT_CLIENT_DISCOVERIES")) ||
+      IsRunningOnMasterServer() != 0)
     return std::nullopt;
   std::string const directory = getDefaultDatabasePath();
   if (int const error = mkdirpath(directory, 0755); error != 0)

@@ -11,6 +11,7 @@
 #include "ozf/base/Display.h"
 #include "ozf/base/FileOwner.h"
 #include "ozf/config/Configuration.h"
+#include "ozf/config/ConfigurationKeys.h"
 #include "ozf/config/ProductRoot.h"
 #include "ozf/log/Logger.h"
 #include "ozf/orb/OrbService.h"
@@ -88,7 +89,7 @@ void tellOfOtherWriters()
 // It is no failure of the start: the configuration may be mended later.
 void tellOfMissingMaster()
 {
-  if (getConfiguration()->find("SERVER") != nullptr)
+  if (getConfiguration()->find(configKey("SERVER")) != nullptr)
     return;
   std::string const text = "SERVER is missing in " + getConfigurationPath();
   OZF_LOG(getHostLogger(), 1, SOURCE, "main", text << ": nothing is reported to any master");

@@ -4,6 +4,7 @@
 #include "ozf/base/MetadataConverter.h"
 #include "ozf/base/OzfHostname.h"
 #include "ozf/config/Configuration.h"
+#include "ozf/config/ConfigurationKeys.h"
 #include "ozf/config/HostRole.h"
 #include "ozf/config/IpAddress.h"
 #include "tools/Collections.h"
@@ -40,7 +41,7 @@ std::string announcingFact(Item const& item, char const* fact)
 // Where this host's service listens: its own name may lead elsewhere.
 std::string ownAddress()
 {
-  auto const bound = getConfiguration()->list("ORB_BIND");
+  auto const bound = getConfiguration()->list(configKey("ORB_BIND"));
   auto const usable = std::find_if(bound.begin(), bound.end(),
                                    [](std::string const& text)
                                    {
@@ -85,7 +86,7 @@ std::optional<AnnouncingHost> askAnnouncingHere()
     return std::nullopt;
   std::string const name = local.exportNarrow();
   if (getHostAddress(name) == name)
-    overrideConfiguration("HOST_ADDRESS." + name, ownAddress());
+    overrideConfiguration(configKey("HOST_ADDRESS.").name + name, ownAddress());
   return askAnnouncing(name);
 }
 

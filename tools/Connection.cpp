@@ -200,14 +200,14 @@ int Connection::chooseMaster()
                "\" names no service; use --master HOST, HOST:PORT or [ADDRESS]:PORT");
       return EXIT_USAGE;
     }
-    overrideConfiguration("SERVER", m_master);
+    overrideConfiguration(configKey("SERVER").name, m_master);
     if (!port.empty())
-      overrideConfiguration("ORB_PORT.DiscoveryService", port);
+      overrideConfiguration(configKey("ORB_PORT.").name + std::string(DISCOVERY_SERVICE), port);
   }
   else
   {
     auto const configuration = getConfiguration();
-    std::string const* const server = configuration->find("SERVER");
+    std::string const* const server = configuration->find(configKey("SERVER"));
     if (server == nullptr || server->empty())
     {
       complain("no master is known: " +
@@ -220,12 +220,11 @@ int Connection::chooseMaster()
     m_master = *server;
   }
   // The protocol's own pages hold eight bytes, or nine records, and its writes 1,024.
-  if (getConfiguration()->find(COLLECTION_PAGE_SIZE_KEY.name) == nullptr)
-    overrideConfiguration(COLLECTION_PAGE_SIZE_KEY.name, "65536");
-  if (getConfiguration()->find(COLLECTION_WRITE_SIZE_KEY.name) == nullptr)
-    overrideConfiguration(COLLECTION_WRITE_SIZE_KEY.name, "65536");
-  if (getConfiguration()->find(DISCOVERY_PAGE_SIZE_KEY.name) == nullptr)
-    overrideConfiguration(DISCOVERY_PAGE_SIZE_KEY.name, "500");
+  for (auto const& [key, value] : {std::pair{configKey("COLLECTION_PAGE_SIZE").name, "65536"},
+                                   {configKey("COLLECTION_WRITE_SIZE").name, "65536"},
+                                   {configKey("DISCOVERY_PAGE_SIZE").name, "500"}})
+    if (getConfiguration()->find(key) == nullptr)
+      overrideConfiguration(key, value);
   m_place = placeOf(m_master);
   return EXIT_DONE;
 }
@@ -394,7 +393,7 @@ void Connection::learnMaster()
   std::string reason;
   std::string const address = resolve(getHostAddress(m_master), reason);
   if (!name.empty() && !address.empty())
-    overrideConfiguration("HOST_ADDRESS." + name, address);
+    overrideConfiguration(configKey("HOST_ADDRESS.").name + name, address);
   if (!named || !found)
     return;
   try

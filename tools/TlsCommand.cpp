@@ -146,9 +146,10 @@ int check(std::string const& target)
   TlsSettings settings;
   std::string error;
   // Also before TLS is turned on.
-  std::string const* const mode = configuration->find(TLS_KEYS.mode);
+  std::string const* const mode = configuration->find(configKey("TLS").name);
   bool const isOff = mode == nullptr || *mode == "off";
-  if (!settings.read(isOff ? configuration->with(TLS_KEYS.mode, "only") : *configuration, error))
+  if (!settings.read(isOff ? configuration->with(configKey("TLS").name, "only") : *configuration,
+                     error))
   {
     complain(isOff ? "TLS is off, and no files are named for it: " + error : error);
     return EXIT_FAILED;
@@ -185,11 +186,12 @@ void addTlsOptions(CLI::App& application)
             option, [key](std::string const& value) { overrideConfiguration(key, value); }, help)
         ->type_name(type);
   };
-  add("--tls", TLS_KEYS.mode, "MODE", "off, both or only; stands in for TLS")
+  add("--tls", configKey("TLS").name, "MODE", "off, both or only; stands in for TLS")
       ->check(CLI::IsMember({"off", "both", "only"}));
-  add("--tls-certificate", TLS_KEYS.certificate, "FILE", "Stands in for TLS_CERTIFICATE");
-  add("--tls-key", TLS_KEYS.key, "FILE", "Stands in for TLS_KEY");
-  add("--tls-ca", TLS_KEYS.authorities, "FILE", "Stands in for TLS_CA");
+  add("--tls-certificate", configKey("TLS_CERTIFICATE").name, "FILE",
+      "Stands in for TLS_CERTIFICATE");
+  add("--tls-key", configKey("TLS_KEY").name, "FILE", "Stands in for TLS_KEY");
+  add("--tls-ca", configKey("TLS_CA").name, "FILE", "Stands in for TLS_CA");
 }
 
 void addTlsCommand(CLI::App& application, Session& session)

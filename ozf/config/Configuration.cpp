@@ -2,7 +2,7 @@
 
 #include "ozf/base/OzfString.h"
 #include "ozf/base/SystemError.h"
-#include "ozf/config/ConfigurationKeys.h"
+#include "ozf/config/ConfigurationKey.h"
 #include "ozf/config/ConfigurationValues.h"
 
 #include <cerrno>
@@ -219,9 +219,46 @@ bool Configuration::getInteger(std::string const& key, long defaultValue, long l
   return parsed.has_value();
 }
 
-bool Configuration::getInteger(IntegerKey const& key, long& value, std::string const& rest) const
+std::string const* Configuration::find(ConfigurationKey const& key, std::string const& second) const
 {
-  return getInteger(key.name + rest, key.byDefault, key.low, key.high, value);
+  return find(key.name + second);
+}
+
+std::vector<std::string> Configuration::list(ConfigurationKey const& key) const
+{
+  return list(std::string(key.name));
+}
+
+bool Configuration::getInteger(ConfigurationKey const& key, long& value,
+                               std::string const& second) const
+{
+  return getInteger(key.name + second, key.numberOf(second), key.low, key.high, value);
+}
+
+std::string Configuration::word(ConfigurationKey const& key, std::string const& second) const
+{
+  std::string const* const text = find(key, second);
+  return text != nullptr && isAccepted(key, *text) ? *text : defaultOf(key, second);
+}
+
+long Configuration::number(ConfigurationKey const& key, std::string const& second) const
+{
+  long value = key.numberOf(second);
+  getInteger(key, value, second);
+  return value;
+}
+
+long Configuration::seconds(ConfigurationKey const& key, std::string const& second) const
+{
+  std::string const* const text = find(key, second);
+  return (text == nullptr ? std::nullopt : parseSeconds(*text)).value_or(key.numberOf(second));
+}
+
+bool Configuration::isOn(ConfigurationKey const& key, std::string const& second) const
+{
+  bool value = key.numberOf(second) != 0;
+  getBoolean(key.name + second, value, value);
+  return value;
 }
 
 } // namespace Quillon::Tessarine::Ozf

@@ -22,7 +22,7 @@
 namespace Quillon::Tessarine::Ozf
 {
 
-struct IntegerKey;
+struct ConfigurationKey;
 
 // A mistake in a configuration: "etc/tq.conf:12: no '=' in this line". Line 0
 // means the file as a whole.
@@ -81,9 +81,19 @@ public:
   bool getInteger(std::string const& key, long defaultValue, long low, long high,
                   long& value) const;
 
-  // The same by the bounds and the default of one of the product's keys; rest is
-  // the second part of a key of two parts.
-  bool getInteger(IntegerKey const& key, long& value, std::string const& rest = {}) const;
+  // The same of one of the product's keys (ConfigurationKeys.h), by its bounds and
+  // its default; second is the second part of a key of two parts.
+  std::string const* find(ConfigurationKey const& key, std::string const& second = {}) const;
+  std::vector<std::string> list(ConfigurationKey const& key) const;
+  bool getInteger(ConfigurationKey const& key, long& value, std::string const& second = {}) const;
+
+  // What holds: the value or, when that is absent or wrong, the default. Of a key
+  // of any kind, as it is written, and of one that is a number, a span, in seconds,
+  // or yes or no.
+  std::string word(ConfigurationKey const& key, std::string const& second = {}) const;
+  long number(ConfigurationKey const& key, std::string const& second = {}) const;
+  long seconds(ConfigurationKey const& key, std::string const& second = {}) const;
+  bool isOn(ConfigurationKey const& key, std::string const& second = {}) const;
 
   // A copy in which value is the only one of the key. check() does not judge
   // it: it stands in no line of the file.

@@ -1,114 +1,351 @@
-// The keys of tq.conf that several rooms know, and all that take numbers: what
-// those may be, and what holds without them. docs/operations.md tells what each is for, and
-// ConfigurationCheck.cpp has the others.
+// The keys of tq.conf.
+//
+// This table is the one place that knows what they are called, what they may be, what
+// holds without them and what they are for. The reader, its check, --dump-config and
+// the manual go by it. Whoever reads a key asks for it by name, which the compiler
+// looks up: getConfiguration()->getInteger(configKey("LOG_LEVEL"), level). A key that
+// is asked for whenever it is needed holds from a reload on; one that is asked for
+// once says KeyHolds::FROM_START, and a reload leaves it as it is.
 
 #pragma once
 
+#include "ozf/config/ConfigurationKey.h"
+#include "ozf/config/HostRole.h"
+
 #include <cstdint>
 #include <limits>
-#include <string>
 
 namespace Quillon::Tessarine::Ozf
 {
 
-struct IntegerKey
-{
-  char const* name; // one that ends in '.' is the first part of a key of two parts
-  long low;
-  long high;
-  long byDefault;
-};
-
-// For messages: "whole numbers from 0 to 6".
-inline std::string acceptedBy(IntegerKey const& key)
-{
-  return "whole numbers from " + std::to_string(key.low) + " to " + std::to_string(key.high);
-}
-
 inline constexpr long MOST_OF_32_BITS = std::numeric_limits<std::int32_t>::max();
 
-inline constexpr IntegerKey LOG_LEVEL_KEY{"LOG_LEVEL", 0, 6, 1};
-
-// The file of the audit log; none when it is absent.
-inline constexpr char AUDIT_FILE_KEY[] = "AUDIT_FILE";
-
-// ORB_PORT.<service>; zero: HostRole.h says what holds.
-inline constexpr IntegerKey ORB_PORT_KEY{"ORB_PORT.", 1, 65535, 0};
-
-// HOST_ADDRESS.<host>
-inline constexpr char HOST_ADDRESS_KEY[] = "HOST_ADDRESS.";
-
-// Whether connections are encrypted and proven, and by what.
-struct TlsKeys
-{
-  char const* mode;
-  char const* certificate;
-  char const* key;
-  char const* authorities;
+// The explorers of the default library, and how often they run, in seconds.
+inline constexpr KeyPart DEFAULT_EXPLORERS[] = {
+    {"filesystem", 300},
+    {"host", 3600},
+    {"service", 60},
+    {"volume", 86400},
 };
-inline constexpr TlsKeys TLS_KEYS{"TLS", "TLS_CERTIFICATE", "TLS_KEY", "TLS_CA"};
 
-// Whether a crash may leave the key of TLS behind.
-inline constexpr char CORE_DUMPS_KEY[] = "CORE_DUMPS";
+inline constexpr KeyPart KNOWN_PORTS[] = {{DISCOVERY_SERVICE, DISCOVERY_PORT}};
 
-// Lists of peers: who may do what, and who may write in the name of other hosts.
-struct AllowKeys
-{
-  char const* read;
-  char const* write;
-  char const* control;
-  char const* writeAs;
+// In the order of the manual. What begins with LIMIT_ is what peers may have of this
+// service, in all and each (Limits.h); where 0 is allowed there it is no limit.
+inline constexpr ConfigurationKey CONFIGURATION_KEYS[] = {
+    {.name = "SERVER",
+     .kind = KeyKind::HOST,
+     .holds = KeyHolds::WITHIN_ROLE,
+     .value = "_HOST_",
+     .text = "The name or address of the master. A host is the master itself when its own name, or "
+             "one of its addresses, is that of *SERVER*."},
+    {.name = "CLIENT_NAME",
+     .kind = KeyKind::HOST_NAME,
+     .holds = KeyHolds::FROM_START,
+     .value = "_HOST_",
+     .text =
+         "This host's own name, under which it reports; the system's host name when it is absent."},
+    {.name = "REPORT_CLIENT_DISCOVERIES",
+     .kind = KeyKind::BOOLEAN,
+     .holds = KeyHolds::FROM_START,
+     .number = 1,
+     .value = "_yes_ | _no_",
+     .text = "Whether the service runs on this host at all. Here as in all such keys true and "
+             "false, on and off, 1 and 0 do as well."},
+    {.name = "LOG_LEVEL",
+     .kind = KeyKind::NUMBER,
+     .low = 0,
+     .high = 6,
+     .number = 1,
+     .value = "_NUMBER_",
+     .text = "0 nothing, 1 errors and notable events, 4 detail, 6 fine detail."},
+    {.name = "LOG_FILE",
+     .kind = KeyKind::LOG_FILE,
+     .word = "stderr",
+     .value = "_PATH_ | stderr | syslog",
+     .text = "An absolute path; the file is turned over at 10 MiB, and five old ones are kept. "
+             "Under the unit stderr is the journal."},
+    {.name = "AUDIT_FILE",
+     .kind = KeyKind::PATH,
+     .value = "_PATH_",
+     .text = "An absolute path: a file of lines of JSON, one for each discovery that a peer "
+             "stored, explorer that it announced, control call and refusal. It is turned over as "
+             "the log file is, and opened anew at a reload. There is none when it is absent."},
+    {.name = "LOG_EXCEPT",
+     .kind = KeyKind::LOG_PATTERN,
+     .use = KeyUse::AS_LIST,
+     .value = "_PATTERN_",
+     .text = "Lines whose texts match are kept out of the log, whatever their level. \\* stands "
+             "for any text, and a text ends with its place in the sources, so that a pattern "
+             "usually ends in \\*. A line an hour for each pattern says how many they were. "
+             "*tqdisco --debug* takes no notice of it."},
+    {.name = "EXPLORER.",
+     .part = "explorer",
+     .kind = KeyKind::BOOLEAN,
+     .holds = KeyHolds::FROM_START,
+     .number = 1,
+     .parts = DEFAULT_EXPLORERS,
+     .hasNoOtherParts = true,
+     .value = "_yes_ | _no_",
+     .text = "Whether an explorer of the product runs on this host. Without service, *tqdiscoctl "
+             "status* takes the host for silent."},
+    {.name = "EXPLORER_INTERVAL.",
+     .part = "explorer",
+     .kind = KeyKind::SPAN,
+     .holds = KeyHolds::FROM_START,
+     .parts = DEFAULT_EXPLORERS,
+     .hasNoOtherParts = true,
+     .hasNumbersOfParts = true,
+     .value = "_SPAN_",
+     .text = "How often it runs, as 90s, 15m, 1h or 2d; of volume, which runs when it is asked, "
+             "how often it tells what can be asked for."},
+    {.name = "EXPLORER_EXPIRY.",
+     .part = "explorer",
+     .kind = KeyKind::SPAN,
+     .holds = KeyHolds::FROM_START,
+     .parts = DEFAULT_EXPLORERS,
+     .hasNoOtherParts = true,
+     .value = "_SPAN_",
+     .text = "How long what it found holds; a quarter longer than the interval when it is absent. "
+             "A shorter span leaves the host without these facts until the next run."},
+    {.name = "ORB_PORT.",
+     .part = "service",
+     .kind = KeyKind::NUMBER,
+     .holds = KeyHolds::FROM_START,
+     .low = 1,
+     .high = 65535,
+     .parts = KNOWN_PORTS,
+     .hasNumbersOfParts = true,
+     .value = "_PORT_",
+     .text = "The TCP port of a service. That of the discovery service is "
+             "*ORB_PORT.DiscoveryService*; without it the system's services database is asked "
+             "before the default holds. All hosts must agree on it."},
+    {.name = "ORB_BIND",
+     .kind = KeyKind::OWN_ADDRESS,
+     .use = KeyUse::AS_LIST,
+     .holds = KeyHolds::FROM_START,
+     .value = "_ADDRESS_",
+     .text = "An address to listen on; all addresses of the host when it is absent."},
+    {.name = "CORE_DUMPS",
+     .kind = KeyKind::BOOLEAN,
+     .value = "_yes_ | _no_",
+     .text = "Whether a crash may leave a core dump behind where TLS is on, for those who look for "
+             "its cause: the key is in it. Without TLS it is the system's to decide. After a "
+             "reload that turns TLS off there is none until the service is started anew."},
+    {.name = "HOST_ADDRESS.",
+     .part = "host",
+     .kind = KeyKind::ADDRESS,
+     .value = "_ADDRESS_",
+     .text = "The address of a host, asked before the system's resolver."},
+    {.name = "TLS",
+     .kind = KeyKind::CHOICE,
+     .word = "off",
+     .choices = "off both only",
+     .value = "off | both | only",
+     .text = "Whether connections are encrypted and both their sides proven by certificates. "
+             "*only* accepts nothing else and calls nobody else; *both* speaks TLS with whoever "
+             "does, and plainly with the others, for the days in which a fleet is changed."},
+    {.name = "TLS_CERTIFICATE",
+     .kind = KeyKind::PATH,
+     .value = "_PATH_",
+     .text = "The certificate of this host in PEM format, those of intermediate authorities behind "
+             "it. Its alternative names are the names that others call the host by."},
+    {.name = "TLS_KEY",
+     .kind = KeyKind::PATH,
+     .value = "_PATH_",
+     .text = "Its key in PEM format, without a password; not for everybody to read."},
+    {.name = "TLS_CA",
+     .kind = KeyKind::PATH,
+     .value = "_PATH_",
+     .text = "The certificates of the authorities whose hosts are of the fleet."},
+    {.name = "ALLOW_READ",
+     .kind = KeyKind::PEERS,
+     .use = KeyUse::AS_LIST,
+     .word = "any",
+     .value = "_LIST_",
+     .text = "Who may read what is known. An entry is any, none, local (this host), master (the "
+             "host of *SERVER*), an address, a network as 10.0.0.0/8, or a name of a certificate, "
+             "in which \\* stands for any text. Entries are separated by commas, or stand in "
+             "several lines. The master may always read what a client produces on demand. A "
+             "mistake in one of the four lists keeps the service from starting."},
+    {.name = "ALLOW_WRITE",
+     .kind = KeyKind::PEERS,
+     .use = KeyUse::AS_LIST,
+     .word = "any",
+     .value = "_LIST_",
+     .text = "Who may store discoveries and announce explorers."},
+    {.name = "ALLOW_CONTROL",
+     .kind = KeyKind::PEERS,
+     .use = KeyUse::AS_LIST,
+     .word = "local, master",
+     .value = "_LIST_",
+     .text = "Who may stop the service or move its passes. The master may always move the passes "
+             "of a client."},
+    {.name = "ALLOW_WRITE_AS",
+     .kind = KeyKind::PEERS,
+     .use = KeyUse::AS_LIST,
+     .word = "none",
+     .value = "_LIST_",
+     .text = "Who may write in the name of other hosts. Once this key or *ALLOW_WRITE* is there, "
+             "the host that others name as the source of what they write must be their own: a name "
+             "of their certificate or, without TLS, one that has their address."},
+    {.name = "COLLECTION_PAGE_SIZE",
+     .kind = KeyKind::NUMBER,
+     .low = 1,
+     .high = MOST_OF_32_BITS,
+     .value = "_BYTES_",
+     .text = "How much of a payload is asked for in one call, when payloads are read from another "
+             "host. When it is absent the other side decides, which makes for very small pieces; "
+             "*tqdiscoctl* asks for 65536."},
+    {.name = "COLLECTION_WRITE_SIZE",
+     .kind = KeyKind::NUMBER,
+     .low = 1,
+     .high = 1L << 20,
+     .number = 1024,
+     .value = "_BYTES_",
+     .text = "How much of a payload is sent in one call, when payloads are written to the master. "
+             "Each call costs a round trip; *tqdiscoctl* sends 65536."},
+    {.name = "DISCOVERY_PAGE_SIZE",
+     .kind = KeyKind::NUMBER,
+     .low = 1,
+     .high = MOST_OF_32_BITS,
+     .value = "_RECORDS_",
+     .text = "How many records of a list are asked for in one call, when lists are read from "
+             "another host. When it is absent nothing is asked for, and the other side sends nine; "
+             "*tqdiscoctl* asks for 500. The other side may send more or fewer."},
+    {.name = "METADATA_CACHE",
+     .kind = KeyKind::NUMBER,
+     .holds = KeyHolds::FROM_START,
+     .low = 0,
+     .high = 1L << 40,
+     .number = 64L << 20,
+     .value = "_BYTES_",
+     .text = "The memory for what metadata documents say, so that none is parsed twice; the "
+             "default takes some 110,000 records. With 0 nothing is kept."},
+    {.name = "READ_LIMIT_SECONDS",
+     .kind = KeyKind::NUMBER,
+     .low = 1,
+     .high = MOST_OF_32_BITS,
+     .number = 3600,
+     .value = "_SECONDS_",
+     .text = "How long one answer of another host, a list or a payload, may take in all. What has "
+             "not come by then is given up. An answer that takes more than a minute must besides "
+             "come at no less than a page every two seconds on average."},
+    {.name = "LIMIT_CONNECTIONS",
+     .kind = KeyKind::NUMBER,
+     .low = 0,
+     .high = 1'000'000,
+     .number = 0,
+     .value = "_NUMBER_",
+     .text = "Connections in all; further ones are not taken in. With 0, as many as the limit of "
+             "open files allows."},
+    {.name = "LIMIT_PEER_CONNECTIONS",
+     .kind = KeyKind::NUMBER,
+     .low = 0,
+     .high = 1'000'000,
+     .number = 4096,
+     .value = "_NUMBER_",
+     .text =
+         "Connections of one peer, which besides has no more than half of all that there may be."},
+    {.name = "LIMIT_PEER_CALLS",
+     .kind = KeyKind::NUMBER,
+     .low = 1,
+     .high = 500,
+     .number = 400,
+     .value = "_NUMBER_",
+     .text = "Calls of one peer that are in progress; further ones wait."},
+    {.name = "LIMIT_PEER_REQUESTS",
+     .kind = KeyKind::NUMBER,
+     .low = 0,
+     .high = 1'000'000,
+     .number = 0,
+     .value = "_NUMBER_",
+     .text = "Requests of one peer a second, of which a second's worth may come at once. One that "
+             "comes too early waits for its turn."},
+    {.name = "LIMIT_REQUEST_WAIT",
+     .kind = KeyKind::NUMBER,
+     .low = 0,
+     .high = 20'000,
+     .number = 2000,
+     .value = "_MILLISECONDS_",
+     .text = "How long such a request waits at most; one whose turn comes later is refused after "
+             "that time; with 0, at once."},
+    {.name = "LIMIT_ITERATORS",
+     .kind = KeyKind::NUMBER,
+     .low = 0,
+     .high = 1'000'000,
+     .number = 1024,
+     .value = "_NUMBER_",
+     .text = "Lists and payloads that readers have open; one more makes the one idle longest go, "
+             "of the peer that has most."},
+    {.name = "LIMIT_PEER_ITERATORS",
+     .kind = KeyKind::NUMBER,
+     .low = 0,
+     .high = 1'000'000,
+     .number = 0,
+     .value = "_NUMBER_",
+     .text = "Those of one peer, which is refused one more."},
+    {.name = "LIMIT_WRITERS",
+     .kind = KeyKind::NUMBER,
+     .low = 0,
+     .high = 100'000,
+     .number = 256,
+     .value = "_NUMBER_",
+     .text = "Discoveries that peers are storing at a time; one more is refused."},
+    {.name = "LIMIT_PEER_WRITERS",
+     .kind = KeyKind::NUMBER,
+     .low = 0,
+     .high = 100'000,
+     .number = 32,
+     .value = "_NUMBER_",
+     .text = "Those of one peer."},
+    {.name = "LIMIT_REGISTRATIONS",
+     .kind = KeyKind::NUMBER,
+     .low = 1,
+     .high = 50'000,
+     .number = 50'000,
+     .value = "_NUMBER_",
+     .text = "Explorers that other hosts announced; one more is dropped. A list of more would be "
+             "longer than readers take."},
+    {.name = "LIMIT_PEER_REGISTRATIONS",
+     .kind = KeyKind::NUMBER,
+     .low = 0,
+     .high = 50'000,
+     .number = 0,
+     .value = "_NUMBER_",
+     .text = "Those of one peer since the start of the service."},
+    {.name = "LIMIT_PEER_DAY_BYTES",
+     .kind = KeyKind::NUMBER,
+     .low = 0,
+     .high = 1L << 50,
+     .number = 0,
+     .value = "_BYTES_",
+     .text = "Bytes of payloads that one peer stores within 24 hours, which begin with the first. "
+             "What goes beyond is refused."},
+    {.name = "LIMIT_PAYLOAD",
+     .kind = KeyKind::NUMBER,
+     .low = 0,
+     .high = 1L << 40,
+     .number = 256L << 20,
+     .value = "_BYTES_",
+     .text = "Size of one payload that a peer stores. Readers take no more than the default."},
+    {.name = "LIMIT_ANSWERS",
+     .kind = KeyKind::NUMBER,
+     .low = 1L << 20,
+     .high = 1L << 40,
+     .number = 512L << 20,
+     .value = "_BYTES_",
+     .text = "On a host that is not the master, the memory for lists of the master's that readers "
+             "have asked for and not fetched. Beyond it the list of the reader idle longest goes."},
 };
-inline constexpr AllowKeys ALLOW_KEYS{"ALLOW_READ", "ALLOW_WRITE", "ALLOW_CONTROL",
-                                      "ALLOW_WRITE_AS"};
 
-// Bytes a page that this host asks for; zero: nothing is asked for.
-inline constexpr IntegerKey COLLECTION_PAGE_SIZE_KEY{"COLLECTION_PAGE_SIZE", 1, MOST_OF_32_BITS, 0};
-
-// Bytes a call in which this host sends a payload to the master.
-inline constexpr IntegerKey COLLECTION_WRITE_SIZE_KEY{"COLLECTION_WRITE_SIZE", 1, 1L << 20, 1024};
-
-// Records a page that this host asks for; zero: nothing is asked for.
-inline constexpr IntegerKey DISCOVERY_PAGE_SIZE_KEY{"DISCOVERY_PAGE_SIZE", 1, MOST_OF_32_BITS, 0};
-
-// Bytes for what metadata documents say.
-inline constexpr IntegerKey METADATA_CACHE_KEY{"METADATA_CACHE", 0, 1L << 40, 64L << 20};
-
-// What an answer from another host may take in all.
-inline constexpr IntegerKey READ_LIMIT_KEY{"READ_LIMIT_SECONDS", 1, MOST_OF_32_BITS, 3600};
-
-// What peers may have of this service, in all and each (Limits.h). Where zero is
-// allowed it is no limit, and no wait for LIMIT_REQUEST_WAIT.
-
-// Connections; those of one peer besides no more than half of what there may be.
-inline constexpr IntegerKey LIMIT_CONNECTIONS_KEY{"LIMIT_CONNECTIONS", 0, 1'000'000, 0};
-inline constexpr IntegerKey LIMIT_PEER_CONNECTIONS_KEY{"LIMIT_PEER_CONNECTIONS", 0, 1'000'000,
-                                                       4096};
-
-// Calls in progress.
-inline constexpr IntegerKey LIMIT_PEER_CALLS_KEY{"LIMIT_PEER_CALLS", 1, 500, 400};
-
-// Requests a second, and the milliseconds that one waits for its turn at most.
-inline constexpr IntegerKey LIMIT_PEER_REQUESTS_KEY{"LIMIT_PEER_REQUESTS", 0, 1'000'000, 0};
-inline constexpr IntegerKey LIMIT_REQUEST_WAIT_KEY{"LIMIT_REQUEST_WAIT", 0, 20'000, 2000};
-
-// Iterators that are open, of lists and of payloads.
-inline constexpr IntegerKey LIMIT_ITERATORS_KEY{"LIMIT_ITERATORS", 0, 1'000'000, 1024};
-inline constexpr IntegerKey LIMIT_PEER_ITERATORS_KEY{"LIMIT_PEER_ITERATORS", 0, 1'000'000, 0};
-
-// Writers that are open.
-inline constexpr IntegerKey LIMIT_WRITERS_KEY{"LIMIT_WRITERS", 0, 100'000, 256};
-inline constexpr IntegerKey LIMIT_PEER_WRITERS_KEY{"LIMIT_PEER_WRITERS", 0, 100'000, 32};
-
-// Announced explorers. A list of more would be longer than readers take.
-inline constexpr IntegerKey LIMIT_REGISTRATIONS_KEY{"LIMIT_REGISTRATIONS", 1, 50'000, 50'000};
-inline constexpr IntegerKey LIMIT_PEER_REGISTRATIONS_KEY{"LIMIT_PEER_REGISTRATIONS", 0, 50'000, 0};
-
-// Bytes of payloads: that a peer stores within a day, and of one.
-inline constexpr IntegerKey LIMIT_PEER_DAY_BYTES_KEY{"LIMIT_PEER_DAY_BYTES", 0, 1L << 50, 0};
-inline constexpr IntegerKey LIMIT_PAYLOAD_KEY{"LIMIT_PAYLOAD", 0, 1L << 40, 256L << 20};
-
-// Bytes of memory for lists of other hosts' discoveries that readers have not fetched.
-inline constexpr IntegerKey LIMIT_ANSWERS_KEY{"LIMIT_ANSWERS", 1L << 20, 1L << 40, 512L << 20};
+// The key of that name, in a program that does not compile when there is none.
+consteval ConfigurationKey const& configKey(std::string_view name)
+{
+  for (ConfigurationKey const& key : CONFIGURATION_KEYS)
+    if (name == key.name)
+      return key;
+  throw "there is no such key";
+}
 
 } // namespace Quillon::Tessarine::Ozf

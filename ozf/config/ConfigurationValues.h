@@ -8,7 +8,9 @@
 #include <algorithm>
 #include <charconv>
 #include <optional>
+#include <string>
 #include <string_view>
+#include <utility>
 
 namespace Quillon::Tessarine::Ozf
 {
@@ -51,18 +53,14 @@ inline std::optional<long> parseSeconds(std::string_view text)
   return number ? std::optional(*number * factor) : std::nullopt;
 }
 
-// The explorers of the default library, which keys are about.
-inline bool isDefaultExplorer(std::string_view name)
+// The shortest text of so many seconds: "90s", "15m".
+inline std::string spanText(long seconds)
 {
-  for (char const* const known : {"filesystem", "host", "service", "volume"})
-    if (name == known)
-      return true;
-  return false;
-}
-
-inline bool isTlsMode(std::string_view text)
-{
-  return text == "off" || text == "both" || text == "only";
+  for (auto const& [factor, unit] :
+       {std::pair{604800L, "w"}, {86400L, "d"}, {3600L, "h"}, {60L, "m"}})
+    if (seconds != 0 && seconds % factor == 0)
+      return std::to_string(seconds / factor) + unit;
+  return std::to_string(seconds) + "s";
 }
 
 // A pattern that keeps the whole log out was not meant.

@@ -2,6 +2,7 @@
 
 #include "ozf/base/AsciiCase.h"
 #include "ozf/config/Configuration.h"
+#include "ozf/config/ConfigurationKeys.h"
 #include "ozf/config/HostAnswers.h"
 #include "ozf/config/HostRole.h"
 
@@ -28,7 +29,7 @@ HostAnswers& answersFor(std::string const& host)
   static auto& ofMaster = makeAnswers();
   static auto& ofOthers = makeAnswers();
   auto const configuration = getConfiguration();
-  std::string const* const server = configuration->find("SERVER");
+  std::string const* const server = configuration->find(configKey("SERVER"));
   return server != nullptr && equalIgnoringCase(host, *server) ? ofMaster : ofOthers;
 }
 

@@ -22,6 +22,8 @@ namespace
 {
 
 constexpr char SOURCE[] = "HostRole";
+constexpr ConfigurationKey const& HOST_ADDRESS = configKey("HOST_ADDRESS.");
+constexpr ConfigurationKey const& ORB_PORT = configKey("ORB_PORT.");
 
 std::string withoutFinalDot(std::string name)
 {
@@ -33,8 +35,8 @@ std::string withoutFinalDot(std::string name)
 std::string const* staticAddress(Configuration const& configuration, std::string const& host)
 {
   std::string const name = withoutFinalDot(host);
-  std::string const* const address = configuration.findNamed(HOST_ADDRESS_KEY, name);
-  return address != nullptr ? address : configuration.findNamed(HOST_ADDRESS_KEY, name + '.');
+  std::string const* const address = configuration.findNamed(HOST_ADDRESS.name, name);
+  return address != nullptr ? address : configuration.findNamed(HOST_ADDRESS.name, name + '.');
 }
 
 bool isShortFormOf(std::string const& shortName, std::string const& longName)
@@ -94,7 +96,7 @@ bool isOnAnInterface(std::vector<IpAddress> const& addresses)
 
 bool isOwnAddress(Configuration const& configuration, std::vector<IpAddress> const& addresses)
 {
-  auto const bound = configuration.list("ORB_BIND");
+  auto const bound = configuration.list(configKey("ORB_BIND"));
   if (bound.empty())
     return isOnAnInterface(addresses);
   for (auto const& text : bound)
@@ -125,7 +127,7 @@ unsigned short portOfServicesDatabase(std::string const& service)
 int IsRunningOnMasterServer()
 {
   auto const configuration = getConfiguration();
-  std::string const* const configured = configuration->find("SERVER");
+  std::string const* const configured = configuration->find(configKey("SERVER"));
   if (configured == nullptr || configured->empty())
     return 1;
   std::string const server = withoutFinalDot(*configured);
@@ -160,17 +162,17 @@ std::string getHostAddress(std::string const& host)
 unsigned short getServicePort(std::string const& service)
 {
   auto const configuration = getConfiguration();
-  std::string const key = ORB_PORT_KEY.name + service;
-  long port = 0;
-  if (!configuration->getInteger(ORB_PORT_KEY, port, service))
+  if (std::string const* const text = configuration->find(ORB_PORT, service))
+  {
+    if (isAccepted(ORB_PORT, *text))
+      return static_cast<unsigned short>(configuration->number(ORB_PORT, service));
     OZF_LOG(getFrameworkLogger(), 1, SOURCE, "getServicePort",
-            key << " is \"" << *configuration->find(key)
-                << "\"; accepted: " << acceptedBy(ORB_PORT_KEY));
-  if (port != 0)
-    return static_cast<unsigned short>(port);
+            ORB_PORT.name << service << " is \"" << *text
+                          << "\"; accepted: " << acceptedBy(ORB_PORT));
+  }
   if (unsigned short const known = portOfServicesDatabase(service); known != 0)
     return known;
-  return service == DISCOVERY_SERVICE ? DISCOVERY_PORT : 0;
+  return static_cast<unsigned short>(ORB_PORT.numberOf(service));
 }
 
 } // namespace Quillon::Tessarine::Ozf

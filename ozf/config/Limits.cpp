@@ -1,6 +1,7 @@
 #include "ozf/config/Limits.h"
 
 #include "ozf/config/Configuration.h"
+#include "ozf/config/ConfigurationKeys.h"
 
 namespace Quillon::Tessarine::Ozf
 {
@@ -42,6 +43,24 @@ void Limit::configure(Configuration const& configuration)
   long value = m_value;
   configuration.getInteger(m_key, value);
   m_value = value;
+}
+
+Limits::Limits()
+    : connections(configKey("LIMIT_CONNECTIONS")),
+      peerConnections(configKey("LIMIT_PEER_CONNECTIONS")),
+      peerCalls(configKey("LIMIT_PEER_CALLS")),
+      peerRequests(configKey("LIMIT_PEER_REQUESTS")),
+      requestWait(configKey("LIMIT_REQUEST_WAIT")),
+      iterators(configKey("LIMIT_ITERATORS")),
+      peerIterators(configKey("LIMIT_PEER_ITERATORS")),
+      writers(configKey("LIMIT_WRITERS")),
+      peerWriters(configKey("LIMIT_PEER_WRITERS")),
+      registrations(configKey("LIMIT_REGISTRATIONS")),
+      peerRegistrations(configKey("LIMIT_PEER_REGISTRATIONS")),
+      peerDayBytes(configKey("LIMIT_PEER_DAY_BYTES")),
+      payload(configKey("LIMIT_PAYLOAD")),
+      answers(configKey("LIMIT_ANSWERS"))
+{
 }
 
 std::vector<Limit*> Limits::all()

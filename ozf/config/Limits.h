@@ -8,7 +8,7 @@
 
 #include "ozf/base/Export.h"
 #include "ozf/base/OzfObjTime.h"
-#include "ozf/config/ConfigurationKeys.h"
+#include "ozf/config/ConfigurationKey.h"
 
 #include <atomic>
 #include <chrono>
@@ -48,7 +48,7 @@ public:
   static constexpr std::chrono::seconds OTHER_PEER{1};
 
   // Holds the default until it is configured. key has to outlive it.
-  explicit Limit(IntegerKey const& key) noexcept : m_key(key), m_value(key.byDefault) {}
+  explicit Limit(ConfigurationKey const& key) noexcept : m_key(key), m_value(key.number) {}
   Limit(Limit const&) = delete;
   Limit& operator=(Limit const&) = delete;
 
@@ -72,7 +72,7 @@ public:
   void configure(Configuration const& configuration);
 
 private:
-  IntegerKey const& m_key;
+  ConfigurationKey const& m_key;
   std::atomic<long> m_value;
 
   mutable std::mutex m_mutex;
@@ -89,20 +89,22 @@ private:
 class OZF_EXPORT Limits
 {
 public:
-  Limit connections{LIMIT_CONNECTIONS_KEY};
-  Limit peerConnections{LIMIT_PEER_CONNECTIONS_KEY};
-  Limit peerCalls{LIMIT_PEER_CALLS_KEY};
-  Limit peerRequests{LIMIT_PEER_REQUESTS_KEY};
-  Limit requestWait{LIMIT_REQUEST_WAIT_KEY};
-  Limit iterators{LIMIT_ITERATORS_KEY};
-  Limit peerIterators{LIMIT_PEER_ITERATORS_KEY};
-  Limit writers{LIMIT_WRITERS_KEY};
-  Limit peerWriters{LIMIT_PEER_WRITERS_KEY};
-  Limit registrations{LIMIT_REGISTRATIONS_KEY};
-  Limit peerRegistrations{LIMIT_PEER_REGISTRATIONS_KEY};
-  Limit peerDayBytes{LIMIT_PEER_DAY_BYTES_KEY};
-  Limit payload{LIMIT_PAYLOAD_KEY};
-  Limit answers{LIMIT_ANSWERS_KEY};
+  Limits();
+
+  Limit connections;
+  Limit peerConnections;
+  Limit peerCalls;
+  Limit peerRequests;
+  Limit requestWait;
+  Limit iterators;
+  Limit peerIterators;
+  Limit writers;
+  Limit peerWriters;
+  Limit registrations;
+  Limit peerRegistrations;
+  Limit peerDayBytes;
+  Limit payload;
+  Limit answers;
 
   // Every reading of the process's configuration comes here.
   void configure(Configuration const& configuration);

@@ -5,6 +5,7 @@
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ConfigurationValues.h"
 #include "ozf/config/HostAddresses.h"
+#include "ozf/config/ConfigurationKeys.h"
 #include "ozf/config/HostRole.h"
 
 #include <algorithm>
@@ -113,7 +114,7 @@ bool Caller::isHost(std::string const& host) const
 bool Caller::isMaster() const
 {
   auto const configuration = getConfiguration();
-  std::string const* const server = configuration->find("SERVER");
+  std::string const* const server = configuration->find(configKey("SERVER"));
   return server != nullptr && isHost(*server);
 }
 

@@ -3,6 +3,7 @@
 #include "ozf/config/Configuration.h"
 
 #include "ozf/base/OzfHostname.h"
+#include "ozf/config/ConfigurationKeys.h"
 #include "ozf/config/Limits.h"
 #include "ozf/config/ProductRoot.h"
 #include "ozf/log/FrameworkLogger.h"
@@ -38,7 +39,7 @@ std::shared_ptr<Configuration const> installLocked(Shared& state, Configuration 
   for (auto const& [key, value] : state.overrides)
     read = read.with(key, value);
   auto configuration = std::make_shared<Configuration const>(std::move(read));
-  std::string const* const name = configuration->find("CLIENT_NAME");
+  std::string const* const name = configuration->find(configKey("CLIENT_NAME"));
   OzfHostname::overrideLocal(name == nullptr ? std::string() : *name);
   // A file that is there and cannot be read lifts no limit.
   if (configuration->readable() || configuration->missing())

@@ -11,6 +11,7 @@
 #include "ozf/tls/Certificate.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <mutex>
 #include <set>
@@ -27,34 +28,37 @@ constexpr char SOURCE[] = "CallRights";
 // Of one kind of right: who has it.
 struct Rule
 {
-  char const* key;
-  PeerList list;
+  ConfigurationKey const& key;
+  PeerList list = {};
   bool isConfigured = false;
 
   // For log lines: "ALLOW_CONTROL = local".
   std::string text() const
   {
-    return isConfigured ? std::string(key) + " = " + list.text() : list.text() + ", without " + key;
+    return isConfigured ? std::string(key.name) + " = " + list.text()
+                        : list.text() + ", without " + key.name;
   }
 };
 
 struct Rules
 {
-  Rule read{ALLOW_KEYS.read, PeerList()};
-  Rule write{ALLOW_KEYS.write, PeerList()};
-  Rule control{ALLOW_KEYS.control, PeerList()};
-  Rule writeAs{ALLOW_KEYS.writeAs, PeerList()};
+  Rule read{configKey("ALLOW_READ")};
+  Rule write{configKey("ALLOW_WRITE")};
+  Rule control{configKey("ALLOW_CONTROL")};
+  Rule writeAs{configKey("ALLOW_WRITE_AS")};
 
   Rules()
   {
     std::string mistake;
-    control.list = *PeerList::parse({"local, master"}, mistake);
-    writeAs.list = *PeerList::parse({"none"}, mistake);
+    for (Rule* const rule : all())
+      rule->list = *PeerList::parse({rule->key.word}, mistake);
   }
+
+  std::array<Rule*, 4> all() { return {&read, &write, &control, &writeAs}; }
 
   bool take(Configuration const& configuration, std::string& error)
   {
-    for (Rule* const rule : {&read, &write, &control, &writeAs})
+    for (Rule* const rule : all())
     {
       auto const lines = configuration.list(rule->key);
       if (lines.empty())
@@ -63,7 +67,7 @@ struct Rules
       auto list = PeerList::parse(lines, mistake);
       if (!list)
       {
-        error = std::string(rule->key) + " of " + configuration.path() + " has " + mistake +
+        error = std::string(rule->key.name) + " of " + configuration.path() + " has " + mistake +
                 "; accepted: " + PEER_LIST_ENTRIES;
         return false;
       }

@@ -7,6 +7,7 @@
 
 #include "ozf/base/SystemError.h"
 #include "ozf/config/Configuration.h"
+#include "ozf/config/ConfigurationKeys.h"
 #include "ozf/log/Assertion.h"
 #include "ozf/log/FrameworkLogger.h"
 #include "ozf/orb/CallingConnection.h"
@@ -340,7 +341,7 @@ bool CorbaProcess::acquire(std::string const& name, unsigned short port,
   if (state.users == 0)
   {
     raiseDescriptorLimit();
-    auto addresses = getConfiguration()->list("ORB_BIND");
+    auto addresses = getConfiguration()->list(configKey("ORB_BIND"));
     // What serves no one else need not be reached by others.
     if (addresses.empty() && port == 0)
       addresses.push_back("127.0.0.1");

@@ -2,6 +2,7 @@
 
 #include "ozf/base/SystemError.h"
 #include "ozf/config/Configuration.h"
+#include "ozf/config/ConfigurationKeys.h"
 #include "ozf/config/HostRole.h"
 
 #include <arpa/inet.h>
@@ -116,7 +117,7 @@ bool isServiceAnswering(std::string const& service, std::chrono::milliseconds ti
   unsigned short const port = getServicePort(service);
   if (port == 0)
     return true;
-  auto const addresses = getConfiguration()->list("ORB_BIND");
+  auto const addresses = getConfiguration()->list(configKey("ORB_BIND"));
   UniqueFd fd;
   // Goes before the socket, since somebody else may get its port afterwards.
   std::optional<KnownPort> known;

@@ -3,7 +3,6 @@
 #include "ozf/base/OzfHostname.h"
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ConfigurationKeys.h"
-#include "ozf/config/ConfigurationValues.h"
 #include "ozf/log/FrameworkLogger.h"
 
 #include <atomic>
@@ -73,8 +72,8 @@ bool setUpTls(std::string& error)
 std::vector<std::string> checkTls(Configuration const& configuration)
 {
   // A mode that is none is a mistake in its line, which is told with the others.
-  if (std::string const* const mode = configuration.find(TLS_KEYS.mode);
-      mode != nullptr && !isTlsMode(*mode))
+  if (std::string const* const mode = configuration.find(configKey("TLS"));
+      mode != nullptr && !isAccepted(configKey("TLS"), *mode))
     return {};
   TlsSettings settings;
   std::string error;
@@ -85,7 +84,7 @@ std::vector<std::string> checkTls(Configuration const& configuration)
   auto const context = TlsContext::make(settings, error);
   if (!context)
     return {error};
-  std::string const* const name = configuration.find("CLIENT_NAME");
+  std::string const* const name = configuration.find(configKey("CLIENT_NAME"));
   return context->refusalsByPeers(name != nullptr ? *name : nameOfThisHost());
 }
 

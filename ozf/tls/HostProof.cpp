@@ -25,7 +25,7 @@ bool resolvesTo(std::string const& name, IpAddress const& address)
 std::vector<std::string> configuredNames(IpAddress const& address)
 {
   std::vector<std::string> names;
-  for (auto const& [name, value] : getConfiguration()->listNamed(HOST_ADDRESS_KEY))
+  for (auto const& [name, value] : getConfiguration()->listNamed(configKey("HOST_ADDRESS.").name))
     if (IpAddress::fromText(value) == address)
       names.push_back(name);
   return names;

@@ -51,7 +51,7 @@ bool isSecret(std::string const& path, std::string& error)
   struct stat status = {};
   if (stat(path.c_str(), &status) != 0 || (status.st_mode & S_IROTH) == 0)
     return true;
-  error = std::string(TLS_KEYS.key) + " " + path +
+  error = std::string(configKey("TLS_KEY").name) + " " + path +
           " can be read by everybody on this host; accepted: a file for its owner and group";
   return false;
 }
@@ -87,9 +87,10 @@ bool TlsContext::load(std::string& error)
     error = "TLS cannot be set up: " + takeTlsError();
     return false;
   }
-  if (!canOpen(TLS_KEYS.certificate, m_settings.certificate, error) ||
-      !canOpen(TLS_KEYS.key, m_settings.key, error) || !isSecret(m_settings.key, error) ||
-      !canOpen(TLS_KEYS.authorities, m_settings.authorities, error))
+  if (!canOpen(configKey("TLS_CERTIFICATE").name, m_settings.certificate, error) ||
+      !canOpen(configKey("TLS_KEY").name, m_settings.key, error) ||
+      !isSecret(m_settings.key, error) ||
+      !canOpen(configKey("TLS_CA").name, m_settings.authorities, error))
     return false;
 
   SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
@@ -109,20 +110,20 @@ bool TlsContext::load(std::string& error)
   SSL_CTX_set_verify(context, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
 
   if (SSL_CTX_use_certificate_chain_file(context, m_settings.certificate.c_str()) != 1)
-    return fail(TLS_KEYS.certificate, m_settings.certificate);
+    return fail(configKey("TLS_CERTIFICATE").name, m_settings.certificate);
   if (SSL_CTX_use_PrivateKey_file(context, m_settings.key.c_str(), SSL_FILETYPE_PEM) != 1)
   {
     bool const another = ERR_GET_REASON(ERR_peek_error()) == X509_R_KEY_VALUES_MISMATCH ||
                          ERR_GET_REASON(ERR_peek_error()) == X509_R_KEY_TYPE_MISMATCH;
     if (!another)
-      return fail(TLS_KEYS.key, m_settings.key);
+      return fail(configKey("TLS_KEY").name, m_settings.key);
     ERR_clear_error();
-    error = std::string(TLS_KEYS.key) + " " + m_settings.key + " is not the key of " +
-            TLS_KEYS.certificate + " " + m_settings.certificate;
+    error = std::string(configKey("TLS_KEY").name) + " " + m_settings.key + " is not the key of " +
+            configKey("TLS_CERTIFICATE").name + " " + m_settings.certificate;
     return false;
   }
   if (SSL_CTX_load_verify_file(context, m_settings.authorities.c_str()) != 1)
-    return fail(TLS_KEYS.authorities, m_settings.authorities);
+    return fail(configKey("TLS_CA").name, m_settings.authorities);
   // By these names a peer with several certificates finds the one to show.
   SSL_CTX_set_client_CA_list(context, SSL_load_client_CA_file(m_settings.authorities.c_str()));
   ERR_clear_error();
@@ -158,8 +159,8 @@ std::string TlsContext::refusalOfCaller(X509* certificate, stack_st_X509* chain)
 std::vector<std::string> TlsContext::refusalsByPeers(std::string const& ownName) const
 {
   std::vector<std::string> reasons;
-  std::string const start =
-      std::string(TLS_KEYS.certificate) + " " + m_settings.certificate + " is refused by peers: ";
+  std::string const start = std::string(configKey("TLS_CERTIFICATE").name) + " " +
+                            m_settings.certificate + " is refused by peers: ";
   STACK_OF(X509)* chain = nullptr;
   SSL_CTX_get0_chain_certs(m_context.get(), &chain);
   if (int const result = verify(m_certificate->get(), chain, nullptr); result != X509_V_OK)

@@ -2,40 +2,45 @@
 
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ConfigurationKeys.h"
-#include "ozf/config/ConfigurationValues.h"
 
 namespace Quillon::Tessarine::Ozf
 {
 
+namespace
+{
+constexpr ConfigurationKey const& MODE = configKey("TLS");
+}
+
 bool TlsSettings::read(Configuration const& configuration, std::string& error)
 {
   *this = TlsSettings();
-  std::string const* const word = configuration.find(TLS_KEYS.mode);
+  std::string const* const word = configuration.find(MODE);
   if (word == nullptr || *word == "off")
     return true;
-  if (!isTlsMode(*word))
+  if (!isAccepted(MODE, *word))
   {
-    error = std::string(TLS_KEYS.mode) + " is \"" + *word + "\"; accepted: off, both and only";
+    error = std::string(MODE.name) + " is \"" + *word + "\"; accepted: " + acceptedBy(MODE);
     return false;
   }
   struct File
   {
-    char const* key;
+    ConfigurationKey const& key;
     std::string* path;
   };
-  for (File const& file : {File{TLS_KEYS.certificate, &certificate}, File{TLS_KEYS.key, &key},
-                           File{TLS_KEYS.authorities, &authorities}})
+  for (File const& file :
+       {File{configKey("TLS_CERTIFICATE"), &certificate}, File{configKey("TLS_KEY"), &key},
+        File{configKey("TLS_CA"), &authorities}})
   {
     std::string const* const path = configuration.find(file.key);
     if (path == nullptr || path->empty())
     {
-      error = std::string(file.key) + " is missing although " + TLS_KEYS.mode + " is " + *word +
+      error = std::string(file.key.name) + " is missing although " + MODE.name + " is " + *word +
               "; accepted: the path of a file in PEM format";
       return false;
     }
     *file.path = *path;
   }
-  configuration.getBoolean(CORE_DUMPS_KEY, false, coreDumps);
+  coreDumps = configuration.isOn(configKey("CORE_DUMPS"));
   mode = *word == "both" ? TlsMode::BOTH : TlsMode::ONLY;
   return true;
 }

@@ -163,7 +163,7 @@ TEST_F(RemoteDBWireTest, NamesThatAreKeptMustBeShorterAsTheyAreShown)
 TEST_F(RemoteDBWireTest, AllRegistrationsOfTheLongestNamesFitIntoOneAnswer)
 {
   constexpr std::size_t RECORD = sizeof(Remote::Discovery) + 2 * MAX_KEPT_NAME + 100;
-  EXPECT_LT(2 * static_cast<std::size_t>(LIMIT_REGISTRATIONS_KEY.high) * RECORD,
+  EXPECT_LT(2 * static_cast<std::size_t>(configKey("LIMIT_REGISTRATIONS").high) * RECORD,
             RemoteDiscoveryIterator::MAX_RECORD_BYTES);
 }
 

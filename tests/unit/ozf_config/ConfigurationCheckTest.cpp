@@ -153,25 +153,6 @@ TEST_F(ConfigurationCheckTest, LimitsHaveBounds)
                   HasSubstr(":5: \"LIMIT_PEER_WRITERS\" is \"few\"")));
 }
 
-// Whoever adds a key tells what it is for.
-TEST_F(ConfigurationCheckTest, EveryKeyIsInTheManualAndInTheSample)
-{
-  std::string const root = TQ_SOURCE_DIR;
-  std::string const manual = readText(root + "/docs/man/tq.conf.5.scd");
-  std::string const sample = readText(root + "/packaging/tq.conf.sample");
-  auto const mistakes = check("NO_SUCH_KEY = 1\n");
-  ASSERT_THAT(mistakes, SizeIs(1));
-  std::istringstream keys(mistakes[0].substr(mistakes[0].find("known are ") + 10));
-  int number = 0;
-  for (std::string key; std::getline(keys >> std::ws, key, ','); ++number)
-  {
-    key = key.substr(0, key.find('<'));
-    EXPECT_THAT(manual, HasSubstr("\n*" + key + "*")) << key;
-    EXPECT_THAT(sample, HasSubstr(key)) << key;
-  }
-  EXPECT_GT(number, 30);
-}
-
 TEST_F(ConfigurationCheckTest, ASingleValueGivenAgainIsAMistakeAndAListIsNone)
 {
   EXPECT_THAT(check("SERVER = a\nORB_BIND = 127.0.0.1\nSERVER = b\nORB_BIND = 127.0.0.2\n"

@@ -1,4 +1,5 @@
 #include "ozf/config/Limits.h"
+#include "ozf/config/ConfigurationKeys.h"
 
 #include "tests/unit/ozf_config/ConfiguredHost.h"
 
@@ -11,7 +12,8 @@ using testing::SizeIs;
 namespace
 {
 
-constexpr IntegerKey SOME_KEY{"SOME_LIMIT", 0, 100, 7};
+constexpr ConfigurationKey SOME_KEY{
+    .name = "SOME_LIMIT", .kind = KeyKind::NUMBER, .low = 0, .high = 100, .number = 7};
 
 struct LimitTest : testing::Test
 {
@@ -29,7 +31,7 @@ TEST_F(LimitTest, ForbidsWhatIsMoreAndNothingWhenItIsZero)
   EXPECT_EQ(7, limit.value());
   EXPECT_FALSE(limit.forbids(7));
   EXPECT_TRUE(limit.forbids(8));
-  Limit none{LIMIT_PEER_DAY_BYTES_KEY};
+  Limit none{configKey("LIMIT_PEER_DAY_BYTES")};
   EXPECT_FALSE(none.forbids(std::numeric_limits<std::uint64_t>::max()));
 }
 

@@ -269,7 +269,8 @@ TEST_F(CrowdedEvictorTest, refusesMoreWhenNoneIsIdle)
 
 TEST_F(CrowdedEvictorTest, ofPeersThatHaveAnIdleOneTheOneThatHasMostLosesIt)
 {
-  static constexpr IntegerKey SIX{"SIX", 0, 6, 6};
+  static constexpr ConfigurationKey SIX{
+      .name = "SIX", .kind = KeyKind::NUMBER, .low = 0, .high = 6, .number = 6};
   Limit const limit(SIX);
   orb.getEvictor().setLimit(limit);
   auto const honest = activateFor("192.0.2.1");
