@@ -1,14 +1,18 @@
 #include "discovery/DiscoverySvc.h"
 
 #include "discovery/DiscoveryLog.h"
-#include "ozf/config/ConfigurationProvider.h"
+#include "discovery/DiscoveryRepository.h"
+#include "ozf/config/Configuration.h"
 #include "ozf/config/ConfigurationKeys.h"
+#include "ozf/config/ConfigurationProvider.h"
 #include "ozf/config/HostRole.h"
 #include "ozf/config/Limits.h"
 #include "ozf/orb/Orb.h"
 #include "ozf/sync/AceReactor.h"
 
 #include <ace/Time_Value.h>
+
+#include <algorithm>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
@@ -19,6 +23,15 @@ namespace
 constexpr char SOURCE[] = "DiscoverySvc";
 
 constexpr int REQUEST_TIMEOUT = 30; // seconds
+
+// Another master knows nothing yet of what this host has on demand.
+void announceToNewMaster(ConfigurationReload const& reload)
+{
+  auto& repository = getDiscoveryRepository();
+  if (std::ranges::count(reload.changed, configKey("SERVER").name) != 0 &&
+      !repository.isGenericDSOnMaster())
+    repository.startRegisterTimer();
+}
 
 } // namespace
 
@@ -59,6 +72,7 @@ int DiscoverySvc::doInit()
   {
     m_framework->init(nullptr);
     m_initialized = true;
+    setReloadListener(announceToNewMaster);
   }
   catch (...)
   {
@@ -74,6 +88,7 @@ int DiscoverySvc::doRun() { return 0; }
 
 int DiscoverySvc::doStop()
 {
+  setReloadListener({});
   if (m_framework)
     m_framework->shutdown();
   return 0;

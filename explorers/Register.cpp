@@ -40,8 +40,6 @@
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ConfigurationKeys.h"
 
-#include <optional>
-
 namespace
 {
 
@@ -78,13 +76,7 @@ std::string localHost(char const* operation)
 // What the configuration says of an explorer of this library.
 bool isWanted(char const* name) { return getConfiguration()->isOn(configKey("EXPLORER."), name); }
 
-std::optional<PollingInterval> secondsOf(ConfigurationKey const& key, char const* name)
-{
-  long const seconds = getConfiguration()->seconds(key, name);
-  return seconds != 0 ? std::optional(static_cast<PollingInterval>(seconds)) : std::nullopt;
-}
-
-// As the configuration wants it. Takes the explorer over.
+// Where the configuration wants it. Takes the explorer over.
 void registerTimed(DiscoveryRepository& repository, std::string const& host,
                    Explorers::TimedExplorer* timed, AuthorityType type)
 {
@@ -92,8 +84,6 @@ void registerTimed(DiscoveryRepository& repository, std::string const& host,
   char const* const name = explorer->getExplorerName();
   if (!isWanted(name))
     return;
-  timed->configure(secondsOf(configKey("EXPLORER_INTERVAL."), name),
-                   secondsOf(configKey("EXPLORER_EXPIRY."), name));
   registerPush(repository, host, explorer, type);
 }
 

@@ -1,6 +1,7 @@
 #include "explorers/ServiceCollector.h"
 
 #include "discovery/ExplorerRemotePull.h"
+#include "ozf/config/Configuration.h"
 #include "ozf/tls/CurrentTls.h"
 
 #include <filesystem>
@@ -42,6 +43,8 @@ ServiceState collectService(DiscoveryRepository const& repository, std::string c
   state.stored = countStored(directory);
   if (auto const tls = currentTls())
     state.certificateEnd = OzfObjTime(tls->certificate().end());
+  for (std::string const& key : keysThatWait())
+    state.awaitsRestart += (state.awaitsRestart.empty() ? "" : ", ") + key;
   state.limits = getLimits().met();
   auto const push = repository.getPushExplorers();
   for (auto const& entry : *push)

@@ -31,6 +31,7 @@ struct ServiceState
   std::optional<std::uint64_t> stored; // discoveries in this host's database
   std::uint64_t announced = 0;         // pull explorers of other hosts
   OzfObjTime certificateEnd;           // zero without TLS
+  std::string awaitsRestart;           // keys of the configuration, "ORB_BIND, TLS"
   std::vector<ExplorerState> explorers;
   std::vector<MetLimit> limits; // those that peers met since the start
 };

@@ -42,7 +42,7 @@ char const* toText(AuthorityType type)
 
 constexpr char KINDS[] = "service, push, pull or limit";
 
-constexpr std::array<Fact<ServiceState>, 7> SERVICE_FACTS = {{
+constexpr std::array<Fact<ServiceState>, 8> SERVICE_FACTS = {{
     {"Kind", Type::TEXT, KINDS, [](ServiceState const&) -> Value { return SERVICE; }},
     {"Role", Type::TEXT, "master or client",
      [](ServiceState const& state) -> Value { return state.master ? "master" : "client"; }},
@@ -56,6 +56,8 @@ constexpr std::array<Fact<ServiceState>, 7> SERVICE_FACTS = {{
      [](ServiceState const& state) -> Value { return std::to_string(state.announced); }},
     {"CertificateEnd", Type::TIME, "When the certificate of the host ends",
      [](ServiceState const& state) -> Value { return toText(state.certificateEnd); }},
+    {"AwaitsRestart", Type::TEXT, "Keys of the configuration whose changes wait for a restart",
+     [](ServiceState const& state) -> Value { return known(state.awaitsRestart); }},
 }};
 
 constexpr std::array<Fact<ExplorerState>, 5> EXPLORER_FACTS = {{

@@ -1,6 +1,8 @@
 #include "explorers/TimedExplorer.h"
 
 #include "discovery/DiscoveryLog.h"
+#include "ozf/config/Configuration.h"
+#include "ozf/config/ConfigurationKeys.h"
 
 #include <exception>
 
@@ -14,38 +16,48 @@ constexpr char OPERATION[] = "TimedExplorer::explore";
 
 // The attributes with an interval of which the expiry comes, which is a quarter
 // longer, here and at the master.
-CollectionAttributes withExpiry(CollectionAttributes const& attributes,
-                                std::optional<PollingInterval> expiry)
+CollectionAttributes withExpiry(CollectionAttributes const& attributes, PollingInterval expiry)
 {
-  if (!expiry)
+  if (expiry == 0)
     return attributes;
   return CollectionAttributes(
       attributes.getType(), attributes.getStorage(), attributes.getDiscoveryTime(),
-      OzfObjTime(static_cast<std::int64_t>((*expiry * 4 + 4) / 5)), attributes.getPriority());
+      OzfObjTime(static_cast<std::int64_t>((expiry * 4 + 4) / 5)), attributes.getPriority());
+}
+
+// 0 where nothing is said.
+PollingInterval configuredSeconds(ConfigurationKey const& key, char const* explorer)
+{
+  return static_cast<PollingInterval>(getConfiguration()->seconds(key, explorer));
 }
 
 } // namespace
 
-void TimedExplorer::configure(std::optional<PollingInterval> interval,
-                              std::optional<PollingInterval> expiry)
+PollingInterval TimedExplorer::getPollingInterval()
 {
-  m_interval = interval.value_or(m_interval);
-  m_expiry = expiry;
+  PollingInterval const configured =
+      configuredSeconds(configKey("EXPLORER_INTERVAL."), getExplorerName());
+  return configured != 0 ? configured : m_interval;
 }
 
 void TimedExplorer::explore(Authority const& authority, Subject const& subject,
                             CollectionAttributes const& attributes, AutoDereference<OZFRefCounted>&,
                             DiscoveryFactory* factory, DiscoveryResult& result)
 {
+  PollingInterval const interval = getPollingInterval();
   result.discStatus = DS_LOGIC_ERROR;
-  result.retryInterval = m_interval;
+  result.retryInterval = interval;
   try
   {
     if (factory == nullptr)
       OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
               "Explorer " << getExplorerName() << " was given no way to create discoveries");
     else
-      result.discStatus = run(authority, subject, withExpiry(attributes, m_expiry), *factory);
+      result.discStatus =
+          run(authority, subject,
+              withExpiry(attributes,
+                         configuredSeconds(configKey("EXPLORER_EXPIRY."), getExplorerName())),
+              *factory);
   }
   catch (std::exception const& exception)
   {
@@ -58,15 +70,15 @@ void TimedExplorer::explore(Authority const& authority, Subject const& subject,
   }
   if (isSuccess(result))
     result.retryInterval = 0;
-  else if (result.discStatus != DS_DATA_EXISTS && m_interval > RETRY)
+  else if (result.discStatus != DS_DATA_EXISTS && interval > RETRY)
   {
     // The master may be away. Nobody looks at the result's interval, so the
     // next run is brought about by what this explorer says of its last.
     result.retryInterval = RETRY;
     std::lock_guard const guard(m_mutex);
-    OzfObjTime const interval(static_cast<std::int64_t>(m_interval - RETRY));
-    if (m_lastExploration > interval)
-      m_lastExploration = OzfObjTime(m_lastExploration.seconds() - interval.seconds(),
+    OzfObjTime const ahead(static_cast<std::int64_t>(interval - RETRY));
+    if (m_lastExploration > ahead)
+      m_lastExploration = OzfObjTime(m_lastExploration.seconds() - ahead.seconds(),
                                      m_lastExploration.microseconds());
   }
 }

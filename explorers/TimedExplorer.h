@@ -5,7 +5,6 @@
 #include "discovery/Explorer.h"
 
 #include <mutex>
-#include <optional>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers
 {
@@ -24,15 +23,14 @@ public:
                CollectionAttributes const& attributes, AutoDereference<OZFRefCounted>& context,
                DiscoveryFactory* factory, DiscoveryResult& result) final;
 
-  // Another interval, and how long what is found holds: a quarter longer than the
-  // interval when nothing is said. Before it is registered.
-  void configure(std::optional<PollingInterval> interval, std::optional<PollingInterval> expiry);
-
   OzfObjTime getLastExplorationTime() final;
   void setLastExplorationTime(OzfObjTime const& time) final;
-  PollingInterval getPollingInterval() final { return m_interval; }
+  // As the configuration has it for an explorer of this name.
+  PollingInterval getPollingInterval() final;
 
 protected:
+  // The interval holds where the configuration has none for the name. What is found
+  // holds for a quarter longer than the interval, unless it has an expiry.
   explicit TimedExplorer(PollingInterval interval) : m_interval(interval) {}
 
   // Collects and stores; what it throws is logged and counts as
@@ -42,8 +40,7 @@ protected:
                               DiscoveryFactory const& factory) = 0;
 
 private:
-  PollingInterval m_interval;
-  std::optional<PollingInterval> m_expiry;
+  PollingInterval const m_interval;
   std::mutex m_mutex;
   OzfObjTime m_lastExploration; // guarded by m_mutex
 };

@@ -56,6 +56,8 @@ void tellLacking(std::string const& text)
 {
   std::lock_guard const guard(mutex);
   lacking = text;
+  if (serving)
+    notify(servingText());
 }
 
 void tellWaiting(std::string const& text)

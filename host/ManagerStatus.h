@@ -7,7 +7,7 @@
 namespace Host
 {
 
-// Each but tellLacking sends one message, to nobody when no manager waits for it.
+// Each sends one message when it is time for it, to nobody when no manager waits for it.
 // Any thread.
 
 // While the service starts, or when it does not.
@@ -17,8 +17,8 @@ void tellManager(std::string const& status);
 void tellReady();
 void tellReady(std::string const& status);
 
-// What is missing until the service is started anew, before tellReady. Stands
-// behind "Serving" as well, before what it waits for.
+// What is missing; empty when nothing is. Stands behind "Serving" as well, from
+// tellReady on, before what it waits for.
 void tellLacking(std::string const& text);
 
 // What the service waits for; empty when for nothing. Stands behind "Serving"

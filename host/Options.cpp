@@ -13,6 +13,10 @@ bool parseOptions(int argc, char** argv, Options& options, int& exitCode)
   app.set_version_flag("--version", "tqdisco " TQ_VERSION);
   app.add_flag("--check-config", options.checkConfiguration,
                "Read the configuration, report every mistake and exit");
+  auto* const dump = app.add_flag("--dump-config", options.dumpConfiguration,
+                                  "Print every key with its value, its default and where the "
+                                  "value comes from, and exit");
+  app.add_flag("--json", options.json, "With --dump-config: print JSON")->needs(dump);
   auto* const debug =
       app.add_flag("--debug", options.debug, "Write every log line, and write them to stderr");
   app.add_option("--log-level", options.logLevel,
@@ -24,12 +28,13 @@ bool parseOptions(int argc, char** argv, Options& options, int& exitCode)
   app.footer("Configuration: " + Quillon::Tessarine::Ozf::getConfigurationPath() +
              "\n"
              "Environment: TESSARINE_ROOT names another product root.\n"
-             "Signals: SIGTERM and SIGINT stop the service, SIGHUP reads the keys of the\n"
-             "log, of TLS, of who may call and of limits again and reopens the logs.\n"
+             "Signals: SIGTERM and SIGINT stop the service, SIGHUP reads the configuration\n"
+             "again, takes what can change without a restart, and reopens the logs.\n"
              "Exit status:\n"
              "  0  stopped in order, or told not to start by REPORT_CLIENT_DISCOVERIES\n"
              "  1  the start failed; standard error and the log say why\n"
-             "  2  wrong usage, or --check-config found a mistake\n"
+             "  2  wrong usage, or --check-config or --dump-config found a\n"
+             "     mistake\n"
              "  3  the stop was not orderly; the log says why\n"
              "  4  this host is the master, and its database directory cannot be made\n"
              "     or written");

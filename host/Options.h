@@ -20,6 +20,8 @@ enum ExitCode : int
 struct Options
 {
   bool checkConfiguration = false;
+  bool dumpConfiguration = false;
+  bool json = false; // of the dump
   bool debug = false;
   int logLevel = -1; // -1: not given
 };

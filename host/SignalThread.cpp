@@ -1,9 +1,11 @@
 #include "host/SignalThread.h"
 
 #include "host/HostLog.h"
+#include "host/ManagerStatus.h"
+#include "host/StartCheck.h"
 #include "ozf/base/WakeUp.h"
 #include "ozf/config/Configuration.h"
-#include "ozf/config/ProductRoot.h"
+#include "ozf/config/ConfigurationKeys.h"
 #include "ozf/log/AuditLog.h"
 #include "ozf/log/Logger.h"
 #include "ozf/orb/CallRights.h"
@@ -36,13 +38,11 @@ constexpr char OPERATION[] = "SignalThread::take";
 constexpr int LOOK_PERIOD = 10000;
 constexpr std::chrono::seconds RETRY_PAUSE(1);
 
-void reloadTls(bool isConfigured)
+void reloadTls()
 {
   bool const wasOn = currentTls() != nullptr;
-  std::string error = getConfigurationPath() + " cannot be read";
-  if (!isConfigured && !wasOn)
-    return;
-  if (!isConfigured || !setUpTls(error))
+  std::string error;
+  if (!setUpTls(error)) // its files were in order a moment ago
     OZF_LOG(getHostLogger(), 1, SOURCE, "SignalThread::reload", "TLS stays as it was: " << error);
   else if (wasOn && !currentTls())
     OZF_LOG(getHostLogger(), 1, SOURCE, "SignalThread::reload",
@@ -53,14 +53,22 @@ void reloadTls(bool isConfigured)
                                     << expiryText(context->certificate(), std::time(nullptr)));
 }
 
-void reloadCallRights(bool isConfigured)
+void reloadCallRights()
 {
-  std::string error = getConfigurationPath() + " cannot be read";
-  if (!isConfigured || !setUpCallRights(error))
+  std::string error;
+  if (!setUpCallRights(error))
     OZF_LOG(getHostLogger(), 1, SOURCE, "SignalThread::reload",
             "The lists of who may call stay as they were: " << error);
   else
     OZF_LOG(getHostLogger(), 1, SOURCE, "SignalThread::reload", "Took the lists of who may call");
+}
+
+std::string joined(std::vector<std::string> const& words)
+{
+  std::string text;
+  for (std::string const& word : words)
+    text += (text.empty() ? "" : ", ") + word;
+  return text;
 }
 
 sigset_t takenSignals()
@@ -158,15 +166,28 @@ void SignalThread::take(int signal)
 
 void SignalThread::reload() const
 {
-  bool const isConfigured = reloadReadableConfiguration();
-  if (!isConfigured)
-    OZF_LOG(getHostLogger(), 1, SOURCE, "SignalThread::reload",
-            "Unable to read " << getConfigurationPath() << ", what it said before holds on");
-  setUpLog(m_options, *getConfiguration());
-  setUpAudit(*getConfiguration());
-  OZF_LOG(getHostLogger(), 1, SOURCE, "SignalThread::reload", "Set the log up anew");
-  reloadTls(isConfigured);
-  reloadCallRights(isConfigured);
+  constexpr char const* RELOAD = "SignalThread::reload";
+  auto const outcome = reloadServingConfiguration(mistakesForService);
+  auto const configuration = getConfiguration();
+  setUpLog(m_options, *configuration);
+  setUpAudit(*configuration);
+  OZF_LOG(getHostLogger(), 1, SOURCE, RELOAD, "Set the log up anew");
+  for (auto const& problem : outcome.problems)
+    OZF_LOG(getHostLogger(), 1, SOURCE, RELOAD,
+            "The configuration is refused, what held before holds on: " << problem.text());
+  if (!outcome.problems.empty())
+    return;
+  if (configuration->find(configKey("SERVER")) != nullptr)
+    tellLacking("");
+  reloadTls();
+  reloadCallRights();
+  for (auto const& key : outcome.waiting)
+    OZF_LOG(getHostLogger(), 1, SOURCE, RELOAD,
+            key << " waits for the next start of the service, what it was holds on");
+  OZF_LOG(getHostLogger(), 1, SOURCE, RELOAD,
+          "Took the configuration, "
+              << (outcome.changed.empty() ? "in which no value has changed"
+                                          : "changed are " + joined(outcome.changed)));
 }
 
 } // namespace Host

@@ -19,9 +19,10 @@ namespace Host
 void blockSignals();
 
 // Stops the service on SIGTERM and SIGINT (later ones are noted and change
-// nothing). On SIGHUP sets the log up anew and takes the certificates, keys and
-// mode of TLS that the configuration names then. Tells of a certificate that ends. The service is
-// made before and destroyed after the thread.
+// nothing). On SIGHUP opens the logs anew and takes what a reload can change of the
+// configuration, with the files that TLS names; one with a mistake is refused whole.
+// Tells of a certificate that ends. The service is made before and destroyed after the
+// thread.
 class SignalThread
 {
 public:

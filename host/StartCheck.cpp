@@ -39,9 +39,8 @@ int tryToWrite(std::string const& directory)
   return 0;
 }
 
-} // namespace
-
-std::vector<ConfigurationProblem> checkForService(Configuration const& configuration)
+std::vector<ConfigurationProblem> mistakesWith(Configuration const& configuration,
+                                               std::vector<std::string> const& mistakesOfTls)
 {
   auto problems = configuration.check();
   std::string const* const server = configuration.find(configKey("SERVER"));
@@ -50,9 +49,23 @@ std::vector<ConfigurationProblem> checkForService(Configuration const& configura
                     {configuration.path(), 0,
                      "SERVER is missing; accepted: the name or address of the master, on the "
                      "master as well"});
-  for (auto const& problem : checkTls(configuration))
-    problems.push_back({configuration.path(), 0, problem});
+  for (auto const& mistake : mistakesOfTls)
+    problems.push_back({configuration.path(), 0, mistake});
   return problems;
+}
+
+} // namespace
+
+std::vector<ConfigurationProblem> mistakesForService(Configuration const& configuration)
+{
+  std::string const mistake = mistakeOfTls(configuration);
+  return mistakesWith(configuration,
+                      mistake.empty() ? std::vector<std::string>() : std::vector{mistake});
+}
+
+std::vector<ConfigurationProblem> checkForService(Configuration const& configuration)
+{
+  return mistakesWith(configuration, checkTls(configuration));
 }
 
 std::optional<std::string> whyNothingCanBeStored()

@@ -11,8 +11,12 @@
 namespace Host
 {
 
-// The mistakes of the file, that it names no master where it does not, and what is
-// wrong with the certificate and the other files of TLS.
+// The mistakes of the files, that they name no master where they do not, and what is
+// wrong with the files of TLS: with any of these a reload is refused.
+std::vector<Quillon::Tessarine::Ozf::ConfigurationProblem>
+mistakesForService(Quillon::Tessarine::Ozf::Configuration const& configuration);
+
+// The same, and why other hosts would refuse the certificate.
 std::vector<Quillon::Tessarine::Ozf::ConfigurationProblem>
 checkForService(Quillon::Tessarine::Ozf::Configuration const& configuration);
 

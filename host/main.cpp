@@ -1,6 +1,7 @@
 // tqdisco, the service host: brings the service of this host up, runs it until
 // it is told to stop, and takes it down.
 
+#include "host/ConfigurationDump.h"
 #include "host/HostLog.h"
 #include "host/ManagerStatus.h"
 #include "host/Options.h"
@@ -21,6 +22,8 @@
 #include <exception>
 #include <optional>
 #include <sys/stat.h>
+#include <string>
+#include <vector>
 
 namespace
 {
@@ -30,16 +33,31 @@ using namespace Quillon::Tessarine::Ozf;
 
 constexpr char SOURCE[] = "main";
 
-int checkConfiguration()
+// Whether there are none. They go to standard error.
+bool printMistakes(Configuration const& configuration)
 {
-  std::string const path = getConfigurationPath();
-  auto const problems = checkForService(Configuration::read(path));
+  auto const problems = checkForService(configuration);
   for (auto const& problem : problems)
     std::fprintf(stderr, "%s\n", onOneLine(problem.text()).c_str());
-  if (!problems.empty())
+  return problems.empty();
+}
+
+int checkConfiguration()
+{
+  auto const configuration = Configuration::read(getConfigurationPath());
+  if (!printMistakes(configuration))
     return EXIT_USAGE;
-  std::printf("%s: no mistakes\n", onOneLine(path).c_str());
+  for (auto const& path : configuration.files())
+    std::printf("%s: no mistakes\n", onOneLine(path).c_str());
   return EXIT_ORDERLY;
+}
+
+int dumpConfiguration(bool asJson)
+{
+  auto const configuration = Configuration::read(getConfigurationPath());
+  std::string const text = asJson ? settingsAsJson(configuration) : settingsAsTable(configuration);
+  std::fwrite(text.data(), 1, text.size(), stdout);
+  return printMistakes(configuration) ? EXIT_ORDERLY : EXIT_USAGE;
 }
 
 // Gone as soon as the service serves.
@@ -77,7 +95,11 @@ int failStart(std::string const& reason, int exitCode = EXIT_START_FAILED)
 void tellOfOtherWriters()
 {
   std::string const root = getProductRoot();
-  for (std::string const& path : {root, root + "/etc", getConfigurationPath(), root + "/db"})
+  std::vector<std::string> paths = {root, root + "/etc", root + "/db"};
+  paths.push_back(getConfigurationPath() + ".d");
+  for (std::string const& path : getConfiguration()->files())
+    paths.push_back(path);
+  for (std::string const& path : paths)
   {
     struct stat status = {};
     std::string reason;
@@ -163,7 +185,11 @@ int main(int argc, char** argv)
     int exitCode = EXIT_ORDERLY;
     if (!parseOptions(argc, argv, options, exitCode))
       return exitCode;
-    exitCode = options.checkConfiguration ? checkConfiguration() : runService(options);
+    if (options.checkConfiguration || options.dumpConfiguration)
+      exitCode =
+          options.checkConfiguration ? checkConfiguration() : dumpConfiguration(options.json);
+    else
+      exitCode = runService(options);
     startReport.reset();
     LoggerFactory::flush();
     return exitCode;

@@ -347,6 +347,22 @@ void complainOfCertificates(std::vector<ServiceState> const& states, OzfObjTime 
              ". Without a new one other hosts refuse these from then on");
 }
 
+// Those whose configuration says what they do not go by, a few by name.
+void complainOfRestarts(std::vector<ServiceState> const& states)
+{
+  constexpr std::size_t MOST_NAMED = 5;
+  std::size_t count = 0;
+  std::string named;
+  for (ServiceState const& state : states)
+    if (state.service.find("AwaitsRestart") != nullptr && ++count <= MOST_NAMED)
+      named += (named.empty() ? "" : "; ") + shown(state.record.subject) + " with " +
+               fact(state.service, "AwaitsRestart");
+  if (count != 0)
+    complain(counted(count, "service waits", "services wait") +
+             " for a restart to take changed keys of its configuration: " + named +
+             (count > MOST_NAMED ? " and more" : ""));
+}
+
 // That a host reports nothing yet.
 void tellAnnouncing(std::optional<AnnouncingHost> const& host, StatusOptions const& options)
 {
@@ -450,6 +466,7 @@ int status(StatusOptions const& options, Session const& session)
   if (all.full)
     complain("more hosts are silent than one status takes; the others are not listed");
   complainOfCertificates(states, OzfObjTime::now());
+  complainOfRestarts(states);
   if (failed != 0)
     complain(counted(failed, "explorer has", "explorers have") +
              " failed at the last run; the log of the host's service tells why");

@@ -1,21 +1,17 @@
 #include "ozf/config/Configuration.h"
 
 #include "ozf/base/OzfString.h"
-#include "ozf/base/SystemError.h"
+#include "ozf/config/ConfigurationFiles.h"
 #include "ozf/config/ConfigurationKey.h"
 #include "ozf/config/ConfigurationValues.h"
 
-#include <cerrno>
-#include <fcntl.h>
-#include <sys/stat.h>
+#include <set>
 
 namespace Quillon::Tessarine::Ozf
 {
 
 namespace
 {
-
-constexpr std::size_t MAX_FILE_SIZE = 16UL * 1024 * 1024;
 
 constexpr std::string_view WHITE_SPACE = " \t";
 
@@ -48,22 +44,6 @@ std::string characterMistake(std::string_view line)
   return {};
 }
 
-// Opens path only when it is a regular file: to open a device may act on it,
-// and to read from a pipe may last for ever. Returns 0, an errno value, or -1
-// when it is something else.
-int openRegular(std::string const& path, UniqueFd& fd)
-{
-  struct stat status = {};
-  if (stat(path.c_str(), &status) != 0)
-    return errno;
-  if (!S_ISREG(status.st_mode))
-    return -1;
-  fd.reset(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-  if (!fd.valid() || fstat(fd.get(), &status) != 0)
-    return errno;
-  return S_ISREG(status.st_mode) ? 0 : -1;
-}
-
 } // namespace
 
 std::string ConfigurationProblem::text() const
@@ -75,26 +55,39 @@ Configuration Configuration::read(std::string const& path)
 {
   Configuration result;
   result.m_path = path;
+  result.m_readable = result.readFile(path, result.m_missing);
 
-  UniqueFd fd;
-  std::string text;
-  int error = openRegular(path, fd);
-  if (error == 0)
-    error = readAll(fd.get(), text, MAX_FILE_SIZE);
-
-  result.m_missing = error == ENOENT;
-  if (error == -1)
-    result.addProblem(0, "not a regular file");
-  else if (error == EFBIG)
-    result.addProblem(0, "larger than 16 MiB");
-  else if (error != 0)
-    result.addProblem(0, "cannot be read: " + errorText(error));
-  else
+  std::vector<std::string> further;
+  std::string mistake;
+  std::string const directory = path + ".d";
+  if (!listConfigurationFiles(directory, further, mistake))
   {
-    result.m_readable = true;
-    result.parse(text);
+    result.m_files.push_back(directory);
+    result.addProblem(0, mistake);
+    result.m_readable = result.m_missing = false;
+  }
+  for (std::string const& one : further)
+  {
+    // What is there and cannot be read is more than nothing.
+    bool isAway = false;
+    if (!result.readFile(one, isAway))
+      result.m_readable = result.m_missing = false;
   }
   return result;
+}
+
+bool Configuration::readFile(std::string const& path, bool& missing)
+{
+  m_files.push_back(path);
+  m_file = std::make_shared<std::string const>(path);
+  std::string text;
+  std::string mistake;
+  bool const isRead = readConfigurationFile(path, text, mistake, missing);
+  if (isRead)
+    parse(text);
+  else
+    addProblem(0, mistake);
+  return isRead;
 }
 
 void Configuration::parse(std::string const& text)
@@ -138,18 +131,42 @@ void Configuration::parseLine(std::string_view line, int number)
   else if (key.find_first_of(WHITE_SPACE) != std::string_view::npos)
     addProblem(number, "white space inside the key; accepted is KEY = VALUE");
   else
-    m_entries[std::string(key)].push_back({std::string(trimmed(line.substr(equals + 1))), number});
+    m_entries[std::string(key)].push_back(
+        {std::string(trimmed(line.substr(equals + 1))), m_file, m_files.size() - 1, number});
 }
 
 void Configuration::addProblem(int line, std::string message)
 {
-  m_problems.push_back({m_path, line, std::move(message)});
+  m_problems.push_back({m_files.back(), line, std::move(message)});
 }
 
 Configuration Configuration::with(std::string const& key, std::string const& value) const
 {
   Configuration result = *this;
-  result.m_entries[key] = {{value, NO_LINE}};
+  result.m_entries[key] = {{value, nullptr, LAST, 0}};
+  return result;
+}
+
+std::vector<std::string> Configuration::differingKeys(Configuration const& other) const
+{
+  std::set<std::string> keys;
+  for (Configuration const* const one : {this, &other})
+    for (auto const& [key, entries] : one->m_entries)
+      if (list(key) != other.list(key))
+        keys.insert(key);
+  return {keys.begin(), keys.end()};
+}
+
+Configuration Configuration::withKeysOf(Configuration const& other,
+                                        std::vector<std::string> const& keys) const
+{
+  Configuration result = *this;
+  for (std::string const& key : keys)
+  {
+    result.m_entries.erase(key);
+    if (auto const entry = other.m_entries.find(key); entry != other.m_entries.end())
+      result.m_entries.insert(*entry);
+  }
   return result;
 }
 
@@ -167,7 +184,7 @@ std::string const* Configuration::findNamed(std::string const& prefix,
        entry != m_entries.end() && entry->first.starts_with(prefix); ++entry)
   {
     if (equalIgnoringCase(std::string_view(entry->first).substr(prefix.size()), name) &&
-        (last == nullptr || last->line < entry->second.back().line))
+        (last == nullptr || last->standsBefore(entry->second.back())))
       last = &entry->second.back();
   }
   return last == nullptr ? nullptr : &last->value;

@@ -1,4 +1,4 @@
-// The configuration file tq.conf.
+// The configuration file tq.conf, and the files of tq.conf.d beside it.
 //
 // UTF-8 text, one "KEY = VALUE" a line. White space around key and value is
 // dropped; a line that begins with '#' (after white space) is a comment; a
@@ -11,11 +11,13 @@
 
 #include "ozf/base/Export.h"
 
+#include <functional>
 #include <limits>
 #include <map>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -34,28 +36,43 @@ struct OZF_EXPORT ConfigurationProblem
   std::string text() const;
 };
 
-// What one file says. Immutable once read, so any thread may read it.
+// What holds for a key.
+struct OZF_EXPORT ConfigurationSetting
+{
+  std::string key;       // with its second part; "HOST_ADDRESS.<host>" where none is given
+  std::string value;     // as it is written; empty where nothing holds
+  std::string byDefault; // empty where nothing holds without the key
+  std::string file;      // that it comes from, empty where it comes from none
+  int line;              // of the file, from 1
+  bool isGiven;          // and no default
+  bool waitsForRestart;  // a change of it
+};
+
+// What the files say. Immutable once read, so any thread may read it.
 class OZF_EXPORT Configuration
 {
 public:
-  // Reads the file at path. Every mistake is noted and its line left out; a
-  // missing or unreadable file, one that is not a regular file, or one of more
-  // than 16 MiB, is one mistake.
+  // Reads the file at path and then the files NAME.conf of the directory path.d, in
+  // the byte order of their names, as if one stood behind the other. Every mistake is
+  // noted and its line left out; a missing or unreadable file, one that is not a
+  // regular file, or one of more than 16 MiB, is one mistake.
   static Configuration read(std::string const& path);
 
-  // True when the file could be read, whatever its lines were worth.
+  // True when every file could be read, whatever its lines were worth.
   bool readable() const noexcept { return m_readable; }
 
-  // True when there is no such file.
+  // True when there is no file at path, and nothing in path.d that cannot be read.
   bool missing() const noexcept { return m_missing; }
 
+  // The file, and those besides it that were read or should have been, in their order.
   std::string const& path() const noexcept { return m_path; }
+  std::vector<std::string> const& files() const noexcept { return m_files; }
 
-  // Mistakes of syntax, in line order.
+  // Mistakes of syntax, in the order of the lines.
   std::vector<ConfigurationProblem> const& problems() const noexcept { return m_problems; }
 
   // Mistakes of syntax and of meaning: unknown keys, values of the wrong form
-  // for a known key, a single value given twice. In line order.
+  // for a known key, a single value given twice in a file. In the order of the lines.
   std::vector<ConfigurationProblem> check() const;
 
   // The last value of the key, or null when it is absent.
@@ -69,7 +86,7 @@ public:
   // of the keys.
   std::vector<std::pair<std::string, std::string>> listNamed(std::string const& prefix) const;
 
-  // All values of the key in file order.
+  // All values of the key in the order of their lines.
   std::vector<std::string> list(std::string const& key) const;
 
   // True and false, yes and no, on and off, 1 and 0, in any case. False when
@@ -99,20 +116,42 @@ public:
   // it: it stands in no line of the file.
   Configuration with(std::string const& key, std::string const& value) const;
 
+  // The keys whose values are not those of the other, in their order.
+  std::vector<std::string> differingKeys(Configuration const& other) const;
+
+  // A copy in which those keys have the values, and the places, that they have in the
+  // other.
+  Configuration withKeysOf(Configuration const& other, std::vector<std::string> const& keys) const;
+
+  // What holds for every key of the product, for a person: the keys that are given, the
+  // others with their defaults, each value of a list for itself.
+  std::vector<ConfigurationSetting> settings() const;
+
 private:
   struct Entry
   {
     std::string value;
+    std::shared_ptr<std::string const> file; // null for a value that is not of a file
+    std::size_t number;                      // of the file, counted from 0
     int line;
+
+    bool standsBefore(Entry const& other) const
+    {
+      return std::tie(number, line) < std::tie(other.number, other.line);
+    }
   };
 
-  static constexpr int NO_LINE = std::numeric_limits<int>::max(); // behind every line
+  static constexpr auto LAST = std::numeric_limits<std::size_t>::max(); // behind every file
+
+  bool readFile(std::string const& path, bool& missing);
 
   void parse(std::string const& text);
   void parseLine(std::string_view line, int number);
   void addProblem(int line, std::string message);
 
   std::string m_path;
+  std::vector<std::string> m_files;
+  std::shared_ptr<std::string const> m_file; // the last of them
   bool m_readable = false;
   bool m_missing = false;
   std::vector<ConfigurationProblem> m_problems;
@@ -130,9 +169,30 @@ OZF_EXPORT std::shared_ptr<Configuration const> getConfiguration();
 // readable.
 OZF_EXPORT bool reloadConfiguration();
 
-// The same for a process that serves: a file that is away or cannot be read changes
-// nothing. What is wrong with it is logged all the same.
-OZF_EXPORT bool reloadReadableConfiguration();
+// What became of a reload.
+struct OZF_EXPORT ConfigurationReload
+{
+  std::vector<ConfigurationProblem> problems; // any of them, and nothing has changed
+  std::vector<std::string> changed;           // keys that have other values now
+  std::vector<std::string> waiting;           // keys whose new values wait for a restart
+};
+
+// The same for a process that serves. It takes all that a reload can change, or, when
+// the judge finds anything wrong with what is read, nothing; so it does when a file
+// that the judge finds no fault with cannot be read. The judge runs without locks, and
+// whether this host would become the master may be asked of the resolver.
+using ConfigurationJudge =
+    std::function<std::vector<ConfigurationProblem>(Configuration const& read)>;
+OZF_EXPORT ConfigurationReload reloadServingConfiguration(ConfigurationJudge const& judge);
+
+// Who is told of each reload of a process that serves that was not refused, on the
+// thread that reloads and after the configuration is replaced; an empty one for nobody.
+// What is told when it is replaced may still run.
+using ReloadListener = std::function<void(ConfigurationReload const& reload)>;
+OZF_EXPORT void setReloadListener(ReloadListener listener);
+
+// The keys whose values in the files, when they were read last, wait for a restart.
+OZF_EXPORT std::vector<std::string> keysThatWait();
 
 // Gives the process another value for a key than the file has, for an option
 // of a command line say; it holds from now on, whatever is reloaded. Any

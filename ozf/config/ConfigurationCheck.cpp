@@ -51,53 +51,62 @@ std::string sameKey(std::string const& key)
   return lower;
 }
 
+// What is wrong with one line.
+std::vector<std::string> mistakesOf(std::string const& name, std::string const& value)
+{
+  ConfigurationKey const* const key = findKey(name);
+  if (key == nullptr)
+    return {"unknown key " + quoted(name) + "; known are " + knownKeys()};
+  std::vector<std::string> mistakes;
+  if (name == key->name && key->hasTwoParts())
+    mistakes.push_back(name + " lacks the name after the dot");
+  else if (!isKnownPart(*key, name))
+    mistakes.push_back("there is no " + std::string(key->part) + " of the name in " + quoted(name) +
+                       "; accepted: " + acceptedParts(*key));
+  if (!isAccepted(*key, value))
+    mistakes.push_back(quoted(name) +
+                       (key->kind == KeyKind::PEERS ? " has " + PeerList::mistakeIn(value)
+                                                    : " is " + quoted(value)) +
+                       "; accepted: " + acceptedBy(*key));
+  return mistakes;
+}
+
+bool mayStandTwice(std::string const& name)
+{
+  ConfigurationKey const* const key = findKey(name);
+  return key == nullptr || key->use == KeyUse::AS_LIST;
+}
+
 } // namespace
 
 std::vector<ConfigurationProblem> Configuration::check() const
 {
-  struct Use
-  {
-    int line;
-    std::string const* key;
-    std::string const* value;
-  };
-  std::vector<Use> uses;
-  for (auto const& [key, entries] : m_entries)
+  // Every line, and the mistakes of syntax, by where they stand.
+  using Place = std::pair<std::size_t, int>;
+  std::map<Place, std::pair<std::string const*, Entry const*>> lines;
+  for (auto const& [name, entries] : m_entries)
     for (auto const& entry : entries)
-      if (entry.line != NO_LINE)
-        uses.push_back({entry.line, &key, &entry.value});
-  std::sort(uses.begin(), uses.end(), [](Use const& a, Use const& b) { return a.line < b.line; });
+      if (entry.file != nullptr)
+        lines[{entry.number, entry.line}] = {&name, &entry};
 
   std::vector<ConfigurationProblem> problems = m_problems;
-  std::map<std::string, int> firstLine;
-  for (auto const& use : uses)
+  std::map<std::pair<std::size_t, std::string>, int> firstLine; // of a key in a file
+  for (auto const& [place, line] : lines)
   {
-    auto const add = [&](std::string const& message) {
-      problems.push_back({m_path, use.line, message});
-    };
-    ConfigurationKey const* const known = findKey(*use.key);
-    if (known == nullptr)
-    {
-      add("unknown key " + quoted(*use.key) + "; known are " + knownKeys());
-      continue;
-    }
-    if (*use.key == known->name && known->hasTwoParts())
-      add(*use.key + " lacks the name after the dot");
-    else if (!isKnownPart(*known, *use.key))
-      add("there is no " + std::string(known->part) + " of the name in " + quoted(*use.key) +
-          "; accepted: " + acceptedParts(*known));
-    if (!isAccepted(*known, *use.value))
-      add(quoted(*use.key) +
-          (known->kind == KeyKind::PEERS ? " has " + PeerList::mistakeIn(*use.value)
-                                         : " is " + quoted(*use.value)) +
-          "; accepted: " + acceptedBy(*known));
-    auto const [first, isFirst] = firstLine.emplace(sameKey(*use.key), use.line);
-    if (!isFirst && known->use == KeyUse::ONCE)
-      add(quoted(*use.key) + " is given again, first in line " + std::to_string(first->second) +
-          "; accepted once, and the last value counts");
+    auto const& [name, entry] = line;
+    for (std::string& mistake : mistakesOf(*name, entry->value))
+      problems.push_back({*entry->file, entry->line, std::move(mistake)});
+    auto const [first, isFirst] =
+        firstLine.emplace(std::pair{entry->number, sameKey(*name)}, entry->line);
+    if (!isFirst && !mayStandTwice(*name))
+      problems.push_back({*entry->file, entry->line,
+                          quoted(*name) + " is given again, first in line " +
+                              std::to_string(first->second) +
+                              "; accepted once, and the last value counts"});
   }
-  std::stable_sort(problems.begin(), problems.end(),
-                   [](auto const& a, auto const& b) { return a.line < b.line; });
+  auto const placeOf = [this](ConfigurationProblem const& problem)
+  { return Place(std::ranges::find(m_files, problem.file) - m_files.begin(), problem.line); };
+  std::ranges::stable_sort(problems, std::less(), placeOf);
   return problems;
 }
 

@@ -39,6 +39,12 @@ std::string const* staticAddress(Configuration const& configuration, std::string
   return address != nullptr ? address : configuration.findNamed(HOST_ADDRESS.name, name + '.');
 }
 
+std::string addressFor(Configuration const& configuration, std::string const& host)
+{
+  std::string const* const address = staticAddress(configuration, host);
+  return address != nullptr && !address->empty() ? *address : host;
+}
+
 bool isShortFormOf(std::string const& shortName, std::string const& longName)
 {
   return shortName.find('.') == std::string::npos &&
@@ -124,19 +130,20 @@ unsigned short portOfServicesDatabase(std::string const& service)
 
 } // namespace
 
-int IsRunningOnMasterServer()
+int IsRunningOnMasterServer() { return isMasterBy(*getConfiguration()) ? 0 : 1; }
+
+bool isMasterBy(Configuration const& configuration)
 {
-  auto const configuration = getConfiguration();
-  std::string const* const configured = configuration->find(configKey("SERVER"));
+  std::string const* const configured = configuration.find(configKey("SERVER"));
   if (configured == nullptr || configured->empty())
-    return 1;
+    return false;
   std::string const server = withoutFinalDot(*configured);
 
   OzfHostname local;
   if (local.setLocal() &&
-      sameHostName(*configuration, withoutFinalDot(local.exportNarrow()), server))
-    return 0;
-  return isOwnAddress(*configuration, resolve(getHostAddress(server))) ? 0 : 1;
+      sameHostName(configuration, withoutFinalDot(local.exportNarrow()), server))
+    return true;
+  return isOwnAddress(configuration, resolve(addressFor(configuration, server)));
 }
 
 bool isOwnHostName(std::string const& host)
@@ -154,9 +161,7 @@ bool isOwnAddress(IpAddress const& address) { return isOwnAddress(*getConfigurat
 
 std::string getHostAddress(std::string const& host)
 {
-  auto const configuration = getConfiguration();
-  std::string const* const address = staticAddress(*configuration, host);
-  return address != nullptr && !address->empty() ? *address : host;
+  return addressFor(*getConfiguration(), host);
 }
 
 unsigned short getServicePort(std::string const& service)

@@ -35,6 +35,9 @@ inline constexpr unsigned short DISCOVERY_PORT = 27511;
 //   address, since those lead nowhere else.
 OZF_EXPORT int IsRunningOnMasterServer();
 
+// Whether this host would be the master by that configuration.
+OZF_EXPORT bool isMasterBy(class Configuration const& configuration);
+
 // Whether that is a name, or an address, of this host by the same rules, as far
 // as this can be told without asking the resolver: a name that is not this
 // host's own is looked up with HOST_ADDRESS alone. Does not block.

@@ -45,6 +45,19 @@ std::string nameOfThisHost()
   return local.setLocal() ? std::string(local.exportNarrow()) : std::string();
 }
 
+// Null with TLS off, where something is wrong with it, which mistake then tells, and
+// where the mode is none.
+std::shared_ptr<TlsContext const> contextBy(Configuration const& configuration,
+                                            std::string& mistake)
+{
+  std::string const* const mode = configuration.find(configKey("TLS"));
+  TlsSettings settings;
+  if ((mode != nullptr && !isAccepted(configKey("TLS"), *mode)) ||
+      !settings.read(configuration, mistake) || settings.mode == TlsMode::OFF)
+    return nullptr;
+  return TlsContext::make(settings, mistake);
+}
+
 } // namespace
 
 std::shared_ptr<TlsContext const> currentTls() noexcept { return current().load(); }
@@ -69,21 +82,19 @@ bool setUpTls(std::string& error)
   return true;
 }
 
+std::string mistakeOfTls(Configuration const& configuration)
+{
+  std::string mistake;
+  contextBy(configuration, mistake);
+  return mistake;
+}
+
 std::vector<std::string> checkTls(Configuration const& configuration)
 {
-  // A mode that is none is a mistake in its line, which is told with the others.
-  if (std::string const* const mode = configuration.find(configKey("TLS"));
-      mode != nullptr && !isAccepted(configKey("TLS"), *mode))
-    return {};
-  TlsSettings settings;
-  std::string error;
-  if (!settings.read(configuration, error))
-    return {error};
-  if (settings.mode == TlsMode::OFF)
-    return {};
-  auto const context = TlsContext::make(settings, error);
+  std::string mistake;
+  auto const context = contextBy(configuration, mistake);
   if (!context)
-    return {error};
+    return mistake.empty() ? std::vector<std::string>() : std::vector{mistake};
   std::string const* const name = configuration.find(configKey("CLIENT_NAME"));
   return context->refusalsByPeers(name != nullptr ? *name : nameOfThisHost());
 }

@@ -29,8 +29,11 @@ OZF_EXPORT bool setUpTls(std::string& error);
 OZF_EXPORT std::string lastTlsRefusal();
 OZF_EXPORT void noteTlsRefusal(std::string const& reason);
 
-// Everything that is wrong with what a configuration says of TLS, the files
-// included: what setUpTls would fail with, and why peers would refuse this host.
+// What setUpTls would fail with by that configuration, the files included; empty when
+// it would not, and where the mode is none, which is a mistake in its line.
+OZF_EXPORT std::string mistakeOfTls(class Configuration const& configuration);
+
+// The same, or where there is no such mistake why peers would refuse this host.
 OZF_EXPORT std::vector<std::string> checkTls(class Configuration const& configuration);
 
 // Tells in the log, once a day, that the certificate of the process ends within 30

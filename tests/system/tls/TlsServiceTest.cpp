@@ -188,7 +188,7 @@ TEST_F(TlsServiceTest, theModeAndTheCertificateAreTakenAtAReload)
   EXPECT_THAT(outcome.output, HasSubstr(", in 50 days."));
 
   writeText(m_files / "service.key", "nonsense");
-  reload("TLS stays as it was: TLS_KEY ");
+  reload("what held before holds on: " + (m_service / "etc/tq.conf") + ": TLS_KEY ");
   EXPECT_EQ(run("user", {"query"}).exitCode, 3);
   EXPECT_EQ(m_service.stop(), 0) << m_service.log();
 }
@@ -200,7 +200,7 @@ TEST_F(TlsServiceTest, aConfigurationThatIsAwayAtAReloadOpensThePortForNobody)
   ASSERT_TRUE(m_service.start()) << m_service.log();
   std::string const file = m_service / "etc/tq.conf";
   std::filesystem::rename(file, file + ".away");
-  reload("TLS stays as it was: " + file + " cannot be read");
+  reload("what held before holds on: " + file + ": cannot be read");
   std::filesystem::rename(file + ".away", file);
   EXPECT_EQ(run("", {"query"}).exitCode, 5);
   EXPECT_EQ(run("user", {"query"}).exitCode, 3);

@@ -24,6 +24,7 @@ ServiceState sample()
   state.stored = 12;
   state.announced = 3;
   state.certificateEnd = OzfObjTime(1767261600 + 86400);
+  state.awaitsRestart = "CLIENT_NAME, ORB_BIND";
   state.explorers = {{"host", AT_TQUCLIENT, false, 10, {OzfObjTime(1767261605), DS_SUCCESS}},
                      {"service", AT_TQUCLIENT, false, 10, {OzfObjTime(1767261605), DS_SUCCESS}},
                      {"rack & row", AT_EXTSRC, false, 9, {OzfObjTime(1767261606), DS_COM_ERROR}},
@@ -48,7 +49,8 @@ TEST(ServiceExplorer, storesTheServiceAndEveryOtherExplorer)
                        {"StartTime", "2026-01-01T10:00:00Z"},
                        {"StoredDiscoveries", "12"},
                        {"AnnouncedExplorers", "3"},
-                       {"CertificateEnd", "2026-01-02T10:00:00Z"}}),
+                       {"CertificateEnd", "2026-01-02T10:00:00Z"},
+                       {"AwaitsRestart", "CLIENT_NAME, ORB_BIND"}}),
             document.items[0].facts);
   EXPECT_EQ("host", document.items[1].name);
   EXPECT_EQ((FactTexts{{"Kind", "push"},

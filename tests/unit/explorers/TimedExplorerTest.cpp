@@ -1,5 +1,6 @@
 #include "explorers/TimedExplorer.h"
 
+#include "ozf/config/Configuration.h"
 #include "tests/support/LogCapture.h"
 #include "tests/unit/explorers/ExplorerStore.h"
 
@@ -54,14 +55,17 @@ TEST(TimedExplorer, takesAnotherIntervalAndExpiryFromTheConfiguration)
 {
   Store store;
   auto const explorer = example([] { return DS_SUCCESS; });
-  explorer->configure(7200, 86400);
+  overrideConfiguration("EXPLORER_INTERVAL.example", "2h");
+  overrideConfiguration("EXPLORER_EXPIRY.example", "1d");
   EXPECT_EQ(7200U, explorer->getPollingInterval());
   explore(*explorer, AT_TQUCLIENT, &store);
   auto const holds = explorer->expires.seconds() - OzfObjTime::now().seconds();
   EXPECT_GE(holds, 86400 - 5);
   EXPECT_LE(holds, 86400 + 1);
-  explorer->configure({}, {});
-  EXPECT_EQ(7200U, explorer->getPollingInterval());
+  overrideConfiguration("EXPLORER_INTERVAL.example", "3h");
+  EXPECT_EQ(10800U, explorer->getPollingInterval()) << "the next time that it is asked";
+  overrideConfiguration("EXPLORER_INTERVAL.example", "soon");
+  EXPECT_EQ(60U, explorer->getPollingInterval());
 }
 
 TEST(TimedExplorer, aRunThatSucceedsAsksForNoRetry)

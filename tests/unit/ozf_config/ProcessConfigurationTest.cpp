@@ -13,8 +13,19 @@ using namespace Quillon::Tessarine::Ozf;
 namespace
 {
 
+using Problems = std::vector<ConfigurationProblem>;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
 class ProcessConfigurationTest : public ConfiguredHost
 {
+protected:
+  static ConfigurationReload reloadServing()
+  {
+    return reloadServingConfiguration([](Configuration const& read) { return read.check(); });
+  }
 };
 
 std::string localName()
@@ -89,23 +100,91 @@ TEST_F(ProcessConfigurationTest, AMissingFileIsEmptyAndToldInDetailOnly)
 
 TEST_F(ProcessConfigurationTest, AReloadOfAServiceWithoutAFileLeavesAllAsItWas)
 {
-  configure("SERVER = one\nCLIENT_NAME = client7\nLIMIT_PEER_WRITERS = 5\n");
+  configure("SERVER = one\nCLIENT_NAME = client7\nLIMIT_WRITERS = 5\n");
   std::filesystem::remove(file());
-  EXPECT_FALSE(reloadReadableConfiguration());
+  EXPECT_THAT(reloadServing().problems, SizeIs(1));
   EXPECT_TRUE(getConfiguration()->readable());
   ASSERT_NE(getConfiguration()->find("SERVER"), nullptr);
   EXPECT_EQ(*getConfiguration()->find("SERVER"), "one");
   EXPECT_EQ(localName(), "client7");
-  EXPECT_EQ(getLimits().peerWriters.value(), 5);
+  EXPECT_EQ(getLimits().writers.value(), 5);
   std::filesystem::create_directory(file());
-  LogCapture const log;
-  EXPECT_FALSE(reloadReadableConfiguration());
-  EXPECT_EQ(log.lines().size(), 1u) << "that it cannot be read: " << log.text();
+  EXPECT_THAT(reloadServing().problems, SizeIs(1));
+  EXPECT_THAT(reloadServingConfiguration([](Configuration const&) { return Problems(); }).problems,
+              SizeIs(1))
+      << "whoever finds no fault with it";
   EXPECT_EQ(*getConfiguration()->find("SERVER"), "one");
   std::filesystem::remove(file());
-  writeText(file(), "SERVER = two\n");
-  EXPECT_TRUE(reloadReadableConfiguration());
+  writeText(file(), "SERVER = two\nCLIENT_NAME = client7\n");
+  EXPECT_THAT(reloadServing().problems, IsEmpty());
   EXPECT_EQ(*getConfiguration()->find("SERVER"), "two");
+}
+
+TEST_F(ProcessConfigurationTest, AReloadOfAServiceTakesNothingOfAConfigurationWithAMistake)
+{
+  configure("SERVER = one\nLOG_LEVEL = 1\nLIMIT_WRITERS = 5\n");
+  writeText(file(), "SERVER = one\nLOG_LEVEL = 4\nLIMIT_WRITERS = 6\nSERVR = two\n");
+  auto const outcome = reloadServing();
+  ASSERT_THAT(outcome.problems, SizeIs(1));
+  EXPECT_THAT(outcome.problems[0].text(), HasSubstr(file() + ":4: unknown key"));
+  EXPECT_THAT(outcome.changed, IsEmpty());
+  EXPECT_EQ(*getConfiguration()->find("LOG_LEVEL"), "1");
+  EXPECT_EQ(getLimits().writers.value(), 5);
+  EXPECT_THAT(getConfiguration()->check(), IsEmpty());
+}
+
+TEST_F(ProcessConfigurationTest, AReloadOfAServiceLeavesWhatWaitsForItsNextStart)
+{
+  std::string const before = "SERVER = one\nCLIENT_NAME = client7\nMETADATA_CACHE = 5\n"
+                             "ORB_BIND = 127.0.0.1\nLOG_LEVEL = 1\n";
+  configure(before);
+  writeText(file(), "# one line more\nSERVER = one\nCLIENT_NAME = client8\nLOG_LEVEL = 4\n"
+                    "LIMIT_WRITERS = 6\n");
+  auto const outcome = reloadServing();
+  EXPECT_THAT(outcome.problems, IsEmpty());
+  EXPECT_THAT(outcome.waiting, ElementsAre("CLIENT_NAME", "METADATA_CACHE", "ORB_BIND"));
+  EXPECT_THAT(outcome.changed, ElementsAre("LIMIT_WRITERS", "LOG_LEVEL"));
+  EXPECT_EQ(keysThatWait(), outcome.waiting);
+  EXPECT_EQ(localName(), "client7");
+  EXPECT_EQ(*getConfiguration()->find("METADATA_CACHE"), "5") << "what is shown is what holds";
+  EXPECT_EQ(getLimits().writers.value(), 6);
+  EXPECT_EQ(getConfiguration()->list("ORB_BIND"), std::vector<std::string>{"127.0.0.1"});
+  for (auto const& setting : getConfiguration()->settings())
+    EXPECT_TRUE(setting.key != "CLIENT_NAME" || setting.value == "client7") << setting.value;
+
+  writeText(file(), before);
+  EXPECT_THAT(reloadServing().waiting, IsEmpty()) << "it is as it was";
+  EXPECT_THAT(keysThatWait(), IsEmpty());
+}
+
+TEST_F(ProcessConfigurationTest, AnotherMasterIsTakenAtAReloadUnlessItChangesThePartOfThisHost)
+{
+  std::string const host = "CLIENT_NAME = client7\nORB_BIND = 127.0.0.1\n"
+                           "HOST_ADDRESS.one = 127.0.0.11\nHOST_ADDRESS.two = 127.0.0.12\n";
+  configure(host + "SERVER = one\n");
+  writeText(file(), host + "SERVER = two\n");
+  EXPECT_THAT(reloadServing().changed, ElementsAre("SERVER"));
+  EXPECT_EQ(*getConfiguration()->find("SERVER"), "two");
+
+  writeText(file(), host + "SERVER = client7\nLOG_LEVEL = 4\n");
+  auto const outcome = reloadServing();
+  EXPECT_THAT(outcome.waiting, ElementsAre("SERVER"));
+  EXPECT_THAT(outcome.changed, ElementsAre("LOG_LEVEL"));
+  EXPECT_EQ(*getConfiguration()->find("SERVER"), "two");
+}
+
+TEST_F(ProcessConfigurationTest, WhoListensIsToldOfAReloadThatWasTaken)
+{
+  configure("SERVER = one\n");
+  std::vector<std::string> told;
+  setReloadListener([&](ConfigurationReload const& reload) { told = reload.changed; });
+  writeText(file(), "SERVER = one\nLOG_LEVEL = 9\n");
+  reloadServing();
+  EXPECT_THAT(told, IsEmpty());
+  writeText(file(), "SERVER = one\nLOG_LEVEL = 4\n");
+  reloadServing();
+  EXPECT_THAT(told, ElementsAre("LOG_LEVEL"));
+  setReloadListener({});
 }
 
 TEST_F(ProcessConfigurationTest, LogsEveryMistakeWithFileAndLine)
