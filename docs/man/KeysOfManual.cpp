@@ -1,6 +1,6 @@
 // Writes the manual of tq.conf: copies the page given on standard input and puts the
-// keys in for the lines that ask for them. "@KEYS LIMIT_@" is for those whose names
-// begin so, "@KEYS@" for all that no other such line is for.
+// keys in for the lines that ask for them. "[KEYS LIMIT_]" is for those whose names
+// begin so, "[KEYS]" for all that no other such line is for.
 
 #include "ozf/config/ConfigurationKeys.h"
 
@@ -14,7 +14,7 @@ using namespace Quillon::Tessarine::Ozf;
 namespace
 {
 
-constexpr std::string_view BEGIN = "@KEYS";
+constexpr std::string_view BEGIN = "[KEYS";
 
 std::string textOf(KeyHolds holds)
 {
@@ -57,7 +57,7 @@ std::string entryOf(ConfigurationKey const& key)
   return text + textOfDefault(key) + ' ' + textOf(key.holds) + "\n";
 }
 
-bool asksForKeys(std::string const& line) { return line.starts_with(BEGIN) && line.ends_with('@'); }
+bool asksForKeys(std::string const& line) { return line.starts_with(BEGIN) && line.ends_with(']'); }
 
 std::string prefixOf(std::string const& line)
 {
