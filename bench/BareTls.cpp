@@ -1,9 +1,11 @@
 #include "bench/BareTls.h"
 
 #include "bench/Bench.h"
+#include "bench/Service.h"
 
 #include "ozf/base/SystemError.h"
 #include "ozf/tls/Handshakes.h"
+#include "tests/support/Certificates.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -15,6 +17,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <filesystem>
 #include <iostream>
 #include <thread>
 #include <vector>
@@ -27,10 +30,6 @@ namespace
 using Quillon::Tessarine::Ozf::Handshakes;
 using Quillon::Tessarine::Ozf::UniqueFd;
 using Session = std::unique_ptr<SSL, decltype(&SSL_free)>;
-
-// Of GIOP: where the service's object is.
-constexpr char QUESTION[] = "GIOP\1\0\0\3\0\0\0\x18\0\0\0\1\0\0\0\x10"
-                            "DiscoveryService";
 
 unsigned processors() { return std::max(std::thread::hardware_concurrency(), 1U); }
 
@@ -49,15 +48,6 @@ std::shared_ptr<SSL_CTX> contextOf(std::string const& files)
               SSL_CTX_load_verify_file(context.get(), (files + "/ca.pem").c_str()) == 1,
           "the certificates cannot be read");
   return context;
-}
-
-sockaddr_in loopbackAt(unsigned short port)
-{
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(port);
-  return address;
 }
 
 void serveOne(SSL_CTX* context, int socket)
@@ -135,6 +125,18 @@ void BareTls::begin(std::string const& files)
 {
   require(::write(m_life, files.data(), files.size()) == static_cast<ssize_t>(files.size()),
           "the bare server has ended");
+}
+
+void makeCertificates(std::string const& directory, std::vector<std::string> const& hosts)
+{
+  std::filesystem::create_directory(directory);
+  tqtest::CertificateAuthority authority;
+  authority.writeTo(directory + "/ca.pem");
+  tqtest::Wish wish;
+  wish.names.clear();
+  for (auto const& host : hosts)
+    wish.names += (wish.names.empty() ? "DNS:" : ",DNS:") + host;
+  authority.issue(directory, "host", wish);
 }
 
 TlsCallers::TlsCallers(std::string const& files) : m_context(contextOf(files)) {}

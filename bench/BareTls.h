@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <sys/types.h>
+#include <vector>
 
 using SSL_CTX = struct ssl_ctx_st;
 
@@ -36,6 +37,10 @@ private:
   pid_t m_pid = 0;
   int m_life = -1; // closed, by whatever end of this process, it ends the server
 };
+
+// Makes the directory, and in it an authority, "ca.pem", and a certificate of it with
+// its key for the hosts, "host.pem" and "host.key".
+void makeCertificates(std::string const& directory, std::vector<std::string> const& hosts);
 
 // Callers with the certificate "host.pem" of the directory, a thread for each
 // processor.

@@ -12,6 +12,7 @@
 #include <netinet/in.h>
 #include <sched.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -86,12 +87,29 @@ ProcessorEach::~ProcessorEach()
 
 bool ProcessorEach::isPossible() { return CPU_COUNT(&allProcessors()) >= 2; }
 
+sockaddr_in loopbackAt(unsigned short port, in_addr_t address)
+{
+  sockaddr_in name{};
+  name.sin_family = AF_INET;
+  name.sin_addr.s_addr = htonl(address);
+  name.sin_port = htons(port);
+  return name;
+}
+
+void raiseDescriptorLimit(std::size_t connections)
+{
+  constexpr rlim_t MORE = 100;
+  rlimit limit{};
+  require(::getrlimit(RLIMIT_NOFILE, &limit) == 0, "no limit of open files");
+  limit.rlim_cur = limit.rlim_max;
+  require(::setrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur > connections + MORE,
+          "too few files may be open");
+}
+
 unsigned short freePort()
 {
   int const fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in address = loopbackAt(0);
   socklen_t size = sizeof address;
   auto* const generic = reinterpret_cast<sockaddr*>(&address);
   require(::bind(fd, generic, size) == 0 && ::getsockname(fd, generic, &size) == 0,
@@ -172,6 +190,63 @@ CORBA::Object_ptr connectTo(Orb& orb, char const* service, char const* name)
     require(std::chrono::steady_clock::now() < deadline, "a service does not answer");
     std::this_thread::sleep_for(RETRY_PAUSE);
   }
+}
+
+namespace
+{
+
+struct Answer
+{
+  double seconds = 0; // of the median query
+  bool complete = false;
+};
+
+} // namespace
+
+double queryApart(int queries, std::chrono::milliseconds pause)
+{
+  int ends[2];
+  require(::pipe(ends) == 0, "no pipe");
+  pid_t const pid = ::fork();
+  require(pid >= 0, "no process");
+  if (pid == 0)
+  {
+    Answer answer;
+    try
+    {
+      Orb orb(0, "", "tqbench", 0, 0);
+      require(orb.init() && orb.run(0) == 0, "no ORB");
+      Remote::DiscoveryService_var service =
+          connectTo<Remote::DiscoveryService>(orb, "DiscoveryService", "DiscoveryService");
+      std::vector<double> times;
+      for (int i = 0; i < queries; ++i)
+      {
+        std::this_thread::sleep_for(pause);
+        times.push_back(timed(
+            [&]
+            {
+              Remote::DiscoveryIterator_var const iterator = service->queryDiscoveries(
+                  DQ_DISCOVERY_DATA, TYPE, subjectName(7).c_str(), AUTHORITY);
+              Remote::DiscoverySeq_var const page = iterator->getNextPage();
+              require(page->length() == 1, "the discovery was not found");
+              iterator->release();
+            }));
+      }
+      answer = {median(times), true};
+    }
+    catch (...)
+    {
+    }
+    ssize_t const count = ::write(ends[1], &answer, sizeof answer);
+    ::_exit(count == sizeof answer ? 0 : 1);
+  }
+  ::close(ends[1]);
+  Answer answer;
+  ssize_t const count = ::read(ends[0], &answer, sizeof answer);
+  ::close(ends[0]);
+  ::waitpid(pid, nullptr, 0);
+  require(count == sizeof answer && answer.complete, "the service could not be queried");
+  return answer.seconds;
 }
 
 namespace

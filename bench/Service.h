@@ -8,6 +8,8 @@
 
 #include <DiscoveryServiceC.h>
 
+#include <chrono>
+#include <netinet/in.h>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -17,6 +19,18 @@ namespace tqbench
 
 // The name under which master, reader and bare server know this machine.
 inline constexpr char HOST[] = "benchmaster";
+
+// A message that asks a service where its object is, and so may be sent by whoever has
+// a connection and no ORB: a LocateRequest of GIOP 1.0.
+inline constexpr char QUESTION[] = "GIOP\1\0\0\3\0\0\0\x18\0\0\0\1\0\0\0\x10"
+                                   "DiscoveryService";
+
+// 127.0.0.1, or another address of loopback, with that port.
+sockaddr_in loopbackAt(unsigned short port, in_addr_t address = INADDR_LOOPBACK);
+
+// This process, and those that it starts from now on, may have that many connections
+// open, and what else they need.
+void raiseDescriptorLimit(std::size_t connections);
 
 // A port of loopback that is free now.
 unsigned short freePort();
@@ -81,6 +95,11 @@ typename Interface::_ptr_type connectTo(Quillon::Tessarine::Ozf::Orb& orb, char 
   CORBA::Object_var const object = connectTo(orb, service, name);
   return Interface::_narrow(object);
 }
+
+// Has a client of its own process, whose connection is new, ask the service for one of
+// the records that makeDatabase made, again and again with that pause between: seconds
+// of the median query.
+double queryApart(int queries, std::chrono::milliseconds pause = {});
 
 // A service over a database that is there, as a reader in this process calls it.
 class StoredService

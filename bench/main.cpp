@@ -36,21 +36,16 @@ struct Benchmark
   bool readsDatabase;
 };
 
-constexpr Benchmark BENCHMARKS[] = {{"persist", benchPersist, false},
-                                    {"enumerate", benchEnumerate, true},
-                                    {"lookup", benchLookup, true},
-                                    {"parse", benchParse, false},
-                                    {"items", benchItems, false},
-                                    {"query", benchQuery, false},
-                                    {"list", benchList, true},
-                                    {"payload", benchPayload, false},
-                                    {"write", benchWrite, false},
-                                    {"large", benchLargeWrite, false},
-                                    {"fleet", benchFleetWrites, false},
-                                    {"idle", benchIdleConnections, false},
-                                    {"scale", benchScale, false},
-                                    {"memory", benchServiceMemory, true},
-                                    {"tls", benchTls, false}};
+constexpr Benchmark BENCHMARKS[] = {
+    {"persist", benchPersist, false},   {"enumerate", benchEnumerate, true},
+    {"lookup", benchLookup, true},      {"parse", benchParse, false},
+    {"items", benchItems, false},       {"query", benchQuery, false},
+    {"list", benchList, true},          {"payload", benchPayload, false},
+    {"write", benchWrite, false},       {"large", benchLargeWrite, false},
+    {"fleet", benchFleetWrites, false}, {"idle", benchIdleConnections, false},
+    {"scale", benchScale, false},       {"memory", benchServiceMemory, true},
+    {"tls", benchTls, false},           {"rights", benchRights, false},
+    {"hostile", benchHostile, false}};
 
 class ScratchDirectory
 {
@@ -189,7 +184,7 @@ int main(int argc, char** argv)
       ->check(CLI::PositiveNumber);
   app.add_option("--only", only,
                  "run these only: persist, enumerate, lookup, parse, items, query, list, payload, "
-                 "write, large, fleet, idle, scale, memory, tls");
+                 "write, large, fleet, idle, scale, memory, tls, rights, hostile");
   app.add_option("--side", settings.side,
                  "run one side only, for a tracer or a profiler: product, floor, sqlite");
   CLI11_PARSE(app, argc, argv);

@@ -1,0 +1,194 @@
+#include "bench/Attackers.h"
+
+#include "bench/Bench.h"
+#include "bench/Service.h"
+
+#include "ozf/base/SystemError.h"
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/epoll.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <deque>
+#include <utility>
+#include <vector>
+
+namespace tqbench
+{
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+using Quillon::Tessarine::Ozf::UniqueFd;
+
+// The honest client calls from 127.0.0.1.
+constexpr in_addr_t FIRST_ADDRESS = INADDR_LOOPBACK + 0x700;
+constexpr std::size_t ADDRESSES = 4;
+constexpr int LEAST_BUFFER = 1; // the system makes it as small as it can
+constexpr int WAIT_MILLISECONDS = 5;
+constexpr std::chrono::seconds UNDER_WAY(1);
+
+class Loop
+{
+public:
+  Loop(Attack const& attack, unsigned short port, std::size_t connections)
+      : m_attack(attack),
+        m_service(loopbackAt(port)),
+        m_sockets(connections),
+        m_epoll(::epoll_create1(EPOLL_CLOEXEC))
+  {
+    for (std::size_t place = 0; place < connections; ++place)
+      open(place);
+  }
+
+  // Without end; writes a byte to the pipe once the attack is under way.
+  [[noreturn]] void run(int pipe)
+  {
+    for (;;)
+    {
+      openAnew();
+      if (pipe >= 0 && Clock::now() >= m_start + UNDER_WAY)
+      {
+        require(::write(pipe, "x", 1) == 1, "who is to measure has ended");
+        ::close(std::exchange(pipe, -1));
+      }
+      std::array<epoll_event, 256> events{};
+      int const count =
+          ::epoll_wait(m_epoll.get(), events.data(), events.size(), WAIT_MILLISECONDS);
+      for (int i = 0; i < count; ++i)
+        handle(events[static_cast<std::size_t>(i)]);
+    }
+  }
+
+private:
+  void openAnew()
+  {
+    auto const due = static_cast<std::size_t>(
+        std::chrono::duration<double>(Clock::now() - m_start).count() * m_attack.anew);
+    // What could not be opened in its time is not made up for.
+    m_opened = std::max(m_opened, due - std::min(due, static_cast<std::size_t>(m_attack.anew)));
+    for (; m_opened < due && !m_ended.empty(); ++m_opened)
+    {
+      std::size_t const place = m_ended.front();
+      m_ended.pop_front();
+      open(place);
+    }
+  }
+
+  void open(std::size_t place)
+  {
+    UniqueFd& socket = m_sockets[place];
+    socket.reset(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    sockaddr_in const own = loopbackAt(0, FIRST_ADDRESS + place % ADDRESSES);
+    int const on = 1;
+    ::setsockopt(socket.get(), IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &on, sizeof on);
+    if (m_attack.manner == Attack::SEND_ALWAYS)
+      ::setsockopt(socket.get(), SOL_SOCKET, SO_RCVBUF, &LEAST_BUFFER, sizeof LEAST_BUFFER);
+    epoll_event event{};
+    event.events = EPOLLOUT;
+    event.data.u64 = place;
+    if (::bind(socket.get(), reinterpret_cast<sockaddr const*>(&own), sizeof own) != 0 ||
+        (::connect(socket.get(), reinterpret_cast<sockaddr const*>(&m_service), sizeof m_service) !=
+             0 &&
+         errno != EINPROGRESS) ||
+        ::epoll_ctl(m_epoll.get(), EPOLL_CTL_ADD, socket.get(), &event) != 0)
+      end(place);
+  }
+
+  void end(std::size_t place)
+  {
+    m_sockets[place].reset();
+    m_ended.push_back(place);
+  }
+
+  // False when the connection has ended.
+  bool send(int socket) const
+  {
+    std::string const& message = m_attack.message;
+    do
+    {
+      auto const sent = ::send(socket, message.data(), message.size(), MSG_NOSIGNAL);
+      if (sent < static_cast<ssize_t>(message.size()))
+        return sent >= 0 || errno == EAGAIN;
+    } while (m_attack.manner == Attack::SEND_ALWAYS);
+    return true;
+  }
+
+  bool goesOn(epoll_event const& happened)
+  {
+    int const socket = m_sockets[happened.data.u64].get();
+    if ((happened.events & (EPOLLERR | EPOLLHUP)) != 0)
+      return false;
+    if ((happened.events & EPOLLOUT) != 0)
+    {
+      if (!send(socket) || m_attack.manner == Attack::LEAVE)
+        return false;
+      epoll_event next = happened;
+      next.events = m_attack.manner == Attack::SEND_ALWAYS ? EPOLLOUT | EPOLLET : EPOLLIN;
+      ::epoll_ctl(m_epoll.get(), EPOLL_CTL_MOD, socket, &next);
+      return true;
+    }
+    char answer[4096];
+    if (::recv(socket, answer, sizeof answer, 0) <= 0)
+      return false;
+    return m_attack.manner != Attack::ASK_AGAIN || send(socket);
+  }
+
+  void handle(epoll_event const& happened)
+  {
+    if (m_sockets[happened.data.u64].valid() && !goesOn(happened))
+      end(happened.data.u64);
+  }
+
+  Attack const& m_attack;
+  sockaddr_in const m_service;
+  std::vector<UniqueFd> m_sockets;
+  std::deque<std::size_t> m_ended; // places in m_sockets
+  UniqueFd const m_epoll;
+  Clock::time_point const m_start = Clock::now();
+  std::size_t m_opened = 0; // anew
+};
+
+} // namespace
+
+Attackers::Attackers(Attack const& attack, unsigned short port, std::size_t connections)
+{
+  int ends[2];
+  require(::pipe2(ends, O_CLOEXEC) == 0, "no pipe");
+  m_pid = ::fork();
+  require(m_pid >= 0, "no process");
+  if (m_pid == 0)
+  {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    ::close(ends[0]);
+    try
+    {
+      Loop(attack, port, connections).run(ends[1]);
+    }
+    catch (std::exception const&)
+    {
+    }
+    ::_exit(1);
+  }
+  ::close(ends[1]);
+  char byte = 0;
+  require(::read(ends[0], &byte, 1) == 1, "the attack has not begun");
+  ::close(ends[0]);
+}
+
+Attackers::~Attackers()
+{
+  ::kill(m_pid, SIGKILL);
+  ::waitpid(m_pid, nullptr, 0);
+}
+
+} // namespace tqbench
