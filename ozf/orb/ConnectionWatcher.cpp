@@ -88,14 +88,33 @@ void ConnectionWatcher::allow(HandOver receiver, void* cookie)
     std::lock_guard gate(m_gate);
     m_handOver = receiver;
     m_cookie = cookie;
+    m_allowed = true;
   }
-  m_allowed.notify_all();
+  m_gateChanged.notify_all();
 }
 
 void ConnectionWatcher::forbid()
 {
-  std::lock_guard gate(m_gate);
-  m_handOver = nullptr;
+  std::unique_lock gate(m_gate);
+  m_allowed = false;
+  m_gateChanged.wait(gate, [this] { return !m_passing; });
+}
+
+bool ConnectionWatcher::enter()
+{
+  std::unique_lock gate(m_gate);
+  m_gateChanged.wait(gate, [this] { return m_ending || m_allowed; });
+  m_passing = !m_ending;
+  return m_passing;
+}
+
+void ConnectionWatcher::leave() noexcept
+{
+  {
+    std::lock_guard gate(m_gate);
+    m_passing = false;
+  }
+  m_gateChanged.notify_all();
 }
 
 void ConnectionWatcher::stop() noexcept
@@ -104,7 +123,7 @@ void ConnectionWatcher::stop() noexcept
     std::lock_guard gate(m_gate);
     m_ending = true;
   }
-  m_allowed.notify_all();
+  m_gateChanged.notify_all();
   wake();
   if (m_thread.joinable())
     m_thread.join();
@@ -315,9 +334,8 @@ void ConnectionWatcher::loop()
       auto const number = events[static_cast<std::size_t>(i)].data.u64;
       if (number == WAKE && read(m_wake.get(), &woken, sizeof woken) < 0)
         continue;
-      std::unique_lock gate(m_gate);
-      m_allowed.wait(gate, [this] { return m_ending || m_handOver != nullptr; });
-      if (m_ending)
+      Passage const passage(*this);
+      if (!passage)
         return;
       if (number != WAKE)
         handle(number);
@@ -328,9 +346,8 @@ void ConnectionWatcher::loop()
     {
       if (isTurn())
       {
-        std::unique_lock gate(m_gate);
-        m_allowed.wait(gate, [this] { return m_ending || m_handOver != nullptr; });
-        if (m_ending)
+        Passage const passage(*this);
+        if (!passage)
           return;
         while (auto* const connection = takeTurn())
           handOver(*connection);

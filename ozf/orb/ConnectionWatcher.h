@@ -149,6 +149,28 @@ private:
     NEVER
   };
 
+  // The watcher's turn to read and to hand over, while it lasts; false when the
+  // watcher is to end.
+  class Passage
+  {
+  public:
+    explicit Passage(ConnectionWatcher& watcher) : m_watcher(watcher), m_open(watcher.enter()) {}
+    ~Passage()
+    {
+      if (m_open)
+        m_watcher.leave();
+    }
+    Passage(Passage const&) = delete;
+    Passage& operator=(Passage const&) = delete;
+    explicit operator bool() const noexcept { return m_open; }
+
+  private:
+    ConnectionWatcher& m_watcher;
+    bool const m_open;
+  };
+
+  bool enter();
+  void leave() noexcept;
   void loop();
   int waitTime();
   void handle(ConnectionNumber number);
@@ -173,10 +195,13 @@ private:
   UniqueFd m_epoll;
   UniqueFd m_wake;
 
-  // Taken before m_mutex; held while a connection is read from and handed over.
+  // Of what follows it, and held for nothing else: the ORB ends the watcher under a
+  // lock that handing over takes.
   std::mutex m_gate;
-  std::condition_variable m_allowed;
-  HandOver m_handOver = nullptr;
+  std::condition_variable m_gateChanged;
+  bool m_allowed = false;
+  bool m_passing = false;        // a connection is being read from or handed over
+  HandOver m_handOver = nullptr; // changes only while neither is so, as does this:
   void* m_cookie = nullptr;
   bool m_ending = false;
 
