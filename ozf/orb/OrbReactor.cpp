@@ -100,19 +100,21 @@ void OrbReactor::stop()
 {
   if (!m_thread.joinable())
     return;
-  m_reactor->end_reactor_event_loop();
+  // The reactor's own flag for this is no atomic, and the loop reads it.
+  m_stopping = true;
+  m_reactor->notify();
   m_thread.join();
+  m_reactor->end_reactor_event_loop();
 }
 
 void OrbReactor::loop()
 {
   m_reactor->owner(ACE_OS::thr_self());
-  while (m_reactor->reactor_event_loop_done() == 0)
+  while (!m_stopping)
   {
     try
     {
-      if (m_reactor->handle_events() >= 0 || m_reactor->reactor_event_loop_done() != 0 ||
-          errno == EINTR)
+      if (m_reactor->handle_events() >= 0 || m_stopping || errno == EINTR)
         continue;
       OZF_LOG(getFrameworkLogger(), 1, SOURCE, "OrbReactor::loop",
               "Event loop failed: " << errorText(errno));

@@ -41,6 +41,7 @@ private:
   std::unique_ptr<ACE_Timer_Queue> m_ownQueue; // outlives the reactor
   std::unique_ptr<ACE_Reactor> m_reactor;
   std::thread m_thread;
+  std::atomic<bool> m_stopping{false};
 };
 
 } // namespace Quillon::Tessarine::Ozf
