@@ -1,5 +1,6 @@
 #include "ozf/orb/CallRights.h"
 
+#include "ozf/base/Replaceable.h"
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ConfigurationKeys.h"
 #include "ozf/config/HostAnswers.h"
@@ -103,7 +104,7 @@ struct Rules
 
 struct Current
 {
-  std::atomic<std::shared_ptr<Rules const>> rules{std::make_shared<Rules const>()};
+  Replaceable<Rules> rules{std::make_shared<Rules const>()};
   std::atomic<std::uint64_t> generation{1}; // of the rules; changed after them
   std::atomic<CallNeeds> needs{nullptr};
   std::mutex mutex; // of what follows
@@ -157,14 +158,14 @@ bool setUpCallRights(std::string& error)
   auto rules = std::make_shared<Rules>();
   if (!rules->take(*getConfiguration(), error))
     return false;
-  current().rules.store(std::move(rules));
+  current().rules.replace(std::move(rules));
   ++current().generation;
   return true;
 }
 
 bool mayWriteAs(Peer const& peer, std::string const& host, std::string& reason)
 {
-  auto const rules = current().rules.load();
+  auto const rules = current().rules.get();
   if (!rules->write.isConfigured && !rules->writeAs.isConfigured)
     return true;
   Caller const caller = callerOf(peer);
@@ -243,7 +244,7 @@ void requireRight(Peer const& peer, int descriptor, char const* operation, std::
   // What is not granted is looked at each time: addresses of hosts change.
   constexpr std::size_t LONGEST_SHOWN = 64;
   AuditedCall const call{std::string_view(operation).substr(0, LONGEST_SHOWN)};
-  auto const rules = now.rules.load();
+  auto const rules = now.rules.get();
   std::string reason;
   try
   {

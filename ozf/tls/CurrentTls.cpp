@@ -1,11 +1,11 @@
 #include "ozf/tls/CurrentTls.h"
 
 #include "ozf/base/OzfHostname.h"
+#include "ozf/base/Replaceable.h"
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ConfigurationKeys.h"
 #include "ozf/log/FrameworkLogger.h"
 
-#include <atomic>
 #include <mutex>
 
 namespace Quillon::Tessarine::Ozf
@@ -18,7 +18,7 @@ constexpr char SOURCE[] = "CurrentTls";
 constexpr std::time_t DAY = 86400;
 constexpr std::time_t WARNED_AHEAD = 30 * DAY;
 
-using Current = std::atomic<std::shared_ptr<TlsContext const>>;
+using Current = Replaceable<TlsContext>;
 
 // Never destroyed: connections may outlast the static objects.
 Current& current()
@@ -60,7 +60,7 @@ std::shared_ptr<TlsContext const> contextBy(Configuration const& configuration,
 
 } // namespace
 
-std::shared_ptr<TlsContext const> currentTls() noexcept { return current().load(); }
+std::shared_ptr<TlsContext const> currentTls() noexcept { return current().get(); }
 
 bool setUpTls(std::string& error)
 {
@@ -78,7 +78,7 @@ bool setUpTls(std::string& error)
     for (auto const& refusal : context->refusalsByPeers(nameOfThisHost()))
       OZF_LOG(getFrameworkLogger(), 1, SOURCE, "setUpTls", refusal);
   }
-  current().store(context);
+  current().replace(context);
   return true;
 }
 
