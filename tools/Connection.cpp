@@ -9,10 +9,12 @@
 #include "ozf/config/ProductRoot.h"
 #include "ozf/tls/CurrentTls.h"
 #include "tools/Output.h"
+#include "tools/Table.h"
 
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <memory>
 #include <netdb.h>
@@ -60,6 +62,21 @@ std::string placeOf(std::string const& host)
 {
   std::string const name = host.find(':') == std::string::npos ? host : "[" + host + "]";
   return shown(name) + ":" + std::to_string(getServicePort(DISCOVERY_SERVICE));
+}
+
+// As complain, while another thread may be printing: the stream for complaints
+// would flush what that one is writing to.
+void complainBeside(std::string const& message)
+{
+  std::string const text =
+      wrapped(shown("tqdiscoctl: " + message), terminalWidth(STDERR_FILENO)) + '\n';
+  for (std::size_t done = 0; done < text.size();)
+  {
+    ssize_t const written = ::write(STDERR_FILENO, text.data() + done, text.size() - done);
+    if (written < 0 && errno != EINTR)
+      return;
+    done += static_cast<std::size_t>(std::max<ssize_t>(written, 0));
+  }
 }
 
 } // namespace
@@ -157,22 +174,23 @@ bool TimeLimit::nearlyOver() const { return left() < m_margin; }
 void TimeLimit::run(ConnectionOptions const& options, std::string const& place, Orb& orb)
 {
   constexpr std::chrono::milliseconds STEP(100);
-  // A call that has all of the time ends a little after it, and what comes of
-  // it is still to be told.
-  constexpr std::chrono::milliseconds GRACE(1000);
+  // A call that has all of the time ends up to a second after it, and what comes
+  // of it is still to be told.
+  constexpr std::chrono::milliseconds GRACE(1500);
   std::unique_lock lock(m_mutex);
   while (!m_changed.wait_for(lock, STEP, [this] { return m_stopped; }))
   {
-    auto const rest = std::max(left(), STEP);
-    if (rest < std::chrono::seconds(options.call()))
-      orb.setRequestTimeout(ACE_Time_Value(rest.count() / 1000, rest.count() % 1000 * 1000));
+    // Whole seconds, as other threads are calling.
+    auto const rest = std::chrono::duration_cast<std::chrono::seconds>(left()).count();
+    if (rest < options.call())
+      orb.setRequestTimeout(ACE_Time_Value(std::max<std::time_t>(rest, 1)));
     if (Steady::now() < m_end + GRACE)
       continue;
-    complain("gave up after " +
-             counted(static_cast<std::size_t>(options.whole()), "second", "seconds") +
-             ": the service at " + place +
-             ", or a host that it names, is too slow or comes to no end; --timeout allows "
-             "more");
+    complainBeside("gave up after " +
+                   counted(static_cast<std::size_t>(options.whole()), "second", "seconds") +
+                   ": the service at " + place +
+                   ", or a host that it names, is too slow or comes to no end; --timeout allows "
+                   "more");
     // Other threads are in the middle of their calls.
     _exit(EXIT_FAILED);
   }

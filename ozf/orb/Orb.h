@@ -79,7 +79,7 @@ public:
 
   // Whole calls, sending and waiting for the answer. Connecting takes no longer
   // than that, and never longer than 10 seconds. Holds for the process; 30
-  // seconds at first.
+  // seconds at first. While others call, whole seconds: the ORB has their fraction apart.
   void setRequestTimeout(ACE_Time_Value const& timeout);
 
   // "RootPOA" answers this Orb's own root, under which its POAs live: taking
