@@ -216,6 +216,7 @@ CORBA::ORB_ptr startOrb(std::vector<std::string> const& endPoints, std::string c
   };
   std::vector<Option> options = {
       {"traceLevel", "1"},
+      {"traceTime", "0"}, // lines of the log have their time, and this one is not safe in threads
       // Limits of calls.
       {"clientCallTimeOutPeriod", "30000"},
       {"clientConnectTimeOutPeriod", "10000"},
