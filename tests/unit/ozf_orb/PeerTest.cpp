@@ -3,6 +3,7 @@
 #include "tests/support/LogCapture.h"
 #include "tests/unit/ozf_orb/ServingProcess.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <fcntl.h>
 #include <future>
@@ -19,9 +20,10 @@ class PeerServant : public POA_OrbTest::Probe
 public:
   char* echo(char const* text) override
   {
-    if (inner != nullptr && std::string(text) == "within")
+    OrbTest::Probe_ptr const next = inner;
+    if (next != nullptr && std::string(text) == "within")
     {
-      CORBA::String_var const answer = inner->echo("x");
+      CORBA::String_var const answer = next->echo("x");
       return CORBA::string_dup((answer.in() + (" " + seen())).c_str());
     }
     return CORBA::string_dup(seen().c_str());
@@ -32,7 +34,7 @@ public:
   void pause(CORBA::ULong) override {}
   CORBA::ULong size(OrbTest::Bytes const&) override { return 0; }
 
-  OrbTest::Probe_ptr inner = nullptr;
+  std::atomic<OrbTest::Probe_ptr> inner{nullptr}; // set while it is served
 
 private:
   static std::string seen()
