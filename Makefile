@@ -17,7 +17,7 @@ help:
 	@echo "make test   build and run every test, plain, under the sanitizers, and by fuzzing"
 	@echo "make check  what is to be done between two commits: format, house and unit tests"
 	@echo "make bench  build and run the benchmarks, print the table"
-	@echo "make test-tsan  run the threaded tests under ThreadSanitizer"
+	@echo "make test-tsan  run the tests under ThreadSanitizer, with the libraries built for it: an hour"
 	@echo "make fuzz FUZZ_SECONDS=...   feed the parsers made-up inputs, 60 seconds each"
 	@echo "make torture  fail system calls, kill, cut the power, send hostile messages: half an hour"
 	@echo "make mutants  change the sources at random places and look which tests notice: hours"
@@ -84,13 +84,16 @@ build-check build-asan build-fuzz: build-%: deps
 run-check run-asan: run-%:
 	ctest --preset $* --parallel $(TEST_JOBS)
 
-# What is threaded and free of the ORB, under ThreadSanitizer.
+# The ORB and the other libraries are built once, too, so that what they do between
+# threads is seen. TSAN_TESTS: arguments of ctest that choose among the tests.
+TSAN_LIBRARIES ?= build/tsan/libraries
+TSAN_TESTS ?=
 test-tsan: deps
+	@packaging/install-dependencies.sh tsan
+	tests/tsan/build-libraries.sh $(TSAN_LIBRARIES) $(JOBS)
 	cmake --preset tsan
-	cmake --build --preset tsan --parallel $(JOBS) --target unit_ozf_sync unit_ozf_log unit_ozf_plugin
-	build/tsan/bin/unit_ozf_sync
-	build/tsan/bin/unit_ozf_log
-	build/tsan/bin/unit_ozf_plugin
+	cmake --build --preset tsan --parallel $(JOBS)
+	@tests/tsan/run.sh build/tsan $(TSAN_LIBRARIES) $(TEST_JOBS) $(TSAN_TESTS)
 
 # Made-up inputs for whatever reads what others wrote; each target that long,
 # two at a time.

@@ -3,9 +3,13 @@ if(TQ_SANITIZE)
                       -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address,undefined)
 endif()
+# ThreadSanitizer has to see all that threads do: what is linked besides is built
+# for it by tests/tsan/build-libraries.sh, or compiled here with what includes it.
+set(TQ_SPDLOG spdlog::spdlog)
 if(TQ_THREAD_SANITIZE)
   add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
   add_link_options(-fsanitize=thread)
+  set(TQ_SPDLOG spdlog::spdlog_header_only)
 endif()
 # The targets themselves get libFuzzer's main when they are linked.
 if(TQ_FUZZ)

@@ -1,6 +1,7 @@
 #!/bin/sh
 # Installs the Debian packages that the build, the tests and the tools need,
-# as far as they are missing. With the argument "lint" or "packages" also what that needs.
+# as far as they are missing. With the argument "lint", "packages" or "tsan" also what
+# that needs.
 set -eu
 
 packages="g++ cmake ninja-build pkg-config
@@ -11,6 +12,7 @@ debhelper systemd-container
 clang-14 libclang-rt-14-dev llvm-14 clang-format-14 clang-tidy-14"
 [ "${1:-}" = lint ] && packages="$packages clang-tidy cppcheck"
 [ "${1:-}" = packages ] && packages="$packages lintian"
+[ "${1:-}" = tsan ] && packages="$packages autoconf dpkg-dev make perl python3"
 
 missing=""
 for package in $packages; do
