@@ -2,6 +2,7 @@
 
 #include "ozf/log/FrameworkLogger.h"
 #include "ozf/orb/Deadline.h"
+#include "ozf/orb/PlainSocket.h"
 #include "ozf/orb/ServerProof.h"
 #include "ozf/orb/SlowPeers.h"
 #include "ozf/tls/CurrentTls.h"
@@ -56,8 +57,10 @@ int CallingConnection::Send(void* data, std::size_t size, omni_time_t const& dea
 {
   if (m_channel)
     return m_channel->send(data, size, steadyDeadline(deadline));
-  int const sent = m_descriptor < 0 ? 0 : sendAtOnce(m_descriptor, data, size);
-  return sent == 0 ? m_inner->Send(data, size, deadline) : sent;
+  if (m_descriptor < 0)
+    return m_inner->Send(data, size, deadline);
+  int const sent = sendAtOnce(m_descriptor, data, size);
+  return sent == 0 ? sendBefore(steadyDeadline(deadline), m_descriptor, data, size) : sent;
 }
 
 // One call at a time is made over a connection, and whoever makes it reads the
@@ -78,8 +81,11 @@ int CallingConnection::Recv(void* data, std::size_t size, omni_time_t const& dea
       m_input.deliver(data, size,
                       [&](void* to, std::size_t room)
                       {
-                        return m_channel ? m_channel->receive(to, room, steadyDeadline(deadline))
-                                         : m_inner->Recv(to, room, deadline);
+                        if (m_channel)
+                          return m_channel->receive(to, room, steadyDeadline(deadline));
+                        if (m_descriptor < 0)
+                          return m_inner->Recv(to, room, deadline);
+                        return receiveBefore(steadyDeadline(deadline), m_descriptor, to, room);
                       });
   if (!m_input.insideMessage())
     m_input.shrink();

@@ -55,7 +55,7 @@ private:
   omni::giopStrand const& m_strand;
   std::shared_ptr<TlsContext const> const m_context;
   std::unique_ptr<TlsChannel> const m_channel; // null: plain
-  int m_descriptor = -1;                       // -1 when it is not sent to directly
+  int m_descriptor = -1;                       // -1 when it is not known
   GuardedInput m_input{MessageRules::REPLIES};
 };
 

@@ -4,6 +4,7 @@
 #include "ozf/orb/CallAudit.h"
 #include "ozf/orb/ConnectionTable.h"
 #include "ozf/orb/Deadline.h"
+#include "ozf/orb/PlainSocket.h"
 #include "ozf/orb/SlowPeers.h"
 #include "ozf/tls/CurrentTls.h"
 #include "ozf/tls/RareLines.h"
@@ -93,7 +94,7 @@ int Connection::Send(void* data, std::size_t size, omni_time_t const& deadline)
   {
     WaitForPeer const wait(*this);
     return m_channel ? m_channel->send(data, size, steadyDeadline(deadline))
-                     : m_inner->Send(data, size, deadline);
+                     : sendBefore(steadyDeadline(deadline), m_descriptor, data, size);
   }
   catch (std::bad_alloc const&)
   {
@@ -127,7 +128,7 @@ int Connection::Recv(void* data, std::size_t size, omni_time_t const& deadline)
 int Connection::receive(void* data, std::size_t size, omni_time_t const& deadline)
 {
   return m_channel ? m_channel->receive(data, size, steadyDeadline(deadline))
-                   : m_inner->Recv(data, size, deadline);
+                   : receiveBefore(steadyDeadline(deadline), m_descriptor, data, size);
 }
 
 // A number of bytes, 0 when there is none now, negative at the end.

@@ -257,6 +257,9 @@ CORBA::ORB_ptr startOrb(std::vector<std::string> const& endPoints, std::string c
   return orb._retn();
 }
 
+// A thread that there is has to be given the processor, on a machine that is busy.
+constexpr std::chrono::seconds LONGEST_TO_LISTEN(20);
+
 // Creating the root POA is what opens the sockets.
 void startServing(CORBA::ORB_ptr orb)
 {
@@ -266,6 +269,11 @@ void startServing(CORBA::ORB_ptr orb)
   object = orb->resolve_initial_references("omniINSPOA");
   PortableServer::POA_var named = PortableServer::POA::_narrow(object);
   PortableServer::POAManager_var(named->the_POAManager())->activate();
+  if (allListen(LONGEST_TO_LISTEN))
+    return;
+  OZF_LOG(getFrameworkLogger(), 1, SOURCE, "CorbaProcess::acquire",
+          "There is no thread to take in connections");
+  throw CORBA::NO_RESOURCES(0, CORBA::COMPLETED_NO);
 }
 
 PortableServer::POA_ptr namedPoa(CORBA::ORB_ptr orb)

@@ -20,8 +20,11 @@
 
 #include <algorithm>
 #include <charconv>
+#include <condition_variable>
 #include <limits>
 #include <memory>
+#include <mutex>
+#include <string>
 #include <string_view>
 #include <utility>
 
@@ -129,6 +132,21 @@ HandshakeLimits handshakeLimits(rlim_t descriptors)
   return limits;
 }
 
+// Of the end points that are open.
+struct Listening
+{
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::size_t open = 0;
+  std::size_t waiting = 0; // for connections, or have been
+};
+
+Listening& listening()
+{
+  static auto* const all = new Listening; // an end point may outlast what is static
+  return *all;
+}
+
 class Endpoint final : public omni::giopEndpoint
 {
 public:
@@ -166,11 +184,14 @@ public:
     if (m_watcher)
       m_watcher->stop();
     std::exchange(m_inner, nullptr)->Shutdown();
+    countOut();
     delete this;
   }
 
 private:
   static void handOver(void* self, WatchedConnection& connection);
+  void countIn(bool& counted, std::size_t& count);
+  void countOut();
   omni::giopConnection* acceptOne();
   omni::giopConnection* takeIn(UniqueFd& descriptor, std::unique_ptr<TlsChannel> channel);
   omni::giopConnection* wrap(omni::giopConnection* inner, int descriptor,
@@ -186,7 +207,24 @@ private:
   std::unique_ptr<Handshakes> m_handshakes;     // from the first one on
   omni::giopConnection::notifyReadable_t m_tell = nullptr;
   void* m_cookie = nullptr;
+  bool m_isOpen = false; // as Listening has counted it
+  bool m_isWaiting = false;
 };
+
+void Endpoint::countIn(bool& counted, std::size_t& count)
+{
+  std::lock_guard const guard(listening().mutex);
+  if (!std::exchange(counted, true))
+    ++count;
+  listening().changed.notify_all();
+}
+
+void Endpoint::countOut()
+{
+  std::lock_guard const guard(listening().mutex);
+  listening().open -= m_isOpen;
+  listening().waiting -= m_isWaiting;
+}
 
 _CORBA_Boolean Endpoint::Bind()
 {
@@ -194,7 +232,10 @@ _CORBA_Boolean Endpoint::Bind()
   {
     m_listener = std::make_unique<Listener>();
     m_watcher = std::make_shared<ConnectionWatcher>();
-    return m_inner->Bind();
+    if (!m_inner->Bind())
+      return false;
+    countIn(m_isOpen, listening().open);
+    return true;
   }
   catch (std::exception const& exception)
   {
@@ -276,6 +317,8 @@ omni::giopConnection* Endpoint::AcceptAndMonitor(omni::giopConnection::notifyRea
   auto const* const socket = dynamic_cast<omni::tcpEndpoint const*>(m_inner);
   if (socket == nullptr)
     return nullptr;
+  if (!m_isWaiting)
+    countIn(m_isWaiting, listening().waiting);
   m_tell = tell;
   m_cookie = cookie;
   // The watcher may use what the ORB gave only until this returns.
@@ -367,6 +410,13 @@ public:
 };
 
 } // namespace
+
+bool allListen(std::chrono::milliseconds limit)
+{
+  Listening& all = listening();
+  std::unique_lock lock(all.mutex);
+  return all.changed.wait_for(lock, limit, [&all] { return all.waiting >= all.open; });
+}
 
 void registerWatchedTransport() { [[maybe_unused]] static auto* const transport = new Transport; }
 

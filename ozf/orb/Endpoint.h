@@ -7,7 +7,7 @@
 
 #pragma once
 
-#include <string>
+#include <chrono>
 
 namespace Quillon::Tessarine::Ozf
 {
@@ -17,5 +17,9 @@ extern char const WATCHED_TCP[];
 
 // Makes WATCHED_TCP known to the ORB, for good. Before the ORB comes up.
 void registerWatchedTransport();
+
+// Whether each end point that is open has come to wait for connections before the time is
+// over. One for which the ORB could make no thread never does, and nobody would be told.
+bool allListen(std::chrono::milliseconds limit);
 
 } // namespace Quillon::Tessarine::Ozf

@@ -7,9 +7,11 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <exception>
 #include <system_error>
+#include <thread>
 #include <unistd.h>
 
 namespace Quillon::Tessarine::Ozf
@@ -61,10 +63,19 @@ void OrbService::tellStatus(std::string const& text) const
 
 void OrbService::waitForStop() const
 {
+  constexpr int MOST_FAILURES = 100;
+  constexpr auto PAUSE = std::chrono::milliseconds(50);
   std::uint64_t count = 0;
-  while (read(m_stopEvent, &count, sizeof count) < 0 && errno == EINTR)
-  {
-  }
+  // Nobody has asked for a stop when the system fails the question.
+  int failures = 0;
+  while (read(m_stopEvent, &count, sizeof count) < 0 && failures < MOST_FAILURES)
+    if (errno != EINTR)
+    {
+      OZF_LOG(m_logger, 1, SOURCE, MAIN,
+              "Unable to wait for the stop: " << errorText(errno) << ", trying again");
+      ++failures;
+      std::this_thread::sleep_for(PAUSE);
+    }
 }
 
 bool OrbService::runHook(char const* hook, int (OrbService::*operation)())

@@ -1,6 +1,7 @@
 #include "ozf/tls/TlsChannel.h"
 
 #include "ozf/base/SystemError.h"
+#include "ozf/base/WaitForSocket.h"
 #include "ozf/tls/TlsErrors.h"
 
 #include <openssl/bio.h>
@@ -26,23 +27,6 @@ constexpr int RECORD_OF_ALERT = 0x15;
 constexpr int RECORD_OF_HANDSHAKE = 0x16;
 constexpr int MOST_OF_FIRST = 16384;
 constexpr char CLOSED[] = "it closed the connection";
-
-// False when the time ran out.
-bool waitForSocket(int descriptor, short events, TlsChannel::Clock::time_point deadline)
-{
-  int time = -1;
-  if (deadline != TlsChannel::NEVER)
-  {
-    auto const left =
-        std::chrono::ceil<std::chrono::milliseconds>(deadline - TlsChannel::Clock::now());
-    if (left.count() <= 0)
-      return false;
-    time = static_cast<int>(std::min<std::int64_t>(left.count(), std::numeric_limits<int>::max()));
-  }
-  pollfd wait{descriptor, events, 0};
-  // A signal is no end of the time.
-  return poll(&wait, 1, time) != 0;
-}
 
 std::string refusalText(std::string const& names, std::string const& why)
 {
