@@ -56,7 +56,7 @@ unsigned short freePortOf(FleetNetwork const& network)
 FleetHost::FleetHost(FleetNetwork& network, std::size_t number, std::string name)
     : m_network(network), m_number(number), m_name(std::move(name))
 {
-  writeText(m_root / "clock", std::string(sizeof m_ahead, '\0'));
+  writeText(m_root / "clock", std::string(sizeof m_clocks, '\0'));
   for (char const* const folder : {"etc", "lib/plugins", "notes"})
     fs::create_directories(m_root / folder);
   // Nobody else may write where libraries lie, whatever the umask.
@@ -93,9 +93,11 @@ void FleetHost::launch(Process::Environment const& more)
   Process::Environment environment = more;
   environment["TESSARINE_ROOT"] = m_root.path();
   environment["TQ_FIXTURE_FOLDER"] = m_root / "notes";
-  environment["TQ_CLOCK_FILE"] = m_root / "clock";
-  environment["LD_PRELOAD"] = TQ_FIXTURE_DIR "/libclock_ahead.so";
-  environment["ASAN_OPTIONS"] = "verify_asan_link_order=0"; // as it comes first
+  for (auto const& [variable, value] : clocks())
+  {
+    std::string& text = environment[variable];
+    text = variable == "LD_PRELOAD" ? value + ' ' + text : value;
+  }
   Words words = m_network.wrapper(m_number);
   words.push_back(TQ_BIN_DIR "/tqdisco");
   m_process.reset();
@@ -105,10 +107,28 @@ void FleetHost::launch(Process::Environment const& more)
 
 void FleetHost::jumpAhead(std::chrono::seconds time)
 {
-  m_ahead += time.count();
+  m_clocks[0] += time.count();
+  writeClocks();
+}
+
+void FleetHost::setClock(std::chrono::seconds from)
+{
+  m_clocks[1] = from.count();
+  writeClocks();
+}
+
+void FleetHost::writeClocks() const
+{
   // Written over: the service has the file in its memory.
   std::fstream out(m_root / "clock", std::ios::binary | std::ios::in | std::ios::out);
-  out.write(reinterpret_cast<char const*>(&m_ahead), sizeof m_ahead);
+  out.write(reinterpret_cast<char const*>(m_clocks.data()), sizeof m_clocks);
+}
+
+Process::Environment FleetHost::clocks() const
+{
+  return {{"TQ_CLOCK_FILE", m_root / "clock"},
+          {"LD_PRELOAD", TQ_FIXTURE_DIR "/libclock_ahead.so"},
+          {"ASAN_OPTIONS", "verify_asan_link_order=0"}}; // as it comes first
 }
 
 int FleetHost::stop()

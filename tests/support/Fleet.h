@@ -57,10 +57,17 @@ public:
   // Lets the monotonic clock of the service jump ahead: for waits of minutes.
   void jumpAhead(std::chrono::seconds time);
 
+  // Sets its wall clock to so far from the true time.
+  void setClock(std::chrono::seconds from);
+
+  // Programs with these variables go by the same clocks.
+  Process::Environment clocks() const;
+
   bool setLink(bool up) { return m_network.setLink(m_number, up); }
 
   std::string const& name() const { return m_name; }
   std::string address() const { return m_network.address(m_number); }
+  std::string const& root() const { return m_root.path(); }
   std::string database() const { return m_root / "db/discovery"; }
   std::size_t temporaryFiles() const;
 
@@ -69,11 +76,13 @@ public:
   std::vector<std::string> notes(std::string const& file) const;
 
 private:
+  void writeClocks() const;
+
   FleetNetwork& m_network;
   std::size_t const m_number;
   std::string const m_name;
   TempDir m_root;
-  std::int64_t m_ahead = 0; // seconds
+  std::array<std::int64_t, 2> m_clocks{}; // as ClockAhead.cpp has them
   std::unique_ptr<Process> m_process;
 };
 

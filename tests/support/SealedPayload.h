@@ -51,4 +51,16 @@ inline std::string flawOf(std::string const& payload, std::string const& owner,
   return {};
 }
 
+// The payload as the text of a document, and out of one; what is none is left as it is.
+inline std::string inXml(std::string const& payload) { return "<sealed>" + payload + "</sealed>"; }
+
+inline std::string outOfXml(std::string const& document)
+{
+  constexpr std::size_t BEGIN = sizeof "<sealed>" - 1;
+  constexpr std::size_t END = sizeof "</sealed>" - 1;
+  if (!document.starts_with("<sealed>") || !document.ends_with("</sealed>"))
+    return document;
+  return document.substr(BEGIN, document.size() - BEGIN - END);
+}
+
 } // namespace tqtest

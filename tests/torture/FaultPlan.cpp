@@ -108,10 +108,7 @@ TracedCalls countCalls(std::string const& trace, std::string const& begin, std::
     std::string const call = callIn(lines[i], thread);
     if (call.empty())
       continue;
-    long const number = ++threads[thread][call];
-    std::size_t const harmless = lines[i].find("<anon_inode:[");
-    if (harmless != std::string::npos && harmless < lines[i].find(','))
-      calls.harmless.insert({call, number});
+    ++threads[thread][call];
   }
   calls.until = mostOf(threads);
   return calls;
@@ -127,8 +124,6 @@ std::vector<Fault> faultsIn(TracedCalls const& calls)
     auto const found = calls.before.find(call);
     for (long n = found == calls.before.end() ? 1 : found->second + 1; n <= until; ++n)
     {
-      if (calls.harmless.count({call, n}) != 0)
-        continue;
       if (MEMORY.count(call) != 0)
         faults.push_back({call, n, "ENOMEM"});
       else

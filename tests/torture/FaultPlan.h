@@ -4,9 +4,7 @@
 
 #include <cstddef>
 #include <map>
-#include <set>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace tqtorture
@@ -28,15 +26,10 @@ struct Fault
 // How often each call was made, as the trace of strace tells it.
 using CallCounts = std::map<std::string, long>;
 
-// Calls on descriptors that lead to no file and no peer: events, signals. They
-// fail for no such reason.
-using HarmlessCalls = std::set<std::pair<std::string, long>>; // and their numbers
-
 struct TracedCalls
 {
   CallCounts before; // the window begins, in the thread where it was most often
   CallCounts until;  // it ends, likewise
-  HarmlessCalls harmless;
 };
 
 // The trace's lines (strace -f -y -o) from the first one with the text begin to the

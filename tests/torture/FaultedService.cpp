@@ -1,11 +1,7 @@
 #include "tests/torture/FaultedService.h"
 
-#include "tests/support/LiveService.h"
-#include "tests/support/RemoteClient.h"
-#include "tests/support/SealedPayload.h"
 #include "tests/torture/DatabaseJudge.h"
-#include "tests/torture/Versions.h"
-#include "tools/DatabaseScan.h"
+#include "tests/torture/ServedOperations.h"
 
 #include <chrono>
 #include <csignal>
@@ -22,13 +18,16 @@ namespace
 
 namespace fs = std::filesystem;
 using tqtest::LiveService;
-using namespace tqtest::client;
 
-constexpr char SERVED[] = "served";
-constexpr char BESIDE[] = "beside";
-constexpr char GONE[] = "gone";
-constexpr std::size_t PAYLOAD = 3000;
+constexpr char START[] = "start of the service";
 constexpr auto PATIENCE = std::chrono::seconds(100); // three request time-outs
+
+Blow blowOf(Fault const& fault)
+{
+  return {.kills = fault.error.empty(),
+          .leavesDoubt = fault.call == "fsync" || fault.call == "fdatasync",
+          .leavesFiles = fault.call == "unlink" || fault.call == "rename"};
+}
 
 // strace beside a running process, until it is destroyed.
 class Tracer
@@ -63,148 +62,42 @@ public:
   ServiceCampaign(FaultOptions const& options, FaultReport& report)
       : m_options(options), m_report(report)
   {
-    setenv("ASAN_OPTIONS", "detect_leaks=0", 1); // inherited by the service
-    useWallClock();
-    begin();
   }
-  ~ServiceCampaign() { end(); }
-  ServiceCampaign(ServiceCampaign const&) = delete;
-  ServiceCampaign& operator=(ServiceCampaign const&) = delete;
 
   void play()
   {
-    using Action = std::string (ServiceCampaign::*)();
-    struct
-    {
-      char const* name;
-      Action act;
-      char const* done;
-    } const operations[] = {{"served put", &ServiceCampaign::put, "stored"},
-                            {"served read", &ServiceCampaign::read, "read"},
-                            {"served list", &ServiceCampaign::list, "listed"},
-                            {"served expiry", &ServiceCampaign::expire, "listed"},
-                            {"registration", &ServiceCampaign::registerPull, "registered"},
-                            {"connection", &ServiceCampaign::connectAnew, "connected"}};
-    for (auto const& operation : operations)
+    for (auto const& operation : ServedOperations::all())
       if (m_options.wants(operation.name))
-        playServed(
-            operation.name, [&] { return (this->*operation.act)(); }, operation.done);
+        playServed(operation);
     if (m_options.wants("stop"))
       playStop();
-    if (m_options.wants("start of the service"))
+    if (m_options.wants(START))
       playStart();
   }
 
 private:
-  void useWallClock() { ozf::OzfObjTime::setClock(nullptr); }
-
-  void begin()
-  {
-    if (!m_service.start())
-      throw std::runtime_error("the service does not start: " + m_service.log());
-    m_client = std::make_unique<Client>(m_service.root(), LiveService::NAME);
-    if (!m_client->connected())
-      throw std::runtime_error("the service does not answer: " + m_service.log());
-    if (m_client->store(BESIDE, AUTHORITY, tqtest::sealedPayload(BESIDE, 7, PAYLOAD)) != DS_SUCCESS)
-      throw std::runtime_error("the service does not store");
-  }
-
-  void end()
-  {
-    m_client.reset();
-    if (m_service.process().running())
-      m_service.stop();
-  }
-
-  // Whatever a call ends with.
-  template <class Call>
-  static std::string answerOf(Call const& call)
-  {
-    try
-    {
-      return call();
-    }
-    catch (CORBA::Exception const& exception)
-    {
-      return std::string("exception ") + exception._name();
-    }
-  }
-
-  DiscoveryStatus storeNumber(char const* subject, std::uint64_t number, CORBA::ULongLong lifetime)
-  {
-    Remote::Discovery record = makeRecord(subject, AUTHORITY);
-    record.attributes.discoveryTime = static_cast<CORBA::ULongLong>(number);
-    record.attributes.timeToLive = lifetime;
-    return m_client->store(record, tqtest::sealedPayload(subject, number, PAYLOAD));
-  }
-
-  std::string put()
-  {
-    DiscoveryStatus const status = storeNumber(SERVED, m_number + 1, 3600);
-    return status == DS_SUCCESS ? "stored" : "refused " + std::to_string(status);
-  }
-
-  std::string read()
-  {
-    std::string const payload = m_client->read(SERVED, AUTHORITY);
-    if (payload.rfind("(status ", 0) == 0)
-      return payload;
-    std::uint64_t number = 0;
-    std::string const flaw = tqtest::flawOf(payload, SERVED, number);
-    return flaw.empty() && number == m_number ? "read" : "untrue: read what is " + flaw;
-  }
-
-  std::string list()
-  {
-    std::multiset<std::string> const found = m_client->subjects(AUTHORITY);
-    if (found.count(SERVED) == 1 && found.count(BESIDE) == 1)
-      return "listed";
-    return "untrue: " + std::to_string(found.size()) + " listed";
-  }
-
-  // What has expired goes when it is met.
-  std::string expire() { return list(); }
-
-  std::string registerPull()
-  {
-    (*m_client)->registerExplorer(LiveService::NAME, "DiscoveryService", "pulled", "puller",
-                                  AT_REMOTEPULL, 3);
-    return "registered";
-  }
-
-  std::string connectAnew()
-  {
-    m_client.reset();
-    m_client = std::make_unique<Client>(m_service.root(), LiveService::NAME);
-    return m_client->connected() ? "connected" : "refused";
-  }
-
-  // What is there before each operation.
-  void prepare()
-  {
-    if (!m_client->connected() && !m_client->connect())
-      restart();
-    if (storeNumber(SERVED, ++m_number, 3600) != DS_SUCCESS ||
-        storeNumber(GONE, m_number, 0) != DS_SUCCESS)
-      throw std::runtime_error("the service refuses what comes before: " + m_service.log());
-  }
+  LiveService& service() { return m_operations.service(); }
 
   std::string traceFile() const { return m_folder / "trace"; }
 
-  template <class Operation>
-  void playServed(std::string const& name, Operation const& operation, std::string const& done)
+  bool wants(Fault const& fault) const
   {
-    prepare();
+    return m_options.fault.empty() || m_options.fault == fault.text();
+  }
+
+  void playServed(ServedOperations::Operation const& operation)
+  {
+    m_operations.prepare();
     {
-      Tracer const tracer(m_service.process().pid(), traceFile(), {"-y"});
-      if (std::string const answer = answerOf(operation); answer != done)
-        throw std::runtime_error(name + " without a fault: " + answer);
+      Tracer const tracer(service().process().pid(), traceFile(), {"-y"});
+      if (std::string const answer = m_operations.perform(operation); answer != operation.done)
+        throw std::runtime_error(std::string(operation.name) + " without a fault: " + answer);
     }
     TracedCalls calls = countCalls(readText(traceFile()), "", "");
     calls.before.clear(); // the tracer came just before it
     for (Fault const& fault : chooseFaults(faultsIn(calls), m_options.most, m_options.seed))
-      if (m_options.fault.empty() || m_options.fault == fault.text())
-        inject(name, operation, done, fault);
+      if (wants(fault))
+        inject(operation, fault);
   }
 
   static std::vector<std::string> wordsOf(Fault const& fault)
@@ -212,18 +105,17 @@ private:
     return {"-e", "trace=" + fault.call, "-e", "inject=" + fault.injection()};
   }
 
-  template <class Operation>
-  void inject(std::string const& name, Operation const& operation, std::string const& done,
-              Fault const& fault)
+  void inject(ServedOperations::Operation const& operation, Fault const& fault)
   {
-    prepare();
+    std::string const name = operation.name;
+    m_operations.prepare();
     std::string answer;
     {
-      Tracer const tracer(m_service.process().pid(), traceFile(), wordsOf(fault));
-      answer = answerOf(operation);
+      Tracer const tracer(service().process().pid(), traceFile(), wordsOf(fault));
+      answer = m_operations.perform(operation);
     }
     bool const kill = fault.error.empty();
-    bool const dead = !m_service.process().running();
+    bool const dead = !service().process().running();
     if (kill ? !dead : readText(traceFile()).find("(INJECTED)") == std::string::npos)
     {
       m_report.missed(name);
@@ -232,95 +124,40 @@ private:
     std::vector<std::string> flaws;
     if (answer.starts_with("untrue: "))
       flaws.push_back(answer);
-    std::string const log = m_service.log();
-    int const code = m_service.process().exitCode();
-    bool const inOrder = code <= 1 && log.find("main: Stopped") != std::string::npos;
+    std::string const log = service().log();
+    int const code = service().process().exitCode();
+    // With 0 it would end as if somebody had told it to.
+    bool const inOrder = code == 1 && log.find("main: Stopped") != std::string::npos;
     if (dead && !kill && !inOrder)
       flaws.push_back("the service ended with " + std::to_string(code));
     if (dead || answer.starts_with("exception ")) // a writer may be left otherwise
-      restart();
-    judge(name, answer, done, fault, flaws);
+      m_operations.restart();
+    m_operations.judge(name, answer, operation.done, blowOf(fault), flaws);
     m_report.add(name, fault, kill ? "killed" : answer, flaws,
                  log.substr(log.size() - std::min<std::size_t>(log.size(), 1500)));
-  }
-
-  void restart()
-  {
-    end();
-    begin();
-  }
-
-  // Without faults now.
-  void judge(std::string const& name, std::string const& answer, std::string const& done,
-             Fault const& fault, std::vector<std::string>& flaws)
-  {
-    if (!m_client->connected() && !m_client->connect())
-    {
-      flaws.push_back("the service cannot be reached any more");
-      restart();
-    }
-    bool empty = false;
-    std::string const state = stateOfWritten(m_service.database(), SERVED, empty);
-    std::string const old = "whole " + std::to_string(m_number);
-    std::string const next = "whole " + std::to_string(m_number + 1);
-    bool const isPut = name == "served put";
-    bool const flush = fault.call == "fsync" || fault.call == "fdatasync";
-    bool const unknown = answer.starts_with("exception ") || flush;
-    bool const right = !isPut           ? state == old
-                       : answer == done ? state == next
-                       : unknown        ? state == old || state == next
-                                        : state == old;
-    if (!right)
-      flaws.push_back("answered \"" + answer + "\", and there is: " + state);
-    if (state == next)
-      ++m_number;
-    if (std::string const found = answerOf([&] { return list(); }); found != "listed")
-      flaws.push_back("afterwards: " + found);
-    if (std::string const found = answerOf([&] { return read(); }); right && found != "read")
-      flaws.push_back("afterwards: " + found);
-    tqdiscoctl::DatabaseContents contents;
-    tqdiscoctl::scanDatabase(m_service.database(), contents);
-    for (auto const& [file, reason] : contents.problems)
-      flaws.push_back(file + " " + reason);
-    if (!contents.temporaryFiles.empty())
-    {
-      if (fault.call != "unlink" && fault.call != "rename")
-        flaws.push_back("a temporary file stays");
-      restart();
-    }
-    if (!flaws.empty() && !contents.problems.empty())
-      mend();
-  }
-
-  // So that one failure is not told of again by those that follow.
-  void mend()
-  {
-    end();
-    fs::remove_all(m_service.database());
-    begin();
   }
 
   // The service ends in order, whatever fails.
   void playStop()
   {
     {
-      Tracer const tracer(m_service.process().pid(), traceFile(), {"-y"});
-      if (m_service.stop() != 0)
+      Tracer const tracer(service().process().pid(), traceFile(), {"-y"});
+      if (service().stop() != 0)
         throw std::runtime_error("a stop without a fault fails");
     }
     TracedCalls calls = countCalls(readText(traceFile()), "", "");
     calls.before.clear();
-    restart();
+    m_operations.restart();
     for (Fault const& fault : chooseFaults(faultsIn(calls), m_options.most, m_options.seed))
     {
-      if (fault.error.empty() || (!m_options.fault.empty() && m_options.fault != fault.text()))
+      if (!wants(fault))
         continue;
-      prepare();
+      m_operations.prepare();
       int code = 0;
       {
-        Tracer const tracer(m_service.process().pid(), traceFile(), wordsOf(fault));
-        m_service.process().sendSignal(SIGTERM);
-        code = m_service.process().wait(PATIENCE) ? m_service.process().exitCode() : -1;
+        Tracer const tracer(service().process().pid(), traceFile(), wordsOf(fault));
+        service().process().sendSignal(SIGTERM);
+        code = service().process().wait(PATIENCE) ? service().process().exitCode() : -1;
       }
       ended("stop", fault, code);
     }
@@ -329,57 +166,64 @@ private:
   void ended(std::string const& name, Fault const& fault, int code)
   {
     std::vector<std::string> flaws;
+    bool const kill = fault.error.empty();
     if (code == -1)
     {
       flaws.push_back("it does not end");
-      m_service.process().sendSignal(SIGKILL);
-      m_service.process().wait();
+      service().process().sendSignal(SIGKILL);
+      service().process().wait();
     }
-    else if (code >= 128)
+    else if (code >= 128 && !(kill && code == 128 + SIGKILL))
       flaws.push_back("it ends by signal " + std::to_string(code - 128));
-    std::string const log = m_service.log();
-    bool const hit = readText(traceFile()).find("(INJECTED)") != std::string::npos;
+    std::string const log = service().log();
+    bool const hit = kill ? code == 128 + SIGKILL
+                          : readText(traceFile()).find("(INJECTED)") != std::string::npos;
     if (code == 1 && log.find(" 1 ") == std::string::npos)
       flaws.push_back("it does not say why it ends");
-    restart();
+    m_operations.restart();
     if (!hit)
     {
       m_report.missed(name);
       return;
     }
-    judge(name, "", "", fault, flaws);
+    m_operations.judge(name, "", "", blowOf(fault), flaws);
     m_report.add(name, fault, "ended with " + std::to_string(code), flaws, log);
   }
 
   // It serves, or says why it does not and ends.
   void playStart()
   {
-    prepare();
-    end();
+    m_operations.prepare();
+    m_operations.end();
     std::vector<std::string> const tracing{"/usr/bin/strace", "-D", "-I", "2", "-f", "-o",
                                            traceFile()};
     std::vector<std::string> recording(tracing);
     recording.insert(recording.end(), {"-y", "-s", "200"});
-    if (!m_service.start({}, recording) || m_service.stop() != 0)
-      throw std::runtime_error("a start under a tracer fails: " + m_service.log());
+    leaveBehind();
+    if (!service().start({}, recording) || service().stop() != 0)
+      throw std::runtime_error("a start under a tracer fails: " + service().log());
     TracedCalls const calls = countCalls(readText(traceFile()), "tq.conf", "Started, version");
     for (Fault const& fault : chooseFaults(faultsIn(calls), m_options.most, m_options.seed))
     {
-      if (fault.error.empty() || (!m_options.fault.empty() && m_options.fault != fault.text()))
+      if (!wants(fault))
         continue;
+      leaveBehind();
       std::vector<std::string> words = tracing;
       for (std::string const& word : wordsOf(fault))
         words.push_back(word);
       startWith(fault, words);
     }
-    begin();
+    m_operations.begin();
   }
+
+  // What a killed service may have left, for the start to clean up.
+  void leaveBehind() { writeText(service().database() + "/7.updating", "left"); }
 
   // What is asked of the service afterwards is to be answered without faults, which
   // a tracer injects into each thread.
   void endTracing()
   {
-    std::string const status = "/proc/" + std::to_string(m_service.process().pid()) + "/status";
+    std::string const status = "/proc/" + std::to_string(service().process().pid()) + "/status";
     auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     constexpr char TRACER[] = "TracerPid:\t";
     for (;;)
@@ -399,57 +243,69 @@ private:
 
   void startWith(Fault const& fault, std::vector<std::string> const& words)
   {
-    bool const started = m_service.launch({}, words).awaitError("main: Started, version", PATIENCE);
+    bool const started = service().launch({}, words).awaitError("main: Started, version", PATIENCE);
     endTracing();
+    if (fault.error.empty())
+      return killedAtStart(fault);
     std::vector<std::string> flaws;
     std::string outcome;
     // Its manager would only start it again and again.
     bool const idle =
-        m_service.log().find("Failed to initialize the discovery framework") != std::string::npos;
+        service().log().find("Failed to initialize the discovery framework") != std::string::npos;
     if (started && idle)
       outcome = "up without serving, and said so";
     else if (started)
     {
       outcome = "served";
-      m_client = std::make_unique<Client>(m_service.root(), LiveService::NAME);
-      for (auto const& found :
-           {answerOf([&] { return std::string(m_client->connected() ? "read" : "no connection"); }),
-            answerOf([&] { return read(); })})
-        if (found != "read")
-          flaws.push_back("it started, and then: " + found);
-      m_client.reset();
+      if (std::string const found = m_operations.readAgain(); found != "read")
+        flaws.push_back("it started, and then: " + found);
     }
-    m_service.process().sendSignal(SIGTERM);
-    int const code = m_service.process().wait(PATIENCE) ? m_service.process().exitCode() : -1;
+    service().process().sendSignal(SIGTERM);
+    int const code = service().process().wait(PATIENCE) ? service().process().exitCode() : -1;
     if (!started)
       outcome = "ended with " + std::to_string(code);
     if (code == -1)
     {
       flaws.push_back("it does not end");
-      m_service.process().sendSignal(SIGKILL);
-      m_service.process().wait();
+      service().process().sendSignal(SIGKILL);
+      service().process().wait();
     }
     else if (code >= 128 || (started && code != 0))
       flaws.push_back("it ends with " + std::to_string(code));
-    std::string const log = m_service.log();
+    std::string const log = service().log();
     if (!started && log.empty())
       flaws.push_back("it does not say why it ends");
     bool empty = false;
-    if (std::string const state = stateOfWritten(m_service.database(), SERVED, empty);
-        state != "whole " + std::to_string(m_number))
+    if (std::string const state =
+            stateOfWritten(service().database(), ServedOperations::subject(), empty);
+        state != "whole " + std::to_string(m_operations.number()))
       flaws.push_back("there is: " + state);
     if (readText(traceFile()).find("(INJECTED)") == std::string::npos)
-      m_report.missed("start of the service");
+      m_report.missed(START);
     else
-      m_report.add("start of the service", fault, outcome, flaws, log);
+      m_report.add(START, fault, outcome, flaws, log);
+  }
+
+  // The next start does what this one has not come to.
+  void killedAtStart(Fault const& fault)
+  {
+    service().process().sendSignal(SIGTERM); // where the call did not come
+    bool const ended = service().process().wait(PATIENCE);
+    if (!ended || service().process().exitCode() != 128 + SIGKILL)
+      return m_report.missed(START);
+    std::string log = service().log();
+    std::vector<std::string> flaws;
+    m_operations.begin();
+    m_operations.judge(START, "", "", blowOf(fault), flaws);
+    log += service().log();
+    m_operations.end();
+    m_report.add(START, fault, "killed", flaws, log);
   }
 
   FaultOptions const& m_options;
   FaultReport& m_report;
   TempDir m_folder;
-  LiveService m_service;
-  std::unique_ptr<Client> m_client;
-  std::uint64_t m_number = 0; // of what is stored
+  ServedOperations m_operations;
 };
 
 } // namespace

@@ -18,12 +18,17 @@ campaign() {
 
 campaign states crash_states --most 20000 --seed "$seed"
 campaign writers kills writers --kills 5000 --seed "$seed"
-campaign service kills service --kills 300 --seed "$seed"
+campaign service kills service --kills 10000 --life 150000 --seed "$seed"
 campaign stops stops --stops 5000 --seed "$seed"
 campaign lists lists --seconds 120 --seed "$seed"
 campaign library faults library --seed "$seed"
 campaign serving faults service --most 200 --seed "$seed"
+campaign memory allocations --seed "$seed"
+campaign shortage allocations --refused 50 --most 400 --seed "$seed"
+campaign clocks clocks 60 "$seed"
 campaign messages attacked_service "$((minutes * 60))" "$seed"
+campaign mutated mutated_traffic plain "$((minutes * 60))" "$seed"
+campaign encrypted mutated_traffic encrypted "$((minutes * 60))" "$seed"
 
 echo
 if [ -n "$failed" ]; then

@@ -1,0 +1,216 @@
+// Refuses a service single pieces of memory, each in turn, while it puts, reads,
+// lists, refreshes and connects, and looks whether its answer is true, whether what is
+// stored is whole, and whether it goes on.
+//
+// Usage: allocations [--most N] [--seed N] [--operation NAME]... [--refused N]
+//                    [--piece N] [--examples N]
+//
+// --refused: so many in a row instead of one. --piece: only that one.
+//
+// Exit code 0 when nothing broke, 1 when something did, 2 when nothing could be
+// tried.
+
+#include "tests/torture/FaultReport.h"
+#include "tests/torture/FaultedLibrary.h"
+#include "tests/torture/LackingMemory.h"
+#include "tests/torture/ServedOperations.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <iostream>
+#include <optional>
+#include <stdexcept>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace
+{
+
+using namespace tqtorture;
+
+struct MemoryWords
+{
+  FaultOptions options;
+  long examples = 1;
+  long refused = 1;
+  long piece = 0; // all
+};
+
+std::optional<MemoryWords> parseMemoryWords(int argc, char** argv)
+{
+  MemoryWords words;
+  if (argc % 2 == 0)
+    return std::nullopt;
+  for (int i = 1; i < argc; i += 2)
+  {
+    std::string const word = argv[i];
+    long const value = std::strtol(argv[i + 1], nullptr, 10);
+    if (word == "--most")
+      words.options.most = static_cast<std::size_t>(value);
+    else if (word == "--seed")
+      words.options.seed = static_cast<unsigned>(value);
+    else if (word == "--operation")
+      words.options.operations.insert(argv[i + 1]);
+    else if (word == "--examples")
+      words.examples = value;
+    else if (word == "--refused")
+      words.refused = value;
+    else if (word == "--piece")
+      words.piece = value;
+    else
+      return std::nullopt;
+  }
+  return words;
+}
+
+// The plan in a file that services map; they get it by the environment.
+class SharedPlan
+{
+public:
+  SharedPlan()
+  {
+    writeText(path(), std::string(sizeof(MemoryPlan), '\0'));
+    int const fd = open(path().c_str(), O_RDWR | O_CLOEXEC);
+    void* const memory =
+        mmap(nullptr, sizeof(MemoryPlan), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    close(fd);
+    if (memory == MAP_FAILED)
+      throw std::runtime_error("cannot map " + path());
+    m_plan = static_cast<MemoryPlan*>(memory);
+  }
+  ~SharedPlan() { munmap(m_plan, sizeof(MemoryPlan)); }
+  SharedPlan(SharedPlan const&) = delete;
+  SharedPlan& operator=(SharedPlan const&) = delete;
+
+  Process::Environment environment() const
+  {
+    return {{"LD_PRELOAD", TQ_FIXTURE_DIR "/liblacking_memory.so"}, {"TQ_MEMORY_FILE", path()}};
+  }
+
+  void refuse(std::int64_t first, std::int64_t count)
+  {
+    m_plan->asked = 0;
+    m_plan->refused = 0;
+    m_plan->first = first;
+    m_plan->last = first + count - 1;
+  }
+  // How many were refused.
+  std::int64_t grant()
+  {
+    m_plan->last = 0;
+    return m_plan->refused;
+  }
+  std::int64_t asked() const { return m_plan->asked; }
+
+private:
+  std::string path() const { return m_folder / "plan"; }
+
+  TempDir m_folder;
+  MemoryPlan* m_plan = nullptr;
+};
+
+class MemoryCampaign
+{
+public:
+  MemoryCampaign(MemoryWords const& words, FaultReport& report)
+      : m_words(words), m_report(report), m_operations(m_plan.environment())
+  {
+  }
+
+  void play()
+  {
+    for (auto const& operation : ServedOperations::all())
+      if (m_words.options.wants(operation.name))
+        play(operation);
+  }
+
+private:
+  // What is asked for in an operation without a refusal; other threads of the service
+  // ask as well.
+  std::int64_t countPieces(ServedOperations::Operation const& operation)
+  {
+    m_operations.prepare();
+    m_plan.refuse(INT64_MAX / 2, 1);
+    std::string const answer = m_operations.perform(operation);
+    m_plan.grant();
+    if (answer != operation.done)
+      throw std::runtime_error(std::string(operation.name) + " without a refusal: " + answer);
+    return m_plan.asked();
+  }
+
+  void play(ServedOperations::Operation const& operation)
+  {
+    countPieces(operation); // and what the first one makes for good
+    std::vector<Fault> all;
+    std::int64_t const pieces = countPieces(operation);
+    for (std::int64_t piece = 1; piece <= pieces; ++piece)
+      all.push_back({"piece", piece, "refused"});
+    for (Fault const& fault : chooseFaults(all, m_words.options.most, m_words.options.seed))
+      if (m_words.piece == 0 || m_words.piece == fault.number)
+        refuse(operation, fault);
+  }
+
+  void refuse(ServedOperations::Operation const& operation, Fault const& fault)
+  {
+    m_operations.prepare();
+    m_plan.refuse(fault.number, m_words.refused);
+    std::string const answer = m_operations.perform(operation);
+    if (m_plan.grant() == 0)
+      return m_report.missed(operation.name);
+    std::vector<std::string> flaws;
+    if (answer.starts_with("untrue: "))
+      flaws.push_back(answer);
+    Process& process = m_operations.service().process();
+    // A process that has met its end takes a moment to get there.
+    bool const dead = !process.running() || (answer.starts_with("exception ") &&
+                                             process.wait(std::chrono::milliseconds(20)));
+    std::string const log = m_operations.service().log();
+    if (dead)
+      flaws.push_back("the service ended with " + std::to_string(process.exitCode()));
+    if (dead || answer.starts_with("exception "))
+      m_operations.restart();
+    m_operations.judge(operation.name, answer, operation.done, {}, flaws);
+    m_report.add(operation.name, fault, answer, flaws,
+                 log.substr(log.size() - std::min<std::size_t>(log.size(), 1500)));
+  }
+
+  MemoryWords const& m_words;
+  FaultReport& m_report;
+  SharedPlan m_plan;
+  ServedOperations m_operations;
+};
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+  auto const words = parseMemoryWords(argc, argv);
+  if (!words)
+  {
+    std::cerr << "usage: allocations [--most N] [--seed N] [--operation NAME]... [--refused N]\n"
+                 "                   [--piece N] [--examples N]\n";
+    return 2;
+  }
+  try
+  {
+    auto const start = std::chrono::steady_clock::now();
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    FaultReport report(words->examples);
+    MemoryCampaign(*words, report).play();
+    report.print();
+    std::printf("\n%ld pieces refused, %ld broken, %.0f s, seed %u\n", report.faults(),
+                report.broken(),
+                std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(),
+                words->options.seed);
+    if (report.faults() == 0)
+      return 2;
+    return report.broken() == 0 ? 0 : 1;
+  }
+  catch (std::exception const& exception)
+  {
+    std::cerr << "allocations: " << exception.what() << '\n';
+    return 2;
+  }
+}
