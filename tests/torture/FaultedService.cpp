@@ -67,7 +67,7 @@ public:
   void play()
   {
     for (auto const& operation : ServedOperations::all())
-      if (m_options.wants(operation.name))
+      if (operation.ends && m_options.wants(operation.name))
         playServed(operation);
     if (m_options.wants("stop"))
       playStop();

@@ -192,6 +192,7 @@ private:
     if (!m_isPlain)
       return;
     // Another ORB, which has no TLS.
+    environment.erase("TQ_CALL_FROM"); // Tcl calls connect again and again until it is
     environment["TQ_BIN_DIR"] = TQ_BIN_DIR;
     m_clients.push_back(std::make_unique<Process>(
         "/usr/bin/tclsh8.6",

@@ -38,6 +38,7 @@ public:
     char const* name;
     std::string (ServedOperations::*act)();
     char const* done; // its answer when nothing fails
+    bool ends = true; // with its answer; or goes on in the service
   };
   static std::vector<Operation> const& all();
 

@@ -50,4 +50,4 @@ while {[clock seconds] < $end} {
   }
 }
 puts "$answered calls answered, $failed failed"
-exit [expr {$answered == 0}]
+exit [expr {$answered == 0 ? 2 : 0}]
