@@ -26,6 +26,7 @@ namespace
 constexpr char SOURCE[] = "ConnectionWatcher";
 constexpr ConnectionNumber WAKE = 0; // no connection's number
 constexpr std::size_t EVENTS = 64;
+constexpr int MOST_ATTEMPTS = 100;
 // Until memory may be there again.
 constexpr auto SHORT_OF_MEMORY = std::chrono::milliseconds(10);
 
@@ -303,7 +304,11 @@ void ConnectionWatcher::listen(Entry const& entry, bool atOnce) noexcept
   if (atOnce)
     event.events |= EPOLLOUT;
   event.data.u64 = entry.connection->peer().connection;
-  epoll_ctl(m_epoll.get(), EPOLL_CTL_MOD, entry.connection->descriptor(), &event);
+  // One that nobody listens to would keep its peer waiting.
+  int attempts = MOST_ATTEMPTS;
+  while (epoll_ctl(m_epoll.get(), EPOLL_CTL_MOD, entry.connection->descriptor(), &event) != 0 &&
+         attempts > 0)
+    --attempts;
 }
 
 void ConnectionWatcher::wake() noexcept { wakeUp(m_wake.get()); }

@@ -171,6 +171,9 @@ private:
       flaws.push_back("the service ended with " + std::to_string(process.exitCode()));
     if (dead || answer.starts_with("exception "))
       m_operations.restart();
+    if (m_operations.hasHung() && !m_hasHung)
+      flaws.push_back("the service does not end when it is told to");
+    m_hasHung = m_operations.hasHung();
     m_operations.judge(operation.name, answer, operation.done, {}, flaws);
     m_report.add(operation.name, fault, answer, flaws,
                  log.substr(log.size() - std::min<std::size_t>(log.size(), 1500)));
@@ -180,6 +183,7 @@ private:
   FaultReport& m_report;
   SharedPlan m_plan;
   ServedOperations m_operations;
+  bool m_hasHung = false; // the first time is told of
 };
 
 } // namespace

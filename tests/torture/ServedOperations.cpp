@@ -91,8 +91,11 @@ void ServedOperations::begin()
 void ServedOperations::end()
 {
   m_client.reset();
-  if (m_service.process().running())
-    m_service.stop();
+  if (!m_service.process().running() || m_service.stop() != -1)
+    return;
+  m_hasHung = true;
+  m_service.process().sendSignal(SIGKILL);
+  m_service.process().wait();
 }
 
 void ServedOperations::restart()

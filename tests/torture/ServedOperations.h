@@ -57,8 +57,10 @@ public:
   std::string readAgain();
 
   void begin();
+  // One that does not end is killed, and hasHung tells of it from then on.
   void end();
   void restart();
+  bool hasHung() const { return m_hasHung; }
 
   tqtest::LiveService& service() { return m_service; }
   std::uint64_t number() const { return m_number; } // of what is stored
@@ -85,6 +87,7 @@ private:
   tqtest::LiveService m_service;
   std::unique_ptr<tqtest::client::Client> m_client;
   std::uint64_t m_number = 0;
+  bool m_hasHung = false;
 };
 
 } // namespace tqtorture
