@@ -85,7 +85,7 @@ std::optional<AnnouncingHost> askAnnouncingHere()
   if (IsRunningOnMasterServer() == 0 || !local.setLocal())
     return std::nullopt;
   std::string const name = local.exportNarrow();
-  if (getHostAddress(name) == name)
+  if (getHostAddresses(name).front() == name)
     overrideConfiguration(configKey("HOST_ADDRESS.").name + name, ownAddress());
   return askAnnouncing(name);
 }

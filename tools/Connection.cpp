@@ -41,7 +41,7 @@ bool isPort(std::string const& text)
   return error == std::errc() && end == text.data() + text.size() && port >= 1 && port <= 65535;
 }
 
-// The host's first address as text; reason says why there is none.
+// The first address as text; reason says why there is none.
 std::string resolve(std::string const& host, std::string& reason)
 {
   AddressList const found = lookUpHost(host, reason);
@@ -56,6 +56,17 @@ std::string resolve(std::string const& host, std::string& reason)
     return {};
   }
   return address;
+}
+
+// What the host is called by, as HOST_ADDRESS has it; empty, with the reason, when there
+// is nothing.
+std::string addressesOf(std::string const& host, std::string& reason)
+{
+  std::string addresses;
+  for (auto const& one : getHostAddresses(host))
+    if (std::string const address = resolve(one, reason); !address.empty())
+      addresses += (addresses.empty() ? "" : ", ") + address;
+  return addresses;
 }
 
 std::string placeOf(std::string const& host)
@@ -92,7 +103,8 @@ std::string reasonOf(CORBA::Exception const& exception)
   if (CORBA::TRANSIENT::_downcast(&exception) != nullptr)
     return "nothing accepts connections there";
   if (CORBA::COMM_FAILURE::_downcast(&exception) != nullptr)
-    return "the connection broke";
+    return currentTls() ? "the connection broke"
+                        : "the connection broke; a service with TLS = only ends those without TLS";
   if (CORBA::OBJECT_NOT_EXIST::_downcast(&exception) != nullptr)
     return "what listens there is no discovery service";
   if (CORBA::NO_PERMISSION::_downcast(&exception) != nullptr)
@@ -290,7 +302,7 @@ Remote::DiscoveryService_ptr Connection::connect(std::string const& host)
   std::string const place = placeOf(host);
   std::string reason;
   Progress progress("Connecting to " + place);
-  if (resolve(getHostAddress(host), reason).empty())
+  if (addressesOf(host, reason).empty())
   {
     progress.clear();
     complain("the host name \"" + shown(host) + "\" cannot be resolved: " + reason,
@@ -409,9 +421,9 @@ void Connection::learnMaster()
     // What the user asked for will meet the same and say so.
   }
   std::string reason;
-  std::string const address = resolve(getHostAddress(m_master), reason);
-  if (!name.empty() && !address.empty())
-    overrideConfiguration(configKey("HOST_ADDRESS.").name + name, address);
+  std::string const addresses = addressesOf(m_master, reason);
+  if (!name.empty() && !addresses.empty())
+    overrideConfiguration(configKey("HOST_ADDRESS.").name + name, addresses);
   if (!named || !found)
     return;
   try

@@ -16,13 +16,16 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <chrono>
 #include <ctime>
 #include <iostream>
 #include <memory>
 #include <netdb.h>
 #include <poll.h>
+#include <string>
 #include <sys/socket.h>
+#include <vector>
 
 namespace tqdiscoctl
 {
@@ -42,17 +45,16 @@ struct Place
   std::string port;
 };
 
-// Connected, or not valid with the reason.
-UniqueFd connectTo(Place const& place, Clock::time_point deadline, std::string& reason)
+// Connected to the address, or not valid with the reason.
+UniqueFd connectTo(std::string const& address, std::string const& port, Clock::time_point deadline,
+                   std::string& reason)
 {
   addrinfo hints = {};
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
   hints.ai_flags = AI_NUMERICSERV;
   addrinfo* found = nullptr;
-  if (int const error =
-          getaddrinfo(getHostAddress(place.host).c_str(), place.port.c_str(), &hints, &found);
-      error != 0)
+  if (int const error = getaddrinfo(address.c_str(), port.c_str(), &hints, &found); error != 0)
   {
     reason = gai_strerror(error);
     return UniqueFd();
@@ -80,23 +82,131 @@ UniqueFd connectTo(Place const& place, Clock::time_point deadline, std::string& 
   return UniqueFd();
 }
 
+// As calls do: one address after the other.
+UniqueFd connectTo(Place const& place, Clock::time_point deadline, std::string& reason)
+{
+  for (auto const& address : getHostAddresses(place.host))
+    if (UniqueFd socket = connectTo(address, place.port, deadline, reason); socket.valid())
+      return socket;
+  return UniqueFd();
+}
+
 void say(std::string const& line) { std::cout << shown(line) << '\n'; }
 
-// A peer that refuses a certificate tells so when it has been asked something:
-// where the object of the service is.
-bool isAnswered(TlsChannel& channel, Clock::time_point deadline)
+// What a service may let a host do, and an operation that is for it alone.
+struct HostRight
 {
-  std::string const key = DISCOVERY_SERVICE;
-  std::string question("GIOP\1\0\0\3", 8);
-  auto const number = [](std::size_t value) {
-    return std::string{0, 0, 0, static_cast<char>(value)};
+  char const* verb;
+  char const* key;
+  char const* operation;
+};
+constexpr HostRight HOST_RIGHTS[] = {
+    {"read", configKey("ALLOW_READ").name, "getCollectionData"},
+    {"write", configKey("ALLOW_WRITE").name, "putCollection"},
+    {"control", configKey("ALLOW_CONTROL").name, "restartAllPushTimers"},
+};
+
+// A call of an object that there is not: whether it is allowed is judged before that
+// is found out, and nothing is done either way.
+std::string callOfNothing(std::string const& operation)
+{
+  std::string body;
+  auto const addNumber = [&](std::size_t value)
+  {
+    body.resize((body.size() + 3) / 4 * 4, '\0');
+    body.append({0, 0, 0, static_cast<char>(value)});
   };
-  std::string const body = number(1) + number(key.size()) + key;
-  question += number(body.size()) + body;
-  char answer[64];
-  return channel.send(question.data(), question.size(), deadline) ==
-             static_cast<int>(question.size()) &&
-         channel.receive(answer, sizeof answer, deadline) > 0;
+  auto const addBytes = [&](std::string const& bytes)
+  {
+    addNumber(bytes.size());
+    body += bytes;
+  };
+  addNumber(0); // contexts
+  addNumber(1); // the number of the request
+  body += '\1'; // it is to be answered
+  addBytes("none");
+  addBytes(operation + '\0');
+  addNumber(0); // principal
+  std::string const header{'G', 'I', 'O', 'P', 1, 0, 0, 0, 0, 0, 0, static_cast<char>(body.size())};
+  return header + body;
+}
+
+bool readBytes(TlsChannel& channel, std::size_t size, Clock::time_point deadline, std::string& text)
+{
+  text.resize(size);
+  for (std::size_t at = 0; at < size;)
+  {
+    int const got = channel.receive(text.data() + at, size - at, deadline);
+    if (got <= 0)
+      return false;
+    at += static_cast<std::size_t>(got);
+  }
+  return true;
+}
+
+// What the service answers, an exception's name among it; empty without an answer.
+std::string answerTo(TlsChannel& channel, std::string const& call, Clock::time_point deadline)
+{
+  constexpr std::size_t HEADER = 12;
+  constexpr std::size_t LONGEST_ANSWER = 4096;
+  constexpr char REPLY = 1;
+  std::string header;
+  if (channel.send(call.data(), call.size(), deadline) != static_cast<int>(call.size()) ||
+      !readBytes(channel, HEADER, deadline, header) || !header.starts_with("GIOP") ||
+      header[7] != REPLY)
+    return {};
+  std::string size = header.substr(8);
+  if ((header[6] & 1) != 0)
+    std::reverse(size.begin(), size.end());
+  std::size_t length = 0;
+  for (char const byte : size)
+    length = length << 8 | static_cast<unsigned char>(byte);
+  std::string answer;
+  return length <= LONGEST_ANSWER && readBytes(channel, length, deadline, answer) ? answer
+                                                                                  : std::string();
+}
+
+// "read and control"
+std::string listOf(std::vector<std::string> const& words, char const* last)
+{
+  std::string text;
+  for (std::size_t i = 0; i < words.size(); ++i)
+    text += (i == 0 ? "" : i + 1 == words.size() ? last : ", ") + words[i];
+  return text;
+}
+
+// A peer that refuses a certificate tells so when it has been asked something.
+int checkRights(TlsChannel& channel, std::string const& place, Clock::time_point deadline)
+{
+  std::vector<std::string> allowed;
+  std::vector<std::string> denied;
+  std::vector<std::string> keys;
+  for (auto const& right : HOST_RIGHTS)
+  {
+    std::string const answer = answerTo(channel, callOfNothing(right.operation), deadline);
+    if (answer.empty())
+    {
+      complain(place + " accepts no call: " +
+               (channel.reason().empty() ? "it does not answer in time" : channel.reason()));
+      return EXIT_FAILED;
+    }
+    bool const isDenied = answer.find("/NO_PERMISSION:") != std::string::npos;
+    (isDenied ? denied : allowed).emplace_back(right.verb);
+    if (isDenied)
+      keys.emplace_back(right.key);
+  }
+  if (allowed.empty())
+  {
+    complain(place + " has no role for this host: it may not " + listOf(denied, " or ") +
+                 " there, by " + listOf(keys, " and ") + " of its configuration",
+             {"Its log tells who may, and by which names it knows this host."});
+    return EXIT_REFUSED;
+  }
+  say(place + " lets this host " + listOf(allowed, " and ") +
+      (denied.empty() ? "."
+                      : ", but not " + listOf(denied, " or ") + ", by " + listOf(keys, " and ") +
+                            " of its configuration."));
+  return EXIT_DONE;
 }
 
 int checkConnection(Place const& place, std::shared_ptr<TlsContext const> const& context)
@@ -124,12 +234,7 @@ int checkConnection(Place const& place, std::shared_ptr<TlsContext const> const&
     complain(shownPlace + " is not accepted: " + reason);
     return EXIT_FAILED;
   }
-  if (isAnswered(channel, deadline))
-    return EXIT_DONE;
-  reason = channel.reason();
-  complain(shownPlace + " accepts no call: " +
-           (reason.empty() ? std::string("it does not answer in time") : reason));
-  return EXIT_FAILED;
+  return checkRights(channel, shownPlace, deadline);
 }
 
 int check(std::string const& target)

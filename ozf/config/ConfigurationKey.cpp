@@ -61,8 +61,11 @@ bool isAccepted(ConfigurationKey const& key, std::string const& value)
   case KeyKind::HOST:
   case KeyKind::HOST_NAME:
     return isHostName(value);
-  case KeyKind::ADDRESS:
-    return isAddress(value);
+  case KeyKind::ADDRESSES:
+  {
+    auto const entries = entriesOf(value);
+    return !entries.empty() && std::all_of(entries.begin(), entries.end(), isAddress);
+  }
   case KeyKind::OWN_ADDRESS:
     // Nobody else could use an address that holds on one link only.
     return isAddress(value) && value.find('%') == std::string::npos;
@@ -94,8 +97,8 @@ std::string acceptedBy(ConfigurationKey const& key)
     return "a host name or an address";
   case KeyKind::HOST_NAME:
     return "a host name";
-  case KeyKind::ADDRESS:
-    return "an IPv4 or IPv6 address";
+  case KeyKind::ADDRESSES:
+    return "an IPv4 or IPv6 address, or several with commas between them";
   case KeyKind::OWN_ADDRESS:
     return "one IPv4 or IPv6 address a line";
   case KeyKind::BOOLEAN:

@@ -17,7 +17,7 @@ enum class KeyKind
 {
   HOST,        // a host name or an address
   HOST_NAME,   // a host name
-  ADDRESS,     // an address
+  ADDRESSES,   // one or several
   OWN_ADDRESS, // one to listen on
   BOOLEAN,
   NUMBER,

@@ -132,9 +132,12 @@ inline constexpr ConfigurationKey CONFIGURATION_KEYS[] = {
              "reload that turns TLS off there is none until the service is started anew."},
     {.name = "HOST_ADDRESS.",
      .part = "host",
-     .kind = KeyKind::ADDRESS,
-     .value = "_ADDRESS_",
-     .text = "The address of a host, asked before the system's resolver."},
+     .kind = KeyKind::ADDRESSES,
+     .value = "_ADDRESS_[, _ADDRESS_...]",
+     .text = "The address of a host, asked before the system's resolver; or all of them, as "
+             "192.0.2.7, 2001:db8::7. The host is called by the first that can be connected to, "
+             "and calls from each of them are calls of that host. A second line for the same host "
+             "replaces the first."},
     {.name = "TLS",
      .kind = KeyKind::CHOICE,
      .word = "off",

@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 namespace Quillon::Tessarine::Ozf
 {
@@ -51,6 +52,20 @@ inline std::optional<long> parseSeconds(std::string_view text)
     }
   auto const number = parseInteger(text, 1, MOST / factor);
   return number ? std::optional(*number * factor) : std::nullopt;
+}
+
+// The entries of a value that holds several, with commas or white space between them.
+inline std::vector<std::string> entriesOf(std::string_view value)
+{
+  constexpr char SEPARATORS[] = ", \t";
+  std::vector<std::string> entries;
+  for (std::size_t at = value.find_first_not_of(SEPARATORS); at != std::string_view::npos;)
+  {
+    std::size_t const end = std::min(value.find_first_of(SEPARATORS, at), value.size());
+    entries.emplace_back(value.substr(at, end - at));
+    at = value.find_first_not_of(SEPARATORS, end);
+  }
+  return entries;
 }
 
 // The shortest text of so many seconds: "90s", "15m".

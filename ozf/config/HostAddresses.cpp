@@ -3,8 +3,11 @@
 #include "ozf/base/AsciiCase.h"
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ConfigurationKeys.h"
+#include "ozf/config/ConfigurationValues.h"
 #include "ozf/config/HostAnswers.h"
 #include "ozf/config/HostRole.h"
+
+#include <algorithm>
 
 namespace Quillon::Tessarine::Ozf
 {
@@ -60,10 +63,26 @@ std::vector<IpAddress> resolveHost(std::string const& host, std::string& reason)
 
 bool isAddressOf(std::string const& host, IpAddress const& address)
 {
-  std::string const meant = getHostAddress(host);
-  if (auto const fixed = IpAddress::fromText(meant))
-    return *fixed == address;
-  return answersFor(meant).has(meant, address);
+  auto const meant = getHostAddresses(host);
+  return std::any_of(meant.begin(), meant.end(),
+                     [&](std::string const& one)
+                     {
+                       auto const fixed = IpAddress::fromText(one);
+                       return fixed ? *fixed == address : answersFor(one).has(one, address);
+                     });
+}
+
+std::vector<std::string> namesOfAddress(IpAddress const& address)
+{
+  std::vector<std::string> names;
+  for (auto const& [name, value] : getConfiguration()->listNamed(configKey("HOST_ADDRESS.").name))
+  {
+    auto const addresses = entriesOf(value);
+    if (std::any_of(addresses.begin(), addresses.end(),
+                    [&](std::string const& one) { return IpAddress::fromText(one) == address; }))
+      names.push_back(name);
+  }
+  return names;
 }
 
 } // namespace Quillon::Tessarine::Ozf

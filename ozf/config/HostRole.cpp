@@ -5,6 +5,7 @@
 #include "ozf/base/AsciiCase.h"
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ConfigurationKeys.h"
+#include "ozf/config/ConfigurationValues.h"
 #include "ozf/config/HostAddresses.h"
 #include "ozf/log/FrameworkLogger.h"
 
@@ -32,17 +33,33 @@ std::string withoutFinalDot(std::string name)
   return name;
 }
 
-std::string const* staticAddress(Configuration const& configuration, std::string const& host)
+// Those of HOST_ADDRESS.
+std::vector<std::string> staticAddresses(Configuration const& configuration,
+                                         std::string const& host)
 {
   std::string const name = withoutFinalDot(host);
-  std::string const* const address = configuration.findNamed(HOST_ADDRESS.name, name);
-  return address != nullptr ? address : configuration.findNamed(HOST_ADDRESS.name, name + '.');
+  std::string const* addresses = configuration.findNamed(HOST_ADDRESS.name, name);
+  if (addresses == nullptr)
+    addresses = configuration.findNamed(HOST_ADDRESS.name, name + '.');
+  return addresses == nullptr ? std::vector<std::string>() : entriesOf(*addresses);
 }
 
-std::string addressFor(Configuration const& configuration, std::string const& host)
+std::vector<std::string> hostAddresses(Configuration const& configuration, std::string const& host)
 {
-  std::string const* const address = staticAddress(configuration, host);
-  return address != nullptr && !address->empty() ? *address : host;
+  auto addresses = staticAddresses(configuration, host);
+  return addresses.empty() ? std::vector{host} : addresses;
+}
+
+bool haveOneInCommon(std::vector<std::string> const& some, std::vector<std::string> const& others)
+{
+  return std::any_of(some.begin(), some.end(),
+                     [&](std::string const& one)
+                     {
+                       auto const address = IpAddress::fromText(one);
+                       return std::any_of(others.begin(), others.end(),
+                                          [&](std::string const& other)
+                                          { return IpAddress::fromText(other) == address; });
+                     });
 }
 
 bool isShortFormOf(std::string const& shortName, std::string const& longName)
@@ -61,10 +78,10 @@ bool sameHostName(Configuration const& configuration, std::string const& own,
     return false;
   if (!isShortFormOf(own, server) && !isShortFormOf(server, own))
     return false;
-  std::string const* const ownAddress = staticAddress(configuration, own);
-  std::string const* const serverAddress = staticAddress(configuration, server);
-  return ownAddress == nullptr || serverAddress == nullptr ||
-         IpAddress::fromText(*ownAddress) == IpAddress::fromText(*serverAddress);
+  auto const ownAddresses = staticAddresses(configuration, own);
+  auto const serverAddresses = staticAddresses(configuration, server);
+  return ownAddresses.empty() || serverAddresses.empty() ||
+         haveOneInCommon(ownAddresses, serverAddresses);
 }
 
 std::vector<IpAddress> resolve(std::string const& host)
@@ -143,7 +160,13 @@ bool isMasterBy(Configuration const& configuration)
   if (local.setLocal() &&
       sameHostName(configuration, withoutFinalDot(local.exportNarrow()), server))
     return true;
-  return isOwnAddress(configuration, resolve(addressFor(configuration, server)));
+  std::vector<IpAddress> addresses;
+  for (auto const& one : hostAddresses(configuration, server))
+  {
+    auto const found = resolve(one);
+    addresses.insert(addresses.end(), found.begin(), found.end());
+  }
+  return isOwnAddress(configuration, addresses);
 }
 
 bool isOwnHostName(std::string const& host)
@@ -153,15 +176,20 @@ bool isOwnHostName(std::string const& host)
   OzfHostname local;
   if (local.setLocal() && sameHostName(*configuration, withoutFinalDot(local.exportNarrow()), name))
     return true;
-  auto const address = IpAddress::fromText(getHostAddress(name));
-  return address && isOwnAddress(*configuration, {*address});
+  auto const addresses = hostAddresses(*configuration, name);
+  return std::any_of(addresses.begin(), addresses.end(),
+                     [&](std::string const& one)
+                     {
+                       auto const address = IpAddress::fromText(one);
+                       return address && isOwnAddress(*configuration, {*address});
+                     });
 }
 
 bool isOwnAddress(IpAddress const& address) { return isOwnAddress(*getConfiguration(), {address}); }
 
-std::string getHostAddress(std::string const& host)
+std::vector<std::string> getHostAddresses(std::string const& host)
 {
-  return addressFor(*getConfiguration(), host);
+  return hostAddresses(*getConfiguration(), host);
 }
 
 unsigned short getServicePort(std::string const& service)

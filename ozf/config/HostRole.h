@@ -5,6 +5,7 @@
 #include "ozf/base/Export.h"
 
 #include <string>
+#include <vector>
 
 namespace Quillon::Tessarine::Ozf
 {
@@ -22,8 +23,8 @@ inline constexpr unsigned short DISCOVERY_PORT = 27511;
 //
 // Names are the same when they differ in letter case or in a dot at the end
 // only, or when one of them is short (has no dot) and is the first label of
-// the other; a short and a long name for which HOST_ADDRESS gives two
-// different addresses are two hosts all the same.
+// the other; a short and a long name for which HOST_ADDRESS gives
+// different addresses, none of them both, are two hosts all the same.
 //
 // Failing that, the addresses of SERVER (HOST_ADDRESS first, else the system's
 // resolver) are compared with this host's own:
@@ -46,10 +47,10 @@ OZF_EXPORT bool isOwnHostName(std::string const& host);
 // Whether that is an address of this host by the same rules. Does not block.
 OZF_EXPORT bool isOwnAddress(IpAddress const& address);
 
-// The address to use for a host: the value of HOST_ADDRESS.<name> when there
-// is one, else the name itself, to be resolved by the system. Names are
-// compared without regard to case.
-OZF_EXPORT std::string getHostAddress(std::string const& host);
+// What to call a host by, to be tried in this order: the addresses of
+// HOST_ADDRESS.<name> when there are such, else the name itself, to be resolved by
+// the system; never empty. Names are compared without regard to case.
+OZF_EXPORT std::vector<std::string> getHostAddresses(std::string const& host);
 
 // The port of a service: the value of ORB_PORT.<service>, else the system's
 // services database (TCP), else DISCOVERY_PORT for DISCOVERY_SERVICE, else 0. A value

@@ -34,19 +34,6 @@ bool isNamePattern(std::string const& entry)
           std::none_of(entry.begin(), entry.end(), isDigit));
 }
 
-std::vector<std::string> entriesOf(std::string const& line)
-{
-  constexpr char SEPARATORS[] = ", \t";
-  std::vector<std::string> entries;
-  for (std::size_t at = line.find_first_not_of(SEPARATORS); at != std::string::npos;)
-  {
-    std::size_t const end = std::min(line.find_first_of(SEPARATORS, at), line.size());
-    entries.push_back(line.substr(at, end - at));
-    at = line.find_first_not_of(SEPARATORS, end);
-  }
-  return entries;
-}
-
 std::string quoted(std::string const& entry)
 {
   constexpr std::size_t MOST_SHOWN = 80;

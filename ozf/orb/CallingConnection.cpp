@@ -147,10 +147,13 @@ CORBA::Boolean guardReplies(omni::omniInterceptors::clientOpenConnection_T::info
     // What is rejected by saying so, the ORB takes for a call that may have been done.
     if (!proof.accepted)
     {
+      CORBA::ULong ignored = 0;
+      CORBA::Boolean hasOtherAddress = false;
+      info.giop_c.notifyCommFailure(false, ignored, hasOtherAddress);
       strand.state(omni::giopStrand::DYING);
       omni::giopStream::CommFailure::_raise(omni::TRANSIENT_ConnectFailed, CORBA::COMPLETED_NO,
-                                            false, __FILE__, __LINE__, "The peer is not proven",
-                                            &strand);
+                                            hasOtherAddress, __FILE__, __LINE__,
+                                            "The peer is not proven", &strand);
     }
   }
   strand.connection =

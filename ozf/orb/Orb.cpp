@@ -47,6 +47,13 @@ bool isHostAddress(std::string const& host)
          host.find_first_not_of(allowed) == std::string::npos;
 }
 
+// As a reference's text has it.
+std::string placeAt(std::string const& address, unsigned short port)
+{
+  bool const isVersion6 = address.find(':') != std::string::npos;
+  return "iiop:1.2@" + (isVersion6 ? "[" + address + "]" : address) + ":" + std::to_string(port);
+}
+
 std::string escapedKey(char const* name)
 {
   constexpr char digits[] = "0123456789abcdef";
@@ -377,13 +384,14 @@ CORBA::Object_ptr Orb::resolveObject(OzfHostname const& host, char const* servic
   unsigned short const port = getServicePort(service);
   if (port == 0)
     return CORBA::Object::_nil();
-  std::string address = getHostAddress(host.exportNarrow());
-  if (!isHostAddress(address))
+  // The ORB tries them in this order.
+  std::string places;
+  for (auto const& address : getHostAddresses(host.exportNarrow()))
+    if (isHostAddress(address))
+      places += (places.empty() ? "" : ",") + placeAt(address, port);
+  if (places.empty())
     throw CORBA::BAD_PARAM(0, CORBA::COMPLETED_NO);
-  if (address.find(':') != std::string::npos)
-    address = "[" + address + "]";
-  std::string const reference =
-      "corbaloc:iiop:1.2@" + address + ":" + std::to_string(port) + "/" + escapedKey(name);
+  std::string const reference = "corbaloc:" + places + "/" + escapedKey(name);
   CORBA::Object_var object = m_state->process.orb()->string_to_object(reference.c_str());
   if (timeout != ACE_Time_Value::zero)
     omniORB::setClientCallTimeout(object, milliseconds(timeout));

@@ -1,7 +1,5 @@
 #include "ozf/tls/HostProof.h"
 
-#include "ozf/config/Configuration.h"
-#include "ozf/config/ConfigurationKeys.h"
 #include "ozf/config/HostAddresses.h"
 
 #include <algorithm>
@@ -20,15 +18,6 @@ bool resolvesTo(std::string const& name, IpAddress const& address)
   std::string reason;
   auto const found = resolveHost(name, reason);
   return std::find(found.begin(), found.end(), address) != found.end();
-}
-
-std::vector<std::string> configuredNames(IpAddress const& address)
-{
-  std::vector<std::string> names;
-  for (auto const& [name, value] : getConfiguration()->listNamed(configKey("HOST_ADDRESS.").name))
-    if (IpAddress::fromText(value) == address)
-      names.push_back(name);
-  return names;
 }
 
 bool provesAddress(Certificate const& certificate, IpAddress const& address)
@@ -53,7 +42,7 @@ bool isProvenHost(Certificate const& certificate, std::string const& host, std::
   std::string meant = host;
   if (auto const address = IpAddress::fromText(host))
   {
-    auto const names = configuredNames(*address);
+    auto const names = namesOfAddress(*address);
     for (std::size_t i = 0; i < names.size(); ++i)
     {
       if (certificate.names(names[i]))

@@ -27,6 +27,15 @@ struct Wish
   std::string usage = "serverAuth,clientAuth"; // empty: any
 };
 
+// Of the host of that name, and no other.
+inline Wish wishFor(std::string const& name)
+{
+  Wish wish;
+  wish.commonName = name;
+  wish.names = "DNS:" + name;
+  return wish;
+}
+
 class CertificateAuthority
 {
 public:

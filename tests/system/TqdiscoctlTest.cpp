@@ -1,6 +1,7 @@
 // tqdiscoctl against a running service.
 
 #include "tests/support/CommandTest.h"
+#include "tests/support/NoHost.h"
 #include "tests/support/RemoteClient.h"
 
 #include <gmock/gmock.h>
@@ -386,6 +387,23 @@ TEST_F(TqdiscoctlTest, aMasterOnTheCommandLineStandsInForTheConfiguration)
     EXPECT_EQ(from({"query", "--master", wrong}).exitCode, 2) << wrong;
 }
 
+TEST_F(TqdiscoctlTest, aMasterIsCalledByWhicheverOfItsAddressesAnswers)
+{
+  store("web1", "disks", itemsDocument(disk("a", "1")));
+  TempDir const elsewhere;
+  std::filesystem::create_directories(elsewhere / "etc");
+  writeText(elsewhere / "etc/tq.conf",
+            "SERVER = nowhere\nHOST_ADDRESS.big = 127.0.0.2, ::1, 127.0.0.1\n"
+            "ORB_PORT.DiscoveryService = " +
+                std::to_string(m_service.port()) + "\n");
+  // The record names the master as it calls itself, which is not known here.
+  Outcome const shown =
+      runProgram(TQ_BIN_DIR "/tqdiscoctl", {"--master", "big", "show", "web1", "disks"},
+                 {{"TESSARINE_ROOT", elsewhere.path()}});
+  EXPECT_EQ(shown.exitCode, 0) << shown.errors;
+  EXPECT_THAT(shown.output, HasSubstr("Path  a"));
+}
+
 TEST_F(TqdiscoctlTest, aMasterThatCannotBeReachedIsToldWithTheReason)
 {
   Outcome const refused = run({"query", "--master", "127.0.0.1:" + std::to_string(freePort())});
@@ -393,10 +411,9 @@ TEST_F(TqdiscoctlTest, aMasterThatCannotBeReachedIsToldWithTheReason)
   EXPECT_THAT(refused.errors, HasSubstr("nothing accepts connections"));
   EXPECT_THAT(refused.output, IsEmpty());
 
-  Outcome const unresolved = run({"status", "--master", "no-such-host.invalid"});
+  Outcome const unresolved = run({"status", "--master", NO_HOST});
   EXPECT_EQ(unresolved.exitCode, 5);
-  EXPECT_THAT(unresolved.errors,
-              AllOf(HasSubstr("no-such-host.invalid"), HasSubstr("cannot be resolved")));
+  EXPECT_THAT(unresolved.errors, AllOf(HasSubstr(NO_HOST), HasSubstr("cannot be resolved")));
 }
 
 TEST_F(TqdiscoctlTest, aMasterThatNeverAnswersDoesNotHangTheCommand)

@@ -1,6 +1,7 @@
 // In whose name a peer may write, and whose an iterator and a writer are.
 
 #include "tests/support/Certificates.h"
+#include "tests/support/NoHost.h"
 #include "tests/system/roles/RolesTesting.h"
 
 #include <future>
@@ -60,14 +61,6 @@ protected:
       m_authority.issue(m_files.path(), name, wishFor(name));
     // Another certificate of the same host.
     m_authority.issue(m_files.path(), "web1-renewed", wishFor("web1"));
-  }
-
-  static Wish wishFor(std::string const& name)
-  {
-    Wish wish;
-    wish.commonName = name;
-    wish.names = "DNS:" + name;
-    return wish;
   }
 
   std::string lines(std::string const& lists) const
@@ -137,7 +130,7 @@ TEST_F(RolesWriterTest, aWriterWritesInItsOwnName)
     EXPECT_EQ(write(WEB1, WEB1), "done") << "an address is its own";
     EXPECT_EQ(write(WEB1, "web2"), REFUSED);
     EXPECT_EQ(write(WEB1, LiveService::NAME), REFUSED);
-    EXPECT_EQ(write(WEB1, "nobody.invalid"), REFUSED);
+    EXPECT_EQ(write(WEB1, NO_HOST), REFUSED);
     EXPECT_EQ(write(THIS_HOST, LiveService::NAME), "done");
     EXPECT_EQ(write(THIS_HOST, "web1"), REFUSED);
   }
@@ -263,6 +256,56 @@ TEST_F(RolesTlsTest, aCertificateProvesInWhoseNameItsHostWrites)
       << m_service.log();
   record.sourceHost = "web2";
   EXPECT_EQ(outcomeOf([&] { calling->store(record, "<x/>"); }), REFUSED);
+  stop();
+}
+
+TEST_F(RolesTlsTest, aHostWritesForAnotherOneOnlyWhereItsCertificateIsThatOfARelay)
+{
+  start(lines("ALLOW_WRITE = web*\nALLOW_WRITE_AS = admin.*\n"));
+  auto const outcomes = [this](std::string const& name)
+  {
+    auto const calling = peer(name, STRANGER);
+    auto record = client::makeRecord("s", "a");
+    record.sourceHost = "web2";
+    return std::vector<std::string>{
+        outcomeOf([&] { EXPECT_EQ(calling->store(record, "<x/>"), client::DS_SUCCESS); }),
+        outcomeOf(
+            [&]
+            {
+              (*calling)->registerExplorer("web2", "DiscoveryService", "s", "volume",
+                                           client::AT_TQUCLIENT, 1);
+            })};
+  };
+  EXPECT_THAT(outcomes("web1"), testing::ElementsAre(REFUSED, REFUSED));
+  for (char const* const operation : {"putCollection", "registerExplorer"})
+    EXPECT_THAT(m_service.log(),
+                HasSubstr("DiscoveryService_i::" + std::string(operation) +
+                          ": Refused a call of 127.0.0.9 (web1): it writes in the name of "
+                          "\"web2\", which is neither its own nor for ALLOW_WRITE_AS = admin.* ("));
+  EXPECT_THAT(outcomes("web2"), testing::ElementsAre("done", "done"));
+  EXPECT_THAT(outcomes("admin.example.net"), testing::ElementsAre("done", "done"));
+  stop();
+}
+
+TEST_F(RolesTlsTest, theCommandTellsWhoShowsTheCertificateOfAnotherHost)
+{
+  start(lines("ALLOW_READ = web*\nALLOW_WRITE = web*\n"));
+  auto const put = [this](std::string const& certificate)
+  {
+    peer(certificate, STRANGER); // its configuration
+    std::string const file = *m_peerRoot / "etc/tq.conf";
+    writeText(file, readText(file) + "CLIENT_NAME = web2\n");
+    return runProgram(TQ_BIN_DIR "/tqdiscoctl", {"put", "rack7", "rack", "Row=7"},
+                      {{"TESSARINE_ROOT", m_peerRoot->path()},
+                       {"TQ_CALL_FROM", STRANGER},
+                       {"LD_PRELOAD", TQ_FIXTURE_DIR "/libcall_from.so"},
+                       {"ASAN_OPTIONS", "verify_asan_link_order=0"}}); // as it comes first
+  };
+  Outcome outcome = put("web1");
+  EXPECT_EQ(outcome.exitCode, 6) << outcome.errors;
+  EXPECT_THAT(outcome.errors, HasSubstr("it does not allow this to who calls from here"));
+  outcome = put("web2");
+  EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
   stop();
 }
 

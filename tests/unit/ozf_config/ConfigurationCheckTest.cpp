@@ -168,6 +168,16 @@ TEST_F(ConfigurationCheckTest, HostsThatDifferInCaseOnlyAreOne)
               ElementsAre(HasSubstr(":2: \"HOST_ADDRESS.A\" is given again, first in line 1")));
 }
 
+TEST_F(ConfigurationCheckTest, AHostMayHaveSeveralAddressesAndNothingElse)
+{
+  EXPECT_THAT(check("HOST_ADDRESS.a = 192.0.2.1, 2001:db8::1 fe80::1%lo\n"
+                    "HOST_ADDRESS.b = 192.0.2.2, web2\n"
+                    "HOST_ADDRESS.c = ,\n"),
+              ElementsAre(HasSubstr(":2: \"HOST_ADDRESS.b\" is \"192.0.2.2, web2\"; accepted: an "
+                                    "IPv4 or IPv6 address, or several with commas between them"),
+                          HasSubstr(":3: \"HOST_ADDRESS.c\" is \",\"")));
+}
+
 TEST_F(ConfigurationCheckTest, AKeyOfTwoPartsNeedsBoth)
 {
   EXPECT_THAT(check("ORB_PORT. = 5\nHOST_ADDRESS. = 127.0.0.1\nORB_PORT = 5\n"),

@@ -1,6 +1,6 @@
 #include "ozf/config/ConfigurationProvider.h"
 #include "ozf/plugin/EngineContext.h"
-#include "tests/unit/ozf_config/ConfiguredHost.h"
+#include "tests/support/ConfiguredHost.h"
 
 using namespace Quillon::Tessarine::Ozf;
 

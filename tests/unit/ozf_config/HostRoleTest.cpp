@@ -1,5 +1,5 @@
 #include "ozf/config/HostRole.h"
-#include "tests/unit/ozf_config/ConfiguredHost.h"
+#include "tests/support/ConfiguredHost.h"
 
 #include <gmock/gmock.h>
 
@@ -10,6 +10,7 @@
 #include <netinet/in.h>
 
 using namespace Quillon::Tessarine::Ozf;
+using testing::ElementsAre;
 
 namespace
 {
@@ -134,19 +135,42 @@ TEST_F(HostRoleTest, AWrongOrbBindIsPassedOver)
 TEST_F(HostRoleTest, HostAddressComesFromTheConfigurationElseIsTheName)
 {
   configure("HOST_ADDRESS.Alpha = 127.0.0.9\nHOST_ADDRESS.empty =\n");
-  EXPECT_EQ(getHostAddress("alpha"), "127.0.0.9");
-  EXPECT_EQ(getHostAddress("ALPHA."), "127.0.0.9");
-  EXPECT_EQ(getHostAddress("beta"), "beta");
-  EXPECT_EQ(getHostAddress("empty"), "empty");
-  EXPECT_EQ(getHostAddress(""), "");
+  EXPECT_THAT(getHostAddresses("alpha"), ElementsAre("127.0.0.9"));
+  EXPECT_THAT(getHostAddresses("ALPHA."), ElementsAre("127.0.0.9"));
+  EXPECT_THAT(getHostAddresses("beta"), ElementsAre("beta"));
+  EXPECT_THAT(getHostAddresses("empty"), ElementsAre("empty"));
+  EXPECT_THAT(getHostAddresses(""), ElementsAre(""));
+}
+
+TEST_F(HostRoleTest, AHostMayHaveSeveralAddressesWhichKeepTheirOrder)
+{
+  configure("HOST_ADDRESS.alpha = 192.0.2.9, 2001:db8::9\t127.0.0.9\nHOST_ADDRESS.beta = , \n");
+  EXPECT_THAT(getHostAddresses("alpha"), ElementsAre("192.0.2.9", "2001:db8::9", "127.0.0.9"));
+  EXPECT_THAT(getHostAddresses("beta"), ElementsAre("beta"));
+}
+
+TEST_F(HostRoleTest, AnyOfTheMastersAddressesMakesAHostMaster)
+{
+  std::string const bound = "CLIENT_NAME = a\nSERVER = b\nORB_BIND = 127.0.0.3\n";
+  EXPECT_TRUE(isMaster(bound + "HOST_ADDRESS.b = 240.0.0.1, ::2, 127.0.0.3\n"));
+  EXPECT_FALSE(isMaster(bound + "HOST_ADDRESS.b = 240.0.0.1, ::2, 127.0.0.4\n"));
+}
+
+TEST_F(HostRoleTest, ShortAndLongNameAreOneHostByOneAddressInCommon)
+{
+  std::string const names = "CLIENT_NAME = alpha\nSERVER = alpha.example.com\n"
+                            "HOST_ADDRESS.alpha = 240.0.0.1, 240.0.0.2\n";
+  EXPECT_TRUE(isMaster(names + "HOST_ADDRESS.alpha.example.com = 240.0.0.3, 240.0.0.2\n"));
+  EXPECT_FALSE(isMaster(names + "HOST_ADDRESS.alpha.example.com = 240.0.0.3, 240.0.0.4\n"));
 }
 
 TEST_F(HostRoleTest, OwnNamesAreToldWithoutTheResolver)
 {
   configure("CLIENT_NAME = web7.example.net\nORB_BIND = 192.0.2.7\n"
-            "HOST_ADDRESS.seven = 192.0.2.7\nHOST_ADDRESS.eight = 192.0.2.8\n");
+            "HOST_ADDRESS.seven = 192.0.2.7\nHOST_ADDRESS.eight = 192.0.2.8\n"
+            "HOST_ADDRESS.both = 192.0.2.8, 192.0.2.7\n");
   for (char const* const own :
-       {"web7.example.net", "WEB7.example.net.", "web7", "192.0.2.7", "seven"})
+       {"web7.example.net", "WEB7.example.net.", "web7", "192.0.2.7", "seven", "both"})
     EXPECT_TRUE(isOwnHostName(own)) << own;
   // The last would be an address of this machine if it were looked up.
   for (char const* const other :

@@ -1,7 +1,7 @@
 #include "ozf/config/Limits.h"
 #include "ozf/config/ConfigurationKeys.h"
 
-#include "tests/unit/ozf_config/ConfiguredHost.h"
+#include "tests/support/ConfiguredHost.h"
 
 #include <gmock/gmock.h>
 

@@ -1,6 +1,7 @@
 #include "ozf/config/PeerList.h"
 
-#include "tests/unit/ozf_config/ConfiguredHost.h"
+#include "tests/support/ConfiguredHost.h"
+#include "tests/support/NoHost.h"
 
 #include <gmock/gmock.h>
 
@@ -104,6 +105,10 @@ TEST_F(PeerListTest, theMasterIsTheHostOfServerByNameAndByAddress)
   EXPECT_FALSE(holds({"master"}, "192.0.2.11"));
   EXPECT_TRUE(holds({"master"}, "192.0.2.11", {"BACKUP1.example.net"})) << "another of its own";
   EXPECT_FALSE(holds({"master"}, "192.0.2.11", {"backup2.example.net"}));
+  configure("SERVER = backup1\nHOST_ADDRESS.backup1 = 192.0.2.10, 2001:db8::10\n");
+  EXPECT_TRUE(holds({"master"}, "192.0.2.10"));
+  EXPECT_TRUE(holds({"master"}, "2001:db8::10"));
+  EXPECT_FALSE(holds({"master"}, "2001:db8::11"));
   configure("SERVER = 192.0.2.12\n");
   EXPECT_TRUE(holds({"master"}, "192.0.2.12"));
   EXPECT_TRUE(holds({"master"}, "192.0.2.13", {"192.0.2.12"}));
@@ -173,5 +178,5 @@ TEST_F(PeerListTest, aCallerIsTheHostOfItsAddressToo)
   EXPECT_TRUE(Caller("192.0.2.7", "", none).isHost("WEB1"));
   EXPECT_FALSE(Caller("192.0.2.8", "", none).isHost("web1"));
   EXPECT_FALSE(Caller("192.0.2.8", "", none).isHost(""));
-  EXPECT_FALSE(Caller("192.0.2.8", "", none).isHost("no-such-host.invalid"));
+  EXPECT_FALSE(Caller("192.0.2.8", "", none).isHost(NO_HOST));
 }

@@ -1,6 +1,6 @@
 #include "ozf/base/OzfHostname.h"
 #include "ozf/config/Limits.h"
-#include "tests/unit/ozf_config/ConfiguredHost.h"
+#include "tests/support/ConfiguredHost.h"
 
 #include <gmock/gmock.h>
 

@@ -420,6 +420,31 @@ TEST_F(TlsCallsTest, aHostWithSeveralNamesIsProvenByAnyOfThem)
   EXPECT_EQ(answerOf(at("backup1")), "x");
 }
 
+TEST_F(TlsCallsTest, aHostIsCalledByTheFirstOfItsAddressesThatCanBeConnectedTo)
+{
+  serve("");
+  call("HOST_ADDRESS.big = 127.0.0.2, ::1 fe80::1%lo, 127.0.0.1\nHOST_ADDRESS.none = fe80::1%lo\n");
+  EXPECT_EQ(answerOf(at("big")), "x");
+  EXPECT_THROW(at("none"), CORBA::BAD_PARAM) << "nothing else than an address can be called";
+}
+
+// The same port of two machines, which have one address each in two networks.
+TEST_F(TlsCallsTest, anAddressAtWhichAnotherHostProvesItselfIsPassedOver)
+{
+  m_authority.issue(m_files.path(), "other", tqtest::wishFor("backup2"));
+  m_authority.issue(m_files.path(), "server", tqtest::wishFor("backup1"));
+  serve(lines("other"), "127.0.0.2");
+  ProductRoot const root("CLIENT_NAME = localhost\n" + serviceAt(m_port) + lines("server"));
+  ServingProcess const meant;
+  LogCapture log(1);
+  call(lines("client") + "HOST_ADDRESS.backup1 = 127.0.0.2, 127.0.0.1\n");
+  EXPECT_EQ(answerOf(at("backup1")), "x") << log.text();
+  EXPECT_TRUE(log.has(1, "proveServer",
+                      "Ended the connection to 127.0.0.2 before any call: the certificate of "
+                      "127.0.0.2 (backup1) is for backup2"))
+      << log.text();
+}
+
 TEST_F(TlsCallsTest, filesThatAreNotInOrderKeepTheOrbDownAndAReloadAsItWas)
 {
   call(lines("client"));
