@@ -98,6 +98,7 @@ OZF_EXPORT std::string shownPeer(Peer const& peer);
 // Returns when the peer may make the call; refuses or postpones it otherwise. descriptor is the
 // peer's socket. What is known of a connection is kept from call to call, 0 at first;
 // the calls of one do not overlap.
-void requireRight(Peer const& peer, int descriptor, char const* operation, std::uint64_t& kept);
+OZF_EXPORT void requireRight(Peer const& peer, int descriptor, char const* operation,
+                             std::uint64_t& kept);
 
 } // namespace Quillon::Tessarine::Ozf
