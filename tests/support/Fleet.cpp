@@ -3,7 +3,6 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <optional>
 #include <set>
 
 namespace tqtest
@@ -72,10 +71,7 @@ void FleetHost::configure(std::string const& entries, CertificateAuthority* auth
       "CLIENT_NAME = " + m_name + "\nORB_BIND = " + address() + "\nLOG_LEVEL = 4\n" + entries;
   if (authority != nullptr)
   {
-    Wish wish;
-    wish.commonName = m_name;
-    wish.names = "DNS:" + m_name;
-    authority->issue(m_root / "etc", "host", wish);
+    issue("host", m_name, *authority);
     authority->writeTo(m_root / "etc/ca.pem");
     lines += tlsLines("only", m_root / "etc", "host");
   }
@@ -90,7 +86,8 @@ void FleetHost::addEntries(std::string const& entries)
 
 void FleetHost::launch(Process::Environment const& more)
 {
-  Process::Environment environment = more;
+  Process::Environment environment = m_network.callingFrom(m_number);
+  environment.insert(more.begin(), more.end());
   environment["TESSARINE_ROOT"] = m_root.path();
   environment["TQ_FIXTURE_FOLDER"] = m_root / "notes";
   for (auto const& [variable, value] : clocks())
@@ -143,13 +140,24 @@ void FleetHost::kill()
   EXPECT_TRUE(m_process->wait());
 }
 
-Outcome FleetHost::tqdiscoctl(Words const& arguments) const
+Outcome FleetHost::tqdiscoctlAs(std::string const& somebody, Words const& arguments) const
 {
   Words words = m_network.wrapper(m_number);
   words.push_back(TQ_BIN_DIR "/tqdiscoctl");
+  if (!somebody.empty())
+    words.insert(words.end(), {"--tls-certificate", m_root / ("etc/" + somebody + ".pem"),
+                               "--tls-key", m_root / ("etc/" + somebody + ".key")});
   words.insert(words.end(), arguments.begin(), arguments.end());
-  return runProgram(words.front(), Words(words.begin() + 1, words.end()),
-                    {{"TESSARINE_ROOT", m_root.path()}});
+  Process::Environment environment = m_network.callingFrom(m_number);
+  environment["TESSARINE_ROOT"] = m_root.path();
+  environment["ASAN_OPTIONS"] = "verify_asan_link_order=0"; // as it comes first
+  return runProgram(words.front(), Words(words.begin() + 1, words.end()), environment);
+}
+
+void FleetHost::issue(std::string const& somebody, std::string const& name,
+                      CertificateAuthority& authority)
+{
+  authority.issue(m_root / "etc", somebody, wishFor(name));
 }
 
 std::size_t FleetHost::temporaryFiles() const
@@ -174,9 +182,8 @@ std::vector<std::string> FleetHost::notes(std::string const& file) const
 
 Fleet::Fleet(std::unique_ptr<FleetNetwork> network, Trust trust) : m_network(std::move(network))
 {
-  std::optional<CertificateAuthority> authority;
   if (trust == PROVEN)
-    authority.emplace();
+    m_authority.emplace();
   std::string entries = std::string("SERVER = ") + MASTER +
                         "\nORB_PORT.DiscoveryService = " + std::to_string(freePortOf(*m_network)) +
                         '\n';
@@ -186,7 +193,7 @@ Fleet::Fleet(std::unique_ptr<FleetNetwork> network, Trust trust) : m_network(std
     entries += "HOST_ADDRESS." + m_hosts[i]->name() + " = " + m_hosts[i]->address() + '\n';
   }
   for (auto const& host : m_hosts)
-    host->configure(entries, authority ? &*authority : nullptr);
+    host->configure(entries, m_authority ? &*m_authority : nullptr);
 }
 
 FleetHost& Fleet::operator[](std::string const& name)

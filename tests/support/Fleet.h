@@ -13,6 +13,7 @@
 #include "tests/support/LiveService.h"
 
 #include <array>
+#include <optional>
 
 namespace tqtest
 {
@@ -51,8 +52,13 @@ public:
     return m_process->awaitError(text, limit);
   }
 
-  // The operator's command as it runs on this host.
-  Outcome tqdiscoctl(Words const& arguments) const;
+  // The operator's command as it runs on this host. As somebody, it shows the
+  // certificate that was issued to him, and else the host's.
+  Outcome tqdiscoctl(Words const& arguments) const { return tqdiscoctlAs("", arguments); }
+  Outcome tqdiscoctlAs(std::string const& somebody, Words const& arguments) const;
+
+  // A certificate for that name, to be shown by tqdiscoctlAs.
+  void issue(std::string const& somebody, std::string const& name, CertificateAuthority& authority);
 
   // Lets the monotonic clock of the service jump ahead: for waits of minutes.
   void jumpAhead(std::chrono::seconds time);
@@ -103,6 +109,8 @@ public:
     EVERYBODY,
     PROVEN // those with a certificate of the fleet's authority
   };
+  // Of PROVEN fleets.
+  CertificateAuthority& authority() { return *m_authority; }
 
   explicit Fleet(std::unique_ptr<FleetNetwork> network, Trust trust = EVERYBODY);
 
@@ -125,6 +133,7 @@ public:
 
 private:
   std::unique_ptr<FleetNetwork> m_network;
+  std::optional<CertificateAuthority> m_authority;
   std::array<std::unique_ptr<FleetHost>, HOSTS> m_hosts;
 };
 

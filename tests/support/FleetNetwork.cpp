@@ -27,6 +27,10 @@ public:
            std::to_string((number & 0xffU) + 1 + host);
   }
   std::vector<std::string> wrapper(std::size_t) const override { return {}; }
+  Process::Environment callingFrom(std::size_t host) const override
+  {
+    return {{"TQ_CALL_FROM", address(host)}, {"LD_PRELOAD", TQ_FIXTURE_DIR "/libcall_from.so"}};
+  }
   bool setLink(std::size_t, bool) override { return false; }
 };
 
@@ -61,6 +65,8 @@ public:
   }
 
   std::vector<std::string> wrapper(std::size_t host) const override { return enter(m_hosts[host]); }
+
+  Process::Environment callingFrom(std::size_t) const override { return {}; }
 
   bool setLink(std::size_t host, bool up) override
   {
