@@ -131,7 +131,7 @@ std::string callOfNothing(std::string const& operation)
   return header + body;
 }
 
-bool readBytes(TlsChannel& channel, std::size_t size, Clock::time_point deadline, std::string& text)
+bool receiveAll(TlsChannel& channel, std::size_t size, Clock::time_point deadline, std::string& text)
 {
   text.resize(size);
   for (std::size_t at = 0; at < size;)
@@ -152,7 +152,7 @@ std::string answerTo(TlsChannel& channel, std::string const& call, Clock::time_p
   constexpr char REPLY = 1;
   std::string header;
   if (channel.send(call.data(), call.size(), deadline) != static_cast<int>(call.size()) ||
-      !readBytes(channel, HEADER, deadline, header) || !header.starts_with("GIOP") ||
+      !receiveAll(channel, HEADER, deadline, header) || !header.starts_with("GIOP") ||
       header[7] != REPLY)
     return {};
   std::string size = header.substr(8);
@@ -162,7 +162,7 @@ std::string answerTo(TlsChannel& channel, std::string const& call, Clock::time_p
   for (char const byte : size)
     length = length << 8 | static_cast<unsigned char>(byte);
   std::string answer;
-  return length <= LONGEST_ANSWER && readBytes(channel, length, deadline, answer) ? answer
+  return length <= LONGEST_ANSWER && receiveAll(channel, length, deadline, answer) ? answer
                                                                                   : std::string();
 }
 
