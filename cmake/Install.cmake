@@ -79,6 +79,8 @@ install(FILES docs/collection-data.md docs/payload.md docs/query-language.md
               docs/writing-an-explorer.md
         DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Development)
 install(DIRECTORY docs/example-plugin DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Development)
+install(DIRECTORY examples/scripts DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
+        USE_SOURCE_PERMISSIONS)
 install(DIRECTORY examples/read-discoveries DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
         COMPONENT Development)
 

@@ -2,6 +2,7 @@
 
 #include "discovery/DiscoveryLog.h"
 #include "discovery/ExplorerCall.h"
+#include "discovery/ExplorerGroup.h"
 #include "ozf/base/AsciiCase.h"
 #include "ozf/base/OzfHostname.h"
 
@@ -31,6 +32,24 @@ bool isAskedFor(std::string const& request, std::string const& authority)
 {
   return request == REFRESH_AUTHORITY ||
          equalIgnoringCase(request, std::string(REFRESH_AUTHORITY) + '.' + authority);
+}
+
+// The one authority that a request names; empty when it is for all.
+std::string authorityOf(std::string const& request)
+{
+  constexpr auto PREFIX = std::string_view(REFRESH_AUTHORITY).size() + 1; // and the dot
+  return request.size() > PREFIX ? request.substr(PREFIX) : std::string();
+}
+
+// The groups that stand for an explorer of the authority.
+std::vector<ExplorerGroup*> groupsOf(std::string const& authority, ExplorerSet const& explorers)
+{
+  std::vector<ExplorerGroup*> groups;
+  for (auto const& entry : explorers)
+    if (auto* const group = dynamic_cast<ExplorerGroup*>(entry->getExplorer());
+        group != nullptr && !authority.empty() && group->standsFor(authority))
+      groups.push_back(group);
+  return groups;
 }
 
 } // namespace
@@ -81,14 +100,18 @@ void RefreshRequests::apply(DiscoveryIterator& requests, ExplorerSet const& expl
       if (auto* const explorer = dynamic_cast<ExplorerPush*>(entry->getExplorer());
           explorer != nullptr && isAskedFor(authority, entry->getAuthority()->getName().str()))
         asked.push_back(explorer);
+    auto const groups = groupsOf(authorityOf(authority), explorers);
     // Only what there are explorers for is kept in mind.
-    if (asked.empty() || !isNew(authority, subject, request->getAttributes()->getDiscoveryTime()))
+    if ((asked.empty() && groups.empty()) ||
+        !isNew(authority, subject, request->getAttributes()->getDiscoveryTime()))
       continue;
     OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION,
             "Obeying the request " << authority << " about " << subject);
     for (ExplorerPush* const explorer : asked)
       callExplorer(*explorer, SOURCE, OPERATION,
                    [explorer] { explorer->setLastExplorationTime(OzfObjTime()); });
+    for (ExplorerGroup* const group : groups)
+      group->makeDue(authorityOf(authority));
   }
 }
 

@@ -11,6 +11,7 @@
 //
 //   filesystem, AT_TQUCLIENT      push
 //   host,       AT_TQUCLIENT      push
+//   scripts,    AT_TQUCLIENT      push, for every script
 //   service,    AT_TQUCLIENT      push
 //   volume,     AT_TQUCLIENT      pull
 //   volume,     AT_EXTSRC         push, the filter data of the line above
@@ -31,14 +32,19 @@
 #include "discovery/DiscDB.h"
 #include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryRepository.h"
+#include "discovery/ExplorerRemotePull.h"
+#include "discovery/FilterDataName.h"
+#include "discovery/RefreshRequests.h"
 #include "explorers/FilesystemExplorer.h"
 #include "explorers/HostExplorer.h"
+#include "explorers/ScriptsExplorer.h"
 #include "explorers/ServiceExplorer.h"
 #include "explorers/VolumeExplorer.h"
 #include "explorers/VolumeFilterExplorer.h"
 #include "ozf/base/OzfHostname.h"
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ConfigurationKeys.h"
+#include "ozf/config/ProductRoot.h"
 
 namespace
 {
@@ -87,6 +93,33 @@ void registerTimed(DiscoveryRepository& repository, std::string const& host,
   registerPush(repository, host, explorer, type);
 }
 
+// Which explorer of this host has the authority, or stores its filter data there.
+std::string ownerOf(DiscoveryRepository const& repository, std::string const& authority)
+{
+  for (auto const& set : {repository.getPushExplorers(), repository.getPullExplorers()})
+    for (auto const& entry : *set)
+    {
+      std::string const name = entry->getAuthority()->getName().str();
+      if (dynamic_cast<RemoteExplorerPull const*>(entry->getExplorer()) == nullptr &&
+          (equalIgnoringCase(authority, name) ||
+           equalIgnoringCase(authority, name + FILTER_DATA_SUFFIX)))
+        return "the explorer " + name;
+    }
+  if (equalIgnoringCase(authority.substr(0, authority.find('.')), REFRESH_AUTHORITY))
+    return "requests that explorers run";
+  return {};
+}
+
+void registerScripts(DiscoveryRepository& repository, std::string const& host)
+{
+  if (!isWanted(Explorers::SCRIPTS))
+    return;
+  AutoDereference<ExplorerPush> const scripts(new Explorers::ScriptsExplorer(
+      getScriptDirectory(),
+      [&repository](std::string const& authority) { return ownerOf(repository, authority); }));
+  registerPush(repository, host, scripts, AT_TQUCLIENT);
+}
+
 void registerFilterData(DiscoveryRepository& repository, std::string const& host)
 {
   registerTimed(repository, host, new Explorers::VolumeFilterExplorer, AT_EXTSRC);
@@ -112,6 +145,7 @@ extern "C"
                             *repository, getDiscoveryDBDatabase()->getDirectory(), start);
                       }),
                   AT_TQUCLIENT);
+    registerScripts(*repository, host);
     if (isWanted(Explorers::VOLUME))
     {
       AutoDereference<ExplorerPull> const volume(new Explorers::VolumeExplorer);

@@ -14,8 +14,14 @@ namespace
 constexpr char SOURCE[] = "TimedExplorer";
 constexpr char OPERATION[] = "TimedExplorer::explore";
 
-// The attributes with an interval of which the expiry comes, which is a quarter
-// longer, here and at the master.
+// 0 where nothing is said.
+PollingInterval configuredSeconds(ConfigurationKey const& key, char const* explorer)
+{
+  return static_cast<PollingInterval>(getConfiguration()->seconds(key, explorer));
+}
+
+} // namespace
+
 CollectionAttributes withExpiry(CollectionAttributes const& attributes, PollingInterval expiry)
 {
   if (expiry == 0)
@@ -24,14 +30,6 @@ CollectionAttributes withExpiry(CollectionAttributes const& attributes, PollingI
       attributes.getType(), attributes.getStorage(), attributes.getDiscoveryTime(),
       OzfObjTime(static_cast<std::int64_t>((expiry * 4 + 4) / 5)), attributes.getPriority());
 }
-
-// 0 where nothing is said.
-PollingInterval configuredSeconds(ConfigurationKey const& key, char const* explorer)
-{
-  return static_cast<PollingInterval>(getConfiguration()->seconds(key, explorer));
-}
-
-} // namespace
 
 PollingInterval TimedExplorer::getPollingInterval()
 {

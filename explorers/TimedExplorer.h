@@ -45,4 +45,8 @@ private:
   OzfObjTime m_lastExploration; // guarded by m_mutex
 };
 
+// The attributes with an interval of which that expiry comes, which is a quarter longer,
+// here and at the master; as they are when it is 0.
+CollectionAttributes withExpiry(CollectionAttributes const& attributes, PollingInterval expiry);
+
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers

@@ -2,6 +2,7 @@
 
 #include "tools/Commands.h"
 #include "tools/Format.h"
+#include "tools/ItemForms.h"
 #include "tools/ItemJson.h"
 #include "tools/ItemOrder.h"
 #include "tools/ItemText.h"
@@ -40,6 +41,12 @@ struct ItemsOptions
   bool jsonLines = false;
   bool factList = false;
   bool all = false;
+  bool csv = false;
+  bool ansible = false;
+  std::vector<std::string> groupedBy{"OsId", "Architecture", "Role"};
+
+  // Whether what is printed is for programs.
+  bool forPrograms() const { return json || jsonLines || csv || ansible; }
 };
 
 // What hardly anybody looks for among file systems: those that the kernel keeps, and
@@ -149,20 +156,14 @@ public:
       std::cout << count << '\n';
     else if (m_options.json)
       m_printer.finish();
-    bool first = true;
     for (auto& [authority, rows] : m_rows)
-    {
       rows.finish(m_order, m_options.limit);
-      if (m_options.jsonLines)
-      {
-        for (ItemRow const& row : rows.rows())
-          printLine(*row.record, *row.item);
-        continue;
-      }
-      std::cout << (first ? "" : "\n");
-      first = false;
-      printAuthority(authority, rows);
-    }
+    if (m_options.csv)
+      printCsv();
+    else if (m_options.ansible)
+      printInventory();
+    else
+      printRows();
     std::cout.flush();
     if (m_minor != 0)
       remark(
@@ -174,9 +175,46 @@ public:
 private:
   static constexpr std::size_t MOST_HELD = std::size_t(64) << 20;
 
+  void printCsv() const
+  {
+    CsvTable table(m_options.columns);
+    for (auto const& [authority, rows] : m_rows)
+      table.see(rows.rows());
+    table.begin(std::cout);
+    for (auto const& [authority, rows] : m_rows)
+      table.print(std::cout, rows.rows());
+  }
+
+  void printInventory()
+  {
+    AnsibleInventory inventory(m_options.groupedBy);
+    for (auto const& [authority, rows] : m_rows)
+      for (ItemRow const& row : rows.rows())
+        inventory.add(row, m_descriptions.of(*row.record));
+    printJson(inventory.finish());
+  }
+
+  void printRows()
+  {
+    bool first = true;
+    for (auto const& [authority, rows] : m_rows)
+    {
+      if (m_options.jsonLines)
+      {
+        for (ItemRow const& row : rows.rows())
+          printLine(*row.record, *row.item);
+        continue;
+      }
+      std::cout << (first ? "" : "\n");
+      first = false;
+      printAuthority(authority, rows);
+    }
+  }
+
   void hold(Record const& record, Item item)
   {
-    if (!m_options.all && !m_options.jsonLines && m_options.where.empty() && isMinor(record, item))
+    if (!m_options.all && !m_options.forPrograms() && m_options.where.empty() &&
+        isMinor(record, item))
     {
       ++m_minor;
       return;
@@ -328,7 +366,7 @@ int items(ItemsOptions const& options, Session const& session)
     return connection.conclude(count != 0 ? EXIT_PARTLY : EXIT_FAILED);
   if (count != 0)
     return listed;
-  bool const quiet = options.json || options.jsonLines || options.count || listed != EXIT_DONE;
+  bool const quiet = options.forPrograms() || options.count || listed != EXIT_DONE;
   if (!records.empty())
     return withMissing(listed, complainNoItems(options.where, answer, quiet));
   if (!quiet)
@@ -385,8 +423,30 @@ void addItemsCommand(CLI::App& application, Session& session)
           ->check(CLI::Range(1U, 1000000000U))
           ->type_name("NUMBER")
           ->excludes(json);
+  auto* const csv = command
+                        ->add_flag("--csv", options->csv,
+                                   "As a table with commas between; --columns chooses the facts")
+                        ->excludes(json)
+                        ->excludes(lines)
+                        ->excludes(details);
+  auto* const ansible =
+      command
+          ->add_flag("--ansible", options->ansible,
+                     "As an inventory for Ansible: the subjects as hosts, with their facts")
+          ->excludes(json)
+          ->excludes(lines)
+          ->excludes(details)
+          ->excludes(columns)
+          ->excludes(csv);
+  command
+      ->add_option("--group-by", options->groupedBy,
+                   "With --ansible: the facts whose values make groups, with commas between")
+      ->delimiter(',')
+      ->type_name("FACT,...")
+      ->capture_default_str()
+      ->needs(ansible);
   auto* const count = command->add_flag("--count", options->count, "Only how many items there are");
-  for (CLI::Option* const other : {columns, details, lines, sort, limit})
+  for (CLI::Option* const other : {columns, details, lines, csv, ansible, sort, limit})
     count->excludes(other);
   command->callback([options, &session] { session.exitCode = items(*options, session); });
 }

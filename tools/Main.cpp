@@ -71,6 +71,7 @@ int main(int argc, char** argv)
   addWatchCommand(application, session);
   addPutCommand(application, session);
   addControlCommands(application, session);
+  addExplorerTestCommand(application, session);
   addDbCommands(application, session.exitCode);
   addTlsCommand(application, session);
   setUpHelp(application);

@@ -10,7 +10,7 @@
 #include "discovery/RemoteDB.h"
 #include "ozf/base/SystemError.h"
 #include "ozf/xml/QueryNumber.h"
-#include "ozf/xml/XmlStr.h"
+#include "scripts/ScriptPayload.h"
 
 #include <CLI/CLI.hpp>
 
@@ -21,7 +21,6 @@
 #include <iostream>
 #include <memory>
 #include <optional>
-#include <sstream>
 #include <unistd.h>
 
 namespace tqdiscoctl
@@ -46,6 +45,7 @@ struct PutOptions
   std::string expires = "1h";
   unsigned priority = 10;
   bool filterData = false;
+  bool items = false;
   bool unchecked = false;
   bool json = false;
 };
@@ -77,18 +77,27 @@ bool isFact(std::string const& word)
 // One item, named after the subject, with the facts.
 std::string payloadOf(PutOptions const& options)
 {
-  std::ostringstream text;
-  XmlStr::xmlProlog(text, XmlStr::UTF_8)
-      << "<DiscoveredItems><DISCOVERED Name=\"" << XmlStr(options.subject, XmlStr::UTF_8)
-      << "\"><ExplorerData Name=\"" << XmlStr(options.authority, XmlStr::UTF_8) << "\">";
+  Scripts::ScriptItem item;
   for (std::string const& fact : options.payload)
   {
     auto const end = fact.find('=');
-    std::string const key = fact.substr(0, end);
-    text << '<' << key << '>' << XmlStr(fact.substr(end + 1), XmlStr::UTF_8) << "</" << key << '>';
+    item.facts.push_back({fact.substr(0, end), OzfQuery::Type::TEXT, fact.substr(end + 1)});
   }
-  text << "</ExplorerData></DISCOVERED></DiscoveredItems>\n";
-  return text.str();
+  return Scripts::itemsDocument(options.authority, options.subject, {item});
+}
+
+// Makes the payload of the items that were read; false after telling the user why not.
+bool makePayloadOfItems(PutOptions const& options, std::string& payload)
+{
+  std::vector<Scripts::ScriptItem> items;
+  std::string mistake;
+  if (!Scripts::parseScriptOutput(payload, items, mistake))
+  {
+    complain("no items: " + mistake, {"They are what a script prints: JSON, or key=value lines."});
+    return false;
+  }
+  payload = Scripts::itemsDocument(options.authority, options.subject, items);
+  return true;
 }
 
 // False after telling the user why it cannot be read.
@@ -190,7 +199,7 @@ int put(PutOptions const& options, Session const& session)
     complain("\"" + shown(options.expires) + "\" is no span of time; write 90s, 15m, 1h or 2d");
     return EXIT_USAGE;
   }
-  bool const facts = isFact(options.payload.front());
+  bool const facts = !options.items && isFact(options.payload.front());
   if (std::any_of(options.payload.begin(), options.payload.end(),
                   [facts](std::string const& word) { return isFact(word) != facts; }) ||
       (!facts && options.payload.size() > 1))
@@ -203,6 +212,8 @@ int put(PutOptions const& options, Session const& session)
   if (facts)
     payload = payloadOf(options);
   else if (!readPayload(options.payload.front(), payload))
+    return EXIT_FAILED;
+  if (options.items && !makePayloadOfItems(options, payload))
     return EXIT_FAILED;
   if (!checkPayload(options, payload))
     return EXIT_FAILED;
@@ -267,7 +278,12 @@ void addPutCommand(CLI::App& application, Session& session)
       ->check(CLI::Range(0U, 0x7fffffffU))
       ->type_name("NUMBER")
       ->capture_default_str();
-  command->add_flag("--filter-data", options->filterData, "It tells what can be asked for");
+  auto* const filterData =
+      command->add_flag("--filter-data", options->filterData, "It tells what can be asked for");
+  command
+      ->add_flag("--items", options->items,
+                 "FILE is not XML but items as a script prints them: JSON, or key=value lines")
+      ->excludes(filterData);
   command->add_flag("--unchecked", options->unchecked, "Store what is not well-formed XML, too");
   command->add_flag("--json", options->json, "As JSON");
   command->callback([options, &session] { session.exitCode = put(*options, session); });

@@ -5,6 +5,8 @@
 #include "ozf/config/ConfigurationKey.h"
 #include "ozf/config/ConfigurationValues.h"
 
+#include <algorithm>
+#include <functional>
 #include <set>
 
 namespace Quillon::Tessarine::Ozf
@@ -207,6 +209,17 @@ std::vector<std::string> Configuration::list(std::string const& key) const
     for (auto const& one : entry->second)
       values.push_back(one.value);
   return values;
+}
+
+std::vector<Configuration::Line> Configuration::lines() const
+{
+  std::vector<Line> all;
+  for (auto const& [key, entries] : m_entries)
+    for (auto const& entry : entries)
+      if (entry.file != nullptr && *entry.file == m_path)
+        all.push_back({entry.line, key, entry.value});
+  std::ranges::sort(all, std::less(), &Line::number);
+  return all;
 }
 
 bool Configuration::getBoolean(std::string const& key, bool defaultValue, bool& value) const

@@ -112,6 +112,17 @@ public:
   long seconds(ConfigurationKey const& key, std::string const& second = {}) const;
   bool isOn(ConfigurationKey const& key, std::string const& second = {}) const;
 
+  // A line that sets something.
+  struct Line
+  {
+    int number;
+    std::string key;
+    std::string value;
+  };
+
+  // Those of the file at path alone, in their order, whatever keys they have.
+  std::vector<Line> lines() const;
+
   // A copy in which value is the only one of the key. check() does not judge
   // it: it stands in no line of the file.
   Configuration with(std::string const& key, std::string const& value) const;

@@ -28,6 +28,12 @@ inline constexpr KeyPart DEFAULT_EXPLORERS[] = {
     {"volume", 86400},
 };
 
+// All that can be turned off, with 1 for those that are on when nothing is said. What
+// scripts, which are one of them, do when is said beside each.
+inline constexpr KeyPart SWITCHED_EXPLORERS[] = {
+    {"filesystem", 1}, {"host", 1}, {"scripts", 1}, {"service", 1}, {"volume", 1},
+};
+
 inline constexpr KeyPart KNOWN_PORTS[] = {{DISCOVERY_SERVICE, DISCOVERY_PORT}};
 
 // In the order of the manual. What begins with LIMIT_ is what peers may have of this
@@ -84,11 +90,11 @@ inline constexpr ConfigurationKey CONFIGURATION_KEYS[] = {
      .kind = KeyKind::BOOLEAN,
      .holds = KeyHolds::FROM_START,
      .number = 1,
-     .parts = DEFAULT_EXPLORERS,
+     .parts = SWITCHED_EXPLORERS,
      .hasNoOtherParts = true,
      .value = "_yes_ | _no_",
-     .text = "Whether an explorer of the product runs on this host. Without service, *tqdiscoctl "
-             "status* takes the host for silent."},
+     .text = "Whether an explorer of the product runs on this host; scripts stands for all of "
+             "explorers.d. Without service, *tqdiscoctl status* takes the host for silent."},
     {.name = "EXPLORER_INTERVAL.",
      .part = "explorer",
      .kind = KeyKind::SPAN,

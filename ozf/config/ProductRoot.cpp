@@ -32,6 +32,7 @@ std::string getConfigurationPath() { return below("etc/tq.conf"); }
 std::string getDefaultDatabasePath() { return below("db/discovery"); }
 std::string getLibraryDirectory() { return below("lib"); }
 std::string getPluginDirectory() { return below("lib/plugins"); }
+std::string getScriptDirectory() { return below("explorers.d"); }
 std::string getLogDirectory() { return below("log"); }
 
 } // namespace Quillon::Tessarine::Ozf

@@ -18,6 +18,7 @@ OZF_EXPORT std::string getConfigurationPath();   // etc/tq.conf
 OZF_EXPORT std::string getDefaultDatabasePath(); // db/discovery
 OZF_EXPORT std::string getLibraryDirectory();    // lib
 OZF_EXPORT std::string getPluginDirectory();     // lib/plugins
+OZF_EXPORT std::string getScriptDirectory();     // explorers.d
 OZF_EXPORT std::string getLogDirectory();        // log
 
 } // namespace Quillon::Tessarine::Ozf

@@ -42,7 +42,7 @@ _tqdiscoctl()
     word=${COMP_WORDS[i]}
     case $word in
       -m | --master | --timeout | --tls | --tls-certificate | --tls-key | --tls-ca | -d | --directory | -s | --subject | -a | --authority | -t | \
-        --type | -w | --where | -c | --columns | --sort | --limit | -n | --interval | --looks | \
+        --type | -w | --where | -c | --columns | --sort | --group-by | --limit | -n | --interval | --looks | \
         -e | --expires-in | -p | --priority | --host)
         ((++i))
         value=${COMP_WORDS[i]}
@@ -87,7 +87,7 @@ _tqdiscoctl()
       _tqdiscoctl_offer _tqdiscoctl_ask authority
       return
       ;;
-    -c | --columns | --sort | -w | --where)
+    -c | --columns | --sort | --group-by | -w | --where)
       _tqdiscoctl_offer _tqdiscoctl_facts
       return
       ;;
@@ -134,11 +134,11 @@ _tqdiscoctl()
     show) options="-t --type -w --where --json --fact-list --xml --raw" ;;
     items)
       options="$selection -w --where -c --columns -l --details --sort --limit --count --json"
-      options+=" --json-lines --fact-list --all"
+      options+=" --json-lines --fact-list --all --csv --ansible --group-by"
       ;;
     filters) options="--json --xml" ;;
     watch) options="$selection -n --interval --looks --heartbeats --json" ;;
-    put) options="-t --type -e --expires-in -p --priority --filter-data --unchecked --json" ;;
+    put) options="-t --type -e --expires-in -p --priority --filter-data --items --unchecked --json" ;;
     push) options="--all --host --now -a --authority --json" ;;
     stop) options="--host --no-wait --json" ;;
     tls) options="check" ;;

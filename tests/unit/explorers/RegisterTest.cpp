@@ -4,6 +4,7 @@
 #include "discovery/DiscoveryRepository.h"
 #include "explorers/FilesystemExplorer.h"
 #include "explorers/HostExplorer.h"
+#include "explorers/ScriptsExplorer.h"
 #include "explorers/ServiceExplorer.h"
 #include "explorers/VolumeExplorer.h"
 #include "explorers/VolumeFilterExplorer.h"
@@ -64,7 +65,8 @@ TEST(Register, registersEveryExplorerForThisHost)
   entryOf("RegisterExplorers")(&repository);
   EXPECT_THAT(identities(*repository.getPushExplorers()),
               UnorderedElementsAre("filesystem/2 about client7", "host/2 about client7",
-                                   "service/2 about client7", "volume/3 about client7"));
+                                   "scripts/2 about client7", "service/2 about client7",
+                                   "volume/3 about client7"));
   EXPECT_THAT(identities(*repository.getPullExplorers()),
               UnorderedElementsAre("volume/2 about client7"));
 }
@@ -74,6 +76,7 @@ TEST(Register, theConfigurationSwitchesExplorersOffAndChangesTheirIntervals)
   NamedHost const host("client7");
   overrideConfiguration("EXPLORER.host", "off");
   overrideConfiguration("EXPLORER.volume", "no");
+  overrideConfiguration("EXPLORER.scripts", "0");
   overrideConfiguration("EXPLORER_INTERVAL.filesystem", "15m");
   DiscoveryRepository repository;
   entryOf("RegisterExplorers")(&repository);
@@ -93,7 +96,7 @@ TEST(Register, theNameOfTheHostDoesNotMatter)
     NamedHost const host(name);
     DiscoveryRepository repository;
     entryOf("RegisterExplorers")(&repository);
-    EXPECT_EQ(4U, repository.getPushExplorers()->size()) << name;
+    EXPECT_EQ(5U, repository.getPushExplorers()->size()) << name;
     EXPECT_EQ(1U, repository.getPullExplorers()->size()) << name;
   }
 }
@@ -117,7 +120,7 @@ TEST(Register, theFilterDataProviderMayBeLoadedBesideTheExplorers)
   EXPECT_EQ(1U, repository.getPushExplorers()->size());
   entryOf("RegisterExplorers")(&repository);
   entryOf("RegisterExplorerFilterDataProvider")(&repository);
-  EXPECT_EQ(4U, repository.getPushExplorers()->size());
+  EXPECT_EQ(5U, repository.getPushExplorers()->size());
   EXPECT_EQ(1U, repository.getPullExplorers()->size());
 }
 
@@ -125,7 +128,7 @@ TEST(Register, theFilterDataProviderMayBeLoadedBesideTheExplorers)
 TEST(Register, noOrderOfRegistrationKnocksAnExplorerOut)
 {
   using namespace Explorers;
-  std::vector<int> order = {0, 1, 2, 3, 4};
+  std::vector<int> order = {0, 1, 2, 3, 4, 5};
   do
   {
     DiscoveryRepository repository;
@@ -138,6 +141,7 @@ TEST(Register, noOrderOfRegistrationKnocksAnExplorerOut)
     std::vector<std::function<void()>> const steps = {
         [&] { push(new FilesystemExplorer, AT_TQUCLIENT); },
         [&] { push(new HostExplorer, AT_TQUCLIENT); },
+        [&] { push(new ScriptsExplorer("/nowhere", {}), AT_TQUCLIENT); },
         [&] { push(new ServiceExplorer([] { return ServiceState(); }), AT_TQUCLIENT); },
         [&]
         {
@@ -149,7 +153,7 @@ TEST(Register, noOrderOfRegistrationKnocksAnExplorerOut)
         [&] { push(new VolumeFilterExplorer, AT_EXTSRC); }};
     for (int const step : order)
       steps[static_cast<std::size_t>(step)]();
-    EXPECT_EQ(4U, repository.getPushExplorers()->size());
+    EXPECT_EQ(5U, repository.getPushExplorers()->size());
     EXPECT_EQ(1U, repository.getPullExplorers()->size());
   } while (std::next_permutation(order.begin(), order.end()));
 }
@@ -163,7 +167,7 @@ TEST(Register, aPluginWithHigherPriorityTakesAPlace)
   repository.registerExplorer(new Subject("client7"), better.get(), 11,
                               new Authority("host", AT_TQUCLIENT));
   auto const explorers = repository.getPushExplorers();
-  EXPECT_EQ(4U, explorers->size());
+  EXPECT_EQ(5U, explorers->size());
   EXPECT_TRUE(std::any_of(explorers->begin(), explorers->end(),
                           [&](auto const& wrapper)
                           { return wrapper->getExplorer() == better.get(); }));

@@ -30,6 +30,12 @@ std::map<std::string, Rooms> const& mayInclude()
     rooms.insert("discovery");
     return rooms;
   }();
+  static Rooms const withScripts = []
+  {
+    Rooms rooms = library;
+    rooms.insert("scripts");
+    return rooms;
+  }();
   static std::map<std::string, Rooms> const table = {
       {"ozf/base", {}},
       {"ozf/sync", {"ozf/base"}},
@@ -40,9 +46,10 @@ std::map<std::string, Rooms> const& mayInclude()
       {"ozf/tls", {"ozf/base", "ozf/log", "ozf/config"}},
       {"ozf/orb", allOfOzf},
       {"discovery", allOfOzf},
-      {"explorers", library},
+      {"scripts", allOfOzf},
+      {"explorers", withScripts},
       {"host", allOfOzf},
-      {"tools", library},
+      {"tools", withScripts},
       {"examples", library},
   };
   return table;
@@ -70,7 +77,8 @@ std::vector<Source> const& sources()
   {
     std::vector<Source> found;
     fs::path const root(TQ_SOURCE_DIR);
-    for (std::string const top : {"ozf", "discovery", "explorers", "host", "tools", "examples"})
+    for (std::string const top :
+         {"ozf", "discovery", "scripts", "explorers", "host", "tools", "examples"})
     {
       for (auto const& entry : fs::recursive_directory_iterator(root / top))
       {
@@ -235,7 +243,7 @@ TEST(Layers, NoFileOutgrowsAComfortableRead)
   fs::path const root(TQ_SOURCE_DIR);
   int looked = 0;
   for (std::string const top : {"bench", "cmake", "discovery", "docs", "examples", "explorers",
-                                "host", "idl", "ozf", "packaging", "tests", "tools"})
+                                "host", "idl", "ozf", "packaging", "scripts", "tests", "tools"})
     for (auto const& entry : fs::recursive_directory_iterator(root / top))
       if (extensions.contains(entry.path().extension()))
       {
