@@ -4,6 +4,7 @@
 #include "ozf/base/OzfPathname.h"
 #include "ozf/base/SystemError.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 #include <cerrno>
 #include <charconv>
 #include <climits>
+#include <filesystem>
 #include <limits>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers
@@ -23,7 +25,7 @@ constexpr char SOURCE[] = "FactFiles";
 constexpr std::size_t LIMIT = 4U << 20U;
 constexpr char const* WHITE_SPACE = " \t\r\n";
 
-std::optional<std::string> read(std::string const& path, bool optional)
+std::optional<std::string> readWhole(std::string const& path, bool optional)
 {
   std::string text;
   int const error = readFile(path, text, LIMIT);
@@ -44,12 +46,12 @@ std::string below(std::string const& root, std::string const& path)
 
 std::optional<std::string> readFacts(std::string const& root, std::string const& path)
 {
-  return read(below(root, path), false);
+  return readWhole(below(root, path), false);
 }
 
 std::optional<std::string> readFact(std::string const& root, std::string const& path)
 {
-  auto const text = read(below(root, path), true);
+  auto const text = readWhole(below(root, path), true);
   if (!text || trimmed(*text).empty())
     return std::nullopt;
   return std::string(trimmed(*text));
@@ -59,6 +61,65 @@ std::optional<std::uint64_t> readNumber(std::string const& root, std::string con
 {
   auto const text = readFact(root, path);
   return text ? parseNumber(*text) : std::nullopt;
+}
+
+Reading readLines(std::string const& root, std::string const& path, std::uint64_t limit,
+                  std::function<bool(std::string_view line)> const& each)
+{
+  constexpr std::size_t LONGEST = 65536;
+  std::string const name = below(root, path);
+  auto const fail = [&name](Reading reading)
+  {
+    int const error = errno;
+    if (error != ENOENT)
+      OZF_LOG(getOzfLogger(), 4, SOURCE, "readLines",
+              "Cannot read " << name << ": " << errorText(error));
+    return reading;
+  };
+  // A pipe in the place of the file would wait for a writer.
+  UniqueFd const file(open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (!file.valid())
+    return fail(errno == ENOENT ? Reading::Missing : Reading::Failed);
+
+  std::vector<char> buffer(LONGEST);
+  std::string line;
+  for (std::uint64_t left = limit; left != 0;)
+  {
+    ssize_t const count =
+        read(file.get(), buffer.data(), std::min<std::uint64_t>(buffer.size(), left));
+    if (count < 0 && errno == EINTR)
+      continue;
+    if (count < 0)
+      return fail(Reading::Cut);
+    if (count == 0)
+      return line.empty() || each(line) ? Reading::Whole : Reading::Ended;
+    left -= static_cast<std::uint64_t>(count);
+    std::string_view text(buffer.data(), static_cast<std::size_t>(count));
+    while (!text.empty())
+    {
+      auto const part = text.substr(0, text.find('\n'));
+      line += part.substr(0, LONGEST - line.size());
+      text.remove_prefix(part.size());
+      if (text.empty())
+        break;
+      text.remove_prefix(1);
+      if (!each(line))
+        return Reading::Ended;
+      line.clear();
+    }
+  }
+  return Reading::Cut;
+}
+
+std::vector<std::string> namesIn(std::string const& root, std::string const& folder)
+{
+  std::vector<std::string> names;
+  std::error_code error;
+  for (std::filesystem::directory_iterator entry(below(root, folder), error), end;
+       !error && entry != end; entry.increment(error))
+    names.push_back(entry->path().filename());
+  std::sort(names.begin(), names.end());
+  return names;
 }
 
 std::optional<std::string> readLink(std::string const& path)
@@ -86,6 +147,19 @@ std::string_view trimmed(std::string_view text)
   if (first == std::string_view::npos)
     return {};
   return text.substr(first, text.find_last_not_of(WHITE_SPACE) - first + 1);
+}
+
+std::vector<std::string_view> wordsOf(std::string_view text)
+{
+  std::vector<std::string_view> words;
+  for (auto at = text.find_first_not_of(WHITE_SPACE); at != std::string_view::npos;
+       at = text.find_first_not_of(WHITE_SPACE))
+  {
+    text.remove_prefix(at);
+    words.push_back(text.substr(0, text.find_first_of(WHITE_SPACE)));
+    text.remove_prefix(words.back().size());
+  }
+  return words;
 }
 
 std::vector<std::pair<std::string, std::string>> parsePairs(std::string_view text, char separator)

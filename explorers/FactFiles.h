@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -27,6 +28,24 @@ std::optional<std::string> readFact(std::string const& root, std::string const& 
 // The same as a decimal number; absent also when it is none.
 std::optional<std::uint64_t> readNumber(std::string const& root, std::string const& path);
 
+enum class Reading
+{
+  Whole,
+  Ended,   // by the one who was handed the lines
+  Cut,     // at the limit, or where it could not be read any further
+  Missing, // there is no such file
+  Failed   // it could not be opened
+};
+
+// Hands over the lines of a file of any size, without their ends and up to 64 KiB of
+// each, until the file ends, limit bytes were read or each returns false. Takes no
+// more memory than a line. A file that cannot be read costs a log line of level 4.
+Reading readLines(std::string const& root, std::string const& path, std::uint64_t limit,
+                  std::function<bool(std::string_view line)> const& each);
+
+// The names in a folder, in their order; none when it cannot be read.
+std::vector<std::string> namesIn(std::string const& root, std::string const& folder);
+
 // The target of a symbolic link, not followed further.
 std::optional<std::string> readLink(std::string const& path);
 
@@ -35,6 +54,9 @@ std::optional<std::string> readLink(std::string const& path);
 std::optional<std::uint64_t> parseNumber(std::string_view text);
 
 std::string_view trimmed(std::string_view text);
+
+// What white space separates.
+std::vector<std::string_view> wordsOf(std::string_view text);
 
 // The key and the value, both trimmed, of every line that has the separator.
 std::vector<std::pair<std::string, std::string>> parsePairs(std::string_view text, char separator);

@@ -88,15 +88,11 @@ DiscoveryStatus FilesystemExplorer::run(Authority const& authority, Subject cons
                                         CollectionAttributes const& attributes,
                                         DiscoveryFactory const& factory)
 {
-  constexpr char const* OPERATION = "FilesystemExplorer::explore";
   DiscoveredItems items(*this);
   for (auto const& mount : collectFilesystems(m_root, m_probe))
     items.addItem(mount.mountPoint, filesystemFacts(), mount);
-  auto const data =
-      store(factory, DQ_DISCOVERY_DATA, subject, authority, attributes, items.finish(), OPERATION);
-  auto const filter = store(factory, DQ_FILTER_DATA, subject, filterAuthority(authority),
-                            attributes, filterDocument(filesystemFacts()), OPERATION);
-  return data != DS_SUCCESS ? data : filter;
+  return storeWithFilters(factory, subject, authority, attributes, items.finish(),
+                          filterDocument(filesystemFacts()), "FilesystemExplorer::explore");
 }
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers

@@ -90,6 +90,18 @@ DiscoveryStatus store(DiscoveryFactory const& factory, DiscoveryQuery query, Sub
   return status;
 }
 
+DiscoveryStatus storeWithFilters(DiscoveryFactory const& factory, Subject const& subject,
+                                 Authority const& authority, CollectionAttributes const& attributes,
+                                 std::string const& document, std::string const& filters,
+                                 char const* operation)
+{
+  auto const data =
+      store(factory, DQ_DISCOVERY_DATA, subject, authority, attributes, document, operation);
+  auto const filter = store(factory, DQ_FILTER_DATA, subject, filterAuthority(authority),
+                            attributes, filters, operation);
+  return data != DS_SUCCESS ? data : filter;
+}
+
 Authority filterAuthority(Authority const& authority)
 {
   return Authority(authority.getName().str(), AT_EXTSRC, authority.getStatusMsg());

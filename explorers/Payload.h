@@ -50,6 +50,13 @@ DiscoveryStatus store(DiscoveryFactory const& factory, DiscoveryQuery query, Sub
 // "success", "opening failed" and so on.
 char const* describe(DiscoveryStatus status);
 
+// Stores what was found and, under the authority for it, what can be asked of it.
+// The second is tried whatever became of the first, whose failure counts more.
+DiscoveryStatus storeWithFilters(DiscoveryFactory const& factory, Subject const& subject,
+                                 Authority const& authority, CollectionAttributes const& attributes,
+                                 std::string const& document, std::string const& filters,
+                                 char const* operation);
+
 // The authority of an explorer's filter data. A store knows a record by type,
 // authority and subject alone, so filter data goes under a type of its own;
 // otherwise it and the discovery data would overwrite each other.

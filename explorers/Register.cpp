@@ -11,8 +11,11 @@
 //
 //   filesystem, AT_TQUCLIENT      push
 //   host,       AT_TQUCLIENT      push
+//   listener,   AT_TQUCLIENT      push
+//   network,    AT_TQUCLIENT      push
 //   scripts,    AT_TQUCLIENT      push, for every script
 //   service,    AT_TQUCLIENT      push
+//   software,   AT_TQUCLIENT      push
 //   volume,     AT_TQUCLIENT      pull
 //   volume,     AT_EXTSRC         push, the filter data of the line above
 //
@@ -37,14 +40,19 @@
 #include "discovery/RefreshRequests.h"
 #include "explorers/FilesystemExplorer.h"
 #include "explorers/HostExplorer.h"
+#include "explorers/ListenerExplorer.h"
+#include "explorers/NetworkExplorer.h"
 #include "explorers/ScriptsExplorer.h"
 #include "explorers/ServiceExplorer.h"
+#include "explorers/SoftwareExplorer.h"
 #include "explorers/VolumeExplorer.h"
 #include "explorers/VolumeFilterExplorer.h"
 #include "ozf/base/OzfHostname.h"
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ConfigurationKeys.h"
 #include "ozf/config/ProductRoot.h"
+
+#include <memory>
 
 namespace
 {
@@ -81,6 +89,14 @@ std::string localHost(char const* operation)
 
 // What the configuration says of an explorer of this library.
 bool isWanted(char const* name) { return getConfiguration()->isOn(configKey("EXPLORER."), name); }
+
+// Serial numbers and the like.
+Explorers::Secrets secretsOf(char const* name)
+{
+  return getConfiguration()->isOn(configKey("EXPLORER_SECRETS."), name)
+             ? Explorers::Secrets::Told
+             : Explorers::Secrets::LeftOut;
+}
 
 // Where the configuration wants it. Takes the explorer over.
 void registerTimed(DiscoveryRepository& repository, std::string const& host,
@@ -136,13 +152,22 @@ extern "C"
     if (repository == nullptr || host.empty())
       return;
     registerTimed(*repository, host, new Explorers::FilesystemExplorer, AT_TQUCLIENT);
-    registerTimed(*repository, host, new Explorers::HostExplorer, AT_TQUCLIENT);
+    registerTimed(*repository, host, new Explorers::HostExplorer("/", secretsOf(Explorers::HOST)),
+                  AT_TQUCLIENT);
+    registerTimed(*repository, host, new Explorers::ListenerExplorer, AT_TQUCLIENT);
+    registerTimed(*repository, host, new Explorers::NetworkExplorer, AT_TQUCLIENT);
+    registerTimed(*repository, host, new Explorers::SoftwareExplorer, AT_TQUCLIENT);
     registerTimed(*repository, host,
                   new Explorers::ServiceExplorer(
-                      [repository, start = OzfObjTime::now()]
+                      [repository, start = OzfObjTime::now(),
+                       watch = std::make_shared<Explorers::MachineWatch>()]
                       {
-                        return Explorers::collectService(
+                        auto state = Explorers::collectService(
                             *repository, getDiscoveryDBDatabase()->getDirectory(), start);
+                        if (state.master)
+                          state.clones =
+                              watch->look(Explorers::readMachines(*repository), OzfObjTime::now());
+                        return state;
                       }),
                   AT_TQUCLIENT);
     registerScripts(*repository, host);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "discovery/DiscoveryRepository.h"
+#include "explorers/Machines.h"
 #include "ozf/base/OzfObjTime.h"
 #include "ozf/config/Limits.h"
 
@@ -34,6 +35,7 @@ struct ServiceState
   std::string awaitsRestart;           // keys of the configuration, "ORB_BIND, TLS"
   std::vector<ExplorerState> explorers;
   std::vector<MetLimit> limits; // those that peers met since the start
+  std::vector<Clone> clones;    // on the master; collectService leaves them to its caller
 };
 
 // Looks at the registry and counts the metadata files of the directory, none

@@ -40,7 +40,7 @@ char const* toText(AuthorityType type)
   }
 }
 
-constexpr char KINDS[] = "service, push, pull or limit";
+constexpr char KINDS[] = "service, push, pull, limit or clone";
 
 constexpr std::array<Fact<ServiceState>, 8> SERVICE_FACTS = {{
     {"Kind", Type::TEXT, KINDS, [](ServiceState const&) -> Value { return SERVICE; }},
@@ -86,11 +86,20 @@ constexpr std::array<Fact<MetLimit>, 5> LIMIT_FACTS = {{
      [](MetLimit const& limit) -> Value { return toText(limit.lastTime); }},
 }};
 
+constexpr std::array<Fact<Clone>, 3> CLONE_FACTS = {{
+    {"Kind", Type::TEXT, KINDS, [](Clone const&) -> Value { return "clone"; }},
+    {"Machines", Type::TEXT, "The identifiers of the machines that report under the name",
+     [](Clone const& clone) -> Value { return known(clone.machines); }},
+    {"Since", Type::TIME, "When that was noticed",
+     [](Clone const& clone) -> Value { return toText(clone.since); }},
+}};
+
 std::string filterData()
 {
   AutoDereference<OzfQuery> const query = describeFacts(serviceFacts());
   query->merge(*describeFacts(explorerFacts()));
   query->merge(*describeFacts(limitFacts()));
+  query->merge(*describeFacts(cloneFacts()));
   return filterDocument(*query);
 }
 
@@ -99,6 +108,7 @@ std::string filterData()
 Facts<ServiceState> serviceFacts() { return SERVICE_FACTS; }
 Facts<ExplorerState> explorerFacts() { return EXPLORER_FACTS; }
 Facts<MetLimit> limitFacts() { return LIMIT_FACTS; }
+Facts<Clone> cloneFacts() { return CLONE_FACTS; }
 
 ServiceExplorer::ServiceExplorer(Collect collect)
     : TimedExplorer(INTERVAL), m_collect(std::move(collect))
@@ -109,7 +119,6 @@ DiscoveryStatus ServiceExplorer::run(Authority const& authority, Subject const& 
                                      CollectionAttributes const& attributes,
                                      DiscoveryFactory const& factory)
 {
-  constexpr char const* OPERATION = "ServiceExplorer::explore";
   ServiceState const state = m_collect();
   DiscoveredItems items(*this);
   items.addItem(subject.getName().str(), serviceFacts(), state);
@@ -118,11 +127,10 @@ DiscoveryStatus ServiceExplorer::run(Authority const& authority, Subject const& 
       items.addItem(explorer.authority, explorerFacts(), explorer);
   for (MetLimit const& limit : state.limits)
     items.addItem(limit.key, limitFacts(), limit);
-  auto const data =
-      store(factory, DQ_DISCOVERY_DATA, subject, authority, attributes, items.finish(), OPERATION);
-  auto const filter = store(factory, DQ_FILTER_DATA, subject, filterAuthority(authority),
-                            attributes, filterData(), OPERATION);
-  return data != DS_SUCCESS ? data : filter;
+  for (Clone const& clone : state.clones)
+    items.addItem(clone.subject, cloneFacts(), clone);
+  return storeWithFilters(factory, subject, authority, attributes, items.finish(), filterData(),
+                          "ServiceExplorer::explore");
 }
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers

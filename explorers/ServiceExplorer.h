@@ -17,11 +17,12 @@ inline constexpr char const* SERVICE = "service";
 Facts<ServiceState> serviceFacts();
 Facts<ExplorerState> explorerFacts();
 Facts<MetLimit> limitFacts();
+Facts<Clone> cloneFacts();
 
 // Stores one item for the service, named after the subject, one for each explorer on
-// this host but itself, since that it runs shows from what it stores, and one for
-// each limit that was met, named after its key. All three vocabularies are its
-// filter data.
+// this host but itself, since that it runs shows from what it stores, one for each limit
+// that was met, named after its key, and one for each name under which several machines
+// report, named so. All four vocabularies are its filter data.
 class ServiceExplorer : public TimedExplorer
 {
 public:

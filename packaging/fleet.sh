@@ -215,6 +215,9 @@ The fleet goes on. In another terminal:
   ./on 95web tqdiscoctl hosts                 # the same fleet as 95web sees it
   ./on 95web tqdiscoctl show 96db volume      # disks of 96db, through the master
   ./on 95web tqdiscoctl --verbose show 23media volume   # asked of 23media itself
+  ./on 95web tqdiscoctl show 96db network     # interfaces, addresses, name servers of 96db
+  ./on 4master tqdiscoctl items --authority listener --where 'port < 1024'
+  ./on 4master tqdiscoctl items --authority software --where 'package = "libc6"'
   ./on 4master tqdiscoctl push --all          # move every host's next pass
   ./on 95web hang                             # a host that does not answer
   ./on 95web resume

@@ -27,8 +27,9 @@ OzfQuery::Attribute const* knownAttribute(std::string const& fact)
   for (char const* name : {"Size", "Used", "Available", "Start", "SectorSize", "Memory", "Swap"})
     if (equalIgnoringCase(fact, name))
       return &SIZE;
-  for (char const* name : {"Inodes", "InodesUsed", "Processors", "StoredDiscoveries",
-                           "AnnouncedExplorers", "Priority"})
+  for (char const* name :
+       {"Inodes", "InodesUsed", "Processors", "ProcessorSockets", "ProcessorCores", "Mtu", "Speed",
+        "Port", "Packages", "StoredDiscoveries", "AnnouncedExplorers", "Priority"})
     if (equalIgnoringCase(fact, name))
       return &NUMBER;
   return nullptr;

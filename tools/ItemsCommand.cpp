@@ -61,6 +61,13 @@ bool isMinor(Record const& record, Item const& item)
   return (kind != nullptr && *kind == "pseudo") || (hidden != nullptr && *hidden == "true");
 }
 
+// Of a fleet there are hundreds of thousands: listed when software is what is asked for.
+bool isPackage(Record const& record, Item const& item)
+{
+  constexpr char SOFTWARE[] = "software";
+  return record.authority == SOFTWARE && item.find("Package") != nullptr;
+}
+
 // The items by one authority that are to be printed at the end.
 class Rows
 {
@@ -170,6 +177,9 @@ public:
           "(" +
           counted(m_minor, "pseudo or hidden file system is", "pseudo or hidden file systems are") +
           " not listed: --all lists every one)");
+    if (m_packages != 0)
+      remark("(" + counted(m_packages, "package is", "packages are") +
+             " not listed: --authority software lists every one)");
   }
 
 private:
@@ -217,6 +227,12 @@ private:
         isMinor(record, item))
     {
       ++m_minor;
+      return;
+    }
+    if (!m_options.all && !m_options.jsonLines && m_options.where.empty() &&
+        m_options.selection.authority != record.authority && isPackage(record, item))
+    {
+      ++m_packages;
       return;
     }
     m_full = m_full || m_held > MOST_HELD;
@@ -289,7 +305,8 @@ private:
   std::map<std::string, Rows> m_rows; // by authority
   std::size_t m_held = 0;             // bytes
   bool m_full = false;
-  std::size_t m_minor = 0; // left out of tables
+  std::size_t m_minor = 0;    // left out of tables
+  std::size_t m_packages = 0; // likewise
   std::map<std::string, std::size_t> m_printed;
 };
 
@@ -399,8 +416,8 @@ void addItemsCommand(CLI::App& application, Session& session)
       command->add_flag("-l,--details", options->details, "Every fact, a line each")
           ->excludes(columns);
   command->add_flag("--all", options->all,
-                    "Also file systems that the kernel keeps, or that are hidden under others; "
-                    "--where and JSON list them anyhow");
+                    "Also file systems that the kernel keeps, or that are hidden under others, and "
+                    "packages; --where and JSON list them anyhow");
   auto* const json = command->add_flag("--json", options->json, "As JSON");
   auto* const lines = command
                           ->add_flag("--json-lines", options->jsonLines,

@@ -36,6 +36,7 @@ namespace
 constexpr char AUTHORITY[] = "service";
 constexpr char SERVICE_KIND[] = "service";
 constexpr char LIMIT_KIND[] = "limit";
+constexpr char CLONE_KIND[] = "clone";
 
 // What services tell, and what they do not, is kept until all is known: each up
 // to so many bytes.
@@ -57,6 +58,7 @@ struct ServiceState
   Item service;
   std::vector<Item> explorers;
   std::vector<Item> limits; // that peers met
+  std::vector<Item> clones; // names under which several machines report
   bool complete = false;
 };
 
@@ -113,11 +115,11 @@ int readStates(Connection const& connection, std::vector<ServiceState>& states)
                counted(records.size() - states.size(), "service tells", "services tell") +
                " was not read" + (full ? "" : "; --timeout allows more"));
       for (std::size_t i = states.size(); i < records.size(); ++i)
-        states.push_back({records[i], {}, {}, {}, false});
+        states.push_back({records[i], {}, {}, {}, {}, false});
       return EXIT_PARTLY;
     }
     progress.update(std::to_string(states.size()) + " of " + std::to_string(records.size()));
-    ServiceState state{record, {}, {}, {}, false};
+    ServiceState state{record, {}, {}, {}, {}, false};
     state.complete = readCollection(record, OzfQuery(),
                                     [&](Item item)
                                     {
@@ -128,6 +130,8 @@ int readStates(Connection const& connection, std::vector<ServiceState>& states)
                                         state.service = std::move(item);
                                       else if (fact(item, "Kind") == LIMIT_KIND)
                                         state.limits.push_back(std::move(item));
+                                      else if (fact(item, "Kind") == CLONE_KIND)
+                                        state.clones.push_back(std::move(item));
                                       else
                                         state.explorers.push_back(std::move(item));
                                     })
@@ -217,11 +221,15 @@ nlohmann::json toJson(ServiceState const& state, OzfQuery const& description)
   nlohmann::json limits = nlohmann::json::array();
   for (Item const& limit : state.limits)
     limits.push_back(toJson(limit, description));
+  nlohmann::json clones = nlohmann::json::array();
+  for (Item const& clone : state.clones)
+    clones.push_back(toJson(clone, description));
   nlohmann::json result = toJson(state.record);
   result["complete"] = state.complete;
   result["service"] = toJson(state.service, description);
   result["explorers"] = std::move(explorers);
   result["limits"] = std::move(limits);
+  result["clones"] = std::move(clones);
   return result;
 }
 
@@ -363,6 +371,25 @@ void complainOfRestarts(std::vector<ServiceState> const& states)
              (count > MOST_NAMED ? " and more" : ""));
 }
 
+// Names under which several machines report, a few with their identifiers.
+void complainOfClones(std::vector<ServiceState> const& states)
+{
+  constexpr std::size_t MOST_NAMED = 5;
+  std::size_t count = 0;
+  std::string named;
+  for (ServiceState const& state : states)
+    for (Item const& clone : state.clones)
+      if (++count <= MOST_NAMED)
+        named +=
+            (named.empty() ? "" : "; ") + shown(clone.name) + " has " + fact(clone, "Machines");
+  if (count != 0)
+    complain("several hosts report under " + counted(count, "name", "names") +
+             ", and each replaces what the others have found: " + named +
+             (count > MOST_NAMED ? "; and more" : "") +
+             ". \"tqdiscoctl show HOST machine.IDENTIFIER\" tells of each; give one of them a name "
+             "of its own");
+}
+
 // That a host reports nothing yet.
 void tellAnnouncing(std::optional<AnnouncingHost> const& host, StatusOptions const& options)
 {
@@ -467,6 +494,7 @@ int status(StatusOptions const& options, Session const& session)
     complain("more hosts are silent than one status takes; the others are not listed");
   complainOfCertificates(states, OzfObjTime::now());
   complainOfRestarts(states);
+  complainOfClones(states);
   if (failed != 0)
     complain(counted(failed, "explorer has", "explorers have") +
              " failed at the last run; the log of the host's service tells why");

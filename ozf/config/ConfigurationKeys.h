@@ -22,17 +22,18 @@ inline constexpr long MOST_OF_32_BITS = std::numeric_limits<std::int32_t>::max()
 
 // The explorers of the default library, and how often they run, in seconds.
 inline constexpr KeyPart DEFAULT_EXPLORERS[] = {
-    {"filesystem", 300},
-    {"host", 3600},
-    {"service", 60},
-    {"volume", 86400},
+    {"filesystem", 300}, {"host", 3600},      {"listener", 300}, {"network", 300},
+    {"service", 60},     {"software", 21600}, {"volume", 86400},
 };
 
 // All that can be turned off, with 1 for those that are on when nothing is said. What
 // scripts, which are one of them, do when is said beside each.
 inline constexpr KeyPart SWITCHED_EXPLORERS[] = {
-    {"filesystem", 1}, {"host", 1}, {"scripts", 1}, {"service", 1}, {"volume", 1},
+    {"filesystem", 1}, {"host", 1},    {"listener", 1}, {"network", 1},
+    {"scripts", 1},    {"service", 1}, {"software", 1}, {"volume", 1},
 };
+
+inline constexpr KeyPart EXPLORERS_WITH_SECRETS[] = {{"host"}};
 
 inline constexpr KeyPart KNOWN_PORTS[] = {{DISCOVERY_SERVICE, DISCOVERY_PORT}};
 
@@ -112,6 +113,15 @@ inline constexpr ConfigurationKey CONFIGURATION_KEYS[] = {
      .value = "_SPAN_",
      .text = "How long what it found holds; a quarter longer than the interval when it is absent. "
              "A shorter span leaves the host without these facts until the next run."},
+    {.name = "EXPLORER_SECRETS.",
+     .part = "explorer",
+     .kind = KeyKind::BOOLEAN,
+     .holds = KeyHolds::FROM_START,
+     .parts = EXPLORERS_WITH_SECRETS,
+     .hasNoOtherParts = true,
+     .value = "_yes_ | _no_",
+     .text = "Whether it also tells what only root may read on the host: of host, the serial "
+             "number and the identifier that the machine's maker gave it."},
     {.name = "ORB_PORT.",
      .part = "service",
      .kind = KeyKind::NUMBER,

@@ -86,15 +86,15 @@ void FleetHost::addEntries(std::string const& entries)
 
 void FleetHost::launch(Process::Environment const& more)
 {
-  Process::Environment environment = m_network.callingFrom(m_number);
-  environment.insert(more.begin(), more.end());
+  Process::Environment environment = more;
   environment["TESSARINE_ROOT"] = m_root.path();
   environment["TQ_FIXTURE_FOLDER"] = m_root / "notes";
-  for (auto const& [variable, value] : clocks())
-  {
-    std::string& text = environment[variable];
-    text = variable == "LD_PRELOAD" ? value + ' ' + text : value;
-  }
+  for (auto const& preloading : {m_network.callingFrom(m_number), clocks()})
+    for (auto const& [variable, value] : preloading)
+    {
+      std::string& text = environment[variable];
+      text = variable == "LD_PRELOAD" ? value + ' ' + text : value;
+    }
   Words words = m_network.wrapper(m_number);
   words.push_back(TQ_BIN_DIR "/tqdisco");
   m_process.reset();

@@ -537,6 +537,27 @@ TEST_F(TqdiscoctlExplorersTest, pseudoFileSystemsAreListedOnlyWhenTheyAreAskedFo
   }
 }
 
+TEST_F(TqdiscoctlExplorersTest, packagesAreListedOnlyWhenSoftwareIsWhatIsAskedFor)
+{
+  store("other", "software",
+        itemsDocument("<DISCOVERED Name=\"oddlib\"><ExplorerData Name=\"software\"><Package>oddlib"
+                      "</Package><Version>1</Version></ExplorerData></DISCOVERED>"),
+        {"--type", "client"});
+  Outcome const few = run({"items", "--subject", "other"});
+  EXPECT_EQ(few.exitCode, 0) << few.errors;
+  EXPECT_THAT(few.output, Not(HasSubstr("oddlib")));
+  EXPECT_THAT(few.errors, HasSubstr("1 package is not listed: --authority software lists"));
+  for (Words const& more : {Words{"--authority", "software"}, Words{"--all"},
+                            Words{"--where", "package = oddlib"}, Words{"--json"}})
+  {
+    Words words{"items", "--subject", "other"};
+    words.insert(words.end(), more.begin(), more.end());
+    Outcome const outcome = run(words);
+    EXPECT_THAT(outcome.output, HasSubstr("oddlib"));
+    EXPECT_THAT(outcome.errors, Not(HasSubstr("not listed")));
+  }
+}
+
 TEST_F(TqdiscoctlExplorersTest, patternsMatchPullExplorersAsTheyMatchTheDatabase)
 {
   store("other", "volume", itemsDocument(""), {"--type", "client"});

@@ -338,7 +338,7 @@ TEST_F(TqdiscoctlJsonTest, hasTheMembersThatAreDocumentedAndNoOthers)
   json const status = read({"status"});
   EXPECT_EQ(membersOf(status), documented("status"));
   EXPECT_EQ(membersOf(status["services"][0]),
-            both(record, {"complete", "service", "explorers", "limits"}));
+            both(record, {"complete", "service", "explorers", "limits", "clones"}));
   EXPECT_EQ(membersOf(status["services"][0]["service"]), (Names{"name", "facts"}));
 
   writeText(m_service / "payload", "<DiscoveredItems/>");

@@ -85,6 +85,16 @@ public:
     return found.empty() ? Stored{} : found.front();
   }
 
+  // The data of that authority.
+  Stored of(std::string const& authority) const
+  {
+    for (auto const& record : records())
+      if (record.type == AT_TQUCLIENT && record.authority == authority)
+        return record;
+    ADD_FAILURE() << "nothing of " << authority;
+    return Stored{};
+  }
+
   mutable std::vector<DiscoveryQuery> queries; // of every record asked for
 
 private:

@@ -41,6 +41,47 @@ TEST(FactFiles, aFactComesWithoutTheWhiteSpaceAroundIt)
   EXPECT_FALSE(readNumber(dir.path(), "model"));
 }
 
+TEST(FactFiles, linesAreHandedOverUntilTheFileEndsOrSomebodyHasEnough)
+{
+  TempDir const dir;
+  writeText(dir / "lines", "one\n\nthree\nlast");
+  std::vector<std::string> lines;
+  auto const keep = [&](std::string_view line)
+  {
+    lines.emplace_back(line);
+    return line != "enough";
+  };
+  EXPECT_EQ(Reading::Whole, readLines(dir.path(), "lines", 1000, keep));
+  EXPECT_EQ((std::vector<std::string>{"one", "", "three", "last"}), lines);
+  lines.clear();
+  EXPECT_EQ(Reading::Cut, readLines(dir.path(), "lines", 6, keep));
+  EXPECT_EQ((std::vector<std::string>{"one", ""}), lines);
+  writeText(dir / "lines", "enough\nmore\n");
+  EXPECT_EQ(Reading::Ended, readLines(dir.path(), "lines", 1000, keep));
+  EXPECT_EQ(Reading::Missing, readLines(dir.path(), "nothing", 1000, keep));
+  EXPECT_EQ(Reading::Cut, readLines(dir.path(), "", 1000, keep)) << "a folder opens";
+}
+
+TEST(FactFiles, aLineWithoutEndIsHandedOverUpToALength)
+{
+  TempDir const dir;
+  writeText(dir / "lines", std::string(200'000, 'x') + "\nnext\n");
+  std::vector<std::size_t> sizes;
+  readLines(dir.path(), "lines", 1U << 20U,
+            [&](std::string_view line)
+            {
+              sizes.push_back(line.size());
+              return true;
+            });
+  EXPECT_EQ((std::vector<std::size_t>{65536, 4}), sizes);
+}
+
+TEST(FactFiles, wordsAreWhatWhiteSpaceSeparates)
+{
+  EXPECT_EQ((std::vector<std::string_view>{"a", "b:", "c"}), wordsOf("  a\tb: c\r\n"));
+  EXPECT_TRUE(wordsOf(" \t").empty());
+}
+
 TEST(FactFiles, pairsComeFromEveryLineWithASeparator)
 {
   auto const pairs = parsePairs("a: 1\nno\n\nb :2:3\n:4", ':');

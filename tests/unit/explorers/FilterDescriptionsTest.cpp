@@ -2,6 +2,10 @@
 
 #include "explorers/FilesystemExplorer.h"
 #include "explorers/HostExplorer.h"
+#include "explorers/ListenerExplorer.h"
+#include "explorers/Machines.h"
+#include "explorers/NetworkExplorer.h"
+#include "explorers/SoftwareExplorer.h"
 #include "explorers/VolumeExplorer.h"
 #include "tests/support/TempDir.h"
 #include "tests/unit/explorers/ExplorerTesting.h"
@@ -58,7 +62,10 @@ std::string rowsInManual(std::string const& explorer)
 TEST(FilterDescriptions, theManualListsEveryFactWithItsType)
 {
   EXPECT_EQ(rowsOf(filesystemFacts()), rowsInManual("filesystem"));
-  EXPECT_EQ(rowsOf(hostFacts()), rowsInManual("host"));
+  EXPECT_EQ(rowsOf(hostFacts()) + rowsOf(machineFacts()), rowsInManual("host"));
+  EXPECT_EQ(rowsOf(listenerFacts()), rowsInManual("listener"));
+  EXPECT_EQ(rowsOf(nameServiceFacts()) + rowsOf(interfaceFacts()), rowsInManual("network"));
+  EXPECT_EQ(rowsOf(softwareFacts()) + rowsOf(packageFacts()), rowsInManual("software"));
   EXPECT_EQ(rowsOf(volumeFacts()), rowsInManual("volume"));
 }
 
@@ -92,7 +99,13 @@ TEST(FilterDescriptions, sizesAndSharesSayTheirUnit)
 TEST(FilterDescriptions, namesOfFactsAreUniqueAndFitForElements)
 {
   EXPECT_FALSE(namesOf(hostFacts()).empty());
+  EXPECT_FALSE(namesOf(machineFacts()).empty());
   EXPECT_FALSE(namesOf(filesystemFacts()).empty());
+  EXPECT_FALSE(namesOf(listenerFacts()).empty());
+  EXPECT_FALSE(namesOf(nameServiceFacts()).empty());
+  EXPECT_FALSE(namesOf(interfaceFacts()).empty());
+  EXPECT_FALSE(namesOf(softwareFacts()).empty());
+  EXPECT_FALSE(namesOf(packageFacts()).empty());
   EXPECT_FALSE(namesOf(volumeFacts()).empty());
 }
 

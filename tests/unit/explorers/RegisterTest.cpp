@@ -4,8 +4,11 @@
 #include "discovery/DiscoveryRepository.h"
 #include "explorers/FilesystemExplorer.h"
 #include "explorers/HostExplorer.h"
+#include "explorers/ListenerExplorer.h"
+#include "explorers/NetworkExplorer.h"
 #include "explorers/ScriptsExplorer.h"
 #include "explorers/ServiceExplorer.h"
+#include "explorers/SoftwareExplorer.h"
 #include "explorers/VolumeExplorer.h"
 #include "explorers/VolumeFilterExplorer.h"
 #include "ozf/base/OzfHostname.h"
@@ -65,7 +68,9 @@ TEST(Register, registersEveryExplorerForThisHost)
   entryOf("RegisterExplorers")(&repository);
   EXPECT_THAT(identities(*repository.getPushExplorers()),
               UnorderedElementsAre("filesystem/2 about client7", "host/2 about client7",
+                                   "listener/2 about client7", "network/2 about client7",
                                    "scripts/2 about client7", "service/2 about client7",
+                                   "software/2 about client7",
                                    "volume/3 about client7"));
   EXPECT_THAT(identities(*repository.getPullExplorers()),
               UnorderedElementsAre("volume/2 about client7"));
@@ -75,6 +80,9 @@ TEST(Register, theConfigurationSwitchesExplorersOffAndChangesTheirIntervals)
 {
   NamedHost const host("client7");
   overrideConfiguration("EXPLORER.host", "off");
+  overrideConfiguration("EXPLORER.listener", "0");
+  overrideConfiguration("EXPLORER.network", "off");
+  overrideConfiguration("EXPLORER.software", "false");
   overrideConfiguration("EXPLORER.volume", "no");
   overrideConfiguration("EXPLORER.scripts", "0");
   overrideConfiguration("EXPLORER_INTERVAL.filesystem", "15m");
@@ -89,6 +97,28 @@ TEST(Register, theConfigurationSwitchesExplorersOffAndChangesTheirIntervals)
               dynamic_cast<ExplorerPush*>(wrapper->getExplorer())->getPollingInterval());
 }
 
+TEST(Register, theConfigurationSaysWhetherSerialNumbersAreTold)
+{
+  NamedHost const host("client7");
+  for (auto const& [text, secrets] :
+       {std::pair("no", Explorers::Secrets::LeftOut), std::pair("yes", Explorers::Secrets::Told)})
+  {
+    overrideConfiguration("EXPLORER_SECRETS.host", text);
+    DiscoveryRepository repository;
+    entryOf("RegisterExplorers")(&repository);
+    auto const push = repository.getPushExplorers();
+    int found = 0;
+    for (auto const& wrapper : *push)
+      if (auto const* const explorer =
+              dynamic_cast<Explorers::HostExplorer const*>(wrapper->getExplorer()))
+      {
+        EXPECT_EQ(secrets, explorer->secrets()) << text;
+        ++found;
+      }
+    EXPECT_EQ(1, found);
+  }
+}
+
 TEST(Register, theNameOfTheHostDoesNotMatter)
 {
   for (char const* name : {"a", "filesystem", "host", "m", "volume", "zz"})
@@ -96,7 +126,7 @@ TEST(Register, theNameOfTheHostDoesNotMatter)
     NamedHost const host(name);
     DiscoveryRepository repository;
     entryOf("RegisterExplorers")(&repository);
-    EXPECT_EQ(5U, repository.getPushExplorers()->size()) << name;
+    EXPECT_EQ(8U, repository.getPushExplorers()->size()) << name;
     EXPECT_EQ(1U, repository.getPullExplorers()->size()) << name;
   }
 }
@@ -120,15 +150,16 @@ TEST(Register, theFilterDataProviderMayBeLoadedBesideTheExplorers)
   EXPECT_EQ(1U, repository.getPushExplorers()->size());
   entryOf("RegisterExplorers")(&repository);
   entryOf("RegisterExplorerFilterDataProvider")(&repository);
-  EXPECT_EQ(5U, repository.getPushExplorers()->size());
+  EXPECT_EQ(8U, repository.getPushExplorers()->size());
   EXPECT_EQ(1U, repository.getPullExplorers()->size());
 }
 
-// The names here are those that Register.cpp has to keep in order.
+// The names here are those that Register.cpp has to keep in order. Any five of them come
+// first in any order.
 TEST(Register, noOrderOfRegistrationKnocksAnExplorerOut)
 {
   using namespace Explorers;
-  std::vector<int> order = {0, 1, 2, 3, 4, 5};
+  std::vector<int> order = {0, 1, 2, 3, 4, 5, 6, 7, 8};
   do
   {
     DiscoveryRepository repository;
@@ -141,6 +172,9 @@ TEST(Register, noOrderOfRegistrationKnocksAnExplorerOut)
     std::vector<std::function<void()>> const steps = {
         [&] { push(new FilesystemExplorer, AT_TQUCLIENT); },
         [&] { push(new HostExplorer, AT_TQUCLIENT); },
+        [&] { push(new ListenerExplorer, AT_TQUCLIENT); },
+        [&] { push(new NetworkExplorer, AT_TQUCLIENT); },
+        [&] { push(new SoftwareExplorer, AT_TQUCLIENT); },
         [&] { push(new ScriptsExplorer("/nowhere", {}), AT_TQUCLIENT); },
         [&] { push(new ServiceExplorer([] { return ServiceState(); }), AT_TQUCLIENT); },
         [&]
@@ -153,8 +187,9 @@ TEST(Register, noOrderOfRegistrationKnocksAnExplorerOut)
         [&] { push(new VolumeFilterExplorer, AT_EXTSRC); }};
     for (int const step : order)
       steps[static_cast<std::size_t>(step)]();
-    EXPECT_EQ(5U, repository.getPushExplorers()->size());
+    EXPECT_EQ(8U, repository.getPushExplorers()->size());
     EXPECT_EQ(1U, repository.getPullExplorers()->size());
+    std::reverse(order.begin() + 5, order.end());
   } while (std::next_permutation(order.begin(), order.end()));
 }
 
@@ -167,7 +202,7 @@ TEST(Register, aPluginWithHigherPriorityTakesAPlace)
   repository.registerExplorer(new Subject("client7"), better.get(), 11,
                               new Authority("host", AT_TQUCLIENT));
   auto const explorers = repository.getPushExplorers();
-  EXPECT_EQ(5U, explorers->size());
+  EXPECT_EQ(8U, explorers->size());
   EXPECT_TRUE(std::any_of(explorers->begin(), explorers->end(),
                           [&](auto const& wrapper)
                           { return wrapper->getExplorer() == better.get(); }));
