@@ -33,7 +33,7 @@ inline constexpr KeyPart SWITCHED_EXPLORERS[] = {
     {"scripts", 1},    {"service", 1}, {"software", 1}, {"volume", 1},
 };
 
-inline constexpr KeyPart EXPLORERS_WITH_SECRETS[] = {{"host"}};
+inline constexpr KeyPart EXPLORERS_WITH_SECRETS[] = {{"host", 0}};
 
 inline constexpr KeyPart KNOWN_PORTS[] = {{DISCOVERY_SERVICE, DISCOVERY_PORT}};
 
