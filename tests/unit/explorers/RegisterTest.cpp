@@ -70,8 +70,7 @@ TEST(Register, registersEveryExplorerForThisHost)
               UnorderedElementsAre("filesystem/2 about client7", "host/2 about client7",
                                    "listener/2 about client7", "network/2 about client7",
                                    "scripts/2 about client7", "service/2 about client7",
-                                   "software/2 about client7",
-                                   "volume/3 about client7"));
+                                   "software/2 about client7", "volume/3 about client7"));
   EXPECT_THAT(identities(*repository.getPullExplorers()),
               UnorderedElementsAre("volume/2 about client7"));
 }
