@@ -153,28 +153,6 @@ void DiscoveryRepository::ExplorerPushTimer::noteFiring()
   m_triggered = false;
 }
 
-// After a clock that was years ahead has been put right, explorers would wait for years
-// until the time of their last run came again.
-void DiscoveryRepository::ExplorerPushTimer::followClock()
-{
-  OzfObjTime const now = OzfObjTime::now();
-  std::int64_t const back = m_clockSetBack.look(now, s_clock.load()());
-  if (back == 0)
-    return;
-  constexpr char const* OPERATION = "ExplorerPushTimer::handle_timeout";
-  OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
-          "The clock was set back by " << back << " seconds, explorers keep to their intervals");
-  for (auto const& entry : *m_explorers)
-    if (auto* const explorer = dynamic_cast<ExplorerPush*>(entry->getExplorer()))
-      callExplorer(*explorer, SOURCE, OPERATION,
-                   [&]
-                   {
-                     OzfObjTime const last = explorer->getLastExplorationTime();
-                     if (last > now)
-                       explorer->setLastExplorationTime(last + OzfObjTime(-back));
-                   });
-}
-
 void DiscoveryRepository::ExplorerPushTimer::fire(OzfObjTime const& fired)
 {
   constexpr char const* OPERATION = "ExplorerPushTimer::handle_timeout";
@@ -185,7 +163,6 @@ void DiscoveryRepository::ExplorerPushTimer::fire(OzfObjTime const& fired)
       [this]
       { return m_repository.queryDiscoveries(DQ_DISCOVERY_DATA, "*", REFRESH_PATTERN, AT_EXTSRC); },
       *m_explorers);
-  followClock();
 
   for (auto const& entry : *m_explorers)
   {

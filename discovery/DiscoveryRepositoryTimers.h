@@ -4,7 +4,6 @@
 
 #pragma once
 
-#include "discovery/ClockSetBack.h"
 #include "discovery/DiscoveryFramework.h"
 #include "discovery/DiscoveryRepository.h"
 #include "ozf/sync/OZFRefAceEvent.h"
@@ -57,7 +56,7 @@ public:
   // is left where it is.
   bool trigger(ACE_Time_Value const& delay);
 
-  // For tests: the clock that is never set, of all push timers.
+  // For tests: the clock of the five minutes, of all push timers.
   using Clock = std::chrono::steady_clock::time_point (*)();
   static void setClock(Clock clock) noexcept { s_clock = clock; }
 
@@ -65,14 +64,12 @@ private:
   void fire(OzfObjTime const& fired) override;
   ACE_Time_Value retryDelay() const override { return m_period; }
   void noteFiring();
-  void followClock();
 
   static inline std::atomic<Clock> s_clock{&std::chrono::steady_clock::now};
 
   DiscoveryRepository& m_repository;
   std::shared_ptr<ExplorerSet const> m_explorers;
   ACE_Time_Value m_period;
-  ClockSetBack m_clockSetBack;
 
   // Guarded by the timer's lock.
   bool m_triggered = false;                           // the firing to come was moved
