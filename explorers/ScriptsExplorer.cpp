@@ -240,10 +240,10 @@ DiscoveryStatus ScriptsExplorer::store(ScriptResult const& result, Subject const
                                        DiscoveryFactory const& factory) const
 {
   auto const& sidecar = result.job.sidecar;
-  CollectionAttributes const attributes = withExpiry(
-      CollectionAttributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY, result.began,
-                           OzfObjTime(sidecar.interval), sidecar.priority),
-      static_cast<PollingInterval>(sidecar.expiry.value_or(0)));
+  CollectionAttributes const attributes =
+      withExpiry(CollectionAttributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY, result.began,
+                                      OzfObjTime(sidecar.interval), sidecar.priority),
+                 static_cast<PollingInterval>(sidecar.expiry.value_or(0)));
   Authority const authority(result.job.file.name, AT_TQUCLIENT);
   auto const data = Explorers::store(factory, DQ_DISCOVERY_DATA, subject, authority, attributes,
                                      result.document, OPERATION);

@@ -131,7 +131,8 @@ std::string callOfNothing(std::string const& operation)
   return header + body;
 }
 
-bool receiveAll(TlsChannel& channel, std::size_t size, Clock::time_point deadline, std::string& text)
+bool receiveAll(TlsChannel& channel, std::size_t size, Clock::time_point deadline,
+                std::string& text)
 {
   text.resize(size);
   for (std::size_t at = 0; at < size;)
@@ -163,7 +164,7 @@ std::string answerTo(TlsChannel& channel, std::string const& call, Clock::time_p
     length = length << 8 | static_cast<unsigned char>(byte);
   std::string answer;
   return length <= LONGEST_ANSWER && receiveAll(channel, length, deadline, answer) ? answer
-                                                                                  : std::string();
+                                                                                   : std::string();
 }
 
 // "read and control"
