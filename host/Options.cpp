@@ -16,7 +16,7 @@ bool parseOptions(int argc, char** argv, Options& options, int& exitCode)
   auto* const dump = app.add_flag("--dump-config", options.dumpConfiguration,
                                   "Print every key with its value, its default and where the "
                                   "value comes from, and exit");
-  app.add_flag("--json", options.json, "With --dump-config: print JSON")->needs(dump);
+  app.add_flag("--json", options.json, "Print what --dump-config prints as JSON")->needs(dump);
   auto* const debug =
       app.add_flag("--debug", options.debug, "Write every log line, and write them to stderr");
   app.add_option("--log-level", options.logLevel,

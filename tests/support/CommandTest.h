@@ -58,4 +58,20 @@ protected:
   LiveService m_service;
 };
 
+// A payload of these items.
+inline std::string itemsDocument(std::string const& items)
+{
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?><DiscoveredItems>" + items +
+         "</DiscoveredItems>";
+}
+
+// Of records as JSON, in their order.
+inline std::vector<std::string> subjectsOf(nlohmann::json const& records)
+{
+  std::vector<std::string> subjects;
+  for (auto const& record : records)
+    subjects.push_back(record["subject"]);
+  return subjects;
+}
+
 } // namespace tqtest
