@@ -19,7 +19,7 @@ help:
 	@echo "make bench  build and run the benchmarks, print the table"
 	@echo "make test-tsan  run the tests under ThreadSanitizer, with the libraries built for it: an hour"
 	@echo "make fuzz FUZZ_SECONDS=...   feed the parsers made-up inputs, 60 seconds each"
-	@echo "make torture  fail system calls, kill, cut the power, send hostile messages: half an hour"
+	@echo "make torture  fail system calls, kill, cut the power, set clocks, send hostile messages: hours"
 	@echo "make mutants  change the sources at random places and look which tests notice: hours"
 	@echo "make lint   check the sources with clang-tidy and cppcheck"
 	@echo "make install DESTDIR=...   install a release build"
