@@ -97,6 +97,19 @@ await 60 "the client does not report to the master" in_machine "$master" sh -c \
   'tqdiscoctl hosts | grep -q ^4a'
 passed "configured: the client reports to the master"
 
+in_machine "$client" sh -eu -c 'cat >/etc/tessarine/explorers.d/greeting
+chmod 755 /etc/tessarine/explorers.d/greeting
+systemctl reload tqdisco' <<'END'
+#!/bin/sh
+echo "Says=hello from $TESSARINE_SUBJECT"
+echo "Who=$(id -un)"
+END
+await 60 "the facts of a script do not come to the master" in_machine "$master" sh -c \
+  'tqdiscoctl items --authority greeting --details | grep -q "hello from 4a"'
+in_machine "$master" tqdiscoctl items --authority greeting --details | grep -q tqdisco ||
+  fail "a script runs as another user than the service"
+passed "a script of the client's own: its facts are known to the master"
+
 # What the service sees is what the host has.
 pid=$(show "$master" MainPID)
 is "$(in_machine "$master" cat /proc/1/mountinfo)" "$(in_machine "$master" cat "/proc/$pid/mountinfo")" \
@@ -117,7 +130,7 @@ TESSARINE_ROOT=/root-service tqdisco >/root-service/log 2>&1 &
 echo $! >/root-service/pid'
 as_root() { in_machine "$master" env TESSARINE_ROOT=/root-service tqdiscoctl "$@"; }
 await 60 "the service of root finds nothing" as_root items --authority service
-for authority in filesystem host service volume; do
+for authority in filesystem host network service software volume; do
   await 60 "no $authority" in_machine "$master" tqdiscoctl items --authority $authority --subject master
   await 60 "no $authority as root" as_root items --authority $authority
   in_machine "$master" tqdiscoctl items --json --authority $authority --subject master |
