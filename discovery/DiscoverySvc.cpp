@@ -66,10 +66,10 @@ int DiscoverySvc::doInit()
 {
   setAceReactor(getOrb().getReactor());
   getOrb().setRequestTimeout(ACE_Time_Value(REQUEST_TIMEOUT));
-  getOrb().getEvictor().setLimit(getLimits().iterators);
   m_framework.reset(new DiscoveryFramework("", DST_GENERIC, &getOrb(), true));
   try
   {
+    getOrb().getEvictor().setLimit(getLimits().iterators);
     m_framework->init(nullptr);
     m_initialized = true;
     setReloadListener(announceToNewMaster);

@@ -11,6 +11,7 @@
 #include "ozf/base/AsciiCase.h"
 #include "ozf/base/OzfHostname.h"
 #include "ozf/base/OzfPathname.h"
+#include "ozf/config/Configuration.h"
 #include "ozf/config/ConfigurationKeys.h"
 #include "scripts/ScriptPayload.h"
 #include "scripts/ScriptRun.h"
@@ -140,6 +141,7 @@ int testScript(ScriptTestOptions const& options)
     complain("there is no file " + shown(options.file));
     return EXIT_FAILED;
   }
+  getConfiguration(); // which may name this host
   OzfHostname host;
   host.setLocal();
   trial.subject = host.exportNarrow();

@@ -65,12 +65,13 @@ public:
     configure();
   }
 
-  // Takes hold at the next start.
+  // Takes hold at the next start. Lines that begin with another SERVER have that one
+  // alone.
   void configure(std::string const& more = "")
   {
     std::string const name = NAME;
-    writeText(m_root / "etc/tq.conf", "SERVER = " + name + "\nCLIENT_NAME = " + name +
-                                          "\nHOST_ADDRESS." + name +
+    std::string const server = more.starts_with("SERVER = ") ? "" : "SERVER = " + name + "\n";
+    writeText(m_root / "etc/tq.conf", server + "CLIENT_NAME = " + name + "\nHOST_ADDRESS." + name +
                                           " = 127.0.0.1\nORB_BIND = 127.0.0.1\n"
                                           "ORB_PORT.DiscoveryService = " +
                                           std::to_string(m_port) + "\n" + more);

@@ -174,7 +174,10 @@ TEST_F(ConnectionLimitsTest, WhoAsksTooOftenWaitsThenIsRefusedAndOthersAreAsQuic
 
   Answers refused;
   auto disturbed = milliseconds::max();
-  took = flood(50, refused, milliseconds(1000), [&] { disturbed = timeOfOthers(); });
+  took = flood(50, refused, milliseconds(1000),
+               [&] {
+                 disturbed = std::min({timeOfOthers(), timeOfOthers(), timeOfOthers()});
+               });
   EXPECT_GT(refused.transient, 0);
   EXPECT_EQ(refused.others, 0);
   auto const since = std::chrono::duration_cast<milliseconds>(steady_clock::now() - ended);

@@ -74,7 +74,7 @@ protected:
         [&]
         {
           facts = factsOf(key);
-          return facts.is_object() && facts["TimesMet"] >= times;
+          return facts.is_object() && facts["TimesMet"] >= times && facts["Value"] == setTo;
         }))
         << key << ": " << facts << m_service.log();
     if (!facts.is_object())

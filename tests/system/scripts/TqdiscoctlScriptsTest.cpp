@@ -30,7 +30,7 @@ TEST_F(TqdiscoctlScriptsTest, aScriptIsTriedAndShowsWhatWouldBeStored)
   Outcome const outcome = run({"explorer", "test", file});
   EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
   EXPECT_THAT(outcome.output, HasSubstr("Would be stored about tqtestmaster by disks: 1 item, "));
-  EXPECT_THAT(outcome.output, HasSubstr("size   2 KiB"));
+  EXPECT_THAT(outcome.output, HasSubstr("size   2.0 KiB"));
   EXPECT_EQ(outcome.errors, "hint\n");
   json const trial = runJson({"explorer", "test", file});
   EXPECT_EQ(trial["stored"], true);
@@ -72,7 +72,7 @@ TEST_F(TqdiscoctlScriptsTest, putTakesWhatAScriptPrints)
   json const shown = runJson({"show", "web1", "disks"});
   ASSERT_EQ(shown["items"].size(), 2U);
   EXPECT_EQ(shown["items"][0]["name"], "a");
-  EXPECT_EQ(shown["items"][0]["facts"], json({{"size", "1"}, {"at.rack", "7"}}));
+  EXPECT_EQ(shown["items"][0]["facts"], json({{"size", 1}, {"at.rack", "7"}}));
   EXPECT_EQ(shown["items"][1]["facts"], json::object());
   writeText(m_service / "items", "{\"a\": 1,\n\"a\": 2}");
   Outcome const refused = run({"put", "web1", "disks", "--items", m_service / "items"});
@@ -112,7 +112,7 @@ TEST_F(TqdiscoctlScriptsTest, itemsAreAnInventory)
   EXPECT_EQ(inventory["osid_debian"]["hosts"], json({"web1", "web2"}));
   EXPECT_EQ(inventory["role_web_server"]["hosts"], json::array({"web1"}));
   EXPECT_EQ(inventory["_meta"]["hostvars"]["web1"]["tessarine"],
-            json({{"disks", {{"sda", {{"size", "1"}}}, {"sdb", {{"size", "2"}}}}},
+            json({{"disks", {{"sda", {{"size", 1}}}, {"sdb", {{"size", 2}}}}},
                   {"host", {{"OsId", "debian"}, {"Role", "web server"}}}}));
   json const grouped = json::parse(run({"items", "--ansible", "--group-by", "size"}).output);
   EXPECT_EQ(grouped["size_2"]["hosts"], json::array({"web1"}));

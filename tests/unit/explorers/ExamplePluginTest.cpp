@@ -57,6 +57,6 @@ TEST(ExamplePlugin, takesAPlaceOfItsOwnBesideTheDefaultExplorers)
   reinterpret_cast<void (*)(DiscoveryRepository*)>(dlsym(library, "RegisterExplorers"))(
       &repository);
   registerInto(repository);
-  EXPECT_EQ(5U, repository.getPushExplorers()->size());
+  EXPECT_EQ(9U, repository.getPushExplorers()->size());
   EXPECT_EQ(1U, repository.getPullExplorers()->size());
 }
