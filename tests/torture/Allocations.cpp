@@ -199,18 +199,10 @@ int main(int argc, char** argv)
   }
   try
   {
-    auto const start = std::chrono::steady_clock::now();
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     FaultReport report(words->examples);
     MemoryCampaign(*words, report).play();
-    report.print();
-    std::printf("\n%ld pieces refused, %ld broken, %.0f s, seed %u\n", report.faults(),
-                report.broken(),
-                std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(),
-                words->options.seed);
-    if (report.faults() == 0)
-      return 2;
-    return report.broken() == 0 ? 0 : 1;
+    return report.finish("pieces refused", words->options.seed);
   }
   catch (std::exception const& exception)
   {

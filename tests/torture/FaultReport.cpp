@@ -46,6 +46,17 @@ void FaultReport::print() const
   }
 }
 
+int FaultReport::finish(char const* counted, unsigned seed) const
+{
+  print();
+  std::chrono::duration<double> const took = std::chrono::steady_clock::now() - m_start;
+  std::printf("\n%ld %s, %ld broken, %.0f s, seed %u\n", faults(), counted, broken(), took.count(),
+              seed);
+  if (faults() == 0)
+    return 2;
+  return broken() == 0 ? 0 : 1;
+}
+
 long FaultReport::faults() const
 {
   long sum = 0;

@@ -4,6 +4,7 @@
 
 #include "tests/torture/FaultPlan.h"
 
+#include <chrono>
 #include <cstdio>
 #include <map>
 #include <string>
@@ -23,11 +24,16 @@ public:
   // The call was not made this time.
   void missed(std::string const& operation) { ++m_counts[operation].missed; }
 
-  void print() const;
+  // Prints it all, and what was counted in how long since the report was begun. The exit
+  // code of the campaign: 0 when nothing broke, 1 when something did, 2 when nothing was
+  // tried.
+  int finish(char const* counted, unsigned seed) const;
   long faults() const;
   long broken() const;
 
 private:
+  void print() const;
+
   struct Count
   {
     long faults = 0;
@@ -39,6 +45,7 @@ private:
   std::map<std::string, std::vector<std::string>> m_broken; // by operation and flaw: the faults
   std::map<std::string, long> m_shown;
   long m_examples;
+  std::chrono::steady_clock::time_point const m_start = std::chrono::steady_clock::now();
 };
 
 } // namespace tqtorture

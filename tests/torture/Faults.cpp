@@ -10,7 +10,6 @@
 #include "tests/torture/FaultedLibrary.h"
 #include "tests/torture/FaultedService.h"
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -71,20 +70,13 @@ int main(int argc, char** argv)
   }
   try
   {
-    auto const start = std::chrono::steady_clock::now();
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     FaultReport report(words->examples);
     if (words->service)
       faultService(words->options, report);
     else
       faultLibrary(words->options, report);
-    report.print();
-    std::printf("\n%ld faults, %ld broken, %.0f s, seed %u\n", report.faults(), report.broken(),
-                std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(),
-                words->options.seed);
-    if (report.faults() == 0)
-      return 2;
-    return report.broken() == 0 ? 0 : 1;
+    return report.finish("faults", words->options.seed);
   }
   catch (std::exception const& exception)
   {
