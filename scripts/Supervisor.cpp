@@ -79,6 +79,18 @@ bool becomeUser(SupervisorPlan const& plan) noexcept
          syscall(SYS_setresuid, plan.user, plan.user, plan.user) == 0;
 }
 
+// By the system's call: the C library's keeps two signals to itself, and a parent that ignored
+// them hands that on.
+void handleSignalsByDefault() noexcept
+{
+  constexpr unsigned long BY_DEFAULT[8] = {}; // the kernel's structure, whatever its order
+  for (int signal = 1; signal < NSIG; ++signal)
+    syscall(SYS_rt_sigaction, signal, BY_DEFAULT, nullptr, (NSIG - 1) / 8);
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
 [[noreturn]] void becomeScript(SupervisorPlan const& plan, pid_t supervisor) noexcept
 {
   setpgid(0, 0);
@@ -101,15 +113,7 @@ bool becomeUser(SupervisorPlan const& plan) noexcept
     report(SupervisorReport::NoDirectory, errno);
     _exit(127);
   }
-  for (int signal = 1; signal < NSIG; ++signal)
-  {
-    struct sigaction action = {};
-    action.sa_handler = SIG_DFL;
-    sigaction(signal, &action, nullptr);
-  }
-  sigset_t none;
-  sigemptyset(&none);
-  sigprocmask(SIG_SETMASK, &none, nullptr);
+  handleSignalsByDefault();
   struct stat status = {};
   if (lstat(plan.path, &status) != 0 || status.st_dev != plan.device || status.st_ino != plan.inode)
     report(SupervisorReport::Replaced, 0);
