@@ -264,7 +264,7 @@ bool readAnywhere(Record const& record, bool query, Read read)
     return true;
   if (record.restored())
     return announcement->type != AT_REMOTEPULL &&
-           read(elsewhere(record, masterAs(announcement->type)), query);
+           read(elsewhere(record, masterAs(record, announcement->type)), query);
   return query && read(record.open(), true);
 }
 
@@ -360,6 +360,7 @@ AutoDereference<OzfQuery> describe(Record const& record)
   Selection selection;
   selection.subject = record.subject;
   selection.filterData = true;
+  selection.master = record.source->master;
   std::vector<Record> records;
   std::size_t described = 0;
   std::vector<std::string> authorities{record.authority};

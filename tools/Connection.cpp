@@ -1,6 +1,5 @@
 #include "tools/Connection.h"
 
-#include "discovery/Researcher.h"
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ConfigurationKeys.h"
 #include "ozf/config/HostAddresses.h"
@@ -212,11 +211,6 @@ Connection::~Connection()
 {
   m_clock.stop();
   m_service = Remote::DiscoveryService::_nil();
-  if (m_research)
-    deinitDiscoveryResearch();
-  setOrb(nullptr);
-  if (m_orb)
-    m_orb->shutdown();
 }
 
 int Connection::chooseMaster()
@@ -249,12 +243,6 @@ int Connection::chooseMaster()
     }
     m_master = *server;
   }
-  // The protocol's own pages hold eight bytes, or nine records, and its writes 1,024.
-  for (auto const& [key, value] : {std::pair{configKey("COLLECTION_PAGE_SIZE").name, "65536"},
-                                   {configKey("COLLECTION_WRITE_SIZE").name, "65536"},
-                                   {configKey("DISCOVERY_PAGE_SIZE").name, "500"}})
-    if (getConfiguration()->find(key) == nullptr)
-      overrideConfiguration(key, value);
   m_place = placeOf(m_master);
   return EXIT_DONE;
 }
@@ -270,21 +258,12 @@ int Connection::prepare()
   if (int const result = chooseMaster(); result != EXIT_DONE)
     return result;
 
-  if (std::string error; !setUpTls(error))
+  if (std::string error; !m_research.start("tqdiscoctl", error))
   {
     complain(error);
     return EXIT_FAILED;
   }
-  m_orb = std::make_unique<Orb>(0, "", "tqdiscoctl", 1, 64);
-  if (!m_orb->init() || m_orb->run(0) != 0)
-  {
-    complain("cannot start the communication; --verbose shows why");
-    return EXIT_FAILED;
-  }
   startClock();
-  setOrb(m_orb.get());
-  initDiscoveryResearch();
-  m_research = true;
   return EXIT_DONE;
 }
 
@@ -314,7 +293,7 @@ Remote::DiscoveryService_ptr Connection::connect(std::string const& host)
   {
     OzfHostname name;
     name.setHostname(host);
-    CORBA::Object_var const object = m_orb->resolveObject(
+    CORBA::Object_var const object = m_research.orb()->resolveObject(
         name, DISCOVERY_SERVICE, DISCOVERY_SERVICE, ACE_Time_Value(m_options.call()));
     Remote::DiscoveryService_var service = Remote::DiscoveryService::_narrow(object);
     if (!CORBA::is_nil(service))

@@ -3,14 +3,13 @@
 #pragma once
 
 #include "ozf/base/OzfHostname.h"
-#include "ozf/orb/Orb.h"
 #include "tools/ExitCodes.h"
+#include "tools/Research.h"
 
 #include <DiscoveryServiceC.h>
 
 #include <chrono>
 #include <condition_variable>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -117,7 +116,7 @@ public:
   // The time of the command: it runs from open on. A command that waits for
   // nobody stops it, and starts it anew for what comes next.
   void stopClock() { m_clock.stop(); }
-  void startClock() { m_clock.start(m_options, m_place, *m_orb); }
+  void startClock() { m_clock.start(m_options, m_place, *m_research.orb()); }
   TimeLimit const& clock() const noexcept { return m_clock; }
 
   // Whether the master's service still answers. Blocks for the time-out at
@@ -148,9 +147,8 @@ private:
   ConnectionOptions const& m_options;
   std::string m_master; // its name
   std::string m_place;
-  std::unique_ptr<Quillon::Tessarine::Ozf::Orb> m_orb;
-  TimeLimit m_clock; // stopped before the ORB goes
-  bool m_research = false;
+  Research m_research;
+  TimeLimit m_clock;      // stopped before the ORB goes
   bool m_refused = false; // by the service that was to be connected to last
   Quillon::Tessarine::Ozf::DiscoverySvc::Remote::DiscoveryService_var m_service;
   mutable std::string m_lost; // why it does not answer any more

@@ -3,7 +3,7 @@
 #include "discovery/FilterDescription.h"
 #include "tools/Output.h"
 
-#include <iostream>
+#include <ostream>
 
 namespace tqdiscoctl
 {
@@ -86,15 +86,15 @@ void CollectionPrinter::item(Record const& record, Item const& item)
     if (m_facts.size() < MOST_NAMES && attributeOf(description, name) != nullptr)
       m_facts.insert(name);
   std::size_t const depth = m_array ? 6 : 4;
-  std::cout << (m_items++ == 0 ? "\n" : ",\n") << std::string(depth, ' ')
-            << jsonText(toJson(item, description, m_asList), 2, depth);
+  m_os << (m_items++ == 0 ? "\n" : ",\n") << std::string(depth, ' ')
+       << jsonText(toJson(item, description, m_asList), 2, depth);
 }
 
 void CollectionPrinter::end(Record const& record, Collection const& collection)
 {
   begin(record);
   std::size_t const depth = m_array ? 4 : 2;
-  std::cout << (m_items == 0 ? "" : '\n' + std::string(depth, ' ')) << "],\n";
+  m_os << (m_items == 0 ? "" : '\n' + std::string(depth, ' ')) << "],\n";
   nlohmann::json schema = nlohmann::json::object();
   for (std::string const& name : m_facts)
     if (auto const* const attribute = attributeOf(m_descriptions.of(record), name))
@@ -107,7 +107,7 @@ void CollectionPrinter::end(Record const& record, Collection const& collection)
   member("schema", schema, ",");
   member("attributes", attributes, ",");
   member("complete", collection.complete);
-  std::cout << std::string(depth - 2, ' ') << '}' << (m_array ? "" : "\n");
+  m_os << std::string(depth - 2, ' ') << '}' << (m_array ? "" : "\n");
   m_open = false;
   m_items = 0;
   m_facts.clear();
@@ -116,7 +116,7 @@ void CollectionPrinter::end(Record const& record, Collection const& collection)
 void CollectionPrinter::finish()
 {
   if (m_array)
-    std::cout << (m_collections == 0 ? "[]\n" : "\n]\n");
+    m_os << (m_collections == 0 ? "[]\n" : "\n]\n");
 }
 
 void CollectionPrinter::begin(Record const& record)
@@ -125,20 +125,20 @@ void CollectionPrinter::begin(Record const& record)
     return;
   m_open = true;
   if (m_array)
-    std::cout << (m_collections == 0 ? "[\n  " : ",\n  ");
+    m_os << (m_collections == 0 ? "[\n  " : ",\n  ");
   ++m_collections;
-  std::cout << "{\n";
+  m_os << "{\n";
   nlohmann::json const members = toJson(record);
   for (auto const& [name, value] : members.items())
     member(name.c_str(), value, ",");
-  std::cout << std::string(m_array ? 4 : 2, ' ') << "\"items\": [";
+  m_os << std::string(m_array ? 4 : 2, ' ') << "\"items\": [";
 }
 
 void CollectionPrinter::member(char const* name, nlohmann::json const& value, char const* behind)
 {
   std::size_t const depth = m_array ? 4 : 2;
-  std::cout << std::string(depth, ' ') << '"' << name << "\": " << jsonText(value, 2, depth)
-            << behind << '\n';
+  m_os << std::string(depth, ' ') << '"' << name << "\": " << jsonText(value, 2, depth) << behind
+       << '\n';
 }
 
 } // namespace tqdiscoctl

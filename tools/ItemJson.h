@@ -4,6 +4,7 @@
 
 #include "tools/Collections.h"
 
+#include <iosfwd>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -39,8 +40,11 @@ nlohmann::json toJson(Item const& item, Quillon::Tessarine::Ozf::OzfQuery const&
 class CollectionPrinter
 {
 public:
-  // array: in one document; else each would be a document of its own.
-  CollectionPrinter(bool array, bool asList) : m_array(array), m_asList(asList) {}
+  // array: in one document; else each would be a document of its own. os must outlive it.
+  CollectionPrinter(std::ostream& os, bool array, bool asList)
+      : m_os(os), m_array(array), m_asList(asList)
+  {
+  }
 
   void item(Record const& record, Item const& item);
 
@@ -56,6 +60,7 @@ private:
   void begin(Record const& record);
   void member(char const* name, nlohmann::json const& value, char const* behind = "");
 
+  std::ostream& m_os;
   bool const m_array;
   bool const m_asList;
   Descriptions m_descriptions;

@@ -118,7 +118,9 @@ class ItemsOutput
 {
 public:
   explicit ItemsOutput(ItemsOptions const& options)
-      : m_options(options), m_order(parseOrder(options.sort)), m_printer(true, options.factList)
+      : m_options(options),
+        m_order(parseOrder(options.sort)),
+        m_printer(std::cout, true, options.factList)
   {
   }
 

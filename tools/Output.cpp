@@ -91,9 +91,20 @@ void remark(std::string const& text)
   std::cerr << wrapped(shown(text), terminalWidth(STDERR_FILENO)) << '\n';
 }
 
+namespace
+{
+
+std::function<void(std::string const&)> theTeller;
+
+} // namespace
+
+void setTeller(std::function<void(std::string const&)> teller) { theTeller = std::move(teller); }
+
 void tell(std::string const& message)
 {
-  if (Quillon::Tessarine::Ozf::LoggerFactory::getLevel() >= 1)
+  if (theTeller)
+    theTeller(message);
+  else if (Quillon::Tessarine::Ozf::LoggerFactory::getLevel() >= 1)
     complain(message);
 }
 

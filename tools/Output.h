@@ -7,6 +7,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <functional>
 #include <initializer_list>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -50,8 +51,10 @@ std::string jsonText(nlohmann::json const& value, int indent, std::size_t depth 
 // below it. Each is one line, whatever of somebody else's is in it.
 void complain(std::string const& message, std::initializer_list<std::string> more = {});
 
-// The same for what only those want to know who gave --verbose.
+// The same for what only those want to know who gave --verbose; or as a program with a log
+// of its own wants it, which says so before there are threads.
 void tell(std::string const& message);
+void setTeller(std::function<void(std::string const&)> teller);
 
 // A line on standard error that is no complaint, fitted likewise.
 void remark(std::string const& text);

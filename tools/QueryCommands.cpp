@@ -2,6 +2,7 @@
 
 #include "tools/Commands.h"
 #include "tools/Format.h"
+#include "tools/Hosts.h"
 #include "tools/Output.h"
 #include "tools/ReaderGone.h"
 #include "tools/Records.h"
@@ -76,19 +77,11 @@ int query(QueryOptions const& options, Session const& session)
   return withMissing(result, EXIT_NOTHING);
 }
 
-struct Host
-{
-  std::size_t discoveries = 0;
-  std::set<std::string> authorities;
-  OzfObjTime latest; // zero when all is on demand
-  OzfObjTime firstExpiry;
-};
-
-std::string join(std::set<std::string> const& words)
+std::string join(std::set<std::string_view> const& words)
 {
   std::string text;
-  for (std::string const& word : words)
-    text += (text.empty() ? "" : ", ") + word;
+  for (std::string_view const word : words)
+    text.append(text.empty() ? "" : ", ").append(word);
   return text;
 }
 
@@ -103,26 +96,13 @@ int hosts(QueryOptions const& options, Session const& session)
 
   std::map<std::string, Host> found;
   for (Record const& record : records)
-  {
-    Host& host = found[record.subject];
-    ++host.discoveries;
-    host.authorities.insert(record.authority);
-    if (record.onDemand())
-      continue;
-    host.latest = std::max(host.latest, record.discovered);
-    host.firstExpiry =
-        host.firstExpiry.isZero() ? record.expires : std::min(host.firstExpiry, record.expires);
-  }
+    found[record.subject].add(record);
 
   if (options.json)
   {
     JsonArray all;
     for (auto const& [name, host] : found)
-      all.add({{"host", name},
-               {"discoveries", host.discoveries},
-               {"authorities", host.authorities},
-               {"latestTime", timeOrNull(host.latest)},
-               {"firstExpiresTime", timeOrNull(host.firstExpiry)}});
+      all.add(toJson(name, host));
   }
   else if (!found.empty())
   {

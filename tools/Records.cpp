@@ -3,6 +3,7 @@
 #include "discovery/DiscoveryRepository.h"
 #include "discovery/PullExplorerCache.h"
 #include "discovery/RemoteDB.h"
+#include "discovery/RemoteDBDrain.h"
 #include "discovery/RemoteDBWire.h"
 #include "ozf/base/Wildcard.h"
 #include "ozf/config/HostRole.h"
@@ -111,7 +112,7 @@ private:
     if (!m_source || m_source->host != wire.sourceHost.in() ||
         m_source->service != wire.sourceServiceName.in())
       m_source = std::make_shared<Record::Source const>(
-          Record::Source{wire.sourceHost.in(), wire.sourceServiceName.in()});
+          Record::Source{wire.sourceHost.in(), wire.sourceServiceName.in(), m_selection.master});
     return m_source;
   }
 
@@ -121,20 +122,29 @@ private:
   std::shared_ptr<Record::Source const> m_source; // of the last record
 };
 
+// Of a master as selections name it.
+OzfHostname hostOf(std::string const& master)
+{
+  OzfHostname host;
+  if (master.empty())
+    getDiscoveryRepository().getMasterServerName(host);
+  else
+    host.setHostname(master);
+  return host;
+}
+
 // The master's iterator; absent, after a line for those who ask for one, when it
 // cannot be had.
-std::unique_ptr<RemoteIterator> queryMaster(DiscoveryQuery kind, AuthorityType type,
-                                            std::string const& subject,
-                                            std::string const& authority)
+std::unique_ptr<RemoteIterator> queryMaster(Selection const& selection, AuthorityType type)
 {
-  OzfHostname master;
-  getDiscoveryRepository().getMasterServerName(master);
+  OzfHostname const master = hostOf(selection.master);
   Remote::DiscoveryService_var const service =
       getDiscoveryRepository().connectToRemoteDiscoveryService(master, DISCOVERY_SERVICE);
   if (CORBA::is_nil(service))
     return nullptr;
   Remote::DiscoveryIterator_var iterator =
-      service->queryDiscoveries(kind, type, subject.c_str(), authority.c_str());
+      service->queryDiscoveries(selection.filterData ? DQ_FILTER_DATA : DQ_DISCOVERY_DATA, type,
+                                selection.subject.c_str(), selection.authority.c_str());
   if (!CORBA::is_nil(iterator))
   {
     auto held = std::make_unique<RemoteIterator>(iterator._retn());
@@ -151,13 +161,18 @@ int fetch(Selection const& selection, AuthorityType type, Listing& listing, std:
   reason = NOT_QUERIED;
   try
   {
-    auto const iterator = queryMaster(selection.filterData ? DQ_FILTER_DATA : DQ_DISCOVERY_DATA,
-                                      type, selection.subject, selection.authority);
+    auto const iterator = queryMaster(selection, type);
     if (!iterator)
       return EXIT_FAILED;
     // Page by page: whatever comes, one page is held besides what is kept.
-    for (;;)
+    DrainLimit const limit = DrainLimit::forAnswer();
+    for (std::size_t calls = 0;; ++calls)
     {
+      if (limit.exceeded(calls))
+      {
+        reason = "the list of discoveries comes too slowly, or to no end";
+        return EXIT_FAILED;
+      }
       Remote::DiscoverySeq_var page = (*iterator)->getNextPage();
       if (page->length() == 0)
         return EXIT_DONE;
@@ -315,6 +330,7 @@ std::optional<Announcement> announcementOf(Record const& record)
   selection.subject = record.subject;
   selection.authority = record.authority;
   selection.typeName = formatType(AT_REMOTEPULL);
+  selection.master = record.source->master;
   std::vector<Record> announcements;
   std::string text;
   if (!isListed(queryRecords(selection, announcements, true)) || announcements.size() != 1 ||
@@ -338,11 +354,9 @@ AutoDereference<Discovery> ownCollection(Record const& record, Announcement cons
   return remoteDiscovery(record, place.host, place.service, place.type, DQ_UNDEFINED, {}, true);
 }
 
-Announcement masterAs(AuthorityType type)
+Announcement masterAs(Record const& record, AuthorityType type)
 {
-  OzfHostname master;
-  getDiscoveryRepository().getMasterServerName(master);
-  return {master.exportNarrow(), DISCOVERY_SERVICE, type};
+  return {hostOf(record.source->master).exportNarrow(), DISCOVERY_SERVICE, type};
 }
 
 bool isShadowed(Record const& record, std::vector<Record> const& records)

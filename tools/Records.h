@@ -31,6 +31,7 @@ struct Selection
   std::string typeName; // as the user wrote it, empty for all
   bool filterData = false;
   bool anyType = false; // of filter data, too, when no type is named
+  std::string master;   // the host whose service is asked, empty for the configuration's master
 };
 
 // --subject, --authority, --type and --filter-data.
@@ -55,6 +56,7 @@ struct Record
   {
     std::string host;
     std::string service;
+    std::string master; // that listed it, as Selection has it
   };
   std::shared_ptr<Source const> source;
   // As the service sent them: a request for the collection sends them back.
@@ -131,8 +133,9 @@ elsewhere(Record const& record, Announcement const& place);
 Quillon::Tessarine::Ozf::AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::Discovery>
 ownCollection(Record const& record, Announcement const& place);
 
-// The service that was connected to, for elsewhere.
-Announcement masterAs(Quillon::Tessarine::Ozf::DiscoverySvc::AuthorityType type);
+// The service that listed the record, for elsewhere.
+Announcement masterAs(Record const& record,
+                      Quillon::Tessarine::Ozf::DiscoverySvc::AuthorityType type);
 
 // Whether the service answers for a collection on demand when this one is
 // asked for: it looks at names alone, and of two matches it gives neither. So

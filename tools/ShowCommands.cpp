@@ -146,7 +146,7 @@ std::string foundText(Record const& record, OzfObjTime const& now)
 int showJson(ShowOptions const& options, Connection const& connection, Record const& record,
              OzfQuery const& query)
 {
-  CollectionPrinter printer(false, options.factList);
+  CollectionPrinter printer(std::cout, false, options.factList);
   Collection const collection =
       readCollection(record, query, [&](Item const& item) { printer.item(record, item); });
   QueryAnswer answer;

@@ -36,6 +36,12 @@ std::map<std::string, Rooms> const& mayInclude()
     rooms.insert("scripts");
     return rooms;
   }();
+  static Rooms const withTools = []
+  {
+    Rooms rooms = library;
+    rooms.insert("tools");
+    return rooms;
+  }();
   static std::map<std::string, Rooms> const table = {
       {"ozf/base", {}},
       {"ozf/sync", {"ozf/base"}},
@@ -50,9 +56,21 @@ std::map<std::string, Rooms> const& mayInclude()
       {"explorers", withScripts},
       {"host", allOfOzf},
       {"tools", withScripts},
+      {"web", withTools},
       {"examples", library},
   };
   return table;
+}
+
+// What other rooms may include of tools: what reads discoveries and writes them as JSON.
+// The rest is a command's, which ends its process and writes to a terminal.
+bool isForOthers(std::string const& header)
+{
+  static std::set<std::string> const headers = {
+      "tools/Collections.h", "tools/ExitCodes.h", "tools/FactTypes.h",
+      "tools/Format.h",      "tools/Hosts.h",     "tools/ItemJson.h",
+      "tools/Output.h",      "tools/Records.h",   "tools/Research.h"};
+  return headers.contains(header);
 }
 
 std::string roomOf(fs::path const& relative)
@@ -153,6 +171,8 @@ std::vector<std::string> offences(fs::path const& path, std::string const& room,
       complain("quoted includes name a room and a file of it");
     else if (wanted != room && !allowed->second.contains(wanted))
       complain(room + " must not include " + wanted);
+    else if (wanted == "tools" && wanted != room && !isForOthers(name))
+      complain("this is for commands alone");
     return found;
   }
   if (mayInclude().contains(roomOf(fs::path(name))))
@@ -213,12 +233,15 @@ TEST(Layers, TheRulesSeeAnUpwardInclude)
   EXPECT_TRUE(broken("discovery", "#include <ozf/log/Logger.h>"));
   EXPECT_TRUE(broken("discovery", R"(#include "DiscData.h")"));
   EXPECT_TRUE(broken("discovery", R"(#include "tests/support/TempDir.h")"));
+  EXPECT_TRUE(broken("web", R"(#include "tools/Connection.h")"));
+  EXPECT_TRUE(broken("tools", R"(#include "web/Answer.h")"));
   EXPECT_TRUE(broken("attic", R"(#include "ozf/log/Logger.h")"));
 
   EXPECT_FALSE(broken("ozf/log", R"(#include "ozf/base/Report.h")"));
   EXPECT_FALSE(broken("ozf/orb", "#include <omniORB4/CORBA.h>"));
   EXPECT_FALSE(broken("discovery", R"(#include "ozf/orb/Orb.h")"));
   EXPECT_FALSE(broken("discovery", "#include <DiscoveryTypesC.h>"));
+  EXPECT_FALSE(broken("web", R"(#include "tools/Records.h")"));
   EXPECT_FALSE(broken("discovery", R"(// #include "explorers/Host.h")"));
 }
 
