@@ -73,13 +73,13 @@ install(FILES idl/DiscoveryTypes.idl idl/DiscoveryService.idl
 
 # Every document, for operators as well as for developers; with the development
 # files alone come the documents that the headers refer to, and what they show.
-file(GLOB TQ_DOCUMENTS CONFIGURE_DEPENDS docs/*.md)
+file(GLOB TQ_DOCUMENTS CONFIGURE_DEPENDS docs/*.md docs/*.png)
 install(FILES ${TQ_DOCUMENTS} SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES docs/collection-data.md docs/payload.md docs/query-language.md
               docs/writing-an-explorer.md
         DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Development)
 install(DIRECTORY docs/example-plugin DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Development)
-install(DIRECTORY examples/scripts DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
+install(DIRECTORY examples/scripts examples/api DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
         USE_SOURCE_PERMISSIONS)
 install(DIRECTORY examples/read-discoveries DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
         COMPONENT Development)

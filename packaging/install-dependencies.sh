@@ -10,6 +10,10 @@ libcli11-dev nlohmann-json3-dev tao-pegtl-dev libmount-dev libudev-dev libsystem
 libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev tcl-combat libfaketime strace iproute2 scdoc gccgo-12 python3
 build-essential debhelper systemd-container procps
 clang-14 libclang-rt-14-dev llvm-14 clang-format-14 clang-tidy-14"
+# The page: its library is fetched with npm, and its tests need a browser. Node and
+# npm may also have come from elsewhere.
+packages="$packages chromium fonts-inter jq curl"
+command -v node >/dev/null && command -v npm >/dev/null || packages="$packages nodejs npm"
 [ "${1:-}" = lint ] && packages="$packages clang-tidy cppcheck"
 [ "${1:-}" = packages ] && packages="$packages lintian"
 [ "${1:-}" = tsan ] && packages="$packages autoconf dpkg-dev make perl python3"

@@ -18,6 +18,9 @@ else
   tar -c --exclude=./build . | tar -x -C "$source"
 fi
 
+# What is fetched for the page is fetched here: the tools below need no network.
+[ -n "$built" ] || packaging/npm-ci.sh "$source/web/page"
+
 cd "$source"
 if ! TQ_BUILT=$built dpkg-buildpackage -us -uc -b >"$target/log" 2>&1; then
   tail -n 40 "$target/log" >&2
