@@ -189,10 +189,11 @@ bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr remote)
       releaseRead(iterator);
       return calls != 0;
     }
-    if (m_cache.size() + page->length() > MAX_SIZE)
+    std::size_t const most = std::min(MAX_SIZE, ReadSize::ofThread());
+    if (m_cache.size() + page->length() > most)
     {
       OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
-              "Collection data from " << m_discovery->sourceHost.in() << " exceeds " << MAX_SIZE
+              "Collection data from " << m_discovery->sourceHost.in() << " exceeds " << most
                                       << " bytes");
       return false;
     }

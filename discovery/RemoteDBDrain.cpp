@@ -4,6 +4,7 @@
 #include "ozf/config/ConfigurationKeys.h"
 
 #include <algorithm>
+#include <limits>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
@@ -12,6 +13,7 @@ namespace
 {
 
 thread_local DrainLimit::TimePoint threadDeadline = DrainLimit::TimePoint::max();
+thread_local std::size_t threadSize = std::numeric_limits<std::size_t>::max();
 
 } // namespace
 
@@ -31,5 +33,14 @@ ReadDeadline::ReadDeadline(std::chrono::seconds most) : m_before(threadDeadline)
 ReadDeadline::~ReadDeadline() { threadDeadline = m_before; }
 
 DrainLimit::TimePoint ReadDeadline::ofThread() noexcept { return threadDeadline; }
+
+ReadSize::ReadSize(std::size_t most) : m_before(threadSize)
+{
+  threadSize = std::min(threadSize, most);
+}
+
+ReadSize::~ReadSize() { threadSize = m_before; }
+
+std::size_t ReadSize::ofThread() noexcept { return threadSize; }
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -78,4 +78,21 @@ private:
   DrainLimit::TimePoint m_before;
 };
 
+// While it lives, payloads that its thread fetches from other hosts may have no more than so
+// many bytes; of nested ones the least holds.
+class TQ_EXPORT ReadSize
+{
+public:
+  explicit ReadSize(std::size_t most);
+  ~ReadSize();
+  ReadSize(ReadSize const&) = delete;
+  ReadSize& operator=(ReadSize const&) = delete;
+
+  // Of the calling thread.
+  static std::size_t ofThread() noexcept;
+
+private:
+  std::size_t m_before;
+};
+
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

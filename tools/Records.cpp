@@ -389,13 +389,16 @@ std::string formatExpiryOf(Record const& record, OzfObjTime const& now)
 
 nlohmann::json toJson(Record const& record)
 {
-  return {{"subject", record.subject},
-          {"authority", record.authority},
-          {"type", static_cast<int>(record.type)},
-          {"typeName", formatType(record.type)},
-          {"onDemand", record.onDemand()},
-          {"discoveryTime", timeOrNull(record.discovered)},
-          {"expiresTime", timeOrNull(record.expires)}};
+  nlohmann::json result = {{"subject", record.subject},
+                           {"authority", record.authority},
+                           {"type", static_cast<int>(record.type)},
+                           {"typeName", formatType(record.type)},
+                           {"onDemand", record.onDemand()},
+                           {"discoveryTime", timeOrNull(record.discovered)},
+                           {"expiresTime", timeOrNull(record.expires)}};
+  if (record.source && !record.source->master.empty())
+    result["master"] = record.source->master;
+  return result;
 }
 
 void complainNothing(Selection const& selection)

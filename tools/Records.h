@@ -147,6 +147,7 @@ bool isShadowed(Record const& record, std::vector<Record> const& records);
 std::string formatAgeOf(Record const& record, Quillon::Tessarine::Ozf::OzfObjTime const& now);
 std::string formatExpiryOf(Record const& record, Quillon::Tessarine::Ozf::OzfObjTime const& now);
 
+// With the master where the selection named one.
 nlohmann::json toJson(Record const& record);
 
 // "nothing matches ...", with what to try next.

@@ -3,6 +3,7 @@
 #include "ozf/config/ConfigurationKeys.h"
 #include "ozf/config/ConfigurationValues.h"
 #include "ozf/config/IpAddress.h"
+#include "ozf/config/ListenPlace.h"
 #include "ozf/config/PeerList.h"
 
 #include <algorithm>
@@ -85,6 +86,8 @@ bool isAccepted(ConfigurationKey const& key, std::string const& value)
     return PeerList::mistakeIn(value).empty();
   case KeyKind::CHOICE:
     return std::ranges::count(wordsOf(key.choices), value) != 0;
+  case KeyKind::LISTEN:
+    return ListenPlace::fromText(value).has_value();
   }
   return false;
 }
@@ -117,6 +120,9 @@ std::string acceptedBy(ConfigurationKey const& key)
     return PEER_LIST_ENTRIES;
   case KeyKind::CHOICE:
     return listed(wordsOf(key.choices));
+  case KeyKind::LISTEN:
+    return "an address with a port, as 127.0.0.1:27580 or [::1]:27580, or the absolute path of a "
+           "socket, of 107 bytes at most";
   }
   return {};
 }

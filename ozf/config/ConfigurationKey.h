@@ -25,8 +25,9 @@ enum class KeyKind
   PATH, // an absolute one
   LOG_FILE,
   LOG_PATTERN,
-  PEERS, // entries of a list of peers
-  CHOICE // one of a few words
+  PEERS,  // entries of a list of peers
+  CHOICE, // one of a few words
+  LISTEN  // where to listen: an address and a port, or a socket's path
 };
 
 enum class KeyUse

@@ -565,6 +565,7 @@ ParsedQuery parseQuery(std::string_view text)
   catch (pegtl::parse_error const& mistake)
   {
     auto const& position = mistake.positions().front();
+    parsed.mistake = {position.line, position.column};
     parsed.result = builder.tooDeep ? OzfQuery::QUERY_TOO_DEEP : OzfQuery::QUERY_SYNTAX;
     parsed.error = "line " + std::to_string(position.line) + ", column " +
                    std::to_string(position.column) + ": " + std::string(mistake.message());

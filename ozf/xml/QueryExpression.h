@@ -86,7 +86,8 @@ OZF_EXPORT std::vector<QueryName> namesIn(QueryNode const& node);
 struct ParsedQuery
 {
   int result = 0;
-  std::string error; // "line 1, column 8: expected a value"
+  std::string error;                 // "line 1, column 8: expected a value"
+  std::optional<QueryPlace> mistake; // of the error, where it has one
   QueryNode expression;
 };
 OZF_EXPORT ParsedQuery parseQuery(std::string_view text);

@@ -1,0 +1,201 @@
+#include "web/KeptList.h"
+
+#include "tools/Hosts.h"
+#include "tools/Output.h"
+
+#include <algorithm>
+#include <cmath>
+#include <tuple>
+
+namespace Web
+{
+
+using namespace tqdiscoctl;
+using Quillon::Tessarine::Ozf::OzfObjTime;
+
+namespace
+{
+
+auto keyOf(Record const& record)
+{
+  return std::tuple<std::string const&, std::string const&, int, bool>(
+      record.subject, record.authority, static_cast<int>(record.type), record.onDemand());
+}
+
+void summarize(MasterList& list)
+{
+  HostSilence silence;
+  for (Record const& record : *list.records)
+    silence.add(record);
+  list.hosts = 0;
+  list.silentHosts = 0;
+  list.oldest = {};
+  auto const end = list.records->end();
+  for (auto at = list.records->begin(); at != end;)
+  {
+    auto const next =
+        std::find_if(at, end, [at](Record const& each) { return each.subject != at->subject; });
+    ++list.hosts;
+    list.silentHosts += silence.contains(at->subject) ? 1 : 0;
+    OzfObjTime latest;
+    for (; at != next; ++at)
+      latest = std::max(latest, at->discovered);
+    if (!latest.isZero())
+      list.oldest = list.oldest.isZero() ? latest : std::min(list.oldest, latest);
+  }
+}
+
+} // namespace
+
+bool isBefore(Record const& a, Record const& b) { return keyOf(a) < keyOf(b); }
+
+nlohmann::json toJson(MasterList const& list)
+{
+  constexpr char const* STATES[] = {"starting", "up", "away"};
+  bool const isListed = !list.listed.isZero();
+  return {{"master", list.master},
+          {"state", STATES[list.state]},
+          {"since", timeOrNull(list.since)},
+          {"reason", list.reason.empty() ? nlohmann::json() : nlohmann::json(list.reason)},
+          {"complete", list.complete},
+          {"listTime", timeOrNull(list.listed)},
+          {"listMilliseconds", isListed ? std::lround(list.listSeconds * 1000) : 0},
+          {"listInterval", list.interval},
+          {"hosts", list.hosts},
+          {"silentHosts", list.silentHosts},
+          {"discoveries", list.records->size()},
+          {"oldestTime", timeOrNull(list.oldest)}};
+}
+
+bool KeptList::Look::anyListed() const
+{
+  return std::any_of(masters.begin(), masters.end(),
+                     [](MasterList const& each) { return !each.listed.isZero(); });
+}
+
+KeptList::KeptList(std::vector<std::string> const& masters, EventLog& events) : m_events(events)
+{
+  auto look = std::make_shared<Look>();
+  look->generation = 1;
+  for (std::string const& master : masters)
+  {
+    MasterList list;
+    list.master = master;
+    list.since = OzfObjTime::now();
+    look->masters.push_back(std::move(list));
+  }
+  m_look = std::move(look);
+}
+
+std::shared_ptr<KeptList::Look const> KeptList::look() const
+{
+  std::lock_guard const guard(m_mutex);
+  return m_look;
+}
+
+void KeptList::replace(std::size_t master, MasterList list, bool newRecords)
+{
+  auto next = std::make_shared<Look>(*look());
+  bool const newState = next->masters[master].state != list.state;
+  next->masters[master] = std::move(list);
+  next->generation += newRecords ? 1 : 0;
+  {
+    std::lock_guard const guard(m_mutex);
+    m_look = next;
+  }
+  if (newState)
+    m_events.add("state", jsonText(toJson(next->masters[master]), -1));
+}
+
+// Whoever listens learns of a change when it can be asked for already.
+void KeptList::update(std::size_t master, Records records, bool complete, double seconds)
+{
+  std::lock_guard const updating(m_updating);
+  MasterList list = look()->masters[master];
+  auto const before = list.records;
+  std::sort(records.begin(), records.end(), isBefore);
+  if (!complete)
+  {
+    Records all;
+    std::set_union(std::make_move_iterator(records.begin()), std::make_move_iterator(records.end()),
+                   before->begin(), before->end(), std::back_inserter(all), isBefore);
+    records = std::move(all);
+  }
+  bool const isFirst = list.listed.isZero();
+  bool const isNew =
+      isFirst || !std::equal(before->begin(), before->end(), records.begin(), records.end(),
+                             [](Record const& a, Record const& b) {
+                               return keyOf(a) == keyOf(b) && a.discovered == b.discovered &&
+                                      a.expires == b.expires;
+                             });
+  if (isNew)
+  {
+    records.shrink_to_fit();
+    list.records = std::make_shared<Records const>(std::move(records));
+    summarize(list);
+  }
+  auto const after = list.records;
+  auto const now = OzfObjTime::now();
+  if (list.state != MasterList::UP)
+    list.since = now;
+  list.state = MasterList::UP;
+  list.reason.clear();
+  list.complete = complete;
+  list.listed = now;
+  list.listSeconds = seconds;
+  replace(master, std::move(list), isNew);
+  if (isFirst || (isNew && !tellChanges(*before, *after)))
+    m_events.reset();
+}
+
+// False when they are more than are remembered, and were not told.
+bool KeptList::tellChanges(Records const& before, Records const& after)
+{
+  struct Change
+  {
+    char const* event;
+    Record const* record;
+  };
+  std::vector<Change> changes;
+  auto old = before.begin();
+  for (auto at = after.begin(); at != after.end() || old != before.end();)
+  {
+    if (changes.size() > EventLog::MOST_EVENTS)
+      return false;
+    if (at == after.end() || (old != before.end() && isBefore(*old, *at)))
+      changes.push_back({"gone", &*old++});
+    else if (old == before.end() || isBefore(*at, *old))
+      changes.push_back({"added", &*at++});
+    else
+    {
+      if (at->discovered != old->discovered)
+        changes.push_back({"changed", &*at});
+      ++at;
+      ++old;
+    }
+  }
+  for (Change const& change : changes)
+    m_events.add(change.event, jsonText(tqdiscoctl::toJson(*change.record), -1));
+  return true;
+}
+
+void KeptList::fail(std::size_t master, std::string const& reason)
+{
+  std::lock_guard const updating(m_updating);
+  MasterList list = look()->masters[master];
+  if (list.state != MasterList::AWAY)
+    list.since = OzfObjTime::now();
+  list.state = MasterList::AWAY;
+  list.reason = reason;
+  replace(master, std::move(list), false);
+}
+
+void KeptList::setInterval(std::size_t master, double seconds)
+{
+  std::lock_guard const updating(m_updating);
+  MasterList list = look()->masters[master];
+  list.interval = seconds;
+  replace(master, std::move(list), false);
+}
+
+} // namespace Web

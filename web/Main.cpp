@@ -1,0 +1,181 @@
+// tqdiscoweb: the gateway to the discoveries for browsers and programs without CORBA.
+
+#include "ozf/base/Display.h"
+#include "ozf/config/Configuration.h"
+#include "ozf/config/ProductRoot.h"
+#include "ozf/orb/Orb.h"
+#include "ozf/xml/XmlDocumentInterface.h"
+#include "tools/Output.h"
+#include "tools/Research.h"
+#include "web/HttpServer.h"
+#include "web/ListPolling.h"
+#include "web/Options.h"
+#include "web/WebLog.h"
+
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <exception>
+#include <pthread.h>
+#include <string>
+#include <sys/stat.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+#include <vector>
+
+namespace
+{
+
+using namespace Web;
+using namespace Quillon::Tessarine::Ozf;
+
+constexpr char SOURCE[] = "Main";
+
+sigset_t takenSignals()
+{
+  sigset_t set;
+  sigemptyset(&set);
+  for (int const signal : {SIGTERM, SIGINT, SIGHUP})
+    sigaddset(&set, signal);
+  return set;
+}
+
+int checkConfiguration()
+{
+  auto const configuration = Configuration::read(getConfigurationPath());
+  auto problems = configuration.check();
+  Settings::from(configuration, problems);
+  for (auto const& problem : problems)
+    std::fprintf(stderr, "%s\n", onOneLine(problem.text()).c_str());
+  if (!problems.empty())
+    return EXIT_USAGE;
+  for (auto const& path : configuration.files())
+    std::printf("%s: no mistakes\n", onOneLine(path).c_str());
+  return EXIT_ORDERLY;
+}
+
+int failStart(std::string const& reason)
+{
+  OZF_LOG(getWebLogger(), 1, SOURCE, "main", reason);
+  std::fprintf(stderr, "tqdiscoweb: %s\n", onOneLine(reason).c_str());
+  sd_notify(0, ("STATUS=Start failed: " + onOneLine(reason)).c_str());
+  return EXIT_START_FAILED;
+}
+
+void setUpLog(Options const& options)
+{
+  if (options.debug)
+    LoggerFactory::setLevel(6);
+  else
+    setUpWebLog(Configuration::read(getConfigurationPath()), options.logLevel);
+}
+
+// A number that no process before had, so that clients know whose events they have met.
+std::string epochOfEvents()
+{
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  char text[32];
+  std::snprintf(text, sizeof text, "%llx%05x", static_cast<unsigned long long>(now.tv_sec),
+                static_cast<unsigned>(now.tv_nsec) >> 12U);
+  return text;
+}
+
+std::string placeOf(Settings const& settings)
+{
+  if (!settings.listen.path.empty())
+    return settings.listen.path;
+  std::string const& address = settings.listen.address;
+  return (settings.certificate.empty() ? "http://" : "https://") +
+         (address.find(':') == std::string::npos ? address : '[' + address + ']') + ':' +
+         std::to_string(settings.listen.port) + '/';
+}
+
+// Until a signal says that it is enough.
+void serve(Options const& options)
+{
+  sigset_t const set = takenSignals();
+  for (;;)
+  {
+    int signal = 0;
+    if (sigwait(&set, &signal) != 0)
+      continue;
+    if (signal == SIGHUP)
+    {
+      setUpLog(options);
+      OZF_LOG(getWebLogger(), 1, SOURCE, "main", "Set the log up anew");
+      continue;
+    }
+    OZF_LOG(getWebLogger(), 1, SOURCE, "main", "Stopping, took " << strsignal(signal));
+    sd_notify(0, "STOPPING=1\nSTATUS=Stopping");
+    return;
+  }
+}
+
+int run(Options const& options)
+{
+  umask(027);
+  initializeXml();
+  setUpLog(options);
+  tqdiscoctl::setTeller([](std::string const& text)
+                        { OZF_LOG(getWebLogger(), 4, SOURCE, "main", text); });
+  auto const configuration = getConfiguration();
+  std::vector<ConfigurationProblem> problems;
+  Settings const settings = Settings::from(*configuration, problems);
+  if (!problems.empty())
+    return failStart(problems.front().text());
+  StaticFiles page;
+  if (std::string error; !page.read(options.page, error))
+    OZF_LOG(getWebLogger(), 1, SOURCE, "main", "There is no page, only the API: " << error);
+
+  tqdiscoctl::Research research;
+  if (std::string error; !research.start("tqdiscoweb", error))
+    return failStart(error);
+  constexpr long LONGEST_CALL = 10; // seconds
+  research.orb()->setRequestTimeout(ACE_Time_Value(LONGEST_CALL));
+
+  EventLog events(epochOfEvents());
+  KeptList list(settings.masters, events);
+  ListAnswers lists(list, settings.kept);
+  ReadAnswers reads(list, {settings.payload, settings.kept});
+  Router const router(lists, reads, page);
+  EventStreams streams(events, list, settings.eventStreams);
+  HttpServer server(settings, router, streams);
+  ListPolling polling(list, {settings.interval, settings.share});
+  if (std::string error; !server.start(error))
+    return failStart(error);
+  polling.start();
+  std::string const place = placeOf(settings);
+  OZF_LOG(getWebLogger(), 1, SOURCE, "main", "Started, version " TQ_VERSION ", at " << place);
+  sd_notify(0, ("READY=1\nSTATUS=Serving at " + onOneLine(place)).c_str());
+  serve(options);
+  server.stop();
+  OZF_LOG(getWebLogger(), 1, SOURCE, "main", "Stopped");
+  return EXIT_ORDERLY;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+  // First of all: whoever starts a program may stop it at once.
+  sigset_t const set = takenSignals();
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  std::signal(SIGPIPE, SIG_IGN);
+  try
+  {
+    Options options;
+    int exitCode = EXIT_ORDERLY;
+    if (!parseOptions(argc, argv, options, exitCode))
+      return exitCode;
+    exitCode = options.checkConfiguration ? checkConfiguration() : run(options);
+    LoggerFactory::flush();
+    return exitCode;
+  }
+  catch (std::exception const& exception)
+  {
+    std::fprintf(stderr, "tqdiscoweb: %s\n", onOneLine(exception.what()).c_str());
+    return EXIT_START_FAILED;
+  }
+}
