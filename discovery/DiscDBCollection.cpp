@@ -4,6 +4,7 @@
 #include "discovery/DiscDBFlush.h"
 #include "discovery/DiscDBPending.h"
 #include "discovery/DiscoveryLog.h"
+#include "discovery/WriteCounts.h"
 #include "ozf/base/SystemError.h"
 
 #include <fcntl.h>
@@ -197,6 +198,7 @@ long DBCollectionData::writeCollection(unsigned long len, void const* buf) const
       continue;
     if (count <= 0)
     {
+      getWriteCounts().add(DS_OPEN_FAILED);
       OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
               "Unable to write " << m_path.str() << ": " << errorText(errno));
       return 0;

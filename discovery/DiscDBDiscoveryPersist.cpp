@@ -6,6 +6,7 @@
 #include "discovery/DiscDBFiles.h"
 #include "discovery/DiscDataXml.h"
 #include "discovery/DiscoveryLog.h"
+#include "discovery/WriteCounts.h"
 #include "ozf/base/SystemError.h"
 
 #include <fcntl.h>
@@ -353,10 +354,12 @@ DiscoveryStatus DBDiscovery::open(OpenMode mode, char const* name)
     switch (askForPermission())
     {
     case Answer::NO:
+      getWriteCounts().add(DS_DATA_EXISTS);
       OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
               "Cannot open the db database, data with higher priority already exists.");
       return DS_DATA_EXISTS;
     case Answer::UNKNOWN:
+      getWriteCounts().add(DS_OPEN_FAILED);
       return DS_OPEN_FAILED;
     case Answer::UNREADABLE: // persist asks again, and refuses
     case Answer::YES:
@@ -365,7 +368,11 @@ DiscoveryStatus DBDiscovery::open(OpenMode mode, char const* name)
   }
   OZF_ASSERT(getCollectionData() != nullptr, "getCollectionData()", SOURCE, OPERATION);
   if (getCollectionData()->open(mode, name) == 0)
+  {
+    if (mode == OM_UPDATE)
+      getWriteCounts().add(DS_OPEN_FAILED);
     return DS_OPEN_FAILED;
+  }
   m_persistFailed = false;
   return DS_SUCCESS;
 }
@@ -386,6 +393,7 @@ DiscoveryStatus DBDiscovery::persist()
   OZF_ASSERT(data != nullptr, "collection", SOURCE, PERSIST);
 
   DiscoveryStatus status = DS_OPEN_FAILED;
+  TimedWrite const timed(status);
   try
   {
     OzfPathname const path = pathOf(&DBDiscovery::generateMetabaseFileName);

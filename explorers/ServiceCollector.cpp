@@ -1,7 +1,9 @@
 #include "explorers/ServiceCollector.h"
 
 #include "discovery/ExplorerRemotePull.h"
+#include "discovery/OpenWriters.h"
 #include "ozf/config/Configuration.h"
+#include "ozf/orb/Orb.h"
 #include "ozf/tls/CurrentTls.h"
 
 #include <filesystem>
@@ -31,6 +33,15 @@ ExplorerState stateOf(ExplorerWrapper const& entry, bool pull)
           entry.getPriority(), entry.lastRun()};
 }
 
+std::optional<ServiceLoad> loadOf(DiscoveryRepository const& repository)
+{
+  Orb* const orb = repository.findOrb();
+  if (orb == nullptr)
+    return std::nullopt;
+  return ServiceLoad{connectionCounts(), orb->getEvictor().size(), Remote::getOpenWriters().size(),
+                     getWriteCounts().seen()};
+}
+
 } // namespace
 
 ServiceState collectService(DiscoveryRepository const& repository, std::string const& directory,
@@ -46,6 +57,7 @@ ServiceState collectService(DiscoveryRepository const& repository, std::string c
   for (std::string const& key : keysThatWait())
     state.awaitsRestart += (state.awaitsRestart.empty() ? "" : ", ") + key;
   state.limits = getLimits().met();
+  state.load = loadOf(repository);
   auto const push = repository.getPushExplorers();
   for (auto const& entry : *push)
     state.explorers.push_back(stateOf(*entry, false));

@@ -3,9 +3,11 @@
 #pragma once
 
 #include "discovery/DiscoveryRepository.h"
+#include "discovery/WriteCounts.h"
 #include "explorers/Machines.h"
 #include "ozf/base/OzfObjTime.h"
 #include "ozf/config/Limits.h"
+#include "ozf/orb/ConnectionCounts.h"
 
 #include <cstdint>
 #include <optional>
@@ -24,6 +26,15 @@ struct ExplorerState
   ExplorerWrapper::Run lastRun;
 };
 
+// What the service serves, and how its writes went.
+struct ServiceLoad
+{
+  ConnectionCounts connections;
+  std::uint64_t iterators = 0; // that callers have open
+  std::uint64_t writers = 0;
+  WriteCounts::Seen writes;
+};
+
 struct ServiceState
 {
   bool master = false;
@@ -33,6 +44,7 @@ struct ServiceState
   std::uint64_t announced = 0;         // pull explorers of other hosts
   OzfObjTime certificateEnd;           // zero without TLS
   std::string awaitsRestart;           // keys of the configuration, "ORB_BIND, TLS"
+  std::optional<ServiceLoad> load;     // none where nothing is served
   std::vector<ExplorerState> explorers;
   std::vector<MetLimit> limits; // those that peers met since the start
   std::vector<Clone> clones;    // on the master; collectService leaves them to its caller

@@ -42,7 +42,22 @@ char const* toText(AuthorityType type)
 
 constexpr char KINDS[] = "service, push, pull, limit or clone";
 
-constexpr std::array<Fact<ServiceState>, 8> SERVICE_FACTS = {{
+// Of what is told only where something is served.
+template <std::uint64_t (*NUMBER)(ServiceLoad const&)>
+Value ofLoad(ServiceState const& state)
+{
+  return state.load ? Value(std::to_string(NUMBER(*state.load))) : std::nullopt;
+}
+
+template <std::size_t BOUND>
+std::uint64_t writesWithin(ServiceLoad const& load)
+{
+  return load.writes.within[BOUND];
+}
+
+constexpr char WITHIN[] = "Of those that were timed, how many took no longer than that";
+
+constexpr std::array<Fact<ServiceState>, 23> SERVICE_FACTS = {{
     {"Kind", Type::TEXT, KINDS, [](ServiceState const&) -> Value { return SERVICE; }},
     {"Role", Type::TEXT, "master or client",
      [](ServiceState const& state) -> Value { return state.master ? "master" : "client"; }},
@@ -58,7 +73,41 @@ constexpr std::array<Fact<ServiceState>, 8> SERVICE_FACTS = {{
      [](ServiceState const& state) -> Value { return toText(state.certificateEnd); }},
     {"AwaitsRestart", Type::TEXT, "Keys of the configuration whose changes wait for a restart",
      [](ServiceState const& state) -> Value { return known(state.awaitsRestart); }},
+    {"Connections", Type::NUMBER, "The connections that peers have open",
+     ofLoad<[](ServiceLoad const& load) { return load.connections.open; }>},
+    {"ConnectionsTaken", Type::NUMBER, "The connections that were let in since the start",
+     ofLoad<[](ServiceLoad const& load) { return load.connections.taken; }>},
+    {"ConnectionsRefused", Type::NUMBER, "The connections that were not let in since the start",
+     ofLoad<[](ServiceLoad const& load) { return load.connections.refused; }>},
+    {"OpenIterators", Type::NUMBER, "The lists that callers have open",
+     ofLoad<[](ServiceLoad const& load) { return load.iterators; }>},
+    {"OpenWriters", Type::NUMBER, "The discoveries that callers are writing",
+     ofLoad<[](ServiceLoad const& load) { return load.writers; }>},
+    {"WritesStored", Type::NUMBER, "The writes into the database that went well since the start",
+     ofLoad<[](ServiceLoad const& load) { return load.writes.stored; }>},
+    {"WritesOutranked", Type::NUMBER, "Those that met data of higher priority",
+     ofLoad<[](ServiceLoad const& load) { return load.writes.outranked; }>},
+    {"WritesFailed", Type::NUMBER, "Those that failed",
+     ofLoad<[](ServiceLoad const& load) { return load.writes.failed; }>},
+    {"WritesTimed", Type::NUMBER, "Those that got as far as to be persisted",
+     ofLoad<[](ServiceLoad const& load) { return load.writes.timed; }>},
+    {"WriteTime", Type::NUMBER, "How long these took together", ofLoad<[](ServiceLoad const& load) {
+       return static_cast<std::uint64_t>(load.writes.time.count());
+     }>,
+     "microseconds"},
+    {"WritesWithin1ms", Type::NUMBER, WITHIN, ofLoad<writesWithin<0>>},
+    {"WritesWithin10ms", Type::NUMBER, WITHIN, ofLoad<writesWithin<1>>},
+    {"WritesWithin100ms", Type::NUMBER, WITHIN, ofLoad<writesWithin<2>>},
+    {"WritesWithin1s", Type::NUMBER, WITHIN, ofLoad<writesWithin<3>>},
+    {"WritesWithin10s", Type::NUMBER, WITHIN, ofLoad<writesWithin<4>>},
 }};
+
+// They have the bounds in their names.
+static_assert(WriteCounts::BOUNDS == std::array<WriteCounts::Duration, 5>{
+                                         std::chrono::milliseconds(1),
+                                         std::chrono::milliseconds(10),
+                                         std::chrono::milliseconds(100), std::chrono::seconds(1),
+                                         std::chrono::seconds(10)});
 
 constexpr std::array<Fact<ExplorerState>, 5> EXPLORER_FACTS = {{
     {"Kind", Type::TEXT, KINDS,

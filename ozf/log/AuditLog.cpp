@@ -34,6 +34,7 @@ constexpr std::size_t MOST_PEERS = 1024;
 
 std::atomic<bool> on{false};
 std::atomic<std::uint64_t> lostRecords{0};
+std::atomic<std::uint64_t> connectionsRefused{0};
 
 // Of one peer.
 struct Refusals
@@ -278,6 +279,7 @@ void AuditLog::reportLeftOut() noexcept
 
 void AuditLog::refuseConnection(std::string const& peer, std::string_view reason) noexcept
 {
+  connectionsRefused.fetch_add(1, std::memory_order_relaxed);
   try
   {
     AuditRecord record;
@@ -291,6 +293,11 @@ void AuditLog::refuseConnection(std::string const& peer, std::string_view reason
   {
     noteLost(); // for want of memory
   }
+}
+
+std::uint64_t AuditLog::refusedConnections() noexcept
+{
+  return connectionsRefused.load(std::memory_order_relaxed);
 }
 
 std::uint64_t AuditLog::lost() noexcept { return lostRecords.load(std::memory_order_relaxed); }

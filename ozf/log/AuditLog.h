@@ -56,6 +56,9 @@ public:
   // That a connection from the numeric address was not let in, and why.
   static void refuseConnection(std::string const& peer, std::string_view reason) noexcept;
 
+  // How many that were since the process began, whether or not records go anywhere.
+  static std::uint64_t refusedConnections() noexcept;
+
   // Has written what is due about refusals that were left out, and does not wait for
   // it. A process that may be silent for long calls it now and then.
   static void reportLeftOut() noexcept;

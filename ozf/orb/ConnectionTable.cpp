@@ -79,6 +79,12 @@ std::size_t ConnectionTable::size() const noexcept
   return m_open.size();
 }
 
+std::uint64_t ConnectionTable::taken() const noexcept
+{
+  std::lock_guard guard(m_mutex);
+  return m_last; // they are numbered
+}
+
 void ConnectionTable::observe(Observer const& observer)
 {
   std::lock_guard guard(m_mutex);

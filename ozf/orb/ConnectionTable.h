@@ -38,6 +38,9 @@ public:
   bool isOpen(ConnectionNumber connection) const noexcept;
   std::size_t size() const noexcept;
 
+  // How many were taken in since the process began.
+  std::uint64_t taken() const noexcept;
+
   void observe(std::shared_ptr<ConnectionObserver::Gone> const& observer);
   void leave(std::shared_ptr<ConnectionObserver::Gone> const& observer) noexcept;
 

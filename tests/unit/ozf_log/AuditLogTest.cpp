@@ -100,6 +100,16 @@ TEST_F(AuditLogTest, WithoutAFileThereAreNoRecords)
   EXPECT_EQ(AuditLog::lost(), 0u);
 }
 
+TEST_F(AuditLogTest, RefusedConnectionsAreCountedWithAndWithoutAFile)
+{
+  AuditLog::refuseConnection("192.0.2.1", "there are too many");
+  EXPECT_EQ(AuditLog::refusedConnections(), 1u);
+  AuditLog::setFile(path);
+  for (std::uint64_t i = 0; i < AuditLog::REFUSALS_A_MINUTE + 5; ++i)
+    AuditLog::refuseConnection("192.0.2.1", "there are too many");
+  EXPECT_EQ(AuditLog::refusedConnections(), AuditLog::REFUSALS_A_MINUTE + 6);
+}
+
 TEST_F(AuditLogTest, NothingThatIsInARecordBreaksItsLine)
 {
   AuditLog::setFile(path);

@@ -1,4 +1,5 @@
 #include "ozf/base/SystemError.h"
+#include "ozf/orb/ConnectionCounts.h"
 #include "ozf/orb/Peer.h"
 #include "tests/support/LogCapture.h"
 #include "tests/unit/ozf_orb/ServingProcess.h"
@@ -215,6 +216,22 @@ TEST_F(PeerTest, aConnectionThatGoesIsToldOf)
   EXPECT_TRUE(isConnectionOpen(second));
   EXPECT_FALSE(isConnectionOpen(0));
   EXPECT_FALSE(isConnectionOpen(first + second + 1000));
+}
+
+TEST_F(PeerTest, connectionsAreCounted)
+{
+  EXPECT_EQ(connectionCounts().taken, 0U);
+  ASSERT_NE(numberIn(m_first.ask("x")), 0U);
+  ASSERT_NE(numberIn(m_second.ask("x")), 0U);
+  EXPECT_EQ(connectionCounts().taken, 2U);
+  EXPECT_EQ(connectionCounts().open, 2U);
+  m_first.end();
+  auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (connectionCounts().open != 1 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_EQ(connectionCounts().open, 1U);
+  EXPECT_EQ(connectionCounts().taken, 2U);
+  EXPECT_EQ(connectionCounts().refused, 0U);
 }
 
 TEST_F(PeerTest, whatAnObserverThrowsIsLoggedAndTheOthersAreTold)
