@@ -74,7 +74,7 @@ install(FILES idl/DiscoveryTypes.idl idl/DiscoveryService.idl
 # Every document, for operators as well as for developers; with the development
 # files alone come the documents that the headers refer to, and what they show.
 file(GLOB TQ_DOCUMENTS CONFIGURE_DEPENDS docs/*.md docs/*.png)
-install(FILES ${TQ_DOCUMENTS} SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES ${TQ_DOCUMENTS} docs/alerts.yml SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES docs/collection-data.md docs/payload.md docs/query-language.md
               docs/writing-an-explorer.md
         DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Development)

@@ -31,5 +31,7 @@ void addPutCommand(CLI::App& application, Session& session);          // put
 void addControlCommands(CLI::App& application, Session& session);     // push, stop
 void addExplorerTestCommand(CLI::App& application, Session& session); // explorer test
 void addStatusCommand(CLI::App& application, Session& session);       // status
+void addMetricsCommand(CLI::App& application, Session& session);      // metrics
+void addReportCommand(CLI::App& application, Session& session);       // report
 
 } // namespace tqdiscoctl

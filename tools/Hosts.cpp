@@ -28,13 +28,23 @@ nlohmann::json toJson(std::string const& name, Host const& host)
           {"firstExpiresTime", timeOrNull(host.firstExpiry)}};
 }
 
+bool isFromExplorer(Record const& record)
+{
+  return record.type == AT_TQUCLIENT || record.onDemand();
+}
+
+bool isFromService(Record const& record)
+{
+  return record.type == AT_TQUCLIENT && record.authority == SERVICE_AUTHORITY;
+}
+
 void HostSilence::add(Record const& record)
 {
-  if (record.type != AT_TQUCLIENT && !record.onDemand())
+  if (!isFromExplorer(record))
     return;
   int& seen = m_seen[record.subject];
   seen |= IS_HOST;
-  if (record.type == AT_TQUCLIENT && record.authority == SERVICE_AUTHORITY)
+  if (isFromService(record))
   {
     seen |= TELLS;
     m_anyTells = true;

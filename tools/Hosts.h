@@ -29,9 +29,14 @@ nlohmann::json toJson(std::string const& name, Host const& host);
 // The authority under which each service tells of itself.
 inline constexpr char SERVICE_AUTHORITY[] = "service";
 
+// Whether an explorer has told of the host: what was put in may be about anything.
+bool isFromExplorer(Record const& record);
+
+// Whether the host's service tells of itself in it.
+bool isFromService(Record const& record);
+
 // Hosts whose explorers have told something while their service tells nothing of itself
-// any more. What was put in may be about anything. Where no service tells of itself,
-// none is missed.
+// any more. Where no service tells of itself, none is missed.
 class HostSilence
 {
 public:

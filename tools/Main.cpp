@@ -69,6 +69,8 @@ int main(int argc, char** argv)
   addShowCommands(application, session);
   addItemsCommand(application, session);
   addWatchCommand(application, session);
+  addMetricsCommand(application, session);
+  addReportCommand(application, session);
   addPutCommand(application, session);
   addControlCommands(application, session);
   addExplorerTestCommand(application, session);

@@ -1,26 +1,22 @@
 // status: is the service up, and what do the services tell of themselves?
 
 #include "tools/AnnouncingHost.h"
-#include "tools/Collections.h"
 #include "tools/Commands.h"
+#include "tools/Fleet.h"
 #include "tools/Format.h"
 #include "tools/ItemJson.h"
 #include "tools/Output.h"
 #include "tools/ReaderGone.h"
+#include "tools/ServiceStates.h"
 #include "tools/Table.h"
 #include "tools/TypeNames.h"
 
-#include "ozf/base/MetadataConverter.h"
-
 #include <CLI/CLI.hpp>
 
-#include <algorithm>
 #include <chrono>
 #include <iostream>
-#include <map>
 #include <memory>
 #include <set>
-#include <string_view>
 #include <unistd.h>
 
 namespace tqdiscoctl
@@ -32,181 +28,11 @@ using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
 namespace
 {
 
-// The authority of the discovery that a service makes of itself, and its facts.
-constexpr char AUTHORITY[] = "service";
-constexpr char SERVICE_KIND[] = "service";
-constexpr char LIMIT_KIND[] = "limit";
-constexpr char CLONE_KIND[] = "clone";
-
-// What services tell, and what they do not, is kept until all is known: each up
-// to so many bytes.
-constexpr std::size_t MOST_HELD = std::size_t(64) << 20;
-
-// The results of explorers that are in order.
-constexpr char const* WELL[] = {"-", "success", "none found", "data of higher priority exists",
-                                "not run"};
-
 struct StatusOptions
 {
   bool details = false;
   bool json = false;
 };
-
-struct ServiceState
-{
-  Record record;
-  Item service;
-  std::vector<Item> explorers;
-  std::vector<Item> limits; // that peers met
-  std::vector<Item> clones; // names under which several machines report
-  bool complete = false;
-};
-
-// By name; with the time of the latest discovery about the host, zero when all
-// are on demand.
-using SilentHosts = std::map<std::string, OzfObjTime>;
-
-std::string fact(Item const& item, char const* name)
-{
-  std::string const* const value = item.find(name);
-  return value == nullptr ? "-" : shown(*value);
-}
-
-OzfObjTime timeOf(Item const& item, char const* name)
-{
-  OzfObjTime time;
-  if (std::string const* const value = item.find(name))
-    MetadataConverter::convert(*value, time, false);
-  return time;
-}
-
-bool hasFailed(Item const& explorer)
-{
-  std::string const result = fact(explorer, "LastResult");
-  return std::find(std::begin(WELL), std::end(WELL), result) == std::end(WELL);
-}
-
-std::size_t countFailed(ServiceState const& state)
-{
-  std::size_t count = 0;
-  for (Item const& explorer : state.explorers)
-    count += hasFailed(explorer) ? 1 : 0;
-  return count;
-}
-
-int readStates(Connection const& connection, std::vector<ServiceState>& states)
-{
-  Selection selection;
-  selection.authority = AUTHORITY;
-  selection.typeName = formatType(AT_TQUCLIENT);
-  std::vector<Record> records;
-  int const result = queryRecords(selection, records);
-  if (!isListed(result))
-    return result;
-  Progress progress("Reading what the services tell");
-  std::size_t held = 0;
-  for (Record const& record : records)
-  {
-    bool const full = held > MOST_HELD;
-    if (full || connection.clock().nearlyOver())
-    {
-      progress.clear();
-      complain((full ? "this is more than one status takes: what " : "out of time: what ") +
-               counted(records.size() - states.size(), "service tells", "services tell") +
-               " was not read" + (full ? "" : "; --timeout allows more"));
-      for (std::size_t i = states.size(); i < records.size(); ++i)
-        states.push_back({records[i], {}, {}, {}, {}, false});
-      return EXIT_PARTLY;
-    }
-    progress.update(std::to_string(states.size()) + " of " + std::to_string(records.size()));
-    ServiceState state{record, {}, {}, {}, {}, false};
-    state.complete = readCollection(record, OzfQuery(),
-                                    [&](Item item)
-                                    {
-                                      held += sizeOf(item);
-                                      if (held > MOST_HELD)
-                                        return;
-                                      if (fact(item, "Kind") == SERVICE_KIND)
-                                        state.service = std::move(item);
-                                      else if (fact(item, "Kind") == LIMIT_KIND)
-                                        state.limits.push_back(std::move(item));
-                                      else if (fact(item, "Kind") == CLONE_KIND)
-                                        state.clones.push_back(std::move(item));
-                                      else
-                                        state.explorers.push_back(std::move(item));
-                                    })
-                         .complete &&
-                     held <= MOST_HELD;
-    states.push_back(std::move(state));
-  }
-  return result;
-}
-
-// What the service lists, as far as the status needs it.
-class Listed
-{
-public:
-  // The hosts whose explorers have told something while their service tells
-  // nothing of itself any more. What was put in may be about anything.
-  // Where no service tells of itself, none is missed.
-  SilentHosts silent;
-  std::size_t number = 0;
-  bool full = false; // other hosts may be silent
-
-  explicit Listed(std::vector<ServiceState> const& states)
-  {
-    for (ServiceState const& state : states)
-      m_telling.insert(state.record.subject);
-  }
-
-  void add(Record const& record)
-  {
-    ++number;
-    if (m_telling.empty() || (record.type != AT_TQUCLIENT && !record.onDemand()) ||
-        m_telling.count(record.subject) != 0)
-      return;
-    auto known = silent.find(record.subject);
-    if (known == silent.end())
-    {
-      constexpr std::size_t OVERHEAD = 128;
-      m_bytes += OVERHEAD + record.subject.size();
-      full = full || m_bytes > MOST_HELD;
-      if (full)
-        return;
-      known = silent.emplace(record.subject, OzfObjTime()).first;
-    }
-    known->second = std::max(known->second, record.discovered);
-  }
-
-private:
-  std::set<std::string_view> m_telling;
-  std::size_t m_bytes = 0;
-};
-
-// Takes the hosts away of which nothing is listed but explorers whose announcements
-// were removed: the service goes on with those until it is started anew.
-void dropForgotten(SilentHosts& silent)
-{
-  auto const isOnDemandAlone = [](SilentHosts::value_type const& host)
-  { return host.second.isZero(); };
-  if (std::none_of(silent.begin(), silent.end(), isOnDemandAlone))
-    return;
-  Selection announcements;
-  announcements.typeName = formatType(AT_REMOTEPULL);
-  std::set<std::string> announced;
-  int const listed = visitRecords(
-      announcements,
-      [&](Record const& record)
-      {
-        if (silent.count(record.subject) != 0)
-          announced.insert(record.subject);
-        return true;
-      },
-      true);
-  if (listed == EXIT_DONE)
-    std::erase_if(silent, [&](SilentHosts::value_type const& host)
-                  { return isOnDemandAlone(host) && announced.count(host.first) == 0; });
-}
 
 nlohmann::json toJson(Item const& item, OzfQuery const& description)
 {
@@ -421,10 +247,12 @@ int status(StatusOptions const& options, Session const& session)
     tellAnnouncing(announcing = askAnnouncing(connection.master()), options);
 
   std::vector<ServiceState> states;
-  int const told = readStates(connection, states);
+  int const told = readStates(connection, "*", states);
   if (!isListed(told))
     return connection.conclude(told);
-  Listed all(states);
+  Fleet all(OzfObjTime::now());
+  for (ServiceState const& state : states)
+    all.addTelling(state.record.subject);
   int const listed = visitRecords(
       Selection(),
       [&all](Record const& record)
@@ -436,7 +264,7 @@ int status(StatusOptions const& options, Session const& session)
   if (!isListed(listed))
     return connection.conclude(listed);
 
-  SilentHosts& silent = all.silent;
+  SilentHosts silent = all.silent();
   dropForgotten(silent);
   std::size_t failed = 0;
   bool complete = true; // what was found
@@ -454,7 +282,7 @@ int status(StatusOptions const& options, Session const& session)
       services.push_back(toJson(state, descriptions.of(state.record)));
     printJson({{"service", connection.place()},
                {"milliseconds", answered},
-               {"discoveries", all.number},
+               {"discoveries", all.discoveries()},
                {"services", std::move(services)},
                {"announcement", toJson(announcing)},
                {"silent", toJson(silent)}});
@@ -464,7 +292,7 @@ int status(StatusOptions const& options, Session const& session)
     std::size_t const width = terminalWidth(STDOUT_FILENO);
     std::cout << wrapped(connection.place() + " is up: it answered after " +
                              std::to_string(answered) + " ms and lists " +
-                             counted(all.number, "discovery", "discoveries") + ".",
+                             counted(all.discoveries(), "discovery", "discoveries") + ".",
                          width)
               << '\n';
     if (states.empty())
@@ -490,7 +318,7 @@ int status(StatusOptions const& options, Session const& session)
              " silent: something is known of each, but its service has not told of itself for "
              "more than a minute. Is tqdisco running there? What is left of a host that was taken "
              "away goes with \"tqdiscoctl db forget HOST\" on the master.");
-  if (all.full)
+  if (all.full())
     complain("more hosts are silent than one status takes; the others are not listed");
   complainOfCertificates(states, OzfObjTime::now());
   complainOfRestarts(states);
@@ -498,7 +326,7 @@ int status(StatusOptions const& options, Session const& session)
   if (failed != 0)
     complain(counted(failed, "explorer has", "explorers have") +
              " failed at the last run; the log of the host's service tells why");
-  bool const whole = listed == EXIT_DONE && told == EXIT_DONE && !all.full;
+  bool const whole = listed == EXIT_DONE && told == EXIT_DONE && !all.full();
   return connection.conclude(whole && failed == 0 && complete && silent.empty() ? EXIT_DONE
                                                                                 : EXIT_PARTLY);
 }

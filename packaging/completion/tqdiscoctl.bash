@@ -33,7 +33,7 @@ _tqdiscoctl()
   local everywhere="-m --master --timeout --tls --tls-certificate --tls-key --tls-ca -v --verbose"
   everywhere+=" -h --help"
   local selection="-s --subject -a --authority -t --type --filter-data"
-  local commands="status query hosts show items filters watch put push stop db tls"
+  local commands="status query hosts show items filters watch metrics report put push stop db tls"
   local program=${COMP_WORDS[0]} command="" dbcommand="" word value options i at names=0
   local -a master=() chosen=()
 
@@ -43,7 +43,7 @@ _tqdiscoctl()
     case $word in
       -m | --master | --timeout | --tls | --tls-certificate | --tls-key | --tls-ca | -d | --directory | -s | --subject | -a | --authority | -t | \
         --type | -w | --where | -c | --columns | --sort | --group-by | --limit | -n | --interval | --looks | \
-        -e | --expires-in | -p | --priority | --host)
+        -e | --expires-in | -p | --priority | --host | --textfile | --html)
         ((++i))
         value=${COMP_WORDS[i]}
         # The shell takes HOST:PORT apart at the colons.
@@ -99,7 +99,7 @@ _tqdiscoctl()
       mapfile -t COMPREPLY < <(compgen -W "off both only" -- "$current")
       return
       ;;
-    --tls-certificate | --tls-key | --tls-ca)
+    --tls-certificate | --tls-key | --tls-ca | --textfile | --html)
       compopt -o filenames
       mapfile -t COMPREPLY < <(compgen -f -- "$current")
       return
@@ -138,6 +138,8 @@ _tqdiscoctl()
       ;;
     filters) options="--json --xml" ;;
     watch) options="$selection -n --interval --looks --heartbeats --json" ;;
+    metrics) options="--textfile --host" ;;
+    report) options="--html" ;;
     put) options="-t --type -e --expires-in -p --priority --filter-data --items --unchecked --json" ;;
     push) options="--all --host --now -a --authority --json" ;;
     stop) options="--host --no-wait --json" ;;

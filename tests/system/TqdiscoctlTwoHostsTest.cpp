@@ -84,6 +84,25 @@ protected:
   std::unique_ptr<Process> m_client;
 };
 
+// A fleet of clients must not ask the master for all of its list every minute.
+TEST_F(TqdiscoctlTwoHostsTest, metricsOfAClientAreThoseOfItsOwnService)
+{
+  Outcome const own =
+      runProgram(TQ_BIN_DIR "/tqdiscoctl", {"metrics"}, {{"TESSARINE_ROOT", m_root.path()}});
+  EXPECT_EQ(own.exitCode, 0) << own.errors;
+  EXPECT_THAT(own.output,
+              AllOf(HasSubstr("\ntqdisco_up 1\n"),
+                    HasSubstr("tqdisco_explorer_failing{explorer=\"host\""),
+                    HasSubstr("tqdisco_start_time_seconds"), Not(HasSubstr("tqdisco_hosts")),
+                    Not(HasSubstr("tqdisco_discoveries"))));
+  Outcome const all = run({"metrics"});
+  EXPECT_EQ(all.exitCode, 0) << all.errors;
+  EXPECT_THAT(all.output,
+              AllOf(HasSubstr("\ntqdisco_hosts 2\n"), HasSubstr("\ntqdisco_hosts_silent 0\n"),
+                    HasSubstr("type=\"client\"} 2\n")));
+  EXPECT_THAT(run({"metrics", "--host", CLIENT}).output, HasSubstr("tqdisco_start_time_seconds"));
+}
+
 TEST_F(TqdiscoctlTwoHostsTest, bothHostsAreThereAndEachHasItsRole)
 {
   json const status = json::parse(run({"status", "--json"}).output);

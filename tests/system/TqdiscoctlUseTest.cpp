@@ -26,9 +26,10 @@ using Words = std::vector<std::string>;
 using Names = std::set<std::string>;
 
 std::vector<Words> const COMMANDS{
-    {"status"},     {"query"},        {"hosts"},        {"show"}, {"items"},       {"filters"},
-    {"watch"},      {"put"},          {"push"},         {"stop"}, {"db"},          {"db", "list"},
-    {"db", "show"}, {"db", "verify"}, {"db", "forget"}, {"tls"},  {"tls", "check"}};
+    {"status"},       {"query"},        {"hosts"},   {"show"},        {"items"},
+    {"filters"},      {"watch"},        {"metrics"}, {"report"},      {"put"},
+    {"push"},         {"stop"},         {"db"},      {"db", "list"},  {"db", "show"},
+    {"db", "verify"}, {"db", "forget"}, {"tls"},     {"tls", "check"}};
 
 std::string joined(Words const& words)
 {
