@@ -64,7 +64,7 @@ async function scrollThrough(page, step, frames) {
 test("scrolling shows no blank row", async (context) => {
   const page = await openPage(browser, fleet, "#/hosts");
   await usable(page, "hosts");
-  for (const [step, frames] of [[120, 60], [700, 60], [3000, 200]]) {
+  for (const [step, frames] of [[120, 40], [700, 40], [5000, 70]]) {
     const seen = await scrollThrough(page, step, frames);
     context.diagnostic(`${seen.frames} frames by ${step} pixels, ${seen.names} hosts`);
     assert.ok(seen.height >= HOSTS * 30, `all of it is ${seen.height} pixels high`);

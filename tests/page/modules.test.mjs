@@ -1,6 +1,7 @@
 // The modules of the page that do without a browser.
 
 import assert from "node:assert/strict";
+import fs from "node:fs";
 import { test } from "node:test";
 
 import { changesBetween } from "../../web/page/changes.js";
@@ -125,4 +126,17 @@ test("hosts are counted by the age of what they told last", () => {
   assert.equal(bucketOf({ latestTime: null }, now), null);
   assert.deepEqual(byAge([told(1), told(2), told(90000), { latestTime: null }], now)
     .map((one) => one.hosts), [2, 0, 0, 0, 0, 0, 1]);
+});
+
+test("all modules are asked for at once, and nothing of another place", () => {
+  const folder = new URL("../../web/page/", import.meta.url);
+  const index = fs.readFileSync(new URL("index.html", folder), "utf8");
+  const modules = fs.readdirSync(folder).filter((name) => name.endsWith(".js"));
+  const asked = [...index.matchAll(/(?:href|src)="page\/([\w-]+\.js)"/g)].map((match) => match[1]);
+  assert.deepEqual(asked.sort(), modules.sort());
+  for (const name of fs.readdirSync(folder).filter((one) => /\.(js|css|html)$/.test(one))) {
+    const text = fs.readFileSync(new URL(name, folder), "utf8");
+    assert.doesNotMatch(text.replaceAll("http://www.w3.org/2000/svg", ""), /https?:|innerHTML|cssText/,
+      name);
+  }
 });

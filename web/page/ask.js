@@ -10,7 +10,7 @@ import { hostAddress } from "./hosts.js";
 import { indexOf, mistakeRange, tokens, written } from "./query.js";
 import { QueryField } from "./query-field.js";
 import { authorities, known, onHosts } from "./store.js";
-import { createTable } from "./table.js";
+import { createTable, load } from "./table.js";
 
 const MOST = 50000; // items that are kept of an answer
 const DRAWN_EVERY = 400; // milliseconds, while an answer comes
@@ -257,6 +257,7 @@ function valuesOf(items) {
 }
 
 export async function askView(room, { parameters, signal }) {
+  load();
   new AskPage(room, parameters, signal);
   return "Ask";
 }

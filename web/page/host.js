@@ -10,6 +10,7 @@ import { attributesOf } from "./descriptions.js";
 import { aboutOf, collectionFacts, factNode } from "./facts.js";
 import { link } from "./live.js";
 import { payloadView } from "./payload.js";
+import { load } from "./table.js";
 
 // What people look for first comes first.
 const ORDER = ["host", "filesystem", "network", "volume", "listener", "software", "service"];
@@ -24,8 +25,7 @@ const rank = (record) => {
 const keyOf = (record) => `${record.master}/${record.authority}/${record.type}`;
 
 // The announcement of what is produced on demand is answered by the host
-// itself; where both are known one of them is enough, and so is what can be
-// asked for beside what there is.
+// itself; where both are known one of them is enough.
 function worthShowing(records) {
   const data = records.filter((record) => record.typeName !== "remotepull" ||
     !records.some((other) => other !== record && other.authority === record.authority &&
@@ -72,6 +72,7 @@ class HostPage {
     for (const record of this.records) {
       if (!record.onDemand && !this.now.has(keyOf(record))) await this.fetch(record);
     }
+    this.drawTabs();
     this.drawChanges();
   }
 
@@ -131,9 +132,21 @@ class HostPage {
           masters.map((one, index) => [index ? ", " : "", name(one)]))));
   }
 
+  // Whether a record only describes what can be asked of another, which is
+  // offered where questions are asked. Until it is read, that is supposed.
+  isDescription(record) {
+    if (record.typeName !== "external") return false;
+    const of = record.authority.replace(/-filter$/, "");
+    const collection = this.now.get(keyOf(record));
+    return this.records.some((other) => other.authority === of && other !== record &&
+        other.typeName !== "external") &&
+      !(collection?.items?.length || collection?.problem);
+  }
+
   drawTabs() {
     const focused = this.tabs.contains(document.activeElement);
-    this.tabs.replaceChildren(...this.records.map((record) => {
+    const shown = this.records.filter((record) => !this.isDescription(record));
+    this.tabs.replaceChildren(...shown.map((record) => {
       const key = keyOf(record);
       const here = key === this.chosen;
       const plain = record.typeName === "client" && this.summaries.length < 2;
@@ -300,6 +313,7 @@ class HostPage {
 }
 
 export async function hostView(room, { rest, parameters, signal }) {
+  load();
   const subject = rest.join("/");
   room.append(make("h1", {}, name(subject)), make("p", { class: "empty" }, "Fetching …"));
   const page = new HostPage(room, subject, parameters.get("authority"), signal);

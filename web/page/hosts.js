@@ -5,7 +5,7 @@ import { announce, make, name } from "./dom.js";
 import { count, moment } from "./format.js";
 import { link } from "./live.js";
 import { known, onHosts, onProblem } from "./store.js";
-import { createTable } from "./table.js";
+import { createTable, load } from "./table.js";
 import { bucketOf, BUCKETS } from "./reports.js";
 
 export const hostAddress = (host) => `#/host/${encodeURIComponent(host)}`;
@@ -73,6 +73,7 @@ function columnMenu(table) {
 }
 
 export async function hostsView(room, { parameters, signal }) {
+  load();
   const search = make("input", {
     type: "search", placeholder: "Search name or authority", "aria-label": "Search hosts",
     "data-search": true, spellcheck: "false", autocomplete: "off", maxlength: "4096",

@@ -9,8 +9,8 @@ import { compare } from "./format.js";
 
 let library = null;
 
-// Loaded when the first table is wanted: the first view does without.
-function load() {
+// Loaded when a view with tables is opened, beside what will be in them.
+export function load() {
   library ??= import("./vendor/tabulator.js");
   return library;
 }
