@@ -13,7 +13,7 @@ TORTURE_MINUTES ?= 5
 help:
 	@echo "make run    build, start a master on this machine and show what it finds"
 	@echo "make fleet  the same with a fleet of five hosts, to play with"
-	@echo "            both: PORT=... for another port than 27511"
+	@echo "            both: PORT=... for another port than 27511; run: WEB_PORT=... for 27580"
 	@echo "make test   build and run every test, plain, under the sanitizers, and by fuzzing"
 	@echo "make check  what is to be done between two commits: format, house and unit tests"
 	@echo "make bench  build and run the benchmarks, print the table"

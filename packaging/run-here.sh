@@ -1,7 +1,7 @@
 #!/bin/bash
-# Starts a master on loopback with a product root of its own, waits until the
-# explorers have reported, shows what they found on this machine, and serves
-# until Ctrl-C. Usage: run-here.sh <build directory>
+# Starts a master on loopback with a product root of its own, and a gateway with the
+# page; waits until the explorers have reported, shows what they found on this machine,
+# and serves until Ctrl-C. Usage: run-here.sh <build directory>
 set -eu
 
 build=$(cd "$1" && pwd)
@@ -10,13 +10,19 @@ name=$(hostname)
 root=$(mktemp -d "${TMPDIR:-/tmp}/tessarine-XXXXXX")
 export TESSARINE_ROOT=$root
 port=${PORT:-27511}
+web_port=${WEB_PORT:-27580}
 service=
+gateway=
 
 stop()
 {
   # Also when the terminal, or what reads the output, is gone.
   trap '' INT TERM HUP PIPE
   set +e
+  if [ -n "$gateway" ] && kill -0 "$gateway" 2>/dev/null; then
+    kill -TERM "$gateway"
+    wait "$gateway" || true
+  fi
   if [ -n "$service" ] && kill -0 "$service" 2>/dev/null; then
     echo
     echo "Stopping tqdisco ..."
@@ -39,6 +45,8 @@ ORB_BIND = 127.0.0.1
 ORB_PORT.DiscoveryService = $port
 LOG_LEVEL = 1
 LOG_FILE = $root/log/tqdisco.log
+WEB_LISTEN = 127.0.0.1:$web_port
+WEB_LOG_FILE = $root/log/tqdiscoweb.log
 EOF
 
 echo "Starting tqdisco as the master \"$name\" on 127.0.0.1:$port, product root $root"
@@ -61,6 +69,18 @@ if ! { have host && have filesystem; }; then
   exit 1
 fi
 
+"$bin/tqdiscoweb" 2>"$root/log/tqdiscoweb.errors" &
+gateway=$!
+page="The page:  http://127.0.0.1:$web_port/"
+answers() { (exec 3<>"/dev/tcp/127.0.0.1/$web_port") 2>/dev/null; }
+for _ in $(seq 1 50); do
+  if answers || ! kill -0 "$gateway" 2>/dev/null; then break; fi
+  sleep 0.1
+done
+if ! kill -0 "$gateway" 2>/dev/null; then
+  page="There is no page, since tqdiscoweb did not start: $(cat "$root/log/tqdiscoweb.errors")"
+fi
+
 echo
 echo "What the explorers found on this machine:"
 echo
@@ -70,6 +90,8 @@ echo "What is in one of them, subject \"$name\", authority \"host\":"
 echo
 "$bin/tqdiscoctl" show "$name" host
 cat <<EOF
+
+$page
 
 The service goes on exploring. In another terminal:
 
