@@ -14,7 +14,7 @@ let fleet;
 let browser;
 
 before(async () => {
-  fleet = await Fleet.start({ database: fleetOf(HOSTS, { slight: true }) });
+  fleet = await Fleet.start({ database: fleetOf(HOSTS, { slight: true }), patient: true });
   browser = await startBrowser();
 });
 

@@ -141,8 +141,8 @@ test("Host shows facts by authority, what has changed, and the payload as it is"
   assert.match(page.url(), /authority=filesystem/);
   await page.getByRole("heading", { name: /^Nothing has changed since/ }).waitFor();
   const collection = await fleet.get(`discoveries/${subject}/filesystem?type=client`);
-  const items = Object.fromEntries(collection.items.map((item) => [item.name,
-    { ...item.facts, Use: `${Number.parseFloat(item.facts.Use ?? "0")}%` }]));
+  const items = Object.fromEntries(collection.items.map(({ name, facts }) => [name,
+    facts.Use === undefined ? facts : { ...facts, Use: `${facts.Use}%` }]));
   items["/"].Used = 79 * 2 ** 30;
   items["/"].Use = "98%";
   items["/new"] = { MountPoint: "/new", Type: "xfs", Kind: "local" };

@@ -214,16 +214,17 @@ class AskPage {
     const table = await createTable(this.result, {
       label: "Items that match",
       columns: [
-        { field: "subject", title: "Host", width: 170, frozen: true,
+        { field: "subject", title: "Host", frozen: true,
+          width: widthOfNames(this.items.map((item) => item.subject)),
           render: (value) => make("a", { href: `${hostAddress(value)}?${new URLSearchParams({
             authority: this.asked.authority })}`, class: "host-name", tabindex: "-1" }, name(value)) },
         ...(several ? [{ field: "master", title: "Master", width: 120,
           render: (value) => name(value) }] : []),
-        { field: "item", title: "Item", width: widthOfNames(this.items),
+        { field: "item", title: "Item", width: widthOfNames(this.items.map((item) => item.name)),
           render: (value) => name(value) },
         ...facts],
       rows,
-      layout: "fitData",
+      layout: "fitDataFill",
       open: (row) => {
         location.hash = `${hostAddress(row.subject)}?${new URLSearchParams({
           authority: this.asked.authority })}`;

@@ -87,8 +87,8 @@ function widthOf(items, key, about) {
   return Math.round(Math.min(300, Math.max(76, longest * WIDTH + 26 + (about.unit === "%" ? 40 : 0))));
 }
 
-export function widthOfNames(items) {
-  const longest = Math.max(4, ...items.slice(0, 200).map((item) => item.name.length));
+export function widthOfNames(names) {
+  const longest = Math.max(4, ...names.slice(0, 200).map((one) => one.length));
   return Math.min(240, longest * WIDTH + 26);
 }
 
@@ -154,12 +154,12 @@ export function collectionFacts(room, collection, { marked, attributes, signal }
     createTable(holder, {
       label: `Items of ${collection.authority}`,
       columns: [
-        { field: "item", title: "Item", frozen: true, width: widthOfNames(tabled),
+        { field: "item", title: "Item", frozen: true, width: widthOfNames(tabled.map((item) => item.name)),
           render: (value) => name(value, { class: "item-name" }) },
         ...factColumns(tabled, schema, { marked })],
       rows: tabled.map((item, id) => rowOf(item, id, schema)),
       height: tabled.length > MANY ? "min(70vh, 900px)" : false,
-      layout: "fitData",
+      layout: "fitDataFill",
     }).then((table) => {
       if (signal.aborted) table.destroy();
       else signal.addEventListener("abort", () => table.destroy());

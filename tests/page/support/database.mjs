@@ -34,10 +34,10 @@ export function store(directory, { subject, authority, type = CLIENT, age = 10, 
     "</DiscoveryAttributes></DiscoveryData>", { mode: 0o640 });
 }
 
-export function describe(directory, subject, authority, attributes) {
+export function describe(directory, subject, authority, attributes, age = 10) {
   const texts = attributes.map(([name, type, unit, meaning]) =>
     `<Attribute Name="${name}" Type="${type}" Unit="${unit}" Description="${meaning}"/>`);
-  store(directory, { subject, authority, type: EXTERNAL,
+  store(directory, { subject, authority, type: EXTERNAL, age,
     text: '<?xml version="1.0" encoding="UTF-8"?><FilterData><QueryDescription>' +
       `${texts.join("")}</QueryDescription></FilterData>\n` });
 }
@@ -106,7 +106,7 @@ export function fleetOf(count, { slight = false } = {}) {
     for (let number = 0; number < count; number += 1) {
       const subject = hostName(number);
       const silent = number % 23 === 11;
-      const age = silent ? 4000 + number * 37 : (number * 7) % 55;
+      const age = silent ? 1000 + number * 370 : number % 9 === 4 ? number * 5 : (number * 7) % 55;
       if (!silent) {
         store(directory, { subject, authority: "service", age,
           text: payload("service", services(number)) });
@@ -117,9 +117,9 @@ export function fleetOf(count, { slight = false } = {}) {
       store(directory, { subject, authority: "host", age: age + 1200,
         text: payload("host", hostFacts(number)) });
       if (slight) continue;
-      describe(directory, subject, "filesystem", FILESYSTEM);
-      describe(directory, subject, "host", HOST);
-      if (!silent) describe(directory, subject, "service", SERVICE);
+      describe(directory, subject, "filesystem", FILESYSTEM, age + 100);
+      describe(directory, subject, "host", HOST, age + 1200);
+      if (!silent) describe(directory, subject, "service", SERVICE, age);
     }
   };
 }

@@ -40,11 +40,12 @@ export class Fleet {
   #gateway = null;
 
   // `database(directory)` may fill the master's database before it starts;
-  // with `explorers` this machine is looked at, too.
-  static async start({ database = null, explorers = false } = {}) {
+  // with `explorers` this machine is looked at, too. News are looked for more
+  // often than is usual unless `patient`.
+  static async start({ database = null, explorers = false, patient = false } = {}) {
     const fleet = new Fleet();
     try {
-      await fleet.#prepare(database, explorers);
+      await fleet.#prepare(database, explorers, patient);
       await fleet.startMaster();
       await fleet.startGateway();
     } catch (error) {
@@ -54,7 +55,7 @@ export class Fleet {
     return fleet;
   }
 
-  async #prepare(database, explorers) {
+  async #prepare(database, explorers, patient) {
     this.root = fs.mkdtempSync(path.join(os.tmpdir(), "tq-page-"));
     fs.chmodSync(this.root, 0o755);
     for (const folder of ["etc", "lib/plugins", "log"]) {
@@ -76,8 +77,7 @@ ORB_PORT.DiscoveryService = ${this.port}
 LOG_LEVEL = 1
 LOG_FILE = ${this.root}/log/tqdisco.log
 WEB_LISTEN = 127.0.0.1:${this.webPort}
-WEB_LIST_INTERVAL = 1s
-WEB_MASTER_SHARE = 50
+${patient ? "" : "WEB_LIST_INTERVAL = 1s\nWEB_MASTER_SHARE = 50"}
 WEB_LOG_FILE = ${this.root}/log/tqdiscoweb.log
 `, { mode: 0o644 });
     if (database) {
