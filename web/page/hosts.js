@@ -136,7 +136,12 @@ export async function hostsView(room, { parameters, signal }) {
         sort: [{ column: "host", dir: "asc" }],
         empty: "No host matches",
       });
-      const made = await building;
+      const made = await building.catch((error) => {
+        holder.replaceChildren(make("p", { class: "problem", role: "alert" },
+          `The table cannot be shown: ${error.message}`));
+        return null;
+      });
+      if (made === null) return;
       if (signal.aborted) {
         made.destroy();
         return;
