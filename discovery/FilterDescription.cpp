@@ -62,4 +62,25 @@ FilterDescription::FilterDescription(std::string const& authority, std::string c
 
 FilterDescription::~FilterDescription() = default;
 
+OzfQuery* KnownDescriptions::find(std::string const& authority) const
+{
+  auto const found = m_known.find(authority);
+  return found == m_known.end() ? nullptr : found->second.get();
+}
+
+void KnownDescriptions::keep(std::string const& authority, AutoDereference<OzfQuery> description)
+{
+  constexpr std::size_t OVERHEAD = 128;
+  std::size_t size = 0;
+  fitsDescription(OzfQuery(), size, description->attributes());
+  size += OVERHEAD + sizeof(OzfQuery) + authority.size();
+  m_size += size;
+  if (m_size > MOST_DESCRIBED)
+  {
+    m_known.clear();
+    m_size = size;
+  }
+  m_known.insert_or_assign(authority, std::move(description));
+}
+
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

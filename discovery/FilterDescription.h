@@ -3,9 +3,11 @@
 #pragma once
 
 #include "discovery/Export.h"
+#include "ozf/sync/AutoDereference.h"
 #include "ozf/xml/OzfQuery.h"
 
 #include <cstddef>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -38,6 +40,22 @@ public:
 
 private:
   bool m_incomplete = false;
+};
+
+// Descriptions by authority, so that each is asked for once. Where they take more than
+// MOST_DESCRIBED together, those before the last are forgotten. One thread at a time.
+class TQ_EXPORT KnownDescriptions
+{
+public:
+  // Null when it is not known. Good until the next keep.
+  OzfQuery* find(std::string const& authority) const;
+
+  // The description, which has kept to MOST_DESCRIBED by itself.
+  void keep(std::string const& authority, AutoDereference<OzfQuery> description);
+
+private:
+  std::map<std::string, AutoDereference<OzfQuery>> m_known;
+  std::size_t m_size = 0; // bytes, of all that are known
 };
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -5,7 +5,6 @@
 #include "discovery/FilterParameters.h"
 #include "discovery/Researcher.h"
 #include "ozf/base/AsciiCase.h"
-#include "tools/CapturedText.h"
 #include "tools/ExitCodes.h"
 #include "tools/Format.h"
 #include "tools/Output.h"
@@ -22,8 +21,6 @@ using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
 namespace
 {
 
-constexpr std::size_t MOST_OF_FACTS = std::size_t(16) << 20; // bytes, of one item
-
 // Gives one discovery to the research API.
 class OneDiscovery : public virtual DiscoveryIterator
 {
@@ -38,89 +35,6 @@ private:
   AutoDereference<Discovery> m_discovery;
 };
 
-std::size_t sizeOfFact(std::string const& name, std::string const& value)
-{
-  return sizeof(std::pair<std::string, std::string>) + name.size() + value.size();
-}
-
-// The elements that hold only text, as facts. A document is refused that makes
-// more of them than MOST_OF_FACTS: each has the names of all elements around it.
-class FactReader : public XmlDocumentInterface
-{
-public:
-  bool read(std::string const& text) { return parseBuffer("<facts>" + text + "</facts>"); }
-
-  // Whether there is text between elements, which no fact can hold.
-  bool mixed() const noexcept { return m_mixed; }
-  Item::Facts take() noexcept { return std::move(m_facts); }
-
-  int xmlStartElement(XmlObjParseContext* context, XMLCh const* name, AttributeList&) override
-  {
-    noteText(*context);
-    m_path.push_back(OzfString(std::u16string_view(name)).str());
-    m_leaf = true;
-    return 1;
-  }
-
-  int xmlEndElement(XmlObjParseContext* context, XMLCh const*) override
-  {
-    if (m_leaf && m_path.size() > 1)
-      add(joined(), context->text().str());
-    else
-      noteText(*context);
-    context->clearText();
-    m_leaf = false;
-    m_path.pop_back();
-    return 1;
-  }
-
-private:
-  void noteText(XmlObjParseContext& context)
-  {
-    m_mixed = m_mixed || context.text().str().find_first_not_of(" \t\r\n") != std::string::npos;
-    context.clearText();
-  }
-
-  void add(std::string name, std::string value)
-  {
-    m_bytes += sizeOfFact(name, value);
-    if (m_bytes > MOST_OF_FACTS)
-      refuseTooLarge("more than " + formatSize(MOST_OF_FACTS) + " of facts in one item");
-    m_facts.emplace_back(std::move(name), std::move(value));
-  }
-
-  std::string joined() const
-  {
-    std::string text = m_path[1]; // the first is our own
-    for (std::size_t i = 2; i < m_path.size(); ++i)
-      text += '.' + m_path[i];
-    return text;
-  }
-
-  std::vector<std::string> m_path;
-  Item::Facts m_facts;
-  std::size_t m_bytes = 0; // that the facts take
-  bool m_leaf = false;
-  bool m_mixed = false;
-};
-
-// False when there is text between the elements, or no telling them apart, or
-// when they are too much.
-bool readFacts(std::string const& captured, Item::Facts& facts)
-{
-  auto reader = std::make_unique<FactReader>();
-  bool read = reader->read(captured);
-  if (std::string xml; !read && !reader->wasTooLarge() && withoutAttributes(captured, xml))
-  {
-    reader = std::make_unique<FactReader>();
-    read = reader->read(xml);
-  }
-  if (!read || reader->mixed())
-    return false;
-  facts = reader->take();
-  return true;
-}
-
 Item makeItem(DiscoveredItem const& discovered)
 {
   Item item;
@@ -129,13 +43,7 @@ Item makeItem(DiscoveredItem const& discovered)
     item.status = {status->code(), status->severity(), status->text().str()};
   if (TquPolicy const* const policy = discovered.getPolicy())
     item.policy = policy->name().str();
-  AutoDereference<ExplorerData> const data(discovered.getExplorerData());
-  if (!data)
-    return item;
-  std::ostringstream text;
-  data->writeXml(text, XmlStr::UTF_8);
-  if (!readFacts(text.str(), item.facts))
-    item.text = text.str();
+  readItemFacts(discovered, item.facts, item.text);
   return item;
 }
 

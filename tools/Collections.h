@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include "discovery/ItemFacts.h"
 #include "ozf/xml/OzfQuery.h"
 #include "tools/FactTypes.h"
 #include "tools/Records.h"
@@ -11,7 +12,6 @@
 #include <optional>
 #include <set>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace tqdiscoctl
@@ -25,7 +25,7 @@ struct Item
     unsigned severity;
     std::string text;
   };
-  using Facts = std::vector<std::pair<std::string, std::string>>;
+  using Facts = Quillon::Tessarine::Ozf::DiscoverySvc::ItemFacts;
 
   std::string name;
   std::optional<Status> status;

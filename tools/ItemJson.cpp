@@ -1,6 +1,5 @@
 #include "tools/ItemJson.h"
 
-#include "discovery/FilterDescription.h"
 #include "tools/Output.h"
 
 #include <ostream>
@@ -25,21 +24,9 @@ nlohmann::json nullIfEmpty(std::string const& text)
 
 OzfQuery const& Descriptions::of(Record const& record)
 {
-  auto const found = m_known.find(record.authority);
-  if (found != m_known.end())
-    return *found->second;
-  AutoDereference<OzfQuery> description = describe(record);
-  constexpr std::size_t OVERHEAD = 128;
-  std::size_t size = 0; // describe has kept to the limit
-  DiscoverySvc::fitsDescription(OzfQuery(), size, description->attributes());
-  size += OVERHEAD + sizeof(OzfQuery) + record.authority.size();
-  m_size += size;
-  if (m_size > DiscoverySvc::MOST_DESCRIBED)
-  {
-    m_known.clear();
-    m_size = size;
-  }
-  return *m_known.emplace(record.authority, std::move(description)).first->second;
+  if (m_known.find(record.authority) == nullptr)
+    m_known.keep(record.authority, describe(record));
+  return *m_known.find(record.authority);
 }
 
 nlohmann::json factsObject(Item::Facts const& facts, OzfQuery const& description)

@@ -2,10 +2,10 @@
 
 #pragma once
 
+#include "discovery/FilterDescription.h"
 #include "tools/Collections.h"
 
 #include <iosfwd>
-#include <map>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <string>
@@ -14,7 +14,7 @@ namespace tqdiscoctl
 {
 
 // The descriptions of facts, asked for once for each authority, and again where
-// they are more than MOST_DESCRIBED together.
+// they are too many (KnownDescriptions).
 class Descriptions
 {
 public:
@@ -22,9 +22,7 @@ public:
   Quillon::Tessarine::Ozf::OzfQuery const& of(Record const& record);
 
 private:
-  std::map<std::string, Quillon::Tessarine::Ozf::AutoDereference<Quillon::Tessarine::Ozf::OzfQuery>>
-      m_known;
-  std::size_t m_size = 0; // bytes, of all that are known
+  Quillon::Tessarine::Ozf::DiscoverySvc::KnownDescriptions m_known;
 };
 
 // By name, values as valueToJson has them; of a name that repeats an array.

@@ -1,11 +1,12 @@
-// What an explorer wrote of an item, as the research API has captured it.
+// The text that the default parser (DefaultExplorerDataParser.h) makes of what an
+// explorer wrote.
 
 #pragma once
 
 #include <string>
 #include <string_view>
 
-namespace tqdiscoctl
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
 
 // The captured text has the names of attributes in quotes, and their values as
@@ -14,4 +15,4 @@ namespace tqdiscoctl
 // value that has quotes and angle brackets in it.
 bool withoutAttributes(std::string_view captured, std::string& xml);
 
-} // namespace tqdiscoctl
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -1,6 +1,6 @@
-#include "tools/CapturedText.h"
+#include "discovery/CapturedText.h"
 
-namespace tqdiscoctl
+namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
 
 namespace
@@ -80,4 +80,4 @@ bool withoutAttributes(std::string_view captured, std::string& xml)
   return true;
 }
 
-} // namespace tqdiscoctl
+} // namespace Quillon::Tessarine::Ozf::DiscoverySvc
