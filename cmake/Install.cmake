@@ -12,8 +12,10 @@ set(TQ_HEADER_DIR ${CMAKE_INSTALL_INCLUDEDIR}/tessarine)
 set(TQ_PUBLIC_HEADERS
   # readers
   discovery/DefaultExplorerDataParser.h
+  discovery/Discoveries.h
   discovery/FilterDescription.h
   discovery/FilterParameters.h
+  discovery/ItemFacts.h
   discovery/Researcher.h
   discovery/ResearcherItems.h
   # explorers
@@ -24,10 +26,15 @@ set(TQ_PUBLIC_HEADERS
   discovery/DiscoveryRepository.h
   discovery/DiscoveryRepositoryEntries.h
   discovery/Explorer.h
+  discovery/ExplorerFacts.h
+  discovery/ExplorerPayload.h
+  discovery/ExplorerTrial.h
   discovery/Export.h
   discovery/Peers.h
   discovery/Registrations.h
+  discovery/TimedExplorer.h
   # the framework, as far as both need it
+  ozf/base/AsciiCase.h
   ozf/base/CodePage.h
   ozf/base/Export.h
   ozf/base/MetadataConverter.h
@@ -76,12 +83,13 @@ install(FILES idl/DiscoveryTypes.idl idl/DiscoveryService.idl
 file(GLOB TQ_DOCUMENTS CONFIGURE_DEPENDS docs/*.md docs/*.png)
 install(FILES ${TQ_DOCUMENTS} docs/alerts.yml SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES docs/collection-data.md docs/payload.md docs/query-language.md
-              docs/writing-an-explorer.md
+              docs/reading-facts.md docs/writing-an-explorer.md
         DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Development)
 install(DIRECTORY docs/example-plugin DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Development)
 install(DIRECTORY examples/scripts examples/api DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
         USE_SOURCE_PERMISSIONS)
-install(DIRECTORY examples/read-discoveries DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
+install(DIRECTORY examples/read-discoveries examples/full-file-systems
+        DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
         COMPONENT Development)
 
 set(TQ_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/tqdiscovery)

@@ -3,8 +3,8 @@
 #pragma once
 
 #include "explorers/FilesystemCollector.h"
-#include "explorers/Facts.h"
-#include "explorers/TimedExplorer.h"
+#include "discovery/ExplorerFacts.h"
+#include "discovery/TimedExplorer.h"
 #include "ozf/config/ConfigurationKeys.h"
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers

@@ -1,8 +1,7 @@
 #include "explorers/HostExplorer.h"
 
-#include "explorers/FilterDescriptions.h"
+#include "discovery/ExplorerPayload.h"
 #include "explorers/Machines.h"
-#include "explorers/Payload.h"
 #include "ozf/base/MetadataConverter.h"
 
 #include <array>

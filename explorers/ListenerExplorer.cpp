@@ -1,7 +1,6 @@
 #include "explorers/ListenerExplorer.h"
 
-#include "explorers/FilterDescriptions.h"
-#include "explorers/Payload.h"
+#include "discovery/ExplorerPayload.h"
 
 #include <array>
 

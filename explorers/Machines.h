@@ -4,7 +4,7 @@
 
 #pragma once
 
-#include "explorers/Facts.h"
+#include "discovery/ExplorerFacts.h"
 #include "explorers/HostCollector.h"
 
 #include "discovery/DiscoveryRepository.h"

@@ -1,7 +1,6 @@
 #include "explorers/NetworkExplorer.h"
 
-#include "explorers/FilterDescriptions.h"
-#include "explorers/Payload.h"
+#include "discovery/ExplorerPayload.h"
 
 #include <array>
 

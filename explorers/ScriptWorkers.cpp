@@ -1,6 +1,6 @@
 #include "explorers/ScriptWorkers.h"
 
-#include "explorers/FilterDescriptions.h"
+#include "discovery/ExplorerPayload.h"
 #include "scripts/ScriptPayload.h"
 
 #include <exception>

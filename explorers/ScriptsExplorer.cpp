@@ -1,8 +1,8 @@
 #include "explorers/ScriptsExplorer.h"
 
 #include "discovery/DiscoveryLog.h"
-#include "explorers/Payload.h"
-#include "explorers/TimedExplorer.h"
+#include "discovery/ExplorerPayload.h"
+#include "discovery/TimedExplorer.h"
 #include "ozf/base/AsciiCase.h"
 
 #include <algorithm>

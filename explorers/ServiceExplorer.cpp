@@ -1,7 +1,6 @@
 #include "explorers/ServiceExplorer.h"
 
-#include "explorers/FilterDescriptions.h"
-#include "explorers/Payload.h"
+#include "discovery/ExplorerPayload.h"
 #include "ozf/base/MetadataConverter.h"
 
 #include <array>

@@ -2,9 +2,9 @@
 
 #pragma once
 
-#include "explorers/Facts.h"
+#include "discovery/ExplorerFacts.h"
 #include "explorers/SoftwareCollector.h"
-#include "explorers/TimedExplorer.h"
+#include "discovery/TimedExplorer.h"
 #include "ozf/config/ConfigurationKeys.h"
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers

@@ -2,8 +2,7 @@
 
 #include "discovery/DiscoveryLog.h"
 #include "discovery/FilterParameters.h"
-#include "explorers/FilterDescriptions.h"
-#include "explorers/Payload.h"
+#include "discovery/ExplorerPayload.h"
 
 #include <array>
 #include <exception>

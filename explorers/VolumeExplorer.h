@@ -3,7 +3,7 @@
 #pragma once
 
 #include "discovery/Explorer.h"
-#include "explorers/Facts.h"
+#include "discovery/ExplorerFacts.h"
 #include "explorers/VolumeCollector.h"
 
 #include <string>

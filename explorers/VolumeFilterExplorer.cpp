@@ -2,8 +2,7 @@
 
 #include "discovery/FilterDataName.h"
 
-#include "explorers/FilterDescriptions.h"
-#include "explorers/Payload.h"
+#include "discovery/ExplorerPayload.h"
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers
 {

@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include "explorers/TimedExplorer.h"
+#include "discovery/TimedExplorer.h"
 #include "explorers/VolumeExplorer.h"
 #include "ozf/config/ConfigurationKeys.h"
 

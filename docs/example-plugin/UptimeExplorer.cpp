@@ -1,92 +1,60 @@
 // A plug-in with one push explorer: how long the host has been up.
 
-#include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryRepository.h"
-#include "discovery/Explorer.h"
+#include "discovery/ExplorerPayload.h"
+#include "discovery/TimedExplorer.h"
 #include "ozf/base/OzfHostname.h"
-#include "ozf/xml/XmlStr.h"
 
 #include <fstream>
-#include <mutex>
-#include <sstream>
 
 using namespace Quillon::Tessarine::Ozf;
 using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
+using namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers;
 
 namespace
 {
 
-constexpr char SOURCE[] = "UptimeExplorer";
 constexpr char NAME[] = "uptime";
 constexpr PollingInterval INTERVAL = 600; // seconds
-constexpr unsigned PRIORITY = 10;
+constexpr ExplorerPriority PRIORITY = 10;
 
-class UptimeExplorer : public virtual ExplorerPush
+// What is collected, and what is told of it: the facts that are written, and what can
+// be asked for.
+struct Uptime
+{
+  std::string seconds; // empty when it is not known
+};
+
+constexpr Fact<Uptime> FACTS[] = {
+    {"Uptime", OzfQuery::Type::DURATION, "How long the host has been up",
+     [](Uptime const& uptime) { return known(uptime.seconds); }, "seconds"},
+};
+
+Uptime collectUptime()
+{
+  Uptime uptime;
+  std::ifstream("/proc/uptime") >> uptime.seconds;
+  return uptime;
+}
+
+// The base looks after the times and the result of a run, and what run throws.
+class UptimeExplorer : public TimedExplorer
 {
 public:
+  UptimeExplorer() : TimedExplorer(INTERVAL) {}
   char const* getExplorerName() const override { return NAME; }
-  PollingInterval getPollingInterval() override { return INTERVAL; }
 
-  OzfObjTime getLastExplorationTime() override
+protected:
+  DiscoveryStatus run(Authority const& authority, Subject const& subject,
+                      CollectionAttributes const& attributes,
+                      DiscoveryFactory const& factory) override
   {
-    std::lock_guard const guard(m_mutex);
-    return m_lastExploration;
+    Facts<Uptime> const facts(FACTS);
+    DiscoveredItems items(*this);
+    items.addItem(subject.getName().str(), facts, collectUptime());
+    return storeWithFilters(factory, subject, authority, attributes, items.finish(),
+                            filterDocument(facts), "UptimeExplorer::explore");
   }
-
-  void setLastExplorationTime(OzfObjTime const& time) override
-  {
-    std::lock_guard const guard(m_mutex);
-    m_lastExploration = time;
-  }
-
-  void explore(Authority const& authority, Subject const& subject,
-               CollectionAttributes const& attributes, AutoDereference<OZFRefCounted>&,
-               DiscoveryFactory* factory, DiscoveryResult& result) override
-  {
-    result.discStatus = DS_LOGIC_ERROR;
-    result.retryInterval = INTERVAL;
-    try
-    {
-      result.discStatus = store(document(subject), authority, subject, attributes, *factory);
-    }
-    catch (std::exception const& exception)
-    {
-      OZF_LOG(getOzfLogger(), 1, SOURCE, "UptimeExplorer::explore",
-              "Explorer " << NAME << " failed: " << exception.what());
-    }
-  }
-
-private:
-  std::string document(Subject const& subject) const
-  {
-    constexpr auto ENCODING = XmlStr::UTF_8;
-    std::ostringstream os;
-    XmlStr::xmlProlog(os, ENCODING)
-        << "<DiscoveredItems><DISCOVERED Name=\"" << XmlStr(subject.getName(), ENCODING) << "\">";
-    appendExplorerDataStartTag(os, ENCODING);
-    std::string seconds;
-    if (std::ifstream("/proc/uptime") >> seconds) // a fact that is not known has no element
-      os << "<Uptime>" << XmlStr(OzfString(seconds), ENCODING) << "</Uptime>";
-    appendExplorerDataEndTag(os);
-    os << "</DISCOVERED></DiscoveredItems>\n";
-    return os.str();
-  }
-
-  static DiscoveryStatus store(std::string const& document, Authority const& authority,
-                               Subject const& subject, CollectionAttributes const& attributes,
-                               DiscoveryFactory const& factory)
-  {
-    AutoDereference<Discovery> discovery;
-    factory.newDiscovery(discovery, DQ_DISCOVERY_DATA, subject, authority, attributes);
-    if (auto const status = discovery->open(OM_UPDATE, ""); status != DS_SUCCESS)
-      return status;
-    if (!discovery->getCollectionData()->writeCollection(document.size(), document.data()))
-      return DS_LOGIC_ERROR;
-    return discovery->persist();
-  }
-
-  std::mutex m_mutex;
-  OzfObjTime m_lastExploration; // guarded by m_mutex
 };
 
 } // namespace

@@ -239,7 +239,9 @@ TEST_F(InstalledTreeTest, everyHeaderCompilesOnItsOwn)
 
 TEST_F(InstalledTreeTest, thePluginOfTheManualIsBuiltAndLoaded)
 {
-  std::string const plugin = build("docs/example-plugin") + "/libtqplugin-uptime.so";
+  std::string const folder = build("docs/example-plugin");
+  EXPECT_THAT(run(folder + "/uptime-test", {}), HasSubstr("up for "));
+  std::string const plugin = folder + "/libtqplugin-uptime.so";
   LiveService service;
   std::string const place = service / "lib/plugins/libtqplugin-uptime.so";
   fs::copy_file(plugin, place);
@@ -295,6 +297,29 @@ TEST_F(ExampleProgramTest, isBuiltWithCMakeAndReadsDiscoveries)
   Outcome const lost = read(program, {});
   EXPECT_EQ(lost.exitCode, 1);
   EXPECT_THAT(lost.errors, HasSubstr("there is no SERVER in " + m_service / "etc/tq.conf"));
+}
+
+TEST_F(ExampleProgramTest, tellsWhichFileSystemsAreFull)
+{
+  std::string const program = build("examples/full-file-systems") + "/full-file-systems";
+  store("web1", "filesystem",
+        "<DISCOVERED Name=\"/\"><ExplorerData Name=\"filesystem\"><Use>80%</Use></ExplorerData>"
+        "</DISCOVERED><DISCOVERED Name=\"/srv\"><ExplorerData Name=\"filesystem\">"
+        "<Use>91%</Use><Available>10485760</Available></ExplorerData></DISCOVERED>");
+  Outcome const full = read(program, {});
+  EXPECT_EQ(full.exitCode, 0) << full.errors;
+  EXPECT_EQ(full.output, "web1: /srv is at 91 %, 10 MiB are free\n");
+
+  std::string const text =
+      readText(TQ_SOURCE_DIR "/examples/full-file-systems/FullFileSystems.cpp");
+  EXPECT_LE(occurrences(text, "\n"), 30U);
+  EXPECT_NE(readText(TQ_SOURCE_DIR "/docs/reading-facts.md").find("```cpp\n" + text + "```"),
+            std::string::npos);
+
+  EXPECT_EQ(m_service.stop(), 0) << m_service.log();
+  Outcome const alone = read(program, {});
+  EXPECT_EQ(alone.exitCode, 1);
+  EXPECT_THAT(alone.errors, HasSubstr("the master tqtestmaster could not be asked"));
 }
 
 TEST_F(ExampleProgramTest, isBuiltInOneLineWithPkgConfig)

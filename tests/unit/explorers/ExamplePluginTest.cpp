@@ -49,6 +49,38 @@ TEST(ExamplePlugin, storesTheUptime)
   EXPECT_EQ(1U, document.items[0].facts.count("Uptime"));
 }
 
+// The interval to the next run is the explorer's own, whatever a result asks for: one
+// that succeeds asks for nothing, and one that fails is due again after a minute.
+TEST(ExamplePlugin, asksForAnotherRunOnlyAfterAFailure)
+{
+  DiscoveryRepository repository;
+  registerInto(repository);
+  auto* const explorer =
+      dynamic_cast<ExplorerPush*>((*repository.getPushExplorers()->begin())->getExplorer());
+  ASSERT_NE(nullptr, explorer);
+  OzfObjTime const now = OzfObjTime::now();
+  explorer->setLastExplorationTime(now);
+  Store store;
+  EXPECT_EQ(0U, explore(*explorer, AT_TQUCLIENT, &store).retryInterval);
+  EXPECT_EQ(now, explorer->getLastExplorationTime());
+  EXPECT_EQ(60U, explore(*explorer, AT_TQUCLIENT, nullptr).retryInterval);
+  EXPECT_EQ(now.seconds() + 60, explorer->getLastExplorationTime().seconds() +
+                                    static_cast<std::int64_t>(explorer->getPollingInterval()));
+}
+
+TEST(ExamplePlugin, tellsWhatCanBeAskedFor)
+{
+  DiscoveryRepository repository;
+  registerInto(repository);
+  Store store;
+  explore(*dynamic_cast<ExplorerPush*>((*repository.getPushExplorers()->begin())->getExplorer()),
+          AT_TQUCLIENT, &store);
+  Document const document(store.only(AT_EXTSRC).payload);
+  ASSERT_EQ(1U, document.attributeList.size());
+  EXPECT_EQ("Uptime", document.attributeList[0].at("Name"));
+  EXPECT_EQ("duration", document.attributeList[0].at("Type"));
+}
+
 TEST(ExamplePlugin, takesAPlaceOfItsOwnBesideTheDefaultExplorers)
 {
   void* const library = dlopen(TQ_BINARY_DIR "/lib/libtqexplorer.so", RTLD_NOW);

@@ -1,4 +1,4 @@
-#include "explorers/FilterDescriptions.h"
+#include "discovery/ExplorerPayload.h"
 
 #include "explorers/FilesystemExplorer.h"
 #include "explorers/HostExplorer.h"

@@ -1,6 +1,6 @@
 #include "explorers/HostExplorer.h"
 
-#include "explorers/FilterDescriptions.h"
+#include "discovery/ExplorerPayload.h"
 #include "tests/unit/explorers/ExplorerStore.h"
 #include "tests/unit/explorers/ExplorerTesting.h"
 

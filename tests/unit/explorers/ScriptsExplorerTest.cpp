@@ -1,7 +1,7 @@
 // Scripts as explorers: which are run, when, and what is stored of them.
 
 #include "discovery/RefreshRequests.h"
-#include "explorers/Payload.h"
+#include "discovery/ExplorerPayload.h"
 #include "explorers/ScriptsExplorer.h"
 #include "ozf/base/MetadataConverter.h"
 #include "tests/support/LogCapture.h"

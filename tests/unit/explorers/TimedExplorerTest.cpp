@@ -1,4 +1,4 @@
-#include "explorers/TimedExplorer.h"
+#include "discovery/TimedExplorer.h"
 
 #include "ozf/config/Configuration.h"
 #include "tests/support/LogCapture.h"

@@ -1,4 +1,4 @@
-#include "explorers/Payload.h"
+#include "discovery/ExplorerPayload.h"
 
 #include "discovery/DiscoveryLog.h"
 
@@ -8,7 +8,7 @@ namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers
 namespace
 {
 
-constexpr char SOURCE[] = "Payload";
+constexpr char SOURCE[] = "ExplorerPayload";
 constexpr auto ENCODING = XmlStr::UTF_8;
 
 } // namespace
@@ -42,6 +42,16 @@ std::string DiscoveredItems::finish()
 {
   XmlStr::appendEnd(m_text, "DiscoveredItems") << '\n';
   return m_text.str();
+}
+
+char const* unitOf(OzfQuery::Type type) { return type == OzfQuery::Type::SIZE ? "bytes" : ""; }
+
+std::string filterDocument(OzfQuery const& query)
+{
+  std::ostringstream text;
+  XmlStr::xmlProlog(text, ENCODING) << "<FilterData>";
+  query.writeXml(text, ENCODING) << "</FilterData>\n";
+  return text.str();
 }
 
 char const* describe(DiscoveryStatus status)

@@ -1,4 +1,4 @@
-// What the push explorers here have in common.
+// What push explorers have in common: what is left to write is what they find.
 
 #pragma once
 
@@ -14,7 +14,7 @@ namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers
 // interval is longer: what it had to say should not wait for a day because the
 // master was away for a moment. One that met data of higher priority waits for
 // the interval; on a client it cannot tell.
-class TimedExplorer : public virtual ExplorerPush
+class TQ_EXPORT TimedExplorer : public virtual ExplorerPush
 {
 public:
   static constexpr PollingInterval RETRY = 60;
@@ -47,6 +47,7 @@ private:
 
 // The attributes with an interval of which that expiry comes, which is a quarter longer,
 // here and at the master; as they are when it is 0.
-CollectionAttributes withExpiry(CollectionAttributes const& attributes, PollingInterval expiry);
+TQ_EXPORT CollectionAttributes withExpiry(CollectionAttributes const& attributes,
+                                          PollingInterval expiry);
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers

@@ -1,4 +1,4 @@
-#include "explorers/Payload.h"
+#include "discovery/ExplorerPayload.h"
 
 #include "explorers/HostExplorer.h"
 #include "tests/support/LogCapture.h"
@@ -32,7 +32,7 @@ std::string documentOf(std::string const& name, std::optional<std::string> const
 
 } // namespace
 
-TEST(Payload, anItemIsWrittenAsReadersExpectIt)
+TEST(ExplorerPayload, anItemIsWrittenAsReadersExpectIt)
 {
   EXPECT_EQ("<?xml version=\"1.0\" encoding=\"UTF-8\"?><DiscoveredItems>"
             "<DISCOVERED Name=\"/home\"><ExplorerData Name=\"host\">"
@@ -40,12 +40,12 @@ TEST(Payload, anItemIsWrittenAsReadersExpectIt)
             documentOf("/home", "1"));
 }
 
-TEST(Payload, aFactThatIsNotKnownHasNoElement)
+TEST(ExplorerPayload, aFactThatIsNotKnownHasNoElement)
 {
   EXPECT_EQ(std::string::npos, documentOf("a", std::nullopt).find("Value"));
 }
 
-TEST(Payload, aDocumentWithoutItemsIsADocument)
+TEST(ExplorerPayload, aDocumentWithoutItemsIsADocument)
 {
   AutoDereference<HostExplorer> const explorer(new HostExplorer);
   Document const document(DiscoveredItems(*explorer).finish());
@@ -54,7 +54,7 @@ TEST(Payload, aDocumentWithoutItemsIsADocument)
   EXPECT_TRUE(document.items.empty());
 }
 
-TEST(Payload, markupInNamesAndValuesComesBackAsText)
+TEST(ExplorerPayload, markupInNamesAndValuesComesBackAsText)
 {
   std::string const nasty = "a<b>&\"c' ]]> </Value>\n\t";
   Document const document(documentOf(nasty, nasty));
@@ -64,7 +64,7 @@ TEST(Payload, markupInNamesAndValuesComesBackAsText)
   EXPECT_EQ(nasty, document.items[0].facts.at("Value"));
 }
 
-TEST(Payload, bytesThatAreNoTextAreReplaced)
+TEST(ExplorerPayload, bytesThatAreNoTextAreReplaced)
 {
   Document const document(documentOf("caf\xe9", std::string("\x01\xff", 2)));
   ASSERT_TRUE(document.wellFormed) << document.lastError();
@@ -72,7 +72,7 @@ TEST(Payload, bytesThatAreNoTextAreReplaced)
   EXPECT_EQ("\xef\xbf\xbd\xef\xbf\xbd", document.items.at(0).facts.at("Value"));
 }
 
-TEST(Payload, storingPersistsTheDocument)
+TEST(ExplorerPayload, storingPersistsTheDocument)
 {
   Store records;
   EXPECT_EQ(DS_SUCCESS, store(records, DQ_DISCOVERY_DATA, Subject("h"),
@@ -80,7 +80,7 @@ TEST(Payload, storingPersistsTheDocument)
   EXPECT_EQ("text", records.only(AT_TQUCLIENT).payload);
 }
 
-TEST(Payload, aRefusedRecordIsReportedAndLogged)
+TEST(ExplorerPayload, aRefusedRecordIsReportedAndLogged)
 {
   Store records;
   Subject const subject("h");
@@ -96,7 +96,7 @@ TEST(Payload, aRefusedRecordIsReportedAndLogged)
   EXPECT_EQ("better", records.only(AT_TQUCLIENT).payload);
 }
 
-TEST(Payload, filterDataHasItsOwnAuthorityType)
+TEST(ExplorerPayload, filterDataHasItsOwnAuthorityType)
 {
   Authority const filter = filterAuthority(Authority("volume", AT_TQUCLIENT));
   EXPECT_EQ(AT_EXTSRC, filter.getType());

@@ -1,6 +1,7 @@
 // The vocabulary of an explorer: which facts it tells of each thing it finds.
 // One table serves the payload, the description of what can be asked for, and
-// the answer to a query, so that the three cannot drift apart.
+// the answer to a query, so that the three cannot drift apart. For the authors of
+// explorers, with ExplorerPayload.h.
 
 #pragma once
 
@@ -16,6 +17,7 @@
 namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers
 {
 
+// One fact of a Thing, which is a struct of the explorer's.
 template <class Thing>
 struct Fact
 {

@@ -1,4 +1,4 @@
-#include "explorers/TimedExplorer.h"
+#include "discovery/TimedExplorer.h"
 
 #include "discovery/DiscoveryLog.h"
 #include "ozf/config/Configuration.h"
