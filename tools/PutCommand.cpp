@@ -7,6 +7,7 @@
 #include "tools/Sending.h"
 #include "tools/XmlText.h"
 
+#include "discovery/ExplorerPayload.h"
 #include "discovery/RemoteDB.h"
 #include "ozf/base/SystemError.h"
 #include "ozf/xml/QueryNumber.h"
@@ -86,8 +87,10 @@ std::string payloadOf(PutOptions const& options)
   return Scripts::itemsDocument(options.authority, options.subject, {item});
 }
 
-// Makes the payload of the items that were read; false after telling the user why not.
-bool makePayloadOfItems(PutOptions const& options, std::string& payload)
+// Makes the payload of the items that were read, and the description of their facts as
+// they were seen; false after telling the user why not.
+bool makePayloadOfItems(PutOptions const& options, std::string& payload,
+                        AutoDereference<OzfQuery>& seen)
 {
   std::vector<Scripts::ScriptItem> items;
   std::string mistake;
@@ -97,6 +100,7 @@ bool makePayloadOfItems(PutOptions const& options, std::string& payload)
     return false;
   }
   payload = Scripts::itemsDocument(options.authority, options.subject, items);
+  seen = Scripts::describeItems({}, items);
   return true;
 }
 
@@ -150,13 +154,12 @@ std::string mistakeIn(std::string const& name, char const* what)
 }
 
 // Where explorers store what can be asked for, a payload of the same names would
-// take its place. Absent when it cannot be told whether there is any: when the
+// take its place: what is told there. Absent when that cannot be known: when the
 // record may be missing in the list, or its bytes cannot be had. What is read and
 // is no XML tells nobody what can be asked for.
-std::optional<AuthorityType> freeType(PutOptions const& options)
+using Attributes = std::vector<OzfQuery::Attribute>;
+std::optional<Attributes> describedBefore(PutOptions const& options)
 {
-  if (options.filterData)
-    return AT_EXTSRC;
   Selection selection;
   selection.subject = options.subject;
   selection.authority = options.authority;
@@ -169,10 +172,43 @@ std::optional<AuthorityType> freeType(PutOptions const& options)
   {
     Collection const collection = readCollection(record, OzfQuery(), [](Item const&) {});
     if (!collection.attributes.empty())
-      return AT_TQUSERVER;
+      return collection.attributes;
     known = known && (collection.complete || hasReadableBytes(record));
   }
-  return known ? std::optional(AT_EXTSRC) : std::nullopt;
+  return known ? std::optional(Attributes()) : std::nullopt;
+}
+
+// What was told stays, an explorer's texts and units above all, and what was seen comes
+// beside it. Of a fact that was told of as it was seen before, the kind is that of now.
+AutoDereference<OzfQuery> mergedDescription(Attributes const& before, OzfQuery const& seen)
+{
+  AutoDereference<OzfQuery> merged(new OzfQuery);
+  for (OzfQuery::Attribute attribute : before)
+  {
+    OzfQuery::Attribute const* const now = seen.findAttribute(attribute.name.str());
+    if (now != nullptr && attribute.unit.empty() && attribute.description.empty())
+      attribute.type = now->type;
+    merged->addAttribute(attribute);
+  }
+  for (OzfQuery::Attribute const& attribute : seen.attributes())
+    merged->addAttribute(attribute); // unless it is there
+  return merged;
+}
+
+// For people.
+std::string describedText(OzfQuery const& description)
+{
+  return description.attributes().empty()
+             ? std::string()
+             : ", with the kinds of " + counted(description.attributes().size(), "fact", "facts");
+}
+
+nlohmann::json attributesToJson(OzfQuery const& description)
+{
+  nlohmann::json attributes = nlohmann::json::array();
+  for (OzfQuery::Attribute const& attribute : description.attributes())
+    attributes.push_back(toJson(attribute));
+  return attributes;
 }
 
 int put(PutOptions const& options, Session const& session)
@@ -209,11 +245,12 @@ int put(PutOptions const& options, Session const& session)
     return EXIT_USAGE;
   }
   std::string payload;
+  AutoDereference<OzfQuery> description(new OzfQuery);
   if (facts)
     payload = payloadOf(options);
   else if (!readPayload(options.payload.front(), payload))
     return EXIT_FAILED;
-  if (options.items && !makePayloadOfItems(options, payload))
+  if (options.items && !makePayloadOfItems(options, payload, description))
     return EXIT_FAILED;
   if (!checkPayload(options, payload))
     return EXIT_FAILED;
@@ -221,36 +258,56 @@ int put(PutOptions const& options, Session const& session)
   Connection connection(session.connection);
   if (int const result = connection.open(); result != EXIT_DONE)
     return result;
-  if (options.type.empty())
+  // Under a type of their own, or items and their description would take each other's place.
+  bool const describes = options.items && (options.type.empty() || type != AT_EXTSRC);
+  if (describes || (options.type.empty() && !options.filterData))
   {
-    auto const freed = freeType(options);
-    if (!freed)
+    auto const before = describedBefore(options);
+    if (!before)
     {
       complain(
           "not stored: it cannot be told whether it would take the place of what tells what can "
           "be asked for; choose a type with --type");
       return connection.conclude(EXIT_FAILED);
     }
-    type = *freed;
+    if (options.type.empty())
+      type = describes || !before->empty() ? AT_TQUSERVER : AT_EXTSRC;
+    description = mergedDescription(*before, *description);
   }
+  if (!describes)
+    description.reset(new OzfQuery);
   Remote::Discovery record =
       recordToStore(options.subject, options.authority, type, options.priority, *lifetime);
   if (options.filterData)
     record.queryType = DQ_FILTER_DATA;
   if (int const result = sendToMaster(connection, record, payload); result != EXIT_DONE)
     return result;
+  if (!description->attributes().empty())
+  {
+    record.queryType = DQ_FILTER_DATA;
+    record.authType = AT_EXTSRC;
+    if (int const result =
+            sendToMaster(connection, record, Explorers::filterDocument(*description));
+        result != EXIT_DONE)
+    {
+      complain("the items are stored all the same, without the kinds of their facts");
+      return result;
+    }
+  }
   if (options.json)
     printJson({{"subject", options.subject},
                {"authority", options.authority},
                {"type", static_cast<int>(type)},
                {"typeName", formatType(type)},
                {"payloadBytes", payload.size()},
+               {"described", attributesToJson(*description)},
                {"expiresTime",
                 timeOrNull(OzfObjTime::now() + OzfObjTime(static_cast<std::int64_t>(*lifetime)))}});
   else
     std::cout << "Stored " << formatSize(payload.size()) << " about " << shown(options.subject)
               << " by " << shown(options.authority) << " (" << formatType(type) << "), for "
-              << formatSpan(static_cast<std::int64_t>(*lifetime)) << ".\n";
+              << formatSpan(static_cast<std::int64_t>(*lifetime)) << describedText(*description)
+              << ".\n";
   return EXIT_DONE;
 }
 

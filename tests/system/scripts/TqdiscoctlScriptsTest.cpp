@@ -72,12 +72,54 @@ TEST_F(TqdiscoctlScriptsTest, putTakesWhatAScriptPrints)
   json const shown = runJson({"show", "web1", "disks"});
   ASSERT_EQ(shown["items"].size(), 2U);
   EXPECT_EQ(shown["items"][0]["name"], "a");
-  EXPECT_EQ(shown["items"][0]["facts"], json({{"size", 1}, {"at.rack", "7"}}));
+  EXPECT_EQ(shown["items"][0]["facts"], json({{"size", 1}, {"at.rack", 7}}));
   EXPECT_EQ(shown["items"][1]["facts"], json::object());
   writeText(m_service / "items", "{\"a\": 1,\n\"a\": 2}");
   Outcome const refused = run({"put", "web1", "disks", "--items", m_service / "items"});
   EXPECT_EQ(refused.exitCode, 1);
   EXPECT_THAT(refused.errors, HasSubstr("no items: line 2, column 7: the fact a is there twice"));
+}
+
+// As of a script, what is a number is one for who asks.
+TEST_F(TqdiscoctlScriptsTest, theKindsOfWhatIsPutAreKnown)
+{
+  auto const put = [this](std::string const& items, Words more = {})
+  {
+    writeText(m_service / "items", items);
+    more.insert(more.begin(), {"put", "web1", "rack", m_service / "items", "--items"});
+    return runJson(more);
+  };
+  auto const described = [this]
+  {
+    json kinds = json::object();
+    for (auto const& each : runJson({"filters", "web1", "rack"}))
+      kinds[std::string(each["name"])] = each["type"];
+    return kinds;
+  };
+  json const first = put(R"({"row": 7, "locked": true, "note": "7"})");
+  EXPECT_EQ(first["typeName"], "server");
+  EXPECT_EQ(first["described"].size(), 3U);
+  EXPECT_EQ(described(), json({{"row", "number"}, {"locked", "boolean"}, {"note", "text"}}));
+  EXPECT_EQ(runJson({"show", "web1", "rack"})["items"][0]["facts"],
+            json({{"row", 7}, {"locked", true}, {"note", "7"}}));
+
+  // Another kind is told of anew, and what is not there now is known still.
+  put(R"({"row": "seven", "height": 42})");
+  EXPECT_EQ(kinds(),
+            json({{"row", "text"}, {"locked", "boolean"}, {"note", "text"}, {"height", "number"}}));
+
+  // What an explorer tells stays.
+  store("web1", "rack",
+        "<FilterData><QueryDescription><Attribute Name=\"height\" Type=\"size\" Unit=\"bytes\"/>"
+        "</QueryDescription></FilterData>",
+        {"--filter-data"});
+  put(R"({"row": 1, "height": "42"})");
+  EXPECT_EQ(described(), json({{"height", "size"}, {"row", "number"}}));
+
+  // Where both would be of one type, the items are what is asked for.
+  EXPECT_EQ(put(R"({"row": 1})", {"--type", "external"})["described"], json::array());
+  EXPECT_EQ(runJson({"show", "web1", "rack", "--type", "external"})["items"][0]["facts"]["row"],
+            "1");
 }
 
 TEST_F(TqdiscoctlScriptsTest, itemsAreATableForOtherPrograms)
