@@ -33,7 +33,7 @@ _tqdiscoctl()
   local everywhere="-m --master --timeout --tls --tls-certificate --tls-key --tls-ca -v --verbose"
   everywhere+=" -h --help"
   local selection="-s --subject -a --authority -t --type --filter-data"
-  local commands="status query hosts show items filters watch metrics report put push stop db tls"
+  local commands="status query hosts show items filters watch metrics report put push stop explorer db tls"
   local program=${COMP_WORDS[0]} command="" dbcommand="" word value options i at names=0
   local -a master=() chosen=()
 
@@ -61,7 +61,7 @@ _tqdiscoctl()
       *)
         if [[ -z $command ]]; then
           command=$word
-        elif [[ $command == db && -z $dbcommand ]]; then
+        elif [[ ($command == db || $command == explorer) && -z $dbcommand ]]; then
           dbcommand=$word
         else
           ((++names))
@@ -144,6 +144,13 @@ _tqdiscoctl()
     push) options="--all --host --now -a --authority --json" ;;
     stop) options="--host --no-wait --json" ;;
     tls) options="check" ;;
+    explorer)
+      case $dbcommand in
+        "") options="list enable test" ;;
+        list) options="--host --json" ;;
+        *) options="--json" ;;
+      esac
+      ;;
     db)
       case $dbcommand in
         "") options="list show verify forget -d --directory" ;;
@@ -158,8 +165,8 @@ _tqdiscoctl()
   [[ -n $command ]] && options+=" $everywhere"
 
   mapfile -t COMPREPLY < <(compgen -W "$options" -- "$current")
-  if [[ $command == put && $current != -* ]]; then
-    compopt -o filenames
+  if [[ ($command == put || $command:$dbcommand == explorer:test) && $current != -* ]]; then
+    compopt -o filenames 2> /dev/null
     mapfile -t COMPREPLY < <(compgen -f -- "$current")
   fi
 }

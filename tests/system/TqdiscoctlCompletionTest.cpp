@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 
+#include <regex>
 #include <set>
 #include <sstream>
 
@@ -93,6 +94,54 @@ TEST_F(TqdiscoctlCompletionTest, doesNotWaitForAServiceThatHangs)
   EXPECT_EQ(completed({"query", "--subject", ""}), Offered{});
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
   m_service.process().sendSignal(SIGCONT);
+}
+
+// What the command itself tells of its commands and their options, of both shells.
+TEST_F(TqdiscoctlCompletionTest, knowsEveryCommandAndOption)
+{
+  std::string const forZsh = readText(TQ_SOURCE_DIR "/packaging/completion/_tqdiscoctl");
+  std::regex const option(R"(--[a-z][a-z-]*)");
+  std::vector<Words> commands{{}};
+  std::size_t options = 0;
+  for (std::size_t number = 0; number < commands.size(); ++number)
+  {
+    Words const command = commands[number];
+    Words help = command;
+    help.push_back("--help");
+    std::istringstream lines(run(help).output);
+    Words words = command;
+    words.emplace_back("-");
+    Offered const offered = completed(words);
+    words.back() = "";
+    Offered const below = completed(words);
+    bool listsCommands = false;
+    for (std::string line; std::getline(lines, line);)
+    {
+      if (line.starts_with("Commands:"))
+        listsCommands = true;
+      else if (!line.starts_with("  "))
+        listsCommands = false;
+      std::string const names = line.substr(0, line.find("  ", 2));
+      if (listsCommands && line[2] != ' ')
+      {
+        std::string const name = line.substr(2, line.find(' ', 2) - 2);
+        EXPECT_THAT(below, Contains(name)) << testing::PrintToString(command);
+        std::regex const entry(command.empty() ? "'" + name + ":" : "[( ]" + name + R"((\\:|\)))");
+        EXPECT_TRUE(std::regex_search(forZsh, entry)) << name;
+        commands.push_back(command);
+        commands.back().push_back(name);
+      }
+      else if (line.starts_with("  -"))
+        for (std::sregex_iterator each(names.begin(), names.end(), option), end; each != end;
+             ++each, ++options)
+        {
+          EXPECT_THAT(offered, Contains(each->str())) << testing::PrintToString(command);
+          EXPECT_NE(forZsh.find(each->str()), std::string::npos) << each->str();
+        }
+    }
+  }
+  EXPECT_GT(commands.size(), 15U);
+  EXPECT_GT(options, 60U);
 }
 
 TEST_F(TqdiscoctlCompletionTest, knowsTheOptionsOfTheService)
