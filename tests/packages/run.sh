@@ -50,8 +50,9 @@ await() {
   done
 }
 show() { in_machine "$1" systemctl show --value -p "$2" tqdisco; }
+# Without what debuggers want, which holds on to the rest.
 install_packages() { # MACHINE FOLDER
-  in_machine "$1" sh -c "dpkg --force-confdef --force-confold -i $2/*.deb" \
+  in_machine "$1" sh -c "dpkg --force-confdef --force-confold -i \$(ls $2/*.deb | grep -v -e -dbgsym_)" \
     >"$scratch/dpkg" 2>&1 || { cat "$scratch/dpkg" >&2; fail "dpkg -i"; }
 }
 modes() { in_machine "$master" stat -c '%A %U:%G %n' "$@"; }
@@ -143,8 +144,8 @@ in_machine "$master" sh -c 'kill $(cat /root-service/pid)'
 passed "its explorers find what they find as root"
 
 # What is tested with the packages by others, here as well.
-in_machine "$client" sh -eu -c 'cd "$(mktemp -d)"; exec sh '"$here/../../debian/tests/master" \
-  >"$scratch/autopkgtest" 2>&1 || { cat "$scratch/autopkgtest" >&2; fail "debian/tests/master"; }
+in_machine "$client" sh -eu -c 'cd "$(mktemp -d)"; cat >master; exec sh ./master' \
+  <"$here/../../debian/tests/master" >"$scratch/autopkgtest" 2>&1 || { cat "$scratch/autopkgtest" >&2; fail "debian/tests/master"; }
 passed "the packages' own test"
 
 in_machine "$master" tqdiscoctl put kept by-hand answer=42 >/dev/null
@@ -158,11 +159,11 @@ in_machine "$master" test -e /etc/tessarine/tq.conf.dpkg-dist || fail "the new s
 await 30 "the discovery is lost" in_machine "$master" tqdiscoctl show kept by-hand
 passed "upgraded: restarted, configuration and database kept"
 
-in_machine "$master" dpkg --remove tessarine-discovery >/dev/null
+in_machine "$master" dpkg --remove tessarine-discovery >/dev/null || fail "dpkg --remove"
 ! in_machine "$master" pgrep -x tqdisco >/dev/null || fail "the service runs without its package"
 in_machine "$master" test -s /etc/tessarine/tq.conf || fail "the configuration went with the package"
 [ -n "$(in_machine "$master" ls /var/lib/tessarine/discovery)" ] || fail "the database went with the package"
-in_machine "$master" dpkg --purge tessarine-discovery >"$scratch/purge" 2>&1
+in_machine "$master" dpkg --purge tessarine-discovery >"$scratch/purge" 2>&1 || fail "dpkg --purge"
 left=$(in_machine "$master" find /etc/tessarine /var/lib/tessarine /var/log/tessarine \
   /usr/kestrel /lib/systemd/system/tqdisco.service 2>/dev/null || true)
 is "" "$left" "what is left after the purge"
