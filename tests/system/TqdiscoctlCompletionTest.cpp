@@ -117,10 +117,11 @@ TEST_F(TqdiscoctlCompletionTest, knowsEveryCommandAndOption)
     bool listsCommands = false;
     for (std::string line; std::getline(lines, line);)
     {
-      if (line.starts_with("Commands:"))
-        listsCommands = true;
-      else if (!line.starts_with("  "))
-        listsCommands = false;
+      if (!line.starts_with("  "))
+      {
+        listsCommands = line == "Commands:";
+        continue;
+      }
       std::string const names = line.substr(0, line.find("  ", 2));
       if (listsCommands && line[2] != ' ')
       {

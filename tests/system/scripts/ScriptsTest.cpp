@@ -105,4 +105,41 @@ TEST_F(ScriptsTest, noRunOutlivesAServiceThatIsKilled)
   ASSERT_TRUE(m_service.start()); // for the end of the test
 }
 
+// A client whose name begins so announces itself, and reports, without a delay.
+TEST(ClientScriptsTest, theFactsOfAClientsScriptAreKnownToItsMasterWithinAMinute)
+{
+  LiveService master;
+  LiveService client(LiveService::WITH_EXPLORERS);
+  std::string const hosts = "SERVER = first\nHOST_ADDRESS.first = 127.0.0.34\nHOST_ADDRESS.4a = "
+                            "127.0.0.35\nORB_PORT.DiscoveryService = " +
+                            std::to_string(client.port()) + '\n';
+  writeText(master / "etc/tq.conf", hosts + "CLIENT_NAME = first\nORB_BIND = 127.0.0.34\n");
+  writeText(client / "etc/tq.conf", hosts + "CLIENT_NAME = 4a\nORB_BIND = 127.0.0.35\n");
+  ASSERT_TRUE(master.start()) << master.log();
+  ASSERT_TRUE(client.start()) << client.log();
+  ASSERT_TRUE(client.process().awaitError("Successfully registered explorers with master"))
+      << client.log();
+
+  auto const begin = std::chrono::steady_clock::now();
+  std::filesystem::create_directory(client / "explorers.d");
+  std::filesystem::permissions(client / "explorers.d", std::filesystem::perms(0755));
+  writeShellScript(client / "explorers.d/rack.sh", R"(echo "row=7"; echo "of=$TESSARINE_SUBJECT")");
+  json items;
+  EXPECT_TRUE(eventually(
+      [&]
+      {
+        Outcome const outcome = master.tqdiscoctl({"items", "-a", "rack", "--json"});
+        items = json::parse(outcome.output, nullptr, false);
+        return outcome.exitCode == 0 && items.size() == 1;
+      },
+      std::chrono::seconds(60)))
+      << client.log();
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(60));
+  ASSERT_EQ(items.size(), 1U);
+  EXPECT_EQ(items[0]["subject"], "4a");
+  EXPECT_EQ(items[0]["items"][0]["facts"], json({{"row", 7}, {"of", "4a"}}));
+  EXPECT_EQ(client.stop(), 0) << client.log();
+  EXPECT_EQ(master.stop(), 0) << master.log();
+}
+
 } // namespace

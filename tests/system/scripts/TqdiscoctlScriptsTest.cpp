@@ -105,7 +105,7 @@ TEST_F(TqdiscoctlScriptsTest, theKindsOfWhatIsPutAreKnown)
 
   // Another kind is told of anew, and what is not there now is known still.
   put(R"({"row": "seven", "height": 42})");
-  EXPECT_EQ(kinds(),
+  EXPECT_EQ(described(),
             json({{"row", "text"}, {"locked", "boolean"}, {"note", "text"}, {"height", "number"}}));
 
   // What an explorer tells stays.
