@@ -67,9 +67,9 @@ std::map<std::string, Rooms> const& mayInclude()
 bool isForOthers(std::string const& header)
 {
   static std::set<std::string> const headers = {
-      "tools/Collections.h",  "tools/ExitCodes.h", "tools/FactTypes.h", "tools/Fleet.h",
-      "tools/Format.h",       "tools/Hosts.h",     "tools/ItemJson.h",  "tools/Metrics.h",
-      "tools/Output.h",       "tools/Records.h",   "tools/Research.h",  "tools/ServiceStates.h"};
+      "tools/Collections.h", "tools/ExitCodes.h", "tools/FactTypes.h", "tools/Fleet.h",
+      "tools/Format.h",      "tools/Hosts.h",     "tools/ItemJson.h",  "tools/Metrics.h",
+      "tools/Output.h",      "tools/Records.h",   "tools/Research.h",  "tools/ServiceStates.h"};
   return headers.contains(header);
 }
 
