@@ -36,16 +36,26 @@ struct Benchmark
   bool readsDatabase;
 };
 
-constexpr Benchmark BENCHMARKS[] = {
-    {"persist", benchPersist, false},   {"enumerate", benchEnumerate, true},
-    {"lookup", benchLookup, true},      {"parse", benchParse, false},
-    {"items", benchItems, false},       {"query", benchQuery, false},
-    {"list", benchList, true},          {"payload", benchPayload, false},
-    {"write", benchWrite, false},       {"large", benchLargeWrite, false},
-    {"fleet", benchFleetWrites, false}, {"idle", benchIdleConnections, false},
-    {"scale", benchScale, false},       {"memory", benchServiceMemory, true},
-    {"tls", benchTls, false},           {"rights", benchRights, false},
-    {"hostile", benchHostile, false}};
+constexpr Benchmark BENCHMARKS[] = {{"persist", benchPersist, false},
+                                    {"enumerate", benchEnumerate, true},
+                                    {"lookup", benchLookup, true},
+                                    {"parse", benchParse, false},
+                                    {"items", benchItems, false},
+                                    {"query", benchQuery, false},
+                                    {"list", benchList, true},
+                                    {"payload", benchPayload, false},
+                                    {"write", benchWrite, false},
+                                    {"large", benchLargeWrite, false},
+                                    {"fleet", benchFleetWrites, false},
+                                    {"idle", benchIdleConnections, false},
+                                    {"scale", benchScale, false},
+                                    {"memory", benchServiceMemory, true},
+                                    {"tls", benchTls, false},
+                                    {"rights", benchRights, false},
+                                    {"hostile", benchHostile, false},
+                                    {"webhosts", benchGatewayHosts, false},
+                                    {"webrest", benchGatewayRest, false},
+                                    {"webmemory", benchGatewayMemory, true}};
 
 class ScratchDirectory
 {

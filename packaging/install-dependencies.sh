@@ -8,7 +8,7 @@ packages="g++ cmake ninja-build pkg-config
 libomniorb4-dev omniidl libace-dev libxerces-c-dev libspdlog-dev libssl-dev
 libcli11-dev nlohmann-json3-dev tao-pegtl-dev libmount-dev libudev-dev libsystemd-dev
 libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev tcl-combat libfaketime strace iproute2 scdoc gccgo-12 python3
-libmicrohttpd-dev libgnutls28-dev zlib1g-dev prometheus-cpp-dev prometheus
+libmicrohttpd-dev libgnutls28-dev zlib1g-dev prometheus-cpp-dev prometheus python3-jsonschema
 build-essential debhelper systemd-container procps
 clang-14 libclang-rt-14-dev llvm-14 clang-format-14 clang-tidy-14"
 # The page: its library is fetched with npm, and its tests need a browser. Node and

@@ -28,7 +28,6 @@ namespace
 
 constexpr std::size_t MAX_REGISTRATION = 1 << 20;
 constexpr std::size_t MOST_LISTED = std::size_t(64) << 20;
-constexpr char NOT_QUERIED[] = "the service could not be queried; --verbose shows why";
 
 using RemoteIterator =
     AutoReleaseIterator<Remote::DiscoveryIterator_var, Remote::DiscoveryIterator_ptr>;

@@ -100,6 +100,9 @@ int visitRecords(Selection const& selection, RecordSink const& take, bool quiet 
 // Tells the user that discoveries may be missing.
 void complainIncomplete();
 
+// Why queryRecords failed when nothing more is known.
+inline constexpr char NOT_QUERIED[] = "the service could not be queried; --verbose shows why";
+
 // Whether a query that ended so has records to show, if any match.
 bool isListed(int queryResult);
 

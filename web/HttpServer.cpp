@@ -2,6 +2,7 @@
 
 #include "discovery/RemoteDBDrain.h"
 #include "web/Channel.h"
+#include "web/HeaderValues.h"
 #include "web/ListenSocket.h"
 #include "web/WebLog.h"
 

@@ -22,6 +22,14 @@ auto keyOf(Record const& record)
       record.subject, record.authority, static_cast<int>(record.type), record.onDemand());
 }
 
+// A master tells in whole seconds how long a record still holds, so that the end is now a
+// second earlier and now later.
+bool isAboutSame(OzfObjTime const& a, OzfObjTime const& b)
+{
+  constexpr std::int64_t SLACK = 2;
+  return a.seconds() <= b.seconds() + SLACK && b.seconds() <= a.seconds() + SLACK;
+}
+
 void summarize(MasterList& list)
 {
   HostSilence silence;
@@ -124,9 +132,10 @@ void KeptList::update(std::size_t master, Records records, bool complete, double
   bool const isFirst = list.listed.isZero();
   bool const isNew =
       isFirst || !std::equal(before->begin(), before->end(), records.begin(), records.end(),
-                             [](Record const& a, Record const& b) {
+                             [](Record const& a, Record const& b)
+                             {
                                return keyOf(a) == keyOf(b) && a.discovered == b.discovered &&
-                                      a.expires == b.expires;
+                                      isAboutSame(a.expires, b.expires);
                              });
   if (isNew)
   {

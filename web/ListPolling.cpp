@@ -83,6 +83,8 @@ double ListPolling::listOnce(std::size_t master, std::string const& name)
   bool const wasUp = m_list.look()->masters[master].state == MasterList::UP;
   if (!isListed(result))
   {
+    if (why == NOT_QUERIED)
+      why = "it cannot be reached, or does not answer";
     if (wasUp || m_list.look()->masters[master].state == MasterList::STARTING)
       OZF_LOG(getWebLogger(), 1, SOURCE, "ListPolling::run",
               "The master " << name << " does not give its list: " << why);

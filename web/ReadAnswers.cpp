@@ -9,6 +9,7 @@
 #include "tools/ItemJson.h"
 #include "tools/Output.h"
 #include "web/Channel.h"
+#include "web/HeaderValues.h"
 #include "web/ListAnswers.h"
 
 #include <algorithm>

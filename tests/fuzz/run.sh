@@ -9,7 +9,7 @@ here=$(cd "$(dirname "$0")" && pwd)
 build=$(cd "$1" && pwd)
 seconds=$2
 shift 2
-[ $# -gt 0 ] || set -- metadata payload filter_parameters query configuration file_names messages
+[ $# -gt 0 ] || set -- metadata payload filter_parameters query configuration file_names messages web_request
 
 export TMPDIR=$build/tmp
 export ASAN_SYMBOLIZER_PATH=/usr/bin/llvm-symbolizer-14

@@ -96,7 +96,7 @@ std::vector<Source> const& sources()
     std::vector<Source> found;
     fs::path const root(TQ_SOURCE_DIR);
     for (std::string const top :
-         {"ozf", "discovery", "scripts", "explorers", "host", "tools", "examples"})
+         {"ozf", "discovery", "scripts", "explorers", "host", "tools", "web", "examples"})
     {
       for (auto const& entry : fs::recursive_directory_iterator(root / top))
       {
@@ -265,8 +265,9 @@ TEST(Layers, NoFileOutgrowsAComfortableRead)
   std::set<std::string> const extensions = {".h", ".cpp", ".idl", ".py", ".sh", ".tcl", ".cmake"};
   fs::path const root(TQ_SOURCE_DIR);
   int looked = 0;
-  for (std::string const top : {"bench", "cmake", "discovery", "docs", "examples", "explorers",
-                                "host", "idl", "ozf", "packaging", "scripts", "tests", "tools"})
+  for (std::string const top :
+       {"bench", "cmake", "discovery", "docs", "examples", "explorers", "host", "idl", "ozf",
+        "packaging", "scripts", "tests", "tools", "web"})
     for (auto const& entry : fs::recursive_directory_iterator(root / top))
       if (extensions.contains(entry.path().extension()))
       {

@@ -1,0 +1,168 @@
+// Where the gateway listens, and whom it answers.
+
+#include "tests/support/Certificates.h"
+#include "tests/system/web/GatewayTesting.h"
+
+#include <filesystem>
+
+namespace
+{
+
+using namespace tqtest;
+using testing::HasSubstr;
+
+Outcome checkConfig(LiveService const& service)
+{
+  return runProgram(TQ_BIN_DIR "/tqdiscoweb", {"--check-config"},
+                    {{"TESSARINE_ROOT", service.root()}});
+}
+
+Outcome startAnyhow(LiveService const& service)
+{
+  return runProgram(TQ_BIN_DIR "/tqdiscoweb", {}, {{"TESSARINE_ROOT", service.root()}});
+}
+
+} // namespace
+
+TEST(GatewayOptionsTest, WhatOthersCanReachWantsATokenOrCertificates)
+{
+  LiveService service;
+  for (char const* place : {"0.0.0.0:27580", "[::]:27580", "192.0.2.1:27580"})
+  {
+    service.configure(std::string("WEB_LISTEN = ") + place + "\n");
+    Outcome const checked = checkConfig(service);
+    EXPECT_EQ(checked.exitCode, 2);
+    EXPECT_THAT(checked.errors, HasSubstr("WEB_TOKEN_FILE"));
+    Outcome const started = startAnyhow(service);
+    EXPECT_EQ(started.exitCode, 1);
+    EXPECT_THAT(started.errors, HasSubstr("others than this host can reach"));
+  }
+  writeText(service / "token", "0123456789abcdef\n");
+  std::filesystem::permissions(service / "token", std::filesystem::perms(0600));
+  service.configure("WEB_LISTEN = 0.0.0.0:27580\nWEB_TOKEN_FILE = " + (service / "token") + "\n");
+  Outcome const checked = checkConfig(service);
+  EXPECT_EQ(checked.exitCode, 0) << checked.errors;
+}
+
+TEST(GatewayOptionsTest, MistakesOfTheConfigurationAreTold)
+{
+  LiveService service;
+  writeText(service / "open", "0123456789abcdef\n");
+  std::filesystem::permissions(service / "open", std::filesystem::perms(0644));
+  writeText(service / "short", "0123\n");
+  std::filesystem::permissions(service / "short", std::filesystem::perms(0600));
+  for (auto const& [lines, message] : std::map<std::string, std::string>{
+           {"WEB_LISTEN = localhost:80\n", "WEB_LISTEN"},
+           {"WEB_LISTEN = relative/path\n", "WEB_LISTEN"},
+           {"WEB_LISTEN = 127.0.0.1:0\n", "WEB_LISTEN"},
+           {"WEB_TOKEN_FILE = " + (service / "open") + "\n", "can be read by everybody"},
+           {"WEB_TOKEN_FILE = " + (service / "short") + "\n", "is no token"},
+           {"WEB_TOKEN_FILE = " + (service / "missing") + "\n", "cannot be read"},
+           {"WEB_TLS_CERTIFICATE = " + (service / "short") + "\n",
+            "WEB_TLS_KEY are wanted together"},
+           {"WEB_MASTER_SHARE = 0\n", "WEB_MASTER_SHARE"}})
+  {
+    service.configure(lines);
+    Outcome const checked = checkConfig(service);
+    EXPECT_EQ(checked.exitCode, 2) << lines;
+    EXPECT_THAT(checked.errors, HasSubstr(message)) << lines;
+  }
+  EXPECT_EQ(runProgram(TQ_BIN_DIR "/tqdiscoweb", {"--nonsense"}).exitCode, 2);
+}
+
+TEST(GatewayOptionsTest, APortThatIsTakenFailsTheStart)
+{
+  LiveService service;
+  service.configure("WEB_LISTEN = 127.0.0.1:" + std::to_string(service.port()) + "\n");
+  ASSERT_TRUE(service.start());
+  Outcome const started = startAnyhow(service);
+  EXPECT_EQ(started.exitCode, 1);
+  EXPECT_THAT(started.errors, HasSubstr("Unable to listen at 127.0.0.1 port"));
+  EXPECT_EQ(service.stop(), 0);
+}
+
+TEST(GatewayOptionsTest, ATokenIsWantedOfEverybody)
+{
+  LiveService service;
+  writeText(service / "token", "0123456789abcdef\n");
+  std::filesystem::permissions(service / "token", std::filesystem::perms(0600));
+  Gateway gateway(service, "WEB_TOKEN_FILE = " + (service / "token") + "\n");
+  ASSERT_TRUE(gateway.start()) << gateway.log();
+  for (char const* target : {"/api/v1/status", "/", "/api/v1/openapi.json", "/api/v1/events"})
+  {
+    HttpAnswer const refused = gateway.get(target);
+    EXPECT_EQ(refused.status, 401) << target;
+    EXPECT_THAT(refused.header("WWW-Authenticate"), HasSubstr("Basic")) << target;
+  }
+  EXPECT_EQ(gateway.get("/api/v1/status", "Authorization: Bearer 0123456789abcdef\r\n").status,
+            200);
+  EXPECT_EQ(gateway.get("/api/v1/status", "Authorization: Bearer 0123456789abcdeg\r\n").status,
+            401);
+  EXPECT_EQ(gateway.stop(), 0);
+}
+
+TEST(GatewayOptionsTest, ASocketOfTheFileSystemServesAsWell)
+{
+  LiveService service;
+  std::string const path = service / "web.socket";
+  Gateway gateway(service);
+  service.configure("WEB_LISTEN = " + path + "\n");
+  ASSERT_TRUE(gateway.start()) << gateway.log();
+  HttpConnection connection(path);
+  ASSERT_TRUE(connection.connected());
+  connection.send("GET /api/v1/status HTTP/1.1\r\nHost: whatever\r\nConnection: close\r\n\r\n");
+  EXPECT_EQ(HttpAnswer(connection.readToEnd()).status, 200);
+  EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(0660));
+  // One that was left behind by a process that was killed is replaced.
+  gateway.process().sendSignal(SIGKILL);
+  EXPECT_TRUE(gateway.process().wait());
+  EXPECT_TRUE(std::filesystem::exists(path));
+  ASSERT_TRUE(gateway.start()) << gateway.log();
+  EXPECT_EQ(gateway.stop(), 0);
+  EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+namespace
+{
+
+// The status that a client gets over TLS, who shows the certificate of that name in the
+// folder; or why it gets none.
+std::string statusOverTls(std::string const& folder, unsigned short port, std::string const& name)
+{
+  std::string const program = "import http.client, ssl\n"
+                              "context = ssl.create_default_context(cafile='" +
+                              folder + "/ca.pem')\n" +
+                              (name.empty() ? ""
+                                            : "context.load_cert_chain('" + folder + "/" + name +
+                                                  ".pem', '" + folder + "/" + name + ".key')\n") +
+                              "connection = http.client.HTTPSConnection('127.0.0.1', " +
+                              std::to_string(port) +
+                              ", context=context)\n"
+                              "connection.request('GET', '/api/v1/status')\n"
+                              "print(connection.getresponse().status)\n";
+  Outcome const outcome = runProgram("/usr/bin/python3", {"-c", program});
+  return outcome.exitCode == 0 ? outcome.output : outcome.errors;
+}
+
+} // namespace
+
+TEST(GatewayOptionsTest, WithAuthoritiesOfClientsTheirCertificatesAreWanted)
+{
+  LiveService service;
+  CertificateAuthority const authority;
+  CertificateAuthority const stranger("Another authority");
+  authority.writeTo(service / "ca.pem");
+  authority.issue(service.root(), "web");
+  authority.issue(service.root(), "client");
+  stranger.issue(service.root(), "stranger");
+  std::filesystem::permissions(service / "web.key", std::filesystem::perms(0600));
+  Gateway gateway(service, "WEB_TLS_CERTIFICATE = " + (service / "web.pem") +
+                               "\nWEB_TLS_KEY = " + (service / "web.key") +
+                               "\nWEB_TLS_CA = " + (service / "ca.pem") + "\n");
+  EXPECT_EQ(checkConfig(service).exitCode, 0) << checkConfig(service).errors;
+  ASSERT_TRUE(gateway.start()) << gateway.log();
+  EXPECT_EQ(statusOverTls(service.root(), gateway.port(), "client"), "200\n");
+  EXPECT_EQ(statusOverTls(service.root(), gateway.port(), ""), "403\n");
+  EXPECT_NE(statusOverTls(service.root(), gateway.port(), "stranger"), "200\n");
+  EXPECT_EQ(gateway.stop(), 0);
+}
