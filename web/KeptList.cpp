@@ -1,6 +1,7 @@
 #include "web/KeptList.h"
 
 #include "tools/Hosts.h"
+#include "tools/Metrics.h"
 #include "tools/Output.h"
 
 #include <algorithm>
@@ -51,6 +52,17 @@ void summarize(MasterList& list)
     if (!latest.isZero())
       list.oldest = list.oldest.isZero() ? latest : std::min(list.oldest, latest);
   }
+}
+
+// Half a list would tell of hosts as silent, or not at all.
+std::shared_ptr<FleetFigures const> fleetFiguresOf(MasterList const& list)
+{
+  Fleet fleet(list.listed);
+  for (Record const& record : *list.records)
+    fleet.add(record);
+  if (!list.complete || fleet.full())
+    return nullptr;
+  return std::make_shared<FleetFigures const>(tqdiscoctl::figuresOf(fleet, fleet.silent()));
 }
 
 } // namespace
@@ -116,7 +128,8 @@ void KeptList::replace(std::size_t master, MasterList list, bool newRecords)
 }
 
 // Whoever listens learns of a change when it can be asked for already.
-void KeptList::update(std::size_t master, Records records, bool complete, double seconds)
+void KeptList::update(std::size_t master, Records records, std::string const& ownName,
+                      bool complete, double seconds)
 {
   std::lock_guard const updating(m_updating);
   MasterList list = look()->masters[master];
@@ -152,6 +165,8 @@ void KeptList::update(std::size_t master, Records records, bool complete, double
   list.complete = complete;
   list.listed = now;
   list.listSeconds = seconds;
+  list.ownName = ownName;
+  list.figures = fleetFiguresOf(list);
   replace(master, std::move(list), isNew);
   if (isFirst || (isNew && !tellChanges(*before, *after)))
     m_events.reset();

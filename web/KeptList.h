@@ -13,6 +13,11 @@
 #include <string>
 #include <vector>
 
+namespace tqdiscoctl
+{
+struct FleetFigures;
+}
+
 namespace Web
 {
 
@@ -36,12 +41,16 @@ struct MasterList
   Quillon::Tessarine::Ozf::OzfObjTime listed;
   double listSeconds = 0;
   double interval = 0; // seconds to the next list
+  std::string ownName; // as the master calls itself, where it lists anything
   std::shared_ptr<Records const> records = std::make_shared<Records const>();
 
   // Of the records.
   std::size_t hosts = 0;
   std::size_t silentHosts = 0;
   Quillon::Tessarine::Ozf::OzfObjTime oldest; // the oldest latest report of a host
+
+  // As of the last list; null while there is no whole one.
+  std::shared_ptr<tqdiscoctl::FleetFigures const> figures;
 };
 
 nlohmann::json toJson(MasterList const& list);
@@ -66,9 +75,10 @@ public:
 
   std::shared_ptr<Look const> look() const;
 
-  // A list has come: records as they came. Where it is incomplete, what it lacks and was
-  // known before stays.
-  void update(std::size_t master, Records records, bool complete, double seconds);
+  // A list has come: records as they came, and how the master calls itself. Where it is incomplete,
+  // what it lacks and was known before stays.
+  void update(std::size_t master, Records records, std::string const& ownName, bool complete,
+              double seconds);
 
   // The master could not be listed.
   void fail(std::size_t master, std::string const& reason);

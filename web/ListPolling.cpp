@@ -67,12 +67,15 @@ double ListPolling::listOnce(std::size_t master, std::string const& name)
   records.reserve(m_list.look()->masters[master].records->size());
   std::size_t bytes = 0;
   std::string why;
+  std::string ownName;
   DiscoverySvc::ReadDeadline const deadline(LONGEST_LIST);
   auto const begin = PollClock::now();
   int const result = visitRecords(
       selection,
       [&](Record record)
       {
+        if (ownName.empty())
+          ownName = record.source->host;
         record.source = source;
         bytes += sizeof record + record.subject.capacity() + record.authority.capacity();
         records.push_back(std::move(record));
@@ -95,7 +98,7 @@ double ListPolling::listOnce(std::size_t master, std::string const& name)
   if (!wasUp)
     OZF_LOG(getWebLogger(), 1, SOURCE, "ListPolling::run",
             "The master " << name << " gives its list, of " << records.size() << " discoveries");
-  m_list.update(master, std::move(records), result == EXIT_DONE, seconds);
+  m_list.update(master, std::move(records), ownName, result == EXIT_DONE, seconds);
   return pause(m_pace, seconds);
 }
 

@@ -139,7 +139,8 @@ int run(Options const& options)
   KeptList list(settings.masters, events);
   ListAnswers lists(list, settings.kept);
   ReadAnswers reads(list, {settings.payload, settings.kept});
-  Router const router(lists, reads, page);
+  MetricsAnswers metrics(list);
+  Router const router(lists, reads, metrics, page);
   EventStreams streams(events, list, settings.eventStreams);
   HttpServer server(settings, router, streams);
   ListPolling polling(list, {settings.interval, settings.share});

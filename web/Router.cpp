@@ -19,6 +19,8 @@ Plan Router::plan(Request const& request) const
   auto const& path = request.target.path();
   if (path.front() == "api")
     return planOfApi(request);
+  if (path.size() == 1 && path.front() == "metrics")
+    return m_metrics.metrics(request);
   std::string file;
   for (std::string const& part : path)
     file += (file.empty() ? "" : "/") + part;

@@ -3,11 +3,11 @@
 #pragma once
 
 #include "web/ListAnswers.h"
+#include "web/MetricsAnswers.h"
 #include "web/Plan.h"
 #include "web/ReadAnswers.h"
 #include "web/StaticFiles.h"
 
-#include <functional>
 #include <string>
 
 namespace Web
@@ -17,8 +17,8 @@ namespace Web
 class Router
 {
 public:
-  Router(ListAnswers& lists, ReadAnswers& reads, StaticFiles const& page)
-      : m_lists(lists), m_reads(reads), m_page(page)
+  Router(ListAnswers& lists, ReadAnswers& reads, MetricsAnswers& metrics, StaticFiles const& page)
+      : m_lists(lists), m_reads(reads), m_metrics(metrics), m_page(page)
   {
   }
 
@@ -29,6 +29,7 @@ private:
 
   ListAnswers& m_lists;
   ReadAnswers& m_reads;
+  MetricsAnswers& m_metrics;
   StaticFiles const& m_page;
 };
 

@@ -149,8 +149,8 @@ std::string statusOverTls(std::string const& folder, unsigned short port, std::s
 TEST(GatewayOptionsTest, WithAuthoritiesOfClientsTheirCertificatesAreWanted)
 {
   LiveService service;
-  CertificateAuthority const authority;
-  CertificateAuthority const stranger("Another authority");
+  CertificateAuthority authority;
+  CertificateAuthority stranger("Another authority");
   authority.writeTo(service / "ca.pem");
   authority.issue(service.root(), "web");
   authority.issue(service.root(), "client");

@@ -157,6 +157,9 @@ same("filters", ask(V1 + "filters/{authority}", V1 + "filters/size"),
      printed("filters", "*", "size"))
 ask(V1 + "filters/{authority}", V1 + "filters/size?x=1", 400)
 ask(V1 + "openapi.json", V1 + "openapi.json")
+metrics = ask("/metrics", "/metrics")
+if "tqdisco_up 1" not in metrics:
+    fail("/metrics", metrics)
 for path in DOCUMENT["paths"]:
     target = path.replace("{subject}", "web2").replace("{authority}", "host")
     ask(path, target, 405, method="POST")
