@@ -1,0 +1,132 @@
+// What is kept of lists, what is told of their changes, and what is answered from them.
+
+#include "web/KeptList.h"
+#include "web/ListAnswers.h"
+
+#include <gmock/gmock.h>
+
+using namespace Web;
+using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
+using Quillon::Tessarine::Ozf::OzfObjTime;
+using testing::HasSubstr;
+
+namespace
+{
+
+class KeptListTest : public testing::Test
+{
+protected:
+  static tqdiscoctl::Record record(std::string const& subject, std::string const& authority,
+                                   std::int64_t discovered, AuthorityType type = AT_TQUCLIENT)
+  {
+    tqdiscoctl::Record result;
+    result.subject = subject;
+    result.authority = authority;
+    result.type = type;
+    result.discovered = OzfObjTime(discovered);
+    result.expires = OzfObjTime(discovered + 3600);
+    result.source = std::make_shared<tqdiscoctl::Record::Source const>(
+        tqdiscoctl::Record::Source{"m1", "DiscoveryService", "m1"});
+    return result;
+  }
+
+  std::string nextEvent()
+  {
+    auto const event = m_events.next(m_position);
+    return event ? *event : std::string();
+  }
+
+  static Answer ask(ListAnswers& answers, char const* target)
+  {
+    Mistake mistake;
+    return answers.discoveries(*RequestTarget::fromText(target, mistake));
+  }
+
+  EventLog m_events{"e"};
+  KeptList m_list{{"m1", "m2"}, m_events};
+  std::uint64_t m_position = m_events.begin(nullptr);
+};
+
+} // namespace
+
+TEST_F(KeptListTest, WhatComesChangesAndGoesIsTold)
+{
+  m_list.update(0, {record("b", "host", 10), record("a", "host", 10)}, "m1", true, 0.1);
+  EXPECT_THAT(nextEvent(), HasSubstr("event: state\n"));
+  EXPECT_THAT(nextEvent(), HasSubstr("event: reset\n"));
+  m_list.update(0, {record("a", "host", 20), record("c", "host", 20)}, "m1", true, 0.1);
+  EXPECT_THAT(nextEvent(), testing::AllOf(HasSubstr("event: changed\n"), HasSubstr("\"a\"")));
+  EXPECT_THAT(nextEvent(), testing::AllOf(HasSubstr("event: gone\n"), HasSubstr("\"b\"")));
+  EXPECT_THAT(nextEvent(), testing::AllOf(HasSubstr("event: added\n"), HasSubstr("\"c\"")));
+  EXPECT_EQ(nextEvent(), "");
+  m_list.fail(0, "nobody is there");
+  EXPECT_THAT(nextEvent(), testing::AllOf(HasSubstr("event: state\n"), HasSubstr("\"away\""),
+                                          HasSubstr("nobody is there")));
+  EXPECT_EQ(m_list.look()->masters[0].records->size(), 2U);
+  m_list.fail(0, "still not");
+  EXPECT_EQ(nextEvent(), "");
+}
+
+TEST_F(KeptListTest, AListThatSaysTheSameIsNotNew)
+{
+  m_list.update(0, {record("a", "host", 10)}, "m1", true, 0.1);
+  auto const before = m_list.look()->generation;
+  auto same = record("a", "host", 10);
+  same.expires = OzfObjTime(same.expires.seconds() + 1);
+  m_list.update(0, {same}, "m1", true, 0.1);
+  EXPECT_EQ(m_list.look()->generation, before);
+  same.expires = OzfObjTime(same.expires.seconds() + 60);
+  m_list.update(0, {same}, "m1", true, 0.1);
+  EXPECT_GT(m_list.look()->generation, before);
+}
+
+TEST_F(KeptListTest, WhatAnIncompleteListLacksStays)
+{
+  m_list.update(0, {record("a", "host", 10), record("b", "host", 10)}, "m1", true, 0.1);
+  m_list.update(0, {record("b", "host", 20)}, "m1", false, 0.1);
+  auto const look = m_list.look();
+  ASSERT_EQ(look->masters[0].records->size(), 2U);
+  EXPECT_EQ((*look->masters[0].records)[1].discovered, OzfObjTime(20));
+  EXPECT_FALSE(look->masters[0].complete);
+}
+
+TEST_F(KeptListTest, MoreChangesThanAreRememberedAreAReset)
+{
+  m_list.update(0, {}, "m1", true, 0.1);
+  while (!nextEvent().empty())
+    ;
+  Records many;
+  for (std::size_t i = 0; i < EventLog::MOST_EVENTS + 2; ++i)
+    many.push_back(record("h" + std::to_string(i), "host", 10));
+  m_list.update(0, many, "m1", true, 0.1);
+  EXPECT_THAT(nextEvent(), HasSubstr("event: reset\n"));
+  EXPECT_EQ(nextEvent(), "");
+}
+
+TEST_F(KeptListTest, PagesGoFromMasterToMaster)
+{
+  m_list.update(0, {record("a", "host", 10), record("b", "host", 10)}, "m1", true, 0.1);
+  m_list.update(1, {record("a", "host", 10)}, "m2", true, 0.1);
+  ListAnswers answers(m_list, 1 << 20);
+  auto const first = nlohmann::json::parse(*ask(answers, "/x?limit=2").body);
+  EXPECT_EQ(first["discoveries"].size(), 2U);
+  ASSERT_TRUE(first["next"].is_string());
+  auto const rest = nlohmann::json::parse(
+      *ask(answers, ("/x?limit=2&cursor=" + encoded(first["next"].get<std::string>())).c_str())
+           .body);
+  EXPECT_EQ(rest["discoveries"].size(), 1U);
+  EXPECT_TRUE(rest["next"].is_null());
+}
+
+TEST_F(KeptListTest, HostsThatFellSilentAreCounted)
+{
+  m_list.update(0,
+                {record("a", "service", 20), record("a", "host", 10), record("b", "host", 5),
+                 record("x", "put by hand", 30, AT_EXTSRC)},
+                "m1", true, 0.1);
+  MasterList const list = m_list.look()->masters[0];
+  EXPECT_EQ(list.hosts, 3U);
+  EXPECT_EQ(list.silentHosts, 1U);
+  EXPECT_EQ(list.oldest, OzfObjTime(5));
+  EXPECT_NE(list.figures, nullptr);
+}
