@@ -73,8 +73,11 @@ def ask(path, target, status=200, method="GET", accept=None, body=None):
 
 
 def printed(*words):
-    return json.loads(subprocess.run([sys.argv[2], *words, "--json"], check=True,
-                                     capture_output=True).stdout)
+    NOTHING = 3
+    result = subprocess.run([sys.argv[2], *words, "--json"], capture_output=True)
+    if result.returncode not in (0, NOTHING):
+        sys.exit(f"tqdiscoctl {words}: {result.stderr.decode()}")
+    return json.loads(result.stdout)
 
 
 def without(value, *names):
