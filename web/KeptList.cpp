@@ -113,7 +113,7 @@ std::shared_ptr<KeptList::Look const> KeptList::look() const
   return m_look;
 }
 
-void KeptList::replace(std::size_t master, MasterList list, bool newRecords)
+bool KeptList::replace(std::size_t master, MasterList list, bool newRecords)
 {
   auto next = std::make_shared<Look>(*look());
   bool const newState = next->masters[master].state != list.state;
@@ -123,8 +123,12 @@ void KeptList::replace(std::size_t master, MasterList list, bool newRecords)
     std::lock_guard const guard(m_mutex);
     m_look = next;
   }
-  if (newState)
-    m_events.add("state", jsonText(toJson(next->masters[master]), -1));
+  return newState;
+}
+
+void KeptList::tellState(std::size_t master)
+{
+  m_events.add("state", jsonText(toJson(look()->masters[master]), -1));
 }
 
 // Whoever listens learns of a change when it can be asked for already.
@@ -167,9 +171,12 @@ void KeptList::update(std::size_t master, Records records, std::string const& ow
   list.listSeconds = seconds;
   list.ownName = ownName;
   list.figures = fleetFiguresOf(list);
-  replace(master, std::move(list), isNew);
+  bool const newState = replace(master, std::move(list), isNew);
   if (isFirst || (isNew && !tellChanges(*before, *after)))
     m_events.reset();
+  // Behind a reset, which takes away what stands before it.
+  if (newState)
+    tellState(master);
 }
 
 // False when they are more than are remembered, and were not told.
@@ -211,7 +218,8 @@ void KeptList::fail(std::size_t master, std::string const& reason)
     list.since = OzfObjTime::now();
   list.state = MasterList::AWAY;
   list.reason = reason;
-  replace(master, std::move(list), false);
+  if (replace(master, std::move(list), false))
+    tellState(master);
 }
 
 void KeptList::setInterval(std::size_t master, double seconds)

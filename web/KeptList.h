@@ -87,7 +87,9 @@ public:
   void setInterval(std::size_t master, double seconds);
 
 private:
-  void replace(std::size_t master, MasterList list, bool newRecords);
+  // Whether the state is another.
+  bool replace(std::size_t master, MasterList list, bool newRecords);
+  void tellState(std::size_t master);
   bool tellChanges(Records const& before, Records const& after);
 
   EventLog& m_events;

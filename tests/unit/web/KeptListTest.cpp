@@ -52,8 +52,8 @@ protected:
 TEST_F(KeptListTest, WhatComesChangesAndGoesIsTold)
 {
   m_list.update(0, {record("b", "host", 10), record("a", "host", 10)}, "m1", true, 0.1);
-  EXPECT_THAT(nextEvent(), HasSubstr("event: state\n"));
   EXPECT_THAT(nextEvent(), HasSubstr("event: reset\n"));
+  EXPECT_THAT(nextEvent(), HasSubstr("event: state\n"));
   m_list.update(0, {record("a", "host", 20), record("c", "host", 20)}, "m1", true, 0.1);
   EXPECT_THAT(nextEvent(), testing::AllOf(HasSubstr("event: changed\n"), HasSubstr("\"a\"")));
   EXPECT_THAT(nextEvent(), testing::AllOf(HasSubstr("event: gone\n"), HasSubstr("\"b\"")));
