@@ -34,7 +34,8 @@ TEST(Version, theChangesOfThisOneAreTold)
 TEST(Version, theManualAndThePkgConfigModuleTakeIt)
 {
   std::string const version = versionOfTheProject();
-  for (char const* const page : {"tqdisco.8.scd", "tqdiscoctl.8.scd", "tqdiscoweb.8.scd", "tq.conf.5.frame.scd"})
+  for (char const* const page :
+       {"tqdisco.8.scd", "tqdiscoctl.8.scd", "tqdiscoweb.8.scd", "tq.conf.5.frame.scd"})
     EXPECT_EQ(firstMatch(readText(std::string(TQ_BINARY_DIR "/docs/man/") + page),
                          "^[a-z.]+\\([58]\\) \"tessarine-discovery ([0-9.]+)\"\n"),
               version)

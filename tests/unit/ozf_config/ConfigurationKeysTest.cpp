@@ -188,10 +188,9 @@ TEST(ConfigurationKeysTest, NoDocumentNamesAKeyThatThereIsNot)
       prefixes.insert(name + '_');
     }
   int seen = 0;
-  for (char const* const path :
-       {"docs/man/tq.conf.5.scd", "docs/man/tqdisco.8.scd", "docs/man/tqdiscoctl.8.scd",
-        "docs/man/tqdiscoweb.8.scd",
-        "docs/operations.md", "packaging/tq.conf.sample", "SECURITY.md"})
+  for (char const* const path : {"docs/man/tq.conf.5.scd", "docs/man/tqdisco.8.scd",
+                                 "docs/man/tqdiscoctl.8.scd", "docs/man/tqdiscoweb.8.scd",
+                                 "docs/operations.md", "packaging/tq.conf.sample", "SECURITY.md"})
   {
     std::string const text = sourceText(path);
     for (auto const& match : allMatches(text, "\\b[A-Z]{2,}(?:_[A-Z]+)*_[A-Z]*\\.?"))
