@@ -3,6 +3,7 @@
 #include "host/HostLog.h"
 #include "ozf/log/Logger.h"
 #include "ozf/orb/Liveness.h"
+#include "ozf/orb/OrbService.h"
 
 #include <algorithm>
 #include <chrono>
@@ -79,12 +80,16 @@ void Watchdog::loop()
     try
     {
       // No longer than a period, so that a slow answer does not hold the next up.
-      bool const alive = stopping || isServiceAnswering(m_service, period);
+      bool const answering = stopping || isServiceAnswering(m_service, period / 2);
+      bool const alive =
+          answering && (stopping || OrbService::Instance()->getOrb().isReactorTurning(period / 2));
       if (alive)
         sd_notify(0, "WATCHDOG=1");
       else if (answered)
         OZF_LOG(getHostLogger(), 1, SOURCE, "Watchdog::loop",
-                "The service's own port does not answer");
+                (answering ? "The service's timers do not fire: a pass over its explorers makes "
+                             "no progress"
+                           : "The service's own port does not answer"));
       answered = alive;
     }
     catch (std::exception const& exception)

@@ -11,9 +11,9 @@ namespace Host
 {
 
 // Tells the watchdog that the service is alive as long as a call to the
-// service's own port is answered, and while the service stops. A thread of its
-// own asks, twice in each of the manager's periods. Without a manager that waits
-// for it there is no thread.
+// service's own port is answered and its reactor turns, and while the service stops. A thread of
+// its own asks, twice in each of the manager's periods. Without a manager that waits for it there
+// is no thread.
 class Watchdog
 {
 public:

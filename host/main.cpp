@@ -19,6 +19,7 @@
 #include "ozf/xml/XmlDocumentInterface.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <optional>
 #include <sys/stat.h>
@@ -118,6 +119,25 @@ void tellOfMissingMaster()
   tellLacking(text);
 }
 
+// The exit code, after telling of it.
+int conclude(OrbService::Outcome outcome, bool started, OrbService const& service)
+{
+  switch (outcome)
+  {
+  case OrbService::ORDERLY:
+    // To a service manager an end before READY is a failed start.
+    if (!started)
+      tellReady("Not started, as the configuration says");
+    OZF_LOG(getHostLogger(), 1, SOURCE, "main",
+            (started ? "Stopped" : "Not started, as the configuration says"));
+    return EXIT_ORDERLY;
+  case OrbService::STOP_FAILED:
+    return EXIT_STOP_FAILED;
+  default:
+    return failStart("The start of " + service.getServiceName() + " failed");
+  }
+}
+
 int runService(Options const& options)
 {
   // What is stored, and the log, is for the owner and the group alone.
@@ -155,22 +175,15 @@ int runService(Options const& options)
   events.stopping = stopping;
   events.status = tellWaiting;
   watchdog.emplace();
-  auto const outcome = service->main(events, started);
+  auto const outcome = static_cast<OrbService::Outcome>(service->main(events, started));
   watchdog.reset();
-  switch (outcome)
+  int const exitCode = conclude(outcome, started, *service);
+  if (service->leavesThreads())
   {
-  case OrbService::ORDERLY:
-    // To a service manager an end before READY is a failed start.
-    if (!started)
-      tellReady("Not started, as the configuration says");
-    OZF_LOG(getHostLogger(), 1, SOURCE, "main",
-            (started ? "Stopped" : "Not started, as the configuration says"));
-    return EXIT_ORDERLY;
-  case OrbService::STOP_FAILED:
-    return EXIT_STOP_FAILED;
-  default:
-    return failStart("The start of " + service->getServiceName() + " failed");
+    LoggerFactory::flush();
+    std::_Exit(exitCode);
   }
+  return exitCode;
 }
 
 } // namespace

@@ -297,6 +297,19 @@ ACE_Reactor* Orb::getReactor() const noexcept
   return m_state->reactor ? m_state->reactor->get() : nullptr;
 }
 
+bool Orb::relieveReactor() { return m_state->reactor && m_state->reactor->relieve(); }
+
+void Orb::allowReactor(std::chrono::milliseconds time)
+{
+  if (m_state->reactor)
+    m_state->reactor->allow(time);
+}
+
+bool Orb::isReactorTurning(std::chrono::milliseconds time)
+{
+  return !m_state->reactor || m_state->reactor->isTurning(time);
+}
+
 OrbCore* Orb::getOrbCore() noexcept { return m_state->up ? &m_state->core : nullptr; }
 
 void Orb::setRequestTimeout(ACE_Time_Value const& timeout)

@@ -16,6 +16,7 @@
 #include <ace/Time_Value.h>
 #include <ace/Timer_Queuefwd.h>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -76,6 +77,19 @@ public:
   // before init.
   ACE_Reactor* getReactor() const noexcept;
   OrbCore* getOrbCore() noexcept; // null while the Orb is down
+
+  // For handlers on that reactor which may be held up. Each does nothing, and isReactorTurning
+  // says yes, while the Orb is down.
+  //
+  // Lets another thread run the reactor beside the one that does and is held up, which
+  // leaves it when its handler returns. False, with a line, when there can be none. Not on
+  // the reactor's thread. A shutdown of the Orb waits for both.
+  bool relieveReactor();
+  // The handler that runs now may take that long. On the reactor's thread.
+  void allowReactor(std::chrono::milliseconds time);
+  // Whether the reactor comes round within the time, or may take longer just now. Blocks
+  // for that time at most.
+  bool isReactorTurning(std::chrono::milliseconds time);
 
   // Whole calls, sending and waiting for the answer. Connecting takes no longer
   // than that, and never longer than 10 seconds. Holds for the process; 30

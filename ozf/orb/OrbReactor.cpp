@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <chrono>
 #include <exception>
+#include <system_error>
 
 namespace Quillon::Tessarine::Ozf
 {
@@ -92,26 +93,117 @@ OrbReactor::~OrbReactor() { stop(); }
 
 void OrbReactor::start()
 {
-  if (!m_thread.joinable())
-    m_thread = std::thread([this] { loop(); });
+  std::lock_guard const guard(m_threadsMutex);
+  if (m_thread.joinable())
+    return;
+  m_left = std::make_shared<std::atomic<bool>>(false);
+  m_thread = std::thread(
+      [this, left = m_left]
+      {
+        loop(0);
+        *left = true;
+      });
 }
 
 void OrbReactor::stop()
 {
-  if (!m_thread.joinable())
-    return;
-  // The reactor's own flag for this is no atomic, and the loop reads it.
-  m_stopping = true;
+  std::list<Relieved> threads;
+  {
+    std::lock_guard const guard(m_threadsMutex);
+    if (!m_thread.joinable())
+      return;
+    // The reactor's own flag for this is no atomic, and the loop reads it.
+    m_stopping = true;
+    threads.swap(m_relieved);
+    threads.push_back({std::move(m_thread), m_left});
+  }
   m_reactor->notify();
-  m_thread.join();
+  for (Relieved& relieved : threads)
+    relieved.thread.join();
   m_reactor->end_reactor_event_loop();
 }
 
-void OrbReactor::loop()
+bool OrbReactor::relieve()
+{
+  std::lock_guard const guard(m_threadsMutex);
+  if (m_stopping || !m_thread.joinable())
+    return false;
+  for (auto relieved = m_relieved.begin(); relieved != m_relieved.end();)
+  {
+    if (!*relieved->left)
+    {
+      ++relieved;
+      continue;
+    }
+    relieved->thread.join();
+    relieved = m_relieved.erase(relieved);
+  }
+  auto const left = std::make_shared<std::atomic<bool>>(false);
+  unsigned const turn = m_turn + 1;
+  try
+  {
+    std::thread next(
+        [this, left, turn]
+        {
+          loop(turn);
+          *left = true;
+        });
+    m_relieved.push_back({std::move(m_thread), m_left});
+    m_thread = std::move(next);
+    m_left = left;
+  }
+  catch (std::system_error const& error)
+  {
+    OZF_LOG(getFrameworkLogger(), 1, SOURCE, "OrbReactor::relieve",
+            "Unable to start another thread for the event loop: " << error.what());
+    return false;
+  }
+  m_allowedUntil = 0;
+  m_turn = turn;
+  return true;
+}
+
+void OrbReactor::allow(std::chrono::milliseconds time) noexcept
+{
+  m_allowedUntil = (Clock::now() + time).time_since_epoch().count();
+}
+
+bool OrbReactor::isAllowed() const noexcept
+{
+  return Clock::now().time_since_epoch().count() < m_allowedUntil;
+}
+
+bool OrbReactor::isTurning(std::chrono::milliseconds time)
+{
+  if (isAllowed())
+    return true;
+  unsigned const asked = ++m_asked;
+  ACE_Time_Value immediately = ACE_Time_Value::zero;
+  m_reactor->notify(nullptr, ACE_Event_Handler::EXCEPT_MASK, &immediately);
+  std::unique_lock lock(m_answerMutex);
+  return m_answer.wait_for(lock, time, [&] { return static_cast<int>(m_answered - asked) >= 0; }) ||
+         isAllowed();
+}
+
+void OrbReactor::noteTurn()
+{
+  unsigned const asked = m_asked;
+  if (m_answered == asked)
+    return;
+  {
+    std::lock_guard const guard(m_answerMutex);
+    m_answered = asked;
+  }
+  m_answer.notify_all();
+}
+
+void OrbReactor::loop(unsigned turn)
 {
   m_reactor->owner(ACE_OS::thr_self());
-  while (!m_stopping)
+  // The one who begins may be here before its turn is told.
+  while (!m_stopping && static_cast<int>(m_turn - turn) <= 0)
   {
+    noteTurn();
     try
     {
       if (m_reactor->handle_events() >= 0 || m_stopping || errno == EINTR)

@@ -145,7 +145,8 @@ int OrbService::main(Events const& events, bool& started)
   // What doInit left half done is taken down the same way.
   bool orderly = runHook("doStop", &OrbService::doStop);
   orderly = runHook("doExit", &OrbService::doExit) && orderly;
-  orderly = runHook("the stop of the ORB", &OrbService::stopOrbHook) && orderly;
+  if (!m_leavesThreads)
+    orderly = runHook("the stop of the ORB", &OrbService::stopOrbHook) && orderly;
   if (!up)
     return START_FAILED;
   return orderly ? ORDERLY : STOP_FAILED;

@@ -53,6 +53,10 @@ public:
   };
   int main(Events const& events, bool& started);
 
+  // Whether the stop has left threads behind that would not end. They may be anywhere, so
+  // the object must not be destroyed and the process has to end without its clean-up.
+  bool leavesThreads() const noexcept { return m_leavesThreads; }
+
   // Asks the service to stop: wakes main. Any thread, upcalls and signal
   // handlers included. immediate is noted and changes nothing here. A second
   // call changes nothing.
@@ -75,6 +79,9 @@ protected:
   virtual int doExit();
   virtual bool doShouldStart();
 
+  // In doStop or doExit: the ORB is then not stopped, since that would wait for them.
+  void leaveThreads() noexcept { m_leavesThreads = true; }
+
 private:
   bool runHook(char const* hook, int (OrbService::*operation)());
   int shouldStartHook();
@@ -87,6 +94,7 @@ private:
   OzfLogger* const m_logger;
   bool const m_debug;
   bool m_shouldStart = false;
+  bool m_leavesThreads = false;
   Events m_events; // of main, set before the hooks run
   std::unique_ptr<Orb> m_orb;
   int m_stopEvent; // an eventfd

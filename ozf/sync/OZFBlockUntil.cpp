@@ -21,6 +21,12 @@ void OZFBlockUntil::add(OZFRefCounted& object)
   ++m_alive;
 }
 
+void OZFBlockUntil::leave(OZFRefCounted& object)
+{
+  if (OZFBlockUntil* const barrier = object.m_barrier.exchange(nullptr); barrier != nullptr)
+    barrier->objectGone();
+}
+
 bool OZFBlockUntil::isOpen() const
 {
   std::lock_guard guard(m_mutex);

@@ -27,6 +27,10 @@ public:
   // barrier; adding it a second time is a mistake and is ignored.
   void add(OZFRefCounted& object);
 
+  // Does not wait for the object any more; nothing where it belongs to no barrier. The
+  // caller holds a reference to it, and keeps the barrier from going meanwhile.
+  static void leave(OZFRefCounted& object);
+
   // Whether every object added is gone.
   bool isOpen() const;
 

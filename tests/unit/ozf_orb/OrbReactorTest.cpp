@@ -172,6 +172,60 @@ TEST_F(OrbReactorTest, shutdownWaitsForARunningHandlerAndEndsTheTimers)
   EXPECT_EQ(repeating->referenceCount(), 1);
 }
 
+TEST_F(OrbReactorTest, isHeldUpByAHandlerUntilAnotherThreadRelievesIt)
+{
+  using std::chrono::milliseconds;
+  using std::chrono::seconds;
+  EXPECT_TRUE(orb.isReactorTurning(seconds(20)));
+  Gate gate;
+  auto const held = makeHandler(
+      [&]
+      {
+        gate.pass();
+        return 0;
+      });
+  schedule(held, ACE_Time_Value::zero);
+  ASSERT_TRUE(gate.awaitArrival());
+  EXPECT_FALSE(orb.isReactorTurning(milliseconds(50)));
+
+  ASSERT_TRUE(orb.relieveReactor());
+  EXPECT_TRUE(orb.isReactorTurning(seconds(20)));
+  auto const next = makeHandler();
+  schedule(next, ACE_Time_Value::zero);
+  EXPECT_TRUE(eventually([&] { return next->fired > 0; }));
+  EXPECT_NE(next->thread, held->thread);
+
+  gate.open();
+  // The relieved thread is gone from the loop: whoever turns it is the other one.
+  for (int i = 0; i < 20; ++i)
+  {
+    auto const later = makeHandler();
+    schedule(later, ACE_Time_Value::zero);
+    ASSERT_TRUE(eventually([&] { return later->fired > 0; }));
+    EXPECT_EQ(later->thread, next->thread);
+  }
+  ASSERT_TRUE(orb.relieveReactor());
+  EXPECT_TRUE(orb.isReactorTurning(seconds(20)));
+  orb.shutdown();
+}
+
+TEST_F(OrbReactorTest, countsAsTurningAsLongAsAHandlerMayTake)
+{
+  Gate gate;
+  auto const held = makeHandler(
+      [&]
+      {
+        orb.allowReactor(std::chrono::hours(1));
+        gate.pass();
+        return 0;
+      });
+  schedule(held, ACE_Time_Value::zero);
+  ASSERT_TRUE(gate.awaitArrival());
+  EXPECT_TRUE(orb.isReactorTurning(std::chrono::milliseconds(1)));
+  gate.open();
+  orb.shutdown(); // while there is a gate
+}
+
 TEST(OrbReactorDescriptorsTest, worksWithMoreThanAThousandDescriptorsOpen)
 {
   ProductRoot const root("");

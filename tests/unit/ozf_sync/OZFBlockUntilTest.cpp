@@ -83,6 +83,23 @@ TEST(OZFBlockUntil, AnObjectCountsOnce)
   barrier.wait();
 }
 
+TEST(OZFBlockUntil, DoesNotWaitForAnObjectThatHasLeft)
+{
+  AutoDereference<Waiter> const left(new Waiter);
+  AutoDereference<Waiter> gone(new Waiter);
+  {
+    OZFBlockUntil barrier;
+    barrier.add(*left);
+    barrier.add(*gone);
+    OZFBlockUntil::leave(*left);
+    EXPECT_FALSE(barrier.isOpen());
+    gone.reset();
+    EXPECT_TRUE(barrier.isOpen());
+    OZFBlockUntil::leave(*left); // it belongs to none any more
+    barrier.wait();
+  }
+}
+
 TEST(OZFBlockUntil, MayGoAsSoonAsItOpened)
 {
   destroyed = 0;
