@@ -2,6 +2,8 @@
 
 #include "discovery/DiscoveryLog.h"
 #include "discovery/ExplorerCall.h"
+#include "discovery/ExplorerPayload.h"
+#include "discovery/ExplorerRuns.h"
 #include "ozf/orb/Corba.h"
 
 #include <ace/Recursive_Thread_Mutex.h>
@@ -9,6 +11,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <optional>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
@@ -54,6 +57,17 @@ int MemCollectionData::open(OpenMode mode, char const* name)
   OZF_ASSERT(explorer != nullptr, "NULL != exp", SOURCE, OPERATION);
   OZF_ASSERT(name != nullptr, "filterParmaetersXml", SOURCE, OPERATION);
 
+  std::shared_ptr<ExplorerRecord> const& record = m_query->getEntry()->getRecord();
+  std::optional<ExplorerRun> run;
+  if (record && !getExplorerRuns().mayRun(*record))
+  {
+    OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION,
+            "Explorer " << record->name() << " is not asked: it is " << record->now().result);
+    return 0;
+  }
+  if (record)
+    run.emplace(record, ExplorerRuns::budgetOnRequest());
+
   // Explorers are plug-ins: what one throws is its failure, not the caller's.
   bool produced = false;
   try
@@ -80,7 +94,10 @@ int MemCollectionData::open(OpenMode mode, char const* name)
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
             "Explorer " << nameForLog(*explorer) << " failed: " << currentExceptionText());
   }
-  m_query->getEntry()->noteRun(OzfObjTime::now(), produced ? DS_SUCCESS : DS_OPEN_FAILED);
+  DiscoveryStatus const status = produced ? DS_SUCCESS : DS_OPEN_FAILED;
+  m_query->getEntry()->noteRun(OzfObjTime::now(), status);
+  if (run)
+    run->finish(Explorers::describe(status), produced);
   m_position = 0;
   return produced ? 1 : 0;
 }

@@ -3,6 +3,7 @@
 #include "discovery/DiscDB.h"
 #include "discovery/DiscDBLock.h"
 #include "discovery/DiscoveryLog.h"
+#include "discovery/ExplorerRuns.h"
 #include "discovery/DiscoveryRepository.h"
 #include "discovery/DiscoveryServant.h"
 #include "discovery/MetadataCache.h"
@@ -166,9 +167,12 @@ void DiscoveryFramework::shutdown()
             {
               // Waits for the calls in progress on the objects of this POA: left
               // to itself the ORB would finish this on a thread of its own, which
-              // must not meet the destruction of the POA.
+              // must not meet the destruction of the POA. A call that a late
+              // explorer holds up is not waited for; then the POA stays.
               PortableServer::POAManager_var const manager = m_served->rootPOA->the_POAManager();
-              manager->deactivate(true, true);
+              m_leftCalls = !getExplorerRuns().takeStep(
+                  [manager]
+                  { attempt(OPERATION, [&manager] { manager->deactivate(true, true); }); });
               Remote::getOpenWriters().close();
             });
   getDiscoveryRepository().shutdown();
@@ -185,7 +189,15 @@ void DiscoveryFramework::fini()
   bool released = true;
   if (m_served)
   {
-    released = attempt(OPERATION, [this] { m_served->rootPOA->destroy(false, true); });
+    // This waits for calls in progress also where the manager did not.
+    auto const done = std::make_shared<bool>(false);
+    m_leftCalls = m_leftCalls ||
+                  !getExplorerRuns().takeStep(
+                      [done, root = m_served->rootPOA]
+                      { *done = attempt(OPERATION, [&root] { root->destroy(false, true); }); });
+    // What a late collection is made for belongs to the repository's barrier.
+    m_leftCalls = m_leftCalls || !getExplorerRuns().unfinished().empty();
+    released = !m_leftCalls && *done;
     m_served.reset();
     getDiscoveryDBDatabase()->keepIndex(false);
   }

@@ -45,6 +45,9 @@ public:
   void shutdown();
   void fini();
 
+  // From shutdown on: whether calls were left in progress that late explorers hold up.
+  bool leavesCalls() const noexcept { return m_leftCalls; }
+
   Orb* getOrb() const; // asserts that there is one
   Orb* findOrb() const noexcept { return m_orb; }
   DiscoveryServiceType getType() const noexcept { return m_type; }
@@ -59,6 +62,7 @@ private:
 
   std::int64_t m_init = 0;
   bool m_shutdown = false;
+  bool m_leftCalls = false;
   bool const m_ownAce;
   std::string const m_name;
   DiscoveryServiceType const m_type;

@@ -8,12 +8,16 @@
 #include "discovery/ExplorerCall.h"
 #include "discovery/DiscoveryRepositoryTimers.h"
 #include "discovery/ExplorerLoader.h"
+#include "discovery/ExplorerRuns.h"
 #include "discovery/PullExplorerCache.h"
+#include "discovery/RegistrationWatch.h"
 #include "discovery/RemoteDB.h"
 #include "ozf/config/HostRole.h"
 #include "ozf/plugin/EngineContext.h"
 
 #include <ace/Singleton.h>
+
+#include <optional>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
@@ -36,6 +40,16 @@ AutoDereference<ExplorerWrapper> newEntry(DiscoveryRepository const& repository,
   OZF_ASSERT(authority != nullptr, "NULL != authority", SOURCE, REGISTER);
   return AutoDereference<ExplorerWrapper>(
       new ExplorerWrapper(explorer, priority, subject, authority));
+}
+
+// What the explorers of other hosts do is those hosts' to tell.
+void declareRuns(ExplorerWrapper& entry, ExplorerRecord::Kind kind)
+{
+  if (dynamic_cast<RemoteExplorerPull const*>(entry.getExplorer()) == nullptr)
+    entry.setRecord(getExplorerRuns().declare(
+        {kind, entry.getAuthority()->getName().str(), entry.getAuthority()->getType(),
+         entry.getSubject()->getName().str(), entry.getPriority(), RegistrationWatch::origin(),
+         entry.getExplorer()}));
 }
 
 } // namespace
@@ -165,6 +179,7 @@ void DiscoveryRepository::registerExplorer(Subject const* subject, ExplorerPush 
 {
   AutoDereference<ExplorerWrapper> const entry =
       newEntry(*this, subject, explorer, priority, authority);
+  declareRuns(*entry, ExplorerRecord::PUSH);
   LockableGuard lockableGuard(*this);
   OZF_ASSERT(lockableGuard.locked(), "lockableGuard.locked()", SOURCE, REGISTER);
   m_registrations.addPush(entry);
@@ -176,6 +191,7 @@ Registration DiscoveryRepository::registerExplorer(Subject const* subject,
                                                    Authority const* authority, bool fromCache)
 {
   AutoDereference<ExplorerWrapper> entry = newEntry(*this, subject, explorer, priority, authority);
+  declareRuns(*entry, ExplorerRecord::PULL);
   LockableGuard lockableGuard(*this);
   OZF_ASSERT(lockableGuard.locked(), "lockableGuard.locked()", SOURCE, REGISTER);
   Registration registration = m_registrations.addPull(entry, fromCache);
@@ -322,6 +338,18 @@ DiscoveryRepository::getRegisteredExplorerParser(OzfString const& name)
 void DiscoveryRepository::startExplorers(ExplorerSet explorers, EngineContext const& context)
 {
   for (auto const& entry : explorers)
+  {
+    std::optional<CrashMark> mark;
+    if (std::shared_ptr<ExplorerRecord> const& record = entry->getRecord())
+    {
+      CrashSuspect const suspect = record->startSuspect();
+      if (getExplorerCrashes().isLeftOut(suspect))
+      {
+        record->setNotStarted();
+        continue;
+      }
+      mark.emplace(suspect);
+    }
     callExplorer(*entry->getExplorer(), SOURCE, "DiscoveryRepository::startExplorers",
                  [&]
                  {
@@ -329,17 +357,34 @@ void DiscoveryRepository::startExplorers(ExplorerSet explorers, EngineContext co
                                                           *entry->getSubject(), entry->getContext(),
                                                           this);
                  });
+  }
 }
 
 void DiscoveryRepository::stopExplorers(ExplorerSet const& explorers)
 {
   for (auto const& entry : explorers)
-    callExplorer(*entry->getExplorer(), SOURCE, "DiscoveryRepository::stopExplorers",
-                 [&]
-                 {
-                   entry->getExplorer()->stopExploration(*entry->getAuthority(),
-                                                         *entry->getSubject(), entry->getContext());
-                 });
+  {
+    auto const isHeldUp = [&entry]
+    { return entry->getRecord() && getExplorerRuns().isLate(*entry->getRecord()); };
+    if (isHeldUp())
+    {
+      entry->setStopDue();
+      // It may have returned before it could see that.
+      if (isHeldUp() || !entry->isStopDue())
+        continue;
+    }
+    stopExplorer(*entry);
+  }
+}
+
+void DiscoveryRepository::stopExplorer(ExplorerWrapper& entry)
+{
+  callExplorer(*entry.getExplorer(), SOURCE, "DiscoveryRepository::stopExplorers",
+               [&]
+               {
+                 entry.getExplorer()->stopExploration(*entry.getAuthority(), *entry.getSubject(),
+                                                      entry.getContext());
+               });
 }
 
 void DiscoveryRepository::setRefreshWait(std::function<void()> wait)
@@ -371,10 +416,11 @@ void DiscoveryRepository::shutdown()
       std::lock_guard guard(m_timersMutex);
       pushTimer = std::move(m_pushTimer);
       registerTimer = std::move(m_registerTimer);
+      if (pushTimer)
+        timersGone.add(*pushTimer);
     }
     if (pushTimer)
     {
-      timersGone.add(*pushTimer);
       pushTimer->shutdown();
       pushTimer.reset();
     }
@@ -393,6 +439,10 @@ void DiscoveryRepository::shutdown()
   stopExplorers(*getPullExplorers());
   m_registrations.clear();
   m_cachedRegistrations.clear();
+  for (auto const& left : getExplorerRuns().unfinished())
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Stopping without explorer " << left.record->name() << ", which has not returned for "
+                                         << left.since.count() / 1000 << " seconds");
 }
 
 void DiscoveryRepository::fini()

@@ -102,7 +102,8 @@ public:
   // caller's.
   virtual Authority* getLocalAuthority() const;
 
-  // Tell each explorer, on this thread; what one throws is logged.
+  // Tell each explorer, on this thread; what one throws is logged. One whose run is late
+  // is told to stop when that has returned, if that is before the process ends.
   virtual void startExplorers(ExplorerSet explorers, EngineContext const& context);
   virtual void stopExplorers(ExplorerSet const& explorers);
 
@@ -227,7 +228,8 @@ public:
   void setRefreshWait(std::function<void()> wait);
 
   // Once for each framework: waits for a refresh in progress, stops timers, waiting for a pass in
-  // progress, and explorers, and empties the registry.
+  // progress, and explorers, and empties the registry. Late explorers are not waited
+  // for; a line names each that it leaves.
   void shutdown();
   bool isShuttingDown() const noexcept { return m_peers.isShuttingDown(); }
 
@@ -238,6 +240,11 @@ public:
   OZFBlockUntil& getBarrier() noexcept { return *m_barrier; }
 
 private:
+  // Goes on with the pass that the entry before next holds up, and with the reactor, on
+  // another thread; the shutdown does not wait for the held timer any more.
+  void passOn(ExplorerPushTimer& held, ExplorerSet::const_iterator next, OzfObjTime const& fired);
+  void stopExplorer(ExplorerWrapper& entry);
+
   Registrations m_registrations;
   CachedRegistrations m_cachedRegistrations;
   AutoDereference<DiscoveryFramework> m_discoveryFramework;

@@ -4,6 +4,7 @@
 
 #include "discovery/Explorer.h"
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -12,6 +13,8 @@
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
+
+class ExplorerRecord;
 
 // One registration. Owns the subject and the authority.
 class TQ_EXPORT ExplorerWrapper : public virtual OZFRefCounted
@@ -29,6 +32,15 @@ public:
   // The explorer's own state; it guards it itself.
   AutoDereference<OZFRefCounted>& getContext() noexcept { return m_context; }
 
+  // What is known of its runs; null for the explorers of other hosts and where nobody
+  // has declared it. Set before others see the entry.
+  void setRecord(std::shared_ptr<ExplorerRecord> record) { m_record = std::move(record); }
+  std::shared_ptr<ExplorerRecord> const& getRecord() const noexcept { return m_record; }
+
+  // To be stopped once its late run has returned. isStopDue says so once.
+  void setStopDue() noexcept { m_stopDue = true; }
+  bool isStopDue() noexcept { return m_stopDue.exchange(false); }
+
   // How the explorer fares, for those who watch it: when it ran last, or was
   // last asked for a collection, and what came of it. Any thread.
   struct Run
@@ -45,6 +57,8 @@ private:
   std::unique_ptr<Authority const> m_authority;
   std::unique_ptr<Subject const> m_subject;
   AutoDereference<OZFRefCounted> m_context;
+  std::shared_ptr<ExplorerRecord> m_record;
+  std::atomic<bool> m_stopDue{false};
   mutable std::mutex m_runMutex;
   Run m_run; // guarded by m_runMutex
 };

@@ -5,6 +5,8 @@
 #include "discovery/AnnouncementState.h"
 #include "discovery/DiscoveryLog.h"
 #include "discovery/ExplorerCall.h"
+#include "discovery/ExplorerPayload.h"
+#include "discovery/ExplorerRuns.h"
 #include "discovery/RefreshRequests.h"
 #include "ozf/config/HostRole.h"
 #include "ozf/orb/Orb.h"
@@ -14,6 +16,7 @@
 
 #include <cstdlib>
 #include <limits>
+#include <optional>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
@@ -27,6 +30,14 @@ constexpr int PUSH_PERIOD = 5;      // seconds
 constexpr int REGISTER_RETRY = 300; // seconds
 constexpr int REGISTER_DELAY_RANGE = 300;
 constexpr int TRIGGERED_PUSH_RANGE = 60;
+
+constexpr char PUSH_FIRING[] = "ExplorerPushTimer::handle_timeout";
+
+// What the reactor's thread may take: for the master's answer, for the look at whether a
+// budget is over, and for a call to the master.
+constexpr std::chrono::minutes LOOK_FOR_REQUESTS(2);
+constexpr std::chrono::seconds RELIEF(5);
+constexpr std::chrono::minutes CALL_TO_MASTER(1);
 
 // Each trigger may put a pass off by a minute; explorers' records hold a quarter
 // longer than their interval.
@@ -131,6 +142,20 @@ DiscoveryRepository::ExplorerPushTimer::ExplorerPushTimer(
 {
 }
 
+DiscoveryRepository::ExplorerPushTimer::ExplorerPushTimer(ExplorerPushTimer& held,
+                                                          ExplorerSet::const_iterator next,
+                                                          OzfObjTime const& fired)
+    : m_repository(held.m_repository),
+      m_explorers(held.m_explorers),
+      m_period(held.m_period),
+      m_rest(std::pair(next, fired))
+{
+  LockableGuard lockableGuard(held);
+  OZF_ASSERT(lockableGuard.locked(), "lockableGuard.locked()", SOURCE,
+             "ExplorerPushTimer::ExplorerPushTimer");
+  m_quietUntil = held.m_quietUntil;
+}
+
 bool DiscoveryRepository::ExplorerPushTimer::trigger(ACE_Time_Value const& delay)
 {
   LockableGuard lockableGuard(*this);
@@ -155,42 +180,83 @@ void DiscoveryRepository::ExplorerPushTimer::noteFiring()
 
 void DiscoveryRepository::ExplorerPushTimer::fire(OzfObjTime const& fired)
 {
-  constexpr char const* OPERATION = "ExplorerPushTimer::handle_timeout";
   noteFiring();
-  if (!enterOrb(m_repository, OPERATION, "Cannot get instance of ORB"))
+  if (!enterOrb(m_repository, PUSH_FIRING, "Cannot get instance of ORB"))
     return;
-  getRefreshRequests().obey(
-      [this]
-      { return m_repository.queryDiscoveries(DQ_DISCOVERY_DATA, "*", REFRESH_PATTERN, AT_EXTSRC); },
-      *m_explorers);
-
-  for (auto const& entry : *m_explorers)
+  auto [entry, passTime] = m_rest.value_or(std::pair(m_explorers->begin(), fired));
+  if (!m_rest)
   {
-    if (m_repository.isShuttingDown())
-      return;
-    auto* const explorer = dynamic_cast<ExplorerPush*>(entry->getExplorer());
-    OZF_ASSERT(explorer != nullptr, "NULL != exp", SOURCE, OPERATION);
+    m_repository.getOrb()->allowReactor(LOOK_FOR_REQUESTS);
+    getRefreshRequests().obey(
+        [this] {
+          return m_repository.queryDiscoveries(DQ_DISCOVERY_DATA, "*", REFRESH_PATTERN, AT_EXTSRC);
+        },
+        *m_explorers);
+  }
+  m_rest.reset();
 
-    callExplorer(*explorer, SOURCE, OPERATION,
+  for (; entry != m_explorers->end(); ++entry)
+    if (m_repository.isShuttingDown() || !visit(entry, passTime))
+      return;
+  m_repository.getOrb()->allowReactor(std::chrono::milliseconds(0));
+  schedule(m_period);
+}
+
+// False when the pass went on without this thread.
+bool DiscoveryRepository::ExplorerPushTimer::visit(ExplorerSet::const_iterator entry,
+                                                   OzfObjTime const& fired)
+{
+  ExplorerWrapper& visited = **entry;
+  auto* const explorer = dynamic_cast<ExplorerPush*>(visited.getExplorer());
+  OZF_ASSERT(explorer != nullptr, "NULL != exp", SOURCE, PUSH_FIRING);
+  std::shared_ptr<ExplorerRecord> const& record = visited.getRecord();
+  if (record && !getExplorerRuns().mayRun(*record))
+    return true;
+  auto const budget = ExplorerRuns::budget();
+  m_repository.getOrb()->allowReactor(budget + RELIEF);
+
+  OzfObjTime now;
+  OzfObjTime interval;
+  bool due = false;
+  callExplorer(*explorer, SOURCE, PUSH_FIRING,
+               [&]
+               {
+                 now = OzfObjTime::now();
+                 interval = wholeSeconds(explorer->getPollingInterval());
+                 due = !(explorer->getLastExplorationTime() + interval > now);
+               });
+  if (!due)
+    return true;
+
+  bool late = false;
+  {
+    auto const self = AutoDereference<ExplorerPushTimer>::retain(this);
+    std::optional<ExplorerRun> run;
+    if (record)
+      run.emplace(record, budget,
+                  [self, next = std::next(entry), fired]
+                  { self->m_repository.passOn(*self, next, fired); });
+    callExplorer(*explorer, SOURCE, PUSH_FIRING,
                  [&]
                  {
-                   OzfObjTime const now = OzfObjTime::now();
-                   OzfObjTime const interval = wholeSeconds(explorer->getPollingInterval());
-                   if (explorer->getLastExplorationTime() + interval > now)
-                     return;
-
                    explorer->setLastExplorationTime(now);
                    CollectionAttributes const attributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY,
-                                                         fired, interval, entry->getPriority());
+                                                         fired, interval, visited.getPriority());
                    DiscoveryResult result{DS_SUCCESS, 0};
                    // So it stays when the explorer throws.
-                   entry->noteRun(now, DS_LOGIC_ERROR);
-                   explorer->explore(*entry->getAuthority(), *entry->getSubject(), attributes,
-                                     entry->getContext(), &m_repository, result);
-                   entry->noteRun(now, result.discStatus);
+                   visited.noteRun(now, DS_LOGIC_ERROR);
+                   explorer->explore(*visited.getAuthority(), *visited.getSubject(), attributes,
+                                     visited.getContext(), &m_repository, result);
+                   visited.noteRun(now, result.discStatus);
+                   if (run)
+                     run->finish(Explorers::describe(result.discStatus),
+                                 isInOrder(result.discStatus));
                  });
+    late = run && run->end();
   }
-  schedule(m_period);
+  if (late && visited.isStopDue())
+    m_repository.stopExplorer(visited);
+  return !late;
 }
 
 // ---- the register timer ----
@@ -250,6 +316,8 @@ void DiscoveryRepository::ExplorerRegisterTimer::fire(OzfObjTime const&)
 bool DiscoveryRepository::ExplorerRegisterTimer::announce(OzfHostname const& master)
 {
   constexpr char const* OPERATION = "ExplorerRegisterTimer::handle_timeout";
+  Orb& orb = *m_repository.getOrb();
+  orb.allowReactor(CALL_TO_MASTER);
   Snapshot const explorers = m_repository.getPullExplorers();
   OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
           "Registering " << explorers->size() << " explorers with master server");
@@ -274,6 +342,7 @@ bool DiscoveryRepository::ExplorerRegisterTimer::announce(OzfHostname const& mas
     {
       if (m_repository.isShuttingDown())
         break;
+      orb.allowReactor(CALL_TO_MASTER);
       service->registerExplorer(
           local.exportNarrow().c_str(), serviceName.c_str(), entry->getSubject()->getName().c_str(),
           entry->getAuthority()->getName().c_str(), entry->getAuthority()->getType(),
@@ -301,6 +370,27 @@ void DiscoveryRepository::startPushTimer()
   if (previous)
     previous->shutdown();
   timer->schedule(ACE_Time_Value::zero);
+}
+
+void DiscoveryRepository::passOn(ExplorerPushTimer& held, ExplorerSet::const_iterator next,
+                                 OzfObjTime const& fired)
+{
+  AutoDereference<ExplorerPushTimer> rest;
+  {
+    std::lock_guard guard(m_timersMutex);
+    if (m_pushTimer.get() == &held)
+    {
+      if (!isShuttingDown())
+        rest.reset(new ExplorerPushTimer(held, next, fired));
+      m_pushTimer = rest;
+    }
+    OZFBlockUntil::leave(held);
+  }
+  held.shutdown();
+  if (Orb* const orb = findOrb())
+    orb->relieveReactor();
+  if (rest)
+    rest->schedule(ACE_Time_Value::zero);
 }
 
 void DiscoveryRepository::startRegisterTimer()

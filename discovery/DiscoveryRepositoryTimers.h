@@ -12,6 +12,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <optional>
+#include <utility>
 
 class ACE_Reactor;
 
@@ -47,10 +49,19 @@ private:
 
 // Runs the push explorers that are due, every five seconds. Explorers that are
 // registered later are not seen until a new timer is made.
+//
+// One that runs for longer than its budget is left to the thread that it holds up: the
+// reactor goes on with another one, and the pass with a timer in the place of this one,
+// which begins behind that explorer. Without such an explorer there is one thread.
 class TQ_EXPORT DiscoveryRepository::ExplorerPushTimer : public virtual DiscoveryTimerBase
 {
 public:
   ExplorerPushTimer(DiscoveryRepository& repository, std::shared_ptr<ExplorerSet const> explorers);
+
+  // In the place of one that is held up by the entry before next, in the pass that was
+  // begun at that time.
+  ExplorerPushTimer(ExplorerPushTimer& held, ExplorerSet::const_iterator next,
+                    OzfObjTime const& fired);
 
   // Moves the next firing to the delay, as triggerPushTimer says; false when it
   // is left where it is.
@@ -64,12 +75,14 @@ private:
   void fire(OzfObjTime const& fired) override;
   ACE_Time_Value retryDelay() const override { return m_period; }
   void noteFiring();
+  bool visit(ExplorerSet::const_iterator entry, OzfObjTime const& fired);
 
   static inline std::atomic<Clock> s_clock{&std::chrono::steady_clock::now};
 
   DiscoveryRepository& m_repository;
   std::shared_ptr<ExplorerSet const> m_explorers;
   ACE_Time_Value m_period;
+  std::optional<std::pair<ExplorerSet::const_iterator, OzfObjTime>> m_rest; // to begin with
 
   // Guarded by the timer's lock.
   bool m_triggered = false;                           // the firing to come was moved

@@ -2,6 +2,7 @@
 
 #include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryRepository.h"
+#include "discovery/ExplorerRuns.h"
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ConfigurationKeys.h"
 #include "ozf/config/ConfigurationProvider.h"
@@ -21,8 +22,6 @@ namespace
 {
 
 constexpr char SOURCE[] = "DiscoverySvc";
-
-constexpr int REQUEST_TIMEOUT = 30; // seconds
 
 // Another master knows nothing yet of what this host has on demand.
 void announceToNewMaster(ConfigurationReload const& reload)
@@ -66,6 +65,7 @@ int DiscoverySvc::doInit()
 {
   setAceReactor(getOrb().getReactor());
   getOrb().setRequestTimeout(ACE_Time_Value(REQUEST_TIMEOUT));
+  getExplorerCrashes().begin();
   m_framework.reset(new DiscoveryFramework("", DST_GENERIC, &getOrb(), true));
   try
   {
@@ -86,11 +86,18 @@ int DiscoverySvc::doInit()
 
 int DiscoverySvc::doRun() { return 0; }
 
+void DiscoverySvc::noteLeft()
+{
+  if ((m_framework && m_framework->leavesCalls()) || !getExplorerRuns().unfinished().empty())
+    leaveThreads();
+}
+
 int DiscoverySvc::doStop()
 {
   setReloadListener({});
   if (m_framework)
     m_framework->shutdown();
+  noteLeft();
   return 0;
 }
 
@@ -98,7 +105,9 @@ int DiscoverySvc::doExit()
 {
   if (m_framework && m_initialized)
     m_framework->fini();
+  noteLeft();
   setAceReactor(nullptr);
+  getExplorerCrashes().end();
   return 0;
 }
 

@@ -24,6 +24,8 @@ protected:
   bool doShouldStart() override;
 
 private:
+  void noteLeft();
+
   AutoDereference<DiscoveryFramework> m_framework;
   bool m_initialized = false; // the framework's init went through
 };

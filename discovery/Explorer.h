@@ -47,7 +47,9 @@ protected:
 
 // Runs on a timer: every polling interval the push timer calls explore. All its
 // calls come one at a time on the reactor's thread, which the other explorers
-// and timers share, so an exploration must not block for long.
+// and timers share, so an exploration must not block for long. One that takes
+// longer than its budget (EXPLORER_BUDGET_SECONDS) keeps that thread, and the
+// next calls, which come after it, are another's.
 class TQ_EXPORT ExplorerPush : public virtual Explorer
 {
 public:

@@ -1,6 +1,7 @@
 #include "discovery/ExplorerLoader.h"
 
 #include "discovery/DiscoveryLog.h"
+#include "discovery/ExplorerCrashes.h"
 #include "discovery/RegistrationWatch.h"
 #include "ozf/plugin/CurrentException.h"
 #include "ozf/plugin/RuntimeLoader.h"
@@ -48,6 +49,12 @@ constinit TargetSource loaderTarget = nullptr;
 RegistrationEntry entryOf(SymbolResolver const& resolver)
 {
   return reinterpret_cast<RegistrationEntry>(resolver.definitions().front().address);
+}
+
+// As what a library counts that crashes while it registers what it has.
+CrashSuspect suspectOf(std::string const& library)
+{
+  return {"load", library.substr(library.rfind('/') + 1), "", library};
 }
 
 // Filter-data providers of other components may still look at theirs, so these
@@ -146,6 +153,8 @@ void ExplorerLoader::loadDefaultLibrary(SymbolResolver& resolver, SymbolResolver
     DiscoveryRepository& repository = loaderTarget().repository;
     if (RegistrationEntry const registrationEntry = entryOf(entry))
     {
+      RegistrationWatch const watch(DEFAULT_LIBRARY);
+      CrashMark const mark(suspectOf(DEFAULT_LIBRARY));
       registrationEntry(&repository);
       OZF_LOG(getOzfLogger(), 4, SOURCE, operation, completedText);
     }
@@ -218,14 +227,20 @@ void ExplorerLoader::libraryCallback(PluginDirector* director, std::string const
             "Did not find the " << texts.interface << " on plugin " << reportedName);
     return;
   }
+  CrashSuspect const suspect = suspectOf(library);
+  if (getExplorerCrashes().isLeftOut(suspect))
+    return; // as the start has told
   RegistrationEntry const entry = entryOf(*resolver);
   resolvers->push_back(std::move(resolver));
   OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION,
           "Beginning registration of " << texts.registered << " in " << reportedName);
   DiscoveryRepository& repository = loaderTarget().repository;
-  RegistrationWatch const watch;
+  RegistrationWatch const watch(library);
   if (entry != nullptr)
+  {
+    CrashMark const mark(suspect);
     entry(&repository);
+  }
   // Filter data may well have been registered together with the explorers.
   if (kind == EXPLORERS)
     for (auto const& loser : watch.losers())

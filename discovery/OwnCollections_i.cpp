@@ -6,6 +6,7 @@
 #include "discovery/DiscoveryRepository.h"
 #include "discovery/DiscoveryServant.h"
 #include "discovery/ExplorerRemotePull.h"
+#include "discovery/ExplorerRuns.h"
 #include "discovery/Peers.h"
 #include "discovery/RemoteDBWire.h"
 #include "ozf/base/MetadataConverter.h"
@@ -23,11 +24,15 @@ namespace
 
 constexpr char SOURCE[] = "OwnCollections_i";
 
-// Tells of the state at the moment when it is asked. Not in the registry, where it
-// would come before others and keep them from being read.
+// Not in the registry, where it would come before others and keep them from being
+// read. Tells of the state at the moment when it is asked.
 class StateExplorer : public virtual ExplorerPull
 {
 public:
+  using Write = void (*)(std::ostream& text, StateExplorer const& explorer);
+
+  StateExplorer(char const* name, Write write) : m_name(name), m_write(write) {}
+
   void startExploration(EngineContext const&, Authority const&, Subject const&,
                         AutoDereference<OZFRefCounted>&, DiscoveryFactory*) override
   {
@@ -35,53 +40,121 @@ public:
   void stopExploration(Authority const&, Subject const&, AutoDereference<OZFRefCounted>&) override
   {
   }
-  char const* getExplorerName() const override { return ANNOUNCEMENT_AUTHORITY; }
+  char const* getExplorerName() const override { return m_name; }
 
   bool collectionRequested(DiscoveryQuery, Authority const&, Subject const&,
                            AutoDereference<OZFRefCounted>&, char const*,
                            CollectionData* target) override
   {
-    OzfHostname local;
-    local.setLocal();
-    AnnouncementState::Now const now = getAnnouncementState().now();
     std::ostringstream text;
-    XmlStr::xmlProlog(text, XmlStr::UTF_8)
-        << "<DiscoveredItems><DISCOVERED Name=\""
-        << XmlStr(OzfString(local.exportNarrow()), XmlStr::UTF_8) << "\">";
-    appendExplorerDataStartTag(text, XmlStr::UTF_8);
-    add(text, "Role", getDiscoveryRepository().isGenericDSOnMaster() ? "master" : "client");
-    add(text, "State", nameOf(now.phase));
-    add(text, "NextTry", now.next);
-    add(text, "LastTry", now.last);
-    if (!now.reason.empty())
-      add(text, "Reason", now.reason);
-    appendExplorerDataEndTag(text);
-    text << "</DISCOVERED></DiscoveredItems>\n";
+    XmlStr::xmlProlog(text, XmlStr::UTF_8) << "<DiscoveredItems>";
+    m_write(text, *this);
+    text << "</DiscoveredItems>\n";
     std::string const document = text.str();
     return target->writeCollection(document.size(), document.data()) != 0;
   }
 
 private:
-  static void add(std::ostream& os, char const* fact, std::string const& value)
+  char const* const m_name;
+  Write const m_write;
+};
+
+// One item, from its construction to its end.
+class StateItem
+{
+public:
+  StateItem(std::ostream& text, StateExplorer const& explorer, std::string const& name)
+      : m_text(text), m_explorer(explorer)
   {
-    XmlStr::appendStart(os, fact) << XmlStr(value, XmlStr::UTF_8);
-    XmlStr::appendEnd(os, fact);
+    m_text << "<DISCOVERED Name=\"" << XmlStr(OzfString(name), XmlStr::UTF_8) << "\">";
+    m_explorer.appendExplorerDataStartTag(m_text, XmlStr::UTF_8);
+  }
+  ~StateItem()
+  {
+    m_explorer.appendExplorerDataEndTag(m_text);
+    m_text << "</DISCOVERED>";
+  }
+  StateItem(StateItem const&) = delete;
+  StateItem& operator=(StateItem const&) = delete;
+
+  void add(char const* fact, std::string const& value)
+  {
+    XmlStr::appendStart(m_text, fact) << XmlStr(value, XmlStr::UTF_8);
+    XmlStr::appendEnd(m_text, fact);
   }
 
-  static void add(std::ostream& os, char const* fact, OzfObjTime const& time)
+  void add(char const* fact, OzfObjTime const& time)
   {
     std::string text;
     if (!time.isZero() && MetadataConverter::convert(time, text, false))
-      add(os, fact, text);
+      add(fact, text);
   }
+
+  template <class Number>
+  void addNumber(char const* fact, Number number)
+  {
+    add(fact, std::to_string(number));
+  }
+
+private:
+  std::ostream& m_text;
+  StateExplorer const& m_explorer;
 };
 
-AutoDereference<ExplorerWrapper> stateEntry(std::string const& subject)
+void writeAnnouncement(std::ostream& text, StateExplorer const& explorer)
 {
-  AutoDereference<ExplorerPull> const explorer(new StateExplorer);
-  return AutoDereference<ExplorerWrapper>(
-      new ExplorerWrapper(explorer.get(), 0, new Subject(subject),
-                          new Authority(ANNOUNCEMENT_AUTHORITY, AT_TQUCLIENT)));
+  OzfHostname local;
+  local.setLocal();
+  AnnouncementState::Now const now = getAnnouncementState().now();
+  StateItem item(text, explorer, local.exportNarrow());
+  item.add("Role", getDiscoveryRepository().isGenericDSOnMaster() ? "master" : "client");
+  item.add("State", nameOf(now.phase));
+  item.add("NextTry", now.next);
+  item.add("LastTry", now.last);
+  if (!now.reason.empty())
+    item.add("Reason", now.reason);
+}
+
+void writeExplorers(std::ostream& text, StateExplorer const& explorer)
+{
+  for (auto const& record : getExplorerRuns().all())
+  {
+    ExplorerRecord::Description const& what = record->description();
+    ExplorerRecord::Now const now = record->now();
+    StateItem item(text, explorer, what.authority);
+    item.add("Kind", nameOf(what.kind));
+    item.addNumber("Type", static_cast<int>(what.type));
+    item.add("Subject", what.subject);
+    item.addNumber("Priority", what.priority);
+    item.add("Origin", what.origin);
+    item.add("State", nameOf(now.state));
+    item.add("LastRun", now.lastRun);
+    item.add("LastSuccess", now.lastSuccess);
+    if (now.took)
+      item.addNumber("LastDuration", now.took->count());
+    if (now.memory)
+      item.addNumber("LastMemory", *now.memory);
+    item.add("LastResult", now.result.empty() ? "not run" : now.result);
+    item.add("InOrder", now.well ? "yes" : "no");
+    item.addNumber("Runs", now.runs);
+    item.addNumber("Failures", now.failures);
+    item.addNumber("LateRuns", now.lateRuns);
+  }
+}
+
+// What is under the authority but no explorer; null when it is none of these.
+AutoDereference<ExplorerWrapper> stateEntry(std::string const& subject,
+                                            std::string const& authority)
+{
+  AutoDereference<ExplorerPull> explorer;
+  if (authority == ANNOUNCEMENT_AUTHORITY)
+    explorer.reset(new StateExplorer(ANNOUNCEMENT_AUTHORITY, writeAnnouncement));
+  else if (authority == EXPLORERS_AUTHORITY)
+    explorer.reset(new StateExplorer(EXPLORERS_AUTHORITY, writeExplorers));
+  else
+    return {};
+  return AutoDereference<ExplorerWrapper>(new ExplorerWrapper(
+      explorer.get(), 0, new Subject(subject), new Authority(authority, AT_TQUCLIENT)));
 }
 
 // The entry of those very names that no other host has announced; null when there
@@ -117,8 +190,9 @@ DiscoveryStatus OwnCollections_i::getCollectionData(Discovery const& record, cha
     return DS_LOGIC_ERROR;
   std::string const subject = Subject(record.subject.in()).getName().str();
   std::string const authority(record.authority);
-  auto const entry =
-      authority == ANNOUNCEMENT_AUTHORITY ? stateEntry(subject) : findOwn(subject, authority);
+  auto entry = stateEntry(subject, authority);
+  if (!entry)
+    entry = findOwn(subject, authority);
   if (!entry)
   {
     OZF_LOG(getOzfLogger(), 4, SOURCE, OPERATION,

@@ -3,7 +3,8 @@
 // Who asks the service for a collection on demand gets it only while no other
 // entry of the registry comes after it, and never what the service tells of its
 // own state. Here a collection is asked for by its exact names, and it is one of
-// this process's own explorers, or the state under ANNOUNCEMENT_AUTHORITY.
+// this process's own explorers, or the state under ANNOUNCEMENT_AUTHORITY or
+// EXPLORERS_AUTHORITY.
 
 #pragma once
 

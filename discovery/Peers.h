@@ -27,6 +27,13 @@ inline constexpr char OWN_COLLECTIONS[] = "OwnCollections";
 // State (waiting, retrying, announced or none), NextTry, LastTry and Reason.
 inline constexpr char ANNOUNCEMENT_AUTHORITY[] = "announcement";
 
+// The authority under which it tells of the explorers of its process: an item for each,
+// named after its authority, with the facts Kind (push, pull or script), Type, Subject,
+// Priority, Origin, State (idle, running, late or left out), LastRun, LastSuccess,
+// LastDuration (microseconds), LastMemory (bytes), LastResult, InOrder (yes or no), Runs,
+// Failures and LateRuns.
+inline constexpr char EXPLORERS_AUTHORITY[] = "explorers";
+
 // What the stores and explorers of other hosts need of the repository: how to
 // call other hosts, under which name this one answers, and whether to stop. A
 // repository keeps it up to date; its accessors of the same names pass these on.

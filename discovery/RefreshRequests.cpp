@@ -3,6 +3,7 @@
 #include "discovery/DiscoveryLog.h"
 #include "discovery/ExplorerCall.h"
 #include "discovery/ExplorerGroup.h"
+#include "discovery/ExplorerRuns.h"
 #include "ozf/base/AsciiCase.h"
 #include "ozf/base/OzfHostname.h"
 
@@ -98,7 +99,8 @@ void RefreshRequests::apply(DiscoveryIterator& requests, ExplorerSet const& expl
     std::vector<ExplorerPush*> asked;
     for (auto const& entry : explorers)
       if (auto* const explorer = dynamic_cast<ExplorerPush*>(entry->getExplorer());
-          explorer != nullptr && isAskedFor(authority, entry->getAuthority()->getName().str()))
+          explorer != nullptr && isAskedFor(authority, entry->getAuthority()->getName().str()) &&
+          !(entry->getRecord() && getExplorerRuns().isLate(*entry->getRecord())))
         asked.push_back(explorer);
     auto const groups = groupsOf(authorityOf(authority), explorers);
     // Only what there are explorers for is kept in mind.

@@ -10,9 +10,14 @@ thread_local RegistrationWatch* current = nullptr;
 
 } // namespace
 
-RegistrationWatch::RegistrationWatch() { current = this; }
+RegistrationWatch::RegistrationWatch(std::string origin) : m_origin(std::move(origin))
+{
+  current = this;
+}
 
 RegistrationWatch::~RegistrationWatch() { current = nullptr; }
+
+std::string RegistrationWatch::origin() { return current == nullptr ? "" : current->m_origin; }
 
 void RegistrationWatch::note(ExplorerWrapper const& loser, ExplorerWrapper const* standing)
 {

@@ -1,5 +1,6 @@
-// Which registrations of the thread that has one were left out. The registry logs
-// nothing about them; whoever runs the code that registers may want to.
+// Where the registrations of the thread that has one come from, and which of them were
+// left out. The registry logs nothing about those; whoever runs the code that registers
+// may want to.
 
 #pragma once
 
@@ -25,17 +26,21 @@ public:
     ExplorerPriority standingPriority = 0;
   };
 
-  RegistrationWatch();
+  explicit RegistrationWatch(std::string origin);
   ~RegistrationWatch();
   RegistrationWatch(RegistrationWatch const&) = delete;
   RegistrationWatch& operator=(RegistrationWatch const&) = delete;
 
   std::vector<Loser> const& losers() const noexcept { return m_losers; }
 
+  // For the registry; empty on a thread without a watch.
+  static std::string origin();
+
   // For the registry; nothing on a thread without a watch. standing may be null.
   static void note(ExplorerWrapper const& loser, ExplorerWrapper const* standing);
 
 private:
+  std::string const m_origin; // a library
   std::vector<Loser> m_losers;
 };
 

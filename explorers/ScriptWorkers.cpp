@@ -12,6 +12,10 @@ namespace Quillon::Tessarine::Ozf::DiscoverySvc::Explorers
 namespace
 {
 
+// A run ends so long after its time-out at the latest, unless even SIGKILL does not end it.
+constexpr std::chrono::seconds BEYOND_TIMEOUT(5);
+constexpr std::int64_t KIBIBYTE = 1024;
+
 // Makes of what was printed what is to be stored.
 void finish(ScriptResult& result)
 {
@@ -31,17 +35,23 @@ ScriptResult run(ScriptJob job, Scripts::RunStop const& stop)
 {
   ScriptResult result;
   result.job = std::move(job);
-  result.began = OzfObjTime::now();
+  ExplorerRun told(result.job.record,
+                   std::chrono::seconds(result.job.sidecar.timeout) + BEYOND_TIMEOUT);
+  result.began = told.began();
+  auto& outcome = result.outcome;
   try
   {
-    result.outcome =
-        Scripts::runScript(result.job.file, result.job.sidecar, result.job.subject, stop);
+    outcome = Scripts::runScript(result.job.file, result.job.sidecar, result.job.subject, stop);
     finish(result);
   }
   catch (std::exception const& exception)
   {
-    result.outcome.failure = exception.what();
+    outcome.failure = exception.what();
   }
+  if (outcome.failure.empty())
+    told.finish(describe(DS_SUCCESS), true, outcome.memory * KIBIBYTE);
+  else
+    told.finish(outcome.failure, outcome.stopped, outcome.memory * KIBIBYTE);
   return result;
 }
 

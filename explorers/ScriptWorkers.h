@@ -2,12 +2,14 @@
 
 #pragma once
 
+#include "discovery/ExplorerRuns.h"
 #include "ozf/base/OzfObjTime.h"
 #include "ozf/xml/OzfQuery.h"
 #include "scripts/ScriptRun.h"
 
 #include <condition_variable>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -21,6 +23,7 @@ struct ScriptJob
   Scripts::ScriptFile file;
   Scripts::Sidecar sidecar;
   std::string subject;
+  std::shared_ptr<ExplorerRecord> record; // that its run is told to
 };
 
 struct ScriptResult

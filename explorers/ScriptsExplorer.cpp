@@ -57,7 +57,7 @@ void ScriptsExplorer::explore(Authority const&, Subject const& subject, Collecti
     return;
   try
   {
-    look();
+    look(subject.getName().str());
     takeResults();
     result.discStatus = storeResults(subject, *factory);
     begin(subject.getName().str());
@@ -118,7 +118,7 @@ std::string ScriptsExplorer::ownerOf(Scripts::ScriptFile const& file,
   return m_owner(file.name);
 }
 
-void ScriptsExplorer::look()
+void ScriptsExplorer::look(std::string const& subject)
 {
   std::vector<std::string> mistakes;
   auto const found = Scripts::findScripts(m_folder, mistakes);
@@ -159,6 +159,11 @@ void ScriptsExplorer::look()
     for (std::string const& mistake : wrong)
       complain(present, mistake);
     script.usable = wrong.empty();
+    if (!script.record)
+      script.record = getExplorerRuns().declare({ExplorerRecord::SCRIPT, file.name, AT_TQUCLIENT,
+                                                 subject, script.sidecar.priority, file.path});
+    if (!script.usable)
+      script.record->amend(script.record->now().lastRun, "not used: " + wrong.front(), false);
     scripts.emplace(file.path, std::move(script));
   }
   m_scripts = std::move(scripts);
@@ -186,10 +191,11 @@ void ScriptsExplorer::begin(std::string const& subject)
     // At the start all are due, too, yet not all at the same moment.
     if ((allDue && script.ran) || askedFor.contains(inLowerCase(script.file.name)))
       script.due = std::min(script.due, now);
-    if (!script.usable || script.busy || script.due > now)
+    if (!script.usable || script.busy || script.due > now ||
+        !getExplorerRuns().mayRun(*script.record))
       continue;
     OZF_LOG(getOzfLogger(), 6, SOURCE, OPERATION, "The script " << path << " is due");
-    m_workers.submit({script.file, script.sidecar, subject});
+    m_workers.submit({script.file, script.sidecar, subject, script.record});
     plan(script, subject);
   }
 }
@@ -262,7 +268,9 @@ DiscoveryStatus ScriptsExplorer::storeResults(Subject const& subject,
   std::size_t done = 0;
   while (done < m_results.size() && m_clock() - begun < MOST_STORING)
   {
-    auto const each = store(m_results[done], subject, factory);
+    ScriptResult const& found = m_results[done];
+    auto const each = store(found, subject, factory);
+    found.job.record->amend(found.began, describe(each), isInOrder(each));
     status = each == DS_SUCCESS ? status : each;
     if (each != DS_SUCCESS && each != DS_DATA_EXISTS)
     {

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -66,9 +67,10 @@ private:
     bool busy = false; // waits for a thread, runs, or waits to be stored
     bool ran = false;
     Clock::time_point due;
+    std::shared_ptr<ExplorerRecord> record; // of this very file and sidecar
   };
 
-  void look();
+  void look(std::string const& subject);
   void complain(std::set<std::string>& present, std::string const& mistake);
   std::string ownerOf(Scripts::ScriptFile const& file,
                       std::vector<Scripts::ScriptFile> const& all) const;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "discovery/DiscoveryRepository.h"
+#include "discovery/ExplorerRuns.h"
 #include "discovery/WriteCounts.h"
 #include "explorers/Machines.h"
 #include "ozf/base/OzfObjTime.h"
@@ -21,9 +22,11 @@ struct ExplorerState
 {
   std::string authority;
   AuthorityType type{};
-  bool pull = false;
+  ExplorerRecord::Kind kind = ExplorerRecord::PUSH;
   ExplorerPriority priority = 0;
   ExplorerWrapper::Run lastRun;
+  std::string origin = {};
+  std::optional<ExplorerRecord::Now> runs = {}; // where they are told of
 };
 
 // What the service serves, and how its writes went.
@@ -44,6 +47,7 @@ struct ServiceState
   std::uint64_t announced = 0;         // pull explorers of other hosts
   OzfObjTime certificateEnd;           // zero without TLS
   std::string awaitsRestart;           // keys of the configuration, "ORB_BIND, TLS"
+  std::string crashedBy;               // the explorers that ended the process before this one
   std::optional<ServiceLoad> load;     // none where nothing is served
   std::vector<ExplorerState> explorers;
   std::vector<MetLimit> limits; // those that peers met since the start

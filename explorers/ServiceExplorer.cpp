@@ -39,7 +39,7 @@ char const* toText(AuthorityType type)
   }
 }
 
-constexpr char KINDS[] = "service, push, pull, limit or clone";
+constexpr char KINDS[] = "service, push, pull, script, limit or clone";
 
 // Of what is told only where something is served.
 template <std::uint64_t (*NUMBER)(ServiceLoad const&)>
@@ -56,7 +56,7 @@ std::uint64_t writesWithin(ServiceLoad const& load)
 
 constexpr char WITHIN[] = "Of those that were timed, how many took no longer than that";
 
-constexpr std::array<Fact<ServiceState>, 23> SERVICE_FACTS = {{
+constexpr std::array<Fact<ServiceState>, 24> SERVICE_FACTS = {{
     {"Kind", Type::TEXT, KINDS, [](ServiceState const&) -> Value { return SERVICE; }},
     {"Role", Type::TEXT, "master or client",
      [](ServiceState const& state) -> Value { return state.master ? "master" : "client"; }},
@@ -72,6 +72,8 @@ constexpr std::array<Fact<ServiceState>, 23> SERVICE_FACTS = {{
      [](ServiceState const& state) -> Value { return toText(state.certificateEnd); }},
     {"AwaitsRestart", Type::TEXT, "Keys of the configuration whose changes wait for a restart",
      [](ServiceState const& state) -> Value { return known(state.awaitsRestart); }},
+    {"CrashedBy", Type::TEXT, "The explorers that ended the service before its last start",
+     [](ServiceState const& state) -> Value { return known(state.crashedBy); }},
     {"Connections", Type::NUMBER, "The connections that peers have open",
      ofLoad<[](ServiceLoad const& load) { return load.connections.open; }>},
     {"ConnectionsTaken", Type::NUMBER, "The connections that were let in since the start",
@@ -108,18 +110,56 @@ static_assert(WriteCounts::BOUNDS == std::array<WriteCounts::Duration, 5>{
                                          std::chrono::milliseconds(100), std::chrono::seconds(1),
                                          std::chrono::seconds(10)});
 
-constexpr std::array<Fact<ExplorerState>, 5> EXPLORER_FACTS = {{
+Value resultOf(ExplorerState const& state)
+{
+  if (state.runs && !state.runs->result.empty())
+    return state.runs->result;
+  return state.lastRun.time.isZero() ? "not run" : describe(state.lastRun.status);
+}
+
+// A count of its runs; none where they are not told of.
+template <std::uint64_t ExplorerRecord::Now::*COUNT>
+Value countOf(ExplorerState const& state)
+{
+  return state.runs ? Value(std::to_string((*state.runs).*COUNT)) : std::nullopt;
+}
+
+constexpr std::array<Fact<ExplorerState>, 12> EXPLORER_FACTS = {{
     {"Kind", Type::TEXT, KINDS,
-     [](ExplorerState const& state) -> Value { return state.pull ? "pull" : "push"; }},
+     [](ExplorerState const& state) -> Value { return nameOf(state.kind); }},
     {"Type", Type::TEXT, "The authority's type: server, client or external",
      [](ExplorerState const& state) -> Value { return toText(state.type); }},
     {"Priority", Type::NUMBER, "The priority of the registration",
      [](ExplorerState const& state) -> Value { return std::to_string(state.priority); }},
     {"LastRun", Type::TIME, "When it ran last, or was last asked",
      [](ExplorerState const& state) -> Value { return toText(state.lastRun.time); }},
-    {"LastResult", Type::TEXT, "What came of that: success, not run, or what failed",
+    {"LastResult", Type::TEXT,
+     "What came of that: success, not run, late, crashed, left out, or what failed", resultOf},
+    {"Origin", Type::TEXT, "The library or the file that it comes from",
+     [](ExplorerState const& state) -> Value { return known(state.origin); }},
+    {"LastSuccess", Type::TIME, "When the last run began that was in order",
      [](ExplorerState const& state) -> Value
-     { return state.lastRun.time.isZero() ? "not run" : describe(state.lastRun.status); }},
+     { return state.runs ? toText(state.runs->lastSuccess) : std::nullopt; }},
+    {"LastDuration", Type::NUMBER, "How long its last run took",
+     [](ExplorerState const& state) -> Value
+     {
+       return state.runs && state.runs->took ? Value(std::to_string(state.runs->took->count()))
+                                             : std::nullopt;
+     },
+     "microseconds"},
+    {"LastMemory", Type::NUMBER, "By how much the service grew meanwhile",
+     [](ExplorerState const& state) -> Value
+     {
+       return state.runs && state.runs->memory ? Value(std::to_string(*state.runs->memory))
+                                               : std::nullopt;
+     },
+     "bytes"},
+    {"Runs", Type::NUMBER, "Its runs since the service was started",
+     countOf<&ExplorerRecord::Now::runs>},
+    {"Failures", Type::NUMBER, "Those of them that were not in order",
+     countOf<&ExplorerRecord::Now::failures>},
+    {"LateRuns", Type::NUMBER, "Those of them that took longer than they may",
+     countOf<&ExplorerRecord::Now::lateRuns>},
 }};
 
 constexpr std::array<Fact<MetLimit>, 5> LIMIT_FACTS = {{

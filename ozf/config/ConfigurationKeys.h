@@ -239,6 +239,17 @@ inline constexpr ConfigurationKey CONFIGURATION_KEYS[] = {
      .value = "_BYTES_",
      .text = "The memory for what metadata documents say, so that none is parsed twice; the "
              "default takes some 110,000 records. With 0 nothing is kept."},
+    {.name = "EXPLORER_BUDGET_SECONDS",
+     .kind = KeyKind::NUMBER,
+     .low = 1,
+     .high = 86400,
+     .number = 60,
+     .value = "_SECONDS_",
+     .text = "How long one run of an explorer may take. One that takes longer is late: the log "
+             "names it, *tqdiscoctl explorer list* and *status* show it, the others go on without "
+             "it, it is not run beside itself, and a stop of the service does not wait for it. One "
+             "that is asked for its collection may take no more than the 30 seconds that who asks "
+             "waits. Keep it below *TimeoutStopSec* of the unit."},
     {.name = "READ_LIMIT_SECONDS",
      .kind = KeyKind::NUMBER,
      .low = 1,

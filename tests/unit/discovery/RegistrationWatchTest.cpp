@@ -25,7 +25,7 @@ TEST(RegistrationWatchTest, WhoLosesIsNotedWithWhatStandsInItsPlace)
 {
   auto const loser = watchedEntry("disks", AT_EXTSRC, 7);
   auto const standing = watchedEntry("volume", AT_REMOTEPULL, 9);
-  RegistrationWatch const watch;
+  RegistrationWatch const watch("library");
   RegistrationWatch::note(*loser, standing.get());
   RegistrationWatch::note(*loser, nullptr);
   ASSERT_EQ(2U, watch.losers().size());
@@ -45,7 +45,7 @@ TEST(RegistrationWatchTest, OnlyItsOwnThreadIsWatchedAndOnlyWhileItIsThere)
 {
   auto const loser = watchedEntry("disks", AT_EXTSRC, 7);
   {
-    RegistrationWatch const watch;
+    RegistrationWatch const watch("library");
     std::async(std::launch::async, [&] { RegistrationWatch::note(*loser, nullptr); }).get();
     EXPECT_TRUE(watch.losers().empty());
   }

@@ -1,5 +1,6 @@
 // Scripts as explorers: which are run, when, and what is stored of them.
 
+#include "discovery/ExplorerRuns.h"
 #include "discovery/RefreshRequests.h"
 #include "discovery/ExplorerPayload.h"
 #include "explorers/ScriptsExplorer.h"
@@ -70,6 +71,16 @@ protected:
       if (record.authority == authority && record.type == type)
         return record.payload;
     return {};
+  }
+
+  // What is known of the runs of that script; null when it is not listed.
+  std::shared_ptr<ExplorerRecord> record(std::string const& authority) const
+  {
+    for (auto const& each : getExplorerRuns().all())
+      if (each->description().kind == ExplorerRecord::SCRIPT &&
+          each->description().authority == authority)
+        return each;
+    return nullptr;
   }
 
   std::string operator/(std::string const& name) const { return m_folder / name; }
@@ -254,6 +265,54 @@ TEST_F(ScriptsExplorerTest, aNewFileRunsSoonAndARemovedOneNotAgain)
   m_now += 1000;
   ASSERT_TRUE(awaitRuns(4));
   EXPECT_THAT(stored("disks"), HasSubstr("<size>22</size>")); // until it expires
+}
+
+TEST_F(ScriptsExplorerTest, everyScriptIsToldOfWithItsFileAndWhatCameOfItsRun)
+{
+  std::string const good = writeShellScript(*this / "disks.sh", "echo size=1");
+  writeText(*this / "disks.conf", "PRIORITY = 33\n");
+  writeShellScript(*this / "pools", "exit 3");
+  writeShellScript(*this / "filesystem", "echo size=1");
+  ASSERT_TRUE(awaitRuns(2)) << m_log.text();
+  ASSERT_TRUE(record("disks"));
+  EXPECT_EQ(record("disks")->description().origin, good);
+  EXPECT_EQ(record("disks")->description().subject, "client7");
+  EXPECT_EQ(record("disks")->description().priority, 33U);
+  auto const disks = record("disks")->now();
+  EXPECT_EQ(disks.result, "success");
+  EXPECT_TRUE(disks.well);
+  EXPECT_GT(disks.took->count(), 0);
+  EXPECT_GT(*disks.memory, 0);
+  EXPECT_FALSE(disks.lastRun.isZero());
+  EXPECT_EQ(disks.lastSuccess, disks.lastRun);
+  EXPECT_EQ(disks.runs, 1U);
+  auto const pools = record("pools")->now();
+  EXPECT_EQ(pools.result, "it exited with 3");
+  EXPECT_FALSE(pools.well);
+  EXPECT_EQ(pools.failures, 1U);
+  EXPECT_TRUE(pools.lastSuccess.isZero());
+  auto const refused = record("filesystem")->now();
+  EXPECT_THAT(refused.result, HasSubstr("not used: " + (*this / "filesystem") +
+                                        " has the authority filesystem like"));
+  EXPECT_EQ(refused.runs, 0U);
+
+  std::filesystem::remove(good);
+  std::filesystem::remove(*this / "disks.conf");
+  pass();
+  EXPECT_FALSE(record("disks"));
+}
+
+TEST_F(ScriptsExplorerTest, whatCannotBeStoredIsToldOfAsAFailedRun)
+{
+  writeShellScript(*this / "disks", "echo size=1");
+  std::string const database = getDiscoveryDBDatabase()->getDirectory();
+  std::filesystem::rename(database, database + ".away");
+  EXPECT_TRUE(awaitRuns(1)) << m_log.text();
+  std::filesystem::rename(database + ".away", database);
+  ASSERT_TRUE(record("disks"));
+  EXPECT_EQ(record("disks")->now().result, "opening failed");
+  EXPECT_EQ(record("disks")->now().failures, 1U);
+  EXPECT_TRUE(record("disks")->now().lastSuccess.isZero());
 }
 
 TEST_F(ScriptsExplorerTest, atMostFourRunAtOnceAndAHangingOneDelaysNoOther)

@@ -25,10 +25,11 @@ ServiceState sample()
   state.announced = 3;
   state.certificateEnd = OzfObjTime(1767261600 + 86400);
   state.awaitsRestart = "CLIENT_NAME, ORB_BIND";
-  state.explorers = {{"host", AT_TQUCLIENT, false, 10, {OzfObjTime(1767261605), DS_SUCCESS}},
-                     {"service", AT_TQUCLIENT, false, 10, {OzfObjTime(1767261605), DS_SUCCESS}},
-                     {"rack & row", AT_EXTSRC, false, 9, {OzfObjTime(1767261606), DS_COM_ERROR}},
-                     {"volume", AT_TQUCLIENT, true, 10, {}}};
+  state.explorers = {
+      {"host", AT_TQUCLIENT, ExplorerRecord::PUSH, 10, {OzfObjTime(1767261605), DS_SUCCESS}},
+      {"service", AT_TQUCLIENT, ExplorerRecord::PUSH, 10, {OzfObjTime(1767261605), DS_SUCCESS}},
+      {"rack & row", AT_EXTSRC, ExplorerRecord::PUSH, 9, {OzfObjTime(1767261606), DS_COM_ERROR}},
+      {"volume", AT_TQUCLIENT, ExplorerRecord::PULL, 10, {}}};
   return state;
 }
 
@@ -104,6 +105,51 @@ TEST(ServiceExplorer, storesWhatIsServedAndHowWritesWent)
                        {"WritesWithin1s", "35"},
                        {"WritesWithin10s", "36"}}),
             document.items[0].facts);
+}
+
+TEST(ServiceExplorer, storesHowTheRunsOfAnExplorerWent)
+{
+  Store store;
+  AutoDereference<ServiceExplorer> const explorer(new ServiceExplorer(
+      []
+      {
+        ServiceState state;
+        ExplorerRecord::Now runs;
+        runs.lastRun = OzfObjTime(1767261600);
+        runs.lastSuccess = OzfObjTime(1767261000);
+        runs.took = std::chrono::microseconds(1500);
+        runs.memory = -4096;
+        runs.result = "it exited with 1";
+        runs.well = false;
+        runs.runs = 5;
+        runs.failures = 2;
+        runs.lateRuns = 1;
+        state.explorers = {{"disks",
+                            AT_TQUCLIENT,
+                            ExplorerRecord::SCRIPT,
+                            10,
+                            {runs.lastRun, DS_LOGIC_ERROR},
+                            "/explorers.d/disks",
+                            runs}};
+        return state;
+      }));
+  EXPECT_EQ(DS_SUCCESS, explore(*explorer, AT_TQUCLIENT, &store).discStatus);
+  Document const document(store.only(AT_TQUCLIENT).payload);
+  ASSERT_EQ(2U, document.items.size());
+  EXPECT_EQ("disks", document.items[1].name);
+  EXPECT_EQ((FactTexts{{"Kind", "script"},
+                       {"Type", "client"},
+                       {"Priority", "10"},
+                       {"LastRun", "2026-01-01T10:00:00Z"},
+                       {"LastResult", "it exited with 1"},
+                       {"Origin", "/explorers.d/disks"},
+                       {"LastSuccess", "2026-01-01T09:50:00Z"},
+                       {"LastDuration", "1500"},
+                       {"LastMemory", "-4096"},
+                       {"Runs", "5"},
+                       {"Failures", "2"},
+                       {"LateRuns", "1"}}),
+            document.items[1].facts);
 }
 
 TEST(ServiceExplorer, storesTheLimitsThatWereMet)

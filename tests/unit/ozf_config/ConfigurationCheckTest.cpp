@@ -57,6 +57,7 @@ TEST_F(ConfigurationCheckTest, AcceptsEveryKeyOfTheProduct)
                     "EXPLORER_INTERVAL.filesystem = 15m\n"
                     "EXPLORER_EXPIRY.filesystem = 1d\n"
                     "READ_LIMIT_SECONDS = 60\n"
+                    "EXPLORER_BUDGET_SECONDS = 86400\n"
                     "LIMIT_CONNECTIONS = 0\n"
                     "LIMIT_PEER_CONNECTIONS = 1000000\n"
                     "LIMIT_PEER_CALLS = 500\n"
