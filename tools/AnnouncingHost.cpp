@@ -79,15 +79,23 @@ std::optional<AnnouncingHost> askAnnouncing(std::string const& host)
                         announcingTime(item, "LastTry"), announcingFact(item, "Reason")};
 }
 
-std::optional<AnnouncingHost> askAnnouncingHere()
+std::string nameOfThisHost()
 {
   OzfHostname local;
-  if (IsRunningOnMasterServer() == 0 || !local.setLocal())
-    return std::nullopt;
+  if (!local.setLocal())
+    return {};
   std::string const name = local.exportNarrow();
   if (getHostAddresses(name).front() == name)
     overrideConfiguration(configKey("HOST_ADDRESS.").name + name, ownAddress());
-  return askAnnouncing(name);
+  return name;
+}
+
+std::optional<AnnouncingHost> askAnnouncingHere()
+{
+  if (IsRunningOnMasterServer() == 0)
+    return std::nullopt;
+  std::string const name = nameOfThisHost();
+  return name.empty() ? std::nullopt : askAnnouncing(name);
 }
 
 nlohmann::json toJson(std::optional<AnnouncingHost> const& host)

@@ -33,6 +33,10 @@ struct AnnouncingHost
 // the time-out at worst.
 std::optional<AnnouncingHost> askAnnouncing(std::string const& host);
 
+// The name of this host, whose service is reached by it from now on; empty when the host
+// has none.
+std::string nameOfThisHost();
+
 // The same of the service on this host; nothing as well where it is the master.
 std::optional<AnnouncingHost> askAnnouncingHere();
 

@@ -23,15 +23,16 @@ struct Session
   int exitCode = EXIT_DONE;
 };
 
-void addQueryCommands(CLI::App& application, Session& session);       // query, hosts
-void addShowCommands(CLI::App& application, Session& session);        // show, filters
-void addItemsCommand(CLI::App& application, Session& session);        // items
-void addWatchCommand(CLI::App& application, Session& session);        // watch
-void addPutCommand(CLI::App& application, Session& session);          // put
-void addControlCommands(CLI::App& application, Session& session);     // push, stop
-void addExplorerTestCommand(CLI::App& application, Session& session); // explorer test
-void addStatusCommand(CLI::App& application, Session& session);       // status
-void addMetricsCommand(CLI::App& application, Session& session);      // metrics
-void addReportCommand(CLI::App& application, Session& session);       // report
+void addQueryCommands(CLI::App& application, Session& session);    // query, hosts
+void addShowCommands(CLI::App& application, Session& session);     // show, filters
+void addItemsCommand(CLI::App& application, Session& session);     // items
+void addWatchCommand(CLI::App& application, Session& session);     // watch
+void addPutCommand(CLI::App& application, Session& session);       // put
+void addControlCommands(CLI::App& application, Session& session);  // push, stop
+void addExplorerCommands(CLI::App& application, Session& session); // explorer
+void addExplorerTestCommand(CLI::App& group, Session& session);    // explorer test
+void addStatusCommand(CLI::App& application, Session& session);    // status
+void addMetricsCommand(CLI::App& application, Session& session);   // metrics
+void addReportCommand(CLI::App& application, Session& session);    // report
 
 } // namespace tqdiscoctl

@@ -73,7 +73,7 @@ int main(int argc, char** argv)
   addReportCommand(application, session);
   addPutCommand(application, session);
   addControlCommands(application, session);
-  addExplorerTestCommand(application, session);
+  addExplorerCommands(application, session);
   addDbCommands(application, session.exitCode);
   addTlsCommand(application, session);
   setUpHelp(application);

@@ -155,16 +155,8 @@ int testScript(ScriptTestOptions const& options)
 
 } // namespace
 
-void addExplorerTestCommand(CLI::App& application, Session& session)
+void addExplorerTestCommand(CLI::App& group, Session& session)
 {
-  auto const groups = application.get_subcommands([](CLI::App* command)
-                                                  { return command->get_name() == "explorer"; });
-  CLI::App& group =
-      groups.empty()
-          ? *application
-                 .add_subcommand("explorer", "What finds the facts of a host, and how it fares")
-                 ->require_subcommand(1)
-          : *groups.front();
   auto const options = std::make_shared<ScriptTestOptions>();
   CLI::App* const command = group.add_subcommand(
       "test", "Run a script here, as the service would, and show what would be stored");

@@ -216,6 +216,22 @@ void complainOfClones(std::vector<ServiceState> const& states)
              "of its own");
 }
 
+// What ended services before they were started, a few by name.
+void complainOfCrashes(std::vector<ServiceState> const& states)
+{
+  constexpr std::size_t MOST_NAMED = 5;
+  std::size_t count = 0;
+  for (ServiceState const& state : states)
+    if (std::string const explorers = fact(state.service, "CrashedBy"); explorers != "-")
+    {
+      if (++count <= MOST_NAMED)
+        complain("the service on " + shown(state.record.subject) +
+                 " ended without being stopped before its last start, in explorer " + explorers);
+    }
+  if (count > MOST_NAMED)
+    complain("and so did " + counted(count - MOST_NAMED, "other", "others"));
+}
+
 // That a host reports nothing yet.
 void tellAnnouncing(std::optional<AnnouncingHost> const& host, StatusOptions const& options)
 {
@@ -323,6 +339,7 @@ int status(StatusOptions const& options, Session const& session)
   complainOfCertificates(states, OzfObjTime::now());
   complainOfRestarts(states);
   complainOfClones(states);
+  complainOfCrashes(states);
   if (failed != 0)
     complain(counted(failed, "explorer has", "explorers have") +
              " failed at the last run; the log of the host's service tells why");

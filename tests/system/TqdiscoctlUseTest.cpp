@@ -25,11 +25,29 @@ using testing::StartsWith;
 using Words = std::vector<std::string>;
 using Names = std::set<std::string>;
 
-std::vector<Words> const COMMANDS{
-    {"status"},       {"query"},        {"hosts"},   {"show"},        {"items"},
-    {"filters"},      {"watch"},        {"metrics"}, {"report"},      {"put"},
-    {"push"},         {"stop"},         {"db"},      {"db", "list"},  {"db", "show"},
-    {"db", "verify"}, {"db", "forget"}, {"tls"},     {"tls", "check"}};
+std::vector<Words> const COMMANDS{{"status"},
+                                  {"query"},
+                                  {"hosts"},
+                                  {"show"},
+                                  {"items"},
+                                  {"filters"},
+                                  {"watch"},
+                                  {"metrics"},
+                                  {"report"},
+                                  {"put"},
+                                  {"push"},
+                                  {"stop"},
+                                  {"db"},
+                                  {"db", "list"},
+                                  {"db", "show"},
+                                  {"db", "verify"},
+                                  {"db", "forget"},
+                                  {"tls"},
+                                  {"tls", "check"},
+                                  {"explorer"},
+                                  {"explorer", "list"},
+                                  {"explorer", "enable"},
+                                  {"explorer", "test"}};
 
 std::string joined(Words const& words)
 {
@@ -346,6 +364,7 @@ TEST_F(TqdiscoctlJsonTest, hasTheMembersThatAreDocumentedAndNoOthers)
   EXPECT_EQ(membersOf(read({"put", "web1", "disks", m_service / "payload"})),
             (Names{"subject", "authority", "type", "typeName", "payloadBytes", "expiresTime"}));
   EXPECT_EQ(membersOf(read({"push"})), (Names{"service", "all", "now"}));
+  EXPECT_EQ(membersOf(read({"explorer", "list"})["explorers"][0]), documented("explorer list"));
   Names inFiles = record;
   inFiles.erase("onDemand");
   Names const stored = both(inFiles, {"collectionType", "storage", "priority", "payloadBytes",
