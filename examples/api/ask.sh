@@ -11,7 +11,7 @@
 set -eu
 
 gateway=${TQ_GATEWAY:-http://127.0.0.1:27580}
-[ $# -ge 2 ] || { sed -n '2,5s/^# \{0,1\}//p' "$0" >&2; exit 2; }
+[ $# -ge 2 ] || { sed -n '2,6s/^# \{0,1\}//p' "$0" >&2; exit 2; }
 authority=$1
 query=$2
 shift 2

@@ -27,7 +27,8 @@ after(async () => {
 });
 
 test("the first view can be used within two seconds", async (context) => {
-  for (const [hash, view] of [["", "fleet"], ["#/hosts", "hosts"]]) {
+  // Fleet comes last: the gateway goes on for a while with the payloads that it asks for.
+  for (const [hash, view] of [["#/hosts", "hosts"], ["", "fleet"]]) {
     const page = await openPage(browser, fleet, hash);
     const milliseconds = await usable(page, view);
     context.diagnostic(`${view}: ${Math.round(milliseconds)} ms`);
