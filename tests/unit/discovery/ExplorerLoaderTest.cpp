@@ -137,16 +137,17 @@ TEST_F(ExplorerLoaderTest, ALoadTakesTheRepositorysLockFirst)
 {
   installPlugin("gate", "gate");
   setenv("TQ_FIXTURE_FOLDER", m_root.path().c_str(), 1);
+  DiscoveryRepository& repository = getDiscoveryRepository(); // made before the threads
   std::thread loading([this] { loader().loadExplorers(); });
   EXPECT_TRUE(tqtest::eventually([this] { return fs::exists(m_root / "entered"); }));
   // Who wants the repository's lock meanwhile waits for it, instead of getting
   // it and waiting for the loader's.
   auto registering =
       std::async(std::launch::async,
-                 []
+                 [&repository]
                  {
                    AutoDereference<ExplorerDataParser> const parser(new DefaultExplorerDataParser);
-                   getDiscoveryRepository().registerExplorerParser("meanwhile", parser.get());
+                   repository.registerExplorerParser("meanwhile", parser.get());
                  });
   EXPECT_EQ(std::future_status::timeout, registering.wait_for(std::chrono::seconds(1)));
   writeText(m_root / "go", "");

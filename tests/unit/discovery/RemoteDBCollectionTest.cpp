@@ -392,6 +392,7 @@ TEST_F(RemoteDBCollectionTest, TheTwentyFirstWriteAtATimeIsRefused)
     changed.wait_for(lock, std::chrono::seconds(60), [&] { return go; });
   };
 
+  getRemoteDiscoveryDatabase(); // made before the threads
   std::atomic<int> opened{0};
   std::vector<std::thread> threads;
   for (int i = 0; i < 20; ++i)
