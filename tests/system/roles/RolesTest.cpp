@@ -16,6 +16,11 @@ namespace wire = client::Remote;
 
 using Call = std::function<void(client::Client&)>;
 
+// For the service, whose resolver answers by it.
+Process::Environment const KNOWS_BIG_MASTER{{"LD_PRELOAD", TQ_FIXTURE_DIR "/libcall_from.so"},
+                                            {"ASAN_OPTIONS", "verify_asan_link_order=0"},
+                                            {"TQ_HOSTS", "bigmaster=127.0.0.7,127.0.0.8"}};
+
 void restart(client::Client& peer) { peer->restartLocalPushTimer(); }
 void restartAll(client::Client& peer) { peer->restartAllPushTimers(); }
 void terminate(client::Client& peer) { peer->terminate(); }
@@ -85,7 +90,8 @@ TEST_F(RolesTest, withoutListsControlIsForThisHostAndTheMasterAlone)
 
 TEST_F(RolesTest, aRefusalLeavesTheConnectionAsItWasAndIsCounted)
 {
-  start("");
+  std::string const audit = m_service / "log/audit.log";
+  start("AUDIT_FILE = " + audit + "\n");
   EXPECT_EQ(callFrom(STRANGER,
                      [](client::Client& peer)
                      {
@@ -100,6 +106,11 @@ TEST_F(RolesTest, aRefusalLeavesTheConnectionAsItWasAndIsCounted)
       << m_service.log();
   EXPECT_THAT(m_service.log(),
               testing::ContainsRegex("Repeated 99 times in .*: Refused a call of"));
+  EXPECT_EQ(occurrences(readText(audit), "\"peer\":\"127.0.0.9\",\"name\":[],\"operation\":"
+                                         "\"terminate\",\"subject\":\"\",\"authority\":\"\","
+                                         "\"result\":\"refused: terminate is for "),
+            100U)
+      << readText(audit);
 }
 
 TEST_F(RolesTest, theCommandTellsOfTheRefusalInWords)
@@ -154,11 +165,17 @@ TEST_F(RolesTest, controlMayBeForEverybodyAsItWas)
   EXPECT_TRUE(m_service.process().wait());
 }
 
+TEST_F(RolesTest, theMasterMayStopAServiceWithoutLists)
+{
+  start("SERVER = bigmaster\n", KNOWS_BIG_MASTER);
+  EXPECT_EQ(callFrom(STRANGER, terminate), REFUSED);
+  EXPECT_EQ(callFrom("127.0.0.7", terminate), "done") << m_service.log();
+  EXPECT_TRUE(m_service.process().wait());
+}
+
 TEST_F(RolesTest, theMasterMayControlFromAllOfItsAddresses)
 {
-  start("SERVER = bigmaster\n", {{"LD_PRELOAD", TQ_FIXTURE_DIR "/libcall_from.so"},
-                                 {"ASAN_OPTIONS", "verify_asan_link_order=0"},
-                                 {"TQ_HOSTS", "bigmaster=127.0.0.7,127.0.0.8"}});
+  start("SERVER = bigmaster\n", KNOWS_BIG_MASTER);
   for (char const* address : {"127.0.0.7", "127.0.0.8"})
     EXPECT_EQ(callFrom(address, restart), "done") << m_service.log();
   EXPECT_EQ(callFrom(STRANGER, restart), REFUSED);
@@ -253,15 +270,18 @@ TEST_F(RolesTest, whoWritesMayLookForWhatItIsAskedToDoAndForNothingElse)
 
 TEST_F(RolesTest, theListsAreTakenAtAReload)
 {
-  start("ALLOW_READ = local\n");
+  start("ALLOW_READ = local\nALLOW_CONTROL = any\n");
   EXPECT_EQ(callFrom(THIS_HOST, list), "done");
   EXPECT_EQ(callFrom(STRANGER, list), REFUSED);
   CallingFrom const from(STRANGER);
   client::Client peer(m_service.root(), LiveService::NAME);
   ASSERT_EQ(outcomeOf([&] { store(peer); }), "done");
+  ASSERT_EQ(outcomeOf([&] { restart(peer); }), "done");
   reload("ALLOW_READ = 127.0.0.9\nALLOW_WRITE = none\n", "Took the lists of who may call");
   EXPECT_EQ(outcomeOf([&] { list(peer); }), "done");
-  EXPECT_EQ(outcomeOf([&] { store(peer); }), REFUSED) << "what was known of the connection is not";
+  EXPECT_EQ(outcomeOf([&] { store(peer); }), REFUSED);
+  EXPECT_EQ(outcomeOf([&] { restart(peer); }), REFUSED)
+      << "what was known of the connection is not";
   std::string const refused =
       "The configuration is refused, what held before holds on: " + (m_service / "etc/tq.conf");
   reload("ALLOW_READ = 10.0.0/8\n", refused + ":6: \"ALLOW_READ\" has \"10.0.0/8\"");
