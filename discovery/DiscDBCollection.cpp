@@ -25,6 +25,20 @@ namespace
 constexpr char SOURCE[] = "DiscDB";
 constexpr std::uint16_t LAST_CANDIDATE = 999;
 
+// Together with other writers, or alone where there is no memory for that: what is in its
+// place already would be refused otherwise, and stay there.
+int flushShared(OzfPathname const& path, int fd)
+{
+  try
+  {
+    return FlushGroup::of(path.directory()).flush(fd);
+  }
+  catch (std::bad_alloc const&)
+  {
+    return ::fsync(fd) == 0 ? 0 : errno;
+  }
+}
+
 } // namespace
 
 DBCollectionData::DBCollectionData(OzfPathname path) : m_path(std::move(path)) {}
@@ -296,12 +310,11 @@ void DBCollectionData::forgetTarget() const
 // Where the file system cannot do it there is nothing to wait for.
 bool DBCollectionData::syncDirectory(char const* operation) const
 {
-  std::string const directory = m_path.directory();
-  int const error = FlushGroup::of(directory).flush(m_directory.get());
+  int const error = flushShared(m_path, m_directory.get());
   if (error == 0 || error == EINVAL || error == ENOTSUP)
     return true;
   OZF_LOG(getOzfLogger(), 1, SOURCE, operation,
-          "Unable to flush " << directory << ": " << errorText(error));
+          "Unable to flush " << m_path.directory() << ": " << errorText(error));
   return false;
 }
 

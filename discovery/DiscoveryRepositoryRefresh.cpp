@@ -7,6 +7,7 @@
 #include "discovery/RemoteDBDrain.h"
 #include "discovery/Researcher.h"
 #include "ozf/base/FreeMemory.h"
+#include "ozf/base/SpareMemory.h"
 #include "ozf/config/HostRole.h"
 #include "ozf/orb/Corba.h"
 #include "ozf/orb/Orb.h"
@@ -138,6 +139,8 @@ bool DiscoveriesThreadMgr::restartAllPushTimers()
     return false;
   // Collects the thread of the run before, which has ended.
   m_task.wait();
+  // ACE uses what it describes a thread by, whether it got the memory or not.
+  SpareMemory const forThread;
   return m_task.activate() == 0;
 }
 

@@ -1,6 +1,7 @@
 #include "ozf/log/Logger.h"
 
 #include "ozf/base/Display.h"
+#include "ozf/base/LineIfMemory.h"
 #include "ozf/base/Report.h"
 #include "ozf/base/SystemError.h"
 #include "ozf/log/FrameworkLogger.h"
@@ -181,10 +182,14 @@ struct State
 
 void writeReport(int level, char const* operation, std::string const& text) noexcept
 {
-  OzfLogger* const logger = LoggerFactory::getLogger(FRAMEWORK_ORIGINATOR);
-  static constinit LogFlood site; // of all the rooms below, which write few
-  if (logger->admits(level))
-    logger->write(level, operation, text, &site);
+  lineIfMemory(
+      [&]
+      {
+        OzfLogger* const logger = LoggerFactory::getLogger(FRAMEWORK_ORIGINATOR);
+        static constinit LogFlood site; // of all the rooms below, which write few
+        if (logger->admits(level))
+          logger->write(level, operation, text, &site);
+      });
 }
 
 // Never destroyed: lines are still written while the process exits.

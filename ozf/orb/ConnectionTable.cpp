@@ -1,5 +1,6 @@
 #include "ozf/orb/ConnectionTable.h"
 
+#include "ozf/base/LineIfMemory.h"
 #include "ozf/log/FrameworkLogger.h"
 #include "ozf/plugin/CurrentException.h"
 
@@ -124,8 +125,13 @@ void ConnectionTable::tell(std::unique_lock<std::mutex>& lock)
     }
     catch (...)
     {
-      OZF_LOG(getFrameworkLogger(), 1, SOURCE, "ConnectionTable::tell",
-              "Caught exception telling that a connection has gone: " << currentExceptionText());
+      lineIfMemory(
+          []
+          {
+            OZF_LOG(
+                getFrameworkLogger(), 1, SOURCE, "ConnectionTable::tell",
+                "Caught exception telling that a connection has gone: " << currentExceptionText());
+          });
     }
     lock.lock();
     m_told.reset();

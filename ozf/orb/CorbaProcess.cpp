@@ -5,6 +5,7 @@
 
 #include "ozf/orb/CorbaProcess.h"
 
+#include "ozf/base/LineIfMemory.h"
 #include "ozf/base/SystemError.h"
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ConfigurationKeys.h"
@@ -87,12 +88,17 @@ void raiseDescriptorLimit()
             "Unable to raise the limit of open files: " << errorText(errno));
 }
 
-void logOfOrb(char const* text)
+// The ORB calls it in destructors, where an exception ends the process.
+void logOfOrb(char const* text) noexcept
 {
-  std::string line = text;
-  while (!line.empty() && (line.back() == '\n' || line.back() == ' '))
-    line.pop_back();
-  OZF_LOG(getFrameworkLogger(), 1, SOURCE, "omniORB", line);
+  lineIfMemory(
+      [text]
+      {
+        std::string line = text;
+        while (!line.empty() && (line.back() == '\n' || line.back() == ' '))
+          line.pop_back();
+        OZF_LOG(getFrameworkLogger(), 1, SOURCE, "omniORB", line);
+      });
 }
 
 // Of the request that the thread has received last.

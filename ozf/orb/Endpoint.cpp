@@ -1,5 +1,6 @@
 #include "ozf/orb/Endpoint.h"
 
+#include "ozf/base/LineIfMemory.h"
 #include "ozf/base/SystemError.h"
 #include "ozf/config/Limits.h"
 #include "ozf/log/AuditLog.h"
@@ -56,6 +57,18 @@ void refuse(Limit& limit, std::string const& address, char const* peer, char con
   if (auto const met = limit.meet(address))
     OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Endpoint::AcceptAndMonitor",
             "Refused a connection from " << peer << ", " << why << *met);
+}
+
+// Without memory too: the thread that takes connections in would end, and nobody could
+// connect any more.
+void logNotTaken(std::exception const& exception) noexcept
+{
+  lineIfMemory(
+      [&exception]
+      {
+        OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Endpoint::AcceptAndMonitor",
+                "Unable to take a connection in: " << exception.what());
+      });
 }
 
 // "giop:tcp:192.0.2.7:4711", "giop:tcp:[2001:db8::1]:4711"
@@ -192,7 +205,8 @@ private:
   static void handOver(void* self, WatchedConnection& connection);
   void countIn(bool& counted, std::size_t& count);
   void countOut();
-  omni::giopConnection* acceptOne();
+  omni::giopConnection* acceptOne() noexcept;
+  omni::giopConnection* acceptNext();
   omni::giopConnection* takeIn(UniqueFd& descriptor, std::unique_ptr<TlsChannel> channel);
   omni::giopConnection* wrap(omni::giopConnection* inner, int descriptor,
                              std::unique_ptr<TlsChannel> channel) const;
@@ -303,8 +317,7 @@ omni::giopConnection* Endpoint::takeIn(UniqueFd& descriptor, std::unique_ptr<Tls
   }
   catch (std::exception const& exception)
   {
-    OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Endpoint::AcceptAndMonitor",
-            "Unable to take a connection in: " << exception.what());
+    logNotTaken(exception);
   }
   if (taken == nullptr && inner != nullptr)
     inner->decrRefCount(true);
@@ -331,7 +344,20 @@ omni::giopConnection* Endpoint::AcceptAndMonitor(omni::giopConnection::notifyRea
 }
 
 // The next that is there to be served; null when it has come to none for now.
-omni::giopConnection* Endpoint::acceptOne()
+omni::giopConnection* Endpoint::acceptOne() noexcept
+{
+  try
+  {
+    return acceptNext();
+  }
+  catch (std::exception const& exception)
+  {
+    logNotTaken(exception);
+    return nullptr;
+  }
+}
+
+omni::giopConnection* Endpoint::acceptNext()
 {
   if (m_handshakes)
     if (auto finished = m_handshakes->takeFinished())
@@ -377,8 +403,7 @@ void Endpoint::beginHandshake(UniqueFd descriptor, std::string address,
   }
   catch (std::exception const& exception)
   {
-    OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Endpoint::AcceptAndMonitor",
-            "Unable to take a connection in: " << exception.what());
+    logNotTaken(exception);
   }
 }
 

@@ -1,5 +1,7 @@
 #include "ozf/orb/Orb.h"
 
+#include "ozf/base/LineIfMemory.h"
+#include "ozf/base/SpareMemory.h"
 #include "ozf/config/HostRole.h"
 #include "ozf/log/FrameworkLogger.h"
 #include "ozf/orb/CorbaProcess.h"
@@ -166,8 +168,12 @@ void Orb::State::evictionLoop()
     }
     catch (std::exception const& exception)
     {
-      OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Orb::evictionLoop",
-              "Caught exception dropping idle objects: " << exception.what());
+      lineIfMemory(
+          [&exception]
+          {
+            OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Orb::evictionLoop",
+                    "Caught exception dropping idle objects: " << exception.what());
+          });
     }
     lock.lock();
   }
@@ -331,6 +337,7 @@ CORBA::Object_ptr Orb::resolveInitialReference(char const* identifier)
 CORBA::Object_ptr Orb::activateObject(PortableServer::Servant servant)
 {
   m_state->requireUp();
+  SpareMemory const forReference;
   std::string const key = makeObjectKey();
   PortableServer::ObjectId id;
   id.length(static_cast<CORBA::ULong>(key.size()));
@@ -342,6 +349,9 @@ CORBA::Object_ptr Orb::activateObject(PortableServer::Servant servant)
 CORBA::Object_ptr Orb::activateEvictable(PortableServer::Servant servant, char const* repositoryId,
                                          CORBA::OctetSeq_out objectId)
 {
+  // The ORB makes a reference under a lock that it keeps when it gets no memory: no call
+  // would be served any more.
+  SpareMemory const forReference;
   Evictor& evictor = getEvictor();
   CORBA::OctetSeq_var id = evictor.activate(servant);
   try
@@ -351,7 +361,7 @@ CORBA::Object_ptr Orb::activateEvictable(PortableServer::Servant servant, char c
     objectId = id._retn();
     return reference._retn();
   }
-  catch (CORBA::Exception const&)
+  catch (...)
   {
     evictor.removeObject(id.in(), true, true);
     throw;

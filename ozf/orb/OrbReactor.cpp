@@ -1,5 +1,6 @@
 #include "ozf/orb/OrbReactor.h"
 
+#include "ozf/base/LineIfMemory.h"
 #include "ozf/base/OzfObjTime.h"
 #include "ozf/base/SystemError.h"
 #include "ozf/log/Assertion.h"
@@ -26,10 +27,15 @@ namespace
 constexpr char SOURCE[] = "OrbReactor";
 constexpr rlim_t MOST_DESCRIPTORS = 65536;
 
-void logException(char const* what)
+// Without memory too: the loop goes on.
+void logException(char const* what) noexcept
 {
-  OZF_LOG(getFrameworkLogger(), 1, SOURCE, "OrbReactor::loop",
-          "Caught exception in an event handler: " << what);
+  lineIfMemory(
+      [what]
+      {
+        OZF_LOG(getFrameworkLogger(), 1, SOURCE, "OrbReactor::loop",
+                "Caught exception in an event handler: " << what);
+      });
 }
 
 class GuardedTimeout : public ACE_Event_Handler_Handle_Timeout_Upcall

@@ -1,5 +1,6 @@
 #include "ozf/sync/OzfTask.h"
 
+#include "ozf/base/LineIfMemory.h"
 #include "ozf/base/Report.h"
 
 #include <cxxabi.h>
@@ -24,11 +25,14 @@ int OzfTask::svc()
   }
   catch (std::exception const& failure)
   {
-    report(1, "OzfTask::svc", std::string("A task ended by an exception: ") + failure.what());
+    lineIfMemory(
+        [&failure] {
+          report(1, "OzfTask::svc", std::string("A task ended by an exception: ") + failure.what());
+        });
   }
   catch (...)
   {
-    report(1, "OzfTask::svc", "A task ended by an exception of unknown type");
+    lineIfMemory([] { report(1, "OzfTask::svc", "A task ended by an exception of unknown type"); });
   }
   return -1;
 }

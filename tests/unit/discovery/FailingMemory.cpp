@@ -32,10 +32,14 @@ void* takePiece(std::size_t size) noexcept
 
 void* takePieceOrThrow(std::size_t size)
 {
-  void* const piece = takePiece(size);
-  if (piece == nullptr)
+  if (void* const piece = takePiece(size))
+    return piece;
+  std::new_handler const handler = std::get_new_handler();
+  if (handler == nullptr)
     throw std::bad_alloc();
-  return piece;
+  handler();
+  // What it gave back is there.
+  return std::malloc(size == 0 ? 1 : size);
 }
 
 } // namespace
