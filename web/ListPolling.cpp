@@ -22,6 +22,7 @@ namespace
 constexpr char SOURCE[] = "ListPolling";
 constexpr std::chrono::seconds LONGEST_LIST(120);
 constexpr double LONGEST_RETRY = 30;                       // seconds
+constexpr double MOST_OF_FIRST = 0.5;                      // seconds
 constexpr std::size_t MOST_LISTED = std::size_t(64) << 20; // bytes
 
 using PollClock = std::chrono::steady_clock;
@@ -84,6 +85,7 @@ double ListPolling::listOnce(std::size_t master, std::string const& name)
       true, &why);
   double const seconds = secondsSince(begin);
   bool const wasUp = m_list.look()->masters[master].state == MasterList::UP;
+  double const before = m_list.look()->masters[master].listSeconds; // 0: there was none
   if (!isListed(result))
   {
     if (why == NOT_QUERIED)
@@ -99,7 +101,9 @@ double ListPolling::listOnce(std::size_t master, std::string const& name)
     OZF_LOG(getWebLogger(), 1, SOURCE, "ListPolling::run",
             "The master " << name << " gives its list, of " << records.size() << " discoveries");
   m_list.update(master, std::move(records), ownName, result == EXIT_DONE, seconds);
-  return pause(m_pace, seconds);
+  // For a list after its start the master reads its disk, which says little of the next one: a
+  // single slow list does not put that off for long.
+  return pause(m_pace, std::min(seconds, before > 0 ? before : MOST_OF_FIRST));
 }
 
 void ListPolling::run(std::size_t master)
