@@ -63,7 +63,7 @@ function services(number) {
   const fails = number % 57 === 5;
   const explorer = (result) => ({ Kind: "push", Type: "client", Priority: 10,
     LastRun: time(Date.now() - 120000), LastResult: result });
-  return { [hostName(number)]: { Kind: "service", Role: "client", Version: "1.1.0",
+  return { [hostName(number)]: { Kind: "service", Role: "client", Version: "9.9",
     StartTime: time(Date.now() - 40 * 86400e3), StoredDiscoveries: 4 },
   filesystem: explorer("success"),
   software: explorer(fails ? "the collection could not be made" : "success") };
