@@ -28,7 +28,7 @@ public:
   // data: one line. Calls whoever waits.
   void add(char const* event, std::string const& data);
 
-  // What happened has not been written down: whoever reads on meets a reset first.
+  // What happened has not been written down: an event that says so.
   void reset();
 
   // Where a stream begins that comes with that id, or with none; a position for next.
