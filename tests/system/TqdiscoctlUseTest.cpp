@@ -362,7 +362,8 @@ TEST_F(TqdiscoctlJsonTest, hasTheMembersThatAreDocumentedAndNoOthers)
 
   writeText(m_service / "payload", "<DiscoveredItems/>");
   EXPECT_EQ(membersOf(read({"put", "web1", "disks", m_service / "payload"})),
-            (Names{"subject", "authority", "type", "typeName", "payloadBytes", "expiresTime"}));
+            (Names{"subject", "authority", "type", "typeName", "payloadBytes", "expiresTime",
+                   "described"}));
   EXPECT_EQ(membersOf(read({"push"})), (Names{"service", "all", "now"}));
   EXPECT_EQ(membersOf(read({"explorer", "list"})["explorers"][0]), documented("explorer list"));
   Names inFiles = record;
