@@ -18,7 +18,6 @@ namespace
 using namespace tqtest;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::IsSupersetOf;
 using testing::Not;
 namespace fs = std::filesystem;
 
@@ -102,19 +101,12 @@ TEST_F(MetricsTest, whatAServiceTellsIsWhatPrometheusReads)
   EXPECT_THAT(text, HasSubstr("\ntqdisco_hosts_silent 0\n"));
   EXPECT_THAT(text, HasSubstr("\ntqdisco_discoveries{authority=\"service\",type=\"client\"} 1\n"));
   EXPECT_THAT(text, Not(HasSubstr(LiveService::NAME))) << "no host is a label";
-  std::set<std::string> const documented = familiesDocumented();
   std::set<std::string> const found = familiesIn(text);
-  EXPECT_THAT(documented, IsSupersetOf(found));
-  std::set<std::string> wanted = documented;
+  std::set<std::string> wanted = familiesDocumented();
   // Without TLS and limits that were met.
   wanted.erase("tqdisco_certificate_expiry_timestamp_seconds gauge");
   wanted.erase("tqdisco_limit_met_total counter");
-  // Services of this version need not tell of these.
-  for (char const* const family :
-       {"explorer_last_success_timestamp_seconds gauge", "explorer_last_duration_seconds gauge",
-        "explorer_runs_total counter", "explorer_failures_total counter"})
-    wanted.erase("tqdisco_" + std::string(family));
-  EXPECT_THAT(found, IsSupersetOf(wanted));
+  EXPECT_EQ(found, wanted);
 }
 
 TEST_F(MetricsTest, aTextfileIsReplacedInOneStepAndForEverybody)

@@ -80,6 +80,6 @@ TEST(ListPollingTest, AListTakesNoMoreThanItsShare)
   ListPolling::Pace const pace{5, 0.01};
   EXPECT_DOUBLE_EQ(ListPolling::pause(pace, 0.001), 5);
   EXPECT_DOUBLE_EQ(ListPolling::pause(pace, 1), 99);
-  for (double const seconds : {0.06, 0.5, 10.0})
-    EXPECT_LE(seconds / (seconds + ListPolling::pause(pace, seconds)), 0.0100001);
+  for (double const taken : {0.06, 0.5, 10.0})
+    EXPECT_LE(taken / (taken + ListPolling::pause(pace, taken)), 0.0100001);
 }
