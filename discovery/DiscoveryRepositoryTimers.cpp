@@ -245,6 +245,8 @@ bool DiscoveryRepository::ExplorerPushTimer::visit(ExplorerSet::const_iterator e
                    DiscoveryResult result{DS_SUCCESS, 0};
                    // So it stays when the explorer throws.
                    visited.noteRun(now, DS_LOGIC_ERROR);
+                   if (run)
+                     run->finish(Explorers::describe(DS_LOGIC_ERROR), false);
                    explorer->explore(*visited.getAuthority(), *visited.getSubject(), attributes,
                                      visited.getContext(), &m_repository, result);
                    visited.noteRun(now, result.discStatus);

@@ -148,6 +148,13 @@ in_machine "$client" sh -eu -c 'cd "$(mktemp -d)"; cat >master; exec sh ./master
   <"$here/../../debian/tests/master" >"$scratch/autopkgtest" 2>&1 || { cat "$scratch/autopkgtest" >&2; fail "debian/tests/master"; }
 passed "the packages' own test"
 
+gateway() { in_machine "$master" curl --silent --fail "http://127.0.0.1:27580$1"; }
+client_is_served() { gateway /api/v1/hosts | grep -q '"host":"4a"'; }
+await 90 "the gateway does not know the client" client_is_served
+gateway / | grep -q '<html' || fail "the gateway has no page"
+gateway /page/vendor/tabulator.js >/dev/null || fail "the gateway lacks the table library"
+passed "the gateway: serves the page, and the client's facts"
+
 in_machine "$master" tqdiscoctl put kept by-hand answer=42 >/dev/null
 before=$(show "$master" MainPID)
 install_packages "$master" /packages
@@ -159,12 +166,16 @@ in_machine "$master" test -e /etc/tessarine/tq.conf.dpkg-dist || fail "the new s
 await 30 "the discovery is lost" in_machine "$master" tqdiscoctl show kept by-hand
 passed "upgraded: restarted, configuration and database kept"
 
-in_machine "$master" dpkg --remove tessarine-discovery >/dev/null || fail "dpkg --remove"
-! in_machine "$master" pgrep -x tqdisco >/dev/null || fail "the service runs without its package"
+in_machine "$master" dpkg --remove tessarine-discovery-web tessarine-discovery >/dev/null ||
+  fail "dpkg --remove"
+for program in tqdisco tqdiscoweb; do
+  ! in_machine "$master" pgrep -x "$program" >/dev/null || fail "$program runs without its package"
+done
 in_machine "$master" test -s /etc/tessarine/tq.conf || fail "the configuration went with the package"
 [ -n "$(in_machine "$master" ls /var/lib/tessarine/discovery)" ] || fail "the database went with the package"
-in_machine "$master" dpkg --purge tessarine-discovery >"$scratch/purge" 2>&1 || fail "dpkg --purge"
+in_machine "$master" dpkg --purge tessarine-discovery-web tessarine-discovery \
+  >"$scratch/purge" 2>&1 || fail "dpkg --purge"
 left=$(in_machine "$master" find /etc/tessarine /var/lib/tessarine /var/log/tessarine \
-  /usr/kestrel /lib/systemd/system/tqdisco.service 2>/dev/null || true)
+  /usr/kestrel /lib/systemd/system/tqdisco.service /lib/systemd/system/tqdiscoweb.service 2>/dev/null || true)
 is "" "$left" "what is left after the purge"
 passed "removed: stopped, and everything kept; purged: nothing left"
