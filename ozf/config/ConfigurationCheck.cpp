@@ -7,6 +7,7 @@
 #include "ozf/config/PeerList.h"
 
 #include <algorithm>
+#include <string_view>
 
 namespace Quillon::Tessarine::Ozf
 {
@@ -14,11 +15,22 @@ namespace Quillon::Tessarine::Ozf
 namespace
 {
 
-std::string knownKeys()
+// Of large families, unless it may be one of them, the beginning only.
+std::string knownKeys(std::string_view unknown)
 {
   std::string text;
+  std::string_view before;
   for (ConfigurationKey const& key : CONFIGURATION_KEYS)
-    text += (text.empty() ? "" : ", ") + shownKey(key);
+  {
+    std::string_view family;
+    for (std::string_view const each : {"LIMIT_", "WEB_"})
+      if (std::string_view(key.name).starts_with(each) && !unknown.starts_with(each))
+        family = each;
+    if (family.empty() || family != before)
+      text.append(text.empty() ? "" : ", ")
+          .append(family.empty() ? shownKey(key) : std::string(family) + "...");
+    before = family;
+  }
   return text;
 }
 
@@ -56,7 +68,7 @@ std::vector<std::string> mistakesOf(std::string const& name, std::string const& 
 {
   ConfigurationKey const* const key = findKey(name);
   if (key == nullptr)
-    return {"unknown key " + quoted(name) + "; known are " + knownKeys()};
+    return {"unknown key " + quoted(name) + "; known are " + knownKeys(name)};
   std::vector<std::string> mistakes;
   if (name == key->name && key->hasTwoParts())
     mistakes.push_back(name + " lacks the name after the dot");

@@ -24,16 +24,17 @@ protected:
 
   void start(std::string const& keys)
   {
-    m_service.configure("EXPLORER.filesystem = off\nEXPLORER.host = off\nEXPLORER.volume = off\n"
-                        "EXPLORER_INTERVAL.service = 1s\nAUDIT_FILE = " +
-                        (m_service / "audit.log") + "\n" + keys);
+    m_service.configure(
+        "EXPLORER.filesystem = off\nEXPLORER.host = off\nEXPLORER.volume = off\n"
+        "EXPLORER_INTERVAL.service = 1s\nEXPLORER_EXPIRY.service = 1h\nAUDIT_FILE = " +
+        (m_service / "audit.log") + "\n" + keys);
     ASSERT_TRUE(m_service.start()) << m_service.log();
   }
 
   // Other keys, from now on.
   void reload(std::string const& keys)
   {
-    m_service.configure("EXPLORER_INTERVAL.service = 1s\n" + keys);
+    m_service.configure("EXPLORER_INTERVAL.service = 1s\nEXPLORER_EXPIRY.service = 1h\n" + keys);
     m_service.process().sendSignal(SIGHUP);
     ASSERT_TRUE(m_service.process().awaitError("Set the log up anew")) << m_service.log();
   }

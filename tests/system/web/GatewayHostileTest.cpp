@@ -177,7 +177,12 @@ TEST_F(GatewayHostileTest, MemoryStaysBounded)
     if (i % 2 == 0) // and half of them do not read it
       connection.readToEnd();
   }
-  EXPECT_LT(m_gateway.memory() - before, 64);
+#if defined(__SANITIZE_ADDRESS__)
+  constexpr long MOST = 512; // it keeps a quarter of a gibibyte of what was freed
+#else
+  constexpr long MOST = 64;
+#endif
+  EXPECT_LT(m_gateway.memory() - before, MOST);
 }
 
 namespace

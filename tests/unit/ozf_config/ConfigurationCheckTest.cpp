@@ -8,6 +8,7 @@ using namespace Quillon::Tessarine::Ozf;
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::Not;
 using testing::IsEmpty;
 using testing::SizeIs;
 
@@ -83,6 +84,14 @@ TEST_F(ConfigurationCheckTest, AnUnknownKeyIsNamedWithThoseThatAreKnown)
               ElementsAre(AllOf(HasSubstr(":2: unknown key \"SERVR\""), HasSubstr("SERVER, "),
                                 HasSubstr("ORB_PORT.<service>"), HasSubstr("HOST_ADDRESS.<host>")),
                           HasSubstr(":3: unknown key \"server\"")));
+}
+
+TEST_F(ConfigurationCheckTest, AnUnknownKeyIsNamedWithItsOwnFamilyAlone)
+{
+  EXPECT_THAT(check("SERVER = a\nLIMIT_ITERATOR = 5\nSERVR = b\n"),
+              ElementsAre(AllOf(HasSubstr(", LIMIT_ITERATORS, "), HasSubstr(", WEB_..."),
+                                Not(HasSubstr("WEB_LISTEN"))),
+                          AllOf(HasSubstr(", LIMIT_..., WEB_..."), Not(HasSubstr("LIMIT_I")))));
 }
 
 TEST_F(ConfigurationCheckTest, SaysWhichExplorersAndSpansThereAre)
