@@ -8,8 +8,8 @@ using namespace Quillon::Tessarine::Ozf;
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::Not;
 using testing::IsEmpty;
+using testing::Not;
 using testing::SizeIs;
 
 namespace
