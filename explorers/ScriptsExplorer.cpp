@@ -251,10 +251,11 @@ DiscoveryStatus ScriptsExplorer::store(ScriptResult const& result, Subject const
                                       OzfObjTime(sidecar.interval), sidecar.priority),
                  static_cast<PollingInterval>(sidecar.expiry.value_or(0)));
   Authority const authority(result.job.file.name, AT_TQUCLIENT);
-  auto const data = Explorers::store(factory, DQ_DISCOVERY_DATA, subject, authority, attributes,
-                                     result.document, OPERATION);
+  // Whoever finds the facts finds of what kind they are.
   auto const filter = Explorers::store(factory, DQ_FILTER_DATA, subject, filterAuthority(authority),
                                        attributes, result.filterDocument, OPERATION);
+  auto const data = Explorers::store(factory, DQ_DISCOVERY_DATA, subject, authority, attributes,
+                                     result.document, OPERATION);
   return data != DS_SUCCESS ? data : filter;
 }
 
