@@ -25,7 +25,7 @@ std::atomic<int> interrupts{0};
 std::uint64_t countIn(int eventFd)
 {
   std::uint64_t count = 0;
-  return read(eventFd, &count, sizeof count) == sizeof count ? count : 0;
+  return ::read(eventFd, &count, sizeof count) == sizeof count ? count : 0;
 }
 
 } // namespace
