@@ -113,6 +113,42 @@ void serve(Options const& options)
   }
 }
 
+// What is wrong when that is nothing but that no master is named; else empty.
+std::string lackOfMasters(Configuration const& configuration)
+{
+  std::vector<ConfigurationProblem> problems;
+  if (!Settings::from(configuration, problems).masters.empty() || problems.size() != 1)
+    return {};
+  return (configuration.readable() ? problems : configuration.problems()).front().text();
+}
+
+// Waits while no master is named, as in a fresh installation: to end would have the service
+// manager start it again and again. False when a signal ends the wait before.
+bool awaitMasters(Options const& options)
+{
+  constexpr timespec BETWEEN_LOOKS{2, 0};
+  sigset_t const set = takenSignals();
+  for (std::string lack; !(lack = lackOfMasters(*getConfiguration())).empty();)
+  {
+    OZF_LOG(getWebLogger(), 1, SOURCE, "main", "Waiting for a master: " << lack);
+    sd_notify(0, ("READY=1\nSTATUS=Waiting for a master: " + onOneLine(lack)).c_str());
+    do
+    {
+      int const signal = sigtimedwait(&set, nullptr, &BETWEEN_LOOKS);
+      if (signal == SIGHUP)
+        setUpLog(options);
+      else if (signal > 0)
+      {
+        OZF_LOG(getWebLogger(), 1, SOURCE, "main", "Stopping, took " << strsignal(signal));
+        return false;
+      }
+    } while (lackOfMasters(Configuration::read(getConfigurationPath())) == lack);
+    reloadConfiguration();
+    setUpLog(options);
+  }
+  return true;
+}
+
 int run(Options const& options)
 {
   umask(027);
@@ -120,9 +156,10 @@ int run(Options const& options)
   setUpLog(options);
   tqdiscoctl::setTeller([](std::string const& text)
                         { OZF_LOG(getWebLogger(), 4, SOURCE, "main", text); });
-  auto const configuration = getConfiguration();
+  if (!awaitMasters(options))
+    return EXIT_ORDERLY;
   std::vector<ConfigurationProblem> problems;
-  Settings const settings = Settings::from(*configuration, problems);
+  Settings const settings = Settings::from(*getConfiguration(), problems);
   if (!problems.empty())
     return failStart(problems.front().text());
   StaticFiles page;

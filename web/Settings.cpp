@@ -133,9 +133,6 @@ Settings Settings::from(Configuration const& configuration,
   std::sort(settings.masters.begin(), settings.masters.end());
   settings.masters.erase(std::unique(settings.masters.begin(), settings.masters.end()),
                          settings.masters.end());
-  if (settings.masters.empty())
-    reading.complain("neither WEB_MASTERS nor SERVER is there; accepted: the name or address of "
-                     "a master");
   if (settings.masters.size() > MOST_MASTERS)
     reading.complain("WEB_MASTERS names more than " + std::to_string(MOST_MASTERS) + " masters");
   settings.interval = static_cast<double>(configuration.seconds(configKey("WEB_LIST_INTERVAL")));
@@ -161,6 +158,9 @@ Settings Settings::from(Configuration const& configuration,
     reading.complain("WEB_LISTEN: others than this host can reach " + place +
                      "; accepted with WEB_TOKEN_FILE, or with WEB_TLS_CERTIFICATE, WEB_TLS_KEY "
                      "and WEB_TLS_CA");
+  if (settings.masters.empty()) // last, as it is no reason not to start
+    reading.complain("neither WEB_MASTERS nor SERVER is there; accepted: the name or address of "
+                     "a master");
   return settings;
 }
 

@@ -160,12 +160,16 @@ public:
                         "\nWEB_LIST_INTERVAL = 1s\nWEB_MASTER_SHARE = 50\n" + entries);
   }
 
-  bool start()
+  bool start() { return launch("main: Started, version"); }
+
+  // Whether it tells the line; more: further variables of its environment.
+  bool launch(std::string const& line, Process::Environment const& more = {})
   {
+    Process::Environment environment{{"TESSARINE_ROOT", m_service.root()}};
+    environment.insert(more.begin(), more.end());
     m_process = std::make_unique<Process>(
-        TQ_BIN_DIR "/tqdiscoweb", std::vector<std::string>{"--log-level", "1"},
-        Process::Environment{{"TESSARINE_ROOT", m_service.root()}});
-    return m_process->awaitError("main: Started, version");
+        TQ_BIN_DIR "/tqdiscoweb", std::vector<std::string>{"--log-level", "1"}, environment);
+    return m_process->awaitError(line);
   }
 
   // The exit code, or -1 when it does not end in time.

@@ -1,9 +1,11 @@
 // Where the gateway listens, and whom it answers.
 
 #include "tests/support/Certificates.h"
+#include "tests/support/NotifySocket.h"
 #include "tests/system/web/GatewayTesting.h"
 
 #include <filesystem>
+#include <regex>
 
 namespace
 {
@@ -68,6 +70,45 @@ TEST(GatewayOptionsTest, MistakesOfTheConfigurationAreTold)
     EXPECT_THAT(checked.errors, HasSubstr(message)) << lines;
   }
   EXPECT_EQ(runProgram(TQ_BIN_DIR "/tqdiscoweb", {"--nonsense"}).exitCode, 2);
+}
+
+// A fresh installation names none, and its service manager starts again what ends.
+TEST(GatewayOptionsTest, WithoutAMasterItWaitsUntilOneIsNamed)
+{
+  LiveService service;
+  Gateway gateway(service);
+  std::string const path = service / "etc/tq.conf";
+  std::string const named = readText(path);
+  writeText(path, std::regex_replace(named, std::regex("^SERVER = "), "# SERVER = "));
+  std::string const manager = service / "notify";
+  NotifySocket notified(manager);
+  ASSERT_TRUE(gateway.launch("main: Waiting for a master: " + path, {{"NOTIFY_SOCKET", manager}}))
+      << gateway.log();
+  EXPECT_THAT(gateway.log(), HasSubstr("neither WEB_MASTERS nor SERVER is there"));
+  EXPECT_TRUE(notified.await("READY=1\nSTATUS=Waiting for a master: "));
+  EXPECT_EQ(checkConfig(service).exitCode, 2);
+
+  writeText(path, named);
+  EXPECT_TRUE(gateway.process().awaitError("main: Started, version")) << gateway.log();
+  EXPECT_EQ(gateway.get("/api/v1/status").json()["masters"].size(), 1U);
+  EXPECT_EQ(occurrences(gateway.log(), "Waiting for a master"), 1U);
+  EXPECT_EQ(gateway.stop(), 0);
+}
+
+TEST(GatewayOptionsTest, WhatWaitsForAMasterStopsInOrderAndTellsOfMistakes)
+{
+  LiveService service;
+  Gateway gateway(service);
+  std::string const path = service / "etc/tq.conf";
+  std::filesystem::remove(path);
+  ASSERT_TRUE(gateway.launch("main: Waiting for a master: " + path)) << gateway.log();
+  EXPECT_EQ(gateway.stop(), 0) << gateway.log();
+
+  ASSERT_TRUE(gateway.launch("main: Waiting for a master: " + path)) << gateway.log();
+  writeText(path, "WEB_LISTEN = 0.0.0.0:27580\n");
+  ASSERT_TRUE(gateway.process().wait());
+  EXPECT_EQ(gateway.process().exitCode(), 1);
+  EXPECT_THAT(gateway.log(), HasSubstr("others than this host can reach"));
 }
 
 TEST(GatewayOptionsTest, APortThatIsTakenFailsTheStart)
