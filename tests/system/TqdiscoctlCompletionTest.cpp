@@ -145,21 +145,33 @@ TEST_F(TqdiscoctlCompletionTest, knowsEveryCommandAndOption)
   EXPECT_GT(options, 60U);
 }
 
-TEST_F(TqdiscoctlCompletionTest, knowsTheOptionsOfTheService)
+TEST_F(TqdiscoctlCompletionTest, knowsTheOptionsOfTheServiceAndOfTheGateway)
 {
-  Offered const offered = completed({""}, "tqdisco");
-  std::istringstream lines(
-      runProgram(TQ_BIN_DIR "/tqdisco", {"--help"}, {{"TESSARINE_ROOT", m_service.root()}}).output);
-  std::size_t count = 0;
-  for (std::string word; lines >> word;)
-    if (word.starts_with("--"))
-    {
-      ++count;
-      EXPECT_THAT(offered, Contains(word));
-      EXPECT_NE(readText(TQ_SOURCE_DIR "/packaging/completion/_tqdisco").find(word),
-                std::string::npos);
-    }
-  EXPECT_GT(count, 3U);
+  for (std::string const program : {"tqdisco", "tqdiscoweb"})
+  {
+    Offered const offered = completed({""}, program);
+    std::string const forZsh = readText(TQ_SOURCE_DIR "/packaging/completion/_" + program);
+    std::istringstream lines(
+        runProgram(TQ_BIN_DIR "/" + program, {"--help"}, {{"TESSARINE_ROOT", m_service.root()}})
+            .output);
+    std::size_t count = 0;
+    for (std::string word; lines >> word;)
+      if (word.starts_with("--"))
+      {
+        ++count;
+        EXPECT_THAT(offered, Contains(word)) << program;
+        EXPECT_NE(forZsh.find(word), std::string::npos) << program << ' ' << word;
+      }
+    EXPECT_GT(count, 3U) << program;
+  }
+}
+
+TEST_F(TqdiscoctlCompletionTest, offersTheGatewayFoldersForItsPage)
+{
+  std::filesystem::create_directory(m_service / "pages");
+  std::string const begin = m_service / "pa";
+  EXPECT_EQ(completed({"--page", begin}, "tqdiscoweb"), Offered{begin + "ges"});
+  EXPECT_EQ(completed({"--log-level", ""}, "tqdiscoweb"), (Offered{"0", "1", "4", "6"}));
 }
 
 } // namespace
