@@ -27,6 +27,7 @@ if ! TQ_BUILT=$built dpkg-buildpackage -us -uc -b >"$target/log" 2>&1; then
   echo "The packages could not be made; $target/log has all of it." >&2
   exit 1
 fi
+cd "$target"
 rm -rf "$source"
 [ -n "$built" ] || lintian --fail-on error,warning "$target"/*.changes
 ls "$target"/*.deb
