@@ -249,6 +249,15 @@ proc call {reference args} {
   uplevel 1 [list $reference -timeout $::CALL_DEADLINE {*}$args]
 }
 
+# Combat passes that time on with the operations of an interface alone. What every
+# object is asked (_is_a, _non_existent, _interface), by whoever calls or by Combat
+# itself where it does not know an object's type, would wait without end for an answer
+# that is lost. So these get the same time.
+itcl::body Combat::CORBA::ORB::invoke_sync {
+  response object operation rtype plevel params values {exceptions {}} {timeout 0}
+} "if {!\$timeout} {set timeout \$::CALL_DEADLINE}
+[namespace eval Combat::CORBA::ORB {info function invoke_sync -body}]"
+
 # A record with usable values; args name members that differ, those of the
 # attributes included.
 proc record {subject authority args} {
