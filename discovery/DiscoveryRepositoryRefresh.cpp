@@ -17,6 +17,7 @@
 #include <ace/Singleton.h>
 
 #include <chrono>
+#include <new>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
@@ -165,7 +166,13 @@ struct ProcessThreadMgr : DiscoveriesThreadMgr
 
 DiscoveriesThreadMgr& getDiscoveriesThreadMgr()
 {
-  return *ACE_Singleton<ProcessThreadMgr, ACE_Recursive_Thread_Mutex>::instance();
+  // ACE's manager of threads goes by what it made for itself, whether it got the memory
+  // or not, up to the end of the process.
+  SpareMemory const forFirstUse;
+  auto* const manager = ACE_Singleton<ProcessThreadMgr, ACE_Recursive_Thread_Mutex>::instance();
+  if (manager == nullptr)
+    throw std::bad_alloc();
+  return *manager;
 }
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc
