@@ -172,6 +172,17 @@ TEST_F(CallRightsTest, theMasterAndWhoIsAskedMayWhatTheTableSays)
   EXPECT_FALSE(may(m_web1, "ask back"));
 }
 
+// What a host may as the master it may not where it is the master itself: whoever runs
+// a program on it would have every master's rights.
+TEST_F(CallRightsTest, aMasterIsNotItsOwnMaster)
+{
+  setUpWith("SERVER = here\nHOST_ADDRESS.here = 192.0.2.1, 127.0.0.1\nALLOW_CONTROL = none\n");
+  EXPECT_FALSE(may(peer("192.0.2.1"), "refresh"));
+  EXPECT_FALSE(may(peer("127.0.0.1"), "refresh"));
+  EXPECT_FALSE(may(peer("127.0.0.1", {"here"}), "refresh"));
+  EXPECT_TRUE(may(peer("192.0.2.99", {"here"}), "refresh")) << "its certificate, from elsewhere";
+}
+
 // The process is connected with itself where both ends are its own.
 TEST_F(CallRightsTest, aProcessMayCallItselfWhateverTheListsSay)
 {
