@@ -3,6 +3,7 @@
 #include "tests/support/IdlOperations.h"
 #include "tests/system/roles/RolesTesting.h"
 
+#include <future>
 #include <map>
 
 namespace
@@ -186,6 +187,31 @@ TEST_F(RolesTest, theMasterMayControlFromAllOfItsAddresses)
   EXPECT_EQ(callFrom("127.0.0.8", everyCall().at("getCollectionData")), "done");
   EXPECT_EQ(callFrom("127.0.0.8", terminate), REFUSED);
   EXPECT_EQ(callFrom("127.0.0.8", everyCall().at("putCollection")), REFUSED);
+  stop();
+}
+
+// It may be the master, or not: nobody is refused for what cannot be told.
+TEST_F(RolesTest, whileTheMasterCannotBeLookedUpACallOfControlIsToComeAgain)
+{
+  std::string const slow = m_service / "slow";
+  start("SERVER = far.slow\n", {{"LD_PRELOAD", TQ_FIXTURE_DIR "/libcall_from.so"},
+                                {"ASAN_OPTIONS", "verify_asan_link_order=0"},
+                                {"TQ_HOSTS", "far.slow=127.0.0.7"},
+                                {"TQ_SLOW", slow}});
+  writeText(slow, "");
+  CallingFrom const from(STRANGER);
+  client::Client peer(m_service.root(), LiveService::NAME);
+  ASSERT_TRUE(peer.connected());
+  auto const call = [&] { return outcomeOf([&] { restart(peer); }); };
+  // One of them asks the resolver, the other waits for its answer, but not for long.
+  auto first = std::async(std::launch::async, call);
+  auto second = std::async(std::launch::async, call);
+  EXPECT_TRUE(m_service.process().awaitError("requireRight: Refused a call of 127.0.0.9: its host "
+                                             "cannot be looked up now: "))
+      << m_service.log();
+  std::filesystem::remove(slow);
+  std::vector<std::string> const outcomes{first.get(), second.get()};
+  EXPECT_THAT(outcomes, testing::UnorderedElementsAre("TRANSIENT", REFUSED));
   stop();
 }
 
