@@ -107,7 +107,12 @@ void DiscoveryFramework::activate()
     getDiscoveryDBDatabase()->init(m_name);
     configureMetadataCache();
     getDiscoveryDBDatabase()->keepIndex(true);
-    m_orb->setIdleTask([] { Remote::getOpenWriters().dropIdle(); });
+    m_orb->setIdleTask(
+        []
+        {
+          Remote::getOpenWriters().dropIdle();
+          getDiscoveryRepository().dropForgotten();
+        });
     m_orb->advertiseObject(DISCOVERY_SERVICE, m_served->reference);
     m_served->ownServant = newOwnCollectionsServant();
     m_served->ownReference = m_orb->activateObject(m_served->ownServant.in());

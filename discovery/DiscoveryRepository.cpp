@@ -194,6 +194,8 @@ Registration DiscoveryRepository::registerExplorer(Subject const* subject,
   declareRuns(*entry, ExplorerRecord::PULL);
   LockableGuard lockableGuard(*this);
   OZF_ASSERT(lockableGuard.locked(), "lockableGuard.locked()", SOURCE, REGISTER);
+  if (fromCache)
+    entry->setAnnounced();
   Registration registration = m_registrations.addPull(entry, fromCache);
   if (registration.result == Registration::TAKEN && isGenericDSOnMaster() && !fromCache)
     persistToDisk(entry);
@@ -235,9 +237,10 @@ void DiscoveryRepository::persistToDisk(AutoDereference<ExplorerWrapper>& entry)
   if (remote == nullptr)
     return;
 
-  storePullRegistration(*this, m_cachedRegistrations, *remote, entry->getPriority(),
-                        entry->getSubject()->getName().str(),
-                        entry->getAuthority()->getName().str());
+  if (storePullRegistration(*this, m_cachedRegistrations, *remote, entry->getPriority(),
+                            entry->getSubject()->getName().str(),
+                            entry->getAuthority()->getName().str()))
+    entry->setAnnounced();
 }
 
 void DiscoveryRepository::newDiscovery(AutoDereference<Discovery>& discovery, DiscoveryQuery query,

@@ -190,6 +190,11 @@ public:
   // Registers what the pull-explorer cache holds.
   void loadPullExplorerCache();
 
+  // Takes explorers of other hosts out whose registrations were in that cache and have been
+  // removed from it since, as by an operator. Looks at a few hundred at each call, at all of them
+  // in turn. Brief; one thread.
+  void dropForgotten();
+
   // Whether there is a '*' in the text.
   static bool stringContainsWildcard(std::string const& text);
 
@@ -247,6 +252,7 @@ private:
 
   Registrations m_registrations;
   CachedRegistrations m_cachedRegistrations;
+  std::size_t m_nextAnnounced = 0; // of the pull explorers, to be looked at
   AutoDereference<DiscoveryFramework> m_discoveryFramework;
   std::unique_ptr<Peers> m_ownPeers; // of any but the process's one repository
   Peers& m_peers;

@@ -37,6 +37,10 @@ public:
   void setRecord(std::shared_ptr<ExplorerRecord> record) { m_record = std::move(record); }
   std::shared_ptr<ExplorerRecord> const& getRecord() const noexcept { return m_record; }
 
+  // That what announced it is in the database.
+  void setAnnounced() noexcept { m_announced = true; }
+  bool isAnnounced() const noexcept { return m_announced; }
+
   // To be stopped once its late run has returned. isStopDue says so once.
   void setStopDue() noexcept { m_stopDue = true; }
   bool isStopDue() noexcept { return m_stopDue.exchange(false); }
@@ -59,6 +63,7 @@ private:
   AutoDereference<OZFRefCounted> m_context;
   std::shared_ptr<ExplorerRecord> m_record;
   std::atomic<bool> m_stopDue{false};
+  std::atomic<bool> m_announced{false};
   mutable std::mutex m_runMutex;
   Run m_run; // guarded by m_runMutex
 };

@@ -6,11 +6,13 @@
 #include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryLoopGuard.h"
 #include "discovery/DiscoveryRepository.h"
+#include "discovery/ExplorerRemotePull.h"
 #include "discovery/PullExplorerCache.h"
 #include "discovery/RemoteDB.h"
 #include "ozf/config/HostRole.h"
 #include "ozf/orb/Corba.h"
 
+#include <iterator>
 #include <vector>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
@@ -20,6 +22,15 @@ namespace
 {
 
 constexpr char SOURCE[] = "DiscoveryRepository";
+
+// Whether the registration of another host is in the database.
+bool isInCache(ExplorerWrapper const& entry)
+{
+  AutoDereference<Discovery> const record(getDiscoveryDBDatabase()->newDiscovery(DQ_UNDEFINED));
+  record->setSubject(new Subject(entry.getSubject()->getName().str()));
+  record->setAuthority(new Authority(entry.getAuthority()->getName().str(), AT_REMOTEPULL));
+  return getDiscoveryDBDatabase()->isStored(*record);
+}
 
 LoopCounter& remoteQueriesInProgress()
 {
@@ -149,6 +160,35 @@ void DiscoveryRepository::loadPullExplorerCache()
             new Authority(record.getAuthority()->getName().str(), record.getAuthority()->getType()),
             true);
       });
+}
+
+void DiscoveryRepository::dropForgotten()
+{
+  constexpr std::size_t SOME = 500; // some two milliseconds
+  if (isShuttingDown() || !isGenericDSOnMaster())
+    return;
+  Snapshot const explorers = getPullExplorers();
+  if (m_nextAnnounced >= explorers->size())
+    m_nextAnnounced = 0;
+  auto at = explorers->begin();
+  std::advance(at, m_nextAnnounced);
+  for (std::size_t i = 0; i < SOME && at != explorers->end(); ++i, ++at, ++m_nextAnnounced)
+  {
+    ExplorerWrapper const& entry = **at;
+    if (dynamic_cast<RemoteExplorerPull const*>(entry.getExplorer()) == nullptr ||
+        !entry.isAnnounced() || isInCache(entry))
+      continue;
+    // Whoever registers it anew holds the lock until that is in the database.
+    LockableGuard const lockableGuard(*this);
+    if (!lockableGuard.locked() || isInCache(entry))
+      continue;
+    m_registrations.dropPull(*at);
+    m_cachedRegistrations.giveBack(entry.getSubject()->getName().str());
+    OZF_LOG(getOzfLogger(), 1, SOURCE, "DiscoveryRepository::dropForgotten",
+            "Forgot the explorer of authority " << entry.getAuthority()->getName()
+                                                << " for subject " << entry.getSubject()->getName()
+                                                << ": its announcement was removed");
+  }
 }
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -97,7 +97,7 @@ std::optional<PullRegistration> readPullRegistration(std::string const& text)
 
 // ---- the records ----
 
-void storePullRegistration(DiscoveryFactory const& factory, CachedRegistrations& cached,
+bool storePullRegistration(DiscoveryFactory const& factory, CachedRegistrations& cached,
                            RemoteExplorerPull const& explorer, unsigned priority,
                            std::string const& subject, std::string const& authority)
 {
@@ -119,13 +119,14 @@ void storePullRegistration(DiscoveryFactory const& factory, CachedRegistrations&
                 << subject << " and authority " << authority
                 << " is not kept for the next start: there are " << most
                 << (cached.isFull() ? " already" : " of that subject already"));
-    return;
+    return false;
   }
-  if (!write(*record,
-             pullRegistrationText({explorer.getHost().toString(), explorer.getServiceName(),
-                                   priority, explorer.getAuthorityType()})) &&
-      isNew)
+  bool const written =
+      write(*record, pullRegistrationText({explorer.getHost().toString(), explorer.getServiceName(),
+                                           priority, explorer.getAuthorityType()}));
+  if (!written && isNew)
     cached.giveBack(subject);
+  return written;
 }
 
 void restorePullRegistrations(DiscoveryIterator& records, CachedRegistrations& cached,

@@ -33,9 +33,9 @@ TQ_EXPORT std::string pullRegistrationText(PullRegistration const& registration)
 TQ_EXPORT std::optional<PullRegistration> readPullRegistration(std::string const& text);
 
 // Writes the registration as a discovery that the factory makes, whose store is
-// the database. Failures are logged; so is a registration whose record is new
-// and would be one too many.
-TQ_EXPORT void storePullRegistration(DiscoveryFactory const& factory, CachedRegistrations& cached,
+// the database. False when that failed, which is logged, as is a registration whose
+// record is new and would be one too many.
+TQ_EXPORT bool storePullRegistration(DiscoveryFactory const& factory, CachedRegistrations& cached,
                                      RemoteExplorerPull const& explorer, unsigned priority,
                                      std::string const& subject, std::string const& authority);
 

@@ -82,6 +82,9 @@ public:
   void addPush(AutoDereference<ExplorerWrapper> const& entry);
   Registration addPull(AutoDereference<ExplorerWrapper> const& entry, bool fromCache);
 
+  // Takes the entry itself out.
+  void dropPull(AutoDereference<ExplorerWrapper> const& entry) { m_pull.erase(entry); }
+
   void clear();
 
 private:

@@ -34,5 +34,6 @@ void addExplorerTestCommand(CLI::App& group, Session& session);    // explorer t
 void addStatusCommand(CLI::App& application, Session& session);    // status
 void addMetricsCommand(CLI::App& application, Session& session);   // metrics
 void addReportCommand(CLI::App& application, Session& session);    // report
+void addWhichMasterCommand(CLI::App& application, Session& session);
 
 } // namespace tqdiscoctl

@@ -2,11 +2,9 @@
 
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ConfigurationKeys.h"
-#include "ozf/config/HostAddresses.h"
 #include "ozf/config/HostRole.h"
 #include "ozf/config/IpAddress.h"
 #include "ozf/config/ProductRoot.h"
-#include "ozf/tls/CurrentTls.h"
 #include "tools/Output.h"
 #include "tools/Table.h"
 
@@ -14,10 +12,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <memory>
-#include <netdb.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 namespace tqdiscoctl
@@ -32,47 +27,6 @@ namespace
 constexpr char ADVICE[] =
     "Is tqdisco running there? \"systemctl status tqdisco\" and its log tell. "
     "Another host or port is named with --master HOST[:PORT].";
-
-bool isPort(std::string const& text)
-{
-  unsigned port = 0;
-  auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
-  return error == std::errc() && end == text.data() + text.size() && port >= 1 && port <= 65535;
-}
-
-// The first address as text; reason says why there is none.
-std::string resolve(std::string const& host, std::string& reason)
-{
-  AddressList const found = lookUpHost(host, reason);
-  if (!found)
-    return {};
-  char address[NI_MAXHOST];
-  if (int const error = getnameinfo(found->ai_addr, found->ai_addrlen, address, sizeof address,
-                                    nullptr, 0, NI_NUMERICHOST);
-      error != 0)
-  {
-    reason = gai_strerror(error);
-    return {};
-  }
-  return address;
-}
-
-// What the host is called by, as HOST_ADDRESS has it; empty, with the reason, when there
-// is nothing.
-std::string addressesOf(std::string const& host, std::string& reason)
-{
-  std::string addresses;
-  for (auto const& one : getHostAddresses(host))
-    if (std::string const address = resolve(one, reason); !address.empty())
-      addresses += (addresses.empty() ? "" : ", ") + address;
-  return addresses;
-}
-
-std::string placeOf(std::string const& host)
-{
-  std::string const name = host.find(':') == std::string::npos ? host : "[" + host + "]";
-  return shown(name) + ":" + std::to_string(getServicePort(DISCOVERY_SERVICE));
-}
 
 // As complain, while another thread may be printing: the stream for complaints
 // would flush what that one is writing to.
@@ -91,66 +45,18 @@ void complainBeside(std::string const& message)
 
 } // namespace
 
-std::string reasonOf(CORBA::Exception const& exception)
-{
-  bool const isBroken = CORBA::TRANSIENT::_downcast(&exception) != nullptr ||
-                        CORBA::COMM_FAILURE::_downcast(&exception) != nullptr;
-  if (std::string refusal = lastTlsRefusal(); isBroken && !refusal.empty())
-    return refusal;
-  if (CORBA::TIMEOUT::_downcast(&exception) != nullptr)
-    return "it does not answer in time";
-  if (CORBA::TRANSIENT::_downcast(&exception) != nullptr)
-    return "nothing accepts connections there";
-  if (CORBA::COMM_FAILURE::_downcast(&exception) != nullptr)
-    return currentTls() ? "the connection broke"
-                        : "the connection broke; a service with TLS = only ends those without TLS";
-  if (CORBA::OBJECT_NOT_EXIST::_downcast(&exception) != nullptr)
-    return "what listens there is no discovery service";
-  if (CORBA::NO_PERMISSION::_downcast(&exception) != nullptr)
-    return "it does not allow this to who calls from here; ALLOW_READ, ALLOW_WRITE and "
-           "ALLOW_CONTROL of its configuration say who may, and its log tells of the refusal";
-  if (CORBA::BAD_PARAM::_downcast(&exception) != nullptr)
-    return "this cannot be a host's name";
-  return corbaExceptionText(exception);
-}
-
 void addConnectionOptions(CLI::App& application, ConnectionOptions& options)
 {
   application
       .add_option("-m,--master", options.master,
-                  "The master's service; default: SERVER of the configuration")
-      ->type_name("HOST[:PORT]");
+                  "The master's service, or, for commands that read, those of several with commas "
+                  "between; default: MASTERS, or else SERVER, of the configuration")
+      ->type_name("HOST[:PORT],...");
   application
       .add_option("--timeout", options.timeout,
                   "How long the command may wait in all; default: 300, of them 30 for one answer")
       ->check(CLI::Range(1L, 3600L))
       ->type_name("SECONDS");
-}
-
-bool parseMaster(std::string const& text, std::string& host, std::string& port)
-{
-  host = text;
-  port.clear();
-  if (text.starts_with('['))
-  {
-    auto const end = text.find(']');
-    if (end == std::string::npos)
-      return false;
-    host = text.substr(1, end - 1);
-    std::string const rest = text.substr(end + 1);
-    if (!rest.empty() && !rest.starts_with(':'))
-      return false;
-    if (!rest.empty() && !isPort(port = rest.substr(1)))
-      return false;
-  }
-  else if (std::count(text.begin(), text.end(), ':') == 1)
-  {
-    host = text.substr(0, text.find(':'));
-    port = text.substr(text.find(':') + 1);
-    if (!isPort(port))
-      return false;
-  }
-  return !host.empty() && host.find_first_of(" \t\r\n/[]%") == std::string::npos;
 }
 
 void TimeLimit::start(ConnectionOptions const& options, std::string const& place, Orb& orb)
@@ -213,20 +119,50 @@ Connection::~Connection()
   m_service = Remote::DiscoveryService::_nil();
 }
 
+// Of several.
+int Connection::chooseMasters(MasterList const& list)
+{
+  m_options.several = true;
+  m_masters.choose(list.hosts, {m_options.call(), m_options.answer()});
+  m_place = m_masters.places();
+  return EXIT_DONE;
+}
+
 int Connection::chooseMaster()
 {
+  MasterList list;
   if (!m_options.master.empty())
   {
-    std::string port;
-    if (!parseMaster(m_options.master, m_master, port))
+    if (std::string const mistake = parseMasters(m_options.master, list); !mistake.empty())
     {
-      complain("\"" + shown(m_options.master) +
-               "\" names no service; use --master HOST, HOST:PORT or [ADDRESS]:PORT");
+      complain(mistake);
       return EXIT_USAGE;
     }
+    if (list.hosts.size() > 1 && m_asks == ONE)
+    {
+      complain("several masters are named, and this command takes one; those that read take more");
+      return EXIT_USAGE;
+    }
+    if (!list.port.empty())
+      overrideConfiguration(configKey("ORB_PORT.").name + std::string(DISCOVERY_SERVICE),
+                            list.port);
+  }
+  else if (m_asks == SEVERAL)
+  {
+    if (std::string const mistake = configuredMasters(list); !mistake.empty())
+    {
+      complain(mistake);
+      return EXIT_FAILED;
+    }
+    if (list.hosts.size() == 1)
+      m_options.master = list.hosts.front();
+  }
+  if (list.hosts.size() > 1)
+    return chooseMasters(list);
+  if (list.hosts.size() == 1)
+  {
+    m_master = list.hosts.front();
     overrideConfiguration(configKey("SERVER").name, m_master);
-    if (!port.empty())
-      overrideConfiguration(configKey("ORB_PORT.").name + std::string(DISCOVERY_SERVICE), port);
   }
   else
   {
@@ -269,6 +205,12 @@ int Connection::prepare()
 
 int Connection::reachMaster()
 {
+  if (several())
+  {
+    int const result = m_masters.reach(*m_research.orb(), m_options.call());
+    m_place = m_masters.places();
+    return result;
+  }
   m_service = connect(m_master);
   if (CORBA::is_nil(m_service))
     return whyNotConnected();
@@ -279,45 +221,30 @@ int Connection::reachMaster()
 Remote::DiscoveryService_ptr Connection::connect(std::string const& host)
 {
   std::string const place = placeOf(host);
-  std::string reason;
   Progress progress("Connecting to " + place);
-  if (addressesOf(host, reason).empty())
-  {
-    progress.clear();
-    complain("the host name \"" + shown(host) + "\" cannot be resolved: " + reason,
+  Reached reached = reach(*m_research.orb(), host, m_options.call());
+  progress.clear();
+  m_refused = reached.result == EXIT_REFUSED;
+  if (reached.addresses.empty())
+    complain("the host name \"" + shown(host) + "\" cannot be resolved: " + reached.reason,
              {"Give an address, or set HOST_ADDRESS." + shown(host) + " in " +
               getConfigurationPath() + "."});
-    return Remote::DiscoveryService::_nil();
-  }
-  try
-  {
-    OzfHostname name;
-    name.setHostname(host);
-    CORBA::Object_var const object = m_research.orb()->resolveObject(
-        name, DISCOVERY_SERVICE, DISCOVERY_SERVICE, ACE_Time_Value(m_options.call()));
-    Remote::DiscoveryService_var service = Remote::DiscoveryService::_narrow(object);
-    if (!CORBA::is_nil(service))
-      return service._retn();
-    reason = "what listens there is no discovery service";
-  }
-  catch (CORBA::NO_PERMISSION const& exception)
-  {
-    progress.clear();
-    m_refused = true;
-    complain("refused by the service at " + place + ": " + reasonOf(exception));
-    return Remote::DiscoveryService::_nil();
-  }
-  catch (CORBA::Exception const& exception)
-  {
-    reason = reasonOf(exception);
-  }
-  progress.clear();
-  complain("no discovery service at " + place + ": " + reason, {ADVICE});
-  return Remote::DiscoveryService::_nil();
+  else if (reached.result == EXIT_REFUSED)
+    complain("refused by the service at " + place + ": " + reached.reason);
+  else if (reached.result != EXIT_DONE)
+    complain("no discovery service at " + place + ": " + reached.reason, {ADVICE});
+  return reached.service._retn();
+}
+
+bool Connection::answers(Record const& record) const
+{
+  return several() ? m_masters.answers(record) : answers();
 }
 
 bool Connection::answers() const
 {
+  if (several())
+    return m_masters.missing() < m_masters.size();
   if (!m_lost.empty())
     return false;
   try
@@ -335,46 +262,12 @@ bool Connection::answers() const
 
 int Connection::conclude(int exitCode) const
 {
+  if (several())
+    return m_masters.conclude(exitCode);
   if ((exitCode != EXIT_FAILED && exitCode != EXIT_PARTLY) || answers())
     return exitCode;
   complain("the service at " + m_place + " does not answer any more: " + m_lost, {ADVICE});
   return exitCode == EXIT_FAILED ? EXIT_NOT_REACHABLE : exitCode;
-}
-
-// The first of these discoveries that is stored, and how the service that lists
-// them calls itself. Only the beginning of the list is looked at.
-bool Connection::findStored(char const* subject, char const* authority, Remote::Discovery& stored,
-                            std::string& name) const
-{
-  constexpr CORBA::Long SOME = 64;
-  Remote::DiscoveryIterator_var const iterator =
-      m_service->queryDiscoveries(DQ_DISCOVERY_DATA, AT_ANYANDALL, subject, authority);
-  iterator->pageSize(SOME);
-  Remote::DiscoverySeq_var page = iterator->getNextPage();
-  iterator->release();
-  for (CORBA::ULong i = 0; i < page->length(); ++i)
-  {
-    name = page[i].sourceHost.in();
-    if (page[i].attributes.discoveryTime == 0)
-      continue;
-    stored = page[i];
-    return true;
-  }
-  return false;
-}
-
-// Whether the service lists what it does not have: that of a client passes
-// queries on to the master, but gives out nothing of what is stored.
-bool Connection::onlyRelays(Remote::Discovery const& stored) const
-{
-  Remote::CollectionDataIterator_var iterator;
-  DiscoveryStatus const status = m_service->getCollectionData(stored, "", iterator.out());
-  if (!CORBA::is_nil(iterator))
-    iterator->release();
-  // It may have expired since it was listed.
-  Remote::Discovery again;
-  std::string name;
-  return status == DS_NONE_FOUND && findStored(stored.subject, stored.authority, again, name);
 }
 
 // Records name the host that has them as the service calls itself. A user who
@@ -386,36 +279,15 @@ void Connection::learnMaster()
   bool const named = !m_options.master.empty();
   if (!named && !IpAddress::fromText(m_master))
     return;
-  Remote::Discovery stored;
-  std::string name;
-  bool found = false;
-  try
-  {
-    // What each service tells of itself is stored; collections on demand come
-    // before all that is.
-    found = findStored("*", "service", stored, name) || findStored("*", "*", stored, name);
-  }
-  catch (CORBA::Exception const&)
-  {
-    // What the user asked for will meet the same and say so.
-  }
+  Lister const lister = lookAtLister(m_service, named);
   std::string reason;
   std::string const addresses = addressesOf(m_master, reason);
-  if (!name.empty() && !addresses.empty())
-    overrideConfiguration(configKey("HOST_ADDRESS.").name + name, addresses);
-  if (!named || !found)
-    return;
-  try
-  {
-    if (onlyRelays(stored))
-      complain("the service at " + m_place + " is not the master's: \"" + shown(name) +
-               "\" is a client, which lists its master's discoveries but has none of them to show. "
-               "Name the master with --master, or leave --master out.");
-  }
-  catch (CORBA::Exception const&)
-  {
-    // As above.
-  }
+  if (!lister.name.empty() && !addresses.empty())
+    overrideConfiguration(configKey("HOST_ADDRESS.").name + lister.name, addresses);
+  if (lister.relays)
+    complain("the service at " + m_place + " is not the master's: \"" + shown(lister.name) +
+             "\" is a client, which lists its master's discoveries but has none of them to show. "
+             "Name the master with --master, or leave --master out.");
 }
 
 } // namespace tqdiscoctl

@@ -4,10 +4,13 @@
 
 #include "ozf/base/OzfHostname.h"
 #include "tools/ExitCodes.h"
+#include "tools/MasterList.h"
+#include "tools/Masters.h"
 #include "tools/Research.h"
 
 #include <DiscoveryServiceC.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -27,12 +30,21 @@ struct ConnectionOptions
   static constexpr long WHOLE = 300; // seconds, when the user says nothing
   static constexpr long CALL = 30;
 
-  std::string master; // HOST or HOST:PORT, empty for the configuration's
-  long timeout = 0;   // seconds, 0 when the user says nothing
+  std::string master;   // HOST or HOST:PORT, or several; empty for the configuration's
+  long timeout = 0;     // seconds, 0 when the user says nothing
+  bool several = false; // masters are asked
 
-  // What the command, and what one call of it, may take.
+  // What the command, and what one call of it, may take. One of several masters may
+  // not use up what the answers of the others need.
   long whole() const noexcept { return timeout != 0 ? timeout : WHOLE; }
-  long call() const noexcept { return timeout != 0 ? timeout : CALL; }
+  long call() const noexcept
+  {
+    if (several)
+      return std::min(CALL, answer());
+    return timeout != 0 ? timeout : CALL;
+  }
+  // What the list of one of several may take.
+  long answer() const noexcept { return std::max(1L, whole() / 2); }
 };
 
 // Ends the process, after telling the user, when its time is over: no service is
@@ -73,19 +85,24 @@ private:
 // --master and --timeout; they may stand before and behind the command.
 void addConnectionOptions(CLI::App& application, ConnectionOptions& options);
 
-// Splits "host", "host:port", "[::1]:port" and "::1". The port is empty when
-// none is given. False when it is none of these.
-bool parseMaster(std::string const& text, std::string& host, std::string& port);
-
-// Why a call failed, for people.
-std::string reasonOf(CORBA::Exception const& exception);
-
-// Brings the research API up and connects to the master's service. One a
-// process; everything read through it is released before it ends.
+// Brings the research API up and connects to the master's service, or to those of
+// several masters. One a process; everything read through it is released before it
+// ends.
 class Connection
 {
 public:
-  explicit Connection(ConnectionOptions const& options) : m_options(options) {}
+  // How many masters the command takes: one, or as many as the user or the
+  // configuration has.
+  enum Asks
+  {
+    ONE,
+    SEVERAL
+  };
+
+  explicit Connection(ConnectionOptions options, Asks asks = ONE)
+      : m_options(std::move(options)), m_asks(asks)
+  {
+  }
   ~Connection();
   Connection(Connection const&) = delete;
   Connection& operator=(Connection const&) = delete;
@@ -98,6 +115,15 @@ public:
   // master's.
   int prepare();
   int reachMaster();
+
+  // Whether there is more than one, from prepare on. Then they are reached side by side,
+  // which is EXIT_DONE when one of them is; what is said of the master below holds for
+  // none of them, and commands ask through masters().
+  bool several() const noexcept { return m_options.several; }
+  Masters& masters() const noexcept { return m_masters; }
+
+  // Tries again, for so many seconds at most, to reach those of several that are missing.
+  void reachMissing(long seconds) const { m_masters.reach(*m_research.orb(), seconds); }
 
   // As the user or the configuration has it, from prepare on.
   std::string const& master() const noexcept { return m_master; }
@@ -120,8 +146,13 @@ public:
   TimeLimit const& clock() const noexcept { return m_clock; }
 
   // Whether the master's service still answers. Blocks for the time-out at
-  // worst; once it did not, it is not asked again.
+  // worst; once it did not, it is not asked again. Of several: whether any is not
+  // missing yet, without asking.
   bool answers() const;
+
+  // The same of the one that listed the record; and whether it is missing by now.
+  bool answers(Record const& record) const;
+  bool isMissing(Record const& record) const { return several() && m_masters.isMissing(record); }
 
   // The exit code of a command that came to that one: what has failed because
   // the service went away meanwhile is told so, and counts as not reachable.
@@ -133,19 +164,18 @@ public:
     return m_service.in();
   }
 
-  // "backup1:27511".
+  // "backup1:27511"; of several with commas between them.
   std::string const& place() const noexcept { return m_place; }
 
 private:
+  int chooseMasters(MasterList const& list);
   int chooseMaster();
   void learnMaster();
-  bool findStored(char const* subject, char const* authority,
-                  Quillon::Tessarine::Ozf::DiscoverySvc::Remote::Discovery& stored,
-                  std::string& name) const;
-  bool onlyRelays(Quillon::Tessarine::Ozf::DiscoverySvc::Remote::Discovery const& stored) const;
 
-  ConnectionOptions const& m_options;
-  std::string m_master; // its name
+  ConnectionOptions m_options;
+  Asks const m_asks;
+  mutable Masters m_masters; // none unless there are several
+  std::string m_master;      // its name
   std::string m_place;
   Research m_research;
   TimeLimit m_clock;      // stopped before the ORB goes

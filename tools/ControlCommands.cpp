@@ -11,6 +11,7 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <iostream>
 #include <memory>
@@ -56,7 +57,7 @@ int reach(ControlOptions const& options, Connection& connection,
 {
   bool const needsMaster = options.host.empty() || options.now;
   if (int const result = needsMaster ? connection.open() : connection.prepare();
-      result != EXIT_DONE)
+      result != EXIT_DONE || connection.several())
     return result;
   service = options.host.empty() ? Remote::DiscoveryService::_duplicate(connection.service())
                                  : connection.connect(options.host);
@@ -68,14 +69,22 @@ std::string whose(ControlOptions const& options, Connection const& connection)
   return options.host.empty() ? connection.place() : shown(options.host);
 }
 
-// Stores the request that the hosts concerned look for before their next pass. An
-// exit code.
-int requestRefresh(ControlOptions const& options, Connection const& connection)
+constexpr char NO_ITEMS[] = "<DiscoveredItems/>\n";
+
+// The request that hosts look for before their next pass.
+Remote::Discovery refreshRequest(ControlOptions const& options, std::string const& subject)
 {
   // Long enough for a pass that was asked for, and for a host that is slow.
   constexpr std::uint64_t LIFETIME = 600; // seconds
   constexpr unsigned PRIORITY = 10;
-  constexpr char NOTHING[] = "<DiscoveredItems/>\n";
+  std::string const authority =
+      REFRESH_AUTHORITY + (options.authority.empty() ? "" : '.' + options.authority);
+  return recordToStore(subject, authority, AT_EXTSRC, PRIORITY, LIFETIME);
+}
+
+// Stores it for the hosts concerned. An exit code.
+int requestRefresh(ControlOptions const& options, Connection const& connection)
+{
   std::string subject = REFRESH_ALL_HOSTS;
   if (!options.all)
   {
@@ -89,10 +98,47 @@ int requestRefresh(ControlOptions const& options, Connection const& connection)
     }
     subject = asked->name;
   }
-  std::string const authority =
-      REFRESH_AUTHORITY + (options.authority.empty() ? "" : '.' + options.authority);
-  return sendToMaster(connection, recordToStore(subject, authority, AT_EXTSRC, PRIORITY, LIFETIME),
-                      NOTHING);
+  return sendToMaster(connection, refreshRequest(options, subject), NO_ITEMS);
+}
+
+constexpr char NOT_PUSHED[] = "either that service is not the master's, or it is still at work on "
+                              "the last such request; its log tells";
+
+// Has every host of several masters push. An exit code.
+int pushAll(ControlOptions const& options, Connection const& connection)
+{
+  Masters& masters = connection.masters();
+  Remote::Discovery const request = refreshRequest(options, REFRESH_ALL_HOSTS);
+  std::atomic<bool> answered{false};
+  masters.each(
+      [&](Master& master, std::size_t)
+      {
+        Sent const sent = options.now ? sendTo(master.service, request, NO_ITEMS) : Sent();
+        if (sent.result != EXIT_DONE)
+          return sent.reason;
+        bool const pushed = master.service->restartAllPushTimers();
+        answered = true;
+        return std::string(pushed ? "" : NOT_PUSHED);
+      });
+  std::string done;
+  nlohmann::json all = nlohmann::json::array();
+  for (Master const& master : masters.all())
+  {
+    all.push_back(
+        {{"master", master.name}, {"service", master.place}, {"done", master.missing.empty()}});
+    if (master.missing.empty())
+      done += (done.empty() ? "" : ", ") + master.place;
+  }
+  if (options.json)
+    printJson({{"masters", std::move(all)}, {"all", true}, {"now", options.now}});
+  else if (!done.empty())
+    std::cout << wrapped("Asked by " + done +
+                             ", every known client moves its next pass to within a minute.",
+                         terminalWidth(STDOUT_FILENO))
+              << '\n';
+  if (done.empty())
+    return answered ? EXIT_FAILED : connection.conclude(EXIT_FAILED);
+  return connection.conclude(EXIT_DONE);
 }
 
 int push(ControlOptions const& options, Session const& session)
@@ -102,10 +148,12 @@ int push(ControlOptions const& options, Session const& session)
     complain("--authority is a pattern; name one authority, or leave it out for all");
     return EXIT_USAGE;
   }
-  Connection connection(session.connection);
+  Connection connection(session.connection, options.all ? Connection::SEVERAL : Connection::ONE);
   Remote::DiscoveryService_var service;
   if (int const result = reach(options, connection, service); result != EXIT_DONE)
     return result;
+  if (connection.several())
+    return pushAll(options, connection);
   if (options.now)
     if (int const result = requestRefresh(options, connection); result != EXIT_DONE)
       return result;
@@ -115,8 +163,7 @@ int push(ControlOptions const& options, Session const& session)
       service->restartLocalPushTimer();
     else if (!service->restartAllPushTimers())
     {
-      complain("not done: either that service is not the master's, or it is still at work on the "
-               "last such request; its log tells");
+      complain(std::string("not done: ") + NOT_PUSHED);
       return EXIT_FAILED;
     }
   }

@@ -302,8 +302,8 @@ int conclude(ForgetOptions const& options, std::vector<Doomed> const& doomed)
     std::cout << "Removed " << counted(removed, "discovery", "discoveries") << ".\n";
   std::cout.flush();
   if (announcements)
-    remark("A running service goes on with an announcement that it has read, until it is started "
-           "anew.");
+    remark("A running service forgets what was announced within seconds; of tens of thousands of "
+           "hosts within two minutes.");
   if (options.dryRun || removed == doomed.size())
     return EXIT_DONE;
   return removed == 0 ? EXIT_FAILED : EXIT_PARTLY;

@@ -1,5 +1,6 @@
 #include "tools/Fleet.h"
 
+#include "tools/Connection.h"
 #include "tools/ExitCodes.h"
 #include "tools/Format.h"
 #include "tools/Hosts.h"
@@ -125,27 +126,46 @@ SilentHosts Fleet::silent() const
   return silent;
 }
 
-void dropForgotten(SilentHosts& silent)
+namespace
+{
+
+template <class Visit>
+void dropUnannounced(SilentHosts& silent, Selection announcements, Visit const& visit)
 {
   auto const isOnDemandAlone = [](SilentHosts::value_type const& host)
   { return host.second.isZero(); };
   if (std::none_of(silent.begin(), silent.end(), isOnDemandAlone))
     return;
-  Selection announcements;
   announcements.typeName = formatType(AT_REMOTEPULL);
   std::set<std::string> announced;
-  int const listed = visitRecords(
-      announcements,
-      [&](Record const& record)
-      {
-        if (silent.count(record.subject) != 0)
-          announced.insert(record.subject);
-        return true;
-      },
-      true);
+  int const listed = visit(announcements,
+                           [&](Record const& record)
+                           {
+                             if (silent.count(record.subject) != 0)
+                               announced.insert(record.subject);
+                             return true;
+                           });
   if (listed == EXIT_DONE)
     std::erase_if(silent, [&](SilentHosts::value_type const& host)
                   { return isOnDemandAlone(host) && announced.count(host.first) == 0; });
+}
+
+} // namespace
+
+void dropForgotten(Connection const& connection, SilentHosts& silent)
+{
+  dropUnannounced(silent, Selection(),
+                  [&](Selection const& announcements, RecordSink const& take)
+                  { return visitRecords(connection, announcements, take, true); });
+}
+
+void dropForgotten(std::string const& master, SilentHosts& silent)
+{
+  Selection ofMaster;
+  ofMaster.master = master;
+  dropUnannounced(silent, ofMaster,
+                  [](Selection const& announcements, RecordSink const& take)
+                  { return visitRecords(announcements, take, true); });
 }
 
 } // namespace tqdiscoctl

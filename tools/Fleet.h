@@ -16,6 +16,8 @@
 namespace tqdiscoctl
 {
 
+class Connection;
+
 // By name; with the time of the latest discovery about the host, zero when all are on
 // demand.
 using SilentHosts = std::map<std::string, Quillon::Tessarine::Ozf::OzfObjTime>;
@@ -97,7 +99,10 @@ private:
 
 // Takes the hosts away of which nothing is listed but explorers whose announcements
 // were removed: the service goes on with those until it is started anew. Asks the
-// service where there may be any.
-void dropForgotten(SilentHosts& silent);
+// service where there may be any, or those of all masters that the connection is to.
+void dropForgotten(Connection const& connection, SilentHosts& silent);
+
+// The same of one of several masters.
+void dropForgotten(std::string const& master, SilentHosts& silent);
 
 } // namespace tqdiscoctl

@@ -19,13 +19,16 @@ void Host::add(Record const& record)
   firstExpiry = firstExpiry.isZero() ? record.expires : std::min(firstExpiry, record.expires);
 }
 
-nlohmann::json toJson(std::string const& name, Host const& host)
+nlohmann::json toJson(std::string const& name, Host const& host, std::string const& master)
 {
-  return {{"host", name},
-          {"discoveries", host.discoveries},
-          {"authorities", host.authorities},
-          {"latestTime", timeOrNull(host.latest)},
-          {"firstExpiresTime", timeOrNull(host.firstExpiry)}};
+  nlohmann::json result = {{"host", name},
+                           {"discoveries", host.discoveries},
+                           {"authorities", host.authorities},
+                           {"latestTime", timeOrNull(host.latest)},
+                           {"firstExpiresTime", timeOrNull(host.firstExpiry)}};
+  if (!master.empty())
+    result["master"] = master;
+  return result;
 }
 
 bool isFromExplorer(Record const& record)

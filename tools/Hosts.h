@@ -24,7 +24,8 @@ struct Host
   void add(Record const& record);
 };
 
-nlohmann::json toJson(std::string const& name, Host const& host);
+// master: empty where only one is asked.
+nlohmann::json toJson(std::string const& name, Host const& host, std::string const& master = {});
 
 // The authority under which each service tells of itself.
 inline constexpr char SERVICE_AUTHORITY[] = "service";

@@ -301,7 +301,7 @@ HtmlList failureList(ReportData const& data, std::size_t& room)
         list.add(
             [&]
             {
-              return HtmlCells{nameHtml(state.record.subject), nameHtml(explorer.name),
+              return HtmlCells{nameHtml(nameWithMaster(state.record)), nameHtml(explorer.name),
                                nameHtml(fact(explorer, "Type")),
                                agoHtml(timeOf(explorer, "LastRun"), data.fleet.now()),
                                nameHtml(fact(explorer, "LastResult"))};
@@ -345,7 +345,8 @@ HtmlList certificateList(ReportData const& data, std::size_t& room)
     if (!end.isZero() && end.seconds() - now.seconds() <= CERTIFICATE_SOON)
       list.add(
           [&] {
-            return HtmlCells{nameHtml(state.record.subject), agoHtml(end, now), timeHtml(end)};
+            return HtmlCells{nameHtml(nameWithMaster(state.record)), agoHtml(end, now),
+                             timeHtml(end)};
           });
   }
   return list;
@@ -373,7 +374,7 @@ HtmlList waitingList(ReportData const& data, std::size_t& room)
       list.add(
           [&]
           {
-            return HtmlCells{nameHtml(state.record.subject),
+            return HtmlCells{nameHtml(nameWithMaster(state.record)),
                              nameHtml(fact(state.service, "AwaitsRestart"))};
           });
   return list;

@@ -45,6 +45,9 @@ std::string groupName(std::string const& fact, std::string const& value)
 
 void CsvTable::see(std::vector<ItemRow> const& rows)
 {
+  m_masters =
+      m_masters || std::any_of(rows.begin(), rows.end(),
+                               [](ItemRow const& row) { return !masterOf(*row.record).empty(); });
   if (!m_all)
     return;
   for (ItemRow const& row : rows)
@@ -55,7 +58,7 @@ void CsvTable::see(std::vector<ItemRow> const& rows)
 
 void CsvTable::begin(std::ostream& os) const
 {
-  os << "subject,authority,item";
+  os << (m_masters ? "subject,master,authority,item" : "subject,authority,item");
   for (std::string const& column : m_columns)
     os << ',' << csvCell(column);
   os << '\n';
@@ -65,8 +68,10 @@ void CsvTable::print(std::ostream& os, std::vector<ItemRow> const& rows) const
 {
   for (ItemRow const& row : rows)
   {
-    os << csvCell(row.subject) << ',' << csvCell(row.record->authority) << ','
-       << csvCell(row.item->name);
+    os << csvCell(row.subject) << ',';
+    if (m_masters)
+      os << csvCell(masterOf(*row.record)) << ',';
+    os << csvCell(row.record->authority) << ',' << csvCell(row.item->name);
     for (std::string const& column : m_columns)
     {
       std::string const* const value = row.item->find(column);
@@ -81,8 +86,21 @@ AnsibleInventory::AnsibleInventory(std::vector<std::string> groupedBy)
 {
 }
 
+void AnsibleInventory::see(std::vector<ItemRow> const& rows)
+{
+  for (ItemRow const& row : rows)
+  {
+    auto& latest = m_latest[{row.subject, row.record->authority}];
+    if (!latest || latest->discovered < row.record->discovered)
+      latest = row.record;
+  }
+}
+
 void AnsibleInventory::add(ItemRow const& row, OzfQuery const& description)
 {
+  auto const latest = m_latest.find({row.subject, row.record->authority});
+  if (latest != m_latest.end() && masterOf(*latest->second) != masterOf(*row.record))
+    return;
   nlohmann::json& facts = m_variables[row.subject]["tessarine"][row.record->authority];
   nlohmann::json values = factsObject(row.item->facts, description);
   if (row.item->name == row.subject)

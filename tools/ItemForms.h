@@ -14,10 +14,10 @@
 namespace tqdiscoctl
 {
 
-// A table with commas between (RFC 4180, lines end with LF): subject, authority, item and
-// the facts of columns, or, when there are none, all that any of the items has. Values are
-// as they are stored, but for characters that no terminal should get. Used once: begin with
-// all items, then add each.
+// A table with commas between (RFC 4180, lines end with LF): subject, master where several
+// are asked, authority, item and the facts of columns, or, when there are none, all that any of the
+// items has. Values are as they are stored, but for characters that no terminal should get. Used
+// once: begin with all items, then add each.
 class CsvTable
 {
 public:
@@ -32,15 +32,20 @@ private:
   std::vector<std::string> m_columns;
   bool const m_all = m_columns.empty();
   std::set<std::string> m_known; // names in lower case
+  bool m_masters = false;
 };
 
 // What Ansible takes from an inventory program: each subject as a host with the variable
 // tessarine, in which facts lie by authority (and by item, where they are not about the
-// host as a whole), and a group for each value of the facts that hosts are grouped by.
+// host as a whole), and a group for each value of the facts that hosts are grouped by. Of what
+// several masters have of one host and authority, what was found last. Used once: see all
+// items, then add each.
 class AnsibleInventory
 {
 public:
   explicit AnsibleInventory(std::vector<std::string> groupedBy);
+
+  void see(std::vector<ItemRow> const& rows);
 
   // description: of the facts of this item.
   void add(ItemRow const& row, Quillon::Tessarine::Ozf::OzfQuery const& description);
@@ -49,6 +54,7 @@ public:
 
 private:
   std::vector<std::string> m_groupedBy;
+  std::map<std::pair<std::string, std::string>, std::shared_ptr<Record const>> m_latest;
   nlohmann::json m_variables = nlohmann::json::object(); // by host
   std::map<std::string, std::set<std::string>> m_groups;
 };

@@ -68,11 +68,37 @@ std::string upper(std::string text)
   return text;
 }
 
-bool hasSeveralSubjects(std::vector<ItemRow> const& rows)
+// Whose items the rows are, as far as they are not all of one.
+struct Owners
 {
-  return std::any_of(rows.begin(), rows.end(),
-                     [&rows](ItemRow const& row) { return row.subject != rows.front().subject; });
-}
+  explicit Owners(std::vector<ItemRow> const& rows)
+  {
+    std::size_t subject = 7;
+    std::size_t master = 6;
+    for (ItemRow const& row : rows)
+    {
+      subjects = subjects || row.subject != rows.front().subject;
+      masters = masters || !masterOf(*row.record).empty();
+      subject = std::max(subject, std::min(displayWidth(row.subject), WIDE));
+      master = std::max(master, std::min(displayWidth(masterOf(*row.record)), WIDE));
+    }
+    width = (subjects ? subject + COLUMN_GAP : 0) + (masters ? master + COLUMN_GAP : 0);
+  }
+
+  std::vector<std::string> cells(ItemRow const& row) const
+  {
+    std::vector<std::string> cells;
+    if (subjects)
+      cells.push_back(row.subject);
+    if (masters)
+      cells.push_back(masterOf(*row.record));
+    return cells;
+  }
+
+  bool subjects = false;
+  bool masters = false;
+  std::size_t width = 0; // of their columns
+};
 
 bool isRare(std::vector<ItemRow> const& rows, std::string const& fact)
 {
@@ -104,16 +130,13 @@ int turnOf(std::string const& fact, std::vector<ItemRow> const& rows, OzfQuery c
 // The facts that fit beside the names, in their order.
 std::vector<std::string> fitting(std::vector<std::string> const& facts,
                                  std::vector<ItemRow> const& rows, OzfQuery const& description,
-                                 std::string const& sortedBy, std::size_t width, bool subjects)
+                                 std::string const& sortedBy, std::size_t width,
+                                 Owners const& owners)
 {
   std::size_t used = 4;
-  std::size_t subjectWidth = 7;
   for (ItemRow const& row : rows)
-  {
     used = std::max(used, std::min(displayWidth(row.item->name), WIDE));
-    subjectWidth = std::max(subjectWidth, std::min(displayWidth(row.subject), WIDE));
-  }
-  used += subjects ? subjectWidth + COLUMN_GAP : 0;
+  used += owners.width;
 
   std::vector<bool> chosen(facts.size());
   for (int turn = 0; turn <= LAST_TURN; ++turn)
@@ -159,19 +182,21 @@ std::size_t printItemTable(std::ostream& os, std::vector<ItemRow> const& rows,
                            std::vector<std::string> const& columns, std::string const& sortedBy,
                            OzfQuery const& description, std::size_t width, bool bold)
 {
-  bool const subjects = hasSeveralSubjects(rows);
+  Owners const owners(rows);
   std::vector<std::string> const all = allFacts(rows);
   std::vector<std::string> facts = columns;
   std::size_t leftOut = 0;
   if (columns.empty())
   {
-    facts = width == 0 ? all : fitting(all, rows, description, sortedBy, width, subjects);
+    facts = width == 0 ? all : fitting(all, rows, description, sortedBy, width, owners);
     leftOut = all.size() - facts.size();
   }
 
-  std::vector<std::pair<std::string, Table::Column>> header;
-  if (subjects)
+  Table::Header header;
+  if (owners.subjects)
     header.emplace_back("SUBJECT", Table::TEXT);
+  if (owners.masters)
+    header.emplace_back("MASTER", Table::TEXT);
   header.emplace_back("ITEM", Table::TEXT);
   for (std::string const& fact : facts)
     header.emplace_back(upper(fact),
@@ -179,9 +204,7 @@ std::size_t printItemTable(std::ostream& os, std::vector<ItemRow> const& rows,
   Table table(std::move(header));
   for (ItemRow const& row : rows)
   {
-    std::vector<std::string> cells;
-    if (subjects)
-      cells.push_back(row.subject);
+    std::vector<std::string> cells = owners.cells(row);
     cells.push_back(shown(row.item->name));
     for (std::string const& fact : facts)
       cells.push_back(cell(row, fact, description));

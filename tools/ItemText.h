@@ -27,7 +27,8 @@ void printItem(std::ostream& os, Item const& item,
 
 // A row for each item and a column for each fact: those of columns, or, when
 // there are none, as many as the width has room for (0: all), first of which is
-// the one that they are sorted by. The subject is a column when there are several.
+// the one that they are sorted by. The subject is a column when there are several,
+// and the master when several are asked.
 // Returns how many facts were left out.
 std::size_t printItemTable(std::ostream& os, std::vector<ItemRow> const& rows,
                            std::vector<std::string> const& columns, std::string const& sortedBy,

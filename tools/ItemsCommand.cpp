@@ -74,7 +74,8 @@ class Rows
 public:
   void add(Record const& record, Item item, ItemOrder const& order, std::size_t limit)
   {
-    if (m_record == nullptr || m_record->subject != record.subject || m_record->type != record.type)
+    if (m_record == nullptr || m_record->subject != record.subject ||
+        m_record->type != record.type || masterOf(*m_record) != masterOf(record))
       m_record = std::make_shared<Record const>(record);
     if (limit != 0 && order.fact.empty() && m_rows.size() >= limit)
       return;
@@ -201,6 +202,8 @@ private:
   {
     AnsibleInventory inventory(m_options.groupedBy);
     for (auto const& [authority, rows] : m_rows)
+      inventory.see(rows.rows());
+    for (auto const& [authority, rows] : m_rows)
       for (ItemRow const& row : rows.rows())
         inventory.add(row, m_descriptions.of(*row.record));
     printJson(inventory.finish());
@@ -279,12 +282,15 @@ private:
 
   static void printDetails(std::vector<ItemRow> const& rows, OzfQuery const& description, bool bold)
   {
-    std::string const* subject = nullptr;
+    ItemRow const* before = nullptr;
     for (ItemRow const& row : rows)
     {
-      if (subject == nullptr || *subject != row.subject)
-        std::cout << "\nSubject " << shown(row.subject) << ":\n";
-      subject = &row.subject;
+      std::string const& master = masterOf(*row.record);
+      if (before == nullptr || before->subject != row.subject ||
+          masterOf(*before->record) != master)
+        std::cout << "\nSubject " << shown(row.subject)
+                  << (master.empty() ? "" : " at master " + shown(master)) << ":\n";
+      before = &row;
       std::cout << '\n';
       printItem(std::cout, *row.item, description, bold);
     }
@@ -318,7 +324,7 @@ int items(ItemsOptions const& options, Session const& session)
   if (!parseWhere(options.where, query))
     return EXIT_USAGE;
   WhileRead const whileRead;
-  Connection connection(session.connection);
+  Connection connection(session.connection, Connection::SEVERAL);
   std::vector<Record> records;
   int const listed = openAndQuery(connection, options.selection, records);
   if (!isListed(listed))
@@ -343,6 +349,8 @@ int items(ItemsOptions const& options, Session const& session)
       cut = output.full() || connection.clock().nearlyOver();
       if (cut)
         break;
+      if (connection.isMissing(record))
+        continue;
       if (telling && !progress)
         progress.emplace(WHAT);
       ++done;
@@ -361,13 +369,15 @@ int items(ItemsOptions const& options, Session const& session)
         failures.success();
         continue;
       }
+      progress.reset(); // that in sight goes
       // Each of those to come would have to be waited for.
-      if (!connection.answers())
+      if (!connection.answers(record))
       {
         gone = true;
+        if (connection.several())
+          continue;
         break;
       }
-      progress.reset(); // that in sight goes
       if (!failures.add(record, collection.count != 0))
         break;
     }

@@ -71,6 +71,7 @@ int main(int argc, char** argv)
   addWatchCommand(application, session);
   addMetricsCommand(application, session);
   addReportCommand(application, session);
+  addWhichMasterCommand(application, session);
   addPutCommand(application, session);
   addControlCommands(application, session);
   addExplorerCommands(application, session);

@@ -15,7 +15,9 @@
 
 #include <algorithm>
 #include <iostream>
+#include <map>
 #include <memory>
+#include <optional>
 
 namespace tqdiscoctl
 {
@@ -58,7 +60,7 @@ int readFleet(Figures& figures, std::string& lister)
     return EXIT_PARTLY;
   }
   SilentHosts silent = fleet.silent();
-  dropForgotten(silent);
+  dropForgotten("", silent);
   figures.fleet = figuresOf(fleet, silent);
   return result;
 }
@@ -83,11 +85,86 @@ int readService(Connection const& connection, std::string const& host, Figures& 
   return result;
 }
 
-int readFigures(MetricsOptions const& options, Session const& session, Figures& figures)
+// What one of several masters lists, while it comes.
+struct ListedMaster
 {
-  Connection connection(session.connection);
+  Fleet fleet{OzfObjTime::now()};
+  std::string ownName;
+};
+
+// What the host's service tells of itself, as the master lists it; nothing when it tells nothing.
+std::optional<ServiceFigures> figuresAt(Connection const& connection, std::string const& master,
+                                        std::string const& host)
+{
+  std::vector<ServiceState> states;
+  if (host.empty() || !isListed(readStates(connection, host, states)))
+    return std::nullopt;
+  auto const own = std::find_if(states.begin(), states.end(),
+                                [&](ServiceState const& state)
+                                {
+                                  return state.complete && masterOf(state.record) == master &&
+                                         equalIgnoringCase(state.record.subject, host);
+                                });
+  return own == states.end() ? std::nullopt : std::optional(figuresOf(*own));
+}
+
+// One for each of several masters; an exit code.
+int readMasters(MetricsOptions const& options, Connection const& connection,
+                std::vector<Figures>& all)
+{
+  std::map<std::string, ListedMaster> listed;
+  for (Master const& master : connection.masters().all())
+    listed[master.name];
+  int result = visitRecords(connection, Selection(),
+                            [&](Record const& record)
+                            {
+                              ListedMaster& master = listed[masterOf(record)];
+                              master.ownName = record.source->ownName;
+                              master.fleet.add(record);
+                              return true;
+                            });
+  for (Master const& master : connection.masters().all())
+  {
+    Figures& figures = all.emplace_back();
+    figures.master = master.name;
+    figures.up = master.missing.empty();
+    ListedMaster const& known = listed[master.name];
+    // Half a list would tell of hosts as silent, or not at all.
+    if (!figures.up || master.incomplete || known.fleet.full())
+      continue;
+    SilentHosts silent = known.fleet.silent();
+    dropForgotten(master.name, silent);
+    figures.fleet = figuresOf(known.fleet, silent);
+    figures.service =
+        figuresAt(connection, master.name, options.host.empty() ? known.ownName : options.host);
+    if (!figures.service && options.host.empty())
+    {
+      complain("the service of " + shown(master.name) +
+               " tells nothing of itself; it does within minutes of its start");
+      result = withMissing(EXIT_PARTLY, result);
+    }
+  }
+  return connection.conclude(result);
+}
+
+int readFigures(MetricsOptions const& options, Session const& session, std::vector<Figures>& all)
+{
+  Connection connection(session.connection, Connection::SEVERAL);
+  Figures& figures = all.emplace_back();
   if (int const result = connection.open(); result != EXIT_DONE)
+  {
+    if (!connection.several())
+      return result;
+    all.clear();
+    for (Master const& master : connection.masters().all())
+      all.emplace_back().master = master.name;
     return result;
+  }
+  if (connection.several())
+  {
+    all.clear();
+    return readMasters(options, connection, all);
+  }
   figures.up = true;
   bool const named = !session.connection.master.empty();
   std::string host = options.host.empty() && !named ? nameHere() : options.host;
@@ -111,11 +188,11 @@ int readFigures(MetricsOptions const& options, Session const& session, Figures& 
 int metrics(MetricsOptions const& options, Session const& session)
 {
   WhileRead const whileRead;
-  Figures figures;
+  std::vector<Figures> figures;
   int const result = readFigures(options, session, figures);
   if (result == EXIT_USAGE)
     return result;
-  std::string const text = metricsText(gather({figures}));
+  std::string const text = metricsText(gather(figures));
   if (options.textfile.empty())
   {
     std::cout << text;

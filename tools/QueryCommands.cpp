@@ -17,6 +17,7 @@
 #include <memory>
 #include <set>
 #include <unistd.h>
+#include <utility>
 
 namespace tqdiscoctl
 {
@@ -33,6 +34,14 @@ struct QueryOptions
   bool json = false;
 };
 
+// As one of the masters knows it; where only one is asked, its name is empty.
+struct HostAtMaster
+{
+  std::string name;
+  std::string master;
+  Host host;
+};
+
 void print(Table const& table)
 {
   table.print(std::cout, terminalWidth(STDOUT_FILENO), terminalStyles(STDOUT_FILENO));
@@ -41,7 +50,7 @@ void print(Table const& table)
 int query(QueryOptions const& options, Session const& session)
 {
   WhileRead const whileRead;
-  Connection connection(session.connection);
+  Connection connection(session.connection, Connection::SEVERAL);
   std::vector<Record> records;
   int const result = openAndQuery(connection, options.selection, records);
   if (!isListed(result))
@@ -56,14 +65,15 @@ int query(QueryOptions const& options, Session const& session)
   else if (!records.empty())
   {
     OzfObjTime const now = OzfObjTime::now();
-    Table table({{"SUBJECT", Table::TEXT},
-                 {"AUTHORITY", Table::TEXT},
-                 {"TYPE", Table::FIXED},
-                 {"AGE", Table::NUMBER},
-                 {"EXPIRES IN", Table::NUMBER}});
+    Table table(withMaster(connection.several(), {{"SUBJECT", Table::TEXT},
+                                                  {"AUTHORITY", Table::TEXT},
+                                                  {"TYPE", Table::FIXED},
+                                                  {"AGE", Table::NUMBER},
+                                                  {"EXPIRES IN", Table::NUMBER}}));
     for (Record const& record : records)
-      table.add({record.subject, record.authority, formatType(record.type),
-                 formatAgeOf(record, now), formatExpiryOf(record, now)});
+      table.add(
+          withMaster(masterOf(record), {record.subject, record.authority, formatType(record.type),
+                                        formatAgeOf(record, now), formatExpiryOf(record, now)}));
     print(table);
     std::set<AuthorityType> types;
     for (Record const& record : records)
@@ -85,43 +95,71 @@ std::string join(std::set<std::string_view> const& words)
   return text;
 }
 
+// The hosts by name, and of those of one name the one that was heard of last first.
+std::vector<HostAtMaster> hostsOf(std::vector<Record> const& records)
+{
+  std::map<std::pair<std::string, std::string>, Host> found;
+  for (Record const& record : records)
+    found[{record.subject, masterOf(record)}].add(record);
+  std::vector<HostAtMaster> hosts;
+  for (auto& [key, host] : found)
+    hosts.push_back({key.first, key.second, std::move(host)});
+  std::stable_sort(hosts.begin(), hosts.end(),
+                   [](HostAtMaster const& a, HostAtMaster const& b)
+                   { return a.name == b.name ? b.host.latest < a.host.latest : a.name < b.name; });
+  return hosts;
+}
+
+void printHosts(std::vector<HostAtMaster> const& hosts, bool several)
+{
+  OzfObjTime const now = OzfObjTime::now();
+  Table table(withMaster(several, {{"HOST", Table::TEXT},
+                                   {"DISCOVERIES", Table::NUMBER},
+                                   {"AGE", Table::NUMBER},
+                                   {"EXPIRES IN", Table::NUMBER},
+                                   {"AUTHORITIES", Table::TEXT}}));
+  for (auto const& [name, master, host] : hosts)
+  {
+    Record times;
+    times.discovered = host.latest;
+    times.expires = host.firstExpiry;
+    table.add(withMaster(master, {name, std::to_string(host.discoveries), formatAgeOf(times, now),
+                                  formatExpiryOf(times, now), join(host.authorities)}));
+  }
+  print(table);
+}
+
+void tellRepeated(std::vector<HostAtMaster> const& hosts)
+{
+  std::set<std::string> repeated;
+  for (std::size_t i = 1; i < hosts.size(); ++i)
+    if (hosts[i].name == hosts[i - 1].name)
+      repeated.insert(hosts[i].name);
+  if (!repeated.empty())
+    remark("(" + counted(repeated.size(), "subject is", "subjects are") +
+           " known to more than one master: what was found last comes first)");
+}
+
 int hosts(QueryOptions const& options, Session const& session)
 {
   WhileRead const whileRead;
-  Connection connection(session.connection);
+  Connection connection(session.connection, Connection::SEVERAL);
   std::vector<Record> records;
   int const result = openAndQuery(connection, options.selection, records);
   if (!isListed(result))
     return result;
 
-  std::map<std::string, Host> found;
-  for (Record const& record : records)
-    found[record.subject].add(record);
-
+  auto const found = hostsOf(records);
   if (options.json)
   {
     JsonArray all;
-    for (auto const& [name, host] : found)
-      all.add(toJson(name, host));
+    for (auto const& [name, master, host] : found)
+      all.add(toJson(name, host, master));
   }
   else if (!found.empty())
-  {
-    OzfObjTime const now = OzfObjTime::now();
-    Table table({{"HOST", Table::TEXT},
-                 {"DISCOVERIES", Table::NUMBER},
-                 {"AGE", Table::NUMBER},
-                 {"EXPIRES IN", Table::NUMBER},
-                 {"AUTHORITIES", Table::TEXT}});
-    for (auto const& [name, host] : found)
-    {
-      Record times;
-      times.discovered = host.latest;
-      times.expires = host.firstExpiry;
-      table.add({name, std::to_string(host.discoveries), formatAgeOf(times, now),
-                 formatExpiryOf(times, now), join(host.authorities)});
-    }
-    print(table);
-  }
+    printHosts(found, connection.several());
+  std::cout.flush();
+  tellRepeated(found);
   if (!found.empty())
     return result;
   if (!options.json && result == EXIT_DONE)

@@ -32,8 +32,9 @@ bool parseWhere(std::string const& text, OzfQuery& query)
 
 std::string titleOf(Record const& record)
 {
+  std::string const& master = masterOf(record);
   return "subject \"" + record.subject + "\", authority \"" + record.authority + "\" (" +
-         formatType(record.type) + ")";
+         formatType(record.type) + ")" + (master.empty() ? "" : " of master " + master);
 }
 
 void complainUnread(Record const& record, bool something)
@@ -41,6 +42,7 @@ void complainUnread(Record const& record, bool something)
   Selection selection;
   selection.subject = record.subject;
   selection.authority = record.authority;
+  selection.master = masterOf(record);
   std::vector<Record> records;
   if (!something && isListed(queryRecords(selection, records, true)) && isShadowed(record, records))
   {

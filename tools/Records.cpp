@@ -15,6 +15,8 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <iterator>
+#include <mutex>
 #include <tuple>
 
 namespace tqdiscoctl
@@ -108,10 +110,12 @@ public:
 private:
   std::shared_ptr<Record::Source const> const& sourceOf(Remote::Discovery const& wire)
   {
-    if (!m_source || m_source->host != wire.sourceHost.in() ||
-        m_source->service != wire.sourceServiceName.in())
+    std::string const& master = m_selection.master;
+    char const* const host = wire.sourceHost.in();
+    char const* const service = master.empty() ? wire.sourceServiceName.in() : DISCOVERY_SERVICE;
+    if (!m_source || m_source->ownName != host || m_source->service != service)
       m_source = std::make_shared<Record::Source const>(
-          Record::Source{wire.sourceHost.in(), wire.sourceServiceName.in(), m_selection.master});
+          Record::Source{master.empty() ? host : master, service, master, host});
     return m_source;
   }
 
@@ -196,7 +200,10 @@ int fetch(Selection const& selection, AuthorityType type, Listing& listing, std:
   }
   catch (CORBA::Exception const& exception)
   {
-    tell("the list of discoveries broke off: " + reasonOf(exception));
+    std::string const broken = "the list of discoveries broke off: " + reasonOf(exception);
+    tell(broken);
+    if (!selection.master.empty())
+      reason = broken;
     return EXIT_FAILED;
   }
 }
@@ -284,7 +291,8 @@ int queryRecords(Selection const& selection, std::vector<Record>& records, bool 
         if (record.source.get() != source)
         {
           source = record.source.get();
-          bytes += sizeof *source + source->host.capacity() + source->service.capacity();
+          bytes += sizeof *source + source->host.capacity() + source->service.capacity() +
+                   source->ownName.capacity();
         }
         records.push_back(std::move(record));
         return bytes <= MOST_LISTED;
@@ -301,6 +309,96 @@ int queryRecords(Selection const& selection, std::vector<Record>& records, bool 
                      std::tie(b.subject, b.authority, b.type);
             });
   return result;
+}
+
+bool isListedBefore(Record const& a, Record const& b)
+{
+  auto const key = [](Record const& record)
+  { return std::tie(record.subject, record.authority, record.type); };
+  if (key(a) != key(b))
+    return key(a) < key(b);
+  return a.discovered == b.discovered ? masterOf(a) < masterOf(b) : b.discovered < a.discovered;
+}
+
+std::string const& masterOf(Record const& record)
+{
+  static std::string const NONE;
+  return record.source ? record.source->master : NONE;
+}
+
+std::string nameWithMaster(Record const& record)
+{
+  std::string const& master = masterOf(record);
+  return master.empty() ? record.subject : record.subject + " (" + master + ")";
+}
+
+namespace
+{
+
+// Has each of the masters asked; an exit code. ask: an exit code, with the reason.
+int askEach(Connection const& connection, Selection const& selection, bool quiet,
+            std::function<int(Selection const&, std::size_t, std::string&)> const& ask)
+{
+  AuthorityType type = AT_ANYANDALL;
+  if (!selectedType(selection, type))
+    return EXIT_USAGE;
+  Masters& masters = connection.masters();
+  masters.each(
+      [&](Master& master, std::size_t number)
+      {
+        Selection own = selection;
+        own.master = master.name;
+        std::string reason;
+        int const result = ask(own, number, reason);
+        master.incomplete = result == EXIT_PARTLY;
+        master.refused = result == EXIT_REFUSED;
+        return isListed(result) ? std::string() : reason;
+      });
+  bool whole = masters.missing() == 0;
+  for (Master const& master : masters.all())
+  {
+    whole = whole && !master.incomplete;
+    if (master.missing.empty() && master.incomplete && !quiet)
+      complain("the list of the master " + master.place +
+               " is incomplete: it could not read all that it has; its log tells why");
+  }
+  if (masters.missing() == masters.size())
+    return EXIT_FAILED;
+  return whole ? EXIT_DONE : EXIT_PARTLY;
+}
+
+} // namespace
+
+int queryRecords(Connection const& connection, Selection const& selection,
+                 std::vector<Record>& records, bool quiet, std::string* why)
+{
+  if (!connection.several())
+    return queryRecords(selection, records, quiet, why);
+  std::vector<std::vector<Record>> lists(connection.masters().size());
+  int const result = askEach(connection, selection, quiet,
+                             [&](Selection const& own, std::size_t number, std::string& reason)
+                             { return queryRecords(own, lists[number], true, &reason); });
+  records.clear();
+  for (std::vector<Record>& list : lists)
+    std::move(list.begin(), list.end(), std::back_inserter(records));
+  std::sort(records.begin(), records.end(), isListedBefore);
+  return result;
+}
+
+int visitRecords(Connection const& connection, Selection const& selection, RecordSink const& take,
+                 bool quiet)
+{
+  if (!connection.several())
+    return visitRecords(selection, take, quiet);
+  std::mutex mutex;
+  RecordSink const takeOne = [&](Record record)
+  {
+    std::lock_guard const guard(mutex);
+    return take(std::move(record));
+  };
+  return askEach(connection, selection, quiet,
+                 [&](Selection const& own, std::size_t, std::string& reason)
+                 { return visitRecords(own, takeOne, true, &reason); });
 }
 
 void complainIncomplete()
@@ -320,7 +418,7 @@ int openAndQuery(Connection& connection, Selection const& selection, std::vector
 {
   if (int const result = connection.open(); result != EXIT_DONE)
     return result;
-  return connection.conclude(queryRecords(selection, records));
+  return connection.conclude(queryRecords(connection, selection, records));
 }
 
 std::optional<Announcement> announcementOf(Record const& record)
@@ -364,7 +462,9 @@ bool isShadowed(Record const& record, std::vector<Record> const& records)
   { return std::tie(a.subject, a.authority) < std::tie(b.subject, b.authority); };
   auto const [first, last] = std::equal_range(records.begin(), records.end(), record, byNames);
   return !record.onDemand() &&
-         std::any_of(first, last, [](Record const& other) { return other.onDemand(); });
+         std::any_of(first, last,
+                     [&](Record const& other)
+                     { return other.onDemand() && masterOf(other) == masterOf(record); });
 }
 
 std::string formatAgeOf(Record const& record, OzfObjTime const& now)
@@ -395,8 +495,8 @@ nlohmann::json toJson(Record const& record)
                            {"onDemand", record.onDemand()},
                            {"discoveryTime", timeOrNull(record.discovered)},
                            {"expiresTime", timeOrNull(record.expires)}};
-  if (record.source && !record.source->master.empty())
-    result["master"] = record.source->master;
+  if (!masterOf(record).empty())
+    result["master"] = masterOf(record);
   return result;
 }
 

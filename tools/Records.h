@@ -51,12 +51,15 @@ struct Record
   // Both are zero when the collection is produced only when it is asked for.
   Quillon::Tessarine::Ozf::OzfObjTime discovered;
   Quillon::Tessarine::Ozf::OzfObjTime expires;
-  // Who has it, as the service said; the records of one host share it.
+  // Who has it, as the service said; the records of one host share it. What a master that
+  // the selection names says of places is its own name for itself, which need not be one that
+  // can be reached from here: such records are read from where they were listed.
   struct Source
   {
     std::string host;
     std::string service;
-    std::string master; // that listed it, as Selection has it
+    std::string master;       // that listed it, as Selection has it
+    std::string ownName = {}; // as that one calls itself
   };
   std::shared_ptr<Source const> source;
   // As the service sent them: a request for the collection sends them back.
@@ -96,6 +99,26 @@ using RecordSink = std::function<bool(Record)>;
 // order.
 int visitRecords(Selection const& selection, RecordSink const& take, bool quiet = false,
                  std::string* why = nullptr);
+
+// The same over a connection, which may be one to several masters: those are asked side by
+// side, each for as long as one of them may take, and each record carries the name of its
+// master. Of the same names and type the one that was found last comes first. A master that does
+// not give its list is told, is missing from then on (Masters.h), and makes it EXIT_PARTLY;
+// records of it that visitRecords has passed on by then stay passed on. take is called by one
+// thread at a time.
+int queryRecords(Connection const& connection, Selection const& selection,
+                 std::vector<Record>& records, bool quiet = false, std::string* why = nullptr);
+int visitRecords(Connection const& connection, Selection const& selection, RecordSink const& take,
+                 bool quiet = false);
+
+// Whether a comes before b in a list of several masters.
+bool isListedBefore(Record const& a, Record const& b);
+
+// The master that listed the record; empty where only one is asked.
+std::string const& masterOf(Record const& record);
+
+// The subject, with that master behind it: "web7 (backup1)".
+std::string nameWithMaster(Record const& record);
 
 // Tells the user that discoveries may be missing.
 void complainIncomplete();

@@ -40,9 +40,9 @@ struct ReportReading
   std::size_t unread = 0;
 };
 
-int listAll(ReportReading& reading)
+int listAll(Connection const& connection, ReportReading& reading)
 {
-  return visitRecords(Selection(),
+  return visitRecords(connection, Selection(),
                       [&](Record record)
                       {
                         reading.fleet.add(record);
@@ -69,15 +69,20 @@ void readFileSystems(Connection const& connection, ReportReading& reading)
     }
     progress.update(std::to_string(done++) + " of " + std::to_string(reading.fileSystems.size()));
     FullFileSystem found;
-    found.host = record.subject;
-    if (!readCollection(record, OzfQuery(),
-                        [&](Item const& item)
-                        {
-                          if (reading.full.size() < MOST_FULL && isFull(item, found))
-                            reading.full.push_back(found);
-                        })
-             .complete)
-      ++reading.unread;
+    found.host = nameWithMaster(record);
+    bool const read = !connection.isMissing(record) &&
+                      readCollection(record, OzfQuery(),
+                                     [&](Item const& item)
+                                     {
+                                       if (reading.full.size() < MOST_FULL && isFull(item, found))
+                                         reading.full.push_back(found);
+                                     })
+                          .complete;
+    if (read)
+      continue;
+    ++reading.unread;
+    if (connection.several() && !connection.isMissing(record))
+      connection.answers(record); // or else those to come would have to be waited for
   }
 }
 
@@ -99,11 +104,11 @@ int writeReport(std::string const& path, std::string const& html, int result)
 int report(ReportOptions const& options, Session const& session)
 {
   WhileRead const whileRead;
-  Connection connection(session.connection);
+  Connection connection(session.connection, Connection::SEVERAL);
   if (int const result = connection.open(); result != EXIT_DONE)
     return result;
   ReportReading reading;
-  int const listed = listAll(reading);
+  int const listed = listAll(connection, reading);
   if (!isListed(listed))
     return connection.conclude(listed);
   std::vector<ServiceState> services;
@@ -117,7 +122,7 @@ int report(ReportOptions const& options, Session const& session)
   }
   readFileSystems(connection, reading);
   SilentHosts silent = reading.fleet.silent();
-  dropForgotten(silent);
+  dropForgotten(connection, silent);
   if (reading.unread != 0)
     complain(counted(reading.unread, "discovery", "discoveries") +
              " could not be read; the report says so, and --verbose shows why");

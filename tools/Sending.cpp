@@ -73,13 +73,13 @@ Remote::Discovery recordToStore(std::string const& subject, std::string const& a
   return record;
 }
 
-int sendToMaster(Connection const& connection, Remote::Discovery const& record,
-                 std::string const& payload)
+Sent sendTo(Remote::DiscoveryService_ptr service, Remote::Discovery const& record,
+            std::string const& payload)
 {
   try
   {
     Remote::RemoteWriter_var writer;
-    DiscoveryStatus status = connection.service()->putCollection(record, writer.out()).discStatus;
+    DiscoveryStatus status = service->putCollection(record, writer.out()).discStatus;
     if (status == DS_SUCCESS)
     {
       bool const sent = send(writer, payload);
@@ -88,20 +88,26 @@ int sendToMaster(Connection const& connection, Remote::Discovery const& record,
       status = sent || status != DS_SUCCESS ? status : DS_OPEN_FAILED;
     }
     if (status == DS_SUCCESS)
-      return EXIT_DONE;
-    complain("not stored: " + describeRefusal(status));
-    return EXIT_FAILED;
+      return {};
+    return {EXIT_FAILED, "not stored: " + describeRefusal(status)};
   }
   catch (CORBA::NO_PERMISSION const& exception)
   {
-    complain("not stored: " + reasonOf(exception));
-    return EXIT_REFUSED;
+    return {EXIT_REFUSED, "not stored: " + reasonOf(exception)};
   }
   catch (CORBA::Exception const& exception)
   {
-    complain("not stored: " + reasonOf(exception));
-    return connection.conclude(EXIT_FAILED);
+    return {EXIT_FAILED, "not stored: " + reasonOf(exception), true};
   }
+}
+
+int sendToMaster(Connection const& connection, Remote::Discovery const& record,
+                 std::string const& payload)
+{
+  Sent const sent = sendTo(connection.service(), record, payload);
+  if (sent.result != EXIT_DONE)
+    complain(sent.reason);
+  return sent.broken ? connection.conclude(sent.result) : sent.result;
 }
 
 } // namespace tqdiscoctl

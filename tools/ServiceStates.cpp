@@ -97,7 +97,7 @@ int readStates(Connection const& connection, std::string const& subject,
   selection.authority = SERVICE_AUTHORITY;
   selection.typeName = formatType(AT_TQUCLIENT);
   std::vector<Record> records;
-  int const result = queryRecords(selection, records);
+  int const result = queryRecords(connection, selection, records);
   if (!isListed(result))
     return result;
   Progress progress("Reading what the services tell");
@@ -115,9 +115,16 @@ int readStates(Connection const& connection, std::string const& subject,
         states.emplace_back().record = records[i];
       return EXIT_PARTLY;
     }
+    if (connection.isMissing(record))
+    {
+      states.emplace_back().record = record;
+      continue;
+    }
     progress.update(std::to_string(states.size()) + " of " + std::to_string(records.size()));
     states.push_back(readState(record, MOST_HELD - held));
     held += states.back().bytes;
+    if (connection.several() && !states.back().complete)
+      connection.answers(record); // or else those to come would have to be waited for
   }
   return result;
 }

@@ -20,6 +20,7 @@
 #include <algorithm>
 #include <iostream>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <unistd.h>
 
@@ -42,13 +43,16 @@ struct ShowOptions
   bool raw = false;
 };
 
-// The one discovery that the names say. An exit code; found says whether there
-// is one, which may be so although others are missing (EXIT_PARTLY).
-int findOne(ShowOptions const& options, Record& record, bool& found)
+bool isSameDiscovery(Record const& a, Record const& b)
 {
-  found = false;
-  std::vector<Record> records;
-  int const result = queryRecords(options.selection, records);
+  return a.subject == b.subject && a.authority == b.authority && a.type == b.type;
+}
+
+// The one discovery that the names say; of several masters, what each of them has of it, what was
+// found last first. An exit code; there may be one although others are missing (EXIT_PARTLY).
+int findOne(ShowOptions const& options, Connection const& connection, std::vector<Record>& records)
+{
+  int const result = queryRecords(connection, options.selection, records);
   if (!isListed(result))
     return result;
   if (records.empty())
@@ -63,7 +67,9 @@ int findOne(ShowOptions const& options, Record& record, bool& found)
       std::any_of(records.begin(), records.end(),
                   [](Record const& each) { return each.type != AT_EXTSRC; }))
     std::erase_if(records, [](Record const& each) { return each.type == AT_EXTSRC; });
-  if (records.size() > 1)
+  if (std::any_of(records.begin(), records.end(),
+                  [&](Record const& each) { return !isSameDiscovery(each, records.front()); }) ||
+      (records.size() > 1 && !connection.several()))
   {
     complain(counted(records.size(), "discovery matches", "discoveries match") +
              "; \"show\" takes one. \"tqdiscoctl items\" reads several. Choose by --type or "
@@ -73,10 +79,9 @@ int findOne(ShowOptions const& options, Record& record, bool& found)
       remark("  " + titleOf(records[i]));
     if (records.size() > MOST)
       remark("  and " + std::to_string(records.size() - MOST) + " more");
+    records.clear();
     return EXIT_USAGE;
   }
-  record = records.front();
-  found = true;
   return result;
 }
 
@@ -88,7 +93,7 @@ int showBytes(ShowOptions const& options, Connection const& connection, Record c
   progress.clear();
   if (!read)
   {
-    if (connection.answers())
+    if (connection.answers(record))
       complainUnread(record, false);
     return EXIT_FAILED;
   }
@@ -109,16 +114,26 @@ int showBytes(ShowOptions const& options, Connection const& connection, Record c
   return EXIT_DONE;
 }
 
+Table::Header attributeHeader()
+{
+  return {{"NAME", Table::FIXED},
+          {"TYPE", Table::FIXED},
+          {"UNIT", Table::FIXED},
+          {"DESCRIPTION", Table::SENTENCE}};
+}
+
+std::vector<std::string> attributeCells(OzfQuery::Attribute const& attribute)
+{
+  return {shown(attribute.name.str()), typeName(attribute.type),
+          attribute.unit.empty() ? "-" : shown(attribute.unit.str()),
+          shown(attribute.description.str())};
+}
+
 void printAttributes(std::vector<OzfQuery::Attribute> const& attributes)
 {
-  Table table({{"NAME", Table::FIXED},
-               {"TYPE", Table::FIXED},
-               {"UNIT", Table::FIXED},
-               {"DESCRIPTION", Table::SENTENCE}});
+  Table table(attributeHeader());
   for (auto const& attribute : attributes)
-    table.add({shown(attribute.name.str()), typeName(attribute.type),
-               attribute.unit.empty() ? "-" : shown(attribute.unit.str()),
-               shown(attribute.description.str())});
+    table.add(attributeCells(attribute));
   table.print(std::cout, terminalWidth(STDOUT_FILENO), terminalStyles(STDOUT_FILENO));
 }
 
@@ -144,44 +159,28 @@ std::string foundText(Record const& record, OzfObjTime const& now)
 
 // Printed while it is read. An exit code.
 int showJson(ShowOptions const& options, Connection const& connection, Record const& record,
-             OzfQuery const& query)
+             OzfQuery const& query, CollectionPrinter& printer)
 {
-  CollectionPrinter printer(std::cout, false, options.factList);
   Collection const collection =
       readCollection(record, query, [&](Item const& item) { printer.item(record, item); });
   QueryAnswer answer;
   answer.add(record, collection);
   int const result = resultOf(collection);
-  if (result == EXIT_FAILED && !connection.answers())
-    return connection.conclude(result);
+  if (result == EXIT_FAILED && !connection.answers(record))
+    return result;
   printer.end(record, collection);
-  if (!collection.complete && connection.answers())
+  if (!collection.complete && connection.answers(record))
     complainUnread(record, result == EXIT_PARTLY);
   else if (result == EXIT_NOTHING)
     return complainNoItems(options.where, answer, true);
-  return connection.conclude(result);
+  return result;
 }
 
-int show(ShowOptions const& options, Session const& session)
+// An exit code.
+int showText(ShowOptions const& options, Connection const& connection, Record const& record,
+             OzfQuery const& query)
 {
-  OzfQuery query;
-  if (!parseWhere(options.where, query))
-    return EXIT_USAGE;
-  WhileRead const whileRead;
-  Connection connection(session.connection);
-  if (int const result = connection.open(); result != EXIT_DONE)
-    return result;
-  Record record;
-  bool found = false;
-  int const listed = findOne(options, record, found);
-  if (!found)
-    return connection.conclude(listed);
-  if (options.xml || options.raw)
-    return connection.conclude(withMissing(listed, showBytes(options, connection, record)));
-
   QueryAnswer answer;
-  if (options.json)
-    return withMissing(listed, showJson(options, connection, record, query));
   Collection collection;
   {
     Progress const progress("Reading the collection");
@@ -189,11 +188,13 @@ int show(ShowOptions const& options, Session const& session)
   }
   answer.add(record, collection);
   int const result = resultOf(collection);
-  if (result == EXIT_FAILED && !connection.answers())
-    return connection.conclude(result);
+  if (result == EXIT_FAILED && !connection.answers(record))
+    return result;
   if (result != EXIT_FAILED)
   {
     OzfObjTime const now = OzfObjTime::now();
+    if (connection.several())
+      std::cout << "Master     " << shown(masterOf(record)) << '\n';
     std::cout << "Subject    " << shown(record.subject) << "\nAuthority  "
               << shown(record.authority) << " (" << formatType(record.type) << ")\n"
               << "Found      " << foundText(record, now) << "\n"
@@ -208,17 +209,92 @@ int show(ShowOptions const& options, Session const& session)
     if (!collection.attributes.empty())
       printAttributes(collection.attributes);
   }
-  if (!collection.complete && connection.answers())
+  if (!collection.complete && connection.answers(record))
     complainUnread(record, result == EXIT_PARTLY);
   else if (result == EXIT_NOTHING)
-    return withMissing(listed, complainNoItems(options.where, answer, false));
+    return complainNoItems(options.where, answer, false);
+  return result;
+}
+
+// As one payload, and in a document of one collection.
+int showOne(ShowOptions const& options, Connection const& connection,
+            std::vector<Record> const& records, OzfQuery const& query)
+{
+  Record const& record = records.front();
+  if (records.size() > 1)
+    remark("(another master has it as well: this is what was found last, with " +
+           shown(masterOf(record)) + ")");
+  if (options.xml || options.raw)
+    return showBytes(options, connection, record);
+  CollectionPrinter printer(std::cout, false, options.factList);
+  return showJson(options, connection, record, query, printer);
+}
+
+// What each of several masters has. An exit code: where not all that was shown came to one, it was
+// done in part.
+int showEach(ShowOptions const& options, Connection const& connection,
+             std::vector<Record> const& records, OzfQuery const& query)
+{
+  CollectionPrinter printer(std::cout, true, options.factList);
+  std::set<int> results;
+  for (Record const& record : records)
+  {
+    if (!options.json && !results.empty())
+      std::cout << '\n';
+    results.insert(options.json ? showJson(options, connection, record, query, printer)
+                                : showText(options, connection, record, query));
+    std::cout.flush();
+  }
+  if (options.json)
+    printer.finish();
+  results.erase(results.size() > 1 ? EXIT_NOTHING : -1);
+  return results.size() == 1 ? *results.begin() : EXIT_PARTLY;
+}
+
+int show(ShowOptions const& options, Session const& session)
+{
+  OzfQuery query;
+  if (!parseWhere(options.where, query))
+    return EXIT_USAGE;
+  WhileRead const whileRead;
+  Connection connection(session.connection, Connection::SEVERAL);
+  if (int const result = connection.open(); result != EXIT_DONE)
+    return result;
+  std::vector<Record> records;
+  int const listed = findOne(options, connection, records);
+  if (records.empty())
+    return connection.conclude(listed);
+  bool const one = options.xml || options.raw || (options.json && !connection.several());
+  int const result = one ? showOne(options, connection, records, query)
+                         : showEach(options, connection, records, query);
   return connection.conclude(withMissing(listed, result));
 }
+
+// A description of a fact, and those of several masters who have it so.
+struct ToldAttribute
+{
+  OzfQuery::Attribute attribute;
+  std::vector<std::string> masters;
+};
 
 // What can be asked for, of all descriptions that were read.
 struct Described
 {
+  // The record's, where several masters are asked: each may tell something else of a fact.
+  void addTold(std::string const& master, OzfQuery::Attribute const& attribute)
+  {
+    auto const same = std::find_if(told.begin(), told.end(),
+                                   [&](ToldAttribute const& each)
+                                   { return toJson(each.attribute) == toJson(attribute); });
+    std::vector<std::string>& masters =
+        same == told.end() ? told.emplace_back(ToldAttribute{attribute, {}}).masters
+                           : same->masters;
+    if (std::find(masters.begin(), masters.end(), master) == masters.end())
+      masters.push_back(master);
+  }
+
   OzfQuery attributes;
+  std::vector<ToldAttribute> told;
   std::size_t size = 0;
   bool full = false; // others are left out
   bool late = false;
@@ -236,7 +312,7 @@ int readDescriptions(ShowOptions const& options, Connection const& connection,
   selection.anyType = true;
   std::vector<Record> records;
   // That the list is incomplete is told once.
-  int const listed = queryRecords(selection, records, described.listed != EXIT_DONE);
+  int const listed = queryRecords(connection, selection, records, described.listed != EXIT_DONE);
   if (!isListed(listed))
     return described.listed != EXIT_DONE ? described.listed : listed;
   described.listed = std::max(described.listed, listed);
@@ -247,20 +323,61 @@ int readDescriptions(ShowOptions const& options, Connection const& connection,
     described.late = connection.clock().nearlyOver();
     if (described.late)
       break;
+    if (connection.isMissing(record))
+      continue;
     Collection const collection = readCollection(record, OzfQuery(), [](Item const&) {});
     described.full = !fitsDescription(described.attributes, described.size, collection.attributes);
     if (described.full)
       break;
     for (auto const& attribute : collection.attributes)
+    {
       described.attributes.addAttribute(attribute);
+      if (connection.several())
+        described.addTold(masterOf(record), attribute);
+    }
     if (collection.complete)
       described.failures.success();
-    else if (!connection.answers() ||
-             !described.failures.add(record, !collection.attributes.empty()))
+    else if (!connection.answers(record))
+    {
+      if (!connection.several())
+        break;
+    }
+    else if (!described.failures.add(record, !collection.attributes.empty()))
       break;
   }
   described.failures.finish();
   return listed;
+}
+
+std::string joined(std::vector<std::string> const& words)
+{
+  std::string text;
+  for (std::string const& word : words)
+    text += (text.empty() ? "" : ", ") + word;
+  return text;
+}
+
+// Of several masters. A fact of which they tell different things is there for each of these.
+void printTold(ShowOptions const& options, std::vector<ToldAttribute> const& told)
+{
+  if (options.json)
+  {
+    JsonArray all;
+    for (ToldAttribute const& each : told)
+    {
+      nlohmann::json attribute = toJson(each.attribute);
+      attribute["masters"] = each.masters;
+      all.add(attribute);
+    }
+  }
+  else if (!told.empty())
+  {
+    Table table(withMaster(true, attributeHeader()));
+    for (ToldAttribute const& each : told)
+      table.add(withMaster(joined(each.masters), attributeCells(each.attribute)));
+    table.print(std::cout, terminalWidth(STDOUT_FILENO), terminalStyles(STDOUT_FILENO));
+  }
+  std::cout.flush();
 }
 
 void print(ShowOptions const& options, OzfQuery const& description)
@@ -289,7 +406,7 @@ void print(ShowOptions const& options, OzfQuery const& description)
 int filters(ShowOptions const& options, Session const& session)
 {
   WhileRead const whileRead;
-  Connection connection(session.connection);
+  Connection connection(session.connection, Connection::SEVERAL);
   if (int const result = connection.open(); result != EXIT_DONE)
     return result;
   Described described;
@@ -308,7 +425,10 @@ int filters(ShowOptions const& options, Session const& session)
       complain("out of time: what can be asked for was not read; --timeout allows more");
     return connection.conclude(EXIT_FAILED);
   }
-  print(options, described.attributes);
+  if (connection.several() && !options.xml)
+    printTold(options, described.told);
+  else
+    print(options, described.attributes);
   if (cut)
     complain(described.full ? "this is not all: more can be asked for than this command takes, " +
                                   formatSize(MOST_DESCRIBED)
@@ -317,13 +437,13 @@ int filters(ShowOptions const& options, Session const& session)
   if (!whole)
     return connection.conclude(attributes.empty() ? EXIT_FAILED : EXIT_PARTLY);
   if (!attributes.empty())
-    return described.listed;
+    return connection.conclude(described.listed);
   if (!options.json && described.listed == EXIT_DONE)
     complain("no explorer has stored what can be asked for about subject \"" +
              shown(options.selection.subject) + "\" by authority \"" +
              shown(options.selection.authority) +
              "\"; \"tqdiscoctl query --filter-data\" shows who has");
-  return withMissing(described.listed, EXIT_NOTHING);
+  return connection.conclude(withMissing(described.listed, EXIT_NOTHING));
 }
 
 void addNames(CLI::App& command, ShowOptions& options)

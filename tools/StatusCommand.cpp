@@ -67,6 +67,12 @@ nlohmann::json toJson(SilentHosts const& silent)
   return hosts;
 }
 
+// Whether they come from several masters.
+bool isOfSeveral(std::vector<ServiceState> const& states)
+{
+  return !states.empty() && !masterOf(states.front().record).empty();
+}
+
 void printServices(std::vector<ServiceState> const& states, SilentHosts const& silent,
                    OzfObjTime const& now)
 {
@@ -75,8 +81,7 @@ void printServices(std::vector<ServiceState> const& states, SilentHosts const& s
   constexpr std::size_t ROOMY = 80;
   std::size_t const width = terminalWidth(STDOUT_FILENO);
   bool const roomy = width == 0 || width >= ROOMY;
-  std::vector<std::pair<std::string, Table::Column>> header{{"HOST", Table::TEXT},
-                                                            {"ROLE", Table::FIXED}};
+  Table::Header header{{"HOST", Table::TEXT}, {"ROLE", Table::FIXED}};
   if (roomy)
     header.emplace_back("VERSION", Table::FIXED);
   header.emplace_back("UP", Table::NUMBER);
@@ -85,34 +90,36 @@ void printServices(std::vector<ServiceState> const& states, SilentHosts const& s
     header.emplace_back("EXPLORERS", Table::NUMBER);
   header.emplace_back("FAILED", Table::NUMBER);
   header.emplace_back("AGE", Table::NUMBER);
-  Table table(header);
-  auto const add = [&table, roomy](std::vector<std::string> cells)
+  bool const several = isOfSeveral(states);
+  Table table(withMaster(several, header));
+  auto const add = [&table, roomy](std::string const& master, std::vector<std::string> cells)
   {
     if (!roomy)
     {
       cells.erase(cells.begin() + 5);
       cells.erase(cells.begin() + 2);
     }
-    table.add(std::move(cells));
+    table.add(withMaster(master, std::move(cells)));
   };
   for (ServiceState const& state : states)
-    add({state.record.subject, fact(state.service, "Role"), fact(state.service, "Version"),
+    add(masterOf(state.record),
+        {state.record.subject, fact(state.service, "Role"), fact(state.service, "Version"),
          formatAge(timeOf(state.service, "StartTime"), now),
          fact(state.service, "StoredDiscoveries"), std::to_string(state.explorers.size()),
          std::to_string(countFailed(state)), formatAge(state.record.discovered, now)});
   for (auto const& [name, latest] : silent)
-    add({name, "-", "-", "silent", "-", "-", "-", "-"});
+    add(several ? "-" : "", {name, "-", "-", "silent", "-", "-", "-", "-"});
   table.print(std::cout, width, terminalStyles(STDOUT_FILENO));
 }
 
 void printExplorers(std::vector<ServiceState> const& states, bool all, OzfObjTime const& now)
 {
-  Table table({{"HOST", Table::TEXT},
-               {"EXPLORER", Table::TEXT},
-               {"KIND", Table::FIXED},
-               {"TYPE", Table::FIXED},
-               {"LAST RUN", Table::NUMBER},
-               {"LAST RESULT", Table::TEXT}});
+  Table table(withMaster(isOfSeveral(states), {{"HOST", Table::TEXT},
+                                               {"EXPLORER", Table::TEXT},
+                                               {"KIND", Table::FIXED},
+                                               {"TYPE", Table::FIXED},
+                                               {"LAST RUN", Table::NUMBER},
+                                               {"LAST RESULT", Table::TEXT}}));
   bool any = false;
   std::set<AuthorityType> types;
   for (ServiceState const& state : states)
@@ -121,9 +128,11 @@ void printExplorers(std::vector<ServiceState> const& states, bool all, OzfObjTim
       if (!all && !hasFailed(explorer))
         continue;
       OzfObjTime const run = timeOf(explorer, "LastRun");
-      table.add({state.record.subject, shown(explorer.name), fact(explorer, "Kind"),
-                 fact(explorer, "Type"), run.isZero() ? "-" : formatAge(run, now) + " ago",
-                 fact(explorer, "LastResult")});
+      table.add(
+          withMaster(masterOf(state.record),
+                     {state.record.subject, shown(explorer.name), fact(explorer, "Kind"),
+                      fact(explorer, "Type"), run.isZero() ? "-" : formatAge(run, now) + " ago",
+                      fact(explorer, "LastResult")}));
       any = true;
       if (AuthorityType type{}; parseType(fact(explorer, "Type"), type))
         types.insert(type);
@@ -137,20 +146,21 @@ void printExplorers(std::vector<ServiceState> const& states, bool all, OzfObjTim
 
 void printLimits(std::vector<ServiceState> const& states, OzfObjTime const& now)
 {
-  Table table({{"HOST", Table::TEXT},
-               {"LIMIT MET", Table::FIXED},
-               {"SET TO", Table::NUMBER},
-               {"TIMES", Table::NUMBER},
-               {"LAST PEER", Table::TEXT},
-               {"LAST", Table::NUMBER}});
+  Table table(withMaster(isOfSeveral(states), {{"HOST", Table::TEXT},
+                                               {"LIMIT MET", Table::FIXED},
+                                               {"SET TO", Table::NUMBER},
+                                               {"TIMES", Table::NUMBER},
+                                               {"LAST PEER", Table::TEXT},
+                                               {"LAST", Table::NUMBER}}));
   bool any = false;
   for (ServiceState const& state : states)
     for (Item const& limit : state.limits)
     {
       OzfObjTime const last = timeOf(limit, "LastMet");
-      table.add({state.record.subject, shown(limit.name), fact(limit, "Value"),
-                 fact(limit, "TimesMet"), fact(limit, "LastPeer"),
-                 last.isZero() ? "-" : formatAge(last, now) + " ago"});
+      table.add(withMaster(masterOf(state.record),
+                           {state.record.subject, shown(limit.name), fact(limit, "Value"),
+                            fact(limit, "TimesMet"), fact(limit, "LastPeer"),
+                            last.isZero() ? "-" : formatAge(last, now) + " ago"}));
       any = true;
     }
   if (!any)
@@ -241,111 +251,181 @@ void tellAnnouncing(std::optional<AnnouncingHost> const& host, StatusOptions con
   std::cout.flush();
 }
 
-int status(StatusOptions const& options, Session const& session)
+// What a master, or the one that is asked, was found to be like.
+struct MasterState
+{
+  std::string name; // empty where only one is asked
+  std::string place;
+  long milliseconds = 0; // until it answered
+  std::size_t discoveries = 0;
+};
+
+// All that status tells.
+struct StatusReading
+{
+  std::vector<MasterState> masters;
+  std::optional<AnnouncingHost> announcing;
+  std::vector<ServiceState> states;
+  Fleet fleet{OzfObjTime::now()};
+  SilentHosts silent;
+  bool whole = false;
+
+  void add(Record const& record)
+  {
+    fleet.add(record);
+    for (MasterState& master : masters)
+      if (master.name == masterOf(record))
+        ++master.discoveries;
+  }
+};
+
+void printJsonStatus(StatusReading const& reading)
+{
+  nlohmann::json services = nlohmann::json::array();
+  Descriptions descriptions;
+  for (ServiceState const& state : reading.states)
+    services.push_back(toJson(state, descriptions.of(state.record)));
+  nlohmann::json masters = nlohmann::json::array();
+  for (MasterState const& master : reading.masters)
+  {
+    nlohmann::json one = {{"service", master.place},
+                          {"milliseconds", master.milliseconds},
+                          {"discoveries", master.discoveries}};
+    if (!master.name.empty())
+      one["master"] = master.name;
+    masters.push_back(std::move(one));
+  }
+  // One master's stand beside the rest.
+  nlohmann::json all = reading.masters.size() == 1 && reading.masters.front().name.empty()
+                           ? masters.front()
+                           : nlohmann::json{{"masters", masters}};
+  all["services"] = std::move(services);
+  all["announcement"] = toJson(reading.announcing);
+  all["silent"] = toJson(reading.silent);
+  printJson(all);
+}
+
+void printStatus(StatusReading const& reading, bool details)
+{
+  std::size_t const width = terminalWidth(STDOUT_FILENO);
+  for (MasterState const& master : reading.masters)
+    std::cout << wrapped(master.place + " is up: it answered after " +
+                             std::to_string(master.milliseconds) + " ms and lists " +
+                             counted(master.discoveries, "discovery", "discoveries") + ".",
+                         width)
+              << '\n';
+  if (reading.states.empty())
+  {
+    std::cout << wrapped("No service has told of itself yet; each does within minutes of its "
+                         "start.",
+                         width)
+              << '\n';
+    return;
+  }
+  OzfObjTime const now = OzfObjTime::now();
+  std::cout << '\n';
+  printServices(reading.states, reading.silent, now);
+  printExplorers(reading.states, details || reading.states.size() + reading.silent.size() == 1,
+                 now);
+  printLimits(reading.states, now);
+}
+
+void complainOfSilence(StatusReading const& reading)
+{
+  if (!reading.silent.empty())
+    complain(counted(reading.silent.size(), "host is", "hosts are") +
+             " silent: something is known of each, but its service has not told of itself for "
+             "more than a minute. Is tqdisco running there? What is left of a host that was taken "
+             "away goes with \"tqdiscoctl db forget HOST\" on the master.");
+  if (reading.fleet.full())
+    complain("more hosts are silent than one status takes; the others are not listed");
+}
+
+// An exit code: whether there is anything to tell.
+int readStatus(Connection const& connection, StatusReading& reading)
+{
+  int const told = readStates(connection, "*", reading.states);
+  if (!isListed(told))
+    return told;
+  for (ServiceState const& state : reading.states)
+    reading.fleet.addTelling(state.record.subject);
+  int const listed = visitRecords(
+      connection, Selection(),
+      [&](Record const& record)
+      {
+        reading.add(record);
+        return true;
+      },
+      told != EXIT_DONE);
+  if (!isListed(listed))
+    return listed;
+  reading.silent = reading.fleet.silent();
+  dropForgotten(connection, reading.silent);
+  reading.whole = listed == EXIT_DONE && told == EXIT_DONE && !reading.fleet.full();
+  return EXIT_DONE;
+}
+
+// Reaches the master, or those of several that can be.
+int reachMasters(Connection& connection, StatusReading& reading)
 {
   using Clock = std::chrono::steady_clock;
-  WhileRead const whileRead;
-  Connection connection(session.connection);
-  if (int const result = connection.prepare(); result != EXIT_DONE)
-    return result;
-  // Before the master is asked, who may be why this host waits.
-  bool const named = !session.connection.master.empty();
-  std::optional<AnnouncingHost> announcing;
-  if (!named)
-    tellAnnouncing(announcing = askAnnouncingHere(), options);
   Clock::time_point const begin = Clock::now();
   if (int const result = connection.reachMaster(); result != EXIT_DONE)
     return result;
   auto const answered =
       std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin).count();
+  if (!connection.several())
+    reading.masters.push_back({"", connection.place(), answered});
+  for (Master const& master : connection.masters().all())
+    if (master.missing.empty())
+      reading.masters.push_back({master.name, master.place, master.milliseconds});
+  return EXIT_DONE;
+}
 
-  if (named)
-    tellAnnouncing(announcing = askAnnouncing(connection.master()), options);
+int status(StatusOptions const& options, Session const& session)
+{
+  WhileRead const whileRead;
+  Connection connection(session.connection, Connection::SEVERAL);
+  if (int const result = connection.prepare(); result != EXIT_DONE)
+    return result;
+  StatusReading reading;
+  // Before the master is asked, who may be why this host waits.
+  bool const named = !session.connection.master.empty();
+  if (!named)
+    tellAnnouncing(reading.announcing = askAnnouncingHere(), options);
+  if (int const result = reachMasters(connection, reading); result != EXIT_DONE)
+    return result;
+  if (named && !connection.several())
+    tellAnnouncing(reading.announcing = askAnnouncing(connection.master()), options);
 
-  std::vector<ServiceState> states;
-  int const told = readStates(connection, "*", states);
-  if (!isListed(told))
-    return connection.conclude(told);
-  Fleet all(OzfObjTime::now());
-  for (ServiceState const& state : states)
-    all.addTelling(state.record.subject);
-  int const listed = visitRecords(
-      Selection(),
-      [&all](Record const& record)
-      {
-        all.add(record);
-        return true;
-      },
-      told != EXIT_DONE);
-  if (!isListed(listed))
-    return connection.conclude(listed);
-
-  SilentHosts silent = all.silent();
-  dropForgotten(silent);
+  if (int const result = readStatus(connection, reading); result != EXIT_DONE)
+    return connection.conclude(result);
   std::size_t failed = 0;
   bool complete = true; // what was found
-  for (ServiceState const& state : states)
+  for (ServiceState const& state : reading.states)
   {
     failed += countFailed(state);
     complete = complete && state.complete;
   }
 
   if (options.json)
-  {
-    nlohmann::json services = nlohmann::json::array();
-    Descriptions descriptions;
-    for (ServiceState const& state : states)
-      services.push_back(toJson(state, descriptions.of(state.record)));
-    printJson({{"service", connection.place()},
-               {"milliseconds", answered},
-               {"discoveries", all.discoveries()},
-               {"services", std::move(services)},
-               {"announcement", toJson(announcing)},
-               {"silent", toJson(silent)}});
-  }
+    printJsonStatus(reading);
   else
-  {
-    std::size_t const width = terminalWidth(STDOUT_FILENO);
-    std::cout << wrapped(connection.place() + " is up: it answered after " +
-                             std::to_string(answered) + " ms and lists " +
-                             counted(all.discoveries(), "discovery", "discoveries") + ".",
-                         width)
-              << '\n';
-    if (states.empty())
-      std::cout << wrapped("No service has told of itself yet; each does within minutes of its "
-                           "start.",
-                           width)
-                << '\n';
-    else
-    {
-      OzfObjTime const now = OzfObjTime::now();
-      std::cout << '\n';
-      printServices(states, silent, now);
-      printExplorers(states, options.details || states.size() + silent.size() == 1, now);
-      printLimits(states, now);
-    }
-  }
+    printStatus(reading, options.details);
   std::cout.flush();
   if (!complete)
     complain("what some service tells of itself could not be read to its end; --verbose shows "
              "why");
-  if (!silent.empty())
-    complain(counted(silent.size(), "host is", "hosts are") +
-             " silent: something is known of each, but its service has not told of itself for "
-             "more than a minute. Is tqdisco running there? What is left of a host that was taken "
-             "away goes with \"tqdiscoctl db forget HOST\" on the master.");
-  if (all.full())
-    complain("more hosts are silent than one status takes; the others are not listed");
-  complainOfCertificates(states, OzfObjTime::now());
-  complainOfRestarts(states);
-  complainOfClones(states);
-  complainOfCrashes(states);
+  complainOfSilence(reading);
+  complainOfCertificates(reading.states, OzfObjTime::now());
+  complainOfRestarts(reading.states);
+  complainOfClones(reading.states);
+  complainOfCrashes(reading.states);
   if (failed != 0)
     complain(counted(failed, "explorer has", "explorers have") +
              " failed at the last run; the log of the host's service tells why");
-  bool const whole = listed == EXIT_DONE && told == EXIT_DONE && !all.full();
-  return connection.conclude(whole && failed == 0 && complete && silent.empty() ? EXIT_DONE
-                                                                                : EXIT_PARTLY);
+  return connection.conclude(
+      reading.whole && failed == 0 && complete && reading.silent.empty() ? EXIT_DONE : EXIT_PARTLY);
 }
 
 } // namespace

@@ -121,6 +121,20 @@ void Table::print(std::ostream& os, std::size_t width, bool bold) const
     os << line([&row](std::size_t i) { return row[i]; }) << '\n';
 }
 
+Table::Header withMaster(bool several, Table::Header header)
+{
+  if (several)
+    header.insert(header.begin() + 1, {"MASTER", Table::TEXT});
+  return header;
+}
+
+std::vector<std::string> withMaster(std::string const& master, std::vector<std::string> cells)
+{
+  if (!master.empty())
+    cells.insert(cells.begin() + 1, master);
+  return cells;
+}
+
 std::size_t terminalWidth(int fd)
 {
   winsize size{};

@@ -23,7 +23,9 @@ public:
     SENTENCE // the last one: left, goes on in further lines where it must shrink
   };
 
-  explicit Table(std::vector<std::pair<std::string, Column>> header);
+  using Header = std::vector<std::pair<std::string, Column>>;
+
+  explicit Table(Header header);
 
   // As many cells as the header has.
   void add(std::vector<std::string> cells);
@@ -33,9 +35,14 @@ public:
   void print(std::ostream& os, std::size_t width, bool bold) const;
 
 private:
-  std::vector<std::pair<std::string, Column>> m_header;
+  Header m_header;
   std::vector<std::vector<std::string>> m_rows;
 };
+
+// The header with a column behind the first for the master that each row is of, where several are
+// asked; and the cells with its name in it, where there is one.
+Table::Header withMaster(bool several, Table::Header header);
+std::vector<std::string> withMaster(std::string const& master, std::vector<std::string> cells);
 
 // Columns of the terminal behind the descriptor, 0 when it is none.
 std::size_t terminalWidth(int fd);

@@ -10,6 +10,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <csignal>
 #include <ctime>
 #include <iostream>
@@ -41,7 +42,8 @@ struct WatchOptions
 constexpr char SILENT[] = "silent";
 constexpr char BACK[] = "back";
 
-using Key = std::tuple<std::string, std::string, int>; // subject, authority, type
+// Subject, authority, type, and the master where several are asked.
+using Key = std::tuple<std::string, std::string, int, std::string>;
 using Look = std::map<Key, Record>;
 
 // The authority under which a service tells of itself, as a sign of life.
@@ -137,14 +139,17 @@ private:
                      {"old", value(each.before)},
                      {"new", value(each.after)}});
     }
-    printJsonLine({{"time", timeOrNull(OzfObjTime::now())},
-                   {"change", change},
-                   {"subject", record.subject},
-                   {"authority", record.authority},
-                   {"type", static_cast<int>(record.type)},
-                   {"typeName", formatType(record.type)},
-                   {"discoveryTime", timeOrNull(record.discovered)},
-                   {"changes", all}});
+    nlohmann::json line = {{"time", timeOrNull(OzfObjTime::now())},
+                           {"change", change},
+                           {"subject", record.subject},
+                           {"authority", record.authority},
+                           {"type", static_cast<int>(record.type)},
+                           {"typeName", formatType(record.type)},
+                           {"discoveryTime", timeOrNull(record.discovered)},
+                           {"changes", all}};
+    if (!masterOf(record).empty())
+      line["master"] = masterOf(record);
+    printJsonLine(line);
   }
 
   void reportText(std::string const& change, Record const& record,
@@ -163,7 +168,8 @@ private:
     else if (change == BACK)
       std::cout << "  its service tells of itself again";
     else
-      std::cout << "  " << shown(record.authority) << " (" << formatType(record.type) << ")";
+      std::cout << "  " << shown(record.authority) << " (" << formatType(record.type) << ")"
+                << (masterOf(record).empty() ? "" : " at " + shown(masterOf(record)));
     std::cout << '\n';
     std::optional<AutoDereference<OzfQuery>> description;
     for (std::size_t i = 0; i < changes.size() && i < MOST_LINES; ++i)
@@ -216,13 +222,13 @@ private:
 class Contents
 {
 public:
-  explicit Contents(TimeLimit const& clock) : m_clock(clock) {}
+  explicit Contents(Connection const& connection) : m_connection(connection) {}
 
   // Reads the discovery; absent when that fails, when it is too much, or when
   // little of the time for the look is left.
   std::optional<std::vector<Item>> read(Record const& record)
   {
-    if (m_clock.nearlyOver())
+    if (m_connection.clock().nearlyOver() || m_connection.isMissing(record))
       return std::nullopt;
     std::vector<Item> items;
     std::size_t size = 0;
@@ -233,6 +239,9 @@ public:
                                                    if (size <= MOST_OF_ONE)
                                                      items.push_back(std::move(item));
                                                  });
+    // Else those to come would have to be waited for.
+    if (!collection.complete && m_connection.several())
+      m_connection.answers(record);
     if (!collection.complete || size > MOST_OF_ONE)
       return std::nullopt;
     return items;
@@ -270,33 +279,51 @@ private:
   static constexpr std::size_t MOST_OF_ONE = 4 << 20;
   static constexpr std::size_t MOST = 64 << 20;
 
-  TimeLimit const& m_clock;
+  Connection const& m_connection;
   std::map<Key, std::vector<Item>> m_known;
   std::size_t m_size = 0;
 };
 
-int look(Selection const& selection, Look& result, bool quiet, std::string* why = nullptr)
+int look(Connection const& connection, Selection const& selection, Look& result, bool quiet,
+         std::string* why = nullptr)
 {
   std::vector<Record> records;
-  int const code = queryRecords(selection, records, quiet, why);
+  int const code = queryRecords(connection, selection, records, quiet, why);
   result.clear();
   for (Record& record : records)
-    result[{record.subject, record.authority, static_cast<int>(record.type)}] = std::move(record);
+    result[{record.subject, record.authority, static_cast<int>(record.type), masterOf(record)}] =
+        std::move(record);
   return code;
+}
+
+// Whether the last look may lack the record although it is there.
+bool mayLack(Connection const& connection, Record const& record)
+{
+  if (!connection.several())
+    return true;
+  auto const& masters = connection.masters().all();
+  return std::any_of(masters.begin(), masters.end(),
+                     [&](Master const& each) {
+                       return each.name == masterOf(record) &&
+                              (each.incomplete || !each.missing.empty());
+                     });
 }
 
 class Watch
 {
 public:
-  Watch(WatchOptions const& options, TimeLimit const& clock)
-      : m_options(options), m_reporter(options.json), m_contents(clock)
+  Watch(WatchOptions const& options, Connection const& connection)
+      : m_options(options),
+        m_connection(connection),
+        m_reporter(options.json),
+        m_contents(connection)
   {
   }
 
   // An exit code. Also done when it was interrupted.
   int begin(Interruption const& interruption)
   {
-    int const result = look(m_options.selection, m_before, false);
+    int const result = look(m_connection, m_options.selection, m_before, false);
     if (!isListed(result))
       return result;
     if (int const services = lookForServices(m_services, result != EXIT_DONE); !isListed(services))
@@ -324,7 +351,7 @@ public:
   {
     Look after;
     Look services;
-    int const seen = look(m_options.selection, after, true, &why);
+    int const seen = look(m_connection, m_options.selection, after, true, &why);
     if (!isListed(seen))
       return false;
     int const told = lookForServices(services, true, &why);
@@ -333,11 +360,11 @@ public:
     // What is not in an incomplete look may be there all the same: it is taken
     // over.
     if (seen != EXIT_DONE)
-      after.insert(m_before.begin(), m_before.end());
+      takeOver(m_before, after);
     if (told != EXIT_DONE)
-      services.insert(m_services.begin(), m_services.end());
+      takeOver(m_services, services);
     bool const whole = seen == EXIT_DONE && told == EXIT_DONE;
-    if (m_whole && !whole)
+    if (m_whole && !whole && !m_connection.several())
       complainIncomplete();
     m_whole = whole;
     compareServices(services, after);
@@ -348,6 +375,13 @@ public:
   }
 
 private:
+  void takeOver(Look const& before, Look& after) const
+  {
+    for (auto const& [key, record] : before)
+      if (mayLack(m_connection, record))
+        after.emplace(key, record);
+  }
+
   // Every service's sign of life, also when the user selected other things.
   int lookForServices(Look& services, bool quiet, std::string* why = nullptr) const
   {
@@ -355,7 +389,7 @@ private:
     selection.subject = m_options.selection.subject;
     selection.authority = SERVICE;
     selection.typeName = formatType(AT_TQUCLIENT);
-    return look(selection, services, quiet, why);
+    return look(m_connection, selection, services, quiet, why);
   }
 
   // A host is silent when its service tells nothing of itself any more while
@@ -366,8 +400,12 @@ private:
     for (auto const& [key, record] : after)
       if (record.type == AT_TQUCLIENT || record.onDemand())
         known.insert(record.subject);
+    // One that went to another master is not silent.
+    std::set<std::string> telling;
+    for (auto const& [key, record] : services)
+      telling.insert(record.subject);
     for (auto const& [key, record] : m_services)
-      if (services.count(key) == 0 && known.count(record.subject) != 0)
+      if (telling.count(record.subject) == 0 && known.count(record.subject) != 0)
       {
         m_silent.insert(record.subject);
         m_reporter.report(SILENT, record);
@@ -436,6 +474,7 @@ private:
   }
 
   WatchOptions const& m_options;
+  Connection const& m_connection;
   Reporter const m_reporter;
   Look m_before;
   Look m_services;
@@ -448,6 +487,8 @@ private:
 // Unlike the connection's own answers, for each look anew.
 bool answers(Connection const& connection)
 {
+  if (connection.several())
+    return connection.answers();
   try
   {
     return !connection.service()->_non_existent();
@@ -463,10 +504,10 @@ int watch(WatchOptions const& options, Session const& session)
   // Before any thread is made, so that all of them hold the signals back.
   Interruption const interruption;
   WhileRead const whileRead;
-  Connection connection(session.connection);
+  Connection connection(session.connection, Connection::SEVERAL);
   if (int const result = connection.open(); result != EXIT_DONE)
     return result;
-  Watch watched(options, connection.clock());
+  Watch watched(options, connection);
   if (int const result = watched.begin(interruption); result != EXIT_DONE)
     return connection.conclude(result);
   if (!options.json)
@@ -481,6 +522,8 @@ int watch(WatchOptions const& options, Session const& session)
     if (!interruption.pause(options.interval))
       break;
     connection.startClock();
+    if (connection.several())
+      connection.reachMissing(options.interval);
     std::string why;
     bool const lost = failure != EXIT_DONE;
     if (watched.again(why))

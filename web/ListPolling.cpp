@@ -1,7 +1,6 @@
 #include "web/ListPolling.h"
 
 #include "discovery/RemoteDBDrain.h"
-#include "ozf/config/HostRole.h"
 #include "tools/ExitCodes.h"
 #include "web/WebLog.h"
 
@@ -56,14 +55,11 @@ double ListPolling::pause(Pace const& pace, double seconds)
   return std::max(pace.interval, seconds / pace.share - seconds);
 }
 
-// The seconds until the next. What the master says of places is its own name for itself, which need
-// not be one that can be reached from here: the records are read from where they were listed.
+// The seconds until the next.
 double ListPolling::listOnce(std::size_t master, std::string const& name)
 {
   Selection selection;
   selection.master = name;
-  auto const source =
-      std::make_shared<Record::Source const>(Record::Source{name, DISCOVERY_SERVICE, name});
   Records records;
   records.reserve(m_list.look()->masters[master].records->size());
   std::size_t bytes = 0;
@@ -76,8 +72,7 @@ double ListPolling::listOnce(std::size_t master, std::string const& name)
       [&](Record record)
       {
         if (ownName.empty())
-          ownName = record.source->host;
-        record.source = source;
+          ownName = record.source->ownName;
         bytes += sizeof record + record.subject.capacity() + record.authority.capacity();
         records.push_back(std::move(record));
         return bytes <= MOST_LISTED;

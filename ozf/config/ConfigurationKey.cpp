@@ -62,6 +62,11 @@ bool isAccepted(ConfigurationKey const& key, std::string const& value)
   case KeyKind::HOST:
   case KeyKind::HOST_NAME:
     return isHostName(value);
+  case KeyKind::HOSTS:
+  {
+    auto const entries = entriesOf(value);
+    return !entries.empty() && std::all_of(entries.begin(), entries.end(), isHostName);
+  }
   case KeyKind::ADDRESSES:
   {
     auto const entries = entriesOf(value);
@@ -100,6 +105,8 @@ std::string acceptedBy(ConfigurationKey const& key)
     return "a host name or an address";
   case KeyKind::HOST_NAME:
     return "a host name";
+  case KeyKind::HOSTS:
+    return "host names or addresses, with commas between them";
   case KeyKind::ADDRESSES:
     return "an IPv4 or IPv6 address, or several with commas between them";
   case KeyKind::OWN_ADDRESS:

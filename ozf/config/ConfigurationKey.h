@@ -16,6 +16,7 @@ namespace Quillon::Tessarine::Ozf
 enum class KeyKind
 {
   HOST,        // a host name or an address
+  HOSTS,       // one or several
   HOST_NAME,   // a host name
   ADDRESSES,   // one or several
   OWN_ADDRESS, // one to listen on

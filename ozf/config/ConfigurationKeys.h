@@ -46,6 +46,13 @@ inline constexpr ConfigurationKey CONFIGURATION_KEYS[] = {
      .value = "_HOST_",
      .text = "The name or address of the master. A host is the master itself when its own name, or "
              "one of its addresses, is that of *SERVER*."},
+    {.name = "MASTERS",
+     .kind = KeyKind::HOSTS,
+     .use = KeyUse::AS_LIST,
+     .value = "_HOST_[, _HOST_...]",
+     .text = "The masters that *tqdiscoctl* asks, side by side, with commands that read, and that "
+             "*tqdiscoctl which-master* chooses among; 16 at most, *SERVER* when it is absent. All "
+             "are reached at the same port. The service itself goes by *SERVER* alone."},
     {.name = "CLIENT_NAME",
      .kind = KeyKind::HOST_NAME,
      .holds = KeyHolds::FROM_START,

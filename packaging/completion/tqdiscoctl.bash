@@ -33,7 +33,7 @@ _tqdiscoctl()
   local everywhere="-m --master --timeout --tls --tls-certificate --tls-key --tls-ca -v --verbose"
   everywhere+=" -h --help"
   local selection="-s --subject -a --authority -t --type --filter-data"
-  local commands="status query hosts show items filters watch metrics report put push stop explorer db tls"
+  local commands="status query hosts show items filters watch metrics report put push stop explorer db tls which-master"
   local program=${COMP_WORDS[0]} command="" dbcommand="" word value options i at names=0
   local -a master=() chosen=()
 
@@ -43,7 +43,7 @@ _tqdiscoctl()
     case $word in
       -m | --master | --timeout | --tls | --tls-certificate | --tls-key | --tls-ca | -d | --directory | -s | --subject | -a | --authority | -t | \
         --type | -w | --where | -c | --columns | --sort | --group-by | --limit | -n | --interval | --looks | \
-        -e | --expires-in | -p | --priority | --host | --textfile | --html)
+        -e | --expires-in | -p | --priority | --host | --textfile | --html | --masters)
         ((++i))
         value=${COMP_WORDS[i]}
         # The shell takes HOST:PORT apart at the colons.
@@ -91,7 +91,7 @@ _tqdiscoctl()
       _tqdiscoctl_offer _tqdiscoctl_facts
       return
       ;;
-    -m | --master)
+    -m | --master | --masters)
       mapfile -t COMPREPLY < <(compgen -A hostname -- "$current")
       return
       ;;
@@ -144,6 +144,7 @@ _tqdiscoctl()
     push) options="--all --host --now -a --authority --json" ;;
     stop) options="--host --no-wait --json" ;;
     tls) options="check" ;;
+    which-master) options="--masters --json" ;;
     explorer)
       case $dbcommand in
         "") options="list enable test" ;;

@@ -51,7 +51,10 @@ public:
 
   static constexpr char const* NAME = "tqtestmaster";
 
-  explicit LiveService(Explorers explorers = WITHOUT_EXPLORERS) : m_port(freePort())
+  // Several that ask each other are on one port, at addresses of their own.
+  explicit LiveService(Explorers explorers = WITHOUT_EXPLORERS, std::string name = NAME,
+                       std::string address = "127.0.0.1", unsigned short port = freePort())
+      : m_name(std::move(name)), m_address(std::move(address)), m_port(port)
   {
     namespace fs = std::filesystem;
     fs::create_directories(m_root / "etc");
@@ -69,12 +72,11 @@ public:
   // alone.
   void configure(std::string const& more = "")
   {
-    std::string const name = NAME;
-    std::string const server = more.starts_with("SERVER = ") ? "" : "SERVER = " + name + "\n";
-    writeText(m_root / "etc/tq.conf", server + "CLIENT_NAME = " + name + "\nHOST_ADDRESS." + name +
-                                          " = 127.0.0.1\nORB_BIND = 127.0.0.1\n"
-                                          "ORB_PORT.DiscoveryService = " +
-                                          std::to_string(m_port) + "\n" + more);
+    std::string const server = more.starts_with("SERVER = ") ? "" : "SERVER = " + m_name + "\n";
+    writeText(m_root / "etc/tq.conf",
+              server + "CLIENT_NAME = " + m_name + "\nHOST_ADDRESS." + m_name + " = " + m_address +
+                  "\nORB_BIND = " + m_address +
+                  "\nORB_PORT.DiscoveryService = " + std::to_string(m_port) + "\n" + more);
   }
 
   // For the next start.
@@ -147,6 +149,8 @@ public:
   std::string operator/(std::string const& name) const { return m_root / name; }
   std::string const& root() const { return m_root.path(); }
   unsigned short port() const { return m_port; }
+  std::string const& name() const { return m_name; }
+  std::string const& address() const { return m_address; }
 
 private:
   void addLibrary(std::string const& from, std::string const& to)
@@ -157,6 +161,8 @@ private:
   }
 
   TempDir m_root;
+  std::string const m_name;
+  std::string const m_address;
   std::string m_bin = TQ_BIN_DIR;
   unsigned short m_port;
   std::unique_ptr<Process> m_process;

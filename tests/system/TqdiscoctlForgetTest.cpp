@@ -75,7 +75,7 @@ TEST_F(TqdiscoctlForgetTest, allOfASubjectGoesAndNothingElse)
   EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
   EXPECT_THAT(outcome.output, HasSubstr("4 volume web7.xml, 4 volume web7.dat"));
   EXPECT_THAT(outcome.output, HasSubstr("Removed 2 discoveries."));
-  EXPECT_THAT(outcome.errors, HasSubstr("until it is started anew"));
+  EXPECT_THAT(outcome.errors, HasSubstr("forgets what was announced within seconds"));
   EXPECT_THAT(files(), UnorderedElementsAre(OTHERS[0], OTHERS[1]));
   Outcome const again = forget({"web7", "--yes"});
   EXPECT_EQ(again.exitCode, 3);

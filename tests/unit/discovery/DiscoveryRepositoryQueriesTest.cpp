@@ -5,6 +5,7 @@
 #include "discovery/DiscoveryFramework.h"
 #include "discovery/DiscoveryLog.h"
 #include "discovery/ExplorerRemotePull.h"
+#include "ozf/config/ProductRoot.h"
 #include "tests/support/FakeExplorers.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Records.h"
@@ -395,6 +396,57 @@ TEST_F(DiscoveryRepositoryQueriesTest, CacheRecordsThatDoNotParseAreSkipped)
   auto const entries = repository.getPullExplorers();
   ASSERT_EQ(1u, entries->size());
   EXPECT_EQ("three", (*entries->begin())->getSubject()->getName().str());
+}
+
+// As "db forget" removes it; what was never written there, and what this host has, stay.
+TEST_F(DiscoveryRepositoryQueriesTest, AnExplorerWhoseAnnouncementWasRemovedIsForgotten)
+{
+  getDiscoveryDBDatabase()->init("");
+  cache("far", "restored", "volume", 7);
+  QueriedRepository repository(true);
+  repository.loadPullExplorerCache();
+  pull(repository, "own");
+  AutoDereference<RemoteExplorerPull> const remote(
+      new RemoteExplorerPull("DiscoveryService", "near", "told", "volume", AT_TQUCLIENT));
+  auto const announce = [&](char const* subject)
+  {
+    repository.registerExplorer(new Subject(subject), remote.get(), 5,
+                                new Authority("volume", AT_TQUCLIENT), false);
+  };
+  announce("told");
+  announce("kept");
+  std::string const database = getDefaultDatabasePath() + "/4 volume ";
+  std::filesystem::create_directory(database + "unwritten.xml"); // in the way
+  {
+    LogCapture const quiet;
+    announce("unwritten");
+  }
+  std::filesystem::remove(database + "unwritten.xml");
+  auto const known = [&]
+  {
+    Names names;
+    for (auto const& entry : *repository.getPullExplorers())
+      names.push_back(entry->getSubject()->getName().str());
+    std::sort(names.begin(), names.end());
+    return names;
+  };
+  Names const all{"kept", "own", "restored", "told", "unwritten"};
+  ASSERT_EQ(all, known());
+  repository.dropForgotten();
+  EXPECT_EQ(all, known());
+
+  for (char const* const name : {"restored.xml", "restored.dat", "told.xml", "told.dat"})
+    ASSERT_TRUE(std::filesystem::remove(database + name)) << name;
+  LogCapture log(1);
+  repository.dropForgotten();
+  EXPECT_EQ((Names{"kept", "own", "unwritten"}), known());
+  EXPECT_EQ(1, log.count(1, "DiscoveryRepository::dropForgotten",
+                         "Forgot the explorer of authority volume for subject told: its "
+                         "announcement was removed"))
+      << log.text();
+  announce("told");
+  repository.dropForgotten();
+  EXPECT_EQ((Names{"kept", "own", "told", "unwritten"}), known());
 }
 
 } // namespace
