@@ -149,7 +149,9 @@ int readMasters(MetricsOptions const& options, Connection const& connection,
 
 int readFigures(MetricsOptions const& options, Session const& session, std::vector<Figures>& all)
 {
-  Connection connection(session.connection, Connection::SEVERAL);
+  // Without a name it tells of this host, whichever masters people ask from here.
+  bool const named = !session.connection.master.empty();
+  Connection connection(session.connection, named ? Connection::SEVERAL : Connection::ONE);
   Figures& figures = all.emplace_back();
   if (int const result = connection.open(); result != EXIT_DONE)
   {
@@ -166,7 +168,6 @@ int readFigures(MetricsOptions const& options, Session const& session, std::vect
     return readMasters(options, connection, all);
   }
   figures.up = true;
-  bool const named = !session.connection.master.empty();
   std::string host = options.host.empty() && !named ? nameHere() : options.host;
   int listed = EXIT_DONE;
   // A fleet of clients does not list all of the fleet every minute.
