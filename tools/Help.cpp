@@ -25,7 +25,7 @@ constexpr std::size_t NAMES_WIDTH = 30;
 
 constexpr char EVERYWHERE[] =
     "Options for every command, before or behind it: -m, --master "
-    "HOST[:PORT],..., --timeout SECONDS, --tls MODE, -v, --verbose; \"tqdiscoctl "
+    "HOST[:PORT], --timeout SECONDS, --tls MODE, -v, --verbose; \"tqdiscoctl "
     "--help\" tells more of them.";
 constexpr char EVERY_DATABASE[] =
     "Option for every \"db\" command: -d, --directory PATH, the database "
