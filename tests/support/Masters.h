@@ -29,15 +29,15 @@ public:
   // Of the host with tqdiscoctl, beside what leads to the masters.
   void configureTools(std::string const& more = "")
   {
-    writeText(m_tools / "etc/tq.conf", "CLIENT_NAME = desk\n" + addresses() + more);
+    writeText(m_tools / "etc/tq.conf",
+              "CLIENT_NAME = desk\nORB_PORT.DiscoveryService = " + std::to_string(m_first.port()) +
+                  '\n' + addresses() + more);
   }
 
   // Lines that every host of theirs needs.
-  std::string addresses() const
+  static std::string addresses()
   {
-    return "HOST_ADDRESS.m1 = 127.0.0.1\nHOST_ADDRESS.m2 = 127.0.0.2\n"
-           "ORB_PORT.DiscoveryService = " +
-           std::to_string(m_first.port()) + "\n";
+    return "HOST_ADDRESS.m1 = 127.0.0.1\nHOST_ADDRESS.m2 = 127.0.0.2\n";
   }
 
   // Side by side.

@@ -95,7 +95,7 @@ protected:
 
   void serve(std::string const& master)
   {
-    std::string more = "SERVER = " + master + "\n" + m_masters.addresses();
+    std::string more = "SERVER = " + master + "\n" + TwoMasters::addresses();
     for (char const* const explorer : {"network", "software", "listener"})
       more += std::string("EXPLORER.") + explorer + " = no\n";
     for (char const* const explorer : {"host", "filesystem", "service", "volume"})
