@@ -43,7 +43,8 @@ struct ScriptFile
 // why the folder or a file of it is of no use, a sidecar without a script among them.
 std::vector<ScriptFile> findScripts(std::string const& folder, std::vector<std::string>& mistakes);
 
-// The script of that path, as it is now; false when there is nothing.
+// The script of that path, as it is now; false, with errno set, when there is nothing or it
+// cannot be examined.
 bool findScript(std::string const& path, ScriptFile& script);
 
 // Whether the script may be run: it and its folder belong to root or to the running

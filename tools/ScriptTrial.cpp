@@ -11,6 +11,7 @@
 #include "ozf/base/AsciiCase.h"
 #include "ozf/base/OzfHostname.h"
 #include "ozf/base/OzfPathname.h"
+#include "ozf/base/SystemError.h"
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ConfigurationKeys.h"
 #include "scripts/ScriptPayload.h"
@@ -18,6 +19,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
 #include <iostream>
 #include <memory>
 #include <unistd.h>
@@ -138,7 +140,9 @@ int testScript(ScriptTestOptions const& options)
   Trial trial;
   if (!Scripts::findScript(options.file, trial.script))
   {
-    complain("there is no file " + shown(options.file));
+    int const error = errno;
+    complain(error == ENOENT ? "there is no file " + shown(options.file)
+                             : shown(options.file) + " cannot be examined: " + errorText(error));
     return EXIT_FAILED;
   }
   getConfiguration(); // which may name this host

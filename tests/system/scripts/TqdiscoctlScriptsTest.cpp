@@ -50,6 +50,8 @@ TEST_F(TqdiscoctlScriptsTest, whatIsWrongWithAScriptIsTold)
     return outcome.errors;
   };
   EXPECT_THAT(mistakeOf(m_service / "nowhere"), HasSubstr("there is no file"));
+  EXPECT_THAT(mistakeOf(m_service / "etc/tq.conf/script"),
+              HasSubstr("cannot be examined: Not a directory"));
   EXPECT_THAT(mistakeOf(script("bad", "echo a=1; echo b; echo why >&2")),
               HasSubstr("why\ntqdiscoctl: line 2: there is no '='"));
   EXPECT_THAT(mistakeOf(script("fails", "exit 7")), HasSubstr("it exited with 7"));
