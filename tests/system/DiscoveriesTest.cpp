@@ -6,6 +6,7 @@
 #include "tests/support/CommandTest.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/NoHost.h"
+#include "tests/support/RemoteClient.h"
 
 #include <gmock/gmock.h>
 
@@ -29,6 +30,11 @@ protected:
   void SetUp() override
   {
     CommandTest::SetUp();
+    findService();
+  }
+
+  void findService() const
+  {
     setenv("TESSARINE_ROOT", m_service.root().c_str(), 1);
     reloadConfiguration();
   }
@@ -131,6 +137,44 @@ TEST_F(DiscoveriesTest, givesTheItemsThatAnswer)
   EXPECT_THAT(namesOf(discoveries.items("disks")), SizeIs(6));
   EXPECT_THAT(namesOf(discoveries.items("Disks")), IsEmpty());
   EXPECT_THAT(discoveries.problems(), IsEmpty());
+}
+
+// The service's notes of where explorers on demand are look like discoveries.
+TEST_F(DiscoveriesTest, givesNoNotesOfTheService)
+{
+  storeItems("web1", SDA);
+  {
+    client::Client client(m_service.root(), LiveService::NAME);
+    ASSERT_TRUE(client.connected());
+    auto note = client::makeRecord("web2", "disks");
+    note.authType = AT_REMOTEPULL;
+    ASSERT_EQ(client.store(note, itemsDocument(SDA)), DS_SUCCESS);
+  }
+  findService();
+  Discoveries discoveries;
+  std::vector<std::string> subjects;
+  for (FoundItem const& item : discoveries.items("disks"))
+    subjects.push_back(item.subject());
+  EXPECT_THAT(subjects, ElementsAre("web1"));
+  EXPECT_THAT(discoveries.problems(), IsEmpty());
+}
+
+TEST_F(DiscoveriesTest, aDescriptionThatOneHostLacksIsLookedForAtTheNext)
+{
+  for (std::string const subject : {"web0", "web1"})
+    store(subject, "disks", itemsDocument(SDA), {"--type", "client"});
+  describeDisks(); // of web1
+  Discoveries discoveries;
+  auto const isDescribed = [&discoveries](std::string const& subject)
+  {
+    bool described = false;
+    for (FoundItem const& item : discoveries.items("disks", subject))
+      described = item["Use"].description() != nullptr;
+    return described;
+  };
+  EXPECT_FALSE(isDescribed("web0"));
+  EXPECT_TRUE(isDescribed("web1"));
+  EXPECT_TRUE(isDescribed("web0")) << "and holds from then on";
 }
 
 TEST_F(DiscoveriesTest, aSessionIsMovedAndItemsOutliveIt)

@@ -1,7 +1,10 @@
 // What an operator is told of a service whose disk fails: never that nothing is
 // there, and never half a payload.
 
+#include "discovery/Discoveries.h"
+#include "ozf/config/Configuration.h"
 #include "tests/support/LiveService.h"
+#include "tests/support/LogCapture.h"
 #include "tests/support/RemoteClient.h"
 
 #include <gmock/gmock.h>
@@ -79,6 +82,22 @@ TEST_F(TqdiscoctlIncompleteTest, aListSaysThatItIsIncompleteAndExitsWith4)
   }
   std::filesystem::remove(m_rule);
   EXPECT_EQ(m_service.tqdiscoctl({"query"}).exitCode, 0);
+}
+
+// What is missing is no fault of what was read.
+TEST_F(TqdiscoctlIncompleteTest, aProgramIsToldThatTheMasterIsAtFault)
+{
+  fail("open 2 kept two.xml", "2 kept two.xml");
+  using namespace Quillon::Tessarine::Ozf;
+  LogCapture const log; // keeps lines out of the output
+  setenv("TESSARINE_ROOT", m_service.root().c_str(), 1);
+  reloadConfiguration();
+  DiscoverySvc::Discoveries discoveries;
+  auto items = discoveries.items("kept");
+  EXPECT_EQ(items.begin(), std::default_sentinel);
+  ASSERT_EQ(discoveries.problems().size(), 1U);
+  EXPECT_EQ(discoveries.problems()[0].fault, DiscoverySvc::DiscoveryProblem::Fault::MASTER);
+  EXPECT_THAT(discoveries.problems()[0].text, HasSubstr("some discoveries may be missing"));
 }
 
 TEST_F(TqdiscoctlIncompleteTest, aPayloadThatCannotBeReadIsAFailureAndNotAShortOne)

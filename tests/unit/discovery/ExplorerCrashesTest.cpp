@@ -8,6 +8,8 @@
 
 #include <csignal>
 #include <functional>
+#include <future>
+#include <thread>
 
 using namespace tqtest;
 
@@ -34,6 +36,26 @@ void endIn(std::function<void()> const& end)
 void crash()
 {
   CrashMark const outer({"push", "outer", "host", ""});
+  CrashMark const mark(BAD);
+  raise(SIGFPE);
+}
+
+// Where the mark of another thread has been in front, and is there no more.
+void crashBehindAFreeMark()
+{
+  std::promise<void> marked;
+  std::promise<void> enough;
+  std::thread another(
+      [&]
+      {
+        CrashMark const mark({"push", "another", "host", ""});
+        marked.set_value();
+        enough.get_future().wait();
+      });
+  marked.get_future().wait();
+  CrashMark const outer({"push", "outer", "host", ""});
+  enough.set_value();
+  another.join();
   CrashMark const mark(BAD);
   raise(SIGFPE);
 }
@@ -72,6 +94,16 @@ TEST_F(ExplorerCrashesTest, TheInnermostCallOfTheThreadIsBlamedAndTheOthersAreNa
   EXPECT_TRUE(log.has(1, "ExplorerCrashes::begin",
                       "Explorer outer was running when the service ended without being stopped"))
       << log.text();
+  EXPECT_EQ("outer (it was running), bad of /lib/bad.so", crashes.culprits());
+  crashes.end();
+}
+
+TEST_F(ExplorerCrashesTest, TheInnermostCallIsBlamedWhereverThereIsRoomForItsMark)
+{
+  endIn(crashBehindAFreeMark);
+  ExplorerCrashes crashes;
+  crashes.begin();
+  EXPECT_EQ(1, crashes.count(BAD));
   EXPECT_EQ("outer (it was running), bad of /lib/bad.so", crashes.culprits());
   crashes.end();
 }

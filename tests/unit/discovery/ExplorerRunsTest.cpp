@@ -159,6 +159,30 @@ TEST(ExplorerRunsTest, ARunThatOutlastsItsBudgetIsNamedOnceAndToldToItsOwner)
       << log.text();
 }
 
+// An explorer on demand is asked by several at a time.
+TEST(ExplorerRunsTest, ARunThatIsLateIsToldOfUntilItReturnsWhateverAnotherFinds)
+{
+  LogCapture log;
+  ExplorerRuns runs;
+  auto const record = declared(runs, "pull", ExplorerRecord::PULL);
+  ExplorerRun other(record, LONG);
+  std::promise<void> late;
+  {
+    ExplorerRun run(record, milliseconds(20), [&] { late.set_value(); });
+    ASSERT_EQ(std::future_status::ready, late.get_future().wait_for(LONG));
+    other.finish("success", true);
+    EXPECT_FALSE(other.end());
+    EXPECT_EQ(ExplorerRecord::LATE, record->now().state);
+    EXPECT_EQ("late", record->now().result);
+    EXPECT_FALSE(record->now().well);
+    EXPECT_EQ(1u, record->now().runs);
+    run.finish("failed", false);
+  }
+  EXPECT_EQ(ExplorerRecord::IDLE, record->now().state);
+  EXPECT_EQ("failed", record->now().result);
+  EXPECT_EQ(2u, record->now().runs);
+}
+
 TEST(ExplorerRunsTest, AStepWaitsForCollectionsThatAreNotLateAlone)
 {
   ExplorerRuns& runs = getExplorerRuns(); // outlives a step that is left

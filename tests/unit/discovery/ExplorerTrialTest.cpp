@@ -2,6 +2,7 @@
 
 #include "discovery/ExplorerPayload.h"
 #include "discovery/TimedExplorer.h"
+#include "tests/support/FakeExplorers.h"
 #include "tests/support/LogCapture.h"
 
 #include <gmock/gmock.h>
@@ -87,6 +88,32 @@ void registerPull(DiscoveryRepository* repository)
                                new Authority("volumes", AT_TQUCLIENT), false);
 }
 
+// Explorers of the test's own, under the subject "web1" and their names.
+AutoDereference<tqtest::FakePush> fakePush;
+AutoDereference<tqtest::FakePull> fakePull;
+
+void registerFakes(DiscoveryRepository* repository)
+{
+  repository->registerExplorer(new Subject("web1"), fakePush.get(), 10,
+                               new Authority(fakePush->getExplorerName(), AT_TQUCLIENT));
+  repository->registerExplorer(new Subject("web1"), fakePull.get(), 10,
+                               new Authority(fakePull->getExplorerName(), AT_TQUCLIENT), false);
+}
+
+// Of every kind there is, as text.
+struct Anything
+{
+  std::map<std::string, std::string> values;
+};
+
+using Kind = OzfQuery::Type;
+constexpr Fact<Anything> KIND_FACTS[] = {
+    {"Count", Kind::NUMBER, "", [](Anything const& one) { return known(one.values.at("Count")); }},
+    {"Took", Kind::DURATION, "", [](Anything const& one) { return known(one.values.at("Took")); }},
+    {"Up", Kind::BOOLEAN, "", [](Anything const& one) { return known(one.values.at("Up")); }},
+    {"Made", Kind::TIME, "", [](Anything const& one) { return known(one.values.at("Made")); }},
+    {"Note", Kind::TEXT, "", [](Anything const& one) { return known(one.values.at("Note")); }}};
+
 void registerNothing(DiscoveryRepository*) {}
 
 struct ExplorerTrialTest : testing::Test
@@ -162,6 +189,109 @@ TEST_F(ExplorerTrialTest, aPullExplorerIsGivenTheQuery)
   TriedPull::s_produces = false;
   trial.run();
   EXPECT_THAT(trial.mistakes(), ElementsAre("The explorer volumes produced nothing"));
+  TriedPull::s_produces = true;
+  trial.run();
+  EXPECT_THAT(trial.mistakes(), IsEmpty()) << "a run begins anew";
+}
+
+TEST_F(ExplorerTrialTest, explorersAreStartedRunAndStoppedAsByAService)
+{
+  tqtest::CallList calls;
+  fakePush.reset(new tqtest::FakePush("push", &calls));
+  fakePull.reset(new tqtest::FakePull("pull", &calls, "<DiscoveredItems/>"));
+  OzfObjTime const before = OzfObjTime::now();
+  fakePush->onExplore =
+      [&](auto const& authority, auto const& subject, auto const& attributes, auto* factory, auto&)
+  {
+    EXPECT_TRUE(fakePush->getLastExplorationTime() >= before);
+    EXPECT_EQ(attributes.getPriority(), 10U);
+    for (char const* const text : {"<DiscoveredItems/>", "<DiscoveredItems></DiscoveredItems>"})
+      store(*factory, DQ_DISCOVERY_DATA, subject, authority, attributes, text, "test");
+  };
+  ExplorerTrial trial(registerFakes);
+  EXPECT_THAT(calls.names(), IsEmpty());
+  trial.run();
+  EXPECT_THAT(trial.mistakes(), IsEmpty());
+  EXPECT_THAT(calls.names(), ElementsAre("start push", "start pull", "explore push", "collect pull",
+                                         "stop push", "stop pull"));
+  EXPECT_THAT(trial.records(), SizeIs(3));
+  ASSERT_NE(trial.data("push"), nullptr);
+  EXPECT_EQ(trial.data("push")->document, "<DiscoveredItems></DiscoveredItems>") << "the last";
+}
+
+TEST_F(ExplorerTrialTest, whatIsThrownIsTold)
+{
+  struct VolumesThatThrow : TriedPull
+  {
+    bool collectionRequested(DiscoveryQuery, Authority const&, Subject const&,
+                             AutoDereference<OZFRefCounted>&, char const*, CollectionData*) override
+    {
+      throw std::runtime_error("no volume");
+    }
+  };
+  fakePush.reset(new tqtest::FakePush("push"));
+  fakePush->onExplore = [](auto const&...) { throw std::runtime_error("no disk"); };
+  ExplorerTrial trial(
+      [](DiscoveryRepository* repository)
+      {
+        repository->registerExplorer(new Subject("web1"), fakePush.get(), 10,
+                                     new Authority("push", AT_TQUCLIENT));
+        AutoDereference<ExplorerPull> const thrower(new VolumesThatThrow);
+        repository->registerExplorer(new Subject("web1"), thrower.get(), 10,
+                                     new Authority("volumes", AT_TQUCLIENT), false);
+      });
+  trial.run();
+  EXPECT_THAT(trial.mistakes(), ElementsAre("The explorer push threw an exception: no disk",
+                                            "The explorer volumes threw an exception: no volume"));
+  EXPECT_THAT(trial.records(), IsEmpty());
+}
+
+TEST_F(ExplorerTrialTest, eachValueIsHeldAgainstItsKind)
+{
+  std::map<std::string, std::string> const right{{"Count", "7"},
+                                                 {"Took", "1.5"},
+                                                 {"Up", "true"},
+                                                 {"Made", "2026-01-01T10:00:00Z"},
+                                                 {"Note", "anything"}};
+  auto const mistakesWith = [&right](std::string const& name, std::string const& value)
+  {
+    Anything one{right};
+    one.values[name] = value;
+    return mistakesOf(
+        [one](auto const& explorer, auto const& authority, auto const& subject,
+              auto const& attributes, auto const& factory)
+        {
+          DiscoveredItems items(explorer);
+          items.addItem("a", Facts<Anything>(KIND_FACTS), one);
+          return storeWithFilters(factory, subject, authority, attributes, items.finish(),
+                                  filterDocument(Facts<Anything>(KIND_FACTS)), "test");
+        });
+  };
+  EXPECT_THAT(mistakesWith("Note", "other"), IsEmpty());
+  for (char const* const name : {"Count", "Took", "Up", "Made"})
+    EXPECT_THAT(mistakesWith(name, "strange"),
+                ElementsAre("The discovery of disks: the item a has the fact " + std::string(name) +
+                            ", which is not of the kind that is described: \"strange\""));
+}
+
+// What can be asked for of an explorer on demand is stored by another, under a name of its own.
+TEST_F(ExplorerTrialTest, factsOnDemandAreHeldAgainstTheirFilterData)
+{
+  fakePush.reset(new tqtest::FakePush("volumes-filter"));
+  fakePush->onExplore =
+      [](auto const& authority, auto const& subject, auto const& attributes, auto* factory, auto&)
+  {
+    store(*factory, DQ_FILTER_DATA, subject, authority, attributes,
+          filterDocument(Facts<Disk>(DISK_FACTS)), "test");
+  };
+  fakePull.reset(new tqtest::FakePull(
+      "volumes", nullptr,
+      "<DiscoveredItems><DISCOVERED Name=\"sda\"><ExplorerData Name=\"volumes\"><Size>large</Size>"
+      "</ExplorerData></DISCOVERED></DiscoveredItems>"));
+  ExplorerTrial trial(registerFakes);
+  trial.run();
+  EXPECT_THAT(trial.mistakes(),
+              ElementsAre(HasSubstr("the item sda has the fact Size, which is not of the kind")));
 }
 
 TEST_F(ExplorerTrialTest, aRunThatFailsIsTold)

@@ -7,6 +7,9 @@
 
 #include <csignal>
 #include <fcntl.h>
+#include <linux/capability.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <thread>
@@ -66,9 +69,17 @@ TEST_F(ScriptRunTest, itFindsACleanPlace)
 {
   setenv("TQ_TEST_SECRET", "1", 1);
   int const leaked = open("/dev/null", O_RDONLY); // not to be closed on execution
+  for (auto const resource : {RLIMIT_CORE, RLIMIT_NOFILE})
+  {
+    rlimit most{};
+    getrlimit(resource, &most);
+    most.rlim_cur = most.rlim_max;
+    setrlimit(resource, &most);
+  }
   RunOutcome const outcome = run("env; echo; echo \"$# $(pwd) $(ls -A | wc -l) $(umask)\"\n"
                                  "read line; echo \"read $?\"; ls /proc/self/fd | wc -l\n"
-                                 "ps -o pgid= -p $$ | tr -d ' '; echo $$; touch left; mkdir d");
+                                 "ps -o pgid= -p $$ | tr -d ' '; echo $$; touch left; mkdir d\n"
+                                 "ps -o sid= -p $$ | tr -d ' '; ulimit -c; ulimit -n");
   close(leaked);
   EXPECT_EQ(outcome.failure, "") << outcome.errors;
   std::istringstream lines(outcome.output);
@@ -81,6 +92,8 @@ TEST_F(ScriptRunTest, itFindsACleanPlace)
                                "LANG=C.UTF-8", "TESSARINE_SUBJECT=client7"));
   std::string arguments, folder, entries, mask, word, result, descriptors, group, pid;
   lines >> arguments >> folder >> entries >> mask >> word >> result >> descriptors >> group >> pid;
+  std::string session, core, most;
+  lines >> session >> core >> most;
   EXPECT_EQ(arguments, "0");
   EXPECT_THAT(folder, StartsWith("/"));
   EXPECT_EQ(entries, "0");
@@ -88,6 +101,9 @@ TEST_F(ScriptRunTest, itFindsACleanPlace)
   EXPECT_EQ(result, "1");      // the end of the input at once
   EXPECT_EQ(descriptors, "4"); // three, and that of ls itself
   EXPECT_EQ(group, pid);
+  EXPECT_NE(session, std::to_string(getsid(0))); // no signal of a terminal comes there
+  EXPECT_EQ(core, "0");
+  EXPECT_LE(std::stol(most), 1024);
   EXPECT_FALSE(std::filesystem::exists(folder));
 }
 
@@ -110,6 +126,21 @@ TEST_F(ScriptRunTest, signalsAreAsAProgramFindsThem)
   sigset_t now;
   pthread_sigmask(SIG_SETMASK, nullptr, &now);
   EXPECT_TRUE(sigismember(&now, SIGTERM));
+}
+
+// The service's unit gives it a right to read. Only root can give this process one here.
+TEST_F(ScriptRunTest, whatTheServiceMayDoBesidesIsNotForItsScripts)
+{
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct data[2] = {};
+  ASSERT_EQ(syscall(SYS_capget, &header, data), 0);
+  data[0].inheritable |= 1U << CAP_DAC_READ_SEARCH;
+  bool const isGiven = syscall(SYS_capset, &header, data) == 0 &&
+                       prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_RAISE, CAP_DAC_READ_SEARCH, 0, 0) == 0;
+  EXPECT_EQ(isGiven, geteuid() == 0);
+  EXPECT_EQ(run("grep CapAmb /proc/self/status").output, "CapAmb:\t0000000000000000\n");
+  EXPECT_EQ(prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_IS_SET, CAP_DAC_READ_SEARCH, 0, 0),
+            isGiven ? 1 : 0);
 }
 
 TEST_F(ScriptRunTest, anExitCodeIsAFailureToldWithTheLastLinesOfStandardError)
@@ -143,6 +174,11 @@ TEST_F(ScriptRunTest, outputWithoutEndIsCutOff)
   EXPECT_EQ(outcome.failure, "it printed more than 1 MiB");
   EXPECT_LT(outcome.output.size(), std::size_t(2) << 20);
   EXPECT_LT(outcome.took, seconds(10));
+
+  // Nor is one waited for that goes on without.
+  RunOutcome const patient = run("trap '' PIPE; head -c 2000000 /dev/zero; exec sleep 600");
+  EXPECT_EQ(patient.failure, "it printed more than 1 MiB");
+  EXPECT_LT(patient.took, seconds(10));
 }
 
 TEST_F(ScriptRunTest, afterItsTimeOutItIsToldToEnd)
@@ -180,6 +216,13 @@ TEST_F(ScriptRunTest, whatItLeavesBehindIsEnded)
   EXPECT_LT(outcome.took, seconds(10));
   for (char const* const file : {"group", "session", "orphan"})
     EXPECT_FALSE(isRunning(file)) << file;
+}
+
+TEST_F(ScriptRunTest, itDoesNotOutliveWhatWatchesOverIt)
+{
+  RunOutcome const outcome = run("echo a=1; kill -KILL $PPID; exec sleep 600");
+  EXPECT_EQ(outcome.failure, "what watched over it was killed");
+  EXPECT_LT(outcome.took, seconds(10)); // its end of the output is closed
 }
 
 TEST_F(ScriptRunTest, aScriptThatChangesItsOwnFileIsNotBelieved)
