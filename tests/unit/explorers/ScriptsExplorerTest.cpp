@@ -313,6 +313,53 @@ TEST_F(ScriptsExplorerTest, whatCannotBeStoredIsToldOfAsAFailedRun)
   EXPECT_EQ(record("disks")->now().result, "opening failed");
   EXPECT_EQ(record("disks")->now().failures, 1U);
   EXPECT_TRUE(record("disks")->now().lastSuccess.isZero());
+
+  // Not with each pass, but without another run.
+  m_now += 59;
+  pass();
+  EXPECT_EQ(m_last.discStatus, DS_COM_ERROR);
+  EXPECT_EQ(stored("disks"), "");
+  ++m_now;
+  pass();
+  EXPECT_EQ(m_last.discStatus, DS_SUCCESS);
+  EXPECT_THAT(stored("disks"), HasSubstr("<size>1</size>"));
+  EXPECT_EQ(record("disks")->now().result, "success");
+  EXPECT_EQ(lines("disks is due"), 1U);
+}
+
+TEST_F(ScriptsExplorerTest, whatARunFoundIsDroppedWhenItsFileIsAnotherByThen)
+{
+  writeShellScript(*this / "disks", "echo size=1");
+  pass();
+  ASSERT_TRUE(eventually([this] { return record("disks")->now().runs == 1; }));
+  writeShellScript(*this / "disks", "echo size=22");
+  ASSERT_TRUE(awaitRuns(1));
+  EXPECT_THAT(stored("disks"), HasSubstr("<size>22</size>"));
+  EXPECT_EQ(runs(), 1U) << m_log.text(); // as far as anybody is told
+}
+
+TEST_F(ScriptsExplorerTest, runsAreSpread)
+{
+  for (int i = 0; i < 9; ++i)
+  {
+    std::string const name = "s" + std::to_string(i);
+    writeShellScript(*this / name, "echo size=1");
+    writeText(*this / (name + ".conf"), "INTERVAL = 100\n");
+  }
+  auto const due = [this] { return lines(" is due"); };
+  for (std::size_t const begun : {4U, 8U, 9U})
+  {
+    pass();
+    EXPECT_EQ(due(), begun);
+    ++m_now;
+  }
+  ASSERT_TRUE(awaitRuns(9)) << m_log.text();
+  m_now += 75;
+  pass();
+  EXPECT_GT(due(), 9U);
+  EXPECT_LT(due(), 18U);
+  m_now += 25;
+  ASSERT_TRUE(awaitRuns(18)) << m_log.text();
 }
 
 TEST_F(ScriptsExplorerTest, atMostFourRunAtOnceAndAHangingOneDelaysNoOther)
