@@ -103,6 +103,77 @@ TEST_F(AuditTest, whatPeersStoreAnnounceAndControlIsRecorded)
   EXPECT_EQ(status.st_mode & 07777, 0640U);
 }
 
+TEST_F(AuditTest, whatLimitsKeepOutIsRecorded)
+{
+  start("LIMIT_PEER_WRITERS = 1\nLIMIT_REGISTRATIONS = 1\nLIMIT_PAYLOAD = 10\n"
+        "LIMIT_PEER_ITERATORS = 1\nLIMIT_PEER_DAY_BYTES = 20\n");
+  {
+    client::Client client(m_service.root(), LiveService::NAME);
+    ASSERT_TRUE(client.connected());
+    client->restartAllPushTimers();
+    for (char const* const host : {"", "web1", "web2"})
+      client->registerExplorer(host, "DiscoveryService", (std::string("of ") + host).c_str(),
+                               "volume", client::AT_EXTSRC, 1);
+    auto record = client::makeRecord("far", "a");
+    record.sourceHost = std::string(100000, 'x').c_str();
+    EXPECT_EQ(client.store(record, "<x/>"), client::DS_OPEN_FAILED);
+
+    client::Remote::RemoteWriter_var writer;
+    ASSERT_EQ(client->putCollection(client::makeRecord("large", "a"), writer.out()).discStatus,
+              client::DS_SUCCESS);
+    EXPECT_EQ(client.store("late", "a", "<x/>"), client::DS_OPEN_FAILED);
+    EXPECT_FALSE(writer->put(client::makeChunk("eleven byte")));
+    writer->close();
+
+    auto const list = [&]
+    { return client->queryDiscoveries(client::DQ_DISCOVERY_DATA, client::AT_ANYANDALL, "*", "*"); };
+    client::Remote::DiscoveryIterator_var const open = list();
+    EXPECT_THROW({ client::Remote::DiscoveryIterator_var const another = list(); },
+                 CORBA::NO_RESOURCES);
+    open->release();
+
+    for (char const* const subject : {"one", "two"})
+      EXPECT_EQ(client.store(subject, "a", "<tens/><x>"), client::DS_SUCCESS);
+    EXPECT_THROW(client.store("three", "a", "<x/>"), CORBA::NO_RESOURCES);
+  }
+  EXPECT_EQ(m_service.stop(), 0) << m_service.log();
+
+  EXPECT_EQ(resultOf("restartAllPushTimers", ""), "done");
+  EXPECT_EQ(resultOf("registerExplorer", "of "), "refused: a name is empty or too long");
+  EXPECT_EQ(resultOf("registerExplorer", "of web1"), "registered, of DiscoveryService on web1");
+  EXPECT_EQ(resultOf("registerExplorer", "of web2"), "refused: too many are registered already");
+  EXPECT_EQ(resultOf("putCollection", "far"),
+            "refused: the name of its source host or service is too long");
+  // Which it would have been about is not looked at any more.
+  EXPECT_THAT(readText(m_file), HasSubstr("\"operation\":\"putCollection\",\"subject\":\"\","
+                                          "\"authority\":\"\",\"result\":\"refused: too many "
+                                          "writers are open already\""));
+  EXPECT_EQ(resultOf("putCollection", "large"), "not stored: a part could not be written");
+  EXPECT_EQ(resultOf("queryDiscoveries", ""), "refused: too many iterators are open already");
+  EXPECT_EQ(resultOf("putCollection", "two"), "stored");
+  EXPECT_THAT(readText(m_file), HasSubstr("refused: too much was stored within a day"));
+}
+
+TEST_F(AuditTest, whoAsksTooOftenIsRecorded)
+{
+  start("LIMIT_PEER_REQUESTS = 20\nLIMIT_REQUEST_WAIT = 0\n");
+  {
+    client::Client client(m_service.root(), LiveService::NAME);
+    ASSERT_TRUE(client.connected());
+    EXPECT_THROW(
+        {
+          for (int i = 0; i < 100; ++i)
+            client->restartLocalPushTimer();
+        },
+        CORBA::TRANSIENT);
+  }
+  EXPECT_EQ(m_service.stop(), 0) << m_service.log();
+  auto const records = recordsOf(m_file);
+  ASSERT_FALSE(records.empty());
+  EXPECT_EQ(records.back()["operation"], "restartLocalPushTimer");
+  EXPECT_EQ(records.back()["result"], "refused: too many requests a second");
+}
+
 TEST_F(AuditTest, theFileIsOpenedAnewAtAReloadAndMayBeTurnedOff)
 {
   start();
