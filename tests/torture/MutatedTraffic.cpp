@@ -34,6 +34,8 @@ constexpr char MUTATED[] = " mutated m"; // in the names of the clients' files
 constexpr char COMMAND_SECONDS[] = "8";
 // Beside those: for a start and an end under load, and time-outs of the system.
 constexpr seconds COMMAND_GRACE(45);
+// For the calls that a client has begun: each ends in 30 seconds.
+constexpr seconds CLIENT_GRACE(100);
 constexpr long MOST_MEMORY = 600L << 10; // KiB
 constexpr long MOST_GROWTH = 200L << 10;
 
@@ -89,14 +91,14 @@ public:
         m_halfMemory = memoryOf(m_master, "VmRSS:");
       }
     }
-    for (auto const& client : m_clients)
+    for (auto const& [name, client] : m_clients)
     {
-      if (!client->wait(seconds(100)))
-        flaw("a client hangs");
+      if (!client->wait(CLIENT_GRACE))
+        flaw(name + " hangs");
       else if (client->exitCode() == 1 || client->exitCode() >= 128)
-        flaw("a client ends with " + std::to_string(client->exitCode()) + ": " + client->output() +
+        flaw(name + " ends with " + std::to_string(client->exitCode()) + ": " + client->output() +
              client->errors());
-      std::printf("client: %s", client->output().c_str());
+      std::printf("%s: %s", name.c_str(), client->output().c_str());
     }
     m_proxy.relent();
   }
@@ -186,22 +188,26 @@ private:
     {
       environment["TQ_CALL_FROM"] = i == 0 ? m_master.address() : m_member.address();
       FleetHost const& from = i == 0 ? m_master : m_member;
-      m_clients.push_back(std::make_unique<Process>(
-          TQ_BIN_DIR "/mutated_client",
-          std::vector<std::string>{from.root(), MASTER, long_, std::to_string(m_seed + i),
-                                   m_isPlain ? "any" : "sealed"},
-          environment));
+      m_clients.emplace_back(
+          "the client at " + from.name(),
+          std::make_unique<Process>(TQ_BIN_DIR "/mutated_client",
+                                    std::vector<std::string>{from.root(), MASTER, long_,
+                                                             std::to_string(m_seed + i),
+                                                             m_isPlain ? "any" : "sealed"},
+                                    environment));
     }
     if (!m_isPlain)
       return;
     // Another ORB, which has no TLS.
     environment.erase("TQ_CALL_FROM"); // Tcl calls connect again and again until it is
     environment["TQ_BIN_DIR"] = TQ_BIN_DIR;
-    m_clients.push_back(std::make_unique<Process>(
-        "/usr/bin/tclsh8.6",
-        std::vector<std::string>{TQ_SOURCE_DIR "/tests/torture/other_orb.tcl", m_master.address(),
-                                 std::to_string(m_port), long_, std::to_string(m_seed)},
-        environment));
+    m_clients.emplace_back("the client of another ORB",
+                           std::make_unique<Process>(
+                               "/usr/bin/tclsh8.6",
+                               std::vector<std::string>{
+                                   TQ_SOURCE_DIR "/tests/torture/other_orb.tcl", m_master.address(),
+                                   std::to_string(m_port), long_, std::to_string(m_seed)},
+                               environment));
   }
 
   // One at a time, and each ends in its time whatever it is told.
@@ -309,7 +315,7 @@ private:
   FleetHost m_master;
   FleetHost m_member;
   MutatingProxy m_proxy;
-  std::vector<std::unique_ptr<Process>> m_clients;
+  std::vector<std::pair<std::string, std::unique_ptr<Process>>> m_clients; // with their names
   long m_halfMemory = 0;
   long m_commands = 0;
   std::vector<std::string> m_flaws;
