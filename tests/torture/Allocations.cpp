@@ -3,9 +3,10 @@
 // stored is whole, and whether it goes on.
 //
 // Usage: allocations [--most N] [--seed N] [--operation NAME]... [--refused N]
-//                    [--piece N] [--examples N]
+//                    [--piece N] [--anew 1] [--examples N]
 //
-// --refused: so many in a row instead of one. --piece: only that one.
+// --refused: so many in a row instead of one. --piece: only that one. --anew: each of a
+// service that was just started, which makes then what it makes once.
 //
 // Exit code 0 when nothing broke, 1 when something did, 2 when nothing could be
 // tried.
@@ -36,6 +37,7 @@ struct MemoryWords
   long examples = 1;
   long refused = 1;
   long piece = 0; // all
+  bool anew = false;
 };
 
 std::optional<MemoryWords> parseMemoryWords(int argc, char** argv)
@@ -59,6 +61,8 @@ std::optional<MemoryWords> parseMemoryWords(int argc, char** argv)
       words.refused = value;
     else if (word == "--piece")
       words.piece = value;
+    else if (word == "--anew")
+      words.anew = value != 0;
     else
       return std::nullopt;
   }
@@ -142,9 +146,14 @@ private:
 
   void play(ServedOperations::Operation const& operation)
   {
-    countPieces(operation); // and what the first one makes for good
+    if (m_words.anew)
+      m_operations.restart();
+    else
+      countPieces(operation); // and what the first one makes for good
     std::vector<Fault> all;
     std::int64_t const pieces = countPieces(operation);
+    if (m_words.anew)
+      m_operations.restart();
     for (std::int64_t piece = 1; piece <= pieces; ++piece)
       all.push_back({"piece", piece, "refused"});
     for (Fault const& fault : chooseFaults(all, m_words.options.most, m_words.options.seed))
@@ -169,11 +178,14 @@ private:
     std::string const log = m_operations.service().log();
     if (dead)
       flaws.push_back("the service ended with " + std::to_string(process.exitCode()));
-    if (dead || answer.starts_with("exception "))
+    if (dead || answer.starts_with("exception ") || m_words.anew)
+    {
       m_operations.restart();
-    if (m_operations.hasHung() && !m_hasHung)
-      flaws.push_back("the service does not end when it is told to");
-    m_hasHung = m_operations.hasHung();
+      if (int const end = m_operations.lastEnd(); end == -1)
+        flaws.push_back("the service does not end when it is told to");
+      else if (end != 0)
+        flaws.push_back("the service ends with " + std::to_string(end) + " when it is told to");
+    }
     m_operations.judge(operation.name, answer, operation.done, {}, flaws);
     m_report.add(operation.name, fault, answer, flaws,
                  log.substr(log.size() - std::min<std::size_t>(log.size(), 1500)));
@@ -183,7 +195,6 @@ private:
   FaultReport& m_report;
   SharedPlan m_plan;
   ServedOperations m_operations;
-  bool m_hasHung = false; // the first time is told of
 };
 
 } // namespace
@@ -194,7 +205,7 @@ int main(int argc, char** argv)
   if (!words)
   {
     std::cerr << "usage: allocations [--most N] [--seed N] [--operation NAME]... [--refused N]\n"
-                 "                   [--piece N] [--examples N]\n";
+                 "                   [--piece N] [--anew 1] [--examples N]\n";
     return 2;
   }
   try

@@ -91,9 +91,9 @@ void ServedOperations::begin()
 void ServedOperations::end()
 {
   m_client.reset();
-  if (!m_service.process().running() || m_service.stop() != -1)
+  m_lastEnd = m_service.process().running() ? m_service.stop() : 0;
+  if (m_lastEnd != -1)
     return;
-  m_hasHung = true;
   m_service.process().sendSignal(SIGKILL);
   m_service.process().wait();
 }

@@ -57,10 +57,12 @@ public:
   std::string readAgain();
 
   void begin();
-  // One that does not end is killed, and hasHung tells of it from then on.
+  // One that does not end when it is told to is killed.
   void end();
   void restart();
-  bool hasHung() const { return m_hasHung; }
+  // With what it ended when it was last told to; -1 when it did not end, and 0 when there
+  // was nobody to tell.
+  int lastEnd() const { return m_lastEnd; }
 
   tqtest::LiveService& service() { return m_service; }
   std::uint64_t number() const { return m_number; } // of what is stored
@@ -87,7 +89,7 @@ private:
   tqtest::LiveService m_service;
   std::unique_ptr<tqtest::client::Client> m_client;
   std::uint64_t m_number = 0;
-  bool m_hasHung = false;
+  int m_lastEnd = 0;
 };
 
 } // namespace tqtorture
