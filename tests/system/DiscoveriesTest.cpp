@@ -6,7 +6,6 @@
 #include "tests/support/CommandTest.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/NoHost.h"
-#include "tests/support/RemoteClient.h"
 
 #include <gmock/gmock.h>
 
@@ -30,11 +29,6 @@ protected:
   void SetUp() override
   {
     CommandTest::SetUp();
-    findService();
-  }
-
-  void findService() const
-  {
     setenv("TESSARINE_ROOT", m_service.root().c_str(), 1);
     reloadConfiguration();
   }
@@ -136,26 +130,6 @@ TEST_F(DiscoveriesTest, givesTheItemsThatAnswer)
               testing::UnorderedElementsAre("web1-b", "web2-b"));
   EXPECT_THAT(namesOf(discoveries.items("disks")), SizeIs(6));
   EXPECT_THAT(namesOf(discoveries.items("Disks")), IsEmpty());
-  EXPECT_THAT(discoveries.problems(), IsEmpty());
-}
-
-// The service's notes of where explorers on demand are look like discoveries.
-TEST_F(DiscoveriesTest, givesNoNotesOfTheService)
-{
-  storeItems("web1", SDA);
-  {
-    client::Client client(m_service.root(), LiveService::NAME);
-    ASSERT_TRUE(client.connected());
-    auto note = client::makeRecord("web2", "disks");
-    note.authType = AT_REMOTEPULL;
-    ASSERT_EQ(client.store(note, itemsDocument(SDA)), DS_SUCCESS);
-  }
-  findService();
-  Discoveries discoveries;
-  std::vector<std::string> subjects;
-  for (FoundItem const& item : discoveries.items("disks"))
-    subjects.push_back(item.subject());
-  EXPECT_THAT(subjects, ElementsAre("web1"));
   EXPECT_THAT(discoveries.problems(), IsEmpty());
 }
 
