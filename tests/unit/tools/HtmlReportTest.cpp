@@ -1,5 +1,7 @@
 #include "tools/HtmlReport.h"
 
+#include "tests/support/ListedRecords.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -10,22 +12,11 @@ using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
 using namespace tqdiscoctl;
 using testing::HasSubstr;
 using testing::Not;
+using tqtest::LISTED_AT;
+using tqtest::listedRecord;
 
 namespace
 {
-
-constexpr std::int64_t REPORT_NOW = 1'800'000'000;
-
-Record reportRecord(std::string const& subject, std::string const& authority, std::int64_t age)
-{
-  Record record;
-  record.subject = subject;
-  record.authority = authority;
-  record.type = AT_TQUCLIENT;
-  record.discovered = OzfObjTime(REPORT_NOW - age);
-  record.expires = OzfObjTime(REPORT_NOW + 100);
-  return record;
-}
 
 Item itemWith(std::string const& name, Item::Facts facts)
 {
@@ -37,7 +28,7 @@ Item itemWith(std::string const& name, Item::Facts facts)
 
 struct ReportInput
 {
-  Fleet fleet{OzfObjTime(REPORT_NOW)};
+  Fleet fleet{OzfObjTime(LISTED_AT)};
   SilentHosts silent;
   std::vector<ServiceState> services;
   std::vector<FullFileSystem> full;
@@ -45,10 +36,10 @@ struct ReportInput
   // A host with everything that a report tells of.
   void addPoorHost(std::string const& name)
   {
-    fleet.add(reportRecord(name, "host", 5000));
-    silent[name] = OzfObjTime(REPORT_NOW - 5000);
+    fleet.add(listedRecord(name, "host", 5000));
+    silent[name] = OzfObjTime(LISTED_AT - 5000);
     ServiceState state;
-    state.record = reportRecord(name, "service", 20);
+    state.record = listedRecord(name, "service", 20);
     state.service = itemWith(name, {{"Kind", "service"},
                                     {"Version", name},
                                     {"CertificateEnd", "2027-01-20T00:00:00Z"},
@@ -80,7 +71,7 @@ TEST(HtmlReport, tellsOfHostsThatNeedALookAndOfNoOthers)
   ReportInput input;
   input.addPoorHost("web1");
   for (int i = 0; i < 20; ++i)
-    input.fleet.add(reportRecord("healthy" + std::to_string(i), "host", 10));
+    input.fleet.add(listedRecord("healthy" + std::to_string(i), "host", 10));
   std::string const html = input.html();
   EXPECT_THAT(html, HasSubstr("<b>21</b><span>hosts</span>"));
   EXPECT_THAT(html, HasSubstr("<b>1</b><span>silent</span>"));

@@ -1,5 +1,7 @@
 #include "tools/Metrics.h"
 
+#include "tests/support/ServiceFacts.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -26,22 +28,9 @@ ServiceState toldState()
   state.service.facts = Facts{{"Version", "1.2"},
                               {"StartTime", "2026-01-01T10:00:00Z"},
                               {"CertificateEnd", "2026-01-02T10:00:00Z"},
-                              {"StoredDiscoveries", "12"},
-                              {"Connections", "4"},
-                              {"ConnectionsTaken", "70"},
-                              {"ConnectionsRefused", "5"},
-                              {"OpenIterators", "2"},
-                              {"OpenWriters", "1"},
-                              {"WritesStored", "30"},
-                              {"WritesOutranked", "3"},
-                              {"WritesFailed", "6"},
-                              {"WritesTimed", "36"},
-                              {"WriteTime", "1500000"},
-                              {"WritesWithin1ms", "1"},
-                              {"WritesWithin10ms", "20"},
-                              {"WritesWithin100ms", "34"},
-                              {"WritesWithin1s", "35"},
-                              {"WritesWithin10s", "36"}};
+                              {"StoredDiscoveries", "12"}};
+  state.service.facts.insert(state.service.facts.end(), tqtest::SERVICE_LOAD_FACTS.begin(),
+                             tqtest::SERVICE_LOAD_FACTS.end());
   Item host;
   host.name = "host";
   host.facts = Facts{{"Kind", "push"},
