@@ -79,6 +79,7 @@ std::vector<Row> benchTls(Settings const& settings);
 std::vector<Row> benchRights(Settings const& settings);
 std::vector<Row> benchHostile(Settings const& settings);
 std::vector<Row> benchGatewayHosts(Settings const& settings);
+std::vector<Row> benchGatewayMetrics(Settings const& settings);
 std::vector<Row> benchGatewayRest(Settings const& settings);
 std::vector<Row> benchGatewayMemory(Settings const& settings);
 

@@ -1,5 +1,5 @@
-// The gateway: the list of hosts beside a static file on the same server library, what a
-// master spends on a gateway that nobody asks, and the gateway's memory.
+// The gateway: the list of hosts beside a static file on the same server library, the metrics,
+// what a master spends on a gateway that nobody asks, and the gateway's memory.
 
 #include "bench/Bench.h"
 #include "bench/Records.h"
@@ -227,6 +227,28 @@ std::vector<Row> benchGatewayHosts(Settings const& settings)
   return {{"GET /api/v1/hosts of " + std::to_string(HOSTS) + " hosts, " +
                std::to_string(list.size() / 1024) + " KiB, " + std::to_string(CLIENTS) + " clients",
            "ms", seconds[0] * 1e3, "static file on the same library", seconds[1] * 1e3, 2.0}};
+}
+
+std::vector<Row> benchGatewayMetrics(Settings const& settings)
+{
+  constexpr std::size_t HOSTS = 10'000;
+  constexpr int ASKED = 500;
+  makeDatabase(settings.directory, HOSTS);
+  GatewayPair const pair(settings, settings.directory, HOSTS);
+  WebClient client(pair.port());
+  std::vector<double> seconds;
+  for (int i = 0; i < ASKED; ++i)
+  {
+    std::string text;
+    seconds.push_back(timed([&] { text = client.get("/metrics"); }));
+    require(text.find("tqdisco_hosts " + std::to_string(HOSTS)) != std::string::npos,
+            "the metrics do not tell of all hosts");
+  }
+  constexpr double MS = 1e3;
+  std::string const work = "GET /metrics of " + std::to_string(HOSTS) + " hosts";
+  double const longest = *std::max_element(seconds.begin(), seconds.end());
+  return {{work, "ms", median(std::move(seconds)) * MS, "", {}, 5.0},
+          {work + ", the longest of " + std::to_string(ASKED), "ms", longest * MS, "", {}, {}}};
 }
 
 std::vector<Row> benchGatewayRest(Settings const& settings)

@@ -54,6 +54,7 @@ constexpr Benchmark BENCHMARKS[] = {{"persist", benchPersist, false},
                                     {"rights", benchRights, false},
                                     {"hostile", benchHostile, false},
                                     {"webhosts", benchGatewayHosts, false},
+                                    {"webmetrics", benchGatewayMetrics, false},
                                     {"webrest", benchGatewayRest, false},
                                     {"webmemory", benchGatewayMemory, true}};
 
