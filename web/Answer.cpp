@@ -2,8 +2,7 @@
 
 #include "ozf/base/Digest.h"
 #include "tools/Output.h"
-
-#include <zlib.h>
+#include "web/Zip.h"
 
 namespace Web
 {
@@ -14,28 +13,6 @@ namespace
 {
 
 constexpr std::size_t WORTH_ZIPPING = 1024;
-
-// Empty when it fails.
-std::string zip(std::string_view text)
-{
-  constexpr int WITH_GZIP_HEADER = 15 + 16;
-  constexpr int LEVEL = 5;
-  constexpr int MEMORY = 8;
-  z_stream stream{};
-  if (deflateInit2(&stream, LEVEL, Z_DEFLATED, WITH_GZIP_HEADER, MEMORY, Z_DEFAULT_STRATEGY) !=
-      Z_OK)
-    return {};
-  std::string result(deflateBound(&stream, text.size()), '\0');
-  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
-  stream.avail_in = static_cast<uInt>(text.size());
-  stream.next_out = reinterpret_cast<Bytef*>(result.data());
-  stream.avail_out = static_cast<uInt>(result.size());
-  bool const done = deflate(&stream, Z_FINISH) == Z_STREAM_END;
-  result.resize(done ? stream.total_out : 0);
-  result.shrink_to_fit();
-  deflateEnd(&stream);
-  return result;
-}
 
 } // namespace
 
@@ -54,8 +31,8 @@ Answer answerOf(std::string body, std::string type)
                       answer.type.find("xml") != std::string::npos ||
                       answer.type.find("javascript") != std::string::npos;
   if (isText && body.size() >= WORTH_ZIPPING)
-    if (std::string zipped = zip(body); !zipped.empty() && zipped.size() < body.size())
-      answer.zipped = std::make_shared<std::string const>(std::move(zipped));
+    if (std::string smaller = zipped(body); !smaller.empty() && smaller.size() < body.size())
+      answer.zipped = std::make_shared<std::string const>(std::move(smaller));
   answer.body = std::make_shared<std::string const>(std::move(body));
   return answer;
 }

@@ -19,7 +19,7 @@ namespace Web
 class Channel
 {
 public:
-  static constexpr std::size_t MOST = std::size_t(256) << 10;
+  static constexpr std::size_t MOST = std::size_t(64) << 10;
 
   // What a writer meets whose reader has gone, or takes nothing for so long.
   struct Gone : std::runtime_error

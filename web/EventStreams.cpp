@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <microhttpd.h>
+#include <new>
 
 namespace Web
 {
@@ -70,7 +71,14 @@ void EventStreams::release(void* stream)
 ssize_t EventStreams::read(void* stream, std::uint64_t, char* buffer, std::size_t most)
 {
   auto& each = *static_cast<Stream*>(stream);
-  return each.owner.readOne(each, buffer, most);
+  try
+  {
+    return each.owner.readOne(each, buffer, most);
+  }
+  catch (std::bad_alloc const&)
+  {
+    return MHD_CONTENT_READER_END_WITH_ERROR;
+  }
 }
 
 ssize_t EventStreams::readOne(Stream& stream, char* buffer, std::size_t most)

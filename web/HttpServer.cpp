@@ -5,6 +5,7 @@
 #include "web/HeaderValues.h"
 #include "web/ListenSocket.h"
 #include "web/WebLog.h"
+#include "web/Zip.h"
 
 #include <algorithm>
 #include <atomic>
@@ -31,7 +32,13 @@ constexpr unsigned THREADS = 2;
 constexpr std::chrono::seconds HEADER_TIME(10);
 constexpr unsigned QUIET_SECONDS = 15; // of a connection on which nothing moves
 constexpr std::size_t STREAM_BLOCK = 16384;
+constexpr std::size_t MOST_SENT = std::size_t(64) << 20; // bytes at a time
+// Readers by what they wait for.
+constexpr std::size_t OF_NONE = 0;
+constexpr std::size_t OF_ALL = 1;
+constexpr std::size_t FIRST_OF_ONE = 2;
 constexpr char TOO_MUCH[] = "too much is asked for at the same time";
+constexpr char FAILED[] = "this server failed; its log says why";
 
 constexpr char POLICY_OF_PAGE[] =
     "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self' data:; "
@@ -45,11 +52,14 @@ std::string_view headerOf(MHD_Connection* connection, char const* name)
   return value == nullptr ? std::string_view() : value;
 }
 
-Peer& peerOf(MHD_Connection* connection)
+// Null of one for which there was no memory.
+Peer* findPeer(MHD_Connection* connection)
 {
   auto const* const info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
-  return *static_cast<Peer*>(info->socket_context);
+  return static_cast<Peer*>(info->socket_context);
 }
+
+Peer& peerOf(MHD_Connection* connection) { return *findPeer(connection); }
 
 std::string addressOf(MHD_Connection* connection)
 {
@@ -79,20 +89,21 @@ void addHeaders(MHD_Response* response, std::string const& type, bool isPage)
   MHD_add_response_header(response, "Cross-Origin-Opener-Policy", "same-origin");
 }
 
-// Whose bytes stay as long as they are sent.
-MHD_Response* responseOf(std::shared_ptr<std::string const> const& body)
+// Of no bytes where there is none.
+MHD_Response* responseOf(std::unique_ptr<AnswersSent::Hold> body)
 {
   if (!body)
     return MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT);
-  auto held = std::make_unique<std::shared_ptr<std::string const>>(body);
+  std::string const& text = body->text();
   MHD_Response* const response = MHD_create_response_from_buffer_with_free_callback_cls(
-      body->size(), const_cast<char*>(body->data()),
-      [](void* shared) { delete static_cast<std::shared_ptr<std::string const>*>(shared); },
-      held.get());
+      text.size(), const_cast<char*>(text.data()),
+      [](void* hold) { delete static_cast<AnswersSent::Hold*>(hold); }, body.get());
   if (response != nullptr)
-    held.release(); // NOLINT(bugprone-unused-return-value): the response's
+    body.release(); // NOLINT(bugprone-unused-return-value): the response's
   return response;
 }
+
+MHD_Result resultOf(int result) { return result != 0 ? MHD_YES : MHD_NO; }
 
 } // namespace
 
@@ -103,9 +114,32 @@ struct HttpServer::Exchange
   bool begun = false;
 
   // Of an answer that another thread makes.
-  bool asked = false;
-  std::atomic<bool> done{false};
+  enum State
+  {
+    NOT_ASKED,
+    ASKED,
+    MADE,
+    TOO_MANY, // others are asked for
+    BROKEN    // there was not even the memory for a problem
+  };
+  std::atomic<State> state{NOT_ASKED};
   Answer made;
+
+  // Once: it is not held longer than it is sent.
+  Answer take()
+  {
+    switch (state)
+    {
+    case MADE:
+      return std::move(made);
+    case TOO_MANY:
+      return problem(503, TOO_MUCH);
+    case BROKEN:
+      return problem(500, FAILED);
+    default:
+      return problem(503, "this server stops");
+    }
+  }
 };
 
 // What the library calls, with the server behind it. No exception may leave.
@@ -130,17 +164,40 @@ struct HttpServer::Callbacks
                             void** context)
   {
     auto& self = *static_cast<HttpServer*>(server);
-    if (*context == nullptr)
+    if (*context == nullptr || findPeer(connection) == nullptr)
       return MHD_NO;
     try
     {
-      return self.answer(connection, *static_cast<Exchange*>(*context), method) != 0 ? MHD_YES
-                                                                                     : MHD_NO;
+      return resultOf(self.answer(connection, *static_cast<Exchange*>(*context), method));
     }
     catch (std::exception const& exception)
     {
+      tell(exception.what());
+      return failed(self, connection);
+    }
+  }
+
+  // There may be no memory for these, either.
+  static void tell(char const* failure)
+  {
+    try
+    {
       OZF_LOG(getWebLogger(), 1, SOURCE, "HttpServer::answer",
-              "Caught exception answering a request: " << exception.what());
+              "Caught exception answering a request: " << failure);
+    }
+    catch (std::exception const&)
+    {
+      // Nobody is told.
+    }
+  }
+  static MHD_Result failed(HttpServer& self, MHD_Connection* connection)
+  {
+    try
+    {
+      return resultOf(self.queue(connection, problem(500, FAILED)));
+    }
+    catch (std::exception const&)
+    {
       return MHD_NO;
     }
   }
@@ -150,7 +207,8 @@ struct HttpServer::Callbacks
   {
     delete static_cast<Exchange*>(*context);
     *context = nullptr;
-    static_cast<HttpServer*>(server)->m_connections.enter(&peerOf(connection), Peer::IDLE);
+    if (Peer* const peer = findPeer(connection))
+      static_cast<HttpServer*>(server)->m_connections.enter(peer, Peer::IDLE);
   }
 
   static void connection(void* server, MHD_Connection* connection, void** context,
@@ -159,13 +217,20 @@ struct HttpServer::Callbacks
     auto& connections = static_cast<HttpServer*>(server)->m_connections;
     if (code == MHD_CONNECTION_NOTIFY_STARTED)
     {
-      auto peer = std::make_unique<Peer>();
-      auto const* const info =
-          MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
-      peer->fd = info == nullptr ? -1 : info->connect_fd;
-      peer->address = addressOf(connection);
-      connections.opened(peer.get());
-      *context = peer.release();
+      try
+      {
+        auto peer = std::make_unique<Peer>();
+        auto const* const info =
+            MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+        peer->fd = info == nullptr ? -1 : info->connect_fd;
+        peer->address = addressOf(connection);
+        connections.opened(peer.get());
+        *context = peer.release();
+      }
+      catch (std::bad_alloc const&)
+      {
+        *context = nullptr; // what it asks for is refused
+      }
       return;
     }
     std::unique_ptr<Peer> const peer(static_cast<Peer*>(*context));
@@ -192,8 +257,18 @@ HttpServer::HttpServer(Settings const& settings, Router const& router, EventStre
                          HEADER_TIME, std::chrono::seconds(settings.requestTime)),
                      // What reads for it is given up first, and says so.
                      std::chrono::seconds(settings.requestTime) + HEADER_TIME}),
-      m_readers(settings.reads, std::chrono::seconds(settings.requestTime))
+      m_sent(MOST_SENT)
 {
+  std::size_t const masters = settings.masters.size();
+  for (std::size_t i = 0; i < FIRST_OF_ONE + (masters > 1 ? masters : 0); ++i)
+    m_readers.push_back(std::make_unique<ReaderPool>(i == OF_NONE ? THREADS : settings.reads,
+                                                     std::chrono::seconds(settings.requestTime)));
+}
+
+ReaderPool& HttpServer::readersFor(Plan const& plan) const
+{
+  bool const hasOwn = plan.master && m_readers.size() > FIRST_OF_ONE;
+  return *m_readers[plan.isListed ? OF_NONE : hasOwn ? FIRST_OF_ONE + *plan.master : OF_ALL];
 }
 
 bool HttpServer::start(std::string& error)
@@ -202,7 +277,8 @@ bool HttpServer::start(std::string& error)
   if (!socket.valid())
     return false;
   m_path = m_settings.listen.path;
-  m_readers.start();
+  for (auto const& readers : m_readers)
+    readers->start();
   if (!daemonStarted(socket.get(), error))
     return false;
   socket.release(); // the daemon's
@@ -252,7 +328,8 @@ void HttpServer::stop()
     if (int const socket = MHD_quiesce_daemon(m_daemon); socket >= 0)
       close(socket);
   // Whoever waits goes on, so that no connection is left waiting when the daemon ends.
-  m_readers.stop();
+  for (auto const& readers : m_readers)
+    readers->stop();
   m_events.end();
   if (m_daemon != nullptr)
     MHD_stop_daemon(m_daemon);
@@ -279,24 +356,28 @@ void HttpServer::endSlowOnes()
   }
 }
 
-int HttpServer::queue(MHD_Connection* connection, Answer const& answer) const
+int HttpServer::queue(MHD_Connection* connection, Answer const& answer)
 {
   bool const isUnchanged = answer.status == 200 && !answer.etag.empty() &&
                            hasTag(headerOf(connection, MHD_HTTP_HEADER_IF_NONE_MATCH), answer.etag);
   bool const isZipped = !isUnchanged && answer.zipped &&
                         acceptsGzip(headerOf(connection, MHD_HTTP_HEADER_ACCEPT_ENCODING));
-  MHD_Response* const response = responseOf(isUnchanged ? nullptr
-                                            : isZipped  ? answer.zipped
-                                                        : answer.body);
+  // The same of what is zipped and what is not.
+  std::string const etag = answer.etag.empty() ? std::string() : "W/" + answer.etag;
+  std::unique_ptr<AnswersSent::Hold> body;
+  if (!isUnchanged)
+    body = m_sent.begin(isZipped ? answer.zipped : answer.body, peerOf(connection).address);
+  if (!isUnchanged && !body)
+    return queue(connection, problem(503, TOO_MUCH));
+  MHD_Response* const response = responseOf(std::move(body));
   if (response == nullptr)
     return MHD_NO;
   addHeaders(response, answer.type, answer.isPage);
   MHD_add_response_header(response, MHD_HTTP_HEADER_VARY, "Accept, Accept-Encoding");
   if (isZipped)
     MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_ENCODING, "gzip");
-  // The same of what is zipped and what is not.
-  if (!answer.etag.empty())
-    MHD_add_response_header(response, MHD_HTTP_HEADER_ETAG, ("W/" + answer.etag).c_str());
+  if (!etag.empty())
+    MHD_add_response_header(response, MHD_HTTP_HEADER_ETAG, etag.c_str());
   for (auto const& [name, value] : answer.headers)
     MHD_add_response_header(response, name.c_str(), value.c_str());
   MHD_Result const result =
@@ -309,8 +390,8 @@ int HttpServer::queue(MHD_Connection* connection, Answer const& answer) const
 // when another thread has made the answer.
 int HttpServer::answer(MHD_Connection* connection, Exchange& exchange, char const* method)
 {
-  if (exchange.asked)
-    return queue(connection, exchange.done ? exchange.made : problem(503, "this server stops"));
+  if (exchange.state != Exchange::NOT_ASKED)
+    return queue(connection, exchange.take());
   bool const isHead = std::strcmp(method, MHD_HTTP_METHOD_HEAD) == 0;
   if (!exchange.begun)
   {
@@ -359,45 +440,65 @@ int HttpServer::carryOut(MHD_Connection* connection, Exchange& exchange, Plan pl
     return result;
   }
   if (plan.stream)
-    return stream(connection, exchange, plan);
+    return stream(connection, plan);
 
-  exchange.asked = true;
-  MHD_suspend_connection(connection);
-  bool const taken = m_readers.add(
-      peerOf(connection).address,
+  ReaderPool::Job job =
       [this, connection, &exchange, read = std::move(plan.read)](std::chrono::seconds left)
-      {
-        try
-        {
-          if (left.count() <= 0)
-            exchange.made = problem(503, TOO_MUCH);
-          else
-          {
-            DiscoverySvc::ReadDeadline const deadline(left);
-            DiscoverySvc::ReadSize const size(m_settings.payload);
-            exchange.made = read();
-          }
-        }
-        catch (std::length_error const&)
-        {
-          exchange.made = problem(502, "the answer is larger than this server makes one");
-        }
-        catch (std::exception const& exception)
-        {
-          OZF_LOG(getWebLogger(), 1, SOURCE, "HttpServer::carryOut",
-                  "Caught exception reading for a request: " << exception.what());
-          exchange.made = problem(500, "reading failed; the log of this server says why");
-        }
-        exchange.done = true;
-        MHD_resume_connection(connection);
-      });
-  if (!taken)
   {
-    exchange.made = problem(503, TOO_MUCH);
-    exchange.done = true;
+    // Nobody waits for what this thread throws.
+    try
+    {
+      exchange.made = readNow(read, left);
+      exchange.state = Exchange::MADE;
+    }
+    catch (std::exception const&)
+    {
+      exchange.state = Exchange::BROKEN;
+    }
+    MHD_resume_connection(connection);
+  };
+  exchange.state = Exchange::ASKED;
+  MHD_suspend_connection(connection);
+  if (!isTaken(readersFor(plan), peerOf(connection).address, std::move(job)))
+  {
+    exchange.state = Exchange::TOO_MANY;
     MHD_resume_connection(connection);
   }
   return MHD_YES;
+}
+
+bool HttpServer::isTaken(ReaderPool& readers, std::string const& peer, ReaderPool::Job job)
+{
+  try
+  {
+    return readers.add(peer, std::move(job));
+  }
+  catch (std::bad_alloc const&)
+  {
+    return false;
+  }
+}
+
+Answer HttpServer::readNow(std::function<Answer()> const& read, std::chrono::seconds left) const
+{
+  try
+  {
+    if (left.count() <= 0)
+      return problem(503, TOO_MUCH);
+    DiscoverySvc::ReadDeadline const deadline(left);
+    DiscoverySvc::ReadSize const size(m_settings.payload);
+    return read();
+  }
+  catch (std::length_error const&)
+  {
+    return problem(502, "the answer is larger than this server makes one");
+  }
+  catch (std::exception const& exception)
+  {
+    OZF_LOG(getWebLogger(), 1, SOURCE, "HttpServer::carryOut",
+            "Caught exception reading for a request: " << exception.what());
+    return problem(500, FAILED);
+  }
 }
 
 namespace
@@ -438,32 +539,50 @@ struct StreamEnd
 
 } // namespace
 
-int HttpServer::stream(MHD_Connection* connection, Exchange&, Plan const& plan)
+bool HttpServer::isWritten(Channel& channel, std::function<void(std::ostream&)> const& write,
+                           bool isZipped, std::chrono::seconds left) const
+{
+  try
+  {
+    DiscoverySvc::ReadDeadline const deadline(left);
+    DiscoverySvc::ReadSize const size(m_settings.payload);
+    ChannelStream stream(channel);
+    if (isZipped)
+    {
+      ZipStream zip(stream);
+      write(zip);
+      zip.finish();
+    }
+    else
+      write(stream);
+    return true;
+  }
+  catch (std::exception const& exception)
+  {
+    OZF_LOG(getWebLogger(), 4, SOURCE, "HttpServer::stream",
+            "An answer broke off: " << exception.what());
+    return false;
+  }
+}
+
+int HttpServer::stream(MHD_Connection* connection, Plan const& plan)
 {
   auto const channel = std::make_shared<Channel>(HEADER_TIME);
-  bool const taken = m_readers.add(peerOf(connection).address,
-                                   [this, channel, write = plan.stream](std::chrono::seconds left)
-                                   {
-                                     bool whole = false;
-                                     try
-                                     {
-                                       DiscoverySvc::ReadDeadline const deadline(left);
-                                       DiscoverySvc::ReadSize const size(m_settings.payload);
-                                       ChannelStream stream(*channel);
-                                       if (left.count() > 0)
-                                       {
-                                         write(stream);
-                                         whole = true;
-                                       }
-                                     }
-                                     catch (std::exception const& exception)
-                                     {
-                                       OZF_LOG(getWebLogger(), 4, SOURCE, "HttpServer::stream",
-                                               "An answer broke off: " << exception.what());
-                                     }
-                                     channel->finish(whole);
-                                   });
-  if (!taken)
+  bool const isZipped = acceptsGzip(headerOf(connection, MHD_HTTP_HEADER_ACCEPT_ENCODING));
+  ReaderPool::Job make = [this, channel, isZipped, write = plan.stream](std::chrono::seconds left)
+  {
+    bool whole = false;
+    try
+    {
+      whole = left.count() > 0 && isWritten(*channel, write, isZipped, left);
+    }
+    catch (std::exception const&)
+    {
+      // It breaks off.
+    }
+    channel->finish(whole);
+  };
+  if (!isTaken(readersFor(plan), peerOf(connection).address, std::move(make)))
     return queue(connection, problem(503, TOO_MUCH));
   auto end = std::make_unique<StreamEnd>(StreamEnd{channel, connection});
   MHD_Response* const response = MHD_create_response_from_callback(
@@ -475,7 +594,9 @@ int HttpServer::stream(MHD_Connection* connection, Exchange&, Plan const& plan)
   }
   end.release(); // NOLINT(bugprone-unused-return-value): the response's
   addHeaders(response, plan.streamType, false);
-  MHD_add_response_header(response, MHD_HTTP_HEADER_VARY, "Accept");
+  MHD_add_response_header(response, MHD_HTTP_HEADER_VARY, "Accept, Accept-Encoding");
+  if (isZipped)
+    MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_ENCODING, "gzip");
   MHD_Result const result = MHD_queue_response(connection, MHD_HTTP_OK, response);
   MHD_destroy_response(response);
   return result;

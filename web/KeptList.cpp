@@ -222,6 +222,15 @@ void KeptList::fail(std::size_t master, std::string const& reason)
     tellState(master);
 }
 
+void KeptList::setService(std::size_t master,
+                          std::shared_ptr<tqdiscoctl::ServiceFigures const> const& service)
+{
+  std::lock_guard const updating(m_updating);
+  MasterList list = look()->masters[master];
+  list.service = service;
+  replace(master, std::move(list), false);
+}
+
 void KeptList::setInterval(std::size_t master, double seconds)
 {
   std::lock_guard const updating(m_updating);

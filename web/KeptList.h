@@ -16,7 +16,8 @@
 namespace tqdiscoctl
 {
 struct FleetFigures;
-}
+struct ServiceFigures;
+} // namespace tqdiscoctl
 
 namespace Web
 {
@@ -51,6 +52,10 @@ struct MasterList
 
   // As of the last list; null while there is no whole one.
   std::shared_ptr<tqdiscoctl::FleetFigures const> figures;
+
+  // What the master's service told of itself; null where it tells nothing, or could not be
+  // asked.
+  std::shared_ptr<tqdiscoctl::ServiceFigures const> service;
 };
 
 nlohmann::json toJson(MasterList const& list);
@@ -79,6 +84,10 @@ public:
   // what it lacks and was known before stays.
   void update(std::size_t master, Records records, std::string const& ownName, bool complete,
               double seconds);
+
+  // Beside the list that comes next.
+  void setService(std::size_t master,
+                  std::shared_ptr<tqdiscoctl::ServiceFigures const> const& service);
 
   // The master could not be listed.
   void fail(std::size_t master, std::string const& reason);

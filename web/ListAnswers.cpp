@@ -66,18 +66,6 @@ RecordPlace endOfHost(RecordPlace begin, RecordPlace end)
                       [begin](Record const& each) { return each.subject != begin->subject; });
 }
 
-std::optional<std::size_t> readLimit(RequestTarget const& target)
-{
-  std::string const* const text = target.find("limit");
-  if (text == nullptr)
-    return PAGE_BY_DEFAULT;
-  std::size_t limit = 0;
-  char const* const end = text->data() + text->size();
-  auto const [stop, error] = std::from_chars(text->data(), end, limit);
-  bool const isLimit = error == std::errc() && stop == end && limit >= 1 && limit <= LARGEST_PAGE;
-  return isLimit ? std::optional(limit) : std::nullopt;
-}
-
 // Where a list goes on: which master, and where in its records.
 struct PagePlace
 {
@@ -116,6 +104,24 @@ bool readType(RequestTarget const& target, AuthorityType& type, Mistake& mistake
   return false;
 }
 
+std::optional<std::size_t> readCount(RequestTarget const& target, char const* parameter,
+                                     std::size_t most, std::size_t otherwise)
+{
+  std::string const* const text = target.find(parameter);
+  if (text == nullptr)
+    return otherwise;
+  std::size_t count = 0;
+  char const* const end = text->data() + text->size();
+  auto const [stop, error] = std::from_chars(text->data(), end, count);
+  bool const isCount = error == std::errc() && stop == end && count >= 1 && count <= most;
+  return isCount ? std::optional(count) : std::nullopt;
+}
+
+Mistake notCounted(char const* parameter, std::size_t most)
+{
+  return {"accepted: 1 to " + std::to_string(most), parameter, {}};
+}
+
 std::optional<Answer> refuseUnknown(RequestTarget const& target,
                                     std::vector<std::string_view> const& known)
 {
@@ -126,15 +132,23 @@ std::optional<Answer> refuseUnknown(RequestTarget const& target,
 
 Answer nothingListed() { return problem(503, "no master has given its list yet"); }
 
-template <class Make>
-Answer ListAnswers::kept(std::string const& key, KeptList::Look const& look, Make const& make)
+Plan ListAnswers::kept(std::string const& key, KeptList::Look const& look, Make make)
 {
   std::string const whole = std::to_string(look.generation) + ' ' + key;
   if (auto known = m_cache.find(whole))
-    return *known;
-  Answer answer = answerOf(make());
-  m_cache.keep(whole, answer);
-  return answer;
+    return Plan::of(*known);
+  Plan plan;
+  plan.isListed = true;
+  plan.read = [this, whole, make = std::move(make)]
+  {
+    // Another may have waited for the same.
+    if (auto known = m_cache.find(whole))
+      return *known;
+    Answer answer = answerOf(make());
+    m_cache.keep(whole, answer);
+    return answer;
+  };
+  return plan;
 }
 
 Answer ListAnswers::status(RequestTarget const& target) const
@@ -167,16 +181,16 @@ Answer ListAnswers::status(RequestTarget const& target) const
                                  {"masters", std::move(masters)}});
 }
 
-Answer ListAnswers::hosts(RequestTarget const& target)
+Plan ListAnswers::hosts(RequestTarget const& target)
 {
   if (auto refusal = refuseUnknown(target, {"subject"}))
-    return *refusal;
+    return Plan::of(*refusal);
   auto const look = m_list.look();
   if (!look->anyListed())
-    return nothingListed();
+    return Plan::of(nothingListed());
   std::string const* const subject = target.find("subject");
   return kept("hosts " + (subject == nullptr ? "*" : *subject), *look,
-              [&]
+              [target, look]
               {
                 Pattern const pattern(target, "subject");
                 // Each as soon as it is known: all of them as values would take some times the
@@ -236,20 +250,20 @@ Answer ListAnswers::host(RequestTarget const& target, std::string const& subject
       {"host", subject}, {"summaries", std::move(summaries)}, {"records", std::move(records)}});
 }
 
-Answer ListAnswers::discoveries(RequestTarget const& target)
+Plan ListAnswers::discoveries(RequestTarget const& target)
 {
   if (auto refusal = refuseUnknown(target, {"subject", "authority", "type", "limit", "cursor"}))
-    return *refusal;
+    return Plan::of(*refusal);
   Mistake mistake;
   AuthorityType type{};
   if (!readType(target, type, mistake))
-    return problem(mistake);
-  auto const limit = readLimit(target);
+    return Plan::of(problem(mistake));
+  auto const limit = readCount(target, "limit", LARGEST_PAGE, PAGE_BY_DEFAULT);
   if (!limit)
-    return problem(Mistake{"accepted: 1 to " + std::to_string(LARGEST_PAGE), "limit", {}});
+    return Plan::of(problem(notCounted("limit", LARGEST_PAGE)));
   auto const look = m_list.look();
   if (!look->anyListed())
-    return nothingListed();
+    return Plan::of(nothingListed());
   PagePlace place{0, look->masters.front().records->begin()};
   std::string key = "discoveries";
   for (char const* name : {"subject", "authority", "type", "limit", "cursor"})
@@ -259,14 +273,15 @@ Answer ListAnswers::discoveries(RequestTarget const& target)
   {
     auto const cursor = Cursor::fromText(*text);
     if (!cursor)
-      return problem(Mistake{"this is no \"next\" of an answer before", "cursor", {}});
+      return Plan::of(problem(Mistake{"this is no \"next\" of an answer before", "cursor", {}}));
     place = placeBehind(*look, *cursor);
     if (place.master == look->masters.size())
-      return problem(Mistake{"the master that it names is none of this server's", "cursor", {}});
+      return Plan::of(
+          problem(Mistake{"the master that it names is none of this server's", "cursor", {}}));
   }
   return kept(
       key, *look,
-      [&]
+      [target, look, place, type, limit = *limit]() mutable
       {
         Pattern const subject(target, "subject");
         Pattern const authority(target, "authority");
@@ -283,7 +298,7 @@ Answer ListAnswers::discoveries(RequestTarget const& target)
             if ((type != AT_ANYANDALL && type != record.type) || !subject.matches(record.subject) ||
                 !authority.matches(record.authority))
               continue;
-            more = count == *limit;
+            more = count == limit;
             if (more)
               break;
             text.append(count++ == 0 ? "" : ",\n").append(jsonText(tqdiscoctl::toJson(record), -1));

@@ -6,7 +6,9 @@
 #include "web/Answer.h"
 #include "web/AnswerCache.h"
 #include "web/KeptList.h"
+#include "web/Plan.h"
 
+#include <functional>
 #include <string>
 
 namespace Web
@@ -21,13 +23,16 @@ public:
 
   // Of a path below /api/v1/.
   Answer status(RequestTarget const& target) const;
-  Answer hosts(RequestTarget const& target);
+  Plan hosts(RequestTarget const& target);
   Answer host(RequestTarget const& target, std::string const& subject) const;
-  Answer discoveries(RequestTarget const& target);
+  Plan discoveries(RequestTarget const& target);
 
 private:
-  template <class Make>
-  Answer kept(std::string const& key, KeptList::Look const& look, Make const& make);
+  using Make = std::function<std::string()>;
+
+  // At once where it was made before. What is made of tens of thousands of records is not for
+  // the few threads that serve everybody.
+  Plan kept(std::string const& key, KeptList::Look const& look, Make make);
 
   KeptList const& m_list;
   Quillon::Tessarine::Ozf::OzfObjTime const m_start = Quillon::Tessarine::Ozf::OzfObjTime::now();
@@ -37,6 +42,12 @@ private:
 // The type parameter; false, with the mistake, when it is none. any where it is not given.
 bool readType(RequestTarget const& target,
               Quillon::Tessarine::Ozf::DiscoverySvc::AuthorityType& type, Mistake& mistake);
+
+// A parameter that is a number from 1 on; otherwise where it is not given, nothing when it is
+// none.
+std::optional<std::size_t> readCount(RequestTarget const& target, char const* parameter,
+                                     std::size_t most, std::size_t otherwise);
+Mistake notCounted(char const* parameter, std::size_t most);
 
 // The mistake of a parameter that the endpoint does not know, as an answer.
 std::optional<Answer> refuseUnknown(RequestTarget const& target,

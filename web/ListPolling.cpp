@@ -2,6 +2,9 @@
 
 #include "discovery/RemoteDBDrain.h"
 #include "tools/ExitCodes.h"
+#include "tools/Hosts.h"
+#include "tools/Metrics.h"
+#include "web/Plan.h"
 #include "web/WebLog.h"
 
 #include <algorithm>
@@ -95,10 +98,37 @@ double ListPolling::listOnce(std::size_t master, std::string const& name)
   if (!wasUp)
     OZF_LOG(getWebLogger(), 1, SOURCE, "ListPolling::run",
             "The master " << name << " gives its list, of " << records.size() << " discoveries");
+  readService(master, records, ownName);
   m_list.update(master, std::move(records), ownName, result == EXIT_DONE, seconds);
   // For a list after its start the master reads its disk, which says little of the next one: a
   // single slow list does not put that off for long.
   return pause(m_pace, std::min(seconds, before > 0 ? before : MOST_OF_FIRST));
+}
+
+// Where it has told something new. This is not left to those who ask for metrics: a master that
+// does not answer would have them wait.
+void ListPolling::readService(std::size_t master, Records const& records,
+                              std::string const& ownName)
+{
+  auto const own = std::find_if(records.begin(), records.end(),
+                                [&ownName](Record const& record)
+                                {
+                                  return record.subject == ownName &&
+                                         record.authority == SERVICE_AUTHORITY &&
+                                         record.type == DiscoverySvc::AT_TQUCLIENT;
+                                });
+  auto const known = m_list.look()->masters[master].service;
+  if (known && own != records.end() && known->told == own->discovered)
+    return;
+  std::shared_ptr<ServiceFigures const> figures;
+  if (own != records.end())
+  {
+    DiscoverySvc::ReadDeadline const deadline(LONGEST_CALL);
+    if (ServiceState const state = readState(*own); state.complete)
+      figures = std::make_shared<ServiceFigures const>(figuresOf(state));
+  }
+  if (figures != known)
+    m_list.setService(master, figures);
 }
 
 void ListPolling::run(std::size_t master)

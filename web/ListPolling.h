@@ -35,6 +35,7 @@ public:
 private:
   void run(std::size_t master);
   double listOnce(std::size_t master, std::string const& name);
+  void readService(std::size_t master, Records const& records, std::string const& ownName);
 
   KeptList& m_list;
   Pace const m_pace;

@@ -12,6 +12,7 @@
 #include "web/Options.h"
 #include "web/WebLog.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -169,14 +170,14 @@ int run(Options const& options)
   tqdiscoctl::Research research;
   if (std::string error; !research.start("tqdiscoweb", error))
     return failStart(error);
-  constexpr long LONGEST_CALL = 10; // seconds
-  research.orb()->setRequestTimeout(ACE_Time_Value(LONGEST_CALL));
+  research.orb()->setRequestTimeout(
+      ACE_Time_Value(std::min<time_t>(LONGEST_CALL.count(), settings.requestTime)));
 
   EventLog events(epochOfEvents());
   KeptList list(settings.masters, events);
   ListAnswers lists(list, settings.kept);
   ReadAnswers reads(list, {settings.payload, settings.kept});
-  MetricsAnswers metrics(list);
+  MetricsAnswers const metrics(list);
   Router const router(lists, reads, metrics, page);
   EventStreams streams(events, list, settings.eventStreams);
   HttpServer server(settings, router, streams);

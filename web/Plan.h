@@ -4,6 +4,7 @@
 
 #include "web/Answer.h"
 
+#include <chrono>
 #include <functional>
 #include <optional>
 #include <ostream>
@@ -11,6 +12,9 @@
 
 namespace Web
 {
+
+// That of a master.
+inline constexpr std::chrono::seconds LONGEST_CALL(10);
 
 struct Request
 {
@@ -24,8 +28,10 @@ struct Plan
   // At once.
   std::optional<Answer> answer;
 
-  // By a thread that may wait for masters.
+  // By another thread, which may wait for masters.
   std::function<Answer()> read;
+  bool isListed = false;             // it waits for none, but takes a while
+  std::optional<std::size_t> master; // the only one that it waits for
 
   // The same, as it is read: what it throws breaks the answer off.
   std::function<void(std::ostream&)> stream;

@@ -6,6 +6,7 @@
 #include "ozf/base/Wildcard.h"
 #include "ozf/xml/QueryExpression.h"
 #include "tools/Collections.h"
+#include "tools/ExitCodes.h"
 #include "tools/ItemJson.h"
 #include "tools/Output.h"
 #include "web/Channel.h"
@@ -13,6 +14,7 @@
 #include "web/ListAnswers.h"
 
 #include <algorithm>
+#include <numeric>
 #include <stdexcept>
 
 namespace Web
@@ -42,13 +44,14 @@ std::string patternOf(RequestTarget const& target, char const* parameter)
 }
 
 // The one of these names that is meant; null when there is none. What was found goes before
-// what can be asked for, which explorers store beside it.
+// what can be asked for, which explorers store beside it. number: of its master.
 Record const* findRecord(KeptList::Look const& look, std::string const& subject,
                          std::string const& authority, AuthorityType type,
-                         std::string const* master)
+                         std::string const* master, std::size_t& number)
 {
-  for (MasterList const& list : look.masters)
+  for (number = 0; number < look.masters.size(); ++number)
   {
+    MasterList const& list = look.masters[number];
     if (master != nullptr && *master != list.master)
       continue;
     Record first;
@@ -67,107 +70,195 @@ Record const* findRecord(KeptList::Look const& look, std::string const& subject,
   return nullptr;
 }
 
-Answer notRead()
+// Of what was begun then.
+Answer notRead(DrainLimit::TimePoint begin)
 {
-  return ReadDeadline::passed()
+  // A master that hangs uses up the time of one call, which may be less than there is for all.
+  return ReadDeadline::passed() || DrainLimit::now() - begin >= LONGEST_CALL
              ? problem(504, "the payload did not come in time")
              : problem(502, "the payload could not be had; the log of this server says why");
 }
 
 Answer collectionJson(Record const& record, std::size_t most, bool& complete)
 {
+  auto const begin = DrainLimit::now();
   LimitedText text(most);
   CollectionPrinter printer(text, false, false);
   Collection const collection =
       readCollection(record, OzfQuery(), [&](Item const& item) { printer.item(record, item); });
   complete = collection.complete;
   if (!complete && collection.count == 0 && collection.attributes.empty())
-    return notRead();
+    return notRead(begin);
   printer.end(record, collection);
   return answerOf(text.take());
 }
 
 Answer payload(Record const& record, bool& complete)
 {
+  auto const begin = DrainLimit::now();
   std::string bytes;
   complete = readBytes(record, "", bytes);
-  return complete ? answerOf(std::move(bytes), XML_TYPE) : notRead();
+  return complete ? answerOf(std::move(bytes), XML_TYPE) : notRead(begin);
 }
 
-// The records that are asked for, of one look.
-std::vector<Record> chosen(KeptList::Look const& look, std::string const& subject,
-                           std::string const& authority, AuthorityType type)
+// Numbers of masters: those that answer go first.
+std::vector<std::size_t> inOrder(KeptList::Look const& look)
 {
-  std::vector<Record> records;
-  for (MasterList const& list : look.masters)
-    for (Record const& record : *list.records)
-      if ((type == AT_ANYANDALL || type == record.type) && matchesName(subject, record.subject) &&
-          matchesName(authority, record.authority) &&
-          (type != AT_ANYANDALL || !isShadowed(record, *list.records)))
-        records.push_back(record);
-  return records;
+  std::vector<std::size_t> order(look.masters.size());
+  std::iota(order.begin(), order.end(), std::size_t(0));
+  std::stable_partition(order.begin(), order.end(),
+                        [&look](std::size_t each)
+                        { return look.masters[each].state == MasterList::UP; });
+  return order;
 }
 
-void printItems(std::ostream& os, std::vector<Record> const& records, OzfQuery const& query,
-                bool asLines)
+struct Question
 {
-  constexpr std::size_t MOST_FAILURES = 20; // in a row
-  CollectionPrinter printer(os, true, false);
-  Descriptions descriptions;
-  std::size_t failures = 0;
-  for (Record const& record : records)
+  std::string subject;
+  std::string authority;
+  AuthorityType type;
+  OzfQuery const& query;
+};
+
+// The items of all records that are asked for, as they are read.
+class ItemsStream
+{
+public:
+  ItemsStream(std::ostream& os, KeptList const& list, Question const& question, bool asLines)
+      : m_os(os), m_list(list), m_question(question), m_asLines(asLines), m_printer(os, true, false)
   {
-    Collection const collection =
-        readCollection(record, query,
-                       [&](Item const& item)
-                       {
-                         if (!asLines)
-                         {
-                           printer.item(record, item);
-                           return;
-                         }
-                         nlohmann::json line = tqdiscoctl::toJson(record);
-                         line.update(tqdiscoctl::toJson(item, descriptions.of(record), false));
-                         os << jsonText(line, -1) << '\n';
-                       });
-    if (!asLines && (collection.count != 0 || !collection.complete))
-      printer.end(record, collection);
-    if (ReadDeadline::passed())
-      throw std::runtime_error("the time for the request is over");
-    failures = collection.complete ? 0 : failures + 1;
-    if (failures == MOST_FAILURES)
-      throw std::runtime_error("too many collections in a row could not be read");
-    // What there is goes out before the next is waited for.
-    os.flush();
   }
-  if (!asLines)
-    printer.finish();
-  os.flush();
-}
 
-// What can be asked for, as far as these records say; false when none can be listed.
-bool describeAll(Selection const& selection, OzfQuery& description, std::size_t& size)
-{
-  constexpr std::size_t MOST_WITHOUT_NEWS = 20;
-  std::vector<Record> records;
-  if (!isListed(queryRecords(selection, records, true)))
-    return false;
-  std::erase_if(records, [](Record const& each) { return each.onDemand(); });
-  std::size_t withoutNews = 0;
-  for (Record const& record : records)
+  // Those of one master, as it was listed.
+  void print(std::size_t master, Records const& records)
   {
-    if (withoutNews == MOST_WITHOUT_NEWS || ReadDeadline::passed())
-      break;
-    Collection const collection = readCollection(record, OzfQuery(), [](Item const&) {});
-    if (!fitsDescription(description, size, collection.attributes))
-      break;
-    bool isNew = false;
-    for (auto const& attribute : collection.attributes)
-      isNew = description.addAttribute(attribute) || isNew;
-    withoutNews = isNew ? 0 : withoutNews + 1;
+    bool isGone = false;
+    for (Record const& record : records)
+    {
+      if (!isAskedFor(record, records))
+        continue;
+      // Of a master that is away one is tried; the others would only use up the time.
+      Collection const collection = isGone ? Collection() : read(record);
+      if (collection.complete || (m_asLines && !isLacking(master, record)))
+        m_failures = 0;
+      else
+      {
+        m_lacks = true;
+        isGone = isGone || m_list.look()->masters[master].state != MasterList::UP;
+        if (!isGone && ++m_failures == MOST_FAILURES)
+          throw std::runtime_error("too many collections in a row could not be read");
+      }
+      if (!m_asLines && (collection.count != 0 || !collection.complete))
+        m_printer.end(record, collection);
+      if (ReadDeadline::passed())
+        throw std::runtime_error("the time for the request is over");
+      // What there is goes out before the next is waited for.
+      m_os.flush();
+    }
   }
-  return true;
-}
+
+  // Lines have no place to say that something is missing but their end.
+  void finish()
+  {
+    if (m_asLines && m_lacks)
+      throw std::runtime_error("not all collections could be read");
+    if (!m_asLines)
+      m_printer.finish();
+    m_os.flush();
+  }
+
+private:
+  static constexpr std::size_t MOST_FAILURES = 20; // in a row
+
+  bool isAskedFor(Record const& record, Records const& records) const
+  {
+    AuthorityType const type = m_question.type;
+    return (type == AT_ANYANDALL || type == record.type) &&
+           matchesName(m_question.subject, record.subject) &&
+           matchesName(m_question.authority, record.authority) &&
+           (type != AT_ANYANDALL || !isShadowed(record, records));
+  }
+
+  // Not one that has gone meanwhile.
+  bool isLacking(std::size_t master, Record const& record) const
+  {
+    auto const now = m_list.look();
+    Records const& records = *now->masters[master].records;
+    return std::binary_search(records.begin(), records.end(), record, isBefore);
+  }
+
+  Collection read(Record const& record)
+  {
+    return readCollection(record, m_question.query,
+                          [&](Item const& item)
+                          {
+                            if (!m_asLines)
+                            {
+                              m_printer.item(record, item);
+                              return;
+                            }
+                            nlohmann::json line = tqdiscoctl::toJson(record);
+                            line.update(tqdiscoctl::toJson(item, m_descriptions.of(record), false));
+                            m_os << jsonText(line, -1) << '\n';
+                          });
+  }
+
+  std::ostream& m_os;
+  KeptList const& m_list;
+  Question const& m_question;
+  bool const m_asLines;
+  CollectionPrinter m_printer;
+  Descriptions m_descriptions;
+  std::size_t m_failures = 0;
+  bool m_lacks = false;
+};
+
+// What can be asked for, as what is stored of it says.
+class FilterSum
+{
+public:
+  // sample: enough is known when so many in a row have told nothing new; 0: all are read.
+  explicit FilterSum(std::size_t sample) : m_sample(sample) {}
+
+  // Throws std::length_error when it is more than can be made an answer of.
+  void add(Selection const& selection)
+  {
+    std::vector<Record> records;
+    int const result = queryRecords(selection, records, true);
+    m_whole = m_whole && result == EXIT_DONE;
+    m_listed = m_listed || isListed(result);
+    for (Record const& record : records)
+    {
+      if (record.onDemand())
+        continue;
+      if (ReadDeadline::passed() || (m_sample != 0 && m_withoutNews == m_sample))
+      {
+        m_whole = false;
+        return;
+      }
+      Collection const collection = readCollection(record, OzfQuery(), [](Item const&) {});
+      m_whole = m_whole && collection.complete;
+      if (!fitsDescription(m_description, m_size, collection.attributes))
+        throw std::length_error("what can be asked for");
+      bool isNew = false;
+      for (auto const& attribute : collection.attributes)
+        isNew = m_description.addAttribute(attribute) || isNew;
+      m_withoutNews = isNew ? 0 : m_withoutNews + 1;
+    }
+  }
+
+  auto const& attributes() const { return m_description.attributes(); }
+  bool listed() const { return m_listed; } // by any master
+  bool whole() const { return m_whole; }   // nothing is left out
+
+private:
+  std::size_t const m_sample;
+  OzfQuery m_description;
+  std::size_t m_size = 0;
+  std::size_t m_withoutNews = 0;
+  bool m_listed = false;
+  bool m_whole = true;
+};
 
 } // namespace
 
@@ -186,8 +277,9 @@ Plan ReadAnswers::discovery(Request const& request, std::string const& subject,
   auto const look = m_list.look();
   if (!look->anyListed())
     return Plan::of(nothingListed());
+  std::size_t master = 0;
   Record const* const found =
-      findRecord(*look, subject, authority, type, request.target.find("master"));
+      findRecord(*look, subject, authority, type, request.target.find("master"), master);
   if (found == nullptr)
     return Plan::of(problem(404, "no master has such a discovery"));
 
@@ -201,6 +293,7 @@ Plan ReadAnswers::discovery(Request const& request, std::string const& subject,
     if (auto known = m_cache.find(key))
       return Plan::of(*known);
   Plan plan;
+  plan.master = master;
   plan.read = [this, record = *found, asXml, key, mayKeep]
   {
     bool complete = false;
@@ -240,48 +333,57 @@ Plan ReadAnswers::items(Request const& request) const
     return Plan::of(nothingListed());
   Plan plan;
   plan.streamType = form == 0 ? JSON_TYPE : form == 1 ? JSON_LINES : OTHER_JSON_LINES;
-  plan.stream = [look, type, form, subject = patternOf(target, "subject"),
+  plan.stream = [this, look, type, asLines = form != 0, subject = patternOf(target, "subject"),
                  authority = patternOf(target, "authority"),
                  text = where == nullptr ? std::string() : *where](std::ostream& os)
   {
     OzfQuery asked;
     asked.setQuery(text);
-    printItems(os, chosen(*look, subject, authority, type), asked, form != 0);
+    Question const question{subject, authority, type, asked};
+    ItemsStream items(os, m_list, question, asLines);
+    for (std::size_t const master : inOrder(*look))
+      items.print(master, *look->masters[master].records);
+    items.finish();
   };
   return plan;
 }
 
 Plan ReadAnswers::filters(Request const& request, std::string const& authority) const
 {
-  if (auto refusal = refuseUnknown(request.target, {"subject"}))
+  if (auto refusal = refuseUnknown(request.target, {"subject", "sample"}))
     return Plan::of(*refusal);
+  constexpr std::size_t LARGEST_SAMPLE = 10'000;
+  auto const sample = readCount(request.target, "sample", LARGEST_SAMPLE, 0);
+  if (!sample)
+    return Plan::of(problem(notCounted("sample", LARGEST_SAMPLE)));
   auto const look = m_list.look();
   if (!look->anyListed())
     return Plan::of(nothingListed());
   Plan plan;
-  plan.read = [look, authority, subject = patternOf(request.target, "subject")]
+  plan.read = [look, authority, sample = *sample, subject = patternOf(request.target, "subject")]
   {
-    OzfQuery description;
-    std::size_t size = 0;
-    bool any = false;
+    auto const begin = DrainLimit::now();
+    FilterSum sum(sample);
     for (std::string const& name : {authority, authority + FILTER_DATA_SUFFIX})
-      if (description.attributes().empty())
-        for (MasterList const& list : look->masters)
+      if (sum.attributes().empty() && !ReadDeadline::passed())
+        for (std::size_t const master : inOrder(*look))
         {
           Selection selection;
           selection.subject = subject;
           selection.authority = name;
           selection.filterData = true;
           selection.anyType = true;
-          selection.master = list.master;
-          any = describeAll(selection, description, size) || any;
+          selection.master = look->masters[master].master;
+          sum.add(selection);
         }
-    if (!any)
-      return notRead();
+    if (!sum.listed() || ReadDeadline::passed())
+      return notRead(begin);
     nlohmann::json all = nlohmann::json::array();
-    for (auto const& attribute : description.attributes())
+    for (auto const& attribute : sum.attributes())
       all.push_back(tqdiscoctl::toJson(attribute));
-    return answerOf(all);
+    Answer answer = answerOf(all);
+    answer.headers.emplace_back("Tqdisco-Complete", sum.whole() ? "true" : "false");
+    return answer;
   };
   return plan;
 }

@@ -1,21 +1,10 @@
 #include "web/ReaderPool.h"
 
 #include <algorithm>
+#include <new>
 
 namespace Web
 {
-
-namespace
-{
-
-void leave(std::map<std::string, unsigned>& counts, std::string const& peer)
-{
-  auto const found = counts.find(peer);
-  if (--found->second == 0)
-    counts.erase(found);
-}
-
-} // namespace
 
 void ReaderPool::start()
 {
@@ -39,12 +28,20 @@ bool ReaderPool::add(std::string const& peer, Job job)
 {
   {
     std::lock_guard const guard(m_mutex);
-    auto const waiting = m_waitingOf.find(peer);
+    auto const known = m_peers.find(peer);
     if (m_ending || m_waiting.size() >= MOST_WAITING ||
-        (waiting != m_waitingOf.end() && waiting->second >= MOST_OF_PEER))
+        (known != m_peers.end() && known->second.waiting >= MOST_OF_PEER))
       return false;
     m_waiting.push_back({peer, std::move(job), Steady::now() + m_most});
-    ++m_waitingOf[peer];
+    try
+    {
+      ++m_peers[peer].waiting;
+    }
+    catch (std::bad_alloc const&)
+    {
+      m_waiting.pop_back();
+      throw;
+    }
   }
   m_changed.notify_one();
   return true;
@@ -55,10 +52,7 @@ std::deque<ReaderPool::Waiting>::iterator ReaderPool::nextJob()
   unsigned const most = std::max(1U, m_count - 1);
   return std::find_if(m_waiting.begin(), m_waiting.end(),
                       [&](Waiting const& each)
-                      {
-                        auto const running = m_runningOf.find(each.peer);
-                        return m_ending || running == m_runningOf.end() || running->second < most;
-                      });
+                      { return m_ending || m_peers.find(each.peer)->second.running < most; });
 }
 
 void ReaderPool::run()
@@ -76,14 +70,17 @@ void ReaderPool::run()
     }
     Waiting const job = std::move(*next);
     m_waiting.erase(next);
-    leave(m_waitingOf, job.peer);
-    ++m_runningOf[job.peer];
+    // Nothing here asks for memory: nobody could be told that there is none.
+    auto const counts = m_peers.find(job.peer);
+    --counts->second.waiting;
+    ++counts->second.running;
     auto const left = std::chrono::ceil<std::chrono::seconds>(job.end - Steady::now());
     bool const ending = m_ending;
     lock.unlock();
     job.job(ending ? std::chrono::seconds(0) : left);
     lock.lock();
-    leave(m_runningOf, job.peer);
+    if (--counts->second.running == 0 && counts->second.waiting == 0)
+      m_peers.erase(counts);
     // One of the same peer may have waited for this one.
     m_changed.notify_one();
   }

@@ -42,6 +42,12 @@ public:
 private:
   using Steady = std::chrono::steady_clock;
 
+  struct Counts
+  {
+    unsigned waiting = 0;
+    unsigned running = 0;
+  };
+
   struct Waiting
   {
     std::string peer;
@@ -57,8 +63,7 @@ private:
   std::mutex m_mutex;
   std::condition_variable m_changed;
   std::deque<Waiting> m_waiting;
-  std::map<std::string, unsigned> m_waitingOf;
-  std::map<std::string, unsigned> m_runningOf;
+  std::map<std::string, Counts> m_peers; // that have any
   bool m_ending = false;
   std::vector<std::thread> m_threads;
 };

@@ -20,7 +20,7 @@ Plan Router::plan(Request const& request) const
   if (path.front() == "api")
     return planOfApi(request);
   if (path.size() == 1 && path.front() == "metrics")
-    return m_metrics.metrics(request);
+    return Plan::of(m_metrics.metrics(request));
   std::string file;
   for (std::string const& part : path)
     file += (file.empty() ? "" : "/") + part;
@@ -38,9 +38,9 @@ Plan Router::planOfApi(Request const& request) const
     if (name == "status")
       return Plan::of(m_lists.status(target));
     if (name == "hosts")
-      return Plan::of(m_lists.hosts(target));
+      return m_lists.hosts(target);
     if (name == "discoveries")
-      return Plan::of(m_lists.discoveries(target));
+      return m_lists.discoveries(target);
     if (name == "items")
       return m_reads.items(request);
     if (name == "openapi.json")

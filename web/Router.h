@@ -17,7 +17,8 @@ namespace Web
 class Router
 {
 public:
-  Router(ListAnswers& lists, ReadAnswers& reads, MetricsAnswers& metrics, StaticFiles const& page)
+  Router(ListAnswers& lists, ReadAnswers& reads, MetricsAnswers const& metrics,
+         StaticFiles const& page)
       : m_lists(lists), m_reads(reads), m_metrics(metrics), m_page(page)
   {
   }
@@ -29,7 +30,7 @@ private:
 
   ListAnswers& m_lists;
   ReadAnswers& m_reads;
-  MetricsAnswers& m_metrics;
+  MetricsAnswers const& m_metrics;
   StaticFiles const& m_page;
 };
 

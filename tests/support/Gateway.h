@@ -24,10 +24,20 @@ namespace tqtest
 class HttpConnection
 {
 public:
+  enum Takes
+  {
+    TAKES_ALL,
+    TAKES_LITTLE // has next to no room for what it has not read
+  };
+
   // from: the client's own address on loopback.
-  explicit HttpConnection(unsigned short port, char const* from = "127.0.0.1")
+  explicit HttpConnection(unsigned short port, char const* from = "127.0.0.1",
+                          Takes takes = TAKES_ALL)
       : m_fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
   {
+    int const little = 4096;
+    if (takes == TAKES_LITTLE)
+      setsockopt(m_fd, SOL_SOCKET, SO_RCVBUF, &little, sizeof little);
     sockaddr_in own{};
     own.sin_family = AF_INET;
     inet_pton(AF_INET, from, &own.sin_addr);
@@ -160,7 +170,10 @@ public:
                         "\nWEB_LIST_INTERVAL = 1s\nWEB_MASTER_SHARE = 50\n" + entries);
   }
 
-  bool start() { return launch("main: Started, version"); }
+  bool start(Process::Environment const& more = {})
+  {
+    return launch("main: Started, version", more);
+  }
 
   // Whether it tells the line; more: further variables of its environment.
   bool launch(std::string const& line, Process::Environment const& more = {})
@@ -188,14 +201,19 @@ public:
     return HttpAnswer(connection.readToEnd());
   }
 
-  // Whether the masters come to that state.
-  bool awaitState(std::string const& state) const
+  // Whether the master of that name, or all of them, come to that state.
+  bool awaitState(std::string const& state, std::string const& master = "") const
   {
     return eventually(
         [&]
         {
-          auto const status = get("/api/v1/status").json();
-          return status["masters"].size() == 1 && status["masters"][0]["state"] == state;
+          auto const masters = get("/api/v1/status").json()["masters"];
+          return !masters.empty() &&
+                 std::all_of(masters.begin(), masters.end(),
+                             [&](auto const& each) {
+                               return (!master.empty() && each["master"] != master) ||
+                                      each["state"] == state;
+                             });
         });
   }
 

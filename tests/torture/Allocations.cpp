@@ -11,25 +11,22 @@
 // Exit code 0 when nothing broke, 1 when something did, 2 when nothing could be
 // tried.
 
+#include "tests/support/MemoryPlan.h"
 #include "tests/torture/FaultReport.h"
 #include "tests/torture/FaultedLibrary.h"
-#include "tests/torture/LackingMemory.h"
 #include "tests/torture/ServedOperations.h"
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
 #include <iostream>
 #include <optional>
-#include <stdexcept>
-#include <sys/mman.h>
-#include <unistd.h>
 
 namespace
 {
 
 using namespace tqtorture;
+using tqtest::SharedPlan;
 
 struct MemoryWords
 {
@@ -68,52 +65,6 @@ std::optional<MemoryWords> parseMemoryWords(int argc, char** argv)
   }
   return words;
 }
-
-// The plan in a file that services map; they get it by the environment.
-class SharedPlan
-{
-public:
-  SharedPlan()
-  {
-    writeText(path(), std::string(sizeof(MemoryPlan), '\0'));
-    int const fd = open(path().c_str(), O_RDWR | O_CLOEXEC);
-    void* const memory =
-        mmap(nullptr, sizeof(MemoryPlan), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    close(fd);
-    if (memory == MAP_FAILED)
-      throw std::runtime_error("cannot map " + path());
-    m_plan = static_cast<MemoryPlan*>(memory);
-  }
-  ~SharedPlan() { munmap(m_plan, sizeof(MemoryPlan)); }
-  SharedPlan(SharedPlan const&) = delete;
-  SharedPlan& operator=(SharedPlan const&) = delete;
-
-  Process::Environment environment() const
-  {
-    return {{"LD_PRELOAD", TQ_FIXTURE_DIR "/liblacking_memory.so"}, {"TQ_MEMORY_FILE", path()}};
-  }
-
-  void refuse(std::int64_t first, std::int64_t count)
-  {
-    m_plan->asked = 0;
-    m_plan->refused = 0;
-    m_plan->first = first;
-    m_plan->last = first + count - 1;
-  }
-  // How many were refused.
-  std::int64_t grant()
-  {
-    m_plan->last = 0;
-    return m_plan->refused;
-  }
-  std::int64_t asked() const { return m_plan->asked; }
-
-private:
-  std::string path() const { return m_folder / "plan"; }
-
-  TempDir m_folder;
-  MemoryPlan* m_plan = nullptr;
-};
 
 class MemoryCampaign
 {

@@ -94,7 +94,5 @@ TEST_F(GatewayApiTest, AnswersTellBrowsersToRunNothingOfThem)
 // A page of others whose name leads here would have its scripts read what is served.
 TEST_F(GatewayApiTest, ARequestForAnotherHostIsRefused)
 {
-  HttpConnection connection(m_gateway.port());
-  connection.send("GET /api/v1/hosts HTTP/1.1\r\nHost: evil.example\r\nConnection: close\r\n\r\n");
-  EXPECT_EQ(HttpAnswer(connection.readToEnd()).status, 403);
+  EXPECT_EQ(refusalsOf(m_gateway, 403, "evil.example"), "");
 }

@@ -25,7 +25,7 @@ protected:
 
 TEST_F(GatewayAwayTest, WhatWasListedIsServedWhileTheMasterIsAway)
 {
-  storeFact("web1", "host", "<Size>1</Size>");
+  storeFact("web2", "host", "<Size>1</Size>");
   ASSERT_TRUE(m_gateway.awaitDiscoveries(1));
   HttpConnection events(m_gateway.port());
   listen(events);
@@ -37,13 +37,12 @@ TEST_F(GatewayAwayTest, WhatWasListedIsServedWhileTheMasterIsAway)
   EXPECT_TRUE(master["reason"].is_string());
   EXPECT_TRUE(master["listTime"].is_string());
   EXPECT_EQ(m_gateway.get("/api/v1/hosts").json()["hosts"].size(), 1U);
-  HttpAnswer const unread = m_gateway.get("/api/v1/discoveries/web1/host");
-  EXPECT_EQ(unread.status, 502) << unread.body;
+  EXPECT_EQ(refusalsOf(m_gateway, 502), "");
 
   ASSERT_TRUE(m_service.start());
   ASSERT_TRUE(m_gateway.awaitState("up"));
   EXPECT_TRUE(events.await("\"state\":\"up\""));
-  EXPECT_EQ(m_gateway.get("/api/v1/discoveries/web1/host").status, 200);
+  EXPECT_EQ(m_gateway.get("/api/v1/discoveries/web2/host").status, 200);
 }
 
 TEST_F(GatewayAwayTest, ListenersHearWhatComesChangesAndGoes)
@@ -82,12 +81,7 @@ TEST(GatewayStartTest, NothingIsServedAsIfItWereAllBeforeTheFirstList)
   Gateway gateway(service);
   ASSERT_TRUE(gateway.start()) << gateway.log();
   ASSERT_TRUE(gateway.awaitState("away"));
-  for (char const* target : {"/api/v1/hosts", "/api/v1/hosts/x", "/api/v1/discoveries",
-                             "/api/v1/items", "/api/v1/discoveries/x/y", "/api/v1/filters/x"})
-  {
-    HttpAnswer const answer = gateway.get(target);
-    EXPECT_EQ(answer.status, 503) << target;
-    EXPECT_NE(answer.header("Retry-After"), "") << target;
-  }
+  EXPECT_EQ(refusalsOf(gateway, 503), "");
+  EXPECT_NE(gateway.get("/api/v1/hosts").header("Retry-After"), "");
   EXPECT_EQ(gateway.stop(), 0);
 }

@@ -135,6 +135,7 @@ TEST(GatewayOptionsTest, ATokenIsWantedOfEverybody)
     EXPECT_EQ(refused.status, 401) << target;
     EXPECT_THAT(refused.header("WWW-Authenticate"), HasSubstr("Basic")) << target;
   }
+  EXPECT_EQ(refusalsOf(gateway, 401), "");
   EXPECT_EQ(gateway.get("/api/v1/status", "Authorization: Bearer 0123456789abcdef\r\n").status,
             200);
   EXPECT_EQ(gateway.get("/api/v1/status", "Authorization: Bearer 0123456789abcdeg\r\n").status,

@@ -10,6 +10,18 @@
 namespace tqtest
 {
 
+// Asks for all that is described with that refusal, of that host; what is not as it should be.
+inline std::string refusalsOf(Gateway const& gateway, int status, std::string const& host = "")
+{
+  Words words{TQ_SOURCE_DIR "/tests/system/web/check_api.py",
+              "http://127.0.0.1:" + std::to_string(gateway.port()), "--refused",
+              std::to_string(status)};
+  if (!host.empty())
+    words.push_back(host);
+  Outcome const outcome = runProgram("/usr/bin/python3", words);
+  return outcome.exitCode == 0 ? "" : outcome.output + outcome.errors;
+}
+
 class GatewayTest : public CommandTest
 {
 protected:

@@ -1,11 +1,15 @@
 #!/usr/bin/env python3
 """Asks a gateway for everything that its description of itself names, and judges the
 answers by that description and by what tqdiscoctl prints. Usage: check_api.py URL TQDISCOCTL.
-The master has two discoveries by "host", of web1 and web2, and one by "a/b ä%2F"."""
+The master has two discoveries by "host", of web1 and web2, and one by "a/b ä%2F".
+
+check_api.py URL --refused STATUS [HOST]: everything for which the description has it is asked for,
+of that host, and has to be answered with that status, but for events with 503."""
 
 import gzip
 import http.client
 import json
+import pathlib
 import subprocess
 import sys
 from urllib.parse import quote, urlsplit
@@ -32,8 +36,7 @@ def fail(target, text):
     FAILURES.append(f"{target}: {text}")
 
 
-_, TEXT = fetch("/api/v1/openapi.json")
-DOCUMENT = json.loads(TEXT)
+DOCUMENT = json.loads((pathlib.Path(__file__).parents[3] / "web/openapi.json").read_text())
 
 
 def judge(target, schema, value):
@@ -45,11 +48,11 @@ def judge(target, schema, value):
         fail(target, f"{list(error.absolute_path)}: {error.message}"[:500])
 
 
-def ask(path, target, status=200, method="GET", accept=None, body=None):
+def ask(path, target, status=200, method="GET", accept=None, body=None, host=None):
     """path: as the description has it; the answer's value, or its text."""
     global COUNT
     COUNT += 1
-    headers = {"Accept": accept} if accept else {}
+    headers = {name: value for name, value in (("Accept", accept), ("Host", host)) if value}
     answer, text = fetch(target, method, body, **headers)
     if answer.status != status:
         fail(target, f"status {answer.status} instead of {status}: {text[:300]}")
@@ -94,6 +97,30 @@ def same(target, ours, theirs):
     if ours != theirs:
         fail(target, f"differs from what tqdiscoctl prints:\n{ours}\n{theirs}")
 
+
+def example(path):
+    return path.replace("{subject}", "web2").replace("{authority}", "host")
+
+
+def conclude():
+    print("\n".join(FAILURES) or f"{COUNT} answers were as they should be")
+    sys.exit(1 if FAILURES else 0)
+
+
+def check_refusals(status, host=None):
+    for path, described in DOCUMENT["paths"].items():
+        is_exempt = status == 503 and path.endswith("/events")
+        if str(status) in described["get"]["responses"] and not is_exempt:
+            problem = ask(path, example(path), status, host=host)
+            if problem and problem["status"] != status:
+                fail(path, f"tells of {problem['status']}")
+    if not COUNT:
+        fail(str(status), "no path is described with it")
+    conclude()
+
+
+if sys.argv[2] == "--refused":
+    check_refusals(int(sys.argv[3]), *sys.argv[4:])
 
 V1 = "/api/v1/"
 ONE = V1 + "discoveries/{subject}/{authority}"
@@ -159,12 +186,14 @@ if problem.get("position", {}).get("line") not in (1, 2) or problem.get("paramet
 same("filters", ask(V1 + "filters/{authority}", V1 + "filters/size"),
      printed("filters", "*", "size"))
 ask(V1 + "filters/{authority}", V1 + "filters/size?x=1", 400)
+ask(V1 + "filters/{authority}", V1 + "filters/size?sample=3")
+ask(V1 + "filters/{authority}", V1 + "filters/size?sample=0", 400)
 ask(V1 + "openapi.json", V1 + "openapi.json")
 metrics = ask("/metrics", "/metrics")
 if "tqdisco_up 1" not in metrics:
     fail("/metrics", metrics)
 for path in DOCUMENT["paths"]:
-    target = path.replace("{subject}", "web2").replace("{authority}", "host")
+    target = example(path)
     ask(path, target, 405, method="POST")
     ask(path, target, 413, body="x")
     ask(path, target + "?%zz", 400)
@@ -181,6 +210,13 @@ answer, plain = fetch(V1 + "openapi.json")
 zipped, text = fetch(V1 + "openapi.json", Accept_Encoding="gzip")
 if zipped.headers["Content-Encoding"] != "gzip" or gzip.decompress(text) != plain:
     fail("gzip", "is not the same")
+for kind in ("application/json", "application/jsonl"):
+    _, plain = fetch(V1 + "items", Accept=kind)
+    zipped, text = fetch(V1 + "items", Accept=kind, Accept_Encoding="gzip")
+    if zipped.headers["Content-Encoding"] != "gzip":
+        fail("gzip", f"{kind} is not zipped")
+    same("gzip", *([json.loads(line) for line in each.splitlines()] if kind.endswith("jsonl")
+                   else json.loads(each) for each in (gzip.decompress(text), plain)))
 answer, text = fetch(V1 + "openapi.json", If_None_Match=answer.headers["ETag"])
 if answer.status != 304 or text:
     fail("ETag", f"status {answer.status}")
@@ -201,5 +237,7 @@ ASKED.add((V1 + "events", "200"))
 for path in DOCUMENT["paths"]:
     if (path, "200") not in ASKED:
         fail(path, "was never asked for")
-print("\n".join(FAILURES) or f"{COUNT} answers were as they should be")
-sys.exit(1 if FAILURES else 0)
+_, TEXT = fetch(V1 + "openapi.json")
+if json.loads(TEXT)["paths"] != DOCUMENT["paths"]:
+    fail("openapi.json", "is another")
+conclude()

@@ -1,5 +1,6 @@
 // What is kept of lists, what is told of their changes, and what is answered from them.
 
+#include "tests/support/ListedRecords.h"
 #include "web/KeptList.h"
 #include "web/ListAnswers.h"
 
@@ -19,12 +20,9 @@ protected:
   static tqdiscoctl::Record record(std::string const& subject, std::string const& authority,
                                    std::int64_t discovered, AuthorityType type = AT_TQUCLIENT)
   {
-    tqdiscoctl::Record result;
-    result.subject = subject;
-    result.authority = authority;
-    result.type = type;
-    result.discovered = OzfObjTime(discovered);
-    result.expires = OzfObjTime(discovered + 3600);
+    constexpr std::int64_t LIFETIME = 3600;
+    auto result = tqtest::listedRecord(subject, authority, tqtest::LISTED_AT - discovered, type,
+                                       discovered - tqtest::LISTED_AT + LIFETIME);
     result.source = std::make_shared<tqdiscoctl::Record::Source const>(
         tqdiscoctl::Record::Source{"m1", "DiscoveryService", "m1"});
     return result;
@@ -39,7 +37,8 @@ protected:
   static Answer ask(ListAnswers& answers, char const* target)
   {
     Mistake mistake;
-    return answers.discoveries(*RequestTarget::fromText(target, mistake));
+    Plan const plan = answers.discoveries(*RequestTarget::fromText(target, mistake));
+    return plan.answer ? *plan.answer : plan.read();
   }
 
   EventLog m_events{"e"};

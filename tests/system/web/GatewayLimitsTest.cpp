@@ -1,0 +1,158 @@
+// What a gateway answers who asks for more than it has: time, threads, memory.
+
+#include "tests/system/web/GatewayTesting.h"
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#include "tests/support/MemoryPlan.h"
+#endif
+
+#include <list>
+#include <map>
+
+namespace
+{
+
+using namespace tqtest;
+using testing::HasSubstr;
+
+constexpr char ONE[] = "/api/v1/discoveries/web1/host";
+
+std::string requestFor(std::string const& target)
+{
+  return "GET " + target + " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n";
+}
+
+class GatewayLimitsTest : public GatewayTest
+{
+protected:
+  explicit GatewayLimitsTest(std::string const& entries = "WEB_LIMIT_READS = 1\n"
+                                                          "WEB_LIMIT_PEER_CONNECTIONS = 900\n")
+      : GatewayTest(entries)
+  {
+  }
+
+  void SetUp() override
+  {
+    GatewayTest::SetUp();
+    storeFact("web1", "host", "<Size>1</Size>");
+    ASSERT_TRUE(m_gateway.awaitDiscoveries(1));
+  }
+};
+
+class GatewayTimeTest : public GatewayLimitsTest
+{
+protected:
+  GatewayTimeTest() : GatewayLimitsTest("WEB_LIMIT_REQUEST = 2\n") {}
+};
+
+} // namespace
+
+TEST_F(GatewayTimeTest, WhatDoesNotComeInTimeIsToldSo)
+{
+  m_service.process().sendSignal(SIGSTOP);
+  HttpAnswer const answer = m_gateway.get(ONE);
+  EXPECT_EQ(answer.status, 504) << answer.body;
+  EXPECT_EQ(answer.json()["title"], "Gateway Timeout");
+  EXPECT_EQ(m_gateway.get("/api/v1/filters/host").status, 504);
+  m_service.process().sendSignal(SIGCONT);
+}
+
+TEST_F(GatewayLimitsTest, WhereTooManyWaitTheNextIsToldToComeAgain)
+{
+  m_service.process().sendSignal(SIGSTOP);
+  std::list<HttpConnection> waiting;
+  constexpr int MORE_THAN_WAIT = 300;
+  for (int i = 0; i < MORE_THAN_WAIT; ++i)
+    waiting.emplace_back(m_gateway.port()).send(requestFor(ONE));
+  HttpAnswer const refused = m_gateway.get(ONE);
+  EXPECT_EQ(refused.status, 503) << refused.body;
+  EXPECT_THAT(refused.body, HasSubstr("too much is asked for"));
+  EXPECT_NE(refused.header("Retry-After"), "");
+  EXPECT_EQ(m_gateway.get("/api/v1/items").status, 503) << "streams wait as well";
+  m_service.process().sendSignal(SIGCONT);
+  std::map<int, int> statuses;
+  for (HttpConnection& each : waiting)
+    ++statuses[HttpAnswer(each.readToEnd()).status];
+  EXPECT_EQ(statuses[200] + statuses[503] + statuses[504], MORE_THAN_WAIT);
+  EXPECT_EQ(m_gateway.get(ONE).status, 200);
+}
+
+namespace
+{
+
+class GatewaySlowReadersTest : public GatewayTest
+{
+protected:
+  GatewaySlowReadersTest()
+      : GatewayTest("COLLECTION_WRITE_SIZE = 1048576\nCOLLECTION_PAGE_SIZE = 1048576\n")
+  {
+  }
+
+  static std::string targetOf(int number)
+  {
+    return "/api/v1/discoveries/large" + std::to_string(number) + "/host";
+  }
+};
+
+} // namespace
+
+// Each asks for an answer of its own, and takes next to nothing of it.
+TEST_F(GatewaySlowReadersTest, AnswersThatNobodyTakesHaveTheirMemory)
+{
+  constexpr int READERS = 8;
+  constexpr int ITEMS = 2'000;
+  std::string many;
+  for (int i = 0; i < ITEMS; ++i)
+    many += "<DISCOVERED Name=\"" + std::to_string(i) + "\"><ExplorerData Name=\"x\"><Text>" +
+            std::string(3'000, 'x') + "</Text></ExplorerData></DISCOVERED>";
+  std::string const document = itemsDocument(many); // about 6 MiB
+  for (int i = 0; i < READERS; ++i)
+    store("large" + std::to_string(i), "host", document);
+  ASSERT_TRUE(m_gateway.awaitDiscoveries(READERS));
+  std::string const accept = "Accept: application/xml\r\n";
+  std::list<HttpConnection> idle;
+  int refused = 0;
+  for (int i = 0; i < READERS; ++i)
+  {
+    idle.emplace_back(m_gateway.port(), "127.0.0.1", HttpConnection::TAKES_LITTLE)
+        .send("GET " + targetOf(i) + " HTTP/1.1\r\nHost: localhost\r\n" + accept + "\r\n");
+    EXPECT_TRUE(idle.back().await("\r\n"));
+    refused += idle.back().text().starts_with("HTTP/1.1 503") ? 1 : 0;
+  }
+  EXPECT_GE(refused, 2) << "one address has 32 MiB";
+  EXPECT_LE(refused, 4);
+  EXPECT_EQ(m_gateway.get("/api/v1/status").status, 200) << "what is small is always sent";
+  idle.clear();
+  EXPECT_TRUE(
+      eventually([&] { return m_gateway.get(targetOf(READERS - 1), accept).status == 200; }));
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+
+// Each piece of memory that a request takes is refused in turn. Not of one that makes JSON:
+// the library for that ends a program that has none left.
+TEST(GatewayMemoryTest, WhereThereIsNoMemoryARequestFailsAndNothingElse)
+{
+  LiveService service;
+  SharedPlan plan;
+  Gateway gateway(service);
+  ASSERT_TRUE(service.start()) << service.log();
+  ASSERT_TRUE(gateway.start(plan.environment())) << gateway.log();
+  ASSERT_TRUE(gateway.awaitState("up")) << gateway.log();
+  constexpr int PIECES = 60;
+  std::map<int, int> statuses;
+  for (int piece = 1; piece <= PIECES; ++piece)
+  {
+    plan.refuse(piece, 1);
+    ++statuses[gateway.get("/metrics").status];
+    plan.grant();
+  }
+  EXPECT_GT(statuses[500], PIECES / 4);
+  EXPECT_EQ(statuses[0] + statuses[200] + statuses[500], PIECES)
+      << "some were refused to others, or before there was a request to answer";
+  EXPECT_EQ(gateway.get("/metrics").status, 200) << gateway.log();
+  EXPECT_EQ(gateway.stop(), 0);
+  EXPECT_EQ(service.stop(), 0);
+}
+
+#endif
