@@ -33,7 +33,6 @@ constexpr std::chrono::seconds HEADER_TIME(10);
 constexpr unsigned QUIET_SECONDS = 15; // of a connection on which nothing moves
 constexpr std::size_t STREAM_BLOCK = 16384;
 constexpr std::size_t MOST_SENT = std::size_t(64) << 20; // bytes at a time
-// Readers by what they wait for.
 constexpr std::size_t OF_NONE = 0;
 constexpr std::size_t OF_ALL = 1;
 constexpr std::size_t FIRST_OF_ONE = 2;
@@ -125,7 +124,6 @@ struct HttpServer::Exchange
   std::atomic<State> state{NOT_ASKED};
   Answer made;
 
-  // Once: it is not held longer than it is sent.
   Answer take()
   {
     switch (state)
@@ -187,7 +185,6 @@ struct HttpServer::Callbacks
     }
     catch (std::exception const&)
     {
-      // Nobody is told.
     }
   }
   static MHD_Result failed(HttpServer& self, MHD_Connection* connection)
@@ -362,7 +359,6 @@ int HttpServer::queue(MHD_Connection* connection, Answer const& answer)
                            hasTag(headerOf(connection, MHD_HTTP_HEADER_IF_NONE_MATCH), answer.etag);
   bool const isZipped = !isUnchanged && answer.zipped &&
                         acceptsGzip(headerOf(connection, MHD_HTTP_HEADER_ACCEPT_ENCODING));
-  // The same of what is zipped and what is not.
   std::string const etag = answer.etag.empty() ? std::string() : "W/" + answer.etag;
   std::unique_ptr<AnswersSent::Hold> body;
   if (!isUnchanged)
@@ -445,7 +441,6 @@ int HttpServer::carryOut(MHD_Connection* connection, Exchange& exchange, Plan pl
   ReaderPool::Job job =
       [this, connection, &exchange, read = std::move(plan.read)](std::chrono::seconds left)
   {
-    // Nobody waits for what this thread throws.
     try
     {
       exchange.made = readNow(read, left);
@@ -578,7 +573,6 @@ int HttpServer::stream(MHD_Connection* connection, Plan const& plan)
     }
     catch (std::exception const&)
     {
-      // It breaks off.
     }
     channel->finish(whole);
   };
