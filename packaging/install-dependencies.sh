@@ -8,6 +8,7 @@ packages="g++ cmake ninja-build pkg-config
 libomniorb4-dev omniidl libace-dev libxerces-c-dev libspdlog-dev libssl-dev
 libcli11-dev nlohmann-json3-dev tao-pegtl-dev libmount-dev libudev-dev libsystemd-dev
 libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev tcl-combat libfaketime strace iproute2 scdoc gccgo-12 python3
+libpqxx-dev postgresql-15
 libmicrohttpd-dev libgnutls28-dev zlib1g-dev prometheus-cpp-dev prometheus python3-jsonschema
 build-essential debhelper systemd-container procps
 clang-14 libclang-rt-14-dev llvm-14 clang-format-14 clang-tidy-14"
@@ -39,5 +40,13 @@ echo "Installing:$missing"
 # Set behind sudo, which clears the environment.
 apt_get="$as_root env DEBIAN_FRONTEND=noninteractive apt-get"
 $apt_get update -qq
+# The tests start servers of their own; one of the system's would only take memory.
+case "$missing" in
+*postgresql-15*)
+  $apt_get install -y -qq --no-install-recommends postgresql-common >/dev/null
+  $as_root sed -i 's/^#* *create_main_cluster.*/create_main_cluster = false/' \
+    /etc/postgresql-common/createcluster.conf
+  ;;
+esac
 # shellcheck disable=SC2086
 $apt_get install -y -qq --no-install-recommends $missing >/dev/null

@@ -2,7 +2,7 @@
 # Checks the sources with clang-tidy and cppcheck. Usage: lint.sh <build directory>
 set -eu
 build=$1
-sources=$(find ozf discovery scripts explorers host tools web -name '*.cpp' | sort)
+sources=$(find ozf discovery scripts explorers host tools web publish -name '*.cpp' | sort)
 # cppcheck does not see that a failed assertion throws, and takes for mistakes: a
 # reference handed out, a destructor's call of its own class's function, a pointer
 # to a function, an object made in place, a second step over a pair of quotes, and what

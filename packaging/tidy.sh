@@ -19,7 +19,7 @@ sources=$( {
   if git rev-parse --git-dir >/dev/null 2>&1; then
     git diff --name-only HEAD
     git ls-files --others --exclude-standard
-  fi | grep -E '^(ozf|discovery|scripts|explorers|host|tools|web)/.*\.(h|cpp)$' | sed 's/\.h$/.cpp/' || true
+  fi | grep -E '^(ozf|discovery|scripts|explorers|host|tools|web|publish)/.*\.(h|cpp)$' | sed 's/\.h$/.cpp/' || true
   find ozf/base ozf/config ozf/log ozf/sync -name '*.cpp'
 } | sort -u | while read -r source; do [ ! -f "$source" ] || echo "$source"; done)
 

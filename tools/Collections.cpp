@@ -35,6 +35,40 @@ private:
   AutoDereference<Discovery> m_discovery;
 };
 
+// Bytes that are in memory already.
+class FetchedData : public CollectionData
+{
+public:
+  explicit FetchedData(std::string_view left) : m_left(left) {}
+  int open(OpenMode mode, char const*) override { return mode == OM_READ ? 1 : 0; }
+  long readCollection(unsigned long length, void* buffer) const override
+  {
+    std::size_t const count = m_left.copy(static_cast<char*>(buffer), length);
+    m_left.remove_prefix(count);
+    return static_cast<long>(count);
+  }
+  long writeCollection(unsigned long, void const*) const override { return 0; }
+
+private:
+  mutable std::string_view m_left;
+};
+
+class FetchedDiscovery : public Discovery
+{
+public:
+  FetchedDiscovery(Record const& record, std::string_view bytes)
+      : Discovery(new FetchedData(bytes), record.queryType)
+  {
+    setAuthority(new Authority(record.authority, record.type));
+    setSubject(new Subject(record.subject));
+  }
+  DiscoveryStatus persist() override { return DS_LOGIC_ERROR; }
+  DiscoveryStatus open(OpenMode mode, char const* filter) override
+  {
+    return getCollectionData()->open(mode, filter) != 0 ? DS_SUCCESS : DS_OPEN_FAILED;
+  }
+};
+
 Item makeItem(DiscoveredItem const& discovered)
 {
   Item item;
@@ -231,6 +265,20 @@ Collection readCollection(Record const& record, OzfQuery const& query)
   Collection collection =
       readCollection(record, query, [&items](Item item) { items.push_back(std::move(item)); });
   collection.items = std::move(items);
+  return collection;
+}
+
+Collection readCollection(Record const& record, std::string const& bytes, ItemSink const& take)
+{
+  AutoDereference<Discovery> const discovery(new FetchedDiscovery(record, bytes));
+  std::size_t count = 0;
+  Collection collection = readThrough(discovery, "",
+                                      [&](Item item)
+                                      {
+                                        ++count;
+                                        take(std::move(item));
+                                      });
+  collection.count = count;
   return collection;
 }
 

@@ -63,6 +63,9 @@ Collection readCollection(Record const& record, Quillon::Tessarine::Ozf::OzfQuer
 Collection readCollection(Record const& record, Quillon::Tessarine::Ozf::OzfQuery const& query,
                           ItemSink const& take);
 
+// Of bytes that were fetched. They must outlive the call.
+Collection readCollection(Record const& record, std::string const& bytes, ItemSink const& take);
+
 // What the service on that host has of the record's names by itself.
 Collection readOwnCollection(Record const& record, Announcement const& place);
 

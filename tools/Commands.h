@@ -35,5 +35,6 @@ void addStatusCommand(CLI::App& application, Session& session);    // status
 void addMetricsCommand(CLI::App& application, Session& session);   // metrics
 void addReportCommand(CLI::App& application, Session& session);    // report
 void addWhichMasterCommand(CLI::App& application, Session& session);
+void addSqlCommand(CLI::App& application, Session& session); // sql
 
 } // namespace tqdiscoctl

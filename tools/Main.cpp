@@ -72,6 +72,7 @@ int main(int argc, char** argv)
   addMetricsCommand(application, session);
   addReportCommand(application, session);
   addWhichMasterCommand(application, session);
+  addSqlCommand(application, session);
   addPutCommand(application, session);
   addControlCommands(application, session);
   addExplorerCommands(application, session);

@@ -1,6 +1,5 @@
 #include "ozf/base/Digest.h"
 
-#include <array>
 #include <openssl/evp.h>
 #include <stdexcept>
 
@@ -20,14 +19,20 @@ EVP_MD const* sha256()
 
 } // namespace
 
-std::string digestOf(std::string_view text)
+Sha256 sha256Of(std::string_view text)
 {
-  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+  Sha256 digest{};
   unsigned length = 0;
   if (sha256() == nullptr ||
       EVP_Digest(text.data(), text.size(), digest.data(), &length, sha256(), nullptr) != 1 ||
-      length < DIGEST_BYTES)
+      length != digest.size())
     throw std::runtime_error("SHA-256 is not available");
+  return digest;
+}
+
+std::string digestOf(std::string_view text)
+{
+  Sha256 const digest = sha256Of(text);
   constexpr std::string_view HEX = "0123456789abcdef";
   std::string result;
   for (std::size_t i = 0; i < DIGEST_BYTES; ++i)

@@ -23,7 +23,7 @@ std::string knownKeys(std::string_view unknown)
   for (ConfigurationKey const& key : CONFIGURATION_KEYS)
   {
     std::string_view family;
-    for (std::string_view const each : {"LIMIT_", "WEB_"})
+    for (std::string_view const each : {"LIMIT_", "WEB_", "PUBLISH_", "HISTORY_"})
       if (std::string_view(key.name).starts_with(each) && !unknown.starts_with(each))
         family = each;
     if (family.empty() || family != before)

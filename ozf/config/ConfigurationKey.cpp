@@ -87,6 +87,8 @@ bool isAccepted(ConfigurationKey const& key, std::string const& value)
     return value.starts_with('/') || value == LOG_TO_STDERR || value == LOG_TO_SYSLOG;
   case KeyKind::LOG_PATTERN:
     return isLogPattern(value);
+  case KeyKind::NAMES:
+    return !entriesOf(value).empty();
   case KeyKind::PEERS:
     return PeerList::mistakeIn(value).empty();
   case KeyKind::CHOICE:
@@ -123,6 +125,8 @@ std::string acceptedBy(ConfigurationKey const& key)
     return std::string("an absolute path, ") + LOG_TO_STDERR + " and " + LOG_TO_SYSLOG;
   case KeyKind::LOG_PATTERN:
     return "patterns of texts, one a line, with five letters at least beside *";
+  case KeyKind::NAMES:
+    return "names, in which * stands for any text, with commas between them";
   case KeyKind::PEERS:
     return PEER_LIST_ENTRIES;
   case KeyKind::CHOICE:

@@ -26,6 +26,7 @@ enum class KeyKind
   PATH, // an absolute one
   LOG_FILE,
   LOG_PATTERN,
+  NAMES,  // patterns of names
   PEERS,  // entries of a list of peers
   CHOICE, // one of a few words
   LISTEN  // where to listen: an address and a port, or a socket's path

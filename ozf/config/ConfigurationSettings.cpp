@@ -24,6 +24,7 @@ bool fallsBack(ConfigurationKey const& key)
   case KeyKind::PATH:
   case KeyKind::LOG_FILE:
   case KeyKind::LOG_PATTERN:
+  case KeyKind::NAMES:
     return true;
   default:
     return false;

@@ -33,7 +33,7 @@ _tqdiscoctl()
   local everywhere="-m --master --timeout --tls --tls-certificate --tls-key --tls-ca -v --verbose"
   everywhere+=" -h --help"
   local selection="-s --subject -a --authority -t --type --filter-data"
-  local commands="status query hosts show items filters watch metrics report put push stop explorer db tls which-master"
+  local commands="status query hosts show items filters watch metrics report sql put push stop explorer db tls which-master"
   local program=${COMP_WORDS[0]} command="" dbcommand="" word value options i at names=0
   local -a master=() chosen=()
 
@@ -140,6 +140,7 @@ _tqdiscoctl()
     watch) options="$selection -n --interval --looks --heartbeats --json" ;;
     metrics) options="--textfile --host" ;;
     report) options="--html" ;;
+    sql) options="--json" ;;
     put) options="-t --type -e --expires-in -p --priority --filter-data --items --unchecked --json" ;;
     push) options="--all --host --now -a --authority --json" ;;
     stop) options="--host --no-wait --json" ;;

@@ -175,16 +175,17 @@ in_machine "$master" test -e /etc/tessarine/tq.conf.dpkg-dist || fail "the new s
 await 30 "the discovery is lost" in_machine "$master" tqdiscoctl show kept by-hand
 passed "upgraded: restarted, configuration and database kept"
 
-in_machine "$master" dpkg --remove tessarine-discovery-web tessarine-discovery >/dev/null ||
+in_machine "$master" dpkg --remove tessarine-publish tessarine-discovery-web tessarine-discovery >/dev/null ||
   fail "dpkg --remove"
-for program in tqdisco tqdiscoweb; do
+for program in tqdisco tqdiscoweb tqpublish; do
   ! in_machine "$master" pgrep -x "$program" >/dev/null || fail "$program runs without its package"
 done
 in_machine "$master" test -s /etc/tessarine/tq.conf || fail "the configuration went with the package"
 [ -n "$(in_machine "$master" ls /var/lib/tessarine/discovery)" ] || fail "the database went with the package"
-in_machine "$master" dpkg --purge tessarine-discovery-web tessarine-discovery \
+in_machine "$master" dpkg --purge tessarine-publish tessarine-discovery-web tessarine-discovery \
   >"$scratch/purge" 2>&1 || fail "dpkg --purge"
 left=$(in_machine "$master" find /etc/tessarine /var/lib/tessarine /var/log/tessarine \
-  /usr/kestrel /lib/systemd/system/tqdisco.service /lib/systemd/system/tqdiscoweb.service 2>/dev/null || true)
+  /usr/kestrel /lib/systemd/system/tqdisco.service /lib/systemd/system/tqdiscoweb.service \
+  /lib/systemd/system/tqpublish.service 2>/dev/null || true)
 is "" "$left" "what is left after the purge"
 passed "removed: stopped, and everything kept; purged: nothing left"

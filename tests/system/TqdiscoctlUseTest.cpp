@@ -34,6 +34,7 @@ std::vector<Words> const COMMANDS{{"status"},
                                   {"watch"},
                                   {"metrics"},
                                   {"report"},
+                                  {"sql"},
                                   {"put"},
                                   {"push"},
                                   {"stop"},
@@ -200,7 +201,7 @@ Names completed(Words const& words)
 
 TEST(TqdiscoctlUseTest, bashCompletesCommandsOptionsAndTypes)
 {
-  EXPECT_EQ(completed({"s"}), (Names{"status", "show", "stop"}));
+  EXPECT_EQ(completed({"s"}), (Names{"status", "show", "sql", "stop"}));
   EXPECT_EQ(completed({"--master", "web1", "qu"}), Names{"query"});
   EXPECT_EQ(completed({"query", "--au"}), Names{"--authority"});
   EXPECT_EQ(completed({"query", "-t", "ex"}), Names{"external"});

@@ -26,7 +26,8 @@ std::set<std::string> const& namesInSources()
   {
     std::set<std::string> found;
     std::filesystem::path const root(TQ_SOURCE_DIR);
-    for (char const* room : {"ozf", "discovery", "scripts", "explorers", "host", "tools", "web"})
+    for (char const* room :
+         {"ozf", "discovery", "scripts", "explorers", "host", "tools", "web", "publish"})
       for (auto const& entry : std::filesystem::recursive_directory_iterator(root / room))
       {
         auto const extension = entry.path().extension();

@@ -104,7 +104,7 @@ TEST(Operations, everyLineAtLevelOneIsExplained)
   fs::path const root(TQ_SOURCE_DIR);
   std::string const guide = readText(root / "docs/operations.md");
   int messages = 0;
-  for (char const* room : {"ozf", "discovery", "explorers", "host", "web"})
+  for (char const* room : {"ozf", "discovery", "explorers", "host", "web", "publish"})
     for (auto const& entry : fs::recursive_directory_iterator(root / room))
       if (entry.path().extension() == ".cpp")
         for (auto const& message : messagesOf(readText(entry.path())))

@@ -34,8 +34,8 @@ TEST(Version, theChangesOfThisOneAreTold)
 TEST(Version, theManualAndThePkgConfigModuleTakeIt)
 {
   std::string const version = versionOfTheProject();
-  for (char const* const page :
-       {"tqdisco.8.scd", "tqdiscoctl.8.scd", "tqdiscoweb.8.scd", "tq.conf.5.frame.scd"})
+  for (char const* const page : {"tqdisco.8.scd", "tqdiscoctl.8.scd", "tqdiscoweb.8.scd",
+                                 "tqpublish.8.scd", "tq.conf.5.frame.scd"})
     EXPECT_EQ(firstMatch(readText(std::string(TQ_BINARY_DIR "/docs/man/") + page),
                          "^[a-z.]+\\([58]\\) \"tessarine-discovery ([0-9.]+)\"\n"),
               version)
@@ -54,7 +54,7 @@ TEST(Version, nothingElseSpellsIt)
   std::regex const spelt("(^|[^0-9.])" + quoted + "([^0-9.]|$)");
   int looked = 0;
   for (char const* const room : {"cmake", "discovery", "docs", "examples", "explorers", "host",
-                                 "idl", "ozf", "packaging", "tests", "tools", "web"})
+                                 "idl", "ozf", "packaging", "publish", "tests", "tools", "web"})
     for (auto const& entry : fs::recursive_directory_iterator(root / room))
       if (entry.is_regular_file() && entry.file_size() < (1U << 20))
       {

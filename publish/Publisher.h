@@ -1,0 +1,48 @@
+// Follows all masters, as long as it is let.
+
+#pragma once
+
+#include "publish/Follower.h"
+
+#include <memory>
+#include <vector>
+
+namespace Publish
+{
+
+// One thread.
+class Publisher
+{
+public:
+  Publisher(Settings const& settings, Stop const& stop);
+
+  // Until the stop is requested, or after one pass with once. What goes wrong meanwhile is a line
+  // in the log, and tried again; only a schema that is not the program's ends it: returns what is
+  // wrong then, else nothing.
+  std::string run(bool once);
+
+private:
+  struct Followed
+  {
+    Follower follower;
+    double pause = 0; // seconds to its next pass, while it is away
+    std::int64_t due = 0;
+  };
+
+  // What is wrong with the schema; nothing when all is ready, or the stop was requested.
+  std::string connect();
+  void passes();
+  void cleanUp();
+  void fail(std::exception const& failure);
+
+  Settings const& m_settings;
+  Stop const& m_stop;
+  std::vector<std::unique_ptr<Followed>> m_masters;
+  std::unique_ptr<Database> m_database;
+  std::string m_told; // why the database was of no use, when that was last told
+  double m_pause = 0; // seconds
+  std::int64_t m_cleaned = 0;
+  bool m_waitTold = false;
+};
+
+} // namespace Publish

@@ -1,0 +1,92 @@
+// What tqpublish makes of servers and masters that go away.
+
+#include "tests/system/publish/PublishTesting.h"
+
+using namespace tqtest;
+
+TEST(PublishAwayTest, PostgresThatIsAwayIsWaitedForAndCaughtUpWith)
+{
+  LiveService service;
+  Publishing publishing(service);
+  ASSERT_TRUE(publishing.create());
+  ASSERT_TRUE(service.start());
+  storeIn(service, "web1", "probe", itemsWith({{"a", "1"}}));
+  ASSERT_TRUE(publishing.postgres().kill());
+
+  ASSERT_TRUE(publishing.start());
+  ASSERT_TRUE(publishing.process().awaitError("cannot be kept current, which is tried again"));
+  EXPECT_THAT(publishing.log(), HasSubstr("PostgreSQL cannot be reached: "));
+  ASSERT_TRUE(publishing.postgres().start());
+  EXPECT_TRUE(publishing.awaitSql("select count(*) from item", "1"));
+  EXPECT_TRUE(publishing.process().awaitError("The database is current again"));
+
+  // Now in the middle of its work.
+  ASSERT_TRUE(publishing.postgres().kill());
+  storeIn(service, "web2", "probe", itemsWith({{"a", "2"}}));
+  ASSERT_TRUE(
+      eventually([&] { return occurrences(publishing.log(), "which is tried again") >= 2; }))
+      << publishing.log();
+  ASSERT_TRUE(publishing.postgres().start());
+  EXPECT_TRUE(publishing.awaitSql("select count(*) from item", "2"));
+  EXPECT_EQ(publishing.stop(), 0);
+}
+
+TEST(PublishAwayTest, AMasterThatIsAwayKeepsItsRowsAndIsMarkedStale)
+{
+  LiveService service;
+  // Nobody serves at the second one's address.
+  Publishing publishing(service, "PUBLISH_MASTERS = tqtestmaster\nPUBLISH_MASTERS = other\n"
+                                 "HOST_ADDRESS.other = 127.0.0.2\n");
+  ASSERT_TRUE(publishing.create());
+  ASSERT_TRUE(service.start());
+  storeIn(service, "web1", "probe", itemsWith({{"a", "1"}}));
+  ASSERT_TRUE(publishing.start());
+  EXPECT_TRUE(publishing.awaitSql("select count(*) from known", "1"));
+  EXPECT_TRUE(publishing.awaitSql("select name, stale, heard is null, reason is null from master "
+                                  "order by name",
+                                  "other|t|t|f\ntqtestmaster|f|f|t"));
+
+  EXPECT_EQ(service.stop(), 0);
+  EXPECT_TRUE(publishing.awaitSql("select stale, subject, gone is null from discovery d "
+                                  "join master m on m.id = d.master_id",
+                                  "t|web1|t"));
+  EXPECT_THAT(publishing.log(), HasSubstr("The master tqtestmaster does not give its list: "));
+  ASSERT_TRUE(service.start());
+  EXPECT_TRUE(publishing.awaitSql(
+      "select stale, reason is null from master where heard is not null", "f|t"));
+  EXPECT_EQ(publishing.stop(), 0);
+
+  // A master that is not named any more is not taken for one that is there.
+  service.configure();
+  ASSERT_EQ(publishing.once().exitCode, 0);
+  EXPECT_EQ(publishing.sql("select stale, reason from master where name = 'other'"),
+            "t|not followed any more");
+}
+
+TEST(PublishAwayTest, AStandbyThatTakesOverIsFollowedAndHasAllThatWasCommitted)
+{
+  LiveService service;
+  Publishing publishing(service);
+  ASSERT_TRUE(publishing.create("fsync = on\nsynchronous_commit = remote_apply\n"));
+  PostgresServer standby(true);
+  ASSERT_TRUE(standby.createStandbyOf(publishing.postgres()));
+  ASSERT_TRUE(standby.start());
+  publishing.sql("alter system set synchronous_standby_names = '*'");
+  publishing.sql("select pg_reload_conf()");
+  ASSERT_TRUE(publishing.awaitSql("select sync_state from pg_stat_replication", "sync"));
+
+  publishing.hosts = standby.socket() + ',' + publishing.postgres().socket();
+  ASSERT_TRUE(service.start());
+  for (int i = 0; i < 20; ++i)
+    storeIn(service, "web" + std::to_string(i), "probe", itemsWith({{"a", "1"}}));
+  ASSERT_TRUE(publishing.start());
+  std::string const rows = "select count(*) from item; select count(*) from history";
+  ASSERT_TRUE(publishing.awaitSql(rows, "20\n20"));
+
+  ASSERT_TRUE(publishing.postgres().kill());
+  ASSERT_TRUE(standby.promote());
+  EXPECT_EQ(standby.sql(rows), "20\n20");
+  storeIn(service, "late", "probe", itemsWith({{"a", "1"}}));
+  EXPECT_TRUE(eventually([&] { return standby.sql(rows) == "21\n21"; })) << publishing.log();
+  EXPECT_EQ(publishing.stop(), 0);
+}

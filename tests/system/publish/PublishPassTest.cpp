@@ -1,0 +1,88 @@
+// What passes of tqpublish make of what a master has.
+
+#include "tests/system/publish/PublishTesting.h"
+
+namespace
+{
+
+using namespace tqtest;
+
+// All that readers see of the tables, without numbers and times.
+std::string rowsOf(Publishing const& publishing)
+{
+  return publishing.sql(
+      "select subject, authority, type, on_demand, encode(digest, 'hex'), unread, problem, "
+      "gone is null from discovery order by 1, 2, 3; "
+      "select d.subject, i.name, i.facts from item i join discovery d on d.id = i.discovery_id "
+      "order by 1, 2; "
+      "select d.subject, h.event, encode(h.before, 'hex'), encode(h.after, 'hex'), h.changes "
+      "from history h join discovery d on d.id = h.discovery_id order by h.id; "
+      "select encode(digest, 'hex'), length(content) from payload order by 1");
+}
+
+} // namespace
+
+TEST(PublishPassTest, RowsFollowWhatTheMasterHas)
+{
+  LiveService service;
+  Publishing publishing(service);
+  ASSERT_TRUE(publishing.create());
+  ASSERT_TRUE(service.start());
+  storeIn(service, "web1", "probe", itemsWith({{"a", "1"}, {"b", "2"}}));
+  storeIn(service, "web2", "probe", itemsWith({{"a", "1"}, {"b", "2"}}));
+
+  Outcome const first = publishing.once();
+  ASSERT_EQ(first.exitCode, 0) << first.errors;
+  EXPECT_EQ(publishing.sql("select name, stale, complete, heard is not null from master"),
+            "tqtestmaster|f|t|t");
+  EXPECT_EQ(publishing.sql("select subject, authority, type, gone is null, problem is null, "
+                           "expires > discovered, reported <= now() from discovery order by 1"),
+            "web1|probe|2|t|t|t|t\nweb2|probe|2|t|t|t|t");
+  EXPECT_EQ(publishing.sql("select d.subject, i.name, i.facts ->> 'Value' from item i "
+                           "join discovery d on d.id = i.discovery_id order by 1, 2"),
+            "web1|a|1\nweb1|b|2\nweb2|a|1\nweb2|b|2");
+  EXPECT_EQ(publishing.sql("select count(*), bool_and(sha256(content) = digest) from payload"),
+            "1|t")
+      << "both have the same payload";
+  EXPECT_EQ(publishing.sql("select event, count(*) from history group by 1"), "appeared|2");
+
+  // One that changes, one that goes, one that comes.
+  storeIn(service, "web1", "probe", itemsWith({{"a", "1"}, {"b", "3"}, {"c", "4"}}));
+  for (char const* const ending : {".xml", ".dat"})
+    std::filesystem::remove(service.database() + "/2 probe web2" + ending);
+  storeIn(service, "web3", "probe", itemsWith({}));
+  ASSERT_EQ(publishing.once().exitCode, 0);
+  EXPECT_EQ(publishing.sql("select subject, gone is null from discovery order by 1"),
+            "web1|t\nweb2|f\nweb3|t");
+  EXPECT_EQ(publishing.sql("select d.subject, i.name, i.facts ->> 'Value' from item i "
+                           "join discovery d on d.id = i.discovery_id order by 1, 2"),
+            "web1|a|1\nweb1|b|3\nweb1|c|4");
+  EXPECT_EQ(publishing.sql("select d.subject, h.event, h.before is null, h.after is null "
+                           "from history h join discovery d on d.id = h.discovery_id "
+                           "where event <> 'appeared' or d.subject = 'web3' order by 1, 2"),
+            "web1|changed|f|f\nweb2|gone|f|t\nweb3|appeared|t|f");
+  EXPECT_EQ(publishing.sql("select item, event, fact, before, after from recent_change "
+                           "where event = 'changed' order by 1"),
+            "b|changed|Value|\"2\"|\"3\"\nc|changed|||");
+
+  // Nothing new: nothing but the heartbeat is written.
+  std::string const counts =
+      "select relname, n_tup_ins + n_tup_upd + n_tup_del from pg_stat_user_tables "
+      "where relname <> 'master' and relname not like 'staged%' order by 1";
+  std::string const rows = rowsOf(publishing);
+  std::string const before = publishing.sql(counts);
+  std::string const heard = publishing.sql("select heard from master");
+  ASSERT_EQ(publishing.once().exitCode, 0);
+  EXPECT_EQ(rowsOf(publishing), rows);
+  EXPECT_EQ(publishing.sql(counts), before);
+  EXPECT_NE(publishing.sql("select heard from master"), heard);
+
+  // One that comes back appears anew.
+  storeIn(service, "web2", "probe", itemsWith({{"a", "5"}}));
+  ASSERT_EQ(publishing.once().exitCode, 0);
+  EXPECT_EQ(publishing.sql("select string_agg(h.event, ',' order by h.id) from history h "
+                           "join discovery d on d.id = h.discovery_id where d.subject = 'web2'"),
+            "appeared,gone,appeared");
+  EXPECT_EQ(publishing.sql("select subject, gone is null from discovery order by 1"),
+            "web1|t\nweb2|t\nweb3|t");
+}

@@ -1,0 +1,108 @@
+// tqpublish beside a live service and a PostgreSQL.
+
+#pragma once
+
+#include "tests/support/LiveService.h"
+#include "tests/support/PostgresServer.h"
+#include "tests/support/Records.h"
+
+#include <gmock/gmock.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+namespace tqtest
+{
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+// A payload with an item of that name for each, with one fact.
+inline std::string itemsWith(std::vector<std::pair<std::string, std::string>> const& items)
+{
+  std::string text = "<DiscoveredItems>";
+  for (auto const& [name, value] : items)
+    text += "<DISCOVERED Name=\"" + name + "\"><ExplorerData Name=\"probe\"><Value>" + value +
+            "</Value></ExplorerData></DISCOVERED>";
+  return text + "</DiscoveredItems>";
+}
+
+// Puts the names behind the database's, as the library makes them, into the database of that
+// service, whoever serves it.
+inline void storeIn(LiveService const& service, std::string const& subject,
+                    std::string const& authority, std::string const& payload)
+{
+  std::filesystem::create_directories(service.database());
+  EXPECT_EQ(records::DS_SUCCESS,
+            records::store(service.database(), authority, subject, 1, payload));
+}
+
+class Publishing
+{
+public:
+  explicit Publishing(LiveService& service, std::string const& entries = "") : m_service(service)
+  {
+    m_service.configure(entries + "PUBLISH_INTERVAL = 1s\n");
+  }
+
+  // A server with the schema of the program.
+  bool create(std::string const& entries = "")
+  {
+    return m_postgres.create(entries) && m_postgres.start() && migrate();
+  }
+
+  bool migrate() { return run({"migrate"}).exitCode == 0; }
+
+  Outcome run(LiveService::Words const& arguments) const
+  {
+    return runProgram(TQ_BIN_DIR "/tqpublish", arguments, environment());
+  }
+
+  // One pass.
+  Outcome once() const { return run({"--once"}); }
+
+  // Goes on until it is stopped.
+  bool start()
+  {
+    m_process = std::make_unique<Process>(TQ_BIN_DIR "/tqpublish",
+                                          LiveService::Words{"--log-level", "4"}, environment());
+    return m_process->awaitError("main: Started, version");
+  }
+  int stop()
+  {
+    m_process->sendSignal(SIGTERM);
+    return m_process->wait() ? m_process->exitCode() : -1;
+  }
+
+  Process::Environment environment() const
+  {
+    Process::Environment all = m_postgres.environment(user);
+    if (!hosts.empty())
+      all["PGHOST"] = hosts;
+    all["TESSARINE_ROOT"] = m_service.root();
+    return all;
+  }
+
+  bool awaitSql(std::string const& question, std::string const& answer) const
+  {
+    return eventually([&] { return sql(question) == answer; });
+  }
+
+  std::string sql(std::string const& statements) const { return m_postgres.sql(statements); }
+
+  PostgresServer& postgres() { return m_postgres; }
+  Process& process() { return *m_process; }
+  std::string log() const { return m_process->errors(); }
+
+  std::string user = PostgresServer::OWNER;
+  std::string hosts; // other sockets than the server's own
+
+private:
+  LiveService& m_service;
+  PostgresServer m_postgres;
+  std::unique_ptr<Process> m_process;
+};
+
+} // namespace tqtest
