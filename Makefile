@@ -9,13 +9,14 @@ FUZZ_SECONDS ?= 60
 # Of hostile messages in torture.
 TORTURE_MINUTES ?= 5
 
-.PHONY: run fleet packages test-packages test check test-asan test-tsan fuzz torture bench lint install deps help
+.PHONY: run fleet fleets packages test-packages test check test-asan test-tsan fuzz torture bench lint install deps help
 .PHONY: build-check build-asan build-fuzz run-check run-asan run-fuzz quick-check quick-dev tidy mutants
 
 help:
 	@echo "make run    build, start a master on this machine and show what it finds"
 	@echo "make fleet  the same with a fleet of five hosts, to play with"
-	@echo "            both: PORT=... for another port than 27511; run: WEB_PORT=... for 27580"
+	@echo "make fleets  two fleets, and a PostgreSQL with what both masters know"
+	@echo "            all: PORT=... for another port than 27511; run: WEB_PORT=... for 27580"
 	@echo "make test   build and run every test, plain, under the sanitizers, and by fuzzing"
 	@echo "make check  what is to be done between two commits: format, house and unit tests"
 	@echo "make bench  build and run the benchmarks, print the table"
@@ -41,6 +42,11 @@ fleet: deps
 	cmake --preset release
 	cmake --build --preset release --parallel $(JOBS)
 	@packaging/fleet.sh build/release
+
+fleets: deps
+	cmake --preset release
+	cmake --build --preset release --parallel $(JOBS)
+	@packaging/fleets.sh build/release
 
 # The tests wait most of the time; what comes next is built meanwhile, with what
 # they leave of the processors.

@@ -17,6 +17,8 @@ master=4master
 hosts="4master:1 23media:2 95web:3 96db:4 125mail:5"
 waiting=
 failed=
+# shellcheck source=packaging/fleet-hosts.sh
+. "$(dirname "$0")/fleet-hosts.sh"
 
 stop()
 {
@@ -45,12 +47,6 @@ fail()
   exit 1
 }
 
-checkRunning()
-{
-  for host in "$@"; do
-    "$fleet/on" "${host%:*}" running || fail "${host%:*} did not start."
-  done
-}
 trap stop EXIT
 trap 'exit 0' INT TERM HUP PIPE
 
@@ -79,17 +75,7 @@ for host in $hosts; do
 HOST_ADDRESS.${host%:*} = 127.0.1.${host#*:}"
 done
 for host in $hosts; do
-  root=$fleet/${host%:*}
-  mkdir -p "$root/etc" "$root/lib/plugins" "$root/log"
-  chmod 755 "$root" "$root/lib" "$root/lib/plugins"
-  cp "$build"/lib/libtqexplorer.so "$root/lib/"
-  cat > "$root/etc/tq.conf" <<EOF
-CLIENT_NAME = ${host%:*}
-ORB_BIND = 127.0.1.${host#*:}
-LOG_LEVEL = 1
-LOG_FILE = $root/log/tqdisco.log
-$entries
-EOF
+  makeHost "${host%:*}" "127.0.1.${host#*:}" "$entries"
   if [ "$tls" = 1 ]; then
     certify "${host%:*}" "127.0.1.${host#*:}" 2> "$fleet/openssl.log" ||
       fail "No certificate was made: $(cat "$fleet/openssl.log")"
@@ -102,58 +88,7 @@ EOF
   fi
 done
 
-# What the person who plays types: "on HOST start", "on HOST tqdiscoctl ...".
-{
-  printf '#!/bin/bash\nfleet=%q\nPATH=%q:$PATH\n' "$fleet" "$bin"
-  cat <<'EOF'
-# on HOST start|stop|kill|hang|resume|log, or on HOST COMMAND ARGUMENTS
-set -eu
-hosts=$(cd "$fleet" && echo */)
-if [ $# -lt 2 ] || [ ! -d "$fleet/$1" ]; then
-  echo "usage: on HOST start|stop|kill|hang|resume|log" >&2
-  echo "       on HOST tqdiscoctl ...        HOST is one of: ${hosts//\//}" >&2
-  exit 2
-fi
-export TESSARINE_ROOT=$fleet/$1
-pidfile=$TESSARINE_ROOT/pid
-log=$TESSARINE_ROOT/log/tqdisco.log
-# A process that ended may stay listed until somebody collects it.
-running()
-{
-  [ -f "$pidfile" ] && grep -q "^State:[[:space:]]*[^XZ[:space:]]" \
-    "/proc/$(cat "$pidfile")/status" 2>/dev/null
-}
-signal()
-{
-  if running; then kill "-$1" "$(cat "$pidfile")"; else echo "$host is not running" >&2; exit 1; fi
-}
-host=$1
-case $2 in
-start)
-  if running; then echo "$host is running already" >&2; exit 1; fi
-  # In a session of its own, so that Ctrl-C is for the fleet and not for it.
-  setsid tqdisco >> "$log" 2>&1 < /dev/null &
-  echo $! > "$pidfile"
-  disown
-  ;;
-stop)
-  running || exit 0
-  signal TERM
-  kill -CONT "$(cat "$pidfile")" 2>/dev/null || true # it may hang
-  for _ in $(seq 1 600); do running || exit 0; sleep 0.1; done
-  echo "$host does not stop; killing it" >&2
-  signal KILL
-  ;;
-running) running ;;
-kill) signal KILL ;;
-hang) signal STOP ;;
-resume) signal CONT ;;
-log) exec less "$log" ;;
-*) shift && exec "$@" ;;
-esac
-EOF
-} > "$fleet/on"
-chmod 755 "$fleet/on"
+makeOn
 
 startHost()
 {
@@ -164,22 +99,10 @@ startHost()
   "$fleet/on" "${1%:*}" start
 }
 
-# 0 when something matched and 3 when nothing did: it was asked all the same.
-answers()
-{
-  "$fleet/on" $master tqdiscoctl --timeout 5 query > "$fleet/answer" 2>&1 || [ $? = 3 ]
-}
-
 echo "Starting a fleet on 127.0.1.1 to 127.0.1.5, port $port:"
-# A client that meets no master asks again only after five minutes, so the
-# master comes first and the others when it listens.
+# The master comes first, and the others when it listens.
 startHost "${hosts%% *}"
-for _ in $(seq 1 150); do
-  if answers; then break; fi
-  checkRunning "${hosts%% *}"
-  sleep 0.2
-done
-answers || fail "The master does not listen: $(cat "$fleet/answer")"
+awaitMaster "${hosts%% *}"
 for host in ${hosts#* }; do startHost "$host"; done
 
 # Whether that many services have reported, and that many hosts announced what
@@ -226,8 +149,4 @@ The fleet goes on. In another terminal:
 
 Ctrl-C stops all of it and removes $fleet.
 EOF
-while :; do
-  sleep 3600 &
-  waiting=$!
-  wait $waiting
-done
+waitForEnd
