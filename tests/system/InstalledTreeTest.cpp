@@ -170,7 +170,7 @@ TEST_F(InstalledTreeTest, programsAreStrippedAndTheirDebugDataLiesApart)
                         Not(HasSubstr(".symtab"))));
       EXPECT_THAT(shell("readelf -S '" + apart + "'"), HasSubstr(".debug_info"));
     }
-  EXPECT_EQ(files, 6U);
+  EXPECT_EQ(files, 7U);
 }
 #endif
 
