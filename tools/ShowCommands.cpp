@@ -289,8 +289,9 @@ struct Described
     std::vector<std::string>& masters =
         same == told.end() ? told.emplace_back(ToldAttribute{attribute, {}}).masters
                            : same->masters;
-    if (std::find(masters.begin(), masters.end(), master) == masters.end())
-      masters.push_back(master);
+    auto const at = std::lower_bound(masters.begin(), masters.end(), master);
+    if (at == masters.end() || *at != master)
+      masters.insert(at, master);
   }
 
   OzfQuery attributes;
