@@ -33,7 +33,11 @@ protected:
   {
     return std::make_unique<Process>(
         "/bin/bash", Words{TQ_SOURCE_DIR "/packaging/fleet.sh", m_folder.path()},
-        Process::Environment{{"TMPDIR", m_folder / "tmp"}, {"PORT", std::to_string(freePort())}});
+        Process::Environment{{"TMPDIR", m_folder / "tmp"},
+                             {"PORT", std::to_string(freePort())},
+                             // LeakSanitizer now and then waits for ever for threads to be
+                             // suspended when many services end; others look for leaks.
+                             {"ASAN_OPTIONS", "detect_leaks=0"}});
   }
 
   using Words = std::vector<std::string>;

@@ -28,7 +28,7 @@ TEST(PublishAwayTest, PostgresThatIsAwayIsWaitedForAndCaughtUpWith)
       << publishing.log();
   ASSERT_TRUE(publishing.postgres().start());
   EXPECT_TRUE(publishing.awaitSql("select count(*) from item", "2"));
-  EXPECT_EQ(publishing.stop(), 0);
+  EXPECT_EQ(publishing.stop(), 0) << publishing.log();
 }
 
 TEST(PublishAwayTest, AMasterThatIsAwayKeepsItsRowsAndIsMarkedStale)
@@ -54,7 +54,7 @@ TEST(PublishAwayTest, AMasterThatIsAwayKeepsItsRowsAndIsMarkedStale)
   ASSERT_TRUE(service.start());
   EXPECT_TRUE(publishing.awaitSql(
       "select stale, reason is null from master where heard is not null", "f|t"));
-  EXPECT_EQ(publishing.stop(), 0);
+  EXPECT_EQ(publishing.stop(), 0) << publishing.log();
 
   // A master that is not named any more is not taken for one that is there.
   service.configure();
@@ -88,5 +88,5 @@ TEST(PublishAwayTest, AStandbyThatTakesOverIsFollowedAndHasAllThatWasCommitted)
   EXPECT_EQ(standby.sql(rows), "20\n20");
   storeIn(service, "late", "probe", itemsWith({{"a", "1"}}));
   EXPECT_TRUE(eventually([&] { return standby.sql(rows) == "21\n21"; })) << publishing.log();
-  EXPECT_EQ(publishing.stop(), 0);
+  EXPECT_EQ(publishing.stop(), 0) << publishing.log();
 }

@@ -84,7 +84,7 @@ TEST(PublishInputTest, TenMebibytesOfItemsFitIntoSixtyFourOfMemory)
     EXPECT_LE(greatestMemory(publishing.process()), 64);
   }
   EXPECT_EQ(publishing.sql("select sha256(content) = digest from payload"), "t");
-  EXPECT_EQ(publishing.stop(), 0);
+  EXPECT_EQ(publishing.stop(), 0) << publishing.log();
 }
 
 TEST(PublishInputTest, AClockThatIsOffIsNamedAndDoesNotDecideWhoIsSilent)
@@ -120,7 +120,7 @@ TEST(PublishInputTest, AClockThatIsOffIsNamedAndDoesNotDecideWhoIsSilent)
   EXPECT_TRUE(publishing.process().awaitError("reports to it of web1, by -17"));
   EXPECT_EQ(publishing.sql("select discovered < now() - interval '1 day' from discovery"), "t");
   EXPECT_EQ(publishing.sql("select count(*) from silent_host"), "0");
-  EXPECT_EQ(publishing.stop(), 0);
+  EXPECT_EQ(publishing.stop(), 0) << publishing.log();
 }
 
 // A value that a table does not take, for whatever reason, is that of its record alone.

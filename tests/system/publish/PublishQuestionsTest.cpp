@@ -40,7 +40,7 @@ TEST(PublishQuestionsTest, ViewsAnswerByWhatExplorersFound)
                            "and event = 'appeared' and host = 'tqtestmaster'"),
             "2")
       << "what it found, and what can be asked for";
-  EXPECT_EQ(publishing.stop(), 0);
+  EXPECT_EQ(publishing.stop(), 0) << publishing.log();
 
   // A day later.
   publishing.sql("update discovery set reported = reported - interval '25 hours'");

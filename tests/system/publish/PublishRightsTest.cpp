@@ -17,7 +17,7 @@ TEST(PublishRightsTest, OneWorksAndTheOtherWaitsForItsEnd)
   Process other(TQ_BIN_DIR "/tqpublish", {"--once"}, publishing.environment());
   ASSERT_TRUE(other.awaitError("Another tqpublish works on this database; waiting for its end"));
   EXPECT_TRUE(other.running());
-  EXPECT_EQ(publishing.stop(), 0);
+  EXPECT_EQ(publishing.stop(), 0) << publishing.log();
   ASSERT_TRUE(other.wait());
   EXPECT_EQ(other.exitCode(), 0);
   EXPECT_THAT(other.errors(), HasSubstr("Works on the database postgres as owner"));
@@ -76,7 +76,7 @@ TEST(PublishRightsTest, ARoleWritesAnotherReadsAndWhatIsTakenAwayIsNamed)
       << "nothing of that pass is kept";
   publishing.sql("grant insert on item to publisher");
   EXPECT_TRUE(publishing.awaitSql("select count(*) from item", "2"));
-  EXPECT_EQ(publishing.stop(), 0);
+  EXPECT_EQ(publishing.stop(), 0) << publishing.log();
 }
 
 // Only root may mount a small disk; for others the table itself says that there is no space.
@@ -130,7 +130,7 @@ TEST(PublishRightsTest, AFullDiskUnderPostgresIsNamedAndWaitedFor)
     std::filesystem::remove(service.database() + "/2 probe large" + ending);
   storeIn(service, "small", "probe", itemsWith({{"a", "1"}}));
   EXPECT_TRUE(publishing.awaitSql("select host from known", "small")) << publishing.log();
-  EXPECT_EQ(publishing.stop(), 0);
+  EXPECT_EQ(publishing.stop(), 0) << publishing.log();
 }
 
 TEST(PublishRightsTest, TheConfigurationIsCheckedAndNoPasswordIsTaken)
