@@ -29,8 +29,11 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
+#include <sys/types.h>
+#include <utility>
 
 namespace Quillon::Tessarine::Ozf
 {
@@ -191,8 +194,9 @@ public:
   void loadPullExplorerCache();
 
   // Takes explorers of other hosts out whose registrations were in that cache and have been
-  // removed from it since, as by an operator. Looks at a few hundred at each call, at all of them
-  // in turn. Brief; one thread.
+  // removed from it since, as by an operator; none while the directory of the database is not the
+  // one of the first call. Looks at a few hundred at each call, at all of them in turn. Brief; one
+  // thread.
   void dropForgotten();
 
   // Whether there is a '*' in the text.
@@ -252,7 +256,8 @@ private:
 
   Registrations m_registrations;
   CachedRegistrations m_cachedRegistrations;
-  std::size_t m_nextAnnounced = 0; // of the pull explorers, to be looked at
+  std::size_t m_nextAnnounced = 0;                      // of the pull explorers, to be looked at
+  std::optional<std::pair<dev_t, ino_t>> m_announcedIn; // the directory of their announcements
   AutoDereference<DiscoveryFramework> m_discoveryFramework;
   std::unique_ptr<Peers> m_ownPeers; // of any but the process's one repository
   Peers& m_peers;

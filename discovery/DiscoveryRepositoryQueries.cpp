@@ -13,6 +13,9 @@
 #include "ozf/orb/Corba.h"
 
 #include <iterator>
+#include <optional>
+#include <sys/stat.h>
+#include <utility>
 #include <vector>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
@@ -30,6 +33,17 @@ bool isInCache(ExplorerWrapper const& entry)
   record->setSubject(new Subject(entry.getSubject()->getName().str()));
   record->setAuthority(new Authority(entry.getAuthority()->getName().str(), AT_REMOTEPULL));
   return getDiscoveryDBDatabase()->isStored(*record);
+}
+
+// Which directory the database is; none while there is nothing of that name.
+std::optional<std::pair<dev_t, ino_t>> databaseDirectory()
+{
+  struct stat status
+  {
+  };
+  if (::stat(getDiscoveryDBDatabase()->getDirectory().c_str(), &status) != 0)
+    return std::nullopt;
+  return std::pair(status.st_dev, status.st_ino);
 }
 
 LoopCounter& remoteQueriesInProgress()
@@ -167,6 +181,12 @@ void DiscoveryRepository::dropForgotten()
   constexpr std::size_t SOME = 500; // some two milliseconds
   if (isShuttingDown() || !isGenericDSOnMaster())
     return;
+  // One that is moved or not mounted for a while has lost nothing.
+  auto const directory = databaseDirectory();
+  if (!m_announcedIn)
+    m_announcedIn = directory;
+  if (!directory || directory != m_announcedIn)
+    return;
   Snapshot const explorers = getPullExplorers();
   if (m_nextAnnounced >= explorers->size())
     m_nextAnnounced = 0;
@@ -180,7 +200,7 @@ void DiscoveryRepository::dropForgotten()
       continue;
     // Whoever registers it anew holds the lock until that is in the database.
     LockableGuard const lockableGuard(*this);
-    if (!lockableGuard.locked() || isInCache(entry))
+    if (!lockableGuard.locked() || isInCache(entry) || databaseDirectory() != m_announcedIn)
       continue;
     m_registrations.dropPull(*at);
     m_cachedRegistrations.giveBack(entry.getSubject()->getName().str());

@@ -398,6 +398,34 @@ TEST_F(DiscoveryRepositoryQueriesTest, CacheRecordsThatDoNotParseAreSkipped)
   EXPECT_EQ("three", (*entries->begin())->getSubject()->getName().str());
 }
 
+TEST_F(DiscoveryRepositoryQueriesTest, NobodyIsForgottenWhileTheDatabaseIsElsewhere)
+{
+  getDiscoveryDBDatabase()->init("");
+  cache("far", "restored", "volume", 7);
+  QueriedRepository repository(true);
+  repository.loadPullExplorerCache();
+  auto const known = [&] { return repository.getPullExplorers()->size(); };
+  repository.dropForgotten();
+  ASSERT_EQ(1U, known());
+
+  std::string const database = getDefaultDatabasePath();
+  std::filesystem::rename(database, database + ".away");
+  repository.dropForgotten();
+  EXPECT_EQ(1U, known());
+  std::filesystem::create_directory(database); // as where a file system is not mounted
+  repository.dropForgotten();
+  EXPECT_EQ(1U, known());
+  std::filesystem::remove(database);
+  std::filesystem::rename(database + ".away", database);
+  repository.dropForgotten();
+  EXPECT_EQ(1U, known());
+
+  std::filesystem::remove(database + "/4 volume restored.xml");
+  LogCapture const quiet;
+  repository.dropForgotten();
+  EXPECT_EQ(0U, known());
+}
+
 // As "db forget" removes it; what was never written there, and what this host has, stay.
 TEST_F(DiscoveryRepositoryQueriesTest, AnExplorerWhoseAnnouncementWasRemovedIsForgotten)
 {
