@@ -50,6 +50,8 @@ public:
     if (m_pid == 0)
     {
       prctl(PR_SET_PDEATHSIG, SIGKILL);
+      for (int const signal : {SIGINT, SIGQUIT}) // ignored where a shell runs the tests behind it
+        std::signal(signal, SIG_DFL);
       dup2(out[1], STDOUT_FILENO);
       dup2(err[1], STDERR_FILENO);
       execve(path.c_str(), argv.data(), environment.data());

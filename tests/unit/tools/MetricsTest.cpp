@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
 #include <set>
 #include <sstream>
 
@@ -171,17 +170,10 @@ TEST(Metrics, seriesAreBoundedWhateverIsStored)
     figures.service->explorers.push_back({std::to_string(i), "client", {}, {}, {}, 1, 1, false});
     figures.service->limitsMet.emplace_back(std::to_string(i), 1);
   }
-  auto const begin = std::chrono::steady_clock::now();
   std::string const text = textOf(figures);
-  auto const took = std::chrono::steady_clock::now() - begin;
   EXPECT_LT(seriesIn(text).size(), 1500U);
   EXPECT_THAT(text, HasSubstr("tqdisco_discoveries{authority=\"host\",type=\"client\"} 100000\n"));
   EXPECT_THAT(text, HasSubstr("tqdisco_discoveries{authority=\"(others)\",type=\"any\"} "));
-#ifdef NDEBUG
-  EXPECT_LT(took, std::chrono::milliseconds(5));
-#else
-  EXPECT_LT(took, std::chrono::milliseconds(100));
-#endif
 }
 
 TEST(Metrics, mastersAreToldApartByTheirNames)
