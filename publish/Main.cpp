@@ -37,7 +37,7 @@ int checkConfiguration()
   auto const configuration = Configuration::read(getConfigurationPath());
   auto problems = configuration.check();
   Settings::from(configuration, problems);
-  return tqdiscoctl::printProblems(configuration, problems) ? EXIT_ORDERLY : EXIT_USAGE;
+  return tqdiscoctl::printProblems(configuration, problems);
 }
 
 int failStart(std::string const& reason)
@@ -45,7 +45,7 @@ int failStart(std::string const& reason)
   OZF_LOG(getPublishLogger(), 1, SOURCE, "main", reason);
   std::fprintf(stderr, "tqpublish: %s\n", onOneLine(reason).c_str());
   sd_notify(0, ("STATUS=" + onOneLine(reason)).c_str());
-  return EXIT_START_FAILED;
+  return tqdiscoctl::PROGRAM_START_FAILED;
 }
 
 void setUpLog(Options const& options)
@@ -105,7 +105,7 @@ int follow(Options const& options)
   if (!complaint.empty())
     return failStart("Stopped: " + complaint);
   OZF_LOG(getPublishLogger(), 1, SOURCE, "main", "Stopped");
-  return EXIT_ORDERLY;
+  return tqdiscoctl::PROGRAM_ORDERLY;
 }
 
 int useDatabase(Options const& options)
@@ -117,19 +117,19 @@ int useDatabase(Options const& options)
         !complaint.empty())
     {
       std::fprintf(stderr, "tqpublish: %s\n", onOneLine(complaint).c_str());
-      return EXIT_START_FAILED;
+      return tqdiscoctl::PROGRAM_START_FAILED;
     }
     std::printf("The schema is of version %d.\n", knownSchemaVersion());
-    return EXIT_ORDERLY;
+    return tqdiscoctl::PROGRAM_ORDERLY;
   }
   if (std::string const complaint = schemaComplaint(database.schemaVersion()); !complaint.empty())
   {
     std::fprintf(stderr, "tqpublish: %s\n", onOneLine(complaint).c_str());
-    return EXIT_START_FAILED;
+    return tqdiscoctl::PROGRAM_START_FAILED;
   }
   std::vector<ConfigurationProblem> problems;
   printUsage(database, Settings::from(*getConfiguration(), problems).historyDays, std::cout);
-  return EXIT_ORDERLY;
+  return tqdiscoctl::PROGRAM_ORDERLY;
 }
 
 } // namespace
@@ -140,7 +140,7 @@ int main(int argc, char** argv)
   try
   {
     Options options;
-    int exitCode = EXIT_ORDERLY;
+    int exitCode = tqdiscoctl::PROGRAM_ORDERLY;
     if (!parseOptions(argc, argv, options, exitCode))
       return exitCode;
     exitCode = options.checkConfiguration        ? checkConfiguration()
@@ -152,6 +152,6 @@ int main(int argc, char** argv)
   catch (std::exception const& failure)
   {
     std::fprintf(stderr, "tqpublish: %s\n", failureText(failure).c_str());
-    return EXIT_START_FAILED;
+    return tqdiscoctl::PROGRAM_START_FAILED;
   }
 }

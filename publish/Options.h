@@ -2,20 +2,14 @@
 
 #pragma once
 
+#include "tools/Program.h"
+
 #include <string>
 
 namespace Publish
 {
 
-// What tqpublish returns, with the numbers of the service.
-enum ExitCode : int
-{
-  EXIT_ORDERLY = 0,
-  EXIT_START_FAILED = 1,
-  EXIT_USAGE = 2
-};
-
-struct Options
+struct Options : tqdiscoctl::ProgramOptions
 {
   enum Task
   {
@@ -25,10 +19,7 @@ struct Options
   };
 
   Task task = FOLLOW;
-  bool checkConfiguration = false;
-  bool once = false; // end after one pass
-  bool debug = false;
-  int logLevel = -1;          // -1: not given
+  bool once = false;          // end after one pass
   std::string writer, reader; // roles, of MIGRATE; empty: none
 };
 

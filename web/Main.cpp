@@ -6,6 +6,7 @@
 #include "ozf/orb/Orb.h"
 #include "ozf/xml/XmlDocumentInterface.h"
 #include "tools/Output.h"
+#include "tools/Program.h"
 #include "tools/Research.h"
 #include "web/HttpServer.h"
 #include "web/ListPolling.h"
@@ -13,16 +14,14 @@
 #include "web/WebLog.h"
 
 #include <algorithm>
-#include <csignal>
+#include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 #include <exception>
-#include <pthread.h>
+#include <functional>
 #include <string>
 #include <sys/stat.h>
 #include <systemd/sd-daemon.h>
-#include <unistd.h>
 #include <vector>
 
 namespace
@@ -33,27 +32,12 @@ using namespace Quillon::Tessarine::Ozf;
 
 constexpr char SOURCE[] = "Main";
 
-sigset_t takenSignals()
-{
-  sigset_t set;
-  sigemptyset(&set);
-  for (int const signal : {SIGTERM, SIGINT, SIGHUP})
-    sigaddset(&set, signal);
-  return set;
-}
-
 int checkConfiguration()
 {
   auto const configuration = Configuration::read(getConfigurationPath());
   auto problems = configuration.check();
   Settings::from(configuration, problems);
-  for (auto const& problem : problems)
-    std::fprintf(stderr, "%s\n", onOneLine(problem.text()).c_str());
-  if (!problems.empty())
-    return EXIT_USAGE;
-  for (auto const& path : configuration.files())
-    std::printf("%s: no mistakes\n", onOneLine(path).c_str());
-  return EXIT_ORDERLY;
+  return tqdiscoctl::printProblems(configuration, problems);
 }
 
 int failStart(std::string const& reason)
@@ -61,7 +45,7 @@ int failStart(std::string const& reason)
   OZF_LOG(getWebLogger(), 1, SOURCE, "main", reason);
   std::fprintf(stderr, "tqdiscoweb: %s\n", onOneLine(reason).c_str());
   sd_notify(0, ("STATUS=Start failed: " + onOneLine(reason)).c_str());
-  return EXIT_START_FAILED;
+  return tqdiscoctl::PROGRAM_START_FAILED;
 }
 
 void setUpLog(Options const& options)
@@ -93,25 +77,15 @@ std::string placeOf(Settings const& settings)
          std::to_string(settings.listen.port) + '/';
 }
 
-// Until a signal says that it is enough.
-void serve(Options const& options)
+// For awaitStop.
+std::function<void(std::string const&)> teller(Options const& options)
 {
-  sigset_t const set = takenSignals();
-  for (;;)
+  return [&options](std::string const& text)
   {
-    int signal = 0;
-    if (sigwait(&set, &signal) != 0)
-      continue;
-    if (signal == SIGHUP)
-    {
+    if (text.empty())
       setUpLog(options);
-      OZF_LOG(getWebLogger(), 1, SOURCE, "main", "Set the log up anew");
-      continue;
-    }
-    OZF_LOG(getWebLogger(), 1, SOURCE, "main", "Stopping, took " << strsignal(signal));
-    sd_notify(0, "STOPPING=1\nSTATUS=Stopping");
-    return;
-  }
+    OZF_LOG(getWebLogger(), 1, SOURCE, "main", (text.empty() ? "Set the log up anew" : text));
+  };
 }
 
 // What is wrong when that is nothing but that no master is named; else empty.
@@ -127,22 +101,15 @@ std::string lackOfMasters(Configuration const& configuration)
 // manager start it again and again. False when a signal ends the wait before.
 bool awaitMasters(Options const& options)
 {
-  constexpr timespec BETWEEN_LOOKS{2, 0};
-  sigset_t const set = takenSignals();
+  constexpr std::chrono::seconds BETWEEN_LOOKS(2);
   for (std::string lack; !(lack = lackOfMasters(*getConfiguration())).empty();)
   {
     OZF_LOG(getWebLogger(), 1, SOURCE, "main", "Waiting for a master: " << lack);
     sd_notify(0, ("READY=1\nSTATUS=Waiting for a master: " + onOneLine(lack)).c_str());
     do
     {
-      int const signal = sigtimedwait(&set, nullptr, &BETWEEN_LOOKS);
-      if (signal == SIGHUP)
-        setUpLog(options);
-      else if (signal > 0)
-      {
-        OZF_LOG(getWebLogger(), 1, SOURCE, "main", "Stopping, took " << strsignal(signal));
+      if (tqdiscoctl::awaitStop(teller(options), BETWEEN_LOOKS))
         return false;
-      }
     } while (lackOfMasters(Configuration::read(getConfigurationPath())) == lack);
     reloadConfiguration();
     setUpLog(options);
@@ -158,7 +125,7 @@ int run(Options const& options)
   tqdiscoctl::setTeller([](std::string const& text)
                         { OZF_LOG(getWebLogger(), 4, SOURCE, "main", text); });
   if (!awaitMasters(options))
-    return EXIT_ORDERLY;
+    return tqdiscoctl::PROGRAM_ORDERLY;
   std::vector<ConfigurationProblem> problems;
   Settings const settings = Settings::from(*getConfiguration(), problems);
   if (!problems.empty())
@@ -188,24 +155,22 @@ int run(Options const& options)
   std::string const place = placeOf(settings);
   OZF_LOG(getWebLogger(), 1, SOURCE, "main", "Started, version " TQ_VERSION ", at " << place);
   sd_notify(0, ("READY=1\nSTATUS=Serving at " + onOneLine(place)).c_str());
-  serve(options);
+  tqdiscoctl::awaitStop(teller(options));
+  sd_notify(0, "STOPPING=1\nSTATUS=Stopping");
   server.stop();
   OZF_LOG(getWebLogger(), 1, SOURCE, "main", "Stopped");
-  return EXIT_ORDERLY;
+  return tqdiscoctl::PROGRAM_ORDERLY;
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-  // First of all: whoever starts a program may stop it at once.
-  sigset_t const set = takenSignals();
-  pthread_sigmask(SIG_BLOCK, &set, nullptr);
-  std::signal(SIGPIPE, SIG_IGN);
+  tqdiscoctl::takeSignals();
   try
   {
     Options options;
-    int exitCode = EXIT_ORDERLY;
+    int exitCode = tqdiscoctl::PROGRAM_ORDERLY;
     if (!parseOptions(argc, argv, options, exitCode))
       return exitCode;
     exitCode = options.checkConfiguration ? checkConfiguration() : run(options);
@@ -215,6 +180,6 @@ int main(int argc, char** argv)
   catch (std::exception const& exception)
   {
     std::fprintf(stderr, "tqdiscoweb: %s\n", onOneLine(exception.what()).c_str());
-    return EXIT_START_FAILED;
+    return tqdiscoctl::PROGRAM_START_FAILED;
   }
 }

@@ -4,6 +4,7 @@
 #include "ozf/base/SystemError.h"
 #include "ozf/base/Trim.h"
 #include "ozf/config/ConfigurationKeys.h"
+#include "ozf/config/Masters.h"
 
 #include <algorithm>
 #include <fcntl.h>
@@ -126,15 +127,6 @@ Settings Settings::from(Configuration const& configuration,
 {
   Settings settings;
   Reading reading(configuration, problems);
-  settings.masters = configuration.list(configKey("WEB_MASTERS"));
-  if (std::string const* const server = configuration.find(configKey("SERVER"));
-      settings.masters.empty() && server != nullptr && !server->empty())
-    settings.masters.push_back(*server);
-  std::sort(settings.masters.begin(), settings.masters.end());
-  settings.masters.erase(std::unique(settings.masters.begin(), settings.masters.end()),
-                         settings.masters.end());
-  if (settings.masters.size() > MOST_MASTERS)
-    reading.complain("WEB_MASTERS names more than " + std::to_string(MOST_MASTERS) + " masters");
   settings.interval = static_cast<double>(configuration.seconds(configKey("WEB_LIST_INTERVAL")));
   settings.share = static_cast<double>(configuration.number(configKey("WEB_MASTER_SHARE"))) / 100;
   settings.token = reading.token();
@@ -158,9 +150,8 @@ Settings Settings::from(Configuration const& configuration,
     reading.complain("WEB_LISTEN: others than this host can reach " + place +
                      "; accepted with WEB_TOKEN_FILE, or with WEB_TLS_CERTIFICATE, WEB_TLS_KEY "
                      "and WEB_TLS_CA");
-  if (settings.masters.empty()) // last, as it is no reason not to start
-    reading.complain("neither WEB_MASTERS nor SERVER is there; accepted: the name or address of "
-                     "a master");
+  // Last: that there is none is no reason not to start.
+  settings.masters = mastersOf(configuration, configKey("WEB_MASTERS"), MOST_MASTERS, problems);
   return settings;
 }
 

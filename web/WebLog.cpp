@@ -1,11 +1,7 @@
 #include "web/WebLog.h"
 
-#include "ozf/config/Configuration.h"
 #include "ozf/config/ConfigurationKeys.h"
-#include "ozf/config/ConfigurationValues.h"
-
-#include <string>
-#include <vector>
+#include "ozf/config/ProgramLog.h"
 
 namespace Web
 {
@@ -15,7 +11,6 @@ using namespace Quillon::Tessarine::Ozf;
 namespace
 {
 
-constexpr char SOURCE[] = "WebLog";
 constexpr int ORIGINATOR = 4;
 
 } // namespace
@@ -28,20 +23,7 @@ OzfLogger* getWebLogger()
 
 void setUpWebLog(Configuration const& configuration, int level)
 {
-  std::vector<std::string> excepted = configuration.list(configKey("LOG_EXCEPT"));
-  std::erase_if(excepted, [](std::string const& pattern) { return !isLogPattern(pattern); });
-  LoggerFactory::setExcepted(excepted);
-  LoggerFactory::setLevel(
-      level >= 0 ? level : static_cast<int>(configuration.number(configKey("LOG_LEVEL"))));
-  std::string const destination = configuration.word(configKey("WEB_LOG_FILE"));
-  std::string reason;
-  if (destination == "syslog")
-    LoggerFactory::setSyslog("tqdiscoweb");
-  else if (destination == "stderr" || !LoggerFactory::setFile(destination, reason))
-    LoggerFactory::setStderr();
-  if (!reason.empty())
-    OZF_LOG(getWebLogger(), 1, SOURCE, "setUpWebLog",
-            "Unable to open the log file " << destination << ", using standard error: " << reason);
+  setUpProgramLog(configuration, configKey("WEB_LOG_FILE"), "tqdiscoweb", level, getWebLogger());
 }
 
 } // namespace Web
