@@ -82,5 +82,6 @@ std::vector<Row> benchGatewayHosts(Settings const& settings);
 std::vector<Row> benchGatewayMetrics(Settings const& settings);
 std::vector<Row> benchGatewayRest(Settings const& settings);
 std::vector<Row> benchGatewayMemory(Settings const& settings);
+std::vector<Row> benchPublish(Settings const& settings);
 
 } // namespace tqbench

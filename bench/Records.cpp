@@ -25,6 +25,21 @@ void writeFile(std::string const& path, std::string const& text)
   require(!out.fail(), "cannot write a file of the database");
 }
 
+std::string baseName(std::string const& subject, std::string const& authority)
+{
+  return std::to_string(static_cast<int>(TYPE)) + ' ' + authority + ' ' + subject;
+}
+
+std::string document(std::string const& subject, std::string const& authority)
+{
+  AutoDereference<DBDiscovery> discovery(
+      new DBDiscovery(OzfPathname("."), nullptr, DQ_DISCOVERY_DATA));
+  describe(*discovery, subject, authority);
+  std::ostringstream text;
+  discovery->writeXml(text, XmlStr::UTF_8);
+  return text.str();
+}
+
 } // namespace
 
 std::string const& payload()
@@ -47,27 +62,29 @@ std::string subjectName(std::size_t number)
   return name;
 }
 
-std::string baseName(std::size_t number)
-{
-  return std::to_string(static_cast<int>(TYPE)) + ' ' + AUTHORITY + ' ' + subjectName(number);
-}
+std::string baseName(std::size_t number) { return baseName(subjectName(number), AUTHORITY); }
 
 void describe(Discovery& discovery, std::size_t number)
 {
-  discovery.setAuthority(new Authority(AUTHORITY, TYPE));
-  discovery.setSubject(new Subject(subjectName(number)));
+  describe(discovery, subjectName(number), AUTHORITY);
+}
+
+void describe(Discovery& discovery, std::string const& subject, std::string const& authority)
+{
+  discovery.setAuthority(new Authority(authority, TYPE));
+  discovery.setSubject(new Subject(subject));
   discovery.setAttributes(new CollectionAttributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY,
                                                    OzfObjTime::now(), OzfObjTime(ONE_YEAR), 1));
 }
 
-std::string document(std::size_t number)
+std::string document(std::size_t number) { return document(subjectName(number), AUTHORITY); }
+
+void putFiles(std::string const& directory, std::string const& subject,
+              std::string const& authority, std::string const& payload)
 {
-  AutoDereference<DBDiscovery> discovery(
-      new DBDiscovery(OzfPathname("."), nullptr, DQ_DISCOVERY_DATA));
-  describe(*discovery, number);
-  std::ostringstream text;
-  discovery->writeXml(text, XmlStr::UTF_8);
-  return text.str();
+  std::string const base = directory + '/' + baseName(subject, authority);
+  writeFile(base + ".xml", document(subject, authority));
+  writeFile(base + ".dat", payload);
 }
 
 void makeDatabase(std::string const& root, std::size_t count)
@@ -75,11 +92,7 @@ void makeDatabase(std::string const& root, std::size_t count)
   std::string const directory = root + "/db/discovery";
   std::filesystem::create_directories(directory);
   for (std::size_t number = 0; number < count; ++number)
-  {
-    std::string const base = directory + '/' + baseName(number);
-    writeFile(base + ".xml", document(number));
-    writeFile(base + ".dat", payload());
-  }
+    putFiles(directory, subjectName(number), AUTHORITY, payload());
   ::sync();
 }
 

@@ -94,7 +94,8 @@ int follow(Options const& options)
   std::thread work(
       [&]
       {
-        Publisher publisher(settings, stop);
+        Publisher publisher(settings, stop, [](std::string const& text)
+                            { sd_notify(0, ("STATUS=" + text).c_str()); });
         complaint = publisher.run(options.once);
         tqdiscoctl::endAwaitStop();
       });

@@ -28,8 +28,8 @@ std::int64_t nowInSeconds()
 
 } // namespace
 
-Publisher::Publisher(Settings const& settings, Stop const& stop)
-    : m_settings(settings), m_stop(stop)
+Publisher::Publisher(Settings const& settings, Stop const& stop, Tell tell)
+    : m_settings(settings), m_stop(stop), m_tell(std::move(tell))
 {
   for (std::string const& master : settings.masters)
     m_masters.push_back(std::make_unique<Followed>(Followed{Follower(master, settings, stop)}));
@@ -44,7 +44,11 @@ std::string Publisher::run(bool once)
       if (!m_database)
         if (std::string complaint = connect(); !complaint.empty() || m_stop.requested())
           return complaint;
+      auto const begin = std::chrono::steady_clock::now();
       passes();
+      std::chrono::duration<double> const taken = std::chrono::steady_clock::now() - begin;
+      m_tell("The last pass over " + std::to_string(m_masters.size()) + " masters took " +
+             std::to_string(taken.count()) + " seconds");
       cleanUp();
       if (!m_told.empty())
         OZF_LOG(getPublishLogger(), 1, SOURCE, "Publisher::run", "The database is current again");

@@ -4,7 +4,9 @@
 
 #include "publish/Follower.h"
 
+#include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace Publish
@@ -14,7 +16,10 @@ namespace Publish
 class Publisher
 {
 public:
-  Publisher(Settings const& settings, Stop const& stop);
+  using Tell = std::function<void(std::string const&)>;
+
+  // tell gets a line for people after each pass.
+  Publisher(Settings const& settings, Stop const& stop, Tell tell);
 
   // Until the stop is requested, or after one pass with once. What goes wrong meanwhile is a line
   // in the log, and tried again; only a schema that is not the program's ends it: returns what is
@@ -37,6 +42,7 @@ private:
 
   Settings const& m_settings;
   Stop const& m_stop;
+  Tell const m_tell;
   std::vector<std::unique_ptr<Followed>> m_masters;
   std::unique_ptr<Database> m_database;
   std::string m_told; // why the database was of no use, when that was last told

@@ -34,6 +34,12 @@ public:
   // Whether a message that holds text comes before the deadline.
   bool await(std::string const& text, std::chrono::milliseconds time = std::chrono::seconds(60))
   {
+    return !awaitMessage(text, time).empty();
+  }
+
+  // That message; empty when none comes.
+  std::string awaitMessage(std::string const& text, std::chrono::milliseconds time)
+  {
     auto const deadline = std::chrono::steady_clock::now() + time;
     while (std::chrono::steady_clock::now() < deadline)
     {
@@ -42,11 +48,11 @@ public:
         continue;
       char buffer[1024];
       ssize_t const count = recv(m_fd, buffer, sizeof buffer, 0);
-      if (count > 0 &&
-          std::string(buffer, static_cast<std::size_t>(count)).find(text) != std::string::npos)
-        return true;
+      std::string message(buffer, count > 0 ? static_cast<std::size_t>(count) : 0);
+      if (message.find(text) != std::string::npos)
+        return message;
     }
-    return false;
+    return {};
   }
 
 private:
