@@ -2,7 +2,7 @@
 
 #include "bench/Bench.h"
 #include "bench/Records.h"
-#include "tests/support/Records.h"
+#include "tests/support/PlacedRecords.h"
 
 #include <unistd.h>
 
@@ -41,7 +41,8 @@ std::string fileSystems(std::size_t host, std::size_t round)
   constexpr unsigned long long SIZE = 214'748'364'800;
   std::string items;
   int number = 0;
-  for (std::string const place : {"/", "/boot", "/home", "/srv", "/tmp", "/usr", "/var", "/var/log"})
+  for (std::string const place :
+       {"/", "/boot", "/home", "/srv", "/tmp", "/usr", "/var", "/var/log"})
   {
     ++number;
     bool const isChanging = place == "/var";
@@ -57,8 +58,8 @@ std::string fileSystems(std::size_t host, std::size_t round)
             fact("Uuid", "0d15ea5e-aaaa-4bbb-8ccc-" + std::to_string(100'000'000'000 + host)) +
             fact("Size", std::to_string(SIZE)) + fact("Used", std::to_string(used)) +
             fact("Available", std::to_string(SIZE - used)) +
-            fact("Use", std::to_string(used * 100 / SIZE + 1) + '%') +
-            fact("Inodes", "13107200") + fact("InodesUsed", std::to_string(4000 + host % 9000)));
+            fact("Use", std::to_string(used * 100 / SIZE + 1) + '%') + fact("Inodes", "13107200") +
+            fact("InodesUsed", std::to_string(4000 + host % 9000)));
   }
   return document(items);
 }
@@ -82,11 +83,11 @@ std::string hostFacts(std::size_t host)
 
 std::string serviceFacts(std::size_t host, std::size_t round)
 {
-  std::string items = item(
-      "service", subjectName(host),
-      fact("Kind", "service") + fact("Role", "client") + fact("Version", "1.4.0") +
-          fact("StartTime", "2026-01-01T10:00:00Z") + fact("StoredDiscoveries", "12") +
-          fact("Connections", "1") + fact("ConnectionsTaken", std::to_string(100 + round)));
+  std::string items =
+      item("service", subjectName(host),
+           fact("Kind", "service") + fact("Role", "client") + fact("Version", "1.4.0") +
+               fact("StartTime", "2026-01-01T10:00:00Z") + fact("StoredDiscoveries", "12") +
+               fact("Connections", "1") + fact("ConnectionsTaken", std::to_string(100 + round)));
   for (std::string const name : {"filesystem", "host"})
     items += item("service", name,
                   fact("Kind", "push") + fact("Type", "client") + fact("Priority", "1") +
@@ -163,11 +164,11 @@ void PublishFleet::fill(std::size_t master)
   for (std::size_t host = master; host < hosts(); host += m_masters.size())
   {
     std::string const subject = subjectName(host);
-    putFiles(directory, subject, "filesystem", fileSystems(host, 0));
-    putFiles(directory, subject, "host", hostFacts(host));
-    putFiles(directory, subject, "service", serviceFacts(host, 0));
+    records::place(directory, "filesystem", subject, fileSystems(host, 0));
+    records::place(directory, "host", subject, hostFacts(host));
+    records::place(directory, "service", subject, serviceFacts(host, 0));
     if (host % PACKAGES_OF_ONE_IN == 0)
-      putFiles(directory, subject, "software", packages(host));
+      records::place(directory, "software", subject, packages(host));
   }
 }
 
@@ -190,11 +191,9 @@ void PublishFleet::reportOne(std::size_t number)
   std::size_t const host = number / 2 % hosts();
   std::size_t const round = 1 + number / 2 / hosts();
   bool const isOfService = number % 2 == 0;
-  require(records::store(m_masters[host % m_masters.size()]->database(),
-                         isOfService ? "service" : "filesystem", subjectName(host), 1,
-                         isOfService ? serviceFacts(host, round) : fileSystems(host, round)) ==
-              records::DS_SUCCESS,
-          "a report could not be stored");
+  records::place(m_masters[host % m_masters.size()]->database(),
+                 isOfService ? "service" : "filesystem", subjectName(host),
+                 isOfService ? serviceFacts(host, round) : fileSystems(host, round));
 }
 
 std::string PublishFleet::configuration(std::size_t masters) const

@@ -17,7 +17,7 @@ namespace tqbench
 class PublishFleet
 {
 public:
-  static constexpr std::size_t EACH = 3;      // discoveries of a host, beside packages
+  static constexpr std::size_t EACH = 3;       // discoveries of a host, beside packages
   static constexpr std::size_t PACKAGES = 400; // of a host that tells of them
 
   // Fills the databases; without a flush for each discovery.
@@ -28,8 +28,8 @@ public:
   std::size_t hosts() const { return m_masters.size() * m_hosts; }
   std::size_t records() const { return m_records; }
 
-  // Some of the hosts report again, through the library as they would: every other one another
-  // use of a file system, the others their services' counts. Each time others.
+  // Some of the hosts report again: every other one another use of a file system, the others their
+  // services' counts. Each time others. Nobody must read them meanwhile.
   void report(std::size_t count);
 
   // Lines of the configuration of who follows the first of these masters.

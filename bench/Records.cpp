@@ -25,21 +25,6 @@ void writeFile(std::string const& path, std::string const& text)
   require(!out.fail(), "cannot write a file of the database");
 }
 
-std::string baseName(std::string const& subject, std::string const& authority)
-{
-  return std::to_string(static_cast<int>(TYPE)) + ' ' + authority + ' ' + subject;
-}
-
-std::string document(std::string const& subject, std::string const& authority)
-{
-  AutoDereference<DBDiscovery> discovery(
-      new DBDiscovery(OzfPathname("."), nullptr, DQ_DISCOVERY_DATA));
-  describe(*discovery, subject, authority);
-  std::ostringstream text;
-  discovery->writeXml(text, XmlStr::UTF_8);
-  return text.str();
-}
-
 } // namespace
 
 std::string const& payload()
@@ -62,29 +47,27 @@ std::string subjectName(std::size_t number)
   return name;
 }
 
-std::string baseName(std::size_t number) { return baseName(subjectName(number), AUTHORITY); }
+std::string baseName(std::size_t number)
+{
+  return std::to_string(static_cast<int>(TYPE)) + ' ' + AUTHORITY + ' ' + subjectName(number);
+}
 
 void describe(Discovery& discovery, std::size_t number)
 {
-  describe(discovery, subjectName(number), AUTHORITY);
-}
-
-void describe(Discovery& discovery, std::string const& subject, std::string const& authority)
-{
-  discovery.setAuthority(new Authority(authority, TYPE));
-  discovery.setSubject(new Subject(subject));
+  discovery.setAuthority(new Authority(AUTHORITY, TYPE));
+  discovery.setSubject(new Subject(subjectName(number)));
   discovery.setAttributes(new CollectionAttributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY,
                                                    OzfObjTime::now(), OzfObjTime(ONE_YEAR), 1));
 }
 
-std::string document(std::size_t number) { return document(subjectName(number), AUTHORITY); }
-
-void putFiles(std::string const& directory, std::string const& subject,
-              std::string const& authority, std::string const& payload)
+std::string document(std::size_t number)
 {
-  std::string const base = directory + '/' + baseName(subject, authority);
-  writeFile(base + ".xml", document(subject, authority));
-  writeFile(base + ".dat", payload);
+  AutoDereference<DBDiscovery> discovery(
+      new DBDiscovery(OzfPathname("."), nullptr, DQ_DISCOVERY_DATA));
+  describe(*discovery, number);
+  std::ostringstream text;
+  discovery->writeXml(text, XmlStr::UTF_8);
+  return text.str();
 }
 
 void makeDatabase(std::string const& root, std::size_t count)
@@ -92,7 +75,11 @@ void makeDatabase(std::string const& root, std::size_t count)
   std::string const directory = root + "/db/discovery";
   std::filesystem::create_directories(directory);
   for (std::size_t number = 0; number < count; ++number)
-    putFiles(directory, subjectName(number), AUTHORITY, payload());
+  {
+    std::string const base = directory + '/' + baseName(number);
+    writeFile(base + ".xml", document(number));
+    writeFile(base + ".dat", payload());
+  }
   ::sync();
 }
 

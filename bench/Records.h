@@ -27,14 +27,9 @@ std::string baseName(std::size_t number);
 // Gives a new discovery its authority, its subject and attributes that hold
 // for a year.
 void describe(Discovery& discovery, std::size_t number);
-void describe(Discovery& discovery, std::string const& subject, std::string const& authority);
 
 // The metadata document of the discovery of that number.
 std::string document(std::size_t number);
-
-// Puts both files of a discovery into the directory, without a flush.
-void putFiles(std::string const& directory, std::string const& subject,
-              std::string const& authority, std::string const& payload);
 
 // Fills the database of the product root with the discoveries 0 to count - 1,
 // both files of each, without a flush for each of them, and has everything on

@@ -192,7 +192,8 @@ bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr remote)
     std::size_t const most = std::min(MAX_SIZE, ReadSize::ofThread());
     if (m_cache.size() + page->length() > most)
     {
-      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+      // Who has set a smaller limit looks for that.
+      OZF_LOG(getOzfLogger(), most == MAX_SIZE ? 1 : 4, SOURCE, OPERATION,
               "Collection data from " << m_discovery->sourceHost.in() << " exceeds " << most
                                       << " bytes");
       return false;

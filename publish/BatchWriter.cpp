@@ -17,6 +17,9 @@ namespace
 {
 
 constexpr std::size_t MOST_STAGED = std::size_t(1) << 20; // bytes
+// A larger one goes by itself: in text, as it is staged, it takes twice its size, and several
+// times.
+constexpr std::size_t LARGE = std::size_t(64) << 10; // bytes
 // libpq copies what is sent, and keeps the memory.
 constexpr std::size_t PIECE = std::size_t(2) << 20; // bytes
 
@@ -30,7 +33,7 @@ std::string jsonOf(nlohmann::json const& value) { return jsonText(value, -1); }
 BatchWriter::BatchWriter(pqxx::transaction_base& transaction, int master, bool isFirst)
     : m_transaction(transaction), m_master(master), m_isFirst(isFirst)
 {
-  m_transaction.exec("truncate staged, staged_item");
+  m_transaction.exec("truncate staged, staged_item, staged_payload");
 }
 
 std::int64_t BatchWriter::itemKey(std::string const& name)
@@ -67,10 +70,19 @@ void BatchWriter::item(Half const& record, Item const& item, OzfQuery const& des
                             {"text", sqlText(item.status->text)}});
   staged.policy = sqlText(item.policy);
   staged.content = sqlText(item.text);
-  m_bytes += sizeof staged + staged.name.size() + staged.facts.size() + staged.content.size();
+  std::size_t const bytes =
+      sizeof staged + staged.name.size() + staged.facts.size() + staged.content.size();
   m_items.push_back(std::move(staged));
-  if (m_bytes >= MOST_STAGED)
-    sendItems();
+  stage(bytes);
+}
+
+void BatchWriter::stage(std::size_t bytes)
+{
+  m_bytes += bytes;
+  if (m_bytes < MOST_STAGED)
+    return;
+  sendItems();
+  sendPayloads();
 }
 
 void BatchWriter::sendItems()
@@ -88,8 +100,33 @@ void BatchWriter::sendItems()
   m_bytes = 0;
 }
 
+void BatchWriter::sendPayloads()
+{
+  if (m_payloads.empty())
+    return;
+  std::vector<std::string> const columns = {"digest", "content"};
+  pqxx::stream_to stream(m_transaction, "staged_payload", columns);
+  for (StagedPayload const& each : m_payloads)
+    stream << std::make_tuple(each.digest, each.content);
+  stream.complete();
+  m_payloads.clear();
+  m_bytes = 0;
+}
+
 void BatchWriter::payload(Digest const& digest, std::string const& content)
 {
+  if (content.size() < LARGE)
+  {
+    StagedPayload staged{sqlBytes(digest), {}};
+    if (!m_digests.insert(staged.digest).second)
+      return;
+    staged.content =
+        sqlBytes({reinterpret_cast<unsigned char const*>(content.data()), content.size()});
+    std::size_t const bytes = sizeof staged + staged.content.size();
+    m_payloads.push_back(std::move(staged));
+    stage(bytes);
+    return;
+  }
   pqxx::binarystring const key(digest.data(), digest.size());
   auto const piece = [&content](std::size_t at)
   { return pqxx::binarystring(content.data() + at, std::min(PIECE, content.size() - at)); };
@@ -134,12 +171,14 @@ void BatchWriter::sendRecords()
 void BatchWriter::finish()
 {
   sendItems();
+  sendPayloads();
   sendRecords();
-  m_transaction.exec("analyze staged_item");
+  m_transaction.exec_prepared("add_payloads");
+  m_transaction.exec("analyze staged_item (record, key)");
   m_transaction.exec_prepared("find_staged", m_master);
   m_transaction.exec_prepared("add_staged", m_master, m_isFirst);
   // Not before, as it would take the rows for ones that are nowhere, and items for quickly read.
-  m_transaction.exec("analyze staged");
+  m_transaction.exec("analyze staged (key, id, before, digest, is_new)");
   m_transaction.exec_prepared("update_staged");
   m_transaction.exec_prepared("note_staged");
   m_transaction.exec_prepared("drop_items");

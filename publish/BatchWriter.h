@@ -52,6 +52,10 @@ private:
   {
     std::string record, key, name, facts, status, policy, content;
   };
+  struct StagedPayload
+  {
+    std::string digest, content;
+  };
   struct StagedRecord
   {
     std::string key, subject, authority;
@@ -64,7 +68,9 @@ private:
     bool keepHistory, kept;
   };
 
+  void stage(std::size_t bytes);
   void sendItems();
+  void sendPayloads();
   void sendRecords();
   std::int64_t itemKey(std::string const& name);
 
@@ -73,7 +79,9 @@ private:
   bool const m_isFirst;
   std::vector<StagedRecord> m_records;
   std::vector<StagedItem> m_items;
-  std::size_t m_bytes = 0;                             // of m_items
+  std::vector<StagedPayload> m_payloads;
+  std::unordered_set<std::string> m_digests;           // of payloads that were staged
+  std::size_t m_bytes = 0;                             // of m_items and m_payloads
   Half m_current{};                                    // record whose items come
   std::unordered_set<std::int64_t> m_keys;             // of its items
   std::unordered_map<std::string, unsigned> m_numbers; // of names that it has several times

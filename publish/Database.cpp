@@ -1,6 +1,7 @@
 #include "publish/Database.h"
 
 #include "ozf/base/Display.h"
+#include "ozf/orb/Corba.h"
 #include "publish/SchemaTexts.h"
 
 #include <algorithm>
@@ -136,6 +137,38 @@ std::string failureText(std::exception const& failure)
       isAnyOf<pqxx::broken_connection>(failure))
     return "PostgreSQL cannot be reached: " + message;
   return (state.empty() ? "" : "PostgreSQL refuses with " + state + ": ") + message;
+}
+
+std::string failureInHand()
+{
+  try
+  {
+    throw;
+  }
+  catch (std::exception const& failure)
+  {
+    return failureText(failure);
+  }
+  catch (CORBA::Exception const& failure)
+  {
+    return "a call failed: " + Quillon::Tessarine::Ozf::corbaExceptionText(failure);
+  }
+  catch (...)
+  {
+    return "something failed that does not tell what";
+  }
+}
+
+std::string guarded(std::function<std::string()> const& work)
+{
+  try
+  {
+    return work();
+  }
+  catch (...)
+  {
+    return failureInHand();
+  }
 }
 
 bool isOfValues(std::exception const& failure)

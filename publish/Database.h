@@ -3,6 +3,7 @@
 #pragma once
 
 #include <exception>
+#include <functional>
 #include <pqxx/pqxx>
 #include <string>
 
@@ -47,6 +48,12 @@ std::string migrate(Database& database, std::string const& writer, std::string c
 
 // What happened, on one line, and what it means where that is known.
 std::string failureText(std::exception const& failure);
+
+// The same of what is being caught, whatever it is.
+std::string failureInHand();
+
+// What the work returns; where it throws, what that was. A thread that lets nothing out.
+std::string guarded(std::function<std::string()> const& work);
 
 // Whether values were refused, so that others may still be taken.
 bool isOfValues(std::exception const& failure);

@@ -2,7 +2,6 @@
 
 #include "discovery/RemoteDBDrain.h"
 #include "ozf/base/Wildcard.h"
-#include "publish/BatchWriter.h"
 #include "publish/PublishLog.h"
 #include "publish/SqlText.h"
 #include "tools/ExitCodes.h"
@@ -21,12 +20,11 @@ namespace
 
 constexpr char SOURCE[] = "Follower";
 constexpr std::chrono::seconds LONGEST_LIST(120);
-constexpr std::chrono::seconds LONGEST_READ(60);
 
-// A round's records are in memory, and so is what is to be taken over when it is committed.
+// A round's records are in memory, and those of some other masters.
 constexpr std::size_t MOST_CHANGED = 10000;
-constexpr std::size_t MOST_CHANGED_BYTES = std::size_t(6) << 20;
-constexpr std::size_t BATCH = 200;
+constexpr std::size_t MOST_CHANGED_BYTES = std::size_t(4) << 20;
+constexpr std::size_t BATCH = 1000;
 constexpr std::size_t BATCH_GONE = 1000;
 
 // Times on the wire are whole seconds: what was listed may be written once more in the same one.
@@ -35,7 +33,7 @@ constexpr double SETTLED = 1.1; // seconds
 // A master tells in whole seconds how long a record still holds, and its answer takes time.
 constexpr std::int64_t SLACK = 10; // seconds
 
-// A payload that could not be read is tried again so often.
+// A payload that could not be read is tried again in the first pass, and each so many passes on.
 constexpr unsigned RETRY_PASSES = 12;
 
 constexpr std::int64_t CLOCK_SLACK = 300; // seconds
@@ -112,116 +110,143 @@ void Follower::load(Database& database)
   work.commit();
 }
 
-bool Follower::list(Round& round, std::string& why)
+void Follower::list(Stop const& end)
 {
+  ++m_passes;
+  ask(end, true);
+}
+
+void Follower::ask(Stop const& end, bool isFirst)
+{
+  bool const retries = isFirst && m_passes % RETRY_PASSES == 1;
   DiscoverySvc::ReadDeadline const deadline(LONGEST_LIST);
+  m_round = {};
+  m_round.asked = OzfObjTime::now().seconds();
   m_known.beginPass();
   std::size_t bytes = 0;
   Selection selection;
   selection.master = m_master;
+  std::string why;
   int const result = visitRecords(
       selection,
       [&](Record record)
       {
-        ++round.listed;
-        KnownRecord const now = knownOf(record);
-        if (now.discovered > m_newest)
-        {
-          m_newest = now.discovered;
-          m_newestSubject = record.subject;
-        }
-        if (KnownRecord* const known = m_known.find(now.key))
-        {
-          known->seen = true;
-          bool const isDue = known->unread && m_passes % RETRY_PASSES == 0;
-          if (isSame(*known, now.discovered, now.expires) && !isDue)
-            return true;
-        }
-        bytes += sizeof record + record.subject.capacity() + record.authority.capacity();
-        round.more =
-            round.more || round.changed.size() == MOST_CHANGED || bytes > MOST_CHANGED_BYTES;
-        if (!round.more)
-          round.changed.push_back(std::move(record));
-        return true;
+        take(std::move(record), retries, bytes);
+        return !m_stop.requested() && !end.requested();
       },
       true, &why);
-  if (why == NOT_QUERIED)
-    why = "it cannot be reached, or does not answer";
-  round.complete = result == EXIT_DONE;
-  return isListed(result);
+  m_round.complete = result == EXIT_DONE;
+  if (!isListed(result))
+    m_round.why = why == NOT_QUERIED ? "it cannot be reached, or does not answer" : why;
+  else if (!m_round.changed.empty())
+    m_stop.wait(SETTLED);
 }
 
-bool Follower::pass()
+void Follower::take(Record record, bool retries, std::size_t& bytes)
 {
-  ++m_passes;
-  m_descriptions = {};
-  bool isLost = false;
-  for (bool goesOn = true; goesOn && !isLost && !m_stop.requested();)
+  Round& round = m_round;
+  ++round.listed;
+  KnownRecord const now = knownOf(record);
+  if (now.discovered > round.newest)
   {
-    auto const begin = PassClock::now();
-    std::int64_t const asked = OzfObjTime::now().seconds();
-    Round round;
-    m_newest = 0;
-    if (std::string why; !list(round, why))
-    {
-      markAway(why);
-      return false;
-    }
-    if (!round.changed.empty() && m_stop.wait(SETTLED))
-      return true;
-
-    pqxx::work work(m_database->connection());
-    m_written.clear();
-    write(work, round);
-    isLost = round.lost;
-    std::vector<Half> gone;
-    if (!round.more && round.complete && !isLost && !m_stop.requested())
-      gone = m_known.unseen();
-    markGone(work, gone);
-    watchClock(round);
-    work.exec_prepared("heartbeat", m_id, round.complete, m_ahead);
-    work.commit();
-    m_known.remove(gone);
-    m_known.apply(m_written);
-    m_isFirst = m_isFirst && round.more;
-    m_listed = asked;
-    tellHeard(round.listed);
-    OZF_LOG(getPublishLogger(), 4, SOURCE, "Follower::pass",
-            m_master << ": " << round.listed << " listed, " << m_written.size() << " written, "
-                     << gone.size() << " gone, in "
-                     << std::chrono::duration<double>(PassClock::now() - begin).count()
-                     << " seconds");
-    goesOn = round.more && !m_written.empty();
+    round.newest = now.discovered;
+    round.newestSubject = record.subject;
   }
-  if (isLost)
-    markAway("it stopped answering");
-  return !isLost;
+  if (KnownRecord* const known = m_known.find(now.key))
+  {
+    known->seen = true;
+    if (isSame(*known, now.discovered, now.expires) && !(known->unread && retries))
+      return;
+  }
+  bytes += sizeof record + record.subject.capacity() + record.authority.capacity();
+  round.more = round.more || round.changed.size() == MOST_CHANGED || bytes > MOST_CHANGED_BYTES;
+  if (!round.more)
+    round.changed.push_back(std::move(record));
 }
 
-void Follower::write(pqxx::work& work, Round& round)
+bool Follower::write()
 {
-  std::span<Record const> left = round.changed;
-  while (!left.empty() && !round.lost && !m_stop.requested())
+  if (m_stop.requested())
+    return true;
+  if (!m_round.why.empty())
+  {
+    markAway(m_round.why);
+    return false;
+  }
+  auto const begin = PassClock::now();
+  m_descriptions = {};
+  pqxx::work work(m_database->connection());
+  std::size_t const written = writeRounds(work);
+  std::vector<Half> gone;
+  if (!m_round.more && m_round.complete && !m_round.lost && !m_stop.requested())
+    gone = m_known.unseen();
+  markGone(work, gone);
+  work.exec_prepared("heartbeat", m_id, m_round.complete, m_ahead);
+  work.commit();
+  m_known.remove(gone);
+  OZF_LOG(getPublishLogger(), 4, SOURCE, "Follower::write",
+          m_master << ": " << m_round.listed << " listed, " << written << " written, "
+                   << gone.size() << " gone, in "
+                   << std::chrono::duration<double>(PassClock::now() - begin).count()
+                   << " seconds");
+  if (m_round.lost)
+    markAway("it stopped answering");
+  else
+    tellHeard();
+  bool const isThere = !m_round.lost;
+  m_round = {};
+  return isThere;
+}
+
+// Returns how many records were written. What a round has written is known from then on: where the
+// transaction fails, all is loaded again.
+std::size_t Follower::writeRounds(pqxx::work& work)
+{
+  std::size_t written = 0;
+  for (;;)
+  {
+    writeRound(work);
+    written += m_written.size();
+    m_known.apply(m_written);
+    watchClock();
+    m_listed = m_round.asked;
+    m_isFirst = m_isFirst && m_round.more;
+    if (!m_round.more || m_written.empty() || m_round.lost || m_stop.requested())
+      return written;
+    OZF_LOG(getPublishLogger(), 4, SOURCE, "Follower::writeRounds",
+            "The master " << m_master << " is listed again for the rest");
+    ask(m_stop, false);
+    if (!m_round.why.empty())
+      m_round.lost = true;
+  }
+}
+
+void Follower::writeRound(pqxx::work& work)
+{
+  m_written.clear();
+  std::span<Record const> left = m_round.changed;
+  while (!left.empty() && !m_round.lost && !m_stop.requested())
   {
     auto const batch = left.first(std::min(BATCH, left.size()));
     left = left.subspan(batch.size());
-    writeBatch(work, batch, round);
+    writeBatch(work, batch);
   }
 }
 
 // What refuses the values of one record does not keep the others out.
-void Follower::writeBatch(pqxx::work& work, std::span<Record const> batch, Round& round)
+void Follower::writeBatch(pqxx::work& work, std::span<Record const> batch)
 {
   std::size_t const before = m_written.size();
   try
   {
     pqxx::subtransaction part(work, "batch");
     BatchWriter writer(part, m_id, m_isFirst);
+    Fetcher fetcher(batch, m_settings.payload);
     for (Record const& record : batch)
     {
-      if (m_stop.requested() || round.lost)
+      if (m_stop.requested() || m_round.lost)
         break;
-      round.lost = !writeOne(writer, record);
+      m_round.lost = !writeOne(writer, record, fetcher.next());
     }
     writer.finish();
     part.commit();
@@ -235,42 +260,39 @@ void Follower::writeBatch(pqxx::work& work, std::span<Record const> batch, Round
     if (batch.size() == 1)
       noteRefused(work, batch.front(), failureText(failure));
   }
-  if (batch.size() > 1)
-    for (std::size_t i = 0; i < batch.size() && !round.lost; ++i)
-      writeBatch(work, batch.subspan(i, 1), round);
+  if (batch.size() == 1)
+    return;
+  std::size_t const half = batch.size() / 2;
+  for (auto const part : {batch.first(half), batch.subspan(half)})
+    if (!m_round.lost)
+      writeBatch(work, part);
 }
 
 // False when the master is lost, and nothing is staged.
-bool Follower::writeOne(BatchWriter& writer, Record const& record)
+bool Follower::writeOne(BatchWriter& writer, Record const& record, Fetcher::Payload payload)
 {
   BatchWriter::Report report;
   report.known = knownOf(record);
   report.keepHistory = keepsHistory(record);
-  if (!record.onDemand())
+  if (!record.onDemand() && !payload.isThere)
   {
-    DiscoverySvc::ReadDeadline const deadline(LONGEST_READ);
-    DiscoverySvc::ReadSize const size(m_settings.payload);
-    std::string bytes;
-    if (!readBytes(record, "", bytes))
-    {
-      if (!answers(record))
-        return false;
-      report.known.unread = true;
-      report.problem = "the payload cannot be read, or has more than " +
-                       std::to_string(m_settings.payload) + " bytes";
-      OZF_LOG(getPublishLogger(), 1, SOURCE, "Follower::writeOne",
-              "The payload of a discovery of "
-                  << m_master << " cannot be read, or is too large: " << nameOf(record));
-    }
-    else
-    {
-      report.digest = sha256Of(bytes);
-      std::copy_n(report.digest->begin(), report.known.digest.size(), report.known.digest.begin());
-      KnownRecord const* const known = m_known.find(report.known.key);
-      report.kept = known != nullptr && known->digest == report.known.digest && !known->unread;
-      if (!report.kept)
-        writePayload(writer, record, bytes, report);
-    }
+    if (!answers(record))
+      return false;
+    report.known.unread = true;
+    report.problem = "the payload cannot be read, or has more than " +
+                     std::to_string(m_settings.payload) + " bytes";
+    OZF_LOG(getPublishLogger(), 1, SOURCE, "Follower::writeOne",
+            "The payload of a discovery of "
+                << m_master << " cannot be read, or is too large: " << nameOf(record));
+  }
+  else if (!record.onDemand())
+  {
+    report.digest = sha256Of(payload.bytes);
+    std::copy_n(report.digest->begin(), report.known.digest.size(), report.known.digest.begin());
+    KnownRecord const* const known = m_known.find(report.known.key);
+    report.kept = known != nullptr && known->digest == report.known.digest && !known->unread;
+    if (!report.kept)
+      writePayload(writer, record, payload.bytes, report);
   }
   writer.record(record, report);
   m_written.push_back(report.known);
@@ -331,26 +353,27 @@ void Follower::markAway(std::string const& why)
   work.commit();
 }
 
-void Follower::tellHeard(std::size_t listed)
+void Follower::tellHeard()
 {
   if (m_isAway || !m_wasHeard)
     OZF_LOG(getPublishLogger(), 1, SOURCE, "Follower::tellHeard",
-            "The master " << m_master << " gives its list, of " << listed << " discoveries");
+            "The master " << m_master << " gives its list, of " << m_round.listed
+                          << " discoveries");
   m_isAway = false;
   m_wasHeard = true;
 }
 
 // A clock that is ahead shows in the newest report. One that is behind shows in reports that came
 // since the list before, and say that they are older than it.
-void Follower::watchClock(Round const& round)
+void Follower::watchClock()
 {
   std::int64_t const now = OzfObjTime::now().seconds();
-  std::int64_t off = m_newest - now;
-  std::string subject = m_newestSubject;
+  std::int64_t off = m_round.newest - now;
+  std::string subject = m_round.newestSubject;
   if (off < CLOCK_SLACK)
   {
     std::int64_t newest = 0;
-    for (Record const& record : round.changed)
+    for (Record const& record : m_round.changed)
       if (record.discovered.seconds() > newest)
       {
         newest = record.discovered.seconds();

@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <exception>
 #include <iostream>
+#include <malloc.h>
 #include <string>
 #include <sys/stat.h>
 #include <systemd/sd-daemon.h>
@@ -73,6 +74,8 @@ void awaitEnd(Options const& options)
 int follow(Options const& options)
 {
   umask(027);
+  // Each thread would keep memory of its own, and there are some dozens.
+  mallopt(M_ARENA_MAX, 2);
   initializeXml();
   setUpLog(options);
   tqdiscoctl::setTeller([](std::string const& text)
@@ -94,9 +97,14 @@ int follow(Options const& options)
   std::thread work(
       [&]
       {
-        Publisher publisher(settings, stop, [](std::string const& text)
-                            { sd_notify(0, ("STATUS=" + text).c_str()); });
-        complaint = publisher.run(options.once);
+        complaint = guarded(
+            [&]
+            {
+              Publisher publisher(settings, stop,
+                                  [](std::string const& text)
+                                  { sd_notify(0, ("STATUS=" + text).c_str()); });
+              return publisher.run(options.once);
+            });
         tqdiscoctl::endAwaitStop();
       });
   awaitEnd(options);

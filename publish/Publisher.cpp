@@ -1,9 +1,11 @@
 #include "publish/Publisher.h"
 
+#include "publish/Lists.h"
 #include "publish/PublishLog.h"
 #include "publish/Retention.h"
 
 #include <algorithm>
+#include <chrono>
 
 namespace Publish
 {
@@ -14,16 +16,14 @@ namespace
 {
 
 constexpr char SOURCE[] = "Publisher";
-constexpr double FIRST_PAUSE = 1;
-constexpr double LONGEST_PAUSE = 60; // seconds
-constexpr double LOCK_PAUSE = 2;
-constexpr std::int64_t CLEANING = 3600;
+constexpr double FIRST_PAUSE = 0.5; // seconds
+constexpr double LONGEST_PAUSE = 60;
+constexpr double LOCK_PAUSE = 1;
+constexpr double CLEANING = 3600;
 
-std::int64_t nowInSeconds()
+double nowInSeconds()
 {
-  return std::chrono::duration_cast<std::chrono::seconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 } // namespace
@@ -44,11 +44,10 @@ std::string Publisher::run(bool once)
       if (!m_database)
         if (std::string complaint = connect(); !complaint.empty() || m_stop.requested())
           return complaint;
-      auto const begin = std::chrono::steady_clock::now();
+      double const begin = nowInSeconds();
       passes();
-      std::chrono::duration<double> const taken = std::chrono::steady_clock::now() - begin;
       m_tell("The last pass over " + std::to_string(m_masters.size()) + " masters took " +
-             std::to_string(taken.count()) + " seconds");
+             std::to_string(nowInSeconds() - begin) + " seconds");
       cleanUp();
       if (!m_told.empty())
         OZF_LOG(getPublishLogger(), 1, SOURCE, "Publisher::run", "The database is current again");
@@ -58,9 +57,9 @@ std::string Publisher::run(bool once)
         return {};
       m_stop.wait(m_settings.interval);
     }
-    catch (std::exception const& failure)
+    catch (...)
     {
-      fail(failure);
+      fail(failureInHand());
       m_pause = std::clamp(2 * m_pause, FIRST_PAUSE, LONGEST_PAUSE);
       m_stop.wait(m_pause);
     }
@@ -97,19 +96,27 @@ std::string Publisher::connect()
   return {};
 }
 
-// A master that is away is tried less and less often: each time may take minutes, which the
-// others wait.
+// Masters are listed side by side and written one after another: of two transactions that write
+// payloads that both masters have, each might wait for the other. A master that is away is tried
+// less and less often.
 void Publisher::passes()
 {
+  double const now = nowInSeconds();
+  std::vector<Followed*> due;
+  std::vector<Follower*> followers;
   for (auto const& each : m_masters)
+    if (now >= each->due)
+    {
+      due.push_back(each.get());
+      followers.push_back(&each->follower);
+    }
+  Lists lists(std::move(followers));
+  while (auto const number = lists.next())
   {
-    if (m_stop.requested())
-      return;
-    if (nowInSeconds() < each->due)
-      continue;
-    bool const isThere = each->follower.pass();
-    each->pause = isThere ? 0 : std::clamp(2 * each->pause, FIRST_PAUSE, LONGEST_PAUSE);
-    each->due = nowInSeconds() + static_cast<std::int64_t>(each->pause);
+    Followed& each = *due[*number];
+    bool const isThere = each.follower.write();
+    each.pause = isThere ? 0 : std::clamp(2 * each.pause, FIRST_PAUSE, LONGEST_PAUSE);
+    each.due = nowInSeconds() + each.pause;
   }
 }
 
@@ -121,10 +128,9 @@ void Publisher::cleanUp()
   m_cleaned = nowInSeconds();
 }
 
-void Publisher::fail(std::exception const& failure)
+void Publisher::fail(std::string const& text)
 {
   m_database.reset();
-  std::string const text = failureText(failure);
   if (text != m_told)
     OZF_LOG(getPublishLogger(), 1, SOURCE, "Publisher::fail",
             "The database cannot be kept current, which is tried again: " << text);

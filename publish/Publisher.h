@@ -31,23 +31,23 @@ private:
   {
     Follower follower;
     double pause = 0; // seconds to its next pass, while it is away
-    std::int64_t due = 0;
+    double due = 0;   // on the clock that never goes back
   };
 
   // What is wrong with the schema; nothing when all is ready, or the stop was requested.
   std::string connect();
   void passes();
   void cleanUp();
-  void fail(std::exception const& failure);
+  void fail(std::string const& failure);
 
   Settings const& m_settings;
   Stop const& m_stop;
   Tell const m_tell;
   std::vector<std::unique_ptr<Followed>> m_masters;
   std::unique_ptr<Database> m_database;
-  std::string m_told; // why the database was of no use, when that was last told
-  double m_pause = 0; // seconds
-  std::int64_t m_cleaned = 0;
+  std::string m_told;   // why the database was of no use, when that was last told
+  double m_pause = 0;   // seconds
+  double m_cleaned = 0; // 0: not yet
   bool m_waitTold = false;
 };
 

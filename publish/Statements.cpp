@@ -38,6 +38,8 @@ constexpr Statement STATEMENTS[] = {
 
     {"payload", "insert into payload (digest, content) values ($1, $2) "
                 "on conflict do nothing returning 1"},
+    {"add_payloads", "insert into payload (digest, content) select digest, content "
+                     "from staged_payload on conflict do nothing"},
     {"more_payload", "update payload set content = content || $2::bytea where digest = $1"},
 
     {"find_staged", "update staged s set id = d.id, before = d.digest, "
@@ -141,6 +143,9 @@ void Database::prepare()
     session.exec("create temporary table staged_item (record uuid, key bigint, name text, "
                  "facts jsonb, status jsonb, policy text, content text, "
                  "primary key (record, key))");
+    session.exec("create temporary table staged_payload (digest bytea, content bytea)");
+    // What was compressed on its way in would be compressed once more.
+    session.exec("alter table staged_payload alter content set storage external");
   }
   for (Statement const& statement : STATEMENTS)
     m_connection.prepare(statement.name, statement.text);

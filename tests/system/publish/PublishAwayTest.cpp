@@ -63,6 +63,32 @@ TEST(PublishAwayTest, AMasterThatIsAwayKeepsItsRowsAndIsMarkedStale)
             "t|not followed any more");
 }
 
+// Wherever it was: what it does not answer any more is no payload that cannot be read.
+TEST(PublishAwayTest, AMasterThatDiesWhileItIsReadIsAwayAndKeepsWhatItHadSaid)
+{
+  LiveService service;
+  Publishing publishing(service);
+  ASSERT_TRUE(publishing.create());
+  ASSERT_TRUE(service.start());
+  constexpr int RECORDS = 300;
+  for (int i = 0; i < RECORDS; ++i)
+    placeIn(service, "web" + std::to_string(i), "probe", itemsWith({{"a", std::to_string(i)}}));
+  ASSERT_TRUE(publishing.start());
+  ASSERT_TRUE(eventually(
+      [&] { return occurrences(publishing.log(), "Service: DiscoveryService") >= RECORDS / 4; }))
+      << publishing.log();
+  EXPECT_EQ(service.stop(SIGKILL), 128 + SIGKILL);
+  EXPECT_TRUE(publishing.awaitSql("select stale, reason is null from master", "t|f"));
+  EXPECT_EQ(publishing.sql("select count(*) from discovery where unread or problem is not null"),
+            "0")
+      << publishing.log();
+  EXPECT_EQ(publishing.unsound(), Publishing::SOUND);
+  ASSERT_TRUE(service.start());
+  EXPECT_TRUE(publishing.awaitSql("select count(*), count(distinct facts) from item",
+                                  std::to_string(RECORDS) + '|' + std::to_string(RECORDS)));
+  EXPECT_EQ(publishing.stop(), 0) << publishing.log();
+}
+
 TEST(PublishAwayTest, AStandbyThatTakesOverIsFollowedAndHasAllThatWasCommitted)
 {
   LiveService service;

@@ -15,7 +15,7 @@ void fill(LiveService const& service, int round)
 {
   for (int i = 0; i < RECORDS; ++i)
     if (round == 0 || i % 7 == round % 7)
-      storeIn(service, "host" + std::to_string(i), "probe",
+      placeIn(service, "host" + std::to_string(i), "probe",
               itemsWith({{"a", std::to_string(i % 5)}, {"b", std::to_string(round)}}));
 }
 
@@ -43,12 +43,17 @@ TEST(PublishKillTest, APassThatIsKilledLeavesNothingThatTheNextDoesNotMend)
   fill(service, 0);
   ASSERT_TRUE(service.start());
 
+  // For the first third it starts, lists, and waits for the next second.
+  auto const begin = std::chrono::steady_clock::now();
+  ASSERT_EQ(undisturbed.once().exitCode, 0);
+  auto const taken = std::chrono::duration_cast<std::chrono::milliseconds>(
+      std::chrono::steady_clock::now() - begin);
   unsigned const seed = std::random_device()();
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 random(seed);
-  std::uniform_int_distribution<int> moments(1000, 2500); // milliseconds; a pass takes that long
+  std::uniform_int_distribution<long> moments(taken.count() / 3, taken.count());
   int killed = 0;
-  for (int round = 1; killed < 3 && round <= 12; ++round)
+  for (int round = 1; killed < 4 && round <= 12; ++round)
   {
     Process pass(TQ_BIN_DIR "/tqpublish", {"--once"}, publishing.environment());
     if (!pass.wait(std::chrono::milliseconds(moments(random))))
@@ -68,4 +73,5 @@ TEST(PublishKillTest, APassThatIsKilledLeavesNothingThatTheNextDoesNotMend)
   EXPECT_EQ(digestOfRows(publishing), digestOfRows(undisturbed));
   EXPECT_EQ(publishing.sql("select count(*) from history where event = 'appeared'"),
             std::to_string(RECORDS));
+  EXPECT_EQ(publishing.unsound(), Publishing::SOUND);
 }

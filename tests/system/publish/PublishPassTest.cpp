@@ -48,8 +48,7 @@ TEST(PublishPassTest, RowsFollowWhatTheMasterHas)
 
   // One that changes, one that goes, one that comes.
   storeIn(service, "web1", "probe", itemsWith({{"a", "1"}, {"b", "3"}, {"c", "4"}}));
-  for (char const* const ending : {".xml", ".dat"})
-    std::filesystem::remove(service.database() + "/2 probe web2" + ending);
+  removeFrom(service, "web2", "probe");
   storeIn(service, "web3", "probe", itemsWith({}));
   ASSERT_EQ(publishing.once().exitCode, 0);
   EXPECT_EQ(publishing.sql("select subject, gone is null from discovery order by 1"),
@@ -85,4 +84,93 @@ TEST(PublishPassTest, RowsFollowWhatTheMasterHas)
             "appeared,gone,appeared");
   EXPECT_EQ(publishing.sql("select subject, gone is null from discovery order by 1"),
             "web1|t\nweb2|t\nweb3|t");
+
+  // One that reports the same again was heard, and has not changed.
+  std::string const reported = "select reported from discovery where subject = 'web1'";
+  std::string const times = publishing.sql(reported);
+  std::string const histories = publishing.sql("select count(*) from history");
+  storeIn(service, "web1", "probe", itemsWith({{"a", "1"}, {"b", "3"}, {"c", "4"}}));
+  ASSERT_EQ(publishing.once().exitCode, 0);
+  EXPECT_NE(publishing.sql(reported), times);
+  EXPECT_EQ(publishing.sql("select count(*) from history"), histories);
+  EXPECT_EQ(publishing.sql("select count(*) from item i join discovery d "
+                           "on d.id = i.discovery_id where d.subject = 'web1'"),
+            "3");
+  EXPECT_EQ(publishing.unsound(), Publishing::SOUND);
+}
+
+// As many as do not fit into what is held at a time: the master is listed again for the rest.
+TEST(PublishPassTest, ManyChangesAreOneTransaction)
+{
+  LiveService service;
+  Publishing publishing(service);
+  ASSERT_TRUE(publishing.create());
+  constexpr int RECORDS = 1100;
+  for (int i = 0; i < RECORDS; ++i)
+    placeIn(service, std::to_string(i) + std::string(4000, 'n'), "probe",
+            itemsWith({{"a", std::to_string(i)}}));
+  ASSERT_TRUE(service.start());
+  ASSERT_TRUE(publishing.start());
+  std::string const all = std::to_string(RECORDS);
+  ASSERT_TRUE(publishing.process().awaitError(all + " listed, " + all + " written, 0 gone"))
+      << publishing.log();
+  // History has the time at which its transaction began.
+  EXPECT_EQ(publishing.sql("select count(*), count(distinct at) from history"), all + "|1");
+  EXPECT_EQ(publishing.sql("select count(*) from item join discovery d on d.id = discovery_id "
+                           "where d.subject like (facts ->> 'Value') || 'n%'"),
+            all)
+      << "each has its own payload";
+  EXPECT_EQ(occurrences(publishing.log(), "is listed again for the rest"), 1U);
+  EXPECT_EQ(publishing.stop(), 0) << publishing.log();
+}
+
+TEST(PublishPassTest, APayloadThatCannotBeReadIsTriedAgainThoughNothingNewIsTold)
+{
+  LiveService service;
+  Publishing publishing(service);
+  ASSERT_TRUE(publishing.create());
+  ASSERT_TRUE(service.start());
+  storeIn(service, "web1", "probe", itemsWith({{"a", "1"}}));
+  std::string const payload = service.database() + "/2 probe web1.dat";
+  std::filesystem::rename(payload, payload + ".aside");
+  EXPECT_THAT(publishing.once().errors, HasSubstr("cannot be read, or is too large: subject web1"));
+  EXPECT_EQ(publishing.sql("select unread, digest is null, problem is null from discovery"),
+            "t|t|f");
+  std::filesystem::rename(payload + ".aside", payload);
+  ASSERT_EQ(publishing.once().exitCode, 0);
+  EXPECT_EQ(publishing.sql("select unread, digest is null, problem is null from discovery"),
+            "f|f|t");
+  EXPECT_EQ(publishing.sql("select count(*) from item"), "1");
+}
+
+// Permissions do not stop root, so the master then runs as somebody else.
+TEST(PublishPassTest, WhatAnIncompleteListLacksIsNotTakenForGone)
+{
+  LiveService service;
+  Publishing publishing(service);
+  ASSERT_TRUE(publishing.create());
+  for (char const* const subject : {"web1", "web2", "secret"})
+    storeIn(service, subject, "probe", itemsWith({{"a", "1"}}));
+  LiveService::Words wrapper;
+  if (geteuid() == 0)
+  {
+    for (auto const& entry : std::filesystem::recursive_directory_iterator(service / "db"))
+      PostgresServer::give(entry.path());
+    PostgresServer::give(service / "db");
+    service.shareProgramsWithEverybody();
+    wrapper = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
+  }
+  std::string const hidden = service.database() + "/2 probe secret.xml";
+  std::filesystem::permissions(hidden, std::filesystem::perms(0));
+  ASSERT_TRUE(service.start({}, wrapper)) << service.log();
+  std::string const rows = "select complete, (select string_agg(host, ',' order by host) "
+                           "from known) from master";
+  ASSERT_EQ(publishing.once().exitCode, 0);
+  EXPECT_EQ(publishing.sql(rows), "f|web1,web2");
+  removeFrom(service, "web2", "probe");
+  ASSERT_EQ(publishing.once().exitCode, 0);
+  EXPECT_EQ(publishing.sql(rows), "f|web1,web2");
+  std::filesystem::permissions(hidden, std::filesystem::perms(0644));
+  ASSERT_EQ(publishing.once().exitCode, 0);
+  EXPECT_EQ(publishing.sql(rows), "t|secret,web1");
 }

@@ -126,8 +126,7 @@ TEST(PublishRightsTest, AFullDiskUnderPostgresIsNamedAndWaitedFor)
   ASSERT_TRUE(publishing.process().awaitError("PostgreSQL has no space left: "))
       << publishing.log();
   EXPECT_EQ(publishing.sql("select count(*) from discovery"), "0");
-  for (char const* const ending : {".xml", ".dat"})
-    std::filesystem::remove(service.database() + "/2 probe large" + ending);
+  removeFrom(service, "large", "probe");
   storeIn(service, "small", "probe", itemsWith({{"a", "1"}}));
   EXPECT_TRUE(publishing.awaitSql("select host from known", "small")) << publishing.log();
   EXPECT_EQ(publishing.stop(), 0) << publishing.log();

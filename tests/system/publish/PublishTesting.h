@@ -4,7 +4,7 @@
 
 #include "tests/support/LiveService.h"
 #include "tests/support/PostgresServer.h"
-#include "tests/support/Records.h"
+#include "tests/support/PlacedRecords.h"
 
 #include <gmock/gmock.h>
 
@@ -42,6 +42,22 @@ inline void storeIn(LiveService const& service, std::string const& subject,
                records::DS_SUCCESS;
       },
       std::chrono::minutes(2)));
+}
+
+// The same for many.
+inline void placeIn(LiveService const& service, std::string const& subject,
+                    std::string const& authority, std::string const& payload)
+{
+  std::filesystem::create_directories(service.database());
+  records::place(service.database(), authority, subject, payload);
+}
+
+// Takes what storeIn put there away.
+inline void removeFrom(LiveService const& service, std::string const& subject,
+                       std::string const& authority)
+{
+  for (char const* const ending : {".xml", ".dat"})
+    std::filesystem::remove(service.database() + "/2 " + authority + ' ' + subject + ending);
 }
 
 class Publishing
@@ -96,6 +112,19 @@ public:
   }
 
   std::string sql(std::string const& statements) const { return m_postgres.sql(statements); }
+
+  // How many discoveries lack their payload, payloads are nobody's, and items are of what is gone.
+  std::string unsound() const
+  {
+    return sql("select (select count(*) from discovery d where gone is null and digest is not null "
+               "and not exists (select from payload p where p.digest = d.digest)), "
+               "(select count(*) from payload p where not exists (select from discovery d "
+               "where d.digest = p.digest) and not exists (select from history h "
+               "where h.before = p.digest)), "
+               "(select count(*) from item i join discovery d on d.id = i.discovery_id "
+               "where gone is not null)");
+  }
+  static constexpr char SOUND[] = "0|0|0";
 
   PostgresServer& postgres() { return m_postgres; }
   Process& process() { return *m_process; }

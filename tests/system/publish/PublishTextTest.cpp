@@ -1,11 +1,14 @@
 // Values on their way to PostgreSQL, and what is kept in memory of them.
 
+#include "ozf/orb/Corba.h"
+#include "publish/Database.h"
 #include "publish/KnownRecords.h"
 #include "publish/SqlText.h"
 
 #include <gtest/gtest.h>
 
 #include <array>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -43,4 +46,15 @@ TEST(PublishTextTest, RecordsAreFoundByTheirNamesTypeAndKind)
   EXPECT_EQ(known.size(), 2U);
   EXPECT_EQ(known.find(keyOf("host3", "a", 2, false))->discovered, 33);
   EXPECT_NE(known.find(keyOf("new", "a", 2, false)), nullptr);
+}
+
+TEST(PublishTextTest, WhateverIsThrownBecomesALine)
+{
+  using Publish::guarded;
+  EXPECT_EQ(guarded([] { return std::string("done"); }), "done");
+  EXPECT_EQ(guarded([]() -> std::string { throw std::runtime_error("no room\nleft"); }),
+            "no room; left");
+  EXPECT_EQ(guarded([]() -> std::string { throw CORBA::TRANSIENT(); }).substr(0, 15),
+            "a call failed: ");
+  EXPECT_EQ(guarded([]() -> std::string { throw 7; }), "something failed that does not tell what");
 }
