@@ -152,6 +152,8 @@ double ServiceProcess::statusOf(char const* key) const
 
 double ServiceProcess::memory() const { return statusOf("VmRSS:"); }
 
+double ServiceProcess::mostMemory() const { return statusOf("VmHWM:"); }
+
 double ServiceProcess::threads() const { return statusOf("Threads:"); }
 
 double processorTimeOf(pid_t process)

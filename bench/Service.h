@@ -72,6 +72,9 @@ public:
 
   // Resident memory in KiB.
   double memory() const;
+
+  // The most that it has been so far.
+  double mostMemory() const;
   double threads() const;
   pid_t pid() const noexcept { return m_pid; }
   // Seconds of processor time so far.

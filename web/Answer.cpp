@@ -31,7 +31,7 @@ Answer answerOf(std::string body, std::string type)
                       answer.type.find("xml") != std::string::npos ||
                       answer.type.find("javascript") != std::string::npos;
   if (isText && body.size() >= WORTH_ZIPPING)
-    if (std::string smaller = zipped(body); !smaller.empty() && smaller.size() < body.size())
+    if (std::string smaller = zipped(body); smaller.size() < body.size())
       answer.zipped = std::make_shared<std::string const>(std::move(smaller));
   answer.body = std::make_shared<std::string const>(std::move(body));
   return answer;

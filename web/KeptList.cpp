@@ -69,6 +69,11 @@ std::shared_ptr<FleetFigures const> fleetFiguresOf(MasterList const& list)
 
 bool isBefore(Record const& a, Record const& b) { return keyOf(a) < keyOf(b); }
 
+std::span<Record const> recordsOf(MasterList const& list, std::string const& subject)
+{
+  return std::ranges::equal_range(*list.records, subject, {}, &Record::subject);
+}
+
 nlohmann::json toJson(MasterList const& list)
 {
   constexpr char const* STATES[] = {"starting", "up", "away"};

@@ -10,6 +10,7 @@
 #include <memory>
 #include <mutex>
 #include <nlohmann/json.hpp>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -59,6 +60,9 @@ struct MasterList
 };
 
 nlohmann::json toJson(MasterList const& list);
+
+// Those about it.
+std::span<tqdiscoctl::Record const> recordsOf(MasterList const& list, std::string const& subject);
 
 // Whether a stands before b in a list.
 bool isBefore(tqdiscoctl::Record const& a, tqdiscoctl::Record const& b);

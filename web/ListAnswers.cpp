@@ -58,6 +58,13 @@ HostSilence silenceOf(MasterList const& list)
   return silence;
 }
 
+// To a text that ends within an array. Elements become text one by one: all of them as values
+// would take some times the memory.
+void appendElement(std::string& text, nlohmann::json const& value)
+{
+  text.append(text.ends_with('[') ? "" : ",\n").append(jsonText(value, -1));
+}
+
 using RecordPlace = Records::const_iterator;
 
 RecordPlace endOfHost(RecordPlace begin, RecordPlace end)
@@ -193,10 +200,7 @@ Plan ListAnswers::hosts(RequestTarget const& target)
               [target, look]
               {
                 Pattern const pattern(target, "subject");
-                // Each as soon as it is known: all of them as values would take some times the
-                // memory.
                 std::string text = "{\"hosts\":[";
-                char const* separator = "";
                 for (MasterList const& list : look->masters)
                 {
                   HostSilence const silence = silenceOf(list);
@@ -207,47 +211,45 @@ Plan ListAnswers::hosts(RequestTarget const& target)
                     Host host;
                     for (; at != end; ++at)
                       host.add(*at);
-                    if (!pattern.matches(name))
-                      continue;
-                    text.append(separator).append(
-                        jsonText(hostJson(list, name, host, silence), -1));
-                    separator = ",\n";
+                    if (pattern.matches(name))
+                      appendElement(text, hostJson(list, name, host, silence));
                   }
                 }
-                return text + "]}\n";
+                return text.append("]}\n");
               });
 }
 
-Answer ListAnswers::host(RequestTarget const& target, std::string const& subject) const
+Plan ListAnswers::host(RequestTarget const& target, std::string const& subject)
 {
   if (auto refusal = refuseUnknown(target, {}))
-    return *refusal;
+    return Plan::of(*refusal);
   auto const look = m_list.look();
   if (!look->anyListed())
-    return nothingListed();
-  nlohmann::json summaries = nlohmann::json::array();
-  nlohmann::json records = nlohmann::json::array();
-  for (MasterList const& list : look->masters)
-  {
-    Record first;
-    first.subject = subject;
-    auto at =
-        std::lower_bound(list.records->begin(), list.records->end(), first,
-                         [](Record const& a, Record const& b) { return a.subject < b.subject; });
-    if (at == list.records->end() || at->subject != subject)
-      continue;
-    Host host;
-    for (; at != list.records->end() && at->subject == subject; ++at)
-    {
-      host.add(*at);
-      records.push_back(tqdiscoctl::toJson(*at));
-    }
-    summaries.push_back(hostJson(list, subject, host, silenceOf(list)));
-  }
-  if (summaries.empty())
-    return problem(404, "nothing is known of this host");
-  return answerOf(nlohmann::json{
-      {"host", subject}, {"summaries", std::move(summaries)}, {"records", std::move(records)}});
+    return Plan::of(nothingListed());
+  if (std::all_of(look->masters.begin(), look->masters.end(),
+                  [&subject](MasterList const& list) { return recordsOf(list, subject).empty(); }))
+    return Plan::of(problem(404, "nothing is known of this host"));
+  return kept("host " + subject, *look,
+              [subject, look]
+              {
+                std::string summaries = "[";
+                std::string records = "[";
+                for (MasterList const& list : look->masters)
+                {
+                  auto const own = recordsOf(list, subject);
+                  if (own.empty())
+                    continue;
+                  Host host;
+                  for (Record const& record : own)
+                  {
+                    host.add(record);
+                    appendElement(records, tqdiscoctl::toJson(record));
+                  }
+                  appendElement(summaries, hostJson(list, subject, host, silenceOf(list)));
+                }
+                return "{\"host\":" + jsonText(subject, -1) + ",\"summaries\":" + summaries +
+                       "],\"records\":" + records + "]}\n";
+              });
 }
 
 Plan ListAnswers::discoveries(RequestTarget const& target)
@@ -279,41 +281,41 @@ Plan ListAnswers::discoveries(RequestTarget const& target)
       return Plan::of(
           problem(Mistake{"the master that it names is none of this server's", "cursor", {}}));
   }
-  return kept(
-      key, *look,
-      [target, look, place, type, limit = *limit]() mutable
-      {
-        Pattern const subject(target, "subject");
-        Pattern const authority(target, "authority");
-        std::string text = "{\"discoveries\":[";
-        std::size_t count = 0;
-        Record const* last = nullptr;
-        bool more = false;
-        for (; place.master < look->masters.size() && !more; ++place.master)
-        {
-          Records const& records = *look->masters[place.master].records;
-          for (; place.record != records.end() && !more; ++place.record)
-          {
-            Record const& record = *place.record;
-            if ((type != AT_ANYANDALL && type != record.type) || !subject.matches(record.subject) ||
-                !authority.matches(record.authority))
-              continue;
-            more = count == limit;
-            if (more)
-              break;
-            text.append(count++ == 0 ? "" : ",\n").append(jsonText(tqdiscoctl::toJson(record), -1));
-            last = &record;
-          }
-          if (place.master + 1 < look->masters.size())
-            place.record = look->masters[place.master + 1].records->begin();
-        }
-        nlohmann::json next;
-        if (more)
-          next = Cursor{last->source->master, last->subject, last->authority,
-                        static_cast<int>(last->type), last->onDemand()}
-                     .text();
-        return text.append("],\"next\":").append(jsonText(next, -1)).append("}\n");
-      });
+  return kept(key, *look,
+              [target, look, place, type, limit = *limit]() mutable
+              {
+                Pattern const subject(target, "subject");
+                Pattern const authority(target, "authority");
+                std::string text = "{\"discoveries\":[";
+                std::size_t count = 0;
+                Record const* last = nullptr;
+                bool more = false;
+                for (; place.master < look->masters.size() && !more; ++place.master)
+                {
+                  Records const& records = *look->masters[place.master].records;
+                  for (; place.record != records.end() && !more; ++place.record)
+                  {
+                    Record const& record = *place.record;
+                    if ((type != AT_ANYANDALL && type != record.type) ||
+                        !subject.matches(record.subject) || !authority.matches(record.authority))
+                      continue;
+                    more = count == limit;
+                    if (more)
+                      break;
+                    appendElement(text, tqdiscoctl::toJson(record));
+                    ++count;
+                    last = &record;
+                  }
+                  if (place.master + 1 < look->masters.size())
+                    place.record = look->masters[place.master + 1].records->begin();
+                }
+                nlohmann::json next;
+                if (more)
+                  next = Cursor{last->source->master, last->subject, last->authority,
+                                static_cast<int>(last->type), last->onDemand()}
+                             .text();
+                return text.append("],\"next\":" + jsonText(next, -1) + "}\n");
+              });
 }
 
 } // namespace Web

@@ -24,7 +24,7 @@ public:
   // Of a path below /api/v1/.
   Answer status(RequestTarget const& target) const;
   Plan hosts(RequestTarget const& target);
-  Answer host(RequestTarget const& target, std::string const& subject) const;
+  Plan host(RequestTarget const& target, std::string const& subject);
   Plan discoveries(RequestTarget const& target);
 
 private:

@@ -1,6 +1,7 @@
 // tqdiscoweb: the gateway to the discoveries for browsers and programs without CORBA.
 
 #include "ozf/base/Display.h"
+#include "ozf/base/FreeMemory.h"
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ProductRoot.h"
 #include "ozf/orb/Orb.h"
@@ -120,6 +121,7 @@ bool awaitMasters(Options const& options)
 int run(Options const& options)
 {
   umask(027);
+  returnLargeBlocks();
   initializeXml();
   setUpLog(options);
   tqdiscoctl::setTeller([](std::string const& text)

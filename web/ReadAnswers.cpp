@@ -54,16 +54,11 @@ Record const* findRecord(KeptList::Look const& look, std::string const& subject,
     MasterList const& list = look.masters[number];
     if (master != nullptr && *master != list.master)
       continue;
-    Record first;
-    first.subject = subject;
     Record const* found = nullptr;
-    for (auto at =
-             std::lower_bound(list.records->begin(), list.records->end(), first,
-                              [](Record const&a, Record const&b) { return a.subject < b.subject; });
-         at != list.records->end() && at->subject == subject; ++at)
-      if (at->authority == authority && (type == AT_ANYANDALL || type == at->type) &&
-          (found == nullptr || found->type == AT_EXTSRC || at->onDemand()))
-        found = &*at;
+    for (Record const& record : recordsOf(list, subject))
+      if (record.authority == authority && (type == AT_ANYANDALL || type == record.type) &&
+          (found == nullptr || found->type == AT_EXTSRC || record.onDemand()))
+        found = &record;
     if (found != nullptr)
       return found;
   }

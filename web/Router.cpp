@@ -59,7 +59,7 @@ Plan Router::planOfApi(Request const& request) const
   }
   // A name is what is looked for as records have it.
   if (path.size() == 4 && !path[3].empty() && name == "hosts")
-    return Plan::of(m_lists.host(target, tqdiscoctl::asNamed(path[3])));
+    return m_lists.host(target, tqdiscoctl::asNamed(path[3]));
   if (path.size() == 4 && !path[3].empty() && name == "filters")
     return m_reads.filters(request, tqdiscoctl::asNamed(path[3]));
   if (path.size() == 5 && name == "discoveries")

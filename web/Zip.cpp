@@ -2,6 +2,7 @@
 
 #include <array>
 #include <new>
+#include <sstream>
 
 namespace Web
 {
@@ -31,19 +32,11 @@ Bytef* zipBytes(char const* text)
 
 std::string zipped(std::string_view text)
 {
-  z_stream zip{};
-  if (!beginZip(zip))
-    return {};
-  std::string result(deflateBound(&zip, text.size()), '\0');
-  zip.next_in = zipBytes(text.data());
-  zip.avail_in = static_cast<uInt>(text.size());
-  zip.next_out = zipBytes(result.data());
-  zip.avail_out = static_cast<uInt>(result.size());
-  bool const done = deflate(&zip, Z_FINISH) == Z_STREAM_END;
-  result.resize(done ? zip.total_out : 0);
-  result.shrink_to_fit();
-  deflateEnd(&zip);
-  return result;
+  std::ostringstream smaller;
+  ZipStream zip(smaller);
+  zip << text;
+  zip.finish();
+  return std::move(smaller).str();
 }
 
 ZipStream::ZipStream(std::ostream& to) : std::ostream(this), m_to(to)

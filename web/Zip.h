@@ -11,7 +11,6 @@
 namespace Web
 {
 
-// Empty when it fails.
 std::string zipped(std::string_view text);
 
 // A stream that zips what it gets into another. What is flushed can be read there; nothing is

@@ -14,4 +14,10 @@ namespace Quillon::Tessarine::Ozf
 // is large and rare. Any thread.
 OZF_EXPORT void returnFreeMemory() noexcept;
 
+// From now on the system has every block of 256 KiB and more back as soon as it is freed.
+// The C library otherwise keeps blocks as large as the largest that it has ever been given
+// back, up to 32 MiB, and each for the threads that had it: a program whose threads take turns
+// at large texts would hold several times what it needs. Before there are threads.
+OZF_EXPORT void returnLargeBlocks() noexcept;
+
 } // namespace Quillon::Tessarine::Ozf
