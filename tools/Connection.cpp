@@ -144,8 +144,12 @@ int Connection::chooseMaster()
       return EXIT_USAGE;
     }
     if (!list.port.empty())
+    {
       overrideConfiguration(configKey("ORB_PORT.").name + std::string(DISCOVERY_SERVICE),
                             list.port);
+      for (std::string const& host : list.hosts)
+        overrideConfiguration(configKey("HOST_PORT.").name + host, list.port);
+    }
   }
   else if (m_asks == SEVERAL)
   {
@@ -283,7 +287,11 @@ void Connection::learnMaster()
   std::string reason;
   std::string const addresses = addressesOf(m_master, reason);
   if (!lister.name.empty() && !addresses.empty())
+  {
     overrideConfiguration(configKey("HOST_ADDRESS.").name + lister.name, addresses);
+    overrideConfiguration(configKey("HOST_PORT.").name + lister.name,
+                          std::to_string(getServicePort(DISCOVERY_SERVICE, m_master)));
+  }
   if (lister.relays)
     complain("the service at " + m_place + " is not the master's: \"" + shown(lister.name) +
              "\" is a client, which lists its master's discoveries but has none of them to show. "

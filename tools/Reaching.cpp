@@ -76,7 +76,7 @@ bool onlyRelays(Remote::DiscoveryService_ptr service, Remote::Discovery const& s
 std::string placeOf(std::string const& host)
 {
   std::string const name = host.find(':') == std::string::npos ? host : "[" + host + "]";
-  return shown(name) + ":" + std::to_string(getServicePort(DISCOVERY_SERVICE));
+  return shown(name) + ":" + std::to_string(getServicePort(DISCOVERY_SERVICE, host));
 }
 
 std::string addressesOf(std::string const& host, std::string& reason)

@@ -248,7 +248,7 @@ int check(std::string const& target)
   }
   auto const configuration = getConfiguration();
   if (place.port.empty())
-    place.port = std::to_string(getServicePort(DISCOVERY_SERVICE));
+    place.port = std::to_string(getServicePort(DISCOVERY_SERVICE, place.host));
   TlsSettings settings;
   std::string error;
   // Also before TLS is turned on.

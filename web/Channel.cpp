@@ -105,10 +105,17 @@ int LimitedText::overflow(int character)
 
 std::streamsize LimitedText::xsputn(char const* text, std::streamsize count)
 {
-  if (m_text.size() + static_cast<std::size_t>(count) > m_most)
-    throw std::length_error("the answer is too long");
-  m_text.append(text, static_cast<std::size_t>(count));
+  m_full = m_full || m_text.size() + static_cast<std::size_t>(count) > m_most;
+  if (!m_full)
+    m_text.append(text, static_cast<std::size_t>(count));
   return count;
+}
+
+std::string LimitedText::take()
+{
+  if (m_full)
+    throw std::length_error("the answer is too long");
+  return std::move(m_text);
 }
 
 } // namespace Web

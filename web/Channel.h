@@ -77,13 +77,15 @@ private:
   char m_buffer[16384];
 };
 
-// A stream into a text of so many bytes at most; throws std::length_error beyond.
+// A stream into a text of so many bytes at most. What goes beyond is dropped: whoever writes may be
+// called by a reader of XML, which takes what is thrown for a mistake in what it reads.
 class LimitedText : private std::streambuf, public std::ostream
 {
 public:
   explicit LimitedText(std::size_t most);
 
-  std::string take() { return std::move(m_text); }
+  // Throws std::length_error when something was dropped.
+  std::string take();
 
 private:
   int overflow(int character) override;
@@ -91,6 +93,7 @@ private:
 
   std::size_t const m_most;
   std::string m_text;
+  bool m_full = false;
 };
 
 } // namespace Web

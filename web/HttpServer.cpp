@@ -32,7 +32,6 @@ constexpr unsigned THREADS = 2;
 constexpr std::chrono::seconds HEADER_TIME(10);
 constexpr unsigned QUIET_SECONDS = 15; // of a connection on which nothing moves
 constexpr std::size_t STREAM_BLOCK = 16384;
-constexpr std::size_t MOST_SENT = std::size_t(64) << 20; // bytes at a time
 constexpr std::size_t OF_NONE = 0;
 constexpr std::size_t OF_ALL = 1;
 constexpr std::size_t FIRST_OF_ONE = 2;
@@ -149,6 +148,11 @@ struct HttpServer::Callbacks
     {
       auto exchange = std::make_unique<Exchange>();
       exchange->text = uri;
+      // The library keeps each parameter beside the headers, though nobody here asks it for them,
+      // and where they are many it has no memory left to say so and falls silent: it is shown
+      // one. The text is its own buffer, and no constant.
+      std::replace(const_cast<char*>(uri), const_cast<char*>(uri) + exchange->text.size(), '&',
+                   '_');
       return exchange.release();
     }
     catch (std::bad_alloc const&)
@@ -254,7 +258,7 @@ HttpServer::HttpServer(Settings const& settings, Router const& router, EventStre
                          HEADER_TIME, std::chrono::seconds(settings.requestTime)),
                      // What reads for it is given up first, and says so.
                      std::chrono::seconds(settings.requestTime) + HEADER_TIME}),
-      m_sent(MOST_SENT)
+      m_sent(settings.sent)
 {
   std::size_t const masters = settings.masters.size();
   for (std::size_t i = 0; i < FIRST_OF_ONE + (masters > 1 ? masters : 0); ++i)

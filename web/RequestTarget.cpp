@@ -10,9 +10,6 @@ namespace Web
 namespace
 {
 
-constexpr std::size_t MOST_PARTS = 16;
-constexpr std::size_t MOST_PARAMETERS = 16;
-
 int digitOf(char c)
 {
   if (c >= '0' && c <= '9')
@@ -34,21 +31,33 @@ bool isText(std::string_view text)
   return true;
 }
 
-// Calls take with each part between separators; false when one is refused, or when they are
-// more than most.
-template <class Take>
-bool split(std::string_view text, char separator, std::size_t most, Take const& take)
+// The parts that a text may have between separators.
+struct Parts
 {
-  for (std::size_t count = 0; count < most; ++count)
+  char separator;
+  std::ptrdiff_t most;
+  char const* what;
+};
+
+// Calls take with each part; false when one is refused, or when there are more than there may be.
+template <class Take>
+bool split(std::string_view text, Parts const& parts, Mistake& mistake, Take const& take)
+{
+  if (std::count(text.begin(), text.end(), parts.separator) >= parts.most)
   {
-    auto const end = text.find(separator);
+    mistake.detail =
+        std::string(parts.what) + ", of which " + std::to_string(parts.most) + " are accepted";
+    return false;
+  }
+  for (;;)
+  {
+    auto const end = text.find(parts.separator);
     if (!take(text.substr(0, end)))
       return false;
     if (end == std::string_view::npos)
       return true;
     text.remove_prefix(end + 1);
   }
-  return false;
 }
 
 } // namespace
@@ -103,8 +112,8 @@ std::optional<RequestTarget> RequestTarget::fromText(std::string_view text, Mist
   }
   RequestTarget target;
   auto const question = text.find('?');
-  if (!split(text.substr(1, question == std::string_view::npos ? question : question - 1), '/',
-             MOST_PARTS,
+  if (!split(text.substr(1, question == std::string_view::npos ? question : question - 1),
+             {'/', 16, "the path has too many parts"}, mistake,
              [&target](std::string_view part)
              {
                auto name = decoded(part, false);
@@ -134,7 +143,8 @@ std::optional<RequestTarget> RequestTarget::fromText(std::string_view text, Mist
     target.m_parameters.emplace_back(std::move(*name), std::move(*value));
     return true;
   };
-  if (!split(text.substr(question + 1), '&', MOST_PARAMETERS, takeParameter))
+  if (!split(text.substr(question + 1), {'&', 16, "there are too many parameters"}, mistake,
+             takeParameter))
     return std::nullopt;
   return target;
 }

@@ -140,6 +140,7 @@ Settings Settings::from(Configuration const& configuration,
   settings.reads = number(configKey("WEB_LIMIT_READS"));
   settings.payload = number(configKey("WEB_LIMIT_PAYLOAD"));
   settings.kept = static_cast<std::size_t>(configuration.number(configKey("WEB_LIMIT_KEPT")));
+  settings.sent = static_cast<std::size_t>(configuration.number(configKey("WEB_LIMIT_SENT")));
   settings.eventStreams = number(configKey("WEB_LIMIT_EVENTS"));
 
   std::string const place = configuration.word(configKey("WEB_LISTEN"));

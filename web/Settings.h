@@ -28,6 +28,7 @@ struct Settings
   unsigned reads = 0;
   std::size_t payload = 0; // bytes
   std::size_t kept = 0;    // bytes
+  std::size_t sent = 0;    // bytes
   unsigned eventStreams = 0;
 
   // Reads the files that it names as well. What is wrong is added to problems.

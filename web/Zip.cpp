@@ -33,6 +33,7 @@ Bytef* zipBytes(char const* text)
 std::string zipped(std::string_view text)
 {
   std::ostringstream smaller;
+  smaller.exceptions(std::ios::badbit);
   ZipStream zip(smaller);
   zip << text;
   zip.finish();

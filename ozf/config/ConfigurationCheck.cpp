@@ -56,7 +56,8 @@ bool isKnownPart(ConfigurationKey const& key, std::string const& name)
 // Keys that differ here only in the case of a host's name are one key.
 std::string sameKey(std::string const& key)
 {
-  if (!key.starts_with(configKey("HOST_ADDRESS.").name))
+  if (!key.starts_with(configKey("HOST_ADDRESS.").name) &&
+      !key.starts_with(configKey("HOST_PORT.").name))
     return key;
   std::string lower = key;
   std::transform(lower.begin(), lower.end(), lower.begin(), asciiLower);

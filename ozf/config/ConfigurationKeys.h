@@ -51,8 +51,9 @@ inline constexpr ConfigurationKey CONFIGURATION_KEYS[] = {
      .use = KeyUse::AS_LIST,
      .value = "_HOST_[, _HOST_...]",
      .text = "The masters that *tqdiscoctl* asks, side by side, with commands that read, and that "
-             "*tqdiscoctl which-master* chooses among; 16 at most, *SERVER* when it is absent. All "
-             "are reached at the same port. The service itself goes by *SERVER* alone."},
+             "*tqdiscoctl which-master* chooses among; 16 at most, *SERVER* when it is absent. "
+             "One with a port of its own has it in *HOST_PORT.* The service itself goes by "
+             "*SERVER* alone."},
     {.name = "CLIENT_NAME",
      .kind = KeyKind::HOST_NAME,
      .holds = KeyHolds::FROM_START,
@@ -161,6 +162,15 @@ inline constexpr ConfigurationKey CONFIGURATION_KEYS[] = {
              "192.0.2.7, 2001:db8::7. The host is called by the first that can be connected to, "
              "and calls from each of them are calls of that host. A second line for the same host "
              "replaces the first."},
+    {.name = "HOST_PORT.",
+     .part = "host",
+     .kind = KeyKind::NUMBER,
+     .low = 1,
+     .high = 65535,
+     .value = "_PORT_",
+     .text = "The port at which the discovery service of that host is called, where it is another "
+             "than that of *ORB_PORT.*: of a master of another fleet, or one behind a tunnel. "
+             "Where a host listens is said by *ORB_PORT.* alone."},
     {.name = "TLS",
      .kind = KeyKind::CHOICE,
      .word = "off",
@@ -386,7 +396,7 @@ inline constexpr ConfigurationKey CONFIGURATION_KEYS[] = {
      .holds = KeyHolds::FROM_START,
      .value = "_HOST_",
      .text = "A master that *tqdiscoweb* reads from, eight at most; *SERVER* when it is absent. "
-             "All are reached at the same port."},
+             "One with a port of its own has it in *HOST_PORT.*"},
     {.name = "WEB_MASTER_SHARE",
      .kind = KeyKind::NUMBER,
      .holds = KeyHolds::FROM_START,
@@ -472,7 +482,8 @@ inline constexpr ConfigurationKey CONFIGURATION_KEYS[] = {
      .high = 10,
      .number = 4,
      .value = "_NUMBER_",
-     .text = "Payloads that are fetched from masters at a time; some more requests wait."},
+     .text = "Payloads that are fetched from a master at a time, and answers from all of several "
+             "masters that are made at a time; some more requests wait."},
     {.name = "WEB_LIMIT_PAYLOAD",
      .kind = KeyKind::NUMBER,
      .holds = KeyHolds::FROM_START,
@@ -489,6 +500,16 @@ inline constexpr ConfigurationKey CONFIGURATION_KEYS[] = {
      .number = 16L << 20,
      .value = "_BYTES_",
      .text = "The memory for answers that may be asked for again."},
+    {.name = "WEB_LIMIT_SENT",
+     .kind = KeyKind::NUMBER,
+     .holds = KeyHolds::FROM_START,
+     .low = 1L << 20,
+     .high = 1L << 40,
+     .number = 64L << 20,
+     .value = "_BYTES_",
+     .text = "The memory for answers on their way, of which those of one address have half; one "
+             "that several are sent counts once. Whose answer would be too much is told to come "
+             "again."},
     {.name = "WEB_LIMIT_EVENTS",
      .kind = KeyKind::NUMBER,
      .holds = KeyHolds::FROM_START,
@@ -502,9 +523,9 @@ inline constexpr ConfigurationKey CONFIGURATION_KEYS[] = {
      .use = KeyUse::AS_LIST,
      .holds = KeyHolds::FROM_START,
      .value = "_HOST_",
-     .text = "A master that *tqpublish* follows, 64 at most; *SERVER* when it is absent. All are "
-             "reached at the same port. One that is no longer named keeps its rows, as of a master "
-             "that is away."},
+     .text = "A master that *tqpublish* follows, 64 at most; *SERVER* when it is absent. One with "
+             "a port of its own has it in *HOST_PORT.* One that is no longer named keeps its rows, "
+             "as of a master that is away."},
     {.name = "PUBLISH_INTERVAL",
      .kind = KeyKind::SPAN,
      .holds = KeyHolds::FROM_START,

@@ -14,6 +14,7 @@
 #include <memory>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <optional>
 #include <vector>
 
 namespace Quillon::Tessarine::Ozf
@@ -24,6 +25,7 @@ namespace
 
 constexpr char SOURCE[] = "HostRole";
 constexpr ConfigurationKey const& HOST_ADDRESS = configKey("HOST_ADDRESS.");
+constexpr ConfigurationKey const& HOST_PORT = configKey("HOST_PORT.");
 constexpr ConfigurationKey const& ORB_PORT = configKey("ORB_PORT.");
 
 std::string withoutFinalDot(std::string name)
@@ -33,14 +35,20 @@ std::string withoutFinalDot(std::string name)
   return name;
 }
 
+// What the key says of the host; null when that is nothing.
+std::string const* findOfHost(Configuration const& configuration, ConfigurationKey const& key,
+                              std::string const& host)
+{
+  std::string const name = withoutFinalDot(host);
+  std::string const* const found = configuration.findNamed(key.name, name);
+  return found == nullptr ? configuration.findNamed(key.name, name + '.') : found;
+}
+
 // Those of HOST_ADDRESS.
 std::vector<std::string> staticAddresses(Configuration const& configuration,
                                          std::string const& host)
 {
-  std::string const name = withoutFinalDot(host);
-  std::string const* addresses = configuration.findNamed(HOST_ADDRESS.name, name);
-  if (addresses == nullptr)
-    addresses = configuration.findNamed(HOST_ADDRESS.name, name + '.');
+  std::string const* const addresses = findOfHost(configuration, HOST_ADDRESS, host);
   return addresses == nullptr ? std::vector<std::string>() : entriesOf(*addresses);
 }
 
@@ -145,6 +153,17 @@ unsigned short portOfServicesDatabase(std::string const& service)
   return error == 0 && found != nullptr ? ntohs(static_cast<unsigned short>(found->s_port)) : 0;
 }
 
+// Nothing, after a line, when the text is no port.
+std::optional<unsigned short> acceptedPort(ConfigurationKey const& key, std::string const& second,
+                                           std::string const& text)
+{
+  if (auto const port = parseInteger(text, key.low, key.high))
+    return static_cast<unsigned short>(*port);
+  OZF_LOG(getFrameworkLogger(), 1, SOURCE, "getServicePort",
+          key.name << second << " is \"" << text << "\"; accepted: " << acceptedBy(key));
+  return std::nullopt;
+}
+
 } // namespace
 
 int IsRunningOnMasterServer() { return isMasterBy(*getConfiguration()) ? 0 : 1; }
@@ -196,16 +215,21 @@ unsigned short getServicePort(std::string const& service)
 {
   auto const configuration = getConfiguration();
   if (std::string const* const text = configuration->find(ORB_PORT, service))
-  {
-    if (isAccepted(ORB_PORT, *text))
-      return static_cast<unsigned short>(configuration->number(ORB_PORT, service));
-    OZF_LOG(getFrameworkLogger(), 1, SOURCE, "getServicePort",
-            ORB_PORT.name << service << " is \"" << *text
-                          << "\"; accepted: " << acceptedBy(ORB_PORT));
-  }
+    if (auto const port = acceptedPort(ORB_PORT, service, *text))
+      return *port;
   if (unsigned short const known = portOfServicesDatabase(service); known != 0)
     return known;
   return static_cast<unsigned short>(ORB_PORT.numberOf(service));
+}
+
+unsigned short getServicePort(std::string const& service, std::string const& host)
+{
+  auto const configuration = getConfiguration();
+  if (service == DISCOVERY_SERVICE)
+    if (std::string const* const text = findOfHost(*configuration, HOST_PORT, host))
+      if (auto const port = acceptedPort(HOST_PORT, host, *text))
+        return *port;
+  return getServicePort(service);
 }
 
 } // namespace Quillon::Tessarine::Ozf

@@ -57,4 +57,8 @@ OZF_EXPORT std::vector<std::string> getHostAddresses(std::string const& host);
 // that is no port is reported at level 1 and passed over.
 OZF_EXPORT unsigned short getServicePort(std::string const& service);
 
+// The port at which that service is called on that host: of DISCOVERY_SERVICE the value of
+// HOST_PORT.<host>, else as above. Names are compared as those of HOST_ADDRESS.
+OZF_EXPORT unsigned short getServicePort(std::string const& service, std::string const& host);
+
 } // namespace Quillon::Tessarine::Ozf

@@ -404,12 +404,13 @@ CORBA::Object_ptr Orb::resolveObject(OzfHostname const& host, char const* servic
                                      ACE_Time_Value const& timeout)
 {
   m_state->requireUp();
-  unsigned short const port = getServicePort(service);
+  std::string const hostName = host.exportNarrow();
+  unsigned short const port = getServicePort(service, hostName);
   if (port == 0)
     return CORBA::Object::_nil();
   // The ORB tries them in this order.
   std::string places;
-  for (auto const& address : getHostAddresses(host.exportNarrow()))
+  for (auto const& address : getHostAddresses(hostName))
     if (isHostAddress(address))
       places += (places.empty() ? "" : ",") + placeAt(address, port);
   if (places.empty())

@@ -12,6 +12,7 @@
 #include <memory>
 #include <netinet/in.h>
 #include <optional>
+#include <poll.h>
 #include <string>
 #include <string_view>
 #include <sys/socket.h>
@@ -95,6 +96,13 @@ public:
   }
   std::string const& text() const { return m_text; }
 
+  // Whether anything does within the time.
+  bool comes(std::chrono::milliseconds time) const
+  {
+    pollfd waited{m_fd, POLLIN, 0};
+    return poll(&waited, 1, static_cast<int>(time.count())) > 0;
+  }
+
   // Whether the server has ended the connection.
   bool isEnded()
   {
@@ -170,6 +178,9 @@ public:
                         "\nWEB_LIST_INTERVAL = 1s\nWEB_MASTER_SHARE = 50\n" + entries);
   }
 
+  // The folder of the page that it serves from its next start on.
+  void setPage(std::string folder) { m_page = std::move(folder); }
+
   bool start(Process::Environment const& more = {})
   {
     return launch("main: Started, version", more);
@@ -180,8 +191,10 @@ public:
   {
     Process::Environment environment{{"TESSARINE_ROOT", m_service.root()}};
     environment.insert(more.begin(), more.end());
-    m_process = std::make_unique<Process>(
-        TQ_BIN_DIR "/tqdiscoweb", std::vector<std::string>{"--log-level", "1"}, environment);
+    std::vector<std::string> options{"--log-level", "1"};
+    if (!m_page.empty())
+      options.insert(options.end(), {"--page", m_page});
+    m_process = std::make_unique<Process>(TQ_BIN_DIR "/tqdiscoweb", options, environment);
     return m_process->awaitError(line);
   }
 
@@ -240,6 +253,7 @@ public:
 private:
   LiveService& m_service;
   unsigned short m_port;
+  std::string m_page; // empty: the one beside the program
   std::unique_ptr<Process> m_process;
 };
 

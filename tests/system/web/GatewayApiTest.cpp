@@ -2,6 +2,8 @@
 
 #include "tests/system/web/GatewayTesting.h"
 
+#include <filesystem>
+
 namespace
 {
 
@@ -16,6 +18,9 @@ class GatewayApiTest : public GatewayTest
 protected:
   void SetUp() override
   {
+    std::filesystem::create_directory(m_service / "page");
+    writeText(m_service / "page/index.html", "<p>the page</p>");
+    m_gateway.setPage(m_service / "page");
     GatewayTest::SetUp();
     storeFact("web1", "host", "<Size>1048576</Size>");
     storeFact("web2", "host", "<Size>5</Size><Kind>small</Kind>");
@@ -81,13 +86,39 @@ TEST_F(GatewayApiTest, AnswersTellBrowsersToRunNothingOfThem)
 {
   for (char const* target :
        {"/api/v1/hosts", "/api/v1/discoveries/web1/host", "/nothing", "/api/v1/items"})
-  {
-    HttpAnswer const answer = m_gateway.get(target, "Accept: */*\r\n");
-    EXPECT_THAT(answer.header("Content-Security-Policy"), HasSubstr("default-src 'none'"))
+    EXPECT_EQ(m_gateway.get(target, "Accept: */*\r\n").header("Content-Security-Policy"),
+              "default-src 'none'; frame-ancestors 'none'; sandbox")
         << target;
-    EXPECT_THAT(answer.header("Content-Security-Policy"), HasSubstr("sandbox")) << target;
+}
+
+TEST_F(GatewayApiTest, ThePageRunsItsOwnScriptsAlone)
+{
+  HttpAnswer const page = m_gateway.get("/");
+  EXPECT_EQ(page.body, "<p>the page</p>");
+  EXPECT_EQ(page.header("Content-Type"), "text/html; charset=utf-8");
+  EXPECT_EQ(page.header("Content-Security-Policy"),
+            "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self' data:; "
+            "connect-src 'self'; font-src 'self'; base-uri 'none'; form-action 'none'; "
+            "frame-ancestors 'none'");
+}
+
+TEST_F(GatewayApiTest, WhatIsAnsweredIsForNoOtherPage)
+{
+  for (char const* target : {"/", "/api/v1/hosts", "/nothing", "/api/v1/items", "/api/v1/events"})
+  {
+    HttpConnection connection(m_gateway.port());
+    connection.send(std::string("GET ") + target + " HTTP/1.1\r\nHost: localhost\r\n\r\n");
+    ASSERT_TRUE(connection.await("\r\n\r\n")) << target;
+    HttpAnswer const answer(connection.text());
     EXPECT_EQ(answer.header("X-Content-Type-Options"), "nosniff") << target;
+    EXPECT_EQ(answer.header("X-Frame-Options"), "DENY") << target;
+    EXPECT_EQ(answer.header("Referrer-Policy"), "no-referrer") << target;
+    EXPECT_EQ(answer.header("Cross-Origin-Resource-Policy"), "same-origin") << target;
+    EXPECT_EQ(answer.header("Cross-Origin-Opener-Policy"), "same-origin") << target;
+    EXPECT_EQ(answer.header("Cache-Control"), "no-cache") << target;
     EXPECT_EQ(answer.header("Access-Control-Allow-Origin"), "") << target;
+    bool const hasForms = target != std::string("/api/v1/events");
+    EXPECT_EQ(answer.header("Vary"), hasForms ? "Accept, Accept-Encoding" : "") << target;
   }
 }
 

@@ -76,6 +76,20 @@ TEST_F(GatewayHostileTest, HeadersThatAreTooLargeAreRefused)
   EXPECT_EQ(m_gateway.get("/api/v1/status").status, 200);
 }
 
+TEST_F(GatewayHostileTest, ParametersThatAreTooManyAreRefused)
+{
+  for (std::size_t const count : {17U, 300U, 2'000U})
+  {
+    std::string target = "/api/v1/status?a=1";
+    for (std::size_t i = 1; i < count; ++i)
+      target += "&p" + std::to_string(i);
+    HttpAnswer const answer = m_gateway.get(target);
+    EXPECT_EQ(answer.status, 400) << count;
+    EXPECT_EQ(answer.header("Content-Type"), "application/problem+json") << count;
+    EXPECT_THAT(answer.body, HasSubstr("too many parameters")) << count;
+  }
+}
+
 TEST_F(GatewayHostileTest, RequestsThatFollowOneAnotherAreAnsweredInTheirOrder)
 {
   std::string const host = " HTTP/1.1\r\nHost: localhost\r\n";
@@ -150,17 +164,21 @@ TEST_F(GatewayHostileTest, AThousandSlowClientsKeepNobodyOutAndAreEnded)
   EXPECT_EQ(m_gateway.get("/api/v1/status").status, 200);
 }
 
+// The others stay: it is not their slowness that ends those that are too many.
 TEST_F(GatewayHostileTest, OneAddressHasItsLimit)
 {
+  constexpr int MOST = 256;
+  constexpr int MORE = 44;
   std::list<HttpConnection> held;
-  for (int i = 0; i < 300; ++i)
+  for (int i = 0; i < MOST + MORE; ++i)
     held.emplace_back(m_gateway.port(), "127.0.0.2");
-  EXPECT_TRUE(eventually(
-      [&]
-      {
-        return std::count_if(held.begin(), held.end(),
-                             [](HttpConnection& each) { return each.isEnded(); }) >= 40;
-      }));
+  auto const ended = [&]
+  {
+    return std::count_if(held.begin(), held.end(),
+                         [](HttpConnection& each) { return each.isEnded(); });
+  };
+  EXPECT_TRUE(eventually([&] { return ended() >= MORE; }));
+  EXPECT_EQ(ended(), MORE);
   EXPECT_EQ(m_gateway.get("/api/v1/status").status, 200);
 }
 
@@ -191,19 +209,47 @@ namespace
 class GatewayListenersTest : public GatewayTest
 {
 protected:
-  GatewayListenersTest() : GatewayTest("WEB_LIMIT_EVENTS = 3\n") {}
+  explicit GatewayListenersTest(std::string const& entries = "WEB_LIMIT_EVENTS = 3\n")
+      : GatewayTest(entries)
+  {
+  }
+
+  void listen(int count)
+  {
+    for (int i = 0; i < count; ++i)
+    {
+      m_listeners.emplace_back(m_gateway.port())
+          .send("GET /api/v1/events HTTP/1.1\r\nHost: localhost\r\n\r\n");
+      EXPECT_TRUE(m_listeners.back().await("event: state"));
+    }
+  }
+
+  std::list<HttpConnection> m_listeners;
+};
+
+class GatewayFullTest : public GatewayListenersTest
+{
+protected:
+  GatewayFullTest() : GatewayListenersTest("WEB_LIMIT_CONNECTIONS = 8\n") {}
 };
 
 } // namespace
 
 TEST_F(GatewayListenersTest, StreamsOfEventsHaveALimit)
 {
-  std::list<HttpConnection> listeners;
-  for (int i = 0; i < 3; ++i)
-  {
-    listeners.emplace_back(m_gateway.port())
-        .send("GET /api/v1/events HTTP/1.1\r\nHost: localhost\r\n\r\n");
-    EXPECT_TRUE(listeners.back().await("event: state"));
-  }
+  listen(3);
   EXPECT_EQ(m_gateway.get("/api/v1/events").status, 503);
+}
+
+// Those that are there stay.
+TEST_F(GatewayFullTest, ConnectionsThatAreTooManyWait)
+{
+  listen(8);
+  HttpConnection next(m_gateway.port());
+  next.send("GET /api/v1/status HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n");
+  EXPECT_FALSE(next.comes(std::chrono::milliseconds(500)));
+  m_listeners.pop_front();
+  EXPECT_EQ(HttpAnswer(next.readToEnd()).status, 200);
+  EXPECT_TRUE(std::none_of(m_listeners.begin(), m_listeners.end(),
+                           [](HttpConnection& each) { return each.isEnded(); }));
 }

@@ -127,6 +127,43 @@ TEST_F(GatewaySlowReadersTest, AnswersThatNobodyTakesHaveTheirMemory)
       eventually([&] { return m_gateway.get(targetOf(READERS - 1), accept).status == 200; }));
 }
 
+namespace
+{
+
+class GatewaySizeTest : public GatewayTest
+{
+protected:
+  GatewaySizeTest() : GatewayTest("WEB_LIMIT_PAYLOAD = 65536\n") {}
+
+  void storeItems(std::string const& subject, int count) const
+  {
+    std::string items;
+    for (int i = 0; i < count; ++i)
+      items += "<DISCOVERED Name=\"" + std::to_string(i) +
+               "\"><ExplorerData Name=\"x\"><A>1</A><B>2</B></ExplorerData></DISCOVERED>";
+    store(subject, "host", itemsDocument(items));
+  }
+};
+
+} // namespace
+
+TEST_F(GatewaySizeTest, WhatIsTooLargeIsToldSo)
+{
+  std::string const xml = "Accept: application/xml\r\n";
+  storeItems("small", 10);
+  storeItems("medium", 500); // of which JSON makes more
+  storeItems("large", 1'000);
+  ASSERT_TRUE(m_gateway.awaitDiscoveries(3));
+  EXPECT_EQ(m_gateway.get("/api/v1/discoveries/small/host").status, 200);
+  EXPECT_EQ(m_gateway.get("/api/v1/discoveries/medium/host", xml).status, 200);
+  HttpAnswer const medium = m_gateway.get("/api/v1/discoveries/medium/host");
+  EXPECT_EQ(medium.status, 502);
+  EXPECT_THAT(medium.body, HasSubstr("larger than this server makes one"));
+  HttpAnswer const large = m_gateway.get("/api/v1/discoveries/large/host", xml);
+  EXPECT_EQ(large.status, 502);
+  EXPECT_THAT(large.body, HasSubstr("could not be had"));
+}
+
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 
 // Each piece of memory that a request takes is refused in turn. Not of one that makes JSON:

@@ -16,18 +16,21 @@ using testing::Not;
 
 using Seconds = std::chrono::duration<double>;
 
-// Two masters that know nothing of one another, each at an address of its own. Both know web1.
+// Two masters that know nothing of one another, each at an address and a port of its own. Both
+// know web1.
 class GatewayMastersTest : public testing::Test
 {
 protected:
   GatewayMastersTest()
       : m_gateway(m_east, "WEB_MASTERS = east\nWEB_MASTERS = west\nWEB_LIMIT_REQUEST = 6\n"
-                          "HOST_ADDRESS.east = 127.0.0.1\nHOST_ADDRESS.west = 127.0.0.2\n")
+                          "HOST_ADDRESS.east = 127.0.0.1\nHOST_ADDRESS.west = 127.0.0.2\n"
+                          "HOST_PORT.west = " +
+                              std::to_string(m_westPort) + "\n")
   {
     writeText(m_west / "etc/tq.conf",
               "SERVER = west\nCLIENT_NAME = west\nHOST_ADDRESS.west = 127.0.0.2\n"
               "ORB_BIND = 127.0.0.2\nORB_PORT.DiscoveryService = " +
-                  std::to_string(m_east.port()) + "\n");
+                  std::to_string(m_westPort) + "\n");
   }
 
   void SetUp() override
@@ -77,6 +80,7 @@ protected:
     return {occurrences(answer.body, "\"subject\""), answer.body.ends_with("\r\n0\r\n\r\n")};
   }
 
+  unsigned short const m_westPort = freePort();
   LiveService m_east;
   LiveService m_west;
   Gateway m_gateway;

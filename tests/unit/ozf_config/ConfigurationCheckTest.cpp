@@ -174,8 +174,9 @@ TEST_F(ConfigurationCheckTest, ASingleValueGivenAgainIsAMistakeAndAListIsNone)
 TEST_F(ConfigurationCheckTest, HostsThatDifferInCaseOnlyAreOne)
 {
   EXPECT_THAT(check("HOST_ADDRESS.a = 127.0.0.1\nHOST_ADDRESS.A = 127.0.0.2\n"
-                    "HOST_ADDRESS.b = 127.0.0.3\n"),
-              ElementsAre(HasSubstr(":2: \"HOST_ADDRESS.A\" is given again, first in line 1")));
+                    "HOST_ADDRESS.b = 127.0.0.3\nHOST_PORT.a = 1\nHOST_PORT.A = 2\n"),
+              ElementsAre(HasSubstr(":2: \"HOST_ADDRESS.A\" is given again, first in line 1"),
+                          HasSubstr(":5: \"HOST_PORT.A\" is given again, first in line 4")));
 }
 
 TEST_F(ConfigurationCheckTest, AHostMayHaveSeveralAddressesAndNothingElse)

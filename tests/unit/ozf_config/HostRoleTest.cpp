@@ -191,6 +191,22 @@ TEST_F(HostRoleTest, ServicePortComesFromConfigurationThenServicesThenTheBuiltIn
   EXPECT_EQ(getServicePort("DiscoveryService"), 27511);
 }
 
+TEST_F(HostRoleTest, AHostMayHaveItsServiceAtAPortOfItsOwn)
+{
+  configure("ORB_PORT.DiscoveryService = 4242\nHOST_PORT.Alpha = 4243\nHOST_PORT.beta = x\n");
+  EXPECT_EQ(getServicePort("DiscoveryService", "alpha"), 4243);
+  EXPECT_EQ(getServicePort("DiscoveryService", "ALPHA."), 4243);
+  EXPECT_EQ(getServicePort("DiscoveryService", "gamma"), 4242);
+  EXPECT_EQ(getServicePort("DiscoveryService"), 4242);
+  EXPECT_EQ(getServicePort("no-such-service", "alpha"), 0);
+  LogCapture const log;
+  EXPECT_EQ(getServicePort("DiscoveryService", "beta"), 4242);
+  EXPECT_TRUE(log.has(1, "getServicePort",
+                      "HOST_PORT.beta is \"x\"; accepted: whole numbers from 1 to "
+                      "65535"))
+      << log.text();
+}
+
 TEST_F(HostRoleTest, APortThatIsNoneIsReportedAndPassedOver)
 {
   configure("ORB_PORT.DiscoveryService = 70000\n");

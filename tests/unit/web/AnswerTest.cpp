@@ -88,8 +88,9 @@ TEST(AccessTest, ATokenComesInEitherScheme)
   EXPECT_TRUE(access.hasToken("bearer  0123456789abcdef"));
   EXPECT_TRUE(access.hasToken("Basic YW55OjAxMjM0NTY3ODlhYmNkZWY=")); // any:0123...
   for (char const* header :
-       {"", "Bearer", "Bearer ", "Bearer 0123456789abcdeF", "Bearer 0123456789abcde", "Basic",
-        "Basic !!!!", "Basic MDEyMzQ1Njc4OWFiY2RlZg==", "Digest 0123456789abcdef"})
+       {"", "Bearer", "Bearer ", "Bearer 0123456789abcdeF", "Bearer 1123456789abcdef",
+        "Bearer 0123456789abcde", "Basic", "Basic !!!!",
+        "Basic MDEyMzQ1Njc4OWFiY2RlZg==", "Digest 0123456789abcdef"})
     EXPECT_FALSE(access.hasToken(header)) << header;
 }
 

@@ -49,11 +49,20 @@ TEST(RequestTargetTest, WhatIsNoTargetIsRefused)
        {"", "x", "*", "http://elsewhere/", "/%", "/%1", "/%zz", "/%2", "/a%00b", "/%ff", "/%c0%af",
         "/a b", "/a#b", "/\x7f", "/\n", "/x?a=%", "/x?%zz=1", "/x?a=%ed%a0%80", "/x?a=1&b=%f5"})
     EXPECT_FALSE(targetOf(text)) << text;
-  EXPECT_FALSE(targetOf("/" + std::string(100, '/')));
-  std::string many = "/x?";
-  for (int i = 0; i < 100; ++i)
-    many += "p" + std::to_string(i) + "=1&";
-  EXPECT_FALSE(targetOf(many));
+}
+
+TEST(RequestTargetTest, TooManyPartsAreRefusedAsThat)
+{
+  Mistake mistake;
+  EXPECT_TRUE(targetOf("/" + std::string(15, '/')));
+  EXPECT_FALSE(RequestTarget::fromText("/" + std::string(16, '/'), mistake));
+  EXPECT_EQ(mistake.detail, "the path has too many parts, of which 16 are accepted");
+  std::string many = "/x?p=1";
+  for (int i = 1; i < 16; ++i)
+    many += "&p" + std::to_string(i) + "=1";
+  EXPECT_TRUE(targetOf(many));
+  EXPECT_FALSE(RequestTarget::fromText(many + "&q=1", mistake));
+  EXPECT_EQ(mistake.detail, "there are too many parameters, of which 16 are accepted");
 }
 
 TEST(RequestTargetTest, AParameterThatComesTwiceIsNamed)
