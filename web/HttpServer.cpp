@@ -2,6 +2,7 @@
 
 #include "discovery/RemoteDBDrain.h"
 #include "web/Channel.h"
+#include "web/CommonHeaders.h"
 #include "web/HeaderValues.h"
 #include "web/ListenSocket.h"
 #include "web/WebLog.h"
@@ -38,12 +39,6 @@ constexpr std::size_t FIRST_OF_ONE = 2;
 constexpr char TOO_MUCH[] = "too much is asked for at the same time";
 constexpr char FAILED[] = "this server failed; its log says why";
 
-constexpr char POLICY_OF_PAGE[] =
-    "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self' data:; "
-    "connect-src 'self'; font-src 'self'; base-uri 'none'; form-action 'none'; "
-    "frame-ancestors 'none'";
-constexpr char POLICY_OF_DATA[] = "default-src 'none'; frame-ancestors 'none'; sandbox";
-
 std::string_view headerOf(MHD_Connection* connection, char const* name)
 {
   char const* const value = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
@@ -72,19 +67,6 @@ std::string addressOf(MHD_Connection* connection)
                      sizeof host, nullptr, 0, NI_NUMERICHOST) == 0
              ? host
              : std::string();
-}
-
-void addHeaders(MHD_Response* response, std::string const& type, bool isPage)
-{
-  MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, type.c_str());
-  MHD_add_response_header(response, MHD_HTTP_HEADER_CACHE_CONTROL, "no-cache");
-  MHD_add_response_header(response, "Content-Security-Policy",
-                          isPage ? POLICY_OF_PAGE : POLICY_OF_DATA);
-  MHD_add_response_header(response, "X-Content-Type-Options", "nosniff");
-  MHD_add_response_header(response, "X-Frame-Options", "DENY");
-  MHD_add_response_header(response, "Referrer-Policy", "no-referrer");
-  MHD_add_response_header(response, "Cross-Origin-Resource-Policy", "same-origin");
-  MHD_add_response_header(response, "Cross-Origin-Opener-Policy", "same-origin");
 }
 
 // Of no bytes where there is none.

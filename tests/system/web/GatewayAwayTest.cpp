@@ -49,8 +49,11 @@ TEST_F(GatewayAwayTest, ListenersHearWhatComesChangesAndGoes)
 {
   HttpConnection events(m_gateway.port());
   listen(events);
+  auto const begin = std::chrono::steady_clock::now();
   storeFact("web1", "host", "<Size>1</Size>");
   EXPECT_TRUE(events.await("event: added\n")) << events.text();
+  // At once, not when the stream would have given a sign of life.
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
   // The time of a discovery is told in whole seconds.
   auto const before = std::chrono::steady_clock::now();
   EXPECT_TRUE(eventually(

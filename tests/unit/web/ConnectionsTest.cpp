@@ -15,9 +15,9 @@ namespace
 {
 
 // A connection with both of its ends.
-struct Pair
+struct SocketPair
 {
-  explicit Pair(Connections& connections) : all(connections)
+  explicit SocketPair(Connections& connections) : all(connections)
   {
     int ends[2] = {-1, -1};
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
@@ -26,9 +26,9 @@ struct Pair
     peer.fd = server.get();
     all.opened(&peer);
   }
-  ~Pair() { all.closed(&peer); }
-  Pair(Pair const&) = delete;
-  Pair& operator=(Pair const&) = delete;
+  ~SocketPair() { all.closed(&peer); }
+  SocketPair(SocketPair const&) = delete;
+  SocketPair& operator=(SocketPair const&) = delete;
 
   bool isEnded() const
   {
@@ -53,9 +53,9 @@ protected:
 
 TEST_F(ConnectionsTest, EachHasTheTimeOfItsPhase)
 {
-  Pair idle(m_connections);
-  Pair answering(m_connections);
-  Pair listening(m_connections);
+  SocketPair idle(m_connections);
+  SocketPair answering(m_connections);
+  SocketPair listening(m_connections);
   m_connections.enter(&answering.peer, Peer::ANSWERING);
   m_connections.enter(&listening.peer, Peer::ENDLESS);
   EXPECT_EQ(m_connections.endSlow(m_begin + 9s), 0U);
@@ -71,7 +71,7 @@ TEST_F(ConnectionsTest, EachHasTheTimeOfItsPhase)
 
 TEST_F(ConnectionsTest, TheTimeIsThatOfTheRequestNotOfTheConnection)
 {
-  Pair pair(m_connections);
+  SocketPair pair(m_connections);
   pair.peer.since = m_begin - 1h;
   m_connections.enter(&pair.peer, Peer::IDLE);
   EXPECT_EQ(m_connections.endSlow(m_begin + 9s), 0U);
@@ -80,7 +80,7 @@ TEST_F(ConnectionsTest, TheTimeIsThatOfTheRequestNotOfTheConnection)
 // More than three quarters of those that there may be.
 TEST_F(ConnectionsTest, WhereItIsCrowdedThoseThatAskNothingGoSoon)
 {
-  std::list<Pair> pairs;
+  std::list<SocketPair> pairs;
   for (int i = 0; i < 6; ++i)
     pairs.emplace_back(m_connections);
   m_connections.enter(&pairs.front().peer, Peer::ANSWERING);
