@@ -70,6 +70,19 @@ protected:
   TwoMasters m_masters;
 };
 
+TEST_F(TqdiscoctlMastersTest, aMasterMayHaveAPortOfItsOwn)
+{
+  std::string const other = std::to_string(freePort());
+  m_masters.configureTools("HOST_PORT.M2 = " + other + "\n");
+  Outcome const outcome = m_masters.runOnBoth({"query"});
+  EXPECT_EQ(outcome.exitCode, 4);
+  EXPECT_THAT(outcome.errors, HasSubstr("m2:" + other));
+  // One on the command line goes before.
+  std::string const port = std::to_string(m_masters.first().port());
+  EXPECT_EQ(m_masters.run({"--master", "m1:" + port + ",m2:" + port, "query"}).exitCode, 0);
+  EXPECT_EQ(m_masters.run({"--master", "m2:" + port, "show", "web2", "disks"}).exitCode, 0);
+}
+
 TEST_F(TqdiscoctlMastersTest, theAnswerNamesTheMasterOfEachRecord)
 {
   EXPECT_EQ(placesOf(m_masters.jsonOfBoth({"query"})),
