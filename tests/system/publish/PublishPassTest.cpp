@@ -174,3 +174,42 @@ TEST(PublishPassTest, WhatAnIncompleteListLacksIsNotTakenForGone)
   ASSERT_EQ(publishing.once().exitCode, 0);
   EXPECT_EQ(publishing.sql(rows), "t|secret,web1");
 }
+
+// More than are read, and marked, at a time.
+TEST(PublishPassTest, ManyThatAreGoneAreAllMarked)
+{
+  LiveService service;
+  Publishing publishing(service);
+  ASSERT_TRUE(publishing.create());
+  ASSERT_TRUE(service.start());
+  storeIn(service, "web1", "probe", itemsWith({{"a", "1"}}));
+  ASSERT_EQ(publishing.once().exitCode, 0);
+  publishing.sql("insert into discovery (master_id, key, subject, authority, type, on_demand, "
+                 "discovered, expires, reported) select master_id, md5(i::text)::uuid, 'old' || i, "
+                 "authority, type, false, discovered, expires, reported "
+                 "from discovery, generate_series(1, 5500) i");
+  ASSERT_EQ(publishing.once().exitCode, 0);
+  EXPECT_EQ(publishing.sql("select gone is null, count(*) from discovery group by 1 order by 1"),
+            "f|5500\nt|1");
+  EXPECT_EQ(publishing.sql("select count(*) from history where event = 'gone'"), "5500");
+}
+
+TEST(PublishPassTest, OfOneReportTheHistoryNamesAThousandItems)
+{
+  LiveService service;
+  Publishing publishing(service);
+  ASSERT_TRUE(publishing.create());
+  ASSERT_TRUE(service.start());
+  for (char const* const value : {"1", "2"})
+  {
+    std::vector<std::pair<std::string, std::string>> items;
+    for (int i = 0; i < 1001; ++i)
+      items.emplace_back("item" + std::to_string(i), value);
+    storeIn(service, "web1", "probe", itemsWith(items));
+    ASSERT_EQ(publishing.once().exitCode, 0);
+  }
+  EXPECT_EQ(publishing.sql("select jsonb_array_length(changes) from history "
+                           "where event = 'changed'"),
+            "1000");
+  EXPECT_EQ(publishing.sql("select count(*) from item where facts ->> 'Value' = '2'"), "1001");
+}
