@@ -93,9 +93,9 @@ TEST(PublishInputTest, AClockThatIsOffIsNamedAndDoesNotDecideWhoIsSilent)
   Publishing publishing(service);
   ASSERT_TRUE(publishing.create());
   ASSERT_TRUE(service.start());
-  auto const storeAt = [&](std::int64_t off)
+  auto const storeAt = [&](std::int64_t off, std::string const& subject = "web1")
   {
-    auto const discovery = records::make(service.database(), "probe", "web1", 1);
+    auto const discovery = records::make(service.database(), "probe", subject, 1);
     records::OzfObjTime const now(records::OzfObjTime::now().seconds() + off);
     auto* const attributes =
         new records::CollectionAttributes(records::CT_REAL_TIME, records::CS_CENTRALREPOSITORY, now,
@@ -119,6 +119,8 @@ TEST(PublishInputTest, AClockThatIsOffIsNamedAndDoesNotDecideWhoIsSilent)
   storeAt(-2 * 86400);
   EXPECT_TRUE(publishing.process().awaitError("reports to it of web1, by -17"));
   EXPECT_EQ(publishing.sql("select discovered < now() - interval '1 day' from discovery"), "t");
+  storeAt(-2 * 86400, "web2");
+  EXPECT_TRUE(publishing.awaitSql("select count(*) from item", "2")) << publishing.log();
   EXPECT_EQ(publishing.sql("select count(*) from silent_host"), "0");
   EXPECT_EQ(publishing.stop(), 0) << publishing.log();
 }

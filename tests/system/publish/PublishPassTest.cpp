@@ -71,7 +71,8 @@ TEST(PublishPassTest, RowsFollowWhatTheMasterHas)
   std::string const rows = rowsOf(publishing);
   std::string const before = publishing.sql(counts);
   std::string const heard = publishing.sql("select heard from master");
-  ASSERT_EQ(publishing.once().exitCode, 0);
+  EXPECT_THAT(publishing.run({"--once", "--log-level", "4"}).errors,
+              HasSubstr("2 listed, 0 written, 0 gone"));
   EXPECT_EQ(rowsOf(publishing), rows);
   EXPECT_EQ(publishing.sql(counts), before);
   EXPECT_NE(publishing.sql("select heard from master"), heard);
@@ -96,6 +97,16 @@ TEST(PublishPassTest, RowsFollowWhatTheMasterHas)
   EXPECT_EQ(publishing.sql("select count(*) from item i join discovery d "
                            "on d.id = i.discovery_id where d.subject = 'web1'"),
             "3");
+
+  // Items that it tells no more.
+  storeIn(service, "web1", "probe", itemsWith({{"b", "3"}}));
+  ASSERT_EQ(publishing.once().exitCode, 0);
+  EXPECT_EQ(publishing.sql("select string_agg(i.name, ',') from item i join discovery d "
+                           "on d.id = i.discovery_id where d.subject = 'web1'"),
+            "b");
+  EXPECT_EQ(publishing.sql("select string_agg(item, ',' order by item) from recent_change "
+                           "where item_event = 'went'"),
+            "a,c");
   EXPECT_EQ(publishing.unsound(), Publishing::SOUND);
 }
 

@@ -113,11 +113,14 @@ public:
 
   std::string sql(std::string const& statements) const { return m_postgres.sql(statements); }
 
-  // How many discoveries lack their payload, payloads are nobody's, and items are of what is gone.
+  // How many discoveries and changes lack their payload, payloads are nobody's, and items are of
+  // what is gone.
   std::string unsound() const
   {
     return sql("select (select count(*) from discovery d where gone is null and digest is not null "
-               "and not exists (select from payload p where p.digest = d.digest)), "
+               "and not exists (select from payload p where p.digest = d.digest)) + "
+               "(select count(*) from history h where before is not null "
+               "and not exists (select from payload p where p.digest = h.before)), "
                "(select count(*) from payload p where not exists (select from discovery d "
                "where d.digest = p.digest) and not exists (select from history h "
                "where h.before = p.digest)), "
