@@ -54,12 +54,16 @@ TEST_F(GatewayAwayTest, ListenersHearWhatComesChangesAndGoes)
   EXPECT_TRUE(events.await("event: added\n")) << events.text();
   // At once, not when the stream would have given a sign of life.
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+  auto const size = [&]
+  { return m_gateway.get("/api/v1/discoveries/web1/host").json()["items"][0]["facts"]["Size"]; };
+  EXPECT_EQ(size(), 1);
   // The time of a discovery is told in whole seconds.
   auto const before = std::chrono::steady_clock::now();
   EXPECT_TRUE(eventually(
       [&] { return std::chrono::steady_clock::now() - before > std::chrono::milliseconds(1100); }));
   storeFact("web1", "host", "<Size>2</Size>");
   EXPECT_TRUE(events.await("event: changed\n")) << events.text();
+  EXPECT_EQ(size(), 2) << "what was kept of it before is of no use any more";
   store("web2", "short", "<DiscoveredItems/>", {"--expires-in", "1s"});
   EXPECT_TRUE(events.await("event: gone\n")) << events.text();
 

@@ -117,6 +117,48 @@ TEST_F(KeptListTest, PagesGoFromMasterToMaster)
   EXPECT_TRUE(rest["next"].is_null());
 }
 
+TEST_F(KeptListTest, OfHalfAListThereAreNoFigures)
+{
+  m_list.update(0, {record("a", "host", 10)}, "m1", true, 0.1);
+  EXPECT_NE(m_list.look()->masters[0].figures, nullptr);
+  m_list.update(0, {record("a", "host", 20)}, "m1", false, 0.1);
+  EXPECT_EQ(m_list.look()->masters[0].figures, nullptr);
+}
+
+TEST_F(KeptListTest, AMasterThatIsBackSaysSoWithoutAReason)
+{
+  m_list.update(0, {}, "m1", true, 0.1);
+  OzfObjTime const first = m_list.look()->masters[0].since;
+  m_list.update(0, {}, "m1", true, 0.1);
+  EXPECT_EQ(m_list.look()->masters[0].since, first) << "the state began with the first list";
+  m_list.fail(0, "nobody is there");
+  m_list.update(0, {}, "m1", true, 0.1);
+  EXPECT_EQ(m_list.look()->masters[0].state, MasterList::UP);
+  EXPECT_EQ(m_list.look()->masters[0].reason, "");
+  EXPECT_NE(m_list.look()->masters[0].since, first);
+}
+
+TEST_F(KeptListTest, ACursorKeepsWhatIsStoredFromWhatIsOnDemand)
+{
+  auto onDemand = record("a", "host", 10);
+  onDemand.discovered = {};
+  onDemand.expires = {};
+  m_list.update(0, {onDemand, record("a", "host", 10), record("b", "host", 10)}, "m1", true, 0.1);
+  ListAnswers answers(m_list, 1 << 20);
+  std::vector<std::string> seen;
+  std::string cursor;
+  do
+  {
+    auto const page = nlohmann::json::parse(*ask(answers, ("/x?limit=1" + cursor).c_str()).body);
+    for (auto const& each : page["discoveries"])
+      seen.push_back(each["subject"].get<std::string>() + (each["onDemand"] ? " d" : " s"));
+    cursor.clear();
+    if (page["next"].is_string())
+      cursor = "&cursor=" + encoded(page["next"].get<std::string>());
+  } while (!cursor.empty() && seen.size() < 9);
+  EXPECT_THAT(seen, testing::ElementsAre("a s", "a d", "b s"));
+}
+
 TEST_F(KeptListTest, HostsThatFellSilentAreCounted)
 {
   m_list.update(0,
