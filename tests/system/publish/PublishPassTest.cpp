@@ -186,6 +186,23 @@ TEST(PublishPassTest, WhatAnIncompleteListLacksIsNotTakenForGone)
   EXPECT_EQ(publishing.sql(rows), "t|secret,web1");
 }
 
+TEST(PublishPassTest, WhatHasExpiredIsGone)
+{
+  LiveService service;
+  Publishing publishing(service);
+  ASSERT_TRUE(publishing.create());
+  ASSERT_TRUE(service.start());
+  for (char const* const subject : {"web1", "web2"})
+    storeIn(service, subject, "probe", itemsWith({{"a", "1"}}));
+  ASSERT_EQ(publishing.once().exitCode, 0);
+  writeText(service.database() + "/2 probe web2.xml",
+            records::document(records::PAST, 1, "probe", "web2"));
+  ASSERT_EQ(publishing.once().exitCode, 0);
+  EXPECT_EQ(publishing.sql("select subject, gone is null, (select count(*) from item i "
+                           "where i.discovery_id = d.id) from discovery d order by 1"),
+            "web1|t|1\nweb2|f|0");
+}
+
 // More than are read, and marked, at a time.
 TEST(PublishPassTest, ManyThatAreGoneAreAllMarked)
 {
