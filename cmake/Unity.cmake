@@ -1,26 +1,22 @@
 # tq_unity(<target>...): with TQ_UNITY the compiler gets the sources of the
-# targets many at a time, which takes less than half of the time: templates of test,
-# command line and JSON libraries are then expanded once for all of them. Names in
-# such sources must differ from file to file, those in unnamed namespaces as well.
-# Files that have a SOURCE of their own for the log are compiled by themselves, and so
-# not those of the libraries.
+# targets many at a time, which takes a fraction of the time: what headers define, and
+# templates of test, command line and JSON libraries, is compiled once for all of them. Names in
+# such sources must differ from file to file, those in unnamed namespaces as well. SOURCE and
+# OPERATION, which files have for the log, are made to differ here. Those of ALONE, whose names
+# others have too, and those with options of their own are compiled by themselves.
 function(tq_unity)
+  cmake_parse_arguments(arg "" "" "ALONE" ${ARGN})
   if(TQ_UNITY)
-    set_target_properties(${ARGN} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 24)
-    foreach(target IN LISTS ARGN)
-      get_target_property(sources ${target} SOURCES)
-      get_target_property(folder ${target} SOURCE_DIR)
-      foreach(source IN LISTS sources)
-        cmake_path(ABSOLUTE_PATH source BASE_DIRECTORY ${folder})
-        file(STRINGS ${source} logging REGEX "^constexpr char SOURCE\\[\\]" LIMIT_COUNT 1)
-        if(logging)
-          set_source_files_properties(${source} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
-        endif()
-      endforeach()
+    set_source_files_properties(${arg_ALONE} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
+    set(before "#define TQ_UNITY_JOINED(a, b) a##b\n#define TQ_UNITY_NAME(a, b) TQ_UNITY_JOINED(a, b)")
+    foreach(name SOURCE OPERATION)
+      string(APPEND before "\n#undef ${name}\n#define ${name} TQ_UNITY_NAME(${name}_, TQ_UNITY_ID)")
     endforeach()
+    set_target_properties(${arg_UNPARSED_ARGUMENTS} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 24
+      UNITY_BUILD_UNIQUE_ID TQ_UNITY_ID UNITY_BUILD_CODE_BEFORE_INCLUDE "${before}")
     # The compiler takes a source that is included for a header, which should
     # have no unnamed namespace.
-    foreach(target IN LISTS ARGN)
+    foreach(target IN LISTS arg_UNPARSED_ARGUMENTS)
       target_compile_options(${target} PRIVATE -Wno-subobject-linkage)
     endforeach()
   endif()

@@ -1,5 +1,7 @@
 #include "ozf/base/OzfHostname.h"
 
+#include "ozf/base/Trim.h"
+
 #include <algorithm>
 #include <array>
 #include <mutex>
@@ -24,14 +26,7 @@ LocalName& localName()
   return *instance;
 }
 
-std::string trimmed(std::string_view text)
-{
-  constexpr std::string_view WHITE = " \t\r\n\v\f";
-  auto const first = text.find_first_not_of(WHITE);
-  if (first == std::string_view::npos)
-    return {};
-  return std::string(text.substr(first, text.find_last_not_of(WHITE) - first + 1));
-}
+constexpr std::string_view WHITE = " \t\r\n\v\f";
 
 } // namespace
 
@@ -40,7 +35,7 @@ bool OzfHostname::setHostname(std::string const& name, int length)
   std::string_view text(name);
   if (length >= 0)
     text = text.substr(0, static_cast<std::size_t>(length));
-  m_name = trimmed(text);
+  m_name = trimmed(text, WHITE);
   return !m_name.empty();
 }
 
@@ -69,7 +64,7 @@ void OzfHostname::overrideLocal(std::string const& name)
 {
   LocalName& local = localName();
   std::lock_guard guard(local.mutex);
-  local.name = trimmed(name);
+  local.name = trimmed(name, WHITE);
 }
 
 } // namespace Quillon::Tessarine::Ozf

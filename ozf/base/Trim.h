@@ -5,14 +5,13 @@
 namespace Quillon::Tessarine::Ozf
 {
 
-// text without the white space of XML around it.
-inline std::string_view trimmed(std::string_view text)
+// text without the white space around it; that of XML unless told otherwise.
+inline std::string_view trimmed(std::string_view text, std::string_view white = " \t\r\n")
 {
-  constexpr std::string_view WHITE = " \t\r\n";
-  auto const first = text.find_first_not_of(WHITE);
+  auto const first = text.find_first_not_of(white);
   if (first == std::string_view::npos)
     return {};
-  return text.substr(first, text.find_last_not_of(WHITE) - first + 1);
+  return text.substr(first, text.find_last_not_of(white) - first + 1);
 }
 
 } // namespace Quillon::Tessarine::Ozf

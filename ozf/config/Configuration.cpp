@@ -1,6 +1,7 @@
 #include "ozf/config/Configuration.h"
 
 #include "ozf/base/OzfString.h"
+#include "ozf/base/Trim.h"
 #include "ozf/config/ConfigurationFiles.h"
 #include "ozf/config/ConfigurationKey.h"
 #include "ozf/config/ConfigurationValues.h"
@@ -16,14 +17,6 @@ namespace
 {
 
 constexpr std::string_view WHITE_SPACE = " \t";
-
-std::string_view trimmed(std::string_view text)
-{
-  auto const first = text.find_first_not_of(WHITE_SPACE);
-  if (first == std::string_view::npos)
-    return {};
-  return text.substr(first, text.find_last_not_of(WHITE_SPACE) - first + 1);
-}
 
 // What is wrong with the characters of a line; empty when nothing is.
 std::string characterMistake(std::string_view line)
@@ -117,7 +110,7 @@ void Configuration::parseLine(std::string_view line, int number)
     addProblem(number, std::move(mistake));
     return;
   }
-  line = trimmed(line);
+  line = trimmed(line, WHITE_SPACE);
   if (line.empty() || line.front() == '#')
     return;
 
@@ -127,14 +120,15 @@ void Configuration::parseLine(std::string_view line, int number)
     addProblem(number, "no '=' in this line; accepted is KEY = VALUE");
     return;
   }
-  std::string_view const key = trimmed(line.substr(0, equals));
+  std::string_view const key = trimmed(line.substr(0, equals), WHITE_SPACE);
   if (key.empty())
     addProblem(number, "no key before '='; accepted is KEY = VALUE");
   else if (key.find_first_of(WHITE_SPACE) != std::string_view::npos)
     addProblem(number, "white space inside the key; accepted is KEY = VALUE");
   else
     m_entries[std::string(key)].push_back(
-        {std::string(trimmed(line.substr(equals + 1))), m_file, m_files.size() - 1, number});
+        {std::string(trimmed(line.substr(equals + 1), WHITE_SPACE)), m_file, m_files.size() - 1,
+         number});
 }
 
 void Configuration::addProblem(int line, std::string message)
