@@ -17,7 +17,8 @@ function(tq_unity)
     # The compiler takes a source that is included for a header, which should
     # have no unnamed namespace.
     foreach(target IN LISTS arg_UNPARSED_ARGUMENTS)
-      target_compile_options(${target} PRIVATE -Wno-subobject-linkage)
+      target_compile_options(${target} PRIVATE
+        $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>)
     endforeach()
   endif()
 endfunction()

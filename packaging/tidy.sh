@@ -32,13 +32,12 @@ sources=$( {
 } | sort -u | while read -r source; do [ ! -f "$source" ] || echo "$source"; done)
 
 # Flags of a source that is compiled within another are guessed, less the folder of
-# what the build makes. Some warnings are known to the compiler alone, and names of one source
-# hide those of another that is compiled with it.
+# what the build makes. Some warnings are known to the compiler alone.
 export build commands failed
 # shellcheck disable=SC2016
 echo "$sources" | xargs -P "$jobs" -n 1 sh -c '
   report=$(clang-tidy-14 --quiet -p "$commands" --extra-arg=-isystem"$build/discovery/idl" \
-      --extra-arg=-Wno-unknown-warning-option --extra-arg=-Wno-shadow --checks=-bugprone-suspicious-include \
+      --extra-arg=-Wno-unknown-warning-option --checks=-bugprone-suspicious-include \
       --header-filter="/(ozf|discovery|scripts|explorers|host|tools|web|publish)/[^.]*[.](h|cpp)$" \
       "$1" 2>/dev/null) &&
     exit 0

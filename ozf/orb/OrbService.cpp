@@ -64,7 +64,7 @@ void OrbService::tellStatus(std::string const& text) const
 void OrbService::waitForStop() const
 {
   constexpr int MOST_FAILURES = 100;
-  constexpr auto PAUSE = std::chrono::milliseconds(50);
+  constexpr auto BETWEEN_LOOKS = std::chrono::milliseconds(50);
   std::uint64_t count = 0;
   // Nobody has asked for a stop when the system fails the question.
   int failures = 0;
@@ -74,7 +74,7 @@ void OrbService::waitForStop() const
       OZF_LOG(m_logger, 1, SOURCE, MAIN,
               "Unable to wait for the stop: " << errorText(errno) << ", trying again");
       ++failures;
-      std::this_thread::sleep_for(PAUSE);
+      std::this_thread::sleep_for(BETWEEN_LOOKS);
     }
 }
 
