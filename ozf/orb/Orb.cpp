@@ -404,7 +404,7 @@ CORBA::Object_ptr Orb::resolveObject(OzfHostname const& host, char const* servic
                                      ACE_Time_Value const& timeout)
 {
   m_state->requireUp();
-  std::string const hostName = host.exportNarrow();
+  std::string const& hostName = host.exportNarrow();
   unsigned short const port = getServicePort(service, hostName);
   if (port == 0)
     return CORBA::Object::_nil();
