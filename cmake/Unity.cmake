@@ -1,15 +1,16 @@
-# tq_unity(<target>...): with TQ_UNITY the compiler gets the sources of the
-# targets many at a time, which takes a fraction of the time: what headers define, and
-# templates of test, command line and JSON libraries, is compiled once for all of them. Names in
-# such sources must differ from file to file, those in unnamed namespaces as well. SOURCE and
-# OPERATION, which files have for the log, are made to differ here. Those of ALONE, whose names
-# others have too, and those with options of their own are compiled by themselves.
+# tq_unity(<target>... [DIFFER <name>...] [ALONE <source>...]): with TQ_UNITY the
+# compiler gets the sources of the targets many at a time, which takes a fraction of the
+# time: what headers define, and templates of test, command line and JSON libraries, is
+# compiled once for all of them. Names in such sources must differ from file to file, those
+# in unnamed namespaces as well. SOURCE and OPERATION, which files have for the log, are made
+# to differ here, and so are those of DIFFER. Sources of ALONE, whose names others have too,
+# and those with options of their own are compiled by themselves.
 function(tq_unity)
-  cmake_parse_arguments(arg "" "" "ALONE" ${ARGN})
+  cmake_parse_arguments(arg "" "" "DIFFER;ALONE" ${ARGN})
   if(TQ_UNITY)
     set_source_files_properties(${arg_ALONE} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
     set(before "#define TQ_UNITY_JOINED(a, b) a##b\n#define TQ_UNITY_NAME(a, b) TQ_UNITY_JOINED(a, b)")
-    foreach(name SOURCE OPERATION)
+    foreach(name SOURCE OPERATION ${arg_DIFFER})
       string(APPEND before "\n#undef ${name}\n#define ${name} TQ_UNITY_NAME(${name}_, TQ_UNITY_ID)")
     endforeach()
     set_target_properties(${arg_UNPARSED_ARGUMENTS} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 24

@@ -21,7 +21,7 @@ long greatestMemory(Process const& process)
 
 bool hasPlainMemory()
 {
-#ifdef __SANITIZE_ADDRESS__
+#ifdef TQ_UNDER_ADDRESS_SANITIZER
   return false;
 #else
   return true;
