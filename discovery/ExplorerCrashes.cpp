@@ -350,11 +350,13 @@ void ExplorerCrashes::look()
 {
   std::string const path = getCrashCountsPath();
   struct stat status = {};
-  struct timespec const changed =
-      stat(path.c_str(), &status) == 0 ? status.st_mtim : timespec{0, 0};
-  if (changed.tv_sec != m_seen.tv_sec || changed.tv_nsec != m_seen.tv_nsec)
+  if (stat(path.c_str(), &status) != 0)
+    status = {};
+  // Within one tick of the system's clock the time stays; each file that replaces it is another.
+  if (status.st_ino != m_seen.st_ino || status.st_mtim.tv_sec != m_seen.st_mtim.tv_sec ||
+      status.st_mtim.tv_nsec != m_seen.st_mtim.tv_nsec)
   {
-    m_seen = changed;
+    m_seen = status;
     m_counts = CrashCounts::read(path);
   }
   m_any = std::any_of(m_counts.counts.begin(), m_counts.counts.end(),

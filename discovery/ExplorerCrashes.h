@@ -17,11 +17,11 @@
 
 #include <array>
 #include <cstdint>
-#include <ctime>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <sys/stat.h>
 #include <vector>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
@@ -91,8 +91,8 @@ private:
   std::mutex m_mutex; // all below
   CrashCounts m_counts;
   std::string m_culprits;
-  struct timespec m_seen = {}; // when the file was changed that was read
-  bool m_any = false;          // whether somebody is left out
+  struct stat m_seen = {}; // the file that was read
+  bool m_any = false;      // whether somebody is left out
 };
 
 // For the time of a call on this thread.
