@@ -18,7 +18,7 @@ constexpr char READER[] = TQ_BIN_DIR "/research_reader";
 constexpr unsigned long MEBIBYTES = 256;
 constexpr long MOST_MEMORY = 32L * 1024; // KiB
 
-#if defined(TQ_UNDER_ADDRESS_SANITIZER)
+#if defined(__SANITIZE_ADDRESS__)
 constexpr bool JUDGE_MEMORY = false;
 #else
 constexpr bool JUDGE_MEMORY = true;

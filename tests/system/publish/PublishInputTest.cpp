@@ -21,7 +21,7 @@ long greatestMemory(Process const& process)
 
 bool hasPlainMemory()
 {
-#ifdef TQ_UNDER_ADDRESS_SANITIZER
+#ifdef __SANITIZE_ADDRESS__
   return false;
 #else
   return true;

@@ -195,7 +195,7 @@ TEST_F(GatewayHostileTest, MemoryStaysBounded)
     if (i % 2 == 0) // and half of them do not read it
       connection.readToEnd();
   }
-#if defined(TQ_UNDER_ADDRESS_SANITIZER)
+#if defined(__SANITIZE_ADDRESS__)
   constexpr long MOST = 512; // it keeps a quarter of a gibibyte of what was freed
 #else
   constexpr long MOST = 64;

@@ -2,7 +2,7 @@
 
 #include "tests/system/web/GatewayTesting.h"
 
-#if !defined(TQ_UNDER_ADDRESS_SANITIZER) && !defined(__SANITIZE_THREAD__)
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 #include "tests/support/MemoryPlan.h"
 #endif
 
@@ -164,7 +164,7 @@ TEST_F(GatewaySizeTest, WhatIsTooLargeIsToldSo)
   EXPECT_THAT(large.body, HasSubstr("could not be had"));
 }
 
-#if !defined(TQ_UNDER_ADDRESS_SANITIZER) && !defined(__SANITIZE_THREAD__)
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 
 // Each piece of memory that a request takes is refused in turn. Not of one that makes JSON:
 // the library for that ends a program that has none left.

@@ -256,7 +256,7 @@ TEST_F(IndexedDatabase, WhereChangesAreNotToldTheDirectoryIsWalked)
 }
 
 // The sanitizers look at memory through a pipe, and end a process that gets none.
-#ifndef TQ_UNDER_ADDRESS_SANITIZER
+#ifndef __SANITIZE_ADDRESS__
 TEST_F(IndexedDatabase, WithoutDescriptorsForAWatchTheDirectoryIsWalkedAndLaterWatched)
 {
   put("a");
