@@ -217,7 +217,10 @@ std::size_t Follower::writeRounds(pqxx::work& work)
             "The master " << m_master << " is listed again for the rest");
     ask(m_stop, false);
     if (!m_round.why.empty())
+    {
       m_round.lost = true;
+      return written;
+    }
   }
 }
 

@@ -8,13 +8,13 @@ namespace Publish
 namespace
 {
 
-constexpr std::size_t AT_A_TIME = 4;
+constexpr std::size_t LISTED_AT_A_TIME = 4;
 
 } // namespace
 
 Lists::Lists(std::vector<Follower*> followers) : m_followers(std::move(followers))
 {
-  std::size_t const threads = std::min(AT_A_TIME, m_followers.size());
+  std::size_t const threads = std::min(LISTED_AT_A_TIME, m_followers.size());
   for (std::size_t i = 0; i < threads; ++i)
     m_threads.emplace_back([this] { ask(); });
 }
@@ -36,7 +36,7 @@ void Lists::ask()
   std::unique_lock lock(m_mutex);
   for (;;)
   {
-    m_changed.wait(lock, [this] { return m_isOver || m_begun < m_done + AT_A_TIME; });
+    m_changed.wait(lock, [this] { return m_isOver || m_begun < m_done + LISTED_AT_A_TIME; });
     if (m_isOver || m_begun == m_followers.size())
       return;
     Listed listed{m_begun++, {}};
