@@ -20,13 +20,19 @@ std::string rowsOf(Publishing const& publishing)
       "select encode(digest, 'hex'), length(content) from payload order by 1");
 }
 
+class PublishPassTest : public testing::Test
+{
+protected:
+  void SetUp() override { ASSERT_TRUE(publishing.create()); }
+
+  LiveService service;
+  Publishing publishing{service};
+};
+
 } // namespace
 
-TEST(PublishPassTest, RowsFollowWhatTheMasterHas)
+TEST_F(PublishPassTest, RowsFollowWhatTheMasterHas)
 {
-  LiveService service;
-  Publishing publishing(service);
-  ASSERT_TRUE(publishing.create());
   ASSERT_TRUE(service.start());
   storeIn(service, "web1", "probe", itemsWith({{"a", "1"}, {"b", "2"}}));
   storeIn(service, "web2", "probe", itemsWith({{"a", "1"}, {"b", "2"}}));
@@ -111,11 +117,8 @@ TEST(PublishPassTest, RowsFollowWhatTheMasterHas)
 }
 
 // As many as do not fit into what is held at a time: the master is listed again for the rest.
-TEST(PublishPassTest, ManyChangesAreOneTransaction)
+TEST_F(PublishPassTest, ManyChangesAreOneTransaction)
 {
-  LiveService service;
-  Publishing publishing(service);
-  ASSERT_TRUE(publishing.create());
   constexpr int RECORDS = 1100;
   for (int i = 0; i < RECORDS; ++i)
     placeIn(service, std::to_string(i) + std::string(4000, 'n'), "probe",
@@ -135,11 +138,8 @@ TEST(PublishPassTest, ManyChangesAreOneTransaction)
   EXPECT_EQ(publishing.stop(), 0) << publishing.log();
 }
 
-TEST(PublishPassTest, APayloadThatCannotBeReadIsTriedAgainThoughNothingNewIsTold)
+TEST_F(PublishPassTest, APayloadThatCannotBeReadIsTriedAgainThoughNothingNewIsTold)
 {
-  LiveService service;
-  Publishing publishing(service);
-  ASSERT_TRUE(publishing.create());
   ASSERT_TRUE(service.start());
   storeIn(service, "web1", "probe", itemsWith({{"a", "1"}}));
   std::string const payload = service.database() + "/2 probe web1.dat";
@@ -155,11 +155,8 @@ TEST(PublishPassTest, APayloadThatCannotBeReadIsTriedAgainThoughNothingNewIsTold
 }
 
 // Permissions do not stop root, so the master then runs as somebody else.
-TEST(PublishPassTest, WhatAnIncompleteListLacksIsNotTakenForGone)
+TEST_F(PublishPassTest, WhatAnIncompleteListLacksIsNotTakenForGone)
 {
-  LiveService service;
-  Publishing publishing(service);
-  ASSERT_TRUE(publishing.create());
   for (char const* const subject : {"web1", "web2", "secret"})
     storeIn(service, subject, "probe", itemsWith({{"a", "1"}}));
   LiveService::Words wrapper;
@@ -186,11 +183,8 @@ TEST(PublishPassTest, WhatAnIncompleteListLacksIsNotTakenForGone)
   EXPECT_EQ(publishing.sql(rows), "t|secret,web1");
 }
 
-TEST(PublishPassTest, WhatHasExpiredIsGone)
+TEST_F(PublishPassTest, WhatHasExpiredIsGone)
 {
-  LiveService service;
-  Publishing publishing(service);
-  ASSERT_TRUE(publishing.create());
   ASSERT_TRUE(service.start());
   for (char const* const subject : {"web1", "web2"})
     storeIn(service, subject, "probe", itemsWith({{"a", "1"}}));
@@ -204,11 +198,8 @@ TEST(PublishPassTest, WhatHasExpiredIsGone)
 }
 
 // More than are read, and marked, at a time.
-TEST(PublishPassTest, ManyThatAreGoneAreAllMarked)
+TEST_F(PublishPassTest, ManyThatAreGoneAreAllMarked)
 {
-  LiveService service;
-  Publishing publishing(service);
-  ASSERT_TRUE(publishing.create());
   ASSERT_TRUE(service.start());
   storeIn(service, "web1", "probe", itemsWith({{"a", "1"}}));
   ASSERT_EQ(publishing.once().exitCode, 0);
@@ -222,11 +213,8 @@ TEST(PublishPassTest, ManyThatAreGoneAreAllMarked)
   EXPECT_EQ(publishing.sql("select count(*) from history where event = 'gone'"), "5500");
 }
 
-TEST(PublishPassTest, OfOneReportTheHistoryNamesAThousandItems)
+TEST_F(PublishPassTest, OfOneReportTheHistoryNamesAThousandItems)
 {
-  LiveService service;
-  Publishing publishing(service);
-  ASSERT_TRUE(publishing.create());
   ASSERT_TRUE(service.start());
   for (char const* const value : {"1", "2"})
   {
