@@ -6,7 +6,8 @@ import { test } from "node:test";
 
 import { changesBetween } from "../../web/page/changes.js";
 import { csv, jsonText } from "../../web/page/export.js";
-import { age, compare, exact, fact, size, span, typed, until } from "../../web/page/format.js";
+import { age, clock, compare, count, exact, fact, shortClock, size, span, typed, until }
+  from "../../web/page/format.js";
 import { completions, indexOf, mistakeRange, tokens, written } from "../../web/page/query.js";
 import { bucketOf, byAge } from "../../web/page/reports.js";
 
@@ -14,17 +15,35 @@ test("sizes have three digits and the unit that fits", () => {
   assert.deepEqual([0, 1, 1023, 1024, 10239, 1047552, 270553174016, 2 ** 63].map(size),
     ["0 B", "1 B", "1023 B", "1.00 KiB", "10.0 KiB", "1023 KiB", "252 GiB", "8.00 EiB"]);
   assert.equal(size(1048500), "1.00 MiB"); // and not "1024 KiB"
+  assert.equal(size(-2048), "−2.00 KiB");
 });
 
 test("spans and ages name the two largest units", () => {
   assert.deepEqual([0, 59.9, 60, 3599, 3600, 11100, 90000, 10 * 86400 + 7200].map(span),
     ["0 s", "59 s", "1 min", "59 min", "1 h", "3 h 5 min", "1 d 1 h", "10 d"]);
+  assert.deepEqual([3649, 3650, 7305].map((days) => span(days * 86400)),
+    ["3,649 d", "9 years", "20 years"]);
   const now = Date.parse("2026-11-20T10:15:00Z");
   assert.equal(age("2026-11-20T10:14:18Z", now), "42 s");
   assert.equal(age(null, now), "–");
   assert.equal(until("2026-11-20T10:21:15Z", now), "in 6 min");
   assert.equal(until("2026-11-20T10:15:00Z", now), "overdue");
   assert.equal(until("9999-12-31T23:59:59Z", now), "never");
+});
+
+test("a time is the reader's own, and of today without the day", () => {
+  const [morning, evening, next] = [[0, 2, 8, 5, 9], [0, 2, 20, 15, 0], [0, 3, 8, 5, 9]]
+    .map((parts) => new Date(2026, ...parts).getTime());
+  assert.equal(clock(morning), "2026-01-02 08:05:09");
+  assert.equal(clock(new Date(evening).toISOString()), "2026-01-02 20:15:00");
+  assert.equal(clock("soon"), "–");
+  assert.equal(shortClock(morning, evening), "08:05:09");
+  assert.equal(shortClock(morning, next), "2026-01-02 08:05:09");
+});
+
+test("one is counted as one, and none as several", () => {
+  assert.deepEqual([0, 1, 2, 1200].map((each) => count(each, "host")),
+    ["0 hosts", "1 host", "2 hosts", "1,200 hosts"]);
 });
 
 test("facts are shown by their kind, and what that hides is kept", () => {
@@ -35,6 +54,13 @@ test("facts are shown by their kind, and what that hides is kept", () => {
   assert.equal(fact(["a", 2]), "a, 2");
   assert.equal(fact("0x10", { type: "number" }), "0x10");
   assert.equal(typed("12", { type: "text" }), "12");
+  assert.equal(fact("90", { type: "duration" }), "1 min");
+  assert.equal(exact("5400", { type: "duration" }), "5,400 seconds");
+  assert.equal(fact(5, { type: "number", unit: "packets" }), "5 packets");
+  const time = "2026-11-20T10:15:00Z";
+  assert.equal(fact(time), clock(time));
+  assert.equal(exact(time), time);
+  assert.equal(exact("text"), null);
 });
 
 test("names are ordered as people count, and nothing comes last", () => {
@@ -61,6 +87,27 @@ test("what could come next follows from what stands before it", () => {
   assert.deepEqual([completion.start, completion.end, completion.entries[0].text],
     [0, 4, '"Mount Point" ']);
   assert.equal(completions("Size > ", 7, ATTRIBUTES).hint, "10G, 512M");
+  assert.deepEqual(offered("(Size > 10G) "), ["and", "or"]);
+  assert.deepEqual(offered("NOT "), ["Size", "Mount Point", "ReadOnly"]);
+  assert.deepEqual(offered("Size like ", new Map([["Size", [7]]])), ["7"]);
+});
+
+test("what only contains what was written comes behind what begins so", () => {
+  assert.deepEqual(offered("o"), ["Mount Point", "ReadOnly", "not"]);
+  assert.deepEqual(offered("t"), ["Mount Point", "not"]);
+  assert.deepEqual(offered("n"), ["not", "Mount Point", "ReadOnly"]);
+});
+
+test("comparators that suit the kind of an attribute come first", () => {
+  assert.equal(offered('"Mount Point" ')[2], "like");
+  assert.equal(offered("Size ").at(-1), "like");
+});
+
+test("a choice replaces the word that the caret is in, and no text that is whole", () => {
+  const within = completions("Siz > 5", 2, ATTRIBUTES);
+  assert.deepEqual([within.start, within.end], [0, 3]);
+  const behind = completions('Kind = "a b"', 12, ATTRIBUTES);
+  assert.deepEqual([behind.start, behind.end], [12, 12]);
 });
 
 test("texts are quoted where the language wants it", () => {
@@ -77,6 +124,7 @@ test("a place in bytes is found in the text that the browser has", () => {
   assert.equal(query[indexOf(query, { line: 1, column: 17 })], "x");
   assert.equal(query[indexOf(query, { line: 2, column: 9 })], ")");
   assert.equal(indexOf(query, { line: 9, column: 9 }), query.length);
+  assert.equal(indexOf("äöü€€€€x", { line: 1, column: 19 }), 7);
   assert.deepEqual(mistakeRange("Use > and", 6), { start: 6, end: 9 });
   assert.deepEqual(mistakeRange("Use >", 5), { start: 5, end: 6 });
 });
@@ -96,6 +144,9 @@ test("changes are those of facts, items and discoveries", () => {
     ["a", "x", 1, 2, "changed"], ["a", "come", null, "c", "changed"],
     ["a", "gone", "g", null, "changed"], ["c", null, null, null, "added"],
     ["b", null, null, null, "gone"]]);
+  assert.deepEqual(between(collection({ ...item("a", {}), text: "was" }),
+    collection({ ...item("a", {}), text: "is" })).map((one) => [one.fact, one.old, one.now]),
+  [["(text)", "was", "is"]]);
   assert.equal(changesBetween(new Map(), new Map([["k", collection()]]))[0].change, "added");
   assert.equal(changesBetween(new Map([["k", collection()]]), new Map())[0].change, "gone");
 });
@@ -115,6 +166,9 @@ test("comma-separated values keep what they are given, and calculate nothing", (
     '"web,7",a,"say ""x""",-3,\'-1+1,\'=1,"a\nb",p; q,',
     "db,a,'@x,,,,,,", ""].join("\r\n"));
   assert.deepEqual(JSON.parse(jsonText(items)), items);
+  const odd = { t: "\tx", r: "a\rb", minus: "-1.5", plus: "+1" };
+  assert.equal(csv([{ subject: "s", authority: "a", name: "n", facts: odd }], Object.keys(odd))
+    .split("\r\n")[1], 's,a,n,\'\tx,"a\rb",-1.5,\'+1');
 });
 
 test("hosts are counted by the age of what they told last", () => {
