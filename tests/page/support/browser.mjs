@@ -4,6 +4,8 @@ import assert from "node:assert/strict";
 import { createRequire } from "node:module";
 import path from "node:path";
 
+import { PATIENCE } from "./programs.mjs";
+
 const require = createRequire(path.join(process.env.TQ_NODE_MODULES, "here.js"));
 const { chromium } = require("playwright-core");
 const axe = require("axe-core");
@@ -11,6 +13,7 @@ const axe = require("axe-core");
 export async function startBrowser() {
   return chromium.launch({
     executablePath: process.env.TQ_CHROMIUM ?? "/usr/bin/chromium",
+    timeout: PATIENCE,
     // Root, as in a build service, has no sandbox; what is shown is this test's own.
     args: ["--no-sandbox", "--disable-dev-shm-usage"],
   });
@@ -21,6 +24,7 @@ export async function startBrowser() {
 export async function openPage(browser, fleet, hash, options = {}) {
   const context = await browser.newContext({ viewport: { width: 1280, height: 800 },
     acceptDownloads: true, ...options });
+  context.setDefaultTimeout(PATIENCE);
   const page = await context.newPage();
   const faults = [];
   page.faults = faults;
@@ -51,12 +55,16 @@ export async function closePage(page) {
   await page.context().close();
 }
 
-// Waits until a view has marked that it can be used; milliseconds since the
-// page was asked for.
+// Waits until a view has marked that it can be used, which it does anew each time that it is
+// shown; milliseconds since the page was asked for.
 export async function usable(page, view) {
   const mark = `${view}-usable`;
   await page.waitForFunction((name) => performance.getEntriesByName(name).length > 0, mark);
-  return page.evaluate((name) => performance.getEntriesByName(name).at(-1).startTime, mark);
+  return page.evaluate((name) => {
+    const { startTime } = performance.getEntriesByName(name).at(-1);
+    performance.clearMarks(name);
+    return startTime;
+  }, mark);
 }
 
 // Nothing serious stands in the way of those who use a screen reader or
