@@ -171,6 +171,39 @@ test("comma-separated values keep what they are given, and calculate nothing", (
     .split("\r\n")[1], 's,a,n,\'\tx,"a\rb",-1.5,\'+1');
 });
 
+test("of an answer that breaks off nothing is lost", async (context) => {
+  const { document, fetch } = globalThis;
+  context.after(() => Object.assign(globalThis, { document, fetch }));
+  const record = { subject: "web7", authority: "a", type: 2, master: "atlas" };
+  const own = [{ name: "x", facts: { n: 1 } }, { name: "y", facts: {} }];
+  const lines = own.map((one) => `${JSON.stringify({ ...record, ...one })}\n`);
+  let breaks = true;
+  const whole = [{ ...record, items: own, schema: {}, attributes: [], complete: true },
+    { ...record, subject: "web8", items: [], schema: {}, attributes: [], complete: false }];
+  globalThis.document = { baseURI: "http://localhost/" };
+  globalThis.fetch = async (url, { headers }) => new Response(headers.accept === "application/json"
+    ? JSON.stringify(whole)
+    : new ReadableStream({ start: (controller) => {
+      for (const line of lines) controller.enqueue(new TextEncoder().encode(line));
+      if (breaks) controller.error(new TypeError("network error"));
+      else controller.close();
+    } }));
+  const { Incomplete, items } = await import("../../web/page/api.js");
+  const read = async () => {
+    const found = [];
+    for await (const batch of items({ authority: "a" })) found.push(...batch);
+    return found;
+  };
+  const all = own.map((one) => ({ ...record, ...one }));
+  await assert.rejects(read, (error) => {
+    assert.ok(error instanceof Incomplete, error.stack);
+    assert.deepEqual(error.items, all);
+    return true;
+  });
+  breaks = false;
+  assert.deepEqual(await read(), all);
+});
+
 test("hosts are counted by the age of what they told last", () => {
   const now = Date.parse("2026-11-20T10:15:00Z");
   const told = (seconds) => ({ latestTime: new Date(now - seconds * 1000).toISOString() });

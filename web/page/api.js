@@ -14,6 +14,14 @@ export class Problem extends Error {
   }
 }
 
+// An answer that came to its end and lacks something, with the items that there are.
+export class Incomplete extends Error {
+  constructor(items) {
+    super("Some of it could not be read.");
+    this.items = items;
+  }
+}
+
 export function address(path, parameters = {}) {
   const url = new URL(path, BASE);
   for (const [name, value] of Object.entries(parameters)) {
@@ -75,5 +83,19 @@ export async function* lines(path, parameters, signal) {
     const batch = whole.filter((line) => line !== "").map((line) => JSON.parse(line));
     if (batch.length) yield batch;
     if (done) return;
+  }
+}
+
+// All items that answer, in batches as they come. Lines that lack something break off, and of what
+// breaks off a browser drops what has come and was not read yet, be it all: then they are asked for
+// in the form that says what it lacks, and are thrown with what is Incomplete.
+export async function* items(parameters, signal) {
+  try {
+    yield* lines("items", parameters, signal);
+  } catch (error) {
+    if (error instanceof Problem || error.name === "AbortError") throw error;
+    const collections = await json("items", parameters, signal);
+    throw new Incomplete(collections.flatMap(({ items: own, schema, attributes, complete, ...record }) =>
+      own.map((item) => ({ ...record, ...item }))));
   }
 }

@@ -163,7 +163,7 @@ class AskPage {
     try {
       const parameters = { authority: question.authority, subject: question.subject,
         where: question.where };
-      for await (const batch of api.lines("items", parameters, signal)) {
+      for await (const batch of api.items(parameters, signal)) {
         for (const item of batch) this.items.push(item);
         if (this.items.length > MOST) {
           this.items.length = MOST;
@@ -184,12 +184,14 @@ class AskPage {
         this.field.select(mistakeRange(this.field.value, indexOf(this.field.value, error.position)));
         return;
       }
+      const isIncomplete = error instanceof api.Incomplete;
+      if (isIncomplete) this.items = error.items.slice(0, MOST);
       if (!this.items.length) {
         this.state.textContent = "";
         this.result.replaceChildren(make("p", { class: "problem", role: "alert" }, error.message));
         return;
       }
-      ended = ", then the answer broke off";
+      ended = isIncomplete ? ", though not all could be read" : ", then the answer broke off";
     }
     if (signal.aborted) return;
     running.abort(); // what is left of the stream is not wanted

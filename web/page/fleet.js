@@ -25,19 +25,19 @@ export const LOOKS = {
 const found = new Map(); // of LOOKS: { items, time, complete, problem }
 
 async function look(kind, signal, progress) {
-  const items = [];
-  const result = { items, time: Date.now(), complete: false, problem: null };
+  const result = { items: [], time: Date.now(), complete: false, problem: null };
   try {
-    for await (const batch of api.lines("items", LOOKS[kind], signal)) {
-      items.push(...batch);
-      progress(items.length);
+    for await (const batch of api.items(LOOKS[kind], signal)) {
+      result.items.push(...batch);
+      progress(result.items.length);
     }
     result.complete = true;
   } catch (error) {
     if (error.name === "AbortError") return;
     result.problem = error;
+    if (error instanceof api.Incomplete) result.items = error.items;
   }
-  if (kind === "full") items.sort((left, right) => shareOf(right) - shareOf(left));
+  if (kind === "full") result.items.sort((left, right) => shareOf(right) - shareOf(left));
   found.set(kind, result);
 }
 
@@ -110,6 +110,7 @@ export async function fleetView(room, { signal }) {
   const lookNote = (kind) => {
     const result = found.get(kind);
     if (!result) return looking ? `looking … ${progress[kind] ? number(progress[kind]) : ""}` : "";
+    if (result.problem instanceof api.Incomplete) return "not all could be read";
     if (result.problem) return `not all could be read: ${result.problem.message}`;
     return `as of ${shortClock(result.time)}`;
   };
