@@ -14,6 +14,7 @@ const LIB = process.env.TQ_LIB_DIR;
 
 // Milliseconds for what has to happen, on a machine that has much else to do.
 export const PATIENCE = 60000;
+const STARTING = 4 * PATIENCE; // with ten thousand hosts
 
 export const MASTER = "atlas";
 
@@ -116,7 +117,7 @@ WEB_LOG_FILE = ${this.root}/log/tqdiscoweb.log
       if (this.#master.exitCode !== null) throw new Error(this.#told("tqdisco"));
       return this.ctl("query", "--subject", "nobody").then(() => true,
         (error) => error.code === 3);
-    });
+    }, STARTING);
   }
 
   async startGateway() {
@@ -125,7 +126,7 @@ WEB_LOG_FILE = ${this.root}/log/tqdiscoweb.log
       if (this.#gateway.exitCode !== null) throw new Error(this.#told("tqdiscoweb"));
       const status = await this.get("status").catch(() => null);
       return status?.masters[0].state === "up";
-    });
+    }, STARTING);
   }
 
   async #end(child) {
