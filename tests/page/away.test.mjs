@@ -20,6 +20,17 @@ after(async () => {
   await fleet?.stop();
 });
 
+// Waits until the page fetches all anew because something has come back, and not only
+// because it does so each minute; counted from this call on.
+async function fetchesAnew(page) {
+  await page.evaluate(async () => {
+    const { link } = await import("/page/live.js");
+    globalThis.resets = 0;
+    link.addEventListener("reset", () => { globalThis.resets += 1; });
+  });
+  return () => page.waitForFunction(() => globalThis.resets > 0);
+}
+
 test("what is reported shows without a reload", async () => {
   const page = await openPage(browser, fleet, "#/fleet");
   await usable(page, "fleet");
@@ -51,7 +62,9 @@ test("a master that is away is told with since when, and what was known stays", 
   await page.goto(`${fleet.address}#/hosts`);
   await usable(page, "hosts");
   assert.ok(await page.locator(".tabulator-row").count() > 10);
+  const hasFetched = await fetchesAnew(page);
   await fleet.startMaster();
+  await hasFetched();
   await page.locator("#away").waitFor({ state: "hidden" });
   await page.locator("#link[data-state=live]").waitFor();
   await closePage(page);
@@ -65,7 +78,9 @@ test("a gateway that is away is told, and found again", async () => {
   await page.locator("#away", { hasText: "The gateway does not answer since" }).waitFor();
   assert.ok(await page.locator(".tabulator-row").count() > 10);
   await fleet.put("latecomer", "probe", "colour=red");
+  const hasFetched = await fetchesAnew(page);
   await fleet.startGateway();
+  await hasFetched();
   await page.locator("#away").waitFor({ state: "hidden" });
   await page.locator(".host-name", { hasText: "latecomer" }).waitFor();
   await closePage(page);
