@@ -204,6 +204,41 @@ test("of an answer that breaks off nothing is lost", async (context) => {
   assert.deepEqual(await read(), all);
 });
 
+test("hosts that have changed are told, also those that only fell silent", async (context) => {
+  const { document, fetch, EventSource } = globalThis;
+  context.after(() => Object.assign(globalThis, { document, fetch, EventSource }));
+  context.mock.timers.enable({ apis: ["setTimeout", "Date"] });
+  const host = (name, more = {}) => ({ master: "atlas", host: name, discoveries: 1, silent: false,
+    latestTime: "2026-11-20T10:15:00Z", firstExpiresTime: null, authorities: ["host"], ...more });
+  let hosts = ["a", "b", "c"].map((name) => host(name));
+  globalThis.document = { baseURI: "http://localhost/", addEventListener: () => {} };
+  globalThis.EventSource = class extends EventTarget { close() {} };
+  globalThis.fetch = async (url) =>
+    Response.json(url.pathname.endsWith("status") ? { masters: [] } : { hosts });
+  const { known, start } = await import("../../web/page/store.js");
+  const { link } = await import("../../web/page/live.js");
+  const told = () => new Promise((resolve) => {
+    known.addEventListener("hosts", (event) => resolve(event.detail), { once: true });
+  });
+  const first = told();
+  start();
+  assert.equal((await first).members, true);
+  const after = async (change) => {
+    hosts = hosts.map((one) => ({ ...one }));
+    change();
+    const next = told();
+    await new Promise((resolve) => { setImmediate(resolve); });
+    link.dispatchEvent(new Event("record"));
+    context.mock.timers.tick(20000);
+    return next;
+  };
+  assert.deepEqual(await after(() => {}), { members: false, changed: new Set() });
+  assert.deepEqual((await after(() => { hosts[1].silent = true; })).changed, new Set(["atlas/b"]));
+  assert.deepEqual((await after(() => { hosts[2].discoveries = 2; })).changed, new Set(["atlas/c"]));
+  assert.equal((await after(() => { hosts.pop(); })).members, true);
+  assert.deepEqual([...known.hosts.keys()], ["atlas/a", "atlas/b"]);
+});
+
 test("hosts are counted by the age of what they told last", () => {
   const now = Date.parse("2026-11-20T10:15:00Z");
   const told = (seconds) => ({ latestTime: new Date(now - seconds * 1000).toISOString() });

@@ -86,6 +86,58 @@ for (const colorScheme of ["light", "dark"]) {
   });
 }
 
+test("Fleet lists those first that told something longest ago, and names the oldest", async () => {
+  const page = await openPage(browser, fleet, "#/fleet");
+  await usable(page, "fleet");
+  const { hosts } = await fleet.get("hosts");
+  const byTime = (left, right) => Date.parse(left.latestTime) - Date.parse(right.latestTime);
+  const silent = hosts.filter((host) => host.silent).sort(byTime).map((host) => host.host);
+  assert.deepEqual(await page.locator("[aria-labelledby=silent-title] .host-name").allInnerTexts(),
+    silent);
+  const [oldest] = hosts.filter((host) => host.latestTime).sort(byTime);
+  assert.equal(await figure(page, "Oldest report").locator(".host-name").innerText(), oldest.host);
+  await closePage(page);
+});
+
+test("ages grow while one looks at them", async () => {
+  const page = await openPage(browser, fleet, "#/fleet");
+  await usable(page, "fleet");
+  await page.evaluate(() => {
+    globalThis.looked = document.createElement("time");
+    looked.dataset.form = "age";
+    looked.setAttribute("datetime", new Date().toISOString());
+    looked.textContent = "0 s";
+    document.body.append(looked);
+  });
+  await page.waitForFunction(() => /^[1-9]\d* s$/.test(looked.textContent));
+  await closePage(page);
+});
+
+test("Hosts names no authority that only stands beside what people ask about", async () => {
+  await until("the explorers have reported", async () => {
+    const known = await fleet.get(`hosts/${MASTER}`).catch(() => null);
+    return ["machine.", "-filter"].every((aside) =>
+      known?.records.some((record) => record.authority.includes(aside)));
+  });
+  const page = await openPage(browser, fleet, `#/hosts?search=${MASTER}`);
+  await usable(page, "hosts");
+  const row = page.locator(".tabulator-row", { hasText: MASTER });
+  await row.getByText(/filesystem/).waitFor();
+  assert.doesNotMatch(await row.innerText(), /machine\.|-filter/);
+  await closePage(page);
+});
+
+test("a share is coloured by how much is left", async () => {
+  const page = await openPage(browser, fleet,
+    `#/ask?${new URLSearchParams({ authority: "filesystem", where: "Use >= 90%" })}`);
+  await page.waitForSelector(".tabulator-row .share");
+  const shares = await page.locator(".tabulator-row .share").evaluateAll((nodes) => nodes.map((node) =>
+    [Number.parseFloat(node.textContent), node.querySelector(".fill").getAttribute("class")]));
+  assert.ok(shares.some(([value]) => value < 95) && shares.some(([value]) => value >= 95), `${shares}`);
+  for (const [value, fill] of shares) assert.equal(fill, value >= 95 ? "fill bad" : "fill warn", value);
+  await closePage(page);
+});
+
 test("Hosts can be searched and sorted, and opens the host that is clicked", async () => {
   const page = await openPage(browser, fleet, "#/hosts");
   await usable(page, "hosts");
