@@ -14,6 +14,7 @@
 #include "web/ListAnswers.h"
 
 #include <algorithm>
+#include <exception>
 #include <numeric>
 #include <stdexcept>
 
@@ -182,20 +183,39 @@ private:
     return std::binary_search(records.begin(), records.end(), record, isBefore);
   }
 
+  // A reader of XML would take it for a mistake in what it reads that who is written to has gone,
+  // so that waits until the reading is over.
   Collection read(Record const& record)
   {
-    return readCollection(record, m_question.query,
-                          [&](Item const& item)
-                          {
-                            if (!m_asLines)
-                            {
-                              m_printer.item(record, item);
-                              return;
-                            }
-                            nlohmann::json line = tqdiscoctl::toJson(record);
-                            line.update(tqdiscoctl::toJson(item, m_descriptions.of(record), false));
-                            m_os << jsonText(line, -1) << '\n';
-                          });
+    std::exception_ptr gone;
+    auto const take = [&](Item const& item)
+    {
+      try
+      {
+        if (!gone)
+          printItem(record, item);
+      }
+      catch (Channel::Gone const&)
+      {
+        gone = std::current_exception();
+      }
+    };
+    Collection collection = readCollection(record, m_question.query, take);
+    if (gone)
+      std::rethrow_exception(gone);
+    return collection;
+  }
+
+  void printItem(Record const& record, Item const& item)
+  {
+    if (!m_asLines)
+    {
+      m_printer.item(record, item);
+      return;
+    }
+    nlohmann::json line = tqdiscoctl::toJson(record);
+    line.update(tqdiscoctl::toJson(item, m_descriptions.of(record), false));
+    m_os << jsonText(line, -1) << '\n';
   }
 
   std::ostream& m_os;

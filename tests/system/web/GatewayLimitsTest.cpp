@@ -8,6 +8,7 @@
 
 #include <list>
 #include <map>
+#include <random>
 
 namespace
 {
@@ -84,8 +85,28 @@ class GatewaySlowReadersTest : public GatewayTest
 {
 protected:
   GatewaySlowReadersTest()
-      : GatewayTest("COLLECTION_WRITE_SIZE = 1048576\nCOLLECTION_PAGE_SIZE = 1048576\n")
+      : GatewayTest("COLLECTION_WRITE_SIZE = 1048576\nCOLLECTION_PAGE_SIZE = 1048576\n"
+                    "WEB_LIMIT_READS = 1\n")
   {
+  }
+
+  // So many discoveries of about 6 MiB.
+  void storeLarge(int count) const
+  {
+    constexpr int ITEMS = 2'000;
+    std::mt19937_64 random(1);
+    std::string many;
+    for (int i = 0; i < ITEMS; ++i)
+    {
+      many += "<DISCOVERED Name=\"" + std::to_string(i) + "\"><ExplorerData Name=\"x\"><Text>";
+      for (int word = 0; word < 150; ++word)
+        many += std::to_string(random()) + ' '; // which hardly becomes smaller
+      many += "</Text></ExplorerData></DISCOVERED>";
+    }
+    std::string const document = itemsDocument(many);
+    for (int i = 0; i < count; ++i)
+      store("large" + std::to_string(i), "host", document);
+    ASSERT_TRUE(m_gateway.awaitDiscoveries(static_cast<std::size_t>(count)));
   }
 
   static std::string targetOf(int number)
@@ -100,15 +121,7 @@ protected:
 TEST_F(GatewaySlowReadersTest, AnswersThatNobodyTakesHaveTheirMemory)
 {
   constexpr int READERS = 8;
-  constexpr int ITEMS = 2'000;
-  std::string many;
-  for (int i = 0; i < ITEMS; ++i)
-    many += "<DISCOVERED Name=\"" + std::to_string(i) + "\"><ExplorerData Name=\"x\"><Text>" +
-            std::string(3'000, 'x') + "</Text></ExplorerData></DISCOVERED>";
-  std::string const document = itemsDocument(many); // about 6 MiB
-  for (int i = 0; i < READERS; ++i)
-    store("large" + std::to_string(i), "host", document);
-  ASSERT_TRUE(m_gateway.awaitDiscoveries(READERS));
+  storeLarge(READERS);
   std::string const accept = "Accept: application/xml\r\n";
   std::list<HttpConnection> idle;
   int refused = 0;
@@ -125,6 +138,26 @@ TEST_F(GatewaySlowReadersTest, AnswersThatNobodyTakesHaveTheirMemory)
   idle.clear();
   EXPECT_TRUE(
       eventually([&] { return m_gateway.get(targetOf(READERS - 1), accept).status == 200; }));
+}
+
+// The next read waits until this one has ended.
+TEST_F(GatewaySlowReadersTest, WhoGoesAwayInTheMiddleMakesNoPayloadBad)
+{
+  storeLarge(1);
+  for (char const* const accept : {"application/json", "application/jsonl"})
+    for (char const* const coding : {"identity", "gzip"})
+    {
+      {
+        HttpConnection leaving(m_gateway.port(), "127.0.0.1", HttpConnection::TAKES_LITTLE);
+        leaving.send(std::string("GET /api/v1/items HTTP/1.1\r\nHost: localhost\r\nAccept: ") +
+                     accept + "\r\nAccept-Encoding: " + coding + "\r\n\r\n");
+        EXPECT_TRUE(leaving.await("\r\n\r\n"));
+      }
+      EXPECT_EQ(m_gateway.get(targetOf(0), "Accept: application/xml\r\n").status, 200);
+      EXPECT_EQ(m_gateway.get("/api/v1/filters/host").status, 200);
+      EXPECT_THAT(m_gateway.log(), testing::Not(HasSubstr("Failed to parse")))
+          << accept << ' ' << coding;
+    }
 }
 
 namespace
