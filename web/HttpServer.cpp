@@ -124,17 +124,19 @@ struct HttpServer::Exchange
 // What the library calls, with the server behind it. No exception may leave.
 struct HttpServer::Callbacks
 {
-  static void* target(void*, char const* uri, MHD_Connection*)
+  static void* target(void*, char const* uri, MHD_Connection* connection)
   {
     try
     {
       auto exchange = std::make_unique<Exchange>();
       exchange->text = uri;
-      // The library keeps each parameter beside the headers, though nobody here asks it for them,
-      // and where they are many it has no memory left to say so and falls silent: it is shown
-      // one. The text is its own buffer, and no constant.
+      // The library keeps each parameter and each cookie beside the headers, though nobody here
+      // asks it for them, and where they are many it has no memory left to say so and falls
+      // silent: it is shown one of each. The text is its own buffer, and no constant; of several
+      // headers with cookies it reads the first.
       std::replace(const_cast<char*>(uri), const_cast<char*>(uri) + exchange->text.size(), '&',
                    '_');
+      MHD_set_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_COOKIE, "-");
       return exchange.release();
     }
     catch (std::bad_alloc const&)
@@ -144,7 +146,7 @@ struct HttpServer::Callbacks
   }
 
   static MHD_Result request(void* server, MHD_Connection* connection, char const*,
-                            char const* method, char const*, char const*, std::size_t*,
+                            char const* method, char const* version, char const*, std::size_t*,
                             void** context)
   {
     auto& self = *static_cast<HttpServer*>(server);
@@ -152,7 +154,7 @@ struct HttpServer::Callbacks
       return MHD_NO;
     try
     {
-      return resultOf(self.answer(connection, *static_cast<Exchange*>(*context), method));
+      return resultOf(self.answer(connection, *static_cast<Exchange*>(*context), method, version));
     }
     catch (std::exception const& exception)
     {
@@ -290,9 +292,9 @@ bool HttpServer::daemonStarted(int socket, std::string& error)
       THREADS, MHD_OPTION_CONNECTION_LIMIT, m_settings.connections,
       MHD_OPTION_PER_IP_CONNECTION_LIMIT, m_settings.peerConnections, MHD_OPTION_CONNECTION_TIMEOUT,
       QUIET_SECONDS, MHD_OPTION_CONNECTION_MEMORY_LIMIT, m_settings.header,
-      MHD_OPTION_STRICT_FOR_CLIENT, 1, MHD_OPTION_URI_LOG_CALLBACK, &Callbacks::target, this,
-      MHD_OPTION_NOTIFY_COMPLETED, &Callbacks::completed, this, MHD_OPTION_NOTIFY_CONNECTION,
-      &Callbacks::connection, this, MHD_OPTION_ARRAY, options.data(), MHD_OPTION_END);
+      MHD_OPTION_URI_LOG_CALLBACK, &Callbacks::target, this, MHD_OPTION_NOTIFY_COMPLETED,
+      &Callbacks::completed, this, MHD_OPTION_NOTIFY_CONNECTION, &Callbacks::connection, this,
+      MHD_OPTION_ARRAY, options.data(), MHD_OPTION_END);
   if (m_daemon == nullptr)
     error = "Unable to start the server of HTTP; at level 4 the log says why";
   return m_daemon != nullptr;
@@ -370,7 +372,8 @@ int HttpServer::queue(MHD_Connection* connection, Answer const& answer)
 
 // Called once when the header is whole, and again when the request is; and once more
 // when another thread has made the answer.
-int HttpServer::answer(MHD_Connection* connection, Exchange& exchange, char const* method)
+int HttpServer::answer(MHD_Connection* connection, Exchange& exchange, char const* method,
+                       char const* version)
 {
   if (exchange.state != Exchange::NOT_ASKED)
     return queue(connection, exchange.take());
@@ -380,6 +383,10 @@ int HttpServer::answer(MHD_Connection* connection, Exchange& exchange, char cons
     exchange.begun = true;
     Peer& peer = peerOf(connection);
     m_connections.enter(&peer, Peer::ANSWERING);
+    // The library would begin its own refusal twice.
+    if (std::strcmp(version, MHD_HTTP_VERSION_1_1) == 0 &&
+        MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_HOST) == nullptr)
+      return queue(connection, problem(400, "the header Host is missing"));
     if (auto const refusal = m_access.refusal(connection, peer))
       return queue(connection, *refusal);
     if (!isHead && std::strcmp(method, MHD_HTTP_METHOD_GET) != 0)

@@ -54,7 +54,8 @@ private:
   friend struct Callbacks;
 
   bool daemonStarted(int socket, std::string& error);
-  int answer(MHD_Connection* connection, Exchange& exchange, char const* method);
+  int answer(MHD_Connection* connection, Exchange& exchange, char const* method,
+             char const* version);
   int carryOut(MHD_Connection* connection, Exchange& exchange, Plan plan);
   int stream(MHD_Connection* connection, Plan const& plan);
   ReaderPool& readersFor(Plan const& plan) const;
