@@ -2,6 +2,8 @@
 
 #include "tests/system/web/GatewayTesting.h"
 
+#include <list>
+#include <optional>
 #include <set>
 
 namespace
@@ -13,8 +15,6 @@ using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
-
-using Seconds = std::chrono::duration<double>;
 
 // Two masters that know nothing of one another, each at an address and a port of its own. Both
 // know web1.
@@ -63,13 +63,20 @@ protected:
     return names;
   }
 
-  // Of an answer that has to come at once.
+  // Of an answer that has to come at once. Where this machine is slow it is asked for again; one
+  // that waits for a master is as late each time.
   HttpAnswer quickly(std::string const& target) const
   {
-    auto const begin = std::chrono::steady_clock::now();
-    HttpAnswer answer = m_gateway.get(target);
-    EXPECT_LT(Seconds(std::chrono::steady_clock::now() - begin).count(), 4) << target;
-    return answer;
+    std::optional<HttpAnswer> answer;
+    EXPECT_TRUE(eventually(
+        [&]
+        {
+          auto const begin = std::chrono::steady_clock::now();
+          answer.emplace(m_gateway.get(target));
+          return std::chrono::steady_clock::now() - begin < std::chrono::seconds(4);
+        }))
+        << target;
+    return *answer;
   }
 
   // Lines, and whether their end was one.
@@ -155,27 +162,31 @@ TEST_F(GatewayMastersTest, OneThatIsAwayTakesNothingFromTheOther)
 TEST_F(GatewayMastersTest, OneThatHangsTakesNothingFromTheOther)
 {
   m_east.process().sendSignal(SIGSTOP);
-  // More than the threads that read for one address.
-  constexpr int WAITING = 20;
-  std::vector<std::unique_ptr<HttpConnection>> waiting;
-  for (int i = 0; i < WAITING; ++i)
-  {
-    waiting.push_back(std::make_unique<HttpConnection>(m_gateway.port()));
-    waiting.back()->send("GET " + std::string(OF_EAST) +
-                         " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n");
-  }
-  for (int i = 0; i < 5; ++i)
-  {
-    EXPECT_EQ(quickly(OF_WEST).status, 200);
-    EXPECT_EQ(quickly("/api/v1/hosts").status, 200);
-    EXPECT_EQ(quickly("/metrics").status, 200);
-  }
-  // Those that were begun did not come in time, and for the rest there was none left.
-  std::multiset<int> statuses;
-  for (auto const& each : waiting)
-    statuses.insert(HttpAnswer(each->readToEnd()).status);
-  EXPECT_GE(statuses.count(504), 1U);
-  EXPECT_EQ(statuses.count(504) + statuses.count(503), std::size_t(WAITING));
+  // Those who ask the other have their answers while all of these still wait, unless this machine
+  // is so slow meanwhile that the time for a request is over: then all is asked anew.
+  EXPECT_TRUE(eventually(
+      [&]
+      {
+        constexpr std::size_t WAITING = 20; // more than the threads that read for one address
+        std::list<HttpConnection> waiting;
+        for (std::size_t i = 0; i < WAITING; ++i)
+          waiting.emplace_back(m_gateway.port())
+              .send("GET " + std::string(OF_EAST) +
+                    " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n");
+        bool right = true;
+        for (char const* const target : {OF_WEST, "/api/v1/hosts", "/metrics"})
+          right = m_gateway.get(target).status == 200 && right;
+        right = right && std::none_of(waiting.begin(), waiting.end(),
+                                      [](HttpConnection const& each)
+                                      { return each.comes(std::chrono::milliseconds(0)); });
+        // Those that were begun did not come in time, and for the rest there was none left.
+        std::multiset<int> statuses;
+        for (HttpConnection& each : waiting)
+          statuses.insert(HttpAnswer(each.readToEnd()).status);
+        EXPECT_GE(statuses.count(504), 1U);
+        EXPECT_EQ(statuses.count(504) + statuses.count(503), WAITING);
+        return right;
+      }));
   ASSERT_TRUE(m_gateway.awaitState("away", "east"));
   EXPECT_EQ(quickly(OF_WEST).status, 200);
 
