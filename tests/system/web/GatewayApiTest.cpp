@@ -82,6 +82,21 @@ TEST_F(GatewayApiTest, AnAnswerThatHasNotChangedIsNotSentAgain)
       { return m_gateway.get("/api/v1/hosts", "If-None-Match: " + tag + "\r\n").status == 200; }));
 }
 
+// What can be asked for lies beside what was found, as of another type.
+TEST_F(GatewayApiTest, WhatWasFoundGoesBeforeWhatCanBeAskedFor)
+{
+  writeText(m_service / "found", itemsDocument("<DISCOVERED Name=\"web1\"><ExplorerData Name=\"x\">"
+                                               "<Size>3</Size></ExplorerData></DISCOVERED>"));
+  EXPECT_EQ(run({"put", "web1", "host", m_service / "found", "--type", "client"}).exitCode, 0);
+  ASSERT_TRUE(m_gateway.awaitDiscoveries(4));
+  std::string const target = "/api/v1/discoveries/web1/host";
+  auto const size = [&](std::string const& query)
+  { return m_gateway.get(target + query).json()["items"][0]["facts"]["Size"]; };
+  EXPECT_EQ(size("?type=external"), 1048576);
+  EXPECT_EQ(size("?type=client"), 3);
+  EXPECT_EQ(size(""), 3);
+}
+
 TEST_F(GatewayApiTest, AnswersTellBrowsersToRunNothingOfThem)
 {
   for (char const* target :

@@ -51,15 +51,25 @@ TEST(GatewayOptionsTest, MistakesOfTheConfigurationAreTold)
   LiveService service;
   writeText(service / "open", "0123456789abcdef\n");
   std::filesystem::permissions(service / "open", std::filesystem::perms(0644));
-  writeText(service / "short", "0123\n");
-  std::filesystem::permissions(service / "short", std::filesystem::perms(0600));
+  for (auto const& [name, text] :
+       {std::pair("short", "0123\n"), std::pair("two", "01234567 89abcdef\n"),
+        std::pair("fifteen", "0123456789abcde\n")})
+  {
+    writeText(service / name, text);
+    std::filesystem::permissions(service / name, std::filesystem::perms(0600));
+  }
   for (auto const& [lines, message] : std::map<std::string, std::string>{
            {"WEB_LISTEN = localhost:80\n", "WEB_LISTEN"},
            {"WEB_LISTEN = relative/path\n", "WEB_LISTEN"},
            {"WEB_LISTEN = 127.0.0.1:0\n", "WEB_LISTEN"},
            {"WEB_TOKEN_FILE = " + (service / "open") + "\n", "can be read by everybody"},
            {"WEB_TOKEN_FILE = " + (service / "short") + "\n", "is no token"},
+           {"WEB_TOKEN_FILE = " + (service / "two") + "\n", "is no token"},
+           {"WEB_TOKEN_FILE = " + (service / "fifteen") + "\n", "16 characters at least"},
            {"WEB_TOKEN_FILE = " + (service / "missing") + "\n", "cannot be read"},
+           {"WEB_TOKEN_FILE = " + service.root() + "\n", "is no regular file"},
+           {"WEB_TLS_KEY = " + (service / "open") + "\n", "can be read by everybody"},
+           {"WEB_TLS_CA = " + (service / "open") + "\n", "WEB_TLS_CA is of no use without"},
            {"WEB_TLS_CERTIFICATE = " + (service / "short") + "\n",
             "WEB_TLS_KEY are wanted together"},
            {"WEB_MASTER_SHARE = 0\n", "WEB_MASTER_SHARE"}})
@@ -140,6 +150,11 @@ TEST(GatewayOptionsTest, ATokenIsWantedOfEverybody)
             200);
   EXPECT_EQ(gateway.get("/api/v1/status", "Authorization: Bearer 0123456789abcdeg\r\n").status,
             401);
+  // Others reach it by whatever name they have for this host.
+  HttpConnection named(gateway.port());
+  named.send("GET /api/v1/status HTTP/1.1\r\nHost: backup.example\r\nConnection: close\r\n"
+             "Authorization: Bearer 0123456789abcdef\r\n\r\n");
+  EXPECT_EQ(HttpAnswer(named.readToEnd()).status, 200);
   EXPECT_EQ(gateway.stop(), 0);
 }
 
@@ -155,6 +170,17 @@ TEST(GatewayOptionsTest, ASocketOfTheFileSystemServesAsWell)
   connection.send("GET /api/v1/status HTTP/1.1\r\nHost: whatever\r\nConnection: close\r\n\r\n");
   EXPECT_EQ(HttpAnswer(connection.readToEnd()).status, 200);
   EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(0660));
+  // One at which somebody takes connections is not replaced, nor is what is no socket.
+  Outcome const second = startAnyhow(service);
+  EXPECT_EQ(second.exitCode, 1);
+  EXPECT_THAT(second.errors, HasSubstr("Unable to listen at " + path));
+  EXPECT_TRUE(HttpConnection(path).connected());
+  std::string const file = service / "file";
+  writeText(file, "of somebody");
+  service.configure("WEB_LISTEN = " + file + "\n");
+  EXPECT_EQ(startAnyhow(service).exitCode, 1);
+  EXPECT_EQ(readText(file), "of somebody");
+  service.configure("WEB_LISTEN = " + path + "\n");
   // One that was left behind by a process that was killed is replaced.
   gateway.process().sendSignal(SIGKILL);
   EXPECT_TRUE(gateway.process().wait());

@@ -203,7 +203,8 @@ for path in DOCUMENT["paths"]:
     if path != V1 + "events" and (head.status != 200 or nothing):
         fail(target, f"HEAD: {head.status}")
 for target in ("/api", "/api/v1", "/api/v1/", "/api/v2/status", "/api/v1/hosts/", "/api/v1/status/x",
-               "/api/v1/discoveries/a", "/api/v1/discoveries/a/b/c", "/nothing"):
+               "/api/v1/discoveries/a", "/api/v1/discoveries/a/b/c", "/api/v1/filters/",
+               "/metrics/x", "/nothing"):
     answer, _ = fetch(target)
     if answer.status != 404:
         fail(target, f"status {answer.status}")

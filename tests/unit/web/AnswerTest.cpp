@@ -12,9 +12,11 @@ using testing::HasSubstr;
 
 TEST(AnswerTest, GzipIsAcceptedWhereItIsSaidSo)
 {
-  for (char const* header : {"gzip", "deflate, gzip", "GZIP;q=0.5", "*", "br;q=1.0, *;q=0.1"})
+  for (char const* header : {"gzip", "deflate, gzip", "GZIP;q=0.5", "gzip;q=1", "gzip;Q=0.001", "*",
+                             "br;q=1.0, *;q=0.1"})
     EXPECT_TRUE(acceptsGzip(header)) << header;
-  for (char const* header : {"", "br", "gzip;q=0", "*, gzip;q=0", "gzip;q=x", "gzipped", "*;q=0"})
+  for (char const* header : {"", "br", "gzip;q=0", "gzip;level=1;Q=0", "gzip;q=1.1", "*, gzip;q=0",
+                             "gzip;q=x", "gzipped", "*;q=0"})
     EXPECT_FALSE(acceptsGzip(header)) << header;
 }
 
@@ -56,6 +58,30 @@ TEST(AnswerTest, AMistakeIsToldWithItsPlace)
   EXPECT_EQ(nlohmann::json::parse(*answer.body),
             nlohmann::json::parse(R"({"type":"about:blank","title":"Bad Request","status":400,
               "detail":"bad","parameter":"where","position":{"line":1,"column":8}})"));
+}
+
+TEST(AnswerTest, WhatIsRefusedHasNoTagAndSaysWhatWouldBeTaken)
+{
+  using Headers = std::vector<std::pair<std::string, std::string>>;
+  EXPECT_EQ(problem(404, "x").etag, "");
+  EXPECT_EQ(problem(404, "x").headers, Headers());
+  EXPECT_EQ(problem(405, "x").headers, (Headers{{"Allow", "GET, HEAD"}}));
+  EXPECT_EQ(problem(503, "x").headers, (Headers{{"Retry-After", "2"}}));
+}
+
+TEST(AnswerCacheTest, WhatIsKeptAnewTakesThePlaceOfWhatWas)
+{
+  Answer const answer = answerOf(std::string(1000, 'x'), "image/png");
+  Answer const other = answerOf(std::string(1000, 'y'), "image/png");
+  AnswerCache cache(3 * (answer.size() + 300));
+  cache.keep("a", answer);
+  cache.keep("b", answer);
+  cache.keep("a", other);
+  cache.keep("c", answer);
+  ASSERT_TRUE(cache.find("a"));
+  EXPECT_EQ(*cache.find("a")->body, *other.body);
+  EXPECT_TRUE(cache.find("b"));
+  EXPECT_TRUE(cache.find("c"));
 }
 
 TEST(AnswerCacheTest, WhatWasUsedLongestAgoGoesFirst)

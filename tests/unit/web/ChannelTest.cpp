@@ -65,6 +65,30 @@ TEST(ChannelTest, AReaderThatTakesNothingOrGoesEndsTheWriter)
   EXPECT_THROW(closed.write("x"), Channel::Gone);
 }
 
+TEST(ChannelTest, WhoGoesEndsTheWaitForRoom)
+{
+  Channel channel(seconds(60));
+  channel.write(std::string(Channel::MOST, 'x'));
+  std::promise<void> begun;
+  auto ended = std::async(std::launch::async,
+                          [&]() -> std::string
+                          {
+                            begun.set_value();
+                            try
+                            {
+                              channel.write("more");
+                              return "written";
+                            }
+                            catch (Channel::Gone const& gone)
+                            {
+                              return gone.what();
+                            }
+                          });
+  begun.get_future().wait();
+  channel.close();
+  EXPECT_EQ(ended.get(), "the reader has gone");
+}
+
 TEST(ChannelTest, WhatBreaksOffIsNoEnd)
 {
   Channel channel(seconds(60));

@@ -35,6 +35,23 @@ TEST(EventLogTest, WhoComesWithoutAnIdHearsOfWhatComes)
   EXPECT_THAT(*log.next(position), HasSubstr("data: 2"));
 }
 
+TEST(EventLogTest, WhoHasHeardAllMissesNothingAndOnlyThat)
+{
+  EventLog log("e1");
+  for (std::size_t i = 0; i < EventLog::MOST_EVENTS + 2; ++i)
+    log.add("added", "1");
+  std::string const lastForgotten = "e1-2";
+  auto position = log.begin(&lastForgotten);
+  EXPECT_THAT(*log.next(position), StartsWith("id: e1-3\nevent: added"));
+  std::size_t const count = EventLog::MOST_EVENTS + 2;
+  std::string const last = "e1-" + std::to_string(count);
+  position = log.begin(&last);
+  EXPECT_EQ(log.next(position), nullptr);
+  std::string const next = "e1-" + std::to_string(count + 1);
+  position = log.begin(&next);
+  EXPECT_THAT(*log.next(position), HasSubstr("event: reset\n")) << "nobody has heard that yet";
+}
+
 TEST(EventLogTest, WhatIsForgottenIsAReset)
 {
   EventLog log("e1");

@@ -1,8 +1,10 @@
 // What is kept of lists, what is told of their changes, and what is answered from them.
 
 #include "tests/support/ListedRecords.h"
+#include "tools/Metrics.h"
 #include "web/KeptList.h"
 #include "web/ListAnswers.h"
+#include "web/MetricsAnswers.h"
 
 #include <gmock/gmock.h>
 
@@ -115,6 +117,58 @@ TEST_F(KeptListTest, PagesGoFromMasterToMaster)
            .body);
   EXPECT_EQ(rest["discoveries"].size(), 1U);
   EXPECT_TRUE(rest["next"].is_null());
+}
+
+TEST_F(KeptListTest, TheStatusIsThatOfEachMasterAndOfAll)
+{
+  m_list.update(0, {record("a", "service", 20), record("b", "host", 7)}, "m1", true, 0.1);
+  m_list.update(1, {record("c", "host", 5), record("d", "service", 20)}, "m2", true, 2.5);
+  ListAnswers const answers(m_list, 1 << 20);
+  Mistake mistake;
+  auto const status =
+      nlohmann::json::parse(*answers.status(*RequestTarget::fromText("/x", mistake)).body);
+  EXPECT_EQ(status["hosts"], 4);
+  EXPECT_EQ(status["silentHosts"], 2);
+  EXPECT_EQ(status["discoveries"], 4);
+  EXPECT_EQ(status["oldestTime"], "1970-01-01T00:00:05Z");
+  EXPECT_EQ(status["masters"][0]["oldestTime"], "1970-01-01T00:00:07Z");
+  EXPECT_EQ(status["masters"][0]["silentHosts"], 1);
+  EXPECT_EQ(status["masters"][0]["listMilliseconds"], 100);
+  EXPECT_EQ(status["masters"][1]["listMilliseconds"], 2500);
+}
+
+TEST_F(KeptListTest, EachHostSaysWhetherItFellSilent)
+{
+  m_list.update(0, {record("a", "service", 20), record("b", "host", 7)}, "m1", true, 0.1);
+  ListAnswers answers(m_list, 1 << 20);
+  Mistake mistake;
+  auto const hosts = nlohmann::json::parse(
+      *answers.hosts(*RequestTarget::fromText("/x", mistake)).read().body)["hosts"];
+  ASSERT_EQ(hosts.size(), 2U);
+  EXPECT_EQ(hosts[0]["silent"], false);
+  EXPECT_EQ(hosts[1]["silent"], true);
+  EXPECT_EQ(hosts[1]["master"], "m1");
+  auto const one = nlohmann::json::parse(
+      *answers.host(*RequestTarget::fromText("/x", mistake), "b").read().body);
+  EXPECT_EQ(one["summaries"], nlohmann::json::array({hosts[1]}));
+}
+
+TEST_F(KeptListTest, OfAMasterThatIsAwayTheMetricsTellTheListAlone)
+{
+  m_list.update(0, {record("a", "service", 20)}, "m1", true, 0.1);
+  tqdiscoctl::ServiceFigures service;
+  service.version = "9.9";
+  m_list.setService(0, std::make_shared<tqdiscoctl::ServiceFigures const>(service));
+  MetricsAnswers const metrics(m_list);
+  Mistake mistake;
+  Request const request{*RequestTarget::fromText("/metrics", mistake), ""};
+  EXPECT_THAT(*metrics.metrics(request).body,
+              HasSubstr("tqdisco_build_info{master=\"m1\",version=\"9.9\"} 1\n"));
+  m_list.fail(0, "nobody is there");
+  std::string const text = *metrics.metrics(request).body;
+  EXPECT_THAT(text, testing::Not(HasSubstr("tqdisco_build_info{")));
+  EXPECT_THAT(text, HasSubstr("tqdisco_up{master=\"m1\"} 0\n"));
+  EXPECT_THAT(text, HasSubstr("tqdisco_hosts{master=\"m1\"} 1\n"));
 }
 
 TEST_F(KeptListTest, OfHalfAListThereAreNoFigures)
