@@ -55,7 +55,6 @@ unsigned short freePortOf(FleetNetwork const& network)
 FleetHost::FleetHost(FleetNetwork& network, std::size_t number, std::string name)
     : m_network(network), m_number(number), m_name(std::move(name))
 {
-  writeText(m_root / "clock", std::string(sizeof m_clocks, '\0'));
   for (char const* const folder : {"etc", "lib/plugins", "notes"})
     fs::create_directories(m_root / folder);
   // Nobody else may write where libraries lie, whatever the umask.
@@ -100,32 +99,6 @@ void FleetHost::launch(Process::Environment const& more)
   m_process.reset();
   m_process =
       std::make_unique<Process>(words.front(), Words(words.begin() + 1, words.end()), environment);
-}
-
-void FleetHost::jumpAhead(std::chrono::seconds time)
-{
-  m_clocks[0] += time.count();
-  writeClocks();
-}
-
-void FleetHost::setClock(std::chrono::seconds from)
-{
-  m_clocks[1] = from.count();
-  writeClocks();
-}
-
-void FleetHost::writeClocks() const
-{
-  // Written over: the service has the file in its memory.
-  std::fstream out(m_root / "clock", std::ios::binary | std::ios::in | std::ios::out);
-  out.write(reinterpret_cast<char const*>(m_clocks.data()), sizeof m_clocks);
-}
-
-Process::Environment FleetHost::clocks() const
-{
-  return {{"TQ_CLOCK_FILE", m_root / "clock"},
-          {"LD_PRELOAD", TQ_FIXTURE_DIR "/libclock_ahead.so"},
-          {"ASAN_OPTIONS", "verify_asan_link_order=0"}}; // as it comes first
 }
 
 int FleetHost::stop()

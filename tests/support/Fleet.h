@@ -11,6 +11,7 @@
 #include "tests/support/Certificates.h"
 #include "tests/support/FleetNetwork.h"
 #include "tests/support/LiveService.h"
+#include "tests/support/MovedClock.h"
 
 #include <array>
 #include <optional>
@@ -61,13 +62,13 @@ public:
   void issue(std::string const& somebody, std::string const& name, CertificateAuthority& authority);
 
   // Lets the monotonic clock of the service jump ahead: for waits of minutes.
-  void jumpAhead(std::chrono::seconds time);
+  void jumpAhead(std::chrono::seconds time) { m_clock.jumpAhead(time); }
 
   // Sets its wall clock to so far from the true time.
-  void setClock(std::chrono::seconds from);
+  void setClock(std::chrono::seconds from) { m_clock.set(from); }
 
   // Programs with these variables go by the same clocks.
-  Process::Environment clocks() const;
+  Process::Environment clocks() const { return m_clock.environment(); }
 
   bool setLink(bool up) { return m_network.setLink(m_number, up); }
 
@@ -82,13 +83,11 @@ public:
   std::vector<std::string> notes(std::string const& file) const;
 
 private:
-  void writeClocks() const;
-
   FleetNetwork& m_network;
   std::size_t const m_number;
   std::string const m_name;
   TempDir m_root;
-  std::array<std::int64_t, 2> m_clocks{}; // as ClockAhead.cpp has them
+  MovedClock m_clock{m_root / "clock"};
   std::unique_ptr<Process> m_process;
 };
 

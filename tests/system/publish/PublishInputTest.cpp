@@ -87,44 +87,6 @@ TEST(PublishInputTest, TenMebibytesOfItemsFitIntoSixtyFourOfMemory)
   EXPECT_EQ(publishing.stop(), 0) << publishing.log();
 }
 
-TEST(PublishInputTest, AClockThatIsOffIsNamedAndDoesNotDecideWhoIsSilent)
-{
-  LiveService service;
-  Publishing publishing(service);
-  ASSERT_TRUE(publishing.create());
-  ASSERT_TRUE(service.start());
-  auto const storeAt = [&](std::int64_t off, std::string const& subject = "web1")
-  {
-    auto const discovery = records::make(service.database(), "probe", subject, 1);
-    records::OzfObjTime const now(records::OzfObjTime::now().seconds() + off);
-    auto* const attributes =
-        new records::CollectionAttributes(records::CT_REAL_TIME, records::CS_CENTRALREPOSITORY, now,
-                                          records::OzfObjTime(10 * 86400), 1);
-    discovery->setAttributes(attributes);
-    EXPECT_EQ(records::DS_SUCCESS, records::store(*discovery, itemsWith({{"a", "1"}})));
-  };
-  std::string const times = "select discovered > now() + interval '2 hours', reported <= now() "
-                            "from discovery";
-  storeAt(3 * 3600);
-  Outcome const ahead = publishing.once();
-  EXPECT_THAT(ahead.errors, HasSubstr("A clock is off: that of the master tqtestmaster, or of who "
-                                      "reports to it of web1, by 10"));
-  EXPECT_EQ(publishing.sql(times), "t|t");
-  EXPECT_EQ(publishing.sql("select extract(hour from ahead + interval '10 seconds') from master"),
-            "3");
-
-  // Two days behind, in a report that comes now.
-  ASSERT_TRUE(publishing.start());
-  ASSERT_TRUE(publishing.process().awaitError("1 listed, 0 written"));
-  storeAt(-2 * 86400);
-  EXPECT_TRUE(publishing.process().awaitError("reports to it of web1, by -17"));
-  EXPECT_EQ(publishing.sql("select discovered < now() - interval '1 day' from discovery"), "t");
-  storeAt(-2 * 86400, "web2");
-  EXPECT_TRUE(publishing.awaitSql("select count(*) from item", "2")) << publishing.log();
-  EXPECT_EQ(publishing.sql("select count(*) from silent_host"), "0");
-  EXPECT_EQ(publishing.stop(), 0) << publishing.log();
-}
-
 // A value that a table does not take, for whatever reason, is that of its record alone.
 TEST(PublishInputTest, ValuesThatAreRefusedCostTheirRecordAlone)
 {

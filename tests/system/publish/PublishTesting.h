@@ -52,6 +52,19 @@ inline void placeIn(LiveService const& service, std::string const& subject,
   records::place(service.database(), authority, subject, payload);
 }
 
+// Of one whose clock is so far off.
+inline void storeAt(LiveService const& service, std::chrono::seconds off,
+                    std::string const& subject)
+{
+  std::filesystem::create_directories(service.database());
+  auto const discovery = records::make(service.database(), "probe", subject, 1);
+  records::OzfObjTime const now(records::OzfObjTime::now().seconds() + off.count());
+  discovery->setAttributes(new records::CollectionAttributes(records::CT_REAL_TIME,
+                                                             records::CS_CENTRALREPOSITORY, now,
+                                                             records::OzfObjTime(10 * 86400), 1));
+  EXPECT_EQ(records::DS_SUCCESS, records::store(*discovery, itemsWith({{"a", "1"}})));
+}
+
 // Takes what storeIn put there away.
 inline void removeFrom(LiveService const& service, std::string const& subject,
                        std::string const& authority)
