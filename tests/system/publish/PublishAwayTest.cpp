@@ -2,6 +2,7 @@
 
 #include "tests/system/publish/PublishTesting.h"
 
+using namespace std::chrono_literals;
 using namespace tqtest;
 
 TEST(PublishAwayTest, PostgresThatIsAwayIsWaitedForAndCaughtUpWith)
@@ -86,6 +87,46 @@ TEST(PublishAwayTest, AMasterThatDiesWhileItIsReadIsAwayAndKeepsWhatItHadSaid)
   ASSERT_TRUE(service.start());
   EXPECT_TRUE(publishing.awaitSql("select count(*), count(distinct facts) from item",
                                   std::to_string(RECORDS) + '|' + std::to_string(RECORDS)));
+  EXPECT_EQ(publishing.stop(), 0) << publishing.log();
+}
+
+// Of more than is held at a time, what the first list named is written then, and the rest is left
+// to the next pass.
+TEST(PublishAwayTest, AMasterThatIsLostBeforeItsSecondListKeepsWhatTheFirstOneNamed)
+{
+  LiveService service;
+  Publishing publishing(service);
+  ASSERT_TRUE(publishing.create("max_prepared_transactions = 1\n"));
+  constexpr int RECORDS = 1100;
+  std::string const all = std::to_string(RECORDS);
+  std::string const filler(4080, 'n'); // so that the first list fills one batch
+  for (int i = 1; i < RECORDS; ++i)
+    placeIn(service, std::to_string(i) + filler, "probe", itemsWith({{"a", "1"}}));
+  storeAt(service, 3h, "web1");
+  ASSERT_TRUE(service.start());
+
+  // It has read all payloads of the first list by then.
+  publishing.sql("begin; lock table history in share mode; prepare transaction 'between'");
+  ASSERT_TRUE(publishing.start());
+  ASSERT_TRUE(publishing.awaitSql("select count(*) from pg_locks where not granted", "1"))
+      << publishing.log();
+  EXPECT_EQ(service.stop(SIGKILL), 128 + SIGKILL);
+  publishing.sql("rollback prepared 'between'");
+  ASSERT_TRUE(publishing.awaitSql("select stale, reason from master", "t|it stopped answering"))
+      << publishing.log();
+  EXPECT_EQ(publishing.sql("select ahead > '2 hours' from master"), "t");
+  EXPECT_EQ(publishing.sql("select count(*) between 500 and 1099, count(gone) from discovery"),
+            "t|0")
+      << publishing.log();
+  EXPECT_EQ(publishing.sql("select distinct event from history"), "appeared");
+  EXPECT_EQ(publishing.unsound(), Publishing::SOUND);
+  EXPECT_EQ(occurrences(publishing.log(), "is listed again for the rest"), 1U);
+  EXPECT_EQ(occurrences(publishing.log(), "A clock is off: "), 1U);
+
+  ASSERT_TRUE(service.start());
+  EXPECT_TRUE(publishing.awaitSql("select count(*), count(gone) from discovery", all + "|0"))
+      << publishing.log();
+  EXPECT_THAT(publishing.log(), Not(HasSubstr("Clocks agree again")));
   EXPECT_EQ(publishing.stop(), 0) << publishing.log();
 }
 
