@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include "tests/support/Certificates.h"
 #include "tests/support/LiveService.h"
 
 #include <cstdio>
@@ -40,6 +41,18 @@ public:
   {
     std::string const from = sealedTemplate();
     return !from.empty() && run("/bin/cp", {"-a", from, data()}) && configure(entries);
+  }
+
+  // At 127.0.0.1 as well, for TLS alone, with a certificate for that name. Before it starts.
+  bool serveTls(CertificateAuthority& authority, std::string const& name)
+  {
+    m_port = freePort();
+    authority.issue(data(), "server", wishFor(name));
+    for (char const* const file : {"/server.pem", "/server.key"})
+      give(data() + file);
+    writeText(data() + "/pg_hba.conf", "local all all trust\nhostssl all all 127.0.0.1/32 trust\n");
+    return configure("listen_addresses = '127.0.0.1'\nport = " + std::to_string(m_port) +
+                     "\nssl = on\nssl_cert_file = 'server.pem'\nssl_key_file = 'server.key'\n");
   }
 
   // A standby of that server, which runs.
@@ -89,12 +102,8 @@ public:
   Process::Environment environment(std::string const& user = OWNER,
                                    std::string const& database = "postgres") const
   {
-    return environmentOf(socket(), user, database);
-  }
-  static Process::Environment environmentOf(std::string const& hosts, std::string const& user,
-                                            std::string const& database)
-  {
-    return {{"PGHOST", hosts},
+    return {{"PGHOST", socket()},
+            {"PGPORT", std::to_string(m_port)},
             {"PGUSER", user},
             {"PGDATABASE", database},
             {"PGPASSFILE", "/nonexistent"},
@@ -116,6 +125,7 @@ public:
   }
 
   std::string socket() const { return m_root.path(); }
+  unsigned short port() const { return m_port; }
   std::string data() const { return m_root / "data"; }
   Process& process() { return *m_process; }
 
@@ -182,6 +192,7 @@ private:
 
   bool const m_lasting;
   TempDir m_root;
+  unsigned short m_port = 5432;
   std::unique_ptr<Process> m_process;
 };
 

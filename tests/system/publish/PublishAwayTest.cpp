@@ -142,7 +142,7 @@ TEST(PublishAwayTest, AStandbyThatTakesOverIsFollowedAndHasAllThatWasCommitted)
   publishing.sql("select pg_reload_conf()");
   ASSERT_TRUE(publishing.awaitSql("select sync_state from pg_stat_replication", "sync"));
 
-  publishing.hosts = standby.socket() + ',' + publishing.postgres().socket();
+  publishing.more["PGHOST"] = standby.socket() + ',' + publishing.postgres().socket();
   ASSERT_TRUE(service.start());
   for (int i = 0; i < 20; ++i)
     storeIn(service, "web" + std::to_string(i), "probe", itemsWith({{"a", "1"}}));

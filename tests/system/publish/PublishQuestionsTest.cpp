@@ -70,7 +70,7 @@ TEST(PublishQuestionsTest, WhatTheCommandForOperatorsPrintsCanBeAsked)
   ASSERT_EQ(json.exitCode, 0) << json.errors;
   auto const told = nlohmann::json::parse(json.output);
   EXPECT_EQ(told["connection"].get<std::string>(),
-            "host=" + publishing.postgres().socket() + " dbname='a b' user=owner");
+            "host=" + publishing.postgres().socket() + " port=5432 dbname='a b' user=owner");
   std::set<std::string> views;
   for (auto const& view : told["views"])
     views.insert(view["name"].get<std::string>());

@@ -112,9 +112,8 @@ public:
 
   Process::Environment environment() const
   {
-    Process::Environment all = m_postgres.environment(user);
-    if (!hosts.empty())
-      all["PGHOST"] = hosts;
+    Process::Environment all = more;
+    all.merge(m_postgres.environment(user));
     all["TESSARINE_ROOT"] = m_service.root();
     return all;
   }
@@ -147,7 +146,7 @@ public:
   std::string log() const { return m_process->errors(); }
 
   std::string user = PostgresServer::OWNER;
-  std::string hosts; // other sockets than the server's own
+  Process::Environment more; // goes before what leads to the server
 
 private:
   LiveService& m_service;
