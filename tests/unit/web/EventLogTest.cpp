@@ -49,7 +49,9 @@ TEST(EventLogTest, WhoHasHeardAllMissesNothingAndOnlyThat)
   EXPECT_EQ(log.next(position), nullptr);
   std::string const next = "e1-" + std::to_string(count + 1);
   position = log.begin(&next);
-  EXPECT_THAT(*log.next(position), HasSubstr("event: reset\n")) << "nobody has heard that yet";
+  auto const reset = log.next(position);
+  ASSERT_NE(reset, nullptr) << "nobody has heard that yet";
+  EXPECT_THAT(*reset, HasSubstr("event: reset\n"));
 }
 
 TEST(EventLogTest, WhatIsForgottenIsAReset)
