@@ -4,6 +4,7 @@
 #include "discovery/Discoveries.h"
 #include "ozf/config/Configuration.h"
 #include "tests/support/CommandTest.h"
+#include "tests/support/FreePort.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/NoHost.h"
 
@@ -256,6 +257,29 @@ TEST_F(DiscoveriesTest, thePayloadIsAtFaultAndWhatStandsBeforeTheMistakeIsThere)
   ASSERT_THAT(discoveries.problems(), SizeIs(1));
   EXPECT_EQ(discoveries.problems()[0].fault, Fault::PAYLOAD);
   EXPECT_THAT(discoveries.problems()[0].text, HasSubstr("disks found about web1"));
+}
+
+// That master answers whatever is asked with all that it has, notes of explorers among it.
+TEST_F(DiscoveriesTest, whatWasNotAskedForIsLeftOut)
+{
+  configure("SERVER = 127.0.0.1\nCLIENT_NAME = reader\nORB_BIND = 127.0.0.1\n"
+            "ORB_PORT.DiscoveryService = " +
+            std::to_string(freePort()) + "\n");
+  Process master(TQ_BIN_DIR "/hostile_master", {m_service.root(), "6", "6", "0", "announced"});
+  ASSERT_TRUE(eventually([&] { return master.output().find("serving") != std::string::npos; }))
+      << master.errors();
+  Discoveries discoveries;
+  auto const subjectsAskedFor = [&](std::string const& authority, std::string const& subject)
+  {
+    std::vector<std::string> subjects;
+    for (FoundItem const& item : discoveries.items(authority, subject))
+      subjects.push_back(item.subject());
+    return subjects;
+  };
+  EXPECT_THAT(subjectsAskedFor("*", "*"), ElementsAre("host0", "host2", "host4"));
+  EXPECT_THAT(subjectsAskedFor("service", "host[24]"), IsEmpty()) << "[ is no wildcard";
+  EXPECT_THAT(subjectsAskedFor("service", "host2"), ElementsAre("host2"));
+  EXPECT_THAT(subjectsAskedFor("disks", "*"), IsEmpty());
 }
 
 TEST_F(DiscoveriesTest, theQueryIsAtFault)

@@ -10,6 +10,8 @@
 //   few         filter data, of a kilobyte
 //   described   an item with one fact; each discovery is by another authority, and
 //               has filter data besides
+//   announced   an item with one fact; every other discovery is a note of which host
+//               has an explorer
 //
 // With lists, those beyond so many have no end. Says "serving" when it does, and
 // waits to be killed.
@@ -82,7 +84,7 @@ public:
       std::string const which = std::to_string(m_given++);
       record.subject = ("host" + which).c_str();
       record.authority = ("service" + (isDescribed() ? which : "")).c_str();
-      record.authType = m_type;
+      record.authType = collections == "announced" && m_given % 2 == 0 ? AT_REMOTEPULL : m_type;
       record.attributes = {CT_POINT_IN_TIME, CS_CENTRALREPOSITORY, 1, 3600, 1000};
       record.sourceHost = "127.0.0.1";
       record.sourceServiceName = "DiscoveryService";
@@ -103,7 +105,7 @@ std::string makeItems(std::size_t size, std::string const& prefix)
   constexpr char FACTS[] = "<ExplorerData Name=\"x\">";
   constexpr char END[] = "</ExplorerData></DISCOVERED>";
   std::string text;
-  if (collections == "described")
+  if (collections == "described" || collections == "announced")
     text = BEGIN + std::string(FACTS) + "<Colour>red</Colour>" + END;
   else if (collections == "statuses")
     text = BEGIN + ("<StatusMsg><Code>3</Code><Text>" + std::string(size, 't')) +

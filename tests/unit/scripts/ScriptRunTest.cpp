@@ -1,5 +1,6 @@
 // Scripts as real processes, those that misbehave above all.
 
+#include "scripts/RunUser.h"
 #include "scripts/ScriptRun.h"
 #include "tests/support/Scripts.h"
 
@@ -8,6 +9,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <linux/capability.h>
+#include <pwd.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -293,6 +295,20 @@ TEST_F(ScriptRunTest, itRunsAsTheUserItIsGiven)
     EXPECT_EQ(outcome.failure, "it is to run as \"nobody\", which only root can have it do");
   m_sidecar.user = "tq-no-such-user";
   EXPECT_EQ(run("true").failure, "its user \"tq-no-such-user\" cannot be found");
+}
+
+TEST(RunUserTest, whoIsNotRootRunsScriptsAsItselfAlone)
+{
+  constexpr uid_t NOBODY = 65534;
+  ASSERT_TRUE(geteuid() != 0 || seteuid(NOBODY) == 0); // the test is a process of its own
+  RunUser user;
+  std::string reason;
+  EXPECT_FALSE(findRunUser("root", user, reason));
+  EXPECT_EQ(reason, "it is to run as \"root\", which only root can have it do");
+  passwd const* const self = getpwuid(geteuid());
+  ASSERT_NE(self, nullptr);
+  EXPECT_TRUE(findRunUser(self->pw_name, user, reason)) << reason;
+  EXPECT_FALSE(user.changes);
 }
 
 } // namespace
