@@ -71,6 +71,7 @@ public:
   // Takes both encodings as they are.
   explicit Subject(EncodedName const& name);
   Subject(Subject const&) = default;
+  Subject& operator=(Subject const&) = default;
 
   OzfString const& getName() const noexcept { return m_subject; }
   OzfString const& getFileKey() const noexcept { return m_fileKey; }
@@ -100,6 +101,7 @@ public:
   // Takes both encodings as they are.
   Authority(EncodedName const& name, AuthorityType type);
   Authority(Authority const&) = default;
+  Authority& operator=(Authority const&) = default;
 
   OzfString const& getName() const noexcept { return m_name; }
   OzfString const& getFileKey() const noexcept { return m_fileKey; }

@@ -224,7 +224,7 @@ struct HttpServer::Callbacks
     *context = nullptr;
   }
 
-  static void log(void*, char const* format, va_list arguments)
+  [[gnu::format(printf, 2, 0)]] static void log(void*, char const* format, va_list arguments)
   {
     char text[512];
     vsnprintf(text, sizeof text, format, arguments);

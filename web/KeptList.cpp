@@ -71,7 +71,8 @@ bool isBefore(Record const& a, Record const& b) { return keyOf(a) < keyOf(b); }
 
 std::span<Record const> recordsOf(MasterList const& list, std::string const& subject)
 {
-  return std::ranges::equal_range(*list.records, subject, {}, &Record::subject);
+  return {std::ranges::lower_bound(*list.records, subject, {}, &Record::subject),
+          std::ranges::upper_bound(*list.records, subject, {}, &Record::subject)};
 }
 
 nlohmann::json toJson(MasterList const& list)

@@ -131,8 +131,8 @@ Settings Settings::from(Configuration const& configuration,
   settings.share = static_cast<double>(configuration.number(configKey("WEB_MASTER_SHARE"))) / 100;
   settings.token = reading.token();
   reading.tls(settings);
-  auto const number = [&configuration](ConfigurationKey const& key)
-  { return static_cast<unsigned>(configuration.number(key)); };
+  auto const number = [&configuration](ConfigurationKey const& limit)
+  { return static_cast<unsigned>(configuration.number(limit)); };
   settings.connections = number(configKey("WEB_LIMIT_CONNECTIONS"));
   settings.peerConnections = number(configKey("WEB_LIMIT_PEER_CONNECTIONS"));
   settings.header = number(configKey("WEB_LIMIT_HEADER"));

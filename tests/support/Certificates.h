@@ -40,7 +40,9 @@ class CertificateAuthority
 {
 public:
   explicit CertificateAuthority(std::string const& name = "Test authority")
-      : m_name(name), m_key(EVP_EC_gen("P-256"), EVP_PKEY_free), m_certificate(nullptr, X509_free)
+      : m_name(name),
+        m_key(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"), EVP_PKEY_free),
+        m_certificate(nullptr, X509_free)
   {
     Wish wish;
     wish.commonName = name;
@@ -54,7 +56,7 @@ public:
   // In the directory: "<name>.pem" and "<name>.key".
   void issue(std::string const& directory, std::string const& name, Wish const& wish = Wish())
   {
-    Key const key(EVP_EC_gen("P-256"), EVP_PKEY_free);
+    Key const key(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"), EVP_PKEY_free);
     auto const certificate = make(wish, key.get(), false);
     write(directory + "/" + name + ".pem",
           [&](std::FILE* file) { return PEM_write_X509(file, certificate.get()); });

@@ -53,7 +53,7 @@ TEST_F(TqdiscoctlItemsTest, elementsWithAttributesAreFacts)
 TEST_F(TqdiscoctlItemsTest, attributesThatCannotBeToldFromTextLeaveTheText)
 {
   json const quoted = itemWith("<Unit n=\"a&quot;b\" m=\"&quot; &quot;c\">x</Unit>");
-  EXPECT_EQ(quoted["facts"], json({fact("Unit", "x")}));
+  EXPECT_EQ(quoted["facts"], json::array({fact("Unit", "x")}));
   for (char const* const value :
        {"&quot;&gt;", "&quot;&gt;&lt;Size&gt;1&lt;/Size&gt;", "&quot;&gt;y&lt;/Unit&gt;"})
   {

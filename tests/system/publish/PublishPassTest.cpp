@@ -119,13 +119,13 @@ TEST_F(PublishPassTest, RowsFollowWhatTheMasterHas)
 // As many as do not fit into what is held at a time: the master is listed again for the rest.
 TEST_F(PublishPassTest, ManyChangesAreOneTransaction)
 {
-  constexpr int RECORDS = 1100;
-  for (int i = 0; i < RECORDS; ++i)
+  constexpr int MANY = 1100;
+  for (int i = 0; i < MANY; ++i)
     placeIn(service, std::to_string(i) + std::string(4000, 'n'), "probe",
             itemsWith({{"a", std::to_string(i)}}));
   ASSERT_TRUE(service.start());
   ASSERT_TRUE(publishing.start());
-  std::string const all = std::to_string(RECORDS);
+  std::string const all = std::to_string(MANY);
   ASSERT_TRUE(publishing.process().awaitError(all + " listed, " + all + " written, 0 gone"))
       << publishing.log();
   // History has the time at which its transaction began.

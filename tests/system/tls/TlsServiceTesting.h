@@ -78,8 +78,8 @@ protected:
       ADD_FAILURE() << path;
     std::unique_ptr<BIO, decltype(&BIO_free_all)> const connection(
         BIO_new_ssl_connect(context.get()), BIO_free_all);
-    std::string const place = "127.0.0.1:" + std::to_string(m_service.port());
-    BIO_set_conn_hostname(connection.get(), place.c_str());
+    std::string place = "127.0.0.1:" + std::to_string(m_service.port());
+    BIO_set_conn_hostname(connection.get(), place.data());
     std::string const question("GIOP\1\0\0\3\0\0\0\x18\0\0\0\1\0\0\0\x10"
                                "DiscoveryService",
                                36);

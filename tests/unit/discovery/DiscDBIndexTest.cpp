@@ -197,7 +197,7 @@ TEST_F(IndexedDatabase, BadFilesAreReportedEachTime)
   std::string odd = document(FUTURE, 1, "hostA", "odd");
   odd.replace(odd.find("<Priority>1"), 11, "<Priority>one");
   writeText(path("2 hostA odd.xml"), odd);
-  auto const lines = [this](auto read)
+  auto const lines = [](auto read)
   {
     LogCapture log(1);
     read();

@@ -139,10 +139,10 @@ TEST_F(ScriptsExplorerTest, aRunThatFailsKeepsWhatWasFoundAndTellsWhy)
     writeShellScript(*this / "disks", commands);
     // A run that had begun by then fails in its own way.
     ASSERT_TRUE(eventually(
-        [&]
+        [&, &why = reason]
         {
           pass();
-          return lines(reason) > 0;
+          return lines(why) > 0;
         },
         std::chrono::seconds(30)))
         << commands << m_log.text();
