@@ -3,8 +3,8 @@
 JOBS ?= $(shell nproc)
 # Most tests wait: all plain ones together use a processor for a fifth of their time.
 TEST_JOBS ?= $(shell expr 4 '*' $(JOBS))
-# Under the sanitizers they compute for half of it.
-run-asan: TEST_JOBS := $(shell expr 2 '*' $(JOBS))
+# Under the sanitizers they compute for a third of it.
+run-asan: TEST_JOBS := $(shell expr 3 '*' $(JOBS))
 FUZZ_SECONDS ?= 60
 # Of hostile messages in torture.
 TORTURE_MINUTES ?= 5
