@@ -2,6 +2,7 @@
 
 #include "bench/Bench.h"
 #include "bench/Service.h"
+#include "bench/TlsCall.h"
 
 #include "ozf/base/SystemError.h"
 
@@ -19,6 +20,7 @@
 #include <chrono>
 #include <csignal>
 #include <deque>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -44,6 +46,7 @@ public:
       : m_attack(attack),
         m_service(loopbackAt(port)),
         m_sockets(connections),
+        m_calls(connections),
         m_epoll(::epoll_create1(EPOLL_CLOEXEC))
   {
     for (std::size_t place = 0; place < connections; ++place)
@@ -106,16 +109,19 @@ private:
 
   void end(std::size_t place)
   {
+    m_calls[place].reset();
     m_sockets[place].reset();
     m_ended.push_back(place);
   }
 
   // False when the connection has ended.
-  bool send(int socket) const
+  bool send(int socket)
   {
-    std::string const& message = m_attack.message;
+    if (m_attack.messages.empty())
+      return true;
     do
     {
+      std::string const& message = m_attack.messages[m_sent++ % m_attack.messages.size()];
       auto const sent = ::send(socket, message.data(), message.size(), MSG_NOSIGNAL);
       if (sent < static_cast<ssize_t>(message.size()))
         return sent >= 0 || errno == EAGAIN;
@@ -123,18 +129,41 @@ private:
     return true;
   }
 
+  // False when the handshake has failed, or the service has ended it.
+  bool prove(epoll_event const& happened, int socket)
+  {
+    std::size_t const place = happened.data.u64;
+    auto& call = m_calls[place];
+    if (!call)
+      call.emplace(m_attack.proofs[place % m_attack.proofs.size()].get(), socket);
+    char answer[4096];
+    auto const progress = call->shakeHands();
+    if (progress == TlsCall::FAILED ||
+        (progress == TlsCall::DONE && ::recv(socket, answer, sizeof answer, 0) == 0))
+      return false;
+    listenFor(progress == TlsCall::WRITE ? EPOLLOUT : EPOLLIN, happened, socket);
+    return true;
+  }
+
+  void listenFor(std::uint32_t events, epoll_event next, int socket)
+  {
+    next.events = events;
+    ::epoll_ctl(m_epoll.get(), EPOLL_CTL_MOD, socket, &next);
+  }
+
   bool goesOn(epoll_event const& happened)
   {
     int const socket = m_sockets[happened.data.u64].get();
     if ((happened.events & (EPOLLERR | EPOLLHUP)) != 0)
       return false;
+    if (!m_attack.proofs.empty())
+      return prove(happened, socket);
     if ((happened.events & EPOLLOUT) != 0)
     {
       if (!send(socket) || m_attack.manner == Attack::LEAVE)
         return false;
-      epoll_event next = happened;
-      next.events = m_attack.manner == Attack::SEND_ALWAYS ? EPOLLOUT | EPOLLET : EPOLLIN;
-      ::epoll_ctl(m_epoll.get(), EPOLL_CTL_MOD, socket, &next);
+      listenFor(m_attack.manner == Attack::SEND_ALWAYS ? EPOLLOUT | EPOLLET : EPOLLIN, happened,
+                socket);
       return true;
     }
     char answer[4096];
@@ -152,10 +181,12 @@ private:
   Attack const& m_attack;
   sockaddr_in const m_service;
   std::vector<UniqueFd> m_sockets;
-  std::deque<std::size_t> m_ended; // places in m_sockets
+  std::vector<std::optional<TlsCall>> m_calls; // over them, with proofs
+  std::deque<std::size_t> m_ended;             // places in m_sockets
   UniqueFd const m_epoll;
   Clock::time_point const m_start = Clock::now();
   std::size_t m_opened = 0; // anew
+  std::size_t m_sent = 0;   // messages
 };
 
 } // namespace

@@ -3,8 +3,12 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <sys/types.h>
+#include <vector>
+
+using SSL_CTX = struct ssl_ctx_st;
 
 namespace tqbench
 {
@@ -14,15 +18,17 @@ struct Attack
   enum Manner
   {
     WAIT,        // until the service ends the connection
-    ASK_AGAIN,   // send the same again after each answer
-    SEND_ALWAYS, // the same again and again, and read nothing
+    ASK_AGAIN,   // send the next message after each answer
+    SEND_ALWAYS, // one message after the other, and read nothing
     LEAVE        // end the connection at once
   };
 
-  std::string work;    // what each does, for the table
-  std::string message; // what each begins with
+  std::string work;                  // what each does, for the table
+  std::vector<std::string> messages; // in turn, whoever sends
   Manner manner = WAIT;
   int anew = 2000; // so many connections a second take the place of those that ended, at most
+  // With any, the connections shake hands first, one as this and the next as that.
+  std::vector<std::shared_ptr<SSL_CTX>> proofs{};
 };
 
 // A process of its own with so many connections, from a few addresses, to the service

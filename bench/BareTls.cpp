@@ -2,10 +2,10 @@
 
 #include "bench/Bench.h"
 #include "bench/Service.h"
+#include "bench/TlsCall.h"
 
 #include "ozf/base/SystemError.h"
 #include "ozf/tls/Handshakes.h"
-#include "tests/support/Certificates.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -31,25 +31,6 @@ using Quillon::Tessarine::Ozf::Handshakes;
 using Quillon::Tessarine::Ozf::UniqueFd;
 using Session = std::unique_ptr<SSL, decltype(&SSL_free)>;
 
-unsigned processors() { return std::max(std::thread::hardware_concurrency(), 1U); }
-
-// As the service has it: no session is taken up again, either side shows who it is.
-std::shared_ptr<SSL_CTX> contextOf(std::string const& files)
-{
-  std::shared_ptr<SSL_CTX> const context(SSL_CTX_new(TLS_method()), SSL_CTX_free);
-  SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION);
-  SSL_CTX_set_session_cache_mode(context.get(), SSL_SESS_CACHE_OFF);
-  SSL_CTX_set_num_tickets(context.get(), 0);
-  SSL_CTX_set_options(context.get(), SSL_OP_NO_TICKET);
-  SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
-  require(SSL_CTX_use_certificate_chain_file(context.get(), (files + "/host.pem").c_str()) == 1 &&
-              SSL_CTX_use_PrivateKey_file(context.get(), (files + "/host.key").c_str(),
-                                          SSL_FILETYPE_PEM) == 1 &&
-              SSL_CTX_load_verify_file(context.get(), (files + "/ca.pem").c_str()) == 1,
-          "the certificates cannot be read");
-  return context;
-}
-
 void serveOne(SSL_CTX* context, int socket)
 {
   UniqueFd const connection(::accept4(socket, nullptr, nullptr, SOCK_CLOEXEC));
@@ -69,7 +50,7 @@ void serve(int socket, int pipe)
   ssize_t const size = ::read(pipe, files, sizeof files);
   if (size <= 0)
     return;
-  auto const context = contextOf(std::string(files, static_cast<std::size_t>(size)));
+  auto const context = tlsContextOf(std::string(files, static_cast<std::size_t>(size)), "host");
   for (unsigned i = 0; i < std::min(processors(), Handshakes::MOST_THREADS); ++i)
     std::thread(
         [=]
@@ -127,7 +108,8 @@ void BareTls::begin(std::string const& files)
           "the bare server has ended");
 }
 
-void makeCertificates(std::string const& directory, std::vector<std::string> const& hosts)
+tqtest::CertificateAuthority makeCertificates(std::string const& directory,
+                                              std::vector<std::string> const& hosts)
 {
   std::filesystem::create_directory(directory);
   tqtest::CertificateAuthority authority;
@@ -137,9 +119,10 @@ void makeCertificates(std::string const& directory, std::vector<std::string> con
   for (auto const& host : hosts)
     wish.names += (wish.names.empty() ? "DNS:" : ",DNS:") + host;
   authority.issue(directory, "host", wish);
+  return authority;
 }
 
-TlsCallers::TlsCallers(std::string const& files) : m_context(contextOf(files)) {}
+TlsCallers::TlsCallers(std::string const& files) : m_context(tlsContextOf(files, "host")) {}
 
 void TlsCallers::call(unsigned short port, bool ask) const
 {

@@ -3,13 +3,13 @@
 
 #pragma once
 
+#include "tests/support/Certificates.h"
+
 #include <cstddef>
 #include <memory>
 #include <string>
 #include <sys/types.h>
 #include <vector>
-
-using SSL_CTX = struct ssl_ctx_st;
 
 namespace tqbench
 {
@@ -39,8 +39,9 @@ private:
 };
 
 // Makes the directory, and in it an authority, "ca.pem", and a certificate of it with
-// its key for the hosts, "host.pem" and "host.key".
-void makeCertificates(std::string const& directory, std::vector<std::string> const& hosts);
+// its key for the hosts, "host.pem" and "host.key". The authority may issue more.
+tqtest::CertificateAuthority makeCertificates(std::string const& directory,
+                                              std::vector<std::string> const& hosts);
 
 // Callers with the certificate "host.pem" of the directory, a thread for each
 // processor.

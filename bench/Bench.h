@@ -76,6 +76,7 @@ std::vector<Row> benchIdleConnections(Settings const& settings);
 std::vector<Row> benchScale(Settings const& settings);
 std::vector<Row> benchServiceMemory(Settings const& settings);
 std::vector<Row> benchTls(Settings const& settings);
+std::vector<Row> benchReconnect(Settings const& settings);
 std::vector<Row> benchRights(Settings const& settings);
 std::vector<Row> benchHostile(Settings const& settings);
 std::vector<Row> benchGatewayHosts(Settings const& settings);

@@ -4,10 +4,8 @@
 #include "bench/Service.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <spawn.h>
 #include <strings.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -141,27 +139,11 @@ EtcdProcess::EtcdProcess(std::string const& directory) : m_port(freePort())
   std::filesystem::create_directories(directory);
   std::string const client = "http://127.0.0.1:" + std::to_string(m_port);
   std::string const peer = "http://127.0.0.1:" + std::to_string(freePort());
-  std::string words[] = {PROGRAM,
-                         "--name=bench",
-                         "--data-dir=" + directory + "/data",
-                         "--listen-client-urls=" + client,
-                         "--advertise-client-urls=" + client,
-                         "--listen-peer-urls=" + peer,
-                         "--initial-advertise-peer-urls=" + peer,
-                         "--initial-cluster=bench=" + peer,
-                         "--log-level=error"};
-  char* arguments[std::size(words) + 1] = {};
-  for (std::size_t i = 0; i < std::size(words); ++i)
-    arguments[i] = words[i].data();
-  std::string const log = directory + "/log";
-  posix_spawn_file_actions_t actions;
-  ::posix_spawn_file_actions_init(&actions);
-  for (int const fd : {STDOUT_FILENO, STDERR_FILENO})
-    ::posix_spawn_file_actions_addopen(&actions, fd, log.c_str(), O_WRONLY | O_CREAT | O_APPEND,
-                                       0644);
-  int const failure = ::posix_spawn(&m_pid, PROGRAM, &actions, nullptr, arguments, environ);
-  ::posix_spawn_file_actions_destroy(&actions);
-  require(failure == 0, "etcd cannot be started");
+  m_pid = startProgram({PROGRAM, "--name=bench", "--data-dir=" + directory + "/data",
+                        "--listen-client-urls=" + client, "--advertise-client-urls=" + client,
+                        "--listen-peer-urls=" + peer, "--initial-advertise-peer-urls=" + peer,
+                        "--initial-cluster=bench=" + peer, "--log-level=error"},
+                       directory + "/log");
   auto const end = std::chrono::steady_clock::now() + DEADLINE;
   bool answers = false;
   while (!(answers = EtcdClient::answers(m_port)) && std::chrono::steady_clock::now() < end &&

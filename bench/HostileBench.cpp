@@ -7,11 +7,14 @@
 #include "bench/Attackers.h"
 #include "bench/BareTls.h"
 #include "bench/Bench.h"
+#include "bench/EndlessHost.h"
+#include "bench/HostileMessages.h"
 #include "bench/Records.h"
 #include "bench/Service.h"
+#include "bench/TlsCall.h"
 
 #include "ozf/config/Configuration.h"
-#include "tests/support/Certificates.h"
+#include "tests/support/UnwellService.h"
 
 #include <chrono>
 
@@ -31,19 +34,59 @@ constexpr std::size_t RECORDS = 100;
 // client keeps to it.
 constexpr char LIMITS[] = "LIMIT_PEER_REQUESTS = 300\n";
 
-std::vector<Attack> attacks()
+// Where nobody answers: ORB_PORT.SilentService.
+constexpr char SILENT[] = "SilentService";
+
+std::string portLine(char const* service, unsigned short port)
 {
+  return std::string("ORB_PORT.") + service + " = " + std::to_string(port) + '\n';
+}
+
+// Asks for data on demand of that service again and again, and announces it anew when the
+// master may have forgotten it.
+std::vector<std::string> requestsThatLeadTo(std::string const& service)
+{
+  constexpr std::size_t REQUESTS_EACH = 20;
+  std::vector<std::string> messages(REQUESTS_EACH, dataRequestFor(service));
+  messages.front() = registrationOf(service, service);
+  return messages;
+}
+
+std::vector<Attack> attacks(std::string const& files)
+{
+  constexpr std::size_t DIFFERENT = 1000;
   std::string const question(QUESTION, sizeof QUESTION - 1);
   std::string const halfRequest("GIOP\1\2\1\0\x64\0\0\0\1\0\0\0\3\0\0\0", 20);
   std::string const halfHello("\x16\3\1\2\0\1\0\1\xfc\3\3", 11);
   std::string const broken = std::string("GIOP\1\2\1\0\x40\0\0\0", 12) + std::string(64, '\xff');
-  return {{"that are idle", "", Attack::WAIT, ANEW},
-          {"with half a request", halfRequest, Attack::WAIT, ANEW},
-          {"that stall in a TLS handshake", halfHello, Attack::WAIT, ANEW},
-          {"that read no answers", question, Attack::SEND_ALWAYS, ANEW},
-          {"that send broken messages", broken, Attack::WAIT, ANEW},
-          {"that come and go, 20,000 a minute", "", Attack::LEAVE, ANEW},
-          {"that ask as often as they are answered", question, Attack::ASK_AGAIN, ANEW}};
+  return {
+      {"that are idle", {}, Attack::WAIT, ANEW},
+      {"with half a request", {halfRequest}, Attack::WAIT, ANEW},
+      {"that read no answers", {question}, Attack::SEND_ALWAYS, ANEW},
+      {"that send broken messages", {broken}, Attack::WAIT, ANEW},
+      {"that send changed requests", mutatedMessages(DIFFERENT), Attack::ASK_AGAIN, ANEW},
+      {"that come and go, 20,000 a minute", {}, Attack::LEAVE, ANEW},
+      {"that ask as often as they are answered", {question}, Attack::ASK_AGAIN, ANEW},
+      {"that stall in a TLS handshake", {halfHello}, Attack::WAIT, ANEW},
+      {"that send changed TLS", mutatedHellos(DIFFERENT), Attack::WAIT, ANEW},
+      {"that TLS refuses",
+       {},
+       Attack::WAIT,
+       ANEW,
+       {tlsContextOf(files, ""), tlsContextOf(files, "stranger"), tlsContextOf(files, "ended")}},
+      {"that have it ask a silent host", requestsThatLeadTo(SILENT), Attack::ASK_AGAIN, ANEW},
+      {"that have it ask for endless pages", requestsThatLeadTo(EndlessHost::SERVICE),
+       Attack::ASK_AGAIN, ANEW}};
+}
+
+// Beside "host" a certificate of another authority and one that has ended.
+void makeAllCertificates(std::string const& files)
+{
+  auto authority = makeCertificates(files, {HOST});
+  tqtest::Wish ended;
+  ended.end = -60;
+  authority.issue(files, "ended", ended);
+  tqtest::CertificateAuthority("Other authority").issue(files, "stranger");
 }
 
 } // namespace
@@ -54,18 +97,23 @@ std::vector<Row> benchHostile(Settings const& settings)
   makeDatabase(settings.directory, RECORDS);
   openDatabase(settings.directory);
   std::string const files = settings.directory + "/certificates";
-  makeCertificates(files, {HOST});
+  makeAllCertificates(files);
   unsigned short const port = freePort();
-  writeConfiguration(settings.directory, port, LIMITS + tqtest::tlsLines("both", files, "host"));
+  tqtest::SilentPort const silent;
+  std::string const others =
+      portLine(SILENT, silent.port()) + portLine(EndlessHost::SERVICE, freePort());
+  writeConfiguration(settings.directory, port,
+                     LIMITS + others + tqtest::tlsLines("both", files, "host"));
   require(reloadConfiguration(), "the configuration was refused");
   ServiceProcess const process(settings.service);
   auto const query = [] { return queryApart(QUERIES, PAUSE); };
   query(); // as soon as it serves: it has read what is for it alone
-  writeConfiguration(settings.directory, port);
+  writeConfiguration(settings.directory, port, others);
   require(reloadConfiguration(), "the configuration was refused");
+  EndlessHost const endless;
   query(); // everything warm
   std::vector<Row> rows;
-  for (Attack const& attack : attacks())
+  for (Attack const& attack : attacks(files))
   {
     std::vector<double> with;
     std::vector<double> without;

@@ -4,11 +4,13 @@
 #include "bench/Records.h"
 
 #include "ozf/base/OzfHostname.h"
+#include "ozf/base/SystemError.h"
 #include "ozf/config/Configuration.h"
 #include "ozf/orb/Orb.h"
 
 #include <arpa/inet.h>
 #include <csignal>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <sched.h>
 #include <spawn.h>
@@ -17,6 +19,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -96,6 +99,27 @@ sockaddr_in loopbackAt(unsigned short port, in_addr_t address)
   return name;
 }
 
+unsigned processors() { return std::max(std::thread::hardware_concurrency(), 1U); }
+
+pid_t startProgram(std::vector<std::string> words, std::string const& output)
+{
+  std::vector<char*> arguments;
+  for (std::string& word : words)
+    arguments.push_back(word.data());
+  arguments.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  ::posix_spawn_file_actions_init(&actions);
+  for (int const fd : {STDOUT_FILENO, STDERR_FILENO})
+    ::posix_spawn_file_actions_addopen(&actions, fd, output.c_str(), O_WRONLY | O_CREAT | O_APPEND,
+                                       0644);
+  pid_t pid = 0;
+  int const failure =
+      ::posix_spawn(&pid, words.front().c_str(), &actions, nullptr, arguments.data(), environ);
+  ::posix_spawn_file_actions_destroy(&actions);
+  require(failure == 0, "a program that is compared with cannot be started");
+  return pid;
+}
+
 void raiseDescriptorLimit(std::size_t connections)
 {
   constexpr rlim_t MORE = 100;
@@ -116,6 +140,21 @@ unsigned short freePort()
           "no port on loopback");
   ::close(fd);
   return ntohs(address.sin_port);
+}
+
+void awaitListener(unsigned short port)
+{
+  auto const end = std::chrono::steady_clock::now() + START_DEADLINE;
+  sockaddr_in const address = loopbackAt(port);
+  for (;;)
+  {
+    UniqueFd const connection(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (::connect(connection.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) ==
+        0)
+      return;
+    require(std::chrono::steady_clock::now() < end, "nobody listens at a port");
+    std::this_thread::sleep_for(RETRY_PAUSE);
+  }
 }
 
 void writeConfiguration(std::string const& root, unsigned short port, std::string const& more)

@@ -32,8 +32,18 @@ sockaddr_in loopbackAt(unsigned short port, in_addr_t address = INADDR_LOOPBACK)
 // open, and what else they need.
 void raiseDescriptorLimit(std::size_t connections);
 
+// Of this machine, at least 1.
+unsigned processors();
+
+// Starts the program, the first of the words, with the others; what it says is appended
+// to the file.
+pid_t startProgram(std::vector<std::string> words, std::string const& output);
+
 // A port of loopback that is free now.
 unsigned short freePort();
+
+// Until a connection to that port of 127.0.0.1 can be made.
+void awaitListener(unsigned short port);
 
 // Makes the root's configuration: a master on loopback, and what more says.
 // Takes hold in this process at the next reloadConfiguration.

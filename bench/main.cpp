@@ -51,6 +51,7 @@ constexpr Benchmark BENCHMARKS[] = {{"persist", benchPersist, false},
                                     {"scale", benchScale, false},
                                     {"memory", benchServiceMemory, true},
                                     {"tls", benchTls, false},
+                                    {"reconnect", benchReconnect, false},
                                     {"rights", benchRights, false},
                                     {"hostile", benchHostile, false},
                                     {"webhosts", benchGatewayHosts, false},
@@ -196,8 +197,8 @@ int main(int argc, char** argv)
       ->check(CLI::PositiveNumber);
   app.add_option("--only", only,
                  "run these only: persist, enumerate, lookup, parse, items, query, list, payload, "
-                 "write, large, fleet, idle, scale, memory, tls, rights, hostile, webhosts, "
-                 "webmetrics, webrest, webmemory, publish");
+                 "write, large, fleet, idle, scale, memory, tls, reconnect, rights, hostile, "
+                 "webhosts, webmetrics, webrest, webmemory, publish");
   app.add_option("--side", settings.side,
                  "run one side only, for a tracer or a profiler: product, floor, sqlite");
   CLI11_PARSE(app, argc, argv);

@@ -5,7 +5,7 @@
 set -eu
 
 packages="g++ cmake ninja-build pkg-config
-libomniorb4-dev omniidl libace-dev libxerces-c-dev libspdlog-dev libssl-dev
+libomniorb4-dev omniidl libace-dev libxerces-c-dev libspdlog-dev libssl-dev openssl
 libcli11-dev nlohmann-json3-dev tao-pegtl-dev libmount-dev libudev-dev libsystemd-dev
 libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev tcl-combat libfaketime strace iproute2 scdoc gccgo-12 python3
 libpqxx-dev postgresql-15
