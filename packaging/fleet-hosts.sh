@@ -43,14 +43,12 @@ awaitMaster() # HOST, as it stands in $hosts
   fail "The master does not listen: $(cat "$fleet/answer")"
 }
 
-# Goes on until a signal ends the script.
+# Goes on until a signal ends the script. There is no process to wait for: one that had just been
+# begun when the signal came would outlive the script.
 waitForEnd()
 {
-  while :; do
-    sleep 3600 &
-    waiting=$!
-    wait $waiting
-  done
+  exec {endless}<> <(:)
+  while :; do read -r -t 3600 -u "$endless" || true; done
 }
 
 # Makes what the person who plays types: "on HOST start", "on HOST tqdiscoctl ...".

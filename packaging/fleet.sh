@@ -15,7 +15,6 @@ master=4master
 # Each number is the last part of an address. Hosts whose names begin with
 # these digits wait two seconds at most before they announce themselves.
 hosts="4master:1 23media:2 95web:3 96db:4 125mail:5"
-waiting=
 failed=
 # shellcheck source=packaging/fleet-hosts.sh
 . "$(dirname "$0")/fleet-hosts.sh"
@@ -27,7 +26,6 @@ stop()
   set +e
   echo
   echo "Stopping the fleet ..."
-  [ -z "$waiting" ] || kill "$waiting" 2>/dev/null || true
   for host in 125mail 96db 95web 23media 4master; do "$fleet/on" "$host" stop || true; done
   if [ -z "$failed" ]; then rm -rf "$fleet"; fi
 }

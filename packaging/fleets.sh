@@ -11,7 +11,6 @@ port=${PORT:-27511}
 # Name, last part of the address, and master. Names begin as in fleet.sh.
 hosts="4north:1:4north 23south:2:23south 95web:3:4north 96db:4:4north 125mail:5:23south 95files:6:23south"
 postgres=$(find /usr/lib/postgresql -mindepth 2 -maxdepth 2 -name bin 2>/dev/null | sort -V | tail -n 1)
-waiting=
 failed=
 publisher=
 # shellcheck source=packaging/fleet-hosts.sh
@@ -34,7 +33,6 @@ stop()
   set +e
   echo
   echo "Stopping the fleets ..."
-  [ -z "$waiting" ] || kill "$waiting" 2>/dev/null || true
   if [ -n "$publisher" ]; then kill "$publisher" 2>/dev/null; wait "$publisher" 2>/dev/null; fi
   for host in $hosts; do "$fleet/on" "${host%%:*}" stop || true; done
   [ ! -d "$fleet/postgres/data" ] ||
