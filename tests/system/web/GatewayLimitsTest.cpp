@@ -50,7 +50,7 @@ protected:
 
 TEST_F(GatewayTimeTest, WhatDoesNotComeInTimeIsToldSo)
 {
-  m_service.process().sendSignal(SIGSTOP);
+  m_service.process().freeze();
   HttpAnswer const answer = m_gateway.get(ONE);
   EXPECT_EQ(answer.status, 504) << answer.body;
   EXPECT_EQ(answer.json()["title"], "Gateway Timeout");
@@ -60,7 +60,7 @@ TEST_F(GatewayTimeTest, WhatDoesNotComeInTimeIsToldSo)
 
 TEST_F(GatewayLimitsTest, WhereTooManyWaitTheNextIsToldToComeAgain)
 {
-  m_service.process().sendSignal(SIGSTOP);
+  m_service.process().freeze();
   std::list<HttpConnection> waiting;
   constexpr int MORE_THAN_WAIT = 300;
   for (int i = 0; i < MORE_THAN_WAIT; ++i)

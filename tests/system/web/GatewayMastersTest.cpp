@@ -124,13 +124,13 @@ TEST_F(GatewayMastersTest, WhatEachKnowsIsToldWithItsName)
         "tqdisco_discoveries{master=\"east\",authority=\"host\",type=\"external\"} 1\n",
         "tqdisco_discoveries{master=\"west\",authority=\"host\",type=\"external\"} 2\n"})
     EXPECT_THAT(metrics, HasSubstr(line));
-  EXPECT_EQ(m_east.stop(), 0);
-  EXPECT_EQ(m_west.stop(), 0);
+  EXPECT_EQ(m_east.stop(), 0) << m_east.log();
+  EXPECT_EQ(m_west.stop(), 0) << m_west.log();
 }
 
 TEST_F(GatewayMastersTest, OneThatIsAwayTakesNothingFromTheOther)
 {
-  EXPECT_EQ(m_east.stop(), 0);
+  EXPECT_EQ(m_east.stop(), 0) << m_east.log();
   ASSERT_TRUE(m_gateway.awaitState("away", "east"));
   EXPECT_TRUE(m_gateway.awaitState("up", "west"));
   EXPECT_THAT(namesIn(quickly("/api/v1/hosts").json()["hosts"], "host"),
@@ -155,13 +155,13 @@ TEST_F(GatewayMastersTest, OneThatIsAwayTakesNothingFromTheOther)
   EXPECT_EQ(m_gateway.get(OF_EAST).status, 200);
   EXPECT_THAT(lines(), testing::Pair(3U, true));
   EXPECT_EQ(m_gateway.get("/api/v1/filters/host").header("Tqdisco-Complete"), "true");
-  EXPECT_EQ(m_east.stop(), 0);
-  EXPECT_EQ(m_west.stop(), 0);
+  EXPECT_EQ(m_east.stop(), 0) << m_east.log();
+  EXPECT_EQ(m_west.stop(), 0) << m_west.log();
 }
 
 TEST_F(GatewayMastersTest, OneThatHangsTakesNothingFromTheOther)
 {
-  m_east.process().sendSignal(SIGSTOP);
+  m_east.process().freeze();
   // Those who ask the other have their answers while all of these still wait, unless this machine
   // is so slow meanwhile that the time for a request is over: then all is asked anew.
   EXPECT_TRUE(eventually(
@@ -184,7 +184,8 @@ TEST_F(GatewayMastersTest, OneThatHangsTakesNothingFromTheOther)
         for (HttpConnection& each : waiting)
           statuses.insert(HttpAnswer(each.readToEnd()).status);
         EXPECT_GE(statuses.count(504), 1U);
-        EXPECT_EQ(statuses.count(504) + statuses.count(503), WAITING);
+        EXPECT_EQ(statuses.count(504) + statuses.count(503), WAITING)
+            << testing::PrintToString(statuses);
         return right;
       }));
   ASSERT_TRUE(m_gateway.awaitState("away", "east"));
@@ -193,6 +194,6 @@ TEST_F(GatewayMastersTest, OneThatHangsTakesNothingFromTheOther)
   m_east.process().sendSignal(SIGCONT);
   ASSERT_TRUE(m_gateway.awaitState("up", "east"));
   EXPECT_EQ(m_gateway.get(OF_EAST).status, 200);
-  EXPECT_EQ(m_east.stop(), 0);
-  EXPECT_EQ(m_west.stop(), 0);
+  EXPECT_EQ(m_east.stop(), 0) << m_east.log();
+  EXPECT_EQ(m_west.stop(), 0) << m_west.log();
 }
