@@ -53,7 +53,7 @@ fleets: deps
 test: quick-check
 	$(MAKE) build-check
 	$(MAKE) --jobs=3 run-check tidy build-asan BESIDE='nice -n 19'
-	$(MAKE) --jobs=2 run-asan fuzz FUZZ_SECONDS=20 BESIDE='nice -n 19'
+	$(MAKE) --jobs=2 run-asan fuzz FUZZ_SECONDS=10 BESIDE='nice -n 19'
 
 # What fails within two minutes when it is wrong: how the sources are written and
 # whether the house keeps its order.

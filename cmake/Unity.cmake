@@ -27,7 +27,7 @@ endfunction()
 # Of such sources GCC keeps up to 1.6 GB rather than look again and again for what it could
 # free, which takes an eighth of the time of the tests' sources.
 if(TQ_UNITY AND CMAKE_CXX_COMPILER_ID STREQUAL GNU)
-  add_compile_options("SHELL:--param ggc-min-heapsize=2000000" "SHELL:--param ggc-min-expand=400")
+  add_compile_options(--param=ggc-min-heapsize=2000000 --param=ggc-min-expand=400)
 endif()
 
 # tq_read_once(<target>): in whole builds the compiler reads what most sources of
