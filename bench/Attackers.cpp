@@ -6,19 +6,15 @@
 
 #include "ozf/base/SystemError.h"
 
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/epoll.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <deque>
 #include <optional>
 #include <utility>
@@ -192,34 +188,9 @@ private:
 } // namespace
 
 Attackers::Attackers(Attack const& attack, unsigned short port, std::size_t connections)
+    : m_process([&](int pipe) { Loop(attack, port, connections).run(pipe); },
+                "the attack has not begun")
 {
-  int ends[2];
-  require(::pipe2(ends, O_CLOEXEC) == 0, "no pipe");
-  m_pid = ::fork();
-  require(m_pid >= 0, "no process");
-  if (m_pid == 0)
-  {
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    ::close(ends[0]);
-    try
-    {
-      Loop(attack, port, connections).run(ends[1]);
-    }
-    catch (std::exception const&)
-    {
-    }
-    ::_exit(1);
-  }
-  ::close(ends[1]);
-  char byte = 0;
-  require(::read(ends[0], &byte, 1) == 1, "the attack has not begun");
-  ::close(ends[0]);
-}
-
-Attackers::~Attackers()
-{
-  ::kill(m_pid, SIGKILL);
-  ::waitpid(m_pid, nullptr, 0);
 }
 
 } // namespace tqbench

@@ -2,10 +2,11 @@
 
 #pragma once
 
+#include "bench/HarmingProcess.h"
+
 #include <cstddef>
 #include <memory>
 #include <string>
-#include <sys/types.h>
 #include <vector>
 
 using SSL_CTX = struct ssl_ctx_st;
@@ -39,12 +40,9 @@ public:
   // Returns a second after all have been opened. Forks, so this process must have neither an
   // ORB nor threads.
   Attackers(Attack const& attack, unsigned short port, std::size_t connections);
-  ~Attackers();
-  Attackers(Attackers const&) = delete;
-  Attackers& operator=(Attackers const&) = delete;
 
 private:
-  pid_t m_pid = 0;
+  HarmingProcess m_process;
 };
 
 } // namespace tqbench

@@ -5,13 +5,10 @@
 
 #include "tests/support/RemoteService.h"
 
-#include <fcntl.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <csignal>
-#include <memory>
+#include <atomic>
+#include <string>
 
 namespace tqbench
 {
@@ -74,35 +71,6 @@ void serve(int pipe)
 
 } // namespace
 
-EndlessHost::EndlessHost()
-{
-  int ends[2];
-  require(::pipe2(ends, O_CLOEXEC) == 0, "no pipe");
-  m_pid = ::fork();
-  require(m_pid >= 0, "no process");
-  if (m_pid == 0)
-  {
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    try
-    {
-      serve(ends[1]);
-    }
-    catch (...)
-    {
-    }
-    ::_exit(1);
-  }
-  ::close(ends[1]);
-  char byte = 0;
-  ssize_t const count = ::read(ends[0], &byte, 1);
-  ::close(ends[0]);
-  require(count == 1, "the host without end does not serve");
-}
-
-EndlessHost::~EndlessHost()
-{
-  ::kill(m_pid, SIGKILL);
-  ::waitpid(m_pid, nullptr, 0);
-}
+EndlessHost::EndlessHost() : m_process(serve, "the host without end does not serve") {}
 
 } // namespace tqbench

@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include <sys/types.h>
+#include "bench/HarmingProcess.h"
 
 namespace tqbench
 {
@@ -16,12 +16,9 @@ public:
 
   // Forks, so this process must have neither an ORB nor threads yet. Serves when it returns.
   EndlessHost();
-  ~EndlessHost();
-  EndlessHost(EndlessHost const&) = delete;
-  EndlessHost& operator=(EndlessHost const&) = delete;
 
 private:
-  pid_t m_pid = 0;
+  HarmingProcess m_process;
 };
 
 } // namespace tqbench
