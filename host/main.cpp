@@ -142,8 +142,7 @@ int runService(Options const& options)
 {
   // What is stored, and the log, is for the owner and the group alone.
   umask(027);
-  // The library brings others in that clean up when the process ends. Set up
-  // first by a thread of the ORB's, their clean-up could meet that thread.
+  // The library brings others in that are to be set up before there are threads.
   initializeXml();
   // The log is set up before the process's own reading of the file, which logs
   // the mistakes that it finds.

@@ -345,8 +345,7 @@ bool CorbaProcess::acquire(std::string const& name, unsigned short port,
   // ACE stays up until the process ends: its singletons go with it.
   static int const aceUp = ACE::init();
   // Here and not by the first call that meets a document: what the library
-  // brings in cleans up when the process ends, and must not have been set up by
-  // a thread of the ORB's that may be ending then.
+  // brings in is to be set up before there are threads.
   initializeXml();
   if (aceUp < 0)
     OZF_LOG(getFrameworkLogger(), 1, SOURCE, OPERATION, "Unable to initialise ACE");
