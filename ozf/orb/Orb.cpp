@@ -119,6 +119,18 @@ struct Orb::State
       throw CORBA::BAD_INV_ORDER(0, CORBA::COMPLETED_NO);
   }
 
+  // Null while the Orb is down. It stays for whoever has got it.
+  std::shared_ptr<OrbReactor> findReactor() const
+  {
+    std::lock_guard const guard(reactorMutex);
+    return reactor;
+  }
+  void setReactor(std::shared_ptr<OrbReactor> next)
+  {
+    std::lock_guard const guard(reactorMutex);
+    reactor.swap(next);
+  }
+
   void evictionLoop();
   void dropIdle();
   void destroyRoot() noexcept;
@@ -132,7 +144,8 @@ struct Orb::State
   std::atomic<bool> up = false;
   OrbCore core;
   CorbaProcess process;
-  std::unique_ptr<OrbReactor> reactor;
+  mutable std::mutex reactorMutex;
+  std::shared_ptr<OrbReactor> reactor; // changed under its mutex
   PortableServer::POA_var root;
   PortableServer::POA_var objects;
   PortableServer::POA_var evictable;
@@ -215,17 +228,17 @@ bool Orb::init()
   State& state = *m_state;
   if (state.up)
     return true;
-  state.reactor = std::make_unique<OrbReactor>(state.timerQueue);
+  state.setReactor(std::make_shared<OrbReactor>(state.timerQueue));
   if (!state.reactor->usable())
   {
     OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Orb::init",
             "Unable to set up the reactor of " << state.name);
-    state.reactor.reset();
+    state.setReactor(nullptr);
     return false;
   }
   if (!state.process.acquire(state.name, getServicePort(state.name), state.arguments))
   {
-    state.reactor.reset();
+    state.setReactor(nullptr);
     return false;
   }
   try
@@ -291,7 +304,7 @@ void Orb::shutdown()
   state.process.release();
   if (getAceReactor() == state.reactor->get())
     setAceReactor(nullptr);
-  state.reactor.reset();
+  state.setReactor(nullptr);
 }
 
 std::string const& Orb::name() const noexcept { return m_state->name; }
@@ -303,17 +316,22 @@ ACE_Reactor* Orb::getReactor() const noexcept
   return m_state->reactor ? m_state->reactor->get() : nullptr;
 }
 
-bool Orb::relieveReactor() { return m_state->reactor && m_state->reactor->relieve(); }
+bool Orb::relieveReactor()
+{
+  auto const reactor = m_state->findReactor();
+  return reactor && reactor->relieve();
+}
 
 void Orb::allowReactor(std::chrono::milliseconds time)
 {
-  if (m_state->reactor)
-    m_state->reactor->allow(time);
+  if (auto const reactor = m_state->findReactor())
+    reactor->allow(time);
 }
 
 bool Orb::isReactorTurning(std::chrono::milliseconds time)
 {
-  return !m_state->reactor || m_state->reactor->isTurning(time);
+  auto const reactor = m_state->findReactor();
+  return !reactor || reactor->isTurning(time);
 }
 
 OrbCore* Orb::getOrbCore() noexcept { return m_state->up ? &m_state->core : nullptr; }

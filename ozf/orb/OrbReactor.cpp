@@ -123,6 +123,10 @@ void OrbReactor::stop()
     threads.swap(m_relieved);
     threads.push_back({std::move(m_thread), m_left});
   }
+  {
+    std::lock_guard const guard(m_answerMutex);
+  }
+  m_answer.notify_all();
   m_reactor->notify();
   for (Relieved& relieved : threads)
     relieved.thread.join();
@@ -187,7 +191,8 @@ bool OrbReactor::isTurning(std::chrono::milliseconds time)
   ACE_Time_Value immediately = ACE_Time_Value::zero;
   m_reactor->notify(nullptr, ACE_Event_Handler::EXCEPT_MASK, &immediately);
   std::unique_lock lock(m_answerMutex);
-  return m_answer.wait_for(lock, time, [&] { return static_cast<int>(m_answered - asked) >= 0; }) ||
+  return m_answer.wait_for(
+             lock, time, [&] { return m_stopping || static_cast<int>(m_answered - asked) >= 0; }) ||
          isAllowed();
 }
 

@@ -48,8 +48,8 @@ public:
   // On the loop's thread.
   void allow(std::chrono::milliseconds time) noexcept;
 
-  // Whether the loop comes round within the time. Blocks for that time at most. Any
-  // thread but the loop's.
+  // Whether the loop comes round within the time, or is to end. Blocks for that time at
+  // most. Any thread but the loop's.
   bool isTurning(std::chrono::milliseconds time);
 
 private:

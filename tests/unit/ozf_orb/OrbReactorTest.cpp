@@ -10,6 +10,7 @@
 #include <ace/Reactor.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
+#include <future>
 #include <vector>
 
 using namespace Quillon::Tessarine::Ozf;
@@ -224,6 +225,26 @@ TEST_F(OrbReactorTest, countsAsTurningAsLongAsAHandlerMayTake)
   EXPECT_TRUE(orb.isReactorTurning(std::chrono::milliseconds(1)));
   gate.open();
   orb.shutdown(); // while there is a gate
+}
+
+TEST_F(OrbReactorTest, theEndOfTheOrbAnswersWhoAsksWhetherItTurns)
+{
+  Gate gate;
+  auto const held = makeHandler(
+      [&]
+      {
+        gate.pass();
+        return 0;
+      });
+  schedule(held, ACE_Time_Value::zero);
+  ASSERT_TRUE(gate.awaitArrival());
+  auto const turning =
+      std::async(std::launch::async, [&] { return orb.isReactorTurning(std::chrono::minutes(3)); });
+  auto const end = std::async(std::launch::async, [&] { orb.shutdown(); });
+  EXPECT_TRUE(eventually(
+      [&] { return turning.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }));
+  gate.open();
+  end.wait();
 }
 
 TEST(OrbReactorDescriptorsTest, worksWithMoreThanAThousandDescriptorsOpen)
