@@ -58,6 +58,19 @@ protected:
   {
     ASSERT_NE(orb.getReactor()->schedule_timer(handler.get(), nullptr, delay, interval), -1);
   }
+  // The loop is in it until the gate is opened.
+  HandlerPtr holdUp(Gate& gate)
+  {
+    HandlerPtr handler = makeHandler(
+        [&gate]
+        {
+          gate.pass();
+          return 0;
+        });
+    schedule(handler, ACE_Time_Value::zero);
+    EXPECT_TRUE(gate.awaitArrival());
+    return handler;
+  }
 
   ProductRoot root{""};
   Orb orb{1, "", "reacting", 1, 16};
@@ -179,14 +192,7 @@ TEST_F(OrbReactorTest, isHeldUpByAHandlerUntilAnotherThreadRelievesIt)
   using std::chrono::seconds;
   EXPECT_TRUE(orb.isReactorTurning(seconds(20)));
   Gate gate;
-  auto const held = makeHandler(
-      [&]
-      {
-        gate.pass();
-        return 0;
-      });
-  schedule(held, ACE_Time_Value::zero);
-  ASSERT_TRUE(gate.awaitArrival());
+  auto const held = holdUp(gate);
   EXPECT_FALSE(orb.isReactorTurning(milliseconds(50)));
 
   ASSERT_TRUE(orb.relieveReactor());
@@ -230,14 +236,7 @@ TEST_F(OrbReactorTest, countsAsTurningAsLongAsAHandlerMayTake)
 TEST_F(OrbReactorTest, theEndOfTheOrbAnswersWhoAsksWhetherItTurns)
 {
   Gate gate;
-  auto const held = makeHandler(
-      [&]
-      {
-        gate.pass();
-        return 0;
-      });
-  schedule(held, ACE_Time_Value::zero);
-  ASSERT_TRUE(gate.awaitArrival());
+  auto const held = holdUp(gate);
   auto const turning =
       std::async(std::launch::async, [&] { return orb.isReactorTurning(std::chrono::minutes(3)); });
   auto const end = std::async(std::launch::async, [&] { orb.shutdown(); });
