@@ -178,13 +178,14 @@ DiscoveryStatus RemoteDiscovery::persist()
 RemoteDiscoveryIterator::RemoteDiscoveryIterator(AuthorityType const& type,
                                                  std::string const& subject,
                                                  std::string const& authority,
-                                                 Remote::DiscoveryIterator_ptr remote)
+                                                 Remote::DiscoveryIterator_ptr remote,
+                                                 std::size_t enough)
     : DiscoveryIterator(type, subject, authority)
 {
   constexpr char OPERATION[] = "RemoteDiscoveryIterator::RemoteDiscoveryIterator";
   try
   {
-    fetch(remote);
+    fetch(remote, enough);
   }
   catch (CORBA::Exception const& exception)
   {
@@ -198,7 +199,7 @@ RemoteDiscoveryIterator::RemoteDiscoveryIterator(AuthorityType const& type,
   OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to fetch discoveries: " << m_failure);
 }
 
-void RemoteDiscoveryIterator::fetch(Remote::DiscoveryIterator_ptr remote)
+void RemoteDiscoveryIterator::fetch(Remote::DiscoveryIterator_ptr remote, std::size_t enough)
 {
   AutoReleaseIterator<Remote::DiscoveryIterator_var, Remote::DiscoveryIterator_ptr> iterator(
       Remote::DiscoveryIterator::_duplicate(remote));
@@ -229,7 +230,7 @@ void RemoteDiscoveryIterator::fetch(Remote::DiscoveryIterator_ptr remote)
               "Some discoveries are missing, the other host could not read them all");
       return;
     }
-    if (page->length() == 0 || !keep(page.inout()))
+    if (page->length() == 0 || !keep(page.inout()) || m_records.size() >= enough)
       return;
   }
 }

@@ -16,6 +16,7 @@
 
 #include <atomic>
 #include <deque>
+#include <limits>
 #include <memory>
 #include <string>
 
@@ -190,9 +191,11 @@ public:
   // other side, and drops the reference; the caller keeps its own. When that
   // fails, failure() says why and there are no discoveries: what was fetched
   // of a broken answer is dropped. Where the other side says at the end that its
-  // answer is incomplete, so is this, with what was fetched and a log line.
+  // answer is incomplete, so is this, with what was fetched and a log line. No page is
+  // asked for once there are enough records.
   RemoteDiscoveryIterator(AuthorityType const& type, std::string const& subject,
-                          std::string const& authority, Remote::DiscoveryIterator_ptr remote);
+                          std::string const& authority, Remote::DiscoveryIterator_ptr remote,
+                          std::size_t enough = std::numeric_limits<std::size_t>::max());
 
   // Records whose names cannot be used are passed over with a log line.
   Discovery* getNext() override;
@@ -208,7 +211,7 @@ public:
   std::size_t heldBytes() const noexcept { return m_held.bytes(); }
 
 private:
-  void fetch(Remote::DiscoveryIterator_ptr remote);
+  void fetch(Remote::DiscoveryIterator_ptr remote, std::size_t enough);
   bool keep(Remote::DiscoverySeq& page); // takes its records over
   std::unique_ptr<Remote::Discovery> takeFirst();
 

@@ -197,6 +197,16 @@ TEST_F(ExplorerRemotePullTest, TwoMatchesAreAFailureAndNothingIsCopied)
   EXPECT_TRUE(m_service->dataRequests.empty());
 }
 
+TEST_F(ExplorerRemotePullTest, OfAListWithoutEndNoMoreIsAskedForThanShowsThatItIsTooLong)
+{
+  auto* const records = serveRecords({{makeRecord()}});
+  records->endless = true;
+  EXPECT_FALSE(request());
+  EXPECT_TRUE(m_log.has(1, REQUESTED, "Too many records found")) << m_log.text();
+  EXPECT_EQ(records->pagesAsked, 2);
+  EXPECT_EQ(records->releases, 1);
+}
+
 TEST_F(ExplorerRemotePullTest, UnreadableSourceIsReportedAsTheTarget)
 {
   serveRecords({{makeRecord()}});
