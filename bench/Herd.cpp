@@ -40,7 +40,7 @@ using Clock = std::chrono::steady_clock;
 using Quillon::Tessarine::Ozf::UniqueFd;
 
 constexpr in_addr_t FIRST_OF_HERD = INADDR_LOOPBACK + 0x10000;
-constexpr std::size_t UNDER_WAY = 256;   // at a time, of a thread
+constexpr std::size_t PORTION = 16;
 constexpr unsigned LONGEST_PAUSE = 1000; // milliseconds, before it is tried again
 constexpr std::chrono::minutes DEADLINE(5);
 constexpr char NO_CERTIFICATE[] = "a certificate of the herd cannot be read";
@@ -85,20 +85,23 @@ public:
   }
 
   // How often a host tried again; throws when the deadline passes.
-  std::size_t gather(unsigned short port)
+  std::size_t gather(unsigned short port, std::size_t underWay)
   {
     m_service = loopbackAt(port);
     m_epoll.reset(::epoll_create1(EPOLL_CLOEXEC));
     m_answered = 0;
     m_again = 0;
-    for (m_begun = 0; m_begun < std::min(UNDER_WAY, m_hosts.size()); ++m_begun)
-      open(m_begun);
+    m_begun = 0;
     auto const end = Clock::now() + DEADLINE;
     while (m_answered < m_hosts.size())
     {
       require(Clock::now() < end, "the herd has not been answered");
       for (; !m_resting.empty() && m_resting.top().first <= Clock::now(); m_resting.pop())
         open(m_resting.top().second);
+      // Who connects speaks at once, as each would on a machine of its own.
+      std::size_t const most = std::min({m_answered + underWay, m_begun + PORTION, m_hosts.size()});
+      while (m_begun < most)
+        open(m_begun++);
       constexpr int WAIT_MILLISECONDS = 5;
       std::array<epoll_event, 64> events{};
       int const count =
@@ -184,8 +187,6 @@ private:
       ++m_answered;
       ::epoll_ctl(m_epoll.get(), EPOLL_CTL_DEL, host.connection.get(), nullptr);
       host.call.reset(); // the connection stays
-      if (m_begun < m_hosts.size())
-        open(m_begun++);
     }
     else if (SSL_get_error(host.call->session(), count) != SSL_ERROR_WANT_READ)
       rest(place);
@@ -223,7 +224,7 @@ public:
           std::make_unique<Share>(files, hosts * i / threads, hosts * (i + 1) / threads));
   }
 
-  Herd::Gathered gather(unsigned short port)
+  Herd::Gathered gather(unsigned short port, std::size_t underWay)
   {
     Herd::Gathered gathered;
     std::atomic<std::size_t> again{0};
@@ -240,7 +241,7 @@ public:
                 {
                   try
                   {
-                    again += share->gather(port);
+                    again += share->gather(port, underWay);
                   }
                   catch (std::exception const& exception)
                   {
@@ -258,15 +259,21 @@ private:
   std::vector<std::unique_ptr<Share>> m_shares;
 };
 
-// Gathers at each port that comes through the pipe, until its other end is closed.
+struct Command
+{
+  std::size_t underWay;
+  unsigned short port;
+};
+
+// Gathers as each command through the pipe says, until its other end is closed.
 void serveHerd(std::string const& files, std::size_t hosts, int commands, int results)
 {
   std::signal(SIGPIPE, SIG_IGN);
   AllShares all(files, hosts);
-  unsigned short port = 0;
-  while (::read(commands, &port, sizeof port) == sizeof port)
+  Command command{};
+  while (::read(commands, &command, sizeof command) == sizeof command)
   {
-    Herd::Gathered const gathered = all.gather(port);
+    Herd::Gathered const gathered = all.gather(command.port, command.underWay);
     require(::write(results, &gathered, sizeof gathered) == sizeof gathered,
             "nobody waits for the herd");
   }
@@ -312,10 +319,11 @@ Herd::~Herd()
   ::waitpid(m_pid, nullptr, 0);
 }
 
-Herd::Gathered Herd::gather(unsigned short port)
+Herd::Gathered Herd::gather(unsigned short port, std::size_t underWay)
 {
   Gathered gathered;
-  require(::write(m_commands, &port, sizeof port) == sizeof port &&
+  Command const command{underWay, port};
+  require(::write(m_commands, &command, sizeof command) == sizeof command &&
               ::read(m_results, &gathered, sizeof gathered) == sizeof gathered,
           "the herd has ended");
   return gathered;

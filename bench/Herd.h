@@ -1,4 +1,4 @@
-// The hosts of a fleet that come back one after the other, some hundreds at a time.
+// The hosts of a fleet that come back, so many at a time.
 
 #pragma once
 
@@ -30,9 +30,10 @@ public:
   };
 
   // Every host opens a connection to the port, shakes hands in full, asks a question and
-  // keeps the connection once it is answered, when the next begins. Who fails tries again
-  // within a second. What was connected before is let go.
-  Gathered gather(unsigned short port);
+  // keeps the connection once it is answered, when the next begins: so many are under way
+  // at a time for each processor. Who fails tries again within a second. What was
+  // connected before is let go.
+  Gathered gather(unsigned short port, std::size_t underWay);
 
 private:
   pid_t m_pid = 0;

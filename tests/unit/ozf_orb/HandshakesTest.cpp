@@ -9,6 +9,7 @@
 #include <openssl/ssl.h>
 
 #include <csignal>
+#include <thread>
 #include <vector>
 
 using namespace Quillon::Tessarine::Ozf;
@@ -138,6 +139,41 @@ TEST_F(HandshakesTest, whoNeverShakesHandsLeavesDescriptorsToTheOthers)
   Client client;
   CORBA::String_var const answer = probeOf(client.orb, "Probe")->echo("x");
   EXPECT_STREQ(answer.in(), "x");
+}
+
+// As of a herd, of which most wait for longer than a handshake may take.
+TEST_F(HandshakesTest, whoHasSpokenIsNotCutOffBecauseTheServiceIsLate)
+{
+  struct Host
+  {
+    UniqueFd socket;
+    std::unique_ptr<TlsChannel> channel;
+  };
+  std::vector<Host> hosts;
+  for (int i = 0; i < 10; ++i)
+    hosts.push_back({connectFrom("127.0.77.2"), nullptr});
+  Client client;
+  CORBA::String_var const answer = probeOf(client.orb, "Probe")->echo("x"); // all are taken in
+  auto const begin = Steady::now();
+  ASSERT_EQ(kill(m_server->pid(), SIGSTOP), 0);
+  auto const proof = context();
+  for (Host& host : hosts)
+  {
+    host.channel = std::make_unique<TlsChannel>(proof, TlsChannel::CLIENT, host.socket.get());
+    EXPECT_EQ(host.channel->handshake(), TlsChannel::Progress::READ);
+  }
+  std::this_thread::sleep_until(begin + std::chrono::milliseconds(3500));
+  ASSERT_EQ(kill(m_server->pid(), SIGCONT), 0);
+  std::string const question("GIOP\1\0\0\3\0\0\0\x0d\0\0\0\1\0\0\0\5Probe", 25);
+  for (Host& host : hosts)
+  {
+    auto const deadline = Steady::now() + std::chrono::seconds(20);
+    char byte = 0;
+    EXPECT_TRUE(host.channel->handshake(deadline) == TlsChannel::Progress::DONE &&
+                host.channel->send(question.data(), question.size(), deadline) > 0 &&
+                host.channel->receive(&byte, 1, deadline) == 1)
+        << host.channel->reason();
+  }
 }
 
 TEST_F(HandshakesTest, whatFollowsTheHandshakeInOneRecordIsServed)

@@ -1,17 +1,10 @@
 // The threads that shake hands, whatever goes wrong with one peer, and the lines
 // about peers.
 
-#include "ozf/tls/Handshakes.h"
 #include "ozf/tls/RareLines.h"
-#include "tests/support/Certificates.h"
 #include "tests/support/LogCapture.h"
-#include "tests/support/TempDir.h"
+#include "tests/unit/ozf_tls/HandshakesTesting.h"
 
-#include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/socket.h>
-
-#include <atomic>
 #include <new>
 
 using namespace Quillon::Tessarine::Ozf;
@@ -19,43 +12,7 @@ using namespace Quillon::Tessarine::Ozf;
 namespace
 {
 
-class HandshakeThreadsTest : public testing::Test
-{
-protected:
-  HandshakeThreadsTest()
-  {
-    tqtest::CertificateAuthority authority;
-    authority.writeTo(m_files / "ca.pem");
-    authority.issue(m_files.path(), "host");
-    TlsSettings settings;
-    settings.mode = TlsMode::ONLY;
-    settings.certificate = m_files / "host.pem";
-    settings.key = m_files / "host.key";
-    settings.authorities = m_files / "ca.pem";
-    std::string error;
-    m_context = TlsContext::make(settings, error);
-    EXPECT_TRUE(m_context) << error;
-  }
-
-  // The end of a peer from that address.
-  UniqueFd begin(Handshakes& handshakes, std::string const& address) const
-  {
-    int ends[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0)
-      ADD_FAILURE() << errorText(errno);
-    handshakes.begin(UniqueFd(ends[0]), address, m_context);
-    return UniqueFd(ends[1]);
-  }
-
-  static bool isGone(UniqueFd const& peer, int milliseconds = 20000)
-  {
-    pollfd wait{peer.get(), POLLRDHUP, 0};
-    return poll(&wait, 1, milliseconds) == 1;
-  }
-
-  TempDir m_files;
-  std::shared_ptr<TlsContext const> m_context;
-};
+using HandshakeThreadsTest = HandshakesTesting;
 
 } // namespace
 
