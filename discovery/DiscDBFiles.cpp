@@ -38,6 +38,13 @@ std::string refusalOf(struct stat const& status, uid_t owner)
   return {};
 }
 
+std::string refusalOfLink(struct stat const& status, uid_t owner)
+{
+  if (!S_ISLNK(status.st_mode) || status.st_uid == owner || status.st_uid == 0)
+    return {};
+  return "is a link of user " + std::to_string(status.st_uid);
+}
+
 void logIfLink(std::string const& path, int error, char const* operation)
 {
   if (error == ELOOP)

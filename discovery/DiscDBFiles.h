@@ -24,6 +24,11 @@ inline constexpr off_t LARGEST_METADATA = off_t(1) << 20;
 // a verb, as in "is not a regular file".
 TQ_EXPORT std::string refusalOf(struct stat const& status, uid_t owner);
 
+// Why a name that was looked at itself (lstat) is not followed to the database
+// directory; empty when it is no link, or one of root or of that user: whose link it
+// is decides where it leads. Begins with a verb too.
+TQ_EXPORT std::string refusalOfLink(struct stat const& status, uid_t owner);
+
 // Flags of every open of such a file: it follows no link, and does not
 // wait for a FIFO or a device in the file's place.
 inline constexpr int DATABASE_FILE_FLAGS = O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;

@@ -1,6 +1,7 @@
 // The start of the file database: its directory, and what writers left there.
 
 #include "discovery/DiscDB.h"
+#include "discovery/DiscDBFiles.h"
 #include "discovery/DiscDBLock.h"
 #include "discovery/DiscDBRecovery.h"
 #include "discovery/DiscoveryLog.h"
@@ -57,15 +58,14 @@ bool isUsable(std::string const& path, bool existed)
   };
   if (!directory.valid() || ::fstat(directory.get(), &status) != 0)
     return true;
-  std::string reason;
-  // Whose link it is decides where it leads.
   struct stat link
   {
   };
-  bool const isStrangersLink = ::lstat(path.c_str(), &link) == 0 && S_ISLNK(link.st_mode) &&
-                               link.st_uid != 0 && link.st_uid != ::geteuid();
-  if (isStrangersLink)
-    reason = path + " is a link of user " + std::to_string(link.st_uid);
+  std::string reason;
+  if (::lstat(path.c_str(), &link) == 0)
+    reason = refusalOfLink(link, ::geteuid());
+  if (!reason.empty())
+    reason = path + ' ' + reason;
   else
   {
     if (existed)

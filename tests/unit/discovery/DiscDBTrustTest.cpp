@@ -92,6 +92,22 @@ TEST(RefusalOf, TakesRegularFilesOfOneNameThatBelongToTheUserOrRoot)
   EXPECT_EQ("is not a regular file", refusalOf(status, 8));
 }
 
+TEST(RefusalOf, FollowsLinksOfTheUserOrRoot)
+{
+  struct stat status
+  {
+  };
+  status.st_mode = S_IFLNK | 0777;
+  status.st_uid = 7;
+  EXPECT_EQ("", refusalOfLink(status, 7));
+  EXPECT_EQ("is a link of user 7", refusalOfLink(status, 8));
+  status.st_uid = 0;
+  EXPECT_EQ("", refusalOfLink(status, 8));
+  status.st_mode = S_IFDIR | 0755;
+  status.st_uid = 7;
+  EXPECT_EQ("", refusalOfLink(status, 8)) << "no link";
+}
+
 TEST_F(Trust, MetadataBehindALinkIsNeitherReadNorWritten)
 {
   moveBehindALink(XML_FILE);
@@ -237,7 +253,7 @@ TEST_F(TrustedDirectory, TheAdministratorsOwnLinkIsFollowed)
 TEST_F(TrustedDirectory, ALinkOfAnotherUserIsNotFollowed)
 {
   if (geteuid() != 0)
-    GTEST_SKIP() << "only root can give the link away";
+    GTEST_SKIP() << "only root can give the link away; RefusalOf judges the same without";
   linkElsewhere();
   ASSERT_EQ(0, lchown(m_directory.c_str(), 12345, 12345));
   LogCapture log;
