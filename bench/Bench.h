@@ -20,6 +20,7 @@ struct Settings
   std::string service;   // tqdisco
   std::string side;      // run this side only, for a tracer or a profiler
   std::size_t records = 100000;
+  std::size_t masters = 4; // that tqpublish follows, with the records shared out to them
 };
 
 // One line of the table. A row without a floor is a figure of its own; a

@@ -195,6 +195,8 @@ int main(int argc, char** argv)
   app.add_option("--out", out, "file for the results as JSON");
   app.add_option("--records", settings.records, "discoveries in a large database")
       ->check(CLI::PositiveNumber);
+  app.add_option("--masters", settings.masters, "masters that tqpublish follows")
+      ->check(CLI::Range(1, 250));
   app.add_option("--only", only,
                  "run these only: persist, enumerate, lookup, parse, items, query, list, payload, "
                  "write, large, fleet, idle, scale, memory, tls, reconnect, rights, hostile, "
