@@ -2,6 +2,11 @@ if(TQ_SANITIZE)
   add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all
                       -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address,undefined)
+  # What GCC defines itself; and what an enumeration does not name is for the assertions.
+  if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
+    add_compile_definitions(__SANITIZE_ADDRESS__=1)
+    add_compile_options(-fno-sanitize=enum)
+  endif()
 endif()
 # ThreadSanitizer has to see all that threads do: what is linked besides is built
 # for it by tests/tsan/build-libraries.sh, or compiled here with what includes it.

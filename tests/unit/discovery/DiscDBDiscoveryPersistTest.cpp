@@ -195,6 +195,8 @@ TEST_F(Persist, AFifoOrDeviceInPlaceOfTheMetadataIsRefused)
   EXPECT_FALSE(fs::exists(m_data));
 }
 
+// The sanitizers look at memory through a pipe, and end a process that gets none.
+#ifndef __SANITIZE_ADDRESS__
 TEST_F(Persist, WithoutFreeDescriptorsNothingStoredIsHarmed)
 {
   ASSERT_EQ(DS_SUCCESS, store(1, "old"));
@@ -210,6 +212,7 @@ TEST_F(Persist, WithoutFreeDescriptorsNothingStoredIsHarmed)
   EXPECT_EQ(before, readText(m_path));
   EXPECT_EQ("old", readText(m_data));
 }
+#endif
 
 TEST_F(Persist, AWriteThatFailsHalfwayKeepsTheStoredDiscovery)
 {
