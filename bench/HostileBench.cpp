@@ -116,6 +116,8 @@ std::vector<Row> benchHostile(Settings const& settings)
   std::vector<Row> rows;
   for (Attack const& attack : attacks(files))
   {
+    if (attack.work.find(settings.side) == std::string::npos)
+      continue;
     std::vector<double> with;
     std::vector<double> without;
     for (int phase = 0; phase < PHASES; ++phase)

@@ -201,8 +201,10 @@ int main(int argc, char** argv)
                  "run these only: persist, enumerate, lookup, parse, items, query, list, payload, "
                  "write, large, fleet, idle, scale, memory, tls, reconnect, rights, hostile, "
                  "webhosts, webmetrics, webrest, webmemory, publish");
-  app.add_option("--side", settings.side,
-                 "run one side only, for a tracer or a profiler: product, floor, sqlite");
+  app.add_option(
+      "--side", settings.side,
+      "run one side only, for a tracer or a profiler: product, floor, sqlite, or a part of what "
+      "hostile connections do");
   CLI11_PARSE(app, argc, argv);
 
   // What is logged on every write at level 1 is no part of the work.

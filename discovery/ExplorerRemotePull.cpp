@@ -3,6 +3,7 @@
 #include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryLoopGuard.h"
 #include "discovery/Peers.h"
+#include "discovery/PullPace.h"
 #include "discovery/RemoteDB.h"
 #include "ozf/orb/CallRights.h"
 #include "ozf/orb/Peer.h"
@@ -134,6 +135,7 @@ bool RemoteExplorerPull::copyCollection(DiscoveryQuery query, Authority const& a
                                         Subject const& subject, char const* filterText,
                                         CollectionData& target) const
 {
+  PacedThread const paced;
   // A host lists what the master knows before it answers.
   AskedHost const asked(m_host.exportNarrow());
   Remote::DiscoveryService_var const service = getPeers().connect(m_host, m_serviceName.c_str());

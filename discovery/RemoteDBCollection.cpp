@@ -3,6 +3,7 @@
 #include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryLoopGuard.h"
 #include "discovery/Peers.h"
+#include "discovery/PullPace.h"
 #include "discovery/RemoteDB.h"
 #include "discovery/RemoteDBWire.h"
 #include "ozf/base/OzfHostname.h"
@@ -12,6 +13,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <thread>
 #include <utility>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
@@ -164,7 +166,7 @@ bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr remote)
 {
   constexpr char OPERATION[] = "RemoteCollectionData::openRead";
   DataIterator iterator(remote);
-  DrainLimit const limit = DrainLimit::forAnswer();
+  DrainLimit limit = DrainLimit::forAnswer();
   if (!getPeers().isShuttingDown())
     requestPageSize(remote);
   for (std::size_t calls = 0;; ++calls)
@@ -200,6 +202,12 @@ bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr remote)
     }
     if (!keep(page.inout()))
       return false;
+    if (auto const rest = PacedThread::dueRest(); rest > rest.zero())
+    {
+      limit.pause();
+      std::this_thread::sleep_for(rest);
+      limit.resume();
+    }
   }
 }
 

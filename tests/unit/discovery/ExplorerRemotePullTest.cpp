@@ -1,5 +1,6 @@
 #include "discovery/ExplorerRemotePull.h"
 
+#include "discovery/PullPace.h"
 #include "ozf/orb/ConnectionTable.h"
 #include "tests/support/RemoteService.h"
 #include "tests/support/Service.h"
@@ -205,6 +206,17 @@ TEST_F(ExplorerRemotePullTest, OfAListWithoutEndNoMoreIsAskedForThanShowsThatItI
   EXPECT_TRUE(m_log.has(1, REQUESTED, "Too many records found")) << m_log.text();
   EXPECT_EQ(records->pagesAsked, 2);
   EXPECT_EQ(records->releases, 1);
+}
+
+TEST_F(ExplorerRemotePullTest, APayloadThatTakesMoreOfTheProcessorsThanItsShareIsReadWithRests)
+{
+  serveRecords({{makeRecord()}});
+  serveData({"a", "b", "c"});
+  EXPECT_TRUE(request());
+  EXPECT_EQ(PullPace::ofProcess().rested(), PullPace::Clock::duration::zero());
+  PullPace::ofProcess().set(0.01, PullPace::Clock::duration::zero());
+  EXPECT_TRUE(request());
+  EXPECT_GT(PullPace::ofProcess().rested(), PullPace::Clock::duration::zero());
 }
 
 TEST_F(ExplorerRemotePullTest, UnreadableSourceIsReportedAsTheTarget)
