@@ -21,6 +21,8 @@ HarmingProcess::HarmingProcess(std::function<void(int pipe)> const& work, char c
   if (m_pid == 0)
   {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    // Who is harmed may close a connection at any time.
+    std::signal(SIGPIPE, SIG_IGN);
     ::close(ends[0]);
     try
     {
