@@ -103,6 +103,8 @@ TEST_F(TqdiscoctlStopTest, stopWaitsUntilTheServiceHasStopped)
 TEST_F(TqdiscoctlStopTest, aServiceThatHangsInTheMiddleHasNotStopped)
 {
   auto const stopper = beginStop({"--timeout", "3"});
+  // It was answered, and looks.
+  EXPECT_FALSE(stopper->wait(std::chrono::seconds(1))) << stopper->errors();
   m_service.process().freeze();
   ASSERT_TRUE(stopper->wait());
   EXPECT_EQ(stopper->exitCode(), 4) << stopper->errors();
