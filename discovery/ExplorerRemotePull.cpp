@@ -22,7 +22,6 @@ namespace
 constexpr char SOURCE[] = "Explorer";
 constexpr char OPERATION[] = "RemotePullExplorer::collectionRequested";
 constexpr std::size_t BUFFER_SIZE = 1024;
-constexpr std::size_t ONE_TOO_MANY = 2; // records
 
 // Well below the time-out of the call for which a request waits: what comes
 // afterwards has to fit in as well.
@@ -147,9 +146,8 @@ bool RemoteExplorerPull::copyCollection(DiscoveryQuery query, Authority const& a
 
   Remote::DiscoveryIterator_var const remote = service->queryDiscoveries(
       query, m_authorityType, subject.getName().c_str(), authority.getName().c_str());
-  AutoDereference<RemoteDiscoveryIterator> const iterator(
-      new RemoteDiscoveryIterator(m_authorityType, subject.getName().str(),
-                                  authority.getName().str(), remote.in(), ONE_TOO_MANY));
+  AutoDereference<RemoteDiscoveryIterator> const iterator(new RemoteDiscoveryIterator(
+      m_authorityType, subject.getName().str(), authority.getName().str(), remote.in()));
   if (!iterator->failure().empty())
   {
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,

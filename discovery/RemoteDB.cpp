@@ -178,14 +178,13 @@ DiscoveryStatus RemoteDiscovery::persist()
 RemoteDiscoveryIterator::RemoteDiscoveryIterator(AuthorityType const& type,
                                                  std::string const& subject,
                                                  std::string const& authority,
-                                                 Remote::DiscoveryIterator_ptr remote,
-                                                 std::size_t enough)
+                                                 Remote::DiscoveryIterator_ptr remote)
     : DiscoveryIterator(type, subject, authority)
 {
   constexpr char OPERATION[] = "RemoteDiscoveryIterator::RemoteDiscoveryIterator";
   try
   {
-    fetch(remote, enough);
+    fetch(remote);
   }
   catch (CORBA::Exception const& exception)
   {
@@ -199,11 +198,11 @@ RemoteDiscoveryIterator::RemoteDiscoveryIterator(AuthorityType const& type,
   OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION, "Failed to fetch discoveries: " << m_failure);
 }
 
-void RemoteDiscoveryIterator::fetch(Remote::DiscoveryIterator_ptr remote, std::size_t enough)
+void RemoteDiscoveryIterator::fetch(Remote::DiscoveryIterator_ptr remote)
 {
   AutoReleaseIterator<Remote::DiscoveryIterator_var, Remote::DiscoveryIterator_ptr> iterator(
       Remote::DiscoveryIterator::_duplicate(remote));
-  DrainLimit const limit = DrainLimit::forAnswer();
+  DrainLimit limit = DrainLimit::forAnswer();
   requestPageSize(remote);
   for (std::size_t calls = 0;; ++calls)
   {
@@ -230,8 +229,9 @@ void RemoteDiscoveryIterator::fetch(Remote::DiscoveryIterator_ptr remote, std::s
               "Some discoveries are missing, the other host could not read them all");
       return;
     }
-    if (page->length() == 0 || !keep(page.inout()) || m_records.size() >= enough)
+    if (page->length() == 0 || !keep(page.inout()))
       return;
+    limit.rest();
   }
 }
 

@@ -16,7 +16,6 @@
 
 #include <atomic>
 #include <deque>
-#include <limits>
 #include <memory>
 #include <string>
 
@@ -191,11 +190,9 @@ public:
   // other side, and drops the reference; the caller keeps its own. When that
   // fails, failure() says why and there are no discoveries: what was fetched
   // of a broken answer is dropped. Where the other side says at the end that its
-  // answer is incomplete, so is this, with what was fetched and a log line. No page is
-  // asked for once there are enough records.
+  // answer is incomplete, so is this, with what was fetched and a log line.
   RemoteDiscoveryIterator(AuthorityType const& type, std::string const& subject,
-                          std::string const& authority, Remote::DiscoveryIterator_ptr remote,
-                          std::size_t enough = std::numeric_limits<std::size_t>::max());
+                          std::string const& authority, Remote::DiscoveryIterator_ptr remote);
 
   // Records whose names cannot be used are passed over with a log line.
   Discovery* getNext() override;
@@ -211,7 +208,7 @@ public:
   std::size_t heldBytes() const noexcept { return m_held.bytes(); }
 
 private:
-  void fetch(Remote::DiscoveryIterator_ptr remote, std::size_t enough);
+  void fetch(Remote::DiscoveryIterator_ptr remote);
   bool keep(Remote::DiscoverySeq& page); // takes its records over
   std::unique_ptr<Remote::Discovery> takeFirst();
 

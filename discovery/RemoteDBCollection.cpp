@@ -3,7 +3,6 @@
 #include "discovery/DiscoveryLog.h"
 #include "discovery/DiscoveryLoopGuard.h"
 #include "discovery/Peers.h"
-#include "discovery/PullPace.h"
 #include "discovery/RemoteDB.h"
 #include "discovery/RemoteDBWire.h"
 #include "ozf/base/OzfHostname.h"
@@ -13,7 +12,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <thread>
 #include <utility>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
@@ -202,12 +200,7 @@ bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr remote)
     }
     if (!keep(page.inout()))
       return false;
-    if (auto const rest = PacedThread::dueRest(); rest > rest.zero())
-    {
-      limit.pause();
-      std::this_thread::sleep_for(rest);
-      limit.resume();
-    }
+    limit.rest();
   }
 }
 

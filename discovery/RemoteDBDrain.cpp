@@ -1,10 +1,12 @@
 #include "discovery/RemoteDBDrain.h"
 
+#include "discovery/PullPace.h"
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ConfigurationKeys.h"
 
 #include <algorithm>
 #include <limits>
+#include <thread>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
@@ -23,6 +25,16 @@ DrainLimit DrainLimit::forAnswer()
   DrainLimit limit;
   limit.m_end = std::min(limit.m_start + std::chrono::seconds(most), ReadDeadline::ofThread());
   return limit;
+}
+
+void DrainLimit::rest()
+{
+  auto const due = PacedThread::dueRest();
+  if (due == due.zero())
+    return;
+  pause();
+  std::this_thread::sleep_for(due);
+  resume();
 }
 
 ReadDeadline::ReadDeadline(std::chrono::seconds most) : m_before(threadDeadline)

@@ -36,6 +36,9 @@ public:
   void pause() { m_paused = m_clock(); }
   void resume() { m_start += m_clock() - m_paused; }
 
+  // Rests for as long as the pace of the thread asks (PullPace.h), which is not counted.
+  void rest();
+
   // Whether that many calls have taken too long.
   bool exceeded(std::size_t calls) const
   {
