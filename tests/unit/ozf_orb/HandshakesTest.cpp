@@ -7,6 +7,7 @@
 #include "tests/unit/ozf_orb/ServingProcess.h"
 
 #include <openssl/ssl.h>
+#include <sys/wait.h>
 
 #include <csignal>
 #include <thread>
@@ -156,6 +157,8 @@ TEST_F(HandshakesTest, whoHasSpokenIsNotCutOffBecauseTheServiceIsLate)
   CORBA::String_var const answer = probeOf(client.orb, "Probe")->echo("x"); // all are taken in
   auto const begin = Steady::now();
   ASSERT_EQ(kill(m_server->pid(), SIGSTOP), 0);
+  ASSERT_EQ(waitpid(m_server->pid(), nullptr, WUNTRACED), m_server->pid())
+      << "all its threads stand";
   auto const proof = context();
   for (Host& host : hosts)
   {
