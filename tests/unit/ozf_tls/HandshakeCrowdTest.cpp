@@ -12,7 +12,23 @@ namespace
 
 constexpr std::chrono::seconds MINUTE(60);
 
-using HandshakeCrowdTest = HandshakesTesting;
+class HandshakeCrowdTest : public HandshakesTesting
+{
+protected:
+  // Of two that have begun and stall, for a third.
+  void expectThatOneOfTwoMakesRoom(HandshakeLimits const& limits)
+  {
+    std::string const said = hello();
+    Handshakes handshakes([] {}, limits);
+    UniqueFd const first = begin(handshakes, "192.0.2.1", said);
+    ASSERT_TRUE(isAnswered(first));
+    UniqueFd const second = begin(handshakes, "192.0.2.2", said);
+    ASSERT_TRUE(isAnswered(second));
+    UniqueFd const third = begin(handshakes, "192.0.2.3", said);
+    EXPECT_TRUE(isAnswered(third));
+    EXPECT_NE(isGone(first, 0), isGone(second, 0));
+  }
+};
 
 // All threads are held until they are let go.
 class HandshakeQueueTest : public HandshakesTesting
@@ -87,30 +103,13 @@ TEST_F(HandshakeCrowdTest, whoHasBegunIsNotEndedForANewcomer)
 
 TEST_F(HandshakeCrowdTest, whoHasBegunAndStallsIsEndedForANewcomer)
 {
-  std::string const said = hello();
-  Handshakes handshakes([] {},
-                        {.all = 2, .time = MINUTE, .patience = std::chrono::milliseconds(0)});
-  UniqueFd const first = begin(handshakes, "192.0.2.1", said);
-  ASSERT_TRUE(isAnswered(first));
-  UniqueFd const second = begin(handshakes, "192.0.2.2", said);
-  ASSERT_TRUE(isAnswered(second));
-  UniqueFd const newcomer = begin(handshakes, "192.0.2.3", said);
-  EXPECT_TRUE(isAnswered(newcomer));
-  EXPECT_NE(isGone(first, 0), isGone(second, 0));
+  expectThatOneOfTwoMakesRoom({.all = 2, .time = MINUTE, .patience = std::chrono::milliseconds(0)});
 }
 
 TEST_F(HandshakeCrowdTest, ofThoseThatHaveBegunOneThatStallsMakesRoomForTheNext)
 {
-  std::string const said = hello();
-  Handshakes handshakes([] {},
-                        {.begun = 2, .time = MINUTE, .patience = std::chrono::milliseconds(1)});
-  UniqueFd const first = begin(handshakes, "192.0.2.1", said);
-  ASSERT_TRUE(isAnswered(first));
-  UniqueFd const second = begin(handshakes, "192.0.2.2", said);
-  ASSERT_TRUE(isAnswered(second));
-  UniqueFd const third = begin(handshakes, "192.0.2.3", said);
-  EXPECT_TRUE(isAnswered(third));
-  EXPECT_NE(isGone(first, 0), isGone(second, 0));
+  expectThatOneOfTwoMakesRoom(
+      {.begun = 2, .time = MINUTE, .patience = std::chrono::milliseconds(1)});
 }
 
 TEST_F(HandshakeCrowdTest, ofAnAddressThatHasSeveralOneMakesRoomForThatOfAnother)
