@@ -6,6 +6,7 @@
 #include <time.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <thread>
 

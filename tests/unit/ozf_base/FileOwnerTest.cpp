@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <string>
+
 using namespace Quillon::Tessarine::Ozf;
 
 namespace
