@@ -1,10 +1,10 @@
 #include "web/Settings.h"
 
-#include "ozf/base/FileOwner.h"
 #include "ozf/base/SystemError.h"
 #include "ozf/base/Trim.h"
 #include "ozf/config/ConfigurationKeys.h"
 #include "ozf/config/Masters.h"
+#include "ozf/config/TrustedFile.h"
 
 #include <algorithm>
 #include <fcntl.h>
@@ -36,7 +36,8 @@ public:
     m_problems.push_back({m_configuration.path(), 0, text});
   }
 
-  // The text of the file that the key names; secret: one that not everybody may read.
+  // The text of the file that the key names, which others may not change; secret: one that
+  // not everybody may read.
   std::string file(ConfigurationKey const& key, bool secret)
   {
     std::string const path = m_configuration.word(key);
@@ -52,6 +53,8 @@ public:
       complain(what + " is no regular file");
     else if (secret && (status.st_mode & S_IROTH) != 0)
       complain(what + " can be read by everybody");
+    else if (std::string doubt; othersMayChange(path, doubt))
+      complain(what + " may be changed by others: " + doubt);
     else if (int const error = readAll(fd.get(), text, LARGEST_FILE); error != 0)
       complain(what + " cannot be read: " + errorText(error));
     return text;

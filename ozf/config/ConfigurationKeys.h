@@ -191,7 +191,9 @@ inline constexpr ConfigurationKey CONFIGURATION_KEYS[] = {
     {.name = "TLS_CA",
      .kind = KeyKind::PATH,
      .value = "_PATH_",
-     .text = "The certificates of the authorities whose hosts are of the fleet."},
+     .text = "The certificates of the authorities whose hosts are of the fleet. This file, the key "
+             "and the certificate are refused where others than root, the user of the service and "
+             "who runs the program may write to them or to their folders."},
     {.name = "ALLOW_READ",
      .kind = KeyKind::PEERS,
      .use = KeyUse::AS_LIST,
@@ -440,7 +442,7 @@ inline constexpr ConfigurationKey CONFIGURATION_KEYS[] = {
      .holds = KeyHolds::FROM_START,
      .value = "_PATH_",
      .text = "The certificates of the authorities of clients: from then on each client needs a "
-             "certificate of one of them."},
+             "certificate of one of them. What others may write to is refused, as for *TLS_CA*."},
     {.name = "WEB_LIMIT_CONNECTIONS",
      .kind = KeyKind::NUMBER,
      .holds = KeyHolds::FROM_START,

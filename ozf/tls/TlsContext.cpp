@@ -3,6 +3,7 @@
 #include "ozf/base/CoreDumps.h"
 #include "ozf/base/SystemError.h"
 #include "ozf/config/ConfigurationKeys.h"
+#include "ozf/config/TrustedFile.h"
 #include "ozf/log/FrameworkLogger.h"
 #include "ozf/tls/TlsErrors.h"
 
@@ -29,8 +30,8 @@ constexpr long MOST_OF_CHAIN = 32768;
 // A key that needs a password would have it asked for at the terminal.
 int givePassword(char*, int, int, void*) { return 0; }
 
-// A file that cannot be opened is told in the system's words.
-bool canOpen(char const* key, std::string const& path, std::string& error)
+// Whether it can be opened, else told in the system's words, and others cannot change it.
+bool isUsableFile(char const* key, std::string const& path, std::string& error)
 {
   UniqueFd const file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status = {};
@@ -40,9 +41,13 @@ bool canOpen(char const* key, std::string const& path, std::string& error)
     error = std::string(key) + " " + path + " is no file";
     return false;
   }
-  if (failure == 0)
+  std::string doubt;
+  if (failure != 0)
+    error = std::string(key) + " " + path + " cannot be read: " + errorText(failure);
+  else if (othersMayChange(path, doubt))
+    error = std::string(key) + " " + path + " may be changed by others: " + doubt;
+  else
     return true;
-  error = std::string(key) + " " + path + " cannot be read: " + errorText(failure);
   return false;
 }
 
@@ -87,10 +92,10 @@ bool TlsContext::load(std::string& error)
     error = "TLS cannot be set up: " + takeTlsError();
     return false;
   }
-  if (!canOpen(configKey("TLS_CERTIFICATE").name, m_settings.certificate, error) ||
-      !canOpen(configKey("TLS_KEY").name, m_settings.key, error) ||
+  if (!isUsableFile(configKey("TLS_CERTIFICATE").name, m_settings.certificate, error) ||
+      !isUsableFile(configKey("TLS_KEY").name, m_settings.key, error) ||
       !isSecret(m_settings.key, error) ||
-      !canOpen(configKey("TLS_CA").name, m_settings.authorities, error))
+      !isUsableFile(configKey("TLS_CA").name, m_settings.authorities, error))
     return false;
 
   SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);

@@ -51,6 +51,8 @@ TEST(GatewayOptionsTest, MistakesOfTheConfigurationAreTold)
   LiveService service;
   writeText(service / "open", "0123456789abcdef\n");
   std::filesystem::permissions(service / "open", std::filesystem::perms(0644));
+  writeText(service / "shared", "0123456789abcdef\n");
+  std::filesystem::permissions(service / "shared", std::filesystem::perms(0602));
   for (auto const& [name, text] :
        {std::pair("short", "0123\n"), std::pair("two", "01234567 89abcdef\n"),
         std::pair("fifteen", "0123456789abcde\n")})
@@ -69,6 +71,11 @@ TEST(GatewayOptionsTest, MistakesOfTheConfigurationAreTold)
            {"WEB_TOKEN_FILE = " + (service / "missing") + "\n", "cannot be read"},
            {"WEB_TOKEN_FILE = " + service.root() + "\n", "is no regular file"},
            {"WEB_TLS_KEY = " + (service / "open") + "\n", "can be read by everybody"},
+           {"WEB_TLS_KEY = " + (service / "shared") + "\n",
+            "WEB_TLS_KEY: " + (service / "shared") + " may be changed by others: "},
+           {"WEB_TLS_CA = " + (service / "shared") + "\n", "may be changed by others"},
+           {"WEB_TLS_CERTIFICATE = " + (service / "shared") + "\n", "may be changed by others"},
+           {"WEB_TOKEN_FILE = " + (service / "shared") + "\n", "may be changed by others"},
            {"WEB_TLS_CA = " + (service / "open") + "\n", "WEB_TLS_CA is of no use without"},
            {"WEB_TLS_CERTIFICATE = " + (service / "short") + "\n",
             "WEB_TLS_KEY are wanted together"},

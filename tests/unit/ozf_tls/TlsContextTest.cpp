@@ -103,6 +103,23 @@ TEST_F(TlsContextTest, aKeyThatEverybodyMayReadIsRefused)
   EXPECT_THAT(problems(), ElementsAre(HasSubstr("host.key can be read by everybody on this host")));
 }
 
+TEST_F(TlsContextTest, noFileIsUsedThatOthersMayChange)
+{
+  for (auto const& [key, name] : {std::pair("TLS_CERTIFICATE", "host.pem"),
+                                  std::pair("TLS_KEY", "host.key"), std::pair("TLS_CA", "ca.pem")})
+  {
+    std::string const path = m_files / name;
+    chmod(path.c_str(), 0602);
+    EXPECT_THAT(problems(), ElementsAre(key + (" " + path) + " may be changed by others: " + path +
+                                        " may be written to by others than its owner"));
+    chmod(path.c_str(), 0600);
+  }
+  chmod(m_files.path().c_str(), 0777);
+  EXPECT_THAT(problems(), ElementsAre("TLS_CERTIFICATE " + (m_files / "host.pem") +
+                                      " may be changed by others: " + (m_files / "") +
+                                      " may be written to by others than its owner"));
+}
+
 TEST_F(TlsContextTest, aCertificateThatPeersRefuseIsToldWithTheReason)
 {
   Wish wish;
