@@ -260,6 +260,7 @@ int check(std::string const& target)
     complain(isOff ? "TLS is off, and no files are named for it: " + error : error);
     return EXIT_FAILED;
   }
+  setCoreDumpsWithKey(settings.coreDumps);
   auto const context = TlsContext::make(settings, error);
   if (!context)
   {

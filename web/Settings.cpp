@@ -5,6 +5,7 @@
 #include "ozf/config/ConfigurationKeys.h"
 #include "ozf/config/Masters.h"
 #include "ozf/config/TrustedFile.h"
+#include "ozf/tls/CurrentTls.h"
 
 #include <algorithm>
 #include <fcntl.h>
@@ -79,6 +80,8 @@ public:
   {
     std::size_t const before = m_problems.size();
     settings.certificate = file(configKey("WEB_TLS_CERTIFICATE"), false);
+    if (!m_configuration.word(configKey("WEB_TLS_KEY")).empty())
+      setCoreDumpsWithKey(m_configuration.isOn(configKey("CORE_DUMPS")));
     settings.key = file(configKey("WEB_TLS_KEY"), true);
     settings.authorities = file(configKey("WEB_TLS_CA"), false);
     if (m_problems.size() != before)

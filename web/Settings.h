@@ -31,7 +31,8 @@ struct Settings
   std::size_t sent = 0;    // bytes
   unsigned eventStreams = 0;
 
-  // Reads the files that it names as well. What is wrong is added to problems.
+  // Reads the files that it names as well; where a key is among them core dumps are as
+  // CORE_DUMPS says from then on. What is wrong is added to problems.
   static Settings from(Quillon::Tessarine::Ozf::Configuration const& configuration,
                        std::vector<Quillon::Tessarine::Ozf::ConfigurationProblem>& problems);
 };

@@ -151,9 +151,10 @@ inline constexpr ConfigurationKey CONFIGURATION_KEYS[] = {
     {.name = "CORE_DUMPS",
      .kind = KeyKind::BOOLEAN,
      .value = "_yes_ | _no_",
-     .text = "Whether a crash may leave a core dump behind where TLS is on, for those who look for "
-             "its cause: the key is in it. Without TLS it is the system's to decide. After a "
-             "reload that turns TLS off there is none until the service is started anew."},
+     .text = "Whether a crash may leave a core dump behind where TLS is on, or *tqdiscoweb* has "
+             "*WEB_TLS_KEY*, for those who look for its cause: the key is in it. Without a key it "
+             "is the system's to decide. After a reload that turns TLS off there is none until the "
+             "service is started anew."},
     {.name = "HOST_ADDRESS.",
      .part = "host",
      .kind = KeyKind::ADDRESSES,

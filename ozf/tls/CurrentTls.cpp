@@ -1,5 +1,6 @@
 #include "ozf/tls/CurrentTls.h"
 
+#include "ozf/base/CoreDumps.h"
 #include "ozf/base/OzfHostname.h"
 #include "ozf/base/Replaceable.h"
 #include "ozf/config/Configuration.h"
@@ -45,22 +46,28 @@ std::string nameOfThisHost()
   return local.setLocal() ? std::string(local.exportNarrow()) : std::string();
 }
 
-// Null with TLS off, where something is wrong with it, which mistake then tells, and
-// where the mode is none.
-std::shared_ptr<TlsContext const> contextBy(Configuration const& configuration,
-                                            std::string& mistake)
+// Those of TLS turned off, where something is wrong with them, which mistake then tells,
+// and where the mode is none.
+TlsSettings settingsBy(Configuration const& configuration, std::string& mistake)
 {
   std::string const* const mode = configuration.find(configKey("TLS"));
   TlsSettings settings;
   if ((mode != nullptr && !isAccepted(configKey("TLS"), *mode)) ||
-      !settings.read(configuration, mistake) || settings.mode == TlsMode::OFF)
-    return nullptr;
-  return TlsContext::make(settings, mistake);
+      !settings.read(configuration, mistake))
+    return {};
+  return settings;
 }
 
 } // namespace
 
 std::shared_ptr<TlsContext const> currentTls() noexcept { return current().get(); }
+
+void setCoreDumpsWithKey(bool on)
+{
+  if (std::string refusal; !setCoreDumps(on, refusal))
+    OZF_LOG(getFrameworkLogger(), 1, SOURCE, "setCoreDumpsWithKey",
+            "Unable to turn core dumps on or off: " << refusal);
+}
 
 bool setUpTls(std::string& error)
 {
@@ -72,6 +79,7 @@ bool setUpTls(std::string& error)
   std::shared_ptr<TlsContext const> context;
   if (settings.mode != TlsMode::OFF)
   {
+    setCoreDumpsWithKey(settings.coreDumps);
     context = TlsContext::make(settings, error);
     if (!context)
       return false;
@@ -85,14 +93,20 @@ bool setUpTls(std::string& error)
 std::string mistakeOfTls(Configuration const& configuration)
 {
   std::string mistake;
-  contextBy(configuration, mistake);
+  if (auto const settings = settingsBy(configuration, mistake); settings.mode != TlsMode::OFF)
+    TlsContext::make(settings, mistake);
   return mistake;
 }
 
 std::vector<std::string> checkTls(Configuration const& configuration)
 {
   std::string mistake;
-  auto const context = contextBy(configuration, mistake);
+  std::shared_ptr<TlsContext const> context;
+  if (auto const settings = settingsBy(configuration, mistake); settings.mode != TlsMode::OFF)
+  {
+    setCoreDumpsWithKey(settings.coreDumps);
+    context = TlsContext::make(settings, mistake);
+  }
   if (!context)
     return mistake.empty() ? std::vector<std::string>() : std::vector{mistake};
   std::string const* const name = configuration.find(configKey("CLIENT_NAME"));

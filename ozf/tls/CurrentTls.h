@@ -23,6 +23,10 @@ OZF_EXPORT std::shared_ptr<TlsContext const> currentTls() noexcept;
 // judged by it at their next call. Any thread; two at a time wait for each other.
 OZF_EXPORT bool setUpTls(std::string& error);
 
+// What a crash may leave behind of a process that is about to read a key: on is what its
+// CORE_DUMPS says. In the log where the system refuses it. Any thread.
+OZF_EXPORT void setCoreDumpsWithKey(bool on);
+
 // Why a peer was last refused, or refused this host, for who called to tell a
 // person: "the certificate of backup1 is for backup2". Empty when none was. Any
 // thread.
@@ -30,10 +34,12 @@ OZF_EXPORT std::string lastTlsRefusal();
 OZF_EXPORT void noteTlsRefusal(std::string const& reason);
 
 // What setUpTls would fail with by that configuration, the files included; empty when
-// it would not, and where the mode is none, which is a mistake in its line.
+// it would not, and where the mode is none, which is a mistake in its line. Changes
+// nothing: a process asks this of a configuration that it may not take.
 OZF_EXPORT std::string mistakeOfTls(class Configuration const& configuration);
 
-// The same, or where there is no such mistake why peers would refuse this host.
+// The same, or where there is no such mistake why peers would refuse this host. For a
+// process that does no more than that: core dumps are then as the configuration says.
 OZF_EXPORT std::vector<std::string> checkTls(class Configuration const& configuration);
 
 // Tells in the log, once a day, that the certificate of the process ends within 30

@@ -1,10 +1,8 @@
 #include "ozf/tls/TlsContext.h"
 
-#include "ozf/base/CoreDumps.h"
 #include "ozf/base/SystemError.h"
 #include "ozf/config/ConfigurationKeys.h"
 #include "ozf/config/TrustedFile.h"
-#include "ozf/log/FrameworkLogger.h"
 #include "ozf/tls/TlsErrors.h"
 
 #include <openssl/err.h>
@@ -70,10 +68,6 @@ TlsContext::TlsContext(TlsSettings const& settings)
 
 std::shared_ptr<TlsContext const> TlsContext::make(TlsSettings const& settings, std::string& error)
 {
-  // Before the key is read.
-  if (std::string refusal; !setCoreDumps(settings.coreDumps, refusal))
-    OZF_LOG(getFrameworkLogger(), 1, "TlsContext", "TlsContext::make",
-            "Unable to turn core dumps on or off: " << refusal);
   std::shared_ptr<TlsContext> const context(new TlsContext(settings));
   ERR_clear_error();
   return context->load(error) ? context : nullptr;

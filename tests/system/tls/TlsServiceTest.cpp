@@ -1,8 +1,7 @@
 // What a service and the command do with certificates.
 
+#include "tests/support/CoreOfProcess.h"
 #include "tests/system/tls/TlsServiceTesting.h"
-
-#include <sys/resource.h>
 
 namespace
 {
@@ -50,25 +49,19 @@ TEST_F(TlsServiceTest, theAuditLogHasTheNamesOfThePeersCertificateAndTheRefusedP
 
 TEST_F(TlsServiceTest, aCrashLeavesTheKeyBehindOnlyWhereThatIsWanted)
 {
-  rlimit limit{};
-  ASSERT_EQ(getrlimit(RLIMIT_CORE, &limit), 0);
-  limit.rlim_cur = limit.rlim_max;
-  ASSERT_EQ(setrlimit(RLIMIT_CORE, &limit), 0);
+  allowCores();
   configure("");
   ASSERT_TRUE(m_service.start()) << m_service.log();
-  std::string const process = "/proc/" + std::to_string(m_service.process().pid());
-  // What a core holds, and how large it may be.
-  auto const core = [&]
-  {
-    rlimit now{};
-    EXPECT_EQ(prlimit(m_service.process().pid(), RLIMIT_CORE, nullptr, &now), 0);
-    return readText(process + "/coredump_filter") + std::to_string(now.rlim_cur);
-  };
+  auto const core = [this] { return coreOf(m_service.process().pid()); };
   std::string const before = core();
-  ASSERT_NE(before.substr(0, 9), "00000000\n");
+  ASSERT_NE(before.substr(0, 9), std::string(NO_CORE, 9));
   configure("only");
   reload("Took the certificate ");
-  EXPECT_EQ(core(), "00000000\n0");
+  EXPECT_EQ(core(), NO_CORE);
+  m_service.configure(tlsLines("only", m_files.path(), "service") +
+                      "CORE_DUMPS = yes\nLOG_LEVEL = nonsense\n");
+  reload("what held before holds on: ");
+  EXPECT_EQ(core(), NO_CORE) << "the configuration was refused";
   m_service.configure(tlsLines("both", m_files.path(), "service") + "CORE_DUMPS = yes\n");
   m_service.process().sendSignal(SIGHUP);
   EXPECT_TRUE(eventually([&] { return core() == before; })) << core();

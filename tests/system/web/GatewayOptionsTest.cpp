@@ -1,6 +1,7 @@
 // Where the gateway listens, and whom it answers.
 
 #include "tests/support/Certificates.h"
+#include "tests/support/CoreOfProcess.h"
 #include "tests/support/NotifySocket.h"
 #include "tests/system/web/GatewayTesting.h"
 
@@ -240,4 +241,25 @@ TEST(GatewayOptionsTest, WithAuthoritiesOfClientsTheirCertificatesAreWanted)
   EXPECT_EQ(statusOverTls(service.root(), gateway.port(), ""), "403\n");
   EXPECT_NE(statusOverTls(service.root(), gateway.port(), "stranger"), "200\n");
   EXPECT_EQ(gateway.stop(), 0);
+}
+
+TEST(GatewayOptionsTest, ACrashLeavesTheKeyBehindOnlyWhereThatIsWanted)
+{
+  allowCores();
+  LiveService service;
+  CertificateAuthority().issue(service.root(), "web");
+  auto const core = [&service](std::string const& lines)
+  {
+    Gateway gateway(service, lines);
+    EXPECT_TRUE(gateway.start()) << gateway.log();
+    std::string const text = coreOf(gateway.process().pid());
+    EXPECT_EQ(gateway.stop(), 0);
+    return text;
+  };
+  std::string const key = "WEB_TLS_CERTIFICATE = " + (service / "web.pem") +
+                          "\nWEB_TLS_KEY = " + (service / "web.key") + "\n";
+  std::string const before = core("");
+  EXPECT_NE(before.substr(0, 9), std::string(NO_CORE, 9));
+  EXPECT_EQ(core(key), NO_CORE);
+  EXPECT_EQ(core(key + "CORE_DUMPS = yes\n"), before);
 }
