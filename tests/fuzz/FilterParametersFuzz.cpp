@@ -42,6 +42,21 @@ bool isXmlText(std::string_view text)
   return true;
 }
 
+// The one thing that cannot be carried: the name of a variable there is.
+bool namesVariable(std::string const& argument)
+{
+  return argument.find("$TESSARINE_ROOT") != std::string::npos ||
+         argument.find("$OZF_ASSERT") != std::string::npos;
+}
+
+bool canBeCarried(FilterParameters const& parameters)
+{
+  if (parameters.getJobInfo() == nullptr)
+    return true;
+  auto const& arguments = parameters.getJobInfo()->getArguments();
+  return std::none_of(arguments.begin(), arguments.end(), namesVariable);
+}
+
 void checkWritten(FilterParameters const& parameters)
 {
   std::string const described = describe(parameters);
@@ -50,6 +65,8 @@ void checkWritten(FilterParameters const& parameters)
     std::string const document = written(parameters, encoding);
     FilterParameters const again(document.c_str());
     require(again.lastError().empty(), "what was written can be read", document);
+    if (!canBeCarried(parameters))
+      continue;
     requireEqual(described, describe(again), "what was written reads as the same parameters");
     requireEqual(document, written(again, encoding), "writing is stable");
   }
@@ -92,11 +109,6 @@ void checkParts(std::string_view text)
     else
       arguments.push_back(std::move(part));
   }
-  // The one thing that cannot be carried: the name of a variable there is.
-  for (std::string const& argument : arguments)
-    if (argument.find("$TESSARINE_ROOT") != std::string::npos ||
-        argument.find("$OZF_ASSERT") != std::string::npos)
-      return;
   AutoDereference<JobExecInfo> const job(arguments.empty() ? nullptr : new JobExecInfo(arguments));
   FilterParameters const parameters(job.get(), query->c_str());
   checkQuery(parameters);
