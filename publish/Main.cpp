@@ -61,7 +61,7 @@ void setUpLog(Options const& options)
 // Until a signal says that it is enough, or the work ends.
 void awaitEnd(Options const& options)
 {
-  tqdiscoctl::awaitStop(
+  tqdiscoctl::Research::awaitStop(
       [&options](std::string const& text)
       {
         if (text.empty())

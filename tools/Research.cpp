@@ -3,8 +3,12 @@
 #include "discovery/Researcher.h"
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ConfigurationKeys.h"
+#include "ozf/log/FrameworkLogger.h"
 #include "ozf/tls/CurrentTls.h"
+#include "tools/Program.h"
 
+#include <chrono>
+#include <ctime>
 #include <utility>
 
 namespace tqdiscoctl
@@ -12,6 +16,25 @@ namespace tqdiscoctl
 
 using namespace Quillon::Tessarine::Ozf;
 using namespace Quillon::Tessarine::Ozf::DiscoverySvc;
+
+namespace
+{
+
+constexpr char SOURCE[] = "Research";
+constexpr std::chrono::seconds LOOK_PERIOD(10); // for a certificate that ends
+
+void renewTls()
+{
+  constexpr char const* OPERATION = "Research::awaitStop";
+  if (std::string error; !setUpTls(error))
+    OZF_LOG(getFrameworkLogger(), 1, SOURCE, OPERATION, "TLS stays as it was: " << error);
+  else if (auto const context = currentTls())
+    OZF_LOG(getFrameworkLogger(), 1, SOURCE, OPERATION,
+            "Took the certificate " << context->settings().certificate << ", which "
+                                    << expiryText(context->certificate(), std::time(nullptr)));
+}
+
+} // namespace
 
 Research::~Research()
 {
@@ -42,6 +65,20 @@ bool Research::start(std::string const& name, std::string& error)
   initDiscoveryResearch();
   m_research = true;
   return true;
+}
+
+void Research::awaitStop(std::function<void(std::string const&)> const& tell)
+{
+  ExpiryWarning expiry;
+  auto const take = [&](std::string const& text)
+  {
+    tell(text);
+    if (text.empty())
+      renewTls();
+  };
+  do
+    expiry.look(std::time(nullptr));
+  while (!tqdiscoctl::awaitStop(take, LOOK_PERIOD));
 }
 
 } // namespace tqdiscoctl

@@ -157,7 +157,7 @@ int run(Options const& options)
   std::string const place = placeOf(settings);
   OZF_LOG(getWebLogger(), 1, SOURCE, "main", "Started, version " TQ_VERSION ", at " << place);
   sd_notify(0, ("READY=1\nSTATUS=Serving at " + onOneLine(place)).c_str());
-  tqdiscoctl::awaitStop(teller(options));
+  tqdiscoctl::Research::awaitStop(teller(options));
   sd_notify(0, "STOPPING=1\nSTATUS=Stopping");
   server.stop();
   OZF_LOG(getWebLogger(), 1, SOURCE, "main", "Stopped");

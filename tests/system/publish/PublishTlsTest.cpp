@@ -51,3 +51,28 @@ TEST(PublishTlsTest, OnlyAServerThatProvesItsNameIsTalkedTo)
             "t");
   EXPECT_EQ(publishing.stop(), 0) << publishing.log();
 }
+
+TEST(PublishTlsTest, aRenewedCertificateIsShownToMastersFromTheReloadOn)
+{
+  TempDir files;
+  CertificateAuthority authority;
+  authority.writeTo(files / "ca.pem");
+  authority.issue(files.path(), "service", wishFor(LiveService::NAME));
+  authority.issue(files.path(), "publisher", wishFor("former"));
+  LiveService service;
+  Publishing publishing(service, tlsLines("only", files.path(), "service") +
+                                     "ALLOW_READ = " + LiveService::NAME + ", renewed\n");
+  ASSERT_TRUE(publishing.create());
+  storeIn(service, "web1", "probe", itemsWith({{"a", "1"}}));
+  ASSERT_TRUE(service.start()) << service.log();
+  service.configure("PUBLISH_INTERVAL = 1s\n" + tlsLines("only", files.path(), "publisher"));
+  ASSERT_TRUE(publishing.start()) << publishing.log();
+  EXPECT_TRUE(service.process().awaitError("(former): ")) << service.log();
+  EXPECT_EQ(publishing.sql("select count(*) from item"), "0");
+
+  authority.issue(files.path(), "publisher", wishFor("renewed"));
+  publishing.process().sendSignal(SIGHUP);
+  EXPECT_TRUE(publishing.awaitSql("select count(*) from item", "1")) << publishing.log();
+  EXPECT_EQ(publishing.stop(), 0) << publishing.log();
+  EXPECT_EQ(service.stop(), 0) << service.log();
+}
