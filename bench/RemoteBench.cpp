@@ -250,9 +250,9 @@ std::vector<Row> benchQuery(Settings const& settings)
     };
     std::vector<Row> all =
         rows("query " + std::to_string(records) + " discoveries, " + pages, ", remote reader");
-    if (ProcessorEach::isPossible())
+    if (Placement::canBeApart())
     {
-      ProcessorEach const apart(processes.servers());
+      Placement const apart(Placement::APART, processes.servers());
       std::vector<Row> const more =
           rows("the same, a processor for the reader, one for the servers", "");
       all.insert(all.end(), more.begin(), more.end());

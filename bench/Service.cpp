@@ -74,21 +74,21 @@ void runOn(pid_t process, cpu_set_t const& processors)
 
 } // namespace
 
-ProcessorEach::ProcessorEach(std::vector<pid_t> servers) : m_servers(std::move(servers))
+Placement::Placement(Servers where, std::vector<pid_t> servers) : m_servers(std::move(servers))
 {
   runOn(::getpid(), oneProcessor(0));
   for (pid_t const server : m_servers)
-    runOn(server, oneProcessor(1));
+    runOn(server, oneProcessor(where == APART ? 1 : 0));
 }
 
-ProcessorEach::~ProcessorEach()
+Placement::~Placement()
 {
   runOn(::getpid(), allProcessors());
   for (pid_t const server : m_servers)
     runOn(server, allProcessors());
 }
 
-bool ProcessorEach::isPossible() { return CPU_COUNT(&allProcessors()) >= 2; }
+bool Placement::canBeApart() { return CPU_COUNT(&allProcessors()) >= 2; }
 
 sockaddr_in loopbackAt(unsigned short port, in_addr_t address)
 {

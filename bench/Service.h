@@ -52,20 +52,25 @@ void writeConfiguration(std::string const& root, unsigned short port, std::strin
 // Seconds of processor time that a child process has taken so far.
 double processorTimeOf(pid_t process);
 
-// While it lives this process runs on one processor and the servers on another, as
-// hosts would. Left to the scheduler, a server that does little may stay on its
-// caller's processor, and one that does more be woken on another that sleeps, which
-// costs more than all that either does.
-class ProcessorEach
+// While it lives this process runs on one processor, and the servers on another, as hosts
+// would, or on the same, where what they do is all that is measured. Left to the
+// scheduler, a server may stay on its caller's processor, or be woken on another that
+// sleeps, which costs more than all that either does.
+class Placement
 {
 public:
-  explicit ProcessorEach(std::vector<pid_t> servers);
-  ~ProcessorEach();
-  ProcessorEach(ProcessorEach const&) = delete;
-  ProcessorEach& operator=(ProcessorEach const&) = delete;
+  enum Servers
+  {
+    APART,
+    TOGETHER
+  };
+  Placement(Servers where, std::vector<pid_t> servers);
+  ~Placement();
+  Placement(Placement const&) = delete;
+  Placement& operator=(Placement const&) = delete;
 
   // Whether this machine has two processors for this process.
-  static bool isPossible();
+  static bool canBeApart();
 
 private:
   std::vector<pid_t> const m_servers;

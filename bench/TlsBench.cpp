@@ -37,8 +37,7 @@ std::vector<Row> benchTls(Settings const& settings)
                        tqtest::tlsLines("both", files, "host"));
   bare.begin(files);
 
-  std::vector<double> const perCall = alternate(
-      settings, {{"product", services.calls(true)}, {"floor", services.calls(false)}}, CALL_ROUNDS);
+  std::vector<double> const perCall = services.compareCalls(settings, CALL_ROUNDS);
 
   std::string const payload = payloadOf(4);
   auto const writes = [&](bool tls)

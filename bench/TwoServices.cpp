@@ -74,4 +74,12 @@ std::function<double()> TwoServices::calls(bool second)
   };
 }
 
+std::vector<double> TwoServices::compareCalls(Settings const& settings, int rounds)
+{
+  Side const product{"product", calls(true)};
+  Side const floor{"floor", calls(false)};
+  Placement const together(Placement::TOGETHER, {m_first->pid(), m_second->pid()});
+  return alternate(settings, {product, floor}, rounds);
+}
+
 } // namespace tqbench

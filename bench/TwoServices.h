@@ -7,6 +7,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace tqbench
 {
@@ -29,12 +30,15 @@ public:
   Quillon::Tessarine::Ozf::DiscoverySvc::Remote::DiscoveryService_ptr
   connect(bool second, bool byOtherAddress = false);
 
-  // Rounds of plain calls on an object of one of them: seconds of one call.
-  std::function<double()> calls(bool second);
+  // Rounds of plain calls on an object of the second one and of the first, all on one
+  // processor: seconds of one call of each.
+  std::vector<double> compareCalls(Settings const& settings, int rounds);
 
   unsigned short secondPort() const { return m_secondPort; }
 
 private:
+  std::function<double()> calls(bool second);
+
   // The last root that was named is this process's own.
   static void start(std::optional<ServiceProcess>* process, Settings const& settings,
                     std::string const& name, unsigned short port, std::string const& more);
