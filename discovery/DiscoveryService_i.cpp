@@ -56,6 +56,13 @@ void requireOwnName(char const* operation, AuditedCall const& call, char const* 
                  "\", which is neither its own nor for " + rule);
 }
 
+// For log lines.
+std::string callerName()
+{
+  Peer const* const peer = currentPeer();
+  return peer == nullptr ? "this service" : shownPeer(*peer);
+}
+
 // What keeps a registration out, and what can be done about it.
 std::string describeStanding(Registration const& registration)
 {
@@ -75,13 +82,26 @@ std::string describeStanding(Registration const& registration)
   return text.str();
 }
 
+template <class Servant>
+CORBA::Object_ptr activate(Servant& servant, Orb& orb, AuditedCall const& call)
+{
+  try
+  {
+    return orb.activateEvictable(&servant, Servant::REPOSITORY_ID, servant.objectId().out());
+  }
+  catch (CORBA::NO_RESOURCES const&)
+  {
+    auditRefusal(call, "all iterators that there may be are in calls");
+    throw;
+  }
+}
+
 // Activates an iterator with the evictor and starts its idle time.
 template <class Servant>
-auto publish(Servant& servant, Orb& orb)
+auto publish(Servant& servant, Orb& orb, AuditedCall const& call)
 {
   using Interface = typename Servant::InterfaceType;
-  CORBA::Object_var const object =
-      orb.activateEvictable(&servant, Servant::REPOSITORY_ID, servant.objectId().out());
+  CORBA::Object_var const object = activate(servant, orb, call);
   try
   {
     typename Interface::_var_type reference = Interface::_narrow(object);
@@ -105,10 +125,11 @@ DiscoveryIterator_ptr DiscoveryService_i::queryDiscoveries(DiscoveryQuery queryT
   constexpr char const* OPERATION = "DiscoveryService_i::queryDiscoveries";
   // Who may write, but not read, may look for requests to run explorers, and for
   // nothing else.
+  AuditedCall const call{OPERATION, subject, authority};
   if (std::string const& lack = lackOfCall();
       !lack.empty() && std::string_view(authority) != REFRESH_PATTERN)
-    refuseCall(*currentPeer(), OPERATION, {OPERATION, subject, authority}, lack);
-  PeerPlace place = takeIteratorPlace(OPERATION);
+    refuseCall(*currentPeer(), OPERATION, call, lack);
+  PeerPlace place = takeIteratorPlace(OPERATION, call);
   DiscoveryRepository& repository = getDiscoveryRepository();
   AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::DiscoveryIterator> iterator;
   if (isUsablePattern(subject) && isUsablePattern(authority))
@@ -124,7 +145,7 @@ DiscoveryIterator_ptr DiscoveryService_i::queryDiscoveries(DiscoveryQuery queryT
     DiscoveryIterator_i* const servant = new DiscoveryIterator_i(iterator.get());
     PortableServer::ServantBase_var const localReference(servant);
     servant->setPlace(std::move(place));
-    return publish(*servant, *repository.getOrb());
+    return publish(*servant, *repository.getOrb(), call);
   }
   catch (CORBA::Exception const& exception)
   {
@@ -139,7 +160,8 @@ DiscoveryStatus DiscoveryService_i::getCollectionData(Discovery const& record, c
                                                       CollectionDataIterator_out iterator)
 {
   constexpr char const* OPERATION = "DiscoveryService_i::getCollectionData";
-  PeerPlace place = takeIteratorPlace(OPERATION);
+  AuditedCall const call{OPERATION, record.subject.in(), record.authority.in()};
+  PeerPlace place = takeIteratorPlace(OPERATION, call);
   iterator = CollectionDataIterator::_nil();
   std::string const subject(record.subject);
   std::string const authority(record.authority);
@@ -177,12 +199,13 @@ DiscoveryStatus DiscoveryService_i::getCollectionData(Discovery const& record, c
                                                                << authority);
     return DS_LOGIC_ERROR;
   }
-  return serve(discovery, filter, std::move(place), iterator);
+  return serve(discovery, filter, std::move(place), call, iterator);
 }
 
 DiscoveryStatus DiscoveryService_i::serve(
     AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::Discovery>& discovery,
-    char const* filter, PeerPlace place, CollectionDataIterator_out iterator)
+    char const* filter, PeerPlace place, AuditedCall const& call,
+    CollectionDataIterator_out iterator)
 {
   constexpr char const* OPERATION = "DiscoveryService_i::getCollectionData";
   try
@@ -196,7 +219,7 @@ DiscoveryStatus DiscoveryService_i::serve(
               "Error encountered trying to open collection iterator");
       return DS_OPEN_FAILED;
     }
-    iterator = publish(*servant, *getDiscoveryRepository().getOrb());
+    iterator = publish(*servant, *getDiscoveryRepository().getOrb(), call);
     return DS_SUCCESS;
   }
   catch (CORBA::Exception const& exception)
@@ -217,26 +240,28 @@ RemoteWriter_i* DiscoveryService_i::newRemoteWriter(Discovery const& record) con
 DiscoveryResult DiscoveryService_i::putCollection(Discovery const& record, RemoteWriter_out writer)
 {
   constexpr char const* OPERATION = "DiscoveryService_i::putCollection";
-  requireDayBytes(OPERATION, 0);
+  AuditedCall const call{OPERATION, record.subject.in(), record.authority.in()};
+  requireDayBytes(OPERATION, call, 0);
   writer = RemoteWriter::_nil();
   DiscoveryResult result{DS_OPEN_FAILED, 0};
-  AuditedCall const call{"putCollection", record.subject.in(), record.authority.in()};
   if (!areKeepableNames(record.subject.in(), record.authority.in()))
   {
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
-            "Refused a discovery: its subject or authority is empty or too long");
+            "Refused a discovery of " << callerName()
+                                      << ": its subject or authority is empty or too long");
     auditRefusal(call, "its subject or authority is empty or too long");
     return result;
   }
   if (!isUsablePattern(record.sourceHost.in()) || !isUsablePattern(record.sourceServiceName.in()))
   {
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
-            "Refused a discovery: the name of its source host or service is too long");
+            "Refused a discovery of " << callerName()
+                                      << ": the name of its source host or service is too long");
     auditRefusal(call, "the name of its source host or service is too long");
     return result;
   }
   requireOwnName(OPERATION, call, record.sourceHost);
-  auto const place = getOpenWriters().reserve(currentPeer());
+  auto const place = getOpenWriters().reserve(currentPeer(), call);
   if (!place)
     return result;
 
@@ -255,7 +280,7 @@ DiscoveryResult DiscoveryService_i::putCollection(Discovery const& record, Remot
       else
       {
         OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
-                "Refused a discovery: the service is about to stop");
+                "Refused a discovery of " << callerName() << ": the service is about to stop");
         auditRefusal(call, "the service is about to stop");
         getDiscoveryRepository().getOrb()->destroyObjectRef(reference);
         result.discStatus = DS_OPEN_FAILED;
@@ -288,7 +313,8 @@ void DiscoveryService_i::registerExplorer(char const* sourceHost, char const* so
       !areKeepableNames(subject, authority))
   {
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
-            "Refused the registration of an explorer: a name is empty or too long");
+            "Refused the registration of an explorer by " << callerName()
+                                                          << ": a name is empty or too long");
     auditRefusal(call, "a name is empty or too long");
     // The caller is not told: an exception would keep it from ever starting its
     // push explorers.
@@ -320,7 +346,7 @@ void DiscoveryService_i::registerExplorer(char const* sourceHost, char const* so
   std::string const reason = describeStanding(registration);
   OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
           "Refused the registration of " << subject << " " << authority << ", priority " << wide
-                                         << ": " << reason);
+                                         << ", by " << callerName() << ": " << reason);
   auditRefusal(call, reason);
 }
 

@@ -44,7 +44,8 @@ protected:
   // which has the place.
   static DiscoveryStatus
   serve(AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::Discovery>& discovery,
-        char const* filter, PeerPlace place, CollectionDataIterator_out iterator);
+        char const* filter, PeerPlace place, AuditedCall const& call,
+        CollectionDataIterator_out iterator);
 
   // A new writer for the record, with one reference for the caller.
   virtual RemoteWriter_i* newRemoteWriter(Discovery const& record) const;

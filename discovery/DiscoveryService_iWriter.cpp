@@ -92,16 +92,21 @@ std::string RemoteWriter_i::names() const
          std::string(m_record.authority);
 }
 
-void RemoteWriter_i::audit(std::string const& result) const
+AuditedCall RemoteWriter_i::audited(char const* operation) const
 {
-  auditCall(m_opener.address.empty() ? nullptr : &m_opener,
-            {"putCollection", m_record.subject.in(), m_record.authority.in()}, result);
+  return {operation, m_record.subject.in(), m_record.authority.in()};
+}
+
+void RemoteWriter_i::audit(std::string_view result)
+{
+  m_audited = true;
+  auditCall(m_opener.address.empty() ? nullptr : &m_opener, audited("putCollection"), result);
 }
 
 void RemoteWriter_i::abandon()
 {
   std::lock_guard const guard(m_oneCaller);
-  if (!m_closed)
+  if (!m_closed && !m_audited)
     audit(m_incomplete ? "not stored: a part could not be written"
                        : "not stored: the writer was never closed");
   m_closed = true;
@@ -132,6 +137,8 @@ public:
     OZF_LOG(getOzfLogger(), 1, SOURCE, operation,
             "Refused a call of " << peer->address << ": " << MOST_RELAYED
                                  << " that write wait for the master already, " << writer.names());
+    auditRefusal(peer, writer.audited(operation),
+                 "too many that write wait for the master already");
     writer.m_refused = true;
     m_lock = std::unique_lock(writer.m_oneCaller, std::try_to_lock);
   }
@@ -195,10 +202,11 @@ bool RemoteWriter_i::append(CollectionDataSeq const& data)
               "Refused a payload of more than "
                   << m_mostBytes << " bytes, " << names()
                   << (peer == nullptr ? std::string() : ", of " + peer->address) << *met);
+    auditRefusal(audited(OPERATION), "the payload is too large");
     return false;
   }
   if (!m_refused)
-    requireDayBytes(OPERATION, data.length());
+    requireDayBytes(OPERATION, audited(OPERATION), data.length());
   if (!m_refused &&
       m_discovery->getCollectionData()->writeCollection(data.length(), data.get_buffer()) != 0)
   {
@@ -206,6 +214,20 @@ bool RemoteWriter_i::append(CollectionDataSeq const& data)
     m_incomplete = m_refused;
   }
   return !m_incomplete;
+}
+
+DiscoveryStatus RemoteWriter_i::persist()
+{
+  try
+  {
+    return m_discovery->persist();
+  }
+  catch (...)
+  {
+    // What comes of the writer later, when it goes, tells nothing of the discovery.
+    audit("may be stored: storing it ended with an exception");
+    throw;
+  }
 }
 
 DiscoveryResult RemoteWriter_i::close()
@@ -222,7 +244,7 @@ DiscoveryResult RemoteWriter_i::close()
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
             "Abandoned a discovery of which a part could not be written, " << names());
   else
-    result.discStatus = m_discovery->persist();
+    result.discStatus = persist();
   audit(m_incomplete || m_refused ? "not stored: a part could not be written"
                                   : resultText(result.discStatus));
   // Not before: if an exception ends that, the writer goes when it has been idle.

@@ -6,6 +6,7 @@
 #include "discovery/DiscData.h"
 #include "discovery/Export.h"
 #include "discovery/OpenWriters.h"
+#include "ozf/orb/CallAudit.h"
 #include "ozf/orb/Corba.h"
 
 #include <DiscoveryServiceC.h>
@@ -15,6 +16,7 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 namespace Quillon::Tessarine::Ozf::DiscoverySvc
 {
@@ -72,7 +74,9 @@ private:
   class Call;
 
   bool append(CollectionDataSeq const& data);
-  void audit(std::string const& result) const;
+  DiscoveryStatus persist();
+  AuditedCall audited(char const* operation) const;
+  void audit(std::string_view result);
 
   CallOwner m_owner;
   Peer const m_opener;    // without an address: this process itself
@@ -82,6 +86,7 @@ private:
   std::uint64_t m_bytes = 0; // written
   bool m_incomplete = false; // a put failed
   bool m_closed = false;
+  bool m_audited = false;             // what came of it
   bool m_relayed = false;             // what is written goes to another host
   std::atomic<bool> m_refused{false}; // a call, while another was in progress
   AutoDereference<Quillon::Tessarine::Ozf::DiscoverySvc::Discovery> m_discovery;

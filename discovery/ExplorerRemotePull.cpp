@@ -5,6 +5,7 @@
 #include "discovery/Peers.h"
 #include "discovery/PullPace.h"
 #include "discovery/RemoteDB.h"
+#include "ozf/orb/CallAudit.h"
 #include "ozf/orb/CallRights.h"
 #include "ozf/orb/Peer.h"
 #include "ozf/orb/SelfConnection.h"
@@ -78,6 +79,8 @@ bool RemoteExplorerPull::collectionRequested(DiscoveryQuery query, Authority con
     return false;
   }
   Peer const* const peer = currentPeer();
+  AuditedCall const call{"getCollectionData", subject.getName().c_str(),
+                         authority.getName().c_str()};
   std::optional<CallPlace> served;
   if (peer != nullptr && depth.outermost())
   {
@@ -88,6 +91,7 @@ bool RemoteExplorerPull::collectionRequested(DiscoveryQuery query, Authority con
               "Refused a request of " << peer->address << " for data of " << m_host.exportNarrow()
                                       << ": " << MOST_SERVED
                                       << " requests wait for other hosts already");
+      auditRefusal(peer, call, "too many requests wait for other hosts already");
       return false;
     }
   }
@@ -97,11 +101,17 @@ bool RemoteExplorerPull::collectionRequested(DiscoveryQuery query, Authority con
   if (!turn.taken())
   {
     if (circle)
+    {
       logConnectingBack();
-    else
-      OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
-              "Refused a request for data of " << m_host.exportNarrow() << ": " << MOST_REQUESTS
-                                               << " that it has not answered are in progress");
+      return false;
+    }
+    OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
+            "Refused a request of " << (peer == nullptr ? "this service" : peer->address)
+                                    << " for data of " << m_host.exportNarrow() << ": "
+                                    << MOST_REQUESTS
+                                    << " that it has not answered are in progress");
+    if (peer != nullptr)
+      auditRefusal(peer, call, "too many requests to that host are in progress already");
     return false;
   }
   try

@@ -48,38 +48,44 @@ bool dropOneList()
 
 } // namespace
 
+bool HeldRecords::take(std::size_t records, std::size_t bytes, Most& most)
+{
+  InAll& sums = inAll();
+  std::lock_guard const guard(sums.mutex);
+  most.records = sums.mostRecords;
+  most.bytes =
+      sums.mostBytes == 0 ? static_cast<std::size_t>(getLimits().answers.value()) : sums.mostBytes;
+  if (sums.records + records > most.records || sums.bytes + bytes > most.bytes)
+    return false;
+  sums.records += records;
+  sums.bytes += bytes;
+  m_records += records;
+  m_bytes += bytes;
+  return true;
+}
+
 bool HeldRecords::add(std::size_t records, std::size_t bytes)
 {
   constexpr char const* OPERATION = "HeldRecords::add";
-  InAll& sums = inAll();
-  for (;;)
-  {
-    std::size_t mostRecords = 0;
-    auto mostBytes = static_cast<std::size_t>(getLimits().answers.value());
-    {
-      std::lock_guard const guard(sums.mutex);
-      mostBytes = sums.mostBytes == 0 ? mostBytes : sums.mostBytes;
-      if (sums.records + records <= sums.mostRecords && sums.bytes + bytes <= mostBytes)
-      {
-        sums.records += records;
-        sums.bytes += bytes;
-        m_records += records;
-        m_bytes += bytes;
-        return true;
-      }
-      mostRecords = sums.mostRecords;
-    }
-    Peer const* const peer = currentPeer();
-    auto const met = getLimits().answers.meet(peer == nullptr ? "this service" : peer->address);
-    // The list gives back what it has, which takes the mutex.
-    if (!dropOneList())
-      return false;
-    if (met)
-      OZF_LOG(getOzfLogger(), 1, "RemoteDB", OPERATION,
-              "More than " << mostRecords << " discoveries of other hosts or " << mostBytes
-                           << " bytes held for readers, dropped the list of the one idle longest"
-                           << *met);
-  }
+  Most most;
+  bool fits = take(records, bytes, most);
+  if (fits)
+    return true;
+  // A list gives back what it has, which takes the mutex.
+  while (!fits && dropOneList())
+    fits = take(records, bytes, most);
+  Peer const* const peer = currentPeer();
+  std::string const reader = peer == nullptr ? "this service" : peer->address;
+  // Once for each call, when its end is known: who is refused has its line, whatever
+  // has been dropped before.
+  if (auto const met = getLimits().answers.meet(reader))
+    OZF_LOG(getOzfLogger(), 1, "RemoteDB", OPERATION,
+            "More than " << most.records << " discoveries of other hosts or " << most.bytes
+                         << " bytes held for readers, "
+                         << (fits ? "dropped the list of the one idle longest for a query of "
+                                  : "no list of another can go for a query of ")
+                         << reader << (fits ? "" : ", which fails") << *met);
+  return fits;
 }
 
 void HeldRecords::remove(std::size_t records, std::size_t bytes)

@@ -28,8 +28,8 @@ public:
   HeldRecords& operator=(HeldRecords const&) = delete;
 
   // Before the list grows. When that would be too much in all, the lists of the
-  // readers idle longest go first, each with a line; false, with no change,
-  // when none can go any more.
+  // readers idle longest go first; false, with no change, when none can go any more.
+  // A line tells of either.
   bool add(std::size_t records, std::size_t bytes);
 
   // After the list shrank, by no more than it has.
@@ -42,6 +42,14 @@ public:
   static void setMost(std::size_t records, std::size_t bytes);
 
 private:
+  // In all.
+  struct Most
+  {
+    std::size_t records = 0;
+    std::size_t bytes = 0;
+  };
+  bool take(std::size_t records, std::size_t bytes, Most& most);
+
   std::size_t m_records = 0;
   std::size_t m_bytes = 0;
 };

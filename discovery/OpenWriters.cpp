@@ -3,7 +3,6 @@
 #include "discovery/DiscoveryLog.h"
 #include "discovery/Peers.h"
 #include "ozf/config/Limits.h"
-#include "ozf/orb/CallAudit.h"
 #include "ozf/orb/Orb.h"
 
 #include <algorithm>
@@ -68,7 +67,7 @@ bool OpenWriters::Place::take(OpenWriter& writer, CORBA::Object_ptr reference)
   return true;
 }
 
-std::unique_ptr<OpenWriters::Place> OpenWriters::reserve(Peer const* peer)
+std::unique_ptr<OpenWriters::Place> OpenWriters::reserve(Peer const* peer, AuditedCall const& call)
 {
   Peer const opener = peer == nullptr ? Peer() : *peer;
   Limits& limits = getLimits();
@@ -88,7 +87,7 @@ std::unique_ptr<OpenWriters::Place> OpenWriters::reserve(Peer const* peer)
       return std::unique_ptr<Place>(new Place(*this, std::prev(m_entries.end())));
     }
   }
-  auditRefusal(peer, {"putCollection"}, "too many writers are open already");
+  auditRefusal(peer, call, "too many writers are open already");
   bool const tooManyOfPeer = limits.peerWriters.forbids(ofPeer + 1);
   auto const met = (tooManyOfPeer ? limits.peerWriters : limits.writers).meet(nameOf(opener));
   if (met && tooManyOfPeer)

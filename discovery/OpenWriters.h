@@ -4,6 +4,7 @@
 #pragma once
 
 #include "discovery/Export.h"
+#include "ozf/orb/CallAudit.h"
 #include "ozf/orb/Corba.h"
 #include "ozf/orb/Peer.h"
 
@@ -102,7 +103,7 @@ public:
 
   // For a writer of the peer, null for this process. Null, with a line that
   // names the peer, when there are too many.
-  std::unique_ptr<Place> reserve(Peer const* peer);
+  std::unique_ptr<Place> reserve(Peer const* peer, AuditedCall const& call);
 
   // What has become of a put. Nothing for a writer that is not known.
   void notePut(OpenWriter const& writer);

@@ -184,7 +184,8 @@ DiscoveryStatus OwnCollections_i::getCollectionData(Discovery const& record, cha
                                                     CollectionDataIterator_out iterator)
 {
   constexpr char const* OPERATION = "OwnCollections_i::getCollectionData";
-  PeerPlace place = takeIteratorPlace(OPERATION);
+  AuditedCall const call{OPERATION, record.subject.in(), record.authority.in()};
+  PeerPlace place = takeIteratorPlace(OPERATION, call);
   iterator = CollectionDataIterator::_nil();
   if (!areUsableNames(record.subject, record.authority))
     return DS_LOGIC_ERROR;
@@ -204,7 +205,7 @@ DiscoveryStatus OwnCollections_i::getCollectionData(Discovery const& record, cha
       getDiscoveryMemDatbase()->newDiscovery(query, record.queryType));
   discovery->setSubject(new Subject(*entry->getSubject()));
   discovery->setAuthority(new Authority(*entry->getAuthority()));
-  return serve(discovery, filter, std::move(place), iterator);
+  return serve(discovery, filter, std::move(place), call, iterator);
 }
 
 } // namespace Remote

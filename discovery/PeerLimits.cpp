@@ -1,7 +1,6 @@
 #include "discovery/PeerLimits.h"
 
 #include "discovery/DiscoveryLog.h"
-#include "ozf/orb/CallAudit.h"
 #include "ozf/orb/Corba.h"
 #include "ozf/orb/Peer.h"
 
@@ -36,7 +35,7 @@ PeerPlace takePlace(PeerCounts& counts)
 
 } // namespace
 
-PeerPlace takeIteratorPlace(char const* operation)
+PeerPlace takeIteratorPlace(char const* operation, AuditedCall const& call)
 {
   Limit& limit = getLimits().peerIterators;
   auto place = takePlace(iterators());
@@ -46,7 +45,7 @@ PeerPlace takeIteratorPlace(char const* operation)
     OZF_LOG(getOzfLogger(), 1, SOURCE, operation,
             "Refused a call of " << place->peer() << ": it has " << place->number() - 1
                                  << " iterators open already" << *met);
-  auditRefusal({operation}, "too many iterators are open already");
+  auditRefusal(call, "too many iterators are open already");
   throw CORBA::NO_RESOURCES(0, CORBA::COMPLETED_NO);
 }
 
@@ -105,7 +104,7 @@ DayBytes& getDayBytes()
   return *instance;
 }
 
-void requireDayBytes(char const* operation, std::uint64_t bytes)
+void requireDayBytes(char const* operation, AuditedCall const& call, std::uint64_t bytes)
 {
   Peer const* const peer = currentPeer();
   if (peer == nullptr || (bytes == 0 ? !getDayBytes().isUsedUp(peer->address)
@@ -116,7 +115,7 @@ void requireDayBytes(char const* operation, std::uint64_t bytes)
     OZF_LOG(getOzfLogger(), 1, SOURCE, operation,
             "Refused a call of " << peer->address << ": it may store " << limit.value()
                                  << " bytes a day" << *met);
-  auditRefusal({operation}, "too much was stored within a day");
+  auditRefusal(call, "too much was stored within a day");
   throw CORBA::NO_RESOURCES(0, CORBA::COMPLETED_NO);
 }
 

@@ -6,6 +6,7 @@
 
 #include "discovery/Export.h"
 #include "ozf/config/Limits.h"
+#include "ozf/orb/CallAudit.h"
 
 #include <chrono>
 #include <cstdint>
@@ -23,7 +24,7 @@ using PeerPlace = std::unique_ptr<PeerCounts::Place const>;
 // A place for an iterator that the call is to open, null when it is no peer's. To be
 // asked before the call begins: raises NO_RESOURCES, and writes a line, when the peer
 // has as many as LIMIT_PEER_ITERATORS allows.
-TQ_EXPORT PeerPlace takeIteratorPlace(char const* operation);
+TQ_EXPORT PeerPlace takeIteratorPlace(char const* operation, AuditedCall const& call);
 
 // A place for a registration that the call makes, null when it is no peer's.
 TQ_EXPORT PeerPlace takeRegistrationPlace();
@@ -71,6 +72,6 @@ TQ_EXPORT DayBytes& getDayBytes();
 // For a call that stores so many bytes of a payload, or with none is about to begin
 // with it. Raises NO_RESOURCES, and writes a line, when the peer has stored enough for
 // the day.
-TQ_EXPORT void requireDayBytes(char const* operation, std::uint64_t bytes);
+TQ_EXPORT void requireDayBytes(char const* operation, AuditedCall const& call, std::uint64_t bytes);
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

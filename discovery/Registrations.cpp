@@ -157,10 +157,11 @@ bool Registrations::isTooMany(AutoDereference<ExplorerWrapper> const& newcomer) 
   if (limits.registrations.forbids(m_pull.size() + 1) && !m_pull.find(newcomer))
   {
     Peer const* const peer = currentPeer();
-    limits.registrations.meet(peer == nullptr ? "this service" : peer->address);
+    std::string const maker = peer == nullptr ? "this service" : peer->address;
+    limits.registrations.meet(maker);
     OZF_LOG(getOzfLogger(), 1, SOURCE, OPERATION,
             "Dropped the registration of a pull explorer for subject "
-                << newcomer->getSubject()->getName() << ": there are "
+                << newcomer->getSubject()->getName() << ", made by " << maker << ": there are "
                 << limits.registrations.value() << " already");
     return true;
   }

@@ -7,6 +7,8 @@
 #include "ozf/config/Configuration.h"
 #include "ozf/config/ConfigurationKeys.h"
 #include "ozf/config/HostRole.h"
+#include "ozf/orb/CallAudit.h"
+#include "ozf/orb/Peer.h"
 
 #include <ace/Recursive_Thread_Mutex.h>
 #include <ace/Singleton.h>
@@ -248,7 +250,11 @@ bool RemoteDiscoveryIterator::keep(Remote::DiscoverySeq& page)
   else if (m_bytes > MAX_RECORD_BYTES)
     m_failure = "more than " + std::to_string(MAX_RECORD_BYTES) + " bytes of discoveries";
   else if (!m_held.add(page.length(), held))
+  {
     m_failure = "the answers of other hosts that are held for readers take too much";
+    if (currentPeer() != nullptr)
+      auditRefusal({"queryDiscoveries", getSubjectFilter(), getAuthorityFilter()}, m_failure);
+  }
   if (!m_failure.empty())
     return false;
   for (CORBA::ULong i = 0; i < page.length(); ++i)

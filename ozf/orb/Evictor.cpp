@@ -103,6 +103,15 @@ struct GoesFirst
   }
 };
 
+// There is no room for one more object of the peer.
+[[noreturn]] void refuse(std::string const& peer, std::size_t most)
+{
+  if (auto const met = getLimits().iterators.meet(peer))
+    OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Evictor::activate",
+            "Refused an object of " << peer << ": all of " << most << " are in calls" << *met);
+  throw CORBA::NO_RESOURCES(0, CORBA::COMPLETED_NO);
+}
+
 } // namespace
 
 class Evictor::Locator : public virtual PortableServer::ServantLocator
@@ -276,22 +285,27 @@ std::string Evictor::Locator::insert(PortableServer::Servant servant)
   std::vector<EntryPtr> evicted; // more than one after the limit was lowered
   std::string owner;
   std::size_t most = 0;
+  bool isFull = false;
   {
     std::lock_guard guard(m_mutex);
     if (m_closed)
       throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
     most = capacity();
-    while (most != 0 && m_entries.size() >= most)
+    while (most != 0 && m_entries.size() >= most && !isFull)
     {
       owner = (*m_order.begin())->address;
       evicted.emplace_back();
       evicted.back() = takeOfLargestOwner();
-      if (!evicted.back())
-        throw CORBA::NO_RESOURCES(0, CORBA::COMPLETED_NO);
+      isFull = !evicted.back();
     }
-    entry->lastUse = m_clock();
-    add(entry, peer == nullptr ? std::string() : peer->address);
+    if (!isFull)
+    {
+      entry->lastUse = m_clock();
+      add(entry, peer == nullptr ? std::string() : peer->address);
+    }
   }
+  if (isFull)
+    refuse(peer == nullptr ? "this service" : peer->address, most);
   if (!evicted.empty())
     if (auto const met = getLimits().iterators.meet(owner.empty() ? "this service" : owner))
       OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Evictor::activate",

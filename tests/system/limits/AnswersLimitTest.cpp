@@ -65,7 +65,7 @@ TEST_F(AnswersLimitTest, TheListOfTheReaderIdleLongestGoesAndTheOthersAreServed)
   EXPECT_EQ(wire::DiscoverySeq_var(second->getNextPage())->length(), 600U);
   EXPECT_THAT(m_relay.log(), HasSubstr("More than 2000000 discoveries of other hosts or 1048576 "
                                        "bytes held for readers, dropped the list of the one idle "
-                                       "longest"));
+                                       "longest for a query of 127.0.7.1"));
   expectOthersAreServed();
   expectInStatus("LIMIT_ANSWERS", 1048576, 1);
   m_client.reset();

@@ -184,7 +184,7 @@ TEST_F(KeptThingsLimitsTest, ExplorersThatAreAnnouncedHaveALimitInAll)
   EXPECT_TRUE(isAnnounced("second"));
   EXPECT_FALSE(isAnnounced("third"));
   EXPECT_THAT(m_service.log(), HasSubstr("Dropped the registration of a pull explorer for subject "
-                                         "third: there are 2 already"));
+                                         "third, made by 127.0.7.1: there are 2 already"));
   expectOthersAreServed();
   expectStops();
 }

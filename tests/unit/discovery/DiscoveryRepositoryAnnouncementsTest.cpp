@@ -168,11 +168,12 @@ TEST_F(AnnouncingTest, ARefusedAnnouncementIsToldWithWhatStands)
   EXPECT_EQ("old", sourceOf("web7"));
   EXPECT_TRUE(log.has(1, ANNOUNCED, "Registered explorer: new DiscoveryService web7 disks 8"))
       << log.text();
-  EXPECT_TRUE(log.has(1, ANNOUNCED,
-                      "Refused the registration of web7 disks, priority 8: the entry of authority "
-                      "volume, type 4, priority 9 from host old is of higher priority; "
-                      "\"tqdiscoctl db forget\" with its names on this host removes it, once the "
-                      "service is started anew"))
+  EXPECT_TRUE(
+      log.has(1, ANNOUNCED,
+              "Refused the registration of web7 disks, priority 8, by this service: the entry "
+              "of authority volume, type 4, priority 9 from host old is of higher priority; "
+              "\"tqdiscoctl db forget\" with its names on this host removes it, once the "
+              "service is started anew"))
       << log.text();
 }
 
@@ -187,10 +188,11 @@ TEST_F(AnnouncingTest, AnAnnouncementInThisHostsNameIsToldWithWhatStands)
   service->registerExplorer("evil", "DiscoveryService", "here", "x", AT_REMOTEPULL, -1);
   EXPECT_EQ((Standing{"filesystem here own-push"}),
             standing(getDiscoveryRepository().getPushExplorers()));
-  EXPECT_TRUE(log.has(1, ANNOUNCED,
-                      "Refused the registration of here x, priority 4294967295: the entry of "
-                      "authority filesystem, type 2, priority 10 is this host's own, which other "
-                      "hosts do not replace"))
+  EXPECT_TRUE(
+      log.has(1, ANNOUNCED,
+              "Refused the registration of here x, priority 4294967295, by this service: the "
+              "entry of authority filesystem, type 2, priority 10 is this host's own, which other "
+              "hosts do not replace"))
       << log.text();
 }
 

@@ -2,8 +2,11 @@
 
 #include "discovery/DiscoveryLog.h"
 
+#include "discovery/DiscoveryService_iWriter.h"
 #include "discovery/ExplorerRemotePull.h"
 #include "discovery/RemoteDB.h"
+#include "ozf/config/Limits.h"
+#include "tests/support/AuditCapture.h"
 #include "tests/support/FakeDiscoveries.h"
 #include "tests/support/FakeExplorers.h"
 #include "tests/support/LogCapture.h"
@@ -349,3 +352,28 @@ TEST_F(DiscoveryService_iIteratorsTest, APullExplorersRecordHasNoAttributesOnThe
 }
 
 } // namespace
+
+TEST_F(DiscoveryService_iIteratorsTest, WhereAllIteratorsAreInCallsOneMoreIsARefusalThatIsAudited)
+{
+  ASSERT_EQ(svc::DS_SUCCESS, Service::store("s", "a"));
+  host.orb().getEvictor().setLimit(getLimits().iterators);
+  overrideConfiguration("LIMIT_ITERATORS", "1");
+  reloadConfiguration();
+  // Without a time-out it counts as one that is in a call.
+  PortableServer::ServantBase_var const busy(
+      new Remote::RemoteWriter_i(Service::record("busy", "a")));
+  CORBA::OctetSeq_var const id = host.orb().getEvictor().activate(busy.in());
+  AuditCapture const audit;
+  EXPECT_THROW(service->queryDiscoveries(svc::DQ_DISCOVERY_DATA, svc::AT_ANYANDALL, "s*", "a*"),
+               CORBA::NO_RESOURCES);
+  Remote::CollectionDataIterator_var iterator;
+  EXPECT_EQ(svc::DS_COM_ERROR,
+            service->getCollectionData(Service::record("s", "a"), "", iterator.out()));
+  EXPECT_TRUE(CORBA::is_nil(iterator));
+  EXPECT_TRUE(
+      log.has(1, "Evictor::activate", "Refused an object of this service: all of 1 are in calls"))
+      << log.text();
+  std::string const reason = "refused: all iterators that there may be are in calls";
+  EXPECT_TRUE(audit.has("queryDiscoveries", "s*", "a*", reason)) << audit.text();
+  EXPECT_TRUE(audit.has("getCollectionData", "s", "a", reason)) << audit.text();
+}

@@ -331,8 +331,10 @@ TEST_F(DiscoveryService_iTest, ARecordWhoseSourceHasAnOverlongNameIsNotStored)
     (which == 0 ? record.sourceHost : record.sourceServiceName) = tooLong.c_str();
     EXPECT_EQ(svc::DS_OPEN_FAILED, put(record, {}));
   }
-  EXPECT_EQ(2, log.count(1, "DiscoveryService_i::putCollection",
-                         "Refused a discovery: the name of its source host or service is too long"))
+  EXPECT_EQ(
+      2, log.count(1, "DiscoveryService_i::putCollection",
+                   "Refused a discovery of this service: the name of its source host or service is "
+                   "too long"))
       << log.text();
 }
 
@@ -484,8 +486,11 @@ TEST_F(DiscoveryService_iTest, ARegistrationWithAnEmptyOrOverlongNameIsRefused)
   service->registerExplorer("h", "f", "", "a", svc::AT_TQUCLIENT, 7);
   service->registerExplorer("h", "f", "s", "", svc::AT_TQUCLIENT, 7);
   service->registerExplorer("h", "f", tooLong.c_str(), "a", svc::AT_TQUCLIENT, 7);
-  EXPECT_EQ(5, log.count(1, "DiscoveryService_i::registerExplorer",
-                         "Refused the registration of an explorer: a name is empty or too long"))
+  EXPECT_EQ(
+      5,
+      log.count(1, "DiscoveryService_i::registerExplorer",
+                "Refused the registration of an explorer by this service: a name is empty or too "
+                "long"))
       << log.text();
   EXPECT_TRUE(svc::getDiscoveryRepository().getPullExplorers()->empty());
 }

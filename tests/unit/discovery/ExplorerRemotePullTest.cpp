@@ -2,6 +2,7 @@
 
 #include "discovery/PullPace.h"
 #include "ozf/orb/ConnectionTable.h"
+#include "tests/support/AuditCapture.h"
 #include "tests/support/RemoteService.h"
 #include "tests/support/Service.h"
 
@@ -431,8 +432,8 @@ class ExplorerRemotePullTurnsTest : public ExplorerRemotePullWaitTest
 {
 protected:
   static constexpr int LIMIT = RemoteExplorerPull::MOST_REQUESTS;
-  static constexpr char REFUSED[] =
-      "Refused a request for data of localhost: 20 that it has not answered are in progress";
+  static constexpr char REFUSED[] = "Refused a request of this service for data of localhost: 20 "
+                                    "that it has not answered are in progress";
 
   void SetUp() override
   {
@@ -453,6 +454,20 @@ TEST_F(ExplorerRemotePullTurnsTest, OneMoreIsRefusedAfterAWaitWithALineOfItsOwn)
   EXPECT_EQ(1, m_log.count(1, REQUESTED, REFUSED)) << m_log.text();
   EXPECT_FALSE(hasText("Hostname detected")) << "nothing leads back to this host";
   EXPECT_EQ(LIMIT, asked()) << "the host was not asked";
+
+  Peer peer;
+  peer.address = "192.0.2.7";
+  AuditCapture const audit;
+  {
+    PeerOfCall const from(&peer);
+    EXPECT_FALSE(requestOf(*m_explorer));
+  }
+  EXPECT_TRUE(hasText("Refused a request of 192.0.2.7 for data of localhost: 20 that it has not "
+                      "answered are in progress"))
+      << m_log.text();
+  EXPECT_TRUE(audit.has("getCollectionData", "hostA", "volume",
+                        "refused: too many requests to that host are in progress already"))
+      << audit.text();
 
   start(*m_other);
   EXPECT_TRUE(eventually([this] { return asked() == LIMIT + 1; }))
@@ -490,7 +505,11 @@ TEST_F(ExplorerRemotePullWaitTest, RequestsOfPeersHaveAHundredPlacesForAllRegist
 
   RemoteExplorerPull::setPatience(std::chrono::milliseconds(500));
   PeerOfCall const from(&peer);
+  AuditCapture const audit;
   EXPECT_FALSE(requestOf(*m_other));
+  EXPECT_TRUE(audit.has("getCollectionData", "hostA", "volume",
+                        "refused: too many requests wait for other hosts already"))
+      << audit.text();
   EXPECT_EQ(1, m_log.count(1, REQUESTED,
                            "Refused a request of 192.0.2.7 for data of localhost: 100 requests "
                            "wait for other hosts already"))

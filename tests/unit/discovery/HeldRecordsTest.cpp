@@ -3,6 +3,8 @@
 #include "discovery/DiscoveryService_i.h"
 #include "discovery/DiscoveryService_iIterators.h"
 #include "discovery/RemoteDB.h"
+#include "ozf/orb/ConnectionTable.h"
+#include "tests/support/AuditCapture.h"
 #include "tests/support/RemoteService.h"
 
 #include <gtest/gtest.h>
@@ -73,7 +75,8 @@ struct HeldRecordsTest : RemoteServiceTest
   {
     return m_log.count(1, "HeldRecords::add",
                        "More than 100 discoveries of other hosts or 536870912 bytes held for "
-                       "readers, dropped the list of the one idle longest");
+                       "readers, dropped the list of the one idle longest for a query of this "
+                       "service");
   }
 
   std::atomic<int> m_seconds{0};
@@ -117,7 +120,23 @@ TEST_F(HeldRecordsTest, ManyReadersHoldNoMoreThanTheBound)
 TEST_F(HeldRecordsTest, AnAnswerForWhichNothingCanGoIsAFailureAndWhatItTookIsGivenBack)
 {
   HeldRecords::setMost(100, 0);
-  EXPECT_FALSE(query(101).complete);
+  Reader const given = query(60);
+  Peer peer;
+  peer.address = "192.0.2.7";
+  AuditCapture const audit;
+  {
+    PeerOfCall const from(&peer);
+    EXPECT_FALSE(query(101).complete);
+  }
+  EXPECT_FALSE(answers(given)) << "its list went, and was not enough";
+  EXPECT_TRUE(m_log.has(1, "HeldRecords::add",
+                        "More than 100 discoveries of other hosts or 536870912 bytes held for "
+                        "readers, no list of another can go for a query of 192.0.2.7, which fails"))
+      << m_log.text();
+  EXPECT_TRUE(audit.has("queryDiscoveries", "*", "*",
+                        "refused: the answers of other hosts that are held for readers take too "
+                        "much"))
+      << audit.text();
   EXPECT_TRUE(m_log.has(1, "RemoteDiscoveryIterator::RemoteDiscoveryIterator",
                         "Failed to fetch discoveries: the answers of other hosts that are held "
                         "for readers take too much"))

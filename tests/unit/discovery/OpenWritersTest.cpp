@@ -81,7 +81,7 @@ struct LocalWriter
     EXPECT_EQ(svc::DS_SUCCESS, writer().open().discStatus);
     reference = host.orb().activateObject(owner.in());
     writer().setReference(reference);
-    EXPECT_TRUE(Remote::getOpenWriters().reserve(nullptr)->take(writer(), reference));
+    EXPECT_TRUE(Remote::getOpenWriters().reserve(nullptr, {})->take(writer(), reference));
   }
   Remote::RemoteWriter_i& writer() { return dynamic_cast<Remote::RemoteWriter_i&>(*owner.in()); }
 
@@ -237,7 +237,7 @@ TEST_F(OpenWritersTest, OneThatIsOpenedWhileTheServiceEndsHoldsNothingUp)
   EXPECT_TRUE(CORBA::is_nil(writer));
   EXPECT_EQ(0U, temporaryFilesIn(host.database()));
   EXPECT_EQ(1, log.count(1, "DiscoveryService_i::putCollection",
-                         "Refused a discovery: the service is about to stop"))
+                         "Refused a discovery of this service: the service is about to stop"))
       << log.text();
 
   std::promise<void> finished;

@@ -73,13 +73,13 @@ TEST_F(PeerLimitsTest, WhatTheProcessAsksOfItselfHasNoLimit)
 {
   set("LIMIT_PEER_ITERATORS", "1");
   set("LIMIT_PEER_DAY_BYTES", "1");
-  auto const first = takeIteratorPlace("asks");
-  auto const second = takeIteratorPlace("asks");
-  EXPECT_NO_THROW(requireDayBytes("asks", 1000));
+  auto const first = takeIteratorPlace("asks", {"asks"});
+  auto const second = takeIteratorPlace("asks", {"asks"});
+  EXPECT_NO_THROW(requireDayBytes("asks", {"asks"}, 1000));
   Peer peer;
   peer.address = "192.0.2.1";
   PeerOfCall const call(&peer);
-  auto const place = takeIteratorPlace("asks");
-  EXPECT_THROW(takeIteratorPlace("asks"), CORBA::NO_RESOURCES);
-  EXPECT_THROW(requireDayBytes("asks", 1000), CORBA::NO_RESOURCES);
+  auto const place = takeIteratorPlace("asks", {"asks"});
+  EXPECT_THROW(takeIteratorPlace("asks", {"asks"}), CORBA::NO_RESOURCES);
+  EXPECT_THROW(requireDayBytes("asks", {"asks"}, 1000), CORBA::NO_RESOURCES);
 }

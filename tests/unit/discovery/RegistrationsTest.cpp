@@ -186,8 +186,8 @@ TEST_F(RegistrationsTest, ThePullRegistrationsAreCapped)
   pull(repository, explorer.get(), 5, "late", "a");
   EXPECT_EQ(Names{"pusher"}, names(repository.getPushExplorers())) << "what it would replace stays";
   EXPECT_EQ(1, log.count(1, "DiscoveryRepository::registerExplorer",
-                         "Dropped the registration of a pull explorer for subject late: there are "
-                         "50000 already"))
+                         "Dropped the registration of a pull explorer for subject late, made by "
+                         "this service: there are 50000 already"))
       << log.text();
   AutoDereference<FakePull> again(new FakePull("again"));
   pull(repository, again.get(), 5, "s7", "a");

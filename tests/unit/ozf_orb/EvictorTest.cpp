@@ -261,10 +261,18 @@ TEST_F(CrowdedEvictorTest, dropsOneOfThePeerThatHasMost)
 
 TEST_F(CrowdedEvictorTest, refusesMoreWhenNoneIsIdle)
 {
+  LogCapture log(1);
   for (int i = 0; i < 3; ++i)
     activate(0);
-  EXPECT_THROW(activate(300), CORBA::NO_RESOURCES);
+  auto const met = [] { return getLimits().iterators.met().value_or(MetLimit()); };
+  auto const before = met().times;
+  EXPECT_THROW(activateFor("192.0.2.9"), CORBA::NO_RESOURCES);
   EXPECT_EQ(ProbeServant::alive, 3);
+  EXPECT_TRUE(
+      log.has(1, "Evictor::activate", "Refused an object of 192.0.2.9: all of 3 are in calls"))
+      << log.text();
+  EXPECT_EQ(met().times, before + 1);
+  EXPECT_EQ(met().lastPeer, "192.0.2.9");
 }
 
 TEST_F(CrowdedEvictorTest, ofPeersThatHaveAnIdleOneTheOneThatHasMostLosesIt)
