@@ -61,8 +61,9 @@ protected:
   // Whether it is told something.
   static bool isAnswered(UniqueFd const& peer)
   {
+    pollfd wait{peer.get(), POLLIN, 0};
     char byte = 0;
-    return recv(peer.get(), &byte, 1, 0) == 1;
+    return poll(&wait, 1, 20000) == 1 && recv(peer.get(), &byte, 1, 0) == 1;
   }
 
   static bool isGone(UniqueFd const& peer, int milliseconds = 20000)
