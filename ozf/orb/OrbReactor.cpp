@@ -188,12 +188,17 @@ bool OrbReactor::isTurning(std::chrono::milliseconds time)
   if (isAllowed())
     return true;
   unsigned const asked = ++m_asked;
-  ACE_Time_Value immediately = ACE_Time_Value::zero;
-  m_reactor->notify(nullptr, ACE_Event_Handler::EXCEPT_MASK, &immediately);
+  wakeLoop();
   std::unique_lock lock(m_answerMutex);
   return m_answer.wait_for(
              lock, time, [&] { return m_stopping || static_cast<int>(m_answered - asked) >= 0; }) ||
          isAllowed();
+}
+
+void OrbReactor::wakeLoop()
+{
+  ACE_Time_Value immediately = ACE_Time_Value::zero;
+  m_reactor->notify(nullptr, ACE_Event_Handler::EXCEPT_MASK, &immediately);
 }
 
 void OrbReactor::noteTurn()
@@ -235,6 +240,8 @@ void OrbReactor::loop(unsigned turn)
       logException("of unknown type");
     }
   }
+  // What woke this thread may have been for the one that waits behind it.
+  wakeLoop();
 }
 
 } // namespace Quillon::Tessarine::Ozf

@@ -40,8 +40,9 @@ public:
   void stop();
 
   // Lets a new thread run the loop, beside the one that does and is held up in a
-  // handler; that one leaves the loop when the handler returns. False, with a line, when
-  // there can be no other thread. Not on the loop's thread.
+  // handler; that one leaves the loop when the handler returns, or at the next event if
+  // it was not held up. False, with a line, when there can be no other thread. Not on the
+  // loop's thread.
   bool relieve();
 
   // The handler that runs now may take that long: so long the loop counts as turning.
@@ -57,6 +58,8 @@ private:
 
   void loop(unsigned turn);
   void noteTurn();
+  // One of the threads in the loop, whichever waits for events.
+  void wakeLoop();
   bool isAllowed() const noexcept;
 
   // A thread that was relieved, and whether it has left the loop.

@@ -10,6 +10,9 @@
 #include <ace/Reactor.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
+#include <unistd.h>
+#include <filesystem>
+#include <fstream>
 #include <future>
 #include <vector>
 
@@ -43,6 +46,22 @@ HandlerPtr makeHandler(std::function<int()> action = {})
   HandlerPtr handler(new Handler);
   handler->action = std::move(action);
   return handler;
+}
+
+// Whether all threads of the process but this one sleep.
+bool othersSleep()
+{
+  for (auto const& thread : std::filesystem::directory_iterator("/proc/self/task"))
+  {
+    if (thread.path().filename() == std::to_string(gettid()))
+      continue;
+    std::string line;
+    std::getline(std::ifstream(thread.path() / "stat"), line);
+    // Behind its name, which is in parentheses.
+    if (line.find(") S ") == std::string::npos)
+      return false;
+  }
+  return true;
 }
 
 class OrbReactorTest : public testing::Test
@@ -213,6 +232,16 @@ TEST_F(OrbReactorTest, isHeldUpByAHandlerUntilAnotherThreadRelievesIt)
   }
   ASSERT_TRUE(orb.relieveReactor());
   EXPECT_TRUE(orb.isReactorTurning(seconds(20)));
+  orb.shutdown();
+}
+
+TEST_F(OrbReactorTest, aThreadThatIsRelievedAsItWaitsTakesNoEventFromTheNext)
+{
+  auto const relieveWaiting = [this]
+  { return eventually(othersSleep) && orb.relieveReactor() && eventually(othersSleep); };
+  ASSERT_TRUE(relieveWaiting());
+  EXPECT_TRUE(orb.isReactorTurning(std::chrono::seconds(20)));
+  ASSERT_TRUE(relieveWaiting());
   orb.shutdown();
 }
 
