@@ -78,11 +78,6 @@ bool makesItsThreadKnown(Timer& timer)
   return known;
 }
 
-std::optional<long> firingIn(ACE_Event_Handler const& handler)
-{
-  return firingOf([&](ACE_Event_Handler const* candidate) { return candidate == &handler; });
-}
-
 // The same, looked at on the reactor's own thread, which runs timers meanwhile.
 class Look : public ACE_Event_Handler
 {
@@ -108,6 +103,13 @@ private:
   std::function<bool(ACE_Event_Handler*)> const m_accept;
   std::promise<std::vector<long>> m_seen;
 };
+
+std::optional<long> firingIn(ACE_Event_Handler const& handler)
+{
+  auto const firings =
+      Look([&](ACE_Event_Handler* candidate) { return candidate == &handler; }).firings();
+  return firings.empty() ? std::nullopt : std::optional(firings.front());
+}
 
 // ---- the register timer ----
 
