@@ -241,7 +241,6 @@ DiscoveryResult DiscoveryService_i::putCollection(Discovery const& record, Remot
 {
   constexpr char const* OPERATION = "DiscoveryService_i::putCollection";
   AuditedCall const call{OPERATION, record.subject.in(), record.authority.in()};
-  requireDayBytes(OPERATION, call, 0);
   writer = RemoteWriter::_nil();
   DiscoveryResult result{DS_OPEN_FAILED, 0};
   if (!areKeepableNames(record.subject.in(), record.authority.in()))
@@ -264,6 +263,8 @@ DiscoveryResult DiscoveryService_i::putCollection(Discovery const& record, Remot
   auto const place = getOpenWriters().reserve(currentPeer(), call);
   if (!place)
     return result;
+  requireDayBytes(OPERATION, call,
+                  DayBytes::OF_FILES + call.subject.size() + call.authority.size());
 
   CORBA::Object_var reference;
   try

@@ -5,7 +5,7 @@
 // where they are to be kept), are answered with a status, a query with
 // COMM_FAILURE, and a registration is dropped with a line. A peer that has as many
 // iterators as it may have, or has stored enough for a day, meets NO_RESOURCES before
-// the call begins.
+// anything is made.
 
 #pragma once
 

@@ -81,17 +81,6 @@ bool DayBytes::add(std::string const& peer, std::uint64_t bytes)
   return true;
 }
 
-bool DayBytes::isUsedUp(std::string const& peer)
-{
-  Limit const& limit = getLimits().peerDayBytes;
-  if (limit.value() == 0)
-    return false;
-  std::lock_guard const guard(m_mutex);
-  forgetOld();
-  auto const day = m_days.find(peer);
-  return day != m_days.end() && limit.forbids(day->second.bytes + 1);
-}
-
 void DayBytes::setClock(Clock clock)
 {
   std::lock_guard const guard(m_mutex);
@@ -107,8 +96,7 @@ DayBytes& getDayBytes()
 void requireDayBytes(char const* operation, AuditedCall const& call, std::uint64_t bytes)
 {
   Peer const* const peer = currentPeer();
-  if (peer == nullptr || (bytes == 0 ? !getDayBytes().isUsedUp(peer->address)
-                                     : getDayBytes().add(peer->address, bytes)))
+  if (peer == nullptr || getDayBytes().add(peer->address, bytes))
     return;
   Limit& limit = getLimits().peerDayBytes;
   if (auto const met = limit.meet(peer->address))

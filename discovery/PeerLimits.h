@@ -29,12 +29,17 @@ TQ_EXPORT PeerPlace takeIteratorPlace(char const* operation, AuditedCall const& 
 // A place for a registration that the call makes, null when it is no peer's.
 TQ_EXPORT PeerPlace takeRegistrationPlace();
 
-// The bytes of payloads that peers store: LIMIT_PEER_DAY_BYTES each within a day,
-// which begins with the first of them. Any thread.
+// The bytes that peers store: LIMIT_PEER_DAY_BYTES each within a day, which begins with
+// the first of them. What is begun counts, whatever comes of it. Any thread.
 class TQ_EXPORT DayBytes
 {
 public:
   using Clock = std::function<std::chrono::steady_clock::time_point()>;
+
+  // What a discovery takes of a disk beside its payload and its names: a block of a usual
+  // file system for each of its two files. Without it very many small ones, or empty
+  // ones, would count as next to nothing.
+  static constexpr std::uint64_t OF_FILES = 2 * 4096;
 
   // Those that are kept in mind; of more, the one whose day is over first is
   // forgotten.
@@ -42,9 +47,6 @@ public:
 
   // Counts them; false, without that, when they are too many.
   bool add(std::string const& peer, std::uint64_t bytes);
-
-  // Whether the peer may store not one more.
-  bool isUsedUp(std::string const& peer);
 
   // For tests: another clock; empty restores the steady clock.
   void setClock(Clock clock);
@@ -69,9 +71,8 @@ private:
 // The process's one.
 TQ_EXPORT DayBytes& getDayBytes();
 
-// For a call that stores so many bytes of a payload, or with none is about to begin
-// with it. Raises NO_RESOURCES, and writes a line, when the peer has stored enough for
-// the day.
+// For a call that stores so many bytes. Raises NO_RESOURCES, and writes a line, when the peer has
+// stored enough for the day.
 TQ_EXPORT void requireDayBytes(char const* operation, AuditedCall const& call, std::uint64_t bytes);
 
 } // namespace Quillon::Tessarine::Ozf::DiscoverySvc

@@ -368,8 +368,9 @@ inline constexpr ConfigurationKey CONFIGURATION_KEYS[] = {
      .high = 1L << 50,
      .number = 0,
      .value = "_BYTES_",
-     .text = "Bytes of payloads that one peer stores within 24 hours, which begin with the first. "
-             "What goes beyond is refused."},
+     .text = "Bytes that one peer stores within 24 hours, which begin with the first: of each "
+             "discovery that it begins to store its payload, its names and 8192 for its two "
+             "files. What goes beyond is refused."},
     {.name = "LIMIT_PAYLOAD",
      .kind = KeyKind::NUMBER,
      .low = 0,

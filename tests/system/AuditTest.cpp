@@ -106,7 +106,7 @@ TEST_F(AuditTest, whatPeersStoreAnnounceAndControlIsRecorded)
 TEST_F(AuditTest, whatLimitsKeepOutIsRecorded)
 {
   start("LIMIT_PEER_WRITERS = 1\nLIMIT_REGISTRATIONS = 1\nLIMIT_PAYLOAD = 10\n"
-        "LIMIT_PEER_ITERATORS = 1\nLIMIT_PEER_DAY_BYTES = 20\n");
+        "LIMIT_PEER_ITERATORS = 1\nLIMIT_PEER_DAY_BYTES = 30000\n");
   {
     client::Client client(m_service.root(), LiveService::NAME);
     ASSERT_TRUE(client.connected());

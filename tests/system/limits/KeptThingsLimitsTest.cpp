@@ -137,22 +137,40 @@ TEST_F(KeptThingsLimitsTest, APayloadIsRefusedBeyondItsSizeAndTheOldOneStays)
   expectStops();
 }
 
+// Each discovery takes 8192 bytes for its files, and its names.
 TEST_F(KeptThingsLimitsTest, APeerStoresSoMuchADayAndNoMore)
 {
-  start("LIMIT_PEER_DAY_BYTES = 2000\n");
+  start("LIMIT_PEER_DAY_BYTES = 26600\n");
   connect();
   ASSERT_EQ(m_client->store("s", "written", std::string(1500, 'x')), client::DS_SUCCESS);
   wire::RemoteWriter_var writer;
   ASSERT_EQ(open("t", writer), client::DS_SUCCESS);
-  EXPECT_THROW(writer->put(client::makeChunk(std::string(501, 'y'))), CORBA::NO_RESOURCES);
+  EXPECT_THROW(writer->put(client::makeChunk(std::string(8701, 'y'))), CORBA::NO_RESOURCES);
   EXPECT_EQ(writer->close().discStatus, client::DS_OPEN_FAILED) << "a part of it is missing";
   EXPECT_THAT(m_service.log(), HasSubstr("RemoteWriter_i::put: Refused a call of 127.0.7.1: it may "
-                                         "store 2000 bytes a day"));
+                                         "store 26600 bytes a day"));
   expectAudited("put", "too much was stored within a day");
   EXPECT_EQ(m_client->store("t", "written", std::string(500, 'x')), client::DS_SUCCESS)
       << "what was refused does not count";
   EXPECT_THROW(open("u", writer), CORBA::NO_RESOURCES);
   EXPECT_EQ(m_client->read("s", "written"), std::string(1500, 'x'));
+  expectOthersAreServed();
+  expectStops();
+}
+
+TEST_F(KeptThingsLimitsTest, DiscoveriesWithoutPayloadCountAsTheFilesThatTheyTake)
+{
+  start("LIMIT_PEER_DAY_BYTES = 50000\n");
+  connect();
+  for (char const* const subject : {"a", "b", "c", "d", "e", "f"})
+  {
+    wire::RemoteWriter_var writer;
+    ASSERT_EQ(open(subject, writer), client::DS_SUCCESS) << subject;
+    ASSERT_EQ(writer->close().discStatus, client::DS_SUCCESS);
+  }
+  wire::RemoteWriter_var writer;
+  EXPECT_THROW(open("g", writer), CORBA::NO_RESOURCES);
+  expectAudited("putCollection", "too much was stored within a day");
   expectOthersAreServed();
   expectStops();
 }
@@ -194,7 +212,7 @@ TEST_F(KeptThingsLimitsTest, TheStatusTellsHowOftenEachWasMetAndByWhom)
 {
   start("LIMIT_ITERATORS = 4\nLIMIT_PEER_ITERATORS = 5\nLIMIT_PEER_WRITERS = 1\n"
         "LIMIT_REGISTRATIONS = 3\nLIMIT_PEER_REGISTRATIONS = 2\nLIMIT_PAYLOAD = 1000\n"
-        "LIMIT_PEER_DAY_BYTES = 1500\n");
+        "LIMIT_PEER_DAY_BYTES = 34300\n");
   connect();
   wire::RemoteWriter_var writer;
   ASSERT_EQ(open("s", writer), client::DS_SUCCESS);
@@ -218,7 +236,7 @@ TEST_F(KeptThingsLimitsTest, TheStatusTellsHowOftenEachWasMetAndByWhom)
   expectInStatus("LIMIT_PEER_WRITERS", 1, 2);
   expectInStatus("LIMIT_PEER_REGISTRATIONS", 2, 2);
   expectInStatus("LIMIT_PAYLOAD", 1000, 1);
-  expectInStatus("LIMIT_PEER_DAY_BYTES", 1500, 1);
+  expectInStatus("LIMIT_PEER_DAY_BYTES", 34300, 1);
   Outcome const status = m_service.tqdiscoctl({"status"});
   EXPECT_THAT(status.output, testing::ContainsRegex("LIMIT MET +SET TO +TIMES +LAST PEER +LAST\n"));
   EXPECT_THAT(status.output, testing::ContainsRegex("tqtestmaster +LIMIT_PEER_WRITERS +1 +2 "
