@@ -63,6 +63,17 @@ void reloadCallRights()
     OZF_LOG(getHostLogger(), 1, SOURCE, "SignalThread::reload", "Took the lists of who may call");
 }
 
+// Between the two steps the TLS of one configuration stands beside the lists of the
+// other, which may let in whom neither would alone: with lists of names in place of
+// TLS, or the other way round, everybody. So the lists of both hold meanwhile.
+void reloadTrust()
+{
+  std::string error; // is told by the last step
+  tightenCallRights(error);
+  reloadTls();
+  reloadCallRights();
+}
+
 std::string joined(std::vector<std::string> const& words)
 {
   std::string text;
@@ -179,8 +190,7 @@ void SignalThread::reload() const
     return;
   if (configuration->find(configKey("SERVER")) != nullptr)
     tellLacking("");
-  reloadTls();
-  reloadCallRights();
+  reloadTrust();
   for (auto const& key : outcome.waiting)
     OZF_LOG(getHostLogger(), 1, SOURCE, RELOAD,
             key << " waits for the next start of the service, what it was holds on");

@@ -76,6 +76,9 @@ public:
   // May block and throw, as isAddressOf, where it has the master.
   bool holds(Caller const& caller) const;
 
+  // Whether it does by another entry than the master, whose addresses may change.
+  bool holdsForGood(Caller const& caller) const;
+
   // Its entries, for log lines; long ones are cut.
   std::string const& text() const noexcept { return m_text; }
 

@@ -47,6 +47,7 @@ struct Rules
   Rule write{configKey("ALLOW_WRITE")};
   Rule control{configKey("ALLOW_CONTROL")};
   Rule writeAs{configKey("ALLOW_WRITE_AS")};
+  std::shared_ptr<Rules const> former = {}; // what these do not give either, if any
 
   Rules()
   {
@@ -78,17 +79,31 @@ struct Rules
     return true;
   }
 
-  bool have(CallRight right, Caller const& caller) const
+  using Holds = bool (PeerList::*)(Caller const&) const;
+
+  bool have(CallRight right, Caller const& caller, Holds holds) const
   {
+    if (former && !former->have(right, caller, holds))
+      return false;
+    auto const isIn = [&](Rule const& rule) { return (rule.list.*holds)(caller); };
     switch (right)
     {
     case MAY_READ:
-      return read.list.holds(caller);
+      return isIn(read);
     case MAY_WRITE:
-      return write.list.holds(caller) || (writeAs.isConfigured && writeAs.list.holds(caller));
+      return isIn(write) || (writeAs.isConfigured && isIn(writeAs));
     default:
-      return control.list.holds(caller);
+      return isIn(control);
     }
+  }
+
+  bool allowToWriteAs(Caller const& caller, std::string const& host) const
+  {
+    if (!write.isConfigured && !writeAs.isConfigured)
+      return true;
+    if (caller.names().empty() ? caller.isHost(host) : caller.isProvenToBe(host))
+      return true;
+    return (caller.isThisHost() && isOwnHostName(host)) || writeAs.list.holds(caller);
   }
 
   std::string text(unsigned rights) const
@@ -134,16 +149,32 @@ Caller callerOf(Peer const& peer) { return {peer.address, peer.reached, peer.nam
 // Of the request that the thread has received last.
 thread_local std::string lack;
 
-// Whether one of the rights is the caller's; those found are added to kept.
+// Whether one of the rights is the caller's; those that stay so are added to kept.
 bool hasOne(Rules const& rules, unsigned rights, Caller const& caller, std::uint64_t& kept)
 {
-  for (CallRight const right : {MAY_READ, MAY_WRITE, MAY_CONTROL})
-    if ((rights & right) != 0 && rules.have(right, caller))
+  constexpr CallRight ALL[] = {MAY_READ, MAY_WRITE, MAY_CONTROL};
+  for (CallRight const right : ALL)
+    if ((rights & right) != 0 && rules.have(right, caller, &PeerList::holdsForGood))
     {
       kept |= right;
       return true;
     }
-  return false;
+  return std::any_of(std::begin(ALL), std::end(ALL),
+                     [&](CallRight right) {
+                       return (rights & right) != 0 && rules.have(right, caller, &PeerList::holds);
+                     });
+}
+
+bool takeRules(bool besideTheFormer, std::string& error)
+{
+  auto rules = std::make_shared<Rules>();
+  if (!rules->take(*getConfiguration(), error))
+    return false;
+  if (besideTheFormer)
+    rules->former = current().rules.get();
+  current().rules.replace(std::move(rules));
+  ++current().generation;
+  return true;
 }
 
 // kept: the generation of the rules, and behind it the rights found so far.
@@ -153,28 +184,21 @@ constexpr int RIGHTS_BITS = 3;
 
 void setCallNeeds(CallNeeds needs) noexcept { current().needs = needs; }
 
-bool setUpCallRights(std::string& error)
-{
-  auto rules = std::make_shared<Rules>();
-  if (!rules->take(*getConfiguration(), error))
-    return false;
-  current().rules.replace(std::move(rules));
-  ++current().generation;
-  return true;
-}
+bool setUpCallRights(std::string& error) { return takeRules(false, error); }
+
+bool tightenCallRights(std::string& error) { return takeRules(true, error); }
 
 bool mayWriteAs(Peer const& peer, std::string const& host, std::string& reason)
 {
   auto const rules = current().rules.get();
-  if (!rules->write.isConfigured && !rules->writeAs.isConfigured)
-    return true;
   Caller const caller = callerOf(peer);
-  if (peer.names.empty() ? caller.isHost(host) : caller.isProvenToBe(host))
-    return true;
-  if ((caller.isThisHost() && isOwnHostName(host)) || rules->writeAs.list.holds(caller))
-    return true;
-  reason = rules->writeAs.text();
-  return false;
+  for (Rules const* each = rules.get(); each != nullptr; each = each->former.get())
+    if (!each->allowToWriteAs(caller, host))
+    {
+      reason = each->writeAs.text();
+      return false;
+    }
+  return true;
 }
 
 std::string const& lackOfCall() noexcept

@@ -53,6 +53,11 @@ OZF_EXPORT void setCallNeeds(CallNeeds needs) noexcept;
 // entry in error, when one is not in order; then the former ones hold. Any thread.
 OZF_EXPORT bool setUpCallRights(std::string& error);
 
+// The same, but until the next setUpCallRights a right has to be in the former lists as
+// well: while what proves who is who changes too, nobody may what neither configuration
+// gives him.
+OZF_EXPORT bool tightenCallRights(std::string& error);
+
 // Whether the peer may write in the name of the host. Everybody may while neither
 // ALLOW_WRITE nor ALLOW_WRITE_AS is configured. Otherwise the host is to be the
 // peer's own, by its certificate or, where it showed none, by its address; this host

@@ -210,6 +210,56 @@ TEST_F(CallRightsTest, whatAConnectionMayHoldsUntilTheListsAreReadAnew)
   EXPECT_TRUE(may(m_web1, "write", -1, kept));
 }
 
+// The resolver, or HOST_ADDRESS, may give the master another address at any time.
+TEST_F(CallRightsTest, whatAConnectionMayAsTheMasterIsLookedAtEachTime)
+{
+  std::string const master = "ORB_BIND = 192.0.2.1\nSERVER = backup1\nHOST_ADDRESS.backup1 = ";
+  std::string const lists = "\nALLOW_READ = master\nALLOW_CONTROL = master, 192.0.2.7\n";
+  setUpWith("SERVER = backup1\nHOST_ADDRESS.backup1 = 192.0.2.10" + lists);
+  Peer const first = peer("192.0.2.10");
+  std::uint64_t kept = 0;
+  EXPECT_TRUE(may(first, "read", -1, kept));
+  EXPECT_TRUE(may(first, "control", -1, kept));
+  configure(master + "192.0.2.11" + lists);
+  EXPECT_FALSE(may(first, "read", -1, kept));
+  EXPECT_FALSE(may(first, "control", -1, kept));
+  EXPECT_TRUE(may(peer("192.0.2.11"), "read"));
+  EXPECT_TRUE(may(m_plain, "either")) << "by another entry";
+}
+
+TEST_F(CallRightsTest, whileTheyAreTightenedARightIsThatOfBothLists)
+{
+  setUpWith("ALLOW_READ = 192.0.2.0/24\nALLOW_WRITE = any\n");
+  std::uint64_t kept = 0;
+  EXPECT_TRUE(may(m_plain, "write", -1, kept));
+  configure("ALLOW_READ = 192.0.2.7, 192.0.3.7\nALLOW_WRITE = web1*\nALLOW_CONTROL = any\n");
+  std::string error;
+  ASSERT_TRUE(tightenCallRights(error)) << error;
+  EXPECT_FALSE(may(m_plain, "write", -1, kept)) << "which the former list gives alone";
+  EXPECT_TRUE(may(m_web1, "write"));
+  EXPECT_TRUE(may(m_plain, "read"));
+  EXPECT_FALSE(may(peer("192.0.2.8"), "read")) << "which the former list gives alone";
+  EXPECT_FALSE(may(peer("192.0.3.7"), "read")) << "which the new list gives alone";
+  EXPECT_FALSE(may(m_plain, "control"));
+  ASSERT_TRUE(setUpCallRights(error)) << error;
+  EXPECT_TRUE(may(peer("192.0.3.7"), "read"));
+  EXPECT_TRUE(may(m_plain, "control"));
+}
+
+TEST_F(CallRightsTest, whileTheyAreTightenedAWriterWritesAsBothAllow)
+{
+  setUpWith("");
+  configure("ORB_BIND = 192.0.2.1\nALLOW_WRITE = any\n");
+  std::string error;
+  ASSERT_TRUE(tightenCallRights(error)) << error;
+  EXPECT_THAT(whyNotAs(m_web1, "web1.example.net"), IsEmpty());
+  EXPECT_EQ(whyNotAs(m_web1, "web2"), "none, without ALLOW_WRITE_AS");
+  setUpWith("ALLOW_WRITE = any\n");
+  configure("ORB_BIND = 192.0.2.1\n");
+  ASSERT_TRUE(tightenCallRights(error)) << error;
+  EXPECT_EQ(whyNotAs(m_web1, "web2"), "none, without ALLOW_WRITE_AS");
+}
+
 TEST_F(CallRightsTest, aListThatIsNotInOrderLeavesTheFormerOnes)
 {
   setUpWith("ALLOW_READ = web*\n");
