@@ -79,7 +79,10 @@ ServiceState collectService(DiscoveryRepository const& repository, std::string c
   state.start = start;
   state.stored = countStored(directory);
   if (auto const tls = currentTls())
-    state.certificateEnd = OzfObjTime(tls->certificate().end());
+  {
+    state.certificateEnd = OzfObjTime(tls->firstToEnd().end());
+    state.endingAuthority = tls->authorityToEnd();
+  }
   for (std::string const& key : keysThatWait())
     state.awaitsRestart += (state.awaitsRestart.empty() ? "" : ", ") + key;
   state.crashedBy = getExplorerCrashes().culprits();

@@ -45,7 +45,8 @@ struct ServiceState
   OzfObjTime start;
   std::optional<std::uint64_t> stored; // discoveries in this host's database
   std::uint64_t announced = 0;         // pull explorers of other hosts
-  OzfObjTime certificateEnd;           // zero without TLS
+  OzfObjTime certificateEnd;           // zero without TLS; of the first that it rests on
+  std::string endingAuthority;         // whose that is; empty for the host's own
   std::string awaitsRestart;           // keys of the configuration, "ORB_BIND, TLS"
   std::string crashedBy;               // the explorers that ended the process before this one
   std::optional<ServiceLoad> load;     // none where nothing is served

@@ -56,7 +56,7 @@ std::uint64_t writesWithin(ServiceLoad const& load)
 
 constexpr char WITHIN[] = "Of those that were timed, how many took no longer than that";
 
-constexpr std::array<Fact<ServiceState>, 24> SERVICE_FACTS = {{
+constexpr std::array<Fact<ServiceState>, 25> SERVICE_FACTS = {{
     {"Kind", Type::TEXT, KINDS, [](ServiceState const&) -> Value { return SERVICE; }},
     {"Role", Type::TEXT, "master or client",
      [](ServiceState const& state) -> Value { return state.master ? "master" : "client"; }},
@@ -68,8 +68,11 @@ constexpr std::array<Fact<ServiceState>, 24> SERVICE_FACTS = {{
      [](ServiceState const& state) -> Value { return known(state.stored); }},
     {"AnnouncedExplorers", Type::NUMBER, "The explorers that other hosts announced",
      [](ServiceState const& state) -> Value { return std::to_string(state.announced); }},
-    {"CertificateEnd", Type::TIME, "When the certificate of the host ends",
+    {"CertificateEnd", Type::TIME,
+     "When the certificate of the host ends, or one of an authority that it rests on",
      [](ServiceState const& state) -> Value { return toText(state.certificateEnd); }},
+    {"EndingAuthority", Type::TEXT, "The authority whose certificate ends before that of the host",
+     [](ServiceState const& state) -> Value { return known(state.endingAuthority); }},
     {"AwaitsRestart", Type::TEXT, "Keys of the configuration whose changes wait for a restart",
      [](ServiceState const& state) -> Value { return known(state.awaitsRestart); }},
     {"CrashedBy", Type::TEXT, "The explorers that ended the service before its last start",

@@ -13,6 +13,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <chrono>
 #include <iostream>
 #include <memory>
@@ -73,14 +74,31 @@ bool isOfSeveral(std::vector<ServiceState> const& states)
   return !states.empty() && !masterOf(states.front().record).empty();
 }
 
+// The day on which the certificate ends, or the first that it rests on.
+std::string certificateEnd(ServiceState const& state)
+{
+  constexpr std::size_t DAY = 10; // of what begins with it
+  constexpr char END[] = "CertificateEnd";
+  return timeOf(state.service, END).isZero() ? "-" : fact(state.service, END).substr(0, DAY);
+}
+
 void printServices(std::vector<ServiceState> const& states, SilentHosts const& silent,
                    OzfObjTime const& now)
 {
   // Where there is little room, what differs least from host to host is left to
   // --json.
   constexpr std::size_t ROOMY = 80;
+  constexpr std::size_t NARROW = 60;
+  constexpr std::size_t COLUMN = 12; // of those of masters, and of the certificates' ends
   std::size_t const width = terminalWidth(STDOUT_FILENO);
-  bool const roomy = width == 0 || width >= ROOMY;
+  bool const several = isOfSeveral(states);
+  // Where nobody has TLS there is no end to tell.
+  bool const anyEnds =
+      std::any_of(states.begin(), states.end(),
+                  [](ServiceState const& state) { return certificateEnd(state) != "-"; });
+  std::size_t const more = several && anyEnds ? COLUMN : 0;
+  bool const roomy = width == 0 || width >= ROOMY + more;
+  bool const ends = anyEnds && (width == 0 || width >= NARROW + more);
   Table::Header header{{"HOST", Table::TEXT}, {"ROLE", Table::FIXED}};
   if (roomy)
     header.emplace_back("VERSION", Table::FIXED);
@@ -89,11 +107,14 @@ void printServices(std::vector<ServiceState> const& states, SilentHosts const& s
   if (roomy)
     header.emplace_back("EXPLORERS", Table::NUMBER);
   header.emplace_back("FAILED", Table::NUMBER);
+  if (ends)
+    header.emplace_back("TLS UNTIL", Table::FIXED);
   header.emplace_back("AGE", Table::NUMBER);
-  bool const several = isOfSeveral(states);
   Table table(withMaster(several, header));
-  auto const add = [&table, roomy](std::string const& master, std::vector<std::string> cells)
+  auto const add = [&table, roomy, ends](std::string const& master, std::vector<std::string> cells)
   {
+    if (!ends)
+      cells.erase(cells.begin() + 7);
     if (!roomy)
     {
       cells.erase(cells.begin() + 5);
@@ -106,9 +127,10 @@ void printServices(std::vector<ServiceState> const& states, SilentHosts const& s
         {state.record.subject, fact(state.service, "Role"), fact(state.service, "Version"),
          formatAge(timeOf(state.service, "StartTime"), now),
          fact(state.service, "StoredDiscoveries"), std::to_string(state.explorers.size()),
-         std::to_string(countFailed(state)), formatAge(state.record.discovered, now)});
+         std::to_string(countFailed(state)), certificateEnd(state),
+         formatAge(state.record.discovered, now)});
   for (auto const& [name, latest] : silent)
-    add(several ? "-" : "", {name, "-", "-", "silent", "-", "-", "-", "-"});
+    add(several ? "-" : "", {name, "-", "-", "silent", "-", "-", "-", "-", "-"});
   table.print(std::cout, width, terminalStyles(STDOUT_FILENO));
 }
 
@@ -181,9 +203,12 @@ void complainOfCertificates(std::vector<ServiceState> const& states, OzfObjTime 
     OzfObjTime const end = timeOf(state.service, "CertificateEnd");
     if (end.isZero() || end.seconds() - now.seconds() > SOON)
       continue;
-    if (++count <= MOST_NAMED)
-      named += (named.empty() ? "" : ", ") + shown(state.record.subject) + " on " +
-               fact(state.service, "CertificateEnd");
+    if (++count > MOST_NAMED)
+      continue;
+    named += (named.empty() ? "" : ", ") + shown(state.record.subject) + " on " +
+             fact(state.service, "CertificateEnd");
+    if (std::string const authority = fact(state.service, "EndingAuthority"); authority != "-")
+      named += " (that of its authority, " + authority + ")";
   }
   if (count != 0)
     complain(counted(count, "certificate ends", "certificates end") + " within 30 days: " + named +

@@ -38,6 +38,7 @@ namespace
 using Clock = TlsChannel::Clock;
 
 constexpr auto LONGEST = std::chrono::seconds(10);
+constexpr auto LONGEST_HANDSHAKE = std::chrono::seconds(3); // of one address, as calls have it
 
 struct Place
 {
@@ -79,15 +80,6 @@ UniqueFd connectTo(std::string const& address, std::string const& port, Clock::t
     }
     reason = errorText(failure);
   }
-  return UniqueFd();
-}
-
-// As calls do: one address after the other.
-UniqueFd connectTo(Place const& place, Clock::time_point deadline, std::string& reason)
-{
-  for (auto const& address : getHostAddresses(place.host))
-    if (UniqueFd socket = connectTo(address, place.port, deadline, reason); socket.valid())
-      return socket;
   return UniqueFd();
 }
 
@@ -145,6 +137,17 @@ bool receiveAll(TlsChannel& channel, std::size_t size, Clock::time_point deadlin
   return true;
 }
 
+// The name of the exception in it, as "TRANSIENT"; empty without one.
+std::string exceptionIn(std::string const& answer)
+{
+  constexpr std::string_view BEFORE = "IDL:omg.org/CORBA/";
+  auto const begin = answer.find(BEFORE);
+  auto const end = begin == std::string::npos ? begin : answer.find(':', begin + BEFORE.size());
+  return end == std::string::npos
+             ? std::string()
+             : answer.substr(begin + BEFORE.size(), end - begin - BEFORE.size());
+}
+
 // What the service answers, an exception's name among it; empty without an answer.
 std::string answerTo(TlsChannel& channel, std::string const& call, Clock::time_point deadline)
 {
@@ -191,7 +194,16 @@ int checkRights(TlsChannel& channel, std::string const& place, Clock::time_point
                (channel.reason().empty() ? "it does not answer in time" : channel.reason()));
       return EXIT_FAILED;
     }
-    bool const isDenied = answer.find("/NO_PERMISSION:") != std::string::npos;
+    std::string const exception = exceptionIn(answer);
+    bool const isDenied = exception == "NO_PERMISSION";
+    // Whoever has too much to do, say, has judged nothing.
+    if (!isDenied && exception != "OBJECT_NOT_EXIST")
+    {
+      complain("whether " + place + " lets this host " + right.verb +
+               " could not be found out: it answers " +
+               (exception.empty() ? "in another way than expected" : exception));
+      return EXIT_FAILED;
+    }
     (isDenied ? denied : allowed).emplace_back(right.verb);
     if (isDenied)
       keys.emplace_back(right.key);
@@ -210,32 +222,48 @@ int checkRights(TlsChannel& channel, std::string const& place, Clock::time_point
   return EXIT_DONE;
 }
 
+// Whether the host there proves to be the one that is meant, or the reason.
+bool isMeant(TlsChannel& channel, std::string const& host, std::string const& where,
+             Clock::time_point deadline, std::string& reason)
+{
+  if (channel.handshake(deadline) != TlsChannel::Progress::DONE)
+  {
+    reason = channel.reason();
+    return false;
+  }
+  Certificate const& peer = channel.peer();
+  say(where + " speaks " + channel.version() + "; its certificate is for " + peer.shownNames() +
+      ", is signed by " + peer.shownIssuer() + " and " + expiryText(peer, std::time(nullptr)) +
+      ".");
+  return isProvenHost(peer, host, reason);
+}
+
+// As calls do: one address after the other, until the host that is meant is at one.
 int checkConnection(Place const& place, std::shared_ptr<TlsContext const> const& context)
 {
   auto const deadline = Clock::now() + LONGEST;
+  auto const addresses = getHostAddresses(place.host);
   std::string const shownPlace = shown(place.host) + ":" + place.port;
+  bool anyConnected = false;
   std::string reason;
-  UniqueFd const socket = connectTo(place, deadline, reason);
-  if (!socket.valid())
+  for (auto const& address : addresses)
   {
-    complain("cannot connect to " + shownPlace + ": " + reason);
-    return EXIT_NOT_REACHABLE;
+    UniqueFd const socket = connectTo(address, place.port, deadline, reason);
+    if (!socket.valid())
+      continue;
+    anyConnected = true;
+    std::string const where = shownPlace + (addresses.size() > 1 ? " at " + address : "");
+    TlsChannel channel(context, TlsChannel::CLIENT, socket.get());
+    if (isMeant(channel, place.host, where, std::min(deadline, Clock::now() + LONGEST_HANDSHAKE),
+                reason))
+      return checkRights(channel, where, deadline);
+    std::cout.flush();
+    complain(where + " is not accepted: " + reason);
   }
-  TlsChannel channel(context, TlsChannel::CLIENT, socket.get());
-  if (channel.handshake(deadline) != TlsChannel::Progress::DONE)
-  {
-    complain(shownPlace + " is not accepted: " + channel.reason());
+  if (anyConnected)
     return EXIT_FAILED;
-  }
-  std::time_t const now = std::time(nullptr);
-  say(shownPlace + " speaks " + channel.version() + "; its certificate is for " +
-      channel.peer().shownNames() + " and " + expiryText(channel.peer(), now) + ".");
-  if (!isProvenHost(channel.peer(), place.host, reason))
-  {
-    complain(shownPlace + " is not accepted: " + reason);
-    return EXIT_FAILED;
-  }
-  return checkRights(channel, shownPlace, deadline);
+  complain("cannot connect to " + shownPlace + ": " + reason);
+  return EXIT_NOT_REACHABLE;
 }
 
 int check(std::string const& target)
@@ -269,8 +297,13 @@ int check(std::string const& target)
   }
   if (isOff)
     say("TLS is off in " + getConfigurationPath() + "; this is how it would be.");
-  say("The certificate of this host is for " + context->certificate().shownNames() + " and " +
-      expiryText(context->certificate(), std::time(nullptr)) + ".");
+  std::time_t const now = std::time(nullptr);
+  Certificate const& own = context->certificate();
+  say("The certificate of this host is for " + own.shownNames() + ", is signed by " +
+      own.shownIssuer() + " and " + expiryText(own, now) + ".");
+  if (std::string const authority = context->authorityToEnd(); !authority.empty())
+    say("That of the authority " + authority + ", on which it rests, " +
+        expiryText(context->firstToEnd(), now) + ".");
   OzfHostname local;
   auto const refusals =
       context->refusalsByPeers(local.setLocal() ? std::string(local.exportNarrow()) : "");

@@ -54,12 +54,19 @@ std::vector<std::string> alternativeNames(X509 const* certificate)
   return names;
 }
 
-std::string commonName(X509 const* certificate)
+std::string commonName(X509_NAME const* name)
 {
-  X509_NAME const* const subject = X509_get_subject_name(certificate);
-  int const at = X509_NAME_get_index_by_NID(subject, NID_commonName, -1);
-  return at < 0 ? std::string()
-                : textOf(X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, at)));
+  int const at = X509_NAME_get_index_by_NID(name, NID_commonName, -1);
+  return at < 0 ? std::string() : textOf(X509_NAME_ENTRY_get_data(X509_NAME_get_entry(name, at)));
+}
+
+std::string shownWhole(X509_NAME const* name)
+{
+  std::string text = commonName(name);
+  char whole[LONGEST_SHOWN + 1] = "";
+  if (text.empty() && X509_NAME_oneline(name, whole, sizeof whole) != nullptr)
+    text = whole;
+  return text.empty() ? "nobody" : shownName(text);
 }
 
 std::time_t timeOf(ASN1_TIME const* time)
@@ -78,7 +85,7 @@ Certificate::Certificate(X509* certificate)
       m_end(timeOf(X509_get0_notAfter(certificate)))
 {
   if (m_names.empty())
-    if (std::string name = commonName(certificate); !name.empty())
+    if (std::string name = commonName(X509_get_subject_name(certificate)); !name.empty())
       m_names.push_back(std::move(name));
 }
 
@@ -91,6 +98,10 @@ std::string Certificate::shownNames() const
     text += " and " + std::to_string(m_names.size() - MOST_SHOWN) + " more";
   return text.empty() ? "nobody" : text;
 }
+
+std::string Certificate::shownSubject() const { return shownWhole(X509_get_subject_name(get())); }
+
+std::string Certificate::shownIssuer() const { return shownWhole(X509_get_issuer_name(get())); }
 
 bool Certificate::names(std::string const& host) const
 {

@@ -29,6 +29,11 @@ public:
   // The names for eyes: "backup1.example, 192.0.2.7".
   std::string shownNames() const;
 
+  // Whose it is, and who signed it, for eyes: the common name, "Discovery fleet", or all of
+  // the name where it has none.
+  std::string shownSubject() const;
+  std::string shownIssuer() const;
+
   // Valid from and until; 0 for a time that cannot be told.
   std::time_t begin() const noexcept { return m_begin; }
   std::time_t end() const noexcept { return m_end; }

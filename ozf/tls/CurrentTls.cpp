@@ -139,12 +139,16 @@ void ExpiryWarning::look(std::time_t now)
   auto const context = currentTls();
   // A clock that is set back makes a new beginning.
   bool const isToldToday = now < m_next && m_next - now <= DAY;
-  if (!context || isToldToday || context->certificate().end() - now > WARNED_AHEAD)
+  if (!context || isToldToday || context->firstToEnd().end() - now > WARNED_AHEAD)
     return;
   m_next = now + DAY;
+  std::string const& path = context->settings().certificate;
+  std::string const authority = context->authorityToEnd();
   OZF_LOG(getFrameworkLogger(), 1, SOURCE, "ExpiryWarning::look",
-          "The certificate " << context->settings().certificate << " "
-                             << expiryText(context->certificate(), now));
+          "The certificate " << (authority.empty() ? path
+                                                   : "of the authority " + authority +
+                                                         ", on which " + path + " rests,")
+                             << " " << expiryText(context->firstToEnd(), now));
 }
 
 } // namespace Quillon::Tessarine::Ozf

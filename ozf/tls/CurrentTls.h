@@ -42,8 +42,8 @@ OZF_EXPORT std::string mistakeOfTls(class Configuration const& configuration);
 // process that does no more than that: core dumps are then as the configuration says.
 OZF_EXPORT std::vector<std::string> checkTls(class Configuration const& configuration);
 
-// Tells in the log, once a day, that the certificate of the process ends within 30
-// days or has ended. Called now and then with the time; one thread.
+// Tells in the log, once a day, that the certificate of the process, or one that it rests
+// on, ends within 30 days or has ended. Called now and then with the time; one thread.
 class OZF_EXPORT ExpiryWarning
 {
 public:

@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <array>
+#include <ctime>
 #include <limits>
 #include <new>
 
@@ -128,6 +129,7 @@ struct TlsChannel::Wire
     X509* const first = X509_STORE_CTX_get0_cert(chain);
     try
     {
+      wire.why = certificateErrorText(chain);
       if (first != nullptr && X509_up_ref(first) == 1)
         wire.refused.emplace(first);
     }
@@ -145,7 +147,8 @@ struct TlsChannel::Wire
   bool ended = false;
   int failure = 0; // why it ended; 0 when the peer closed it
   int refusal = X509_V_OK;
-  std::optional<Certificate> refused; // why, and which
+  std::string why;                    // in words
+  std::optional<Certificate> refused; // and which
 };
 
 TlsChannel::TlsChannel(std::shared_ptr<TlsContext const> context, Role role, int descriptor)
@@ -216,16 +219,21 @@ void TlsChannel::noteFailure(int error)
   unsigned long const first = ERR_peek_error();
   int const cause = ERR_GET_LIB(first) == ERR_LIB_SSL ? ERR_GET_REASON(first) : 0;
   if (m_wire->refusal != X509_V_OK)
-    m_reason = refusalText(m_wire->refused ? m_wire->refused->shownNames() : std::string(),
-                           certificateErrorText(m_wire->refusal));
+    m_reason =
+        refusalText(m_wire->refused ? m_wire->refused->shownNames() : std::string(),
+                    m_wire->why.empty() ? certificateErrorText(m_wire->refusal) : m_wire->why);
   else if (cause == SSL_R_PEER_DID_NOT_RETURN_A_CERTIFICATE)
     m_reason = "it shows no certificate";
   else if (peerIsPlain())
     m_reason = "it does not speak TLS";
   else if (cause >= SSL_AD_REASON_OFFSET)
   {
-    std::string const about = alertAboutCertificate(cause - SSL_AD_REASON_OFFSET);
+    int const alert = cause - SSL_AD_REASON_OFFSET;
+    std::string about = alertAboutCertificate(alert);
     m_refused = !about.empty();
+    // The alert is the same for each certificate of the chain.
+    if (alert == SSL_AD_CERTIFICATE_EXPIRED && m_context->certificate().end() > std::time(nullptr))
+      about = "it, or that of its authority, has expired there";
     m_reason = about.empty() ? "it ended the connection: " + takeTlsError()
                              : "it refuses this host's certificate: " + about;
   }

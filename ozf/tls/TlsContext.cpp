@@ -49,6 +49,15 @@ bool isUsableFile(char const* key, std::string const& path, std::string& error)
   return false;
 }
 
+using CertificateCheck = std::unique_ptr<X509_STORE_CTX, decltype(&X509_STORE_CTX_free)>;
+
+// Called by OpenSSL for what is not in order.
+int admitAnyTime(int holds, X509_STORE_CTX* check)
+{
+  int const error = X509_STORE_CTX_get_error(check);
+  return error == X509_V_ERR_CERT_HAS_EXPIRED || error == X509_V_ERR_CERT_NOT_YET_VALID ? 1 : holds;
+}
+
 bool isSecret(std::string const& path, std::string& error)
 {
   struct stat status = {};
@@ -130,29 +139,72 @@ bool TlsContext::load(std::string& error)
   X509* const own = SSL_CTX_get0_certificate(context);
   X509_up_ref(own);
   m_certificate.emplace(own);
+  findFirstToEnd();
   return true;
 }
 
-// What X509_V_... says; role is what OpenSSL calls it, null for any.
-int TlsContext::verify(X509* certificate, stack_st_X509* chain, char const* role) const
+// What is believed by more than one way, as while an authority is renewed, ends with the last.
+void TlsContext::findFirstToEnd()
 {
-  std::unique_ptr<X509_STORE_CTX, decltype(&X509_STORE_CTX_free)> const check(X509_STORE_CTX_new(),
-                                                                              X509_STORE_CTX_free);
+  constexpr int MOST_WAYS = 8;
+  m_firstToEnd = m_certificate;
+  STACK_OF(X509)* others = nullptr;
+  SSL_CTX_get0_chain_certs(m_context.get(), &others);
+  std::time_t const now = std::time(nullptr);
+  std::time_t when = now;
+  for (int way = 0; way < MOST_WAYS; ++way)
+  {
+    CertificateCheck const check(X509_STORE_CTX_new(), X509_STORE_CTX_free);
+    if (!check || X509_STORE_CTX_init(check.get(), SSL_CTX_get_cert_store(m_context.get()),
+                                      m_certificate->get(), others) != 1)
+      break;
+    X509_STORE_CTX_set_time(check.get(), 0, when);
+    if (way == 0)
+      X509_STORE_CTX_set_verify_cb(check.get(), admitAnyTime);
+    if (X509_verify_cert(check.get()) != 1)
+      break;
+    m_firstToEnd = m_certificate;
+    STACK_OF(X509)* const chain = X509_STORE_CTX_get0_chain(check.get());
+    for (int i = 1; i < sk_X509_num(chain); ++i)
+    {
+      X509* const above = sk_X509_value(chain, i);
+      X509_up_ref(above);
+      Certificate const one(above);
+      if (one.end() != 0 && one.end() < m_firstToEnd->end())
+        m_firstToEnd = one;
+    }
+    if (m_firstToEnd->end() <= now)
+      break;
+    when = m_firstToEnd->end() + 1;
+  }
+  ERR_clear_error();
+}
+
+std::string TlsContext::authorityToEnd() const
+{
+  return m_firstToEnd->get() == m_certificate->get() ? std::string() : m_firstToEnd->shownSubject();
+}
+
+// Empty when it is believed; role is what OpenSSL calls it, null for any.
+std::string TlsContext::refusalOf(X509* certificate, stack_st_X509* chain, char const* role) const
+{
+  CertificateCheck const check(X509_STORE_CTX_new(), X509_STORE_CTX_free);
   bool const ready = check &&
                      X509_STORE_CTX_init(check.get(), SSL_CTX_get_cert_store(m_context.get()),
                                          certificate, chain) == 1 &&
                      (role == nullptr || X509_STORE_CTX_set_default(check.get(), role) == 1);
-  int result = X509_V_ERR_OUT_OF_MEM;
-  if (ready)
-    result = X509_verify_cert(check.get()) == 1 ? X509_V_OK : X509_STORE_CTX_get_error(check.get());
+  std::string refusal;
+  if (!ready)
+    refusal = certificateErrorText(X509_V_ERR_OUT_OF_MEM);
+  else if (X509_verify_cert(check.get()) != 1)
+    refusal = certificateErrorText(check.get());
   ERR_clear_error();
-  return result;
+  return refusal;
 }
 
 std::string TlsContext::refusalOfCaller(X509* certificate, stack_st_X509* chain) const
 {
-  int const result = verify(certificate, chain, "ssl_client");
-  return result == X509_V_OK ? std::string() : certificateErrorText(result);
+  return refusalOf(certificate, chain, "ssl_client");
 }
 
 std::vector<std::string> TlsContext::refusalsByPeers(std::string const& ownName) const
@@ -162,8 +214,8 @@ std::vector<std::string> TlsContext::refusalsByPeers(std::string const& ownName)
                             m_settings.certificate + " is refused by peers: ";
   STACK_OF(X509)* chain = nullptr;
   SSL_CTX_get0_chain_certs(m_context.get(), &chain);
-  if (int const result = verify(m_certificate->get(), chain, nullptr); result != X509_V_OK)
-    reasons.push_back(start + certificateErrorText(result));
+  if (auto const refusal = refusalOf(m_certificate->get(), chain, nullptr); !refusal.empty())
+    reasons.push_back(start + refusal);
   if (!m_certificate->mayServe() || !m_certificate->mayCall())
     reasons.push_back(start + certificateErrorText(X509_V_ERR_INVALID_PURPOSE));
   if (!ownName.empty() && !m_certificate->names(ownName))

@@ -29,6 +29,12 @@ public:
   TlsSettings const& settings() const noexcept { return m_settings; }
   Certificate const& certificate() const noexcept { return *m_certificate; }
 
+  // Of the certificates from the host's own to that of an authority of TLS_CA, by which
+  // peers believe it, the one whose end makes them refuse it; and whose that is, empty
+  // where it is the host's own.
+  Certificate const& firstToEnd() const noexcept { return *m_firstToEnd; }
+  std::string authorityToEnd() const;
+
   // Why peers that believe the same authorities refuse this host's certificate
   // now, a sentence each; empty when they do not. ownName is the name of this
   // host.
@@ -43,11 +49,13 @@ public:
 private:
   explicit TlsContext(TlsSettings const& settings);
   bool load(std::string& error);
-  int verify(X509* certificate, stack_st_X509* chain, char const* role) const;
+  std::string refusalOf(X509* certificate, stack_st_X509* chain, char const* role) const;
+  void findFirstToEnd();
 
   TlsSettings const m_settings;
   std::shared_ptr<SSL_CTX> m_context;
   std::optional<Certificate> m_certificate;
+  std::optional<Certificate> m_firstToEnd;
 };
 
 } // namespace Quillon::Tessarine::Ozf

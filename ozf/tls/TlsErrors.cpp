@@ -1,5 +1,7 @@
 #include "ozf/tls/TlsErrors.h"
 
+#include "ozf/tls/Certificate.h"
+
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <openssl/x509_vfy.h>
@@ -21,14 +23,14 @@ std::string takeTlsError()
   return text;
 }
 
-std::string certificateErrorText(int error)
+std::string certificateErrorText(int error, std::string const& which)
 {
   switch (error)
   {
   case X509_V_ERR_CERT_HAS_EXPIRED:
-    return "it has expired";
+    return which + " has expired";
   case X509_V_ERR_CERT_NOT_YET_VALID:
-    return "it is not valid yet";
+    return which + " is not valid yet";
   case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT:
   case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY:
   case X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE:
@@ -38,11 +40,22 @@ std::string certificateErrorText(int error)
   case X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT:
     return "it is signed by itself, and none of TLS_CA";
   case X509_V_ERR_INVALID_PURPOSE:
-    return "it is not made for this role: its extended key usage has to allow servers and "
-           "clients";
+    return which + " is not made for this role: its extended key usage has to allow servers and "
+                   "clients";
   default:
     return X509_verify_cert_error_string(error);
   }
+}
+
+std::string certificateErrorText(X509_STORE_CTX* check)
+{
+  int const error = X509_STORE_CTX_get_error(check);
+  X509* const above =
+      X509_STORE_CTX_get_error_depth(check) > 0 ? X509_STORE_CTX_get_current_cert(check) : nullptr;
+  if (above == nullptr || X509_up_ref(above) != 1)
+    return certificateErrorText(error);
+  return certificateErrorText(error, "the certificate of the authority " +
+                                         Certificate(above).shownSubject());
 }
 
 std::string alertAboutCertificate(int alert)

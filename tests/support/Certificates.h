@@ -39,17 +39,26 @@ inline Wish wishFor(std::string const& name)
 class CertificateAuthority
 {
 public:
-  explicit CertificateAuthority(std::string const& name = "Test authority")
+  static constexpr long TEN_YEARS = 10L * 365 * 86400; // seconds
+
+  // Its own certificate ends so many seconds from now.
+  explicit CertificateAuthority(std::string const& name = "Test authority", long end = TEN_YEARS)
       : m_name(name),
         m_key(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"), EVP_PKEY_free),
         m_certificate(nullptr, X509_free)
   {
+    renew(end);
+  }
+
+  // Makes another certificate for the same name and key.
+  void renew(long end)
+  {
     Wish wish;
-    wish.commonName = name;
+    wish.commonName = m_name;
     wish.names.clear();
     wish.usage.clear();
-    wish.begin = -10L * 365 * 86400;
-    wish.end = 10L * 365 * 86400;
+    wish.begin = -TEN_YEARS;
+    wish.end = end;
     m_certificate = make(wish, m_key.get(), true);
   }
 

@@ -85,6 +85,40 @@ TEST_F(TlsRefusalsTest, whoseCertificateHasExpired)
   stop();
 }
 
+TEST_F(TlsRefusalsTest, whoseAuthoritysCertificateHasExpired)
+{
+  CertificateAuthority old("Old fleet", -3600);
+  old.writeTo(m_files / "old.pem");
+  old.issue(m_files.path(), "user", wishFor("user"));
+  // The service is believed, and does not believe.
+  std::string lines = tlsLines("only", m_files.path(), "service");
+  lines.replace(lines.rfind("ca.pem"), 2, "old");
+  m_service.configure(lines);
+  ASSERT_TRUE(m_service.start()) << m_service.log();
+  EXPECT_FALSE(isAnswered("user"));
+  expectLine(std::string(ENDED) + "its certificate (user) is refused: the certificate of the "
+                                  "authority Old fleet has expired");
+  Outcome outcome = check(LiveService::NAME, "user");
+  EXPECT_EQ(outcome.exitCode, 1);
+  EXPECT_THAT(outcome.errors,
+              HasSubstr(place() + " accepts no call: it refuses this host's certificate: it, or "
+                                  "that of its authority, has expired there"));
+  // Nobody is believed.
+  old.issue(m_files.path(), "service", wishFor(LiveService::NAME));
+  reload("Took the certificate ");
+  outcome = check(LiveService::NAME, "service", "old.pem");
+  EXPECT_EQ(outcome.exitCode, 1);
+  EXPECT_THAT(outcome.output,
+              HasSubstr("That of the authority Old fleet, on which it rests, ended"));
+  EXPECT_THAT(outcome.errors,
+              testing::AllOf(HasSubstr("service.pem is refused by peers: the certificate of the "
+                                       "authority Old fleet has expired"),
+                             HasSubstr(place() + " is not accepted: its certificate "
+                                                 "(tqtestmaster) is refused: the certificate of "
+                                                 "the authority Old fleet has expired")));
+  stop();
+}
+
 TEST_F(TlsRefusalsTest, whoseCertificateIsNotMadeForCalling)
 {
   start();
@@ -156,14 +190,52 @@ TEST_F(TlsRefusalsTest, theCheckTellsTheRole)
   stop();
 }
 
+TEST_F(TlsRefusalsTest, theCheckDoesNotTakeAnotherAnswerForLeave)
+{
+  start("ALLOW_READ = none\nALLOW_WRITE = none\nALLOW_CONTROL = none\nLIMIT_PEER_REQUESTS = 1\n"
+        "LIMIT_REQUEST_WAIT = 0\n");
+  Outcome outcome{};
+  // The calls of a check may come a second apart, each in its turn.
+  EXPECT_TRUE(eventually(
+      [&]
+      {
+        outcome = check(LiveService::NAME, "service");
+        EXPECT_THAT(outcome.output, testing::Not(HasSubstr("lets this host")));
+        return outcome.exitCode == 1;
+      }))
+      << outcome.errors;
+  EXPECT_THAT(outcome.errors,
+              testing::ContainsRegex("whether " + place() +
+                                     " lets this host (read|write|control) "
+                                     "could not be found out: it answers TRANSIENT"));
+  stop();
+}
+
 TEST_F(TlsRefusalsTest, theCheckTriesAllAddressesOfTheHost)
 {
   start("HOST_ADDRESS.big = 127.0.0.2, ::1, 127.0.0.1\n");
   std::string const big = "big:" + std::to_string(m_service.port());
   Outcome const outcome = check(big, "service");
   EXPECT_EQ(outcome.exitCode, 1);
-  EXPECT_THAT(outcome.errors, HasSubstr(big + " is not accepted: the certificate of big is for "
-                                              "tqtestmaster"));
+  EXPECT_THAT(outcome.errors, HasSubstr(big + " at 127.0.0.1 is not accepted: the certificate of "
+                                              "big is for tqtestmaster"));
+  stop();
+}
+
+TEST_F(TlsRefusalsTest, theCheckGoesOnWhereAnotherHostIsAtAnAddress)
+{
+  LiveService other(LiveService::WITHOUT_EXPLORERS, "backup2", "127.0.0.2", m_service.port());
+  m_authority.issue(m_files.path(), "other", wishFor("backup2"));
+  other.configure(tlsLines("only", m_files.path(), "other"));
+  ASSERT_TRUE(other.start()) << other.log();
+  start("HOST_ADDRESS.tqtestmaster = 127.0.0.2, 127.0.0.1\n");
+  Outcome const outcome = check(LiveService::NAME, "service");
+  EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
+  EXPECT_THAT(outcome.errors,
+              HasSubstr(place() + " at 127.0.0.2 is not accepted: the certificate of "
+                                  "tqtestmaster is for backup2"));
+  EXPECT_THAT(outcome.output, HasSubstr(place() + " at 127.0.0.1 lets this host read, write"));
+  EXPECT_EQ(other.stop(), 0) << other.log();
   stop();
 }
 

@@ -135,6 +135,56 @@ TEST_F(TlsServiceTest, aCertificateThatEndsSoonIsToldInTheLogAndByStatus)
   EXPECT_EQ(m_service.stop(), 0) << m_service.log();
 }
 
+TEST_F(TlsServiceTest, anAuthorityThatEndsSoonIsToldInTheLogAndByStatus)
+{
+  CertificateAuthority authority("Fleet", 20L * 86400 + 3600);
+  authority.writeTo(m_files / "ca.pem");
+  Wish wish = wishFor(LiveService::NAME);
+  wish.end = 365L * 86400;
+  authority.issue(m_files.path(), "service", wish);
+  configure("only");
+  m_service.addExplorers();
+  ASSERT_TRUE(m_service.start()) << m_service.log();
+  EXPECT_TRUE(m_service.process().awaitError("The certificate of the authority Fleet, on which " +
+                                             (m_files / "service.pem") + " rests, ends on "))
+      << m_service.log();
+  Outcome status{};
+  EXPECT_TRUE(eventually(
+      [&]
+      {
+        status = run("service", {"status"});
+        return status.output.find(LiveService::NAME) != std::string::npos;
+      }))
+      << status.errors;
+  EXPECT_THAT(status.errors, HasSubstr(" (that of its authority, Fleet). "));
+  Outcome const outcome = check(LiveService::NAME, "service");
+  EXPECT_THAT(outcome.output,
+              AllOf(HasSubstr("is for tqtestmaster, is signed by Fleet and ends on"),
+                    HasSubstr("That of the authority Fleet, on which it rests, ends "
+                              "on "),
+                    HasSubstr(", in 20 days.\n")));
+  EXPECT_EQ(m_service.stop(), 0) << m_service.log();
+}
+
+TEST_F(TlsServiceTest, statusShowsWhenCertificatesEnd)
+{
+  m_service.addExplorers();
+  configure("only");
+  ASSERT_TRUE(m_service.start()) << m_service.log();
+  Outcome status{};
+  EXPECT_TRUE(eventually(
+      [&]
+      {
+        status = run("user", {"status"});
+        return status.output.find(LiveService::NAME) != std::string::npos;
+      }))
+      << status.errors;
+  EXPECT_THAT(status.output, AllOf(HasSubstr("  TLS UNTIL  "),
+                                   testing::ContainsRegex("tqtestmaster .* 20[0-9]{2}-[0-9]{2}-"
+                                                          "[0-9]{2} ")));
+  EXPECT_EQ(m_service.stop(), 0) << m_service.log();
+}
+
 // Each by what it shows, or does not.
 TEST_F(TlsServiceTest, aPeerThatProvesNothingIsRefusedWithALineOfItsOwn)
 {
@@ -187,8 +237,9 @@ TEST_F(TlsServiceTest, theCheckTellsWhatIsWrong)
   Outcome outcome = check(LiveService::NAME, "service");
   EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
   EXPECT_THAT(outcome.errors, IsEmpty());
-  EXPECT_THAT(outcome.output, HasSubstr(place + " speaks TLSv1.3; its certificate is for " +
-                                        LiveService::NAME + " and ends on "));
+  EXPECT_THAT(outcome.output,
+              HasSubstr(place + " speaks TLSv1.3; its certificate is for " + LiveService::NAME +
+                        ", is signed by Test authority and ends on "));
   outcome = check();
   EXPECT_EQ(outcome.exitCode, 4);
   EXPECT_THAT(outcome.errors, HasSubstr("it is for user and not for this host, tqtestmaster"));

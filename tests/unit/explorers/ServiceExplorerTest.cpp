@@ -25,6 +25,7 @@ ServiceState sample()
   state.stored = 12;
   state.announced = 3;
   state.certificateEnd = OzfObjTime(1767261600 + 86400);
+  state.endingAuthority = "Fleet";
   state.awaitsRestart = "CLIENT_NAME, ORB_BIND";
   state.explorers = {
       {"host", AT_TQUCLIENT, ExplorerRecord::PUSH, 10, {OzfObjTime(1767261605), DS_SUCCESS}},
@@ -52,6 +53,7 @@ TEST(ServiceExplorer, storesTheServiceAndEveryOtherExplorer)
                        {"StoredDiscoveries", "12"},
                        {"AnnouncedExplorers", "3"},
                        {"CertificateEnd", "2026-01-02T10:00:00Z"},
+                       {"EndingAuthority", "Fleet"},
                        {"AwaitsRestart", "CLIENT_NAME, ORB_BIND"}}),
             document.items[0].facts);
   EXPECT_EQ("host", document.items[1].name);

@@ -37,6 +37,18 @@ protected:
   {
     return checkTls(configured(more + tlsLines("only", m_files.path(), "host")));
   }
+  // Taken by the process.
+  std::shared_ptr<TlsContext const> taken() const
+  {
+    setenv("TESSARINE_ROOT", m_files.path().c_str(), 1);
+    std::filesystem::create_directories(m_files / "etc");
+    writeText(m_files / "etc/tq.conf",
+              "CLIENT_NAME = localhost\n" + tlsLines("only", m_files.path(), "host"));
+    reloadConfiguration();
+    std::string error;
+    EXPECT_TRUE(setUpTls(error)) << error;
+    return currentTls();
+  }
   std::string problemsWith(Wish const& wish)
   {
     m_authority.issue(m_files.path(), "host", wish);
@@ -44,6 +56,7 @@ protected:
     return all.empty() ? std::string() : all.front();
   }
 
+  static constexpr std::time_t DAY_LONG = 86400;
   TempDir m_files;
   CertificateAuthority m_authority;
   std::string const m_start =
@@ -143,15 +156,7 @@ TEST_F(TlsContextTest, aCertificateThatPeersRefuseIsToldWithTheReason)
 
 TEST_F(TlsContextTest, aCertificateThatEndsIsToldOnceADayFromThirtyDaysAhead)
 {
-  setenv("TESSARINE_ROOT", m_files.path().c_str(), 1);
-  std::filesystem::create_directories(m_files / "etc");
-  writeText(m_files / "etc/tq.conf",
-            "CLIENT_NAME = localhost\n" + tlsLines("only", m_files.path(), "host"));
-  reloadConfiguration();
-  std::string error;
-  ASSERT_TRUE(setUpTls(error)) << error;
-  std::time_t const end = currentTls()->certificate().end();
-  constexpr std::time_t DAY_LONG = 86400;
+  std::time_t const end = taken()->certificate().end();
   LogCapture log(1);
   ExpiryWarning warning;
   warning.look(end - 31 * DAY_LONG);
@@ -173,4 +178,60 @@ TEST_F(TlsContextTest, aCertificateThatEndsIsToldOnceADayFromThirtyDaysAhead)
   EXPECT_TRUE(log.has(1, "ExpiryWarning::look",
                       "The certificate " + (m_files / "host.pem") + " ended on " + shownTime(end)))
       << log.text();
+}
+
+TEST_F(TlsContextTest, theEndOfAnAuthoritysCertificateIsToldWhereItComesFirst)
+{
+  CertificateAuthority authority("Fleet", 5 * DAY_LONG);
+  authority.writeTo(m_files / "ca.pem");
+  Wish wish;
+  wish.end = 365 * DAY_LONG;
+  authority.issue(m_files.path(), "host", wish);
+  auto const context = taken();
+  std::time_t const end = context->firstToEnd().end();
+  EXPECT_LT(end, context->certificate().end());
+  EXPECT_EQ(context->authorityToEnd(), "Fleet");
+  LogCapture log(1);
+  ExpiryWarning().look(end - 31 * DAY_LONG);
+  EXPECT_THAT(log.lines(), IsEmpty());
+  ExpiryWarning().look(end - 4 * DAY_LONG);
+  EXPECT_TRUE(log.has(1, "ExpiryWarning::look",
+                      "The certificate of the authority Fleet, on which " + (m_files / "host.pem") +
+                          " rests, ends on " + shownTime(end) + ", in 4 days"))
+      << log.text();
+}
+
+TEST_F(TlsContextTest, anAuthorityThatHasBeenRenewedEndsWithTheLastOfItsCertificates)
+{
+  CertificateAuthority authority("Fleet", 5 * DAY_LONG);
+  authority.issue(m_files.path(), "host");
+  Wish wish;
+  wish.end = 365 * DAY_LONG;
+  authority.issue(m_files.path(), "host", wish);
+  authority.writeTo(m_files / "old.pem");
+  std::string const old = readText(m_files / "old.pem");
+  for (auto const& [end, ending] : {std::pair(100 * DAY_LONG, "Fleet"), {500 * DAY_LONG, ""}})
+  {
+    authority.renew(end);
+    authority.writeTo(m_files / "new.pem");
+    std::string const renewed = readText(m_files / "new.pem");
+    for (auto const& both : {old + renewed, renewed + old})
+    {
+      writeText(m_files / "ca.pem", both);
+      auto const context = taken();
+      EXPECT_EQ(context->authorityToEnd(), ending);
+      EXPECT_GT(context->firstToEnd().end(), std::time(nullptr) + 99 * DAY_LONG);
+    }
+  }
+}
+
+TEST_F(TlsContextTest, theCertificateThatHasExpiredIsNamedWhereItIsTheAuthoritys)
+{
+  CertificateAuthority authority("Old fleet", -3600);
+  authority.writeTo(m_files / "ca.pem");
+  EXPECT_THAT(problems(), ElementsAre(m_start + "it is of another authority than those of TLS_CA"));
+  authority.issue(m_files.path(), "host");
+  EXPECT_THAT(problems(),
+              ElementsAre(m_start + "the certificate of the authority Old fleet has expired"));
+  EXPECT_EQ(taken()->authorityToEnd(), "Old fleet");
 }
