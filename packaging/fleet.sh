@@ -6,6 +6,8 @@
 # Usage: fleet.sh <build directory>
 set -eu
 
+# No service takes files that its user's group may change.
+umask 022
 build=$(cd "$1" && pwd)
 bin=$build/bin
 fleet=$(mktemp -d "${TMPDIR:-/tmp}/tessarine-fleet-XXXXXX")

@@ -57,8 +57,8 @@ FleetHost::FleetHost(FleetNetwork& network, std::size_t number, std::string name
 {
   for (char const* const folder : {"etc", "lib/plugins", "notes"})
     fs::create_directories(m_root / folder);
-  // Nobody else may write where libraries lie, whatever the umask.
-  for (auto const& folder : {m_root.path(), m_root / "lib", m_root / "lib/plugins"})
+  // Nobody else may write where libraries and keys lie, whatever the umask.
+  for (auto const& folder : {m_root.path(), m_root / "etc", m_root / "lib", m_root / "lib/plugins"})
     fs::permissions(folder, fs::perms(0755));
   addLibrary(TQ_LIB_DIR "/libtqexplorer.so", m_root / "lib/libtqexplorer.so");
   addLibrary(TQ_FIXTURE_DIR "/libdiscovery_fleet.so", m_root / "lib/plugins/libtqplugin-fleet.so");

@@ -123,14 +123,7 @@ TEST_F(TlsServiceTest, aCertificateThatEndsSoonIsToldInTheLogAndByStatus)
   m_service.addExplorers();
   ASSERT_TRUE(m_service.start()) << m_service.log();
   EXPECT_TRUE(m_service.process().awaitError("in 20 days")) << m_service.log();
-  Outcome status{};
-  EXPECT_TRUE(eventually(
-      [&]
-      {
-        status = run("user", {"status"});
-        return status.output.find(LiveService::NAME) != std::string::npos;
-      }))
-      << status.errors;
+  Outcome const status = statusToldTo("user");
   EXPECT_THAT(status.errors, HasSubstr("1 certificate ends within 30 days: tqtestmaster"));
   EXPECT_EQ(m_service.stop(), 0) << m_service.log();
 }
@@ -148,14 +141,7 @@ TEST_F(TlsServiceTest, anAuthorityThatEndsSoonIsToldInTheLogAndByStatus)
   EXPECT_TRUE(m_service.process().awaitError("The certificate of the authority Fleet, on which " +
                                              (m_files / "service.pem") + " rests, ends on "))
       << m_service.log();
-  Outcome status{};
-  EXPECT_TRUE(eventually(
-      [&]
-      {
-        status = run("service", {"status"});
-        return status.output.find(LiveService::NAME) != std::string::npos;
-      }))
-      << status.errors;
+  Outcome const status = statusToldTo("service");
   EXPECT_THAT(status.errors, HasSubstr(" (that of its authority, Fleet). "));
   Outcome const outcome = check(LiveService::NAME, "service");
   EXPECT_THAT(outcome.output,
@@ -171,14 +157,7 @@ TEST_F(TlsServiceTest, statusShowsWhenCertificatesEnd)
   m_service.addExplorers();
   configure("only");
   ASSERT_TRUE(m_service.start()) << m_service.log();
-  Outcome status{};
-  EXPECT_TRUE(eventually(
-      [&]
-      {
-        status = run("user", {"status"});
-        return status.output.find(LiveService::NAME) != std::string::npos;
-      }))
-      << status.errors;
+  Outcome const status = statusToldTo("user");
   EXPECT_THAT(status.output, AllOf(HasSubstr("  TLS UNTIL  "),
                                    testing::ContainsRegex("tqtestmaster .* 20[0-9]{2}-[0-9]{2}-"
                                                           "[0-9]{2} ")));

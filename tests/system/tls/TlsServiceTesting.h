@@ -61,6 +61,20 @@ protected:
     return run(user, {"tls", "check", host}, authorities);
   }
 
+  // As soon as the service has told of itself.
+  Outcome statusToldTo(std::string const& user) const
+  {
+    Outcome status{};
+    EXPECT_TRUE(eventually(
+        [&]
+        {
+          status = run(user, {"status"});
+          return status.output.find(std::string("\n") + LiveService::NAME) != std::string::npos;
+        }))
+        << status.errors;
+    return status;
+  }
+
   // Whether the service answers who shows that certificate, or none, where its object
   // is. Whom this calls is not looked at.
   bool isAnswered(std::string const& certificate) const
