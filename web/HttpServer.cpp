@@ -309,9 +309,8 @@ void HttpServer::stop()
   m_changed.notify_all();
   if (m_watcher.joinable())
     m_watcher.join();
-  if (m_daemon != nullptr)
-    if (int const socket = MHD_quiesce_daemon(m_daemon); socket >= 0)
-      close(socket);
+  // Closed at last: until they have ended the daemon's threads may use it.
+  UniqueFd const socket(m_daemon == nullptr ? -1 : MHD_quiesce_daemon(m_daemon));
   // Whoever waits goes on, so that no connection is left waiting when the daemon ends.
   for (auto const& readers : m_readers)
     readers->stop();
