@@ -104,7 +104,7 @@ struct GoesFirst
 };
 
 // There is no room for one more object of the peer.
-[[noreturn]] void refuse(std::string const& peer, std::size_t most)
+[[noreturn]] void refuseObject(std::string const& peer, std::size_t most)
 {
   if (auto const met = getLimits().iterators.meet(peer))
     OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Evictor::activate",
@@ -305,7 +305,7 @@ std::string Evictor::Locator::insert(PortableServer::Servant servant)
     }
   }
   if (isFull)
-    refuse(peer == nullptr ? "this service" : peer->address, most);
+    refuseObject(peer == nullptr ? "this service" : peer->address, most);
   if (!evicted.empty())
     if (auto const met = getLimits().iterators.meet(owner.empty() ? "this service" : owner))
       OZF_LOG(getFrameworkLogger(), 1, SOURCE, "Evictor::activate",
