@@ -152,7 +152,6 @@ void DiscoveryFramework::shutdown()
             {
               m_orb->destroyObjectRef(m_served->reference);
               m_served->reference = CORBA::Object::_nil();
-              m_served->servant = nullptr;
             });
   if (m_served)
     attempt(OPERATION,
@@ -160,7 +159,6 @@ void DiscoveryFramework::shutdown()
             {
               m_orb->destroyObjectRef(m_served->ownReference);
               m_served->ownReference = CORBA::Object::_nil();
-              m_served->ownServant = nullptr;
             });
   if (m_served)
     m_orb->setIdleTask({});

@@ -70,6 +70,9 @@ private:
 
   // What a service has of the ORB, and only while it has it: the repository
   // keeps the framework until the process ends, when the ORB is long gone.
+  // The servants stay until fini: whoever narrows a reference to one of them at its end, as
+  // the refresh that the repository waits for may, has the ORB ask the servant, which it does
+  // not hold.
   struct Served
   {
     PortableServer::POA_var rootPOA;

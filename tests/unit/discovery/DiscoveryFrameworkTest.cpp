@@ -8,13 +8,17 @@
 #include "tests/support/LogCapture.h"
 #include "tests/support/Service.h"
 
+#include "ozf/config/HostRole.h"
 #include "ozf/log/Assertion.h"
 
 #include <ace/Init_ACE.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <functional>
+#include <thread>
+#include <vector>
 
 using namespace tqtest;
 using namespace Quillon::Tessarine::Ozf;
@@ -237,6 +241,45 @@ TEST(DiscoveryFrameworkTest, LiveIteratorsAreDestroyedAtShutdown)
   host.framework().shutdown();
   EXPECT_EQ(0u, host.orb().getEvictor().size());
   EXPECT_THROW(iterator->pageSize(), CORBA::SystemException);
+  host.framework().fini();
+}
+
+// As the refresh may that the repository waits for: the ORB asks a servant of this process
+// for its interfaces without holding it.
+TEST(DiscoveryFrameworkTest, TheServiceCanBeLookedForWhileItIsShutDown)
+{
+  Service host;
+  host.start();
+  host.leaveFrameworkToTest();
+  OzfHostname self;
+  self.setHostname("here");
+  std::atomic<int> found{0};
+  std::atomic<bool> isDown{false};
+  std::vector<std::thread> seekers;
+  for (int i = 0; i < 4; ++i)
+    seekers.emplace_back(
+        [&]
+        {
+          while (!isDown)
+          {
+            try
+            {
+              CORBA::Object_var const object = host.orb().resolveObject(
+                  self, "DiscoveryService", DISCOVERY_SERVICE, ACE_Time_Value::zero);
+              Remote::DiscoveryService_var const service =
+                  Remote::DiscoveryService::_narrow(object);
+              found += CORBA::is_nil(service) ? 0 : 1;
+            }
+            catch (CORBA::SystemException const&)
+            {
+            }
+          }
+        });
+  EXPECT_TRUE(eventually([&] { return found > 100; }));
+  host.framework().shutdown();
+  isDown = true;
+  for (auto& seeker : seekers)
+    seeker.join();
   host.framework().fini();
 }
 
